@@ -1,0 +1,47 @@
+# Targets of this project: one folder is one static library with its own unit test.
+#
+#   gateway_library(http SOURCES httpmessage.cpp ... TESTS httpmessage_test.cpp ... DEPENDS net)
+#   gateway_program(upnpd SOURCES main.cpp DEPENDS core)
+
+add_library(gateway_options INTERFACE)
+target_compile_features(gateway_options INTERFACE cxx_std_20)
+target_include_directories(gateway_options INTERFACE ${CMAKE_SOURCE_DIR}/src)
+target_compile_options(gateway_options INTERFACE
+    $<$<NOT:$<BOOL:$<TARGET_PROPERTY:GATEWAY_EXCEPTIONS>>>:-fno-exceptions> -Wall -Wextra -Wpedantic -Wconversion -Wold-style-cast -Woverloaded-virtual
+    -Wnon-virtual-dtor $<$<BOOL:${GATEWAY_WERROR}>:-Werror>
+    $<$<CONFIG:Release>:-ffunction-sections -fdata-sections>)
+target_link_options(gateway_options INTERFACE $<$<CONFIG:Release>:-Wl,--gc-sections>)
+
+if(GATEWAY_SANITIZE)
+    target_compile_options(gateway_options INTERFACE
+        -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    target_link_options(gateway_options INTERFACE -fsanitize=address,undefined)
+endif()
+
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_CXX_FLAGS_RELEASE "-Os -DNDEBUG")
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+
+function(gateway_library name)
+    cmake_parse_arguments(ARG "" "" "SOURCES;TESTS;DEPENDS" ${ARGN})
+    add_library(${name} STATIC ${ARG_SOURCES})
+    target_link_libraries(${name} PUBLIC gateway_options ${ARG_DEPENDS})
+    if(GATEWAY_TESTS AND ARG_TESTS)
+        add_executable(${name}_test ${ARG_TESTS})
+        target_link_libraries(${name}_test PRIVATE ${name} tk_testing GTest::gmock GTest::gtest_main)
+        set_target_properties(${name}_test PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/test)
+        add_test(NAME ${name} COMMAND ${name}_test)
+    endif()
+endfunction()
+
+function(gateway_program name)
+    cmake_parse_arguments(ARG "" "" "SOURCES;DEPENDS" ${ARGN})
+    add_executable(${name} ${ARG_SOURCES})
+    target_link_libraries(${name} PRIVATE gateway_options ${ARG_DEPENDS})
+    install(TARGETS ${name} RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+endfunction()
+
+# For the programs that use libraries which throw; the daemon never does.
+function(gateway_allow_exceptions target)
+    set_target_properties(${target} PROPERTIES GATEWAY_EXCEPTIONS ON)
+endfunction()
