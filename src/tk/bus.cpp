@@ -1,0 +1,40 @@
+#include "tk/bus.h"
+
+#include <utility>
+
+namespace tk {
+
+void stamp(message& target, const Path& from, std::uint32_t number, Kind kind, std::uint32_t command) {
+    for (const std::uint32_t id : {field::sender, field::number, field::kind, field::command})
+        target.remove(
+            id);  // of a former life, or put in by hand: they belong behind the message's own fields
+    target.insert_u32_array(field::sender, from);
+    if (number != 0) target.insert_u32(field::number, number);
+    target.insert_u32(field::kind, static_cast<std::uint32_t>(kind));
+    target.insert_u32(field::command, command);
+}
+
+Kind kindOf(const message& received) {
+    const std::uint32_t kind = received.get_u32(field::kind);
+    const bool known = kind >= static_cast<std::uint32_t>(Kind::request) &&
+                       kind <= static_cast<std::uint32_t>(Kind::notification);
+    return known ? static_cast<Kind>(kind) : Kind::request;
+}
+
+message endOf(const message& request, message answer) {
+    const Kind kind = isError(answer) ? Kind::error : Kind::reply;
+    answer.insert_u32_array(field::destination, request.get_u32_array(field::sender));
+    stamp(answer, request.get_u32_array(field::destination), request.get_u32(field::number), kind,
+          request.get_u32(field::command));
+    return answer;
+}
+
+message withoutRouting(const message& source) {
+    message own = source;
+    for (const std::uint32_t id :
+         {field::destination, field::sender, field::number, field::kind, field::command})
+        own.remove(id);
+    return own;
+}
+
+}  // namespace tk

@@ -1,0 +1,127 @@
+#include "tk/busconnection.h"
+
+#include <errno.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <cstring>
+#include <utility>
+
+#include "tk/log.h"
+
+namespace tk {
+
+namespace {
+
+constexpr std::size_t queueLimit =
+    std::size_t{32} * 1024 * 1024;           // bytes that the hub did not read yet: two full frames
+constexpr std::size_t waitingLimit = 65536;  // messages that arrive during exchanges
+
+/// A connected, non-blocking socket. Errors: none open, errno tells.
+Fd connectTo(const std::string& socketPath) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (socketPath.size() >= sizeof address.sun_path) {
+        errno = ENAMETOOLONG;
+        return Fd();
+    }
+    std::memcpy(address.sun_path, socketPath.c_str(), socketPath.size() + 1);
+    Fd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (socket.isOpen() &&
+        ::connect(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+        const int error = errno;
+        socket.reset();
+        errno = error;
+    }
+    return socket;
+}
+
+}  // namespace
+
+std::unique_ptr<BusConnection> BusConnection::open(const std::string& socketPath, Receiver& receiver,
+                                                   std::string& reason) {
+    Fd socket = connectTo(socketPath);
+    if (!socket.isOpen()) {
+        reason = errorText();
+        return nullptr;
+    }
+    return std::unique_ptr<BusConnection>(new BusConnection(std::move(socket), receiver));
+}
+
+BusConnection::BusConnection(Fd socket, Receiver& receiver)
+    : receiver(receiver), channel(std::move(socket), *this, queueLimit, Runner::Priority::urgent) {}
+
+BusConnection::~BusConnection() = default;
+
+message BusConnection::exchange(const message& request, const Path& from, std::uint32_t command,
+                                std::uint32_t timeout) {
+    if (!channel.isOpen()) return errorMsg(error::disconnected, "the bus is gone");
+    if (++numbers == 0) numbers = 1;  // 0 stands for "no number"
+    const std::uint32_t number = numbers;
+    message stamped = request;
+    stamp(stamped, from, number, Kind::request, command);
+    if (!channel.send(stamped)) {
+        const bool tooLarge = channel.isOpen();
+        return errorMsg(tooLarge ? error::invalid : error::disconnected,
+                        tooLarge ? "the request is too large or nested too deep" : "the bus is gone");
+    }
+    return awaitEnd(number, timeout);
+}
+
+message BusConnection::awaitEnd(std::uint32_t number, std::uint32_t timeout) {
+    const SystemClock clock;
+    const std::uint64_t deadline = clock.now() + timeout;
+    for (;;) {
+        message arrived;
+        while (channel.take(arrived)) {
+            const Kind kind = kindOf(arrived);
+            if (kind == Kind::request || kind == Kind::notification)
+                keep(std::move(arrived));
+            else if (arrived.get_u32(field::number) == number)
+                return arrived;
+        }
+        const std::uint64_t now = clock.now();
+        if (now >= deadline) return errorMsg(error::timedOut, "timed out");
+        if (!channel.pump(static_cast<int>(deadline - now)))
+            return errorMsg(error::disconnected, "the bus is gone");
+    }
+}
+
+void BusConnection::post(message stamped) {
+    if (channel.send(stamped) || !channel.isOpen())
+        return;  // nobody waits for it who is not gone with the bus
+    if (kindOf(stamped) != Kind::reply) return;
+    message refusal = errorMsg(error::failed, "the reply is too large");  // each request ends
+    refusal.insert_u32_array(field::destination, stamped.get_u32_array(field::destination));
+    stamp(refusal, stamped.get_u32_array(field::sender), stamped.get_u32(field::number), Kind::error,
+          stamped.get_u32(field::command));
+    (void)channel.send(refusal);
+}
+
+void BusConnection::keep(message arrived) {
+    if (waiting.size() == waitingLimit) return channel.breakOff("too much arrived during one exchange");
+    waiting.push_back(std::move(arrived));
+    handOnTimer.arm(0);
+}
+
+void BusConnection::received(message arrived) {
+    const Kind kind = kindOf(arrived);
+    if (kind == Kind::reply || kind == Kind::error) return;  // late: its requester gave up
+    if (!waiting.empty()) return keep(std::move(arrived));   // behind what came before it
+    receiver.busReceived(arrived);
+}
+
+void BusConnection::handOn() {
+    // What is kept meanwhile, during the exchanges of a handler, has armed the timer for the next turn.
+    for (std::size_t count = waiting.size(); count > 0; --count) {
+        const message arrived = std::move(waiting.front());
+        waiting.pop_front();
+        receiver.busReceived(arrived);
+    }
+}
+
+void BusConnection::broken(const std::string& reason) {
+    receiver.busLost(reason);
+}
+
+}  // namespace tk

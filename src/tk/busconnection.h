@@ -1,0 +1,56 @@
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <string>
+
+#include "tk/bus.h"
+#include "tk/channel.h"
+
+namespace tk {
+
+/// A program's connection to the hub.
+///
+/// What arrives during an exchange is kept, and handed on from the loop afterwards in the order of arrival.
+/// The end of a request that nobody waits for any more is discarded.
+class BusConnection final : public Bus, private ChannelOwner {
+public:
+    /// Takes what the connection receives, from the loop.
+    class Receiver {
+    public:
+        virtual ~Receiver() = default;
+        virtual void busReceived(const message& arrived) = 0;
+        /// The connection ended; every exchange fails at once from now on.
+        virtual void busLost(const std::string& reason) = 0;
+    };
+
+    /// Connects to the hub. There must be a Looper, which need not run.
+    /// Errors: null, with the reason in `reason`. Lifetime: `receiver` outlives the connection.
+    static std::unique_ptr<BusConnection> open(const std::string& socketPath, Receiver& receiver,
+                                               std::string& reason);
+    ~BusConnection() override;
+
+    [[nodiscard]] message exchange(const message& request, const Path& from, std::uint32_t command,
+                                   std::uint32_t timeout) override;
+    void post(message stamped) override;
+
+    /// True until the connection ends.
+    bool isOpen() const { return channel.isOpen(); }
+
+private:
+    BusConnection(Fd socket, Receiver& receiver);
+    void received(message arrived) override;
+    void broken(const std::string& reason) override;
+    void keep(message arrived);
+    void handOn();
+    [[nodiscard]] message awaitEnd(std::uint32_t number, std::uint32_t timeout);
+
+    Receiver& receiver;
+    std::uint32_t numbers = 0;
+    std::deque<message> waiting;  // arrived during an exchange, or behind what did
+    Timer<BusConnection, &BusConnection::handOn> handOnTimer{*this};
+    Channel channel;
+};
+
+}  // namespace tk

@@ -1,0 +1,43 @@
+#include "tk/fd.h"
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace tk {
+
+Fd& Fd::operator=(Fd&& other) noexcept {
+    if (this != &other) reset(other.release());
+    return *this;
+}
+
+Fd::~Fd() {
+    reset();
+}
+
+int Fd::release() {
+    return std::exchange(descriptor, -1);
+}
+
+void Fd::reset(int other) {
+    if (descriptor >= 0) ::close(descriptor);
+    descriptor = other;
+}
+
+void reserveStandardDescriptors() {
+    int descriptor = ::open("/dev/null", O_RDWR);
+    while (descriptor >= 0 && descriptor <= STDERR_FILENO) descriptor = ::dup(descriptor);
+    if (descriptor >= 0) ::close(descriptor);
+}
+
+void allowDescriptors(unsigned count) {
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= count) return;
+    limit.rlim_cur = std::min<rlim_t>(count, limit.rlim_max);
+    (void)::setrlimit(RLIMIT_NOFILE, &limit);  // where it is refused the old limit holds
+}
+
+}  // namespace tk

@@ -1,0 +1,88 @@
+#include "tk/file.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "tk/fd.h"
+#include "tk/log.h"
+
+namespace tk {
+
+namespace {
+
+std::string folderOf(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    if (slash == std::string::npos) return ".";
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+bool writeAll(int fd, std::string_view content) {
+    while (!content.empty()) {
+        const ssize_t count = ::write(fd, content.data(), content.size());
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) return false;
+        content.remove_prefix(static_cast<std::size_t>(count));
+    }
+    return true;
+}
+
+Fd createFile(const std::string& path) {
+    // Never through a link that somebody else put there: what is in the way goes, and the file must be new.
+    constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+    ::unlink(path.c_str());
+    Fd file(::open(path.c_str(), flags, 0600));
+    if (file.isOpen() || errno != ENOENT || ::mkdir(folderOf(path).c_str(), 0755) != 0) return file;
+    return Fd(::open(path.c_str(), flags, 0600));
+}
+
+}  // namespace
+
+bool readFile(const std::string& path, std::size_t limit, std::string& out) {
+    out.clear();
+    const Fd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    struct stat status {};
+    if (!file.isOpen() || ::fstat(file.get(), &status) != 0) return false;
+    if (!S_ISREG(status.st_mode)) {
+        errno = EINVAL;
+        return false;
+    }
+    char bytes[64 * 1024];
+    for (;;) {
+        const ssize_t count = ::read(file.get(), bytes, sizeof bytes);
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) return count == 0;
+        out.append(bytes, static_cast<std::size_t>(count));
+        if (out.size() <= limit) continue;
+        errno = EFBIG;
+        return false;
+    }
+}
+
+bool writeSynced(const std::string& path, std::string_view content) {
+    const Fd file = createFile(path);
+    if (!file.isOpen()) return false;
+    if (writeAll(file.get(), content) && ::fsync(file.get()) == 0) return true;
+    const int error = errno;
+    ::unlink(path.c_str());
+    errno = error;
+    return false;
+}
+
+bool replaceSynced(const std::string& from, const std::string& to) {
+    // Opened first: without a free descriptor nothing is replaced, as the caller is told.
+    const Fd folder(::open(folderOf(to).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!folder.isOpen() || ::rename(from.c_str(), to.c_str()) != 0) return false;
+    // The file is in place; that a power cut may still undo it is no reason to tell the caller that it is
+    // not.
+    if (::fsync(folder.get()) != 0) log("cannot sync the folder of ", to, ": ", errorText());
+    return true;
+}
+
+bool renameToFree(const std::string& from, const std::string& to) {
+    return ::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0;
+}
+
+}  // namespace tk

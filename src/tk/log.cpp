@@ -1,0 +1,112 @@
+#include "tk/log.h"
+
+#include <limits.h>
+#include <poll.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <deque>
+
+namespace tk {
+
+namespace {
+
+constexpr std::size_t waitingLimit = std::size_t{256} * 1024;  // bytes that may wait for a stalled reader
+constexpr int lastWaitMilliseconds = 1000;                     // for such a reader, when the process ends
+
+/// What could not be written yet. Reached by function, so that no constructor runs before main.
+struct Waiting {
+    ~Waiting();
+
+    std::deque<std::string> lines;
+    std::size_t bytes = 0;
+    std::uint32_t dropped = 0;
+};
+
+Waiting& waiting() {
+    static Waiting instance;
+    return instance;
+}
+
+/// True when a write of at most PIPE_BUF bytes to standard output would not block.
+bool writable() {
+    pollfd target{STDOUT_FILENO, POLLOUT, 0};
+    return ::poll(&target, 1, 0) == 1;
+}
+
+/// Writes the front of a line, at most PIPE_BUF bytes, which a pipe takes whole or not at all. False when it
+/// must wait.
+bool writeSome(std::string& line) {
+    if (!writable()) return false;
+    const ssize_t written = ::write(STDOUT_FILENO, line.data(), std::min<std::size_t>(line.size(), PIPE_BUF));
+    if (written < 0) {
+        if (errno == EAGAIN || errno == EINTR) return false;
+        line.clear();  // no reader any more: there is nobody to tell
+        return true;
+    }
+    line.erase(0, static_cast<std::size_t>(written));
+    return true;
+}
+
+void enqueue(std::string line) {
+    Waiting& queue = waiting();
+    if (!queue.lines.empty() && queue.bytes + line.size() > waitingLimit) {
+        ++queue.dropped;
+        return;
+    }
+    queue.bytes += line.size();
+    queue.lines.push_back(std::move(line));
+}
+
+}  // namespace
+
+/// The last lines of a process are worth a moment: a reader that only lags behind gets them.
+Waiting::~Waiting() {
+    pollfd target{STDOUT_FILENO, POLLOUT, 0};
+    while (!lines.empty() && ::poll(&target, 1, lastWaitMilliseconds) == 1) (void)flushLog();
+}
+
+std::string escapeControls(std::string_view text) {
+    static constexpr char digits[] = "0123456789abcdef";
+    std::string escaped;
+    escaped.reserve(text.size());
+    for (const char character : text) {
+        const auto byte = static_cast<unsigned char>(character);
+        if (byte >= 0x20 && byte != 0x7f) {
+            escaped += character;
+            continue;
+        }
+        escaped += "\\x";
+        escaped += digits[byte >> 4];
+        escaped += digits[byte & 15];
+    }
+    return escaped;
+}
+
+bool flushLog() {
+    Waiting& queue = waiting();
+    while (!queue.lines.empty()) {
+        std::string& line = queue.lines.front();
+        const std::size_t before = line.size();
+        if (!writeSome(line)) return false;
+        queue.bytes -= before - line.size();
+        if (line.empty()) queue.lines.pop_front();
+        if (queue.lines.empty() && queue.dropped > 0) {
+            enqueue(std::to_string(queue.dropped) + " log lines dropped: nobody read them\n");
+            queue.dropped = 0;
+        }
+    }
+    return true;
+}
+
+void logLine(std::string_view text) {
+    enqueue(escapeControls(text) + '\n');
+    (void)flushLog();  // what waits goes out with the next line or turn of the loop
+}
+
+std::string errorText() {
+    return ::strerror(errno);
+}
+
+}  // namespace tk

@@ -1,0 +1,57 @@
+#pragma once
+
+#include <concepts>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace tk {
+
+/// Writes one log line to standard output: the text, with control characters escaped as \xNN, and a line end.
+/// The line goes out whole and at once. A reader that stalls never stops the program: lines wait in a bounded
+/// queue, and those that find it full are dropped and counted in a line of their own once there is room.
+void logLine(std::string_view text);
+
+/// Tries again to write what waits. True when nothing waits any more.
+bool flushLog();
+
+/// The text with bytes below 0x20 and 0x7f written as \xNN.
+std::string escapeControls(std::string_view text);
+
+/// The text of the current errno.
+std::string errorText();
+
+namespace detail {
+inline void appendTo(std::string& line, std::string_view text) {
+    line += text;
+}
+inline void appendTo(std::string& line, const char* text) {
+    line += text;
+}
+inline void appendTo(std::string& line, char character) {
+    line += character;
+}
+inline void appendTo(std::string& line, std::same_as<bool> auto value) {
+    line += value ? '1' : '0';
+}
+inline void appendTo(std::string& line, int value) {
+    line += std::to_string(value);
+}
+inline void appendTo(std::string& line, std::uint32_t value) {
+    line += std::to_string(value);
+}
+inline void appendTo(std::string& line, std::uint64_t value) {
+    line += std::to_string(value);
+}
+}  // namespace detail
+
+/// One event as one log line, made of its parts without separators. Booleans print as 0 or 1, numbers in
+/// decimal.
+template <typename... Parts>
+void log(const Parts&... parts) {
+    std::string line;
+    (detail::appendTo(line, parts), ...);
+    logLine(line);
+}
+
+}  // namespace tk

@@ -1,0 +1,193 @@
+#include "tk/looper.h"
+
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <cassert>
+#include <utility>
+
+#include "tk/log.h"
+
+namespace tk {
+
+namespace {
+
+constexpr int logRetryMilliseconds =
+    100;  // how often lines that a stalled reader left waiting are tried again
+
+Looper* current = nullptr;
+
+sigset_t endSignals() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGINT);
+    return set;
+}
+
+/// A path of one element addresses handler 0.
+std::uint32_t handlerNumber(const message& request) {
+    const Path& to = request.get_u32_array(field::destination);
+    return to.size() > 1 ? to[1] : 0;
+}
+
+/// Takes the standard descriptors before the runner opens its own.
+const Clock& behindStandardDescriptors(const Clock& clock) {
+    reserveStandardDescriptors();
+    return clock;
+}
+
+}  // namespace
+
+Looper* getLooper() {
+    return current;
+}
+
+Runner* getRunner() {
+    assert(current);
+    return &current->runner();
+}
+
+Looper::Looper(std::uint32_t, std::uint32_t, std::uint32_t, std::uint32_t, std::uint32_t, std::uint32_t,
+               std::uint32_t, std::uint32_t, std::uint32_t, std::uint32_t, std::uint32_t, std::uint32_t,
+               std::uint32_t)
+    : events(behindStandardDescriptors(systemClock)) {
+    assert(!current);
+    current = this;
+    watchSignals();
+}
+
+Looper::Looper(const Clock& clock, Bus& bus, std::uint32_t program)
+    : events(clock), program(program), bus(&bus) {
+    assert(!current);
+    current = this;
+    attach(bus, {program, 0});
+}
+
+Looper::~Looper() {
+    connection.reset();
+    signalWatch.stop();
+    current = nullptr;
+}
+
+void Looper::watchSignals() {
+    signal(SIGPIPE, SIG_IGN);
+    const sigset_t set = endSignals();
+    sigprocmask(SIG_BLOCK, &set, nullptr);
+    signals.reset(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
+    signalWatch.start<Looper, &Looper::signalled>(signals.get(), *this, readable, Runner::Priority::urgent);
+}
+
+void Looper::signalled(int fd, std::uint32_t) {
+    signalfd_siginfo info;
+    if (::read(fd, &info, sizeof info) != sizeof info) return;
+    // The first signal ends the loop in order; the next one finds the default action, and ends the process.
+    signalWatch.stop();
+    const sigset_t set = endSignals();
+    sigprocmask(SIG_UNBLOCK, &set, nullptr);
+    leave();
+}
+
+bool Looper::join(std::uint32_t number, const std::string& socketPath, std::string& reason) {
+    connection = BusConnection::open(socketPath, *this, reason);
+    if (!connection) return false;
+    message request;
+    request.insert_u32(1, number);
+    request.insert_u32_array(field::destination, {program::hub});
+    const message reply = connection->exchange(request, {number, 0}, command::hubRegister, exchangeTimeout);
+    if (isError(reply, nullptr, &reason)) {
+        connection.reset();
+        return false;
+    }
+    program = number;
+    bus = connection.get();
+    attach(*bus, {program, 0});
+    for (const auto& [id, handler] : handlers) handler->attach(*bus, {program, id});
+    return true;
+}
+
+void Looper::addHandler(std::uint32_t number, Handler* handler) {
+    handlers[number] = handler;
+    if (bus) handler->attach(*bus, {program, number});
+}
+
+void Looper::removeHandler(std::uint32_t number) {
+    handlers.erase(number);
+}
+
+void Looper::turn(int limitMilliseconds) {
+    const bool logWaits = !flushLog();
+    const bool retries = logWaits && (limitMilliseconds < 0 || limitMilliseconds > logRetryMilliseconds);
+    events.turn(retries ? logRetryMilliseconds : limitMilliseconds);
+}
+
+void Looper::run() {
+    while (!leaving && !leaveIsDue) turn(-1);
+    leaving = leaveIsDue = false;
+}
+
+void Looper::setupLeave(std::uint32_t ticks) {
+    leaveIsDue = false;
+    if (ticks == 0)
+        events.removeTimer<Looper, &Looper::leaveNow>(this);
+    else
+        events.addTimer<Looper, &Looper::leaveNow>(this, ticks);
+}
+
+void Looper::leaveNow() {
+    leaveIsDue = true;
+}
+
+void Looper::busReceived(const message& arrived) {
+    dispatch(arrived);
+}
+
+void Looper::busLost(const std::string& reason) {
+    log("bus lost: ", reason);
+    leave();
+}
+
+void Looper::dispatch(const message& received) {
+    switch (kindOf(received)) {
+        case Kind::notification:
+            return notify(received);
+        case Kind::request:
+            return reply(received);
+        case Kind::reply:
+        case Kind::error:
+            return;  // its requester gave up
+    }
+}
+
+void Looper::notify(const message& notification) {
+    const Path& from = notification.get_u32_array(field::sender);
+    const std::uint32_t command = notification.get_u32(field::command);
+    const std::map<std::uint32_t, Handler*> targets = handlers;  // a handler may leave while it is told
+    for (const auto& [id, handler] : targets) {
+        const auto present = handlers.find(id);
+        const bool stays = present != handlers.end() && present->second == handler;
+        if (stays && handler->isSubscribed(from, command))
+            (void)handler->handle(notification);  // a notification has no answer
+    }
+}
+
+void Looper::reply(const message& request) {
+    message content = answer(request);
+    if (content.has(field::later)) return;  // the handler ends the request itself
+    message end = endOf(request, std::move(content));
+    end.insert_u32_array(field::sender,
+                         {program, handlerNumber(request)});  // also when the number was left out
+    bus->post(std::move(end));
+}
+
+message Looper::answer(const message& request) {
+    const Path& to = request.get_u32_array(field::destination);
+    const auto target = handlers.find(handlerNumber(request));
+    if (target == handlers.end()) return errorMsg(error::unreachable, "no such handler");
+    if (to.size() > 2) return target->second->handleBrkpath(request);
+    message refusal = target->second->checkPolicy(request);
+    return isError(refusal) ? refusal : target->second->handle(request);
+}
+
+}  // namespace tk

@@ -1,0 +1,88 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "tk/busconnection.h"
+#include "tk/clock.h"
+#include "tk/fd.h"
+#include "tk/handler.h"
+#include "tk/runner.h"
+
+namespace tk {
+
+/// The loop of a process: its runner, its connection to the bus and its handlers. There is one at a time.
+/// As a handler itself it makes the requests of code that stands in no handler.
+class Looper final : public Handler, private BusConnection::Receiver {
+public:
+    /// The platform's thirteen tuning numbers; 0 is the default of each, and the only value that has a
+    /// meaning here.
+    explicit Looper(std::uint32_t = 0, std::uint32_t = 0, std::uint32_t = 0, std::uint32_t = 0,
+                    std::uint32_t = 0, std::uint32_t = 0, std::uint32_t = 0, std::uint32_t = 0,
+                    std::uint32_t = 0, std::uint32_t = 0, std::uint32_t = 0, std::uint32_t = 0,
+                    std::uint32_t = 0);
+    /// A loop on another clock and another bus, for tests and for the hub's own process.
+    /// Lifetime: both outlive the loop. No signal is touched unless watchSignals() is called.
+    Looper(const Clock& clock, Bus& bus, std::uint32_t program);
+    ~Looper() override;
+
+    /// Connects to the hub at `socketPath` and registers as program number `program`.
+    /// Errors: false, with the reason in `reason`; nothing is kept.
+    [[nodiscard]] bool join(std::uint32_t program, const std::string& socketPath, std::string& reason);
+
+    /// Serves `handler` under `number` at the path {program, number}. Lifetime: until the loop is destroyed,
+    /// or the handler is removed.
+    void addHandler(std::uint32_t number, Handler* handler);
+    void removeHandler(std::uint32_t number);
+
+    /// Runs until the process is to end: a leave request is due, SIGTERM or SIGINT came, or the bus is lost.
+    /// A second signal ends the process at once.
+    void run();
+
+    /// Asks the loop to end after `ticks` of 10 ms; 0 withdraws the request. A new request replaces the old
+    /// one.
+    void setupLeave(std::uint32_t ticks);
+
+    /// Hands one received message to its handler, and sends the answer of a request.
+    void dispatch(const message& received);
+
+    /// Ends run() at the end of this turn, or before its first one.
+    void leave() { leaving = true; }
+
+    /// Lets SIGTERM and SIGINT end the loop in order, and ignores SIGPIPE. The first constructor does so by
+    /// itself.
+    void watchSignals();
+
+    /// One turn of the loop: waits for the first event or timer, at most `limitMilliseconds` (-1: without
+    /// limit).
+    void turn(int limitMilliseconds);
+
+    Runner& runner() { return events; }
+
+private:
+    void signalled(int fd, std::uint32_t events);
+    void busReceived(const message& arrived) override;
+    void busLost(const std::string& reason) override;
+    void leaveNow();
+    void notify(const message& notification);
+    void reply(const message& request);
+    [[nodiscard]] message answer(const message& request);
+
+    SystemClock systemClock;
+    Runner events;
+    std::uint32_t program = 0;
+    Fd signals;
+    Watch signalWatch;
+    std::unique_ptr<BusConnection> connection;
+    Bus* bus = nullptr;  // the connection above, or one that was handed in
+    std::map<std::uint32_t, Handler*> handlers;
+    bool leaving = false;     // asked by leave(), a signal or the bus
+    bool leaveIsDue = false;  // asked by setupLeave(), which can withdraw it
+};
+
+/// The process's loop. Errors: null when there is none.
+Looper* getLooper();
+
+}  // namespace tk

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+
+#include "tk/message.h"
+#include "tk/names.h"
+
+namespace tk {
+
+/// Walks the objects of one reply to a get-all query.
+class Reget {
+public:
+    virtual ~Reget() = default;
+
+    /// Sends the query: its destination field names the handler, its command field the command (get-all).
+    /// Errors: a failed query yields no object; failed() tells.
+    void setBase(const message& request);
+    /// True when no object is left.
+    bool isEmpty();
+    /// The next object. Errors: an empty message when none is left.
+    message pop();
+    /// True when a query of the walk was answered with an error, or with a page that leads to itself.
+    bool failed() const { return queryFailed; }
+
+    /// How long each query may take. Units: milliseconds.
+    std::uint32_t timeout = exchangeTimeout;
+
+protected:
+    void query();
+    /// Called when the objects of a reply are used up. True when there is another reply to ask for.
+    virtual bool more() { return false; }
+
+    message base;
+    std::uint32_t next = unassigned;  // where the last reply said the list goes on
+
+private:
+    std::deque<message> objects;
+    bool queryFailed = false;
+    std::size_t pages = 0;
+};
+
+/// Walks the objects of all replies: a reply that says where the list goes on is followed by the query for
+/// the rest.
+class FullReget final : public Reget {
+protected:
+    bool more() override;
+};
+
+}  // namespace tk

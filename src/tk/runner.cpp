@@ -1,0 +1,125 @@
+#include "tk/runner.h"
+
+#include <sys/epoll.h>
+
+#include <algorithm>
+#include <cassert>
+
+namespace tk {
+
+static_assert(readable == EPOLLIN && writable == EPOLLOUT);
+
+namespace {
+
+constexpr int eventsPerTurn = 256;
+
+// How long one turn serves sockets, in milliseconds. Behind it come timers, listeners and the bus; what was
+// not served still is ready in the next turn.
+constexpr std::uint64_t turnLimit = 100;
+
+}  // namespace
+
+Runner::Runner(const Clock& clock) : clock(clock), epoll(epoll_create1(EPOLL_CLOEXEC)) {
+    assert(epoll.isOpen());
+}
+
+Runner::~Runner() = default;
+
+void Runner::addSocket(int fd, void* object, SocketCallback callback, std::uint32_t events,
+                       Priority priority) {
+    if (fd < 0) return;
+    const std::uint32_t generation = ++generations;
+    sockets.insert_or_assign(fd, Registration{generation, object, callback, events, priority});
+    epoll_event event{};
+    event.events = events;
+    event.data.u64 = static_cast<std::uint64_t>(generation) << 32 | static_cast<std::uint32_t>(fd);
+    if (epoll_ctl(epoll.get(), EPOLL_CTL_ADD, fd, &event) != 0)
+        epoll_ctl(epoll.get(), EPOLL_CTL_MOD, fd, &event);
+}
+
+void Runner::removeSocket(int fd) {
+    if (sockets.erase(fd) == 0) return;
+    epoll_ctl(epoll.get(), EPOLL_CTL_DEL, fd, nullptr);
+}
+
+void Runner::addTimer(void* object, TimerCallback callback, std::uint32_t ticks) {
+    removeTimer(object, callback);
+    const TimerKey key{object, callback};
+    const Due due{clock.now() + std::uint64_t{ticks} * tickMilliseconds, ++orders, key};
+    timers.emplace(key, due);
+    queue.insert(due);
+}
+
+void Runner::removeTimer(void* object, TimerCallback callback) {
+    const auto timer = timers.find({object, callback});
+    if (timer == timers.end()) return;
+    queue.erase(timer->second);
+    timers.erase(timer);
+}
+
+bool Runner::hasTimer(void* object, TimerCallback callback) const {
+    return timers.contains({object, callback});
+}
+
+int Runner::untilNextTimer() const {
+    if (queue.empty()) return -1;
+    const std::uint64_t now = clock.now();
+    const std::uint64_t due = queue.begin()->time;
+    constexpr std::uint64_t longest = std::uint64_t{3600} * 1000;  // keeps the difference within an int
+    return due <= now ? 0 : static_cast<int>(std::min(due - now, longest));
+}
+
+void Runner::turn(int limitMilliseconds) {
+    int wait = untilNextTimer();
+    if (wait < 0 || (limitMilliseconds >= 0 && limitMilliseconds < wait)) wait = limitMilliseconds;
+    collect(wait);
+    callSockets();
+    callTimers();
+}
+
+void Runner::collect(int limitMilliseconds) {
+    epoll_event events[eventsPerTurn];
+    const int count = epoll_wait(epoll.get(), events, eventsPerTurn, limitMilliseconds);
+    collected.clear();
+    for (int i = 0; i < count; ++i) {
+        const auto fd = static_cast<int>(static_cast<std::uint32_t>(events[i].data.u64));
+        const auto generation = static_cast<std::uint32_t>(events[i].data.u64 >> 32);
+        const auto registration = sockets.find(fd);
+        if (registration == sockets.end() || registration->second.generation != generation) continue;
+        const bool broken = (events[i].events & (EPOLLERR | EPOLLHUP)) != 0;
+        const std::uint32_t wanted = registration->second.events;
+        collected.push_back(
+            {fd, generation, broken ? wanted : events[i].events & wanted, registration->second.priority});
+    }
+    std::stable_sort(collected.begin(), collected.end(),
+                     [](const Event& left, const Event& right) { return left.priority < right.priority; });
+}
+
+void Runner::callSockets() {
+    const std::uint64_t limit = clock.now() + turnLimit;
+    for (std::size_t i = 0; i < collected.size() && (i == 0 || clock.now() < limit); ++i) {
+        const Event event = collected[i];
+        const auto registration = sockets.find(event.fd);
+        if (registration == sockets.end() || registration->second.generation != event.generation) continue;
+        const Registration target = registration->second;
+        target.callback(target.object, event.fd, event.events);
+    }
+}
+
+void Runner::callTimers() {
+    const std::uint64_t now = clock.now();
+    const std::uint64_t lastOrder = orders;  // a timer that is armed from here on waits for the next turn
+    for (auto next = queue.begin(); next != queue.end() && next->time <= now;) {
+        if (next->order > lastOrder) {
+            ++next;
+            continue;
+        }
+        const TimerKey key = next->key;
+        queue.erase(next);
+        timers.erase(key);
+        key.second(key.first);
+        next = queue.begin();
+    }
+}
+
+}  // namespace tk

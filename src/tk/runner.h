@@ -1,0 +1,136 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <set>
+#include <tuple>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "tk/clock.h"
+#include "tk/fd.h"
+
+namespace tk {
+
+/// What a socket is watched for, and what was seen on it. The values are those of poll(2).
+constexpr std::uint32_t readable = 1;
+constexpr std::uint32_t writable = 4;
+
+/// Watches sockets and runs timers, all on the caller's thread.
+///
+/// Callbacks may add and remove any registration, also their own, and may delete their own object. A
+/// registration that was removed, or whose descriptor was closed and used again, is never called for an event
+/// of its former life.
+class Runner {
+public:
+    using SocketCallback = void (*)(void* object, int fd, std::uint32_t events);
+    using TimerCallback = void (*)(void* object);
+    /// What is urgent is served before all else in each turn: the bus, signals, and listeners, whose queue in
+    /// the kernel is short.
+    enum class Priority : std::uint8_t { urgent, normal };
+
+    explicit Runner(const Clock& clock);
+    Runner(const Runner&) = delete;
+    Runner& operator=(const Runner&) = delete;
+    ~Runner();
+
+    /// Calls `callback` whenever `fd` is ready for one of `events`; an error or a hang-up counts as ready for
+    /// them. A second call for the same descriptor replaces the first. A negative descriptor is never
+    /// watched.
+    void addSocket(int fd, void* object, SocketCallback callback, std::uint32_t events,
+                   Priority priority = Priority::normal);
+    /// Forgets a descriptor; call before it is closed. An unknown one is no error.
+    void removeSocket(int fd);
+
+    /// Calls `callback` once, `ticks` from now. A timer of the same object and callback is replaced.
+    /// Units: ticks of 10 ms.
+    void addTimer(void* object, TimerCallback callback, std::uint32_t ticks);
+    /// Withdraws a timer; an unknown one is no error.
+    void removeTimer(void* object, TimerCallback callback);
+    /// True when such a timer is armed.
+    bool hasTimer(void* object, TimerCallback callback) const;
+
+    /// The typed forms, which call a member function of the object.
+    template <typename T, void (T::*member)(int fd, std::uint32_t events)>
+    void addSocket(int fd, T* object, std::uint32_t events, Priority priority = Priority::normal) {
+        addSocket(fd, object, &socketThunk<T, member>, events, priority);
+    }
+    template <typename T, void (T::*member)()>
+    void addTimer(T* object, std::uint32_t ticks) {
+        addTimer(object, &timerThunk<T, member>, ticks);
+    }
+    template <typename T, void (T::*member)()>
+    void removeTimer(T* object) {
+        removeTimer(object, &timerThunk<T, member>);
+    }
+    template <typename T, void (T::*member)()>
+    bool hasTimer(T* object) const {
+        return hasTimer(object, &timerThunk<T, member>);
+    }
+
+    /// One turn: waits for the first event or timer, at most `limitMilliseconds` (-1: without limit), then
+    /// calls everything that is due: sockets, then timers. A socket that is registered during the turn, and a
+    /// timer that another timer's callback arms, wait for the next one.
+    void turn(int limitMilliseconds);
+
+    /// The time by the runner's clock. Units: milliseconds.
+    std::uint64_t now() const { return clock.now(); }
+    /// How many descriptors are watched and timers armed.
+    std::size_t socketCount() const { return sockets.size(); }
+    std::size_t timerCount() const { return timers.size(); }
+    /// Until the next timer is due, rounded up; -1 without timers. Units: milliseconds.
+    int untilNextTimer() const;
+
+private:
+    struct Registration {
+        std::uint32_t generation;
+        void* object;
+        SocketCallback callback;
+        std::uint32_t events;
+        Priority priority;
+    };
+    using TimerKey = std::pair<void*, TimerCallback>;
+    struct Due {
+        std::uint64_t time;
+        std::uint64_t order;  // of arming, for timers that are due together
+        TimerKey key;
+        bool operator<(const Due& other) const {
+            return std::tie(time, order) < std::tie(other.time, other.order);
+        }
+    };
+    struct Event {
+        int fd;
+        std::uint32_t generation;
+        std::uint32_t events;
+        Priority priority;
+    };
+
+    template <typename T, void (T::*member)(int, std::uint32_t)>
+    static void socketThunk(void* object, int fd, std::uint32_t events) {
+        (static_cast<T*>(object)->*member)(fd, events);
+    }
+    template <typename T, void (T::*member)()>
+    static void timerThunk(void* object) {
+        (static_cast<T*>(object)->*member)();
+    }
+
+    void collect(int limitMilliseconds);
+    void callSockets();
+    void callTimers();
+
+    const Clock& clock;
+    Fd epoll;
+    std::unordered_map<int, Registration> sockets;
+    std::uint32_t generations = 0;
+    std::vector<Event> collected;
+    std::map<TimerKey, Due> timers;
+    std::set<Due> queue;
+    std::uint64_t orders = 0;
+};
+
+/// The runner of the process's loop. Errors: there must be a Looper.
+Runner* getRunner();
+
+}  // namespace tk

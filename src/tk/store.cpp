@@ -1,0 +1,161 @@
+#include "tk/store.h"
+
+#include <errno.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <utility>
+
+#include "tk/checksum.h"
+#include "tk/file.h"
+#include "tk/log.h"
+
+namespace tk {
+
+namespace {
+
+// The file: this text, then one flat message with the fields below. The checksum is that of the flat form of
+// a message that holds the entries field alone.
+constexpr std::string_view magic = "tkstore1";
+constexpr std::uint32_t revisionField = 1;  // u32
+constexpr std::uint32_t checksumField = 2;  // u32
+constexpr std::uint32_t entriesField = 3;   // message[], each with the two fields below
+constexpr std::uint32_t entryId = 1;        // u32
+constexpr std::uint32_t entryContent = 2;   // message[] with the one message
+
+constexpr std::size_t sizeLimit = std::size_t{64} * 1024 * 1024;
+constexpr int asideLimit = 100;  // damaged files that are kept under numbered names
+
+message listOf(const std::map<std::uint32_t, message>& entries) {
+    message list;
+    std::vector<message>& items = list.get_message_array_ref(entriesField);
+    for (const auto& [id, content] : entries) {
+        message& item = items.emplace_back();
+        item.insert_u32(entryId, id);
+        item.insert_message_array(entryContent, {content});
+    }
+    return list;
+}
+
+/// Reads a file's content. Errors: false when it is damaged or foreign.
+bool decode(std::string_view content, std::uint32_t revision, std::map<std::uint32_t, message>& entries) {
+    message file;
+    if (!content.starts_with(magic) || !message::parse(content.substr(magic.size()), file)) return false;
+    if (file.get_u32(revisionField) != revision || !file.has(revisionField)) return false;
+    message list;
+    list.insert_message_array(entriesField, file.get_message_array(entriesField));
+    if (!file.has(checksumField) || file.get_u32(checksumField) != crc32(list.serialise())) return false;
+    for (const message& item : file.get_message_array(entriesField)) {
+        const std::vector<message>& stored = item.get_message_array(entryContent);
+        if (stored.size() != 1 || !item.has(entryId)) return false;
+        entries[item.get_u32(entryId)] = stored.front();
+    }
+    return true;
+}
+
+/// Errors: false when decode() would not read it again, for its nesting or its size.
+bool encode(const std::map<std::uint32_t, message>& entries, std::uint32_t revision, std::string& content) {
+    const message list = listOf(entries);
+    message file;
+    file.insert_u32(revisionField, revision);
+    file.insert_u32(checksumField, crc32(list.serialise()));
+    file.insert(list.fields().front());
+    content = magic;
+    file.serialiseTo(content);
+    return file.isParsable() && content.size() <= sizeLimit;
+}
+
+}  // namespace
+
+Store::Store(std::string path, std::uint32_t revision) : path(std::move(path)), revision(revision) {
+    load();
+}
+
+void Store::load() {
+    std::string content;
+    if (!readFile(path, sizeLimit, content)) {
+        if (errno != ENOENT) keepAside(errorText());
+        return;
+    }
+    if (decode(content, revision, entries)) return;
+    entries.clear();
+    keepAside("damaged, or of another kind");
+}
+
+void Store::keepAside(const std::string& why) {
+    std::string aside = path + ".damaged";
+    bool moved = renameToFree(path, aside);
+    for (int number = 2; !moved && errno == EEXIST && number <= asideLimit; ++number) {
+        aside = path + ".damaged." + std::to_string(number);
+        moved = renameToFree(path, aside);
+    }
+    if (moved) return log("store ", path, ": ", why, "; kept as ", aside);
+    blocked = true;
+    log("store ", path, ": ", why, "; cannot be kept aside: ", errorText(), "; no change will be stored");
+}
+
+message Store::get(std::uint32_t id) const {
+    const auto entry = entries.find(id);
+    return entry == entries.end() ? message() : entry->second;
+}
+
+bool Store::find(std::uint32_t id) const {
+    return entries.contains(id);
+}
+
+bool Store::set(std::uint32_t id, const message& entry) {
+    return stage(id, entry) && commit();
+}
+
+bool Store::remove(std::uint32_t id) {
+    return stageRemoval(id) && commit();
+}
+
+bool Store::stage(std::uint32_t id, const message& entry) {
+    staged = entries;
+    staged[id] = entry;
+    return writeStaged();
+}
+
+bool Store::stageRemoval(std::uint32_t id) {
+    staged = entries;
+    staged.erase(id);
+    return writeStaged();
+}
+
+bool Store::writeStaged() {
+    if (blocked) {
+        reason = path + ": a damaged file is in the way";
+        return false;
+    }
+    std::string content;
+    if (!encode(staged, revision, content)) {
+        reason = path + ": the entry cannot be stored";
+        return false;
+    }
+    return writeSynced(stagedPath(), content) || fail();
+}
+
+bool Store::commit() {
+    if (!replaceSynced(stagedPath(), path)) return fail();
+    entries = std::move(staged);
+    staged.clear();
+    return true;
+}
+
+void Store::discard() {
+    ::unlink(stagedPath().c_str());
+    staged.clear();
+}
+
+std::string Store::stagedPath() const {
+    return path + ".new";
+}
+
+bool Store::fail() {
+    reason = path + ": " + errorText();
+    discard();
+    return false;
+}
+
+}  // namespace tk

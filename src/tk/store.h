@@ -1,0 +1,62 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include "tk/message.h"
+
+namespace tk {
+
+/// A persistent map from ids to messages: one file, rewritten whole at each change.
+///
+/// A change is written to a temporary file beside it, synced, renamed over it, and the folder synced: after a
+/// power cut the file holds the state before or after the change. A file that cannot be read (truncated, of
+/// another kind or revision, without permission) is kept aside under its name with ".damaged" behind it, with
+/// one log line, and the store starts empty; no change ever overwrites it.
+class Store {
+public:
+    /// Reads the file at `path`, which may be absent. `revision` tells apart the kinds of content that one
+    /// path had; a file of another revision is a foreign one.
+    Store(std::string path, std::uint32_t revision);
+
+    /// The entry of `id`, an empty message where there is none.
+    message get(std::uint32_t id) const;
+    /// True when there is an entry of `id`.
+    bool find(std::uint32_t id) const;
+    /// All entries, by id.
+    const std::map<std::uint32_t, message>& all() const { return entries; }
+
+    /// Sets an entry, and persists it at once.
+    /// Errors: false, with the reason in error(); the store is as before.
+    [[nodiscard]] bool set(std::uint32_t id, const message& entry);
+    /// Removes an entry, and persists that. An absent one is no error. Errors: as for set().
+    [[nodiscard]] bool remove(std::uint32_t id);
+
+    /// The two halves of set() and remove(), for a caller who must know that the change can be written before
+    /// it acts: stage...() writes and syncs the temporary file, commit() puts it in place, discard() drops
+    /// it. Errors: false, with the reason in error(); the store is as before.
+    [[nodiscard]] bool stage(std::uint32_t id, const message& entry);
+    [[nodiscard]] bool stageRemoval(std::uint32_t id);
+    [[nodiscard]] bool commit();
+    void discard();
+
+    /// Why the last operation failed, for people: the path and the system's text.
+    const std::string& error() const { return reason; }
+
+private:
+    void load();
+    void keepAside(const std::string& why);
+    [[nodiscard]] bool writeStaged();
+    [[nodiscard]] bool fail();
+    std::string stagedPath() const;
+
+    std::string path;
+    std::uint32_t revision;
+    std::map<std::uint32_t, message> entries;
+    std::map<std::uint32_t, message> staged;
+    std::string reason;
+    bool blocked = false;  // a damaged file could not be moved aside, and must not be overwritten
+};
+
+}  // namespace tk

@@ -1,0 +1,31 @@
+#include "tk/testing/scriptedbus.h"
+
+namespace tk::testing {
+
+void ScriptedBus::answer(Path path, std::uint32_t command, Answer answer) {
+    answers[{std::move(path), command}] = std::move(answer);
+}
+
+void ScriptedBus::answer(Path path, std::uint32_t command, message reply) {
+    answer(std::move(path), command, [reply](const message&) { return reply; });
+}
+
+message ScriptedBus::exchange(const message& request, const Path& from, std::uint32_t command,
+                              std::uint32_t timeout) {
+    requests.push_back({request, from, command, timeout});
+    if (onRequest) onRequest(Request(requests.back()));
+    const auto answer = answers.find({request.get_u32_array(field::destination), command});
+    if (answer == answers.end()) return {};
+    const Answer chosen = answer->second;
+    return chosen(request);
+}
+
+std::vector<ScriptedBus::Request> ScriptedBus::requestsTo(const Path& path, std::uint32_t command) const {
+    std::vector<Request> found;
+    for (const Request& request : requests)
+        if (request.content.get_u32_array(field::destination) == path && request.command == command)
+            found.push_back(request);
+    return found;
+}
+
+}  // namespace tk::testing

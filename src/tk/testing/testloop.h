@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "tk/looper.h"
+#include "tk/testing/manualclock.h"
+#include "tk/testing/scriptedbus.h"
+
+namespace tk::testing {
+
+/// A loop whose time moves by hand and whose bus is a script. One per test; the program's number is 80.
+struct TestLoop {
+    ManualClock clock;
+    ScriptedBus bus;
+    Looper looper{clock, bus, program::gateway};
+
+    /// Moves the clock on, and calls every timer that becomes due, each at its own time.
+    void advance(std::uint32_t ticks);
+    /// Serves what is ready now, until nothing is: at most `limit` turns.
+    void settle(int limit = 20);
+    /// Connects to a port of the loopback, sends a request and lets the loop serve it; what was answered by
+    /// then.
+    std::string exchangeOverTcp(std::uint16_t port, const std::string& request);
+    /// Hands a notification of `from` to the loop, as the hub would.
+    void notify(const Path& from, std::uint32_t command, message content);
+    /// Hands a request for handler 0 to the loop; the answer as it was posted, without routing fields.
+    message request(std::uint32_t command, message content);
+};
+
+}  // namespace tk::testing

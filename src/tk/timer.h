@@ -1,0 +1,60 @@
+#pragma once
+
+#include "tk/runner.h"
+
+namespace tk {
+
+/// A one-shot timer that calls a member of its owner, and withdraws itself when it is destroyed.
+/// A periodic action arms it again from its callback. Units: ticks of 10 ms.
+template <typename Owner, void (Owner::*onExpiry)()>
+class Timer {
+public:
+    explicit Timer(Owner& owner) : owner(owner) {}
+    Timer(const Timer&) = delete;
+    Timer& operator=(const Timer&) = delete;
+    ~Timer() { disarm(); }
+
+    /// Calls the owner once, `ticks` from now; an armed timer starts anew.
+    void arm(std::uint32_t ticks) {
+        getRunner()->addTimer<Owner, onExpiry>(&owner, ticks);
+        armed = true;
+    }
+    /// Withdraws the call. One that is not armed is no error.
+    void disarm() {
+        if (armed) getRunner()->removeTimer<Owner, onExpiry>(&owner);
+        armed = false;
+    }
+
+private:
+    Owner& owner;
+    bool armed = false;  // was armed at least once since the last disarm; the call itself may be over
+};
+
+/// Watches one descriptor for its owner, and stops when it is destroyed. Declare it behind the descriptor's
+/// owner, so that the watch ends before the descriptor closes.
+class Watch {
+public:
+    Watch() = default;
+    Watch(const Watch&) = delete;
+    Watch& operator=(const Watch&) = delete;
+    ~Watch() { stop(); }
+
+    /// Calls `member` of `owner` whenever `fd` is ready for one of `events`. A negative descriptor is not
+    /// watched.
+    template <typename Owner, void (Owner::*member)(int fd, std::uint32_t events)>
+    void start(int fd, Owner& owner, std::uint32_t events,
+               Runner::Priority priority = Runner::Priority::normal) {
+        stop();
+        watched = fd;
+        getRunner()->addSocket<Owner, member>(fd, &owner, events, priority);
+    }
+    void stop() {
+        if (watched >= 0) getRunner()->removeSocket(watched);
+        watched = -1;
+    }
+
+private:
+    int watched = -1;
+};
+
+}  // namespace tk
