@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+/// Decimal text of a number.
+std::string toString(std::int32_t value);
+std::string toString(std::uint32_t value);
+
+/// Eight lower-case hexadecimal digits, with leading zeros.
+std::string toHexString(std::uint32_t value);
+
+/// Dotted quad of an IPv4 address. Byte order: network.
+std::string ipToString(std::uint32_t address);
+
+/// The number at the front of `text`, in decimal: white space and a sign before it are taken, what follows it
+/// is ignored, and a text without a number gives 0. The numbers are those of a machine of 32 bits: a
+/// magnitude beyond 4294967295 gives 4294967295, and a minus sign negates modulo 2^32, so that -1 is
+/// 4294967295.
+std::uint32_t toUnsigned(const std::string& text);
+
+/// The same for a signed number, which is kept between -2147483648 and 2147483647.
+std::int32_t toInt(const std::string& text);
+
+/// True when nothing follows the number at the front of `text`; that number, as toUnsigned() gives it, is in
+/// `value`. An empty text is 0. Errors: false also for a text that is not empty and holds no number.
+[[nodiscard]] bool isUnsigned(const std::string& text, std::uint32_t& value);
+
+/// The address that a dotted text means. Byte order: network. Errors: all ones (255.255.255.255) for an empty
+/// or malformed text. As in inet_addr, fewer than four numbers, octal and hexadecimal ones, and words behind
+/// a blank are understood.
+std::uint32_t toAddress(const std::string& text);
+
+/// How long the router has been running, in decimal. Units: seconds.
+std::string uptimeString();
+
+/// The part of a qualified name after its last ':'; all of it where there is none.
+/// Lifetime: as long as the name itself.
+std::string_view stripPrefix(std::string_view name);
