@@ -1,0 +1,97 @@
+#include "xml/xmlparser.h"
+
+#include <expat.h>
+
+#include <climits>
+#include <memory>
+#include <type_traits>
+
+namespace {
+
+/// Hands the tokeniser's events to the tree, until a limit stops them. Expat delivers some events even after
+/// it was stopped, and those must not reach the tree.
+struct Feed {
+    XMLParser& tree;
+    XML_Parser tokeniser;
+    bool stopped = false;
+
+    void check(bool withinLimits) {
+        if (withinLimits) return;
+        stopped = true;
+        XML_StopParser(tokeniser, XML_FALSE);
+    }
+};
+
+void startElement(void* user, const XML_Char* name, const XML_Char** attributes) {
+    auto& feed = *static_cast<Feed*>(user);
+    if (!feed.stopped) feed.check(feed.tree.startElement(name, attributes));
+}
+
+void endElement(void* user, const XML_Char*) {
+    auto& feed = *static_cast<Feed*>(user);
+    if (!feed.stopped) feed.check(feed.tree.endElement());
+}
+
+void characterData(void* user, const XML_Char* bytes, int length) {
+    auto& feed = *static_cast<Feed*>(user);
+    if (!feed.stopped) feed.tree.characterData(bytes, static_cast<std::size_t>(length));
+}
+
+/// A declared entity could make a few bytes cost as much work as the sender likes.
+void entityDeclared(void* user, const XML_Char*, int, const XML_Char*, int, const XML_Char*, const XML_Char*,
+                    const XML_Char*, const XML_Char*) {
+    static_cast<Feed*>(user)->check(false);
+}
+
+}  // namespace
+
+XMLParser::XMLParser(const std::string& text) {
+    static_assert(
+        std::is_nothrow_move_constructible_v<XMLNode>);  // children move, with theirs, as a list grows
+    const std::unique_ptr<XML_ParserStruct, decltype(&XML_ParserFree)> tokeniser(XML_ParserCreate("UTF-8"),
+                                                                                 &XML_ParserFree);
+    if (!tokeniser || text.size() > INT_MAX) return;
+    Feed feed{*this, tokeniser.get()};
+    XML_SetUserData(tokeniser.get(), &feed);
+    XML_SetElementHandler(tokeniser.get(), ::startElement, ::endElement);
+    XML_SetCharacterDataHandler(tokeniser.get(), ::characterData);
+    XML_SetEntityDeclHandler(tokeniser.get(), entityDeclared);
+    stack.push_back(&root);
+    ok = XML_Parse(tokeniser.get(), text.data(), static_cast<int>(text.size()), XML_TRUE) == XML_STATUS_OK;
+}
+
+bool XMLParser::startElement(const char* name, const char** attributes) {
+    if (stack.size() > depthLimit) return false;
+    XMLNode element{std::string(name)};
+    if (!keep(element.name.size())) return false;
+    for (; *attributes; attributes += 2) {
+        element.addProperty(attributes[0], attributes[1]);
+        const XMLProp& property = element.properties.back();
+        if (!keep(property.name.size() + property.value.size())) return false;
+    }
+    stack.back()->addSubNode(std::move(element));
+    stack.push_back(&stack.back()->children.back());
+    textPending = true;
+    return true;
+}
+
+bool XMLParser::endElement() {
+    if (textPending) {
+        textPending = false;
+        keptText += pendingText.size();
+        if (keptText > textLimit) return false;
+        stack.back()->setVal(pendingText);
+    }
+    stack.pop_back();
+    return true;
+}
+
+void XMLParser::characterData(const char* bytes, std::size_t length) {
+    pendingText.assign(bytes, length);
+}
+
+bool XMLParser::keep(std::size_t textLength) {
+    ++nodes;
+    keptText += textLength;
+    return nodes <= nodeLimit && keptText <= textLimit;
+}
