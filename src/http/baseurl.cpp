@@ -1,0 +1,7 @@
+#include "http/baseurl.h"
+
+#include "net/convert.h"
+
+std::string baseUrl(std::uint32_t address) {
+    return "http://" + ipToString(address) + ":" + toString(httpPort);
+}

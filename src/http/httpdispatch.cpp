@@ -1,0 +1,58 @@
+// Where a request goes: by method and path, then by HOST.
+
+#include "http/baseurl.h"
+#include "http/httpserver.h"
+#include "net/convert.h"
+#include "tk/log.h"
+
+namespace {
+
+using Services = std::map<std::string, HTTPService*>;
+using Answer = HTTPMessage (HTTPService::*)(const HTTPMessage& request);
+
+/// True when HOST names the interface's own address, with or without the port.
+bool namesHost(const HTTPMessage& request, std::uint32_t address) {
+    const std::string host = request.get("HOST");
+    const std::string own = ipToString(address);
+    return host == own || host == own + ":" + toString(httpPort);
+}
+
+/// The fixed order of checks: the path (404), HOST (400), then the service.
+HTTPMessage callService(const Services& services, const std::string& path, const HTTPMessage& request,
+                        std::uint32_t address, const std::string& method, Answer answer) {
+    const auto service = services.find(path);
+    if (service == services.end()) return HTTPMessage(404);
+    if (!namesHost(request, address)) {
+        tk::log(method, ": host mismatch '", request.get("HOST"), "'");
+        return HTTPMessage(400);
+    }
+    return (service->second->*answer)(request);
+}
+
+}  // namespace
+
+HTTPMessage HTTPServer::dispatch(const Device& device, const HTTPMessage& request, const std::string& method,
+                                 const std::string& path) {
+    struct Route {
+        const char* method;
+        const Services& services;
+        Answer answer;
+    };
+    const Route routes[] = {
+        {"SUBSCRIBE", servicesByEventURL, &HTTPService::subscribe},
+        {"UNSUBSCRIBE", servicesByEventURL, &HTTPService::unsubscribe},
+        {"POST", servicesByControlURL, &HTTPService::handlePost},
+    };
+    if (method == "GET") return dispatchGet(device, request, path);
+    for (const Route& route : routes)
+        if (method == route.method)
+            return callService(route.services, path, request, host.addressOf(device), method, route.answer);
+    tk::log("what is this: '", method, "'");
+    return HTTPMessage(501);
+}
+
+HTTPMessage HTTPServer::dispatchGet(const Device& device, const HTTPMessage& request,
+                                    const std::string& path) {
+    const bool isDescription = path == "/gateway.xml";
+    return serveGet(store, request, isDescription ? host.describe(host.addressOf(device)) : std::string());
+}

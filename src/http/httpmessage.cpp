@@ -1,0 +1,107 @@
+#include "http/httpmessage.h"
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+#include "net/convert.h"
+#include "net/serverstring.h"
+#include "net/text.h"
+
+namespace {
+
+struct Reason {
+    int statusCode;
+    const char* phrase;
+};
+
+constexpr Reason reasons[] = {
+    {200, "OK"},
+    {400, "Bad Request"},
+    {404, "Not Found"},
+    {412, "Precondition Failed"},
+    {500, "Internal Server Error"},
+    {501, "Not Implemented"},
+};
+
+const char* reasonOf(int statusCode) {
+    for (const Reason& reason : reasons)
+        if (reason.statusCode == statusCode) return reason.phrase;
+    return "";
+}
+
+}  // namespace
+
+std::string toUpper(std::string text) {
+    for (char& byte : text)
+        if (byte >= 'a' && byte <= 'z') byte = static_cast<char>(byte - 'a' + 'A');
+    return text;
+}
+
+HTTPMessage::HTTPMessage(int statusCode)
+    : title("HTTP/1.1 " + ::toString(statusCode) + " " + reasonOf(statusCode)) {}
+
+HTTPMessage::HTTPMessage(std::string_view text) : complete(false) {
+    parse(text);
+}
+
+void HTTPMessage::parse(std::string_view text) {
+    std::size_t lineStart = 0;
+    std::size_t lineEnd = text.find('\r');
+    if (lineEnd == std::string_view::npos) return;
+    title = slice(text, 0, lineEnd);
+    for (lineStart = lineEnd + 2; firstByte(slice(text, lineStart)) != '\r'; lineStart = lineEnd + 2) {
+        lineEnd = text.find('\r', lineStart);
+        if (lineEnd == std::string_view::npos) return;
+        if (!addLine(slice(text, lineStart, lineEnd - lineStart))) return;
+    }
+    body = slice(text, lineStart + 2);
+    const std::string* const length = find("CONTENT-LENGTH");
+    complete = !length || toUnsigned(*length) == body.size();
+}
+
+/// Takes one header line. False when it has no colon.
+bool HTTPMessage::addLine(std::string_view line) {
+    const std::size_t colon = line.find(':');
+    if (colon == std::string_view::npos) return false;
+    std::size_t valueStart = colon + 1;
+    while (firstByte(slice(line, valueStart)) == ' ') ++valueStart;
+    names.push_back(toUpper(std::string(slice(line, 0, colon))));
+    values.emplace_back(slice(line, valueStart));
+    return true;
+}
+
+void HTTPMessage::add(std::string name, std::string value) {
+    names.push_back(toUpper(std::move(name)));
+    values.push_back(std::move(value));
+}
+
+const std::string* HTTPMessage::find(std::string name) const {
+    const auto found = std::find(names.begin(), names.end(), toUpper(std::move(name)));
+    return found == names.end() ? nullptr : &values[static_cast<std::size_t>(found - names.begin())];
+}
+
+bool HTTPMessage::has(std::string name) const {
+    return find(std::move(name)) != nullptr;
+}
+
+std::string HTTPMessage::get(std::string name) const {
+    const std::string* const value = find(std::move(name));
+    return value ? *value : std::string();
+}
+
+void HTTPMessage::addDate(std::time_t time) {
+    if (time == 0) time = std::time(nullptr);
+    std::tm utc{};
+    gmtime_r(&time, &utc);
+    std::array<char, 32> text{};
+    std::strftime(text.data(), text.size(), "%a, %d %b %Y %H:%M:%S GMT", &utc);
+    add("DATE", text.data());
+}
+
+std::string HTTPMessage::toString() const {
+    std::string text = title + crlf;
+    for (std::size_t i = 0; i < names.size() && i < values.size(); ++i)
+        text.append(names[i]).append(": ").append(values[i]).append(crlf);
+    return text.append(crlf).append(body);
+}

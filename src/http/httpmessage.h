@@ -1,0 +1,49 @@
+#pragma once
+
+#include <ctime>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// One message in the form of HTTP: a request, a response, or an SSDP datagram.
+/// A value: built, read or written, and dropped.
+struct HTTPMessage {
+    /// An empty message for the daemon's own requests; the title is set by the caller.
+    HTTPMessage() = default;
+    /// A response without headers and body. A status outside those that the daemon answers with (200, 400,
+    /// 404, 412, 500, 501) gets an empty reason, behind its blank.
+    explicit HTTPMessage(int statusCode);
+    /// Parses what was received so far. The text ends a line at each CR, and the byte behind a CR is taken to
+    /// be the LF without a look at it. Errors: none; what is malformed is left incomplete, with what was read
+    /// up to there.
+    explicit HTTPMessage(std::string_view text);
+    explicit HTTPMessage(const std::string& text) : HTTPMessage(std::string_view(text)) {}
+    explicit HTTPMessage(const char* text) : HTTPMessage(std::string_view(text)) {}
+
+    /// Appends a header, its name in upper case. Duplicates are not looked for.
+    void add(std::string name, std::string value);
+    /// True when there is a header of this name, in whatever case.
+    bool has(std::string name) const;
+    /// The value of the first header of this name, in whatever case; empty when there is none.
+    std::string get(std::string name) const;
+    /// Appends the header DATE. Units: seconds since 1970, 0 for now.
+    void addDate(std::time_t time);
+
+    /// The message as it goes on the wire. CONTENT-LENGTH is the business of whoever sets a body.
+    std::string toString() const;
+
+    std::string title;                // the start line
+    std::vector<std::string> names;   // of the headers, in upper case
+    std::vector<std::string> values;  // one for each name
+    std::string body;
+    bool complete =
+        true;  // false while a parsed message lacks something, or has a body beyond CONTENT-LENGTH
+
+private:
+    void parse(std::string_view text);
+    bool addLine(std::string_view line);
+    const std::string* find(std::string name) const;
+};
+
+/// The text in upper case, byte by byte, for ASCII letters.
+std::string toUpper(std::string text);

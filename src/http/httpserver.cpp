@@ -1,0 +1,149 @@
+#include "http/httpserver.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+#include "http/httptitle.h"
+#include "tk/log.h"
+
+namespace {
+
+constexpr std::size_t connectionLimit = 512;
+constexpr std::size_t sourceLimit = 128;  // connections from one address
+
+tk::Fd openReserve() {
+    return tk::Fd(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+}
+
+template <typename Key>
+void eraseFirst(std::map<Key, HTTPService*>& services, const HTTPService* service) {
+    for (auto entry = services.begin(); entry != services.end(); ++entry) {
+        if (entry->second != service) continue;
+        services.erase(entry);
+        return;
+    }
+}
+
+}  // namespace
+
+HTTPServer::HTTPServer(HTTPHost& host, std::string directory)
+    : host(host), store{std::move(directory), {}}, reserve(openReserve()) {}
+
+HTTPServer::~HTTPServer() = default;
+
+void HTTPServer::addFile(const std::string& url, const std::string& fileName) {
+    store.files[url] = fileName;
+}
+
+void HTTPServer::registerService(HTTPService* service, const std::string& eventURL,
+                                 const std::string& controlURL) {
+    servicesByEventURL[eventURL] = service;
+    servicesByControlURL[controlURL] = service;
+}
+
+void HTTPServer::removeService(const HTTPService* service) {
+    eraseFirst(servicesByEventURL, service);
+    eraseFirst(servicesByControlURL, service);
+}
+
+void HTTPServer::accept(int listenSocket, std::uint32_t) {
+    sockaddr_in peer{};
+    socklen_t length = sizeof peer;
+    tk::Fd accepted(
+        ::accept4(listenSocket, reinterpret_cast<sockaddr*>(&peer), &length, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (!accepted.isOpen()) {
+        const bool exhausted = errno == EMFILE || errno == ENFILE;
+        tk::log("accept failed");
+        if (!exhausted) return;
+        reserve.reset();  // else the listener stays ready, and the loop spins
+        accepted.reset(::accept4(listenSocket, nullptr, nullptr, SOCK_CLOEXEC));
+        accepted.reset();
+        reserve = openReserve();
+        return;
+    }
+    Device* device = host.listenerOwner(listenSocket);
+    if (!device) {
+        tk::log("oo jeaaa");
+        ::exit(1);
+    }
+    const std::uint32_t source = peer.sin_addr.s_addr;
+    if (countFrom(source) >= sourceLimit) return;
+    if (connections.size() >= connectionLimit) endOldestOfTheBusiest();
+    const int descriptor = accepted.get();
+    connections[descriptor] =
+        std::make_unique<HTTPConn>(*this, std::move(accepted), *device, source, ++accepts);
+}
+
+std::size_t HTTPServer::countFrom(std::uint32_t source) const {
+    return static_cast<std::size_t>(
+        std::count_if(connections.begin(), connections.end(),
+                      [source](const auto& entry) { return entry.second->source() == source; }));
+}
+
+/// So that a few hosts which hold connections open cannot keep all others out.
+void HTTPServer::endOldestOfTheBusiest() {
+    std::map<std::uint32_t, std::vector<const HTTPConn*>> bySource;
+    for (const auto& [descriptor, connection] : connections)
+        bySource[connection->source()].push_back(connection.get());
+    const auto busiest = std::max_element(
+        bySource.begin(), bySource.end(),
+        [](const auto& left, const auto& right) { return left.second.size() < right.second.size(); });
+    const auto oldest = std::min_element(
+        busiest->second.begin(), busiest->second.end(),
+        [](const HTTPConn* left, const HTTPConn* right) { return left->number() < right->number(); });
+    end((*oldest)->descriptor());
+}
+
+void HTTPServer::connRead(int socket, std::uint32_t) {
+    const auto entry = connections.find(socket);
+    if (entry == connections.end()) {
+        tk::log("fatal error: could not find http conn");
+        ::exit(1);
+    }
+    switch (entry->second->read()) {
+        case HTTPConn::Input::more:
+            return;
+        case HTTPConn::Input::complete:
+            answer(*entry->second);
+            break;
+        case HTTPConn::Input::ended:
+            break;
+    }
+    end(socket);
+}
+
+void HTTPServer::answer(HTTPConn& connection) {
+    const HTTPMessage request(connection.received());
+    const HTTPMessage response =
+        dispatch(connection.device(), request, methodOf(request.title), pathOf(request.title));
+    connection.write(response.toString());
+}
+
+void HTTPServer::end(int socket) {
+    const auto entry = connections.find(socket);
+    const Device& device = entry->second->device();
+    connections.erase(entry);
+    host.connectionEnded(device);
+}
+
+void HTTPServer::timedOut(int socket) {
+    end(socket);
+    tk::log("http request timeout");
+}
+
+void HTTPServer::dropConnections(const Device& device) {
+    std::erase_if(connections, [&device](const auto& entry) { return &entry.second->device() == &device; });
+}
+
+bool HTTPServer::hasConnections(const Device& device) const {
+    for (const auto& [descriptor, connection] : connections)
+        if (&connection->device() == &device) return true;
+    return false;
+}

@@ -1,0 +1,68 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "http/httpconn.h"
+#include "http/httphost.h"
+#include "http/httpservice.h"
+#include "http/httpstore.h"
+#include "tk/fd.h"
+
+/// Serves HTTP on the listeners of the internal interfaces: one request a connection, one response, then the
+/// end.
+///
+/// Beside the time limit of each connection there are limits on their number. One too many from the same
+/// address is closed as soon as it is accepted; one too many in all takes the place of the oldest of the
+/// address that has most.
+class HTTPServer {
+public:
+    /// `directory` holds the static files, and ends in a slash. Lifetime: the host outlives the server.
+    HTTPServer(HTTPHost& host, std::string directory);
+    HTTPServer(const HTTPServer&) = delete;
+    HTTPServer& operator=(const HTTPServer&) = delete;
+    ~HTTPServer();
+
+    /// Serves the file `fileName` of the folder under `url`; an earlier entry is replaced.
+    void addFile(const std::string& url, const std::string& fileName);
+
+    /// Routes requests to a service by its two URLs; an earlier entry under the same URL is replaced.
+    /// Lifetime: the service is removed before it is destroyed.
+    void registerService(HTTPService* service, const std::string& eventURL, const std::string& controlURL);
+    /// Forgets the first entry, in the order of the URLs, of a service in each of the two tables; one that is
+    /// in neither is no error.
+    void removeService(const HTTPService* service);
+
+    /// Callback of every listener: takes one connection. The process ends when no interface owns the
+    /// listener.
+    void accept(int listenSocket, std::uint32_t events);
+    /// Callback of every connection: reads what came, and answers once the request is complete. The process
+    /// ends when the descriptor belongs to no connection.
+    void connRead(int socket, std::uint32_t events);
+    /// A connection's time is up: it is closed without an answer.
+    void timedOut(int socket);
+
+    /// Closes the connections that were accepted on `device`, without an answer and a log line.
+    void dropConnections(const Device& device);
+    /// True while a connection refers to `device`.
+    bool hasConnections(const Device& device) const;
+
+private:
+    std::size_t countFrom(std::uint32_t source) const;
+    void endOldestOfTheBusiest();
+    void end(int socket);
+    void answer(HTTPConn& connection);
+    HTTPMessage dispatch(const Device& device, const HTTPMessage& request, const std::string& method,
+                         const std::string& path);
+    HTTPMessage dispatchGet(const Device& device, const HTTPMessage& request, const std::string& path);
+
+    HTTPHost& host;
+    HTTPStore store;
+    std::map<int, std::unique_ptr<HTTPConn>> connections;  // by descriptor
+    std::map<std::string, HTTPService*> servicesByEventURL;
+    std::map<std::string, HTTPService*> servicesByControlURL;
+    std::uint64_t accepts = 0;
+    tk::Fd reserve;  // given up for a moment when no descriptor is left, to take and close a connection
+};
