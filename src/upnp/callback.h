@@ -1,0 +1,50 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "upnp/upnpstatus.h"
+
+/// What carries an action out: takes the texts of the in-arguments, appends those of the out-arguments.
+class ActionHandler {
+public:
+    virtual ~ActionHandler() = default;
+    virtual UPNPStatus operator()(const std::vector<std::string>& in, std::vector<std::string>& out) = 0;
+};
+
+/// An action that is a member function. Lifetime: the object outlives the callback.
+template <typename T>
+class ActionCallback final : public ActionHandler {
+public:
+    using Method = UPNPStatus (T::*)(const std::vector<std::string>& in, std::vector<std::string>& out);
+
+    ActionCallback(T* obj, Method method) : obj(obj), method(method) {}
+    UPNPStatus operator()(const std::vector<std::string>& in, std::vector<std::string>& out) override {
+        return (obj->*method)(in, out);
+    }
+
+private:
+    T* obj;
+    Method method;
+};
+
+/// What computes the value of a variable each time it is read.
+class ValueGetter {
+public:
+    virtual ~ValueGetter() = default;
+    virtual std::string operator()() = 0;
+};
+
+/// A value that is a member function. Lifetime: the object outlives the callback.
+template <typename T>
+class MethodCallback final : public ValueGetter {
+public:
+    using Getter = std::string (T::*)();
+
+    MethodCallback(T* obj, Getter getter) : obj(obj), getter(getter) {}
+    std::string operator()() override { return (obj->*getter)(); }
+
+private:
+    T* obj;
+    Getter getter;
+};

@@ -1,0 +1,112 @@
+#include "upnp/gena.h"
+
+#include <uuid/uuid.h>
+
+#include <algorithm>
+#include <limits>
+#include <memory>
+
+#include "net/convert.h"
+#include "net/serverstring.h"
+#include "net/text.h"
+#include "tk/log.h"
+#include "upnp/callbackurl.h"
+#include "upnp/subscription.h"
+
+namespace {
+
+constexpr int ok = 200;
+constexpr int preconditionFailed = 412;
+constexpr int internalServerError = 500;
+
+constexpr std::size_t subscriptionLimit = 100;   // per service
+constexpr std::uint32_t shortestSeconds = 1800;  // also where none or no number is asked for
+constexpr std::uint32_t longestSeconds = 86400;
+constexpr std::size_t uuidTextSize = 37;  // with the '\0' behind it
+
+struct Callback {
+    std::uint32_t address = 0;
+    std::uint16_t port = 0;
+    std::string path;
+};
+
+/// The duration that is asked for, 0 for none. A negative number counts as a huge one.
+std::uint32_t requestedSeconds(const std::string& timeout) {
+    constexpr std::string_view unit = "Second-";
+    if (slice(timeout, 0, unit.size()) != unit) return 0;
+    const std::string number(slice(timeout, unit.size()));
+    if (number == "infinite") return std::numeric_limits<std::uint32_t>::max();
+    return static_cast<std::uint32_t>(toInt(number));
+}
+
+std::uint32_t grantedSeconds(const HTTPMessage& request) {
+    return std::clamp(requestedSeconds(request.get("TIMEOUT")), shortestSeconds, longestSeconds);
+}
+
+/// Reads the first URL of the list. False when it is none that events can be sent to.
+bool readCallback(const HTTPMessage& request, Callback& callback) {
+    const std::string list = request.get("CALLBACK");
+    if (firstByte(list) != '<' || lastByte(list) != '>') return false;
+    const std::string url(slice(list, 1, list.find('>') - 1));
+    return parseCallbackUrl(url, callback.address, callback.port, callback.path);
+}
+
+bool hasSubscriptionFrom(const Service& service, std::uint32_t address) {
+    return std::any_of(service.subscriptions.begin(), service.subscriptions.end(),
+                       [address](const auto& entry) { return entry.second->address == address; });
+}
+
+std::string newSid() {
+    uuid_t uuid;
+    char text[uuidTextSize] = {};
+    uuid_generate(uuid);
+    uuid_unparse(uuid, text);
+    return "uuid:" + std::string(text);
+}
+
+HTTPMessage grant(Subscription& subscription, const HTTPMessage& request) {
+    const std::uint32_t seconds = grantedSeconds(request);
+    subscription.expireIn(seconds);
+    HTTPMessage response(ok);
+    response.addDate(0);
+    response.add("SERVER", serverString);
+    response.add("SID", subscription.sid);
+    response.add("TIMEOUT", "Second-" + toString(seconds));
+    return response;
+}
+
+HTTPMessage addSubscription(Service& service, const HTTPMessage& request) {
+    Callback callback;
+    if (request.get("NT") != "upnp:event" || !readCallback(request, callback))
+        return HTTPMessage(preconditionFailed);
+    tk::log("callback addr: ", ipToString(callback.address), ", port: ", std::uint32_t{callback.port},
+            ", path: ", callback.path);
+    if (service.subscriptions.size() >= subscriptionLimit) return HTTPMessage(internalServerError);
+    if (hasSubscriptionFrom(service, callback.address)) return HTTPMessage(preconditionFailed);
+
+    auto created =
+        std::make_unique<Subscription>(service, newSid(), callback.address, callback.port, callback.path);
+    Subscription& subscription = *created;
+    service.subscriptions[subscription.sid] = std::move(created);
+    tk::log("subscribe: ", service.serviceType);
+    service.sendEvent(subscription, "");
+    return grant(subscription, request);
+}
+
+}  // namespace
+
+HTTPMessage subscribe(Service& service, const HTTPMessage& request) {
+    if (request.has("NT")) return addSubscription(service, request);
+    const auto subscription = service.subscriptions.find(request.get("SID"));
+    if (subscription == service.subscriptions.end()) return HTTPMessage(preconditionFailed);
+    tk::log("resubscribe: ", service.serviceType);
+    return grant(*subscription->second, request);
+}
+
+HTTPMessage unsubscribe(Service& service, const HTTPMessage& request) {
+    const auto subscription = service.subscriptions.find(request.get("SID"));
+    if (subscription == service.subscriptions.end()) return HTTPMessage(preconditionFailed);
+    tk::log("unsubscribe");
+    service.subscriptions.erase(subscription);
+    return HTTPMessage(ok);
+}

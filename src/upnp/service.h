@@ -1,0 +1,73 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "http/httpservice.h"
+#include "upnp/action.h"
+#include "upnp/subscription.h"
+#include "upnp/variable.h"
+
+/// The runtime object of one UPnP service: its state variables, its actions, its subscribers and the events
+/// that are on their way to them. Concrete services derive from it, and fill the two tables in their
+/// constructors.
+class Service : public HTTPService {
+public:
+    /// One NOTIFY on its way (upnp/event.h).
+    class Event;
+
+    /// A service without variables and actions. The type is the full one, "urn:schemas-upnp-org:service:...".
+    explicit Service(std::string serviceType);
+    Service(const Service&) = delete;
+    Service& operator=(const Service&) = delete;
+    /// Drops subscriptions and events with their timers and sockets, without a log line.
+    ~Service() override;
+
+    /// Takes a variable over under a name, and gives it back to be set up. One that had the name before is
+    /// not found any more, but lives as long as the service.
+    Variable& addVar(const std::string& name, Variable* variable);
+
+    /// Adds a getter action. Without names its out-arguments are called like the variables with "New" before
+    /// them.
+    void addAct(const std::string& name, std::vector<std::string> outVars,
+                std::vector<std::string> outNames = {});
+
+    /// Adds an action that `method` of `obj` carries out. Lifetime: the object outlives the service.
+    template <typename T>
+    void addAct(const std::string& name, std::vector<std::string> inVars, std::vector<std::string> inNames,
+                std::vector<std::string> outVars, std::vector<std::string> outNames, T* obj,
+                typename ActionCallback<T>::Method method) {
+        actions[name] = std::make_unique<Action>(std::move(inVars), std::move(inNames), std::move(outVars),
+                                                 std::move(outNames), obj, method);
+    }
+
+    /// The current value of a variable; empty when there is no such variable, or it has no value.
+    std::string getVar(const std::string& name) const;
+
+    /// Gives a variable a fixed value, and sends an event to every subscriber when it is evented and the text
+    /// changed. An unknown name is no error.
+    void setVar(const std::string& name, const std::string& newValue);
+
+    /// Starts one delivery to a subscriber: of one variable, or of all evented ones when the name is empty.
+    /// Errors: logged; nothing is sent then.
+    void sendEvent(const Subscription& subscription, const std::string& varName);
+
+    HTTPMessage handlePost(const HTTPMessage& request) override;
+    HTTPMessage subscribe(const HTTPMessage& request) override;
+    HTTPMessage unsubscribe(const HTTPMessage& request) override;
+
+    const std::string serviceType;
+    std::map<std::string, std::unique_ptr<Variable>> variables;          // by name
+    std::map<std::string, std::unique_ptr<Action>> actions;              // by name
+    std::map<std::string, std::unique_ptr<Subscription>> subscriptions;  // by SID
+    std::map<int, std::unique_ptr<Event>> events;                        // by socket descriptor
+
+private:
+    void dropOrphanedEvents();
+    [[nodiscard]] bool mayDeliverTo(const Subscription& subscription) const;
+
+    std::vector<std::unique_ptr<Variable>> replacedVariables;
+};

@@ -1,0 +1,156 @@
+#include "upnp/soap.h"
+
+#include <utility>
+
+#include "net/convert.h"
+#include "net/text.h"
+#include "tk/log.h"
+#include "upnp/checkvalue.h"
+#include "upnp/soapresponse.h"
+#include "xml/xmlparser.h"
+
+namespace {
+
+constexpr int ok = 200;
+constexpr int badRequest = 400;
+constexpr const char* encodingStyle = "http://schemas.xmlsoap.org/soap/encoding/";
+constexpr const char* queryAction = "QueryStateVariable";  // of the control protocol's own namespace
+
+/// The first child with this name, whatever its prefix; null when there is none.
+const XMLNode* findChild(const XMLNode& node, std::string_view name) {
+    for (const XMLNode& child : node.children)
+        if (stripPrefix(child.name) == name) return &child;
+    return nullptr;
+}
+
+const XMLProp* findProperty(const XMLNode& node, std::string_view name) {
+    for (const XMLProp& property : node.properties)
+        if (stripPrefix(property.name) == name) return &property;
+    return nullptr;
+}
+
+template <typename... Parts>
+HTTPMessage refuse(const Parts&... parts) {
+    tk::log(parts...);
+    return HTTPMessage(badRequest);
+}
+
+template <typename... Parts>
+HTTPMessage fail(Service& service, UPNPStatus code, const Parts&... parts) {
+    tk::log(parts...);
+    return soapFault(service, code);
+}
+
+/// Adds one out-argument to the result.
+void addResult(XMLNode& result, const std::string& name, const std::string& value) {
+    tk::log("ret: ", name, ", val: ", value);
+    result.addSubNode(name, value);
+}
+
+HTTPMessage answerFromVariables(Service& service, const Action& action, XMLNode result) {
+    for (std::size_t i = 0; i < action.outVars.size(); ++i) {
+        const auto variable = service.variables.find(action.outVars[i]);
+        if (variable == service.variables.end()) return fail(service, upnpstatus::invalidAction, "bad var");
+        std::string value;
+        if (!variable->second->getValue(value)) return fail(service, upnpstatus::invalidAction, "bad val");
+        addResult(result, action.outNames[i], value);
+    }
+    return soapResponse(service, ok, std::move(result));
+}
+
+/// Collects the in-arguments in the action's order. False, with the fault in `fault`, when one does not pass.
+bool readArguments(Service& service, const Action& action, const XMLNode& call, std::vector<std::string>& in,
+                   HTTPMessage& fault) {
+    for (std::size_t i = 0; i < action.inVars.size(); ++i) {
+        const auto variable = service.variables.find(action.inVars[i]);
+        if (variable == service.variables.end()) {
+            fault = fail(service, upnpstatus::invalidAction, "POST: bad variable");
+            return false;
+        }
+        const XMLNode* const argument = findChild(call, action.inNames[i]);
+        if (!argument) {
+            fault = fail(service, upnpstatus::invalidArgs,
+                         "POST: action xml doesn't have var: ", action.inNames[i]);
+            return false;
+        }
+        tk::log("arg: ", argument->name, ", val: ", argument->value);
+        if (!checkValue(*variable->second, argument->value)) {
+            fault = fail(service, upnpstatus::invalidArgs, "POST: action xml bad variable value");
+            return false;
+        }
+        in.push_back(argument->value);
+    }
+    return true;
+}
+
+HTTPMessage answerFromCallback(Service& service, const Action& action, const XMLNode& call, XMLNode result) {
+    std::vector<std::string> in;
+    HTTPMessage fault;
+    if (!readArguments(service, action, call, in, fault)) return fault;
+    std::vector<std::string> out;
+    const UPNPStatus status = (*action.callback)(in, out);
+    if (status != upnpstatus::ok) return soapFault(service, status);
+    if (out.size() != action.outVars.size()) return fail(service, upnpstatus::invalidAction, "bad ret");
+    for (std::size_t i = 0; i < out.size(); ++i) addResult(result, action.outNames[i], out[i]);
+    return soapResponse(service, ok, std::move(result));
+}
+
+}  // namespace
+
+HTTPMessage handlePost(Service& service, const HTTPMessage& request) {
+    const std::string contentType = request.get("CONTENT-TYPE");
+    if (contentType.find("text/xml") == std::string::npos)
+        return refuse("POST method with bad CONTENT-TYPE: ", contentType);
+    const XMLParser document(request.body);
+    if (!document.ok) return refuse("POST: with bad xml");
+    const XMLNode& envelope = document.root.children.front();
+    if (stripPrefix(envelope.name) != "Envelope") return refuse("POST: XML bad node name: ", envelope.name);
+    const XMLProp* const style = findProperty(envelope, "encodingStyle");
+    if (!style) return refuse("POST: XML no encoding style");
+    if (style->value != encodingStyle) return refuse("POST: XML bad encoding style");
+    const XMLNode* const body = findChild(envelope, "Body");
+    if (!body) return refuse("POST: XML no body");
+    const std::string header = request.get("SOAPACTION");
+    if (header.empty()) return refuse("POST: with no SOAPACTION");
+
+    std::string_view action = header;
+    // The last byte goes with the first, whatever it is.
+    if (firstByte(action) == '"') action = slice(action, 1, action.size() > 1 ? action.size() - 2 : 0);
+    if (action == controlNamespace + std::string("#") + queryAction)
+        return queryStateVariable(service, *body);
+    const std::size_t hash = action.find('#');
+    return invokeAction(service, *body,
+                        std::string(hash == std::string_view::npos ? action : slice(action, hash + 1)));
+}
+
+HTTPMessage invokeAction(Service& service, const XMLNode& body, const std::string& actionName) {
+    tk::log("action: ", actionName);
+    const XMLNode* const call = findChild(body, actionName);
+    if (!call) return refuse("POST: XML has no such action");
+    const auto entry = service.actions.find(actionName);
+    if (entry == service.actions.end())
+        return fail(service, upnpstatus::invalidAction, "POST: no such action registered");
+    const Action& action = *entry->second;
+    XMLNode result("u:" + actionName + "Response");
+    result.addProperty("xmlns:u", service.serviceType);
+    return action.callback ? answerFromCallback(service, action, *call, std::move(result))
+                           : answerFromVariables(service, action, std::move(result));
+}
+
+HTTPMessage queryStateVariable(Service& service, const XMLNode& body) {
+    const XMLNode* const query = findChild(body, queryAction);
+    if (!query) return refuse("POST: query variable xml bad");
+    const XMLNode* const name = findChild(*query, "varName");
+    if (!name) return refuse("POST: query variable xml var name bad");
+    tk::log("query variable: ", name->value);
+    const auto variable = service.variables.find(name->value);
+    if (variable == service.variables.end())
+        return fail(service, upnpstatus::invalidVar, "POST: no such variable name registered");
+    std::string value;
+    if (!variable->second->getValue(value))
+        return fail(service, upnpstatus::invalidVar, "POST: variable has no value");
+    XMLNode result("u:QueryStateVariableResponse");
+    result.addProperty("xmlns:u", controlNamespace);
+    result.addSubNode("return", value);
+    return soapResponse(service, ok, std::move(result));
+}

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <string>
+
+#include "http/httpmessage.h"
+#include "upnp/service.h"
+#include "xml/xmlnode.h"
+
+/// Answers a POST to a service's control URL: an action, or QueryStateVariable.
+/// Errors: a bare HTTP 400 for a request that is no SOAP call, else a SOAP fault; logged, but for the fault
+/// with an action's own status, of which the action speaks. An action runs only after all of its arguments
+/// have passed their checks.
+/// Protocol: UPnP Device Architecture 1.0, 3.2. The service's type in SOAPACTION is not looked at; the URL
+/// decides.
+[[nodiscard]] HTTPMessage handlePost(Service& service, const HTTPMessage& request);
+
+/// Carries out the action whose element is in `body`. Arguments are found by name, in any order.
+[[nodiscard]] HTTPMessage invokeAction(Service& service, const XMLNode& body, const std::string& actionName);
+
+/// Answers with the value of the variable that is named in `body`, be it evented or not.
+[[nodiscard]] HTTPMessage queryStateVariable(Service& service, const XMLNode& body);

@@ -1,0 +1,19 @@
+#include "upnp/upnpservicedescr.h"
+
+UpnpServiceDescr::UpnpServiceDescr(const std::string& domain, const std::string& type, const std::string& id,
+                                   const std::string& name)
+    : serviceType("urn:schemas-" + domain + ":service:" + type),
+      serviceId("urn:" + domain + ":serviceId:" + id),
+      SCPDURL("/" + name + ".xml"),
+      controlURL("/upnp/control/" + name),
+      eventSubURL("/upnp/event/" + name) {}
+
+XMLNode UpnpServiceDescr::buildDescription() const {
+    XMLNode service("service");
+    service.addSubNode("serviceType", serviceType);
+    service.addSubNode("serviceId", serviceId);
+    service.addSubNode("SCPDURL", SCPDURL);
+    service.addSubNode("controlURL", controlURL);
+    service.addSubNode("eventSubURL", eventSubURL);
+    return service;
+}

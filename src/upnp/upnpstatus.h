@@ -1,0 +1,25 @@
+#pragma once
+
+#include <cstdint>
+
+/// How an action ended: 0, or a UPnP error code, which the client gets in a SOAP fault. Codes other than
+/// those below may be sent too; they have no description.
+using UPNPStatus = std::int32_t;
+
+namespace upnpstatus {
+constexpr UPNPStatus ok = 0;
+constexpr UPNPStatus invalidAction = 401;
+constexpr UPNPStatus invalidArgs = 402;
+constexpr UPNPStatus outOfSync = 403;
+constexpr UPNPStatus invalidVar = 404;
+constexpr UPNPStatus actionFailed = 501;
+constexpr UPNPStatus specifiedArrayIndexInvalid = 713;
+constexpr UPNPStatus noSuchEntryInArray = 714;
+constexpr UPNPStatus wildcardNotPermittedInExtPort = 716;
+constexpr UPNPStatus conflictInMappingEntry = 718;
+constexpr UPNPStatus onlyPermanentLeasesSupported = 725;
+constexpr UPNPStatus remoteHostOnlySupportsWildcard = 726;
+}  // namespace upnpstatus
+
+/// The text that goes with a code in a fault; empty for a code that is not among those above.
+const char* errorDescription(UPNPStatus code);
