@@ -1,0 +1,47 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "upnp/adverttargets.h"
+
+/// One internal interface as discovery sees it.
+struct SSDPInterface {
+    int socket = 0;             // its SSDP socket
+    std::uint32_t address = 0;  // the address that it serves, in network order
+    std::string deviceName;     // its name in the kernel
+};
+
+/// What discovery asks of the gateway above it.
+class SSDPHost {
+public:
+    virtual ~SSDPHost() = default;
+    /// The interface whose SSDP socket this is. The process ends when there is none.
+    virtual SSDPInterface findInterface(int ssdpSocket) = 0;
+};
+
+/// Answers the searches that arrive on the internal interfaces.
+class Discovery {
+public:
+    /// Lifetime: the host outlives the object.
+    explicit Discovery(SSDPHost& host) : host(host) {}
+    Discovery(const Discovery&) = delete;
+    Discovery& operator=(const Discovery&) = delete;
+
+    /// Callback of every SSDP socket: reads one datagram, and answers it when it is a search for something we
+    /// have. Replies go out at once and from a port of their own. Protocol: UPnP Device
+    /// Architecture 1.0, 1.2.2 and 1.2.3.
+    void ssdpRead(int socket, std::uint32_t events);
+
+    /// The notification types and unique service names of the whole device tree, between the moments in which
+    /// those of one WAN device are announced.
+    AdvertTargets advertTargets;
+
+private:
+    SSDPHost& host;
+};
+
+/// Multicasts one NOTIFY for each entry of `table`, in order, from the interface's SSDP socket: ssdp:byebye
+/// or ssdp:alive. Errors: logged, and the next one is sent. Protocol: UPnP Device Architecture 1.0, 1.1.2
+/// and 1.1.3.
+void sendAdverts(const SSDPInterface& interface, const AdvertTargets& table, bool byebye);

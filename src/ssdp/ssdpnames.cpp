@@ -1,0 +1,22 @@
+#include "ssdp/ssdpnames.h"
+
+#include "http/baseurl.h"
+#include "net/convert.h"
+
+namespace {
+
+constexpr unsigned maxAgeSeconds = 3600;
+
+}  // namespace
+
+std::string ssdpHost() {
+    return std::string(ssdpGroup) + ":" + toString(unsigned{ssdpPort});
+}
+
+std::string ssdpMaxAge() {
+    return "max-age=" + toString(maxAgeSeconds);
+}
+
+std::string ssdpLocation(std::uint32_t address) {
+    return baseUrl(address) + "/gateway.xml";
+}
