@@ -1,0 +1,29 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+/// The key of a port mapping. The remote host is not part of it.
+struct Id {
+    std::uint16_t port = 0;     // external port
+    std::int32_t protocol = 0;  // 0 TCP, 1 UDP
+
+    /// By port, then by protocol: TCP stands before UDP.
+    bool operator<(const Id& other) const;
+};
+
+/// One port mapping: a value, kept beside the NAT rule that it stands for.
+struct PortMap {
+    std::uint16_t internalPort = 0;
+    std::uint32_t internalClient = 0;  // IPv4, network order
+    bool enabled = false;
+    std::string description;          // the client's own; the firewall never gets it
+    std::uint32_t leaseDuration = 0;  // always 0: only permanent mappings are accepted
+    std::uint32_t natId = 0;          // the bus object of the NAT rule
+};
+
+/// Reads a key from a client's texts: the port is cut to 16 bits, and everything but "TCP" is UDP.
+Id toId(const std::string& externalPort, const std::string& protocol);
+
+/// "TCP" or "UDP".
+const char* protocolName(std::int32_t protocol);

@@ -1,0 +1,170 @@
+// The port mapping table of WANIPConnection and the four actions on it.
+
+#include "net/convert.h"
+#include "services/natrules.h"
+#include "services/wanipconnection.h"
+#include "tk/log.h"
+#include "tk/names.h"
+
+namespace {
+
+// Descriptions of all mappings together: clients must not fill the router's memory with them. Units: bytes.
+constexpr std::size_t descriptionLimit = std::size_t{16} * 1024 * 1024;
+constexpr const char* noRoom = "the descriptions of all mappings take too much memory";
+
+constexpr std::uint32_t noAddress = 0xFFFFFFFF;  // what toAddress() gives for every text that is no address
+
+// Some control points want to see at least one entry; it exists in answers alone, and always stands first.
+constexpr const char* dummyDescription = "Dummy inactive rule for windows to work";
+
+using Arguments = std::vector<std::string>;
+
+PortMap dummyMap() {
+    PortMap dummy;
+    dummy.description = dummyDescription;
+    return dummy;
+}
+
+void answerKey(Arguments& out, const Id& id) {
+    out.insert(out.end(), {"", toString(unsigned{id.port}), protocolName(id.protocol)});
+}
+
+void answerValue(Arguments& out, const PortMap& map) {
+    out.insert(out.end(), {toString(unsigned{map.internalPort}), ipToString(map.internalClient),
+                           map.enabled ? "1" : "0", map.description, toString(map.leaseDuration)});
+}
+
+bool isTrue(const std::string& text) {
+    return text == "yes" || text == "1" || text == "true";
+}
+
+}  // namespace
+
+void WANIPConnection::countMaps(bool withDummy) {
+    const std::size_t count = portMaps.size() + (withDummy ? 1 : 0);
+    setVar("PortMappingNumberOfEntries", toString(static_cast<unsigned>(count)));
+}
+
+UPNPStatus WANIPConnection::addPortMapping(const Arguments& in, Arguments&) {
+    const std::string &remoteHost = in[0], &externalPort = in[1], &internalPort = in[3],
+                      &internalClient = in[4];
+    if (toAddress(remoteHost) != noAddress) {
+        tk::log("addPortMapping: REMOTE_ONLY_WILDCARD: '", remoteHost, "'");
+        return upnpstatus::remoteHostOnlySupportsWildcard;
+    }
+    if (externalPort.empty()) {
+        tk::log("addPortMapping: EXT_PORT_NO_WILDCARD");
+        return upnpstatus::wildcardNotPermittedInExtPort;
+    }
+    const Id id = toId(externalPort, in[2]);
+    PortMap map;
+    map.internalPort = static_cast<std::uint16_t>(toUnsigned(internalPort));
+    map.internalClient = toAddress(internalClient);
+    map.enabled = isTrue(in[5]);
+    map.description = in[6];
+    map.leaseDuration = toUnsigned(in[7]);
+    if (map.leaseDuration != 0) {
+        tk::log("addPortMapping: ONLY_PERM_LEASES");
+        return upnpstatus::onlyPermanentLeasesSupported;
+    }
+    const auto existing = portMaps.find(id);
+    const bool isNew = existing == portMaps.end();
+    tk::log(isNew ? "add map " : "set map ", externalPort, "->", internalPort, ", ", internalClient);
+    return isNew ? addMap(id, std::move(map)) : changeMap(existing->second, std::move(map));
+}
+
+bool WANIPConnection::hasRoom(const std::string& description, std::size_t oldLength) const {
+    return descriptionBytes - oldLength + description.size() <= descriptionLimit;
+}
+
+UPNPStatus WANIPConnection::addMap(const Id& id, PortMap map) {
+    if (!hasRoom(map.description, 0)) {
+        tk::log("add nat failed: ", noRoom);
+        return upnpstatus::actionFailed;
+    }
+    const tk::message reply = createNatRule(id, map, externalAddress);
+    if (tk::isError(reply)) {
+        tk::log("add nat failed: ", tk::getError(reply));
+        return upnpstatus::actionFailed;
+    }
+    map.natId = reply.get_u32(tk::field::objectId);
+    descriptionBytes += map.description.size();
+    portMaps[id] = std::move(map);
+    countMaps(showDummyRule);
+    return upnpstatus::ok;
+}
+
+UPNPStatus WANIPConnection::changeMap(PortMap& existing, PortMap map) {
+    if (map.internalClient != existing.internalClient) {
+        tk::log("addPortMapping: CONFLICT_IN_ENTRY");
+        return upnpstatus::conflictInMappingEntry;
+    }
+    if (!hasRoom(map.description, existing.description.size())) {
+        tk::log("set nat failed: ", noRoom);
+        return upnpstatus::actionFailed;
+    }
+    map.natId = existing.natId;
+    const tk::message reply = changeNatRule(map);
+    if (tk::isError(reply)) {
+        tk::log("set nat failed: ", tk::getError(reply));
+        return upnpstatus::actionFailed;
+    }
+    descriptionBytes = descriptionBytes - existing.description.size() + map.description.size();
+    existing = std::move(map);
+    return upnpstatus::ok;
+}
+
+UPNPStatus WANIPConnection::deletePortMapping(const Arguments& in, Arguments&) {
+    const std::string& externalPort = in[1];
+    const auto existing = portMaps.find(toId(externalPort, in[2]));
+    if (existing == portMaps.end()) {
+        tk::log("deletePortMapping: NO_SUCH_ENTRY");
+        return upnpstatus::noSuchEntryInArray;
+    }
+    tk::log("del map ", externalPort);
+    const tk::message reply = removeNatRule(existing->second.natId);
+    if (tk::isError(reply)) {
+        tk::log("remove nat failed: ", tk::getError(reply));
+        return upnpstatus::actionFailed;
+    }
+    descriptionBytes -= existing->second.description.size();
+    portMaps.erase(existing);
+    countMaps(showDummyRule);
+    return upnpstatus::ok;
+}
+
+UPNPStatus WANIPConnection::getGenericPortMappingEntry(const Arguments& in, Arguments& out) {
+    std::uint32_t index = toUnsigned(in[0]);
+    if (showDummyRule && index == 0) {
+        answerKey(out, Id{});
+        answerValue(out, dummyMap());
+        return upnpstatus::ok;
+    }
+    if (showDummyRule) --index;
+    if (index >= portMaps.size()) return upnpstatus::specifiedArrayIndexInvalid;
+    const auto entry = std::next(portMaps.begin(), static_cast<std::ptrdiff_t>(index));
+    answerKey(out, entry->first);
+    answerValue(out, entry->second);
+    return upnpstatus::ok;
+}
+
+UPNPStatus WANIPConnection::getSpecificPortMappingEntry(const Arguments& in, Arguments& out) {
+    const std::string &remoteHost = in[0], &externalPort = in[1], &protocol = in[2];
+    if (remoteHost.empty() && externalPort == "0" && protocol == "TCP") {
+        answerValue(out, dummyMap());  // even before a real mapping of that port. On purpose.
+        return upnpstatus::ok;
+    }
+    if (!remoteHost.empty()) return upnpstatus::noSuchEntryInArray;
+    const auto existing = portMaps.find(toId(externalPort, protocol));
+    if (existing == portMaps.end()) return upnpstatus::noSuchEntryInArray;
+    answerValue(out, existing->second);
+    return upnpstatus::ok;
+}
+
+void WANIPConnection::removeNatRules() {
+    for (const auto& [id, map] : portMaps) {
+        const tk::message reply = removeNatRule(map.natId);
+        if (tk::isError(reply)) tk::log("on cleanup remove nat failed: ", tk::getError(reply));
+    }
+    portMaps.clear();
+}

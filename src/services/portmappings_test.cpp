@@ -1,0 +1,390 @@
+// The port mapping actions of WANIPConnection, against a scripted firewall.
+
+#include <arpa/inet.h>
+
+#include <gtest/gtest.h>
+
+#include "services/testing/servicecalls.h"
+#include "services/wanipconnection.h"
+#include "tk/names.h"
+#include "tk/testing/testloop.h"
+
+namespace {
+
+using Texts = std::vector<std::string>;
+
+const tk::Path firewall = {20, 5};
+const std::uint32_t externalAddress = inet_addr("198.51.100.1");
+const std::uint32_t client = inet_addr("192.0.2.2");
+
+tk::message reply(std::uint32_t objectId) {
+    tk::message message;
+    message.insert_u32(tk::field::objectId, objectId);
+    return message;
+}
+
+class PortMappings : public testing::Test {
+protected:
+    PortMappings() {
+        testing::internal::CaptureStdout();
+        loop.bus.answer(firewall, tk::command::addObject,
+                        [this](const tk::message&) { return reply(++lastRule); });
+        service = std::make_unique<WANIPConnection>(7, externalAddress);
+        takeLog();
+    }
+    ~PortMappings() override {
+        service.reset();
+        testing::internal::GetCapturedStdout();
+    }
+
+    std::string takeLog() {
+        std::string log = testing::internal::GetCapturedStdout();
+        testing::internal::CaptureStdout();
+        return log;
+    }
+    /// The arguments of AddPortMapping in their order; what is not given is a plain TCP mapping of port 80.
+    struct Mapping {
+        std::string remoteHost = "";
+        std::string externalPort = "80";
+        std::string protocol = "TCP";
+        std::string internalPort = "8080";
+        std::string internalClient = "192.0.2.2";
+        std::string enabled = "1";
+        std::string description = "web";
+        std::string lease = "0";
+    };
+    UPNPStatus addMapping(const Mapping& mapping) {
+        Texts out;
+        const UPNPStatus status =
+            call(*service, "AddPortMapping",
+                 {mapping.remoteHost, mapping.externalPort, mapping.protocol, mapping.internalPort,
+                  mapping.internalClient, mapping.enabled, mapping.description, mapping.lease},
+                 out);
+        EXPECT_EQ(out, Texts());
+        return status;
+    }
+    UPNPStatus deleteMapping(const Texts& key) {
+        Texts out;
+        return call(*service, "DeletePortMapping", key, out);
+    }
+    UPNPStatus generic(const std::string& index, Texts& out) {
+        out.clear();
+        return call(*service, "GetGenericPortMappingEntry", {index}, out);
+    }
+    UPNPStatus specific(const Texts& key, Texts& out) {
+        out.clear();
+        return call(*service, "GetSpecificPortMappingEntry", key, out);
+    }
+    std::vector<tk::message> sent(std::uint32_t command) {
+        std::vector<tk::message> contents;
+        for (const auto& request : loop.bus.requestsTo(firewall, command)) {
+            EXPECT_EQ(request.timeout, 6000u);
+            EXPECT_EQ(request.from, (tk::Path{80, 0}));
+            contents.push_back(request.content);
+        }
+        return contents;
+    }
+    std::string count() { return service->getVar("PortMappingNumberOfEntries"); }
+
+    tk::testing::TestLoop loop;
+    std::uint32_t lastRule = 40;
+    std::unique_ptr<WANIPConnection> service;
+};
+
+tk::message createMessage(bool disabled, std::uint32_t externalPort, std::uint32_t protocol,
+                          std::uint32_t internalPort) {
+    tk::message rule;
+    rule.insert_u32_array(0xFF0001, {20, 5});
+    rule.insert_bool(0xFE0007, true);
+    rule.insert_bool(0xFE000A, disabled);
+    rule.insert_string(39, "dstnat");
+    rule.insert_bool(419, true);
+    rule.insert_be32(52, externalAddress);
+    rule.insert_be32(53, externalAddress);
+    rule.insert_bool(406, true);
+    rule.insert_u32(9, externalPort);
+    rule.insert_u32(10, externalPort);
+    rule.insert_bool(404, true);
+    rule.insert_u32(11, protocol);
+    rule.insert_u32(40, 22);
+    rule.insert_bool(1006, true);
+    rule.insert_be32(1000, client);
+    rule.insert_be32(1001, client);
+    rule.insert_bool(1007, true);
+    rule.insert_u32(1002, internalPort);
+    rule.insert_u32(1003, internalPort);
+    return rule;
+}
+
+TEST_F(PortMappings, AddCreatesTheRuleFieldByFieldInOrder) {
+    EXPECT_EQ(addMapping({}), 0);
+    EXPECT_EQ(sent(tk::command::addObject), std::vector<tk::message>{createMessage(false, 80, 6, 8080)});
+    EXPECT_EQ(takeLog(), "add map 80->8080, 192.0.2.2\n");
+    EXPECT_EQ(count(), "2");  // with the dummy entry
+}
+
+TEST_F(PortMappings, AddOfUdpCarriesItsProtocolNumber) {
+    EXPECT_EQ(addMapping({.externalPort = "53", .protocol = "UDP", .internalPort = "5353"}), 0);
+    EXPECT_EQ(sent(tk::command::addObject), std::vector<tk::message>{createMessage(false, 53, 17, 5353)});
+}
+
+TEST_F(PortMappings, AnyOtherProtocolIsUdpLowerCaseTcpIncluded) {
+    EXPECT_EQ(addMapping({.protocol = "tcp"}), 0);
+    EXPECT_EQ(sent(tk::command::addObject), std::vector<tk::message>{createMessage(false, 80, 17, 8080)});
+    Texts out;
+    EXPECT_EQ(generic("1", out), 0);
+    EXPECT_EQ(out[2], "UDP");
+}
+
+TEST_F(PortMappings, EnabledIsYesOneOrTrueAndNothingElse) {
+    int port = 1;
+    for (const char* text : {"yes", "1", "true"}) {
+        EXPECT_EQ(addMapping({.externalPort = std::to_string(port++), .enabled = text}), 0);
+        EXPECT_FALSE(sent(tk::command::addObject).back().get_bool(0xFE000A, true)) << text;
+    }
+    for (const char* text : {"TRUE", "on", "", "0", "no"}) {
+        EXPECT_EQ(addMapping({.externalPort = std::to_string(port++), .enabled = text}), 0);
+        EXPECT_TRUE(sent(tk::command::addObject).back().get_bool(0xFE000A, false)) << text;
+    }
+}
+
+TEST_F(PortMappings, RemoteHostThatIsAnAddressIsRefused) {
+    EXPECT_EQ(addMapping({.remoteHost = "10.0.0.1"}), 726);
+    EXPECT_EQ(takeLog(), "addPortMapping: REMOTE_ONLY_WILDCARD: '10.0.0.1'\n");
+    EXPECT_TRUE(sent(tk::command::addObject).empty());
+    EXPECT_EQ(count(), "0");
+}
+
+TEST_F(PortMappings, RemoteHostThatIsNoAddressIsIgnored) {
+    int port = 1;
+    for (const char* host : {"", "255.255.255.255", "host.example"})
+        EXPECT_EQ(addMapping({.remoteHost = host, .externalPort = std::to_string(port++)}), 0) << host;
+    EXPECT_EQ(sent(tk::command::addObject).size(), 3u);
+}
+
+TEST_F(PortMappings, EmptyExternalPortIsRefusedAndZeroIsAPort) {
+    EXPECT_EQ(addMapping({.externalPort = ""}), 716);
+    EXPECT_EQ(takeLog(), "addPortMapping: EXT_PORT_NO_WILDCARD\n");
+    EXPECT_EQ(addMapping({.externalPort = "0"}), 0);
+    EXPECT_EQ(sent(tk::command::addObject), std::vector<tk::message>{createMessage(false, 0, 6, 8080)});
+}
+
+TEST_F(PortMappings, OnlyPermanentLeasesAreAccepted) {
+    EXPECT_EQ(addMapping({.lease = "3600"}), 725);
+    EXPECT_EQ(takeLog(), "addPortMapping: ONLY_PERM_LEASES\n");
+    EXPECT_EQ(addMapping({.lease = "4294967296"}), 725);  // beyond 32 bits is the largest number, not 0
+    EXPECT_TRUE(sent(tk::command::addObject).empty());
+    EXPECT_EQ(addMapping({.lease = "abc"}), 0);  // reads as 0
+}
+
+TEST_F(PortMappings, TheChecksComeInTheirOrder) {
+    EXPECT_EQ(addMapping({.remoteHost = "10.0.0.1", .externalPort = "", .lease = "1"}), 726);
+    EXPECT_EQ(addMapping({.externalPort = "", .lease = "1"}), 716);
+    EXPECT_EQ(addMapping({}), 0);
+    takeLog();
+    EXPECT_EQ(addMapping({.internalClient = "192.0.2.9", .lease = "1"}), 725);
+    EXPECT_EQ(takeLog(), "addPortMapping: ONLY_PERM_LEASES\n");
+}
+
+TEST_F(PortMappings, PortsAreCutTo16BitsAndSaturateAt32) {
+    EXPECT_EQ(addMapping({.externalPort = "65616", .internalPort = "65537x"}), 0);
+    EXPECT_EQ(sent(tk::command::addObject).back(), createMessage(false, 80, 6, 1));
+    EXPECT_EQ(addMapping({.externalPort = "4294967376"}), 0);  // saturates, so it is not port 80
+    EXPECT_EQ(sent(tk::command::addObject).back(), createMessage(false, 65535, 6, 8080));
+}
+
+TEST_F(PortMappings, TheSameClientChangesItsMappingAndTheCountStays) {
+    addMapping({});
+    takeLog();
+    EXPECT_EQ(addMapping({.internalPort = "9090", .enabled = "0", .description = "new"}), 0);
+    EXPECT_EQ(takeLog(), "set map 80->9090, 192.0.2.2\n");
+    tk::message change;
+    change.insert_u32_array(0xFF0001, {20, 5});
+    change.insert_u32(0xFE0001, 41);
+    change.insert_bool(0xFE000A, true);
+    change.insert_be32(1000, client);
+    change.insert_be32(1001, client);
+    change.insert_u32(1002, 9090);
+    change.insert_u32(1003, 9090);
+    EXPECT_EQ(sent(tk::command::setObject), std::vector<tk::message>{change});
+    EXPECT_EQ(sent(tk::command::addObject).size(), 1u);
+    EXPECT_EQ(count(), "2");
+    Texts out;
+    EXPECT_EQ(specific({"", "80", "TCP"}, out), 0);
+    EXPECT_EQ(out, (Texts{"9090", "192.0.2.2", "0", "new", "0"}));
+}
+
+TEST_F(PortMappings, AnotherClientMayNotOverwriteAMapping) {
+    addMapping({});
+    takeLog();
+    EXPECT_EQ(addMapping({.internalClient = "192.0.2.3"}), 718);
+    EXPECT_EQ(takeLog(), "set map 80->8080, 192.0.2.3\naddPortMapping: CONFLICT_IN_ENTRY\n");
+    EXPECT_TRUE(sent(tk::command::setObject).empty());
+}
+
+TEST_F(PortMappings, ARefusedCreationLeavesTheTableUnchanged) {
+    loop.bus.answer(firewall, tk::command::addObject, tk::errorMsg(1, "no room"));
+    EXPECT_EQ(addMapping({}), 501);
+    EXPECT_EQ(takeLog(), "add map 80->8080, 192.0.2.2\nadd nat failed: no room\n");
+    EXPECT_EQ(count(), "0");
+    Texts out;
+    EXPECT_EQ(generic("1", out), 713);
+}
+
+TEST_F(PortMappings, ARefusedChangeLeavesTheEntryAsItWas) {
+    addMapping({});
+    takeLog();
+    loop.bus.answer(firewall, tk::command::setObject, tk::errorMsg(1, "no"));
+    EXPECT_EQ(addMapping({.internalPort = "9090"}), 501);
+    EXPECT_EQ(takeLog(), "set map 80->9090, 192.0.2.2\nset nat failed: no\n");
+    Texts out;
+    EXPECT_EQ(specific({"", "80", "TCP"}, out), 0);
+    EXPECT_EQ(out, (Texts{"8080", "192.0.2.2", "1", "web", "0"}));
+}
+
+TEST_F(PortMappings, DeleteRemovesTheRuleAndIgnoresTheRemoteHost) {
+    addMapping({});
+    takeLog();
+    EXPECT_EQ(deleteMapping({"10.9.8.7", "80", "TCP"}), 0);
+    EXPECT_EQ(takeLog(), "del map 80\n");
+    tk::message removal;
+    removal.insert_u32_array(0xFF0001, {20, 5});
+    removal.insert_u32(0xFE0001, 41);
+    EXPECT_EQ(sent(tk::command::removeObject), std::vector<tk::message>{removal});
+    EXPECT_EQ(count(), "1");
+}
+
+TEST_F(PortMappings, DeleteOfAnUnknownMappingFails) {
+    addMapping({});
+    takeLog();
+    EXPECT_EQ(deleteMapping({"", "81", "TCP"}), 714);
+    EXPECT_EQ(deleteMapping({"", "80", "UDP"}), 714);
+    EXPECT_EQ(takeLog(), "deletePortMapping: NO_SUCH_ENTRY\ndeletePortMapping: NO_SUCH_ENTRY\n");
+    EXPECT_TRUE(sent(tk::command::removeObject).empty());
+}
+
+TEST_F(PortMappings, ARefusedRemovalKeepsTheEntry) {
+    addMapping({});
+    takeLog();
+    loop.bus.answer(firewall, tk::command::removeObject, tk::errorMsg(1, "busy"));
+    EXPECT_EQ(deleteMapping({"", "80", "TCP"}), 501);
+    EXPECT_EQ(takeLog(), "del map 80\nremove nat failed: busy\n");
+    EXPECT_EQ(count(), "2");
+    Texts out;
+    EXPECT_EQ(generic("1", out), 0);
+}
+
+const Texts dummy = {"", "0", "TCP", "0", "0.0.0.0", "0", "Dummy inactive rule for windows to work", "0"};
+
+TEST_F(PortMappings, TheDummyEntryStandsAtIndex0EvenInAnEmptyTable) {
+    Texts out;
+    EXPECT_EQ(count(), "0");  // although it is listed
+    EXPECT_EQ(generic("0", out), 0);
+    EXPECT_EQ(out, dummy);
+    EXPECT_EQ(generic("1", out), 713);
+    EXPECT_EQ(out, Texts());
+    addMapping({});
+    EXPECT_EQ(generic("0", out), 0);
+    EXPECT_EQ(out, dummy);
+    EXPECT_EQ(generic("1", out), 0);
+    EXPECT_EQ(out, (Texts{"", "80", "TCP", "8080", "192.0.2.2", "1", "web", "0"}));
+    EXPECT_EQ(generic("2", out), 713);
+}
+
+TEST_F(PortMappings, WithoutTheDummyEntryTheFirstMappingStandsAtIndex0) {
+    service->setShowDummyRule(false);
+    Texts out;
+    EXPECT_EQ(generic("0", out), 713);
+    addMapping({});
+    EXPECT_EQ(count(), "1");
+    EXPECT_EQ(generic("0", out), 0);
+    EXPECT_EQ(out[1], "80");
+    EXPECT_EQ(generic("1", out), 713);
+    EXPECT_EQ(generic("4294967295", out), 713);
+}
+
+TEST_F(PortMappings, AreListedByPortAndTcpBeforeUdpWhateverTheOrderOfCreation) {
+    for (const auto& [port, protocol] :
+         {std::pair{"443", "UDP"}, {"8080", "TCP"}, {"443", "TCP"}, {"80", "UDP"}})
+        addMapping({.externalPort = port, .protocol = protocol});
+    Texts listed, out;
+    for (const char* index : {"1", "2", "3", "4"}) {
+        EXPECT_EQ(generic(index, out), 0);
+        listed.push_back(out[1] + out[2]);
+    }
+    EXPECT_EQ(listed, (Texts{"80UDP", "443TCP", "443UDP", "8080TCP"}));
+    EXPECT_EQ(count(), "5");
+}
+
+TEST_F(PortMappings, SpecificAnswersTheDummyForPort0OfTcpWhateverElseHolds) {
+    service->setShowDummyRule(false);
+    addMapping({.externalPort = "0"});
+    Texts out;
+    EXPECT_EQ(specific({"", "0", "TCP"}, out), 0);
+    EXPECT_EQ(out, Texts(dummy.begin() + 3, dummy.end()));
+    EXPECT_EQ(specific({"", "00", "TCP"}, out), 0);  // not that text: the real one
+    EXPECT_EQ(out[1], "192.0.2.2");
+    EXPECT_EQ(specific({"", "0", "UDP"}, out), 714);
+}
+
+TEST_F(PortMappings, SpecificFailsForARemoteHostAndForAnUnknownKey) {
+    addMapping({});
+    takeLog();
+    Texts out;
+    EXPECT_EQ(specific({"x", "80", "TCP"}, out), 714);
+    EXPECT_EQ(specific({"", "81", "TCP"}, out), 714);
+    EXPECT_EQ(out, Texts());
+    EXPECT_EQ(takeLog(), "");
+    EXPECT_EQ(specific({"", "80", "TCP"}, out), 0);
+    EXPECT_EQ(out, (Texts{"8080", "192.0.2.2", "1", "web", "0"}));
+}
+
+TEST_F(PortMappings, AnInvalidClientIsTheBroadcastAddress) {
+    loop.bus.answer(firewall, tk::command::addObject, reply(1));
+    EXPECT_EQ(addMapping({.internalClient = "nonsense"}), 0);
+    EXPECT_EQ(sent(tk::command::addObject).back().get_be32(1000), 0xFFFFFFFFu);
+}
+
+TEST_F(PortMappings, RulesAddedAfterAnAddressChangeUseTheNewAddress) {
+    addMapping({});
+    service->setExternalAddress(inet_addr("198.51.100.9"));
+    addMapping({.externalPort = "81"});
+    ASSERT_EQ(sent(tk::command::addObject).size(), 2u);
+    EXPECT_EQ(sent(tk::command::addObject)[1].get_be32(52), inet_addr("198.51.100.9"));
+    EXPECT_TRUE(sent(tk::command::setObject).empty());  // the one before keeps its own
+}
+
+TEST_F(PortMappings, DescriptionsMayTake16MiBTogether) {
+    const std::string large(std::size_t{1024} * 1024, 'x');
+    for (int port = 1; port <= 16; ++port)
+        EXPECT_EQ(addMapping({.externalPort = std::to_string(port), .description = large}), 0);
+    takeLog();
+    EXPECT_EQ(addMapping({.externalPort = "17", .description = "x"}), 501);
+    EXPECT_EQ(addMapping({.externalPort = "16", .description = large + "x"}), 501);
+    EXPECT_EQ(
+        takeLog(),
+        "add map 17->8080, 192.0.2.2\nadd nat failed: the descriptions of all mappings take too much memory\n"
+        "set map 16->8080, 192.0.2.2\nset nat failed: the descriptions of all mappings take too much "
+        "memory\n");
+    EXPECT_EQ(sent(tk::command::addObject).size(), 16u);
+    EXPECT_TRUE(sent(tk::command::setObject).empty());
+    EXPECT_EQ(addMapping({.externalPort = "16", .description = "short"}), 0);
+    EXPECT_EQ(addMapping({.externalPort = "17", .description = "x"}), 0);
+    EXPECT_EQ(deleteMapping({"", "1", "TCP"}), 0);
+    EXPECT_EQ(addMapping({.externalPort = "18", .description = large}), 0);
+}
+
+TEST_F(PortMappings, DestructionRemovesEveryRuleInOrderAndGoesOnBehindAFailure) {
+    addMapping({.externalPort = "90"});
+    addMapping({.externalPort = "80"});
+    takeLog();
+    loop.bus.answer(firewall, tk::command::removeObject, tk::errorMsg(1, "busy"));
+    service.reset();
+    EXPECT_EQ(takeLog(), "on cleanup remove nat failed: busy\non cleanup remove nat failed: busy\n");
+    const std::vector<tk::message> removals = sent(tk::command::removeObject);
+    ASSERT_EQ(removals.size(), 2u);
+    EXPECT_EQ(removals[0].get_u32(0xFE0001), 42u);
+    EXPECT_EQ(removals[1].get_u32(0xFE0001), 41u);
+}
+
+}  // namespace

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <list>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "upnp/service.h"
+
+/// One line of a service's table of state variables.
+struct VariableRow {
+    const char* name;
+    VariableType type;
+    bool evented;
+    std::list<std::string> allowed;    // empty: any value
+    std::optional<std::string> value;  // none: no value, or a getter that is set afterwards
+};
+
+/// Adds the variable of one row to a service.
+void registerVariable(Service& service, const VariableRow& row);
+
+/// Two lists of names, one behind the other.
+std::vector<std::string> joined(std::vector<std::string> first, const std::vector<std::string>& second);

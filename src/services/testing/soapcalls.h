@@ -1,0 +1,17 @@
+#pragma once
+
+#include <string>
+
+#include "upnp/service.h"
+
+/// Calls an action as a control point does, through the control endpoint. `arguments` is the XML inside of
+/// the action's element.
+inline HTTPMessage soapCall(Service& service, const std::string& action, const std::string& arguments = {}) {
+    HTTPMessage request;
+    request.add("CONTENT-TYPE", "text/xml");
+    request.add("SOAPACTION", "\"" + service.serviceType + "#" + action + "\"");
+    request.body =
+        "<s:Envelope s:encodingStyle=\"http://schemas.xmlsoap.org/soap/encoding/\"><s:Body><u:" + action +
+        ">" + arguments + "</u:" + action + "></s:Body></s:Envelope>";
+    return service.handlePost(request);
+}

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "services/portmap.h"
+#include "upnp/service.h"
+
+/// The service of one external interface that maps ports and reports the connection.
+///
+/// Mappings live here and in the firewall alone: they are never stored, never expire, and are removed from
+/// the firewall when the object is destroyed. Protocol: WANIPConnection:1 of the Internet Gateway Device 1.0.
+class WANIPConnection final : public Service {
+public:
+    /// `deviceId` is the bus object of the external interface, `externalAddress` its address in network
+    /// order.
+    WANIPConnection(std::uint32_t deviceId, std::uint32_t externalAddress);
+    ~WANIPConnection() override;
+
+    /// The external interface has another address; rules that exist keep the one they were made with.
+    /// Byte order: network.
+    void setExternalAddress(std::uint32_t address);
+    /// 1 is connecting, 2 connected, 3 disconnected, anything else unconfigured.
+    void setConnectionStatus(int state);
+    /// Counts the dummy entry in PortMappingNumberOfEntries, or not any more; an unchanged setting changes
+    /// nothing.
+    void setShowDummyRule(bool show);
+
+    /// True when control points may enable and disable the external interface.
+    bool allowDisableExternal = true;
+
+private:
+    using Arguments = std::vector<std::string>;
+
+    void registerVariables();
+    void registerConnectionActions();
+    void registerMappingActions();
+
+    UPNPStatus setConnectionType(const Arguments& in, Arguments& out);
+    UPNPStatus requestConnection(const Arguments& in, Arguments& out);
+    UPNPStatus forceTermination(const Arguments& in, Arguments& out);
+    [[nodiscard]] UPNPStatus switchInterface(bool disable);
+    std::string getUptime();
+
+    UPNPStatus addPortMapping(const Arguments& in, Arguments& out);
+    UPNPStatus deletePortMapping(const Arguments& in, Arguments& out);
+    UPNPStatus getGenericPortMappingEntry(const Arguments& in, Arguments& out);
+    UPNPStatus getSpecificPortMappingEntry(const Arguments& in, Arguments& out);
+    [[nodiscard]] UPNPStatus addMap(const Id& id, PortMap map);
+    [[nodiscard]] UPNPStatus changeMap(PortMap& existing, PortMap map);
+    /// True when a description that takes the place of one of `oldLength` bytes leaves all of them within
+    /// bounds.
+    [[nodiscard]] bool hasRoom(const std::string& description, std::size_t oldLength) const;
+    void countMaps(bool withDummy);
+    void removeNatRules();
+
+    std::uint32_t deviceId;
+    std::map<Id, PortMap> portMaps;
+    std::uint32_t externalAddress;
+    bool showDummyRule = true;
+    std::size_t descriptionBytes = 0;  // of all mappings
+};
