@@ -1,0 +1,60 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <set>
+#include <string>
+
+#include "services/wancommoninterfaceconfig.h"
+#include "services/wanipconnection.h"
+#include "tk/message.h"
+
+class Tracking;
+
+/// Orders IPv4 addresses, which are in network order, by their numeric value: 10.0.0.5 stands
+/// before 10.0.1.2.
+struct NumericOrder {
+    bool operator()(std::uint32_t left, std::uint32_t right) const;
+};
+
+/// What an item makes of an interface, with the numbers on the bus.
+enum class Role : std::uint32_t { none = 0, external = 1, internal = 2 };
+
+/// One of the router's interfaces: what the router says of it, its addresses, its role, and what the started
+/// role needs. A role is stopped before its device goes.
+class Device {
+public:
+    /// Lifetime: `tracking`, which starts and stops the role, outlives the device.
+    explicit Device(Tracking& tracking) : tracking(tracking) {}
+    Device(const Device&) = delete;
+    Device& operator=(const Device&) = delete;
+    ~Device();
+
+    tk::message record;  // as last received
+    Role type = Role::none;
+    bool disabled = false;
+    bool running = false;
+    std::set<std::uint32_t, NumericOrder> addresses;
+    std::uint32_t address = 0;  // the one that is used, in network order; 0: none
+    bool started = false;
+    int ssdpSocket = 0;  // internal role; 0 while stopped, -1 when it could not be opened
+    int httpSocket = 0;  // internal role: the listener; likewise
+    std::unique_ptr<WANCommonInterfaceConfig> commonConfig;  // external role
+    std::unique_ptr<WANIPConnection> ipConnection;           // external role
+
+    /// What the record says.
+    std::uint32_t id() const;
+    std::uint32_t index() const;
+    std::string name() const;
+    std::string displayName() const;
+
+    /// The state that WANIPConnection reports: 3 when the interface is disabled, else 2 when it is running,
+    /// else 1.
+    int connectionStatus() const;
+
+    /// Timer callback of the internal role.
+    void readvertise();
+
+private:
+    Tracking& tracking;
+};

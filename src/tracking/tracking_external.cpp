@@ -1,0 +1,69 @@
+// The external role: the WAN device in the tree, its services, and its adverts on the internal interfaces.
+
+#include <algorithm>
+#include <list>
+
+#include "tk/log.h"
+#include "tracking/tracking.h"
+#include "tracking/wandevice.h"
+
+void Tracking::startExt(Device* device) {
+    if (device->started) return;
+    tk::log("start ext: ", device->displayName());
+    std::list<UpnpDevice>& wanDevices = host.rootDevice().devices;
+    wanDevices.push_back(makeWanDevice(host.identity(), device->id()));
+    addServices(device);
+    device->ipConnection->setConnectionStatus(device->connectionStatus());
+    advertiseSubtree(wanDevices.back(), false);
+    rebuildAdvertTargets();
+    device->started = true;
+}
+
+void Tracking::stopExt(Device* device) {
+    if (!device->started) return;
+    tk::log("stop ext: ", device->displayName());
+    std::list<UpnpDevice>& wanDevices = host.rootDevice().devices;
+    const std::string udn = wanDeviceUDN(host.identity(), device->id());
+    const auto wanDevice = std::find_if(wanDevices.begin(), wanDevices.end(),
+                                        [&udn](const UpnpDevice& candidate) { return candidate.UDN == udn; });
+    if (wanDevice != wanDevices.end()) {
+        advertiseSubtree(*wanDevice, true);
+        wanDevices.erase(wanDevice);
+        rebuildAdvertTargets();  // behind the removal: between operations the table describes the whole tree
+    }
+    removeServices(device);
+    device->started = false;
+}
+
+void Tracking::addServices(Device* device) {
+    const UpnpServiceDescr commonConfig = commonConfigDescr(device->id());
+    const UpnpServiceDescr ipConnection = ipConnectionDescr(device->id());
+    server.addFile(commonConfig.SCPDURL, "wancommonifcfg.xml");
+    server.addFile(ipConnection.SCPDURL, "wanipconn.xml");
+    device->commonConfig = std::make_unique<WANCommonInterfaceConfig>(device->record);
+    device->ipConnection = std::make_unique<WANIPConnection>(device->id(), device->address);
+    device->ipConnection->allowDisableExternal = host.allowsDisableExternal();
+    server.registerService(device->commonConfig.get(), commonConfig.eventSubURL, commonConfig.controlURL);
+    server.registerService(device->ipConnection.get(), ipConnection.eventSubURL, ipConnection.controlURL);
+}
+
+void Tracking::removeServices(Device* device) {
+    server.removeService(device->commonConfig.get());
+    server.removeService(device->ipConnection.get());
+    device->commonConfig.reset();
+    device->ipConnection.reset();  // removes its port mappings
+}
+
+void Tracking::advertiseSubtree(const UpnpDevice& subtree, bool byebye) {
+    discovery.advertTargets.clear();
+    subtree.collectAdvertTargets(discovery.advertTargets);
+    for (const auto& [id, device] : devices)
+        if (device->type == Role::internal && device->started)
+            sendAdverts({device->ssdpSocket, device->address, device->name()}, discovery.advertTargets,
+                        byebye);
+}
+
+void Tracking::rebuildAdvertTargets() {
+    discovery.advertTargets.clear();
+    host.rootDevice().collectAdvertTargets(discovery.advertTargets);
+}

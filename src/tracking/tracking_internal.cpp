@@ -1,0 +1,64 @@
+// The internal role: sockets, adverts and their repetition.
+
+#include <arpa/inet.h>
+#include <unistd.h>
+
+#include "http/baseurl.h"
+#include "net/convert.h"
+#include "net/sockets.h"
+#include "tk/log.h"
+#include "tk/runner.h"
+#include "tracking/tracking.h"
+
+namespace {
+
+constexpr std::uint32_t advertiseTicks = 357000;  // 3570 s: 30 s before the advertised max-age of 3600 s ends
+
+SSDPInterface ssdpInterface(const Device& device) {
+    return {device.ssdpSocket, device.address, device.name()};
+}
+
+void closeSocket(int& socket) {
+    tk::getRunner()->removeSocket(socket);
+    if (socket > 0) ::close(socket);
+    socket = 0;
+}
+
+}  // namespace
+
+void Tracking::startInt(Device* device) {
+    tk::log("intr: ", device->started, " ", ntohl(device->address));
+    if (device->started || device->address == 0) return;
+    tk::log("start int: ", device->displayName(), " ", ipToString(device->address));
+    openSockets(device);
+    tk::getRunner()->addTimer<Device, &Device::readvertise>(device, advertiseTicks);
+    sendAdverts(ssdpInterface(*device), discovery.advertTargets, false);
+    device->started = true;
+}
+
+void Tracking::openSockets(Device* device) {
+    // A socket that could not be opened is -1, which the runner never watches; the role counts as started all
+    // the same.
+    tk::Runner& runner = *tk::getRunner();
+    device->ssdpSocket =
+        openSsdpSocket(device->name().c_str(), static_cast<int>(device->index()), device->address);
+    runner.addSocket<Discovery, &Discovery::ssdpRead>(device->ssdpSocket, &discovery, tk::readable);
+    device->httpSocket = openTcpListener(device->name().c_str(), httpPort);
+    runner.addSocket<HTTPServer, &HTTPServer::accept>(device->httpSocket, &server, tk::readable,
+                                                      tk::Runner::Priority::urgent);
+}
+
+void Tracking::readvertise(Device* device) {
+    sendAdverts(ssdpInterface(*device), discovery.advertTargets, false);
+    tk::getRunner()->addTimer<Device, &Device::readvertise>(device, advertiseTicks);
+}
+
+void Tracking::stopInt(Device* device) {
+    if (!device->started) return;
+    tk::log("stop int: ", device->displayName());
+    sendAdverts(ssdpInterface(*device), discovery.advertTargets, true);
+    tk::getRunner()->removeTimer<Device, &Device::readvertise>(device);
+    closeSocket(device->ssdpSocket);
+    closeSocket(device->httpSocket);
+    device->started = false;
+}
