@@ -1,0 +1,84 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "core/devobj.h"
+#include "http/httpserver.h"
+#include "services/osinfo.h"
+#include "ssdp/discovery.h"
+#include "tk/map.h"
+#include "tk/store.h"
+#include "tracking/tracking.h"
+#include "upnp/upnprootdevice.h"
+
+/// The gateway: the bus handler that holds the "upnp interface" items and the settings, and the root of the
+/// UPnP device tree. What happens on the LAN and with the router's interfaces it leaves to its parts, and
+/// answers what they ask.
+class Gateway final : public tk::Map<DevObj>,
+                      public UpnpRootDevice,
+                      private TrackingHost,
+                      private SSDPHost,
+                      private HTTPHost {
+public:
+    /// Does no bus traffic. `folder` holds the stores and the files that are served.
+    explicit Gateway(const std::string& folder = "/tesk");
+    /// Switches UPnP off, if it is on: byebye, rules removed, "exit".
+    ~Gateway() override;
+
+    /// Reads the router's identity, builds the device tree, loads items and settings, and switches UPnP on
+    /// where the settings say so. Call once, when the handler is on the bus and before the loop runs.
+    void init();
+
+    /// The root device description, as it is served at `address`.
+    std::string describe(std::uint32_t address) override;
+
+    // Commands of the bus.
+    tk::message cmdGet(const tk::message& request) override;
+    tk::message cmdSet(const tk::message& request) override;
+    tk::message cmdUnknown(const tk::message& received, std::uint32_t command) override;
+    tk::message getObject(std::uint32_t id) override;
+
+private:
+    // Settings and items.
+    tk::message currentSettings() const;
+    void takeSettings(const tk::message& source);
+    void loadSettings();
+    void tellServices();
+    tk::message add(DevObj* item) override;
+    tk::message set(DevObj* old, DevObj* changed) override;
+    tk::message remove(DevObj* item) override;
+    bool isTaken(std::uint32_t interface, std::uint32_t exceptId) const;
+    void applyRole(const DevObj& item);
+    void dropRole(std::uint32_t interface);
+
+    // The device tree.
+    void queryIdentity();
+    void describeRoot();
+    void addIcons();
+    void addOSInfo();
+
+    // What the parts ask.
+    tk::Handler& busHandler() override { return *this; }
+    bool isEnabled() const override { return enabled; }
+    bool allowsDisableExternal() const override { return allowDisableExternal; }
+    const std::string& identity() const override { return routerIdentity; }
+    std::vector<RoleItem> roleItems() const override;
+    UpnpRootDevice& rootDevice() override { return *this; }
+    void dropRootSubscriptions() override;
+    SSDPInterface findInterface(int ssdpSocket) override;
+    Device* listenerOwner(int listenSocket) override { return tracking.findListener(listenSocket); }
+    std::uint32_t addressOf(const Device& device) const override { return device.address; }
+    void connectionEnded(const Device& device) override { tracking.connectionEnded(device); }
+
+    tk::Store settings;
+    Tracking tracking;
+    Discovery discovery;
+    HTTPServer server;
+    OSInfo osInfo;
+    bool enabled = false;
+    bool allowDisableExternal = true;
+    bool showDummyRule = true;
+    std::string routerIdentity;
+};

@@ -1,0 +1,52 @@
+// The "upnp interface" items: which changes are accepted, and what they start and stop.
+
+#include "core/gateway.h"
+#include "tk/names.h"
+
+std::vector<RoleItem> Gateway::roleItems() const {
+    std::vector<RoleItem> items;
+    forEach([&items](const DevObj& item) {
+        items.push_back({item.interface, static_cast<Role>(item.type)});
+    });
+    return items;
+}
+
+bool Gateway::isTaken(std::uint32_t interface, std::uint32_t exceptId) const {
+    bool taken = false;
+    forEach(
+        [&](const DevObj& item) { taken = taken || (item.interface == interface && item.id != exceptId); });
+    return taken;
+}
+
+tk::message Gateway::add(DevObj* item) {
+    if (isTaken(item->interface, item->id)) return tk::errorMsg(tk::error::exists, "Interface already added");
+    applyRole(*item);
+    return {};
+}
+
+tk::message Gateway::set(DevObj* old, DevObj* changed) {
+    if (old->interface != changed->interface && isTaken(changed->interface, old->id))
+        return tk::errorMsg(tk::error::exists, "Interface already set");
+    dropRole(old->interface);  // also when the interface stays: every edit announces it anew
+    applyRole(*changed);
+    return {};
+}
+
+tk::message Gateway::remove(DevObj* item) {
+    dropRole(item->interface);
+    return {};
+}
+
+void Gateway::applyRole(const DevObj& item) {
+    Device* device = tracking.deviceOf(item.interface);
+    if (!device || item.disabled) return;
+    device->type = static_cast<Role>(item.type);
+    if (enabled) tracking.startRole(device);
+}
+
+void Gateway::dropRole(std::uint32_t interface) {
+    Device* device = tracking.deviceOf(interface);
+    if (!device) return;
+    tracking.stopRole(device);
+    device->type = Role::none;
+}

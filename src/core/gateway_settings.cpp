@@ -1,0 +1,85 @@
+// The three settings, and the notifications of the router.
+
+#include "core/gateway.h"
+#include "tk/records.h"
+
+namespace {
+
+namespace setting = tk::settingfield;
+
+constexpr std::uint32_t settingsEntry = 0;  // the one entry of the settings store
+
+}  // namespace
+
+tk::message Gateway::currentSettings() const {
+    tk::message values;
+    values.insert_bool(setting::enabled, enabled);
+    values.insert_bool(setting::allowDisableExternal, allowDisableExternal);
+    values.insert_bool(setting::showDummyRule, showDummyRule);
+    return values;
+}
+
+void Gateway::takeSettings(const tk::message& source) {
+    enabled = source.get_bool(setting::enabled, enabled);
+    allowDisableExternal = source.get_bool(setting::allowDisableExternal, allowDisableExternal);
+    showDummyRule = source.get_bool(setting::showDummyRule, showDummyRule);
+}
+
+void Gateway::loadSettings() {
+    if (settings.find(settingsEntry)) takeSettings(settings.get(settingsEntry));
+}
+
+tk::message Gateway::getObject(std::uint32_t id) {
+    return id == tk::unassigned ? currentSettings() : Map::getObject(id);
+}
+
+tk::message Gateway::cmdGet(const tk::message&) {
+    return getObject(tk::unassigned);
+}
+
+tk::message Gateway::cmdSet(const tk::message& request) {
+    tk::message undo;
+    undo.insert_u32(tk::field::command, tk::command::set);
+    const tk::message before = currentSettings();
+    for (const tk::message::Field& value : before.fields()) undo.insert(value);
+
+    // Stored as received, even when it is partial: what it leaves out reads as the default at the next start.
+    if (!settings.set(settingsEntry, request)) return tk::errorMsg(tk::error::failed, settings.error());
+    const bool wasEnabled = enabled;
+    takeSettings(request);
+
+    if (enabled != wasEnabled) {
+        tracking.getDevices();
+        if (enabled)
+            tracking.enable();
+        else
+            tracking.disable();
+    }
+    if (enabled) tellServices();
+    notifyChange(tk::unassigned, request);
+    sendUndo(request, undo, "upnp config changed");
+    return {};
+}
+
+void Gateway::tellServices() {
+    for (const RoleItem& item : roleItems()) {
+        const Device* device = tracking.deviceOf(item.interface);
+        if (!device || device->type != Role::external || !device->ipConnection) continue;
+        device->ipConnection->allowDisableExternal = allowDisableExternal;
+        device->ipConnection->setShowDummyRule(showDummyRule);
+    }
+}
+
+tk::message Gateway::cmdUnknown(const tk::message& received, std::uint32_t command) {
+    if (command == tk::interfaceChanged) {
+        tracking.deviceChanged(received);
+        return {};
+    }
+    if (command != tk::command::objectsChanged) return Map::cmdUnknown(received, command);
+    const tk::Path& from = received.get_u32_array(tk::field::sender);
+    if (from == tk::path::interfaces())
+        tracking.updateDeviceStatus(received);
+    else if (from == tk::path::addresses())
+        tracking.updateAddresses(received);
+    return {};
+}

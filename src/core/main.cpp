@@ -1,0 +1,32 @@
+#include <memory>
+
+#include "core/gateway.h"
+#include "tk/log.h"
+#include "tk/looper.h"
+#include "tk/privileges.h"
+
+namespace {
+
+constexpr unsigned descriptors = 8192;  // for what the limits on connections and deliveries add up to
+
+}  // namespace
+
+int main() {
+    std::string reason;
+    if (!tk::dropCapabilities(reason)) {  // what reads the LAN can do nothing else, whoever started it
+        tk::log("cannot give up capabilities: ", reason);
+        return 1;
+    }
+    tk::allowDescriptors(descriptors);
+    tk::Looper looper(0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
+    if (!looper.join(tk::program::gateway, tk::busPath, reason)) {
+        tk::log("cannot join the bus at ", tk::busPath, ": ", reason);
+        return 1;
+    }
+    auto gateway = std::make_unique<Gateway>();
+    looper.addHandler(0, gateway.get());
+    gateway->init();
+    looper.run();
+    gateway.reset();
+    return 0;
+}
