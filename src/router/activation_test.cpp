@@ -1,0 +1,154 @@
+#include "router/activation.h"
+
+#include <gtest/gtest.h>
+
+#include "router/testing/testhub.h"
+#include "tk/bus.h"
+#include "tk/names.h"
+
+namespace router {
+namespace {
+
+constexpr std::uint32_t command = 77;
+
+/// Starts nothing, but says that it does.
+class FakeStarter final : public Starter {
+public:
+    bool start(std::uint32_t program, std::string& reason) override {
+        if (program != 80) return false;
+        ++starts;
+        if (!fault.empty()) reason = fault;
+        return fault.empty();
+    }
+    void registered(std::uint32_t program) override { registrations.push_back(program); }
+
+    int starts = 0;
+    std::string fault;
+    std::vector<std::uint32_t> registrations;
+};
+
+class AwaitedProgramTest : public ::testing::Test {
+protected:
+    AwaitedProgramTest() { bus.hub.setStarter(&starter); }
+    ~AwaitedProgramTest() override { bus.hub.close(); }
+
+    FakeStarter starter;
+    testing::TestHub bus;
+};
+
+TEST_F(AwaitedProgramTest, RequestsWaitUntilTheProgramRegisters) {
+    const auto client = bus.connect();
+    client->request({80}, command);
+    client->request({80}, command + 1);
+    bus.settle();
+    EXPECT_TRUE(client->take().empty());
+    EXPECT_EQ(starter.starts, 2);
+    const auto program = bus.connect();
+    tk::message content;
+    content.insert_u32(1, 80);
+    program->request({0}, tk::command::hubRegister, content);
+    bus.settle();
+    const auto arrived = program->take();
+    ASSERT_EQ(arrived.size(), 3U);  // its own reply comes first
+    EXPECT_EQ(tk::kindOf(arrived[0]), tk::Kind::reply);
+    EXPECT_EQ(arrived[1].get_u32(tk::field::command), command);
+    EXPECT_EQ(arrived[2].get_u32(tk::field::command), command + 1);
+    EXPECT_EQ(starter.registrations, (std::vector<std::uint32_t>{80}));
+    program->answer(arrived[1], {});
+    bus.settle();
+    EXPECT_EQ(client->take().size(), 1U);
+}
+
+TEST_F(AwaitedProgramTest, TheWaitIsBounded) {
+    const auto client = bus.connect();
+    client->request({80}, command);
+    bus.settle();
+    bus.advance(AwaitedProgram::limitTicks - 1);
+    EXPECT_TRUE(client->take().empty());
+    bus.advance(1);
+    const auto ends = client->take();
+    ASSERT_EQ(ends.size(), 1U);
+    std::uint32_t code = 0;
+    EXPECT_TRUE(tk::isError(ends[0], &code));
+    EXPECT_EQ(code, tk::error::unreachable);
+}
+
+TEST_F(AwaitedProgramTest, AFailedStartEndsTheRequestWithItsReason) {
+    starter.fault = "no such file";
+    const auto client = bus.connect();
+    EXPECT_EQ(tk::getError(bus.ask(*client, {80}, command)), "no such file");
+    EXPECT_EQ(tk::getError(bus.ask(*client, {81}, command)), "nobody at this destination");
+}
+
+TEST_F(AwaitedProgramTest, AProgramThatEndsEarlyEndsTheRequests) {
+    const auto client = bus.connect();
+    client->request({80}, command);
+    bus.settle();
+    EXPECT_TRUE(bus.hub.awaits(80));
+    bus.hub.programFailed(80, "it ended");
+    const auto ends = client->take();
+    ASSERT_EQ(ends.size(), 1U);
+    EXPECT_EQ(tk::getError(ends[0]), "it ended");
+    EXPECT_FALSE(bus.hub.awaits(80));
+}
+
+TEST_F(AwaitedProgramTest, AClientThatLeftIsForgotten) {
+    auto client = bus.connect();
+    client->request({80}, command);
+    bus.settle();
+    client->close();
+    bus.settle();
+    const auto program = bus.connectProgram(80);
+    bus.settle();
+    EXPECT_TRUE(program->take().empty());
+}
+
+class ActivationTest : public ::testing::Test, public Activation::Owner {
+protected:
+    void programEnded(std::uint32_t program, const std::string& how, bool) override {
+        ended.push_back(std::to_string(program) + " " + how);
+    }
+    /// Waits for the kernel to tell of an end: at most 10 s.
+    void awaitEnd() {
+        for (int i = 0; i < 1000 && ended.empty(); ++i) bus.looper.turn(10);
+    }
+
+    testing::TestHub bus;
+    std::vector<std::string> ended;
+
+    OwnProcesses processes;
+};
+
+TEST_F(ActivationTest, StartsReapsAndTellsTheStatus) {
+    Activation activation({{80, {"/bin/sh", "-c", "exit 3"}, false}}, *this, processes);
+    std::string reason;
+    ASSERT_TRUE(activation.start(80, reason)) << reason;
+    EXPECT_TRUE(activation.isRunning());
+    awaitEnd();
+    EXPECT_EQ(ended, (std::vector<std::string>{"80 ended with status 3"}));
+    EXPECT_FALSE(activation.isRunning());
+}
+
+TEST_F(ActivationTest, EndsItsProgramsAndStartsNoneAfterwards) {
+    Activation activation({{80, {"/bin/sleep", "60"}, true}}, *this, processes);
+    activation.startConfigured();
+    std::string reason;
+    EXPECT_TRUE(activation.start(80, reason));  // it runs
+    activation.endAll();
+    awaitEnd();
+    EXPECT_EQ(ended, (std::vector<std::string>{"80 ended by signal 15"}));
+    EXPECT_FALSE(activation.start(80, reason));
+    EXPECT_EQ(reason, "the router is ending");
+}
+
+TEST_F(ActivationTest, WhatCannotBeStartedIsTold) {
+    Activation activation({{80, {"/nonexistent/program"}, false}}, *this, processes);
+    std::string reason = "as it was";
+    EXPECT_FALSE(activation.start(81, reason));
+    EXPECT_EQ(reason, "as it was");
+    EXPECT_FALSE(activation.start(80, reason));
+    EXPECT_EQ(reason, "/nonexistent/program: No such file or directory");
+}
+
+}  // namespace
+}  // namespace router

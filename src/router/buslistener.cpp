@@ -1,0 +1,132 @@
+#include "router/buslistener.h"
+
+#include <errno.h>
+#include <grp.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "tk/log.h"
+
+namespace router {
+
+namespace {
+
+constexpr int backlog = 256;  // as many as there may be
+constexpr int acceptsPerTurn = 16;
+constexpr std::size_t groupLimit = 65536;  // the kernel's own limit of groups per process
+
+std::optional<gid_t> busGroup() {
+    const group* entry = ::getgrnam("tk");
+    return entry ? std::optional<gid_t>(entry->gr_gid) : std::nullopt;
+}
+
+[[nodiscard]] bool makeAddress(const std::string& path, sockaddr_un& address) {
+    if (path.size() >= sizeof address.sun_path) return false;
+    address = {};
+    address.sun_family = AF_UNIX;
+    std::copy(path.begin(), path.end(), address.sun_path);
+    return true;
+}
+
+const sockaddr* generic(const sockaddr_un& address) {
+    return reinterpret_cast<const sockaddr*>(&address);
+}
+
+bool isInGroup(int socket, const ucred& peer, gid_t wanted) {
+    if (peer.gid == wanted) return true;
+    socklen_t size = 0;
+    (void)::getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, nullptr, &size);  // fails, and tells the size
+    if (size > groupLimit * sizeof(gid_t)) return false;
+    std::vector<gid_t> groups(size / sizeof(gid_t));
+    if (groups.empty() || ::getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &size) != 0)
+        return false;
+    return std::find(groups.begin(), groups.end(), wanted) != groups.end();
+}
+
+bool mayCall(int socket, const ucred& peer) {
+    if (peer.uid == 0) return true;
+    const std::optional<gid_t> group = busGroup();
+    return group && isInGroup(socket, peer, *group);
+}
+
+void makeFolderOf(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    if (slash != std::string::npos && slash != 0) (void)::mkdir(path.substr(0, slash).c_str(), 0755);
+}
+
+}  // namespace
+
+BusListener::~BusListener() {
+    if (!boundPath.empty()) ::unlink(boundPath.c_str());
+}
+
+bool BusListener::isServed(const std::string& path) {
+    sockaddr_un address;
+    if (!makeAddress(path, address)) return false;
+    const tk::Fd probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    // A listener whose queue is full answers EAGAIN: it is alive.
+    return ::connect(probe.get(), generic(address), sizeof address) == 0 || errno == EAGAIN;
+}
+
+bool BusListener::open(const std::string& path, std::string& reason) {
+    if (!bindTo(path, reason)) return false;
+    boundPath = path;
+    if (::listen(socket.get(), backlog) != 0) {
+        reason = path + ": " + tk::errorText();
+        return false;
+    }
+    watch.start<BusListener, &BusListener::ready>(socket.get(), *this, tk::readable,
+                                                  tk::Runner::Priority::urgent);
+    return true;
+}
+
+bool BusListener::bindTo(const std::string& path, std::string& reason) {
+    sockaddr_un address;
+    if (!makeAddress(path, address)) {
+        reason = path + ": too long for a socket";
+        return false;
+    }
+    makeFolderOf(path);
+    if (isServed(path)) {
+        reason = path + ": another router is running";
+        return false;
+    }
+    struct stat old;
+    if (::lstat(path.c_str(), &old) == 0 && S_ISSOCK(old.st_mode)) ::unlink(path.c_str());
+    socket.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    const mode_t mask =
+        ::umask(0117);  // mode 0660 from the start: never open for more, not even for a moment
+    const bool bound = ::bind(socket.get(), generic(address), sizeof address) == 0;
+    if (!bound) reason = path + ": " + tk::errorText();
+    ::umask(mask);
+    if (!bound) return false;
+    const std::optional<gid_t> group = busGroup();
+    if (!group || ::chown(path.c_str(), static_cast<uid_t>(-1), *group) == 0) return true;
+    reason = path + ": " + tk::errorText();
+    ::unlink(path.c_str());
+    return false;
+}
+
+void BusListener::ready(int fd, std::uint32_t) {
+    for (int i = 0; i < acceptsPerTurn; ++i) {
+        tk::Fd accepted(::accept4(fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        if (!accepted.isOpen()) return;
+        ucred peer{};
+        socklen_t size = sizeof peer;
+        if (::getsockopt(accepted.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) continue;
+        if (mayCall(accepted.get(), peer))
+            hub.adopt(std::move(accepted), {peer.pid, peer.uid, peer.gid});
+        else
+            tk::log("bus: user ", peer.uid, " refused: neither root nor in the group tk");
+    }
+}
+
+}  // namespace router

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <string>
+
+#include "router/hub.h"
+#include "tk/fd.h"
+#include "tk/timer.h"
+
+namespace router {
+
+/// The socket file of the bus: made when the router is ready to serve, removed when it ends. Lets root and
+/// the members of the group "tk" in, and nobody else.
+class BusListener {
+public:
+    /// Lifetime: the hub outlives the listener.
+    explicit BusListener(Hub& hub) : hub(hub) {}
+    BusListener(const BusListener&) = delete;
+    BusListener& operator=(const BusListener&) = delete;
+    ~BusListener();
+
+    /// True when some process accepts connections at `path`.
+    [[nodiscard]] static bool isServed(const std::string& path);
+    /// Listens at `path`, whose folder is made when it is missing. A file that a former process left is
+    /// replaced. Errors: false, with the reason in `reason`, when another process listens there or the system
+    /// refuses.
+    [[nodiscard]] bool open(const std::string& path, std::string& reason);
+
+private:
+    void ready(int fd, std::uint32_t events);
+    [[nodiscard]] bool bindTo(const std::string& path, std::string& reason);
+
+    Hub& hub;
+    std::string boundPath;
+    tk::Fd socket;
+    tk::Watch watch;
+};
+
+}  // namespace router

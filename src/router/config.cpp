@@ -1,0 +1,186 @@
+#include "router/config.h"
+
+#include <errno.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <limits>
+#include <set>
+#include <string_view>
+#include <utility>
+
+#include "router/configvalues.h"
+#include "tk/file.h"
+#include "tk/log.h"
+#include "tk/names.h"
+
+namespace router {
+
+namespace {
+
+constexpr std::size_t sizeLimit = 1024 * 1024;
+constexpr std::int64_t highestNumber = std::numeric_limits<std::uint32_t>::max();
+constexpr std::int64_t highestRate = 1000000;
+
+/// Walks a parsed file section by section, and stops at the first error.
+class Reader {
+public:
+    Reader(std::string name, std::string& reason) : values(std::move(name), reason) {}
+
+    [[nodiscard]] bool read(const toml::table& root, Config& out) {
+        for (const auto& [key, value] : root) {
+            if (key == "program") {
+                if (!readEach(key, value, &Reader::readProgram, out)) return false;
+            } else if (key == "user") {
+                if (!readEach(key, value, &Reader::readUser, out)) return false;
+            } else if (const auto section = sectionNamed(key)) {
+                const toml::table* table = value.as_table();
+                if (!table)
+                    return values.fail(key, value, "must be written as [" + std::string(key.str()) + "]");
+                if (!readSection(*table, section, out)) return false;
+            } else {
+                return values.fail(key, value, "unknown key");
+            }
+        }
+        return true;
+    }
+
+private:
+    using Entry = bool (Reader::*)(const toml::table& table, Config& out);
+    using Section = bool (Reader::*)(std::string_view key, const toml::node& value, Config& out);
+
+    static Section sectionNamed(std::string_view key) {
+        if (key == "router") return &Reader::readRouter;
+        if (key == "nat") return &Reader::readNat;
+        return key == "guard" ? &Reader::readGuard : nullptr;
+    }
+
+    [[nodiscard]] bool readEach(std::string_view key, const toml::node& value, Entry read, Config& out) {
+        const std::string wanted = "must be written as [[" + std::string(key) + "]]";
+        const toml::array* list = value.as_array();
+        if (!list) return values.fail(key, value, wanted);
+        for (const toml::node& entry : *list) {
+            const toml::table* table = entry.as_table();
+            if (!table) return values.fail(key, entry, wanted);
+            if (!(this->*read)(*table, out)) return false;
+        }
+        return true;
+    }
+
+    [[nodiscard]] bool readSection(const toml::table& table, Section read, Config& out) {
+        return std::all_of(table.begin(), table.end(), [&](const auto& entry) {
+            return (this->*read)(entry.first.str(), entry.second, out);
+        });
+    }
+
+    [[nodiscard]] bool readProgram(const toml::table& table, Config& config) {
+        ProgramConfig& out = config.programs.emplace_back();
+        for (const auto& [key, value] : table) {
+            if (key == "number") {
+                if (!values.read(key, value, 1, tk::program::firstClient - 1, out.number)) return false;
+            } else if (key == "command") {
+                if (!values.readCommand(key, value, out.command)) return false;
+            } else if (key == "start") {
+                if (!values.read(key, value, out.startsWithRouter)) return false;
+            } else if (key == "user") {
+                if (!values.read(key, value, out.user)) return false;
+            } else {
+                return values.fail(key, value, "unknown key");
+            }
+        }
+        if (out.number == 0) return values.fail("number", table, "is missing");
+        if (out.command.empty()) return values.fail("command", table, "is missing");
+        if (!numbers.insert(out.number).second) return values.fail("number", table, "stands twice");
+        // Whom the router itself starts as the program may be the program.
+        if (out.user) config.users.push_back({out.user->uid, {out.number}, {}});
+        return true;
+    }
+
+    [[nodiscard]] bool readUser(const toml::table& table, Config& config) {
+        std::optional<Account> account;
+        UserRights out;
+        for (const auto& [key, value] : table) {
+            if (key == "name") {
+                if (!values.read(key, value, account)) return false;
+            } else if (key == "programs") {
+                if (!values.readPrograms(key, value, out.programs)) return false;
+            } else if (key == "writes") {
+                if (!values.read(key, value, out.writes)) return false;
+            } else {
+                return values.fail(key, value, "unknown key");
+            }
+        }
+        if (!account) return values.fail("name", table, "is missing");
+        out.uid = account->uid;
+        config.users.push_back(out);
+        return true;
+    }
+
+    [[nodiscard]] bool readRouter(std::string_view key, const toml::node& value, Config& out) {
+        return key == "user" ? values.read(key, value, out.user) : values.fail(key, value, "unknown key");
+    }
+
+    [[nodiscard]] bool readNat(std::string_view key, const toml::node& value, Config& out) {
+        NatConfig& nat = out.nat;
+        if (key == "check-targets") return values.read(key, value, nat.checksTargets);
+        if (key == "internal-prefixes") return values.read(key, value, nat.internalPrefixes);
+        if (key == "external-ports") return values.read(key, value, nat.externalPorts);
+        if (key == "internal-ports") return values.read(key, value, nat.internalPorts);
+        if (key == "limit-per-client") return values.read(key, value, 0, highestNumber, nat.limitPerTarget);
+        if (key == "limit") return values.read(key, value, 0, highestNumber, nat.limit);
+        return values.fail(key, value, "unknown key");
+    }
+
+    [[nodiscard]] bool readGuard(std::string_view key, const toml::node& value, Config& out) {
+        GuardConfig& guard = out.guard;
+        if (key == "limit-connections") return values.read(key, value, guard.limitsConnections);
+        if (key == "searches-per-second")
+            return values.read(key, value, 0, highestRate, guard.searchesPerSecond);
+        if (key == "requests-per-second")
+            return values.read(key, value, 0, highestRate, guard.requestsPerSecond);
+        if (key == "connections") return values.read(key, value, 0, highestRate, guard.connections);
+        return values.fail(key, value, "unknown key");
+    }
+
+    ConfigValues values;
+    std::set<std::uint32_t> numbers;
+};
+
+/// True when everybody may change the file. One that is not there is nobody's.
+bool isWorldWritable(const std::string& path) {
+    struct stat status {};
+    return ::stat(path.c_str(), &status) == 0 && (status.st_mode & S_IWOTH) != 0;
+}
+
+}  // namespace
+
+bool parseConfig(const std::string& text, const std::string& name, Config& out, std::string& reason) {
+    out = {};
+    const toml::parse_result parsed = toml::parse(text, name);
+    if (!parsed) {
+        reason = name + ":" + std::to_string(parsed.error().source().begin.line) + ": " +
+                 std::string(parsed.error().description());
+        return false;
+    }
+    return Reader(name, reason).read(parsed.table(), out);
+}
+
+void runAsRouter(Config& config) {
+    for (ProgramConfig& program : config.programs)
+        if (!program.user) program.user = config.user;
+}
+
+bool readConfig(const std::string& path, bool mayBeAbsent, Config& out, std::string& reason) {
+    out = {};
+    if (isWorldWritable(path)) {
+        reason = path + ": everybody may write this file, so it is not followed";
+        return false;
+    }
+    std::string text;
+    if (tk::readFile(path, sizeLimit, text)) return parseConfig(text, path, out, reason);
+    if (errno == ENOENT && mayBeAbsent) return true;
+    reason = path + ": " + tk::errorText();
+    return false;
+}
+
+}  // namespace router

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "router/access.h"
+#include "router/account.h"
+#include "router/guardconfig.h"
+#include "router/natconfig.h"
+
+namespace router {
+
+/// A program that the router can start.
+struct ProgramConfig {
+    std::uint32_t number = 0;
+    std::vector<std::string> command;  // the program's path, then its arguments
+    bool startsWithRouter = false;
+    std::optional<Account> user = {};  // whom it runs as; none: as the router itself
+
+    bool operator==(const ProgramConfig&) const = default;
+};
+
+/// What the configuration file says. A value.
+struct Config {
+    std::optional<Account> user;  // whom the router runs as; none: as whoever started it
+    std::vector<ProgramConfig> programs;
+    std::vector<UserRights> users;
+    NatConfig nat;
+    GuardConfig guard;
+
+    bool operator==(const Config&) const = default;
+};
+
+/// Gives the programs that name no user the router's own, for whoever starts them still is root.
+void runAsRouter(Config& config);
+
+/// Reads the configuration text. `name` is the file's, for the texts of errors.
+/// Errors: false for anything that is not TOML, unknown or out of range, and for a user that the system does
+/// not know; `reason` names file, line and key then.
+[[nodiscard]] bool parseConfig(const std::string& text, const std::string& name, Config& out,
+                               std::string& reason);
+
+/// Reads the configuration file at `path`. Errors: as for parseConfig(), and for a file that everybody may
+/// write; one that is absent is an empty configuration when `mayBeAbsent`.
+[[nodiscard]] bool readConfig(const std::string& path, bool mayBeAbsent, Config& out, std::string& reason);
+
+}  // namespace router

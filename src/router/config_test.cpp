@@ -1,0 +1,176 @@
+#include "router/config.h"
+
+#include <sys/stat.h>
+
+#include <gtest/gtest.h>
+
+#include "tk/testing/folder.h"
+
+namespace router {
+namespace {
+
+TEST(ParseConfig, ReadsPrograms) {
+    Config config;
+    std::string reason;
+    ASSERT_TRUE(
+        parseConfig("[[program]]\nnumber = 80\ncommand = [\"/usr/sbin/upnpd\"]\nstart = true\n"
+                    "[[program]]\nnumber = 14\ncommand = [\"/usr/sbin/resolverd\", \"-v\"]\n",
+                    "router.toml", config, reason))
+        << reason;
+    EXPECT_EQ(config.programs, (std::vector<ProgramConfig>{{80, {"/usr/sbin/upnpd"}, true},
+                                                           {14, {"/usr/sbin/resolverd", "-v"}, false}}));
+}
+
+TEST(ParseConfig, AnEmptyTextStartsNothing) {
+    Config config;
+    std::string reason;
+    EXPECT_TRUE(parseConfig("", "router.toml", config, reason));
+    EXPECT_EQ(config, Config());
+}
+
+TEST(ParseConfig, ReadsEveryKey) {
+    Config config;
+    std::string reason;
+    ASSERT_TRUE(parseConfig(
+        "[router]\nuser = \"nobody\"\n"
+        "[[program]]\nnumber = 80\ncommand = [\"/a\"]\nuser = \"daemon\"\n"
+        "[[user]]\nname = \"daemon\"\nprograms = [80, 81]\nwrites = [\"20,5\", \"20\", 21]\n"
+        "[nat]\ncheck-targets = false\ninternal-prefixes = [\"10.0.0.0/8\", \"192.0.2.1/32\", "
+        "\"0.0.0.0/0\"]\n"
+        "external-ports = [80, \"1024-65535\"]\ninternal-ports = [\"22\"]\nlimit-per-client = 3\nlimit = 4\n"
+        "[guard]\nlimit-connections = false\nsearches-per-second = 5\nrequests-per-second = 6\nconnections = "
+        "7\n",
+        "router.toml", config, reason))
+        << reason;
+    Config wanted;
+    wanted.user = findAccount("nobody");
+    wanted.programs = {{80, {"/a"}, false, findAccount("daemon")}};
+    const uid_t daemon = findAccount("daemon")->uid;
+    wanted.users = {{daemon, {80}, {}}, {daemon, {80, 81}, {{20, 5}, {20}, {21}}}};
+    wanted.nat = {false,
+                  {{0x0A000000, 0xFF000000}, {0xC0000201, 0xFFFFFFFF}, {0, 0}},
+                  {{80, 80}, {1024, 65535}},
+                  {{22, 22}},
+                  3,
+                  4};
+    wanted.guard = {false, 5, 6, 7};
+    EXPECT_EQ(config, wanted);
+}
+
+struct Case {
+    const char* name;
+    const char* text;
+    const char* reason;
+};
+
+constexpr Case cases[] = {
+    {"UnknownKey", "\nfoo = 1\n", "r.toml:2: foo: unknown key"},
+    {"UnknownKeyOfAProgram", "[[program]]\nnumber = 80\ncommand = [\"/a\"]\nhost = 1\n",
+     "r.toml:4: host: unknown key"},
+    {"NoTable", "program = 3\n", "r.toml:1: program: must be written as [[program]]"},
+    {"SingleTable", "[program]\nnumber = 80\n", "r.toml:1: program: must be written as [[program]]"},
+    {"NumberZero", "[[program]]\nnumber = 0\n", "r.toml:2: number: must be a number from 1 to 999"},
+    {"NumberOfAClient", "[[program]]\nnumber = 1000\n", "r.toml:2: number: must be a number from 1 to 999"},
+    {"NumberAsText", "[[program]]\nnumber = \"80\"\n", "r.toml:2: number: must be a number from 1 to 999"},
+    {"NumberMissing", "\n[[program]]\ncommand = [\"/a\"]\n", "r.toml:2: number: is missing"},
+    {"NumberTwice",
+     "[[program]]\nnumber = 8\ncommand = [\"/a\"]\n[[program]]\nnumber = 8\ncommand = [\"/a\"]\n",
+     "r.toml:4: number: stands twice"},
+    {"CommandMissing", "[[program]]\nnumber = 80\n", "r.toml:1: command: is missing"},
+    {"CommandEmpty", "[[program]]\nnumber = 80\ncommand = []\n",
+     "r.toml:3: command: must be a list of texts"},
+    {"CommandAsText", "[[program]]\nnumber = 80\ncommand = \"/a\"\n",
+     "r.toml:3: command: must be a list of texts"},
+    {"CommandOfNumbers", "[[program]]\nnumber = 80\ncommand = [1]\n",
+     "r.toml:3: command: must be a list of texts"},
+    {"CommandWithoutPath", "[[program]]\nnumber = 80\ncommand = [\"a\"]\n",
+     "r.toml:3: command: must begin with a full path"},
+    {"StartAsNumber", "[[program]]\nnumber = 80\ncommand = [\"/a\"]\nstart = 1\n",
+     "r.toml:4: start: must be true or false"},
+    {"UserOfNobody", "[[program]]\nnumber = 80\nuser = \"no-such-user\"\n",
+     "r.toml:3: user: there is no user \"no-such-user\""},
+    {"UserAsNumber", "[router]\nuser = 0\n", "r.toml:2: user: must be the name of a user"},
+    {"UserWithoutName", "[[user]]\nprograms = [80]\n", "r.toml:1: name: is missing"},
+    {"UserOfUnknownKey", "[[user]]\nnames = 1\n", "r.toml:2: names: unknown key"},
+    {"UserAsTable", "[user]\nname = \"daemon\"\n", "r.toml:1: user: must be written as [[user]]"},
+    {"ProgramsOfText", "[[user]]\nname = \"daemon\"\nprograms = [\"80\"]\n",
+     "r.toml:3: programs: must be a number from 1 to 999"},
+    {"WritesAsText", "[[user]]\nwrites = \"20\"\n",
+     "r.toml:2: writes: must be a list of paths, such as \"20,5\""},
+    {"WritesTooLong", "[[user]]\nwrites = [\"20,5,1\"]\n",
+     "r.toml:2: writes: must be a list of paths, such as \"20,5\""},
+    {"RouterUnknownKey", "[router]\nusers = 1\n", "r.toml:2: users: unknown key"},
+    {"NatAsArray", "[[nat]]\nlimit = 1\n", "r.toml:1: nat: must be written as [nat]"},
+    {"NatUnknownKey", "[nat]\nlimits = 1\n", "r.toml:2: limits: unknown key"},
+    {"CheckAsText", "[nat]\ncheck-targets = \"yes\"\n", "r.toml:2: check-targets: must be true or false"},
+    {"PrefixWithoutLength", "[nat]\ninternal-prefixes = [\"192.0.2.0\"]\n",
+     "r.toml:2: internal-prefixes: must be a list of networks, such as \"192.0.2.0/24\""},
+    {"PrefixWithHostBits", "[nat]\ninternal-prefixes = [\"192.0.2.1/24\"]\n",
+     "r.toml:2: internal-prefixes: must be a list of networks, such as \"192.0.2.0/24\""},
+    {"PrefixTooLong", "[nat]\ninternal-prefixes = [\"192.0.2.0/33\"]\n",
+     "r.toml:2: internal-prefixes: must be a list of networks, such as \"192.0.2.0/24\""},
+    {"PortTooHigh", "[nat]\nexternal-ports = [65536]\n",
+     "r.toml:2: external-ports: must be a list of ports, such as 80 and \"1024-65535\""},
+    {"PortsBackwards", "[nat]\ninternal-ports = [\n80,\n\"9-8\"]\n",
+     "r.toml:4: internal-ports: must be a list of ports, such as 80 and \"1024-65535\""},
+    {"LimitNegative", "[nat]\nlimit = -1\n", "r.toml:2: limit: must be a number from 0 to 4294967295"},
+    {"GuardUnknownKey", "[guard]\nenabled = true\n", "r.toml:2: enabled: unknown key"},
+    {"RateTooHigh", "[guard]\nconnections = 1000001\n",
+     "r.toml:2: connections: must be a number from 0 to 1000000"},
+};
+
+class RefusedConfig : public ::testing::TestWithParam<Case> {};
+
+TEST_P(RefusedConfig, NamesFileLineAndKey) {
+    Config config;
+    std::string reason;
+    EXPECT_FALSE(parseConfig(GetParam().text, "r.toml", config, reason));
+    EXPECT_EQ(reason, GetParam().reason);
+}
+
+INSTANTIATE_TEST_SUITE_P(Texts, RefusedConfig, ::testing::ValuesIn(cases),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+TEST(ParseConfig, BrokenTextIsRefusedWithItsLine) {
+    Config config;
+    std::string reason;
+    EXPECT_FALSE(parseConfig("\n\n= 3\n", "r.toml", config, reason));
+    EXPECT_EQ(reason.substr(0, 9), "r.toml:3:");
+}
+
+TEST(RunAsRouter, ProgramsWithoutAUserGetTheRoutersOwn) {
+    Config config;
+    config.user = Account{};
+    config.user->uid = 71;
+    config.programs = {{80, {"/bin/one"}, false, {}}, {14, {"/bin/two"}, false, Account{}}};
+    config.programs[1].user->uid = 72;
+    runAsRouter(config);
+    ASSERT_TRUE(config.programs[0].user);
+    EXPECT_EQ(config.programs[0].user->uid, 71U);
+    EXPECT_EQ(config.programs[1].user->uid, 72U);
+}
+
+TEST(ReadConfig, OnlyTheDefaultFileMayBeAbsent) {
+    Config config;
+    std::string reason;
+    EXPECT_TRUE(readConfig("/nonexistent/router.toml", true, config, reason));
+    EXPECT_FALSE(readConfig("/nonexistent/router.toml", false, config, reason));
+    EXPECT_EQ(reason, "/nonexistent/router.toml: No such file or directory");
+}
+
+TEST(ReadConfig, AFileThatEverybodyMayWriteIsRefused) {
+    const tk::testing::Folder folder;
+    folder.write("router.toml", "[nat]\nlimit = 5\n");
+    const std::string path = folder.file("router.toml");
+    Config config;
+    std::string reason;
+    ASSERT_EQ(::chmod(path.c_str(), 0644), 0);
+    EXPECT_TRUE(readConfig(path, false, config, reason)) << reason;
+    EXPECT_EQ(config.nat.limit, 5U);
+    ASSERT_EQ(::chmod(path.c_str(), 0646), 0);
+    EXPECT_FALSE(readConfig(path, false, config, reason));
+    EXPECT_EQ(reason, path + ": everybody may write this file, so it is not followed");
+}
+
+}  // namespace
+}  // namespace router

@@ -1,0 +1,112 @@
+#include "router/history.h"
+
+#include <string>
+#include <utility>
+
+#include "router/page.h"
+#include "tk/bus.h"
+#include "tk/records.h"
+
+namespace router {
+
+namespace {
+
+namespace field = tk::historyfield;
+
+constexpr std::size_t pageSize = 20;  // a record carries whole requests
+
+}  // namespace
+
+tk::message History::cmdAddObj(const tk::message& request) {
+    if (request.size_message_array(field::request) != 1 || request.size_message_array(field::inverse) != 1)
+        return tk::errorMsg(tk::error::invalid, "an undo record holds one request and one inverse");
+    const tk::Path& from = request.get_u32_array(tk::field::sender);
+    if (undoing != 0 && undoingPath == from) return {};
+    tk::message record;
+    record.insert_u32(tk::field::objectId, ++lastId);
+    record.insert_message_array(field::request, request.get_message_array(field::request));
+    record.insert_message_array(field::inverse, request.get_message_array(field::inverse));
+    record.insert_string(field::description, request.get_string(field::description));
+    record.insert_u32(field::program, from.front());
+    record.insert_u64(field::time, time());
+    record.insert_u32_array(field::path, from);
+    records[lastId] = record;
+    if (records.size() > limit && records.begin()->first != undoing) records.erase(records.begin());
+    notifyChange(lastId, record);
+    tk::message reply;
+    reply.insert_u32(tk::field::objectId, lastId);
+    return reply;
+}
+
+tk::message History::cmdUnknown(const tk::message& received, std::uint32_t command) {
+    return command == undoCommand ? undo(received) : Handler::cmdUnknown(received, command);
+}
+
+tk::message History::undo(const tk::message& request) {
+    if (records.empty()) return tk::errorMsg(tk::error::noSuchObject, "there is nothing to undo");
+    if (undoing != 0) return tk::errorMsg(tk::error::busy, "a change is being undone already");
+    const auto& [id, record] = *records.rbegin();
+    const tk::message& inverse = record.get_message_array(field::inverse).front();
+    const std::uint32_t command = inverse.get_u32(tk::field::command);
+    if (command == 0) return tk::errorMsg(tk::error::failed, "the record does not say how to undo it");
+    tk::message sent;
+    sent.insert_u32_array(tk::field::destination, record.get_u32_array(field::path));
+    for (const tk::message::Field& value : tk::withoutRouting(inverse).fields()) sent.insert(value);
+    tk::stamp(sent, path(), 0, tk::Kind::request, command);
+    undoing = id;
+    undoingPath = record.get_u32_array(field::path);
+    undoingText = record.get_string(field::description);
+    undoRequest = request;
+    (void)sendMessage(
+        std::move(sent));  // its end, an error too, comes to handleReply(), maybe before this returns
+    return answerLater();
+}
+
+tk::message History::cmdDisconnected(const tk::Path& client) {
+    if (client.front() < tk::program::firstClient) return {};
+    std::erase_if(records, [&client](const auto& entry) {
+        return entry.second.get_u32_array(field::path).front() == client.front();
+    });
+    return {};
+}
+
+tk::message History::handleReply(const tk::message& end) {
+    if (undoing == 0) return {};
+    const std::uint32_t id = std::exchange(undoing, 0);
+    const tk::message request = std::exchange(undoRequest, {});
+    std::uint32_t code = 0;
+    std::string text;
+    if (tk::isError(end, &code, &text)) {
+        sendAnswer(request, tk::errorMsg(code, text));
+        return {};
+    }
+    records.erase(id);
+    tk::message gone;
+    gone.insert_u32(tk::field::deleted, 1);
+    notifyChange(id, gone);
+    tk::message answer;
+    answer.insert_u32(tk::field::objectId, id);
+    answer.insert_string(field::description, undoingText);
+    sendAnswer(request, answer);
+    return {};
+}
+
+tk::message History::cmdGetObj(const tk::message& request) {
+    const std::uint32_t id = request.get_u32(tk::field::objectId);
+    const auto record = records.find(id);
+    return record == records.end() ? tk::errorMsg(tk::error::noSuchObject, "no record " + std::to_string(id))
+                                   : record->second;
+}
+
+tk::message History::cmdGetAll(const tk::message& request) {
+    return pageOf(records, request, pageSize,
+                  [](std::uint32_t, const tk::message& record) { return record; });
+}
+
+tk::message History::cmdGetCount(const tk::message&) {
+    tk::message reply;
+    reply.insert_u32(tk::field::count, static_cast<std::uint32_t>(records.size()));
+    return reply;
+}
+
+}  // namespace router

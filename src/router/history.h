@@ -1,0 +1,51 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <utility>
+
+#include "tk/handler.h"
+
+namespace router {
+
+/// The changes that can be undone, at {24}: programs hand in what was asked, what would undo it, and a
+/// description.
+class History final : public tk::Handler {
+public:
+    /// How many records are kept; the oldest ones go.
+    static constexpr std::size_t limit = 100;
+    /// Tells the time. Units: seconds since 1970.
+    using Time = std::function<std::uint64_t()>;
+
+    /// Undoes the last change: its inverse goes to whoever recorded it, and the end of that is the answer,
+    /// with the record's id and description. What is recorded meanwhile by the same handler is not kept, for
+    /// it is the undoing itself.
+    static constexpr std::uint32_t undoCommand = 2;
+
+    explicit History(Time time) : time(std::move(time)) {}
+
+    tk::message cmdAddObj(const tk::message& request) override;
+    tk::message cmdGetObj(const tk::message& request) override;
+    tk::message cmdGetAll(const tk::message& request) override;
+    tk::message cmdGetCount(const tk::message& request) override;
+    tk::message cmdUnknown(const tk::message& received, std::uint32_t command) override;
+    /// Forgets what a client that is no program recorded: its number never comes back.
+    tk::message cmdDisconnected(const tk::Path& client) override;
+    /// Takes the end of the inverse.
+    tk::message handleReply(const tk::message& end) override;
+
+private:
+    [[nodiscard]] tk::message undo(const tk::message& request);
+
+    Time time;
+    std::map<std::uint32_t, tk::message> records;  // by id
+    std::uint32_t lastId = 0;
+    std::uint32_t undoing = 0;  // the record that is being undone; 0: none
+    tk::Path undoingPath;
+    std::string undoingText;
+    tk::message undoRequest;  // who asked for that
+};
+
+}  // namespace router

@@ -1,0 +1,165 @@
+#include "router/hub.h"
+
+#include <utility>
+
+#include "tk/log.h"
+#include "tk/names.h"
+
+namespace router {
+
+namespace {
+
+// With the sender appended, a message may have one field more than a receiver accepts.
+constexpr std::size_t fieldLimit = 1024;
+
+/// What a requester is told in place of an end that has no room in a frame.
+tk::message tooLarge(const tk::message& end) {
+    tk::message told = tk::errorMsg(tk::error::failed, "the answer is too large");
+    told.insert_u32_array(tk::field::destination, end.get_u32_array(tk::field::destination));
+    tk::stamp(told, end.get_u32_array(tk::field::sender), end.get_u32(tk::field::number), tk::Kind::error,
+              end.get_u32(tk::field::command));
+    return told;
+}
+
+}  // namespace
+
+Hub::Hub() = default;
+
+Hub::~Hub() = default;
+
+void Hub::addService(tk::Handler& handler, const tk::Path& path) {
+    handler.attach(*this, path);
+    services.add(handler);
+}
+
+void Hub::adopt(tk::Fd socket, const Credentials& credentials) {
+    if (peers.size() >= peerLimit) return tk::log("bus: connection refused: too many");
+    const std::uint32_t number = nextClient++;
+    HubPeer::Owner& owner = *this;
+    peers[number] = std::make_unique<HubPeer>(std::move(socket), credentials, number, owner);
+}
+
+void Hub::close() {
+    expiry.disarm();
+    services.clear();
+    starter = nullptr;
+    watcher = nullptr;
+    awaited.clear();
+    programs.clear();
+    peers.clear();
+}
+
+void Hub::peerSent(HubPeer& peer, tk::message received) {
+    peer.stampSender(received);
+    if (received.fields().size() > fieldLimit) return peer.drop("it sent a message of too many fields");
+    switch (tk::kindOf(received)) {
+        case tk::Kind::request:
+            return takeRequest(peer, received);
+        case tk::Kind::reply:
+        case tk::Kind::error:
+            return takeEnd(peer, received);
+        case tk::Kind::notification:
+            return publish(received);
+    }
+}
+
+void Hub::peerEnded(HubPeer& peer, const std::string& reason) {
+    const std::uint32_t number = peer.clientNumber();
+    const std::uint32_t identity = peer.identity();
+    // A client that comes, asks and goes is no event; a program is, and so is a peer that had to be dropped.
+    if (peer.isProgram() || !peer.hasHungUp()) tk::log("bus: ", identity, " left: ", reason);
+    const std::unique_ptr<HubPeer> ended = std::move(peers[number]);  // destroyed when all is cleaned up
+    peers.erase(number);
+    if (ended->isProgram()) programs.erase(identity);
+    subscriptions.drop(number);
+    tracers.drop(number);
+    pending.dropOfRequester(number);
+    for (auto& [program, waiting] : awaited) waiting.drop(number);
+    // What it made goes before anybody is told: whoever hears of its end finds nothing of it any more.
+    services.disconnected({number});
+    if (identity != number) services.disconnected({identity});
+    for (const tk::message& request : pending.takeOfCallee(number))
+        refuse(request, tk::error::disconnected, "the program left before it answered");
+}
+
+void Hub::takeRequest(HubPeer& from, const tk::message& request) {
+    trace(request);
+    route(from, request);
+}
+
+void Hub::takeEnd(HubPeer& from, const tk::message& end) {
+    trace(end);
+    const tk::Path& path = end.get_u32_array(tk::field::destination);
+    if (tk::Handler* handler = services.find(path)) {
+        if (pending.finish(ownRequester, from.clientNumber(), end)) (void)handler->handleReply(end);
+        return;
+    }
+    HubPeer* to = peerOf(path);
+    if (to && pending.finish(to->clientNumber(), from.clientNumber(), end)) deliverEnd(*to, end);
+}
+
+void Hub::sendEnd(const tk::message& end) {
+    trace(end);
+    if (tk::Handler* handler = services.find(end.get_u32_array(tk::field::destination)))
+        return void(handler->handleReply(end));
+    if (HubPeer* to = peerOf(end.get_u32_array(tk::field::destination))) deliverEnd(*to, end);
+}
+
+void Hub::deliverEnd(HubPeer& to, const tk::message& end) {
+    if (to.send(end) || !to.isOpen()) return;
+    const tk::message told = tooLarge(end);
+    trace(told);
+    (void)to.send(told);  // a peer whose connection breaks now is served from the loop
+}
+
+void Hub::publish(const tk::message& notification) {
+    trace(notification);
+    const tk::Path& from = notification.get_u32_array(tk::field::sender);
+    for (const std::uint32_t number : subscriptions.of(from, notification.get_u32(tk::field::command)))
+        (void)peers[number]->send(notification);
+}
+
+void Hub::trace(const tk::message& passed) {
+    if (!tracers.isActive()) return;
+    const tk::message shown = HubTrace::wrap(passed);
+    for (const std::uint32_t number : tracers.peers()) (void)peers[number]->send(shown);
+}
+
+tk::message Hub::exchange(const tk::message& request, const tk::Path& from, std::uint32_t command,
+                          std::uint32_t) {
+    tk::message sent = request;
+    tk::stamp(sent, from, ++ownNumbers, tk::Kind::request, command);
+    trace(sent);
+    const tk::Path& to = sent.get_u32_array(tk::field::destination);
+    const bool isLocal = !to.empty() && services.has(to.front());
+    tk::message end =
+        tk::endOf(sent, isLocal ? services.serve(sent)
+                                : tk::errorMsg(tk::error::refused, "the router waits for nobody"));
+    trace(end);
+    return end;
+}
+
+void Hub::post(tk::message stamped) {
+    switch (tk::kindOf(stamped)) {
+        case tk::Kind::notification:
+            return publish(stamped);
+        case tk::Kind::reply:
+        case tk::Kind::error:
+            return sendEnd(stamped);
+        case tk::Kind::request:
+            return sendOwn(std::move(stamped));
+    }
+}
+
+void Hub::sendOwn(tk::message request) {
+    const tk::Path from = request.get_u32_array(tk::field::sender);
+    tk::stamp(request, from, ++ownNumbers, tk::Kind::request, request.get_u32(tk::field::command));
+    trace(request);
+    const tk::Path& to = request.get_u32_array(tk::field::destination);
+    if (to.empty() || to.front() == tk::program::hub || services.has(to.front()))
+        return refuse(request, tk::error::unreachable, "nobody at this destination");
+    if (HubPeer* callee = programPeer(to.front())) return forward(ownRequester, *callee, request);
+    activate(ownRequester, request);
+}
+
+}  // namespace router

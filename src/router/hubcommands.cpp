@@ -1,0 +1,91 @@
+// The hub's own commands, at path {0}.
+
+#include <string>
+
+#include "router/hub.h"
+#include "tk/names.h"
+
+namespace router {
+
+namespace {
+
+constexpr std::uint32_t programNumber = 1;        // u32, of a registration
+constexpr std::uint32_t subscriptionPath = 1;     // u32[]
+constexpr std::uint32_t subscriptionCommand = 2;  // u32
+constexpr std::uint32_t subscriptionFilter = 3;   // message[] with the one filter message
+
+constexpr std::size_t pathLimit =
+    16;  // elements: a subscription is kept, and must not cost what its maker likes
+
+/// Checks the fields of a subscription. An empty message when they are sound.
+tk::message checkSubscription(const tk::message& request) {
+    if (request.get_u32_array(subscriptionPath).empty() || !request.has(subscriptionCommand))
+        return tk::errorMsg(tk::error::invalid, "a subscription names a path and a command");
+    if (request.get_u32_array(subscriptionPath).size() > pathLimit)
+        return tk::errorMsg(tk::error::invalid, "the path is too long");
+    for (const tk::message& filter : request.get_message_array(subscriptionFilter))
+        if (!filter.empty()) return tk::errorMsg(tk::error::refused, "filters are not supported");
+    return {};
+}
+
+}  // namespace
+
+tk::message Hub::command(HubPeer& from, const tk::message& request) {
+    if (request.get_u32_array(tk::field::destination).size() > 1)
+        return tk::errorMsg(tk::error::unreachable, "no such handler");
+    switch (request.get_u32(tk::field::command)) {
+        case tk::command::hubRegister:
+            return registerProgram(from, request);
+        case tk::command::hubSubscribe:
+            return subscribe(from, request);
+        case tk::command::hubUnsubscribe:
+            return unsubscribe(from, request);
+        case tk::command::hubTrace:
+            return {};  // begins behind its own reply
+        default:
+            return tk::errorMsg(tk::error::noSuchCommand, "no such command");
+    }
+}
+
+tk::message Hub::registerProgram(HubPeer& from, const tk::message& request) {
+    const std::uint32_t program = request.get_u32(programNumber);
+    if (program == tk::program::hub || program >= tk::program::firstClient)
+        return tk::errorMsg(tk::error::invalid, "a program number lies between 1 and " +
+                                                    std::to_string(tk::program::firstClient - 1));
+    if (from.isProgram() && from.identity() != program)
+        return tk::errorMsg(tk::error::exists,
+                            "this connection is registered as program " + std::to_string(from.identity()));
+    if (!access.mayRegister(from.user().uid, program))
+        return tk::errorMsg(tk::error::notAllowed, "user " + std::to_string(from.user().uid) +
+                                                       " may not register program " +
+                                                       std::to_string(program));
+    HubPeer* holder = programPeer(program);
+    if (holder == &from) return {};
+    // The end of the former holder may be known to the kernel and not yet to the loop.
+    if (holder && holder->hasHungUp()) peerEnded(*holder, "it closed the connection");
+    if (services.has(program) || programPeer(program))
+        return tk::errorMsg(tk::error::exists, "program " + std::to_string(program) + " is running already");
+    if (watcher) watcher->programComes(program, from.user().uid);
+    programs[program] = from.clientNumber();
+    from.becomeProgram(program);
+    return {};
+}
+
+tk::message Hub::subscribe(HubPeer& from, const tk::message& request) {
+    tk::message refusal = checkSubscription(request);
+    if (tk::isError(refusal)) return refusal;
+    if (!subscriptions.add(from.clientNumber(), request.get_u32_array(subscriptionPath),
+                           request.get_u32(subscriptionCommand)))
+        return tk::errorMsg(tk::error::busy, "too many subscriptions");
+    return {};
+}
+
+tk::message Hub::unsubscribe(HubPeer& from, const tk::message& request) {
+    tk::message refusal = checkSubscription(request);
+    if (tk::isError(refusal)) return refusal;
+    subscriptions.remove(from.clientNumber(), request.get_u32_array(subscriptionPath),
+                         request.get_u32(subscriptionCommand));
+    return {};
+}
+
+}  // namespace router

@@ -1,0 +1,72 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "tk/channel.h"
+#include "tk/fd.h"
+#include "tk/message.h"
+#include "tk/names.h"
+
+namespace router {
+
+/// Who is at the other end of a bus connection, by the kernel's word.
+struct Credentials {
+    pid_t pid = 0;
+    uid_t uid = 0;
+    gid_t gid = 0;
+};
+
+/// One connection to the hub: its channel, and what it is called on the bus.
+class HubPeer final : private tk::ChannelOwner {
+public:
+    /// Takes what a peer sends, and hears of its end.
+    class Owner {
+    public:
+        virtual ~Owner() = default;
+        virtual void peerSent(HubPeer& peer, tk::message received) = 0;
+        /// The connection is over; the owner destroys the peer.
+        virtual void peerEnded(HubPeer& peer, const std::string& reason) = 0;
+    };
+
+    /// Bytes that may wait for a peer that does not read: room for some frames of the largest size.
+    static constexpr std::size_t queueLimit = 4 * tk::frameLimit;
+
+    /// Takes a connected, non-blocking socket over. `number` is the peer's own, from program::firstClient up.
+    HubPeer(tk::Fd socket, const Credentials& credentials, std::uint32_t number, Owner& owner);
+
+    std::uint32_t clientNumber() const { return number; }
+    /// The first element of the paths that this peer sends from: its program's number, else its own.
+    std::uint32_t identity() const { return isProgram() ? programNumber : number; }
+    /// True when the peer has registered a program.
+    bool isProgram() const { return programNumber != tk::program::hub; }
+    void becomeProgram(std::uint32_t program) { programNumber = program; }
+    const Credentials& user() const { return credentials; }
+
+    /// Replaces the sender's first element by the peer's identity; the rest of the path is a program's own.
+    void stampSender(tk::message& sent) const;
+
+    /// Queues a message for the peer. False when it cannot be sent: too large, or the connection is over.
+    bool send(const tk::message& source) { return channel.send(source); }
+    /// Ends the connection for a fault of the peer's; the owner hears of it from the loop.
+    void drop(const std::string& why) { channel.breakOff(why); }
+    /// True until the connection breaks.
+    bool isOpen() const { return channel.isOpen(); }
+    /// True when the peer has closed its end, even if that was not served yet.
+    bool hasHungUp() const;
+
+private:
+    void received(tk::message received) override;
+    void broken(const std::string& reason) override;
+
+    Owner& owner;
+    Credentials credentials;
+    std::uint32_t number;
+    std::uint32_t programNumber = tk::program::hub;  // the hub's own number: none
+    tk::Channel channel;
+};
+
+}  // namespace router

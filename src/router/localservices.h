@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <utility>
+
+#include "tk/handler.h"
+#include "tk/message.h"
+
+namespace router {
+
+/// The handlers that live in the hub's own process, by their paths.
+class LocalServices {
+public:
+    /// Serves `handler` at its path, of one or two elements. Lifetime: the handler outlives the entry.
+    void add(tk::Handler& handler);
+    void clear() { services.clear(); }
+
+    /// True when paths that begin with `program` lead to this process.
+    bool has(std::uint32_t program) const;
+    /// The handler at a path of one or two elements, null when there is none.
+    tk::Handler* find(const tk::Path& path) const;
+    /// Serves one request. The answer carries no routing fields.
+    [[nodiscard]] tk::message serve(const tk::message& request) const;
+    /// Tells every handler that a client is gone.
+    void disconnected(const tk::Path& client) const;
+
+private:
+    using Key = std::pair<std::uint32_t, std::uint32_t>;  // the first two elements of the path
+
+    std::map<Key, tk::Handler*> services;
+};
+
+}  // namespace router

@@ -1,0 +1,98 @@
+#include <getopt.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+
+#include "router/buslistener.h"
+#include "router/config.h"
+#include "router/launcher.h"
+#include "router/privileges.h"
+#include "router/router.h"
+#include "tk/fd.h"
+#include "tk/log.h"
+#include "tk/names.h"
+
+namespace {
+
+constexpr const char* defaultConfig = "/tesk/etc/router.toml";
+constexpr const char* usage =
+    "usage: routerd [--config FILE]\n"
+    "\n"
+    "The router around the gateway daemon: carries the messages of the bus, and offers the interfaces, the\n"
+    "addresses and the destination NAT of the kernel on it.\n"
+    "\n"
+    "  --config FILE  read this configuration (default /tesk/etc/router.toml, which may be absent)\n"
+    "  --help         write this text\n"
+    "  --version      write the version\n";
+
+constexpr int done = 0;
+constexpr int failed = 1;
+constexpr int misuse = 2;
+
+int serve(const std::string& configPath, bool mayBeAbsent) {
+    tk::reserveStandardDescriptors();
+    router::Config config;
+    std::string reason;
+    if (!router::readConfig(configPath, mayBeAbsent, config, reason)) {
+        std::fprintf(stderr, "routerd: %s\n", tk::escapeControls(reason).c_str());
+        return failed;
+    }
+    router::Paths paths;
+    paths.bus = tk::busPath;
+    if (router::BusListener::isServed(paths.bus)) {  // before anything that the other one uses is touched
+        std::fprintf(stderr, "routerd: %s: another router is running\n", paths.bus.c_str());
+        return failed;
+    }
+    router::OwnProcesses own;
+    router::Launcher
+        launcher;  // of programs that run as other users, which this process cannot become any more
+    const bool drops = config.user && ::geteuid() == 0;
+    if (drops) router::runAsRouter(config);
+    if (drops && (!launcher.open(config.programs, reason) ||
+                  !router::dropPrivileges(*config.user, paths.bus, reason))) {
+        std::fprintf(stderr, "routerd: %s\n", tk::escapeControls(reason).c_str());
+        return failed;
+    }
+    router::Processes& processes = drops ? static_cast<router::Processes&>(launcher) : own;
+    router::Router router(config, paths, processes);
+    if (!router.start(reason)) {
+        std::fprintf(stderr, "routerd: %s\n", tk::escapeControls(reason).c_str());
+        return failed;
+    }
+    router.run();
+    return done;
+}
+
+}  // namespace
+
+int main(int count, char** arguments) {
+    enum Option : int { configOption = 1, helpOption, versionOption };
+    static const option options[] = {{"config", required_argument, nullptr, configOption},
+                                     {"help", no_argument, nullptr, helpOption},
+                                     {"version", no_argument, nullptr, versionOption},
+                                     {nullptr, 0, nullptr, 0}};
+    std::string configPath = defaultConfig;
+    bool isDefault = true;
+    for (int given = 0; (given = ::getopt_long(count, arguments, "", options, nullptr)) != -1;)
+        switch (given) {
+            case configOption:
+                configPath = optarg;
+                isDefault = false;
+                break;
+            case helpOption:
+                std::fputs(usage, stdout);
+                return done;
+            case versionOption:
+                std::puts("routerd " GATEWAY_VERSION);
+                return done;
+            default:
+                std::fputs(usage, stderr);
+                return misuse;
+        }
+    if (optind < count) {
+        std::fputs(usage, stderr);
+        return misuse;
+    }
+    return serve(configPath, isDefault);
+}

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "router/natkernel.h"
+#include "router/natpolicy.h"
+#include "router/natrules.h"
+#include "tk/handler.h"
+#include "tk/store.h"
+
+namespace router {
+
+/// Destination NAT rules on the bus, at {20, 5}. A request is answered when the kernel has committed or
+/// refused it. Dynamic rules belong to the connection that made them and go with it; others are stored.
+class Nat final : public tk::Handler {
+public:
+    /// Answers, with the fields of a new rule, whether that rule would be accepted, and changes nothing.
+    static constexpr std::uint32_t testCommand = 2;
+
+    /// Lifetime: policy and kernel outlive the handler.
+    Nat(const std::string& storePath, const NatPolicy& policy, NatKernel& kernel);
+
+    /// Puts the stored rules into the kernel. One that is refused is kept as disabled in memory, with a log
+    /// line; what is stored stays as it is.
+    void load();
+
+    tk::message cmdAddObj(const tk::message& request) override;
+    tk::message cmdSetObj(const tk::message& request) override;
+    tk::message cmdRemoveObj(const tk::message& request) override;
+    tk::message cmdGetObj(const tk::message& request) override;
+    tk::message cmdGetAll(const tk::message& request) override;
+    tk::message cmdGetCount(const tk::message& request) override;
+    tk::message cmdUnknown(const tk::message& received, std::uint32_t command) override;
+    /// Removes the dynamic rules of a client in one transaction.
+    tk::message cmdDisconnected(const tk::Path& client) override;
+
+private:
+    /// May there be one rule more, or one that leads elsewhere? `former` is null for a new one.
+    [[nodiscard]] tk::message checkRoom(const NatRule* former, const NatRule& changed) const;
+    [[nodiscard]] tk::message check(const NatRule* former, const NatRule& rule) const;
+    [[nodiscard]] tk::message apply(const NatRule* former, const NatRule* changed);
+    [[nodiscard]] bool stage(const NatRule* former, const NatRule* changed, bool& staged);
+    void tellRemoved(const std::vector<std::uint32_t>& ids);
+
+    tk::Store store;
+    const NatPolicy& policy;
+    NatKernel& kernel;
+    NatRules rules;
+};
+
+}  // namespace router

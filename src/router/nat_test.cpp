@@ -1,0 +1,234 @@
+#include "router/nat.h"
+
+#include <gtest/gtest.h>
+
+#include "router/testing/natrequest.h"
+#include "tk/bus.h"
+#include "tk/records.h"
+#include "tk/testing/folder.h"
+#include "tk/testing/scriptedbus.h"
+
+namespace router {
+namespace {
+
+using testing::address;
+using testing::natRequest;
+
+class NatTest : public ::testing::Test {
+protected:
+    NatTest() { nat.attach(bus, {20, 5}); }
+    std::uint32_t add(const tk::message& request) {
+        const tk::message reply = nat.cmdAddObj(request);
+        EXPECT_EQ(tk::getError(reply), "");
+        return reply.get_u32(tk::field::objectId);
+    }
+    static tk::message ofId(std::uint32_t id) {
+        tk::message request;
+        request.insert_u32(tk::field::objectId, id);
+        return request;
+    }
+    static tk::message lasting(std::uint32_t port) {
+        tk::message request = natRequest(port, "192.0.2.2", port, 6, {1000});
+        request.remove(tk::field::dynamic);
+        return request;
+    }
+    std::uint32_t count() { return nat.cmdGetCount({}).get_u32(tk::field::count); }
+
+    tk::testing::Folder files;
+    tk::testing::ScriptedBus bus;
+    testing::FakeNetwork network;
+    testing::FakeNat kernel;
+    Addresses addresses;
+    NatPolicy policy{network, addresses};
+    Nat nat{files.file("nat"), policy, kernel};
+};
+
+TEST_F(NatTest, CreatesInTheKernelAndAnswersTheId) {
+    EXPECT_EQ(add(natRequest(80, "192.0.2.2", 8080)), 1U);
+    EXPECT_EQ(add(natRequest(80, "192.0.2.3", 80, 17)), 2U);
+    ASSERT_TRUE(kernel.find("198.51.100.1", 6, 80));
+    EXPECT_EQ(kernel.find("198.51.100.1", 6, 80)->targetPort, 8080);
+    EXPECT_TRUE(kernel.find("198.51.100.1", 17, 80));
+    EXPECT_EQ(kernel.transactions, 2);
+}
+
+TEST_F(NatTest, KernelsRefusalIsToldAndNothingIsKept) {
+    kernel.fault = "Numerical result out of range";
+    std::uint32_t code = 0;
+    std::string text;
+    EXPECT_TRUE(tk::isError(nat.cmdAddObj(natRequest(80, "192.0.2.2", 8080)), &code, &text));
+    EXPECT_EQ(code, tk::error::failed);
+    EXPECT_EQ(text, kernel.fault);
+    EXPECT_TRUE(tk::isError(nat.cmdAddObj(lasting(81)), &code));
+    EXPECT_EQ(count(), 0U);
+    kernel.fault.clear();
+    Nat again(files.file("nat"), policy, kernel);
+    again.load();
+    EXPECT_EQ(again.cmdGetCount({}).get_u32(tk::field::count), 0U);
+}
+
+TEST_F(NatTest, PolicyRefusesBeforeTheKernelIsAsked) {
+    std::uint32_t code = 0;
+    EXPECT_TRUE(tk::isError(nat.cmdAddObj(natRequest(80, "127.0.0.1", 80)), &code));
+    EXPECT_EQ(code, tk::error::refused);
+    EXPECT_EQ(kernel.transactions, 0);
+}
+
+TEST_F(NatTest, PolicyCountsForDisabledRulesToo) {
+    tk::message request = natRequest(80, "127.0.0.1", 80);
+    request.insert_bool(tk::field::disabled, true);
+    EXPECT_TRUE(tk::isError(nat.cmdAddObj(request)));
+    request = natRequest(80, "192.0.2.2", 80);
+    request.insert_bool(tk::field::disabled, true);
+    for (const std::uint32_t field : {tk::rulefield::dstAddressFirst, tk::rulefield::dstAddressLast})
+        request.insert_be32(field, 0);
+    EXPECT_TRUE(tk::isError(nat.cmdAddObj(request)));
+    EXPECT_EQ(count(), 0U);
+}
+
+TEST_F(NatTest, ARuleCanBeDisabledWhateverThePolicyHasBecome) {
+    const std::uint32_t id = add(natRequest(80, "192.0.2.2", 8080));
+    network.routes[address("192.0.2.2")] = Route{};  // no way there any more
+    tk::message change = ofId(id);
+    change.insert_bool(tk::field::disabled, true);
+    EXPECT_FALSE(tk::isError(nat.cmdSetObj(change)));
+    EXPECT_FALSE(kernel.find("198.51.100.1", 6, 80));
+}
+
+TEST_F(NatTest, ASecondEnabledRuleOfTheSameMatchIsRefused) {
+    add(natRequest(80, "192.0.2.2", 8080));
+    std::uint32_t code = 0;
+    std::string text;
+    EXPECT_TRUE(tk::isError(nat.cmdAddObj(natRequest(80, "192.0.2.3", 80)), &code, &text));
+    EXPECT_EQ(code, tk::error::exists);
+    EXPECT_EQ(text, "tcp 198.51.100.1:80 is mapped already, by rule 1");
+    EXPECT_EQ(kernel.find("198.51.100.1", 6, 80)->targetPort, 8080);
+}
+
+TEST_F(NatTest, DisabledRulesAreNotInTheKernel) {
+    tk::message request = natRequest(80, "192.0.2.2", 8080);
+    request.insert_bool(tk::field::disabled, true);
+    const std::uint32_t id = add(request);
+    EXPECT_TRUE(kernel.elements.empty());
+    EXPECT_EQ(count(), 1U);
+    const std::uint32_t other = add(natRequest(80, "192.0.2.3", 80));
+    tk::message enable = ofId(id);
+    enable.insert_bool(tk::field::disabled, false);
+    EXPECT_TRUE(tk::isError(nat.cmdSetObj(enable)));  // its place is taken
+    EXPECT_FALSE(tk::isError(nat.cmdRemoveObj(ofId(other))));
+    EXPECT_FALSE(tk::isError(nat.cmdSetObj(enable)));
+    EXPECT_EQ(kernel.find("198.51.100.1", 6, 80)->target, address("192.0.2.2"));
+}
+
+TEST_F(NatTest, AChangeReplacesTheElementInOneTransaction) {
+    const std::uint32_t id = add(natRequest(80, "192.0.2.2", 8080));
+    tk::message change = ofId(id);
+    change.insert_bool(tk::field::disabled, false);
+    change.insert_be32(1000, address("192.0.2.9"));
+    change.insert_be32(1001, address("192.0.2.9"));
+    change.insert_u32(1002, 9);
+    change.insert_u32(1003, 9);
+    EXPECT_FALSE(tk::isError(nat.cmdSetObj(change)));
+    EXPECT_EQ(kernel.transactions, 2);
+    EXPECT_EQ(kernel.elements.size(), 1U);
+    EXPECT_EQ(*kernel.find("198.51.100.1", 6, 80),
+              (NatElement{address("198.51.100.1"), 6, 80, address("192.0.2.9"), 9}));
+    change.insert_bool(tk::field::disabled, true);
+    EXPECT_FALSE(tk::isError(nat.cmdSetObj(change)));
+    EXPECT_TRUE(kernel.elements.empty());
+    EXPECT_TRUE(nat.cmdGetObj(ofId(id)).get_bool(tk::field::disabled));
+}
+
+TEST_F(NatTest, ARefusedChangeLeavesTheRule) {
+    const std::uint32_t id = add(natRequest(80, "192.0.2.2", 8080));
+    const tk::message before = nat.cmdGetObj(ofId(id));
+    tk::message change = ofId(id);
+    change.insert_be32(1000, address("224.0.0.1"));
+    EXPECT_TRUE(tk::isError(nat.cmdSetObj(change)));
+    kernel.fault = "No";
+    change.insert_be32(1000, address("192.0.2.9"));
+    EXPECT_TRUE(tk::isError(nat.cmdSetObj(change)));
+    EXPECT_EQ(nat.cmdGetObj(ofId(id)), before);
+}
+
+TEST_F(NatTest, RemovingWhatIsGoneSucceeds) {
+    const std::uint32_t id = add(natRequest(80, "192.0.2.2", 8080));
+    EXPECT_FALSE(tk::isError(nat.cmdRemoveObj(ofId(id))));
+    EXPECT_TRUE(kernel.elements.empty());
+    EXPECT_FALSE(tk::isError(nat.cmdRemoveObj(ofId(id))));
+    EXPECT_EQ(add(natRequest(80, "192.0.2.2", 8080)), 2U);  // an id is never used again
+}
+
+TEST_F(NatTest, DynamicRulesGoWithTheirOwnerInOneTransaction) {
+    for (std::uint32_t port = 1; port <= 5; ++port) add(natRequest(port, "192.0.2.2", port));
+    add(natRequest(6, "192.0.2.2", 6, 6, {1000}));
+    add(lasting(7));
+    const int before = kernel.transactions;
+    EXPECT_FALSE(tk::isError(nat.cmdDisconnected({80})));
+    EXPECT_EQ(kernel.transactions, before + 1);
+    EXPECT_EQ(count(), 2U);
+    EXPECT_FALSE(kernel.find("198.51.100.1", 6, 1));
+    EXPECT_TRUE(kernel.find("198.51.100.1", 6, 6));
+    EXPECT_FALSE(tk::isError(nat.cmdDisconnected({80})));
+    EXPECT_EQ(kernel.transactions, before + 1);
+}
+
+TEST_F(NatTest, OnlyLastingRulesAreStored) {
+    add(natRequest(80, "192.0.2.2", 8080));
+    const std::uint32_t id = add(lasting(7));
+    tk::message change = ofId(id);
+    change.insert_u32(1002, 77);
+    change.insert_u32(1003, 77);
+    EXPECT_FALSE(tk::isError(nat.cmdSetObj(change)));
+    testing::FakeNat fresh;
+    Nat again(files.file("nat"), policy, fresh);
+    again.load();
+    EXPECT_EQ(fresh.elements.size(), 1U);
+    EXPECT_EQ(again.cmdGetObj(ofId(id)), nat.cmdGetObj(ofId(id)));
+    EXPECT_FALSE(tk::isError(nat.cmdRemoveObj(ofId(id))));
+    Nat empty(files.file("nat"), policy, fresh);
+    empty.load();
+    EXPECT_EQ(empty.cmdGetCount({}).get_u32(tk::field::count), 0U);
+}
+
+TEST_F(NatTest, AStoreThatCannotBeWrittenRefusesBeforeTheKernelIsAsked) {
+    files.write("file", "");
+    Nat blocked(files.file("file/nat"), policy, kernel);
+    blocked.attach(bus, {20, 5});
+    EXPECT_TRUE(tk::isError(blocked.cmdAddObj(lasting(7))));
+    EXPECT_EQ(kernel.transactions, 0);
+    EXPECT_FALSE(tk::isError(blocked.cmdAddObj(natRequest(80, "192.0.2.2", 8080))));
+}
+
+TEST_F(NatTest, TheListComesInPages) {
+    for (std::uint32_t port = 1; port <= 1025; ++port) add(natRequest(port, "192.0.2.2", port));
+    const tk::message first = nat.cmdGetAll({});
+    EXPECT_EQ(first.size_message_array(tk::field::objects), 1024U);
+    tk::message rest;
+    rest.insert_u32(tk::field::next, first.get_u32(tk::field::next));
+    const tk::message second = nat.cmdGetAll(rest);
+    EXPECT_EQ(second.size_message_array(tk::field::objects), 1U);
+    EXPECT_FALSE(second.has(tk::field::next));
+}
+
+TEST_F(NatTest, TestingARuleChangesNothing) {
+    EXPECT_TRUE(nat.cmdUnknown(natRequest(80, "192.0.2.2", 8080), Nat::testCommand).empty());
+    EXPECT_TRUE(tk::isError(nat.cmdUnknown(natRequest(80, "127.0.0.1", 8080), Nat::testCommand)));
+    EXPECT_TRUE(tk::isError(nat.cmdUnknown({}, Nat::testCommand)));
+    EXPECT_EQ(count(), 0U);
+    EXPECT_EQ(kernel.transactions, 0);
+}
+
+TEST_F(NatTest, ChangesAreTold) {
+    const std::uint32_t id = add(natRequest(80, "192.0.2.2", 8080));
+    const tk::message record = nat.cmdGetObj(ofId(id));
+    EXPECT_FALSE(tk::isError(nat.cmdRemoveObj(ofId(id))));
+    ASSERT_EQ(bus.posted.size(), 2U);
+    EXPECT_EQ(bus.posted[0].get_message_array(tk::field::objects), (std::vector<tk::message>{record}));
+    const tk::message& removed = bus.posted[1].get_message_array(tk::field::objects).front();
+    EXPECT_EQ(removed.get_u32(tk::field::objectId), id);
+    EXPECT_EQ(removed.get_u32(tk::field::deleted), 1U);
+}
+
+}  // namespace
+}  // namespace router

@@ -1,0 +1,21 @@
+#pragma once
+
+/// The names in the router's table.
+namespace router::nft {
+
+constexpr const char* table = "tk";
+constexpr const char* map = "dstnat";
+constexpr const char* hairpin = "hairpin";
+constexpr const char* prerouting = "prerouting";
+constexpr const char* postrouting = "postrouting";
+
+// Of the guard.
+constexpr const char* guarded = "guarded";
+constexpr const char* uplinks = "uplinks";
+constexpr const char* searches = "searches";
+constexpr const char* requests = "requests";
+constexpr const char* connections = "connections";
+constexpr const char* output = "output";
+constexpr const char* input = "input";
+
+}  // namespace router::nft

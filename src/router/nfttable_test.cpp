@@ -1,0 +1,197 @@
+// The table with the real kernel, in a network namespace of the test's own, looked at with nft(8).
+
+#include "router/nfttable.h"
+
+#include <memory>
+
+#include <gtest/gtest.h>
+
+#include "router/testing/commands.h"
+#include "router/testing/fakekernel.h"
+#include "tk/testing/privatenetwork.h"
+
+namespace router {
+namespace {
+
+using testing::address;
+
+NatElement element(std::uint16_t port, const char* target = "192.0.2.2", std::uint16_t targetPort = 8080) {
+    return {address("198.51.100.1"), 6, port, address(target), targetPort};
+}
+
+class NftTableTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!tk::testing::enterPrivateNetwork()) GTEST_SKIP() << "needs root";
+        std::string reason;
+        ASSERT_TRUE(table->open(reason)) << reason;
+    }
+    using Elements = std::vector<NatElement>;
+    std::string commit(const Elements& removed, const Elements& added) {
+        std::string reason;
+        return table->commit(removed, added, reason) ? "" : reason;
+    }
+    static std::string nft(const std::string& arguments) {
+        bool failed = false;
+        return testing::run("nft " + arguments + " 2>&1", failed);
+    }
+    /// The lines of the map's elements as nft lists them.
+    static std::string mapText() {
+        const std::string text = nft("list map ip tk dstnat");
+        const std::size_t start = text.find("elements");
+        return start == std::string::npos ? "" : text.substr(start, text.find('}', start) + 1 - start);
+    }
+
+    std::unique_ptr<NftTable> table = std::make_unique<NftTable>();
+};
+
+TEST_F(NftTableTest, IsWhatItIsMeantToBe) {
+    const std::string text = nft("list table ip tk");
+    for (const char* line :
+         {"flags owner", "type ipv4_addr . inet_proto . inet_service : ipv4_addr . inet_service",
+          "type nat hook prerouting priority dstnat; policy accept;",
+          "dnat ip to ip daddr . meta l4proto . th dport map @dstnat",
+          "type nat hook postrouting priority srcnat; policy accept;",
+          "ct status dnat iif . oif @hairpin masquerade"})
+        EXPECT_NE(text.find(line), std::string::npos) << line << " is not in\n" << text;
+    EXPECT_TRUE(table->isOwned());
+}
+
+TEST_F(NftTableTest, AddsChangesAndRemovesElements) {
+    EXPECT_EQ(commit({}, {element(80)}), "");
+    EXPECT_EQ(mapText(), "elements = { 198.51.100.1 . tcp . 80 : 192.0.2.2 . 8080 }");
+    EXPECT_EQ(commit({element(80)}, {element(80, "192.0.2.3", 81)}), "");
+    EXPECT_EQ(mapText(), "elements = { 198.51.100.1 . tcp . 80 : 192.0.2.3 . 81 }");
+    EXPECT_EQ(commit({element(80)}, {}), "");
+    EXPECT_EQ(mapText(), "");
+}
+
+TEST_F(NftTableTest, PortZeroIsTheKernelsToDecide) {
+    EXPECT_EQ(commit({}, {element(0, "192.0.2.2", 0)}), "");
+    EXPECT_EQ(mapText(), "elements = { 198.51.100.1 . tcp . 0 : 192.0.2.2 . 0 }");
+}
+
+TEST_F(NftTableTest, ARefusedTransactionChangesNothing) {
+    EXPECT_EQ(commit({}, {element(80)}), "");
+    EXPECT_EQ(commit({}, {element(81), element(80)}), "File exists");
+    EXPECT_EQ(commit({element(99)}, {element(82)}), "No such file or directory");
+    EXPECT_EQ(mapText(), "elements = { 198.51.100.1 . tcp . 80 : 192.0.2.2 . 8080 }");
+    EXPECT_EQ(commit({}, {element(81)}), "");
+}
+
+TEST_F(NftTableTest, NobodyElseCanChangeIt) {
+    EXPECT_EQ(commit({}, {element(80)}), "");
+    bool failed = false;
+    testing::run("nft flush ruleset", failed);
+    testing::run("nft delete table ip tk 2>/dev/null", failed);
+    EXPECT_TRUE(failed);
+    EXPECT_EQ(mapText(), "elements = { 198.51.100.1 . tcp . 80 : 192.0.2.2 . 8080 }");
+    NftTable second;
+    std::string reason;
+    EXPECT_FALSE(second.open(reason));
+    EXPECT_EQ(reason, "nf_tables: no permission, or another process owns the table \"ip tk\"");
+}
+
+TEST_F(NftTableTest, GoesWithItsOwner) {
+    EXPECT_EQ(commit({}, {element(80)}), "");
+    table.reset();
+    EXPECT_EQ(nft("list tables"), "");
+}
+
+TEST_F(NftTableTest, ReplacesATableThatWasLeftBehind) {
+    table.reset();
+    EXPECT_EQ(nft("add table ip tk; nft add chain ip tk old"), "");
+    table = std::make_unique<NftTable>();
+    std::string reason;
+    ASSERT_TRUE(table->open(reason)) << reason;
+    EXPECT_EQ(nft("list table ip tk").find("old"), std::string::npos);
+}
+
+TEST_F(NftTableTest, TakesAWholeTableOutInOneTransaction) {
+    Elements all;
+    for (std::uint32_t port = 0; port < 60000; ++port)
+        all.push_back(element(static_cast<std::uint16_t>(port)));
+    EXPECT_EQ(commit({}, all), "");
+    EXPECT_EQ(commit({}, {element(60001)}), "");
+    EXPECT_EQ(commit(all, {}), "");
+    EXPECT_EQ(mapText(), "elements = { 198.51.100.1 . tcp . 60001 : 192.0.2.2 . 8080 }");
+}
+
+TEST_F(NftTableTest, HairpinsFollowTheInterfaces) {
+    table->interfaceAdded(1, 7);
+    EXPECT_NE(nft("list set ip tk hairpin").find("\"lo\" . \"lo\""), std::string::npos);
+    table->interfaceGone(1);
+    EXPECT_EQ(nft("list set ip tk hairpin").find("elements"), std::string::npos);
+}
+
+/// The table as it is on a kernel that does not know owners.
+class PlainNftTableTest : public NftTableTest {
+protected:
+    void SetUp() override {
+        if (!tk::testing::enterPrivateNetwork()) GTEST_SKIP() << "needs root";
+        std::string reason;
+        ASSERT_TRUE(table->open(reason, NftTable::Kind::plain)) << reason;
+    }
+};
+
+TEST_F(PlainNftTableTest, IsRemovedAtTheEnd) {
+    EXPECT_FALSE(table->isOwned());
+    EXPECT_EQ(nft("list tables"), "table ip tk\n");
+    table.reset();
+    EXPECT_EQ(nft("list tables"), "");
+}
+
+TEST_F(PlainNftTableTest, IsMadeAnewWithTheNextChangeWhenSomebodyFlushedIt) {
+    EXPECT_EQ(commit({}, {element(80)}), "");
+    table->interfaceAdded(1, 7);
+    EXPECT_EQ(nft("flush ruleset"), "");
+    EXPECT_EQ(commit({element(80)}, {element(80, "192.0.2.3", 81)}), "");
+    EXPECT_EQ(mapText(), "elements = { 198.51.100.1 . tcp . 80 : 192.0.2.3 . 81 }");
+    EXPECT_NE(nft("list set ip tk hairpin").find("\"lo\" . \"lo\""), std::string::npos);
+    EXPECT_EQ(nft("flush ruleset"), "");
+    EXPECT_EQ(commit({element(80)}, {}), "");
+    EXPECT_EQ(mapText(), "");
+    EXPECT_EQ(nft("list tables"), "table ip tk\n");
+}
+
+TEST_F(NftTableTest, GuardsUsersAndUplinks) {
+    EXPECT_EQ(nft("list set ip tk guarded").find("elements"), std::string::npos);
+    table->guardUser(64001);
+    table->guardUser(64001);
+    table->setUplinks({1});
+    EXPECT_NE(nft("list set ip tk guarded").find("elements = { 64001 }"), std::string::npos);
+    EXPECT_NE(nft("list set ip tk uplinks").find("elements = { \"lo\" }"), std::string::npos);
+    table->setUplinks({});
+    EXPECT_EQ(nft("list set ip tk uplinks").find("elements"), std::string::npos);
+    const std::string text = nft("list chain ip tk output");
+    for (const char* line :
+         {"tcp flags syn / fin,syn,rst,ack meta skuid @guarded fib daddr type local reject with tcp reset",
+          "tcp flags syn / fin,syn,rst,ack meta skuid @guarded oif @uplinks reject with tcp reset"})
+        EXPECT_NE(text.find(line), std::string::npos) << line << " is not in\n" << text;
+}
+
+TEST_F(PlainNftTableTest, TheGuardIsMadeAnewToo) {
+    table->guardUser(64001);
+    table->setUplinks({1});
+    EXPECT_EQ(nft("flush ruleset"), "");
+    EXPECT_EQ(commit({}, {element(80)}), "");
+    EXPECT_NE(nft("list set ip tk guarded").find("elements = { 64001 }"), std::string::npos);
+    EXPECT_NE(nft("list set ip tk uplinks").find("elements = { \"lo\" }"), std::string::npos);
+}
+
+TEST(NftTableLimits, AreRulesOfTheInputChain) {
+    if (!tk::testing::enterPrivateNetwork()) GTEST_SKIP() << "needs root";
+    NftTable table({false, 20, 30, 50});
+    std::string reason;
+    ASSERT_TRUE(table.open(reason)) << reason;
+    bool failed = false;
+    const std::string text = testing::run("nft list table ip tk", failed);
+    for (const char* line : {"limit rate over 20/second burst 20 packets } drop",
+                             "limit rate over 30/second burst 30 packets } reject with tcp reset",
+                             "ct count over 50 } reject with tcp reset"})
+        EXPECT_NE(text.find(line), std::string::npos) << line << " is not in\n" << text;
+    EXPECT_EQ(text.find("skuid"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace router

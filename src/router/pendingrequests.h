@@ -1,0 +1,60 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <set>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "tk/message.h"
+
+namespace router {
+
+/// The requests that passed the hub and did not end yet. Peers are named by their client numbers, which never
+/// change.
+class PendingRequests {
+public:
+    /// How many requests of one peer may be under way.
+    static constexpr std::size_t limitPerPeer = 1024;
+
+    enum class Added : std::uint8_t { yes, duplicate, full };
+
+    /// Notes that `request`, made by `requester`, is with `callee`. Only its routing fields are kept.
+    [[nodiscard]] Added add(std::uint32_t requester, std::uint32_t callee, const tk::message& request);
+
+    /// Ends the request that `end` of `callee` answers. False when there is none: it is late, or was never
+    /// asked.
+    [[nodiscard]] bool finish(std::uint32_t requester, std::uint32_t callee, const tk::message& end);
+
+    /// Takes out all requests that are with `callee`, in the order of requester and number; each as its
+    /// routing fields, to be ended with an error.
+    [[nodiscard]] std::vector<tk::message> takeOfCallee(std::uint32_t callee);
+
+    /// Takes out, like the former, what has been pending since before the last call of this function.
+    [[nodiscard]] std::vector<tk::message> takeOld();
+
+    /// Forgets what `requester` waits for.
+    void dropOfRequester(std::uint32_t requester);
+
+    std::size_t size() const { return entries.size(); }
+
+private:
+    using Key = std::pair<std::uint32_t, std::uint32_t>;  // requester, number
+    struct Entry {
+        std::uint32_t callee;
+        tk::message routing;
+        std::uint32_t round;  // of takeOld() that it came in
+    };
+    using Entries = std::map<Key, Entry>;
+
+    Entries::iterator erase(Entries::iterator entry);
+
+    std::uint32_t round = 0;
+    Entries entries;
+    std::set<std::pair<std::uint32_t, Key>> byCallee;
+    std::unordered_map<std::uint32_t, std::size_t> counts;  // by requester
+};
+
+}  // namespace router

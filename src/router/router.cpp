@@ -1,0 +1,87 @@
+#include "router/router.h"
+
+#include <time.h>
+
+#include "tk/log.h"
+#include "tk/names.h"
+
+namespace router {
+
+namespace {
+
+constexpr std::uint64_t farewellMilliseconds = 5000;  // for started programs to end in
+
+std::uint64_t secondsSince1970() {
+    return static_cast<std::uint64_t>(::time(nullptr));
+}
+
+}  // namespace
+
+Router::Router(const Config& config, const Paths& paths, Processes& processes)
+    : paths(paths),
+      programs(config.programs),
+      looper(clock, hub, tk::program::network),
+      table(config.guard),
+      interfaceIds(paths.stores + "/interfaces"),
+      interfaces(interfaceIds, kernel),
+      policy(kernel, addresses, config.nat),
+      flows(table),
+      nat(paths.stores + "/nat", policy, flows),
+      identity(paths.machineId, paths.stores + "/identity"),
+      history(secondsSince1970),
+      monitor(kernel, interfaces, addresses),
+      uplinks(kernel, table),
+      activation(config.programs, *this, processes),
+      listener(hub) {
+    interfaces.addWatcher(addresses);
+    interfaces.addWatcher(table);
+    hub.addService(interfaces, {tk::program::network, 0});
+    hub.addService(addresses, {tk::program::network, 1});
+    hub.addService(nat, {tk::program::network, 5});
+    hub.addService(history, {tk::program::history});
+    hub.addService(identity, {tk::program::identity});
+    hub.setStarter(&activation);
+    hub.setAccess(Access(config.users));
+    hub.setProgramWatcher(this);
+}
+
+Router::~Router() {
+    hub.close();  // its connections leave the loop, which ends before the hub
+}
+
+bool Router::start(std::string& reason) {
+    looper.watchSignals();
+    if (!kernel.open(reason) || !table.open(reason) || !flows.open(reason) || !monitor.start(reason) ||
+        !uplinks.start(reason))
+        return false;
+    if (!table.isOwned()) tk::log("nat: this kernel does not know owned tables; others can change the rules");
+    for (const ProgramConfig& program : programs)
+        if (program.user) programComes(program.number, program.user->uid);
+    nat.load();
+    if (!listener.open(paths.bus, reason)) return false;
+    tk::log("routerd: serving ", paths.bus);
+    activation.startConfigured();
+    return true;
+}
+
+void Router::run() {
+    looper.run();
+    activation.endAll();
+    const std::uint64_t limit = clock.now() + farewellMilliseconds;
+    while ((activation.isRunning() || flows.isPending()) && clock.now() < limit)
+        looper.turn(static_cast<int>(limit - clock.now()));
+}
+
+void Router::programComes(std::uint32_t program, uid_t user) {
+    // Whoever was the daemon once stays guarded: leaving the bus sets nobody free.
+    if (program == tk::program::gateway && user != 0) table.guardUser(user);
+}
+
+void Router::programEnded(std::uint32_t program, const std::string& how, bool hadRegistered) {
+    std::string reason = "the program " + how + " before it came to the bus";
+    // A program that left of its own accord is started again for what arrived after it had left the bus.
+    if (hadRegistered && hub.awaits(program) && activation.start(program, reason)) return;
+    hub.programFailed(program, reason);
+}
+
+}  // namespace router

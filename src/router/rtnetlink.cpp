@@ -1,0 +1,113 @@
+#include "router/rtnetlink.h"
+
+#include <errno.h>
+#include <libmnl/libmnl.h>
+#include <linux/rtnetlink.h>
+#include <net/if.h>
+
+#include <optional>
+
+#include "router/rtmessages.h"
+#include "tk/log.h"
+
+namespace router {
+
+namespace {
+
+/// A request with a family's own header, and room for the few attributes that are sent here.
+template <typename Header>
+class Request {
+public:
+    explicit Request(std::uint16_t type) {
+        message = mnl_nlmsg_put_header(buffer);
+        message->nlmsg_type = type;
+        own = static_cast<Header*>(mnl_nlmsg_put_extra_header(message, sizeof(Header)));
+    }
+    Request(const Request&) = delete;
+    Request& operator=(const Request&) = delete;
+    Header* operator->() { return own; }
+    nlmsghdr& get() { return *message; }
+
+private:
+    alignas(nlmsghdr) char buffer[256];
+    nlmsghdr* message;
+    Header* own;
+};
+
+bool accept(const NetlinkResult& result, std::string& reason) {
+    if (!result.ok()) reason = result.text;
+    return result.ok();
+}
+
+}  // namespace
+
+bool RtNetlink::open(std::string& reason) {
+    if (socket.open(NETLINK_ROUTE)) return true;
+    reason = "rtnetlink: " + tk::errorText();
+    return false;
+}
+
+bool RtNetlink::readLink(std::uint32_t index, Link& out, std::string& reason) {
+    Request<ifinfomsg> request(RTM_GETLINK);
+    request->ifi_index = static_cast<int>(index);
+    const NetlinkResult result = socket.exchange(request.get(), [&out](const nlmsghdr& message) {
+        if (const auto link = parseLink(message)) out = *link;
+    });
+    return accept(result, reason);
+}
+
+bool RtNetlink::setLinkUp(std::uint32_t index, bool up, std::string& reason) {
+    Request<ifinfomsg> request(RTM_NEWLINK);
+    request->ifi_index = static_cast<int>(index);
+    request->ifi_flags = up ? IFF_UP : 0;
+    request->ifi_change = IFF_UP;
+    return accept(socket.exchange(request.get(), [](const nlmsghdr&) {}), reason);
+}
+
+Route RtNetlink::routeTo(std::uint32_t address) {
+    Request<rtmsg> request(RTM_GETROUTE);
+    request->rtm_family = AF_INET;
+    request->rtm_dst_len = 32;
+    request->rtm_flags =
+        RTM_F_LOOKUP_TABLE | RTM_F_FIB_MATCH;  // the route itself, not what it means for one address
+    mnl_attr_put_u32(&request.get(), RTA_DST, address);
+    Route route;
+    const NetlinkResult result =
+        socket.exchange(request.get(), [&route](const nlmsghdr& message) { route = parseRoute(message); });
+    return result.ok() ? route : Route{};
+}
+
+bool RtNetlink::readLinks(std::vector<Link>& out, std::string& reason) {
+    Request<ifinfomsg> request(RTM_GETLINK);
+    const NetlinkResult result = socket.dump(
+        request.get(), [&out] { out.clear(); },
+        [&out](const nlmsghdr& message) {
+            if (const auto link = parseLink(message)) out.push_back(*link);
+        });
+    return accept(result, reason);
+}
+
+bool RtNetlink::readAddresses(std::vector<LinkAddress>& out, std::string& reason) {
+    Request<ifaddrmsg> request(RTM_GETADDR);
+    request->ifa_family = AF_INET;
+    const NetlinkResult result = socket.dump(
+        request.get(), [&out] { out.clear(); },
+        [&out](const nlmsghdr& message) {
+            if (const auto address = parseAddress(message)) out.push_back(*address);
+        });
+    return accept(result, reason);
+}
+
+bool RtNetlink::readUplinks(std::set<std::uint32_t>& out, std::string& reason) {
+    Request<rtmsg> request(RTM_GETROUTE);
+    request->rtm_family = AF_INET;
+    const NetlinkResult result = socket.dump(
+        request.get(), [&out] { out.clear(); },
+        [&out](const nlmsghdr& message) {
+            const Route route = parseRoute(message);
+            if (route.isDefault()) out.insert(route.interfaces.begin(), route.interfaces.end());
+        });
+    return accept(result, reason);
+}
+
+}  // namespace router

@@ -1,0 +1,73 @@
+#pragma once
+
+#include <arpa/inet.h>
+
+#include <map>
+#include <span>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "router/natkernel.h"
+#include "router/networkkernel.h"
+
+namespace router::testing {
+
+/// An address in network order from its dotted form.
+inline std::uint32_t address(const char* text) {
+    return ::inet_addr(text);
+}
+
+/// Interfaces and routes as a test wants them.
+class FakeNetwork final : public NetworkKernel {
+public:
+    bool readLink(std::uint32_t index, Link& out, std::string& reason) override {
+        if (!links.contains(index)) {
+            reason = "No such device";
+            return false;
+        }
+        out = links[index];
+        return true;
+    }
+    bool setLinkUp(std::uint32_t index, bool up, std::string& reason) override {
+        reason = fault;
+        if (fault.empty()) switched.emplace_back(index, up);
+        return fault.empty();
+    }
+    Route routeTo(std::uint32_t target) override {
+        return routes.contains(target) ? routes[target] : Route{Route::Type::unicast, 24, {2}};
+    }
+
+    std::map<std::uint32_t, Link> links;
+    std::map<std::uint32_t, Route> routes;  // by address; any other is behind interface 2
+    std::vector<std::pair<std::uint32_t, bool>> switched;
+    std::string fault;
+};
+
+/// A kernel's map of rules that refuses when it is told to.
+class FakeNat final : public NatKernel {
+public:
+    using Key = std::tuple<std::uint32_t, std::uint8_t, std::uint16_t>;
+
+    bool commit(std::span<const NatElement> removed, std::span<const NatElement> added,
+                std::string& reason) override {
+        reason = fault;
+        if (!fault.empty()) return false;
+        ++transactions;
+        for (const NatElement& element : removed)
+            elements.erase({element.destination, element.protocol, element.port});
+        for (const NatElement& element : added)
+            elements[{element.destination, element.protocol, element.port}] = element;
+        return true;
+    }
+    const NatElement* find(const char* destination, std::uint8_t protocol, std::uint16_t port) const {
+        const auto element = elements.find({address(destination), protocol, port});
+        return element == elements.end() ? nullptr : &element->second;
+    }
+
+    std::map<Key, NatElement> elements;
+    int transactions = 0;
+    std::string fault;
+};
+
+}  // namespace router::testing
