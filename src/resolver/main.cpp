@@ -1,0 +1,90 @@
+#include <getopt.h>
+
+#include <cstdio>
+#include <string>
+
+#include "net/convert.h"
+#include "resolver/resolver.h"
+#include "tk/fd.h"
+#include "tk/log.h"
+#include "tk/looper.h"
+#include "tk/names.h"
+#include "tk/privileges.h"
+
+namespace {
+
+constexpr const char* usage =
+    "usage: resolverd [--idle SECONDS]\n"
+    "\n"
+    "Turns host names into IPv4 addresses for the programs on the router's bus, by /etc/hosts and the name\n"
+    "servers of /etc/resolv.conf. It is started when a name is asked for, and leaves when none is any more.\n"
+    "\n"
+    "  --idle SECONDS  leave after so long without a request, 1 to 86400 (default 60)\n"
+    "  --help          write this text\n"
+    "  --version       write the version\n";
+
+constexpr int done = 0;
+constexpr int failed = 1;
+constexpr int misuse = 2;
+
+constexpr std::uint32_t ticksPerSecond = 1000 / tk::tickMilliseconds;
+constexpr std::uint32_t longestIdleSeconds = 86400;
+constexpr unsigned descriptors = 1024;  // all lookups at once have a handful each
+
+int serve(const resolver::Settings& settings) {
+    std::string reason;
+    if (!tk::dropCapabilities(reason)) {
+        tk::log("cannot drop the capabilities: ", reason);
+        return failed;
+    }
+    tk::allowDescriptors(descriptors);
+    tk::Looper looper;
+    resolver::Resolver handler(settings);
+    looper.addHandler(0, &handler);
+    if (!looper.join(tk::program::resolver, tk::busPath, reason)) {
+        tk::log("cannot join the bus at ", tk::busPath, ": ", reason);
+        return failed;
+    }
+    looper.run();
+    handler.detach();
+    return done;
+}
+
+/// Reads the idle time. Errors: false for anything but a number of seconds in its range.
+bool readIdle(const std::string& text, std::uint32_t& ticks) {
+    std::uint32_t seconds = 0;
+    if (!isUnsigned(text, seconds) || seconds < 1 || seconds > longestIdleSeconds) return false;
+    ticks = seconds * ticksPerSecond;
+    return true;
+}
+
+int misused() {
+    std::fputs(usage, stderr);
+    return misuse;
+}
+
+}  // namespace
+
+int main(int count, char** arguments) {
+    enum Option : int { idleOption = 1, helpOption, versionOption };
+    static const option options[] = {{"idle", required_argument, nullptr, idleOption},
+                                     {"help", no_argument, nullptr, helpOption},
+                                     {"version", no_argument, nullptr, versionOption},
+                                     {nullptr, 0, nullptr, 0}};
+    resolver::Settings settings;
+    for (int given = 0; (given = ::getopt_long(count, arguments, "", options, nullptr)) != -1;)
+        switch (given) {
+            case idleOption:
+                if (!readIdle(optarg, settings.idleTicks)) return misused();
+                break;
+            case helpOption:
+                std::fputs(usage, stdout);
+                return done;
+            case versionOption:
+                std::puts("resolverd " GATEWAY_VERSION);
+                return done;
+            default:
+                return misused();
+        }
+    return optind < count ? misused() : serve(settings);
+}

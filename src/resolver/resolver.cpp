@@ -1,0 +1,73 @@
+#include "resolver/resolver.h"
+
+#include <utility>
+
+#include "resolver/hostname.h"
+#include "tk/looper.h"
+#include "tk/names.h"
+
+namespace resolver {
+
+namespace {
+
+tk::message messageOf(const Answer& answer) {
+    if (answer.address == 0) return tk::errorMsg(answer.errorCode, answer.errorText);
+    tk::message reply;
+    reply.insert_be32(Resolver::addressField, answer.address);
+    return reply;
+}
+
+}  // namespace
+
+Resolver::Resolver(Settings given) : settings(std::move(given)), files(settings.files) {
+    startIdleTime();
+}
+
+tk::message Resolver::cmdUnknown(const tk::message& received, std::uint32_t command) {
+    if (command != resolveCommand) return tk::errorMsg(tk::error::noSuchCommand, "no such command");
+    return resolve(received);
+}
+
+tk::message Resolver::resolve(const tk::message& request) {
+    if (pending.empty()) startIdleTime();
+    const std::string given = request.get_string(nameField);
+    if (!isHostName(given)) return tk::errorMsg(tk::error::invalid, "not a host name");
+    if (files.changed()) cache.clear();
+    const std::string name = lowerCase(given);
+    if (const Answer* known = cache.find(name, tk::getRunner()->now())) return messageOf(*known);
+    return lookUp(name, request);
+}
+
+tk::message Resolver::lookUp(const std::string& name, const tk::message& request) {
+    if (const auto same = pending.find(name); same != pending.end()) {
+        if (same->second.requests.size() >= waitingLimit)
+            return tk::errorMsg(tk::error::busy, "too many requests wait for this name");
+        same->second.requests.push_back(request);
+        return answerLater();
+    }
+    if (pending.size() >= lookupLimit)
+        return tk::errorMsg(tk::error::busy, "too many names are being looked up");
+    tk::getLooper()->setupLeave(0);
+    Pending& added = pending[name];
+    added.requests.push_back(request);
+    Lookup::Owner& owner = *this;
+    added.lookup = std::make_unique<Lookup>(name, settings.servers, owner);
+    added.lookup->start();  // may have ended, and be gone, when this returns
+    return answerLater();
+}
+
+void Resolver::lookupEnded(const std::string& name, const Answer& answer) {
+    const auto ended = pending.extract(name);  // the lookup is destroyed at the end of the function
+    if (files.changed())
+        cache.clear();  // and this answer may be of the files that were
+    else
+        cache.insert(name, answer, tk::getRunner()->now());
+    for (const tk::message& request : ended.mapped().requests) sendAnswer(request, messageOf(answer));
+    if (pending.empty()) startIdleTime();
+}
+
+void Resolver::startIdleTime() const {
+    tk::getLooper()->setupLeave(settings.idleTicks);
+}
+
+}  // namespace resolver

@@ -1,0 +1,57 @@
+#pragma once
+
+#include <netinet/in.h>
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tk/fd.h"
+
+namespace resolver::testing {
+
+/// Codes of answers.
+constexpr std::uint8_t noError = 0;
+constexpr std::uint8_t serverFailure = 2;
+constexpr std::uint8_t nameError = 3;
+
+/// One question that arrived.
+struct Query {
+    std::string name;
+    std::uint16_t type = 0;
+    std::string packet;
+    sockaddr_in from{};
+};
+
+/// One record of an answer, about the name that was asked for, or about the alias of the record before.
+struct Record {
+    std::uint16_t type = 0;
+    std::uint32_t lifetimeSeconds = 0;
+    std::string data;  // as in the packet
+};
+
+Record addressRecord(std::uint32_t address, std::uint32_t lifetimeSeconds);
+/// `alias` is the name that stands for the one before.
+Record aliasRecord(const std::string& alias, std::uint32_t lifetimeSeconds);
+
+/// A name server on loopback, by hand. No wait is longer than five seconds.
+class FakeDns {
+public:
+    FakeDns();
+
+    /// Where it listens, as the resolver is told.
+    std::string address() const;
+    /// The next question. Errors: one with an empty packet when none comes.
+    Query take();
+    /// True when no question waits.
+    bool isQuiet() const;
+    void answer(const Query& query, const std::vector<Record>& records, std::uint8_t code = noError);
+    /// Sends bytes back to whoever asked.
+    void send(const Query& query, std::string_view bytes);
+
+private:
+    tk::Fd socket;
+};
+
+}  // namespace resolver::testing
