@@ -1,0 +1,82 @@
+#include "ctl/addresses.h"
+
+#include <CLI/App.hpp>
+
+#include "ctl/commandline.h"
+#include "ctl/interfaces.h"
+#include "ctl/json.h"
+#include "ctl/table.h"
+#include "ctl/text.h"
+#include "net/convert.h"
+#include "tk/records.h"
+
+namespace ctl {
+
+namespace {
+
+struct Address {
+    std::uint32_t id = 0;
+    std::string address;
+    std::uint32_t interface = 0;
+    bool disabled = false;
+};
+
+Address readAddress(const tk::message& record) {
+    Address out;
+    out.id = record.get_u32(tk::field::objectId);
+    out.address = ipToString(record.get_be32(tk::addressfield::address));
+    out.interface =
+        record.get_u32(tk::addressfield::interface, record.get_u32(tk::addressfield::actualInterface));
+    out.disabled = record.get_bool(tk::field::disabled);
+    return out;
+}
+
+std::vector<Address> readAddresses(Session& session) {
+    std::vector<Address> addresses;
+    for (const tk::message& record : session.list(tk::path::addresses()))
+        addresses.push_back(readAddress(record));
+    return addresses;
+}
+
+Json addressesToJson(const std::vector<Address>& addresses) {
+    Json list = Json::array();
+    for (const Address& entry : addresses) {
+        Json object;
+        object["id"] = entry.id;
+        object["address"] = entry.address;
+        object["interface"] = entry.interface;
+        object["disabled"] = entry.disabled;
+        list.push_back(object);
+    }
+    return list;
+}
+
+std::string addressTable(Session& session, const std::vector<Address>& addresses) {
+    const std::vector<Interface> interfaces = readInterfaces(session);
+    Table table({"ID", "ADDRESS", "INTERFACE", "DISABLED"});
+    for (const Address& entry : addresses) {
+        const std::string name = interfaceName(interfaces, entry.interface);
+        table.add({std::to_string(entry.id), entry.address,
+                   name.empty() ? std::to_string(entry.interface) : name, yesNo(entry.disabled)});
+    }
+    return table.text();
+}
+
+void listAddresses(Context& context) {
+    Session& session = context.session();
+    const std::vector<Address> addresses = readAddresses(session);
+    if (context.json)
+        context.out << lineOf(addressesToJson(addresses)) << '\n';
+    else
+        context.out << addressTable(session, addresses);
+}
+
+}  // namespace
+
+void addAddressCommands(CLI::App& app, Context& context) {
+    CLI::App& group = addGroup(app, "address", "The router's IPv4 addresses");
+    addCommand(group, context, "list", "List the IPv4 addresses and the interfaces that hold them",
+               [&context] { listAddresses(context); });
+}
+
+}  // namespace ctl

@@ -1,0 +1,108 @@
+#include "ctl/bustrace.h"
+
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include <CLI/App.hpp>
+
+#include "ctl/commandline.h"
+#include "ctl/connection.h"
+#include "ctl/failure.h"
+#include "ctl/json.h"
+#include "ctl/session.h"
+#include "ctl/tracelines.h"
+#include "ctl/traceoutput.h"
+#include "tk/fd.h"
+#include "tk/log.h"
+#include "tk/records.h"
+#include "tk/timer.h"
+
+namespace ctl {
+
+namespace {
+
+/// Keeps the signals that end the trace from ending the process, from here on.
+tk::Fd catchInterruption() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    sigprocmask(SIG_BLOCK, &set, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+    return tk::Fd(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
+}
+
+/// Prints what the hub traces until it is interrupted, the reader leaves, or the bus is lost.
+class Tracer final : public tk::BusConnection::Receiver {
+public:
+    explicit Tracer(bool json) : json(json) {}
+
+    /// Errors: throws Failure.
+    void run(const std::string& socketPath);
+
+    void busReceived(const tk::message& received) override;
+    void busLost(const std::string& reason) override { end("routerd is gone: " + reason); }
+
+private:
+    void interrupted(int, std::uint32_t) { end({}); }
+    void readerLeft(int, std::uint32_t) { end({}); }
+    /// Ends the trace; an empty reason is a good end. What ended it first counts.
+    void end(const std::string& reason);
+
+    const bool json;
+    std::optional<std::string> ended;
+    TraceOutput* output = nullptr;
+};
+
+void Tracer::run(const std::string& socketPath) {
+    Connection connection(socketPath, *this);
+    Session(connection.bus()).request(tk::path::hub(), tk::command::hubTrace);
+
+    const tk::Fd interruption = catchInterruption();
+    if (!interruption.isOpen()) throw Failure("cannot watch for the end: " + tk::errorText());
+    TraceOutput toReader(STDOUT_FILENO, interruption.get());
+    output = &toReader;
+    tk::Watch signalWatch;
+    signalWatch.start<Tracer, &Tracer::interrupted>(interruption.get(), *this, tk::readable);
+    tk::Watch readerWatch;  // for no event: a reader that leaves is told in any case
+    readerWatch.start<Tracer, &Tracer::readerLeft>(STDOUT_FILENO, *this, 0);
+    while (!ended) connection.runner().turn(-1);
+    if (!ended->empty()) throw Failure(*ended);
+}
+
+void Tracer::busReceived(const tk::message& received) {
+    const tk::message* traced = tracedMessage(received);
+    if (!traced || !output) return;
+    const std::string line = (json ? lineOf(toJson(*traced)) : traceText(*traced)) + '\n';
+    switch (output->write(line)) {
+        case TraceOutput::Result::written:
+            return;
+        case TraceOutput::Result::interrupted:
+        case TraceOutput::Result::closed:
+            output = nullptr;
+            return end({});
+        case TraceOutput::Result::failed:
+            end("cannot write: " + output->reason());
+            output = nullptr;
+            return;
+    }
+}
+
+void Tracer::end(const std::string& reason) {
+    if (!ended) ended = reason;
+}
+
+}  // namespace
+
+void addBusTraceCommand(CLI::App& bus, Context& context) {
+    addCommand(bus, context, "trace",
+               "Print every message as it passes the hub, one a line, until interrupted",
+               [&context] { Tracer(context.json).run(context.socketPath); });
+}
+
+}  // namespace ctl

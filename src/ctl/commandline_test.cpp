@@ -1,0 +1,305 @@
+// Whole commands: what the administrator types, what the services are asked, what is printed.
+
+#include "ctl/commandline.h"
+
+#include <arpa/inet.h>
+
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+#include "ctl/fieldspec.h"
+#include "tk/records.h"
+#include "tk/testing/scriptedbus.h"
+
+namespace ctl {
+namespace {
+
+tk::message listOf(const std::vector<tk::message>& records) {
+    tk::message reply;
+    reply.insert_message_array(tk::field::objects, records);
+    return reply;
+}
+
+struct CommandLineTest : testing::Test {
+    CommandLineTest() {
+        bus.answer({20, 0}, tk::command::getAll,
+                   listOf({parseFields({"0xFE0001:u32=1", "0x10001:u32=1", "0x10003:u32=0", "0x10004:u32=2",
+                                        "0x10005:string=lan0", "0x10006:string=Home\n", "0xFE000A:bool=no",
+                                        "0x1000E:bool=yes"}),
+                           parseFields({"0xFE0001:u32=2", "0x10001:u32=512", "0x10004:u32=3",
+                                        "0x10005:string=list", "0xFE000A:bool=yes", "0x1000E:bool=no"})}));
+        bus.answer({80, 0}, tk::command::get, parseFields({"1:bool=no", "2:bool=no", "3:bool=yes"}));
+        bus.answer({80, 0}, tk::command::getAll,
+                   listOf({parseFields({"0xFE0001:u32=4", "0xFE000A:bool=no", "1:u32=1", "2:u32=2"}),
+                           parseFields({"0xFE0001:u32=7", "0xFE000A:bool=yes", "1:u32=9", "2:u32=1"})}));
+    }
+
+    Status run(const std::vector<std::string>& arguments) {
+        Context context(out, &bus);
+        return runCommandLine(arguments, context, errors);
+    }
+    /// What a command prints that is to succeed.
+    std::string print(const std::vector<std::string>& arguments) {
+        EXPECT_EQ(run(arguments), Status::done) << errors.str();
+        return out.str();
+    }
+    /// The one request of a command to upnpd, without its destination.
+    tk::message sent(std::uint32_t command) {
+        const auto requests = bus.requestsTo(tk::path::gateway(), command);
+        EXPECT_EQ(requests.size(), 1U);
+        return requests.empty() ? tk::message() : tk::withoutRouting(requests[0].content);
+    }
+
+    tk::testing::ScriptedBus bus;
+    std::ostringstream out;
+    std::ostringstream errors;
+};
+
+TEST_F(CommandLineTest, InterfaceListAsJson) {
+    EXPECT_EQ(
+        print({"interface", "list", "--json"}),
+        R"([{"id":1,"name":"lan0","displayName":"Home\n","index":2,"type":1,"disabled":false,"running":true},)"
+        R"({"id":2,"name":"list","displayName":"list","index":3,"type":512,"disabled":true,"running":false}])"
+        "\n");
+}
+
+TEST_F(CommandLineTest, InterfaceListAsTable) {
+    EXPECT_EQ(print({"interface", "list"}),
+              "ID  NAME  DISPLAY NAME  INDEX  TYPE  DISABLED  RUNNING\n"
+              "1   lan0  Home\\x0a      2      1     no        yes\n"
+              "2   list  list          3      512   yes       no\n");
+}
+
+TEST_F(CommandLineTest, AddressList) {
+    bus.answer(
+        {20, 1}, tk::command::getAll,
+        listOf({parseFields({"0xFE0001:u32=1", "1:be32=192.0.2.1", "5:u32=1", "0xFE000A:bool=no"}),
+                parseFields({"0xFE0001:u32=2", "1:be32=198.51.100.1", "10:u32=6", "0xFE000A:bool=yes"})}));
+    EXPECT_EQ(print({"--json", "address", "list"}),
+              R"([{"id":1,"address":"192.0.2.1","interface":1,"disabled":false},)"
+              R"({"id":2,"address":"198.51.100.1","interface":6,"disabled":true}])"
+              "\n");
+    out.str("");
+    EXPECT_EQ(print({"address", "list"}),
+              "ID  ADDRESS       INTERFACE  DISABLED\n"
+              "1   192.0.2.1     lan0       no\n"
+              "2   198.51.100.1  6          yes\n");
+}
+
+TEST_F(CommandLineTest, UpnpGet) {
+    EXPECT_EQ(print({"upnp", "get", "--json"}),
+              R"({"enabled":false,"allow-disable-external":false,"show-dummy-rule":true})"
+              "\n");
+    out.str("");
+    EXPECT_EQ(print({"upnp", "get"}),
+              "SETTING                 VALUE\n"
+              "enabled                 no\n"
+              "allow-disable-external  no\n"
+              "show-dummy-rule         yes\n");
+}
+
+TEST_F(CommandLineTest, UpnpSetSendsAllThreeSettings) {
+    EXPECT_EQ(print({"upnp", "set", "enabled=yes"}), "");
+    EXPECT_EQ(sent(tk::command::set), parseFields({"1:bool=yes", "2:bool=no", "3:bool=yes"}));
+}
+
+TEST_F(CommandLineTest, UpnpSetWithNothingToSetIsMisuse) {
+    EXPECT_EQ(run({"upnp", "set"}), Status::misuse);
+    EXPECT_EQ(run({"upnp", "set", "enabled=maybe"}), Status::misuse);
+    EXPECT_TRUE(bus.requests.empty());
+}
+
+TEST_F(CommandLineTest, UpnpInterfaceList) {
+    EXPECT_EQ(print({"upnp", "interface", "list", "--json"}),
+              R"([{"id":4,"interface":1,"name":"lan0","type":"internal","disabled":false},)"
+              R"({"id":7,"interface":9,"name":"","type":"external","disabled":true}])"
+              "\n");
+    out.str("");
+    EXPECT_EQ(print({"upnp", "interface", "list"}),
+              "ID  INTERFACE   TYPE      DISABLED\n"
+              "4   lan0        internal  no\n"
+              "7   9 (absent)  external  yes\n");
+}
+
+TEST_F(CommandLineTest, UpnpInterfaceAddPrintsTheNewId) {
+    bus.answer({80, 0}, tk::command::addObject, parseFields({"0xFE0001:u32=5"}));
+    EXPECT_EQ(print({"upnp", "interface", "add", "lan0", "internal"}), "5\n");
+    EXPECT_EQ(sent(tk::command::addObject), parseFields({"0xFE000A:bool=no", "1:u32=1", "2:u32=2"}));
+}
+
+TEST_F(CommandLineTest, UpnpInterfaceAddTakesNamesThatAreSpeltLikeCommands) {
+    bus.answer({80, 0}, tk::command::addObject, parseFields({"0xFE0001:u32=6"}));
+    EXPECT_EQ(print({"upnp", "interface", "add", "list", "external", "disabled=yes", "--json"}),
+              "{\"id\":6}\n");
+    EXPECT_EQ(sent(tk::command::addObject), parseFields({"0xFE000A:bool=yes", "1:u32=2", "2:u32=1"}));
+}
+
+TEST_F(CommandLineTest, UpnpInterfaceAddOfAnUnknownNameListsWhatThereIs) {
+    EXPECT_EQ(run({"upnp", "interface", "add", "eth9", "internal"}), Status::failed);
+    EXPECT_EQ(errors.str(), "tkctl: there is no interface 'eth9'; there are: lan0, list\n");
+    EXPECT_TRUE(bus.requestsTo(tk::path::gateway(), tk::command::addObject).empty());
+}
+
+TEST_F(CommandLineTest, UpnpInterfaceAddThatIsRefused) {
+    bus.answer({80, 0}, tk::command::addObject, tk::errorMsg(tk::error::exists, "Interface already added"));
+    EXPECT_EQ(run({"upnp", "interface", "add", "lan0", "internal"}), Status::failed);
+    EXPECT_EQ(errors.str(), "tkctl: Interface already added\n");
+    EXPECT_EQ(out.str(), "");
+}
+
+TEST_F(CommandLineTest, UpnpInterfaceSetSendsOnlyWhatIsNamed) {
+    EXPECT_EQ(print({"upnp", "interface", "set", "4", "disabled=yes"}), "");
+    EXPECT_EQ(sent(tk::command::setObject), parseFields({"0xFE0001:u32=4", "0xFE000A:bool=yes"}));
+}
+
+TEST_F(CommandLineTest, UpnpInterfaceSetOfEverything) {
+    EXPECT_EQ(print({"upnp", "interface", "set", "4", "interface=list", "type=external", "disabled=no"}), "");
+    EXPECT_EQ(sent(tk::command::setObject),
+              parseFields({"0xFE0001:u32=4", "0xFE000A:bool=no", "2:u32=1", "1:u32=2"}));
+}
+
+TEST_F(CommandLineTest, UpnpInterfaceRemove) {
+    EXPECT_EQ(print({"upnp", "interface", "remove", "4"}), "");
+    EXPECT_EQ(sent(tk::command::removeObject), parseFields({"0xFE0001:u32=4"}));
+}
+
+TEST_F(CommandLineTest, NatList) {
+    bus.answer({20, 5}, tk::command::getAll,
+               listOf({parseFields({"0xFE0001:u32=1", "0xFE0007:bool=yes", "0xFE000A:bool=no",
+                                    "39:string=dstnat", "52:be32=198.51.100.1", "53:be32=198.51.100.1",
+                                    "9:u32=80", "10:u32=80", "11:u32=6", "40:u32=22", "1000:be32=192.0.2.2",
+                                    "1001:be32=192.0.2.2", "1002:u32=8080", "1003:u32=8080"})}));
+    EXPECT_EQ(print({"nat", "list", "--json"}),
+              R"([{"id":1,"disabled":false,"dynamic":true,"chain":"dstnat","dstAddress":"198.51.100.1",)"
+              R"("protocol":"tcp","dstPort":80,"toAddress":"192.0.2.2","toPort":8080}])"
+              "\n");
+    out.str("");
+    EXPECT_EQ(print({"nat", "list"}),
+              "ID  PROTOCOL  FROM             TO              CHAIN   DISABLED  DYNAMIC\n"
+              "1   tcp       198.51.100.1:80  192.0.2.2:8080  dstnat  no        yes\n");
+}
+
+TEST_F(CommandLineTest, NatTestAsksAndChangesNothing) {
+    bus.answer({20, 5}, 2, tk::message());
+    EXPECT_EQ(print({"nat", "test", "198.51.100.1", "80", "tcp", "192.0.2.2", "8080"}), "allowed\n");
+    ASSERT_EQ(bus.requests.size(), 1U);
+    tk::message asked = bus.requestsTo({20, 5}, 2).at(0).content;
+    asked.remove(tk::field::destination);
+    EXPECT_EQ(asked, parseFields({"0xFE0007:bool=yes", "0xFE000A:bool=no", "39:string=dstnat",
+                                  "52:be32=198.51.100.1", "9:u32=80", "11:u32=6", "40:u32=22",
+                                  "1000:be32=192.0.2.2", "1002:u32=8080"}));
+}
+
+TEST_F(CommandLineTest, NatTestTellsWhyARuleIsRefused) {
+    bus.answer({20, 5}, 2, tk::errorMsg(tk::error::refused, "target 127.0.0.1 refused"));
+    EXPECT_EQ(run({"nat", "test", "198.51.100.1", "80", "udp", "127.0.0.1", "8080"}), Status::failed);
+    EXPECT_EQ(errors.str(), "tkctl: target 127.0.0.1 refused\n");
+}
+
+TEST_F(CommandLineTest, HistoryUndo) {
+    bus.answer({24}, 2, parseFields({"0xFE0001:u32=7", "3:string=upnp config changed"}));
+    EXPECT_EQ(print({"history", "undo"}), "undone: upnp config changed\n");
+    out.str("");
+    EXPECT_EQ(print({"history", "undo", "--json"}), R"({"id":7,"description":"upnp config changed"})"
+                                                    "\n");
+}
+
+TEST_F(CommandLineTest, HistoryList) {
+    bus.answer({24}, tk::command::getAll,
+               listOf({parseFields(
+                   {"0xFE0001:u32=1", "3:string=upnp config changed", "4:u32=80", "5:u64=1767323045"})}));
+    EXPECT_EQ(print({"history", "list", "--json"}),
+              R"([{"id":1,"description":"upnp config changed","program":80,"time":"2026-01-02T03:04:05Z"}])"
+              "\n");
+    out.str("");
+    EXPECT_EQ(print({"history", "list"}),
+              "ID  TIME                  PROGRAM  DESCRIPTION\n"
+              "1   2026-01-02T03:04:05Z  80       upnp config changed\n");
+}
+
+TEST_F(CommandLineTest, BusCallSendsTheFieldsAndPrintsTheReply) {
+    bus.answer({20, 5}, 0xFE0002, parseFields({"39:string=dstnat", "11:u32=6"}));
+    EXPECT_EQ(print({"bus", "call", "0x14,5", "0xFE0002", "0xFE0001:u32=7", "9999:string=x"}),
+              "0x27:string=\"dstnat\"\n0xb:u32=6\n");
+    const auto requests = bus.requestsTo({20, 5}, 0xFE0002);
+    ASSERT_EQ(requests.size(), 1U);
+    EXPECT_EQ(tk::withoutRouting(requests[0].content), parseFields({"0xFE0001:u32=7", "9999:string=x"}));
+}
+
+TEST_F(CommandLineTest, BusCallWithJsonPrintsAnErrorToo) {
+    bus.answer({65}, 7, tk::errorMsg(tk::error::noSuchCommand, "no such command"));
+    EXPECT_EQ(run({"bus", "call", "65", "7", "--json"}), Status::failed);
+    EXPECT_EQ(errors.str(), "tkctl: no such command\n");
+    const Json object = Json::parse(out.str());
+    EXPECT_EQ(object["kind"], "error");
+    EXPECT_EQ(object["code"], "0xfe0002");
+    EXPECT_EQ(object["text"], "no such command");
+}
+
+TEST_F(CommandLineTest, BusCallWaitsAsLongAsItIsTold) {
+    EXPECT_EQ(run({"bus", "call", "65", "7", "--timeout", "250"}), Status::done);
+    EXPECT_EQ(bus.requests.at(0).timeout, 250U);
+}
+
+TEST_F(CommandLineTest, AReasonNeverReachesTheTerminalRaw) {
+    bus.answer({65}, 7, tk::errorMsg(tk::error::failed, "\x1b[2Jgone\n"));
+    EXPECT_EQ(run({"bus", "call", "65", "7"}), Status::failed);
+    EXPECT_EQ(errors.str(), "tkctl: \\x1b[2Jgone\\x0a\n");
+}
+
+TEST_F(CommandLineTest, HelpIsNoFailure) {
+    EXPECT_EQ(run({"upnp", "set", "--help"}), Status::done);
+    EXPECT_NE(out.str().find("show-dummy-rule=yes|no"), std::string::npos);
+    EXPECT_EQ(errors.str(), "");
+}
+
+TEST_F(CommandLineTest, AMissingCommandIsAnsweredWithThoseThatThereAre) {
+    EXPECT_EQ(run({"upnp", "interface"}), Status::misuse);
+    EXPECT_EQ(errors.str(), "tkctl: expected one of: list, add, set, remove\n");
+}
+
+class Misuse : public CommandLineTest, public testing::WithParamInterface<std::vector<std::string>> {};
+TEST_P(Misuse, AsksNobody) {
+    EXPECT_EQ(run(GetParam()), Status::misuse);
+    EXPECT_EQ(errors.str().substr(0, 7), "tkctl: ");
+    EXPECT_EQ(out.str(), "");
+    EXPECT_TRUE(bus.requests.empty());
+}
+INSTANTIATE_TEST_SUITE_P(
+    Calls, Misuse,
+    testing::Values(
+        std::vector<std::string>{}, std::vector<std::string>{"nonsense"},
+        std::vector<std::string>{"interface"}, std::vector<std::string>{"interface", "list", "more"},
+        std::vector<std::string>{"interface", "list", "--unknown"},
+        std::vector<std::string>{"nonsense", "--help"},
+        std::vector<std::string>{"upnp", "nonsense", "--help"},
+        std::vector<std::string>{"upnp", "set", "enable=yes"},
+        std::vector<std::string>{"upnp", "interface", "add", "lan0"},
+        std::vector<std::string>{"upnp", "interface", "add", "lan0", "inside"},
+        std::vector<std::string>{"upnp", "interface", "add", "lan0", "internal", "type=external"},
+        std::vector<std::string>{"upnp", "interface", "set", "4"},
+        std::vector<std::string>{"upnp", "interface", "set", "lan0", "disabled=yes"},
+        std::vector<std::string>{"upnp", "interface", "set", "4", "type=inside"},
+        std::vector<std::string>{"upnp", "interface", "remove"},
+        std::vector<std::string>{"upnp", "interface", "remove", "-1"},
+        std::vector<std::string>{"nat", "test", "198.51.100.1", "80", "tcp", "192.0.2.2"},
+        std::vector<std::string>{"nat", "test", "wan0", "80", "tcp", "192.0.2.2", "80"},
+        std::vector<std::string>{"nat", "test", "198.51.100.1", "65536", "tcp", "192.0.2.2", "80"},
+        std::vector<std::string>{"nat", "test", "198.51.100.1", "80", "sctp", "192.0.2.2", "80"},
+        std::vector<std::string>{"bus", "call", "20"}, std::vector<std::string>{"bus", "call", "20,x", "1"},
+        std::vector<std::string>{"bus", "call", "20", "get"},
+        std::vector<std::string>{"bus", "call", "20", "1", "1:u32=x"},
+        std::vector<std::string>{"bus", "call", "20", "1", "--timeout", "soon"}));
+
+TEST(CommandLine, SaysWhereRouterdWasLookedFor) {
+    std::ostringstream out;
+    std::ostringstream errors;
+    Context context(out);
+    EXPECT_EQ(runCommandLine({"--socket", "/nowhere/bus", "interface", "list"}, context, errors),
+              Status::failed);
+    EXPECT_EQ(errors.str(), "tkctl: cannot reach routerd at /nowhere/bus: No such file or directory\n");
+}
+
+}  // namespace
+}  // namespace ctl

@@ -1,0 +1,48 @@
+#include "ctl/history.h"
+
+#include <CLI/App.hpp>
+
+#include "ctl/commandline.h"
+#include "ctl/json.h"
+#include "ctl/table.h"
+#include "ctl/text.h"
+#include "tk/records.h"
+
+namespace ctl {
+
+namespace {
+
+constexpr std::uint32_t undoCommand = 2;
+
+void listHistory(Context& context) {
+    Json list = Json::array();
+    Table table({"ID", "TIME", "PROGRAM", "DESCRIPTION"});
+    for (const tk::message& record : context.session().list(tk::path::history())) {
+        Json entry;
+        entry["id"] = record.get_u32(tk::field::objectId);
+        entry["description"] = record.get_string(tk::historyfield::description);
+        entry["program"] = record.get_u32(tk::historyfield::program);
+        entry["time"] = timeText(record.get_u64(tk::historyfield::time));
+        table.add({entry["id"].dump(), entry["time"], entry["program"].dump(), entry["description"]});
+        list.push_back(entry);
+    }
+    context.print(list, table.text());
+}
+
+void undoLast(Context& context) {
+    const tk::message undone = context.session().request(tk::path::history(), undoCommand);
+    Json answer;
+    answer["id"] = undone.get_u32(tk::field::objectId);
+    answer["description"] = undone.get_string(tk::historyfield::description);
+    context.print(answer, "undone: " + printable(undone.get_string(tk::historyfield::description)) + "\n");
+}
+
+}  // namespace
+
+void addHistoryCommands(CLI::App& app, Context& context) {
+    CLI::App& group = addGroup(app, "history", "The changes of the configuration that can be undone");
+    addCommand(group, context, "list", "List the recorded changes", [&context] { listHistory(context); });
+    addCommand(group, context, "undo", "Undo the last recorded change", [&context] { undoLast(context); });
+}
+
+}  // namespace ctl

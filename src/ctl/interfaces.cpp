@@ -1,0 +1,81 @@
+#include "ctl/interfaces.h"
+
+#include <CLI/App.hpp>
+
+#include "ctl/commandline.h"
+#include "ctl/failure.h"
+#include "ctl/json.h"
+#include "ctl/table.h"
+#include "ctl/text.h"
+#include "tk/records.h"
+
+namespace ctl {
+
+namespace {
+
+Interface readInterface(const tk::message& record) {
+    Interface out;
+    out.id = record.get_u32(tk::field::objectId);
+    out.name = record.get_string(tk::interfacefield::name);
+    out.displayName = record.get_string(tk::interfacefield::displayName, out.name);
+    out.index = record.get_u32(tk::interfacefield::index);
+    out.type = record.get_u32(tk::interfacefield::type);
+    out.disabled = record.get_bool(tk::field::disabled);
+    out.running = record.get_bool(tk::interfacefield::running);
+    return out;
+}
+
+Json interfaceToJson(const Interface& source) {
+    Json object;
+    object["id"] = source.id;
+    object["name"] = source.name;
+    object["displayName"] = source.displayName;
+    object["index"] = source.index;
+    object["type"] = source.type;
+    object["disabled"] = source.disabled;
+    object["running"] = source.running;
+    return object;
+}
+
+void listInterfaces(Context& context) {
+    Json list = Json::array();
+    Table table({"ID", "NAME", "DISPLAY NAME", "INDEX", "TYPE", "DISABLED", "RUNNING"});
+    for (const Interface& entry : readInterfaces(context.session())) {
+        list.push_back(interfaceToJson(entry));
+        table.add({std::to_string(entry.id), entry.name, entry.displayName, std::to_string(entry.index),
+                   std::to_string(entry.type), yesNo(entry.disabled), yesNo(entry.running)});
+    }
+    context.print(list, table.text());
+}
+
+}  // namespace
+
+std::vector<Interface> readInterfaces(Session& session) {
+    std::vector<Interface> interfaces;
+    for (const tk::message& record : session.list(tk::path::interfaces()))
+        interfaces.push_back(readInterface(record));
+    return interfaces;
+}
+
+const Interface& interfaceNamed(const std::vector<Interface>& interfaces, const std::string& name) {
+    std::string names;
+    for (const Interface& candidate : interfaces) {
+        if (candidate.name == name) return candidate;
+        names += (names.empty() ? "" : ", ") + candidate.name;
+    }
+    throw Failure("there is no interface '" + name + "'; there are: " + (names.empty() ? "none" : names));
+}
+
+std::string interfaceName(const std::vector<Interface>& interfaces, std::uint32_t id) {
+    for (const Interface& candidate : interfaces)
+        if (candidate.id == id) return candidate.name;
+    return {};
+}
+
+void addInterfaceCommands(CLI::App& app, Context& context) {
+    CLI::App& group = addGroup(app, "interface", "The router's network interfaces");
+    addCommand(group, context, "list", "List the network interfaces that can be given a role",
+               [&context] { listInterfaces(context); });
+}
+
+}  // namespace ctl

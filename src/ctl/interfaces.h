@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "ctl/context.h"
+#include "ctl/session.h"
+
+namespace CLI {
+class App;
+}
+
+namespace ctl {
+
+/// One network interface of the router, as the interface service reports it.
+struct Interface {
+    std::uint32_t id = 0;
+    std::string name;
+    std::string displayName;  // the alias, else the name
+    std::uint32_t index = 0;  // the kernel's
+    std::uint32_t type = 0;   // the kernel's hardware type, 1 is Ethernet
+    bool disabled = false;
+    bool running = false;
+};
+
+/// All interfaces, in the service's order. Errors: throws Failure.
+[[nodiscard]] std::vector<Interface> readInterfaces(Session& session);
+
+/// The interface of a name. Errors: throws Failure that lists the names that there are.
+[[nodiscard]] const Interface& interfaceNamed(const std::vector<Interface>& interfaces,
+                                              const std::string& name);
+
+/// The name of the interface with an id, empty where there is none now.
+[[nodiscard]] std::string interfaceName(const std::vector<Interface>& interfaces, std::uint32_t id);
+
+/// Adds "interface list".
+void addInterfaceCommands(CLI::App& app, Context& context);
+
+}  // namespace ctl

@@ -1,0 +1,53 @@
+#include "ctl/session.h"
+
+#include <set>
+#include <string>
+
+#include "ctl/failure.h"
+#include "ctl/text.h"
+#include "tk/names.h"
+
+namespace ctl {
+
+std::string reasonOf(const tk::message& error) {
+    std::uint32_t code = 0;
+    std::string text;
+    (void)tk::isError(error, &code, &text);  // the caller knows that it is one
+    return text.empty() ? "refused with error " + hexText(code) : text;
+}
+
+tk::message Session::exchange(const tk::Path& path, std::uint32_t command, const tk::message& fields,
+                              std::uint32_t timeout) {
+    tk::message request;
+    request.insert_u32_array(tk::field::destination, path);
+    for (const tk::message::Field& field : fields.fields()) request.insert(field);
+    tk::message end = bus.exchange(request, {}, command, timeout);
+    if (end.has(tk::field::kind)) return end;
+    // Made by our own end of the connection, which knows no more than that the request failed.
+    tk::stamp(request, {}, 0, tk::Kind::request, command);
+    return tk::endOf(request, end);
+}
+
+tk::message Session::request(const tk::Path& path, std::uint32_t command, const tk::message& fields) {
+    tk::message end = exchange(path, command, fields);
+    if (tk::isError(end)) throw Failure(reasonOf(end));
+    return end;
+}
+
+std::vector<tk::message> Session::list(const tk::Path& path) {
+    std::vector<tk::message> objects;
+    std::set<std::uint32_t> continuations;
+    tk::message query;
+    for (;;) {
+        const tk::message page = request(path, tk::command::getAll, query);
+        const auto& records = page.get_message_array(tk::field::objects);
+        objects.insert(objects.end(), records.begin(), records.end());
+        const std::uint32_t next = page.get_u32(tk::field::next, tk::unassigned);
+        if (next == tk::unassigned) return objects;
+        if (!continuations.insert(next).second)
+            throw Failure("the list of " + pathText(path) + " does not end");
+        query.insert_u32(tk::field::next, next);
+    }
+}
+
+}  // namespace ctl

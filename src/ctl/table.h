@@ -1,0 +1,30 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace ctl {
+
+/// A table for people: a line of headings, a line for each row, columns as wide as their widest cell.
+/// Cells are made printable, so that no text from the network moves the cursor or breaks a line.
+class Table {
+public:
+    using Row = std::vector<std::string>;
+
+    explicit Table(Row headings);
+
+    /// Appends a row; it has as many cells as there are headings. An empty cell is shown as "-".
+    void add(Row cells);
+
+    /// The whole table, each line with its end.
+    [[nodiscard]] std::string text() const;
+
+private:
+    void append(Row cells);
+
+    std::vector<Row> rows;
+    std::vector<std::size_t> widths;
+};
+
+}  // namespace ctl

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "tk/bus.h"
+
+namespace ctl {
+
+/// The text as it may go to a terminal: control characters, also those above 0x7f, and whatever is no UTF-8
+/// are written as \xNN, byte by byte.
+[[nodiscard]] std::string printable(std::string_view text);
+
+/// How many characters of a printable text stand beside one another.
+[[nodiscard]] std::size_t displayWidth(std::string_view text);
+
+/// "0x1a3": lower case, no leading zeros.
+[[nodiscard]] std::string hexText(std::uint32_t value);
+
+/// "20,5".
+[[nodiscard]] std::string pathText(const tk::Path& path);
+
+/// "2026-01-02T03:04:05Z". Units: seconds since the epoch.
+/// Errors: a time that no calendar knows gives the number itself.
+[[nodiscard]] std::string timeText(std::uint64_t seconds);
+
+/// "tcp", "udp", or the number of another IP protocol.
+[[nodiscard]] std::string protocolText(std::uint32_t protocol);
+
+/// "yes" or "no".
+[[nodiscard]] std::string yesNo(bool value);
+
+/// A decimal or 0x hexadecimal number; the whole text must be one. Errors: none when it is not, or is above
+/// `limit`.
+[[nodiscard]] std::optional<std::uint64_t> parseNumber(std::string_view text, std::uint64_t limit);
+
+/// The same for 32 bits.
+[[nodiscard]] std::optional<std::uint32_t> parseU32(std::string_view text);
+
+/// A path: numbers with commas between them. Errors: none when there is no number or something else.
+[[nodiscard]] std::optional<tk::Path> parsePath(std::string_view text);
+
+/// Four decimal numbers with dots between them. Byte order: network. Errors: none for any other form.
+[[nodiscard]] std::optional<std::uint32_t> parseAddress(const std::string& text);
+
+}  // namespace ctl

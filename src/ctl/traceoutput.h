@@ -1,0 +1,33 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace ctl {
+
+/// Writes lines to a descriptor at once, and never waits for a reader without watching for an interruption.
+class TraceOutput {
+public:
+    enum class Result {
+        written,
+        interrupted,  // the reader takes nothing, and the interruption came
+        closed,       // there is no reader any more
+        failed,       // reason() tells
+    };
+
+    /// `interruption` is readable once the program is to end. Lifetime: both descriptors outlive the object.
+    TraceOutput(int target, int interruption) : target(target), interruption(interruption) {}
+
+    /// Writes the whole text, however long the reader takes.
+    [[nodiscard]] Result write(std::string_view text);
+
+    /// Why the last write failed.
+    const std::string& reason() const { return failure; }
+
+private:
+    int target;
+    int interruption;
+    std::string failure;
+};
+
+}  // namespace ctl

@@ -1,0 +1,94 @@
+#include "ctl/upnp.h"
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <CLI/App.hpp>
+
+#include "ctl/commandline.h"
+#include "ctl/failure.h"
+#include "ctl/json.h"
+#include "ctl/settings.h"
+#include "ctl/table.h"
+#include "ctl/text.h"
+#include "tk/records.h"
+
+namespace ctl {
+
+namespace {
+
+constexpr const char* enabledKey = "enabled";
+constexpr const char* allowDisableExternalKey = "allow-disable-external";
+constexpr const char* showDummyRuleKey = "show-dummy-rule";
+
+struct GatewaySettings {
+    bool enabled = false;
+    bool allowDisableExternal = true;
+    bool showDummyRule = true;
+};
+
+GatewaySettings readSettings(Session& session) {
+    const tk::message reply = session.request(tk::path::gateway(), tk::command::get);
+    GatewaySettings out;
+    out.enabled = reply.get_bool(tk::settingfield::enabled, out.enabled);
+    out.allowDisableExternal =
+        reply.get_bool(tk::settingfield::allowDisableExternal, out.allowDisableExternal);
+    out.showDummyRule = reply.get_bool(tk::settingfield::showDummyRule, out.showDummyRule);
+    return out;
+}
+
+Json settingsToJson(const GatewaySettings& source) {
+    Json object;
+    object[enabledKey] = source.enabled;
+    object[allowDisableExternalKey] = source.allowDisableExternal;
+    object[showDummyRuleKey] = source.showDummyRule;
+    return object;
+}
+
+void getSettings(Context& context) {
+    const GatewaySettings settings = readSettings(context.session());
+    Table table({"SETTING", "VALUE"});
+    table.add({enabledKey, yesNo(settings.enabled)});
+    table.add({allowDisableExternalKey, yesNo(settings.allowDisableExternal)});
+    table.add({showDummyRuleKey, yesNo(settings.showDummyRule)});
+    context.print(settingsToJson(settings), table.text());
+}
+
+void setSettings(Context& context, const std::vector<std::string>& arguments) {
+    const Settings wanted(arguments, {enabledKey, allowDisableExternalKey, showDummyRuleKey});
+    const auto enabled = wanted.flag(enabledKey);
+    const auto allowDisableExternal = wanted.flag(allowDisableExternalKey);
+    const auto showDummyRule = wanted.flag(showDummyRuleKey);
+
+    // What is sent is stored as it is, in place of all settings: the others have to go along.
+    GatewaySettings settings = readSettings(context.session());
+    settings.enabled = enabled.value_or(settings.enabled);
+    settings.allowDisableExternal = allowDisableExternal.value_or(settings.allowDisableExternal);
+    settings.showDummyRule = showDummyRule.value_or(settings.showDummyRule);
+    tk::message request;
+    request.insert_bool(tk::settingfield::enabled, settings.enabled);
+    request.insert_bool(tk::settingfield::allowDisableExternal, settings.allowDisableExternal);
+    request.insert_bool(tk::settingfield::showDummyRule, settings.showDummyRule);
+    context.session().request(tk::path::gateway(), tk::command::set, request);
+    context.print(settingsToJson(settings), "");
+}
+
+}  // namespace
+
+void addUpnpCommands(CLI::App& upnp, Context& context) {
+    addCommand(upnp, context, "get", "Show the settings", [&context] { getSettings(context); });
+
+    const auto arguments = std::make_shared<std::vector<std::string>>();
+    CLI::App& set =
+        addCommand(upnp, context, "set", "Change settings; those that are not named stay as they are",
+                   [&context, arguments] { setSettings(context, *arguments); });
+    set.add_option("settings", *arguments,
+                   "enabled=yes|no: serve UPnP at all\n"
+                   "allow-disable-external=yes|no: let LAN hosts disconnect the external interface\n"
+                   "show-dummy-rule=yes|no: show an inactive first mapping, which some clients need")
+        ->type_name("KEY=VALUE")
+        ->required();
+}
+
+}  // namespace ctl

@@ -1,0 +1,177 @@
+#include "ctl/upnpitems.h"
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <CLI/App.hpp>
+
+#include "ctl/commandline.h"
+#include "ctl/failure.h"
+#include "ctl/interfaces.h"
+#include "ctl/json.h"
+#include "ctl/settings.h"
+#include "ctl/table.h"
+#include "ctl/text.h"
+#include "tk/records.h"
+
+namespace ctl {
+
+namespace {
+
+/// The sides that an interface can stand on, with their numbers on the bus.
+enum class Role : std::uint32_t { none = 0, external = 1, internal = 2 };
+
+std::string roleName(std::uint32_t type) {
+    switch (static_cast<Role>(type)) {
+        case Role::none:
+            return "none";
+        case Role::external:
+            return "external";
+        case Role::internal:
+            return "internal";
+    }
+    return std::to_string(type);
+}
+
+std::uint32_t roleNamed(const std::string& name) {
+    for (const Role role : {Role::external, Role::internal})
+        if (name == roleName(static_cast<std::uint32_t>(role))) return static_cast<std::uint32_t>(role);
+    throw misuse("'" + name + "': the type is internal or external");
+}
+
+std::uint32_t itemId(const std::string& text) {
+    const auto id = parseU32(text);
+    if (!id)
+        throw misuse("'" + text + "': expected the id of an item, as \"tkctl upnp interface list\" shows it");
+    return *id;
+}
+
+void listItems(Context& context) {
+    Session& session = context.session();
+    const std::vector<tk::message> items = session.list(tk::path::gateway());
+    const std::vector<Interface> interfaces = readInterfaces(session);
+    Json list = Json::array();
+    Table table({"ID", "INTERFACE", "TYPE", "DISABLED"});
+    for (const tk::message& item : items) {
+        const std::uint32_t id = item.get_u32(tk::field::objectId);
+        const std::uint32_t interface = item.get_u32(tk::itemfield::interface);
+        const std::string name = interfaceName(interfaces, interface);
+        const std::string role = roleName(item.get_u32(tk::itemfield::type));
+        const bool disabled = item.get_bool(tk::field::disabled);
+        Json object;
+        object["id"] = id;
+        object["interface"] = interface;
+        object["name"] = name;
+        object["type"] = role;
+        object["disabled"] = disabled;
+        list.push_back(object);
+        table.add({std::to_string(id), name.empty() ? std::to_string(interface) + " (absent)" : name, role,
+                   yesNo(disabled)});
+    }
+    context.print(list, table.text());
+}
+
+void printId(Context& context, std::uint32_t id, const std::string& text) {
+    Json object;
+    object["id"] = id;
+    context.print(object, text);
+}
+
+struct Arguments {
+    std::string id;
+    std::string name;
+    std::string type;
+    std::vector<std::string> settings;
+};
+
+void addItem(Context& context, const Arguments& arguments) {
+    const Settings settings(arguments.settings, {"disabled"});
+    const bool disabled = settings.flag("disabled").value_or(false);
+    const std::uint32_t role = roleNamed(arguments.type);
+    Session& session = context.session();
+    tk::message item;
+    item.insert_bool(tk::field::disabled, disabled);
+    item.insert_u32(tk::itemfield::interface, interfaceNamed(readInterfaces(session), arguments.name).id);
+    item.insert_u32(tk::itemfield::type, role);
+    const tk::message reply = session.request(tk::path::gateway(), tk::command::addObject, item);
+    const std::uint32_t id = reply.get_u32(tk::field::objectId, tk::unassigned);
+    if (id == tk::unassigned) throw Failure("the item was added, but the reply does not tell its id");
+    printId(context, id, std::to_string(id) + '\n');
+}
+
+void setItem(Context& context, const Arguments& arguments) {
+    const Settings settings(arguments.settings, {"interface", "type", "disabled"});
+    const std::uint32_t id = itemId(arguments.id);
+    const auto disabled = settings.flag("disabled");
+    const auto name = settings.text("interface");
+    const auto type = settings.text("type");
+    tk::message change;  // what is absent stays as it is
+    change.insert_u32(tk::field::objectId, id);
+    if (disabled) change.insert_bool(tk::field::disabled, *disabled);
+    if (type) change.insert_u32(tk::itemfield::type, roleNamed(*type));
+    Session& session = context.session();
+    if (name) change.insert_u32(tk::itemfield::interface, interfaceNamed(readInterfaces(session), *name).id);
+    session.request(tk::path::gateway(), tk::command::setObject, change);
+    printId(context, id, "");
+}
+
+void removeItem(Context& context, const Arguments& arguments) {
+    tk::message item;
+    item.insert_u32(tk::field::objectId, itemId(arguments.id));
+    context.session().request(tk::path::gateway(), tk::command::removeObject, item);
+    printId(context, item.get_u32(tk::field::objectId), "");
+}
+
+constexpr const char* idHelp = "The id of the item, as \"tkctl upnp interface list\" shows it";
+
+void addAddCommand(CLI::App& group, Context& context) {
+    const auto arguments = std::make_shared<Arguments>();
+    CLI::App& add =
+        addCommand(group, context, "add", "Give an interface a role; prints the id of the new item",
+                   [&context, arguments] { addItem(context, *arguments); });
+    add.add_option("interface", arguments->name, "An interface, as \"tkctl interface list\" shows it")
+        ->type_name("NAME")
+        ->required();
+    add.add_option("type", arguments->type, "internal: faces the LAN; external: faces the Internet")
+        ->type_name("internal|external")
+        ->required();
+    add.add_option("settings", arguments->settings,
+                   "disabled=yes|no: keep the item, but do not serve the interface")
+        ->type_name("KEY=VALUE");
+}
+
+void addSetCommand(CLI::App& group, Context& context) {
+    const auto arguments = std::make_shared<Arguments>();
+    CLI::App& set = addCommand(group, context, "set", "Change an item; what is not named stays as it is",
+                               [&context, arguments] { setItem(context, *arguments); });
+    set.add_option("id", arguments->id, idHelp)->type_name("ID")->required();
+    set.add_option("settings", arguments->settings,
+                   "interface=NAME: another interface\ntype=internal|external: the other side\n"
+                   "disabled=yes|no: whether the interface is left unserved")
+        ->type_name("KEY=VALUE")
+        ->required();
+}
+
+void addRemoveCommand(CLI::App& group, Context& context) {
+    const auto arguments = std::make_shared<Arguments>();
+    CLI::App& remove = addCommand(group, context, "remove", "Take an interface's role away",
+                                  [&context, arguments] { removeItem(context, *arguments); });
+    remove.add_option("id", arguments->id, idHelp)->type_name("ID")->required();
+}
+
+}  // namespace
+
+void addUpnpItemCommands(CLI::App& upnp, Context& context) {
+    CLI::App& group =
+        addGroup(upnp, "interface", "The interfaces that UPnP serves, and on which side they are");
+    addCommand(group, context, "list", "List the interfaces that have a role",
+               [&context] { listItems(context); });
+    addAddCommand(group, context);
+    addSetCommand(group, context);
+    addRemoveCommand(group, context);
+}
+
+}  // namespace ctl
