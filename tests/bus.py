@@ -1,0 +1,223 @@
+"""The bus as a test can speak it: messages, and a router that answers as a test wants it to.
+
+A message is a list of fields, each a triple of id, type and value; values of message[] are lists of such lists.
+"""
+import os
+import queue
+import socket
+import struct
+import threading
+
+from labs import PATIENCE
+
+DESTINATION, SENDER, NUMBER, KIND, COMMAND = 0xFF0001, 0xFF0002, 0xFF0003, 0xFF0005, 0xFF0007
+CODE, TEXT = 0xFF0008, 0xFF0009
+ROUTING = (SENDER, NUMBER, KIND, COMMAND)
+REQUEST, REPLY, ERROR, NOTIFICATION = 1, 2, 3, 4
+OBJECT, OBJECTS, NEXT, DISABLED, DELETED = 0xFE0001, 0xFE0002, 0xFE0003, 0xFE000A, 0xFE0013
+
+IDENTITY, INTERFACES, ADDRESSES, NAT, HISTORY, RESOLVER = (65,), (20, 0), (20, 1), (20, 5), (24,), (14,)
+GET_OBJECT, SET_OBJECT, GET_ALL, ADD, REMOVE = 0xFE0002, 0xFE0003, 0xFE0004, 0xFE0005, 0xFE0006
+GET, SET, CHANGED, INTERFACE_CHANGED = 0xFE000D, 0xFE000E, 0xFE000B, 0x10004
+
+TYPES = ["u32", "bool", "string", "be32", "u64", "u32[]", "message[]"]  # numbered from 1
+
+
+def flat_value(kind, value):
+    if kind == "u32":
+        return struct.pack("<I", value)
+    if kind == "bool":
+        return bytes([value])
+    if kind == "string":
+        data = value.encode()
+        return struct.pack("<I", len(data)) + data
+    if kind == "be32":
+        return socket.inet_aton(value)
+    if kind == "u64":
+        return struct.pack("<Q", value)
+    if kind == "u32[]":
+        return struct.pack(f"<{len(value) + 1}I", len(value), *value)
+    parts = [flat(inner) for inner in value]
+    return struct.pack("<I", len(parts)) + b"".join(struct.pack("<I", len(part)) + part for part in parts)
+
+
+def flat(message):
+    """The serialised form of a message."""
+    return b"".join(struct.pack("<IB", identifier, TYPES.index(kind) + 1) + flat_value(kind, value)
+                    for identifier, kind, value in message)
+
+
+def value_at(data, at, kind):
+    """A value of this type, and where the next field begins."""
+    if kind == "u32":
+        return struct.unpack_from("<I", data, at)[0], at + 4
+    if kind == "bool":
+        return bool(data[at]), at + 1
+    if kind == "be32":
+        return socket.inet_ntoa(data[at:at + 4]), at + 4
+    if kind == "u64":
+        return struct.unpack_from("<Q", data, at)[0], at + 8
+    count, = struct.unpack_from("<I", data, at)
+    at += 4
+    if kind == "string":
+        return data[at:at + count].decode(), at + count
+    if kind == "u32[]":
+        return list(struct.unpack_from(f"<{count}I", data, at)), at + 4 * count
+    inner = []
+    for _ in range(count):
+        length, = struct.unpack_from("<I", data, at)
+        inner.append(unflat(data[at + 4:at + 4 + length]))
+        at += 4 + length
+    return inner, at
+
+
+def unflat(data):
+    """The message that was serialised so."""
+    message, at = [], 0
+    while at < len(data):
+        identifier, kind = struct.unpack_from("<IB", data, at)
+        value, at = value_at(data, at + 5, TYPES[kind - 1])
+        message.append((identifier, TYPES[kind - 1], value))
+    return message
+
+
+def value_of(message, wanted, default=None):
+    return next((value for identifier, _, value in message if identifier == wanted), default)
+
+
+def own_fields(message):
+    """The fields of a message without those that the platform puts behind them."""
+    return [field for field in message if field[0] not in ROUTING]
+
+
+class Refusal:
+    """An answer that is an error."""
+
+    def __init__(self, code, text):
+        self.message = [(CODE, "u32", code), (TEXT, "string", text)]
+
+
+def interface(identifier, name, index, kind=1, flags=0, disabled=False, running=True, display=None):
+    """An interface as the router tells it."""
+    return [(OBJECT, "u32", identifier), (0x10001, "u32", kind), (0x10003, "u32", flags), (0x10004, "u32", index),
+            (0x10005, "string", name), (0x10006, "string", display or name), (DISABLED, "bool", disabled),
+            (0x1000E, "bool", running)]
+
+
+def address(identifier, dotted, owner, disabled=False):
+    """An address as the router tells it."""
+    return [(OBJECT, "u32", identifier), (1, "be32", dotted), (5, "u32", owner), (DISABLED, "bool", disabled)]
+
+
+def item(owner, role, disabled=False):
+    """A "upnp interface" item: role 1 is external, 2 internal."""
+    return [(DISABLED, "bool", disabled), (1, "u32", owner), (2, "u32", role)]
+
+
+def settings(enabled, allow=True, dummy=True):
+    return [(1, "bool", enabled), (2, "bool", allow), (3, "bool", dummy)]
+
+
+class ScriptedRouter:
+    """A router on the bus of a lab that does as a test tells it, and remembers all that the daemon asks.
+
+    answers holds, by path and command, a message, a Refusal, or a function of the request that returns either. What is
+    not in it is answered with an empty message.
+    """
+
+    def __init__(self, lab):
+        self.path = str(lab.root / "run" / "tk" / "bus")
+        if os.path.exists(self.path):
+            os.unlink(self.path)
+        self.listener = socket.socket(socket.AF_UNIX)
+        self.listener.bind(self.path)
+        self.listener.listen(1)
+        self.listener.settimeout(PATIENCE)
+        self.daemon = None
+        self.requests = []       # all requests of the daemon: path, command and own fields
+        self.notifications = []  # its notifications: sender, command and own fields
+        self.ends = queue.Queue()
+        self.interfaces, self.addresses = [], []
+        self.rules = 0
+        self.answers = {
+            (IDENTITY, GET): [(1, "string", "0123abcd")],
+            (INTERFACES, 1): lambda _: [(OBJECTS, "message[]", self.interfaces)],
+            (INTERFACES, GET_ALL): lambda _: [(OBJECTS, "message[]", self.interfaces)],
+            (ADDRESSES, GET_ALL): lambda _: [(OBJECTS, "message[]", self.addresses)],
+            (NAT, ADD): lambda _: [(OBJECT, "u32", self.next_rule())],
+        }
+
+    def next_rule(self):
+        self.rules += 1
+        return self.rules
+
+    def accept(self):
+        """Takes the daemon's connection, and serves it from now on."""
+        self.daemon, _ = self.listener.accept()
+        self.thread = threading.Thread(target=self.serve, daemon=True)
+        self.thread.start()
+
+    def serve(self):
+        try:
+            while frame := self.read(4):
+                self.take(unflat(self.read(struct.unpack("<I", frame)[0])))
+        except OSError:  # the daemon has ended
+            pass
+
+    def read(self, length):
+        data = b""
+        while len(data) < length:
+            part = self.daemon.recv(length - len(data))
+            if not part:
+                return b""
+            data += part
+        return data
+
+    def send(self, message):
+        data = flat(message)
+        self.daemon.sendall(struct.pack("<I", len(data)) + data)
+
+    def take(self, message):
+        kind, command = value_of(message, KIND), value_of(message, COMMAND)
+        if kind in (REPLY, ERROR):
+            return self.ends.put(message)
+        if kind == NOTIFICATION:
+            return self.notifications.append((tuple(value_of(message, SENDER)), command, own_fields(message)))
+        path = tuple(value_of(message, DESTINATION))
+        self.requests.append((path, command, own_fields(message)))
+        answer = self.answers.get((path, command), [])
+        if callable(answer):
+            answer = answer(message)
+        refused = isinstance(answer, Refusal)
+        self.send([*(answer.message if refused else answer), (DESTINATION, "u32[]", value_of(message, SENDER)),
+                   (SENDER, "u32[]", list(path)), (NUMBER, "u32", value_of(message, NUMBER)),
+                   (KIND, "u32", ERROR if refused else REPLY), (COMMAND, "u32", command)])
+
+    def ask(self, command, fields=()):
+        """A request to the daemon, to its end: what it answers, an error as a Refusal's message."""
+        self.send([*fields, (DESTINATION, "u32[]", [80, 0]), (SENDER, "u32[]", [1000]), (NUMBER, "u32", 1),
+                   (KIND, "u32", REQUEST), (COMMAND, "u32", command)])
+        return [field for field in own_fields(self.ends.get(timeout=PATIENCE)) if field[0] != DESTINATION]
+
+    def notify(self, path, command, fields=()):
+        """A notification to the daemon; returns when it has been handled."""
+        self.send([*fields, (SENDER, "u32[]", list(path)), (KIND, "u32", NOTIFICATION), (COMMAND, "u32", command)])
+        self.ask(GET)
+
+    def tell_interface(self, record):
+        self.notify(INTERFACES, INTERFACE_CHANGED, record)
+
+    def tell_status(self, *records):
+        self.notify(INTERFACES, CHANGED, [(OBJECTS, "message[]", list(records))])
+
+    def tell_addresses(self, *records):
+        self.notify(ADDRESSES, CHANGED, [(OBJECTS, "message[]", list(records))])
+
+    def close(self):
+        if self.daemon:
+            self.daemon.shutdown(socket.SHUT_RDWR)
+            self.thread.join(PATIENCE)
+            self.daemon.close()
+        self.listener.close()
+        if os.path.exists(self.path):
+            os.unlink(self.path)

@@ -1,0 +1,19 @@
+"""Labs for the daemon alone, whose router a test plays."""
+import pytest
+
+import labs
+from worlds import World
+
+
+@pytest.fixture(scope="module")
+def scripted_lab(tmp_path_factory):
+    lab = labs.Lab(tmp_path_factory.mktemp("lab"))
+    yield lab
+    lab.down()
+
+
+@pytest.fixture
+def world(scripted_lab):
+    world = World(scripted_lab)
+    yield world
+    world.close()

@@ -1,0 +1,48 @@
+"""Fixtures: labs with the whole system in them."""
+import os
+
+import pytest
+
+import labs
+
+
+def pytest_sessionstart(session):
+    if os.geteuid() != 0:
+        pytest.exit("these tests build network namespaces, which needs root", returncode=3)
+    if not hasattr(session.config, "workerinput"):  # the first process alone, where tests run in several
+        labs.remove_leftovers()
+
+
+@pytest.fixture
+def bare_lab(tmp_path):
+    """A lab in which nothing runs yet."""
+    lab = labs.Lab(tmp_path)
+    yield lab
+    lab.down()
+
+
+@pytest.fixture
+def fresh_lab(bare_lab):
+    """A serving gateway for one test, which may do to it what it likes."""
+    return bare_lab.serve()
+
+
+@pytest.fixture(scope="module")
+def shared_lab(tmp_path_factory):
+    lab = labs.Lab(tmp_path_factory.mktemp("lab"))
+    try:
+        yield lab.serve()
+    finally:
+        lab.down()
+
+
+@pytest.fixture
+def lab(shared_lab):
+    """A serving gateway that the tests of a file share: each leaves it without a mapping, and running."""
+    yield shared_lab
+    assert shared_lab.routerd.running(), shared_lab.routerd.log + shared_lab.routerd.errors.read_text()
+    assert shared_lab.upnpd.running(), shared_lab.upnpd.log + shared_lab.upnpd.errors.read_text()
+    left = shared_lab.rules()
+    for rule in left:
+        shared_lab.tkctl("bus", "call", "20,5", "0xFE0006", f"0xFE0001:u32={rule['id']}")
+    assert left == []

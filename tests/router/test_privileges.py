@@ -1,0 +1,79 @@
+"""What is left of root's rights in a router that runs as its own user."""
+import os
+import pathlib
+import subprocess
+
+import pytest
+
+import labs
+from labs import LAN1, ROUTER_WAN, eventually
+from routerusers import DAEMON, DAEMON_AS_ITSELF, GROUP, IDS, OTHER, add_users, configure
+
+CONFIGURATION = f"""
+[router]
+user = "{OTHER}"
+
+{DAEMON_AS_ITSELF}"""
+
+
+@pytest.fixture
+def router(bare_lab):
+    add_users(bare_lab)
+    bare_lab.router.run("chmod", "777", "/tesk/store")
+    bare_lab.start_routerd(*configure(bare_lab, CONFIGURATION))
+    eventually(lambda: bare_lab.tkctl("upnp", "get", check=False).returncode == 0, "the daemon serves its settings")
+    return bare_lab
+
+
+def processes(lab, name):
+    there = subprocess.run(["ip", "netns", "pids", f"gw-{lab.name}-router"], capture_output=True, text=True, check=True)
+    return [pid for pid in there.stdout.split() if pathlib.Path(f"/proc/{pid}/comm").read_text() == name + "\n"]
+
+
+def status(pid):
+    lines = pathlib.Path(f"/proc/{pid}/status").read_text().splitlines()
+    return {key: value.split() for key, _, value in (line.partition(":") for line in lines)}
+
+
+def test_the_router_keeps_one_capability(router):
+    told = status(router.routerd.process.pid)
+    user, net_admin, none = str(IDS[OTHER]), f"{1 << 12:016x}", f"{0:016x}"
+    assert told["Uid"] == [user] * 4 and told["Gid"] == [user] * 4 and str(GROUP) in told["Groups"]
+    assert (told["CapEff"], told["CapPrm"], told["CapBnd"]) == ([net_admin], [net_admin], [net_admin])
+    assert (told["CapInh"], told["CapAmb"], told["NoNewPrivs"]) == ([none], [none], ["1"])
+    daemon, = processes(router, "upnpd")
+    told = status(daemon)
+    assert told["Uid"] == [str(IDS[DAEMON])] * 4 and told["CapEff"] == [none]
+
+
+def test_the_bus_belongs_to_the_router_and_the_group(router):
+    told = router.router.run("stat", "-c", "%a %u %g %F", "/run/tk/bus").stdout
+    assert told == f"660 {IDS[OTHER]} {GROUP} socket\n"
+
+
+def test_everything_works_as_before(router):
+    router.tkctl("upnp", "interface", "add", "lan0", "internal")
+    router.tkctl("upnp", "interface", "add", "wan0", "external")
+    router.tkctl("upnp", "set", "enabled=yes")
+    told = lambda: router.lan1.run("upnpc", "-i", "-m", LAN1, "-a", LAN1, "8080", "80", "TCP", check=False).stdout
+    eventually(lambda: "is redirected to internal" in told(), "a mapping is made")
+    with router.lan1.listen(8080) as server, router.wan.connect(ROUTER_WAN, 80):
+        server.accept()
+    identity = router.interface_id("wan1")
+    router.tkctl("bus", "call", "20,0", "0xFE0003", f"0xFE0001:u32={identity}", "0xFE000A:bool=yes")
+    eventually(lambda: "DOWN" in router.router.run("ip", "link", "show", "wan1").stdout, "the interface goes down")
+
+
+def test_the_end_is_clean(router):
+    everybody = [int(pid) for name in ("routerd", "upnpd") for pid in processes(router, name)]
+    assert len(everybody) == 3, "the router, its launcher, the daemon"
+    assert router.routerd.stop() == 0
+    eventually(lambda: not any(os.path.exists(f"/proc/{pid}") for pid in everybody), "all have ended")
+    assert router.table() == ""
+    assert router.router.run("ls", "/run/tk").stdout == ""
+
+
+def test_a_killed_router_leaves_nobody_behind(router):
+    everybody = [int(pid) for name in ("routerd", "upnpd") for pid in processes(router, name)]
+    router.routerd.kill()
+    eventually(lambda: not any(os.path.exists(f"/proc/{pid}") for pid in everybody), "all have ended")

@@ -1,0 +1,42 @@
+"""The counting of test results: nothing that failed may be lost."""
+import pathlib
+import subprocess
+
+TALLY = pathlib.Path(__file__).resolve().parent / "tally"
+
+
+def tally(*paths):
+    return subprocess.run([TALLY, *paths], capture_output=True, text=True).stdout.splitlines()[-1]
+
+
+def write(path, text):
+    path.write_text(text)
+    return path
+
+
+def program(name, status):
+    return f'<testcase name="{name}" classname="{name}" status="{status}"/>'
+
+
+def test_counts_single_tests(tmp_path):
+    results = write(tmp_path / "r.xml", '<testsuites><testsuite tests="5" failures="1" errors="1" skipped="1"/></testsuites>')
+    assert tally(results) == "2 passed, 2 failed"
+
+
+def test_a_missing_or_broken_file_is_a_failed_test(tmp_path):
+    assert tally(tmp_path / "none.xml") == "0 passed, 1 failed"
+    assert tally(write(tmp_path / "r.xml", "<testsuites><testsuite")) == "0 passed, 1 failed"
+
+
+def test_counts_the_single_tests_of_programs(tmp_path):
+    results = write(tmp_path / "r.xml", "<testsuite>" + program("tk", "run") + program("net", "fail")
+                    + program("order", "run") + "</testsuite>")
+    write(tmp_path / "tk_test.xml", '<testsuites><testsuite tests="7" failures="0"/><testsuite tests="2"/></testsuites>')
+    write(tmp_path / "net_test.xml", '<testsuites><testsuite tests="3" failures="2"/></testsuites>')
+    assert tally(results, tmp_path) == "11 passed, 2 failed"
+
+
+def test_a_program_that_crashed_or_leaked_is_a_failed_test(tmp_path):
+    results = write(tmp_path / "r.xml", "<testsuite>" + program("tk", "fail") + program("net", "fail") + "</testsuite>")
+    write(tmp_path / "tk_test.xml", '<testsuites><testsuite tests="7" failures="0"/></testsuites>')
+    assert tally(results, tmp_path) == "7 passed, 2 failed"
