@@ -40,3 +40,9 @@ def test_a_program_that_crashed_or_leaked_is_a_failed_test(tmp_path):
     results = write(tmp_path / "r.xml", "<testsuite>" + program("tk", "fail") + program("net", "fail") + "</testsuite>")
     write(tmp_path / "tk_test.xml", '<testsuites><testsuite tests="7" failures="0"/></testsuites>')
     assert tally(results, tmp_path) == "7 passed, 2 failed"
+
+
+def test_a_skipped_test_of_a_program_has_failed(tmp_path):
+    results = write(tmp_path / "r.xml", "<testsuite>" + program("tk", "run") + "</testsuite>")
+    write(tmp_path / "tk_test.xml", '<testsuites><testsuite tests="7" failures="0" skipped="2"/></testsuites>')
+    assert tally(results, tmp_path) == "5 passed, 2 failed"

@@ -45,7 +45,7 @@ std::unique_ptr<BusConnection> BusConnection::open(const std::string& socketPath
         reason = errorText();
         return nullptr;
     }
-    return std::unique_ptr<BusConnection>(new BusConnection(std::move(socket), receiver));
+    return std::make_unique<BusConnection>(std::move(socket), receiver);
 }
 
 BusConnection::BusConnection(Fd socket, Receiver& receiver)

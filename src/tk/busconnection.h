@@ -29,6 +29,8 @@ public:
     /// Errors: null, with the reason in `reason`. Lifetime: `receiver` outlives the connection.
     static std::unique_ptr<BusConnection> open(const std::string& socketPath, Receiver& receiver,
                                                std::string& reason);
+    /// Takes over a socket that is connected to the hub, and non-blocking. Lifetime: as for open().
+    BusConnection(Fd socket, Receiver& receiver);
     ~BusConnection() override;
 
     [[nodiscard]] message exchange(const message& request, const Path& from, std::uint32_t command,
@@ -39,7 +41,6 @@ public:
     bool isOpen() const { return channel.isOpen(); }
 
 private:
-    BusConnection(Fd socket, Receiver& receiver);
     void received(message arrived) override;
     void broken(const std::string& reason) override;
     void keep(message arrived);

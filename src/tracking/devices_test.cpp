@@ -257,9 +257,11 @@ TEST_F(ConnectedDevice, ThatANewEnablingReplacesIsKeptUntilItsConnectionEnds) {
     tracking.stopInt(device);
     tracking.getDevices();  // clears the map
     EXPECT_EQ(tracking.deviceOf(7), nullptr);
+    EXPECT_EQ(tracking.retiredCount(), 1u);
     send("HTTP/1.1\r\n\r\n");
     EXPECT_TRUE(received().starts_with("HTTP/1.1 200 OK\r\n"));
     EXPECT_TRUE(isClosed());
+    EXPECT_EQ(tracking.retiredCount(), 0u);
 }
 
 TEST_F(ConnectedDevice, ThatANewEnablingReplacesGoesWithItsTimedOutConnection) {
@@ -267,9 +269,17 @@ TEST_F(ConnectedDevice, ThatANewEnablingReplacesGoesWithItsTimedOutConnection) {
     connect();
     tracking.stopInt(device);
     tracking.getDevices();
+    EXPECT_EQ(tracking.retiredCount(), 1u);
     loop.advance(1000);
     EXPECT_TRUE(isClosed());
+    EXPECT_EQ(tracking.retiredCount(), 0u);
     EXPECT_EQ(loop.looper.runner().timerCount(), 0u);
+}
+
+TEST_F(ConnectedDevice, WithoutAConnectionIsNotKeptWhenANewEnablingReplacesIt) {
+    tracking.stopInt(addDevice(7, Role::internal, "127.0.0.1"));
+    tracking.getDevices();
+    EXPECT_EQ(tracking.retiredCount(), 0u);
 }
 
 using DevicesDeathTest = TrackingTest;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -46,6 +47,8 @@ public:
     Device* findListener(int socket) const;
     /// A connection of `device` ended: a device that only waited for that goes.
     void connectionEnded(const Device& device);
+    /// How many devices only wait for their last connection to end.
+    std::size_t retiredCount() const { return retired.size(); }
 
     // Addresses.
 

@@ -32,7 +32,8 @@ protected:
     }
     Subscription& subscription() { return *service.subscriptions.at("uuid:s"); }
     void addVariable(const std::string& name, bool evented, const char* value) {
-        Variable& variable = service.addVar(name, new Variable({}, evented));
+        Variable& variable =
+            service.addVar(name, std::make_unique<Variable>(std::list<std::string>{}, evented).release());
         if (value) variable.setValue(value);
     }
     /// Starts one event; the lines that were logged.

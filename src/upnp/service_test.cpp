@@ -16,7 +16,8 @@ using Texts = std::vector<std::string>;
 class Counting : public Service {
 public:
     Counting() : Service("urn:counting") {
-        addVar("Count", new Variable({}, true)).setValue(this, &Counting::next);
+        addVar("Count", std::make_unique<Variable>(std::list<std::string>{}, true).release())
+            .setValue(this, &Counting::next);
         addAct("Reset", makeVector(1, "Count"), makeVector(1, "NewCount"), {}, {}, this, &Counting::reset);
     }
 
@@ -46,8 +47,8 @@ struct Subscribed {
     Subscribed() {
         constexpr std::uint32_t broadcast = 0xFFFFFFFF;  // connecting to it fails at once
         service.subscriptions["a"] = std::make_unique<Subscription>(service, "a", broadcast, 80, "/");
-        service.addVar("Evented", new Variable({}, true));
-        service.addVar("Silent", new Variable({}, false));
+        service.addVar("Evented", std::make_unique<Variable>(std::list<std::string>{}, true).release());
+        service.addVar("Silent", std::make_unique<Variable>(std::list<std::string>{}, false).release());
     }
     /// How many events the change started.
     std::size_t eventsOf(const std::string& name, const std::string& value) {
@@ -65,7 +66,7 @@ struct Subscribed {
 
 TEST(ServiceVariables, UnknownOneAndOneWithoutAValueReadAsEmpty) {
     Service service("urn:x");
-    service.addVar("A", new Variable({}, false));
+    service.addVar("A", std::make_unique<Variable>(std::list<std::string>{}, false).release());
     EXPECT_EQ(service.getVar("A"), "");
     EXPECT_EQ(service.getVar("B"), "");
 }
@@ -80,8 +81,10 @@ TEST(ServiceVariables, SecondOneOfANameReplacesTheFirstWithoutDeletingIt) {
     bool dead = false;
     {
         Service service("urn:x");
-        service.addVar("A", new Variable({}, false)).getter = std::make_unique<Mortal>(dead);
-        service.addVar("A", new Variable({}, false)).setValue("2");
+        service.addVar("A", std::make_unique<Variable>(std::list<std::string>{}, false).release()).getter =
+            std::make_unique<Mortal>(dead);
+        service.addVar("A", std::make_unique<Variable>(std::list<std::string>{}, false).release())
+            .setValue("2");
         EXPECT_EQ(service.getVar("A"), "2");
         EXPECT_EQ(service.variables.size(), 1U);
         EXPECT_FALSE(dead);
@@ -129,7 +132,7 @@ TEST(ServiceEvents, ChangeReachesEverySubscriptionInTheOrderOfTheirIds) {
     tk::testing::TestLoop loop;
     const Subscriber subscriber;
     Service service("urn:x");
-    service.addVar("Evented", new Variable({}, true));
+    service.addVar("Evented", std::make_unique<Variable>(std::list<std::string>{}, true).release());
     for (const char* sid : {"uuid:c", "uuid:a", "uuid:b"})
         service.subscriptions[sid] =
             std::make_unique<Subscription>(service, sid, htonl(INADDR_LOOPBACK), subscriber.port, "/");

@@ -16,7 +16,7 @@ bool enterPrivateNetwork() {
         if (::unshare(CLONE_NEWNET) != 0) return false;
         const Fd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
         ifreq loopback{};
-        std::strcpy(loopback.ifr_name, "lo");
+        std::memcpy(loopback.ifr_name, "lo", sizeof "lo");
         loopback.ifr_flags = IFF_UP;
         return ::ioctl(socket.get(), SIOCSIFFLAGS, &loopback) == 0;
     }();
