@@ -71,6 +71,8 @@ void Gateway::tellServices() {
 }
 
 tk::message Gateway::cmdUnknown(const tk::message& received, std::uint32_t command) {
+    const bool isNotification = tk::kindOf(received) == tk::Kind::notification;
+    if (!isNotification) return Map::cmdUnknown(received, command);  // a request must not pass for one
     if (command == tk::interfaceChanged) {
         tracking.deviceChanged(received);
         return {};

@@ -250,8 +250,20 @@ TEST_F(Notifications, WithoutRecordsWalkEverythingAgain) {
 
 TEST_F(Notifications, AreAnsweredWithAnEmptyMessageAndUnknownCommandsWithAnError) {
     set(settings(true));
-    EXPECT_EQ(gateway->cmdUnknown(interfaceRecord(3, "lo"), 0x10004), tk::message());
-    EXPECT_TRUE(tk::isError(gateway->cmdUnknown({}, 0x12345)));
+    tk::message added = interfaceRecord(3, "lo");
+    tk::stamp(added, {20, 0}, 0, tk::Kind::notification, 0x10004);
+    EXPECT_EQ(gateway->cmdUnknown(added, 0x10004), tk::message());
+    tk::message other;
+    tk::stamp(other, {20, 0}, 0, tk::Kind::notification, 0x12345);
+    EXPECT_TRUE(tk::isError(gateway->cmdUnknown(other, 0x12345)));
+}
+
+TEST_F(Notifications, CannotBeMadeByARequest) {
+    set(settings(true));
+    takeLog();
+    EXPECT_TRUE(tk::isError(loop.request(0x10004, goneRecord(1, "lan"))));
+    EXPECT_TRUE(tk::isError(loop.request(0xFE000B, carrying({statusRecord(1, true, true)}))));
+    EXPECT_EQ(takeLog(), "");
 }
 
 }  // namespace
