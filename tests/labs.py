@@ -11,7 +11,6 @@ import time
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 LAB = ROOT / "lab" / "lab"
-STATES = pathlib.Path("/run/gateway-lab")  # where a lab keeps what it knows of itself
 DATA = ROOT / "data" / "upnp"
 BIN = pathlib.Path(os.environ.get("GATEWAY_BIN", ROOT / "build" / "release" / "bin")).resolve()
 
@@ -188,7 +187,8 @@ class Lab:
     @property
     def root(self):
         """The router's root directory, as this process sees it."""
-        return pathlib.Path("/proc", (STATES / self.name / "holder").read_text().strip(), "root")
+        holder = pathlib.Path(f"/run/gateway-lab-{self.name}/holder").read_text().strip()
+        return pathlib.Path("/proc", holder, "root")
 
     def down(self):
         for program in (self.upnpd, self.routerd):

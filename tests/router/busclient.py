@@ -78,10 +78,9 @@ class Client:
     """One connection to the bus of a lab's router."""
 
     def __init__(self, lab, seconds=10):
-        holder = open(f"/run/gateway-lab/{lab.name}/holder", encoding="ascii").read().strip()
         self.socket = socket.socket(socket.AF_UNIX)
         self.socket.settimeout(seconds)
-        self.socket.connect(f"/proc/{holder}/root/run/tk/bus")
+        self.socket.connect(str(lab.root / "run" / "tk" / "bus"))
         self.received = bytearray()
         self.number = 0
         self.notifications = []
