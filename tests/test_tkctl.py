@@ -32,6 +32,11 @@ def test_an_alias_is_the_display_name(fresh_lab):
                              if one["name"] == "wan1"] == ["Fibre"])
 
 
+def test_a_name_cannot_steer_the_terminal(fresh_lab):
+    fresh_lab.router.run("ip", "link", "set", "wan1", "alias", "a\x1b[2J\u202eb")
+    labs.eventually(lambda: "a\\x1b[2J\\xe2\\x80\\xaeb" in fresh_lab.tkctl("interface", "list").stdout)
+
+
 def test_addresses_are_listed(lab):
     listed = lab.query("address", "list")
     assert sorted((one["address"], one["interface"], one["disabled"]) for one in listed) == sorted(
@@ -106,6 +111,10 @@ def test_what_is_refused_says_why_and_has_status_1(lab, words):
     ("upnp", "interface", "set", "one", "disabled=yes"),
     ("upnp", "interface", "remove"),
     ("nat", "list", "--nosuch"),
+    ("nat", "test", ROUTER_WAN, "65536", "tcp", LAN1, "80"),
+    ("nat", "test", ROUTER_WAN, "80", "sctp", LAN1, "80"),
+    ("nat", "test", "wan0", "80", "tcp", LAN1, "80"),
+    ("nat", "test", ROUTER_WAN, "80", "tcp", "192.0.2", "80"),
     ("bus", "call", "20,x", "1"),
     ("bus", "call", "20,5"),
     ("bus", "call", "20,5", "1", "1:colour=blue"),
@@ -114,7 +123,44 @@ def test_what_is_refused_says_why_and_has_status_1(lab, words):
 def test_misuse_has_status_2(lab, words):
     done = lab.tkctl(*words, check=False)
     assert (done.returncode, done.stdout) == (2, "")
-    assert done.stderr
+    assert len(done.stderr.splitlines()) == 1
+
+
+@pytest.mark.parametrize("words, reason", [
+    (("nosuch",), "unknown command 'nosuch'; there are: interface, address, upnp, nat, history, bus"),
+    (("upnp", "set"), "KEY=VALUE is missing; usage: tkctl upnp set KEY=VALUE...; for example: "
+                      "tkctl upnp set enabled=yes"),
+    (("nat", "test"), "ADDRESS is missing; usage: tkctl nat test ADDRESS PORT PROTOCOL TARGET TARGETPORT; "
+                      "for example: tkctl nat test 198.51.100.1 80 tcp 192.0.2.2 8080"),
+], ids=["unknown command", "nothing to set", "nothing to test"])
+def test_misuse_is_answered_with_what_to_give(lab, words, reason):
+    assert lab.tkctl(*words, check=False).stderr == f"tkctl: {reason} (--help tells more)\n"
+
+
+@pytest.mark.parametrize("words", [("--json", "nat", "list"), ("nat", "--json", "list"), ("nat", "list", "--json"),
+                                   ("nat", "--socket", "/run/tk/bus", "--json", "list")], ids=" ".join)
+def test_options_may_stand_anywhere(lab, words):
+    assert lab.tkctl(*words).stdout == "[]\n"
+
+
+def test_a_rule_for_a_foreign_address_is_answered_with_a_note(lab):
+    for target, status, answer, reason in ((LAN1, 0, "allowed\n", ""),
+                                           ("127.0.0.1", 1, "",
+                                            "tkctl: target 127.0.0.1 refused: it is a loopback address\n")):
+        done = lab.tkctl("nat", "test", "198.51.100.9", "80", "tcp", target, "80", check=False)
+        assert (done.returncode, done.stdout) == (status, answer)
+        assert done.stderr == "note: 198.51.100.9 is not an address of this router\n" + reason
+    assert lab.tkctl("nat", "test", ROUTER_WAN, "80", "tcp", LAN1, "80").stderr == ""
+
+
+def test_an_answer_that_cannot_be_written_is_a_failure(lab):
+    for words in ("nat list", "nat list --json", "--help"):
+        done = lab.router.run("sh", "-c", f"{labs.BIN}/tkctl {words} >/dev/full", check=False)
+        assert (done.returncode, done.stderr) == (1, "tkctl: cannot write the answer: No space left on device\n")
+
+
+def test_a_reader_that_leaves_ends_the_command_without_a_word(lab):
+    assert lab.router.run("sh", "-c", f"{labs.BIN}/tkctl interface list | true").stderr == ""
 
 
 def test_help_is_no_misuse(lab):
@@ -137,7 +183,8 @@ def test_without_a_daemon_its_commands_fail_at_once(bare_lab):
     began = time.monotonic()
     done = bare_lab.tkctl("upnp", "get", check=False)
     assert time.monotonic() - began < 2
-    assert (done.returncode, done.stdout, len(done.stderr.splitlines())) == (1, "", 1)
+    assert (done.returncode, done.stdout) == (1, "")
+    assert done.stderr == "tkctl: upnpd does not answer: nobody at this destination\n"
     assert bare_lab.query("nat", "list") == []
 
 

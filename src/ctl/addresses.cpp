@@ -14,13 +14,6 @@ namespace ctl {
 
 namespace {
 
-struct Address {
-    std::uint32_t id = 0;
-    std::string address;
-    std::uint32_t interface = 0;
-    bool disabled = false;
-};
-
 Address readAddress(const tk::message& record) {
     Address out;
     out.id = record.get_u32(tk::field::objectId);
@@ -29,13 +22,6 @@ Address readAddress(const tk::message& record) {
         record.get_u32(tk::addressfield::interface, record.get_u32(tk::addressfield::actualInterface));
     out.disabled = record.get_bool(tk::field::disabled);
     return out;
-}
-
-std::vector<Address> readAddresses(Session& session) {
-    std::vector<Address> addresses;
-    for (const tk::message& record : session.list(tk::path::addresses()))
-        addresses.push_back(readAddress(record));
-    return addresses;
 }
 
 Json addressesToJson(const std::vector<Address>& addresses) {
@@ -73,8 +59,15 @@ void listAddresses(Context& context) {
 
 }  // namespace
 
+std::vector<Address> readAddresses(Session& session) {
+    std::vector<Address> addresses;
+    for (const tk::message& record : session.list(tk::path::addresses()))
+        addresses.push_back(readAddress(record));
+    return addresses;
+}
+
 void addAddressCommands(CLI::App& app, Context& context) {
-    CLI::App& group = addGroup(app, "address", "The router's IPv4 addresses");
+    CLI::App& group = addGroup(app, context, "address", "The router's IPv4 addresses");
     addCommand(group, context, "list", "List the IPv4 addresses and the interfaces that hold them",
                [&context] { listAddresses(context); });
 }

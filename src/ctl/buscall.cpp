@@ -49,9 +49,9 @@ void call(Context& context, const Arguments& arguments) {
 
 void addBusCallCommand(CLI::App& bus, Context& context) {
     const auto arguments = std::make_shared<Arguments>();
-    CLI::App& command = addCommand(bus, context, "call",
-                                   "Send a request and print the reply, for example: bus call 20,5 0xFE0004",
+    CLI::App& command = addCommand(bus, context, "call", "Send a request and print the reply",
                                    [&context, arguments] { call(context, *arguments); });
+    addExample(command, "20,5 0xFE0004");
     command.add_option("path", arguments->path, "Who is asked, for example 65 or 20,5")
         ->type_name("PATH")
         ->required();

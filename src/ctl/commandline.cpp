@@ -1,6 +1,9 @@
 #include "ctl/commandline.h"
 
+#include <errno.h>
+
 #include <algorithm>
+#include <memory>
 #include <utility>
 
 #include <CLI/CLI.hpp>
@@ -8,12 +11,14 @@
 #include "ctl/addresses.h"
 #include "ctl/buscall.h"
 #include "ctl/bustrace.h"
+#include "ctl/helptext.h"
 #include "ctl/history.h"
 #include "ctl/interfaces.h"
 #include "ctl/nat.h"
 #include "ctl/text.h"
 #include "ctl/upnp.h"
 #include "ctl/upnpitems.h"
+#include "tk/log.h"
 
 namespace ctl {
 
@@ -23,21 +28,26 @@ constexpr const char* purpose =
     "Administers the UPnP gateway of this router.\n"
     "Each command prints a table, or JSON with --json. Status 0: done, 1: refused or failed, 2: misuse.";
 
+constexpr const char* hint = " (--help tells more)";
+
 void addSharedOptions(CLI::App& app, Context& context) {
     app.add_flag("--json", context.json, "Print JSON instead of text for people");
     app.add_option("--socket", context.socketPath, "Socket of the bus, instead of " + context.socketPath)
-        ->type_name("FILE");
+        ->type_name("FILE")
+        ->take_last()
+        ->check([](const std::string& path) { return path.empty() ? "expected a FILE" : ""; });
 }
 
 void addAllCommands(CLI::App& app, Context& context) {
-    CLI::App& upnp = addGroup(app, "upnp", "Settings of UPnP, and the interfaces that it serves");
     addInterfaceCommands(app, context);
     addAddressCommands(app, context);
+    CLI::App& upnp = addGroup(app, context, "upnp", "Settings of UPnP, and the interfaces that it serves");
     addUpnpCommands(upnp, context);
     addUpnpItemCommands(upnp, context);
     addNatCommands(app, context);
     addHistoryCommands(app, context);
-    CLI::App& bus = addGroup(app, "bus", "The messages between the programs of the router, for developers");
+    CLI::App& bus =
+        addGroup(app, context, "bus", "The messages between the programs of the router, for developers");
     addBusCallCommand(bus, context);
     addBusTraceCommand(bus, context);
 }
@@ -47,32 +57,82 @@ Status fail(std::ostream& errors, const std::string& reason, Status status) {
     return status;
 }
 
-/// The words that may follow those that were given.
-std::string commandsBehind(const CLI::App& app) {
-    const auto all = [](const CLI::App*) { return true; };
-    const CLI::App* last = &app;
-    for (auto given = app.get_subcommands(); !given.empty(); given = last->get_subcommands())
-        last = given.front();
+/// The command that was given, or the last word in front of one, behind all words that lead to it.
+std::vector<const CLI::App*> givenWords(const CLI::App& app) {
+    std::vector<const CLI::App*> words{&app};
+    for (auto given = app.get_subcommands(); !given.empty(); given = words.back()->get_subcommands())
+        words.push_back(given.front());
+    return words;
+}
+
+/// The words that may follow one.
+std::string commandsBehind(const CLI::App& word) {
     std::string names;
-    for (const CLI::App* command : last->get_subcommands(all))
+    for (const CLI::App* command : word.get_subcommands({}))
         names += (names.empty() ? "" : ", ") + command->get_name();
     return names;
+}
+
+std::string usageHint(const CLI::App& command) {
+    const std::string& example = command.get_footer();
+    return "; usage: " + usageOf(command) + (example.empty() ? "" : "; " + example) + hint;
+}
+
+/// What is wrong with a word that nothing takes.
+std::string unexpected(const CLI::App& behind, const std::string& text) {
+    if (text.starts_with('-') && text != "-") return "unknown option '" + text + '\'' + hint;
+    const std::string names = commandsBehind(behind);
+    if (names.empty()) return "unexpected argument '" + text + '\'' + usageHint(behind);
+    return "unknown command '" + text + "'; there are: " + names + hint;
+}
+
+/// The argument that is missing from a command.
+std::string missingArgument(const CLI::App& command) {
+    for (const CLI::Option* argument : command.get_options())
+        if (argument->get_required() && argument->count() == 0)
+            return argument->get_type_name() + " is missing" + usageHint(command);
+    return {};
+}
+
+/// What is wrong with the command line, empty when it is not the number or the names of the words.
+std::string misuseOf(const CLI::App& app) {
+    const std::vector<const CLI::App*> words = givenWords(app);
+    for (const CLI::App* word : words)
+        if (const std::vector<std::string> left = word->remaining(); !left.empty())
+            return unexpected(*word, left.front());
+    return missingArgument(*words.back());
+}
+
+void writeNotes(const Context& context, std::ostream& errors) {
+    for (const std::string& note : context.notes) errors << "note: " << printable(note) << '\n';
+}
+
+/// Sends the answer out to the last byte, or says why that fails.
+Status finish(Context& context, std::ostream& errors) {
+    errno = 0;
+    context.out.flush();
+    if (context.out) return Status::done;
+    return fail(errors, "cannot write the answer" + (errno == 0 ? "" : ": " + tk::errorText()),
+                Status::failed);
 }
 
 Status runChosen(Context& context, std::ostream& errors) {
     try {
         context.run();
     } catch (const Failure& failure) {
+        writeNotes(context, errors);
         return fail(errors, failure.what(), failure.status);
     }
-    context.out.flush();
-    return context.out ? Status::done : fail(errors, "cannot write the answer", Status::failed);
+    writeNotes(context, errors);
+    return finish(context, errors);
 }
 
 }  // namespace
 
-CLI::App& addGroup(CLI::App& parent, const std::string& name, const std::string& description) {
+CLI::App& addGroup(CLI::App& parent, Context& context, const std::string& name,
+                   const std::string& description) {
     CLI::App& group = *parent.add_subcommand(name, description);
+    addSharedOptions(group, context);
     group.require_subcommand(-1);  // at most one, so that arguments may be spelt like a command
     return group;
 }
@@ -85,24 +145,35 @@ CLI::App& addCommand(CLI::App& parent, Context& context, const std::string& name
     return command;
 }
 
+void addExample(CLI::App& command, const std::string& arguments) {
+    command.footer("for example: " + wordsOf(command) + ' ' + arguments);
+}
+
 Status runCommandLine(std::vector<std::string> arguments, Context& context, std::ostream& errors) {
     CLI::App app(purpose, "tkctl");
+    app.formatter(std::make_shared<HelpText>());
     app.require_subcommand(-1);
+    app.set_help_flag("-h,--help", "Print this text and end");
     app.set_version_flag("--version", TKCTL_VERSION, "Print the version and end");
     addSharedOptions(app, context);
     addAllCommands(app, context);
+    app.footer("tkctl COMMAND --help tells more about a command.");
     try {
         std::reverse(arguments.begin(), arguments.end());  // the parser takes them from the back
         app.parse(std::move(arguments));
     } catch (const CLI::Success& wanted) {
+        const std::string reason = misuseOf(app);
         if (app.remaining_size(/*recurse=*/true) > 0)  // "nonsense --help": there is no help for that
-            return fail(errors, "unknown: " + app.remaining(/*recurse=*/true).front(), Status::misuse);
+            return fail(errors, reason, Status::misuse);
         app.exit(wanted, context.out, errors);  // help or version
-        return Status::done;
+        return finish(context, errors);
     } catch (const CLI::ParseError& error) {
-        return fail(errors, std::string(error.what()) + " (--help tells more)", Status::misuse);
+        const std::string reason = misuseOf(app);
+        return fail(errors, reason.empty() ? error.what() + std::string(hint) : reason, Status::misuse);
     }
-    if (!context.run) return fail(errors, "expected one of: " + commandsBehind(app), Status::misuse);
+    if (!context.run)
+        return fail(errors, "expected one of: " + commandsBehind(*givenWords(app).back()) + hint,
+                    Status::misuse);
     return runChosen(context, errors);
 }
 

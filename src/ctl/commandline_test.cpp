@@ -29,6 +29,8 @@ struct CommandLineTest : testing::Test {
                                         "0x1000E:bool=yes"}),
                            parseFields({"0xFE0001:u32=2", "0x10001:u32=512", "0x10004:u32=3",
                                         "0x10005:string=list", "0xFE000A:bool=yes", "0x1000E:bool=no"})}));
+        bus.answer({20, 1}, tk::command::getAll,
+                   listOf({parseFields({"0xFE0001:u32=2", "1:be32=198.51.100.1", "5:u32=2"})}));
         bus.answer({80, 0}, tk::command::get, parseFields({"1:bool=no", "2:bool=no", "3:bool=yes"}));
         bus.answer({80, 0}, tk::command::getAll,
                    listOf({parseFields({"0xFE0001:u32=4", "0xFE000A:bool=no", "1:u32=1", "2:u32=2"}),
@@ -164,6 +166,17 @@ TEST_F(CommandLineTest, UpnpInterfaceRemove) {
     EXPECT_EQ(sent(tk::command::removeObject), parseFields({"0xFE0001:u32=4"}));
 }
 
+TEST_F(CommandLineTest, AnItemThatIsNotThereIsNamed) {
+    const tk::message gone = tk::errorMsg(tk::error::noSuchObject, "no such object");
+    bus.answer({80, 0}, tk::command::removeObject, gone);
+    bus.answer({80, 0}, tk::command::setObject, gone);
+    const std::string reason =
+        "tkctl: there is no item 99; \"tkctl upnp interface list\" shows those that there are\n";
+    EXPECT_EQ(run({"upnp", "interface", "remove", "99"}), Status::failed);
+    EXPECT_EQ(run({"upnp", "interface", "set", "99", "disabled=yes"}), Status::failed);
+    EXPECT_EQ(errors.str(), reason + reason);
+}
+
 TEST_F(CommandLineTest, NatList) {
     bus.answer({20, 5}, tk::command::getAll,
                listOf({parseFields({"0xFE0001:u32=1", "0xFE0007:bool=yes", "0xFE000A:bool=no",
@@ -183,7 +196,8 @@ TEST_F(CommandLineTest, NatList) {
 TEST_F(CommandLineTest, NatTestAsksAndChangesNothing) {
     bus.answer({20, 5}, 2, tk::message());
     EXPECT_EQ(print({"nat", "test", "198.51.100.1", "80", "tcp", "192.0.2.2", "8080"}), "allowed\n");
-    ASSERT_EQ(bus.requests.size(), 1U);
+    EXPECT_EQ(bus.requests.size(), 2U);  // and what the router's addresses are
+    ASSERT_EQ(bus.requestsTo({20, 5}, 2).size(), 1U);
     tk::message asked = bus.requestsTo({20, 5}, 2).at(0).content;
     asked.remove(tk::field::destination);
     EXPECT_EQ(asked, parseFields({"0xFE0007:bool=yes", "0xFE000A:bool=no", "39:string=dstnat",
@@ -195,6 +209,33 @@ TEST_F(CommandLineTest, NatTestTellsWhyARuleIsRefused) {
     bus.answer({20, 5}, 2, tk::errorMsg(tk::error::refused, "target 127.0.0.1 refused"));
     EXPECT_EQ(run({"nat", "test", "198.51.100.1", "80", "udp", "127.0.0.1", "8080"}), Status::failed);
     EXPECT_EQ(errors.str(), "tkctl: target 127.0.0.1 refused\n");
+}
+
+TEST_F(CommandLineTest, NatTestAsksForPort0Too) {
+    EXPECT_EQ(print({"nat", "test", "198.51.100.1", "0", "tcp", "192.0.2.2", "0"}), "allowed\n");
+    EXPECT_EQ(errors.str(), "");
+}
+
+TEST_F(CommandLineTest, NatTestNotesAnAddressThatTheRouterDoesNotHold) {
+    EXPECT_EQ(print({"nat", "test", "198.51.100.9", "80", "tcp", "192.0.2.2", "80"}), "allowed\n");
+    EXPECT_EQ(errors.str(), "note: 198.51.100.9 is not an address of this router\n");
+}
+
+TEST_F(CommandLineTest, NatTestNotesAnAddressThatIsDisabled) {
+    bus.answer({20, 1}, tk::command::getAll,
+               listOf({parseFields({"0xFE0001:u32=1", "1:be32=198.51.100.1", "0xFE000A:bool=yes"})}));
+    EXPECT_EQ(print({"nat", "test", "198.51.100.1", "80", "tcp", "192.0.2.2", "80", "--json"}),
+              "{\"allowed\":true}\n");
+    EXPECT_EQ(errors.str(), "note: 198.51.100.1 is not an address of this router\n");
+}
+
+TEST_F(CommandLineTest, TheNoteOfNatTestStandsBesideTheReason) {
+    bus.answer({20, 5}, 2, tk::errorMsg(tk::error::refused, "target 127.0.0.1 refused"));
+    EXPECT_EQ(run({"nat", "test", "198.51.100.9", "80", "udp", "127.0.0.1", "8080"}), Status::failed);
+    EXPECT_EQ(errors.str(),
+              "note: 198.51.100.9 is not an address of this router\n"
+              "tkctl: target 127.0.0.1 refused\n");
+    EXPECT_EQ(out.str(), "");
 }
 
 TEST_F(CommandLineTest, HistoryUndo) {
@@ -248,16 +289,129 @@ TEST_F(CommandLineTest, AReasonNeverReachesTheTerminalRaw) {
     EXPECT_EQ(errors.str(), "tkctl: \\x1b[2Jgone\\x0a\n");
 }
 
-TEST_F(CommandLineTest, HelpIsNoFailure) {
-    EXPECT_EQ(run({"upnp", "set", "--help"}), Status::done);
-    EXPECT_NE(out.str().find("show-dummy-rule=yes|no"), std::string::npos);
+TEST_F(CommandLineTest, SharedOptionsMayStandAnywhere) {
+    const std::vector<std::string> calls[] = {
+        {"--json", "upnp", "interface", "list"},
+        {"upnp", "--json", "interface", "list"},
+        {"upnp", "interface", "--json", "list"},
+        {"upnp", "interface", "list", "--json"},
+        {"--socket", "/a", "upnp", "--socket", "/b", "interface", "list", "--json", "--json"},
+    };
+    const std::string json = print(calls[0]);
+    EXPECT_EQ(json.substr(0, 2), "[{");
+    for (const auto& call : calls) {
+        out.str("");
+        EXPECT_EQ(print(call), json);
+    }
+}
+
+TEST_F(CommandLineTest, HelpNamesTheArgumentsAsTheUsageDoes) {
+    EXPECT_EQ(print({"upnp", "interface", "add", "--help"}),
+              R"(Give an interface a role; prints the id of the new item
+
+Usage: tkctl upnp interface add NAME internal|external [KEY=VALUE...] [OPTIONS]
+
+Arguments:
+  NAME                        An interface, as "tkctl interface list" shows it
+  internal|external           internal: faces the LAN; external: faces the Internet
+  [KEY=VALUE...]              disabled=yes|no: keep the item, but do not serve the interface
+
+Options:
+  -h,--help                   Print this text and end
+  --json                      Print JSON instead of text for people
+  --socket FILE               Socket of the bus, instead of /run/tk/bus
+
+for example: tkctl upnp interface add lan0 internal
+)");
     EXPECT_EQ(errors.str(), "");
+}
+
+TEST_F(CommandLineTest, HelpOfAGroupListsAllCommandsBelowIt) {
+    EXPECT_EQ(print({"upnp", "--help"}),
+              R"(Settings of UPnP, and the interfaces that it serves
+
+Usage: tkctl upnp COMMAND [OPTIONS]
+
+Options:
+  -h,--help                   Print this text and end
+  --json                      Print JSON instead of text for people
+  --socket FILE               Socket of the bus, instead of /run/tk/bus
+
+Commands:
+  get                     Show the settings
+  set                     Change settings; those that are not named stay as they are
+  interface list          List the interfaces that have a role
+  interface add           Give an interface a role; prints the id of the new item
+  interface set           Change an item; what is not named stays as it is
+  interface remove        Take an interface's role away
+
+)");
+}
+
+TEST_F(CommandLineTest, HelpThatCannotBeWrittenIsAFailure) {
+    out.setstate(std::ios::badbit);
+    EXPECT_EQ(run({"--help"}), Status::failed);
+    EXPECT_EQ(errors.str(), "tkctl: cannot write the answer\n");
 }
 
 TEST_F(CommandLineTest, AMissingCommandIsAnsweredWithThoseThatThereAre) {
     EXPECT_EQ(run({"upnp", "interface"}), Status::misuse);
-    EXPECT_EQ(errors.str(), "tkctl: expected one of: list, add, set, remove\n");
+    EXPECT_EQ(errors.str(), "tkctl: expected one of: list, add, set, remove (--help tells more)\n");
 }
+
+struct Slip {
+    const char* name;
+    std::vector<std::string> arguments;
+    const char* reason;
+};
+const Slip slips[] = {
+    {"UnknownGroup",
+     {"nosuch", "list"},
+     "unknown command 'nosuch'; there are: interface, address, upnp, nat, history, bus"},
+    {"UnknownCommand", {"nat", "nosuch"}, "unknown command 'nosuch'; there are: list, test"},
+    {"UnknownCommandWithHelp",
+     {"nat", "nosuch", "--help"},
+     "unknown command 'nosuch'; there are: list, test"},
+    {"UnknownOption", {"nat", "list", "--nosuch"}, "unknown option '--nosuch'"},
+    {"UnknownOptionOfAGroup", {"nat", "-j", "list"}, "unknown option '-j'"},
+    {"UnknownOptionWhereAnArgumentIsMissing", {"upnp", "set", "--enabled"}, "unknown option '--enabled'"},
+    {"MoreArguments", {"nat", "list", "more"}, "unexpected argument 'more'; usage: tkctl nat list"},
+    {"NothingToSet",
+     {"upnp", "set"},
+     "KEY=VALUE is missing; usage: tkctl upnp set KEY=VALUE...; for example: tkctl upnp set enabled=yes"},
+    {"NoInterface",
+     {"upnp", "interface", "add"},
+     "NAME is missing; usage: tkctl upnp interface add NAME internal|external [KEY=VALUE...]; for example: "
+     "tkctl upnp interface add lan0 internal"},
+    {"NoType",
+     {"upnp", "interface", "add", "lan0"},
+     "internal|external is missing; usage: tkctl upnp interface add NAME internal|external [KEY=VALUE...]; "
+     "for example: tkctl upnp interface add lan0 internal"},
+    {"NothingToSetInAnItem",
+     {"upnp", "interface", "set", "4"},
+     "KEY=VALUE is missing; usage: tkctl upnp interface set ID KEY=VALUE...; for example: tkctl upnp "
+     "interface set 1 disabled=yes"},
+    {"NothingToRemove",
+     {"upnp", "interface", "remove"},
+     "ID is missing; usage: tkctl upnp interface remove ID; for example: tkctl upnp interface remove 1"},
+    {"NothingToTest",
+     {"nat", "test", "198.51.100.1", "80", "tcp"},
+     "TARGET is missing; usage: tkctl nat test ADDRESS PORT PROTOCOL TARGET TARGETPORT; for example: tkctl "
+     "nat test 198.51.100.1 80 tcp 192.0.2.2 8080"},
+    {"NothingToCall",
+     {"bus", "call"},
+     "PATH is missing; usage: tkctl bus call PATH COMMAND [FIELD:TYPE=VALUE...]; for example: tkctl bus call "
+     "20,5 0xFE0004"},
+    {"NoSocket", {"--socket", "", "nat", "list"}, "--socket: expected a FILE"},
+};
+class SlipTest : public CommandLineTest, public testing::WithParamInterface<Slip> {};
+TEST_P(SlipTest, IsExplainedOnOneLine) {
+    EXPECT_EQ(run(GetParam().arguments), Status::misuse);
+    EXPECT_EQ(errors.str(), std::string("tkctl: ") + GetParam().reason + " (--help tells more)\n");
+    EXPECT_EQ(out.str(), "");
+}
+INSTANTIATE_TEST_SUITE_P(CommandLines, SlipTest, testing::ValuesIn(slips),
+                         [](const auto& row) { return std::string(row.param.name); });
 
 class Misuse : public CommandLineTest, public testing::WithParamInterface<std::vector<std::string>> {};
 TEST_P(Misuse, AsksNobody) {
@@ -286,6 +440,10 @@ INSTANTIATE_TEST_SUITE_P(
         std::vector<std::string>{"nat", "test", "198.51.100.1", "80", "tcp", "192.0.2.2"},
         std::vector<std::string>{"nat", "test", "wan0", "80", "tcp", "192.0.2.2", "80"},
         std::vector<std::string>{"nat", "test", "198.51.100.1", "65536", "tcp", "192.0.2.2", "80"},
+        std::vector<std::string>{"nat", "test", "198.51.100.1", "-1", "tcp", "192.0.2.2", "80"},
+        std::vector<std::string>{"nat", "test", "198.51.100.1", "80", "tcp", "192.0.2.2", "65536"},
+        std::vector<std::string>{"nat", "test", "198.51.100.1", "80", "tcp", "2001:db8::1", "80"},
+        std::vector<std::string>{"nat", "test", "198.51.100.256", "80", "tcp", "192.0.2.2", "80"},
         std::vector<std::string>{"nat", "test", "198.51.100.1", "80", "sctp", "192.0.2.2", "80"},
         std::vector<std::string>{"bus", "call", "20"}, std::vector<std::string>{"bus", "call", "20,x", "1"},
         std::vector<std::string>{"bus", "call", "20", "get"},
@@ -299,6 +457,17 @@ TEST(CommandLine, SaysWhereRouterdWasLookedFor) {
     EXPECT_EQ(runCommandLine({"--socket", "/nowhere/bus", "interface", "list"}, context, errors),
               Status::failed);
     EXPECT_EQ(errors.str(), "tkctl: cannot reach routerd at /nowhere/bus: No such file or directory\n");
+}
+
+TEST(CommandLine, TheLastSocketCounts) {
+    std::ostringstream out;
+    std::ostringstream errors;
+    Context context(out);
+    EXPECT_EQ(runCommandLine(
+                  {"--socket", "/a", "nat", "--socket", "/b", "list", "--socket", "/c", "--socket", "/d"},
+                  context, errors),
+              Status::failed);
+    EXPECT_EQ(errors.str(), "tkctl: cannot reach routerd at /d: No such file or directory\n");
 }
 
 }  // namespace

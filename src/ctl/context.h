@@ -5,6 +5,7 @@
 #include <optional>
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include "ctl/connection.h"
 #include "ctl/json.h"
@@ -30,6 +31,7 @@ public:
     std::ostream& out;
     std::string socketPath = tk::busPath;
     bool json = false;
+    std::vector<std::string> notes;  // for people, beside the answer; the status stays as it is
 
     /// The command that was chosen, to be run when the command line is parsed.
     std::function<void()> run;

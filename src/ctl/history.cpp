@@ -40,7 +40,8 @@ void undoLast(Context& context) {
 }  // namespace
 
 void addHistoryCommands(CLI::App& app, Context& context) {
-    CLI::App& group = addGroup(app, "history", "The changes of the configuration that can be undone");
+    CLI::App& group =
+        addGroup(app, context, "history", "The changes of the configuration that can be undone");
     addCommand(group, context, "list", "List the recorded changes", [&context] { listHistory(context); });
     addCommand(group, context, "undo", "Undo the last recorded change", [&context] { undoLast(context); });
 }

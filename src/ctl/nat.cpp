@@ -2,11 +2,14 @@
 
 #include <netinet/in.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <CLI/App.hpp>
 
+#include "ctl/addresses.h"
 #include "ctl/commandline.h"
 #include "ctl/failure.h"
 #include "ctl/json.h"
@@ -86,7 +89,7 @@ struct Question {
 
 std::uint32_t addressNamed(const std::string& text) {
     if (const auto address = parseAddress(text)) return *address;
-    throw misuse("'" + text + "': expected an IPv4 address");
+    throw misuse("'" + text + "': expected an IPv4 address such as 192.0.2.1");
 }
 
 std::uint32_t portNamed(const std::string& text) {
@@ -101,6 +104,15 @@ std::uint32_t protocolNamed(const std::string& text) {
     throw misuse("'" + text + "': the protocol is tcp or udp");
 }
 
+/// The router takes a rule for any address: one that it does not hold is often a slip.
+void noteForeignAddress(Context& context, const std::string& wanted) {
+    const std::vector<Address> addresses = readAddresses(context.session());
+    const bool isHeld = std::any_of(addresses.begin(), addresses.end(), [&wanted](const Address& held) {
+        return !held.disabled && held.address == wanted;
+    });
+    if (!isHeld) context.notes.push_back(wanted + " is not an address of this router");
+}
+
 void testRule(Context& context, const Question& question) {
     tk::message rule;
     rule.insert_bool(tk::field::dynamic, true);
@@ -112,6 +124,7 @@ void testRule(Context& context, const Question& question) {
     rule.insert_u32(tk::rulefield::action, tk::destinationNat);
     rule.insert_be32(tk::rulefield::toAddressFirst, addressNamed(question.target));
     rule.insert_u32(tk::rulefield::toPortFirst, portNamed(question.targetPort));
+    noteForeignAddress(context, question.address);
     context.session().request(tk::path::nat(), natTestCommand, rule);
     Json answer;
     answer["allowed"] = true;
@@ -123,6 +136,7 @@ void addTest(CLI::App& group, Context& context) {
     CLI::App& command =
         addCommand(group, context, "test", "Ask whether a rule would be allowed; nothing is changed",
                    [&context, question] { testRule(context, *question); });
+    addExample(command, "198.51.100.1 80 tcp 192.0.2.2 8080");
     command.add_option("address", question->address, "The external address")
         ->type_name("ADDRESS")
         ->required();
@@ -137,7 +151,7 @@ void addTest(CLI::App& group, Context& context) {
 }  // namespace
 
 void addNatCommands(CLI::App& app, Context& context) {
-    CLI::App& group = addGroup(app, "nat", "The router's destination NAT rules");
+    CLI::App& group = addGroup(app, context, "nat", "The router's destination NAT rules");
     addCommand(group, context, "list", "List the rules that lead connections from outside to hosts inside",
                [&context] { listRules(context); });
     addTest(group, context);

@@ -9,11 +9,14 @@
 
 namespace ctl {
 
-std::string reasonOf(const tk::message& error) {
+std::string reasonOf(const tk::message& error, const tk::Path& asked) {
     std::uint32_t code = 0;
     std::string text;
     (void)tk::isError(error, &code, &text);  // the caller knows that it is one
-    return text.empty() ? "refused with error " + hexText(code) : text;
+    if (text.empty()) text = "refused with error " + hexText(code);
+    const bool isAnswer = code != tk::error::unreachable && code != tk::error::timedOut;
+    if (isAnswer || asked.empty()) return text;
+    return (asked.front() == tk::program::gateway ? "upnpd" : "routerd") + (" does not answer: " + text);
 }
 
 tk::message Session::exchange(const tk::Path& path, std::uint32_t command, const tk::message& fields,
@@ -30,7 +33,7 @@ tk::message Session::exchange(const tk::Path& path, std::uint32_t command, const
 
 tk::message Session::request(const tk::Path& path, std::uint32_t command, const tk::message& fields) {
     tk::message end = exchange(path, command, fields);
-    if (tk::isError(end)) throw Failure(reasonOf(end));
+    if (tk::isError(end)) throw Failure(reasonOf(end, path));
     return end;
 }
 

@@ -12,8 +12,9 @@ namespace ctl {
 /// that runs already. Units: milliseconds.
 constexpr std::uint32_t requestTimeout = 20000;
 
-/// An error's reason for people, also where it carries no text.
-[[nodiscard]] std::string reasonOf(const tk::message& error);
+/// An error's reason for people, also where it carries no text. When nobody answered, the program behind the
+/// path that was asked is named, unless the path is empty.
+[[nodiscard]] std::string reasonOf(const tk::message& error, const tk::Path& asked = {});
 
 /// Requests over the bus, as a client that has no path of its own.
 class Session {

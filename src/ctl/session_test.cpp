@@ -4,6 +4,7 @@
 
 #include "ctl/failure.h"
 #include "tk/names.h"
+#include "tk/records.h"
 #include "tk/testing/scriptedbus.h"
 
 namespace ctl {
@@ -22,6 +23,16 @@ tk::message page(std::uint32_t id, std::uint32_t next = tk::unassigned) {
 }
 
 struct SessionTest : testing::Test {
+    /// The reason why request 5 to a service fails, empty when it does not.
+    std::string failureOf(const tk::Path& path) {
+        try {
+            session.request(path, 5);
+        } catch (const Failure& failure) {
+            return failure.what();
+        }
+        return {};
+    }
+
     tk::testing::ScriptedBus bus;
     Session session{bus};
 };
@@ -78,6 +89,13 @@ TEST_F(SessionTest, ARefusalCarriesTheErrorsText) {
         EXPECT_STREQ(failure.what(), "Interface already added");
         EXPECT_EQ(failure.status, Status::failed);
     }
+}
+
+TEST_F(SessionTest, AProgramThatDoesNotAnswerIsNamed) {
+    bus.answer(tk::path::gateway(), 5, tk::errorMsg(tk::error::unreachable, "nobody at this destination"));
+    bus.answer(service, 5, tk::errorMsg(tk::error::timedOut, "timed out"));
+    EXPECT_EQ(failureOf(tk::path::gateway()), "upnpd does not answer: nobody at this destination");
+    EXPECT_EQ(failureOf(service), "routerd does not answer: timed out");
 }
 
 TEST_F(SessionTest, ARefusalWithoutTextTellsTheCode) {

@@ -22,7 +22,8 @@ std::string listed(std::initializer_list<std::string_view> names) {
 Settings::Settings(const std::vector<std::string>& arguments, std::initializer_list<std::string_view> known) {
     for (const std::string& argument : arguments) {
         const std::size_t equals = argument.find('=');
-        if (equals == std::string::npos) throw misuse("'" + argument + "': expected KEY=VALUE");
+        if (equals == std::string::npos)
+            throw misuse("'" + argument + "': expected KEY=VALUE; keys: " + listed(known));
         const std::string key = argument.substr(0, equals);
         if (std::find(known.begin(), known.end(), key) == known.end())
             throw misuse("unknown key '" + key + "'; there are: " + listed(known));

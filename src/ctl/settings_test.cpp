@@ -48,7 +48,7 @@ TEST(Settings, SaysWhichKeysThereAre) {
 }
 
 TEST(Settings, RefusesWhatIsNoSetting) {
-    EXPECT_EQ(misuseOf([] { parse({"enabled"}); }), "'enabled': expected KEY=VALUE");
+    EXPECT_EQ(misuseOf([] { parse({"enabled"}); }), "'enabled': expected KEY=VALUE; keys: enabled, name");
     EXPECT_EQ(misuseOf([] { parse({"name=a", "name=b"}); }), "'name' is given twice");
 }
 

@@ -3,8 +3,11 @@
 #include <arpa/inet.h>
 #include <time.h>
 
+#include <algorithm>
 #include <charconv>
 #include <limits>
+
+#include "ctl/characters.h"
 
 namespace ctl {
 
@@ -13,60 +16,40 @@ namespace {
 constexpr std::uint32_t tcp = 6;
 constexpr std::uint32_t udp = 17;
 
-bool isContinuation(char character) {
-    return (static_cast<unsigned char>(character) & 0xC0) == 0x80;
-}
-
-/// A character's bytes announced by its first one; 0 for a byte that starts none.
-std::size_t sequenceLength(unsigned char first) {
-    if (first < 0x80) return 1;
-    if (first >= 0xC2 && first < 0xE0) return 2;
-    if (first >= 0xE0 && first < 0xF0) return 3;
-    if (first >= 0xF0 && first < 0xF5) return 4;
-    return 0;
-}
-
-/// The bytes of the character at the front of `text`; 0 when it is malformed or a control character.
-std::size_t printableLength(std::string_view text) {
-    const auto first = static_cast<unsigned char>(text.front());
-    if (first < 0x20 || first == 0x7f) return 0;
-    const std::size_t length = sequenceLength(first);
-    if (length == 0 || text.size() < length) return 0;
-    for (std::size_t i = 1; i < length; ++i)
-        if (!isContinuation(text[i])) return 0;
-    if (length == 1) return 1;
-    const auto second = static_cast<unsigned char>(text[1]);
-    const bool upperControl = first == 0xC2 && second < 0xA0;  // U+0080 to U+009F
-    const bool overlong = (first == 0xE0 && second < 0xA0) || (first == 0xF0 && second < 0x90);
-    const bool beyond = (first == 0xED && second >= 0xA0) || (first == 0xF4 && second >= 0x90);
-    return upperControl || overlong || beyond ? 0 : length;
+void appendEscaped(std::string& out, std::string_view bytes) {
+    static constexpr char digits[] = "0123456789abcdef";
+    for (const char each : bytes) {
+        const auto byte = static_cast<unsigned char>(each);
+        out += "\\x";
+        out += digits[byte >> 4];
+        out += digits[byte & 15];
+    }
 }
 
 }  // namespace
 
 std::string printable(std::string_view text) {
-    static constexpr char digits[] = "0123456789abcdef";
     std::string out;
     out.reserve(text.size());
     while (!text.empty()) {
-        const std::size_t length = printableLength(text);
-        if (length > 0) {
+        const Character character = firstCharacter(text);
+        const std::size_t length = std::max<std::size_t>(character.length, 1);
+        if (character.length > 0 && isPlain(character.code))
             out += text.substr(0, length);
-        } else {
-            const auto byte = static_cast<unsigned char>(text.front());
-            out += "\\x";
-            out += digits[byte >> 4];
-            out += digits[byte & 15];
-        }
-        text.remove_prefix(length > 0 ? length : 1);
+        else
+            appendEscaped(out, text.substr(0, length));
+        text.remove_prefix(length);
     }
     return out;
 }
 
 std::size_t displayWidth(std::string_view text) {
     std::size_t width = 0;
-    for (const char character : text)
-        if (!isContinuation(character)) ++width;
+    while (!text.empty()) {
+        const Character character = firstCharacter(text);
+        width += character.length > 0 ? columnsOf(character.code) : 1;
+        text.remove_prefix(std::max<std::size_t>(character.length, 1));
+    }
     return width;
 }
 

@@ -31,6 +31,10 @@ constexpr Printable printables[] = {
     {"Overlong", "\xc0\x8a", "\\xc0\\x8a"},
     {"OverlongOfThree", "\xe0\x80\x8a", "\\xe0\\x80\\x8a"},
     {"Surrogate", "\xed\xa0\x80", "\\xed\\xa0\\x80"},
+    {"RightToLeftOverride", "web\xe2\x80\xaegnp", "web\\xe2\\x80\\xaegnp"},
+    {"LineSeparator", "a\xe2\x80\xa8", "a\\xe2\\x80\\xa8"},
+    {"RightToLeftLetter", "\xd7\x90", "\xd7\x90"},
+    {"OverlongOfFour", "\xf0\x80\x80\x8a", "\\xf0\\x80\\x80\\x8a"},
     {"BeyondUnicode", "\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"},
 };
 
@@ -44,6 +48,13 @@ INSTANTIATE_TEST_SUITE_P(Texts, PrintableTest, testing::ValuesIn(printables),
 TEST(Text, WidthCountsCharacters) {
     EXPECT_EQ(displayWidth("T\xc3\xbcr"), 3U);
     EXPECT_EQ(displayWidth(""), 0U);
+    EXPECT_EQ(displayWidth("\x80z"), 2U);
+}
+
+TEST(Text, WidthCountsTheColumnsOfTheTerminal) {
+    EXPECT_EQ(displayWidth("\xe5\xae\xb6"), 2U);        // one ideograph
+    EXPECT_EQ(displayWidth("\xf0\x9f\x8f\xa0 x"), 4U);  // a house, then one column each
+    EXPECT_EQ(displayWidth("u\xcc\x88"), 1U);           // a letter and its accent
 }
 
 TEST(Text, HexIsLowerCaseWithoutLeadingZeros) {

@@ -83,6 +83,7 @@ void addUpnpCommands(CLI::App& upnp, Context& context) {
     CLI::App& set =
         addCommand(upnp, context, "set", "Change settings; those that are not named stay as they are",
                    [&context, arguments] { setSettings(context, *arguments); });
+    addExample(set, "enabled=yes");
     set.add_option("settings", *arguments,
                    "enabled=yes|no: serve UPnP at all\n"
                    "allow-disable-external=yes|no: let LAN hosts disconnect the external interface\n"

@@ -80,6 +80,16 @@ void printId(Context& context, std::uint32_t id, const std::string& text) {
     context.print(object, text);
 }
 
+/// A request about one item. Errors: throws Failure.
+void requestForItem(Session& session, std::uint32_t command, const tk::message& item) {
+    const tk::message end = session.exchange(tk::path::gateway(), command, item);
+    std::uint32_t code = 0;
+    if (tk::isError(end, &code) && code == tk::error::noSuchObject)
+        throw Failure("there is no item " + std::to_string(item.get_u32(tk::field::objectId)) +
+                      "; \"tkctl upnp interface list\" shows those that there are");
+    if (tk::isError(end)) throw Failure(reasonOf(end, tk::path::gateway()));
+}
+
 struct Arguments {
     std::string id;
     std::string name;
@@ -114,14 +124,14 @@ void setItem(Context& context, const Arguments& arguments) {
     if (type) change.insert_u32(tk::itemfield::type, roleNamed(*type));
     Session& session = context.session();
     if (name) change.insert_u32(tk::itemfield::interface, interfaceNamed(readInterfaces(session), *name).id);
-    session.request(tk::path::gateway(), tk::command::setObject, change);
+    requestForItem(session, tk::command::setObject, change);
     printId(context, id, "");
 }
 
 void removeItem(Context& context, const Arguments& arguments) {
     tk::message item;
     item.insert_u32(tk::field::objectId, itemId(arguments.id));
-    context.session().request(tk::path::gateway(), tk::command::removeObject, item);
+    requestForItem(context.session(), tk::command::removeObject, item);
     printId(context, item.get_u32(tk::field::objectId), "");
 }
 
@@ -132,6 +142,7 @@ void addAddCommand(CLI::App& group, Context& context) {
     CLI::App& add =
         addCommand(group, context, "add", "Give an interface a role; prints the id of the new item",
                    [&context, arguments] { addItem(context, *arguments); });
+    addExample(add, "lan0 internal");
     add.add_option("interface", arguments->name, "An interface, as \"tkctl interface list\" shows it")
         ->type_name("NAME")
         ->required();
@@ -147,6 +158,7 @@ void addSetCommand(CLI::App& group, Context& context) {
     const auto arguments = std::make_shared<Arguments>();
     CLI::App& set = addCommand(group, context, "set", "Change an item; what is not named stays as it is",
                                [&context, arguments] { setItem(context, *arguments); });
+    addExample(set, "1 disabled=yes");
     set.add_option("id", arguments->id, idHelp)->type_name("ID")->required();
     set.add_option("settings", arguments->settings,
                    "interface=NAME: another interface\ntype=internal|external: the other side\n"
@@ -159,6 +171,7 @@ void addRemoveCommand(CLI::App& group, Context& context) {
     const auto arguments = std::make_shared<Arguments>();
     CLI::App& remove = addCommand(group, context, "remove", "Take an interface's role away",
                                   [&context, arguments] { removeItem(context, *arguments); });
+    addExample(remove, "1");
     remove.add_option("id", arguments->id, idHelp)->type_name("ID")->required();
 }
 
@@ -166,7 +179,7 @@ void addRemoveCommand(CLI::App& group, Context& context) {
 
 void addUpnpItemCommands(CLI::App& upnp, Context& context) {
     CLI::App& group =
-        addGroup(upnp, "interface", "The interfaces that UPnP serves, and on which side they are");
+        addGroup(upnp, context, "interface", "The interfaces that UPnP serves, and on which side they are");
     addCommand(group, context, "list", "List the interfaces that have a role",
                [&context] { listItems(context); });
     addAddCommand(group, context);
