@@ -29,6 +29,14 @@ message endOf(const message& request, message answer) {
     return answer;
 }
 
+message routingOf(const message& request) {
+    message routing;
+    routing.insert_u32_array(field::destination, request.get_u32_array(field::destination));
+    stamp(routing, request.get_u32_array(field::sender), request.get_u32(field::number), kindOf(request),
+          request.get_u32(field::command));
+    return routing;
+}
+
 message withoutRouting(const message& source) {
     message own = source;
     for (const std::uint32_t id :

@@ -28,6 +28,9 @@ public:
 /// as in notifications.
 void stamp(message& target, const Path& from, std::uint32_t number, Kind kind, std::uint32_t command);
 
+/// The routing fields of a request alone, which are all that endOf() needs of it.
+message routingOf(const message& request);
+
 /// The kind of a received message; a request where the field is absent or unknown.
 Kind kindOf(const message& received);
 

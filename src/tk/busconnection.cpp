@@ -55,17 +55,14 @@ BusConnection::~BusConnection() = default;
 
 message BusConnection::exchange(const message& request, const Path& from, std::uint32_t command,
                                 std::uint32_t timeout) {
-    if (!channel.isOpen()) return errorMsg(error::disconnected, "the bus is gone");
+    if (!channel.isOpen()) return gone();
     if (++numbers == 0) numbers = 1;  // 0 stands for "no number"
     const std::uint32_t number = numbers;
     message stamped = request;
     stamp(stamped, from, number, Kind::request, command);
-    if (!channel.send(stamped)) {
-        const bool tooLarge = channel.isOpen();
-        return errorMsg(tooLarge ? error::invalid : error::disconnected,
-                        tooLarge ? "the request is too large or nested too deep" : "the bus is gone");
-    }
-    return awaitEnd(number, timeout);
+    if (channel.send(stamped)) return awaitEnd(number, timeout);
+    return channel.isOpen() ? errorMsg(error::invalid, "the request is too large or nested too deep")
+                            : gone();
 }
 
 message BusConnection::awaitEnd(std::uint32_t number, std::uint32_t timeout) {
@@ -74,6 +71,7 @@ message BusConnection::awaitEnd(std::uint32_t number, std::uint32_t timeout) {
     for (;;) {
         message arrived;
         while (channel.take(arrived)) {
+            if (noteRefusal(arrived)) return gone();
             const Kind kind = kindOf(arrived);
             if (kind == Kind::request || kind == Kind::notification)
                 keep(std::move(arrived));
@@ -82,9 +80,29 @@ message BusConnection::awaitEnd(std::uint32_t number, std::uint32_t timeout) {
         }
         const std::uint64_t now = clock.now();
         if (now >= deadline) return errorMsg(error::timedOut, "timed out");
-        if (!channel.pump(static_cast<int>(deadline - now)))
-            return errorMsg(error::disconnected, "the bus is gone");
+        if (!channel.pump(static_cast<int>(deadline - now))) return gone();
     }
+}
+
+/// True when the hub does not take this connection, and says why: in the first message that arrives, an error
+/// for nothing that was asked. The connection is over then.
+bool BusConnection::noteRefusal(const message& arrived) {
+    std::uint32_t code = 0;
+    std::string text;
+    if (std::exchange(hasBegun, true) || kindOf(arrived) != Kind::error ||
+        arrived.get_u32(field::number) != 0 || !isError(arrived, &code, &text))
+        return false;
+    if (text.empty()) text = "the hub does not take the connection";
+    refusal = errorMsg(code, text);
+    channel.breakOff(text);
+    return true;
+}
+
+/// What an exchange ends with when the connection is over.
+message BusConnection::gone() {
+    // A hub that closed at once may have said why, and nobody has read it yet.
+    if (message first; !hasBegun && channel.take(first) && !noteRefusal(first)) keep(std::move(first));
+    return isError(refusal) ? refusal : errorMsg(error::disconnected, "the bus is gone");
 }
 
 void BusConnection::post(message stamped) {
@@ -105,6 +123,7 @@ void BusConnection::keep(message arrived) {
 }
 
 void BusConnection::received(message arrived) {
+    if (noteRefusal(arrived)) return;
     const Kind kind = kindOf(arrived);
     if (kind == Kind::reply || kind == Kind::error) return;  // late: its requester gave up
     if (!waiting.empty()) return keep(std::move(arrived));   // behind what came before it
@@ -121,7 +140,7 @@ void BusConnection::handOn() {
 }
 
 void BusConnection::broken(const std::string& reason) {
-    receiver.busLost(reason);
+    receiver.busLost(isError(refusal) ? getError(refusal) : reason);
 }
 
 }  // namespace tk

@@ -13,7 +13,8 @@ namespace tk {
 /// A program's connection to the hub.
 ///
 /// What arrives during an exchange is kept, and handed on from the loop afterwards in the order of arrival.
-/// The end of a request that nobody waits for any more is discarded.
+/// The end of a request that nobody waits for any more is discarded. A hub that does not take the connection
+/// says why in one error that carries no number, before anything else; that is the reason of the loss then.
 class BusConnection final : public Bus, private ChannelOwner {
 public:
     /// Takes what the connection receives, from the loop.
@@ -43,12 +44,16 @@ public:
 private:
     void received(message arrived) override;
     void broken(const std::string& reason) override;
+    [[nodiscard]] bool noteRefusal(const message& arrived);
+    [[nodiscard]] message gone();
     void keep(message arrived);
     void handOn();
     [[nodiscard]] message awaitEnd(std::uint32_t number, std::uint32_t timeout);
 
     Receiver& receiver;
     std::uint32_t numbers = 0;
+    bool hasBegun = false;        // something has arrived
+    message refusal;              // an error, when the hub did not take the connection
     std::deque<message> waiting;  // arrived during an exchange, or behind what did
     Timer<BusConnection, &BusConnection::handOn> handOnTimer{*this};
     Channel channel;

@@ -173,6 +173,60 @@ TEST_F(BusConnectionTest, LossIsToldFromTheLoopAlone) {
     EXPECT_EQ(errorOf(exchange()), error::disconnected);
 }
 
+/// A hub that turns a program away says why and closes at once.
+class TurnedAwayTest : public BusConnectionTest {
+protected:
+    void turnAway() { hub.sendEnd(0, errorMsg(error::busy, "too many connections")); }
+    void expectRefusal(const message& end) {
+        EXPECT_EQ(errorOf(end), error::busy);
+        EXPECT_EQ(getError(end), "too many connections");
+    }
+};
+
+TEST_F(TurnedAwayTest, ExchangesFailWithTheHubsReasonWhenItClosedBefore) {
+    turnAway();
+    hub.close();
+    expectRefusal(exchange());
+    expectRefusal(exchange());
+    loop.settle();
+    EXPECT_EQ(lost, "too many connections");
+}
+
+TEST_F(TurnedAwayTest, ExchangesFailWithTheHubsReasonWhenItClosesLater) {
+    turnAway();
+    expectRefusal(exchange());
+    expectRefusal(exchange());
+    hub.close();
+    loop.settle();
+    EXPECT_EQ(lost, "too many connections");
+}
+
+TEST_F(TurnedAwayTest, LossIsToldWithTheHubsReason) {
+    turnAway();
+    hub.close();
+    loop.settle();
+    EXPECT_EQ(lost, "too many connections");
+    expectRefusal(exchange());
+    EXPECT_TRUE(received.empty());
+}
+
+TEST_F(TurnedAwayTest, LaterErrorsForNothingAskedAreDiscarded) {
+    hub.sendNotification({20, 0}, statusChanged, numbered(1));
+    turnAway();
+    hub.sendEnd(1, numbered(10));
+    EXPECT_EQ(withoutRouting(exchange()), numbered(10));
+    loop.settle();
+    EXPECT_EQ(received, std::vector<std::uint32_t>{1});
+    EXPECT_EQ(lost, "");
+}
+
+TEST_F(TurnedAwayTest, AHubWithoutATextEndsTheConnectionAllTheSame) {
+    hub.sendEnd(0, errorMsg(error::busy, ""));
+    EXPECT_EQ(errorOf(exchange()), error::busy);
+    loop.settle();
+    EXPECT_EQ(lost, "the hub does not take the connection");
+}
+
 TEST_F(BusConnectionTest, MalformedFrameOfTheHubEndsTheConnection) {
     hub.sendBytes(std::string("\x01\0\0\0\x01", 5));
     EXPECT_EQ(errorOf(exchange()), error::disconnected);

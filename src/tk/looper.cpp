@@ -107,6 +107,13 @@ bool Looper::join(std::uint32_t number, const std::string& socketPath, std::stri
     return true;
 }
 
+bool Looper::resign() {
+    message request;
+    request.insert_u32(1, program);
+    request.insert_u32_array(field::destination, {program::hub});
+    return !isError(bus->exchange(request, {program, 0}, command::hubUnregister, exchangeTimeout));
+}
+
 void Looper::addHandler(std::uint32_t number, Handler* handler) {
     handlers[number] = handler;
     if (bus) handler->attach(*bus, {program, number});

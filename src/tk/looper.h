@@ -32,6 +32,12 @@ public:
     /// Errors: false, with the reason in `reason`; nothing is kept.
     [[nodiscard]] bool join(std::uint32_t program, const std::string& socketPath, std::string& reason);
 
+    /// Gives the program's number up, so that what is asked of the program from now on waits for its next
+    /// start. What was asked before has arrived when this returns; the loop hands it on, ahead of timers that
+    /// are armed from now on, and it is answered as ever. Errors: false when the hub did not say that it has
+    /// let the number go; calling again does no harm.
+    [[nodiscard]] bool resign();
+
     /// Serves `handler` under `number` at the path {program, number}. Lifetime: until the loop is destroyed,
     /// or the handler is removed.
     void addHandler(std::uint32_t number, Handler* handler);

@@ -8,6 +8,7 @@
 #include "tk/testing/capturedoutput.h"
 #include "tk/testing/fakehub.h"
 #include "tk/testing/testloop.h"
+#include "tk/timer.h"
 
 namespace tk {
 namespace {
@@ -313,6 +314,54 @@ TEST_F(LooperJoin, HandlersMakeTheirExchangesOverTheJoinedBus) {
     message request;
     request.insert_u32_array(field::destination, {65});
     EXPECT_EQ(zero.exchangeCmd(request, command::get, exchangeTimeout).get_string(1), "router-7");
+}
+
+TEST_F(LooperJoin, ResigningGivesTheProgramsNumberUp) {
+    ASSERT_TRUE(join({})) << reason;
+    hub.sendEnd(2, {});  // the registration was the first
+    EXPECT_TRUE(loop.looper.resign());
+    message sent;
+    ASSERT_TRUE(hub.read(sent));
+    message expected;
+    expected.insert_u32(1, 80);
+    expected.insert_u32_array(0xFF0001, {0});
+    expected.insert_u32_array(0xFF0002, {80, 0});
+    expected.insert_u32(0xFF0003, 2);
+    expected.insert_u32(0xFF0005, 1);
+    expected.insert_u32(0xFF0007, 6);
+    EXPECT_EQ(sent, expected);
+}
+
+TEST_F(LooperJoin, WhatWasAskedBeforeResigningIsServedAheadOfTimersThatAreArmedBehindIt) {
+    struct Leaver {
+        void leave() { servedBefore = handler.told.size(); }
+        Noting handler;
+        std::size_t servedBefore = 0;
+    } leaver;
+    loop.looper.addHandler(0, &leaver.handler);
+    ASSERT_TRUE(join({})) << reason;
+    hub.sendRequest({80}, 7, 77, {});
+    hub.sendRequest({80}, 8, 77, {});
+    hub.sendEnd(2, {});
+    EXPECT_TRUE(loop.looper.resign());
+    EXPECT_TRUE(leaver.handler.told.empty());
+    Timer<Leaver, &Leaver::leave> timer{leaver};
+    timer.arm(0);
+    loop.settle();
+    EXPECT_EQ(leaver.servedBefore, 2U);
+    message sent;
+    ASSERT_TRUE(hub.read(sent));
+    for (const std::uint32_t number : {7U, 8U}) {
+        ASSERT_TRUE(hub.read(sent));
+        EXPECT_EQ(sent.get_u32(field::number), number);
+        EXPECT_EQ(kindOf(sent), Kind::reply);
+    }
+}
+
+TEST_F(LooperJoin, ResigningFailsWhenTheHubRefuses) {
+    ASSERT_TRUE(join({})) << reason;
+    hub.sendEnd(2, errorMsg(error::busy, "requests of this program are under way"));
+    EXPECT_FALSE(loop.looper.resign());
 }
 
 TEST_F(LooperJoin, LosingTheBusEndsTheLoopWithOneLogLine) {

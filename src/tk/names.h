@@ -48,6 +48,7 @@ constexpr std::uint32_t hubSubscribe = 2;    // field 1 u32[] path, 2 u32 comman
 constexpr std::uint32_t hubUnsubscribe = 3;  // the same
 constexpr std::uint32_t hubTrace = 4;        // every message from now on, each as a hubTraced notification
 constexpr std::uint32_t hubTraced = 5;       // notification of {0}: field 1 message[] with the one message
+constexpr std::uint32_t hubUnregister = 6;   // field 1 u32: the program's number, which is given up
 }  // namespace command
 
 namespace error {

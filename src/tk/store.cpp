@@ -74,7 +74,8 @@ Store::Store(std::string path, std::uint32_t revision) : path(std::move(path)), 
 void Store::load() {
     std::string content;
     if (!readFile(path, sizeLimit, content)) {
-        if (errno != ENOENT) keepAside(errorText());
+        if (errno != ENOENT && errno != ENOTDIR) return keepAside(errorText());
+        lost = ::access(asidePath().c_str(), F_OK) == 0;
         return;
     }
     if (decode(content, revision, entries)) return;
@@ -83,10 +84,11 @@ void Store::load() {
 }
 
 void Store::keepAside(const std::string& why) {
-    std::string aside = path + ".damaged";
+    lost = true;
+    std::string aside = asidePath();
     bool moved = renameToFree(path, aside);
     for (int number = 2; !moved && errno == EEXIST && number <= asideLimit; ++number) {
-        aside = path + ".damaged." + std::to_string(number);
+        aside = asidePath() + "." + std::to_string(number);
         moved = renameToFree(path, aside);
     }
     if (moved) return log("store ", path, ": ", why, "; kept as ", aside);
@@ -146,6 +148,10 @@ bool Store::commit() {
 void Store::discard() {
     ::unlink(stagedPath().c_str());
     staged.clear();
+}
+
+std::string Store::asidePath() const {
+    return path + ".damaged";
 }
 
 std::string Store::stagedPath() const {

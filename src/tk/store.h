@@ -24,6 +24,9 @@ public:
     message get(std::uint32_t id) const;
     /// True when there is an entry of `id`.
     bool find(std::uint32_t id) const;
+    /// True when there was content that this store did not find: its file was damaged, or had been kept aside
+    /// before, with nothing stored since.
+    bool hasLostContent() const { return lost; }
     /// All entries, by id.
     const std::map<std::uint32_t, message>& all() const { return entries; }
 
@@ -50,12 +53,14 @@ private:
     [[nodiscard]] bool writeStaged();
     [[nodiscard]] bool fail();
     std::string stagedPath() const;
+    std::string asidePath() const;
 
     std::string path;
     std::uint32_t revision;
     std::map<std::uint32_t, message> entries;
     std::map<std::uint32_t, message> staged;
     std::string reason;
+    bool lost = false;
     bool blocked = false;  // a damaged file could not be moved aside, and must not be overwritten
 };
 

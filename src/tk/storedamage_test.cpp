@@ -52,6 +52,18 @@ protected:
     std::string good;
 };
 
+TEST_F(StoreDamage, IsKnownUntilSomethingIsStoredAgain) {
+    EXPECT_FALSE(Store(path(), 1).hasLostContent());
+    EXPECT_FALSE(Store(folder.file("absent"), 1).hasLostContent());
+    folder.write("store", "");
+    const tk::testing::CapturedOutput output;
+    EXPECT_TRUE(Store(path(), 1).hasLostContent());
+    EXPECT_TRUE(Store(path(), 1).hasLostContent());  // the file is absent now, and kept aside
+    Store last(path(), 1);
+    ASSERT_TRUE(last.set(1, named("one")));
+    EXPECT_FALSE(Store(path(), 1).hasLostContent());
+}
+
 TEST_F(StoreDamage, FileCutAtEveryByteIsKeptAside) {
     for (std::size_t cut = 0; cut < good.size(); ++cut) {
         SCOPED_TRACE("cut at byte " + std::to_string(cut));
