@@ -47,7 +47,7 @@ tk::message Resolver::lookUp(const std::string& name, const tk::message& request
     }
     if (pending.size() >= lookupLimit)
         return tk::errorMsg(tk::error::busy, "too many names are being looked up");
-    tk::getLooper()->setupLeave(0);
+    idleTime.disarm();
     Pending& added = pending[name];
     added.requests.push_back(request);
     Lookup::Owner& owner = *this;
@@ -66,8 +66,14 @@ void Resolver::lookupEnded(const std::string& name, const Answer& answer) {
     if (pending.empty()) startIdleTime();
 }
 
-void Resolver::startIdleTime() const {
-    tk::getLooper()->setupLeave(settings.idleTicks);
+void Resolver::startIdleTime() {
+    idleTime.arm(hasResigned ? 0 : settings.idleTicks);
+}
+
+void Resolver::idleTimeEnds() {
+    if (hasResigned) return tk::getLooper()->leave();
+    hasResigned = tk::getLooper()->resign();
+    startIdleTime();  // now, but behind what was asked meanwhile; or as ever, where the hub does not answer
 }
 
 }  // namespace resolver

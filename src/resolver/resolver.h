@@ -12,6 +12,7 @@
 #include "resolver/filestamps.h"
 #include "resolver/lookup.h"
 #include "tk/handler.h"
+#include "tk/timer.h"
 
 namespace resolver {
 
@@ -25,7 +26,8 @@ struct Settings {
 
 /// Turns host names into IPv4 addresses, for whoever asks on the bus. It asks for itself, one lookup for
 /// all who want the same name, remembers what it learned, and ends the process's loop when nobody asks any
-/// more.
+/// more. Before that it gives the program's number up and answers what was asked until then, so that no
+/// question meets a program that is about to end.
 class Resolver final : public tk::Handler, private Lookup::Owner {
 public:
     /// The command, the field with the name in its request and the one with the address in its reply.
@@ -56,12 +58,15 @@ private:
     void lookupEnded(const std::string& name, const Answer& answer) override;
     [[nodiscard]] tk::message resolve(const tk::message& request);
     [[nodiscard]] tk::message lookUp(const std::string& name, const tk::message& request);
-    void startIdleTime() const;
+    void startIdleTime();
+    void idleTimeEnds();
 
     const Settings settings;
     FileStamps files;
     Cache cache;
     std::map<std::string, Pending> pending;  // by name in lower case
+    bool hasResigned = false;                // nothing new is asked of this process
+    tk::Timer<Resolver, &Resolver::idleTimeEnds> idleTime{*this};
 };
 
 }  // namespace resolver

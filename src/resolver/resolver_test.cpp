@@ -7,6 +7,7 @@
 #include "resolver/testing/fakedns.h"
 #include "tk/testing/folder.h"
 #include "tk/testing/testloop.h"
+#include "tk/timer.h"
 
 namespace resolver {
 namespace {
@@ -204,6 +205,73 @@ TEST_F(ResolverTest, LeavesAfterTheIdleTime) {
     EXPECT_EQ(untilLeave(), idleTicks);
     loop.advance(idleTicks);
     EXPECT_EQ(loop.looper.runner().timerCount(), 0u);
+    loop.looper.run();  // ends at once
+}
+
+TEST_F(ResolverTest, GivesTheProgramsNumberUpBeforeItLeaves) {
+    loop.advance(idleTicks - 1);
+    EXPECT_TRUE(loop.bus.requests.empty());
+    loop.advance(1);
+    const auto requests = loop.bus.requestsTo({tk::program::hub}, tk::command::hubUnregister);
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests.front().content.get_u32(1),
+              tk::program::gateway);  // as the loop of this test is called
+    EXPECT_EQ(loop.bus.requests.size(), 1u);
+    loop.looper.run();  // ends at once
+}
+
+/// Asks for a name as if the question had arrived with the hub's answer.
+class LastQuestionTest : public ResolverTest {
+protected:
+    LastQuestionTest() {
+        loop.bus.onRequest = [this](const auto&) { arrival.arm(0); };
+    }
+    void arrive() {
+        for (const char* name : names) ask(name);
+    }
+
+    std::vector<const char*> names{"nas.example"};
+    tk::Timer<LastQuestionTest, &LastQuestionTest::arrive> arrival{*this};
+};
+
+TEST_F(LastQuestionTest, IsAnsweredBeforeItLeaves) {
+    loop.advance(idleTicks);
+    EXPECT_TRUE(loop.bus.posted.empty());
+    dns.answer(dns.take(), {addressRecord(nas, 60)});
+    loop.looper.run();
+    EXPECT_EQ(endOf(1), addressReply(nas));
+    EXPECT_EQ(loop.looper.runner().timerCount(), 0u);
+}
+
+TEST_F(LastQuestionTest, OfSeveralNamesEachIsAnsweredBeforeItLeaves) {
+    names = {"nas.example", "192.0.2.1", "other.example"};
+    loop.advance(idleTicks);
+    EXPECT_EQ(ended(), (std::vector<std::uint32_t>{2}));
+    dns.answer(dns.take(), {addressRecord(nas, 60)});
+    EXPECT_EQ(endOf(2), addressReply(nas));
+    dns.answer(dns.take(), {addressRecord(other, 60)});
+    loop.looper.run();
+    EXPECT_EQ(endOf(3), addressReply(other));
+}
+
+TEST_F(LastQuestionTest, ThatNeedsNoLookupIsAnsweredAndItLeavesAtOnce) {
+    names = {"192.0.2.1"};
+    loop.advance(idleTicks);
+    loop.looper.run();
+    EXPECT_EQ(ended(), (std::vector<std::uint32_t>{1}));
+    EXPECT_EQ(loop.bus.requests.size(), 1u);
+}
+
+TEST_F(ResolverTest, StaysForAnotherIdleTimeWhereTheHubDoesNotLetItGo) {
+    loop.bus.answer({tk::program::hub}, tk::command::hubUnregister,
+                    tk::errorMsg(tk::error::timedOut, "timed out"));
+    loop.advance(idleTicks);
+    EXPECT_EQ(untilLeave(), idleTicks);
+    ask("nas.example");
+    dns.answer(dns.take(), {addressRecord(nas, 60)});
+    EXPECT_EQ(endOf(1), addressReply(nas));
+    loop.bus.answer({tk::program::hub}, tk::command::hubUnregister, tk::message());
+    loop.advance(idleTicks);
     loop.looper.run();  // ends at once
 }
 
