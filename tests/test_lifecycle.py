@@ -173,6 +173,7 @@ def test_an_internal_interface_without_address_is_not_served_until_it_has_one(fr
     fresh_lab.upnpd.wait_for("stop int: lan0", mark)
     fresh_lab.router.run("ip", "address", "add", f"{ROUTER_LAN}/24", "dev", "lan0")
     fresh_lab.upnpd.wait_for(f"start int: lan0 {ROUTER_LAN}", mark)
+    fresh_lab.tkctl("upnp", "get")  # answered when what that line begins is done
     assert serves(fresh_lab)
 
 
@@ -261,8 +262,8 @@ def test_a_bad_configuration_is_told_by_file_and_line(bare_lab, text, line):
     configure(bare_lab, text)
     router = labs.Program(bare_lab, "routerd")
     assert router.wait() == 1
-    told = router.errors.read_text() + router.log
-    assert line in told and told.count("\n") == 1
+    assert line in router.log and router.log.count("\n") == 1
+    assert router.errors.read_text() == ""
 
 
 def test_a_router_without_the_named_configuration_does_not_start(bare_lab):

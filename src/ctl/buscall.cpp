@@ -1,7 +1,6 @@
 #include "ctl/buscall.h"
 
 #include <cstdint>
-#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -19,6 +18,9 @@ namespace ctl {
 
 namespace {
 
+// The router ends by itself what nobody has answered a little later.
+constexpr std::uint32_t longestTimeout = 60000;
+
 struct Arguments {
     std::string path;
     std::string command;
@@ -32,8 +34,10 @@ void call(Context& context, const Arguments& arguments) {
         throw misuse("'" + arguments.path + "': a path is numbers with commas between them, such as 20,5");
     const auto command = parseU32(arguments.command);
     if (!command) throw misuse("'" + arguments.command + "': a command is a number such as 1 or 0xFE0004");
-    const auto timeout = parseNumber(arguments.timeout, std::numeric_limits<std::int32_t>::max());
-    if (!timeout) throw misuse("'" + arguments.timeout + "': a time-out is a number of milliseconds");
+    const auto timeout = parseNumber(arguments.timeout, longestTimeout);
+    if (!timeout)
+        throw misuse("'" + arguments.timeout + "': a time-out is a number of milliseconds up to " +
+                     std::to_string(longestTimeout));
     const tk::message fields = parseFields(arguments.fields);
 
     const tk::message end =
@@ -63,7 +67,7 @@ void addBusCallCommand(CLI::App& bus, Context& context) {
                     "The request's fields. Types: u32, bool, string, be32, u64, u32[] (comma-separated) and\n"
                     "message[] (JSON). Numbers are decimal or 0x hexadecimal, for example 0xFE0001:u32=7")
         ->type_name("FIELD:TYPE=VALUE");
-    command.add_option("--timeout", arguments->timeout, "How long to wait for the reply")
+    command.add_option("--timeout", arguments->timeout, "How long to wait for the reply, 60000 at most")
         ->type_name("MILLISECONDS")
         ->capture_default_str();
 }

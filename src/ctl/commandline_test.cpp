@@ -281,6 +281,8 @@ TEST_F(CommandLineTest, BusCallWithJsonPrintsAnErrorToo) {
 TEST_F(CommandLineTest, BusCallWaitsAsLongAsItIsTold) {
     EXPECT_EQ(run({"bus", "call", "65", "7", "--timeout", "250"}), Status::done);
     EXPECT_EQ(bus.requests.at(0).timeout, 250U);
+    EXPECT_EQ(run({"bus", "call", "65", "7", "--timeout", "60000"}), Status::done);
+    EXPECT_EQ(bus.requests.at(1).timeout, 60000U);
 }
 
 TEST_F(CommandLineTest, AReasonNeverReachesTheTerminalRaw) {
@@ -448,7 +450,8 @@ INSTANTIATE_TEST_SUITE_P(
         std::vector<std::string>{"bus", "call", "20"}, std::vector<std::string>{"bus", "call", "20,x", "1"},
         std::vector<std::string>{"bus", "call", "20", "get"},
         std::vector<std::string>{"bus", "call", "20", "1", "1:u32=x"},
-        std::vector<std::string>{"bus", "call", "20", "1", "--timeout", "soon"}));
+        std::vector<std::string>{"bus", "call", "20", "1", "--timeout", "soon"},
+        std::vector<std::string>{"bus", "call", "20", "1", "--timeout", "60001"}));
 
 TEST(CommandLine, SaysWhereRouterdWasLookedFor) {
     std::ostringstream out;

@@ -44,6 +44,12 @@ bool Access::mayRegister(uid_t user, std::uint32_t program) const {
            });
 }
 
+bool Access::runsPrograms(uid_t user) const {
+    return user == root || std::any_of(users.begin(), users.end(), [user](const UserRights& rights) {
+               return rights.uid == user && !rights.programs.empty();
+           });
+}
+
 bool Access::maySend(uid_t user, const tk::message& request) const {
     const tk::Path& to = request.get_u32_array(tk::field::destination);
     if (user == root || to.empty() || to.front() != tk::program::network) return true;

@@ -27,6 +27,8 @@ public:
 
     /// True when the user may register the program's number.
     [[nodiscard]] bool mayRegister(uid_t user, std::uint32_t program) const;
+    /// True for root, and for a user that may register any program.
+    [[nodiscard]] bool runsPrograms(uid_t user) const;
     /// True when the user may send the request: what only asks is everybody's, and so is what goes to another
     /// program than the network services.
     [[nodiscard]] bool maySend(uid_t user, const tk::message& request) const;

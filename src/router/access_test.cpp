@@ -62,5 +62,13 @@ INSTANTIATE_TEST_SUITE_P(
                       Case{"NoDestination", otherUser, {}, tk::command::set, true}),
     [](const auto& row) { return std::string(row.param.name); });
 
+TEST(Access, RootAndUsersThatMayRegisterAProgramRunPrograms) {
+    const Access table({{daemonUser, {80}, {}}, {902, {}, {{20}}}});
+    EXPECT_TRUE(table.runsPrograms(0));
+    EXPECT_TRUE(table.runsPrograms(daemonUser));
+    EXPECT_FALSE(table.runsPrograms(902));
+    EXPECT_FALSE(table.runsPrograms(otherUser));
+}
+
 }  // namespace
 }  // namespace router

@@ -33,7 +33,12 @@ void Activation::Child::ended(int, std::uint32_t) {
 
 Activation::Activation(const std::vector<ProgramConfig>& configured, Owner& owner, Processes& processes)
     : owner(owner), processes(processes) {
-    for (const ProgramConfig& program : configured) programs[program.number] = program;
+    for (const ProgramConfig& program : configured) {
+        const std::uint32_t number = program.number;
+        programs[number] = program;
+        if (program.startsWithRouter && program.unit.empty())
+            restarts.try_emplace(number, [this, number] { restart(number); });
+    }
 }
 
 Activation::~Activation() {
@@ -53,18 +58,25 @@ bool Activation::start(std::uint32_t program, std::string& reason) {
         reason = "the router is ending";
         return false;
     }
-    if (children.contains(program)) return true;
+    if (children.contains(program) || coming.contains(program)) return true;
+    if (!launch(config->second, reason)) return false;
+    const bool isUnit = !config->second.unit.empty();
+    tk::log("program ", program, " started: ", isUnit ? config->second.unit : config->second.command.front());
+    return true;
+}
+
+bool Activation::launch(const ProgramConfig& program, std::string& reason) {
     tk::Fd process;
-    const pid_t pid = processes.start(config->second, process, reason);
+    const pid_t pid = processes.start(program, process, reason);
     if (pid < 0) return false;
-    tk::log("program ", program, " started: ", config->second.command.front());
-    children[program] = std::make_unique<Child>(*this, program, pid, std::move(process));
+    children[program.number] = std::make_unique<Child>(*this, program.number, pid, std::move(process));
     return true;
 }
 
 void Activation::registered(std::uint32_t program) {
     if (const auto child = children.find(program); child != children.end())
         child->second->hasRegistered = true;
+    coming.erase(program);
 }
 
 void Activation::startConfigured() {
@@ -77,6 +89,7 @@ void Activation::startConfigured() {
 
 void Activation::endAll() {
     ending = true;
+    for (auto& [program, pending] : restarts) pending.cancel();
     for (const auto& [program, child] : children) processes.signal(child->pid, SIGTERM);
 }
 
@@ -86,9 +99,41 @@ void Activation::reap(std::uint32_t program) {
     if (!processes.reap(child->second->pid, status)) return;
     const bool hadRegistered = child->second->hasRegistered;
     children.erase(child);
+    if (const ProgramConfig& config = programs[program]; !config.unit.empty())
+        return unitAsked(config, status);
     const std::string how = describe(status);
     tk::log("program ", program, " ", how);
     owner.programEnded(program, how, hadRegistered);
+    const auto crashed = restarts.find(program);
+    if (status != 0 && !ending && crashed != restarts.end()) crashed->second.crashed(hadRegistered);
+}
+
+void Activation::restart(std::uint32_t program) {
+    std::string reason;
+    if (start(program, reason)) return;  // or somebody's message has started it meanwhile
+    tk::log("program ", program, " cannot be started: ", reason);
+    restarts.find(program)->second.crashed(false);
+}
+
+/// systemd has taken the unit on, or not. Its program comes to the bus later, or has done so meanwhile.
+void Activation::unitAsked(const ProgramConfig& program, int status) {
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 0) {
+        if (!owner.isAwaited(program.number)) return;
+        if (coming.empty()) askingAgain.arm(askAgainTicks);
+        coming.insert(program.number);
+        return;
+    }
+    const std::string reason = program.unit + " could not be started: systemctl " + describe(status);
+    tk::log("program ", program.number, ": ", reason);
+    owner.startFailed(program.number, reason);
+}
+
+void Activation::askAgain() {
+    for (const std::uint32_t program : std::exchange(coming, {})) {
+        std::string reason;
+        if (!ending && owner.isAwaited(program) && !launch(programs[program], reason))
+            owner.startFailed(program, reason);
+    }
 }
 
 }  // namespace router

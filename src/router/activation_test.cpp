@@ -15,7 +15,7 @@ constexpr std::uint32_t command = 77;
 class FakeStarter final : public Starter {
 public:
     bool start(std::uint32_t program, std::string& reason) override {
-        if (program != 80) return false;
+        if (program != 80 && program != 82) return false;
         ++starts;
         if (!fault.empty()) reason = fault;
         return fault.empty();
@@ -63,14 +63,50 @@ TEST_F(AwaitedProgramTest, TheWaitIsBounded) {
     const auto client = bus.connect();
     client->request({80}, command);
     bus.settle();
-    bus.advance(AwaitedProgram::limitTicks - 1);
-    EXPECT_TRUE(client->take().empty());
-    bus.advance(1);
+    bus.advance(Hub::expiryTicks);
+    EXPECT_TRUE(client->take().empty()) << "a minute is always granted";
+    bus.advance(Hub::expiryTicks);
     const auto ends = client->take();
     ASSERT_EQ(ends.size(), 1U);
-    std::uint32_t code = 0;
-    EXPECT_TRUE(tk::isError(ends[0], &code));
-    EXPECT_EQ(code, tk::error::unreachable);
+    EXPECT_EQ(testing::codeOf(ends[0]), tk::error::unreachable);
+    EXPECT_EQ(tk::getError(ends[0]), "the program was started, but did not come to the bus in time");
+    EXPECT_FALSE(bus.hub.awaits(80));
+}
+
+TEST_F(AwaitedProgramTest, TheWaitIsThatOfEachRequest) {
+    const auto early = bus.connect();
+    early->request({80}, command);
+    bus.settle();
+    bus.advance(Hub::expiryTicks);
+    const auto late = bus.connect();
+    late->request({80}, command);
+    bus.settle();
+    bus.advance(Hub::expiryTicks);
+    EXPECT_EQ(early->take().size(), 1U);
+    EXPECT_TRUE(late->take().empty()) << "its own time has not ended";
+    EXPECT_TRUE(bus.hub.awaits(80));
+    const auto program = bus.connect();
+    tk::message content;
+    content.insert_u32(1, 80);
+    program->request({0}, tk::command::hubRegister, content);
+    bus.settle();
+    EXPECT_EQ(program->take().size(), 2U) << "the reply, and the request";
+}
+
+TEST_F(AwaitedProgramTest, NoRequestOfSixtySecondsIsEndedBeforeItsRequesterGivesUp) {
+    constexpr std::uint32_t sixtySeconds = 6000;
+    for (const std::uint32_t before :
+         {0U, 1U, Hub::expiryTicks / 2, Hub::expiryTicks - 1, Hub::expiryTicks}) {
+        const auto first = bus.connect();  // starts the count, or finds it under way
+        first->request({80}, command);
+        bus.settle();
+        bus.advance(before);
+        const auto client = bus.connect();
+        client->request({80}, command);
+        bus.settle();
+        bus.advance(sixtySeconds);
+        EXPECT_TRUE(client->take().empty()) << before << " ticks behind another one";
+    }
 }
 
 TEST_F(AwaitedProgramTest, AFailedStartEndsTheRequestWithItsReason) {
@@ -92,12 +128,33 @@ TEST_F(AwaitedProgramTest, AProgramThatEndsEarlyEndsTheRequests) {
     EXPECT_FALSE(bus.hub.awaits(80));
 }
 
+TEST_F(AwaitedProgramTest, WhatOneClientLetsWaitForAllProgramsIsBoundedInBytes) {
+    const auto client = bus.connect();
+    const auto other = bus.connect();
+    const tk::message large = testing::text(std::string(200000, 'x'));
+    for (std::size_t i = 0; i < Hub::awaitedBytesPerPeer / 200100; ++i) {  // with its routing fields
+        client->request({i % 2 ? 80U : 82U}, command, large);
+        bus.settle();
+    }
+    EXPECT_TRUE(client->take().empty());
+    EXPECT_EQ(testing::codeOf(bus.ask(*client, {80}, command, large)), tk::error::busy);
+    other->request({80}, command, large);
+    bus.settle();
+    EXPECT_TRUE(other->take().empty()) << "it has a bound of its own";
+    bus.hub.programFailed(82, "it ended");
+    EXPECT_FALSE(client->take().empty());
+    client->request({80}, command, large);
+    bus.settle();
+    EXPECT_TRUE(client->take().empty()) << "there is room again";
+}
+
 TEST_F(AwaitedProgramTest, AClientThatLeftIsForgotten) {
     auto client = bus.connect();
     client->request({80}, command);
     bus.settle();
     client->close();
     bus.settle();
+    EXPECT_FALSE(bus.hub.awaits(80));
     const auto program = bus.connectProgram(80);
     bus.settle();
     EXPECT_TRUE(program->take().empty());
@@ -108,6 +165,10 @@ protected:
     void programEnded(std::uint32_t program, const std::string& how, bool) override {
         ended.push_back(std::to_string(program) + " " + how);
     }
+    void startFailed(std::uint32_t program, const std::string& reason) override {
+        ended.push_back(std::to_string(program) + " " + reason);
+    }
+    bool isAwaited(std::uint32_t) const override { return true; }
     /// Waits for the kernel to tell of an end: at most 10 s.
     void awaitEnd() {
         for (int i = 0; i < 1000 && ended.empty(); ++i) bus.looper.turn(10);

@@ -24,15 +24,18 @@ tk::message Addresses::recordOf(std::uint32_t id, const Published& object) const
     return record;
 }
 
-bool Addresses::isHeld(const Place& place) const {
+bool Addresses::isOffered(const Place& place) const {
     // One address may stand on an interface several times, with different prefixes: one object on the bus.
-    const auto first = held.lower_bound(LinkAddress{place.first, place.second, 0, 0});
-    return first != held.end() && first->index == place.first && first->address == place.second;
+    auto next = held.lower_bound(LinkAddress{place.first, place.second, 0, 0, false});
+    for (; next != held.end() && next->index == place.first && next->address == place.second; ++next)
+        if (next->isGlobal) return true;
+    return false;
 }
 
-void Addresses::publish(const Place& place) {
+void Addresses::publish(const LinkAddress& address) {
+    const Place place{address.index, address.address};
     const auto interface = interfaces.find(place.first);
-    if (interface == interfaces.end() || ids.contains(place)) return;
+    if (!address.isGlobal || interface == interfaces.end() || ids.contains(place)) return;
     const std::uint32_t id = ++lastId;
     ids[place] = id;
     const Published& object = objects[id] = {place.second, interface->second};
@@ -52,22 +55,22 @@ void Addresses::withdraw(const Place& place) {
 
 void Addresses::apply(const LinkAddress& address) {
     held.insert(address);
-    publish({address.index, address.address});
+    publish(address);
 }
 
 void Addresses::remove(const LinkAddress& address) {
     held.erase(address);
     const Place place{address.index, address.address};
-    if (!isHeld(place)) withdraw(place);
+    if (!isOffered(place)) withdraw(place);
 }
 
 void Addresses::applyAll(const std::vector<LinkAddress>& addresses) {
     held = std::set<LinkAddress>(addresses.begin(), addresses.end());
     std::vector<Place> gone;
     for (const auto& [place, id] : ids)
-        if (!isHeld(place)) gone.push_back(place);
+        if (!isOffered(place)) gone.push_back(place);
     for (const Place& place : gone) withdraw(place);
-    for (const LinkAddress& address : addresses) publish({address.index, address.address});
+    for (const LinkAddress& address : addresses) publish(address);
 }
 
 void Addresses::forget(std::uint32_t index) {
@@ -84,7 +87,7 @@ std::vector<std::uint32_t> Addresses::holdersOf(std::uint32_t address) const {
 void Addresses::interfaceAdded(std::uint32_t index, std::uint32_t id) {
     interfaces[index] = id;
     for (const LinkAddress& address : held)
-        if (address.index == index) publish({index, address.address});
+        if (address.index == index) publish(address);
 }
 
 void Addresses::interfaceGone(std::uint32_t index) {

@@ -13,8 +13,9 @@
 
 namespace router {
 
-/// The router's IPv4 addresses on the bus, at {20, 1}: one object for each address of an offered interface.
-/// An object's id stays while the address stays on its interface, and is never used again.
+/// The router's IPv4 addresses on the bus, at {20, 1}: one object for each address of an offered interface
+/// that is of global scope. An object's id stays while the address stays on its interface, and is never used
+/// again.
 class Addresses final : public tk::Handler, public InterfaceWatcher {
 public:
     /// Takes over that the kernel has, or has no more, an address, and tells the changes.
@@ -25,7 +26,7 @@ public:
     /// Forgets what is on an interface that is no more.
     void forget(std::uint32_t index);
 
-    /// The kernel's indexes of the interfaces that hold an address. Byte order: network.
+    /// The kernel's indexes of the interfaces that hold an address, of whatever scope. Byte order: network.
     [[nodiscard]] std::vector<std::uint32_t> holdersOf(std::uint32_t address) const;
 
     void interfaceAdded(std::uint32_t index, std::uint32_t id) override;
@@ -43,11 +44,11 @@ private:
     using Place = std::pair<std::uint32_t, std::uint32_t>;  // the kernel's index, address
 
     [[nodiscard]] tk::message recordOf(std::uint32_t id, const Published& object) const;
-    [[nodiscard]] bool isHeld(const Place& place) const;
-    void publish(const Place& place);
+    [[nodiscard]] bool isOffered(const Place& place) const;
+    void publish(const LinkAddress& address);
     void withdraw(const Place& place);
 
-    std::set<LinkAddress> held;  // whatever the interface
+    std::set<LinkAddress> held;  // whatever the interface and the scope
     std::unordered_map<std::uint32_t, std::uint32_t>
         interfaces;                              // the kernel's index to the id of those offered
     std::map<Place, std::uint32_t> ids;          // of what is published

@@ -3,47 +3,40 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <utility>
 
 #include "tk/message.h"
-#include "tk/timer.h"
 
 namespace router {
 
-/// The requests that wait for one program to register, within bounds of number and time.
+/// The requests that wait for one program to register, within a bound of number.
 class AwaitedProgram {
 public:
-    /// Hears of a program that did not come in time.
-    class Owner {
-    public:
-        virtual ~Owner() = default;
-        /// The owner may destroy the awaited program.
-        virtual void awaitedTooLong(std::uint32_t program) = 0;
-    };
     struct Request {
         std::uint32_t requester;  // client number
         tk::message content;
+        std::size_t bytes;    // of its flat form
+        std::uint32_t round;  // of takeOld() that it came in
     };
 
     static constexpr std::size_t limit = 256;
-    static constexpr std::uint32_t limitTicks = 1000;  // 10 s
 
-    /// Starts to count the time.
-    AwaitedProgram(std::uint32_t program, Owner& owner);
-
-    /// Adds a request. False when too many wait.
-    [[nodiscard]] bool add(std::uint32_t requester, const tk::message& request);
+    /// Adds a request, which is as long as this in its flat form. False when too many wait.
+    [[nodiscard]] bool add(std::uint32_t requester, const tk::message& request, std::size_t bytes);
+    /// How many bytes of requests of a peer wait here.
+    std::size_t bytesOf(std::uint32_t requester) const;
     /// Takes all requests out, in the order of arrival.
-    [[nodiscard]] std::deque<Request> take() { return std::move(requests); }
+    [[nodiscard]] std::deque<Request> take() { return std::exchange(requests, {}); }
+    /// Takes out, like the former, what has waited since before the last call of this function.
+    [[nodiscard]] std::deque<Request> takeOld();
     /// Forgets the requests of a peer.
     void drop(std::uint32_t requester);
+    /// True when nothing waits.
+    bool isEmpty() const { return requests.empty(); }
 
 private:
-    void expired();
-
-    std::uint32_t program;
-    Owner& owner;
+    std::uint32_t round = 0;
     std::deque<Request> requests;
-    tk::Timer<AwaitedProgram, &AwaitedProgram::expired> timer{*this};
 };
 
 }  // namespace router

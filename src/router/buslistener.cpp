@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "tk/log.h"
+#include "tk/names.h"
 
 namespace router {
 
@@ -23,6 +24,8 @@ constexpr int backlog = 256;  // as many as there may be
 constexpr int acceptsPerTurn = 16;
 constexpr std::size_t groupLimit = 65536;  // the kernel's own limit of groups per process
 
+/// The group whose members may connect. It may be asked of a server of the network: never while the bus
+/// serves.
 std::optional<gid_t> busGroup() {
     const group* entry = ::getgrnam("tk");
     return entry ? std::optional<gid_t>(entry->gr_gid) : std::nullopt;
@@ -49,12 +52,6 @@ bool isInGroup(int socket, const ucred& peer, gid_t wanted) {
     if (groups.empty() || ::getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &size) != 0)
         return false;
     return std::find(groups.begin(), groups.end(), wanted) != groups.end();
-}
-
-bool mayCall(int socket, const ucred& peer) {
-    if (peer.uid == 0) return true;
-    const std::optional<gid_t> group = busGroup();
-    return group && isInGroup(socket, peer, *group);
 }
 
 void makeFolderOf(const std::string& path) {
@@ -108,11 +105,15 @@ bool BusListener::bindTo(const std::string& path, std::string& reason) {
     if (!bound) reason = path + ": " + tk::errorText();
     ::umask(mask);
     if (!bound) return false;
-    const std::optional<gid_t> group = busGroup();
+    group = busGroup();
     if (!group || ::chown(path.c_str(), static_cast<uid_t>(-1), *group) == 0) return true;
     reason = path + ": " + tk::errorText();
     ::unlink(path.c_str());
     return false;
+}
+
+bool BusListener::mayCall(int peerSocket, const ucred& peer) const {
+    return peer.uid == 0 || (group && isInGroup(peerSocket, peer, *group));
 }
 
 void BusListener::ready(int fd, std::uint32_t) {
@@ -122,10 +123,12 @@ void BusListener::ready(int fd, std::uint32_t) {
         ucred peer{};
         socklen_t size = sizeof peer;
         if (::getsockopt(accepted.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) continue;
-        if (mayCall(accepted.get(), peer))
+        if (mayCall(accepted.get(), peer)) {
             hub.adopt(std::move(accepted), {peer.pid, peer.uid, peer.gid});
-        else
-            tk::log("bus: user ", peer.uid, " refused: neither root nor in the group tk");
+            continue;
+        }
+        hub.turnAway(accepted, peer.uid, tk::error::refused,
+                     "only root and members of the group tk may use the bus");
     }
 }
 

@@ -1,15 +1,21 @@
 #pragma once
 
+#include <sys/types.h>
+
+#include <optional>
 #include <string>
 
 #include "router/hub.h"
 #include "tk/fd.h"
 #include "tk/timer.h"
 
+struct ucred;
+
 namespace router {
 
 /// The socket file of the bus: made when the router is ready to serve, removed when it ends. Lets root and
-/// the members of the group "tk" in, and nobody else.
+/// the members of the group "tk" in, and nobody else. The group's number is looked up once, at the opening:
+/// a slow directory service never stops the hub.
 class BusListener {
 public:
     /// Lifetime: the hub outlives the listener.
@@ -28,9 +34,11 @@ public:
 private:
     void ready(int fd, std::uint32_t events);
     [[nodiscard]] bool bindTo(const std::string& path, std::string& reason);
+    [[nodiscard]] bool mayCall(int peerSocket, const ucred& peer) const;
 
     Hub& hub;
     std::string boundPath;
+    std::optional<gid_t> group;  // "tk", as it was when the listener was opened
     tk::Fd socket;
     tk::Watch watch;
 };

@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <limits>
@@ -18,9 +19,11 @@ namespace router {
 
 namespace {
 
-constexpr std::size_t sizeLimit = 1024 * 1024;
+constexpr std::size_t sizeLimit = std::size_t{1024} * 1024;
 constexpr std::int64_t highestNumber = std::numeric_limits<std::uint32_t>::max();
 constexpr std::int64_t highestRate = 1000000;
+constexpr uid_t root = 0;
+constexpr gid_t rootGroup = 0;
 
 /// Walks a parsed file section by section, and stops at the first error.
 class Reader {
@@ -80,6 +83,8 @@ private:
                 if (!values.read(key, value, 1, tk::program::firstClient - 1, out.number)) return false;
             } else if (key == "command") {
                 if (!values.readCommand(key, value, out.command)) return false;
+            } else if (key == "unit") {
+                if (!values.readUnit(key, value, out.unit)) return false;
             } else if (key == "start") {
                 if (!values.read(key, value, out.startsWithRouter)) return false;
             } else if (key == "user") {
@@ -88,12 +93,22 @@ private:
                 return values.fail(key, value, "unknown key");
             }
         }
-        if (out.number == 0) return values.fail("number", table, "is missing");
-        if (out.command.empty()) return values.fail("command", table, "is missing");
-        if (!numbers.insert(out.number).second) return values.fail("number", table, "stands twice");
+        if (!checkProgram(table, out)) return false;
         // Whom the router itself starts as the program may be the program.
         if (out.user) config.users.push_back({out.user->uid, {out.number}, {}});
         return true;
+    }
+
+    /// What the keys of a program are to each other.
+    [[nodiscard]] bool checkProgram(const toml::table& table, const ProgramConfig& program) {
+        if (program.number == 0) return values.fail("number", table, "is missing");
+        if (program.unit.empty() && program.command.empty())
+            return values.fail("command", table, "is missing");
+        if (!program.unit.empty() && !program.command.empty())
+            return values.fail("unit", *table.get("unit"), "stands beside command");
+        if (!program.unit.empty() && program.user)
+            return values.fail("user", *table.get("user"), "stands beside unit, which names its user itself");
+        return numbers.insert(program.number).second || values.fail("number", table, "stands twice");
     }
 
     [[nodiscard]] bool readUser(const toml::table& table, Config& config) {
@@ -146,10 +161,17 @@ private:
     std::set<std::uint32_t> numbers;
 };
 
-/// True when everybody may change the file. One that is not there is nobody's.
-bool isWorldWritable(const std::string& path) {
+/// Why the file is not followed: others than root and whoever runs the router could have written it. Empty
+/// where there is no such reason, or no file.
+std::string whyDistrusted(const std::string& path) {
     struct stat status {};
-    return ::stat(path.c_str(), &status) == 0 && (status.st_mode & S_IWOTH) != 0;
+    if (::stat(path.c_str(), &status) != 0) return {};
+    if ((status.st_mode & S_IWOTH) != 0) return "everybody may write this file";
+    if ((status.st_mode & S_IWGRP) != 0 && status.st_gid != rootGroup)
+        return "group " + std::to_string(status.st_gid) + " may write this file";
+    if (status.st_uid != root && status.st_uid != ::geteuid())
+        return "this file belongs to user " + std::to_string(status.st_uid);
+    return {};
 }
 
 }  // namespace
@@ -166,14 +188,17 @@ bool parseConfig(const std::string& text, const std::string& name, Config& out, 
 }
 
 void runAsRouter(Config& config) {
-    for (ProgramConfig& program : config.programs)
-        if (!program.user) program.user = config.user;
+    for (ProgramConfig& program : config.programs) {
+        if (program.user || !program.unit.empty()) continue;
+        program.user = config.user;
+        config.users.push_back({config.user->uid, {program.number}, {}});
+    }
 }
 
 bool readConfig(const std::string& path, bool mayBeAbsent, Config& out, std::string& reason) {
     out = {};
-    if (isWorldWritable(path)) {
-        reason = path + ": everybody may write this file, so it is not followed";
+    if (const std::string why = whyDistrusted(path); !why.empty()) {
+        reason = path + ": " + why + ", so it is not followed";
         return false;
     }
     std::string text;

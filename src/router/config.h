@@ -18,6 +18,7 @@ struct ProgramConfig {
     std::vector<std::string> command;  // the program's path, then its arguments
     bool startsWithRouter = false;
     std::optional<Account> user = {};  // whom it runs as; none: as the router itself
+    std::string unit = {};             // the systemd service that it is, in place of a command
 
     bool operator==(const ProgramConfig&) const = default;
 };
@@ -33,7 +34,8 @@ struct Config {
     bool operator==(const Config&) const = default;
 };
 
-/// Gives the programs that name no user the router's own, for whoever starts them still is root.
+/// Gives the programs that name no user the router's own, for whoever starts them still is root. A unit names
+/// its user itself.
 void runAsRouter(Config& config);
 
 /// Reads the configuration text. `name` is the file's, for the texts of errors.
@@ -42,8 +44,9 @@ void runAsRouter(Config& config);
 [[nodiscard]] bool parseConfig(const std::string& text, const std::string& name, Config& out,
                                std::string& reason);
 
-/// Reads the configuration file at `path`. Errors: as for parseConfig(), and for a file that everybody may
-/// write; one that is absent is an empty configuration when `mayBeAbsent`.
+/// Reads the configuration file at `path`. Errors: as for parseConfig(), and for a file that others than root
+/// and whoever runs the router could have written: everybody, a group but root's, or its owner; one that is
+/// absent is an empty configuration when `mayBeAbsent`.
 [[nodiscard]] bool readConfig(const std::string& path, bool mayBeAbsent, Config& out, std::string& reason);
 
 }  // namespace router

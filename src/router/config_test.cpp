@@ -1,6 +1,7 @@
 #include "router/config.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -26,6 +27,31 @@ TEST(ParseConfig, AnEmptyTextStartsNothing) {
     std::string reason;
     EXPECT_TRUE(parseConfig("", "router.toml", config, reason));
     EXPECT_EQ(config, Config());
+}
+
+TEST(ParseConfig, ReadsUnits) {
+    Config config;
+    std::string reason;
+    const std::string longest = std::string(247, 'a') + ".service";
+    ASSERT_TRUE(
+        parseConfig("[[program]]\nnumber = 80\nunit = \"upnpd.service\"\nstart = true\n"
+                    "[[program]]\nnumber = 14\nunit = 'A-z:0_9\\x2d@b.c.service'\n"
+                    "[[program]]\nnumber = 15\nunit = \"" +
+                        longest + "\"\n",
+                    "router.toml", config, reason))
+        << reason;
+    EXPECT_EQ(config.programs, (std::vector<ProgramConfig>{{80, {}, true, {}, "upnpd.service"},
+                                                           {14, {}, false, {}, "A-z:0_9\\x2d@b.c.service"},
+                                                           {15, {}, false, {}, longest}}));
+    EXPECT_TRUE(config.users.empty()) << "who may register is a matter of [[user]]";
+}
+
+TEST(ParseConfig, AUnitOfMoreThan255CharactersIsRefused) {
+    Config config;
+    std::string reason;
+    const std::string tooLong = std::string(248, 'a') + ".service";
+    EXPECT_FALSE(parseConfig("[[program]]\nunit = \"" + tooLong + "\"\n", "r.toml", config, reason));
+    EXPECT_EQ(reason, "r.toml:2: unit: must be the name of a service, such as \"upnpd.service\"");
 }
 
 TEST(ParseConfig, ReadsEveryKey) {
@@ -85,6 +111,24 @@ constexpr Case cases[] = {
      "r.toml:3: command: must be a list of texts"},
     {"CommandWithoutPath", "[[program]]\nnumber = 80\ncommand = [\"a\"]\n",
      "r.toml:3: command: must begin with a full path"},
+    {"UnitBesideCommand", "[[program]]\nnumber = 80\nunit = \"a.service\"\ncommand = [\"/a\"]\n",
+     "r.toml:3: unit: stands beside command"},
+    {"UnitBesideUser", "[[program]]\nnumber = 80\nunit = \"a.service\"\nuser = \"daemon\"\n",
+     "r.toml:4: user: stands beside unit, which names its user itself"},
+    {"UnitAsList", "[[program]]\nnumber = 80\nunit = [\"a.service\"]\n",
+     "r.toml:3: unit: must be the name of a service, such as \"upnpd.service\""},
+    {"UnitEmpty", "[[program]]\nnumber = 80\nunit = \"\"\n",
+     "r.toml:3: unit: must be the name of a service, such as \"upnpd.service\""},
+    {"UnitWithoutName", "[[program]]\nnumber = 80\nunit = \".service\"\n",
+     "r.toml:3: unit: must be the name of a service, such as \"upnpd.service\""},
+    {"UnitOfAnotherKind", "[[program]]\nnumber = 80\nunit = \"upnpd.socket\"\n",
+     "r.toml:3: unit: must be the name of a service, such as \"upnpd.service\""},
+    {"UnitWithASlash", "[[program]]\nnumber = 80\nunit = \"a/b.service\"\n",
+     "r.toml:3: unit: must be the name of a service, such as \"upnpd.service\""},
+    {"UnitWithABlank", "[[program]]\nnumber = 80\nunit = \"a b.service\"\n",
+     "r.toml:3: unit: must be the name of a service, such as \"upnpd.service\""},
+    {"UnitLikeAnOption", "[[program]]\nnumber = 80\nunit = \"--now.service\"\n",
+     "r.toml:3: unit: must be the name of a service, such as \"upnpd.service\""},
     {"StartAsNumber", "[[program]]\nnumber = 80\ncommand = [\"/a\"]\nstart = 1\n",
      "r.toml:4: start: must be true or false"},
     {"UserOfNobody", "[[program]]\nnumber = 80\nuser = \"no-such-user\"\n",
@@ -148,6 +192,16 @@ TEST(RunAsRouter, ProgramsWithoutAUserGetTheRoutersOwn) {
     ASSERT_TRUE(config.programs[0].user);
     EXPECT_EQ(config.programs[0].user->uid, 71U);
     EXPECT_EQ(config.programs[1].user->uid, 72U);
+    EXPECT_EQ(config.users, (std::vector<UserRights>{{71, {80}, {}}})) << "it may be what it is started as";
+}
+
+TEST(RunAsRouter, AUnitNamesItsUserItself) {
+    Config config;
+    config.user = Account{};
+    config.programs = {{80, {}, false, {}, "upnpd.service"}};
+    runAsRouter(config);
+    EXPECT_FALSE(config.programs[0].user);
+    EXPECT_TRUE(config.users.empty());
 }
 
 TEST(ReadConfig, OnlyTheDefaultFileMayBeAbsent) {
@@ -158,18 +212,64 @@ TEST(ReadConfig, OnlyTheDefaultFileMayBeAbsent) {
     EXPECT_EQ(reason, "/nonexistent/router.toml: No such file or directory");
 }
 
-TEST(ReadConfig, AFileThatEverybodyMayWriteIsRefused) {
+/// A file with another mode or owner.
+class DistrustedConfig : public ::testing::Test {
+protected:
+    DistrustedConfig() { folder.write("router.toml", "[nat]\nlimit = 5\n"); }
+    bool reads(mode_t mode) {
+        EXPECT_EQ(::chmod(path.c_str(), mode), 0);
+        return readConfig(path, false, config, reason);
+    }
+    void give(uid_t user, gid_t group) { EXPECT_EQ(::chown(path.c_str(), user, group), 0); }
+
     const tk::testing::Folder folder;
-    folder.write("router.toml", "[nat]\nlimit = 5\n");
     const std::string path = folder.file("router.toml");
     Config config;
     std::string reason;
-    ASSERT_EQ(::chmod(path.c_str(), 0644), 0);
-    EXPECT_TRUE(readConfig(path, false, config, reason)) << reason;
+};
+
+TEST_F(DistrustedConfig, AFileThatItsOwnerAloneMayWriteIsFollowed) {
+    EXPECT_TRUE(reads(0644)) << reason;
     EXPECT_EQ(config.nat.limit, 5U);
-    ASSERT_EQ(::chmod(path.c_str(), 0646), 0);
-    EXPECT_FALSE(readConfig(path, false, config, reason));
+}
+
+TEST_F(DistrustedConfig, AFileThatEverybodyMayWriteIsRefused) {
+    EXPECT_FALSE(reads(0646));
     EXPECT_EQ(reason, path + ": everybody may write this file, so it is not followed");
+    EXPECT_EQ(config, Config());
+}
+
+TEST_F(DistrustedConfig, AFileThatAGroupMayWriteIsRefusedUnlessItIsRoots) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root";
+    give(0, 64000);
+    EXPECT_FALSE(reads(0664));
+    EXPECT_EQ(reason, path + ": group 64000 may write this file, so it is not followed");
+    EXPECT_TRUE(reads(0644)) << reason;
+    give(0, 0);
+    EXPECT_TRUE(reads(0664)) << reason;
+}
+
+TEST_F(DistrustedConfig, AFileOfAnotherUserIsRefused) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root";
+    give(64001, 0);
+    EXPECT_FALSE(reads(0600));
+    EXPECT_EQ(reason, path + ": this file belongs to user 64001, so it is not followed");
+}
+
+TEST_F(DistrustedConfig, AFileOfRootsOrOfWhoeverRunsTheRouterIsFollowed) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root";
+    ASSERT_EQ(::chmod(folder.path.c_str(), 0755), 0);
+    ASSERT_EQ(::chmod(path.c_str(), 0644), 0);
+    const auto readsAs = [this](uid_t user) {
+        EXPECT_EQ(::seteuid(user), 0);
+        const bool done = readConfig(path, false, config, reason);
+        EXPECT_EQ(::seteuid(0), 0);
+        return done;
+    };
+    EXPECT_TRUE(readsAs(64001)) << "it is root's: " << reason;
+    give(64001, 64001);
+    EXPECT_TRUE(readsAs(64001)) << reason;
+    EXPECT_FALSE(readsAs(64002));
 }
 
 }  // namespace

@@ -12,6 +12,7 @@ namespace {
 
 constexpr std::uint32_t highestPort = 65535;
 constexpr std::uint32_t addressBits = 32;
+constexpr std::size_t longestUnitName = 255;
 
 /// A decimal number of at most `highest`; the whole text must be one.
 std::optional<std::uint32_t> numberOf(std::string_view text, std::uint32_t highest) {
@@ -48,6 +49,15 @@ std::optional<tk::Path> pathOf(std::string_view text) {
     if (comma == std::string_view::npos) return tk::Path{*program};
     const auto handler = numberOf(text.substr(comma + 1), tk::unassigned);
     return handler ? std::optional(tk::Path{*program, *handler}) : std::nullopt;
+}
+
+/// True for a name that systemd takes, and not for an option of its commands.
+bool isUnitName(std::string_view name) {
+    constexpr std::string_view suffix = ".service";
+    constexpr std::string_view known =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789:-_.\\@";
+    return name.size() > suffix.size() && name.size() <= longestUnitName && name.ends_with(suffix) &&
+           name.front() != '-' && name.find_first_not_of(known) == std::string_view::npos;
 }
 
 /// The text of an entry: a word, or a number as it would be written.
@@ -129,6 +139,13 @@ bool ConfigValues::readCommand(std::string_view key, const toml::node& value, st
         out.push_back(word.as_string()->get());
     }
     return out.front().starts_with('/') || fail(key, value, "must begin with a full path");
+}
+
+bool ConfigValues::readUnit(std::string_view key, const toml::node& value, std::string& out) {
+    if (!value.is_string() || !isUnitName(value.as_string()->get()))
+        return fail(key, value, "must be the name of a service, such as \"upnpd.service\"");
+    out = value.as_string()->get();
+    return true;
 }
 
 bool ConfigValues::readPrograms(std::string_view key, const toml::node& value,

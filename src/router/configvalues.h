@@ -39,6 +39,8 @@ public:
     /// A command: a full path, then arguments.
     [[nodiscard]] bool readCommand(std::string_view key, const toml::node& value,
                                    std::vector<std::string>& out);
+    /// The name of a systemd service.
+    [[nodiscard]] bool readUnit(std::string_view key, const toml::node& value, std::string& out);
     /// A list of the numbers of programs.
     [[nodiscard]] bool readPrograms(std::string_view key, const toml::node& value,
                                     std::vector<std::uint32_t>& out);

@@ -1,6 +1,7 @@
 #include "router/flow.h"
 
 #include <arpa/inet.h>
+#include <linux/netfilter/nf_conntrack_common.h>
 #include <linux/netfilter/nf_conntrack_tcp.h>
 #include <linux/netfilter/nfnetlink.h>
 #include <linux/netfilter/nfnetlink_conntrack.h>
@@ -17,7 +18,7 @@ namespace {
 constexpr AttributeRule flowRules[] = {
     {CTA_TUPLE_ORIG, MNL_TYPE_NESTED, 0}, {CTA_TUPLE_REPLY, MNL_TYPE_NESTED, 0},
     {CTA_PROTOINFO, MNL_TYPE_NESTED, 0},  {CTA_ID, MNL_TYPE_U32, 0},
-    {CTA_ZONE, MNL_TYPE_U16, 0},
+    {CTA_ZONE, MNL_TYPE_U16, 0},          {CTA_STATUS, MNL_TYPE_U32, 0},
 };
 
 // Of the attribute that makes a dump selective, newer than the headers may be.
@@ -93,6 +94,8 @@ std::optional<Flow> parseFlow(const nlmsghdr& message) {
     flow.target = addressWithin(reply, CTA_IP_V4_SRC);
     flow.targetPort = portWithin(reply, CTA_PROTO_SRC_PORT);
     flow.isEstablished = isEstablished(attributes.find(CTA_PROTOINFO));
+    // A flow that another one announced, such as the data of a file transfer, is translated without any rule.
+    flow.isTranslated = (ntohl(attributes.u32(CTA_STATUS)) & (IPS_DST_NAT | IPS_EXPECTED)) == IPS_DST_NAT;
     append(flow.name, original);
     append(flow.name, attributes.find(CTA_ZONE));
     append(flow.name, attributes.find(CTA_ID));  // a younger flow of the same ends is another one

@@ -17,6 +17,7 @@ struct Flow {
     std::uint32_t target = 0;  // whoever answers
     std::uint16_t targetPort = 0;
     bool isEstablished = false;  // a TCP connection that both sides agreed on and neither ended
+    bool isTranslated = false;   // a rule changed its destination
     std::vector<char> name;      // the attributes by which the kernel knows exactly this flow
 
     bool operator==(const Flow&) const = default;

@@ -1,5 +1,6 @@
 #include "router/history.h"
 
+#include <iterator>
 #include <string>
 #include <utility>
 
@@ -23,19 +24,37 @@ tk::message History::cmdAddObj(const tk::message& request) {
     const tk::Path& from = request.get_u32_array(tk::field::sender);
     if (undoing != 0 && undoingPath == from) return {};
     tk::message record;
-    record.insert_u32(tk::field::objectId, ++lastId);
+    record.insert_u32(tk::field::objectId, lastId + 1);
     record.insert_message_array(field::request, request.get_message_array(field::request));
     record.insert_message_array(field::inverse, request.get_message_array(field::inverse));
     record.insert_string(field::description, request.get_string(field::description));
     record.insert_u32(field::program, from.front());
     record.insert_u64(field::time, time());
     record.insert_u32_array(field::path, from);
-    records[lastId] = record;
-    if (records.size() > limit && records.begin()->first != undoing) records.erase(records.begin());
+    const std::size_t size = record.serialise().size();
+    if (size > byteLimit) return tk::errorMsg(tk::error::refused, "the undo record is too large");
+    records[++lastId] = {record, size};
+    bytes += size;
+    makeRoom();
     notifyChange(lastId, record);
     tk::message reply;
     reply.insert_u32(tk::field::objectId, lastId);
     return reply;
+}
+
+/// The oldest records go, but neither the new one nor the one that is being undone, which its end takes off.
+void History::makeRoom() {
+    auto oldest = records.begin();
+    while ((records.size() > limit || bytes > byteLimit) && oldest->first != lastId) {
+        const auto next = std::next(oldest);
+        if (oldest->first != undoing) erase(oldest);
+        oldest = next;
+    }
+}
+
+void History::erase(Records::iterator record) {
+    bytes -= record->second.bytes;
+    records.erase(record);
 }
 
 tk::message History::cmdUnknown(const tk::message& received, std::uint32_t command) {
@@ -45,7 +64,8 @@ tk::message History::cmdUnknown(const tk::message& received, std::uint32_t comma
 tk::message History::undo(const tk::message& request) {
     if (records.empty()) return tk::errorMsg(tk::error::noSuchObject, "there is nothing to undo");
     if (undoing != 0) return tk::errorMsg(tk::error::busy, "a change is being undone already");
-    const auto& [id, record] = *records.rbegin();
+    const auto& [id, entry] = *records.rbegin();
+    const tk::message& record = entry.content;
     const tk::message& inverse = record.get_message_array(field::inverse).front();
     const std::uint32_t command = inverse.get_u32(tk::field::command);
     if (command == 0) return tk::errorMsg(tk::error::failed, "the record does not say how to undo it");
@@ -56,7 +76,7 @@ tk::message History::undo(const tk::message& request) {
     undoing = id;
     undoingPath = record.get_u32_array(field::path);
     undoingText = record.get_string(field::description);
-    undoRequest = request;
+    undoRequest = tk::routingOf(request);
     (void)sendMessage(
         std::move(sent));  // its end, an error too, comes to handleReply(), maybe before this returns
     return answerLater();
@@ -64,9 +84,11 @@ tk::message History::undo(const tk::message& request) {
 
 tk::message History::cmdDisconnected(const tk::Path& client) {
     if (client.front() < tk::program::firstClient) return {};
-    std::erase_if(records, [&client](const auto& entry) {
-        return entry.second.get_u32_array(field::path).front() == client.front();
-    });
+    for (auto record = records.begin(); record != records.end();) {
+        const auto next = std::next(record);
+        if (record->second.content.get_u32_array(field::path).front() == client.front()) erase(record);
+        record = next;
+    }
     return {};
 }
 
@@ -80,7 +102,8 @@ tk::message History::handleReply(const tk::message& end) {
         sendAnswer(request, tk::errorMsg(code, text));
         return {};
     }
-    records.erase(id);
+    // Whoever recorded it may have left, and the record with it.
+    if (const auto record = records.find(id); record != records.end()) erase(record);
     tk::message gone;
     gone.insert_u32(tk::field::deleted, 1);
     notifyChange(id, gone);
@@ -95,12 +118,12 @@ tk::message History::cmdGetObj(const tk::message& request) {
     const std::uint32_t id = request.get_u32(tk::field::objectId);
     const auto record = records.find(id);
     return record == records.end() ? tk::errorMsg(tk::error::noSuchObject, "no record " + std::to_string(id))
-                                   : record->second;
+                                   : record->second.content;
 }
 
 tk::message History::cmdGetAll(const tk::message& request) {
     return pageOf(records, request, pageSize,
-                  [](std::uint32_t, const tk::message& record) { return record; });
+                  [](std::uint32_t, const Record& record) { return record.content; });
 }
 
 tk::message History::cmdGetCount(const tk::message&) {

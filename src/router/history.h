@@ -14,8 +14,9 @@ namespace router {
 /// description.
 class History final : public tk::Handler {
 public:
-    /// How many records are kept; the oldest ones go.
+    /// How many records are kept, and how many bytes of them; the oldest ones go.
     static constexpr std::size_t limit = 100;
+    static constexpr std::size_t byteLimit = std::size_t{1024} * 1024;
     /// Tells the time. Units: seconds since 1970.
     using Time = std::function<std::uint64_t()>;
 
@@ -37,15 +38,24 @@ public:
     tk::message handleReply(const tk::message& end) override;
 
 private:
+    struct Record {
+        tk::message content;
+        std::size_t bytes;  // of its flat form
+    };
+    using Records = std::map<std::uint32_t, Record>;  // by id
+
     [[nodiscard]] tk::message undo(const tk::message& request);
+    void makeRoom();
+    void erase(Records::iterator record);
 
     Time time;
-    std::map<std::uint32_t, tk::message> records;  // by id
+    Records records;
+    std::size_t bytes = 0;  // of all records
     std::uint32_t lastId = 0;
     std::uint32_t undoing = 0;  // the record that is being undone; 0: none
     tk::Path undoingPath;
     std::string undoingText;
-    tk::message undoRequest;  // who asked for that
+    tk::message undoRequest;  // who asked for that: routing fields
 };
 
 }  // namespace router

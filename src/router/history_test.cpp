@@ -39,6 +39,27 @@ TEST(History, KeepsTheLastHundred) {
         history.cmdGetAll({}).get_message_array(tk::field::objects).front().get_u32(tk::field::objectId), 4U);
 }
 
+TEST(History, KeepsTheLastMebibyte) {
+    History history([] { return std::uint64_t{0}; });
+    const std::string text(History::byteLimit / 4, 'x');  // three fit, with what else is in a record
+    for (int i = 0; i < 5; ++i) EXPECT_FALSE(tk::isError(history.cmdAddObj(recordOf(text))));
+    EXPECT_EQ(history.cmdGetCount({}).get_u32(tk::field::count), 3U);
+    EXPECT_EQ(
+        history.cmdGetAll({}).get_message_array(tk::field::objects).front().get_u32(tk::field::objectId), 3U);
+    EXPECT_FALSE(tk::isError(history.cmdAddObj(recordOf("small"))));
+    EXPECT_EQ(history.cmdGetCount({}).get_u32(tk::field::count), 4U);
+}
+
+TEST(History, RefusesARecordThatIsTooLargeAndKeepsTheOthers) {
+    History history([] { return std::uint64_t{0}; });
+    EXPECT_FALSE(tk::isError(history.cmdAddObj(recordOf("small"))));
+    std::uint32_t code = 0;
+    EXPECT_TRUE(tk::isError(history.cmdAddObj(recordOf(std::string(History::byteLimit, 'x'))), &code));
+    EXPECT_EQ(code, tk::error::refused);
+    EXPECT_EQ(history.cmdGetCount({}).get_u32(tk::field::count), 1U);
+    EXPECT_EQ(history.cmdAddObj(recordOf("next")).get_u32(tk::field::objectId), 2U);
+}
+
 TEST(History, RefusesARecordWithoutItsParts) {
     History history([] { return std::uint64_t{0}; });
     tk::message request = recordOf("x");
@@ -104,6 +125,24 @@ TEST_F(UndoTest, WhatTheUndoingItselfRecordsIsNotKept) {
     EXPECT_EQ(count(), 1U);
     EXPECT_EQ(history.cmdGetAll({}).get_message_array(tk::field::objects).front().get_string(3),
               "of another handler");
+}
+
+TEST_F(UndoTest, ARecordThatIsBeingUndoneMakesNoRoomForOthers) {
+    record("change", 1);
+    (void)undo();
+    for (int i = 0; i < 6; ++i) record(std::string(History::byteLimit / 4, 'x'), 2, {80, 1});
+    EXPECT_EQ(count(), 4U);
+    (void)history.handleReply({});
+    EXPECT_EQ(posted(tk::Kind::reply).get_u32(tk::field::objectId), 1U);
+    EXPECT_EQ(count(), 3U);
+}
+
+TEST_F(UndoTest, WhatWasUndoneMakesRoomAgain) {
+    for (int i = 0; i < 3; ++i) record(std::string(History::byteLimit / 4, 'x'), 1);
+    (void)undo();
+    (void)history.handleReply({});
+    record(std::string(History::byteLimit / 4, 'x'), 1);
+    EXPECT_EQ(count(), 3U);
 }
 
 TEST_F(UndoTest, ARefusedInverseKeepsTheRecord) {

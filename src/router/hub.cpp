@@ -1,7 +1,11 @@
 #include "router/hub.h"
 
+#include <sys/socket.h>
+
+#include <algorithm>
 #include <utility>
 
+#include "tk/frame.h"
 #include "tk/log.h"
 #include "tk/names.h"
 
@@ -33,14 +37,36 @@ void Hub::addService(tk::Handler& handler, const tk::Path& path) {
 }
 
 void Hub::adopt(tk::Fd socket, const Credentials& credentials) {
-    if (peers.size() >= peerLimit) return tk::log("bus: connection refused: too many");
+    if (const std::string reason = whyFullFor(credentials.uid); !reason.empty())
+        return turnAway(socket, credentials.uid, tk::error::busy, reason);
     const std::uint32_t number = nextClient++;
     HubPeer::Owner& owner = *this;
     peers[number] = std::make_unique<HubPeer>(std::move(socket), credentials, number, owner);
 }
 
+/// Why there is no room for another connection of `user`; empty where there is.
+std::string Hub::whyFullFor(uid_t user) const {
+    const auto own = static_cast<std::size_t>(std::count_if(
+        peers.begin(), peers.end(), [user](const auto& entry) { return entry.second->user().uid == user; }));
+    if (user != 0 && own >= peerLimitPerUser) return "too many connections of one user";
+    const std::size_t room = access.runsPrograms(user) ? peerLimit : peerLimit - reservedPeers;
+    return peers.size() >= room ? "too many connections" : "";
+}
+
+void Hub::turnAway(const tk::Fd& socket, uid_t user, std::uint32_t code, const std::string& why) {
+    refusals.note(user, why);
+    tk::message told = tk::errorMsg(code, why);
+    tk::stamp(told, {tk::program::hub}, 0, tk::Kind::error, 0);
+    trace(told);
+    std::string frame;
+    // The socket is new: the frame fits its buffer, or the peer is gone and misses nothing.
+    if (tk::appendFrame(frame, told))
+        (void)::send(socket.get(), frame.data(), frame.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+}
+
 void Hub::close() {
     expiry.disarm();
+    refusals.close();
     services.clear();
     starter = nullptr;
     watcher = nullptr;
@@ -75,6 +101,7 @@ void Hub::peerEnded(HubPeer& peer, const std::string& reason) {
     tracers.drop(number);
     pending.dropOfRequester(number);
     for (auto& [program, waiting] : awaited) waiting.drop(number);
+    forgetEmptyAwaited();
     // What it made goes before anybody is told: whoever hears of its end finds nothing of it any more.
     services.disconnected({number});
     if (identity != number) services.disconnected({identity});

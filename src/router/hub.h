@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "router/access.h"
 #include "router/awaitedprogram.h"
@@ -12,10 +13,12 @@
 #include "router/hubtrace.h"
 #include "router/localservices.h"
 #include "router/pendingrequests.h"
+#include "router/refusallog.h"
 #include "router/starter.h"
 #include "router/subscriptions.h"
 #include "tk/bus.h"
 #include "tk/fd.h"
+#include "tk/frame.h"
 #include "tk/handler.h"
 #include "tk/message.h"
 #include "tk/timer.h"
@@ -34,10 +37,23 @@ public:
 /// subscribers, and serves the handlers of its own process. It never waits for anybody.
 ///
 /// Every message passes one of the functions of hub.cpp that trace it; nothing is sent beside them.
-class Hub final : public tk::Bus, private HubPeer::Owner, private AwaitedProgram::Owner {
+class Hub final : public tk::Bus, private HubPeer::Owner {
 public:
     /// How many connections there may be.
     static constexpr std::size_t peerLimit = 256;
+    /// How many of them are kept for root and the users that run programs: no other gets the last ones.
+    static constexpr std::size_t reservedPeers = 32;
+    /// How many connections one user may have that is not root.
+    static constexpr std::size_t peerLimitPerUser = 64;
+    /// How many elements the paths of a subscription and of a request may have: they are kept, and must not
+    /// cost what their maker likes.
+    static constexpr std::size_t subscriptionPathLimit = 16;
+    static constexpr std::size_t requestPathLimit = 256;
+    /// Bytes of the requests of one peer that may wait for programs to start. Any one request fits.
+    static constexpr std::size_t awaitedBytesPerPeer = tk::frameLimit;
+    /// A request ends with an error when nobody has answered it after this time, or up to twice that. It is
+    /// longer than any requester waits. Units: ticks of 10 ms.
+    static constexpr std::uint32_t expiryTicks = 6100;
     /// Stands for the handlers of this process where requesters are named by client number.
     static constexpr std::uint32_t ownRequester = 0;
 
@@ -57,8 +73,11 @@ public:
     /// Lifetime: the watcher outlives its use.
     void setProgramWatcher(ProgramWatcher* target) { watcher = target; }
 
-    /// Takes a new, non-blocking connection over. A peer over the limit is closed at once.
+    /// Takes a new, non-blocking connection over. A peer over a limit is turned away.
     void adopt(tk::Fd socket, const Credentials& credentials);
+    /// Tells the peer of a new, non-blocking connection why it is not taken, in one error that carries no
+    /// number. The caller closes the connection, which was of this user.
+    void turnAway(const tk::Fd& socket, uid_t user, std::uint32_t code, const std::string& why);
     /// Ends the requests that wait for a program that was started and did not get as far as registering.
     void programFailed(std::uint32_t program, const std::string& reason);
     /// True when requests wait for `program` to register.
@@ -79,7 +98,6 @@ public:
 private:
     void peerSent(HubPeer& peer, tk::message received) override;
     void peerEnded(HubPeer& peer, const std::string& reason) override;
-    void awaitedTooLong(std::uint32_t program) override;
 
     // What passes: each of these traces its message, then hands it on.
     void takeRequest(HubPeer& from, const tk::message& request);
@@ -90,12 +108,18 @@ private:
     void publish(const tk::message& notification);
     void trace(const tk::message& passed);
 
+    [[nodiscard]] std::string whyFullFor(uid_t user) const;
+
     // Where requests go.
     void route(HubPeer& from, const tk::message& request);
     void afterCommand(HubPeer& from, std::uint32_t command);
     void forward(std::uint32_t from, HubPeer& to, const tk::message& request);
     void activate(std::uint32_t from, const tk::message& request);
+    [[nodiscard]] std::size_t awaitedBytesOf(std::uint32_t requester) const;
+    void expireLater();
     void expire();
+    [[nodiscard]] std::vector<tk::message> takeOldAwaited();
+    void forgetEmptyAwaited();
     void releaseAwaited(HubPeer& program);
     void refuse(const tk::message& request, std::uint32_t code, const std::string& text);
     HubPeer* peerOf(const tk::Path& path);
@@ -104,12 +128,15 @@ private:
     // The hub's own commands (hubcommands.cpp).
     [[nodiscard]] tk::message command(HubPeer& from, const tk::message& request);
     [[nodiscard]] tk::message registerProgram(HubPeer& from, const tk::message& request);
+    [[nodiscard]] tk::message unregisterProgram(const HubPeer& from, const tk::message& request) const;
+    void giveUp(HubPeer& from);
     [[nodiscard]] tk::message subscribe(HubPeer& from, const tk::message& request);
     [[nodiscard]] tk::message unsubscribe(HubPeer& from, const tk::message& request);
 
     LocalServices services;
     Starter* starter = nullptr;
     ProgramWatcher* watcher = nullptr;
+    RefusalLog refusals;
     Access access;
     PendingRequests pending;
     Subscriptions subscriptions;

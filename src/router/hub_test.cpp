@@ -1,5 +1,8 @@
 #include "router/hub.h"
 
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include "router/testing/testhub.h"
@@ -263,6 +266,34 @@ TEST_F(HubTest, PendingRequestsOfOnePeerAreBounded) {
     EXPECT_EQ(codeOf(bus.ask(*client, {80}, command)), tk::error::busy);
 }
 
+TEST_F(HubTest, OfPendingRequestsNothingButTheirRoutingIsKept) {
+    tk::message request = text("large");
+    request.insert_u32_array(tk::field::destination, {80});
+    request.insert_string(0xFF0004, "a field that looks like routing");
+    tk::stamp(request, {1001}, 7, tk::Kind::request, command);
+    PendingRequests pending;
+    EXPECT_EQ(pending.add(1001, 1000, request), PendingRequests::Added::yes);
+    tk::message routing;
+    routing.insert_u32_array(tk::field::destination, {80});
+    tk::stamp(routing, {1001}, 7, tk::Kind::request, command);
+    EXPECT_EQ(pending.takeOfCallee(1000), std::vector<tk::message>{routing});
+}
+
+TEST_F(HubTest, ARequestWithAPathOfMoreThan256ElementsIsRefused) {
+    const auto program = bus.connectProgram(80);
+    const auto other = bus.connectProgram(14);
+    other->request(tk::Path(257, 80), command, text("lost"), tk::Path(300, 14));
+    const tk::message end = arrivedAt(*other).at(0);
+    EXPECT_EQ(codeOf(end), tk::error::invalid);
+    EXPECT_EQ(end.get_u32_array(tk::field::sender), tk::Path(256, 80));
+    EXPECT_EQ(end.get_u32_array(tk::field::destination), tk::Path(256, 14));
+    other->request({80}, command, {}, tk::Path(257, 14));
+    EXPECT_EQ(codeOf(arrivedAt(*other).at(0)), tk::error::invalid);
+    EXPECT_TRUE(arrivedAt(*program).empty());
+    other->request(tk::Path(256, 80), command, {}, tk::Path(256, 14));
+    EXPECT_EQ(arrivedAt(*program).size(), 1U);
+}
+
 TEST_F(HubTest, AnAnswerWithoutRoomInAFrameBecomesAnError) {
     class Verbose final : public tk::Handler {
         tk::message cmdUnknown(const tk::message&, std::uint32_t) override {
@@ -293,9 +324,9 @@ TEST_F(HubTest, ARequestThatIsNeverAnsweredEndsAndItsLateReplyIsDiscarded) {
     const auto client = bus.connect();
     const std::uint32_t number = client->request({80}, command);
     const tk::message request = arrivedAt(*program).at(0);
-    bus.advance(6000);
+    bus.advance(Hub::expiryTicks);
     EXPECT_TRUE(client->take().empty()) << "a minute is always granted";
-    bus.advance(6000);
+    bus.advance(Hub::expiryTicks);
     const auto ends = client->take();
     ASSERT_EQ(ends.size(), 1U);
     EXPECT_EQ(codeOf(ends.front()), tk::error::timedOut);
@@ -313,6 +344,75 @@ TEST_F(HubTest, TwoHundredConnectionsAreServedAtOnce) {
     for (const tk::message& request : arrivedAt(*program)) program->answer(request, text("served"));
     bus.settle();
     for (const auto& client : clients) EXPECT_EQ(client->take().size(), 1U);
+}
+
+/// How many connections of a user are served before one is turned away.
+class PeerLimitTest : public HubTest {
+protected:
+    static constexpr uid_t member = 1000, daemon = 1001;
+
+    /// True when the hub takes one more.
+    bool takes(uid_t user) {
+        const std::size_t before = bus.hub.peerCount();
+        clients.push_back(bus.connect(user));
+        return bus.hub.peerCount() > before;
+    }
+    std::size_t takenOf(uid_t user, std::size_t tried = 300) {
+        std::size_t taken = 0;
+        while (taken < tried && takes(user)) ++taken;
+        return taken;
+    }
+
+    std::vector<std::unique_ptr<TestClient>> clients;
+};
+
+TEST_F(PeerLimitTest, OneUserHasAtMost64AndTheOthersDoNotNotice) {
+    EXPECT_EQ(takenOf(member), 64U);
+    EXPECT_TRUE(takes(member + 1));
+    EXPECT_TRUE(takes(0));
+}
+
+TEST_F(PeerLimitTest, AConnectionThatEndsMakesRoomForAnother) {
+    EXPECT_EQ(takenOf(member), 64U);
+    clients.front()->close();
+    bus.settle();
+    EXPECT_TRUE(takes(member));
+    EXPECT_FALSE(takes(member));
+}
+
+TEST_F(PeerLimitTest, RootMayHaveAllOfThem) {
+    EXPECT_EQ(takenOf(0), 256U);
+}
+
+TEST_F(PeerLimitTest, TheLast32AreForRootAndUsersThatRunPrograms) {
+    bus.hub.setAccess(Access({{daemon, {80}, {}}, {member, {}, {{20}}}}));
+    EXPECT_EQ(takenOf(0, 224), 224U);
+    EXPECT_FALSE(takes(member));
+    EXPECT_TRUE(takes(daemon));
+    EXPECT_EQ(takenOf(0), 31U);
+    EXPECT_FALSE(takes(daemon));
+}
+
+TEST_F(PeerLimitTest, WhoeverIsTurnedAwayIsToldWhyInOneError) {
+    EXPECT_EQ(takenOf(member), 64U);
+    const auto told = clients.back()->take();
+    ASSERT_EQ(told.size(), 1U);
+    tk::message expected = tk::errorMsg(tk::error::busy, "too many connections of one user");
+    tk::stamp(expected, {0}, 0, tk::Kind::error, 0);
+    EXPECT_EQ(told[0], expected);
+    EXPECT_TRUE(clients.back()->isClosed());
+    EXPECT_EQ(takenOf(0), 192U);
+    EXPECT_EQ(tk::getError(clients.back()->take().at(0)), "too many connections");
+}
+
+TEST_F(PeerLimitTest, ATurnedAwayPeerThatIsGoneAlreadyHarmsNobody) {
+    const auto client = bus.connect();
+    int ends[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends), 0);
+    const tk::Fd socket(ends[0]);
+    ::close(ends[1]);
+    bus.hub.turnAway(socket, 7, tk::error::refused, "not you");
+    EXPECT_EQ(codeOf(bus.ask(*client, {33}, command)), tk::error::unreachable);
 }
 
 }  // namespace

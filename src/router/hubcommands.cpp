@@ -3,25 +3,23 @@
 #include <string>
 
 #include "router/hub.h"
+#include "tk/log.h"
 #include "tk/names.h"
 
 namespace router {
 
 namespace {
 
-constexpr std::uint32_t programNumber = 1;        // u32, of a registration
+constexpr std::uint32_t programNumber = 1;        // u32, of a registration and of its end
 constexpr std::uint32_t subscriptionPath = 1;     // u32[]
 constexpr std::uint32_t subscriptionCommand = 2;  // u32
 constexpr std::uint32_t subscriptionFilter = 3;   // message[] with the one filter message
-
-constexpr std::size_t pathLimit =
-    16;  // elements: a subscription is kept, and must not cost what its maker likes
 
 /// Checks the fields of a subscription. An empty message when they are sound.
 tk::message checkSubscription(const tk::message& request) {
     if (request.get_u32_array(subscriptionPath).empty() || !request.has(subscriptionCommand))
         return tk::errorMsg(tk::error::invalid, "a subscription names a path and a command");
-    if (request.get_u32_array(subscriptionPath).size() > pathLimit)
+    if (request.get_u32_array(subscriptionPath).size() > Hub::subscriptionPathLimit)
         return tk::errorMsg(tk::error::invalid, "the path is too long");
     for (const tk::message& filter : request.get_message_array(subscriptionFilter))
         if (!filter.empty()) return tk::errorMsg(tk::error::refused, "filters are not supported");
@@ -36,6 +34,8 @@ tk::message Hub::command(HubPeer& from, const tk::message& request) {
     switch (request.get_u32(tk::field::command)) {
         case tk::command::hubRegister:
             return registerProgram(from, request);
+        case tk::command::hubUnregister:
+            return unregisterProgram(from, request);
         case tk::command::hubSubscribe:
             return subscribe(from, request);
         case tk::command::hubUnsubscribe:
@@ -55,6 +55,7 @@ tk::message Hub::registerProgram(HubPeer& from, const tk::message& request) {
     if (from.isProgram() && from.identity() != program)
         return tk::errorMsg(tk::error::exists,
                             "this connection is registered as program " + std::to_string(from.identity()));
+    if (from.isRetired()) return tk::errorMsg(tk::error::exists, "this connection has given its program up");
     if (!access.mayRegister(from.user().uid, program))
         return tk::errorMsg(tk::error::notAllowed, "user " + std::to_string(from.user().uid) +
                                                        " may not register program " +
@@ -69,6 +70,28 @@ tk::message Hub::registerProgram(HubPeer& from, const tk::message& request) {
     programs[program] = from.clientNumber();
     from.becomeProgram(program);
     return {};
+}
+
+/// Whether a program may give its number up; it does so behind the reply, which still goes to its name.
+tk::message Hub::unregisterProgram(const HubPeer& from, const tk::message& request) const {
+    const std::uint32_t program = request.get_u32(programNumber);
+    if (from.hasResigned(program)) return {};
+    if (!from.isProgram() || from.identity() != program)
+        return tk::errorMsg(tk::error::invalid,
+                            "this connection is not registered as program " + std::to_string(program));
+    // Their ends come to the program's name, under which there is nobody then, or another.
+    if (pending.hasOf(from.clientNumber()) || awaitedBytesOf(from.clientNumber()) != 0)
+        return tk::errorMsg(tk::error::busy, "requests of this program are under way");
+    return {};
+}
+
+void Hub::giveUp(HubPeer& from) {
+    if (!from.isProgram()) return;  // it had done so before
+    const std::uint32_t program = from.identity();
+    tk::log("bus: ", program, " left: it has given its number up");
+    programs.erase(program);
+    from.resign();
+    services.disconnected({program});
 }
 
 tk::message Hub::subscribe(HubPeer& from, const tk::message& request) {

@@ -4,15 +4,24 @@
 
 #include <utility>
 
+#include "tk/bus.h"
+
 namespace router {
 
 HubPeer::HubPeer(tk::Fd socket, const Credentials& credentials, std::uint32_t number, Owner& owner)
     : owner(owner), credentials(credentials), number(number), channel(std::move(socket), *this, queueLimit) {}
 
+void HubPeer::resign() {
+    formerNumber = std::exchange(programNumber, tk::program::hub);
+}
+
 void HubPeer::stampSender(tk::message& sent) const {
+    const tk::Kind kind = tk::kindOf(sent);
+    const bool isEnd = kind == tk::Kind::reply || kind == tk::Kind::error;
+    const std::uint32_t name = isEnd && isRetired() ? formerNumber : identity();
     tk::Path path = sent.get_u32_array(tk::field::sender);
-    if (path.empty() || !isProgram()) path.resize(1);
-    path.front() = identity();
+    if (path.empty() || name >= tk::program::firstClient) path.resize(1);
+    path.front() = name;
     sent.insert_u32_array(tk::field::sender, std::move(path));
 }
 

@@ -44,9 +44,17 @@ public:
     /// True when the peer has registered a program.
     bool isProgram() const { return programNumber != tk::program::hub; }
     void becomeProgram(std::uint32_t program) { programNumber = program; }
+    /// A program gives its number up, and is named by its own from now on. It answers what it was asked
+    /// before under the former one.
+    void resign();
+    /// True when the peer was this program, and has given it up.
+    bool hasResigned(std::uint32_t program) const { return isRetired() && formerNumber == program; }
+    /// True when the peer was a program, and has given it up.
+    bool isRetired() const { return formerNumber != tk::program::hub; }
     const Credentials& user() const { return credentials; }
 
-    /// Replaces the sender's first element by the peer's identity; the rest of the path is a program's own.
+    /// Replaces the sender's first element by what the peer is called; the rest of the path is a program's
+    /// own.
     void stampSender(tk::message& sent) const;
 
     /// Queues a message for the peer. False when it cannot be sent: too large, or the connection is over.
@@ -66,6 +74,7 @@ private:
     Credentials credentials;
     std::uint32_t number;
     std::uint32_t programNumber = tk::program::hub;  // the hub's own number: none
+    std::uint32_t formerNumber = tk::program::hub;   // of the program that was given up
     tk::Channel channel;
 };
 

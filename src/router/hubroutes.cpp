@@ -1,17 +1,27 @@
 // Where a request goes: to the hub itself, a handler of this process, a program that is there, or one to be
 // started.
 
+#include <algorithm>
 #include <string>
 #include <utility>
 
 #include "router/hub.h"
+#include "tk/bus.h"
 #include "tk/names.h"
 
 namespace router {
 
 namespace {
 
-constexpr std::uint32_t expiryTicks = 6000;  // 60 s: what is pending twice over that is ended
+/// The routing of a request whose paths are too long, so that there is room for its end in a frame.
+tk::message withShortPaths(const tk::message& request) {
+    tk::message routing = tk::routingOf(request);
+    for (const std::uint32_t id : {tk::field::destination, tk::field::sender}) {
+        tk::Path& path = routing.get_u32_array_ref(id);
+        path.resize(std::min(path.size(), Hub::requestPathLimit));
+    }
+    return routing;
+}
 
 }  // namespace
 
@@ -34,6 +44,8 @@ void Hub::refuse(const tk::message& request, std::uint32_t code, const std::stri
 void Hub::route(HubPeer& from, const tk::message& request) {
     const tk::Path& to = request.get_u32_array(tk::field::destination);
     if (to.empty()) return refuse(request, tk::error::invalid, "the request names no destination");
+    if (to.size() > requestPathLimit || request.get_u32_array(tk::field::sender).size() > requestPathLimit)
+        return refuse(withShortPaths(request), tk::error::invalid, "the path is too long");
     if (to.front() == tk::program::hub) {
         const tk::message answer = command(from, request);
         sendEnd(tk::endOf(request, answer));
@@ -54,6 +66,7 @@ void Hub::route(HubPeer& from, const tk::message& request) {
 
 void Hub::afterCommand(HubPeer& from, std::uint32_t command) {
     if (command == tk::command::hubTrace) tracers.add(from.clientNumber());
+    if (command == tk::command::hubUnregister) giveUp(from);
     if (command != tk::command::hubRegister) return;
     if (starter) starter->registered(from.identity());
     releaseAwaited(from);
@@ -67,7 +80,7 @@ void Hub::forward(std::uint32_t from, HubPeer& to, const tk::message& request) {
         return refuse(request, tk::error::invalid, "a request of this number is under way");
     if (added == PendingRequests::Added::full)
         return refuse(request, tk::error::busy, "too many requests are under way");
-    if (isAwaited && !std::exchange(expires, true)) expiry.arm(expiryTicks);
+    if (isAwaited) expireLater();
     if (to.send(request)) return;
     if (isAwaited) (void)pending.finish(from, to.clientNumber(), request);  // it is there
     refuse(request, tk::error::disconnected, "the program cannot take the request");
@@ -77,10 +90,18 @@ void Hub::activate(std::uint32_t from, const tk::message& request) {
     const std::uint32_t program = request.get_u32_array(tk::field::destination).front();
     std::string reason = "nobody at this destination";
     if (!starter || !starter->start(program, reason)) return refuse(request, tk::error::unreachable, reason);
-    AwaitedProgram::Owner& owner = *this;
-    AwaitedProgram& waiting = awaited.try_emplace(program, program, owner).first->second;
-    if (!waiting.add(from, request))
-        refuse(request, tk::error::busy, "too many requests wait for this program");
+    const std::size_t bytes = request.serialise().size();
+    if (bytes > awaitedBytesPerPeer - std::min(awaitedBytesPerPeer, awaitedBytesOf(from)))
+        return refuse(request, tk::error::busy, "too many bytes wait for programs to start");
+    if (!awaited[program].add(from, request, bytes))
+        return refuse(request, tk::error::busy, "too many requests wait for this program");
+    expireLater();
+}
+
+std::size_t Hub::awaitedBytesOf(std::uint32_t requester) const {
+    std::size_t bytes = 0;
+    for (const auto& [program, waiting] : awaited) bytes += waiting.bytesOf(requester);
+    return bytes;
 }
 
 void Hub::releaseAwaited(HubPeer& program) {
@@ -88,16 +109,38 @@ void Hub::releaseAwaited(HubPeer& program) {
     if (waiting == awaited.end()) return;
     const auto requests = waiting->second.take();
     awaited.erase(waiting);
-    for (const auto& [requester, request] : requests)
+    for (const auto& [requester, request, bytes, round] : requests)
         if (requester == ownRequester || peers.contains(requester)) forward(requester, program, request);
+}
+
+void Hub::expireLater() {
+    if (!std::exchange(expires, true)) expiry.arm(expiryTicks);
 }
 
 /// Ends what was never answered. Requesters have given it up long before; here it would hold its place.
 void Hub::expire() {
-    for (const tk::message& request : pending.takeOld())
+    const std::vector<tk::message> unanswered = pending.takeOld();
+    const std::vector<tk::message> awaiting = takeOldAwaited();
+    for (const tk::message& request : unanswered)
         refuse(request, tk::error::timedOut, "the program did not answer");
-    expires = pending.size() != 0;
+    for (const tk::message& request : awaiting)
+        refuse(request, tk::error::unreachable,
+               "the program was started, but did not come to the bus in time");
+    expires = pending.size() != 0 || !awaited.empty();
     if (expires) expiry.arm(expiryTicks);
+}
+
+std::vector<tk::message> Hub::takeOldAwaited() {
+    std::vector<tk::message> requests;
+    for (auto& [program, waiting] : awaited)
+        for (auto& old : waiting.takeOld()) requests.push_back(std::move(old.content));
+    forgetEmptyAwaited();
+    return requests;
+}
+
+/// A program that nobody waits for is not asked for again.
+void Hub::forgetEmptyAwaited() {
+    std::erase_if(awaited, [](const auto& entry) { return entry.second.isEmpty(); });
 }
 
 void Hub::programFailed(std::uint32_t program, const std::string& reason) {
@@ -105,11 +148,7 @@ void Hub::programFailed(std::uint32_t program, const std::string& reason) {
     if (waiting == awaited.end()) return;
     const auto requests = waiting->second.take();
     awaited.erase(waiting);
-    for (const auto& [requester, request] : requests) refuse(request, tk::error::unreachable, reason);
-}
-
-void Hub::awaitedTooLong(std::uint32_t program) {
-    programFailed(program, "the program was started, but did not come to the bus in time");
+    for (const auto& waited : requests) refuse(waited.content, tk::error::unreachable, reason);
 }
 
 }  // namespace router

@@ -54,6 +54,11 @@ bool isSameStatus(const Link& left, const Link& right) {
 }  // namespace
 
 void Interfaces::apply(const Link& link) {
+    take(link);
+    forgetAbsent();
+}
+
+void Interfaces::take(const Link& link) {
     if (link.isLoopback()) return;
     const std::uint32_t id = ids.idOf(link.name);
     // A new name for an interface, or a new interface of an old name, is another interface to the bus.
@@ -78,7 +83,12 @@ void Interfaces::applyAll(const std::vector<Link>& current) {
     for (const auto& [id, link] : links)
         if (!present.contains(link.index)) gone.push_back(id);
     for (const std::uint32_t id : gone) withdraw(id);
-    for (const Link& link : current) apply(link);
+    for (const Link& link : current) take(link);
+    forgetAbsent();  // not before all that are present are known
+}
+
+void Interfaces::forgetAbsent() {
+    ids.forgetSurplus([this](std::uint32_t id) { return links.contains(id); });
 }
 
 void Interfaces::add(std::uint32_t id, const Link& link) {

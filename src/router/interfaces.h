@@ -46,6 +46,8 @@ public:
     tk::message cmdUnknown(const tk::message& received, std::uint32_t command) override;
 
 private:
+    void take(const Link& link);
+    void forgetAbsent();
     void add(std::uint32_t id, const Link& link);
     void update(std::uint32_t id, const Link& link);
     void withdraw(std::uint32_t id);

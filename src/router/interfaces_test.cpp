@@ -144,6 +144,31 @@ TEST_F(InterfacesTest, AnInterfaceMadeAnewIsToldAsSuchEvenIfItsEndWasMissed) {
     EXPECT_EQ(told(), (Lines{"interface 1 gone", "interface 1", "status 1 running"}));
 }
 
+TEST_F(InterfacesTest, NamesOfPresentInterfacesAreNotForgottenForThoseThatCome) {
+    InterfaceIds few(files.file("few"), 2);
+    Interfaces crowded(few, network);
+    crowded.attach(bus, {20, 0});
+    crowded.apply(link(2, "ppp0"));
+    crowded.apply(link(3, "lan0"));
+    crowded.remove(2);
+    crowded.apply(link(4, "ppp1"));
+    crowded.apply(link(5, "ppp0"));
+    EXPECT_EQ(few.idOf("lan0"), 2U);
+    EXPECT_EQ(few.idOf("ppp1"), 3U);
+    EXPECT_EQ(few.idOf("ppp0"), 4U) << "it was forgotten while it was absent";
+}
+
+TEST_F(InterfacesTest, AFullListForgetsNoNameThatStandsFurtherDown) {
+    InterfaceIds few(files.file("few"), 2);
+    EXPECT_EQ(few.idOf("lan0"), 1U);
+    EXPECT_EQ(few.idOf("wan0"), 2U);
+    Interfaces crowded(few, network);
+    crowded.attach(bus, {20, 0});
+    crowded.applyAll({link(2, "new0"), link(3, "wan0"), link(4, "lan0")});
+    EXPECT_EQ(few.idOf("lan0"), 1U);
+    EXPECT_EQ(few.idOf("wan0"), 2U);
+}
+
 TEST_F(InterfacesTest, LoopbackIsNotOffered) {
     interfaces.apply(link(1, "lo", running | IFF_LOOPBACK));
     addresses.apply({1, address("127.0.0.1"), address("127.0.0.1"), 8});
@@ -175,6 +200,37 @@ TEST_F(InterfacesTest, AnAddressWithTwoPrefixesIsOneObject) {
     EXPECT_EQ(told(), (Lines{"address 1 on 1 deleted"}));
     addresses.apply(host);
     EXPECT_EQ(told(), (Lines{"address 2 on 1"}));  // an id is never used again
+}
+
+TEST_F(InterfacesTest, AnAddressOfItsLinkAloneIsKnownButNotOffered) {
+    LinkAddress narrow = lanAddress;
+    narrow.isGlobal = false;
+    addresses.apply(narrow);
+    interfaces.apply(link(2, "lan0"));
+    told();
+    const std::vector<std::uint32_t> lan{2};
+    EXPECT_EQ(addresses.holdersOf(lanAddress.address), lan);
+    addresses.applyAll({narrow});
+    addresses.remove(narrow);
+    EXPECT_EQ(told(), Lines{});
+    EXPECT_TRUE(addresses.holdersOf(lanAddress.address).empty());
+}
+
+TEST_F(InterfacesTest, AnAddressIsOfferedWhileOneOfItsScopesIsGlobal) {
+    interfaces.apply(link(2, "lan0"));
+    told();
+    LinkAddress narrow = lanAddress;
+    narrow.prefixLength = 16;
+    narrow.isGlobal = false;
+    addresses.apply(narrow);
+    addresses.apply(lanAddress);
+    EXPECT_EQ(told(), (Lines{"address 1 on 1"}));
+    addresses.remove(lanAddress);
+    EXPECT_EQ(told(), (Lines{"address 1 on 1 deleted"}));
+    addresses.applyAll({lanAddress, narrow});
+    EXPECT_EQ(told(), (Lines{"address 2 on 1"}));
+    addresses.applyAll({narrow});
+    EXPECT_EQ(told(), (Lines{"address 2 on 1 deleted"}));
 }
 
 TEST_F(InterfacesTest, AddressRecordHoldsWhatIsPromised) {

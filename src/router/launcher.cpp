@@ -2,6 +2,7 @@
 
 #include <signal.h>
 #include <string.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -15,6 +16,7 @@ namespace router {
 namespace {
 
 constexpr const char* gone = "the process that starts programs has ended";
+constexpr const char* processName = "routerd-start";  // the kernel shows 15 characters
 
 /// The launcher's own side. It knows the programs from before, and takes nothing but their numbers.
 class Servant {
@@ -83,6 +85,7 @@ bool Launcher::open(const std::vector<ProgramConfig>& programs, std::string& rea
     if (pid == 0) {
         socket.reset();
         ignoreEnds();
+        (void)::prctl(PR_SET_NAME, processName);  // to be told from the router; it works under any name
         Servant(programs).serve(other.get());
         ::_exit(0);
     }

@@ -7,6 +7,7 @@
 #include "router/buslistener.h"
 #include "router/config.h"
 #include "router/launcher.h"
+#include "router/otherdnat.h"
 #include "router/privileges.h"
 #include "router/router.h"
 #include "tk/fd.h"
@@ -35,29 +36,30 @@ int serve(const std::string& configPath, bool mayBeAbsent) {
     router::Config config;
     std::string reason;
     if (!router::readConfig(configPath, mayBeAbsent, config, reason)) {
-        std::fprintf(stderr, "routerd: %s\n", tk::escapeControls(reason).c_str());
+        tk::log("routerd: ", reason);
         return failed;
     }
     router::Paths paths;
     paths.bus = tk::busPath;
     if (router::BusListener::isServed(paths.bus)) {  // before anything that the other one uses is touched
-        std::fprintf(stderr, "routerd: %s: another router is running\n", paths.bus.c_str());
+        tk::log("routerd: ", paths.bus, ": another router is running");
         return failed;
     }
+    const router::OtherDnat others;  // opens what only root may
     router::OwnProcesses own;
     router::Launcher
         launcher;  // of programs that run as other users, which this process cannot become any more
     const bool drops = config.user && ::geteuid() == 0;
     if (drops) router::runAsRouter(config);
     if (drops && (!launcher.open(config.programs, reason) ||
-                  !router::dropPrivileges(*config.user, paths.bus, reason))) {
-        std::fprintf(stderr, "routerd: %s\n", tk::escapeControls(reason).c_str());
+                  !router::dropPrivileges(*config.user, {paths.busFolder(), paths.stores}, reason))) {
+        tk::log("routerd: ", reason);
         return failed;
     }
     router::Processes& processes = drops ? static_cast<router::Processes&>(launcher) : own;
-    router::Router router(config, paths, processes);
+    router::Router router(config, paths, processes, others);
     if (!router.start(reason)) {
-        std::fprintf(stderr, "routerd: %s\n", tk::escapeControls(reason).c_str());
+        tk::log("routerd: ", reason);
         return failed;
     }
     router.run();

@@ -16,6 +16,9 @@ namespace {
 constexpr std::uint32_t storeRevision = 1;
 constexpr std::size_t pageSize = 1024;
 constexpr std::size_t removedPerNotification = 1024;
+// A transaction has to fit the socket's buffer, which is small where the kernel refuses to make it larger.
+constexpr std::size_t removedPerTransaction = 2048;
+constexpr std::uint32_t retryTicks = 100;  // 1 s
 
 /// The element of a rule in the kernel: none without a rule, or for a disabled one.
 std::vector<NatElement> elementsOf(const NatRule* rule) {
@@ -36,8 +39,8 @@ tk::message deletedRecord(std::uint32_t id) {
 
 }  // namespace
 
-Nat::Nat(const std::string& storePath, const NatPolicy& policy, NatKernel& kernel)
-    : store(storePath, storeRevision), policy(policy), kernel(kernel) {}
+Nat::Nat(const std::string& storePath, const NatPolicy& policy, NatKernel& kernel, std::size_t storedLimit)
+    : store(storePath, storeRevision), policy(policy), storedLimit(storedLimit), kernel(kernel) {}
 
 void Nat::load() {
     for (const auto& [id, record] : store.all()) {
@@ -57,7 +60,29 @@ void Nat::load() {
     }
 }
 
+bool Nat::isInForce(const NatElement& element) const {
+    const NatRule* rule = rules.findMatch(element);
+    return rule && rule->element == element;
+}
+
+void Nat::withdraw() {
+    std::vector<NatElement> left;
+    for (const auto& [id, rule] : rules.all())
+        if (!rule.disabled) left.push_back(rule.element);
+    std::span<const NatElement> rest(left);
+    while (!rest.empty()) {
+        const auto part = rest.first(std::min(rest.size(), removedPerTransaction));
+        rest = rest.subspan(part.size());
+        std::string reason;
+        if (!kernel.commit(part, {}, reason)) return tk::log("nat: the rules cannot be taken out: ", reason);
+    }
+}
+
 tk::message Nat::checkRoom(const NatRule* former, const NatRule& changed) const {
+    if (!former && !changed.dynamic && rules.countStored() >= storedLimit)
+        return tk::errorMsg(tk::error::busy, "there are " + std::to_string(rules.countStored()) +
+                                                 " stored rules already, and " + std::to_string(storedLimit) +
+                                                 " is the most");
     std::size_t total = rules.all().size();
     const std::size_t ofTarget = rules.countTo(changed.element.target);
     if (former && former->element.target == changed.element.target) return {};  // no rule more for anybody
@@ -156,16 +181,41 @@ tk::message Nat::cmdRemoveObj(const tk::message& request) {
 
 tk::message Nat::cmdDisconnected(const tk::Path& client) {
     const std::set<std::uint32_t>& owned = rules.of(client.front());
-    const std::vector<std::uint32_t> ids(owned.begin(), owned.end());
-    std::vector<NatElement> removed;
-    for (const std::uint32_t id : ids)
-        if (const NatRule* rule = rules.find(id); !rule->disabled) removed.push_back(rule->element);
+    if (owned.empty()) return {};
+    orphans.insert(owned.begin(), owned.end());
+    return removeOrphans();
+}
+
+tk::message Nat::removeOrphans() {
     std::string reason;
-    if (!removed.empty() && !kernel.commit(removed, {}, reason))
-        return tk::errorMsg(tk::error::failed, reason);
+    while (!orphans.empty())
+        if (!removeSomeOrphans(reason)) {
+            orphanTimer.arm(retryTicks);
+            return tk::errorMsg(tk::error::failed, reason);
+        }
+    return {};
+}
+
+/// Removes as many as one transaction takes.
+bool Nat::removeSomeOrphans(std::string& reason) {
+    std::vector<std::uint32_t> ids;
+    std::vector<NatElement> removed;
+    auto next = orphans.begin();
+    for (; next != orphans.end() && ids.size() < removedPerTransaction; ++next) {
+        const NatRule* rule = rules.find(*next);
+        if (!rule) continue;  // somebody removed it
+        ids.push_back(*next);
+        if (!rule->disabled) removed.push_back(rule->element);
+    }
+    if (!removed.empty() && !kernel.commit(removed, {}, reason)) return false;
+    orphans.erase(orphans.begin(), next);
     for (const std::uint32_t id : ids) rules.remove(id);
     tellRemoved(ids);
-    return {};
+    return true;
+}
+
+void Nat::retryOrphans() {
+    (void)removeOrphans();  // the refusal was logged when the client left
 }
 
 void Nat::tellRemoved(const std::vector<std::uint32_t>& ids) {
@@ -203,6 +253,7 @@ tk::message Nat::cmdUnknown(const tk::message& received, std::uint32_t command) 
     NatRule rule;
     std::string reason;
     if (!readRule(received, true, rule, reason)) return invalid(reason);
+    rule.dynamic = received.get_bool(tk::field::dynamic);
     return check(nullptr, rule);
 }
 

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -9,6 +11,7 @@
 #include "router/natrules.h"
 #include "tk/handler.h"
 #include "tk/store.h"
+#include "tk/timer.h"
 
 namespace router {
 
@@ -16,15 +19,24 @@ namespace router {
 /// refused it. Dynamic rules belong to the connection that made them and go with it; others are stored.
 class Nat final : public tk::Handler {
 public:
+    static constexpr std::size_t usualStoredLimit = 4096;  // each change writes them all
     /// Answers, with the fields of a new rule, whether that rule would be accepted, and changes nothing.
     static constexpr std::uint32_t testCommand = 2;
 
+    /// `storedLimit` is how many rules may be stored; more that were stored before are loaded all the same.
     /// Lifetime: policy and kernel outlive the handler.
-    Nat(const std::string& storePath, const NatPolicy& policy, NatKernel& kernel);
+    Nat(const std::string& storePath, const NatPolicy& policy, NatKernel& kernel,
+        std::size_t storedLimit = usualStoredLimit);
 
     /// Puts the stored rules into the kernel. One that is refused is kept as disabled in memory, with a log
     /// line; what is stored stays as it is.
     void load();
+
+    /// True when an enabled rule is exactly this one.
+    [[nodiscard]] bool isInForce(const NatElement& element) const;
+    /// Takes all rules out of the kernel, and leaves the store as it is: for the end of the router, when
+    /// nobody can ask for rules any more.
+    void withdraw();
 
     tk::message cmdAddObj(const tk::message& request) override;
     tk::message cmdSetObj(const tk::message& request) override;
@@ -33,7 +45,9 @@ public:
     tk::message cmdGetAll(const tk::message& request) override;
     tk::message cmdGetCount(const tk::message& request) override;
     tk::message cmdUnknown(const tk::message& received, std::uint32_t command) override;
-    /// Removes the dynamic rules of a client in one transaction.
+    /// Removes the dynamic rules of a client. Those that the kernel refuses to take out stay listed, and it
+    /// is asked again each second. What a program makes that comes back under the client's number is not
+    /// among them.
     tk::message cmdDisconnected(const tk::Path& client) override;
 
 private:
@@ -42,12 +56,18 @@ private:
     [[nodiscard]] tk::message check(const NatRule* former, const NatRule& rule) const;
     [[nodiscard]] tk::message apply(const NatRule* former, const NatRule* changed);
     [[nodiscard]] bool stage(const NatRule* former, const NatRule* changed, bool& staged);
+    [[nodiscard]] tk::message removeOrphans();
+    [[nodiscard]] bool removeSomeOrphans(std::string& reason);
+    void retryOrphans();
     void tellRemoved(const std::vector<std::uint32_t>& ids);
 
     tk::Store store;
     const NatPolicy& policy;
+    const std::size_t storedLimit;
     NatKernel& kernel;
     NatRules rules;
+    std::set<std::uint32_t> orphans;  // dynamic rules that outlived their client; some may be gone by now
+    tk::Timer<Nat, &Nat::retryOrphans> orphanTimer{*this};
 };
 
 }  // namespace router

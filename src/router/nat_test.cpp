@@ -6,7 +6,7 @@
 #include "tk/bus.h"
 #include "tk/records.h"
 #include "tk/testing/folder.h"
-#include "tk/testing/scriptedbus.h"
+#include "tk/testing/testloop.h"
 
 namespace router {
 namespace {
@@ -35,7 +35,8 @@ protected:
     std::uint32_t count() { return nat.cmdGetCount({}).get_u32(tk::field::count); }
 
     tk::testing::Folder files;
-    tk::testing::ScriptedBus bus;
+    tk::testing::TestLoop loop;
+    tk::testing::ScriptedBus& bus = loop.bus;
     testing::FakeNetwork network;
     testing::FakeNat kernel;
     Addresses addresses;
@@ -171,6 +172,146 @@ TEST_F(NatTest, DynamicRulesGoWithTheirOwnerInOneTransaction) {
     EXPECT_TRUE(kernel.find("198.51.100.1", 6, 6));
     EXPECT_FALSE(tk::isError(nat.cmdDisconnected({80})));
     EXPECT_EQ(kernel.transactions, before + 1);
+}
+
+TEST_F(NatTest, RulesThatCannotGoWithTheirOwnerAreTriedAgainEachSecond) {
+    add(natRequest(1, "192.0.2.2", 1));
+    add(natRequest(2, "192.0.2.2", 2));
+    kernel.fault = "Cannot allocate memory";
+    std::string text;
+    EXPECT_TRUE(tk::isError(nat.cmdDisconnected({80}), nullptr, &text));
+    EXPECT_EQ(text, kernel.fault);
+    loop.advance(350);
+    EXPECT_EQ(count(), 2U);
+    EXPECT_EQ(kernel.elements.size(), 2U);
+    const int before = kernel.transactions;
+    bus.posted.clear();
+    kernel.fault.clear();
+    loop.advance(49);
+    EXPECT_EQ(count(), 2U);
+    loop.advance(1);
+    EXPECT_EQ(count(), 0U);
+    EXPECT_TRUE(kernel.elements.empty());
+    EXPECT_EQ(kernel.transactions, before + 1);
+    ASSERT_EQ(bus.posted.size(), 1U);
+    EXPECT_EQ(bus.posted.front().size_message_array(tk::field::objects), 2U);
+    loop.advance(1000);
+    EXPECT_EQ(kernel.transactions, before + 1);
+    EXPECT_EQ(loop.looper.runner().timerCount(), 0U);
+}
+
+TEST_F(NatTest, ManyRulesGoWithTheirOwnerInTransactionsOfBoundedSize) {
+    for (std::uint32_t port = 1; port <= 5000; ++port) add(natRequest(port, "192.0.2.2", port));
+    add(natRequest(6000, "192.0.2.2", 6000, 6, {1000}));
+    kernel.largest = 2048;
+    bus.posted.clear();
+    EXPECT_FALSE(tk::isError(nat.cmdDisconnected({80})));
+    EXPECT_EQ(count(), 1U);
+    EXPECT_EQ(kernel.elements.size(), 1U);
+    std::size_t told = 0;
+    for (const tk::message& notification : bus.posted)
+        told += notification.size_message_array(tk::field::objects);
+    EXPECT_EQ(told, 5000U);
+}
+
+TEST_F(NatTest, WhatOneTransactionTookOutStaysOutWhenTheNextIsRefused) {
+    for (std::uint32_t port = 1; port <= 3000; ++port) add(natRequest(port, "192.0.2.2", port));
+    kernel.transactionsLeft = 1;
+    EXPECT_TRUE(tk::isError(nat.cmdDisconnected({80})));
+    EXPECT_EQ(count(), 3000U - 2048U);
+    EXPECT_EQ(kernel.elements.size(), 3000U - 2048U);
+    kernel.transactionsLeft.reset();
+    loop.advance(100);
+    EXPECT_EQ(count(), 0U);
+    EXPECT_TRUE(kernel.elements.empty());
+}
+
+TEST_F(NatTest, WithdrawsAllRulesFromTheKernelAndNoneFromTheStore) {
+    for (std::uint32_t port = 1; port <= 3000; ++port) add(natRequest(port, "192.0.2.2", port));
+    add(lasting(3001));
+    tk::message request = natRequest(3002, "192.0.2.2", 3002);
+    request.insert_bool(tk::field::disabled, true);
+    add(request);
+    kernel.largest = 2048;
+    nat.withdraw();
+    EXPECT_TRUE(kernel.elements.empty());
+    Nat again(files.file("nat"), policy, kernel);
+    again.load();
+    EXPECT_EQ(again.cmdGetCount({}).get_u32(tk::field::count), 1U);
+    EXPECT_TRUE(kernel.find("198.51.100.1", 6, 3001));
+}
+
+TEST_F(NatTest, KnowsExactlyTheEnabledRulesAsInForce) {
+    add(natRequest(80, "192.0.2.2", 8080));
+    EXPECT_TRUE(nat.isInForce({address("198.51.100.1"), 6, 80, address("192.0.2.2"), 8080}));
+    EXPECT_FALSE(nat.isInForce({address("198.51.100.1"), 6, 80, address("192.0.2.2"), 8081}));
+    EXPECT_FALSE(nat.isInForce({address("198.51.100.1"), 17, 80, address("192.0.2.2"), 8080}));
+}
+
+TEST_F(NatTest, StoredRulesAreLimitedAndDynamicOnesAreNot) {
+    Nat small(files.file("few"), policy, kernel, 2);
+    small.attach(bus, {20, 5});
+    EXPECT_FALSE(tk::isError(small.cmdAddObj(lasting(1))));
+    EXPECT_FALSE(tk::isError(small.cmdAddObj(natRequest(10, "192.0.2.2", 10))));
+    const tk::message second = small.cmdAddObj(lasting(2));
+    EXPECT_FALSE(tk::isError(second));
+    std::uint32_t code = 0;
+    std::string text;
+    EXPECT_TRUE(tk::isError(small.cmdAddObj(lasting(3)), &code, &text));
+    EXPECT_EQ(code, tk::error::busy);
+    EXPECT_EQ(text, "there are 2 stored rules already, and 2 is the most");
+    EXPECT_TRUE(tk::isError(small.cmdUnknown(lasting(3), Nat::testCommand), &code));
+    EXPECT_EQ(code, tk::error::busy);
+    EXPECT_FALSE(tk::isError(small.cmdUnknown(natRequest(3, "192.0.2.2", 3), Nat::testCommand)));
+    EXPECT_FALSE(tk::isError(small.cmdAddObj(natRequest(3, "192.0.2.2", 3))));
+    tk::message change = ofId(second.get_u32(tk::field::objectId));
+    change.insert_bool(tk::field::disabled, true);
+    EXPECT_FALSE(tk::isError(small.cmdSetObj(change)));
+    EXPECT_FALSE(tk::isError(small.cmdRemoveObj(change)));
+    EXPECT_FALSE(tk::isError(small.cmdAddObj(lasting(4))));
+}
+
+TEST_F(NatTest, StoredRulesBeyondTheLimitAreLoaded) {
+    for (std::uint32_t port = 1; port <= 3; ++port) add(lasting(port));
+    testing::FakeNat fresh;
+    Nat small(files.file("nat"), policy, fresh, 2);
+    small.load();
+    EXPECT_EQ(fresh.elements.size(), 3U);
+    EXPECT_TRUE(tk::isError(small.cmdAddObj(lasting(4))));
+}
+
+TEST_F(NatTest, AProgramThatComesBackKeepsItsNewRulesWhenTheOldOnesGo) {
+    add(natRequest(1, "192.0.2.2", 1));
+    kernel.fault = "Cannot allocate memory";
+    EXPECT_TRUE(tk::isError(nat.cmdDisconnected({80})));
+    kernel.fault.clear();
+    const std::uint32_t kept = add(natRequest(2, "192.0.2.2", 2));
+    loop.advance(100);
+    EXPECT_EQ(count(), 1U);
+    EXPECT_FALSE(tk::isError(nat.cmdGetObj(ofId(kept))));
+    EXPECT_TRUE(kernel.find("198.51.100.1", 6, 2));
+    EXPECT_FALSE(kernel.find("198.51.100.1", 6, 1));
+}
+
+TEST_F(NatTest, RulesThatOutlivedTheirOwnerAreRemovedAsTheyAreByThen) {
+    const std::uint32_t removed = add(natRequest(1, "192.0.2.2", 1));
+    const std::uint32_t disabled = add(natRequest(2, "192.0.2.2", 2));
+    const std::uint32_t moved = add(natRequest(3, "192.0.2.2", 3));
+    kernel.fault = "Cannot allocate memory";
+    EXPECT_TRUE(tk::isError(nat.cmdDisconnected({80})));
+    kernel.fault.clear();
+    EXPECT_FALSE(tk::isError(nat.cmdRemoveObj(ofId(removed))));
+    tk::message change = ofId(disabled);
+    change.insert_bool(tk::field::disabled, true);
+    EXPECT_FALSE(tk::isError(nat.cmdSetObj(change)));
+    change = ofId(moved);
+    change.insert_u32(9, 4);
+    change.insert_u32(10, 4);
+    EXPECT_FALSE(tk::isError(nat.cmdSetObj(change)));
+    ASSERT_TRUE(kernel.find("198.51.100.1", 6, 4));
+    loop.advance(100);
+    EXPECT_EQ(count(), 0U);
+    EXPECT_TRUE(kernel.elements.empty());
 }
 
 TEST_F(NatTest, OnlyLastingRulesAreStored) {

@@ -85,6 +85,8 @@ bool NatPolicy::allowsRoute(const NatElement& element, const Route& route, std::
     // A default route may come at any time, and would lead there.
     if (route.type == Route::Type::none) return refuse(element, "there is no route to it", reason);
     if (route.isDefault()) return refuse(element, "it is reached over the default route", reason);
+    if (route.interfaces.empty())
+        return refuse(element, "nobody tells which interface it is reached over", reason);
     const std::vector<std::uint32_t> outside = addresses.holdersOf(element.destination);
     for (const std::uint32_t index : route.interfaces)
         if (std::find(outside.begin(), outside.end(), index) != outside.end())

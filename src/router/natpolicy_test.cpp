@@ -46,6 +46,12 @@ constexpr Case cases[] = {
      "target 203.0.113.7 refused: it is reached over the default route"},
     {"HalfOfADefaultRoute", "198.51.100.1", "203.0.113.8",
      "target 203.0.113.8 refused: it is reached over the default route"},
+    {"RouteOfAnUnknownInterface", "198.51.100.1", "203.0.113.10",
+     "target 203.0.113.10 refused: nobody tells which interface it is reached over"},
+    {"NeighbourOnALinkOfItsOwn", "169.254.9.9", "169.254.9.10",
+     "target 169.254.9.10 refused: it is reached over the interface that holds the destination address"},
+    {"TheRouterOnALinkOfItsOwn", "198.51.100.1", "169.254.9.9",
+     "target 169.254.9.9 refused: it is an address of the router itself"},
     {"NoRoute", "198.51.100.1", "203.0.113.9", "target 203.0.113.9 refused: there is no route to it"},
 };
 
@@ -54,6 +60,7 @@ protected:
     NatPolicyTest() {
         addresses.apply({3, address("198.51.100.1"), address("198.51.100.1"), 24});
         addresses.apply({2, address("192.0.2.1"), address("192.0.2.1"), 24});
+        addresses.apply({3, address("169.254.9.9"), address("169.254.9.9"), 16, false});
         network.routes[address("192.0.2.255")] = {Route::Type::broadcast, 32, {2}};
         network.routes[address("203.0.113.5")] = {Route::Type::local, 32, {1}};
         network.routes[address("198.51.100.9")] = {Route::Type::unicast, 24, {3}};
@@ -61,6 +68,8 @@ protected:
         network.routes[address("203.0.113.7")] = {Route::Type::unicast, 0, {4}};
         network.routes[address("203.0.113.8")] = {Route::Type::unicast, 1, {4}};
         network.routes[address("203.0.113.9")] = {};
+        network.routes[address("203.0.113.10")] = {Route::Type::unicast, 24, {}};
+        network.routes[address("169.254.9.10")] = {Route::Type::unicast, 16, {3}};
     }
     testing::FakeNetwork network;
     Addresses addresses;
@@ -99,6 +108,7 @@ TEST_F(ConfiguredNatPolicyTest, InternalPrefixesAreInsideWhereverTheyAreRouted) 
     EXPECT_EQ(answer("203.0.113.7"), "");
     EXPECT_EQ(answer("203.0.113.6"), "");
     EXPECT_EQ(answer("203.0.113.9"), "");
+    EXPECT_EQ(answer("203.0.113.10"), "");
     EXPECT_EQ(answer("203.0.113.5"), "target 203.0.113.5 refused: it is an address of the router itself");
     EXPECT_EQ(
         answer("198.51.100.9"),

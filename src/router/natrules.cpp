@@ -35,7 +35,9 @@ void NatRules::put(const NatRule& rule) {
     rules[rule.id] = rule;
     ++targets[rule.element.target];
     if (!rule.disabled) enabled[keyOf(rule.element)] = rule.id;
-    if (rule.dynamic) owned[rule.owner].insert(rule.id);
+    if (!rule.dynamic) return;
+    owned[rule.owner].insert(rule.id);
+    ++dynamicRules;
 }
 
 void NatRules::remove(std::uint32_t id) {
@@ -47,6 +49,7 @@ void NatRules::remove(std::uint32_t id) {
         const auto ids = owned.find(rule.owner);
         ids->second.erase(id);
         if (ids->second.empty()) owned.erase(ids);
+        --dynamicRules;
     }
     if (--targets[rule.element.target] == 0) targets.erase(rule.element.target);
     rules.erase(found);

@@ -26,6 +26,8 @@ public:
 
     /// How many rules lead to an address, whatever their kind. Byte order: network.
     std::size_t countTo(std::uint32_t target) const;
+    /// How many rules are not dynamic, and so are stored.
+    std::size_t countStored() const { return rules.size() - dynamicRules; }
 
     [[nodiscard]] std::uint32_t newId() { return ++lastId; }
     /// Adds a rule, or replaces the one of its id.
@@ -42,6 +44,7 @@ private:
     std::unordered_map<MatchKey, std::uint32_t> enabled;
     std::unordered_map<std::uint32_t, std::set<std::uint32_t>> owned;
     std::unordered_map<std::uint32_t, std::size_t> targets;
+    std::size_t dynamicRules = 0;
     std::uint32_t lastId = 0;
 };
 

@@ -69,10 +69,21 @@ bool NetlinkSocket::open(int family, std::uint32_t groups) {
     return false;
 }
 
+std::uint32_t NetlinkSocket::port() const {
+    sockaddr_nl address{};
+    socklen_t length = sizeof address;
+    if (::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &length) != 0) return 0;
+    return address.nl_pid;
+}
+
 void NetlinkSocket::setBuffers(int sendSize, int receiveSize) {
-    // A refusal leaves the default, which serves all but the largest transactions.
-    (void)::setsockopt(socket.get(), SOL_SOCKET, SO_SNDBUFFORCE, &sendSize, sizeof sendSize);
-    (void)::setsockopt(socket.get(), SOL_SOCKET, SO_RCVBUFFORCE, &receiveSize, sizeof receiveSize);
+    const auto set = [this](int force, int option, int size) {
+        if (::setsockopt(socket.get(), SOL_SOCKET, force, &size, sizeof size) == 0) return;
+        // In a container: as much as the system allows to anybody, or the default.
+        (void)::setsockopt(socket.get(), SOL_SOCKET, option, &size, sizeof size);
+    };
+    set(SO_SNDBUFFORCE, SO_SNDBUF, sendSize);
+    set(SO_RCVBUFFORCE, SO_RCVBUF, receiveSize);
 }
 
 bool NetlinkSocket::send(const void* bytes, std::size_t size) {

@@ -16,6 +16,7 @@ struct NetlinkResult {
     int error = 0;     // an errno value, 0 when the kernel agreed
     std::string text;  // why not, for people: the system's text, and the kernel's own where it gave one
     bool interrupted = false;  // the list changed while it was dumped
+    bool unanswered = false;   // the answer was lost: what was asked for may have been done
 
     bool ok() const { return error == 0; }
 };
@@ -35,9 +36,11 @@ public:
 
     int descriptor() const { return socket.get(); }
     bool isOpen() const { return socket.isOpen(); }
+    /// The address that the kernel knows the socket by, which its notifications name; 0 when it has none.
+    std::uint32_t port() const;
     /// Sequence numbers begin at 1: notifications carry 0.
     std::uint32_t nextSequence() { return ++sequence; }
-    /// Sets the socket's buffers. Units: bytes.
+    /// Sets the socket's buffers, as large as the system allows at most. Units: bytes.
     void setBuffers(int send, int receive);
 
     /// Sends a request and calls `visit` with each message of its answer, up to the acknowledgement or the

@@ -37,6 +37,7 @@ struct LinkAddress {
     std::uint32_t address = 0;  // the router's own, also on a point-to-point link
     std::uint32_t peer = 0;     // the other end on a point-to-point link, else the same
     std::uint8_t prefixLength = 0;
+    bool isGlobal = true;  // false for one that has a meaning on its link or host alone
 
     auto operator<=>(const LinkAddress&) const = default;
 };
@@ -48,10 +49,14 @@ struct Route {
 
     Type type = Type::none;
     std::uint8_t prefixLength = 0;          // of the route that matches
-    std::vector<std::uint32_t> interfaces;  // indexes; several with a multipath route
+    std::vector<std::uint32_t> interfaces;  // indexes; several with a multipath route, none if unknown
+    std::uint32_t nextHop = 0;  // the id of the object that says where it leads; 0: the route does
 
-    /// True for a default route, also one that is split in two halves so as to win over another one.
-    bool isDefault() const { return type == Type::unicast && prefixLength <= 1; }
+    /// True for the prefix of a default route, also of one that is split in two halves so as to win over
+    /// another one.
+    static constexpr bool isDefaultPrefix(std::uint8_t length) { return length <= 1; }
+    /// True for a default route.
+    bool isDefault() const { return type == Type::unicast && isDefaultPrefix(prefixLength); }
 };
 
 /// What the services ask of the kernel about interfaces, addresses and routes. Replaced by a fake in tests.
@@ -62,7 +67,8 @@ public:
     [[nodiscard]] virtual bool readLink(std::uint32_t index, Link& out, std::string& reason) = 0;
     /// Sets an interface up or down. Errors: false, with the kernel's text in `reason`.
     [[nodiscard]] virtual bool setLinkUp(std::uint32_t index, bool up, std::string& reason) = 0;
-    /// Looks up where packets to `address` (network order) go.
+    /// Looks up where packets to `address` (network order) go. The interfaces of a route that leads somewhere
+    /// are empty only where the kernel does not tell them.
     [[nodiscard]] virtual Route routeTo(std::uint32_t address) = 0;
 };
 

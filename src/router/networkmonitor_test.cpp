@@ -9,6 +9,7 @@
 #include "router/testing/fakekernel.h"
 #include "router/testing/testhub.h"
 #include "tk/bus.h"
+#include "tk/clock.h"
 #include "tk/testing/folder.h"
 #include "tk/testing/privatenetwork.h"
 #include "tk/testing/scriptedbus.h"
@@ -42,6 +43,13 @@ protected:
     void settle() {
         for (int i = 0; i < 50; ++i) loop.looper.turn(0);
     }
+    /// Serves what the kernel tells until the interface is running, or is not, for at most ten seconds: the
+    /// kernel finds out about a link in its own time, which is behind the end of the command that changed it.
+    bool becomesRunning(const std::string& name, bool running) {
+        const std::uint64_t limit = realClock.now() + 10000;
+        while (recordOf(name).get_bool(0x1000E) != running && realClock.now() < limit) loop.looper.turn(10);
+        return recordOf(name).get_bool(0x1000E) == running;
+    }
     tk::message recordOf(const std::string& name) {
         const tk::message list = interfaces.cmdGetAll({});
         for (const tk::message& record : list.get_message_array(tk::field::objects))
@@ -57,6 +65,7 @@ protected:
     }
     using Texts = std::vector<std::string>;
 
+    tk::SystemClock realClock;
     testing::TestHub loop;
     tk::testing::ScriptedBus bus;
     tk::testing::Folder files;
@@ -80,10 +89,9 @@ TEST_F(NetworkMonitorTest, FollowsTheStatus) {
     shell("ip link set lan0 up && ip link set far0 up");
     settle();
     EXPECT_FALSE(recordOf("lan0").get_bool(tk::field::disabled));
-    EXPECT_TRUE(recordOf("lan0").get_bool(0x1000E));
+    EXPECT_TRUE(becomesRunning("lan0", true));
     shell("ip link set far0 down");
-    settle();
-    EXPECT_FALSE(recordOf("lan0").get_bool(0x1000E));
+    EXPECT_TRUE(becomesRunning("lan0", false));
 }
 
 TEST_F(NetworkMonitorTest, FollowsAddresses) {
@@ -92,6 +100,11 @@ TEST_F(NetworkMonitorTest, FollowsAddresses) {
         "ip addr add 192.0.2.7 peer 203.0.113.7 dev lan0 && ip addr add 203.0.113.9/32 scope link dev lan0");
     settle();
     EXPECT_EQ(addressesOf(lan), (Texts{"192.0.2.1", "192.0.2.7"}));
+    EXPECT_EQ(addresses.holdersOf(testing::address("203.0.113.9")),
+              (std::vector<std::uint32_t>{recordOf("lan0").get_u32(0x10004)}));
+    shell("ip addr del 203.0.113.9/32 dev lan0");
+    settle();
+    EXPECT_TRUE(addresses.holdersOf(testing::address("203.0.113.9")).empty());
     shell("ip addr del 192.0.2.1/24 dev lan0");
     settle();
     EXPECT_EQ(addressesOf(lan), (Texts{"192.0.2.7"}));
@@ -192,6 +205,38 @@ TEST_F(NetworkMonitorTest, LooksUpRoutesOfSeveralPaths) {
     EXPECT_EQ(route.prefixLength, 24);
     EXPECT_EQ(route.interfaces, (std::vector<std::uint32_t>{recordOf("lan0").get_u32(0x10004),
                                                             recordOf("wan0").get_u32(0x10004)}));
+}
+
+TEST_F(NetworkMonitorTest, LooksUpRoutesByNextHopObjects) {
+    bool failed = false;
+    testing::run("sysctl -qw net.ipv4.nexthop_compat_mode=0 2>&1", failed);
+    if (failed) GTEST_SKIP() << "this kernel has no nexthop objects";
+    shell("ip link add wan0 type veth peer name far1 && ip addr add 198.51.100.1/24 dev wan0");
+    shell("for i in lan0 far0 wan0 far1; do ip link set $i up; done");
+    shell("ip nexthop add id 5 via 192.0.2.254 dev lan0 && ip nexthop add id 6 via 198.51.100.254 dev wan0");
+    shell("ip nexthop add id 7 group 5/6 && ip nexthop add id 8 blackhole");
+    shell("ip route add 203.0.113.0/26 nhid 6 && ip route add 203.0.113.64/26 nhid 7");
+    shell("ip route add 203.0.113.128/26 nhid 8");
+    settle();
+    const std::uint32_t lan = recordOf("lan0").get_u32(0x10004);
+    const std::uint32_t wan = recordOf("wan0").get_u32(0x10004);
+    for (const char* mode : {"0", "1"}) {  // the ids alone, or what older programs understand as well
+        shell(std::string("sysctl -qw net.ipv4.nexthop_compat_mode=") + mode);
+        const auto routeTo = [this](const char* text) { return kernel.routeTo(testing::address(text)); };
+        EXPECT_EQ(routeTo("203.0.113.1").interfaces, (std::vector<std::uint32_t>{wan})) << mode;
+        EXPECT_EQ(routeTo("203.0.113.65").interfaces, (std::vector<std::uint32_t>{lan, wan})) << mode;
+        EXPECT_EQ(routeTo("203.0.113.129").type, Route::Type::none) << mode;
+    }
+    shell("ip nexthop flush");
+}
+
+TEST_F(NetworkMonitorTest, RoutesThatLeadNowhereAreNone) {
+    shell("ip link set lan0 up && ip link set far0 up && ip route add default via 192.0.2.254");
+    for (const char* kind : {"unreachable", "blackhole", "prohibit"}) {
+        shell(std::string("ip route replace ") + kind + " 203.0.113.0/24");
+        EXPECT_EQ(kernel.routeTo(testing::address("203.0.113.1")).type, Route::Type::none) << kind;
+    }
+    shell("ip route del 203.0.113.0/24");
 }
 
 }  // namespace

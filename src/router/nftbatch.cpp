@@ -50,16 +50,28 @@ NetlinkResult NftBatch::commit() {
         // An error of the transaction as a whole carries the number of its first message.
         finished = finished || message.nlmsg_seq == lastSequence || message.nlmsg_seq == firstSequence;
     };
-    while (!finished) switch (socket.receive(answerMilliseconds, take)) {
+    int lossError = 0;
+    bool isReading = true;
+    // Behind a loss is read what still waits: an error may be among it, and room is needed for what comes.
+    while (isReading && !finished) switch (socket.receive(lossError == 0 ? answerMilliseconds : 0, take)) {
             case NetlinkSocket::Received::datagram:
                 break;
-            case NetlinkSocket::Received::nothing:
-                return netlinkFailure(ETIMEDOUT);
             case NetlinkSocket::Received::lost:
-                return first.ok() ? netlinkFailure(ENOBUFS) : first;
+                lossError = ENOBUFS;
+                break;
+            case NetlinkSocket::Received::nothing:
+                if (lossError == 0) lossError = ETIMEDOUT;
+                isReading = false;
+                break;
             case NetlinkSocket::Received::failed:
-                return netlinkFailure(errno);
+                lossError = errno;
+                isReading = false;
+                break;
         }
+    // One error is enough to know that nothing was done; success is known only when no error can be missing.
+    if (lossError == 0 || !first.ok()) return first;
+    first = netlinkFailure(lossError);
+    first.unanswered = true;
     return first;
 }
 

@@ -21,6 +21,7 @@ public:
     /// Appends a message for the ip family. `fill` writes its attributes, at most maximumMessage bytes.
     void add(std::uint16_t type, std::uint16_t flags, const Fill& fill);
     /// Sends the transaction, and waits for the kernel to commit or refuse it. The first error counts.
+    /// Without an answer the result says so: the kernel may have committed.
     [[nodiscard]] NetlinkResult commit();
 
     static constexpr std::size_t maximumMessage = 128UL * 1024;

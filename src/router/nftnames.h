@@ -6,12 +6,12 @@ namespace router::nft {
 constexpr const char* table = "tk";
 constexpr const char* map = "dstnat";
 constexpr const char* hairpin = "hairpin";
+constexpr const char* uplinks = "uplinks";
 constexpr const char* prerouting = "prerouting";
 constexpr const char* postrouting = "postrouting";
 
 // Of the guard.
 constexpr const char* guarded = "guarded";
-constexpr const char* uplinks = "uplinks";
 constexpr const char* searches = "searches";
 constexpr const char* requests = "requests";
 constexpr const char* connections = "connections";

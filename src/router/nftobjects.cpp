@@ -33,8 +33,8 @@ constexpr std::uint32_t hairpinKeyType = typeInterface << typeBits | typeInterfa
 
 constexpr std::uint32_t mapNumber = 1;  // of the sets within their transaction
 constexpr std::uint32_t hairpinNumber = 2;
-constexpr std::uint32_t usersNumber = 3;
-constexpr std::uint32_t uplinksNumber = 4;
+constexpr std::uint32_t uplinksNumber = 3;
+constexpr std::uint32_t usersNumber = 4;
 constexpr std::uint32_t searchesNumber = 5;
 constexpr std::uint32_t requestsNumber = 6;
 constexpr std::uint32_t connectionsNumber = 7;
@@ -208,9 +208,9 @@ void changeNumbers(NftBatch& batch, bool isAddition, const char* name,
 
 }  // namespace
 
-void removeTable(NftBatch& batch) {
+void removeTable(NftBatch& batch, bool owned) {
     // To remove what may be absent, it is first made sure that it is there.
-    addTable(batch, 0);
+    addTable(batch, owned ? ownerFlag : 0);
     const Table table = makeTable(0);
     batch.add(NFT_MSG_DELTABLE, 0,
               [&table](nlmsghdr& message) { nftnl_table_nlmsg_build_payload(&message, table.get()); });
@@ -220,6 +220,7 @@ void createTable(NftBatch& batch, bool owned) {
     addTable(batch, owned ? ownerFlag : 0);
     addMap(batch);
     addHairpinSet(batch);
+    addNumberSet(batch, nft::uplinks, uplinksNumber, typeInterface);
     addChain(batch, nft::prerouting, "nat", NF_INET_PRE_ROUTING, priorityDstnat);
     addChain(batch, nft::postrouting, "nat", NF_INET_POST_ROUTING, prioritySrcnat);
     addTranslation(batch);
@@ -229,7 +230,6 @@ void createTable(NftBatch& batch, bool owned) {
 void createGuard(NftBatch& batch, const GuardConfig& config) {
     if (config.limitsConnections) {
         addNumberSet(batch, nft::guarded, usersNumber, typeUser);
-        addNumberSet(batch, nft::uplinks, uplinksNumber, typeInterface);
         addChain(batch, nft::output, "filter", NF_INET_LOCAL_OUT, priorityFilter);
         addConnectionGuard(batch);
     }

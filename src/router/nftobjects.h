@@ -16,21 +16,21 @@ namespace router {
 //         flags owner
 //         map dstnat { type ipv4_addr . inet_proto . inet_service : ipv4_addr . inet_service }
 //         set hairpin { type iface_index . iface_index }
+//         set uplinks { type iface_index }
 //         chain prerouting {
 //             type nat hook prerouting priority dstnat
 //             dnat ip to ip daddr . meta l4proto . th dport map @dstnat
 //         }
 //         chain postrouting {
 //             type nat hook postrouting priority srcnat
-//             ct status dnat iif . oif @hairpin ct original ip daddr . meta l4proto . ct original proto-dst
-//             @dstnat masquerade
+//             ct status dnat iif . oif @hairpin oif != @uplinks ct original ip daddr . meta l4proto .
+//             ct original proto-dst @dstnat masquerade
 //         }
 //     }
 //
 // and, for the guard, what the configuration asks for of
 //
 //         set guarded { type uid }
-//         set uplinks { type iface_index }
 //         chain output {
 //             type filter hook output priority filter
 //             tcp flags syn / fin,syn,rst,ack meta skuid @guarded fib daddr type local reject with tcp reset
@@ -46,9 +46,12 @@ namespace router {
 //
 // The second chain is for a host that reaches another one of its own network by the router's external
 // address: the answer must come back through the router. The set holds each interface paired with itself.
+// Where a default route leads out no such host is: when its own network is down, the packets to a rule's
+// target may be routed there, and the router must not lend its address to what comes from outside and goes
+// back there.
 
-/// Appends the removal of the table, whether it is there or not.
-void removeTable(NftBatch& batch);
+/// Appends the removal of the table, whether it is there or not; `owned` when it is the socket's own.
+void removeTable(NftBatch& batch, bool owned);
 /// Appends the table with everything in it but elements.
 void createTable(NftBatch& batch, bool owned);
 /// Appends what the guard needs in the table, but no element.

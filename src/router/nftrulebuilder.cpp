@@ -122,6 +122,13 @@ void NftRuleBuilder::lookUp(const char* set) {
     nftnl_expr_set_u32(lookup, NFTNL_EXPR_LOOKUP_SREG, firstPart);
 }
 
+void NftRuleBuilder::isNotIn(const char* set) {
+    nftnl_expr* lookup = add("lookup");
+    nftnl_expr_set_str(lookup, NFTNL_EXPR_LOOKUP_SET, set);
+    nftnl_expr_set_u32(lookup, NFTNL_EXPR_LOOKUP_SREG, firstPart);
+    nftnl_expr_set_u32(lookup, NFTNL_EXPR_LOOKUP_FLAGS, NFT_LOOKUP_F_INV);
+}
+
 void NftRuleBuilder::addToSet(const char* set, std::uint32_t setNumber, std::uint64_t timeoutMilliseconds,
                               nftnl_expr* condition) {
     payload(NFT_PAYLOAD_NETWORK_HEADER, offsetof(iphdr, saddr), sizeof(std::uint32_t), firstPart);

@@ -43,6 +43,8 @@ public:
     void isTo(std::uint8_t protocol, std::uint16_t port);
     /// Goes on only when the set has what the registers hold.
     void lookUp(const char* set);
+    /// Goes on only when the set does not have it.
+    void isNotIn(const char* set);
     /// Goes on only when the packet's source sent more than `rate` packets a second. The set remembers the
     /// sources.
     void exceedsRate(const char* set, std::uint32_t setNumber, std::uint32_t rate);

@@ -31,6 +31,8 @@ void addHairpinReturn(NftBatch& batch) {
     rule.meta(NFT_META_IIF, NftRuleBuilder::firstPart);
     rule.meta(NFT_META_OIF, NftRuleBuilder::secondPart);
     rule.lookUp(nft::hairpin);
+    rule.meta(NFT_META_OIF, NftRuleBuilder::firstPart);
+    rule.isNotIn(nft::uplinks);
     rule.original(NFT_CT_DST_IP, NftRuleBuilder::firstPart);
     rule.meta(NFT_META_L4PROTO, NftRuleBuilder::secondPart);
     rule.original(NFT_CT_PROTO_DST, NftRuleBuilder::thirdPart);

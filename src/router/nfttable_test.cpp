@@ -2,13 +2,20 @@
 
 #include "router/nfttable.h"
 
+#include <linux/netlink.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <memory>
+#include <set>
 
 #include <gtest/gtest.h>
 
 #include "router/testing/commands.h"
 #include "router/testing/fakekernel.h"
 #include "tk/testing/privatenetwork.h"
+#include "tk/testing/testloop.h"
 
 namespace router {
 namespace {
@@ -23,6 +30,8 @@ class NftTableTest : public ::testing::Test {
 protected:
     void SetUp() override {
         if (!tk::testing::enterPrivateNetwork()) GTEST_SKIP() << "needs root";
+        descriptor = ::dup(STDOUT_FILENO);  // the lowest that is free, as the table's socket will be
+        ::close(descriptor);
         std::string reason;
         ASSERT_TRUE(table->open(reason)) << reason;
     }
@@ -42,6 +51,32 @@ protected:
         return start == std::string::npos ? "" : text.substr(start, text.find('}', start) + 1 - start);
     }
 
+    /// Lets the kernel find no room for the answer to the next transaction.
+    void fillSocket() const {
+        const int size = 4096;
+        ASSERT_EQ(::setsockopt(descriptor, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size), 0);
+        const nlmsghdr idle{sizeof idle, NLMSG_NOOP, NLM_F_REQUEST | NLM_F_ACK, 0, 0};
+        for (int i = 0; i < 1000; ++i)
+            ASSERT_EQ(::send(descriptor, &idle, sizeof idle, 0), static_cast<ssize_t>(sizeof idle));
+    }
+    /// Bounds what can be sent in one transaction.
+    void limitSending(int bytes) const {
+        ASSERT_EQ(::setsockopt(descriptor, SOL_SOCKET, SO_SNDBUFFORCE, &bytes, sizeof bytes), 0);
+    }
+    /// As many interfaces as do not fit one transaction where the least that there is can be sent.
+    static std::set<std::uint32_t> manyIndexes() {
+        std::set<std::uint32_t> many;
+        for (std::uint32_t index = 1; index <= 1000; ++index) many.insert(index);
+        return many;
+    }
+    /// The table's first line, with its number: that of another table is another.
+    static std::string identity() {
+        const std::string text = nft("-a list table ip tk");
+        return text.substr(0, text.find('\n'));
+    }
+
+    tk::testing::TestLoop loop;
+    int descriptor = -1;
     std::unique_ptr<NftTable> table = std::make_unique<NftTable>();
 };
 
@@ -52,7 +87,7 @@ TEST_F(NftTableTest, IsWhatItIsMeantToBe) {
           "type nat hook prerouting priority dstnat; policy accept;",
           "dnat ip to ip daddr . meta l4proto . th dport map @dstnat",
           "type nat hook postrouting priority srcnat; policy accept;",
-          "ct status dnat iif . oif @hairpin masquerade"})
+          "ct status dnat iif . oif @hairpin oif != @uplinks masquerade"})
         EXPECT_NE(text.find(line), std::string::npos) << line << " is not in\n" << text;
     EXPECT_TRUE(table->isOwned());
 }
@@ -129,6 +164,8 @@ class PlainNftTableTest : public NftTableTest {
 protected:
     void SetUp() override {
         if (!tk::testing::enterPrivateNetwork()) GTEST_SKIP() << "needs root";
+        descriptor = ::dup(STDOUT_FILENO);
+        ::close(descriptor);
         std::string reason;
         ASSERT_TRUE(table->open(reason, NftTable::Kind::plain)) << reason;
     }
@@ -154,6 +191,73 @@ TEST_F(PlainNftTableTest, IsMadeAnewWithTheNextChangeWhenSomebodyFlushedIt) {
     EXPECT_EQ(nft("list tables"), "table ip tk\n");
 }
 
+TEST_F(NftTableTest, AChangeWhoseAnswerIsLostIsMadeOnce) {
+    EXPECT_EQ(commit({}, {element(80)}), "");
+    const std::string before = identity();
+    fillSocket();
+    EXPECT_EQ(commit({element(80)}, {element(81)}), "");
+    EXPECT_NE(identity(), before);
+    EXPECT_TRUE(table->isOwned());
+    EXPECT_NE(nft("list table ip tk").find("flags owner"), std::string::npos);
+    EXPECT_EQ(mapText(), "elements = { 198.51.100.1 . tcp . 81 : 192.0.2.2 . 8080 }");
+    EXPECT_EQ(commit({element(81)}, {}), "");
+    EXPECT_EQ(mapText(), "");
+}
+
+TEST_F(NftTableTest, WhatWasRefusedForWantOfAnAnswerIsNotThereASecondLater) {
+    table->setUplinks(manyIndexes());
+    limitSending(1);  // the least that there is, too little to make the table anew at once
+    fillSocket();
+    EXPECT_EQ(commit({}, {element(80)}), "Message too long");
+    limitSending(1024 * 1024);
+    loop.advance(99);
+    EXPECT_NE(mapText().find(". 80 :"), std::string::npos);  // the kernel had done it
+    loop.advance(1);
+    EXPECT_EQ(mapText(), "");
+    EXPECT_EQ(commit({}, {element(80)}), "");
+}
+
+TEST_F(NftTableTest, ARefusalWhoseAnswerIsLostIsStillARefusal) {
+    EXPECT_EQ(commit({}, {element(80)}), "");
+    fillSocket();
+    EXPECT_EQ(commit({}, {element(81), element(80)}), "File exists");
+    EXPECT_EQ(mapText(), "elements = { 198.51.100.1 . tcp . 80 : 192.0.2.2 . 8080 }");
+}
+
+TEST_F(NftTableTest, AnUplinkWhoseAnswerIsLostIsThereOnce) {
+    table->setUplinks({1});
+    fillSocket();
+    table->setUplinks({});
+    EXPECT_EQ(nft("list set ip tk uplinks").find("elements"), std::string::npos);
+    table->setUplinks({1});
+    EXPECT_NE(nft("list set ip tk uplinks").find("elements = { \"lo\" }"), std::string::npos);
+}
+
+TEST_F(NftTableTest, UplinksAndUsersThatTheKernelRefusesAreSetASecondLater) {
+    limitSending(1);
+    table->setUplinks(manyIndexes());
+    table->guardUser(64001);
+    limitSending(1024 * 1024);
+    EXPECT_EQ(nft("list set ip tk uplinks").find("elements"), std::string::npos);
+    loop.advance(100);
+    EXPECT_NE(nft("list set ip tk uplinks").find("\"lo\", 2,"), std::string::npos);
+    EXPECT_NE(nft("list set ip tk guarded").find("elements = { 64001 }"), std::string::npos);
+    table->setUplinks({1});
+    EXPECT_NE(nft("list set ip tk uplinks").find("elements = { \"lo\" }"), std::string::npos);
+    EXPECT_TRUE(table->isOwned());
+}
+
+TEST_F(NftTableTest, AHairpinThatTheKernelRefusesIsThereASecondLater) {
+    table->setUplinks(manyIndexes());
+    limitSending(1);
+    fillSocket();
+    table->interfaceAdded(1, 7);
+    limitSending(1024 * 1024);
+    table->interfaceAdded(1, 7);
+    loop.advance(100);
+    EXPECT_NE(nft("list set ip tk hairpin").find("\"lo\" . \"lo\""), std::string::npos);
+}
+
 TEST_F(NftTableTest, GuardsUsersAndUplinks) {
     EXPECT_EQ(nft("list set ip tk guarded").find("elements"), std::string::npos);
     table->guardUser(64001);
@@ -168,6 +272,18 @@ TEST_F(NftTableTest, GuardsUsersAndUplinks) {
          {"tcp flags syn / fin,syn,rst,ack meta skuid @guarded fib daddr type local reject with tcp reset",
           "tcp flags syn / fin,syn,rst,ack meta skuid @guarded oif @uplinks reject with tcp reset"})
         EXPECT_NE(text.find(line), std::string::npos) << line << " is not in\n" << text;
+}
+
+TEST_F(PlainNftTableTest, IsMadeAnewInPartsWhereItDoesNotFitOneTransaction) {
+    Elements many;
+    for (std::uint16_t port = 1000; port < 4000; ++port) many.push_back(element(port));
+    EXPECT_EQ(commit({}, many), "");
+    limitSending(16384);
+    EXPECT_EQ(nft("flush ruleset"), "");
+    EXPECT_EQ(commit({}, {element(80)}), "");
+    const std::string text = mapText();
+    EXPECT_EQ(std::count(text.begin(), text.end(), ':'), 3001);
+    EXPECT_EQ(commit({many.front(), many.back()}, {}), "");
 }
 
 TEST_F(PlainNftTableTest, TheGuardIsMadeAnewToo) {
@@ -191,6 +307,9 @@ TEST(NftTableLimits, AreRulesOfTheInputChain) {
                              "ct count over 50 } reject with tcp reset"})
         EXPECT_NE(text.find(line), std::string::npos) << line << " is not in\n" << text;
     EXPECT_EQ(text.find("skuid"), std::string::npos);
+    table.setUplinks({1});
+    EXPECT_NE(testing::run("nft list set ip tk uplinks", failed).find("elements = { \"lo\" }"),
+              std::string::npos);
 }
 
 }  // namespace

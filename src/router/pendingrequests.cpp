@@ -3,20 +3,10 @@
 #include <iterator>
 #include <utility>
 
+#include "tk/bus.h"
 #include "tk/names.h"
 
 namespace router {
-
-namespace {
-
-tk::message routingOf(const tk::message& request) {
-    tk::message routing;
-    for (const tk::message::Field& field : request.fields())
-        if (field.id >= tk::field::destination && field.id <= tk::field::command) routing.insert(field);
-    return routing;
-}
-
-}  // namespace
 
 PendingRequests::Added PendingRequests::add(std::uint32_t requester, std::uint32_t callee,
                                             const tk::message& request) {
@@ -24,7 +14,7 @@ PendingRequests::Added PendingRequests::add(std::uint32_t requester, std::uint32
     if (entries.contains(key)) return Added::duplicate;
     const auto count = counts.find(requester);
     if (count != counts.end() && count->second >= limitPerPeer) return Added::full;
-    entries.emplace(key, Entry{callee, routingOf(request), round});
+    entries.emplace(key, Entry{callee, tk::routingOf(request), round});
     byCallee.emplace(callee, key);
     ++counts[requester];
     return Added::yes;

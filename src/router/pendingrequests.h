@@ -38,6 +38,9 @@ public:
     /// Forgets what `requester` waits for.
     void dropOfRequester(std::uint32_t requester);
 
+    /// True when `requester` waits for something.
+    bool hasOf(std::uint32_t requester) const { return counts.contains(requester); }
+
     std::size_t size() const { return entries.size(); }
 
 private:

@@ -4,10 +4,10 @@
 #include <grp.h>
 #include <linux/capability.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "router/handover.h"
 #include "tk/log.h"
 
 namespace router {
@@ -33,13 +33,6 @@ bool keepNetAdmin() {
     return ::syscall(SYS_capset, &header, data) == 0;
 }
 
-/// The folder must be the user's, who makes the socket in it and removes it at the end.
-bool giveFolder(const std::string& busPath, const Account& account) {
-    const std::string folder = busPath.substr(0, busPath.rfind('/'));
-    if (::mkdir(folder.c_str(), 0755) != 0 && errno != EEXIST) return false;
-    return ::lchown(folder.c_str(), account.uid, account.gid) == 0;
-}
-
 bool fail(const char* what, std::string& reason) {
     reason = std::string(what) + ": " + tk::errorText();
     return false;
@@ -47,11 +40,12 @@ bool fail(const char* what, std::string& reason) {
 
 }  // namespace
 
-bool dropPrivileges(const Account& account, const std::string& busPath, std::string& reason) {
+bool dropPrivileges(const Account& account, const std::vector<std::string>& folders, std::string& reason) {
     if (::geteuid() != 0) return true;
     Account wanted = account;
     if (const group* bus = ::getgrnam("tk")) wanted.groups.push_back(bus->gr_gid);
-    if (!giveFolder(busPath, account)) return fail("the folder of the bus", reason);
+    for (const std::string& folder : folders)
+        if (!handOver(folder, account)) return fail(("folder " + folder).c_str(), reason);
     if (!limitCapabilities()) return fail("the capabilities cannot be limited", reason);
     if (::prctl(PR_SET_KEEPCAPS, 1, 0, 0, 0) != 0 || !becomeAccount(wanted))
         return fail(("user " + account.name).c_str(), reason);

@@ -14,7 +14,8 @@ pid_t OwnProcesses::start(const ProgramConfig& program, tk::Fd& process, std::st
     const pid_t pid = spawn(program);
     if (pid > 0) process.reset(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
     if (pid > 0 && process.isOpen()) return pid;
-    reason = program.command.front() + ": " + tk::errorText();
+    const std::string error = tk::errorText();
+    reason = commandOf(program).front() + ": " + error;
     if (pid > 0) {
         ::kill(-pid, SIGKILL);
         (void)::waitpid(pid, nullptr, 0);

@@ -2,6 +2,7 @@
 
 #include <time.h>
 
+#include "router/leftoverflows.h"
 #include "tk/log.h"
 #include "tk/names.h"
 
@@ -9,7 +10,7 @@ namespace router {
 
 namespace {
 
-constexpr std::uint64_t farewellMilliseconds = 5000;  // for started programs to end in
+constexpr std::uint64_t farewellMilliseconds = 5000;  // for started programs to end in, and then for flows
 
 std::uint64_t secondsSince1970() {
     return static_cast<std::uint64_t>(::time(nullptr));
@@ -17,8 +18,9 @@ std::uint64_t secondsSince1970() {
 
 }  // namespace
 
-Router::Router(const Config& config, const Paths& paths, Processes& processes)
+Router::Router(const Config& config, const Paths& paths, Processes& processes, const OtherDnat& others)
     : paths(paths),
+      others(others),
       programs(config.programs),
       looper(clock, hub, tk::program::network),
       table(config.guard),
@@ -58,6 +60,7 @@ bool Router::start(std::string& reason) {
     for (const ProgramConfig& program : programs)
         if (program.user) programComes(program.number, program.user->uid);
     nat.load();
+    LeftoverFlows().end([this](const NatElement& element) { return nat.isInForce(element); }, others);
     if (!listener.open(paths.bus, reason)) return false;
     tk::log("routerd: serving ", paths.bus);
     activation.startConfigured();
@@ -67,9 +70,16 @@ bool Router::start(std::string& reason) {
 void Router::run() {
     looper.run();
     activation.endAll();
+    turnWhile([this] { return activation.isRunning(); });
+    // The rules that are left go before the table does, or their flows would go on without them.
+    hub.close();
+    nat.withdraw();
+    turnWhile([this] { return flows.isPending(); });
+}
+
+void Router::turnWhile(const std::function<bool()>& condition) {
     const std::uint64_t limit = clock.now() + farewellMilliseconds;
-    while ((activation.isRunning() || flows.isPending()) && clock.now() < limit)
-        looper.turn(static_cast<int>(limit - clock.now()));
+    while (condition() && clock.now() < limit) looper.turn(static_cast<int>(limit - clock.now()));
 }
 
 void Router::programComes(std::uint32_t program, uid_t user) {
@@ -81,6 +91,10 @@ void Router::programEnded(std::uint32_t program, const std::string& how, bool ha
     std::string reason = "the program " + how + " before it came to the bus";
     // A program that left of its own accord is started again for what arrived after it had left the bus.
     if (hadRegistered && hub.awaits(program) && activation.start(program, reason)) return;
+    hub.programFailed(program, reason);
+}
+
+void Router::startFailed(std::uint32_t program, const std::string& reason) {
     hub.programFailed(program, reason);
 }
 

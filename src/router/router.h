@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,7 @@
 #include "router/natpolicy.h"
 #include "router/networkmonitor.h"
 #include "router/nfttable.h"
+#include "router/otherdnat.h"
 #include "router/rtnetlink.h"
 #include "router/uplinks.h"
 #include "tk/clock.h"
@@ -29,28 +31,35 @@ namespace router {
 struct Paths {
     std::string bus;
     std::string machineId = "/etc/machine-id";
-    std::string stores = "/tesk/store";
+    std::string stores = "/tesk/router";  // not the daemon's: what it writes must not become rules
+
+    std::string busFolder() const { return bus.substr(0, bus.rfind('/')); }
 };
 
 /// The whole of routerd: the hub, the services around it, and the programs that it starts.
 class Router final : private Activation::Owner, private ProgramWatcher {
 public:
-    /// Lifetime: the processes outlive the router.
-    Router(const Config& config, const Paths& paths, Processes& processes);
+    /// Lifetime: the processes and what is known of others outlive the router.
+    Router(const Config& config, const Paths& paths, Processes& processes, const OtherDnat& others);
     Router(const Router&) = delete;
     Router& operator=(const Router&) = delete;
     ~Router() override;
 
     /// Makes everything ready, and opens the bus last. Errors: false, with the reason in `reason`.
     [[nodiscard]] bool start(std::string& reason);
-    /// Serves until SIGTERM or SIGINT; then ends the programs that were started, while it still serves them.
+    /// Serves until SIGTERM or SIGINT; then ends the programs that were started, while it still serves them,
+    /// and after them the flows of all rules.
     void run();
 
 private:
     void programComes(std::uint32_t program, uid_t user) override;
     void programEnded(std::uint32_t program, const std::string& how, bool hadRegistered) override;
+    void startFailed(std::uint32_t program, const std::string& reason) override;
+    void turnWhile(const std::function<bool()>& condition);
+    bool isAwaited(std::uint32_t program) const override { return hub.awaits(program); }
 
     Paths paths;
+    const OtherDnat& others;
     std::vector<ProgramConfig> programs;
     tk::SystemClock clock;
     Hub hub;

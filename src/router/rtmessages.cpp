@@ -1,6 +1,7 @@
 #include "router/rtmessages.h"
 
 #include <linux/if_link.h>
+#include <linux/nexthop.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <string.h>
@@ -27,6 +28,12 @@ constexpr AttributeRule addressRules[] = {
 constexpr AttributeRule routeRules[] = {
     {RTA_OIF, MNL_TYPE_U32, 0},
     {RTA_MULTIPATH, MNL_TYPE_UNSPEC, sizeof(rtnexthop)},
+    {RTA_NH_ID, MNL_TYPE_U32, 0},
+};
+
+constexpr AttributeRule nextHopRules[] = {
+    {NHA_OIF, MNL_TYPE_U32, 0},
+    {NHA_GROUP, MNL_TYPE_UNSPEC, sizeof(nexthop_grp)},
 };
 
 LinkCounters countersOf(const NetlinkAttributes& attributes) {
@@ -102,12 +109,13 @@ std::optional<Link> parseLink(const nlmsghdr& message) {
 std::optional<LinkAddress> parseAddress(const nlmsghdr& message) {
     if (mnl_nlmsg_get_payload_len(&message) < sizeof(ifaddrmsg)) return std::nullopt;
     const auto* header = static_cast<const ifaddrmsg*>(mnl_nlmsg_get_payload(&message));
-    if (header->ifa_family != AF_INET || header->ifa_scope != RT_SCOPE_UNIVERSE) return std::nullopt;
+    if (header->ifa_family != AF_INET) return std::nullopt;
     const NetlinkAttributes attributes(message, sizeof *header, addressRules);
     const std::uint32_t peer = attributes.u32(IFA_ADDRESS);
     const std::uint32_t local = attributes.u32(IFA_LOCAL, peer);
     if (local == 0) return std::nullopt;
-    return LinkAddress{header->ifa_index, local, peer, header->ifa_prefixlen};
+    const bool isGlobal = header->ifa_scope == RT_SCOPE_UNIVERSE;
+    return LinkAddress{header->ifa_index, local, peer, header->ifa_prefixlen, isGlobal};
 }
 
 Route parseRoute(const nlmsghdr& message) {
@@ -119,7 +127,26 @@ Route parseRoute(const nlmsghdr& message) {
     const NetlinkAttributes attributes(message, sizeof *header, routeRules);
     if (attributes.find(RTA_OIF)) route.interfaces.push_back(attributes.u32(RTA_OIF));
     if (const nlattr* hops = attributes.find(RTA_MULTIPATH)) addNextHops(hops, route.interfaces);
+    route.nextHop = attributes.u32(RTA_NH_ID);
     return route;
+}
+
+bool isOfDefaultRoute(const nlmsghdr& message) {
+    if (mnl_nlmsg_get_payload_len(&message) < sizeof(rtmsg)) return false;
+    return Route::isDefaultPrefix(static_cast<const rtmsg*>(mnl_nlmsg_get_payload(&message))->rtm_dst_len);
+}
+
+NextHop parseNextHop(const nlmsghdr& message) {
+    NextHop hop;
+    if (mnl_nlmsg_get_payload_len(&message) < sizeof(nhmsg)) return hop;
+    const NetlinkAttributes attributes(message, sizeof(nhmsg), nextHopRules);
+    hop.interface = attributes.u32(NHA_OIF);
+    const nlattr* group = attributes.find(NHA_GROUP);
+    if (!group) return hop;
+    const auto* member = static_cast<const nexthop_grp*>(mnl_attr_get_payload(group));
+    const std::size_t count = mnl_attr_get_payload_len(group) / sizeof *member;
+    for (std::size_t i = 0; i < count; ++i) hop.members.push_back(member[i].id);
+    return hop;
 }
 
 }  // namespace router

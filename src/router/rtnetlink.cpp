@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <libmnl/libmnl.h>
+#include <linux/nexthop.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 
@@ -74,7 +75,34 @@ Route RtNetlink::routeTo(std::uint32_t address) {
     Route route;
     const NetlinkResult result =
         socket.exchange(request.get(), [&route](const nlmsghdr& message) { route = parseRoute(message); });
-    return result.ok() ? route : Route{};
+    if (!result.ok()) return {};
+    // Older programs are shown where the object leads; the kernel can be set to leave that out.
+    if (route.nextHop == 0 || !route.interfaces.empty()) return route;
+    std::set<std::uint32_t> interfaces;
+    std::string reason;
+    if (addInterfacesOf(route.nextHop, interfaces, reason))
+        route.interfaces.assign(interfaces.begin(), interfaces.end());
+    return route;
+}
+
+bool RtNetlink::readNextHop(std::uint32_t id, NextHop& out, std::string& reason) {
+    Request<nhmsg> request(RTM_GETNEXTHOP);
+    mnl_attr_put_u32(&request.get(), NHA_ID, id);
+    const NetlinkResult result =
+        socket.exchange(request.get(), [&out](const nlmsghdr& message) { out = parseNextHop(message); });
+    return result.error == ENOENT || result.error == EOPNOTSUPP || accept(result, reason);
+}
+
+bool RtNetlink::addInterfacesOf(std::uint32_t nextHop, std::set<std::uint32_t>& out, std::string& reason) {
+    NextHop hop;
+    if (!readNextHop(nextHop, hop, reason)) return false;
+    if (hop.interface != 0) out.insert(hop.interface);
+    for (const std::uint32_t id : hop.members) {  // which are no groups
+        NextHop member;
+        if (!readNextHop(id, member, reason)) return false;
+        if (member.interface != 0) out.insert(member.interface);
+    }
+    return true;
 }
 
 bool RtNetlink::readLinks(std::vector<Link>& out, std::string& reason) {
@@ -94,18 +122,6 @@ bool RtNetlink::readAddresses(std::vector<LinkAddress>& out, std::string& reason
         request.get(), [&out] { out.clear(); },
         [&out](const nlmsghdr& message) {
             if (const auto address = parseAddress(message)) out.push_back(*address);
-        });
-    return accept(result, reason);
-}
-
-bool RtNetlink::readUplinks(std::set<std::uint32_t>& out, std::string& reason) {
-    Request<rtmsg> request(RTM_GETROUTE);
-    request->rtm_family = AF_INET;
-    const NetlinkResult result = socket.dump(
-        request.get(), [&out] { out.clear(); },
-        [&out](const nlmsghdr& message) {
-            const Route route = parseRoute(message);
-            if (route.isDefault()) out.insert(route.interfaces.begin(), route.interfaces.end());
         });
     return accept(result, reason);
 }

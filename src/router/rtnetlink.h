@@ -9,6 +9,8 @@
 
 namespace router {
 
+struct NextHop;
+
 /// The kernel's interfaces, addresses and routes over rtnetlink: requests that are answered at once.
 class RtNetlink final : public NetworkKernel {
 public:
@@ -19,14 +21,18 @@ public:
     [[nodiscard]] bool setLinkUp(std::uint32_t index, bool up, std::string& reason) override;
     [[nodiscard]] Route routeTo(std::uint32_t address) override;
 
-    /// Reads all interfaces, or all IPv4 addresses of global scope. Errors: false, with the reason in
-    /// `reason`.
+    /// Adds the indexes of the interfaces that a nexthop object leads out of: none for one that is no more,
+    /// and none with a kernel that has no such objects. Errors: false, with the reason in `reason`.
+    [[nodiscard]] bool addInterfacesOf(std::uint32_t nextHop, std::set<std::uint32_t>& out,
+                                       std::string& reason);
+
+    /// Reads all interfaces, or all IPv4 addresses. Errors: false, with the reason in `reason`.
     [[nodiscard]] bool readLinks(std::vector<Link>& out, std::string& reason);
     [[nodiscard]] bool readAddresses(std::vector<LinkAddress>& out, std::string& reason);
-    /// Reads the indexes of the interfaces that some IPv4 default route leads out of, in whichever table.
-    [[nodiscard]] bool readUplinks(std::set<std::uint32_t>& out, std::string& reason);
 
 private:
+    [[nodiscard]] bool readNextHop(std::uint32_t id, NextHop& out, std::string& reason);
+
     NetlinkSocket socket;
 };
 

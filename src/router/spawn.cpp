@@ -6,14 +6,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <string>
-#include <vector>
-
 #include "tk/fd.h"
 
 namespace router {
 
 namespace {
+
+constexpr const char* usualManager = "/usr/bin/systemctl";
+constexpr const char* otherManager = "/bin/systemctl";  // where /usr is no part of the root
 
 /// The child's side: system calls alone, for nothing else is sure to work behind a fork.
 [[noreturn]] void become(const ProgramConfig& program, char* const* arguments, int report) {
@@ -32,8 +32,14 @@ namespace {
 
 }  // namespace
 
+std::vector<std::string> commandOf(const ProgramConfig& program) {
+    if (program.unit.empty()) return program.command;
+    const bool isUsual = ::access(usualManager, X_OK) == 0;
+    return {isUsual ? usualManager : otherManager, "start", "--no-block", program.unit};
+}
+
 pid_t spawn(const ProgramConfig& program) {
-    std::vector<std::string> words = program.command;
+    std::vector<std::string> words = commandOf(program);
     std::vector<char*> arguments;
     arguments.reserve(words.size() + 1);
     for (std::string& word : words) arguments.push_back(word.data());

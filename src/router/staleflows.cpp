@@ -1,16 +1,18 @@
 #include "router/staleflows.h"
 
-#include <netinet/in.h>
-
 #include <algorithm>
 
 namespace router {
 
 namespace {
 
-/// True when the flow leads to the target. The kernel picks the port itself where the rule says 0.
 bool leadsTo(const Flow& flow, const std::pair<std::uint32_t, std::uint16_t>& target) {
-    return flow.target == target.first && (flow.targetPort == target.second || target.second == 0);
+    return flow.target == target.first && flow.targetPort == target.second;
+}
+
+/// True for an established connection that leads where it was sent to: the router's own.
+bool isOwn(const Flow& flow) {
+    return flow.isEstablished && leadsTo(flow, {flow.destination, flow.port});
 }
 
 }  // namespace
@@ -35,7 +37,7 @@ bool StaleFlows::contains(const Flow& flow) const {
     if (change.present && leadsTo(flow, *change.present)) return false;
     const bool followedARule = std::any_of(change.former.begin(), change.former.end(),
                                            [&flow](const Target& target) { return leadsTo(flow, target); });
-    return followedARule || (change.present && !flow.isEstablished);
+    return followedARule || (change.present && !isOwn(flow));
 }
 
 FlowSelection StaleFlows::selection() const {

@@ -18,7 +18,7 @@ NatElement element(const char* target, std::uint16_t targetPort = 8080, std::uin
 
 Flow flow(const char* target, std::uint16_t targetPort = 8080, bool isEstablished = true,
           std::uint8_t protocol = tcp) {
-    return {protocol, address("198.51.100.1"), 80, address(target), targetPort, isEstablished, {}};
+    return {protocol, address("198.51.100.1"), 80, address(target), targetPort, isEstablished, false, {}};
 }
 
 class StaleFlowsTest : public ::testing::Test {
@@ -54,6 +54,13 @@ TEST_F(StaleFlowsTest, AnEstablishedConnectionToTheRouterStaysWhenItsPortIsMappe
     EXPECT_TRUE(flows.contains(flow("198.51.100.1", 80, false)));
 }
 
+TEST_F(StaleFlowsTest, AnEstablishedConnectionThatLedElsewhereBeforeItsPortIsMappedGoes) {
+    note({}, {element("192.0.2.2")});
+    EXPECT_TRUE(flows.contains(flow("192.0.2.3")));
+    EXPECT_TRUE(flows.contains(flow("192.0.2.2", 8081)));
+    EXPECT_TRUE(flows.contains(flow("198.51.100.1", 8080)));  // another port of the router
+}
+
 TEST_F(StaleFlowsTest, ARuleThatComesBackKeepsItsFlows) {
     note({element("192.0.2.2")}, {});
     note({}, {element("192.0.2.2")});
@@ -69,9 +76,10 @@ TEST_F(StaleFlowsTest, TheLastOfSeveralChangesCounts) {
     EXPECT_FALSE(flows.contains(flow("198.51.100.1", 80, false)));
 }
 
-TEST_F(StaleFlowsTest, TargetPortZeroIsAnyPort) {
+TEST_F(StaleFlowsTest, TargetPortZeroIsAPortLikeAnyOther) {
     note({element("192.0.2.2", 0)}, {});
-    EXPECT_TRUE(flows.contains(flow("192.0.2.2", 4711)));
+    EXPECT_TRUE(flows.contains(flow("192.0.2.2", 0)));
+    EXPECT_FALSE(flows.contains(flow("192.0.2.2", 4711)));
 }
 
 TEST_F(StaleFlowsTest, SelectsWhatItsChangesHaveInCommon) {

@@ -1,8 +1,11 @@
 #include "router/uplinks.h"
 
 #include <libmnl/libmnl.h>
+#include <linux/nexthop.h>
 #include <linux/rtnetlink.h>
 
+#include <algorithm>
+#include <set>
 #include <utility>
 
 #include "router/rtmessages.h"
@@ -16,52 +19,128 @@ constexpr int receiveBytes = 1024 * 1024;
 constexpr int datagramsPerTurn = 256;
 constexpr std::uint32_t delayTicks = 1;    // 10 ms: a route that moves is a series of notifications
 constexpr std::uint32_t retryTicks = 100;  // 1 s
+// All routes of a large router are some hundred milliseconds' work. So readings keep a distance, and together
+// take a small share of the time only.
+constexpr int distanceFactor = 10;
 
-/// True when default routes may be others now. The kernel does not tell of the routes that go with an
-/// interface or an address.
-bool mayConcern(const nlmsghdr& message) {
-    switch (message.nlmsg_type) {
-        case RTM_NEWROUTE:
-        case RTM_DELROUTE:
-            return parseRoute(message).isDefault();
-        default:
-            return true;
-    }
+constexpr std::uint32_t groupOf(unsigned number) {
+    return 1U << (number - 1);
+}
+// A kernel without nexthop objects leaves out the group that it does not know.
+constexpr std::uint32_t groups = groupOf(RTNLGRP_IPV4_ROUTE) | groupOf(RTNLGRP_LINK) |
+                                 groupOf(RTNLGRP_IPV4_IFADDR) | groupOf(RTNLGRP_NEXTHOP);
+
+void add(DefaultExits& all, const DefaultExits& more) {
+    all.interfaces.insert(more.interfaces.begin(), more.interfaces.end());
+    all.nextHops.insert(more.nextHops.begin(), more.nextHops.end());
 }
 
 }  // namespace
 
 bool Uplinks::start(std::string& reason) {
-    if (!events.open(NETLINK_ROUTE, RTMGRP_IPV4_ROUTE | RTMGRP_LINK | RTMGRP_IPV4_IFADDR)) {
+    if (!events.open(NETLINK_ROUTE, groups)) {
         reason = "rtnetlink: " + tk::errorText();
         return false;
     }
     events.setBuffers(receiveBytes, receiveBytes);
+    if (!routes.open(reason)) return false;
     watch.start<Uplinks, &Uplinks::ready>(events.descriptor(), *this, tk::readable);
-    read();
+    routes.begin();
+    routes.complete();
     return true;
 }
 
 void Uplinks::ready(int, std::uint32_t) {
-    bool concerns = false;
     for (int i = 0; i < datagramsPerTurn; ++i) {
-        const auto result = events.receive(
-            0, [&concerns](const nlmsghdr& message) { concerns = concerns || mayConcern(message); });
+        const auto result = events.receive(0, [this](const nlmsghdr& message) { take(message); });
         if (result == NetlinkSocket::Received::nothing) break;
-        concerns = concerns || result != NetlinkSocket::Received::datagram;  // what was lost may concern it
+        if (result != NetlinkSocket::Received::datagram) note();  // what was lost may concern it
         if (result == NetlinkSocket::Received::failed) break;
     }
-    if (concerns && !std::exchange(isDue, true)) delay.arm(delayTicks);
+    if (std::exchange(isNews, false) && !tell()) retryLater();
+}
+
+void Uplinks::take(const nlmsghdr& message) {
+    switch (message.nlmsg_type) {
+        case RTM_NEWROUTE:
+            if (isOfDefaultRoute(message)) hear(parseRoute(message));
+            return;
+        case RTM_DELROUTE:
+            if (isOfDefaultRoute(message)) note();
+            return;
+        case RTM_NEWNEXTHOP:
+            isNews = isNews || !known.nextHops.empty();
+            return;
+        case RTM_NEWADDR:
+            return;  // takes no route away
+        default:
+            return note();  // the kernel does not tell of the routes that go with an interface or an address
+    }
+}
+
+void Uplinks::hear(const Route& route) {
+    heard.add(route);
+    known.add(route);
+    isNews = true;
+    note();  // it may have taken another one's place
+}
+
+/// Has everything read again, when the present reading is over.
+void Uplinks::note() {
+    if (!std::exchange(isDue, true) && !routes.isBusy()) schedule(delayTicks);
+}
+
+/// Begins the next reading after `ticks`, and not before the distance to the last one is kept.
+void Uplinks::schedule(std::uint32_t ticks) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(restEnd - std::chrono::steady_clock::now());
+    const auto restTicks =
+        static_cast<std::uint32_t>(std::max<std::int64_t>(left.count(), 0) / tk::tickMilliseconds);
+    delay.arm(std::max(ticks, restTicks));
+}
+
+void Uplinks::retryLater() {
+    isDue = true;
+    schedule(retryTicks);
 }
 
 void Uplinks::read() {
+    if (routes.isBusy()) return;  // what is due comes behind it
     isDue = false;
-    std::set<std::uint32_t> indexes;
-    std::string reason;
-    if (kernel.readUplinks(indexes, reason)) return table.setUplinks(indexes);
+    heard = {};
+    routes.begin();
+}
+
+void Uplinks::keepDistance() {
+    restEnd = std::chrono::steady_clock::now() + routes.cost() * distanceFactor;
+}
+
+void Uplinks::defaultRoutesRead(const DefaultExits& exits, bool isComplete) {
+    keepDistance();
+    isDue = isDue || !isComplete;
+    if (isComplete) known = std::exchange(heard, {});
+    add(known, exits);
+    if (!tell()) return retryLater();
+    if (isDue) schedule(delayTicks);
+}
+
+void Uplinks::defaultRoutesUnread(const std::string& reason) {
+    keepDistance();
     tk::log("guard: routes cannot be read: ", reason);
-    isDue = true;
-    delay.arm(retryTicks);
+    retryLater();
+}
+
+/// Errors: false; the guard is as it was.
+bool Uplinks::tell() {
+    std::set<std::uint32_t> indexes = known.interfaces;
+    std::string reason;
+    for (const std::uint32_t id : known.nextHops)
+        if (!kernel.addInterfacesOf(id, indexes, reason)) {
+            tk::log("guard: nexthop ", id, " cannot be read: ", reason);
+            return false;
+        }
+    table.setUplinks(indexes);
+    return true;
 }
 
 }  // namespace router

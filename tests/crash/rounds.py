@@ -11,17 +11,20 @@ sys.path += [str(FOLDER.parent / name) for name in (".", "router", "resolver")]
 
 import labs  # noqa: E402
 import nameserver  # noqa: E402
+import uplink  # noqa: E402
 from beliefs import Beliefs, Contradiction, Held, Key, State  # noqa: E402
 from disturbances import CHOICES, PEERS, Router  # noqa: E402
-from workload import (EXTERNALS, OWN_ADDRESSES, STORED, TARGET_PORTS, ControlPoint, EventSink, Greeter,  # noqa: E402
-                      RuleMaker, Rules, add_mapping, delete_mapping, list_mappings, sid_in, status_of, subscribe,
-                      subscription)
+from workload import (EXTERNALS, OWN_ADDRESSES, STORED, TARGET_PORTS, ControlPoint, DatagramGreeter,  # noqa: E402
+                      EventSink, Flow, Greeter, RuleMaker, Rules, add_mapping, delete_mapping, list_mappings, sid_in,
+                      status_of, subscribe, subscription)
 
 RECOVERY_SECONDS = 2  # from the restart until a new mapping passes packets
 WATCHER = "192.0.2.4"  # a second address of lan2, which subscribes after each round
 ELEMENT = re.compile(r"([\d.]+) \. (tcp|udp|6|17) \. (\d+) : ([\d.]+) \. (\d+)")
 PROTOCOLS = {"6": "tcp", "17": "udp"}
 PROBE_PORTS = 4000
+FLOWS = 8  # that are kept from round to round
+FLOW_SECONDS = 1  # in which flows follow the rules
 
 
 class World:
@@ -31,9 +34,9 @@ class World:
         self.seed = seed
         self.lab = labs.Lab(directory)
         self.beliefs, self.sids, self.rules = Beliefs(), {}, Rules()
-        self.listeners = []
+        self.listeners, self.flows = [], []
         self.figures = {"rounds": 0, "requests": 0, "answered": 0, "refused": 0, "unanswered": 0, "subscriptions": 0,
-                        "compared": 0, "in several states": 0, "elements": 0}
+                        "compared": 0, "in several states": 0, "elements": 0, "flows": 0, "flows ended": 0}
         self.disturbances = collections.Counter()
         self.recoveries = []
 
@@ -44,10 +47,11 @@ class World:
         nameserver.replace(lab, "resolv.conf", f"nameserver {labs.WAN}\n")
         lab.lan2.run("ip", "address", "add", f"{WATCHER}/24", "dev", "eth0")
         for host in (lab.lan1, lab.lan2):
-            self.listeners += [Greeter(host, port) for port in TARGET_PORTS]
+            self.listeners += [kind(host, port) for port in TARGET_PORTS for kind in (Greeter, DatagramGreeter)]
         self.sinks = {host.name: EventSink(host) for host in (lab.lan1, lab.lan2)}
         self.watcher = EventSink(lab.lan2, 5001)
         self.listeners += [*self.sinks.values(), self.watcher]
+        uplink.masquerade(lab)
         self.router = Router(lab, self.beliefs)
         self.router.start_routerd()
         self.router.items = {name: int(lab.tkctl("upnp", "interface", "add", name, kind).stdout)
@@ -63,8 +67,8 @@ class World:
     def down(self):
         if self.rules.client:
             self.rules.client.socket.close()
-        for listener in self.listeners:
-            listener.close()
+        for used in [*self.flows, *self.listeners]:
+            used.close()
         self.lab.down()
 
     def play(self, number):
@@ -163,7 +167,7 @@ class World:
     # Reckoning
 
     def running(self):
-        return {name: self.router.processes(name) for name in ("routerd", "upnpd")}
+        return {name: self.router.processes(name) for name in ("routerd", "routerd-start", "upnpd")}
 
     def what_lasts(self):
         """What is the same after every crash."""
@@ -187,6 +191,8 @@ class World:
         self.figures["compared"] += compared
         self.figures["in several states"] += several
         self.pass_packets(present, chance)
+        self.follow_flows(present)
+        self.begin_flows(present, chance)
         self.subscribe_anew(sum(key.place == "wan0" for key in present))
         for name, sink in {**self.sinks, "watcher": self.watcher}.items():
             twice = [told for told, count in sink.counts.items() if count > 1]
@@ -248,6 +254,36 @@ class World:
             found = self.reached(key, self.router.addresses["wan0"])
             assert found is None, f"{key} has no mapping, but leads to {found}"
 
+    def follow_flows(self, present):
+        """Flows of former rounds go where the rules lead now, and nowhere where there is none."""
+        for flow in list(self.flows):
+            if self.router.addresses[flow.key.place] != flow.address:
+                continue  # nothing reaches the router there
+            state = present.get(flow.key)
+            leads = state and state.enabled and state.destination == flow.address
+            expected = f"{state.target}:{state.targetPort}" if leads else None
+            found = []
+            try:
+                labs.eventually(lambda: found.append(flow.reaches()) or found[-1] == expected, seconds=FLOW_SECONDS)
+            except AssertionError:
+                raise AssertionError(f"a flow to {flow.key} goes to {found[-1]}, not to {expected}") from None
+            self.figures["flows"] += 1
+            if expected is None:
+                self.figures["flows ended"] += 1
+                self.flows.remove(flow)
+                flow.close()
+
+    def begin_flows(self, present, chance):
+        """Begins flows through mappings that have none yet."""
+        known = {(flow.key, flow.address) for flow in self.flows}
+        fresh = sorted(key for key, state in present.items() if key.protocol == "udp" and state.enabled
+                       and state.destination == self.router.addresses.get(key.place)
+                       and (key, state.destination) not in known)
+        for key in chance.sample(fresh, min(len(fresh), max(FLOWS - len(self.flows), 0))):
+            flow = Flow(getattr(self.lab, PEERS[key.place][0]), key, present[key].destination)
+            self.flows.append(flow)
+            assert flow.reaches(), f"nobody answers at {key}"
+
     def subscribe_anew(self, count):
         """A subscriber whose name must be asked for hears the number of mappings that there are."""
         interface = self.interfaces["wan0"]
@@ -289,6 +325,7 @@ def summary(world, seconds):
         f"requests for mappings: {figures['requests']}, done {figures['answered']}, refused {figures['refused']}, "
         f"unanswered {figures['unanswered']}; of subscribers: {figures['subscriptions']}",
         f"mappings compared: {figures['compared']}, of which {figures['in several states']} could be in several states; "
-        f"elements in the kernel: {figures['elements']}",
+        f"elements in the kernel: {figures['elements']}; flows followed: {figures['flows']}, of which ended "
+        f"{figures['flows ended']}",
         f"from the restart to packets: median {recoveries[len(recoveries) // 2]:.2f} s, longest {recoveries[-1]:.2f} s",
     ])

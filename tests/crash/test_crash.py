@@ -73,6 +73,19 @@ def test_an_element_too_many_or_too_few_is_seen(world):
             world.compare_kernel(told)
 
 
+def test_a_flow_that_goes_on_without_a_rule_is_seen(world):
+    address = world.router.addresses["wan0"]
+    world.lab.router.run("nft", "add table ip other; "
+                                "add chain ip other in { type nat hook prerouting priority -110; }; "
+                                f"add rule ip other in ip daddr {address} udp dport 1999 dnat to 192.0.2.2:8000")
+    flow = rounds.Flow(world.lab.wan, rounds.Key("wan0", 1999, "udp"), address)
+    world.flows.append(flow)
+    fails(world, "goes to 192.0.2.2:8000, not to None")
+    world.flows.remove(flow)
+    flow.close()
+    world.lab.router.run("nft", "delete", "table", "ip", "other")
+
+
 def test_a_daemon_that_does_not_recover_is_seen(world):
     number, = world.router.processes("upnpd")
     os.kill(number, signal.SIGSTOP)

@@ -135,6 +135,55 @@ class Greeter(Listener):
         connection.sendall(f"{self.host.address}:{self.port}".encode())
 
 
+class DatagramGreeter:
+    """Tells each sender of a datagram which host and port it has reached."""
+
+    def __init__(self, host, port):
+        self.host, self.port = host, port
+        self.socket = host.datagrams(port)
+        self.socket.settimeout(0.5)
+        self.ended = threading.Event()
+        self.thread = threading.Thread(target=self.answer, daemon=True)
+        self.thread.start()
+
+    def answer(self):
+        while not self.ended.is_set():
+            try:
+                text, sender = self.socket.recvfrom(100)
+                self.socket.sendto(text + f" {self.host.address}:{self.port}".encode(), sender)
+            except OSError:  # nothing came, or there is no way back to whoever sent it
+                continue
+
+    def close(self):
+        self.ended.set()
+        self.thread.join(2 * ANSWER_SECONDS)
+        self.socket.close()
+
+
+class Flow:
+    """Datagrams from one port outside to a mapped port, from round to round."""
+
+    def __init__(self, host, key, address):
+        self.key, self.address = key, address
+        self.socket = host.datagrams()
+        self.socket.settimeout(0.2)
+
+    def reaches(self):
+        """Who answers a datagram of now, if anybody does."""
+        text = b"%d" % time.monotonic_ns()
+        try:
+            self.socket.sendto(text, (self.address, self.key.port))
+            while True:
+                told, _, place = self.socket.recv(100).partition(b" ")
+                if told == text:
+                    return place.decode()
+        except OSError:
+            return None
+
+    def close(self):
+        self.socket.close()
+
+
 class EventSink(Listener):
     """Takes the notifications of a host."""
 

@@ -77,10 +77,10 @@ class BusError(Exception):
 class Client:
     """One connection to the bus of a lab's router."""
 
-    def __init__(self, lab, seconds=10):
+    def __init__(self, lab, seconds=10, path=None):
         self.socket = socket.socket(socket.AF_UNIX)
         self.socket.settimeout(seconds)
-        self.socket.connect(str(lab.root / "run" / "tk" / "bus"))
+        self.socket.connect(str(path or lab.root / "run" / "tk" / "bus"))
         self.received = bytearray()
         self.number = 0
         self.notifications = []

@@ -1,12 +1,16 @@
-"""Users that exist on a lab's router alone: its /etc/passwd and /etc/group are replaced in its mount namespace."""
+"""The users of a lab's router, and what they are and may do there."""
+import contextlib
 import os
+import pathlib
+import subprocess
 
+import busclient
 import labs
 
-DAEMON, OTHER = "upnpd-test", "other-test"
-IDS = {DAEMON: 64001, OTHER: 64002}
+ROUTER, DAEMON, OTHER = "routerd", "upnpd", "resolverd"  # the last two are in the group tk
+IDS = {ROUTER: 64001, DAEMON: 64002, OTHER: 64003}
 GROUP = 64000
-PROGRAM = "/tesk/bin/upnpd"  # a copy, for a user cannot reach every folder that the programs may be built in
+PROGRAM = "/tesk/bin/upnpd"  # a copy, where every user can reach it
 
 # The daemon runs as a user of its own, whom the guard is for.
 DAEMON_AS_ITSELF = f"""
@@ -22,19 +26,6 @@ writes = ["20,0", "20,5"]
 """
 
 
-def add_users(lab):
-    """Two users, both in the group tk, and a daemon that they can run."""
-    lab.router.run("install", "-D", labs.BIN / "upnpd", PROGRAM)
-    passwd, group = lab.directory / "passwd", lab.directory / "group"
-    text = open("/etc/passwd", encoding="utf-8").read().rstrip("\n") + "\n"
-    passwd.write_text(text + "".join(f"{name}:x:{uid}:{uid}::/:/bin/false\n" for name, uid in IDS.items()))
-    lines = [line for line in open("/etc/group", encoding="utf-8").read().splitlines() if not line.startswith("tk:")]
-    group.write_text("\n".join([*lines, f"tk:x:{GROUP}:{DAEMON},{OTHER}", ""]))
-    for path, target in ((passwd, "/etc/passwd"), (group, "/etc/group")):
-        os.chmod(path, 0o644)
-        lab.router.run("mount", "--bind", path, target)
-
-
 def configure(lab, text):
     """Writes a configuration file and returns the arguments that name it."""
     path = lab.directory / "router.toml"
@@ -46,3 +37,28 @@ def configure(lab, text):
 def run_as(lab, user, *words, check=False):
     return lab.router.run("setpriv", "--reuid", IDS[user], "--regid", IDS[user], "--groups", GROUP, "--inh-caps=-all",
                           *words, check=check)
+
+
+def connect_as(lab, user, count):
+    """Connections to the bus that are the user's, for all that the kernel knows."""
+    with contextlib.ExitStack() as home:
+        # Root alone finds the way into the router's root; from within its folder the socket is everybody's to reach.
+        home.callback(os.chdir, os.getcwd())
+        os.chdir(lab.root / "run" / "tk")
+        home.callback(os.setegid, os.getegid())
+        os.setegid(GROUP)
+        home.callback(os.seteuid, os.geteuid())
+        os.seteuid(IDS[user])
+        return [busclient.Client(lab, path="bus") for _ in range(count)]
+
+
+def processes(lab, name):
+    """The numbers of the router's processes of that name."""
+    there = subprocess.run(["ip", "netns", "pids", f"gw-{lab.name}-router"], capture_output=True, text=True, check=True)
+
+    def name_of(pid):
+        try:
+            return pathlib.Path(f"/proc/{pid}/comm").read_text().strip()
+        except OSError:  # it has just ended
+            return None
+    return [int(pid) for pid in there.stdout.split() if name_of(pid) == name]

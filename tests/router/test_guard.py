@@ -3,14 +3,18 @@ import os
 import pathlib
 import signal
 import socket
+import struct
 import subprocess
 import sys
+import threading
+import time
 
 import pytest
 
+import busclient as bus
 import labs
 from labs import LAN1, ROUTER_LAN, ROUTER_WAN, WAN, WAN2, eventually
-from routerusers import DAEMON, DAEMON_AS_ITSELF, GROUP, IDS, OTHER, add_users, configure
+from routerusers import DAEMON, DAEMON_AS_ITSELF, GROUP, IDS, OTHER, configure
 
 
 CONNECT = """
@@ -35,8 +39,6 @@ def connect(lab, user, address, port=8000):
 
 @pytest.fixture
 def router(bare_lab):
-    add_users(bare_lab)
-    bare_lab.router.run("chmod", "777", "/tesk/store")
     return bare_lab
 
 
@@ -90,6 +92,89 @@ def test_the_guard_follows_the_default_route(router, listeners):
     eventually(lambda: connect(router, DAEMON, WAN) == "ConnectionRefusedError", "half of a default route counts", 1)
     router.router.run("ip", "link", "set", "wan1", "up")
     eventually(lambda: connect(router, DAEMON, WAN2) == "connected", "its route went with the link", 2)
+
+
+def uplinks(lab):
+    """The interfaces that the kernel guards."""
+    text = lab.router.run("nft", "list", "set", "ip", "tk", "uplinks").stdout
+    return set(text.partition("elements = {")[2].partition("}")[0].replace(",", " ").replace('"', "").split())
+
+
+def by_nexthops_alone(lab):
+    if lab.router.run("sysctl", "-qw", "net.ipv4.nexthop_compat_mode=0", check=False).returncode != 0:
+        pytest.skip("this kernel knows no nexthop objects")
+
+
+def test_the_guard_follows_a_default_route_by_a_nexthop_object(router, listeners):
+    start(router)
+    by_nexthops_alone(router)
+    router.router.run("ip", "nexthop", "add", "id", 7, "via", WAN2, "dev", "wan1")
+    router.router.run("ip", "route", "replace", "default", "nhid", 7)
+    eventually(lambda: connect(router, DAEMON, WAN2) == "ConnectionRefusedError", "the new uplink is guarded", 1)
+    eventually(lambda: uplinks(router) == {"wan1"}, "the old one no more", 1)
+    router.router.run("ip", "nexthop", "replace", "id", 7, "via", WAN, "dev", "wan0")
+    eventually(lambda: uplinks(router) == {"wan0"}, "the object leads elsewhere", 1)
+    assert connect(router, DAEMON, WAN) == "ConnectionRefusedError"
+    assert connect(router, DAEMON, WAN2) == "connected"
+    router.router.run("ip", "nexthop", "del", "id", 7)
+    eventually(lambda: uplinks(router) == set(), "its routes went with it", 1)
+
+
+class Asking(threading.Thread):
+    """Asks the bus one question after another, and keeps the longest time that an answer took."""
+
+    def __init__(self, lab):
+        super().__init__(daemon=True)
+        self.client, self.longest, self.ends = bus.Client(lab), 0, False
+        self.start()
+
+    def run(self):
+        while not self.ends:
+            start = time.monotonic()
+            self.client.count_rules()
+            self.longest = max(self.longest, time.monotonic() - start)
+
+    def end(self):
+        self.ends = True
+        self.join()
+        self.client.socket.close()
+        return self.longest
+
+
+def reading_all_routes(lab):
+    """How long it takes to do nothing but receive what the kernel tells of all routes."""
+    with labs.namespace(f"/run/netns/gw-{lab.name}-router"):
+        netlink = socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, 0)
+    with netlink:
+        start = time.monotonic()
+        netlink.send(struct.pack("=IHHII12s", 28, 26, 0x301, 1, 0, bytes([socket.AF_INET])))  # RTM_GETROUTE
+        while struct.unpack_from("=IH", netlink.recv(4096))[1] != 3:  # NLMSG_DONE
+            pass
+        return time.monotonic() - start
+
+
+def test_reading_a_large_table_of_routes_keeps_nobody_waiting(bare_lab):
+    many = "".join(f"route add 10.{i >> 16}.{i >> 8 & 255}.{i & 255}/32 dev wan0\n" for i in range(100000))
+    ip = ["ip", "-n", f"gw-{bare_lab.name}-router"]
+    subprocess.run([*ip, "-batch", "-"], input=many, text=True, check=True, timeout=60)
+    bare_lab.start_routerd()
+    second = ["route", "add", "default", "via", WAN2, "table", "100"]
+    quick = []
+    for _ in range(6):
+        subprocess.run([*ip, *second], check=True)
+        eventually(lambda: uplinks(bare_lab) == {"wan0", "wan1"}, "a route that comes counts")
+        asking = Asking(bare_lab)
+        # The kernel does not tell that the route goes with the interface: all routes have to be read for that.
+        subprocess.run([*ip, "link", "set", "wan1", "down"], check=True)
+        subprocess.run([*ip, "address", "add", "203.0.113.99/32", "dev", "wan1"], check=True)
+        eventually(lambda: uplinks(bare_lab) == {"wan0"}, "they have been read")
+        longest, whole = asking.end(), reading_all_routes(bare_lab)
+        quick.append(longest < min(whole / 2, 0.1))
+        print(f"the longest answer {longest * 1000:.1f} ms, reading all routes {whole * 1000:.1f} ms")
+        subprocess.run([*ip, "address", "del", "203.0.113.99/32", "dev", "wan1"], check=True)
+        subprocess.run([*ip, "link", "set", "wan1", "up"], check=True)
+    # Something else may take the processor now and then, whereas a reading in one go would show each time.
+    assert any(quick)
 
 
 def test_the_guard_outlasts_the_daemon(router, listeners):

@@ -1,10 +1,16 @@
 """The bus as whole programs see it: who may do what, many at once, and what can be undone."""
 import json
 
+import pytest
+
 import busclient as bus
 import labs
 from labs import eventually
-from routerusers import DAEMON, IDS, OTHER, add_users, configure, run_as
+from routerusers import DAEMON, IDS, OTHER, PROGRAM, configure, connect_as, run_as
+
+BUSY = 0xFE0010
+OUTSIDER = "setpriv", "--reuid", 64009, "--regid", 64009, "--clear-groups"
+
 
 def test_two_hundred_connections_are_served_at_once(bare_lab):
     bare_lab.start_routerd()
@@ -27,7 +33,6 @@ def test_a_connection_that_does_not_read_is_closed_and_the_others_go_on(bare_lab
 
 
 def test_users_do_what_the_table_says_and_no_more(bare_lab):
-    add_users(bare_lab)
     bare_lab.start_routerd(*configure(bare_lab, f"""
         [[user]]
         name = "{DAEMON}"
@@ -46,9 +51,53 @@ def test_users_do_what_the_table_says_and_no_more(bare_lab):
         refused = run_as(bare_lab, user, tkctl, *words)
         assert refused.returncode == 1
         assert refused.stderr.startswith(f"tkctl: user {IDS[user]} may not "), refused.stderr
-    outsider = bare_lab.router.run("setpriv", "--reuid", 64009, "--regid", 64009, "--clear-groups", tkctl, "nat",
-                                   "list", check=False)
+    outsider = bare_lab.router.run(*OUTSIDER, tkctl, "nat", "list", check=False)
     assert outsider.returncode == 1 and "Permission denied" in outsider.stderr
+
+
+def test_one_user_cannot_take_all_connections(bare_lab):
+    bare_lab.start_routerd()
+    tkctl = labs.BIN / "tkctl"
+    clients = connect_as(bare_lab, OTHER, 64)
+    assert {client.call([20, 0], bus.GET_COUNT)[bus.COUNT] for client in clients} == {5}
+    surplus, = connect_as(bare_lab, OTHER, 1)
+    told = surplus.read()
+    assert told == {bus.ERROR_CODE: BUSY, bus.ERROR_TEXT: "too many connections of one user", bus.SENDER: [0],
+                    bus.KIND: bus.ERROR, bus.COMMAND: 0}
+    with pytest.raises(EOFError):
+        surplus.read()
+    refused = run_as(bare_lab, OTHER, tkctl, "nat", "list")
+    assert (refused.returncode, refused.stderr) == (1, "tkctl: too many connections of one user\n")
+    refused = run_as(bare_lab, OTHER, PROGRAM)
+    assert (refused.returncode, refused.stderr) == (1, "")
+    assert refused.stdout == "cannot join the bus at /run/tk/bus: too many connections of one user\n"
+    assert run_as(bare_lab, DAEMON, tkctl, "nat", "list").returncode == 0
+    clients.pop().socket.close()
+    eventually(lambda: run_as(bare_lab, OTHER, tkctl, "nat", "list").returncode == 0, "there is room again")
+
+
+def test_whoever_is_not_in_the_group_is_told_so(bare_lab):
+    bare_lab.start_routerd()
+    bare_lab.router.run("chmod", "666", "/run/tk/bus")  # else the file itself keeps others out
+    reason = "only root and members of the group tk may use the bus"
+    refused = bare_lab.router.run(*OUTSIDER, labs.BIN / "tkctl", "nat", "list", check=False)
+    assert (refused.returncode, refused.stdout, refused.stderr) == (1, "", f"tkctl: {reason}\n")
+    refused = bare_lab.router.run(*OUTSIDER, PROGRAM, check=False)
+    assert (refused.returncode, refused.stderr) == (1, "")
+    assert refused.stdout == f"cannot join the bus at /run/tk/bus: {reason}\n"
+    told = [line for line in bare_lab.routerd.lines if "refused" in line]
+    assert told == [f"bus: connection of user 64009 refused: {reason}"], "the second one waits for its minute"
+    mark = bare_lab.routerd.mark()
+    assert bare_lab.routerd.stop() == 0
+    assert f"bus: 1 more connections refused, the last of user 64009: {reason}" in bare_lab.routerd.since(mark)
+
+
+def test_the_group_is_looked_up_once(bare_lab):
+    bare_lab.start_routerd()
+    groups = bare_lab.directory / "group"
+    groups.write_text("root:x:0:\n")
+    bare_lab.router.run("mount", "--bind", groups, "/etc/group")
+    assert run_as(bare_lab, OTHER, labs.BIN / "tkctl", "nat", "list").returncode == 0
 
 
 def test_a_change_of_the_settings_is_undone_and_once_more(fresh_lab):

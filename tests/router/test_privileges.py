@@ -1,33 +1,25 @@
 """What is left of root's rights in a router that runs as its own user."""
 import os
 import pathlib
-import subprocess
 
 import pytest
 
 import labs
 from labs import LAN1, ROUTER_WAN, eventually
-from routerusers import DAEMON, DAEMON_AS_ITSELF, GROUP, IDS, OTHER, add_users, configure
+from routerusers import DAEMON, DAEMON_AS_ITSELF, GROUP, IDS, OTHER, ROUTER, configure, processes
 
 CONFIGURATION = f"""
 [router]
-user = "{OTHER}"
+user = "{ROUTER}"
 
 {DAEMON_AS_ITSELF}"""
 
 
 @pytest.fixture
 def router(bare_lab):
-    add_users(bare_lab)
-    bare_lab.router.run("chmod", "777", "/tesk/store")
     bare_lab.start_routerd(*configure(bare_lab, CONFIGURATION))
     eventually(lambda: bare_lab.tkctl("upnp", "get", check=False).returncode == 0, "the daemon serves its settings")
     return bare_lab
-
-
-def processes(lab, name):
-    there = subprocess.run(["ip", "netns", "pids", f"gw-{lab.name}-router"], capture_output=True, text=True, check=True)
-    return [pid for pid in there.stdout.split() if pathlib.Path(f"/proc/{pid}/comm").read_text() == name + "\n"]
 
 
 def status(pid):
@@ -37,7 +29,7 @@ def status(pid):
 
 def test_the_router_keeps_one_capability(router):
     told = status(router.routerd.process.pid)
-    user, net_admin, none = str(IDS[OTHER]), f"{1 << 12:016x}", f"{0:016x}"
+    user, net_admin, none = str(IDS[ROUTER]), f"{1 << 12:016x}", f"{0:016x}"
     assert told["Uid"] == [user] * 4 and told["Gid"] == [user] * 4 and str(GROUP) in told["Groups"]
     assert (told["CapEff"], told["CapPrm"], told["CapBnd"]) == ([net_admin], [net_admin], [net_admin])
     assert (told["CapInh"], told["CapAmb"], told["NoNewPrivs"]) == ([none], [none], ["1"])
@@ -46,9 +38,19 @@ def test_the_router_keeps_one_capability(router):
     assert told["Uid"] == [str(IDS[DAEMON])] * 4 and told["CapEff"] == [none]
 
 
+def test_in_the_lab_each_program_has_a_user_of_its_own_and_the_daemon_is_guarded(bare_lab):
+    bare_lab.start_routerd("--config", "/tesk/etc/lab.toml")
+    bare_lab.tkctl("upnp", "get")
+    bare_lab.tkctl("bus", "call", "14", "2", "1:string=localhost", check=False)
+    for name, user in (("routerd", ROUTER), ("upnpd", DAEMON), ("resolverd", OTHER)):
+        program, = processes(bare_lab, name)
+        assert status(program)["Uid"] == [str(IDS[user])] * 4, name
+    assert f"elements = {{ {IDS[DAEMON]} }}" in bare_lab.router.run("nft", "-n", "list", "table", "ip", "tk").stdout
+
+
 def test_the_bus_belongs_to_the_router_and_the_group(router):
     told = router.router.run("stat", "-c", "%a %u %g %F", "/run/tk/bus").stdout
-    assert told == f"660 {IDS[OTHER]} {GROUP} socket\n"
+    assert told == f"660 {IDS[ROUTER]} {GROUP} socket\n"
 
 
 def test_everything_works_as_before(router):
@@ -65,7 +67,7 @@ def test_everything_works_as_before(router):
 
 
 def test_the_end_is_clean(router):
-    everybody = [int(pid) for name in ("routerd", "upnpd") for pid in processes(router, name)]
+    everybody = [pid for name in ("routerd", "routerd-start", "upnpd") for pid in processes(router, name)]
     assert len(everybody) == 3, "the router, its launcher, the daemon"
     assert router.routerd.stop() == 0
     eventually(lambda: not any(os.path.exists(f"/proc/{pid}") for pid in everybody), "all have ended")
@@ -74,6 +76,6 @@ def test_the_end_is_clean(router):
 
 
 def test_a_killed_router_leaves_nobody_behind(router):
-    everybody = [int(pid) for name in ("routerd", "upnpd") for pid in processes(router, name)]
+    everybody = [pid for name in ("routerd", "routerd-start", "upnpd") for pid in processes(router, name)]
     router.routerd.kill()
     eventually(lambda: not any(os.path.exists(f"/proc/{pid}") for pid in everybody), "all have ended")

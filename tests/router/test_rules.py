@@ -4,6 +4,7 @@ import time
 import pytest
 
 import busclient as bus
+import labs
 from labs import LAN1, ROUTER_WAN, WAN, eventually
 
 EXISTS, REFUSED = 0xFE0009, 0xFE0003
@@ -63,6 +64,23 @@ def test_static_rules_are_back_after_a_restart_and_pass_packets(router):
         assert server.accept()[1][0] == WAN
     with bus.Client(router) as client:
         assert client.add_rule(90) > off
+
+
+def test_many_rules_go_with_their_connection_in_a_container_too(bare_lab):
+    """Its root may not make the buffers of a socket larger than those of anybody."""
+    group = bare_lab.directory / "group"  # the one of the bus does not exist there
+    group.write_text("root:x:0:\n")
+    script = (f"mount --bind {group} /etc/group; ip link add lan0 type veth peer name lan1; ip link set lan1 up; "
+              "ip address add 192.0.2.1/24 dev lan0; ip link set lan0 up; exec \"$0\"")
+    bare_lab.routerd = labs.Program(bare_lab, "routerd", wrapper=("unshare", "--user", "--map-root-user", "--net",
+                                                                  "--mount", "sh", "-c", script))
+    eventually(bare_lab.bus_answers, "routerd serves")
+    with bus.Client(bare_lab, seconds=60) as watcher:
+        with bus.Client(bare_lab, seconds=60) as owner:
+            asked = [owner.request([20, 5], bus.ADD, bus.rule(port)) for port in range(1, 20001)]
+            assert all(owner.end(number)[bus.KIND] == bus.REPLY for number in asked)
+            assert watcher.count_rules() == 20000
+        eventually(lambda: watcher.count_rules() == 0, "the rules are gone")
 
 
 def test_no_rule_outlives_a_killed_router(router):

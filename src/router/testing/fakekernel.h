@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 
 #include <map>
+#include <optional>
 #include <span>
 #include <string>
 #include <tuple>
@@ -51,8 +52,10 @@ public:
 
     bool commit(std::span<const NatElement> removed, std::span<const NatElement> added,
                 std::string& reason) override {
-        reason = fault;
-        if (!fault.empty()) return false;
+        reason = removed.size() + added.size() > largest ? "Message too long" : fault;
+        if (transactionsLeft == 0) reason = "Cannot allocate memory";
+        if (!reason.empty()) return false;
+        if (transactionsLeft) --*transactionsLeft;
         ++transactions;
         for (const NatElement& element : removed)
             elements.erase({element.destination, element.protocol, element.port});
@@ -67,6 +70,8 @@ public:
 
     std::map<Key, NatElement> elements;
     int transactions = 0;
+    std::size_t largest = 60000;          // elements in a transaction
+    std::optional<int> transactionsLeft;  // before all are refused
     std::string fault;
 };
 

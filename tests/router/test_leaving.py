@@ -1,0 +1,83 @@
+"""A program that leaves while it is asked: resolverd, whose time without a question is over."""
+import contextlib
+import os
+import signal
+
+import pytest
+
+import busclient as bus
+import labs
+from labs import eventually
+from routerusers import configure, processes
+
+CONFIGURATION = f"""
+[[program]]
+number = 14
+command = ["{labs.BIN}/resolverd", "--idle", "1"]
+"""
+INVALID = 0xFE0006
+
+
+@pytest.fixture
+def router(bare_lab):
+    bare_lab.start_routerd(*configure(bare_lab, CONFIGURATION))
+    return bare_lab
+
+
+@contextlib.contextmanager
+def hub_stopped(lab):
+    """Keeps the hub from reading; what it is sent waits for it, in the order in which it was sent."""
+    hub = processes(lab, "routerd")
+    for process in hub:
+        os.kill(process, signal.SIGSTOP)
+    try:
+        yield
+    finally:
+        for process in hub:
+            os.kill(process, signal.SIGCONT)
+
+
+def is_unread(lab):
+    """True when a program of the router has told the hub something that it has not read."""
+    connections = [line.split() for line in lab.router.run("ss", "-Hx").stdout.splitlines()]
+    return any(words[4] == "/run/tk/bus" and int(words[2]) > 0 for words in connections)
+
+
+def ask(client):
+    """Asks what needs neither a name server nor a file."""
+    return client.request([14], 3, [(3, bus.STRING, "192.0.2.1")])
+
+
+def expect_answer(client, number):
+    end = client.end(number)
+    assert (end.get(bus.ERROR_CODE), end.get(bus.ERROR_TEXT)) == (INVALID, "not a host name")
+    assert end[bus.SENDER] == [14, 0]
+
+
+def test_what_is_asked_around_its_leave_is_answered(router):
+    for _ in range(3):
+        with bus.Client(router) as early, bus.Client(router) as late:
+            expect_answer(early, ask(early))
+            leaving, = processes(router, "resolverd")
+            mark = router.routerd.mark()
+            with hub_stopped(router):
+                before = ask(early)
+                eventually(lambda: is_unread(router) or leaving not in processes(router, "resolverd"), "it leaves")
+                after = ask(late)
+            expect_answer(early, before)
+            expect_answer(late, after)
+        assert [line for line in router.routerd.since(mark) if "14" in line] == [
+            "bus: 14 left: it has given its number up", "program 14 ended with status 0",
+            f"program 14 started: {labs.BIN}/resolverd"]
+        assert leaving not in processes(router, "resolverd")
+
+
+def test_who_asks_a_program_that_left_without_a_word_is_told_so(router):
+    with bus.Client(router) as client:
+        expect_answer(client, ask(client))
+        resolver, = processes(router, "resolverd")
+        os.kill(resolver, signal.SIGSTOP)
+        number = ask(client)
+        os.kill(resolver, signal.SIGKILL)
+        assert client.end(number)[bus.ERROR_CODE] == 0xFE000E
+        expect_answer(client, ask(client))
