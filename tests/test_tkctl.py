@@ -149,7 +149,7 @@ def test_a_rule_for_a_foreign_address_is_answered_with_a_note(lab):
                                             "tkctl: target 127.0.0.1 refused: it is a loopback address\n")):
         done = lab.tkctl("nat", "test", "198.51.100.9", "80", "tcp", target, "80", check=False)
         assert (done.returncode, done.stdout) == (status, answer)
-        assert done.stderr == "note: 198.51.100.9 is not an address of this router\n" + reason
+        assert done.stderr == 'note: 198.51.100.9 is not among the addresses that "tkctl address list" shows\n' + reason
     assert lab.tkctl("nat", "test", ROUTER_WAN, "80", "tcp", LAN1, "80").stderr == ""
 
 

@@ -218,7 +218,7 @@ TEST_F(CommandLineTest, NatTestAsksForPort0Too) {
 
 TEST_F(CommandLineTest, NatTestNotesAnAddressThatTheRouterDoesNotHold) {
     EXPECT_EQ(print({"nat", "test", "198.51.100.9", "80", "tcp", "192.0.2.2", "80"}), "allowed\n");
-    EXPECT_EQ(errors.str(), "note: 198.51.100.9 is not an address of this router\n");
+    EXPECT_EQ(errors.str(), "note: 198.51.100.9 is not among the addresses that \"tkctl address list\" shows\n");
 }
 
 TEST_F(CommandLineTest, NatTestNotesAnAddressThatIsDisabled) {
@@ -226,14 +226,14 @@ TEST_F(CommandLineTest, NatTestNotesAnAddressThatIsDisabled) {
                listOf({parseFields({"0xFE0001:u32=1", "1:be32=198.51.100.1", "0xFE000A:bool=yes"})}));
     EXPECT_EQ(print({"nat", "test", "198.51.100.1", "80", "tcp", "192.0.2.2", "80", "--json"}),
               "{\"allowed\":true}\n");
-    EXPECT_EQ(errors.str(), "note: 198.51.100.1 is not an address of this router\n");
+    EXPECT_EQ(errors.str(), "note: 198.51.100.1 is not among the addresses that \"tkctl address list\" shows\n");
 }
 
 TEST_F(CommandLineTest, TheNoteOfNatTestStandsBesideTheReason) {
     bus.answer({20, 5}, 2, tk::errorMsg(tk::error::refused, "target 127.0.0.1 refused"));
     EXPECT_EQ(run({"nat", "test", "198.51.100.9", "80", "udp", "127.0.0.1", "8080"}), Status::failed);
     EXPECT_EQ(errors.str(),
-              "note: 198.51.100.9 is not an address of this router\n"
+              "note: 198.51.100.9 is not among the addresses that \"tkctl address list\" shows\n"
               "tkctl: target 127.0.0.1 refused\n");
     EXPECT_EQ(out.str(), "");
 }

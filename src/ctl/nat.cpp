@@ -104,13 +104,19 @@ std::uint32_t protocolNamed(const std::string& text) {
     throw misuse("'" + text + "': the protocol is tcp or udp");
 }
 
-/// The router takes a rule for any address: one that it does not hold is often a slip.
+/// The router takes a rule for any address: one that it does not list is often a slip.
 void noteForeignAddress(Context& context, const std::string& wanted) {
-    const std::vector<Address> addresses = readAddresses(context.session());
+    std::vector<Address> addresses;
+    try {
+        addresses = readAddresses(context.session());
+    } catch (const Failure&) {
+        return;  // what was asked for is the rule
+    }
     const bool isHeld = std::any_of(addresses.begin(), addresses.end(), [&wanted](const Address& held) {
         return !held.disabled && held.address == wanted;
     });
-    if (!isHeld) context.notes.push_back(wanted + " is not an address of this router");
+    if (!isHeld)
+        context.notes.push_back(wanted + " is not among the addresses that \"tkctl address list\" shows");
 }
 
 void testRule(Context& context, const Question& question) {
