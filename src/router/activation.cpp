@@ -37,7 +37,7 @@ Activation::Activation(const std::vector<ProgramConfig>& configured, Owner& owne
         const std::uint32_t number = program.number;
         programs[number] = program;
         if (program.startsWithRouter && program.unit.empty())
-            restarts.try_emplace(number, [this, number] { restart(number); });
+            restarts.try_emplace(number, [this, number] { startOrRetry(number); });
     }
 }
 
@@ -80,11 +80,8 @@ void Activation::registered(std::uint32_t program) {
 }
 
 void Activation::startConfigured() {
-    for (const auto& [number, program] : programs) {
-        std::string reason;
-        if (program.startsWithRouter && !start(number, reason))
-            tk::log("program ", number, " cannot be started: ", reason);
-    }
+    for (const auto& [number, program] : programs)
+        if (program.startsWithRouter) startOrRetry(number);
 }
 
 void Activation::endAll() {
@@ -104,15 +101,20 @@ void Activation::reap(std::uint32_t program) {
     const std::string how = describe(status);
     tk::log("program ", program, " ", how);
     owner.programEnded(program, how, hadRegistered);
-    const auto crashed = restarts.find(program);
-    if (status != 0 && !ending && crashed != restarts.end()) crashed->second.crashed(hadRegistered);
+    const auto pending = restarts.find(program);
+    if (ending || pending == restarts.end()) return;
+    if (status == 0)
+        pending->second.cancel();
+    else
+        pending->second.crashed(hadRegistered);
 }
 
-void Activation::restart(std::uint32_t program) {
+void Activation::startOrRetry(std::uint32_t program) {
     std::string reason;
     if (start(program, reason)) return;  // or somebody's message has started it meanwhile
     tk::log("program ", program, " cannot be started: ", reason);
-    restarts.find(program)->second.crashed(false);
+    if (const auto pending = restarts.find(program); pending != restarts.end())
+        pending->second.crashed(false);
 }
 
 /// systemd has taken the unit on, or not. Its program comes to the bus later, or has done so meanwhile.

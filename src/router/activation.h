@@ -50,7 +50,7 @@ public:
 
     [[nodiscard]] bool start(std::uint32_t program, std::string& reason) override;
     void registered(std::uint32_t program) override;
-    /// Starts what is to run from the beginning. What cannot be started is logged.
+    /// Starts what is to run from the beginning. What cannot be started is logged, and a command tried again.
     void startConfigured();
     /// Asks every started program to end, and starts none any more. Units are left to systemd.
     void endAll();
@@ -77,7 +77,7 @@ private:
 
     [[nodiscard]] bool launch(const ProgramConfig& program, std::string& reason);
     void reap(std::uint32_t program);
-    void restart(std::uint32_t program);
+    void startOrRetry(std::uint32_t program);
     void unitAsked(const ProgramConfig& program, int status);
     void askAgain();
 

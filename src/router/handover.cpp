@@ -31,9 +31,12 @@ bool giveFile(int folder, const char* name, const Account& account) {
 }  // namespace
 
 bool handOver(const std::string& path, const Account& account) {
-    if (::mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) return false;
+    constexpr mode_t everybodyMayEnter = 0755;  // whatever the umask is
+    const bool isNew = ::mkdir(path.c_str(), everybodyMayEnter) == 0;
+    if (!isNew && errno != EEXIST) return false;
     tk::Fd opened(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!opened.isOpen() || ::fchown(opened.get(), account.uid, account.gid) != 0) return false;
+    if (!opened.isOpen() || (isNew && ::fchmod(opened.get(), everybodyMayEnter) != 0)) return false;
+    if (::fchown(opened.get(), account.uid, account.gid) != 0) return false;
     const std::unique_ptr<DIR, CloseFolder> folder(::fdopendir(opened.get()));
     if (!folder) return false;
     (void)opened.release();  // the stream closes it

@@ -41,6 +41,15 @@ TEST_F(HandOver, MakesTheFolderThatIsAbsent) {
     EXPECT_EQ(ownerOf("/new"), account.uid);
 }
 
+TEST_F(HandOver, LetsEverybodyEnterAFolderThatItMade) {
+    const mode_t before = ::umask(077);
+    ASSERT_TRUE(handOver(base + "/new", account));
+    (void)::umask(before);
+    struct stat status {};
+    ASSERT_EQ(::stat((base + "/new").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0755U);
+}
+
 TEST_F(HandOver, GivesTheFilesInTheFolderToo) {
     write("/folder/nat");
     ASSERT_TRUE(handOver(base + "/folder", account));

@@ -1,7 +1,8 @@
 #include "router/interfaceids.h"
 
+#include <sys/random.h>
+
 #include <algorithm>
-#include <random>
 #include <vector>
 
 #include "tk/log.h"
@@ -13,7 +14,7 @@ namespace {
 constexpr std::uint32_t storeRevision = 1;
 constexpr std::uint32_t nameField = 1;  // string, in the entry of an id
 constexpr std::uint32_t firstFresh = 1U << 24;
-constexpr std::uint32_t lastFresh = 1U << 31;
+constexpr std::uint32_t freshIds = 1U << 31;
 constexpr std::size_t atOnce = 16;  // names that are forgotten in one call: each is a write of the store
 
 }  // namespace
@@ -34,12 +35,13 @@ void InterfaceIds::remember(const std::string& name, std::uint32_t id) {
 
 /// An id of which nobody has heard: at random from so many that it never was given before, for all practice.
 std::uint32_t InterfaceIds::freshId() const {
-    std::random_device random;
-    std::uniform_int_distribution<std::uint32_t> distribution(firstFresh, lastFresh);
-    std::uint32_t id = 0;
-    do id = distribution(random);
-    while (names.contains(id));
-    return id;
+    for (;;) {
+        std::uint32_t id = 0;
+        while (::getrandom(&id, sizeof id, 0) != static_cast<ssize_t>(sizeof id)) {
+        }
+        id = firstFresh + id % freshIds;
+        if (!names.contains(id)) return id;
+    }
 }
 
 std::uint32_t InterfaceIds::idOf(const std::string& name) {

@@ -47,8 +47,8 @@ int serve(const std::string& configPath, bool mayBeAbsent) {
     }
     const router::OtherDnat others;  // opens what only root may
     router::OwnProcesses own;
-    router::Launcher
-        launcher;  // of programs that run as other users, which this process cannot become any more
+    // Of programs that run as other users, which this process cannot become any more.
+    router::Launcher launcher;
     const bool drops = config.user && ::geteuid() == 0;
     if (drops) router::runAsRouter(config);
     if (drops && (!launcher.open(config.programs, reason) ||

@@ -94,14 +94,27 @@ TEST_F(RestartTest, OneThatAMessageHasStartedMeanwhileIsNotStartedTwice) {
     EXPECT_EQ(starts(), 2U);
 }
 
-TEST_F(RestartTest, OneThatCannotBeStartedIsTriedAgain) {
+TEST_F(RestartTest, OneThatAMessageHasStartedAndThatLeftByItselfStaysAway) {
     startAll();
     end(killed);
+    std::string reason;
+    ASSERT_TRUE(activation.start(80, reason));
+    bus.settle();
+    end(good);
+    bus.advance(Restart::mostTicks);
+    EXPECT_EQ(starts(), 2U);
+}
+
+TEST_F(RestartTest, OneThatCannotBeStartedIsTriedAgain) {
     processes.fault = "no memory";
+    startAll();
+    EXPECT_EQ(starts(), 1U);
     bus.advance(second);
     EXPECT_EQ(starts(), 2U);
     processes.fault.clear();
     bus.advance(2 * second);
+    EXPECT_EQ(starts(), 3U);
+    bus.advance(Restart::mostTicks);
     EXPECT_EQ(starts(), 3U);
 }
 
