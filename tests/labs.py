@@ -5,9 +5,12 @@ import itertools
 import json
 import os
 import pathlib
+import shutil
 import socket
 import subprocess
 import time
+
+import pytest
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 LAB = ROOT / "lab" / "lab"
@@ -38,6 +41,14 @@ def eventually(condition, what="the condition", seconds=PATIENCE):
             return value
         assert time.monotonic() < deadline, f"{what}: not within {seconds} s"
         time.sleep(0.02)
+
+
+def can_trace():
+    attempt = ["strace", "-qq", "-o", os.devnull, "true"]
+    return bool(shutil.which("strace")) and subprocess.run(attempt, capture_output=True, timeout=PATIENCE).returncode == 0
+
+
+tracing = pytest.mark.skipif(not can_trace(), reason="this machine lets nobody trace system calls")
 
 
 def set_namespace(descriptor):

@@ -1,14 +1,9 @@
 """Every socket that the daemon makes, by the kernel's own record, while it does all that it can do."""
-import os
 import re
-import shutil
-import subprocess
-
-import pytest
 
 import labs
 from control_point import GROUP, call, get, result
-from labs import LAN1, PATIENCE, eventually
+from labs import LAN1, eventually
 from subscribers import Subscriber, sid_of, subscribe, unsubscribe
 
 MAPPING = [("NewRemoteHost", ""), ("NewExternalPort", "80"), ("NewProtocol", "TCP"), ("NewInternalPort", "8080"),
@@ -36,12 +31,7 @@ def every_service(lab):
     subscriber.close()
 
 
-def can_trace():
-    attempt = ["strace", "-qq", "-o", os.devnull, "true"]
-    return shutil.which("strace") and subprocess.run(attempt, capture_output=True, timeout=PATIENCE).returncode == 0
-
-
-@pytest.mark.skipif(not can_trace(), reason="this machine lets nobody trace system calls")
+@labs.tracing
 def test_the_daemon_has_the_sockets_of_its_protocols_and_no_other(bare_lab):
     record = bare_lab.directory / "sockets"
     bare_lab.start_routerd()
