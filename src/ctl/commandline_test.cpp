@@ -218,7 +218,8 @@ TEST_F(CommandLineTest, NatTestAsksForPort0Too) {
 
 TEST_F(CommandLineTest, NatTestNotesAnAddressThatTheRouterDoesNotHold) {
     EXPECT_EQ(print({"nat", "test", "198.51.100.9", "80", "tcp", "192.0.2.2", "80"}), "allowed\n");
-    EXPECT_EQ(errors.str(), "note: 198.51.100.9 is not among the addresses that \"tkctl address list\" shows\n");
+    EXPECT_EQ(errors.str(),
+              "note: 198.51.100.9 is not among the addresses that \"tkctl address list\" shows\n");
 }
 
 TEST_F(CommandLineTest, NatTestNotesAnAddressThatIsDisabled) {
@@ -226,7 +227,8 @@ TEST_F(CommandLineTest, NatTestNotesAnAddressThatIsDisabled) {
                listOf({parseFields({"0xFE0001:u32=1", "1:be32=198.51.100.1", "0xFE000A:bool=yes"})}));
     EXPECT_EQ(print({"nat", "test", "198.51.100.1", "80", "tcp", "192.0.2.2", "80", "--json"}),
               "{\"allowed\":true}\n");
-    EXPECT_EQ(errors.str(), "note: 198.51.100.1 is not among the addresses that \"tkctl address list\" shows\n");
+    EXPECT_EQ(errors.str(),
+              "note: 198.51.100.1 is not among the addresses that \"tkctl address list\" shows\n");
 }
 
 TEST_F(CommandLineTest, TheNoteOfNatTestStandsBesideTheReason) {
