@@ -1,5 +1,8 @@
 #include "router/activation.h"
 
+#include <memory>
+#include <vector>
+
 #include <gtest/gtest.h>
 
 #include "router/testing/testhub.h"
@@ -146,6 +149,63 @@ TEST_F(AwaitedProgramTest, WhatOneClientLetsWaitForAllProgramsIsBoundedInBytes) 
     client->request({80}, command, large);
     bus.settle();
     EXPECT_TRUE(client->take().empty()) << "there is room again";
+}
+
+TEST_F(AwaitedProgramTest, WhatAllClientsOfOneUserLetWaitIsBoundedInBytesTogether) {
+    constexpr uid_t user = 1000;
+    const auto first = bus.connect(user);
+    const auto second = bus.connect(user);
+    const auto other = bus.connect(user + 1);
+    const tk::message large = testing::text(std::string(200000, 'x'));
+    for (std::size_t i = 0; i < Hub::awaitedBytesPerUser / 200100; ++i) {  // with its routing fields
+        (i % 2 ? first : second)->request({80}, command, large);
+        bus.settle();
+    }
+    EXPECT_TRUE(first->take().empty());
+    EXPECT_TRUE(second->take().empty());
+    EXPECT_EQ(testing::codeOf(bus.ask(*first, {80}, command, large)), tk::error::busy);
+    EXPECT_EQ(testing::codeOf(bus.ask(*second, {82}, command, large)), tk::error::busy);
+    other->request({80}, command, large);
+    bus.settle();
+    EXPECT_TRUE(other->take().empty()) << "another user has a bound of its own";
+}
+
+TEST_F(AwaitedProgramTest, WhatEverybodyLetsWaitIsBoundedInBytes) {
+    constexpr std::size_t perClient = 70;
+    std::vector<std::unique_ptr<testing::TestClient>> clients;
+    const tk::message large = testing::text(std::string(200000, 'x'));
+    for (std::size_t i = 0; i < Hub::awaitedBytesInAll / 200100; ++i) {  // with its routing fields
+        if (i % perClient == 0) clients.push_back(bus.connect());
+        clients.back()->request({i % 2 ? 80U : 82U}, command, large);
+        bus.settle();
+    }
+    for (const auto& client : clients) EXPECT_TRUE(client->take().empty());
+    const auto late = bus.connect();
+    EXPECT_EQ(testing::codeOf(bus.ask(*late, {80}, command, large)), tk::error::busy);
+    late->request({80}, command);
+    bus.settle();
+    EXPECT_TRUE(late->take().empty()) << "what is small still fits";
+}
+
+TEST_F(AwaitedProgramTest, ARequestArrivesAsItWasSentHoweverLongItWaited) {
+    const auto client = bus.connect();
+    tk::message content = testing::text("one");
+    content.insert_message_array(2, {testing::text("two"), {}, testing::text("three")});
+    client->request({80, 7}, command, content);
+    bus.settle();
+    bus.advance(Hub::expiryTicks);
+    const auto program = bus.connect();
+    tk::message number;
+    number.insert_u32(1, 80);
+    program->request({0}, tk::command::hubRegister, number);
+    bus.settle();
+    const auto arrived = program->take();
+    ASSERT_EQ(arrived.size(), 2U);
+    EXPECT_EQ(tk::withoutRouting(arrived[1]), content);
+    EXPECT_EQ(arrived[1].get_u32_array(tk::field::destination), (tk::Path{80, 7}));
+    program->answer(arrived[1], {});
+    bus.settle();
+    EXPECT_EQ(client->take().size(), 1U) << "the answer finds its way back";
 }
 
 TEST_F(AwaitedProgramTest, AClientThatLeftIsForgotten) {

@@ -2,17 +2,18 @@
 
 namespace router {
 
-bool AwaitedProgram::add(std::uint32_t requester, const tk::message& request, std::size_t bytes) {
+bool AwaitedProgram::add(Request request) {
     if (requests.size() >= limit) return false;
-    requests.push_back({requester, request, bytes, round});
+    request.round = round;
+    requests.push_back(std::move(request));
     return true;
 }
 
-std::size_t AwaitedProgram::bytesOf(std::uint32_t requester) const {
-    std::size_t bytes = 0;
+std::size_t AwaitedProgram::bytes(const std::function<bool(const Request&)>& counts) const {
+    std::size_t sum = 0;
     for (const Request& request : requests)
-        if (request.requester == requester) bytes += request.bytes;
-    return bytes;
+        if (counts(request)) sum += request.flat.size();
+    return sum;
 }
 
 std::deque<AwaitedProgram::Request> AwaitedProgram::takeOld() {

@@ -54,15 +54,26 @@ bool isInGroup(int socket, const ucred& peer, gid_t wanted) {
     return std::find(groups.begin(), groups.end(), wanted) != groups.end();
 }
 
+/// What fails here is told by the bind that follows.
 void makeFolderOf(const std::string& path) {
     const std::size_t slash = path.rfind('/');
-    if (slash != std::string::npos && slash != 0) (void)::mkdir(path.substr(0, slash).c_str(), 0755);
+    if (slash == std::string::npos || slash == 0) return;
+    const mode_t mask = ::umask(0022);  // the group could not reach the bus behind whatever the mask is
+    (void)::mkdir(path.substr(0, slash).c_str(), 0755);
+    ::umask(mask);
 }
 
 }  // namespace
 
 BusListener::~BusListener() {
+    close();
+}
+
+void BusListener::close() {
+    watch.stop();
+    socket.reset();
     if (!boundPath.empty()) ::unlink(boundPath.c_str());
+    boundPath.clear();
 }
 
 bool BusListener::isServed(const std::string& path) {
@@ -70,7 +81,10 @@ bool BusListener::isServed(const std::string& path) {
     if (!makeAddress(path, address)) return false;
     const tk::Fd probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     // A listener whose queue is full answers EAGAIN: it is alive.
-    return ::connect(probe.get(), generic(address), sizeof address) == 0 || errno == EAGAIN;
+    int error = 0;
+    if (probe.get() < 0 || ::connect(probe.get(), generic(address), sizeof address) != 0) error = errno;
+    errno = error == EAGAIN ? 0 : error;
+    return error != ECONNREFUSED && error != ENOENT;
 }
 
 bool BusListener::open(const std::string& path, std::string& reason) {
@@ -93,22 +107,31 @@ bool BusListener::bindTo(const std::string& path, std::string& reason) {
     }
     makeFolderOf(path);
     if (isServed(path)) {
-        reason = path + ": another router is running";
+        reason = path + ": " + (errno == 0 ? "another router is running" : tk::errorText());
         return false;
     }
+    // What may fail or take its time comes before the file of the former process goes.
+    group = busGroup();
+    socket.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (socket.isOpen() && makeFile(path, address)) return true;
+    reason = path + ": " + tk::errorText();
+    return false;
+}
+
+/// Puts the socket where it is reached, in the place of one that nobody serves. Errors: false, with errno
+/// set.
+bool BusListener::makeFile(const std::string& path, const sockaddr_un& address) {
     struct stat old;
     if (::lstat(path.c_str(), &old) == 0 && S_ISSOCK(old.st_mode)) ::unlink(path.c_str());
-    socket.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    const mode_t mask =
-        ::umask(0117);  // mode 0660 from the start: never open for more, not even for a moment
+    // mode 0660 from the start: never open for more, not even for a moment
+    const mode_t mask = ::umask(0117);
     const bool bound = ::bind(socket.get(), generic(address), sizeof address) == 0;
-    if (!bound) reason = path + ": " + tk::errorText();
     ::umask(mask);
     if (!bound) return false;
-    group = busGroup();
     if (!group || ::chown(path.c_str(), static_cast<uid_t>(-1), *group) == 0) return true;
-    reason = path + ": " + tk::errorText();
+    const int error = errno;
     ::unlink(path.c_str());
+    errno = error;
     return false;
 }
 

@@ -81,6 +81,47 @@ TEST_F(BusListenerTest, LeavesALiveOneAlone) {
     EXPECT_TRUE(BusListener::isServed(path));
 }
 
+TEST_F(BusListenerTest, MakesTheFolderForEverybodyToPassThroughWhateverTheMask) {
+    const mode_t mask = ::umask(0077);
+    BusListener listener(bus.hub);
+    const bool isOpen = listener.open(path, reason);
+    EXPECT_EQ(::umask(mask), 0077U) << "the mask is as it was";
+    ASSERT_TRUE(isOpen) << reason;
+    struct stat status;
+    ASSERT_EQ(::stat(files.file("run").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0755U);
+}
+
+TEST_F(BusListenerTest, OnceClosedItTakesNobodyInAndLeavesTheFileOfItsSuccessor) {
+    BusListener listener(bus.hub);
+    ASSERT_TRUE(listener.open(path, reason)) << reason;
+    const tk::Fd waiting = connect();
+    listener.close();
+    EXPECT_FALSE(std::filesystem::exists(path));
+    EXPECT_FALSE(connect().isOpen());
+    bus.settle();
+    EXPECT_EQ(bus.hub.peerCount(), 0U);
+    BusListener successor(bus.hub);
+    ASSERT_TRUE(successor.open(path, reason)) << reason;
+    listener.close();
+    EXPECT_TRUE(BusListener::isServed(path));
+}
+
+TEST_F(BusListenerTest, LeavesASocketAloneOfWhichItCannotTellWhetherItIsServed) {
+    const tk::Fd other(
+        ::socket(AF_UNIX, SOCK_DGRAM, 0));  // connections of a stream fail otherwise than refused
+    std::filesystem::create_directory(files.file("run"));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    ASSERT_EQ(::bind(other.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    EXPECT_TRUE(BusListener::isServed(path));
+    BusListener listener(bus.hub);
+    EXPECT_FALSE(listener.open(path, reason));
+    EXPECT_EQ(reason, path + ": Protocol wrong type for socket");
+    EXPECT_TRUE(std::filesystem::exists(path));
+}
+
 TEST_F(BusListenerTest, NeverRemovesAFileThatIsNoSocket) {
     std::filesystem::create_directory(files.file("run"));
     files.write("run/bus", "precious");

@@ -162,10 +162,10 @@ private:
 };
 
 /// Why the file is not followed: others than root and whoever runs the router could have written it. Empty
-/// where there is no such reason, or no file.
-std::string whyDistrusted(const std::string& path) {
+/// where there is no such reason.
+std::string whyDistrusted(const tk::Fd& file) {
     struct stat status {};
-    if (::stat(path.c_str(), &status) != 0) return {};
+    if (::fstat(file.get(), &status) != 0) return "it cannot be told who may write this file";
     if ((status.st_mode & S_IWOTH) != 0) return "everybody may write this file";
     if ((status.st_mode & S_IWGRP) != 0 && status.st_gid != rootGroup)
         return "group " + std::to_string(status.st_gid) + " may write this file";
@@ -197,13 +197,18 @@ void runAsRouter(Config& config) {
 
 bool readConfig(const std::string& path, bool mayBeAbsent, Config& out, std::string& reason) {
     out = {};
-    if (const std::string why = whyDistrusted(path); !why.empty()) {
+    const tk::Fd file = tk::openToRead(path);
+    if (!file.isOpen()) {
+        if (errno == ENOENT && mayBeAbsent) return true;
+        reason = path + ": " + tk::errorText();
+        return false;
+    }
+    if (const std::string why = whyDistrusted(file); !why.empty()) {
         reason = path + ": " + why + ", so it is not followed";
         return false;
     }
     std::string text;
-    if (tk::readFile(path, sizeLimit, text)) return parseConfig(text, path, out, reason);
-    if (errno == ENOENT && mayBeAbsent) return true;
+    if (tk::readFile(file, sizeLimit, text)) return parseConfig(text, path, out, reason);
     reason = path + ": " + tk::errorText();
     return false;
 }

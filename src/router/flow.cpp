@@ -96,6 +96,9 @@ std::optional<Flow> parseFlow(const nlmsghdr& message) {
     flow.isEstablished = isEstablished(attributes.find(CTA_PROTOINFO));
     // A flow that another one announced, such as the data of a file transfer, is translated without any rule.
     flow.isTranslated = (ntohl(attributes.u32(CTA_STATUS)) & (IPS_DST_NAT | IPS_EXPECTED)) == IPS_DST_NAT;
+    // A zone may hold for one direction alone, and then stands with its addresses.
+    flow.isOfZone = attributes.find(CTA_ZONE) || within(original, CTA_TUPLE_ZONE, MNL_TYPE_U16) ||
+                    within(reply, CTA_TUPLE_ZONE, MNL_TYPE_U16);
     append(flow.name, original);
     append(flow.name, attributes.find(CTA_ZONE));
     append(flow.name, attributes.find(CTA_ID));  // a younger flow of the same ends is another one

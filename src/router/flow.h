@@ -19,6 +19,7 @@ struct Flow {
     bool isEstablished = false;  // a TCP connection that both sides agreed on and neither ended
     bool isTranslated = false;   // a rule changed its destination
     std::vector<char> name;      // the attributes by which the kernel knows exactly this flow
+    bool isOfZone = false;       // tracked apart from the others, as some ruleset asks for
 
     bool operator==(const Flow&) const = default;
 };

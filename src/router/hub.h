@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -49,8 +50,11 @@ public:
     /// cost what their maker likes.
     static constexpr std::size_t subscriptionPathLimit = 16;
     static constexpr std::size_t requestPathLimit = 256;
-    /// Bytes of the requests of one peer that may wait for programs to start. Any one request fits.
+    /// Bytes of the requests that may wait for programs to start, in their flat form: of one peer, of all
+    /// peers of one user that is not root, and of everybody. Any one request fits where nothing waits.
     static constexpr std::size_t awaitedBytesPerPeer = tk::frameLimit;
+    static constexpr std::size_t awaitedBytesPerUser = tk::frameLimit;
+    static constexpr std::size_t awaitedBytesInAll = 4 * tk::frameLimit;
     /// A request ends with an error when nobody has answered it after this time, or up to twice that. It is
     /// longer than any requester waits. Units: ticks of 10 ms.
     static constexpr std::uint32_t expiryTicks = 6100;
@@ -116,9 +120,12 @@ private:
     void forward(std::uint32_t from, HubPeer& to, const tk::message& request);
     void activate(std::uint32_t from, const tk::message& request);
     [[nodiscard]] std::size_t awaitedBytesOf(std::uint32_t requester) const;
+    [[nodiscard]] bool hasRoomFor(const AwaitedProgram::Request& request) const;
+    [[nodiscard]] std::size_t awaitedBytes(
+        const std::function<bool(const AwaitedProgram::Request&)>& counts) const;
     void expireLater();
     void expire();
-    [[nodiscard]] std::vector<tk::message> takeOldAwaited();
+    [[nodiscard]] std::vector<AwaitedProgram::Request> takeOldAwaited();
     void forgetEmptyAwaited();
     void releaseAwaited(HubPeer& program);
     void refuse(const tk::message& request, std::uint32_t code, const std::string& text);

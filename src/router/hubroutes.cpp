@@ -90,18 +90,33 @@ void Hub::activate(std::uint32_t from, const tk::message& request) {
     const std::uint32_t program = request.get_u32_array(tk::field::destination).front();
     std::string reason = "nobody at this destination";
     if (!starter || !starter->start(program, reason)) return refuse(request, tk::error::unreachable, reason);
-    const std::size_t bytes = request.serialise().size();
-    if (bytes > awaitedBytesPerPeer - std::min(awaitedBytesPerPeer, awaitedBytesOf(from)))
+    const uid_t user = from == ownRequester ? 0 : peers[from]->user().uid;
+    AwaitedProgram::Request waiting{from, user, request.serialise()};
+    if (!hasRoomFor(waiting))
         return refuse(request, tk::error::busy, "too many bytes wait for programs to start");
-    if (!awaited[program].add(from, request, bytes))
+    if (!awaited[program].add(std::move(waiting)))
         return refuse(request, tk::error::busy, "too many requests wait for this program");
     expireLater();
 }
 
+bool Hub::hasRoomFor(const AwaitedProgram::Request& request) const {
+    const auto fits = [&request](std::size_t limit, std::size_t waiting) {
+        return request.flat.size() <= limit - std::min(limit, waiting);
+    };
+    const auto isOfUser = [&request](const auto& other) { return other.user == request.user; };
+    return fits(awaitedBytesPerPeer, awaitedBytesOf(request.requester)) &&
+           (request.user == 0 || fits(awaitedBytesPerUser, awaitedBytes(isOfUser))) &&
+           fits(awaitedBytesInAll, awaitedBytes([](const auto&) { return true; }));
+}
+
 std::size_t Hub::awaitedBytesOf(std::uint32_t requester) const {
-    std::size_t bytes = 0;
-    for (const auto& [program, waiting] : awaited) bytes += waiting.bytesOf(requester);
-    return bytes;
+    return awaitedBytes([requester](const auto& request) { return request.requester == requester; });
+}
+
+std::size_t Hub::awaitedBytes(const std::function<bool(const AwaitedProgram::Request&)>& counts) const {
+    std::size_t sum = 0;
+    for (const auto& [program, waiting] : awaited) sum += waiting.bytes(counts);
+    return sum;
 }
 
 void Hub::releaseAwaited(HubPeer& program) {
@@ -109,8 +124,9 @@ void Hub::releaseAwaited(HubPeer& program) {
     if (waiting == awaited.end()) return;
     const auto requests = waiting->second.take();
     awaited.erase(waiting);
-    for (const auto& [requester, request, bytes, round] : requests)
-        if (requester == ownRequester || peers.contains(requester)) forward(requester, program, request);
+    for (const auto& [requester, user, flat, round] : requests)
+        if (requester == ownRequester || peers.contains(requester))
+            forward(requester, program, tk::message(flat));
 }
 
 void Hub::expireLater() {
@@ -120,20 +136,20 @@ void Hub::expireLater() {
 /// Ends what was never answered. Requesters have given it up long before; here it would hold its place.
 void Hub::expire() {
     const std::vector<tk::message> unanswered = pending.takeOld();
-    const std::vector<tk::message> awaiting = takeOldAwaited();
+    const std::vector<AwaitedProgram::Request> awaiting = takeOldAwaited();
     for (const tk::message& request : unanswered)
         refuse(request, tk::error::timedOut, "the program did not answer");
-    for (const tk::message& request : awaiting)
-        refuse(request, tk::error::unreachable,
+    for (const AwaitedProgram::Request& request : awaiting)
+        refuse(tk::message(request.flat), tk::error::unreachable,
                "the program was started, but did not come to the bus in time");
     expires = pending.size() != 0 || !awaited.empty();
     if (expires) expiry.arm(expiryTicks);
 }
 
-std::vector<tk::message> Hub::takeOldAwaited() {
-    std::vector<tk::message> requests;
+std::vector<AwaitedProgram::Request> Hub::takeOldAwaited() {
+    std::vector<AwaitedProgram::Request> requests;
     for (auto& [program, waiting] : awaited)
-        for (auto& old : waiting.takeOld()) requests.push_back(std::move(old.content));
+        for (auto& old : waiting.takeOld()) requests.push_back(std::move(old));
     forgetEmptyAwaited();
     return requests;
 }
@@ -148,7 +164,7 @@ void Hub::programFailed(std::uint32_t program, const std::string& reason) {
     if (waiting == awaited.end()) return;
     const auto requests = waiting->second.take();
     awaited.erase(waiting);
-    for (const auto& waited : requests) refuse(waited.content, tk::error::unreachable, reason);
+    for (const auto& waited : requests) refuse(tk::message(waited.flat), tk::error::unreachable, reason);
 }
 
 }  // namespace router

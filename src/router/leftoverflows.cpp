@@ -1,5 +1,7 @@
 #include "router/leftoverflows.h"
 
+#include <errno.h>
+
 #include <algorithm>
 #include <array>
 #include <utility>
@@ -13,8 +15,9 @@ namespace {
 constexpr int bufferBytes = 1024 * 1024;
 constexpr std::size_t removalsPerDatagram = 512;
 
+/// Whoever keeps flows in zones has rules for them; they are not taken for the table's.
 bool isLeftOver(const Flow& flow, const LeftoverFlows::IsInForce& isInForce) {
-    return flow.isTranslated &&
+    return flow.isTranslated && !flow.isOfZone &&
            !isInForce({flow.destination, flow.protocol, flow.port, flow.target, flow.targetPort});
 }
 
@@ -52,9 +55,31 @@ void LeftoverFlows::remove() {
         rest = rest.subspan(part.size());
         std::vector<char> requests;
         for (const Flow& flow : part) appendFlowRemoval(requests, flow, socket.nextSequence());
-        if (!socket.send(requests.data(), requests.size()))
-            return tk::log("nat: flows cannot be removed: ", tk::errorText());
+        if (!socket.send(requests.data(), requests.size())) return report(tk::errorText());
+        readAnswers();
     }
+}
+
+/// The kernel has handled what was sent, and answered only what it could not do.
+void LeftoverFlows::readAnswers() {
+    const auto take = [this](const nlmsghdr& message) {
+        if (message.nlmsg_type != NLMSG_ERROR) return;
+        const NetlinkResult result = netlinkResultOf(message);
+        if (!result.ok() && result.error != ENOENT) report(result.text);  // ENOENT: it has ended by itself
+    };
+    for (;;) switch (socket.receive(0, take)) {
+            case NetlinkSocket::Received::datagram:
+                break;
+            case NetlinkSocket::Received::nothing:
+                return;
+            case NetlinkSocket::Received::lost:
+            case NetlinkSocket::Received::failed:
+                return report(tk::errorText());
+        }
+}
+
+void LeftoverFlows::report(const std::string& why) {
+    if (!std::exchange(reported, true)) tk::log("nat: flows cannot be removed: ", why);
 }
 
 }  // namespace router

@@ -21,15 +21,18 @@ public:
 
     /// Ends the flows whose destination was translated as no present rule does it, be it one of the router's
     /// addresses now or not: it may come back. Where others may have done that, it leaves them, with one log
-    /// line.
+    /// line; and those of a zone in any case. The first flow that cannot be removed is logged.
     void end(const IsInForce& isInForce, const OtherDnat& others);
 
 private:
     [[nodiscard]] bool read(const IsInForce& isInForce);
     void remove();
+    void readAnswers();
+    void report(const std::string& why);
 
     NetlinkSocket socket;
     std::vector<Flow> flows;
+    bool reported = false;
 };
 
 }  // namespace router

@@ -71,6 +71,7 @@ void Router::run() {
     looper.run();
     activation.endAll();
     turnWhile([this] { return activation.isRunning(); });
+    listener.close();  // a hub without services must not be found by anybody
     // The rules that are left go before the table does, or their flows would go on without them.
     hub.close();
     nat.withdraw();

@@ -47,7 +47,9 @@ bool Uplinks::start(std::string& reason) {
     watch.start<Uplinks, &Uplinks::ready>(events.descriptor(), *this, tk::readable);
     routes.begin();
     routes.complete();
-    return true;
+    isStarted = fault.empty();
+    reason = fault;
+    return isStarted;
 }
 
 void Uplinks::ready(int, std::uint32_t) {
@@ -126,21 +128,29 @@ void Uplinks::defaultRoutesRead(const DefaultExits& exits, bool isComplete) {
 
 void Uplinks::defaultRoutesUnread(const std::string& reason) {
     keepDistance();
-    tk::log("guard: routes cannot be read: ", reason);
+    fail("routes cannot be read: " + reason);
     retryLater();
 }
 
-/// Errors: false; the guard is as it was.
+/// At the start it is the caller of start() that tells why.
+void Uplinks::fail(const std::string& why) {
+    fault = why;
+    if (isStarted) tk::log("guard: ", why);
+}
+
+/// Errors: false when it is not known where some routes lead; the guard keeps what it had then, beside what
+/// is known.
 bool Uplinks::tell() {
+    fault.clear();
     std::set<std::uint32_t> indexes = known.interfaces;
     std::string reason;
     for (const std::uint32_t id : known.nextHops)
-        if (!kernel.addInterfacesOf(id, indexes, reason)) {
-            tk::log("guard: nexthop ", id, " cannot be read: ", reason);
-            return false;
-        }
+        if (!kernel.addInterfacesOf(id, indexes, reason))
+            fail("nexthop " + std::to_string(id) + " cannot be read: " + reason);
+    if (!fault.empty()) indexes.insert(told.begin(), told.end());
     table.setUplinks(indexes);
-    return true;
+    told = std::move(indexes);
+    return fault.empty();
 }
 
 }  // namespace router

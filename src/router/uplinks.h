@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <set>
 #include <string>
 
 #include "router/defaultroutes.h"
@@ -21,7 +22,8 @@ public:
     /// Lifetime: both outlive the object.
     Uplinks(RtNetlink& kernel, NftTable& table) : kernel(kernel), table(table) {}
 
-    /// Returns when the guard knows. Errors: false, with the reason in `reason`.
+    /// Returns when the guard knows. Errors: false, with the reason in `reason`; also when the routes, or
+    /// where one of them leads, cannot be read: the bus must not open to users who are not guarded.
     [[nodiscard]] bool start(std::string& reason);
 
 private:
@@ -35,6 +37,7 @@ private:
     void retryLater();
     void defaultRoutesRead(const DefaultExits& exits, bool isComplete) override;
     void defaultRoutesUnread(const std::string& reason) override;
+    void fail(const std::string& why);
     [[nodiscard]] bool tell();
 
     RtNetlink& kernel;
@@ -43,7 +46,10 @@ private:
     tk::Watch watch;
     DefaultRoutes routes{*this};
     DefaultExits known;
-    DefaultExits heard;   // since the last reading began, which may have missed it
+    DefaultExits heard;            // since the last reading began, which may have missed it
+    std::set<std::uint32_t> told;  // what the guard has
+    std::string fault;             // why the last reading or telling failed, empty where it did not
+    bool isStarted = false;
     bool isDue = false;   // another reading
     bool isNews = false;  // what is known may lead elsewhere now
     std::chrono::steady_clock::time_point restEnd;

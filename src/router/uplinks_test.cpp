@@ -169,6 +169,35 @@ TEST_F(UplinksTest, FollowANextHopObjectThatLedNowhere) {
     EXPECT_EQ(guardedUntil({"up1"}), Names{"up1"});
 }
 
+TEST_F(UplinksTest, WhatIsKnownIsGuardedWhileANextHopObjectCannotBeRead) {
+    if (!usesNextHops()) GTEST_SKIP() << "this kernel has no nexthop objects";
+    shell("ip route add default via 198.51.100.2");
+    RtNetlink closed;  // every request of it fails until it is opened
+    Uplinks blind(closed, table);
+    std::string reason;
+    ASSERT_TRUE(blind.start(reason)) << reason;
+    ASSERT_EQ(guarded(), Names{"up0"});
+    shell("ip nexthop add id 7 via 203.0.113.2 dev up1 && ip route replace default nhid 7");
+    const std::uint64_t limit = clock.now() + 1500;  // so that all routes are read once more
+    for (; clock.now() < limit; looper.turn(5))
+        ASSERT_EQ(guarded(), Names{"up0"}) << "what it was told before";
+    shell("ip route add default via 203.0.113.2 dev up1 table 100");
+    EXPECT_EQ(guardedUntil({"up0", "up1"}), (Names{"up0", "up1"})) << "what is known without the object";
+    shell("ip route flush table 100");
+    ASSERT_TRUE(closed.open(reason)) << reason;
+    EXPECT_EQ(guardedUntil({"up1"}), Names{"up1"});
+}
+
+TEST_F(UplinksTest, DoNotStartWhenItIsNotKnownWhereARouteLeads) {
+    if (!usesNextHops()) GTEST_SKIP() << "this kernel has no nexthop objects";
+    shell("ip nexthop add id 7 via 203.0.113.2 dev up1 && ip route add default nhid 7");
+    RtNetlink closed;
+    Uplinks blind(closed, table);
+    std::string reason;
+    EXPECT_FALSE(blind.start(reason));
+    EXPECT_EQ(reason, "nexthop 7 cannot be read: Bad file descriptor");
+}
+
 TEST_F(UplinksTest, AChangeDuringAReadingLeadsToAnother) {
     shell("ip route add default via 203.0.113.2");
     start();

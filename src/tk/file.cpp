@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "tk/fd.h"
 #include "tk/log.h"
 
 namespace tk {
@@ -40,9 +39,16 @@ Fd createFile(const std::string& path) {
 
 }  // namespace
 
+Fd openToRead(const std::string& path) {
+    return Fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+}
+
 bool readFile(const std::string& path, std::size_t limit, std::string& out) {
+    return readFile(openToRead(path), limit, out);
+}
+
+bool readFile(const Fd& file, std::size_t limit, std::string& out) {
     out.clear();
-    const Fd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat status {};
     if (!file.isOpen() || ::fstat(file.get(), &status) != 0) return false;
     if (!S_ISREG(status.st_mode)) {

@@ -36,6 +36,17 @@ TEST_F(FileTest, ReadsRegularFilesOnly) {
     EXPECT_EQ(errno, ENOENT);
 }
 
+TEST_F(FileTest, ReadsTheFileThatWasOpenedAndNotItsSuccessor) {
+    folder.write("file", "opened");
+    const Fd file = openToRead(folder.file("file"));
+    folder.write("other", "successor");
+    std::filesystem::rename(folder.file("other"), folder.file("file"));
+    EXPECT_TRUE(readFile(file, 100, content));
+    EXPECT_EQ(content, "opened");
+    EXPECT_FALSE(openToRead(folder.file("none")).isOpen());
+    EXPECT_EQ(errno, ENOENT);
+}
+
 TEST_F(FileTest, WritesANewFileForItsOwnerAlone) {
     ASSERT_TRUE(writeSynced(folder.file("file"), "content"));
     EXPECT_EQ(folder.read("file"), "content");
