@@ -15,6 +15,11 @@ ENVIRONMENT = {**os.environ, "GATEWAY_BIN": str(labs.BIN)}
 SERVES = "The gateway serves lan0, with wan0 as its external interface, until you interrupt it."
 
 
+def heed_interrupts():
+    """A shell cannot trap a signal that it was started without, as what runs in the background often is."""
+    signal.signal(signal.SIGINT, signal.SIG_DFL)
+
+
 class Gateway:
     """./gateway on the router's own interfaces, with all that it writes."""
 
@@ -23,7 +28,8 @@ class Gateway:
         self.path = lab.directory / "gateway.log"
         with open(self.path, "wb") as out:
             self.process = subprocess.Popen(lab.router.command(GATEWAY, "--lan", lan, "--wan", wan), env=ENVIRONMENT,
-                                            stdin=subprocess.DEVNULL, stdout=out, stderr=subprocess.STDOUT)
+                                            stdin=subprocess.DEVNULL, stdout=out, stderr=subprocess.STDOUT,
+                                            preexec_fn=heed_interrupts)
 
     @property
     def lines(self):
