@@ -13,6 +13,7 @@ namespace router {
 namespace {
 
 using testing::codeOf;
+using testing::subscription;
 using testing::TestClient;
 using testing::text;
 
@@ -21,15 +22,9 @@ constexpr std::uint32_t command = 77;
 class HubTest : public ::testing::Test {
 protected:
     void subscribe(TestClient& client, const tk::Path& path, std::uint32_t wanted) {
-        tk::message content;
-        content.insert_u32_array(1, path);
-        content.insert_u32(2, wanted);
+        tk::message content = subscription(path, wanted);
         content.insert_message_array(3, {tk::message()});
         EXPECT_FALSE(tk::isError(bus.ask(client, {0}, tk::command::hubSubscribe, content)));
-    }
-    std::vector<tk::message> arrivedAt(TestClient& client) {
-        bus.settle();
-        return client.take();
     }
 
     testing::TestHub bus;
@@ -49,7 +44,7 @@ TEST_F(HubTest, CarriesARequestAndItsReplyWhole) {
     const auto program = bus.connectProgram(80);
     const auto client = bus.connect();
     const std::uint32_t number = client->request({80, 3}, command, text("question"));
-    const auto requests = arrivedAt(*program);
+    const auto requests = bus.arrivedAt(*program);
     ASSERT_EQ(requests.size(), 1U);
     tk::message expected = text("question");
     expected.insert_u32_array(tk::field::destination, {80, 3});
@@ -57,7 +52,7 @@ TEST_F(HubTest, CarriesARequestAndItsReplyWhole) {
     EXPECT_EQ(requests[0], expected);
 
     program->answer(requests[0], text("answer"));
-    const auto ends = arrivedAt(*client);
+    const auto ends = bus.arrivedAt(*client);
     ASSERT_EQ(ends.size(), 1U);
     tk::message reply = text("answer");
     reply.insert_u32_array(tk::field::destination, {1001});
@@ -70,13 +65,13 @@ TEST_F(HubTest, AnEndThatComesTwiceOrUnaskedIsDiscarded) {
     const auto other = bus.connectProgram(81);
     const auto client = bus.connect();
     client->request({80}, command);
-    const auto requests = arrivedAt(*program);
+    const auto requests = bus.arrivedAt(*program);
     ASSERT_EQ(requests.size(), 1U);
     other->answer(requests[0], text("forged"));
-    EXPECT_TRUE(arrivedAt(*client).empty());
+    EXPECT_TRUE(bus.arrivedAt(*client).empty());
     program->answer(requests[0], text("first"));
     program->answer(requests[0], text("second"));
-    const auto ends = arrivedAt(*client);
+    const auto ends = bus.arrivedAt(*client);
     ASSERT_EQ(ends.size(), 1U);
     EXPECT_EQ(ends[0].get_string(1), "first");
 }
@@ -87,7 +82,7 @@ TEST_F(HubTest, SenderCannotBeForged) {
     const auto client = bus.connect();
     client->request({80}, command, {}, {65, 9});
     other->request({80}, command, {}, {65, 9});
-    const auto requests = arrivedAt(*program);
+    const auto requests = bus.arrivedAt(*program);
     ASSERT_EQ(requests.size(), 2U);
     EXPECT_EQ(requests[0].get_u32_array(tk::field::sender), (tk::Path{1002}));
     EXPECT_EQ(requests[1].get_u32_array(tk::field::sender), (tk::Path{14, 9}));
@@ -100,7 +95,7 @@ TEST_F(HubTest, SenderIsAppendedWhereItIsAbsent) {
     bare.insert_u32_array(tk::field::destination, {80});
     bare.insert_u32(tk::field::number, 4);
     client->send(bare);
-    const auto requests = arrivedAt(*program);
+    const auto requests = bus.arrivedAt(*program);
     ASSERT_EQ(requests.size(), 1U);
     ASSERT_EQ(requests[0].fields().size(), 3U);
     EXPECT_EQ(requests[0].fields().back().id, tk::field::sender);
@@ -111,9 +106,9 @@ TEST_F(HubTest, CalleesEndEndsItsRequests) {
     const auto client = bus.connect();
     client->request({80}, command);
     client->request({80}, command);
-    ASSERT_EQ(arrivedAt(*program).size(), 2U);
+    ASSERT_EQ(bus.arrivedAt(*program).size(), 2U);
     program->close();
-    const auto ends = arrivedAt(*client);
+    const auto ends = bus.arrivedAt(*client);
     ASSERT_EQ(ends.size(), 2U);
     for (const tk::message& end : ends) EXPECT_EQ(codeOf(end), tk::error::disconnected);
     EXPECT_EQ(codeOf(bus.ask(*client, {80}, command)), tk::error::unreachable);
@@ -123,7 +118,7 @@ TEST_F(HubTest, RequestersEndLosesTheReplyOnly) {
     const auto program = bus.connectProgram(80);
     auto client = bus.connect();
     client->request({80}, command);
-    const auto requests = arrivedAt(*program);
+    const auto requests = bus.arrivedAt(*program);
     ASSERT_EQ(requests.size(), 1U);
     client->close();
     program->answer(requests[0], {});
@@ -137,15 +132,15 @@ TEST_F(HubTest, AProgramMayAskWhileItServes) {
     const auto resolver = bus.connectProgram(14);
     const auto client = bus.connect();
     client->request({80}, command);
-    const auto outer = arrivedAt(*gateway);
+    const auto outer = bus.arrivedAt(*gateway);
     ASSERT_EQ(outer.size(), 1U);
     gateway->request({14}, command, {}, {80, 0});
-    const auto inner = arrivedAt(*resolver);
+    const auto inner = bus.arrivedAt(*resolver);
     ASSERT_EQ(inner.size(), 1U);
     resolver->answer(inner[0], text("inner"));
-    ASSERT_EQ(arrivedAt(*gateway).size(), 1U);
+    ASSERT_EQ(bus.arrivedAt(*gateway).size(), 1U);
     gateway->answer(outer[0], text("outer"));
-    const auto ends = arrivedAt(*client);
+    const auto ends = bus.arrivedAt(*client);
     ASSERT_EQ(ends.size(), 1U);
     EXPECT_EQ(ends[0].get_string(1), "outer");
 }
@@ -168,7 +163,7 @@ TEST_F(HubTest, ANumberIsFreeOnceItsHoldersEndIsInTheSocket) {
     content.insert_u32(1, 80);
     client->request({0}, tk::command::hubRegister, content);
     holder->close();
-    const auto ends = arrivedAt(*client);
+    const auto ends = bus.arrivedAt(*client);
     ASSERT_EQ(ends.size(), 1U);
     EXPECT_FALSE(tk::isError(ends[0]));
 }
@@ -192,7 +187,7 @@ TEST_F(HubTest, NotificationReachesExactlyItsSubscribersOnce) {
     subscribe(*otherPath, {80}, command);
     subscribe(*otherCommand, {80, 0}, command + 1);
     source->notify({80, 0}, command, text("news"));
-    const auto news = arrivedAt(*subscriber);
+    const auto news = bus.arrivedAt(*subscriber);
     ASSERT_EQ(news.size(), 1U);
     EXPECT_EQ(news[0].get_string(1), "news");
     EXPECT_EQ(tk::kindOf(news[0]), tk::Kind::notification);
@@ -204,28 +199,22 @@ TEST_F(HubTest, UnsubscribedMeansSilence) {
     const auto source = bus.connectProgram(80);
     const auto subscriber = bus.connect();
     subscribe(*subscriber, {80, 0}, command);
-    tk::message content;
-    content.insert_u32_array(1, {80, 0});
-    content.insert_u32(2, command);
+    tk::message content = subscription({80, 0}, command);
     EXPECT_FALSE(tk::isError(bus.ask(*subscriber, {0}, tk::command::hubUnsubscribe, content)));
     source->notify({80, 0}, command);
-    EXPECT_TRUE(arrivedAt(*subscriber).empty());
+    EXPECT_TRUE(bus.arrivedAt(*subscriber).empty());
 }
 
 TEST_F(HubTest, AFilterIsRefused) {
     const auto client = bus.connect();
-    tk::message content;
-    content.insert_u32_array(1, {80, 0});
-    content.insert_u32(2, command);
+    tk::message content = subscription({80, 0}, command);
     content.insert_message_array(3, {text("filter")});
     EXPECT_EQ(codeOf(bus.ask(*client, {0}, tk::command::hubSubscribe, content)), tk::error::refused);
 }
 
 TEST_F(HubTest, ASubscriptionToAPathOfMoreThan16ElementsIsRefused) {
     const auto client = bus.connect();
-    tk::message content;
-    content.insert_u32_array(1, tk::Path(17, 80));
-    content.insert_u32(2, command);
+    tk::message content = subscription(tk::Path(17, 80), command);
     EXPECT_EQ(codeOf(bus.ask(*client, {0}, tk::command::hubSubscribe, content)), tk::error::invalid);
 }
 
@@ -249,7 +238,7 @@ TEST_F(HubTest, APeerThatDoesNotReadIsDroppedAndTheOthersGoOn) {
     std::size_t seen = 0;
     for (std::size_t i = 0; i < enough; ++i) {
         source->notify({80, 0}, command, large);
-        seen += arrivedAt(*reader).size();
+        seen += bus.arrivedAt(*reader).size();
     }
     EXPECT_EQ(seen, enough);
     EXPECT_EQ(bus.hub.peerCount(), 2U);
@@ -262,7 +251,7 @@ TEST_F(HubTest, PendingRequestsOfOnePeerAreBounded) {
         client->request({80}, command);
         if (i % 64 == 0) bus.settle();
     }
-    EXPECT_TRUE(arrivedAt(*client).empty());
+    EXPECT_TRUE(bus.arrivedAt(*client).empty());
     EXPECT_EQ(codeOf(bus.ask(*client, {80}, command)), tk::error::busy);
 }
 
@@ -283,15 +272,15 @@ TEST_F(HubTest, ARequestWithAPathOfMoreThan256ElementsIsRefused) {
     const auto program = bus.connectProgram(80);
     const auto other = bus.connectProgram(14);
     other->request(tk::Path(257, 80), command, text("lost"), tk::Path(300, 14));
-    const tk::message end = arrivedAt(*other).at(0);
+    const tk::message end = bus.arrivedAt(*other).at(0);
     EXPECT_EQ(codeOf(end), tk::error::invalid);
     EXPECT_EQ(end.get_u32_array(tk::field::sender), tk::Path(256, 80));
     EXPECT_EQ(end.get_u32_array(tk::field::destination), tk::Path(256, 14));
     other->request({80}, command, {}, tk::Path(257, 14));
-    EXPECT_EQ(codeOf(arrivedAt(*other).at(0)), tk::error::invalid);
-    EXPECT_TRUE(arrivedAt(*program).empty());
+    EXPECT_EQ(codeOf(bus.arrivedAt(*other).at(0)), tk::error::invalid);
+    EXPECT_TRUE(bus.arrivedAt(*program).empty());
     other->request(tk::Path(256, 80), command, {}, tk::Path(256, 14));
-    EXPECT_EQ(arrivedAt(*program).size(), 1U);
+    EXPECT_EQ(bus.arrivedAt(*program).size(), 1U);
 }
 
 TEST_F(HubTest, AnAnswerWithoutRoomInAFrameBecomesAnError) {
@@ -323,7 +312,7 @@ TEST_F(HubTest, ARequestThatIsNeverAnsweredEndsAndItsLateReplyIsDiscarded) {
     const auto program = bus.connectProgram(80);
     const auto client = bus.connect();
     const std::uint32_t number = client->request({80}, command);
-    const tk::message request = arrivedAt(*program).at(0);
+    const tk::message request = bus.arrivedAt(*program).at(0);
     bus.advance(Hub::expiryTicks);
     EXPECT_TRUE(client->take().empty()) << "a minute is always granted";
     bus.advance(Hub::expiryTicks);
@@ -332,7 +321,7 @@ TEST_F(HubTest, ARequestThatIsNeverAnsweredEndsAndItsLateReplyIsDiscarded) {
     EXPECT_EQ(codeOf(ends.front()), tk::error::timedOut);
     EXPECT_EQ(ends.front().get_u32(tk::field::number), number);
     program->answer(request, {});
-    EXPECT_TRUE(arrivedAt(*client).empty());
+    EXPECT_TRUE(bus.arrivedAt(*client).empty());
     EXPECT_EQ(bus.hub.peerCount(), 2U);
 }
 
@@ -341,7 +330,7 @@ TEST_F(HubTest, TwoHundredConnectionsAreServedAtOnce) {
     std::vector<std::unique_ptr<TestClient>> clients;
     for (int i = 0; i < 200; ++i) clients.push_back(bus.connect());
     for (const auto& client : clients) client->request({80}, command);
-    for (const tk::message& request : arrivedAt(*program)) program->answer(request, text("served"));
+    for (const tk::message& request : bus.arrivedAt(*program)) program->answer(request, text("served"));
     bus.settle();
     for (const auto& client : clients) EXPECT_EQ(client->take().size(), 1U);
 }

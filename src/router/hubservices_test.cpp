@@ -41,9 +41,7 @@ protected:
         return client.take();
     }
     void subscribe(TestClient& client, const tk::Path& path, std::uint32_t wanted) {
-        tk::message content;
-        content.insert_u32_array(1, path);
-        content.insert_u32(2, wanted);
+        tk::message content = testing::subscription(path, wanted);
         EXPECT_FALSE(tk::isError(bus.ask(client, {0}, tk::command::hubSubscribe, content)));
     }
 

@@ -13,6 +13,7 @@ namespace router {
 namespace {
 
 using testing::codeOf;
+using testing::subscription;
 using testing::TestClient;
 using testing::text;
 
@@ -44,10 +45,6 @@ protected:
     tk::message unregister(TestClient& program) {
         return bus.ask(program, {0}, tk::command::hubUnregister, number(80));
     }
-    std::vector<tk::message> arrivedAt(TestClient& client) {
-        bus.settle();
-        return client.take();
-    }
 
     FakeStarter starter;
     testing::TestHub bus;
@@ -59,12 +56,12 @@ TEST_F(HubUnregisterTest, WhatWasAskedBeforePrecedesTheReplyAndIsAnsweredInThePr
     const std::uint32_t asked = client->request({80, 3}, command, text("question"));
     bus.settle();
     program->request({0}, tk::command::hubUnregister, number(80), {80, 0});
-    const auto arrived = arrivedAt(*program);
+    const auto arrived = bus.arrivedAt(*program);
     ASSERT_EQ(arrived.size(), 2U);
     EXPECT_EQ(arrived[0].get_u32(tk::field::command), command);
     EXPECT_EQ(tk::kindOf(arrived[1]), tk::Kind::reply);
     program->answer(arrived[0], text("answer"));
-    const auto ends = arrivedAt(*client);
+    const auto ends = bus.arrivedAt(*client);
     ASSERT_EQ(ends.size(), 1U);
     tk::message expected = text("answer");
     expected.insert_u32_array(tk::field::destination, {1001});
@@ -76,20 +73,20 @@ TEST_F(HubUnregisterTest, WhatWasAskedBeforePrecedesTheReplyAndIsAnsweredInThePr
 TEST_F(HubUnregisterTest, WhatIsAskedAfterwardsWaitsForTheNextStart) {
     EXPECT_EQ(tk::withoutRouting(unregister(*program)), tk::message());
     client->request({80}, command);
-    EXPECT_TRUE(arrivedAt(*program).empty());
+    EXPECT_TRUE(bus.arrivedAt(*program).empty());
     EXPECT_TRUE(client->take().empty());
     EXPECT_EQ(starter.started, (std::vector<std::uint32_t>{80}));
     const auto next = bus.connect();
     next->request({0}, tk::command::hubRegister, number(80));
-    const auto arrived = arrivedAt(*next);
+    const auto arrived = bus.arrivedAt(*next);
     ASSERT_EQ(arrived.size(), 2U);
     EXPECT_EQ(arrived[1].get_u32(tk::field::command), command);
     program->close();
-    EXPECT_TRUE(arrivedAt(*client).empty());
+    EXPECT_TRUE(bus.arrivedAt(*client).empty());
     next->answer(arrived[1], {});
-    EXPECT_EQ(arrivedAt(*client).size(), 1U);
+    EXPECT_EQ(bus.arrivedAt(*client).size(), 1U);
     client->request({80}, command);
-    EXPECT_EQ(arrivedAt(*next).size(), 1U) << "the end of the former one changes nothing";
+    EXPECT_EQ(bus.arrivedAt(*next).size(), 1U) << "the end of the former one changes nothing";
 }
 
 TEST_F(HubUnregisterTest, WhatTheProgramLeavesUnansweredEndsWithItsConnection) {
@@ -98,7 +95,7 @@ TEST_F(HubUnregisterTest, WhatTheProgramLeavesUnansweredEndsWithItsConnection) {
     program->request({0}, tk::command::hubUnregister, number(80));
     bus.settle();
     program->close();
-    const auto ends = arrivedAt(*client);
+    const auto ends = bus.arrivedAt(*client);
     ASSERT_EQ(ends.size(), 1U);
     EXPECT_EQ(codeOf(ends[0]), tk::error::disconnected);
 }
@@ -109,22 +106,22 @@ TEST_F(HubUnregisterTest, NobodyElseGivesTheNumberUp) {
     EXPECT_EQ(codeOf(bus.ask(*program, {0}, tk::command::hubUnregister)), tk::error::invalid);
     EXPECT_EQ(codeOf(bus.ask(*client, {0}, tk::command::hubUnregister)), tk::error::invalid);
     client->request({80}, command);
-    EXPECT_EQ(arrivedAt(*program).size(), 1U);
+    EXPECT_EQ(bus.arrivedAt(*program).size(), 1U);
 }
 
 TEST_F(HubUnregisterTest, AProgramKeepsItsNumberWhileItWaitsForEnds) {
     const auto other = bus.connectProgram(81);
     program->request({81}, command);
-    const auto requests = arrivedAt(*other);
+    const auto requests = bus.arrivedAt(*other);
     ASSERT_EQ(requests.size(), 1U);
     EXPECT_EQ(codeOf(unregister(*program)), tk::error::busy);
     other->answer(requests[0], {});
-    EXPECT_EQ(arrivedAt(*program).size(), 1U);
+    EXPECT_EQ(bus.arrivedAt(*program).size(), 1U);
     program->request({82}, command);  // is to be started
     bus.settle();
     EXPECT_EQ(codeOf(unregister(*program)), tk::error::busy);
     bus.hub.programFailed(82, "it ended");
-    EXPECT_EQ(arrivedAt(*program).size(), 1U);
+    EXPECT_EQ(bus.arrivedAt(*program).size(), 1U);
     EXPECT_FALSE(tk::isError(unregister(*program)));
 }
 
@@ -136,24 +133,22 @@ TEST_F(HubUnregisterTest, IsForGoodAndMayBeAskedAgain) {
     const auto next = bus.connectProgram(80);
     EXPECT_FALSE(tk::isError(unregister(*program)));
     client->request({80}, command);
-    EXPECT_EQ(arrivedAt(*next).size(), 1U);
+    EXPECT_EQ(bus.arrivedAt(*next).size(), 1U);
 }
 
 TEST_F(HubUnregisterTest, AFormerProgramAsksAndTellsAsAClient) {
     const auto other = bus.connectProgram(81);
     EXPECT_FALSE(tk::isError(unregister(*program)));
     program->request({81}, command, {}, {80, 4});
-    const auto requests = arrivedAt(*other);
+    const auto requests = bus.arrivedAt(*other);
     ASSERT_EQ(requests.size(), 1U);
     EXPECT_EQ(requests[0].get_u32_array(tk::field::sender), tk::Path{1000});
     other->answer(requests[0], {});
-    EXPECT_EQ(arrivedAt(*program).size(), 1U);
-    tk::message path;
-    path.insert_u32_array(1, {80, 4});
-    path.insert_u32(2, command);
+    EXPECT_EQ(bus.arrivedAt(*program).size(), 1U);
+    tk::message path = subscription({80, 4}, command);
     EXPECT_FALSE(tk::isError(bus.ask(*client, {0}, tk::command::hubSubscribe, path)));
     program->notify({80, 4}, command);
-    EXPECT_TRUE(arrivedAt(*client).empty());
+    EXPECT_TRUE(bus.arrivedAt(*client).empty());
 }
 
 TEST_F(HubUnregisterTest, WhatTheProgramMadeGoesWithItsNumber) {

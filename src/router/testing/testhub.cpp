@@ -81,6 +81,11 @@ void TestHub::advance(std::uint32_t ticks) {
     settle();
 }
 
+std::vector<tk::message> TestHub::arrivedAt(TestClient& client) {
+    settle();
+    return client.take();
+}
+
 tk::message TestHub::ask(TestClient& client, const tk::Path& to, std::uint32_t command,
                          const tk::message& content) {
     const std::uint32_t number = client.request(to, command, content);
@@ -90,6 +95,13 @@ tk::message TestHub::ask(TestClient& client, const tk::Path& to, std::uint32_t c
     if (arrived.empty()) return {};
     EXPECT_EQ(arrived.front().get_u32(tk::field::number), number);
     return arrived.front();
+}
+
+tk::message subscription(const tk::Path& path, std::uint32_t command) {
+    tk::message content;
+    content.insert_u32_array(1, path);
+    content.insert_u32(2, command);
+    return content;
 }
 
 tk::message text(const std::string& value) {

@@ -55,6 +55,8 @@ struct TestHub {
     /// Serves what is ready, until nothing is.
     void settle();
     void advance(std::uint32_t ticks);
+    /// What has arrived at a client when all is served.
+    std::vector<tk::message> arrivedAt(TestClient& client);
     /// Sends a request and gives its end, which must be the only message that arrives.
     tk::message ask(TestClient& client, const tk::Path& to, std::uint32_t command,
                     const tk::message& content = {});
@@ -62,6 +64,9 @@ struct TestHub {
 
 /// A message whose field 1 is a string.
 tk::message text(const std::string& value);
+
+/// What the hub's subscribe and unsubscribe commands take: the sender and the command of notifications.
+tk::message subscription(const tk::Path& path, std::uint32_t command);
 
 /// The code of an error, which `end` must be.
 std::uint32_t codeOf(const tk::message& end);
