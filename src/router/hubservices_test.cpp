@@ -36,10 +36,6 @@ public:
 
 class HubServicesTest : public ::testing::Test {
 protected:
-    std::vector<tk::message> arrivedAt(TestClient& client) {
-        bus.settle();
-        return client.take();
-    }
     void subscribe(TestClient& client, const tk::Path& path, std::uint32_t wanted) {
         tk::message content = testing::subscription(path, wanted);
         EXPECT_FALSE(tk::isError(bus.ask(client, {0}, tk::command::hubSubscribe, content)));
@@ -84,7 +80,7 @@ TEST_F(HubServicesTest, LocalNotificationsComeBeforeTheReply) {
     const auto client = bus.connect();
     subscribe(*client, {20, 0}, tk::command::objectsChanged);
     client->request({20, 0}, command);
-    const auto arrived = arrivedAt(*client);
+    const auto arrived = bus.arrivedAt(*client);
     ASSERT_EQ(arrived.size(), 2U);
     EXPECT_EQ(tk::kindOf(arrived[0]), tk::Kind::notification);
     EXPECT_EQ(arrived[0].get_u32_array(tk::field::sender), (tk::Path{20, 0}));
@@ -104,7 +100,7 @@ TEST_F(HubServicesTest, LocalHandlersNeverWaitForAnotherProgram) {
     request.insert_u32_array(tk::field::destination, {24});
     EXPECT_EQ(asker.exchangeCmd(request, command, 1000).get_string(1), "served");
     EXPECT_EQ(other.served.front().get_u32_array(tk::field::sender), (tk::Path{20, 0}));
-    EXPECT_TRUE(arrivedAt(*program).empty());
+    EXPECT_TRUE(bus.arrivedAt(*program).empty());
     bus.hub.close();
 }
 
@@ -155,13 +151,13 @@ TEST_F(AskingHandlerTest, AnswersWhenTheProgramDid) {
     const auto program = bus.connectProgram(80);
     const auto client = bus.connect();
     client->request({24}, command);
-    const tk::message asked = arrivedAt(*program).at(0);
+    const tk::message asked = bus.arrivedAt(*program).at(0);
     EXPECT_EQ(asked.get_u32_array(tk::field::destination), (tk::Path{80, 3}));
     EXPECT_EQ(asked.get_u32_array(tk::field::sender), tk::Path{24});
     EXPECT_EQ(asked.get_u32(tk::field::command), command + 1);
     EXPECT_TRUE(client->take().empty());
     program->answer(asked, {});
-    const auto ends = arrivedAt(*client);
+    const auto ends = bus.arrivedAt(*client);
     ASSERT_EQ(ends.size(), 1U);
     EXPECT_EQ(ends.front().get_string(1), "answered");
 }
@@ -177,7 +173,7 @@ TEST_F(AskingHandlerTest, HearsOfTheProgramsEnd) {
     client->request({24}, command);
     bus.settle();
     program.reset();
-    const auto ends = arrivedAt(*client);
+    const auto ends = bus.arrivedAt(*client);
     ASSERT_EQ(ends.size(), 1U);
     EXPECT_EQ(codeOf(ends.front()), tk::error::disconnected);
 }
