@@ -160,7 +160,7 @@ tk::message Hub::exchange(const tk::message& request, const tk::Path& from, std:
     const tk::Path& to = sent.get_u32_array(tk::field::destination);
     const bool isLocal = !to.empty() && services.has(to.front());
     tk::message end =
-        tk::endOf(sent, isLocal ? services.serve(sent)
+        tk::endOf(sent, isLocal ? services.serve(sent, 0)
                                 : tk::errorMsg(tk::error::refused, "the router waits for nobody"));
     trace(end);
     return end;

@@ -69,6 +69,8 @@ public:
     /// Serves a handler of this process at `path`. Lifetime: the handler outlives the hub, or close() comes
     /// first.
     void addService(tk::Handler& handler, const tk::Path& path);
+    /// Who asks the handlers of this process. Lifetime: the hub's.
+    const Requester& requester() const { return services; }
     /// Whom to ask for programs that are not there; null (the start) for nobody. Lifetime: outlives its use.
     void setStarter(Starter* target) { starter = target; }
 

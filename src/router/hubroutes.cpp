@@ -56,7 +56,7 @@ void Hub::route(HubPeer& from, const tk::message& request) {
         return refuse(request, tk::error::notAllowed,
                       "user " + std::to_string(from.user().uid) + " may not change anything here");
     if (services.has(to.front())) {
-        const tk::message answer = services.serve(request);
+        const tk::message answer = services.serve(request, from.user().uid);
         if (!answer.has(tk::field::later)) sendEnd(tk::endOf(request, answer));
         return;
     }
