@@ -12,6 +12,18 @@ target_compile_options(gateway_options INTERFACE
     $<$<CONFIG:Release>:-ffunction-sections -fdata-sections>)
 target_link_options(gateway_options INTERFACE $<$<CONFIG:Release>:-Wl,--gc-sections>)
 
+# What is installed makes an exploit of a fault hard; tests/test_hardening.py reads it from the programs.
+set(hardening -fPIE -fstack-protector-strong -fstack-clash-protection)
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(x86_64|AMD64|i[3-6]86)$")
+    list(APPEND hardening -fcf-protection=full)
+elseif(CMAKE_SYSTEM_PROCESSOR MATCHES "^(aarch64|arm64)$")
+    list(APPEND hardening -mbranch-protection=standard)
+endif()
+target_compile_options(gateway_options INTERFACE "$<$<CONFIG:Release>:${hardening}>")
+target_compile_definitions(gateway_options INTERFACE
+    $<$<CONFIG:Release>:_FORTIFY_SOURCE=3> $<$<CONFIG:Release>:_GLIBCXX_ASSERTIONS>)
+target_link_options(gateway_options INTERFACE "$<$<CONFIG:Release>:-pie;-Wl,-z,relro,-z,now,-z,noexecstack>")
+
 if(GATEWAY_SANITIZE)
     target_compile_options(gateway_options INTERFACE
         -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
