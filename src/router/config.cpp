@@ -141,6 +141,7 @@ private:
         if (key == "internal-prefixes") return values.read(key, value, nat.internalPrefixes);
         if (key == "external-ports") return values.read(key, value, nat.externalPorts);
         if (key == "internal-ports") return values.read(key, value, nat.internalPorts);
+        if (key == "router-ports") return values.read(key, value, nat.routerPorts);
         if (key == "limit-per-client") return values.read(key, value, 0, highestNumber, nat.limitPerTarget);
         if (key == "limit") return values.read(key, value, 0, highestNumber, nat.limit);
         return values.fail(key, value, "unknown key");

@@ -64,6 +64,7 @@ TEST(ParseConfig, ReadsEveryKey) {
         "[nat]\ncheck-targets = false\ninternal-prefixes = [\"10.0.0.0/8\", \"192.0.2.1/32\", "
         "\"0.0.0.0/0\"]\n"
         "external-ports = [80, \"1024-65535\"]\ninternal-ports = [\"22\"]\nlimit-per-client = 3\nlimit = 4\n"
+        "router-ports = [51820, \"8000-8010\"]\n"
         "[guard]\nlimit-connections = false\nsearches-per-second = 5\nrequests-per-second = 6\nconnections = "
         "7\n",
         "router.toml", config, reason))
@@ -78,7 +79,8 @@ TEST(ParseConfig, ReadsEveryKey) {
                   {{80, 80}, {1024, 65535}},
                   {{22, 22}},
                   3,
-                  4};
+                  4,
+                  {{51820, 51820}, {8000, 8010}}};
     wanted.guard = {false, 5, 6, 7};
     EXPECT_EQ(config, wanted);
 }
@@ -151,6 +153,8 @@ constexpr Case cases[] = {
      "r.toml:2: internal-prefixes: must be a list of networks, such as \"192.0.2.0/24\""},
     {"PrefixWithHostBits", "[nat]\ninternal-prefixes = [\"192.0.2.1/24\"]\n",
      "r.toml:2: internal-prefixes: must be a list of networks, such as \"192.0.2.0/24\""},
+    {"RouterPortTooHigh", "[nat]\nrouter-ports = [65536]\n",
+     "r.toml:2: router-ports: must be a list of ports, such as 80 and \"1024-65535\""},
     {"PrefixTooLong", "[nat]\ninternal-prefixes = [\"192.0.2.0/33\"]\n",
      "r.toml:2: internal-prefixes: must be a list of networks, such as \"192.0.2.0/24\""},
     {"PortTooHigh", "[nat]\nexternal-ports = [65536]\n",

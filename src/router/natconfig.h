@@ -31,6 +31,7 @@ struct NatConfig {
     std::vector<PortRange> internalPorts;  // that a rule may lead to; empty: all
     std::uint32_t limitPerTarget = 0;      // rules that lead to one address; 0: no limit
     std::uint32_t limit = 0;               // rules at all; 0: no limit
+    std::vector<PortRange> routerPorts{};  // that no program may map
 
     bool operator==(const NatConfig&) const = default;
 };

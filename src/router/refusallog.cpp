@@ -15,7 +15,7 @@ void RefusalLog::note(uid_t user, const std::string& why) {
     }
     isQuiet = true;
     interval.arm(intervalTicks);
-    tk::log("bus: connection of user ", user, " refused: ", why);
+    tk::log(area, ": ", one, " of user ", user, " refused: ", why);
 }
 
 void RefusalLog::close() {
@@ -33,7 +33,7 @@ void RefusalLog::intervalEnds() {
 bool RefusalLog::tell() {
     const std::size_t count = std::exchange(untold, 0);
     if (count == 0) return false;
-    tk::log("bus: ", count, " more connections refused, the last of user ", lastUser, ": ", lastReason);
+    tk::log(area, ": ", count, " more ", many, " refused, the last of user ", lastUser, ": ", lastReason);
     return true;
 }
 

@@ -4,13 +4,16 @@
 
 #include <map>
 #include <optional>
+#include <set>
 #include <span>
 #include <string>
 #include <tuple>
 #include <vector>
 
+#include "router/listeners.h"
 #include "router/natkernel.h"
 #include "router/networkkernel.h"
+#include "router/requester.h"
 
 namespace router::testing {
 
@@ -73,6 +76,30 @@ public:
     std::size_t largest = 60000;          // elements in a transaction
     std::optional<int> transactionsLeft;  // before all are refused
     std::string fault;
+};
+
+/// Services of the router as a test wants them.
+class FakeListeners final : public Listeners {
+public:
+    using Place = std::tuple<std::uint32_t, std::uint8_t, std::uint16_t, std::uint32_t>;
+
+    Answer find(std::uint32_t address, std::uint8_t protocol, std::uint16_t port, std::uint32_t interface,
+                std::string& reason) override {
+        reason = fault;
+        if (!fault.empty()) return Answer::unknown;
+        return heard.contains({address, protocol, port, interface}) ? Answer::somebody : Answer::nobody;
+    }
+
+    std::set<Place> heard;  // address, protocol, port, interface
+    std::string fault;
+};
+
+/// Whoever a test says.
+class FakeRequester final : public Requester {
+public:
+    uid_t user() const override { return asking; }
+
+    uid_t asking = 0;
 };
 
 }  // namespace router::testing
