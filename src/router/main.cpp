@@ -7,7 +7,6 @@
 #include "router/buslistener.h"
 #include "router/config.h"
 #include "router/launcher.h"
-#include "router/otherdnat.h"
 #include "router/privileges.h"
 #include "router/router.h"
 #include "tk/fd.h"
@@ -45,7 +44,6 @@ int serve(const std::string& configPath, bool mayBeAbsent) {
         tk::log("routerd: ", paths.bus, ": another router is running");
         return failed;
     }
-    const router::OtherDnat others;  // opens what only root may
     router::OwnProcesses own;
     // Of programs that run as other users, which this process cannot become any more.
     router::Launcher launcher;
@@ -57,7 +55,7 @@ int serve(const std::string& configPath, bool mayBeAbsent) {
         return failed;
     }
     router::Processes& processes = drops ? static_cast<router::Processes&>(launcher) : own;
-    router::Router router(config, paths, processes, others);
+    router::Router router(config, paths, processes);
     if (!router.start(reason)) {
         tk::log("routerd: ", reason);
         return failed;

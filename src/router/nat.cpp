@@ -39,8 +39,14 @@ tk::message deletedRecord(std::uint32_t id) {
 
 }  // namespace
 
-Nat::Nat(const std::string& storePath, const NatPolicy& policy, NatKernel& kernel, std::size_t storedLimit)
-    : store(storePath, storeRevision), policy(policy), storedLimit(storedLimit), kernel(kernel) {}
+Nat::Nat(const std::string& storePath, const NatPolicy& policy, const RouterPorts& ports, NatKernel& kernel,
+         const Requester& requester, std::size_t storedLimit)
+    : store(storePath, storeRevision),
+      policy(policy),
+      ports(ports),
+      storedLimit(storedLimit),
+      kernel(kernel),
+      requester(requester) {}
 
 void Nat::load() {
     for (const auto& [id, record] : store.all()) {
@@ -60,12 +66,8 @@ void Nat::load() {
     }
 }
 
-bool Nat::isInForce(const NatElement& element) const {
-    const NatRule* rule = rules.findMatch(element);
-    return rule && rule->element == element;
-}
-
 void Nat::withdraw() {
+    refusals.close();
     std::vector<NatElement> left;
     for (const auto& [id, rule] : rules.all())
         if (!rule.disabled) left.push_back(rule.element);
@@ -92,14 +94,36 @@ tk::message Nat::checkRoom(const NatRule* former, const NatRule& changed) const 
     return tk::errorMsg(tk::error::busy, reason);
 }
 
-tk::message Nat::check(const NatRule* former, const NatRule& rule) const {
+/// What a program may ask for is less than what root may.
+tk::message Nat::checkProgram(const NatRule& rule) const {
+    if (!rule.dynamic)
+        return tk::errorMsg(tk::error::notAllowed, "only root may make a rule that is not dynamic");
+    std::string reason;
+    if (!ports.areFreeFor(rule.element, reason)) return tk::errorMsg(tk::error::refused, reason);
+    return {};
+}
+
+tk::message Nat::checkOwner(const NatRule& rule, const tk::message& request) const {
+    if (!isAskedByProgram()) return {};
+    if (rule.dynamic && rule.owner == request.get_u32_array(tk::field::sender).front()) return {};
+    return tk::errorMsg(tk::error::notAllowed, "the rule is not yours");
+}
+
+/// Tells the log what a program asked for in vain.
+tk::message Nat::refuse(const tk::message& refusal) {
+    if (isAskedByProgram()) refusals.note(requester.user(), tk::getError(refusal));
+    return refusal;
+}
+
+tk::message Nat::check(const NatRule* former, const NatRule& rule, bool isProgram) const {
     tk::message refusal = checkRoom(former, rule);
     if (tk::isError(refusal)) return refusal;
     const bool onlyDisables = rule.disabled && former && former->element == rule.element;
     if (onlyDisables) return {};  // always possible, whatever the policy has become
     std::string reason;
     if (!policy.allows(rule.element, reason)) return tk::errorMsg(tk::error::refused, reason);
-    if (rule.disabled) return {};
+    if (isProgram) refusal = checkProgram(rule);
+    if (tk::isError(refusal) || rule.disabled) return refusal;
     const NatRule* other = rules.findMatch(rule.element);
     if (other && other->id != rule.id)
         return tk::errorMsg(
@@ -139,8 +163,8 @@ tk::message Nat::cmdAddObj(const tk::message& request) {
     if (!readRule(request, true, rule, reason)) return invalid(reason);
     rule.dynamic = request.get_bool(tk::field::dynamic);
     if (rule.dynamic) rule.owner = request.get_u32_array(tk::field::sender).front();
-    tk::message refusal = check(nullptr, rule);
-    if (tk::isError(refusal)) return refusal;
+    tk::message refusal = check(nullptr, rule, isAskedByProgram());
+    if (tk::isError(refusal)) return refuse(refusal);
     rule.id = rules.newId();
     refusal = apply(nullptr, &rule);
     if (tk::isError(refusal)) return refusal;
@@ -155,11 +179,13 @@ tk::message Nat::cmdSetObj(const tk::message& request) {
     const std::uint32_t id = request.get_u32(tk::field::objectId);
     const NatRule* known = rules.find(id);
     if (!known) return tk::errorMsg(tk::error::noSuchObject, "no rule " + std::to_string(id));
+    tk::message refusal = checkOwner(*known, request);
+    if (tk::isError(refusal)) return refuse(refusal);
     NatRule changed = *known;
     std::string reason;
     if (!readRule(request, false, changed, reason)) return invalid(reason);
-    tk::message refusal = check(known, changed);
-    if (tk::isError(refusal)) return refusal;
+    refusal = check(known, changed, isAskedByProgram());
+    if (tk::isError(refusal)) return refuse(refusal);
     refusal = apply(known, &changed);
     if (tk::isError(refusal)) return refusal;
     rules.put(changed);
@@ -172,7 +198,9 @@ tk::message Nat::cmdRemoveObj(const tk::message& request) {
     const std::uint32_t id = request.get_u32(tk::field::objectId);
     const NatRule* known = rules.find(id);
     if (!known) return {};  // it is gone, as was asked for
-    tk::message refusal = apply(known, nullptr);
+    tk::message refusal = checkOwner(*known, request);
+    if (tk::isError(refusal)) return refuse(refusal);
+    refusal = apply(known, nullptr);
     if (tk::isError(refusal)) return refusal;
     rules.remove(id);
     tellRemoved({id});
@@ -254,7 +282,7 @@ tk::message Nat::cmdUnknown(const tk::message& received, std::uint32_t command) 
     std::string reason;
     if (!readRule(received, true, rule, reason)) return invalid(reason);
     rule.dynamic = received.get_bool(tk::field::dynamic);
-    return check(nullptr, rule);
+    return check(nullptr, rule, /*isProgram=*/true);
 }
 
 }  // namespace router

@@ -9,6 +9,9 @@
 #include "router/natkernel.h"
 #include "router/natpolicy.h"
 #include "router/natrules.h"
+#include "router/refusallog.h"
+#include "router/requester.h"
+#include "router/routerports.h"
 #include "tk/handler.h"
 #include "tk/store.h"
 #include "tk/timer.h"
@@ -17,23 +20,24 @@ namespace router {
 
 /// Destination NAT rules on the bus, at {20, 5}. A request is answered when the kernel has committed or
 /// refused it. Dynamic rules belong to the connection that made them and go with it; others are stored.
+/// Root may do everything. Any other user is a program: it makes dynamic rules alone, and has a say in its
+/// own alone.
 class Nat final : public tk::Handler {
 public:
     static constexpr std::size_t usualStoredLimit = 4096;  // each change writes them all
-    /// Answers, with the fields of a new rule, whether that rule would be accepted, and changes nothing.
+    /// Answers, with the fields of a new rule, whether that rule would be accepted from a program, and
+    /// changes nothing.
     static constexpr std::uint32_t testCommand = 2;
 
     /// `storedLimit` is how many rules may be stored; more that were stored before are loaded all the same.
-    /// Lifetime: policy and kernel outlive the handler.
-    Nat(const std::string& storePath, const NatPolicy& policy, NatKernel& kernel,
-        std::size_t storedLimit = usualStoredLimit);
+    /// Lifetime: all but the path outlive the handler.
+    Nat(const std::string& storePath, const NatPolicy& policy, const RouterPorts& ports, NatKernel& kernel,
+        const Requester& requester, std::size_t storedLimit = usualStoredLimit);
 
     /// Puts the stored rules into the kernel. One that is refused is kept as disabled in memory, with a log
     /// line; what is stored stays as it is.
     void load();
 
-    /// True when an enabled rule is exactly this one.
-    [[nodiscard]] bool isInForce(const NatElement& element) const;
     /// Takes all rules out of the kernel, and leaves the store as it is: for the end of the router, when
     /// nobody can ask for rules any more.
     void withdraw();
@@ -53,7 +57,11 @@ public:
 private:
     /// May there be one rule more, or one that leads elsewhere? `former` is null for a new one.
     [[nodiscard]] tk::message checkRoom(const NatRule* former, const NatRule& changed) const;
-    [[nodiscard]] tk::message check(const NatRule* former, const NatRule& rule) const;
+    [[nodiscard]] tk::message check(const NatRule* former, const NatRule& rule, bool isProgram) const;
+    [[nodiscard]] tk::message checkProgram(const NatRule& rule) const;
+    [[nodiscard]] tk::message checkOwner(const NatRule& rule, const tk::message& request) const;
+    [[nodiscard]] bool isAskedByProgram() const { return requester.user() != 0; }
+    tk::message refuse(const tk::message& refusal);
     [[nodiscard]] tk::message apply(const NatRule* former, const NatRule* changed);
     [[nodiscard]] bool stage(const NatRule* former, const NatRule* changed, bool& staged);
     [[nodiscard]] tk::message removeOrphans();
@@ -63,8 +71,11 @@ private:
 
     tk::Store store;
     const NatPolicy& policy;
+    const RouterPorts& ports;
     const std::size_t storedLimit;
     NatKernel& kernel;
+    const Requester& requester;
+    RefusalLog refusals{"nat", "rule", "rules"};
     NatRules rules;
     std::set<std::uint32_t> orphans;  // dynamic rules that outlived their client; some may be gone by now
     tk::Timer<Nat, &Nat::retryOrphans> orphanTimer{*this};

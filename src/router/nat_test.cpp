@@ -5,6 +5,7 @@
 #include "router/testing/natrequest.h"
 #include "tk/bus.h"
 #include "tk/records.h"
+#include "tk/testing/capturedoutput.h"
 #include "tk/testing/folder.h"
 #include "tk/testing/testloop.h"
 
@@ -41,7 +42,10 @@ protected:
     testing::FakeNat kernel;
     Addresses addresses;
     NatPolicy policy{network, addresses};
-    Nat nat{files.file("nat"), policy, kernel};
+    testing::FakeListeners listeners;
+    RouterPorts ports{addresses, listeners, {{51820, 51820}}};
+    testing::FakeRequester requester;
+    Nat nat{files.file("nat"), policy, ports, kernel, requester};
 };
 
 TEST_F(NatTest, CreatesInTheKernelAndAnswersTheId) {
@@ -63,7 +67,7 @@ TEST_F(NatTest, KernelsRefusalIsToldAndNothingIsKept) {
     EXPECT_TRUE(tk::isError(nat.cmdAddObj(lasting(81)), &code));
     EXPECT_EQ(count(), 0U);
     kernel.fault.clear();
-    Nat again(files.file("nat"), policy, kernel);
+    Nat again(files.file("nat"), policy, ports, kernel, requester);
     again.load();
     EXPECT_EQ(again.cmdGetCount({}).get_u32(tk::field::count), 0U);
 }
@@ -235,21 +239,14 @@ TEST_F(NatTest, WithdrawsAllRulesFromTheKernelAndNoneFromTheStore) {
     kernel.largest = 2048;
     nat.withdraw();
     EXPECT_TRUE(kernel.elements.empty());
-    Nat again(files.file("nat"), policy, kernel);
+    Nat again(files.file("nat"), policy, ports, kernel, requester);
     again.load();
     EXPECT_EQ(again.cmdGetCount({}).get_u32(tk::field::count), 1U);
     EXPECT_TRUE(kernel.find("198.51.100.1", 6, 3001));
 }
 
-TEST_F(NatTest, KnowsExactlyTheEnabledRulesAsInForce) {
-    add(natRequest(80, "192.0.2.2", 8080));
-    EXPECT_TRUE(nat.isInForce({address("198.51.100.1"), 6, 80, address("192.0.2.2"), 8080}));
-    EXPECT_FALSE(nat.isInForce({address("198.51.100.1"), 6, 80, address("192.0.2.2"), 8081}));
-    EXPECT_FALSE(nat.isInForce({address("198.51.100.1"), 17, 80, address("192.0.2.2"), 8080}));
-}
-
 TEST_F(NatTest, StoredRulesAreLimitedAndDynamicOnesAreNot) {
-    Nat small(files.file("few"), policy, kernel, 2);
+    Nat small(files.file("few"), policy, ports, kernel, requester, 2);
     small.attach(bus, {20, 5});
     EXPECT_FALSE(tk::isError(small.cmdAddObj(lasting(1))));
     EXPECT_FALSE(tk::isError(small.cmdAddObj(natRequest(10, "192.0.2.2", 10))));
@@ -274,7 +271,7 @@ TEST_F(NatTest, StoredRulesAreLimitedAndDynamicOnesAreNot) {
 TEST_F(NatTest, StoredRulesBeyondTheLimitAreLoaded) {
     for (std::uint32_t port = 1; port <= 3; ++port) add(lasting(port));
     testing::FakeNat fresh;
-    Nat small(files.file("nat"), policy, fresh, 2);
+    Nat small(files.file("nat"), policy, ports, fresh, requester, 2);
     small.load();
     EXPECT_EQ(fresh.elements.size(), 3U);
     EXPECT_TRUE(tk::isError(small.cmdAddObj(lasting(4))));
@@ -322,19 +319,19 @@ TEST_F(NatTest, OnlyLastingRulesAreStored) {
     change.insert_u32(1003, 77);
     EXPECT_FALSE(tk::isError(nat.cmdSetObj(change)));
     testing::FakeNat fresh;
-    Nat again(files.file("nat"), policy, fresh);
+    Nat again(files.file("nat"), policy, ports, fresh, requester);
     again.load();
     EXPECT_EQ(fresh.elements.size(), 1U);
     EXPECT_EQ(again.cmdGetObj(ofId(id)), nat.cmdGetObj(ofId(id)));
     EXPECT_FALSE(tk::isError(nat.cmdRemoveObj(ofId(id))));
-    Nat empty(files.file("nat"), policy, fresh);
+    Nat empty(files.file("nat"), policy, ports, fresh, requester);
     empty.load();
     EXPECT_EQ(empty.cmdGetCount({}).get_u32(tk::field::count), 0U);
 }
 
 TEST_F(NatTest, AStoreThatCannotBeWrittenRefusesBeforeTheKernelIsAsked) {
     files.write("file", "");
-    Nat blocked(files.file("file/nat"), policy, kernel);
+    Nat blocked(files.file("file/nat"), policy, ports, kernel, requester);
     blocked.attach(bus, {20, 5});
     EXPECT_TRUE(tk::isError(blocked.cmdAddObj(lasting(7))));
     EXPECT_EQ(kernel.transactions, 0);
@@ -369,6 +366,111 @@ TEST_F(NatTest, ChangesAreTold) {
     const tk::message& removed = bus.posted[1].get_message_array(tk::field::objects).front();
     EXPECT_EQ(removed.get_u32(tk::field::objectId), id);
     EXPECT_EQ(removed.get_u32(tk::field::deleted), 1U);
+}
+
+/// A user other than root asks, from the connection of program 80 where nothing else is said.
+class ProgramsNatTest : public NatTest {
+protected:
+    ProgramsNatTest() {
+        requester.asking = 64002;
+        addresses.apply({5, address("198.51.100.1"), address("198.51.100.1"), 24, true});
+    }
+    /// What becomes of a rule for this port: an empty text, or why not.
+    std::string outcome(std::uint32_t port, std::uint32_t protocol = 6) {
+        return tk::getError(nat.cmdAddObj(natRequest(port, "192.0.2.2", 8080, protocol)));
+    }
+    static tk::message from(const tk::Path& sender, tk::message request) {
+        request.insert_u32_array(tk::field::sender, sender);
+        return request;
+    }
+    std::uint32_t addAsRoot(const tk::message& request) {
+        requester.asking = 0;
+        const std::uint32_t id = add(request);
+        requester.asking = 64002;
+        return id;
+    }
+};
+
+TEST_F(ProgramsNatTest, AProgramMakesDynamicRulesAlone) {
+    std::uint32_t code = 0;
+    std::string text;
+    EXPECT_TRUE(tk::isError(nat.cmdAddObj(lasting(80)), &code, &text));
+    EXPECT_EQ(code, tk::error::notAllowed);
+    EXPECT_EQ(text, "only root may make a rule that is not dynamic");
+    EXPECT_EQ(kernel.transactions, 0);
+    EXPECT_EQ(outcome(80), "");
+}
+
+TEST_F(ProgramsNatTest, AProgramDoesNotTouchWhatIsNotItsOwn) {
+    const std::uint32_t stored = addAsRoot(lasting(1));
+    const std::uint32_t ofOther = add(natRequest(2, "192.0.2.2", 2, 6, {1001}));
+    for (const std::uint32_t id : {stored, ofOther}) {
+        std::uint32_t code = 0;
+        std::string text;
+        tk::message change = from({80, 0}, ofId(id));
+        change.insert_bool(tk::field::disabled, true);
+        EXPECT_TRUE(tk::isError(nat.cmdSetObj(change), &code, &text));
+        EXPECT_EQ(code, tk::error::notAllowed);
+        EXPECT_EQ(text, "the rule is not yours");
+        EXPECT_TRUE(tk::isError(nat.cmdRemoveObj(from({80, 0}, ofId(id))), &code));
+        EXPECT_EQ(code, tk::error::notAllowed);
+    }
+    EXPECT_EQ(kernel.elements.size(), 2U);
+    EXPECT_FALSE(tk::isError(nat.cmdRemoveObj(from({1001}, ofId(ofOther)))));
+}
+
+TEST_F(ProgramsNatTest, RemovingWhatRootRemovedBeforeSucceeds) {
+    const std::uint32_t id = add(natRequest(80, "192.0.2.2", 80));
+    requester.asking = 0;
+    EXPECT_FALSE(tk::isError(nat.cmdRemoveObj(from({1002}, ofId(id)))));
+    requester.asking = 64002;
+    EXPECT_FALSE(tk::isError(nat.cmdRemoveObj(from({80, 0}, ofId(id)))));
+}
+
+TEST_F(ProgramsNatTest, AStoredRuleIsNotAProgramsThatHasTheNumberOfNobody) {
+    const std::uint32_t id = addAsRoot(lasting(1));
+    EXPECT_TRUE(tk::isError(nat.cmdRemoveObj(from({0}, ofId(id)))));
+}
+
+TEST_F(ProgramsNatTest, APortOfTheRoutersOwnIsNotToBeHad) {
+    listeners.heard.insert({address("198.51.100.1"), 6, 22, 5});
+    EXPECT_EQ(outcome(22), "tcp 198.51.100.1:22 refused: a service of the router listens there");
+    EXPECT_EQ(outcome(22, 17), "");
+    EXPECT_EQ(outcome(51820, 17), "external port 51820 refused: it is one of the router's own");
+    EXPECT_EQ(kernel.transactions, 1);
+    addAsRoot(natRequest(22, "192.0.2.2", 22));
+    addAsRoot(natRequest(51820, "192.0.2.2", 1, 17));
+}
+
+TEST_F(ProgramsNatTest, ARuleIsNotMovedToAPortOfTheRoutersOwn) {
+    listeners.heard.insert({address("198.51.100.1"), 6, 22, 5});
+    tk::message change = from({80, 0}, ofId(add(natRequest(80, "192.0.2.2", 80))));
+    change.insert_u32(tk::rulefield::dstPortFirst, 22);
+    change.insert_u32(tk::rulefield::dstPortLast, 22);
+    EXPECT_TRUE(tk::isError(nat.cmdSetObj(change)));
+    EXPECT_TRUE(kernel.find("198.51.100.1", 6, 80));
+}
+
+TEST_F(ProgramsNatTest, ADisabledRuleGetsNoPortOfTheRoutersOwnEither) {
+    tk::message request = natRequest(51820, "192.0.2.2", 80);
+    request.insert_bool(tk::field::disabled, true);
+    EXPECT_TRUE(tk::isError(nat.cmdAddObj(request)));
+}
+
+TEST_F(ProgramsNatTest, RootsTestIsThatOfAProgram) {
+    requester.asking = 0;
+    const tk::message answer = nat.cmdUnknown(natRequest(51820, "192.0.2.2", 80), Nat::testCommand);
+    EXPECT_EQ(tk::getError(answer), "external port 51820 refused: it is one of the router's own");
+}
+
+TEST_F(ProgramsNatTest, RefusalsAreLoggedAndAFloodOfThemIsCounted) {
+    const tk::testing::CapturedOutput output;
+    for (int i = 0; i < 100; ++i) (void)outcome(51820);  // only the log counts
+    nat.withdraw();                                      // as at the end
+    EXPECT_EQ(output.text(),
+              "nat: rule of user 64002 refused: external port 51820 refused: it is one of the router's own\n"
+              "nat: 99 more rules refused, the last of user 64002: external port 51820 refused: it is one of "
+              "the router's own\n");
 }
 
 }  // namespace

@@ -5,10 +5,14 @@ namespace router::nft {
 
 constexpr const char* table = "tk";
 constexpr const char* map = "dstnat";
+constexpr const char* live = "live";
 constexpr const char* hairpin = "hairpin";
 constexpr const char* uplinks = "uplinks";
 constexpr const char* prerouting = "prerouting";
 constexpr const char* postrouting = "postrouting";
+constexpr const char* forward = "forward";
+constexpr const char* ended = "ended";
+constexpr const char* missed = "missed";
 
 // Of the guard.
 constexpr const char* guarded = "guarded";

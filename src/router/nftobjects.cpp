@@ -29,6 +29,7 @@ constexpr std::uint32_t typeUser = 24;
 constexpr std::uint32_t typeBits = 6;
 constexpr std::uint32_t mapKeyType = (typeAddress << typeBits | typeProtocol) << typeBits | typePort;
 constexpr std::uint32_t mapDataType = typeAddress << typeBits | typePort;
+constexpr std::uint32_t liveKeyType = mapKeyType << 2 * typeBits | mapDataType;
 constexpr std::uint32_t hairpinKeyType = typeInterface << typeBits | typeInterface;
 
 constexpr std::uint32_t mapNumber = 1;  // of the sets within their transaction
@@ -38,11 +39,12 @@ constexpr std::uint32_t usersNumber = 4;
 constexpr std::uint32_t searchesNumber = 5;
 constexpr std::uint32_t requestsNumber = 6;
 constexpr std::uint32_t connectionsNumber = 7;
+constexpr std::uint32_t liveNumber = 8;
 constexpr std::uint32_t sourceLimit = 65536;  // of a set of sources; those beyond it are not limited
-constexpr std::int32_t priorityDstnat = -100;
+constexpr std::int32_t priorityAfterDstnat = -90;
+constexpr std::int32_t priorityBeforeFilter = -10;
 constexpr std::int32_t priorityFilter = 0;
 constexpr std::int32_t prioritySrcnat = 100;
-constexpr std::uint32_t ownerFlag = 0x2;         // NFT_TABLE_F_OWNER, newer than the headers may be
 constexpr std::size_t elementsPerMessage = 512;  // well within the 64 KiB that a list may take
 
 /// A key of the map as the kernel's registers hold it: each part in 32 bits of its own.
@@ -62,6 +64,12 @@ struct MapData {
 };
 static_assert(sizeof(MapData) == 8);
 
+struct LiveKey {
+    MapKey match;
+    MapData target;
+};
+static_assert(sizeof(LiveKey) == 20);
+
 struct HairpinKey {
     std::uint32_t incoming;  // host order, as the kernel compares them
     std::uint32_t outgoing;
@@ -77,12 +85,6 @@ Table makeTable(std::uint32_t flags) {
     nftnl_table_set_str(table.get(), NFTNL_TABLE_NAME, nft::table);
     nftnl_table_set_u32(table.get(), NFTNL_TABLE_FLAGS, flags);
     return table;
-}
-
-void addTable(NftBatch& batch, std::uint32_t flags) {
-    const Table table = makeTable(flags);
-    batch.add(NFT_MSG_NEWTABLE, NLM_F_CREATE,
-              [&table](nlmsghdr& message) { nftnl_table_nlmsg_build_payload(&message, table.get()); });
 }
 
 Set makeSet(const char* name) {
@@ -107,6 +109,14 @@ void addMap(NftBatch& batch) {
     nftnl_set_set_u32(map.get(), NFTNL_SET_DATA_TYPE, mapDataType);
     nftnl_set_set_u32(map.get(), NFTNL_SET_DATA_LEN, sizeof(MapData));
     addSet(batch, map);
+}
+
+void addLiveSet(NftBatch& batch) {
+    const Set set = makeSet(nft::live);
+    nftnl_set_set_u32(set.get(), NFTNL_SET_ID, liveNumber);
+    nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_TYPE, liveKeyType);
+    nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_LEN, sizeof(LiveKey));
+    addSet(batch, set);
 }
 
 void addHairpinSet(NftBatch& batch) {
@@ -140,15 +150,15 @@ void addSourceSet(NftBatch& batch, const char* name, std::uint32_t number, std::
     addSet(batch, set);
 }
 
-void addChain(NftBatch& batch, const char* name, const char* type, std::uint32_t hook,
-              std::int32_t priority) {
-    const Chain chain(nftnl_chain_alloc(), &nftnl_chain_free);
+Chain makeChain(const char* name) {
+    Chain chain(nftnl_chain_alloc(), &nftnl_chain_free);
     nftnl_chain_set_u32(chain.get(), NFTNL_CHAIN_FAMILY, NFPROTO_IPV4);
     nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TABLE, nft::table);
     nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_NAME, name);
-    nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TYPE, type);
-    nftnl_chain_set_u32(chain.get(), NFTNL_CHAIN_HOOKNUM, hook);
-    nftnl_chain_set_s32(chain.get(), NFTNL_CHAIN_PRIO, priority);
+    return chain;
+}
+
+void addChain(NftBatch& batch, const Chain& chain) {
     batch.add(NFT_MSG_NEWCHAIN, NLM_F_CREATE,
               [&chain](nlmsghdr& message) { nftnl_chain_nlmsg_build_payload(&message, chain.get()); });
 }
@@ -164,33 +174,36 @@ void changeSet(NftBatch& batch, bool isAddition, const Set& set) {
               [&set](nlmsghdr& message) { nftnl_set_elems_nlmsg_build_payload(&message, set.get()); });
 }
 
+/// Appends a key to a set's elements, with data where it is a map's.
+template <typename Key>
+void addEntry(const Set& set, const Key& key, const MapData* data = nullptr) {
+    nftnl_set_elem* entry = nftnl_set_elem_alloc();
+    nftnl_set_elem_set(entry, NFTNL_SET_ELEM_KEY, &key, sizeof key);
+    if (data) nftnl_set_elem_set(entry, NFTNL_SET_ELEM_DATA, data, sizeof *data);
+    nftnl_set_elem_add(set.get(), entry);  // the set owns it from now on
+}
+
 void changeElements(NftBatch& batch, bool isAddition, std::span<const NatElement> elements) {
     while (!elements.empty()) {
         const auto part = elements.first(std::min(elements.size(), elementsPerMessage));
         elements = elements.subspan(part.size());
         const Set map = makeSet(nft::map);
+        const Set live = makeSet(nft::live);
         for (const NatElement& element : part) {
-            nftnl_set_elem* entry = nftnl_set_elem_alloc();
             const MapKey key = keyOf(element);
-            nftnl_set_elem_set(entry, NFTNL_SET_ELEM_KEY, &key, sizeof key);
             const MapData data{element.target, htons(element.targetPort), 0};
-            // A removal names the key alone.
-            if (isAddition) nftnl_set_elem_set(entry, NFTNL_SET_ELEM_DATA, &data, sizeof data);
-            nftnl_set_elem_add(map.get(), entry);  // the set owns it from now on
+            addEntry(map, key, isAddition ? &data : nullptr);  // a removal names the key alone
+            addEntry(live, LiveKey{key, data});
         }
         changeSet(batch, isAddition, map);
+        changeSet(batch, isAddition, live);
     }
 }
 
 void changeHairpins(NftBatch& batch, bool isAddition, const std::set<std::uint32_t>& indexes) {
     if (indexes.empty()) return;
     const Set set = makeSet(nft::hairpin);
-    for (const std::uint32_t index : indexes) {
-        nftnl_set_elem* entry = nftnl_set_elem_alloc();
-        const HairpinKey key{index, index};
-        nftnl_set_elem_set(entry, NFTNL_SET_ELEM_KEY, &key, sizeof key);
-        nftnl_set_elem_add(set.get(), entry);  // the set owns it from now on
-    }
+    for (const std::uint32_t index : indexes) addEntry(set, HairpinKey{index, index});
     changeSet(batch, isAddition, set);
 }
 
@@ -198,33 +211,50 @@ void changeNumbers(NftBatch& batch, bool isAddition, const char* name,
                    const std::set<std::uint32_t>& numbers) {
     if (numbers.empty()) return;
     const Set set = makeSet(name);
-    for (const std::uint32_t number : numbers) {
-        nftnl_set_elem* entry = nftnl_set_elem_alloc();
-        nftnl_set_elem_set(entry, NFTNL_SET_ELEM_KEY, &number, sizeof number);
-        nftnl_set_elem_add(set.get(), entry);  // the set owns it from now on
-    }
+    for (const std::uint32_t number : numbers) addEntry(set, number);
     changeSet(batch, isAddition, set);
 }
 
 }  // namespace
 
-void removeTable(NftBatch& batch, bool owned) {
+void addTable(NftBatch& batch, std::uint32_t flags) {
+    const Table table = makeTable(flags);
+    batch.add(NFT_MSG_NEWTABLE, NLM_F_CREATE,
+              [&table](nlmsghdr& message) { nftnl_table_nlmsg_build_payload(&message, table.get()); });
+}
+
+void addChain(NftBatch& batch, const char* name, const char* type, std::uint32_t hook,
+              std::int32_t priority) {
+    const Chain chain = makeChain(name);
+    nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TYPE, type);
+    nftnl_chain_set_u32(chain.get(), NFTNL_CHAIN_HOOKNUM, hook);
+    nftnl_chain_set_s32(chain.get(), NFTNL_CHAIN_PRIO, priority);
+    addChain(batch, chain);
+}
+
+void removeTable(NftBatch& batch, bool isOurs) {
     // To remove what may be absent, it is first made sure that it is there.
-    addTable(batch, owned ? ownerFlag : 0);
+    addTable(batch, isOurs ? ownerFlag : 0);
     const Table table = makeTable(0);
     batch.add(NFT_MSG_DELTABLE, 0,
               [&table](nlmsghdr& message) { nftnl_table_nlmsg_build_payload(&message, table.get()); });
 }
 
-void createTable(NftBatch& batch, bool owned) {
-    addTable(batch, owned ? ownerFlag : 0);
+void createTable(NftBatch& batch) {
+    addTable(batch, ownerFlag);
     addMap(batch);
+    addLiveSet(batch);
     addHairpinSet(batch);
     addNumberSet(batch, nft::uplinks, uplinksNumber, typeInterface);
-    addChain(batch, nft::prerouting, "nat", NF_INET_PRE_ROUTING, priorityDstnat);
+    addChain(batch, nft::prerouting, "nat", NF_INET_PRE_ROUTING, priorityAfterDstnat);
     addChain(batch, nft::postrouting, "nat", NF_INET_POST_ROUTING, prioritySrcnat);
+    addChain(batch, nft::forward, "filter", NF_INET_FORWARD, priorityBeforeFilter);
+    addChain(batch, makeChain(nft::ended));
+    addChain(batch, nft::missed, "filter", NF_INET_LOCAL_IN, priorityBeforeFilter);
     addTranslation(batch);
     addHairpinReturn(batch);
+    addFarewell(batch);
+    addMissedFlows(batch);
 }
 
 void createGuard(NftBatch& batch, const GuardConfig& config) {

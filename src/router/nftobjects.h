@@ -15,11 +15,30 @@ namespace router {
 //     table ip tk {
 //         flags owner
 //         map dstnat { type ipv4_addr . inet_proto . inet_service : ipv4_addr . inet_service }
+//         set live { type ipv4_addr . inet_proto . inet_service . ipv4_addr . inet_service }
 //         set hairpin { type iface_index . iface_index }
 //         set uplinks { type iface_index }
 //         chain prerouting {
-//             type nat hook prerouting priority dstnat
-//             dnat ip to ip daddr . meta l4proto . th dport map @dstnat
+//             type nat hook prerouting priority dstnat + 10
+//             fib daddr type local <look up ip daddr . meta l4proto . th dport in dstnat>
+//             ct label set 116 dnat to <what was found>
+//         }
+//         chain forward {
+//             type filter hook forward priority filter - 10
+//             ct label 116 ct original ip daddr . ct protocol . ct original proto-dst .
+//             ct reply ip saddr . ct reply proto-src != @live goto ended
+//         }
+//         chain ended {
+//             ct direction original limit rate 1000/second <destination as it came> log group 29803
+//             <destination as it was>
+//             meta l4proto tcp reject with tcp reset
+//             drop
+//         }
+//         chain missed {
+//             type filter hook input priority filter - 10
+//             <UDP from outside, first packet of a flow, not translated, in dstnat> ct label set 107
+//             <UDP from outside, later packet, not translated, ct label not 107, in dstnat>
+//             limit rate 1000/second log group 29803
 //         }
 //         chain postrouting {
 //             type nat hook postrouting priority srcnat
@@ -44,16 +63,28 @@ namespace router {
 //             count over 50 } reject with tcp reset
 //         }
 //
-// The second chain is for a host that reaches another one of its own network by the router's external
+// Our chain stands behind those of the usual priority, so that a forward which somebody else made wins. What
+// it translates bears a label, and the chain at forward lets it pass only as long as its rule is live: flows
+// end with their rule, and those that a former process left end with the rule that they had. ended and missed
+// also tell which entries of the kernel's connection table must go for a next packet to find its way.
+//
+// The chain postrouting is for a host that reaches another one of its own network by the router's external
 // address: the answer must come back through the router. The set holds each interface paired with itself.
 // Where a default route leads out no such host is: when its own network is down, the packets to a rule's
 // target may be routed there, and the router must not lend its address to what comes from outside and goes
 // back there.
 
-/// Appends the removal of the table, whether it is there or not; `owned` when it is the socket's own.
-void removeTable(NftBatch& batch, bool owned);
-/// Appends the table with everything in it but elements.
-void createTable(NftBatch& batch, bool owned);
+constexpr std::uint32_t ownerFlag = 0x2;  // NFT_TABLE_F_OWNER, newer than the headers may be
+
+/// Appends the table by itself.
+void addTable(NftBatch& batch, std::uint32_t flags);
+/// Appends a chain that packets come to at a hook.
+void addChain(NftBatch& batch, const char* name, const char* type, std::uint32_t hook, std::int32_t priority);
+/// Appends the removal of the table, whether it is there or not; `isOurs` when it is the socket's own.
+void removeTable(NftBatch& batch, bool isOurs);
+/// Appends the table with everything in it but elements, and with a chain at forward that is still empty:
+/// addFlowEnd() fills it, when the elements of all rules are there.
+void createTable(NftBatch& batch);
 /// Appends what the guard needs in the table, but no element.
 void createGuard(NftBatch& batch, const GuardConfig& config);
 /// Appends users to those whose connections are guarded.
@@ -61,7 +92,7 @@ void addUsers(NftBatch& batch, const std::set<std::uint32_t>& users);
 /// Appends the addition or removal of interfaces that a default route leads out of.
 void addUplinks(NftBatch& batch, const std::set<std::uint32_t>& indexes);
 void removeUplinks(NftBatch& batch, const std::set<std::uint32_t>& indexes);
-/// Appends the addition or removal of map elements.
+/// Appends the addition or removal of elements of the map, and of what is live.
 void addElements(NftBatch& batch, std::span<const NatElement> elements);
 void removeElements(NftBatch& batch, std::span<const NatElement> elements);
 /// Appends the addition or removal of interfaces in the set for hairpin connections.

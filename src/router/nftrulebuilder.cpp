@@ -10,6 +10,8 @@
 #include <netinet/in.h>
 #include <stddef.h>
 
+#include <array>
+
 #include "router/nftnames.h"
 
 namespace router {
@@ -22,6 +24,16 @@ constexpr std::uint8_t connectionFlags = 0x17;  // FIN, SYN, RST, ACK
 constexpr std::uint8_t synFlag = 0x02;
 constexpr std::uint64_t rateMemory = 60000;  // milliseconds that a source is remembered for
 constexpr std::uint32_t overLimit = 1;       // of a limit or a count: match what is above it
+
+/// The labels of a connection as the kernel keeps them: bits in its own words.
+using Labels = std::array<unsigned long, 16 / sizeof(unsigned long)>;
+
+Labels onlyLabel(std::uint32_t label) {
+    constexpr std::size_t bitsPerWord = 8 * sizeof(unsigned long);
+    Labels labels{};
+    labels[label / bitsPerWord] = 1UL << label % bitsPerWord;
+    return labels;
+}
 
 }  // namespace
 
@@ -56,10 +68,24 @@ void NftRuleBuilder::meta(nft_meta_keys key, std::uint32_t into) {
     nftnl_expr_set_u32(load, NFTNL_EXPR_META_DREG, into);
 }
 
-void NftRuleBuilder::original(nft_ct_keys key, std::uint32_t into) {
+void NftRuleBuilder::loadConnection(nft_ct_keys key, std::uint8_t direction, std::uint32_t into) {
     nftnl_expr* load = add("ct");
     nftnl_expr_set_u32(load, NFTNL_EXPR_CT_KEY, key);
-    nftnl_expr_set_u8(load, NFTNL_EXPR_CT_DIR, IP_CT_DIR_ORIGINAL);
+    nftnl_expr_set_u8(load, NFTNL_EXPR_CT_DIR, direction);
+    nftnl_expr_set_u32(load, NFTNL_EXPR_CT_DREG, into);
+}
+
+void NftRuleBuilder::original(nft_ct_keys key, std::uint32_t into) {
+    loadConnection(key, IP_CT_DIR_ORIGINAL, into);
+}
+
+void NftRuleBuilder::reply(nft_ct_keys key, std::uint32_t into) {
+    loadConnection(key, IP_CT_DIR_REPLY, into);
+}
+
+void NftRuleBuilder::connection(nft_ct_keys key, std::uint32_t into) {
+    nftnl_expr* load = add("ct");
+    nftnl_expr_set_u32(load, NFTNL_EXPR_CT_KEY, key);
     nftnl_expr_set_u32(load, NFTNL_EXPR_CT_DREG, into);
 }
 
@@ -70,11 +96,46 @@ void NftRuleBuilder::destinationType(std::uint32_t into) {
     nftnl_expr_set_u32(load, NFTNL_EXPR_FIB_DREG, into);
 }
 
-void NftRuleBuilder::equals(const void* bytes, std::uint32_t size) {
+void NftRuleBuilder::compare(std::uint32_t operation, const void* bytes, std::uint32_t size) {
     nftnl_expr* compare = add("cmp");
     nftnl_expr_set_u32(compare, NFTNL_EXPR_CMP_SREG, firstPart);
-    nftnl_expr_set_u32(compare, NFTNL_EXPR_CMP_OP, NFT_CMP_EQ);
+    nftnl_expr_set_u32(compare, NFTNL_EXPR_CMP_OP, operation);
     nftnl_expr_set(compare, NFTNL_EXPR_CMP_DATA, bytes, size);
+}
+
+void NftRuleBuilder::equals(const void* bytes, std::uint32_t size) {
+    compare(NFT_CMP_EQ, bytes, size);
+}
+
+void NftRuleBuilder::differs(const void* bytes, std::uint32_t size) {
+    compare(NFT_CMP_NEQ, bytes, size);
+}
+
+void NftRuleBuilder::isOriginal() {
+    const std::uint8_t original = IP_CT_DIR_ORIGINAL;
+    connection(NFT_CT_DIRECTION, firstPart);
+    equals(&original, sizeof original);
+}
+
+void NftRuleBuilder::compareLabel(std::uint32_t operation, std::uint32_t label) {
+    const Labels wanted = onlyLabel(label);
+    const Labels none{};
+    connection(NFT_CT_LABELS, firstPart);
+    nftnl_expr* bits = add("bitwise");
+    nftnl_expr_set_u32(bits, NFTNL_EXPR_BITWISE_SREG, firstPart);
+    nftnl_expr_set_u32(bits, NFTNL_EXPR_BITWISE_DREG, firstPart);
+    nftnl_expr_set_u32(bits, NFTNL_EXPR_BITWISE_LEN, sizeof wanted);
+    nftnl_expr_set(bits, NFTNL_EXPR_BITWISE_MASK, wanted.data(), sizeof wanted);
+    nftnl_expr_set(bits, NFTNL_EXPR_BITWISE_XOR, none.data(), sizeof none);
+    compare(operation, none.data(), sizeof none);
+}
+
+void NftRuleBuilder::hasLabel(std::uint32_t label) {
+    compareLabel(NFT_CMP_NEQ, label);
+}
+
+void NftRuleBuilder::lacksLabel(std::uint32_t label) {
+    compareLabel(NFT_CMP_EQ, label);
 }
 
 void NftRuleBuilder::masked(std::uint32_t mask, std::uint32_t size) {
@@ -89,14 +150,9 @@ void NftRuleBuilder::masked(std::uint32_t mask, std::uint32_t size) {
 
 void NftRuleBuilder::isTranslated() {
     const std::uint32_t none = 0;
-    nftnl_expr* load = add("ct");
-    nftnl_expr_set_u32(load, NFTNL_EXPR_CT_KEY, NFT_CT_STATUS);
-    nftnl_expr_set_u32(load, NFTNL_EXPR_CT_DREG, firstPart);
+    connection(NFT_CT_STATUS, firstPart);
     masked(IPS_DST_NAT, sizeof none);
-    nftnl_expr* compare = add("cmp");
-    nftnl_expr_set_u32(compare, NFTNL_EXPR_CMP_SREG, firstPart);
-    nftnl_expr_set_u32(compare, NFTNL_EXPR_CMP_OP, NFT_CMP_NEQ);
-    nftnl_expr_set(compare, NFTNL_EXPR_CMP_DATA, &none, sizeof none);
+    differs(&none, sizeof none);
 }
 
 void NftRuleBuilder::isFirstOfTcp() {
@@ -142,6 +198,14 @@ void NftRuleBuilder::addToSet(const char* set, std::uint32_t setNumber, std::uin
     nftnl_expr_set(change, NFTNL_EXPR_DYNSET_EXPR, condition, 0);  // belongs to the expression from now on
 }
 
+void NftRuleBuilder::limit(std::uint32_t rate) {
+    nftnl_expr* limit = add("limit");
+    nftnl_expr_set_u64(limit, NFTNL_EXPR_LIMIT_RATE, rate);
+    nftnl_expr_set_u64(limit, NFTNL_EXPR_LIMIT_UNIT, 1);  // second
+    nftnl_expr_set_u32(limit, NFTNL_EXPR_LIMIT_BURST, rate);
+    nftnl_expr_set_u32(limit, NFTNL_EXPR_LIMIT_TYPE, NFT_LIMIT_PKTS);
+}
+
 void NftRuleBuilder::exceedsRate(const char* set, std::uint32_t setNumber, std::uint32_t rate) {
     nftnl_expr* limit = nftnl_expr_alloc("limit");
     nftnl_expr_set_u64(limit, NFTNL_EXPR_LIMIT_RATE, rate);
@@ -174,6 +238,30 @@ void NftRuleBuilder::destinationNat() {
     nftnl_expr_set_u32(nat, NFTNL_EXPR_NAT_REG_PROTO_MIN, secondPart);
 }
 
+void NftRuleBuilder::setLabel(std::uint32_t label) {
+    const Labels wanted = onlyLabel(label);
+    nftnl_expr* load = add("immediate");
+    nftnl_expr_set_u32(load, NFTNL_EXPR_IMM_DREG, NFT_REG_2);  // behind the four parts in register 1
+    nftnl_expr_set(load, NFTNL_EXPR_IMM_DATA, wanted.data(), sizeof wanted);
+    nftnl_expr* set = add("ct");
+    nftnl_expr_set_u32(set, NFTNL_EXPR_CT_KEY, NFT_CT_LABELS);
+    nftnl_expr_set_u32(set, NFTNL_EXPR_CT_SREG, NFT_REG_2);
+}
+
+void NftRuleBuilder::overwrite(nft_payload_bases base, std::uint32_t offset, std::uint32_t size,
+                               std::uint32_t from) {
+    nftnl_expr* write = add("payload");
+    nftnl_expr_set_u32(write, NFTNL_EXPR_PAYLOAD_BASE, base);
+    nftnl_expr_set_u32(write, NFTNL_EXPR_PAYLOAD_OFFSET, offset);
+    nftnl_expr_set_u32(write, NFTNL_EXPR_PAYLOAD_LEN, size);
+    nftnl_expr_set_u32(write, NFTNL_EXPR_PAYLOAD_SREG, from);
+}
+
+void NftRuleBuilder::log(std::uint16_t group) {
+    nftnl_expr* log = add("log");
+    nftnl_expr_set_u16(log, NFTNL_EXPR_LOG_GROUP, group);
+}
+
 void NftRuleBuilder::masquerade() {
     add("masq");
 }
@@ -188,6 +276,13 @@ void NftRuleBuilder::drop() {
     nftnl_expr* verdict = add("immediate");
     nftnl_expr_set_u32(verdict, NFTNL_EXPR_IMM_DREG, NFT_REG_VERDICT);
     nftnl_expr_set_u32(verdict, NFTNL_EXPR_IMM_VERDICT, NF_DROP);
+}
+
+void NftRuleBuilder::goTo(const char* chain) {
+    nftnl_expr* verdict = add("immediate");
+    nftnl_expr_set_u32(verdict, NFTNL_EXPR_IMM_DREG, NFT_REG_VERDICT);
+    nftnl_expr_set_u32(verdict, NFTNL_EXPR_IMM_VERDICT, static_cast<std::uint32_t>(NFT_GOTO));
+    nftnl_expr_set_str(verdict, NFTNL_EXPR_IMM_CHAIN, chain);
 }
 
 void NftRuleBuilder::appendTo(NftBatch& batch) {

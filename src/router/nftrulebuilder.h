@@ -21,6 +21,8 @@ public:
     static constexpr std::uint32_t firstPart = NFT_REG_1;
     static constexpr std::uint32_t secondPart = NFT_REG32_01;
     static constexpr std::uint32_t thirdPart = NFT_REG32_02;
+    static constexpr std::uint32_t fourthPart = NFT_REG32_03;
+    static constexpr std::uint32_t fifthPart = NFT_REG32_04;
 
     explicit NftRuleBuilder(const char* chain);
 
@@ -29,12 +31,22 @@ public:
     void meta(nft_meta_keys key, std::uint32_t into);
     /// Loads a part of the connection's first packet, as it was before translation.
     void original(nft_ct_keys key, std::uint32_t into);
+    /// Loads a part of what answers the connection: its source is where the connection really leads.
+    void reply(nft_ct_keys key, std::uint32_t into);
+    /// Loads what the connection is as a whole.
+    void connection(nft_ct_keys key, std::uint32_t into);
     /// Loads what kind of address the packet goes to: local, broadcast and so on.
     void destinationType(std::uint32_t into);
 
     /// Goes on only when the first register holds these bytes; with a mask, when they are left of it.
     void equals(const void* bytes, std::uint32_t size);
     void masked(std::uint32_t mask, std::uint32_t size);
+    void differs(const void* bytes, std::uint32_t size);
+    /// Goes on only for packets in the direction of the connection's first one.
+    void isOriginal();
+    /// Goes on only for connections that bear the label, or do not. Labels: 0 to 127.
+    void hasLabel(std::uint32_t label);
+    void lacksLabel(std::uint32_t label);
     /// Goes on only for connections whose destination was translated.
     void isTranslated();
     /// Goes on only for the first packet of a TCP connection.
@@ -51,18 +63,31 @@ public:
     /// Goes on only when the packet's source has more than `limit` connections.
     void exceedsConnections(const char* set, std::uint32_t setNumber, std::uint32_t limit);
 
+    /// Goes on only for so many packets a second.
+    void limit(std::uint32_t rate);
+
     /// Replaces what the registers hold by its data in the map; goes on only when it is there.
     void translate(const char* map);
     void destinationNat();
+    /// Adds a label to those that the connection bears. The parts up to the fourth stay as they are.
+    void setLabel(std::uint32_t label);
+    /// Writes bytes of a header, and leaves the checksums as they are.
+    void overwrite(nft_payload_bases base, std::uint32_t offset, std::uint32_t size, std::uint32_t from);
+    /// Shows the packet to whoever listens to the group of the kernel's packet log.
+    void log(std::uint16_t group);
     void masquerade();
     void rejectWithReset();
     void drop();
+    void goTo(const char* chain);
 
     void appendTo(NftBatch& batch);
 
 private:
     /// The expression belongs to the rule.
     nftnl_expr* add(const char* name);
+    void loadConnection(nft_ct_keys key, std::uint8_t direction, std::uint32_t into);
+    void compare(std::uint32_t operation, const void* bytes, std::uint32_t size);
+    void compareLabel(std::uint32_t operation, std::uint32_t label);
     void addToSet(const char* set, std::uint32_t setNumber, std::uint64_t timeoutMilliseconds,
                   nftnl_expr* condition);
 

@@ -5,12 +5,11 @@
 
 #include <algorithm>
 #include <iterator>
-#include <span>
-#include <string>
 #include <utility>
-#include <vector>
 
+#include "router/nftfeatures.h"
 #include "router/nftobjects.h"
+#include "router/nftrules.h"
 #include "tk/log.h"
 
 namespace router {
@@ -18,90 +17,101 @@ namespace router {
 namespace {
 
 constexpr int bufferBytes = 32 * 1024 * 1024;  // for a transaction that removes all rules of a large table
-constexpr std::uint32_t restTicks = 20;        // 200 ms between two makings that others are the cause of
 constexpr std::uint32_t retryTicks = 100;      // 1 s
+constexpr std::size_t pieceSize = 64;          // what the smallest of socket buffers takes
 
-constexpr const char* changedByOthers = "somebody else changed it";
 constexpr const char* changeUnanswered = "the kernel did not tell what became of a change";
 constexpr const char* changeRefused = "the kernel refused a change before";
 
-}  // namespace
-
-NftTable::~NftTable() {
-    if (!socket.isOpen() || owned) return;  // an owned table goes with the socket
-    NftBatch batch(socket);
-    removeTable(batch, owned);
-    if (const NetlinkResult result = batch.commit(); !result.ok())
-        tk::log("nat: the table cannot be removed: ", result.text);
+/// Appends one piece for each so many of all.
+template <typename Entry, typename Append>
+void cut(std::span<const Entry> all, std::vector<std::function<void(NftBatch&)>>& out, Append append) {
+    while (!all.empty()) {
+        const auto part = all.first(std::min(all.size(), pieceSize));
+        all = all.subspan(part.size());
+        out.push_back([append, kept = std::vector<Entry>(part.begin(), part.end())](NftBatch& batch) {
+            append(batch, kept);
+        });
+    }
 }
 
-bool NftTable::open(std::string& reason, Kind kind) {
+using Numbers = std::vector<std::uint32_t>;
+
+/// The same for numbers that are added as a set.
+void cut(const std::set<std::uint32_t>& all, std::vector<std::function<void(NftBatch&)>>& out,
+         void (*add)(NftBatch&, const std::set<std::uint32_t>&)) {
+    const Numbers numbers(all.begin(), all.end());
+    cut<std::uint32_t>(numbers, out, [add](NftBatch& batch, const Numbers& part) {
+        add(batch, {part.begin(), part.end()});
+    });
+}
+
+}  // namespace
+
+bool NftTable::open(std::string& reason) {
     if (!socket.open(NETLINK_NETFILTER)) {
         reason = "nf_tables: " + tk::errorText();
         return false;
     }
     socket.setBuffers(bufferBytes, bufferBytes);
-    NetlinkResult result;
-    if (kind == Kind::ownedIfPossible) {
-        result = make(true);
-        owned = result.ok();
-    }
-    if (kind == Kind::plain || result.error == EOPNOTSUPP || result.error == EINVAL) {
-        if (!watch.open(socket.port(), reason)) {
-            socket.close();
-            return false;
-        }
-        result = make(false);
-    }
+    const NetlinkResult result = make();
     if (result.ok()) return true;
-    reason = result.error == EPERM ? "nf_tables: no permission, or another process owns the table \"ip tk\""
-                                   : "nf_tables: " + result.text;
+    if (result.error == EPERM)
+        reason = "nf_tables: no permission, or another process owns the table \"ip tk\"";
+    else if (const std::string missing = missingFeature(socket, nftFeatures()); !missing.empty())
+        reason = "nf_tables: this kernel lacks " + missing;
+    else
+        reason = "nf_tables: " + result.text;
     socket.close();
     return false;
 }
 
-/// Makes the table, in one transaction where that is possible: no packet meets it without its elements then.
-NetlinkResult NftTable::make(bool owner) {
+bool NftTable::endFlows(std::string& reason) {
+    const NetlinkResult result = change(&addFlowEnd);
+    if (!result.ok()) reason = "nf_tables: " + result.text;
+    endsFlows = result.ok();
+    return result.ok();
+}
+
+/// What the table consists of, in the order in which it is made. Flows are looked at last, when all that
+/// they are compared with is there.
+std::vector<NftTable::Fill> NftTable::pieces() const {
+    std::vector<Fill> out;
+    out.push_back([this](NftBatch& batch) {
+        removeTable(batch, isMade);
+        createTable(batch);
+        createGuard(batch, guard);
+    });
+    if (guard.limitsConnections) cut(guarded, out, &addUsers);
+    cut(uplinks, out, &addUplinks);
+    cut(hairpins, out, &addHairpins);
     std::vector<NatElement> all;
     for (const auto& [key, element] : elements) all.push_back(element);
-    NetlinkResult result = make(owner, all);
-    if (result.error != EMSGSIZE) return result;
-    result = make(owner, {});
-    return result.ok() ? fill(all) : result;
+    cut<NatElement>(all, out,
+                    [](NftBatch& batch, const std::vector<NatElement>& part) { addElements(batch, part); });
+    if (endsFlows) out.emplace_back(&addFlowEnd);
+    return out;
 }
 
-NetlinkResult NftTable::make(bool owner, std::span<const NatElement> content) {
+/// Sends pieces in one transaction, or where the socket does not take that, in as many as it takes.
+NetlinkResult NftTable::send(std::span<const Fill> fills) {
     NftBatch batch(socket);
-    removeTable(batch, owned);
-    createTable(batch, owner);
-    createGuard(batch, guard);
-    addHairpins(batch, hairpins);
-    addUplinks(batch, uplinks);
-    if (guard.limitsConnections) addUsers(batch, guarded);
-    addElements(batch, content);
-    return batch.commit();
+    for (const Fill& fill : fills) fill(batch);
+    NetlinkResult result = batch.commit();
+    if (result.error != EMSGSIZE || fills.size() < 2) return result;
+    const std::size_t half = fills.size() / 2;
+    result = send(fills.first(half));
+    return result.ok() ? send(fills.subspan(half)) : result;
 }
 
-/// Puts elements into the table in as many transactions as it takes.
-NetlinkResult NftTable::fill(std::span<const NatElement> content) {
-    std::size_t most = content.size();
-    while (!content.empty()) {
-        const auto part = content.first(std::min(content.size(), most));
-        NftBatch batch(socket);
-        addElements(batch, part);
-        NetlinkResult result = batch.commit();
-        if (result.ok())
-            content = content.subspan(part.size());
-        else if (result.error == EMSGSIZE && most > 1)
-            most /= 2;
-        else
-            return result;
-    }
-    return {};
+NetlinkResult NftTable::make() {
+    NetlinkResult result = send(pieces());
+    isMade = isMade || result.ok();
+    return result;
 }
 
 NetlinkResult NftTable::makeAnew() {
-    NetlinkResult result = make(owned);
+    NetlinkResult result = make();
     if (result.ok()) {
         tk::log("nat: the table is made anew: ", doubt);
         doubt = nullptr;
@@ -127,10 +137,8 @@ NetlinkResult NftTable::attempt(const Fill& fill) {
 NetlinkResult NftTable::change(const Fill& fill) {
     const bool wasSure = doubt == nullptr;
     NetlinkResult result = attempt(fill);
-    // What others did to a plain table may show here before the watch tells of it.
-    if (wasSure && !owned && (result.error == ENOENT || result.error == EEXIST)) doubt = changedByOthers;
     if (wasSure && doubt) result = attempt(fill);
-    if (doubt && !isResting) rest(retryTicks);
+    if (doubt) mendLater();
     return result;
 }
 
@@ -141,22 +149,16 @@ void NftTable::insist(const Fill& fill, const std::string& trouble) {
     if (result.ok()) return;
     tk::log(trouble, ": ", result.text);
     doubt = changeRefused;
-    if (!isResting) rest(retryTicks);
+    mendLater();
 }
 
-void NftTable::tableChanged() {
-    doubt = changedByOthers;
-    if (!isResting) mend();
-}
-
-void NftTable::rest(std::uint32_t ticks) {
-    isResting = true;
-    restTimer.arm(ticks);
+void NftTable::mendLater() {
+    if (!std::exchange(isMending, true)) mendTimer.arm(retryTicks);
 }
 
 void NftTable::mend() {
-    isResting = false;
-    if (doubt) rest(makeAnew().ok() ? restTicks : retryTicks);
+    isMending = false;
+    if (doubt && !makeAnew().ok()) mendLater();
 }
 
 bool NftTable::commit(std::span<const NatElement> removed, std::span<const NatElement> added,

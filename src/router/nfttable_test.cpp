@@ -44,9 +44,15 @@ protected:
         bool failed = false;
         return testing::run("nft " + arguments + " 2>&1", failed);
     }
-    /// The lines of the map's elements as nft lists them.
-    static std::string mapText() {
-        const std::string text = nft("list map ip tk dstnat");
+    void endFlows() {
+        std::string reason;
+        ASSERT_TRUE(table->endFlows(reason)) << reason;
+    }
+    /// The lines of the map's elements as nft lists them, and of what is live.
+    static std::string mapText() { return elementsOf("map ip tk dstnat"); }
+    static std::string liveText() { return elementsOf("set ip tk live"); }
+    static std::string elementsOf(const std::string& name) {
+        const std::string text = nft("list " + name);
         const std::size_t start = text.find("elements");
         return start == std::string::npos ? "" : text.substr(start, text.find('}', start) + 1 - start);
     }
@@ -69,6 +75,12 @@ protected:
         for (std::uint32_t index = 1; index <= 1000; ++index) many.insert(index);
         return many;
     }
+    static int count(const std::string& text, const std::string& wanted) {
+        int found = 0;
+        for (std::size_t at = text.find(wanted); at != std::string::npos; at = text.find(wanted, at + 1))
+            ++found;
+        return found;
+    }
     /// The table's first line, with its number: that of another table is another.
     static std::string identity() {
         const std::string text = nft("-a list table ip tk");
@@ -84,12 +96,34 @@ TEST_F(NftTableTest, IsWhatItIsMeantToBe) {
     const std::string text = nft("list table ip tk");
     for (const char* line :
          {"flags owner", "type ipv4_addr . inet_proto . inet_service : ipv4_addr . inet_service",
-          "type nat hook prerouting priority dstnat; policy accept;",
-          "dnat ip to ip daddr . meta l4proto . th dport map @dstnat",
+          "type nat hook prerouting priority dstnat + 10; policy accept;",
+          "type ipv4_addr . inet_proto . inet_service . ipv4_addr . inet_service",
+          "fib daddr type local ct label set 116 dnat ip to ip daddr . meta l4proto . th dport map @dstnat",
+          "type filter hook forward priority filter - 10; policy accept;", "reject with tcp reset",
+          "type filter hook input priority filter - 10; policy accept;",
           "type nat hook postrouting priority srcnat; policy accept;",
           "ct status dnat iif . oif @hairpin oif != @uplinks masquerade"})
         EXPECT_NE(text.find(line), std::string::npos) << line << " is not in\n" << text;
-    EXPECT_TRUE(table->isOwned());
+}
+
+TEST_F(NftTableTest, LetsFlowsPassUntilItIsToldToEndThem) {
+    EXPECT_EQ(nft("list chain ip tk forward").find("ended"), std::string::npos);
+    endFlows();
+    EXPECT_NE(nft("list chain ip tk forward")
+                  .find("ct label 116 ct original ip daddr . ct protocol . ct original proto-dst . "
+                        "ct reply ip saddr . ct reply proto-src != @live goto ended"),
+              std::string::npos);
+}
+
+TEST_F(NftTableTest, WhatIsLiveIsWhatIsMapped) {
+    EXPECT_EQ(commit({}, {element(80)}), "");
+    EXPECT_EQ(liveText(), "elements = { 198.51.100.1 . tcp . 80 . 192.0.2.2 . 8080 }");
+    EXPECT_EQ(commit({element(80)}, {element(80, "192.0.2.3", 81)}), "");
+    EXPECT_EQ(liveText(), "elements = { 198.51.100.1 . tcp . 80 . 192.0.2.3 . 81 }");
+    EXPECT_EQ(commit({}, {element(81), element(80)}), "File exists");
+    EXPECT_EQ(liveText(), "elements = { 198.51.100.1 . tcp . 80 . 192.0.2.3 . 81 }");
+    EXPECT_EQ(commit({element(80, "192.0.2.3", 81)}, {}), "");
+    EXPECT_EQ(liveText(), "");
 }
 
 TEST_F(NftTableTest, AddsChangesAndRemovesElements) {
@@ -97,7 +131,7 @@ TEST_F(NftTableTest, AddsChangesAndRemovesElements) {
     EXPECT_EQ(mapText(), "elements = { 198.51.100.1 . tcp . 80 : 192.0.2.2 . 8080 }");
     EXPECT_EQ(commit({element(80)}, {element(80, "192.0.2.3", 81)}), "");
     EXPECT_EQ(mapText(), "elements = { 198.51.100.1 . tcp . 80 : 192.0.2.3 . 81 }");
-    EXPECT_EQ(commit({element(80)}, {}), "");
+    EXPECT_EQ(commit({element(80, "192.0.2.3", 81)}, {}), "");
     EXPECT_EQ(mapText(), "");
 }
 
@@ -159,45 +193,12 @@ TEST_F(NftTableTest, HairpinsFollowTheInterfaces) {
     EXPECT_EQ(nft("list set ip tk hairpin").find("elements"), std::string::npos);
 }
 
-/// The table as it is on a kernel that does not know owners.
-class PlainNftTableTest : public NftTableTest {
-protected:
-    void SetUp() override {
-        if (!tk::testing::enterPrivateNetwork()) GTEST_SKIP() << "needs root";
-        descriptor = ::dup(STDOUT_FILENO);
-        ::close(descriptor);
-        std::string reason;
-        ASSERT_TRUE(table->open(reason, NftTable::Kind::plain)) << reason;
-    }
-};
-
-TEST_F(PlainNftTableTest, IsRemovedAtTheEnd) {
-    EXPECT_FALSE(table->isOwned());
-    EXPECT_EQ(nft("list tables"), "table ip tk\n");
-    table.reset();
-    EXPECT_EQ(nft("list tables"), "");
-}
-
-TEST_F(PlainNftTableTest, IsMadeAnewWithTheNextChangeWhenSomebodyFlushedIt) {
-    EXPECT_EQ(commit({}, {element(80)}), "");
-    table->interfaceAdded(1, 7);
-    EXPECT_EQ(nft("flush ruleset"), "");
-    EXPECT_EQ(commit({element(80)}, {element(80, "192.0.2.3", 81)}), "");
-    EXPECT_EQ(mapText(), "elements = { 198.51.100.1 . tcp . 80 : 192.0.2.3 . 81 }");
-    EXPECT_NE(nft("list set ip tk hairpin").find("\"lo\" . \"lo\""), std::string::npos);
-    EXPECT_EQ(nft("flush ruleset"), "");
-    EXPECT_EQ(commit({element(80)}, {}), "");
-    EXPECT_EQ(mapText(), "");
-    EXPECT_EQ(nft("list tables"), "table ip tk\n");
-}
-
 TEST_F(NftTableTest, AChangeWhoseAnswerIsLostIsMadeOnce) {
     EXPECT_EQ(commit({}, {element(80)}), "");
     const std::string before = identity();
     fillSocket();
     EXPECT_EQ(commit({element(80)}, {element(81)}), "");
     EXPECT_NE(identity(), before);
-    EXPECT_TRUE(table->isOwned());
     EXPECT_NE(nft("list table ip tk").find("flags owner"), std::string::npos);
     EXPECT_EQ(mapText(), "elements = { 198.51.100.1 . tcp . 81 : 192.0.2.2 . 8080 }");
     EXPECT_EQ(commit({element(81)}, {}), "");
@@ -244,7 +245,6 @@ TEST_F(NftTableTest, UplinksAndUsersThatTheKernelRefusesAreSetASecondLater) {
     EXPECT_NE(nft("list set ip tk guarded").find("elements = { 64001 }"), std::string::npos);
     table->setUplinks({1});
     EXPECT_NE(nft("list set ip tk uplinks").find("elements = { \"lo\" }"), std::string::npos);
-    EXPECT_TRUE(table->isOwned());
 }
 
 TEST_F(NftTableTest, AHairpinThatTheKernelRefusesIsThereASecondLater) {
@@ -274,22 +274,36 @@ TEST_F(NftTableTest, GuardsUsersAndUplinks) {
         EXPECT_NE(text.find(line), std::string::npos) << line << " is not in\n" << text;
 }
 
-TEST_F(PlainNftTableTest, IsMadeAnewInPartsWhereItDoesNotFitOneTransaction) {
+TEST_F(NftTableTest, IsMadeAnewInPartsWhereItDoesNotFitOneTransaction) {
     Elements many;
     for (std::uint16_t port = 1000; port < 4000; ++port) many.push_back(element(port));
     EXPECT_EQ(commit({}, many), "");
+    table->setUplinks(manyIndexes());
+    endFlows();
+    const std::string before = identity();
     limitSending(16384);
-    EXPECT_EQ(nft("flush ruleset"), "");
+    fillSocket();
     EXPECT_EQ(commit({}, {element(80)}), "");
-    const std::string text = mapText();
-    EXPECT_EQ(std::count(text.begin(), text.end(), ':'), 3001);
+    EXPECT_NE(identity(), before);
+    EXPECT_EQ(count(mapText(), " : "), 3001);
+    EXPECT_EQ(count(liveText(), " . tcp . "), 3001);
+    EXPECT_NE(nft("list set ip tk uplinks").find(" 1000 }"), std::string::npos);
+    EXPECT_NE(nft("list chain ip tk forward").find("goto ended"), std::string::npos);
     EXPECT_EQ(commit({many.front(), many.back()}, {}), "");
 }
 
-TEST_F(PlainNftTableTest, TheGuardIsMadeAnewToo) {
+TEST_F(NftTableTest, ThousandsOfInterfacesFitAnySocket) {
+    for (std::uint32_t index = 1; index <= 5000; ++index) table->interfaceAdded(index, index);
+    limitSending(16384);
+    fillSocket();
+    EXPECT_EQ(commit({}, {element(80)}), "");
+    EXPECT_EQ(count(nft("list set ip tk hairpin"), " . "), 5000 + 1);  // and the type
+}
+
+TEST_F(NftTableTest, TheGuardIsMadeAnewToo) {
     table->guardUser(64001);
     table->setUplinks({1});
-    EXPECT_EQ(nft("flush ruleset"), "");
+    fillSocket();
     EXPECT_EQ(commit({}, {element(80)}), "");
     EXPECT_NE(nft("list set ip tk guarded").find("elements = { 64001 }"), std::string::npos);
     EXPECT_NE(nft("list set ip tk uplinks").find("elements = { \"lo\" }"), std::string::npos);

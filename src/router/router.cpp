@@ -2,7 +2,6 @@
 
 #include <time.h>
 
-#include "router/leftoverflows.h"
 #include "tk/log.h"
 #include "tk/names.h"
 
@@ -10,7 +9,8 @@ namespace router {
 
 namespace {
 
-constexpr std::uint64_t farewellMilliseconds = 5000;  // for started programs to end in, and then for flows
+constexpr std::uint64_t farewellMilliseconds = 5000;  // for started programs to end in
+constexpr std::uint64_t lastFlowMilliseconds = 100;   // in which flows that are alive send a packet, and end
 
 std::uint64_t secondsSince1970() {
     return static_cast<std::uint64_t>(::time(nullptr));
@@ -18,17 +18,16 @@ std::uint64_t secondsSince1970() {
 
 }  // namespace
 
-Router::Router(const Config& config, const Paths& paths, Processes& processes, const OtherDnat& others)
+Router::Router(const Config& config, const Paths& paths, Processes& processes)
     : paths(paths),
-      others(others),
       programs(config.programs),
       looper(clock, hub, tk::program::network),
       table(config.guard),
       interfaceIds(paths.stores + "/interfaces"),
       interfaces(interfaceIds, kernel),
       policy(kernel, addresses, config.nat),
-      flows(table),
-      nat(paths.stores + "/nat", policy, flows),
+      ports(addresses, listeners, config.nat.routerPorts),
+      nat(paths.stores + "/nat", policy, ports, table, hub.requester()),
       identity(paths.machineId, paths.stores + "/identity"),
       history(secondsSince1970),
       monitor(kernel, interfaces, addresses),
@@ -53,14 +52,13 @@ Router::~Router() {
 
 bool Router::start(std::string& reason) {
     looper.watchSignals();
-    if (!kernel.open(reason) || !table.open(reason) || !flows.open(reason) || !monitor.start(reason) ||
-        !uplinks.start(reason))
+    if (!kernel.open(reason) || !flows.open(reason) || !table.open(reason) || !listeners.open(reason) ||
+        !monitor.start(reason) || !uplinks.start(reason))
         return false;
-    if (!table.isOwned()) tk::log("nat: this kernel does not know owned tables; others can change the rules");
     for (const ProgramConfig& program : programs)
         if (program.user) programComes(program.number, program.user->uid);
     nat.load();
-    LeftoverFlows().end([this](const NatElement& element) { return nat.isInForce(element); }, others);
+    if (!table.endFlows(reason)) return false;
     if (!listener.open(paths.bus, reason)) return false;
     tk::log("routerd: serving ", paths.bus);
     activation.startConfigured();
@@ -70,16 +68,15 @@ bool Router::start(std::string& reason) {
 void Router::run() {
     looper.run();
     activation.endAll();
-    turnWhile([this] { return activation.isRunning(); });
+    turnWhile([this] { return activation.isRunning(); }, farewellMilliseconds);
     listener.close();  // a hub without services must not be found by anybody
-    // The rules that are left go before the table does, or their flows would go on without them.
     hub.close();
     nat.withdraw();
-    turnWhile([this] { return flows.isPending(); });
+    turnWhile([] { return true; }, lastFlowMilliseconds);  // the table goes a moment after the last rule
 }
 
-void Router::turnWhile(const std::function<bool()>& condition) {
-    const std::uint64_t limit = clock.now() + farewellMilliseconds;
+void Router::turnWhile(const std::function<bool()>& condition, std::uint64_t milliseconds) {
+    const std::uint64_t limit = clock.now() + milliseconds;
     while (condition() && clock.now() < limit) looper.turn(static_cast<int>(limit - clock.now()));
 }
 

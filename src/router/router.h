@@ -9,17 +9,18 @@
 #include "router/addresses.h"
 #include "router/buslistener.h"
 #include "router/config.h"
-#include "router/flowflush.h"
+#include "router/flowlog.h"
 #include "router/history.h"
 #include "router/hub.h"
 #include "router/identity.h"
 #include "router/interfaceids.h"
 #include "router/interfaces.h"
+#include "router/listeners.h"
 #include "router/nat.h"
 #include "router/natpolicy.h"
 #include "router/networkmonitor.h"
 #include "router/nfttable.h"
-#include "router/otherdnat.h"
+#include "router/routerports.h"
 #include "router/rtnetlink.h"
 #include "router/uplinks.h"
 #include "tk/clock.h"
@@ -39,8 +40,8 @@ struct Paths {
 /// The whole of routerd: the hub, the services around it, and the programs that it starts.
 class Router final : private Activation::Owner, private ProgramWatcher {
 public:
-    /// Lifetime: the processes and what is known of others outlive the router.
-    Router(const Config& config, const Paths& paths, Processes& processes, const OtherDnat& others);
+    /// Lifetime: the processes outlive the router.
+    Router(const Config& config, const Paths& paths, Processes& processes);
     Router(const Router&) = delete;
     Router& operator=(const Router&) = delete;
     ~Router() override;
@@ -48,18 +49,17 @@ public:
     /// Makes everything ready, and opens the bus last. Errors: false, with the reason in `reason`.
     [[nodiscard]] bool start(std::string& reason);
     /// Serves until SIGTERM or SIGINT; then ends the programs that were started, while it still serves them,
-    /// and after them the flows of all rules.
+    /// and after them all rules, with the flows that are alive.
     void run();
 
 private:
     void programComes(std::uint32_t program, uid_t user) override;
     void programEnded(std::uint32_t program, const std::string& how, bool hadRegistered) override;
     void startFailed(std::uint32_t program, const std::string& reason) override;
-    void turnWhile(const std::function<bool()>& condition);
+    void turnWhile(const std::function<bool()>& condition, std::uint64_t milliseconds);
     bool isAwaited(std::uint32_t program) const override { return hub.awaits(program); }
 
     Paths paths;
-    const OtherDnat& others;
     std::vector<ProgramConfig> programs;
     tk::SystemClock clock;
     Hub hub;
@@ -70,7 +70,9 @@ private:
     Interfaces interfaces;
     Addresses addresses;
     NatPolicy policy;
-    FlowFlush flows;
+    FlowLog flows;
+    SocketListeners listeners;
+    RouterPorts ports;
     Nat nat;
     Identity identity;
     History history;
