@@ -21,6 +21,7 @@ from workload import (EXTERNALS, OWN_ADDRESSES, STORED, TARGET_PORTS, ControlPoi
 RECOVERY_SECONDS = 2  # from the restart until a new mapping passes packets
 WATCHER = "192.0.2.4"  # a second address of lan2, which subscribes after each round
 ELEMENT = re.compile(r"([\d.]+) \. (tcp|udp|6|17) \. (\d+) : ([\d.]+) \. (\d+)")
+LIVE = re.compile(ELEMENT.pattern.replace(" : ", r" \. "))
 PROTOCOLS = {"6": "tcp", "17": "udp"}
 PROBE_PORTS = 4000
 FLOWS = 8  # that are kept from round to round
@@ -213,7 +214,7 @@ class World:
         return Key(places[0], *of_port)
 
     def compare_kernel(self, listed):
-        """The elements of the kernel's map are the enabled rules, no more and no less."""
+        """The elements of the kernel's map are the enabled rules, no more and no less, and so is what is live."""
         text = self.lab.router.run("nft", "--numeric", "list", "map", "ip", "tk", "dstnat").stdout
         elements = sorted((address, PROTOCOLS.get(protocol, protocol), int(port), target, int(target_port))
                           for address, protocol, port, target, target_port in ELEMENT.findall(text))
@@ -223,6 +224,8 @@ class World:
         if elements != rules:
             raise Contradiction(f"only in the kernel: {set(elements) - set(rules)}, "
                                 f"only told: {set(rules) - set(elements)}")
+        live = self.lab.router.run("nft", "--numeric", "list", "set", "ip", "tk", "live").stdout
+        assert sorted(LIVE.findall(live)) == sorted(ELEMENT.findall(text)), f"live is {live}, mapped is {text}"
         self.figures["elements"] += len(elements)
 
     @staticmethod

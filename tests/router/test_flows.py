@@ -107,6 +107,15 @@ def is_reset(end):
         return False
 
 
+def go_on(near, far):
+    """True when both ends hear each other for as long as something could still come to end the connection."""
+    deadline = time.monotonic() + 0.3
+    while time.monotonic() < deadline:
+        if not passes(near, far) or not passes(far, near):
+            return False
+    return True
+
+
 def connection(lab, server, port=80, host="wan"):
     """Both ends of a connection to a mapped port, which has passed something."""
     near = getattr(lab, host).connect(ROUTER_WAN, port)
@@ -277,14 +286,14 @@ def test_a_forward_of_the_administrator_wins_and_its_connections_are_his(bare_la
     with bus.Client(bare_lab) as client, bare_lab.lan1.listen(8080) as ours:
         near, far = connection(bare_lab, theirs)
         added = client.add_rule(80)
-        assert passes(near, far), "his connection from before"
+        assert go_on(near, far), "his connection from before"
         another = connection(bare_lab, theirs)
         change(client, added, *lead_to(LAN2))
         client.call([20, 5], bus.REMOVE, [(bus.ID, bus.U32, added)])
         bare_lab.routerd.kill()
         bare_lab.start_routerd()
         for one, other in ((near, far), another):
-            assert passes(one, other) and passes(other, one)
+            assert go_on(one, other)
         ours.settimeout(0.1)
         with pytest.raises(TimeoutError):
             ours.accept()
@@ -296,7 +305,7 @@ def test_a_connection_that_the_administrators_former_forward_began_goes_on(route
         near, far = connection(router, former)
         router.router.run("nft", "delete", "table", "ip", "other")
         client.add_rule(80, LAN2)
-        assert passes(near, far), "it was never ours to end"
+        assert go_on(near, far), "it was never ours to end"
         with router.wan.connect(ROUTER_WAN, 80):
             present.accept()
 
@@ -310,7 +319,7 @@ def test_connections_to_the_router_itself_survive_the_mapping_of_their_port(rout
         client.add_rule(2222, target_port=22)
         with router.wan.connect(ROUTER_WAN, 2222):
             server.accept()
-        assert passes(near, far) and passes(far, near)
+        assert go_on(near, far)
 
 
 def test_datagrams_that_another_table_leads_to_the_router_keep_their_entry(router, client):
@@ -402,25 +411,24 @@ def test_the_table_of_connections_is_never_read(bare_lab):
 
 
 def test_a_rule_costs_the_same_whatever_the_table_of_connections_holds(router, client):
-    """Processor time of the router for a series of rules, without and with 30000 entries."""
+    """Processor time of the router for rules that come one by one, as mappings do, with 30000 entries beside them."""
     number, = processes(router, "routerd")
 
     def spent():
         return int(pathlib.Path(f"/proc/{number}/schedstat").read_text().split()[0]) / 1e9
 
-    def series():
-        """Rules that come one by one, as mappings do."""
-        start = spent()
+    def costs():
+        marks = [spent()]
         for port in range(1000, 1200):
             client.call([20, 5], bus.REMOVE, [(bus.ID, bus.U32, client.add_rule(port))])
-            time.sleep(0.002)
-        return spent() - start
-    series()
-    without = min(series() for _ in range(3))
+            time.sleep(0.003)  # in which it would do what it puts off
+            marks.append(spent())
+        return sorted(after - before for before, after in zip(marks, marks[1:]))
+    without = costs()
     fill_connections(router, 30000)
-    full = min(series() for _ in range(3))
-    assert len(entries(router, "udp")) >= 30000
-    assert full < without * 1.5 + 0.01, f"{without:.3f} s without, {full:.3f} s with"
+    full = costs()
+    assert full[100] < without[100] * 1.5 + 0.0001, "the usual rule"
+    assert full[-1] < 0.005, "the dearest rule: a look at the whole table takes 10 ms"
 
 
 def fill_connections(lab, count):
