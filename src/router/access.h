@@ -3,40 +3,46 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <map>
+#include <string>
 #include <vector>
 
 #include "tk/message.h"
 
 namespace router {
 
-/// What one user may do beyond calling others. A value.
+/// What one user may do beyond what everybody may who is on the bus. A value.
 struct UserRights {
     uid_t uid = 0;
-    std::vector<std::uint32_t> programs;  // numbers that it may register
-    std::vector<tk::Path> writes;         // where it may change something: these handlers of routerd's, and
-                                          // with a path of one element all of that program
+    std::vector<std::uint32_t> programs = {};  // numbers that it may register, and answer for
+    std::vector<tk::Path> writes = {};         // handlers, and with a path of one element whole programs, of
+                                               // which it may ask anything, except for what is named below
+    bool traces = false;
+    bool undoes = false;
+    bool isAdmin = false;  // all of it
 
     bool operator==(const UserRights&) const = default;
 };
 
-/// The table of who may do what. Root may do everything. A value.
+/// The table of who may do what, by user, and the one place that decides. Root may do everything; for all
+/// others what is not granted is refused. The users of the gateway daemon and of the resolver have rows of
+/// their own, everybody else may look at most things. A value.
 class Access {
 public:
     Access() = default;
-    explicit Access(std::vector<UserRights> users) : users(std::move(users)) {}
+    /// A user that stands several times may do all that is said of it.
+    explicit Access(const std::vector<UserRights>& users);
 
-    /// True when the user may register the program's number.
-    [[nodiscard]] bool mayRegister(uid_t user, std::uint32_t program) const;
+    /// Why the user may not send the message, whose sender is stamped: text that goes on behind the user's
+    /// name, "may not ..., it needs ...". Empty where it may.
+    [[nodiscard]] std::string whyRefused(uid_t user, const tk::message& sent) const;
     /// True for root, and for a user that may register any program.
     [[nodiscard]] bool runsPrograms(uid_t user) const;
-    /// True when the user may send the request: what only asks is everybody's, and so is what goes to another
-    /// program than the network services.
-    [[nodiscard]] bool maySend(uid_t user, const tk::message& request) const;
-
-    bool operator==(const Access&) const = default;
 
 private:
-    std::vector<UserRights> users;
+    [[nodiscard]] const UserRights& rightsOf(uid_t user) const;
+
+    std::map<uid_t, UserRights> users;
 };
 
 }  // namespace router

@@ -131,60 +131,91 @@ TEST_F(AwaitedProgramTest, AProgramThatEndsEarlyEndsTheRequests) {
     EXPECT_FALSE(bus.hub.awaits(80));
 }
 
-TEST_F(AwaitedProgramTest, WhatOneClientLetsWaitForAllProgramsIsBoundedInBytes) {
+/// Lets requests wait until one more is refused. Gives how many bytes wait then.
+std::size_t fill(testing::TestHub& bus, const std::vector<testing::TestClient*>& clients) {
+    const tk::message large = testing::text(std::string(200000, 'x'));
+    for (std::size_t count = 0; count < 1000; ++count) {
+        testing::TestClient& client = *clients[count % clients.size()];
+        client.request({count % 2 ? 80U : 82U}, tk::command::get, large);
+        bus.settle();
+        if (client.take().empty()) continue;
+        return count * 200000;
+    }
+    return 0;
+}
+
+TEST_F(AwaitedProgramTest, WhatAConnectionOfRootLetsWaitForAllProgramsIsBoundedInBytes) {
     const auto client = bus.connect();
     const auto other = bus.connect();
-    const tk::message large = testing::text(std::string(200000, 'x'));
-    for (std::size_t i = 0; i < Hub::awaitedBytesPerPeer / 200100; ++i) {  // with its routing fields
-        client->request({i % 2 ? 80U : 82U}, command, large);
-        bus.settle();
-    }
-    EXPECT_TRUE(client->take().empty());
-    EXPECT_EQ(testing::codeOf(bus.ask(*client, {80}, command, large)), tk::error::busy);
-    other->request({80}, command, large);
+    const std::size_t waiting = fill(bus, {client.get()});
+    EXPECT_LE(waiting, Budgets::rootLimit);
+    EXPECT_GT(waiting, Budgets::rootLimit - 500000);
+    EXPECT_EQ(testing::codeOf(bus.ask(*client, {80}, command, testing::text(std::string(200000, 'x')))),
+              tk::error::busy);
+    other->request({80}, command, testing::text(std::string(200000, 'x')));
     bus.settle();
     EXPECT_TRUE(other->take().empty()) << "it has a bound of its own";
     bus.hub.programFailed(82, "it ended");
     EXPECT_FALSE(client->take().empty());
-    client->request({80}, command, large);
+    client->request({80}, command, testing::text(std::string(200000, 'x')));
     bus.settle();
     EXPECT_TRUE(client->take().empty()) << "there is room again";
 }
 
-TEST_F(AwaitedProgramTest, WhatAllClientsOfOneUserLetWaitIsBoundedInBytesTogether) {
+TEST_F(AwaitedProgramTest, WhatAllConnectionsOfOneUserLetWaitIsBoundedInBytesTogether) {
     constexpr uid_t user = 1000;
+    bus.hub.setAccess(Access({{.uid = user, .writes = {{80}, {82}}}, {.uid = user + 1, .writes = {{80}}}}));
     const auto first = bus.connect(user);
     const auto second = bus.connect(user);
     const auto other = bus.connect(user + 1);
+    const auto root = bus.connect();
+    const std::size_t waiting = fill(bus, {first.get(), second.get()});
+    EXPECT_LE(waiting, Budgets::userLimit);
+    EXPECT_GT(waiting, Budgets::userLimit - 500000);
     const tk::message large = testing::text(std::string(200000, 'x'));
-    for (std::size_t i = 0; i < Hub::awaitedBytesPerUser / 200100; ++i) {  // with its routing fields
-        (i % 2 ? first : second)->request({80}, command, large);
-        bus.settle();
-    }
-    EXPECT_TRUE(first->take().empty());
-    EXPECT_TRUE(second->take().empty());
     EXPECT_EQ(testing::codeOf(bus.ask(*first, {80}, command, large)), tk::error::busy);
     EXPECT_EQ(testing::codeOf(bus.ask(*second, {82}, command, large)), tk::error::busy);
-    other->request({80}, command, large);
-    bus.settle();
-    EXPECT_TRUE(other->take().empty()) << "another user has a bound of its own";
+    for (testing::TestClient* each : {other.get(), root.get()}) {
+        each->request({80}, command, large);
+        bus.settle();
+        EXPECT_TRUE(each->take().empty()) << "others have bounds of their own";
+    }
 }
 
-TEST_F(AwaitedProgramTest, WhatEverybodyLetsWaitIsBoundedInBytes) {
-    constexpr std::size_t perClient = 70;
-    std::vector<std::unique_ptr<testing::TestClient>> clients;
-    const tk::message large = testing::text(std::string(200000, 'x'));
-    for (std::size_t i = 0; i < Hub::awaitedBytesInAll / 200100; ++i) {  // with its routing fields
-        if (i % perClient == 0) clients.push_back(bus.connect());
-        clients.back()->request({i % 2 ? 80U : 82U}, command, large);
+TEST_F(AwaitedProgramTest, ManySmallRequestsOfOneUserKeepNobodyElseFromWaiting) {
+    constexpr uid_t user = 1000;
+    const auto client = bus.connect(user);
+    const auto other = bus.connect();
+    for (int i = 0; i < 1000; ++i) {
+        client->request({80}, tk::command::get);
+        if (i % 50 == 0) bus.settle();
+    }
+    other->request({80}, tk::command::get);
+    bus.settle();
+    EXPECT_TRUE(other->take().empty());
+}
+
+TEST_F(AwaitedProgramTest, ARefusedRequestLeavesNothingThatIsAwaited) {
+    const auto client = bus.connect(1000);
+    const tk::Charge full(bus.hub.budgetOf(1000, 0), Budgets::userLimit - 1000);
+    EXPECT_EQ(testing::codeOf(bus.ask(*client, {80}, tk::command::get)), tk::error::busy);
+    EXPECT_FALSE(bus.hub.awaits(80));
+}
+
+TEST_F(AwaitedProgramTest, WhatWaitedIsChargedOnceWhereItWaitsNext) {
+    const auto client = bus.connect(1000);
+    for (int i = 0; i < 60; ++i) {
+        client->request({80}, tk::command::get, testing::text(std::string(200000, 'x')));
         bus.settle();
     }
-    for (const auto& client : clients) EXPECT_TRUE(client->take().empty());
-    const auto late = bus.connect();
-    EXPECT_EQ(testing::codeOf(bus.ask(*late, {80}, command, large)), tk::error::busy);
-    late->request({80}, command);
+    const std::size_t waiting = bus.hub.budgetOf(1000, 0).usedBytes();
+    const auto program = bus.connect();
+    tk::message number;
+    number.insert_u32(1, 80);
+    program->request({0}, tk::command::hubRegister, number);
     bus.settle();
-    EXPECT_TRUE(late->take().empty()) << "what is small still fits";
+    EXPECT_LT(bus.hub.budgetOf(1000, 0).usedBytes(), waiting + 60 * 2000);
+    EXPECT_TRUE(client->take().empty()) << "all are with the program";
 }
 
 TEST_F(AwaitedProgramTest, ARequestArrivesAsItWasSentHoweverLongItWaited) {

@@ -1,19 +1,14 @@
 #include "router/awaitedprogram.h"
 
+#include <algorithm>
+
 namespace router {
 
-bool AwaitedProgram::add(Request request) {
-    if (requests.size() >= limit) return false;
-    request.round = round;
-    requests.push_back(std::move(request));
+bool AwaitedProgram::add(std::uint32_t requester, std::string_view flat, tk::Budget& payer) {
+    const std::size_t cost = flat.size() + sizeof(Request);
+    if (!payer.hasRoomFor(cost)) return false;
+    requests.push_back({requester, std::string(flat), tk::Charge(payer, cost), round});
     return true;
-}
-
-std::size_t AwaitedProgram::bytes(const std::function<bool(const Request&)>& counts) const {
-    std::size_t sum = 0;
-    for (const Request& request : requests)
-        if (counts(request)) sum += request.flat.size();
-    return sum;
 }
 
 std::deque<AwaitedProgram::Request> AwaitedProgram::takeOld() {
@@ -26,6 +21,11 @@ std::deque<AwaitedProgram::Request> AwaitedProgram::takeOld() {
 
 void AwaitedProgram::drop(std::uint32_t requester) {
     std::erase_if(requests, [requester](const Request& request) { return request.requester == requester; });
+}
+
+bool AwaitedProgram::hasOf(std::uint32_t requester) const {
+    return std::any_of(requests.begin(), requests.end(),
+                       [requester](const Request& request) { return request.requester == requester; });
 }
 
 }  // namespace router

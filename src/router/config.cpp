@@ -95,7 +95,7 @@ private:
         }
         if (!checkProgram(table, out)) return false;
         // Whom the router itself starts as the program may be the program.
-        if (out.user) config.users.push_back({out.user->uid, {out.number}, {}});
+        if (out.user) config.users.push_back({out.user->uid, {out.number}});
         return true;
     }
 
@@ -121,6 +121,12 @@ private:
                 if (!values.readPrograms(key, value, out.programs)) return false;
             } else if (key == "writes") {
                 if (!values.read(key, value, out.writes)) return false;
+            } else if (key == "trace") {
+                if (!values.read(key, value, out.traces)) return false;
+            } else if (key == "undo") {
+                if (!values.read(key, value, out.undoes)) return false;
+            } else if (key == "admin") {
+                if (!values.read(key, value, out.isAdmin)) return false;
             } else {
                 return values.fail(key, value, "unknown key");
             }
@@ -192,7 +198,7 @@ void runAsRouter(Config& config) {
     for (ProgramConfig& program : config.programs) {
         if (program.user || !program.unit.empty()) continue;
         program.user = config.user;
-        config.users.push_back({config.user->uid, {program.number}, {}});
+        config.users.push_back({config.user->uid, {program.number}});
     }
 }
 

@@ -61,6 +61,7 @@ TEST(ParseConfig, ReadsEveryKey) {
         "[router]\nuser = \"nobody\"\n"
         "[[program]]\nnumber = 80\ncommand = [\"/a\"]\nuser = \"daemon\"\n"
         "[[user]]\nname = \"daemon\"\nprograms = [80, 81]\nwrites = [\"20,5\", \"20\", 21]\n"
+        "trace = true\nundo = true\nadmin = true\n"
         "[nat]\ncheck-targets = false\ninternal-prefixes = [\"10.0.0.0/8\", \"192.0.2.1/32\", "
         "\"0.0.0.0/0\"]\n"
         "external-ports = [80, \"1024-65535\"]\ninternal-ports = [\"22\"]\nlimit-per-client = 3\nlimit = 4\n"
@@ -73,7 +74,7 @@ TEST(ParseConfig, ReadsEveryKey) {
     wanted.user = findAccount("nobody");
     wanted.programs = {{80, {"/a"}, false, findAccount("daemon")}};
     const uid_t daemon = findAccount("daemon")->uid;
-    wanted.users = {{daemon, {80}, {}}, {daemon, {80, 81}, {{20, 5}, {20}, {21}}}};
+    wanted.users = {{daemon, {80}}, {daemon, {80, 81}, {{20, 5}, {20}, {21}}, true, true, true}};
     wanted.nat = {false,
                   {{0x0A000000, 0xFF000000}, {0xC0000201, 0xFFFFFFFF}, {0, 0}},
                   {{80, 80}, {1024, 65535}},
@@ -141,6 +142,9 @@ constexpr Case cases[] = {
     {"UserAsTable", "[user]\nname = \"daemon\"\n", "r.toml:1: user: must be written as [[user]]"},
     {"ProgramsOfText", "[[user]]\nname = \"daemon\"\nprograms = [\"80\"]\n",
      "r.toml:3: programs: must be a number from 1 to 999"},
+    {"TraceAsText", "[[user]]\ntrace = \"yes\"\n", "r.toml:2: trace: must be true or false"},
+    {"UndoAsNumber", "[[user]]\nundo = 1\n", "r.toml:2: undo: must be true or false"},
+    {"AdminAsNumber", "[[user]]\nadmin = 1\n", "r.toml:2: admin: must be true or false"},
     {"WritesAsText", "[[user]]\nwrites = \"20\"\n",
      "r.toml:2: writes: must be a list of paths, such as \"20,5\""},
     {"WritesTooLong", "[[user]]\nwrites = [\"20,5,1\"]\n",

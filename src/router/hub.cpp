@@ -6,7 +6,6 @@
 #include <utility>
 
 #include "tk/frame.h"
-#include "tk/log.h"
 #include "tk/names.h"
 
 namespace router {
@@ -39,9 +38,18 @@ void Hub::addService(tk::Handler& handler, const tk::Path& path) {
 void Hub::adopt(tk::Fd socket, const Credentials& credentials) {
     if (const std::string reason = whyFullFor(credentials.uid); !reason.empty())
         return turnAway(socket, credentials.uid, tk::error::busy, reason);
-    const std::uint32_t number = nextClient++;
+    budgets.forgetUnused();
+    const std::uint32_t number = newClientNumber();
     HubPeer::Owner& owner = *this;
-    peers[number] = std::make_unique<HubPeer>(std::move(socket), credentials, number, owner);
+    const HubPeer::Terms terms{credentials, number, budgets.of(credentials.uid, number)};
+    peers[number] = std::make_unique<HubPeer>(std::move(socket), terms, owner);
+}
+
+/// One that no connection has, also when all have been given out once.
+std::uint32_t Hub::newClientNumber() {
+    while (nextClient < tk::program::firstClient || peers.contains(nextClient))
+        nextClient = std::max(nextClient + 1, tk::program::firstClient);
+    return nextClient++;
 }
 
 /// Why there is no room for another connection of `user`; empty where there is.
@@ -54,7 +62,7 @@ std::string Hub::whyFullFor(uid_t user) const {
 }
 
 void Hub::turnAway(const tk::Fd& socket, uid_t user, std::uint32_t code, const std::string& why) {
-    refusals.note(user, why);
+    refusedConnections.note("connection of user " + std::to_string(user) + " refused", user, why);
     tk::message told = tk::errorMsg(code, why);
     tk::stamp(told, {tk::program::hub}, 0, tk::Kind::error, 0);
     trace(told);
@@ -66,7 +74,8 @@ void Hub::turnAway(const tk::Fd& socket, uid_t user, std::uint32_t code, const s
 
 void Hub::close() {
     expiry.disarm();
-    refusals.close();
+    for (RefusalLog* each : {&refusedConnections, &refusedMessages, &droppedClients, &leftPrograms})
+        each->close();
     services.clear();
     starter = nullptr;
     watcher = nullptr;
@@ -78,22 +87,35 @@ void Hub::close() {
 void Hub::peerSent(HubPeer& peer, tk::message received) {
     peer.stampSender(received);
     if (received.fields().size() > fieldLimit) return peer.drop("it sent a message of too many fields");
-    switch (tk::kindOf(received)) {
-        case tk::Kind::request:
-            return takeRequest(peer, received);
-        case tk::Kind::reply:
-        case tk::Kind::error:
-            return takeEnd(peer, received);
-        case tk::Kind::notification:
-            return publish(received);
-    }
+    if (tk::kindOf(received) == tk::Kind::request) return takeRequest(peer, received);
+    if (isRefused(peer, received)) return;
+    if (tk::kindOf(received) == tk::Kind::notification) return publish(received);
+    takeEnd(peer, received);
+}
+
+/// True when what needs no answer is not passed on.
+bool Hub::isRefused(const HubPeer& from, const tk::message& sent) {
+    const std::string why = access.whyRefused(from.user().uid, sent);
+    if (!why.empty()) noteRefused(from, "it " + why);
+    return !why.empty();
+}
+
+void Hub::noteRefused(const HubPeer& from, const std::string& why) {
+    const uid_t user = from.user().uid;
+    refusedMessages.note("message of user " + std::to_string(user) + " refused", user, why);
+}
+
+/// A client that comes, asks and goes is no event; a program is, and so is a peer that had to be dropped.
+void Hub::tellEnd(const HubPeer& peer, const std::string& reason) {
+    const std::string event = std::to_string(peer.identity()) + " left";
+    if (peer.isProgram()) return leftPrograms.note(event, peer.user().uid, reason);
+    if (peer.wasDropped()) droppedClients.note(event, peer.user().uid, reason);
 }
 
 void Hub::peerEnded(HubPeer& peer, const std::string& reason) {
     const std::uint32_t number = peer.clientNumber();
     const std::uint32_t identity = peer.identity();
-    // A client that comes, asks and goes is no event; a program is, and so is a peer that had to be dropped.
-    if (peer.isProgram() || !peer.hasHungUp()) tk::log("bus: ", identity, " left: ", reason);
+    tellEnd(peer, reason);
     const std::unique_ptr<HubPeer> ended = std::move(peers[number]);  // destroyed when all is cleaned up
     peers.erase(number);
     if (ended->isProgram()) programs.erase(identity);
@@ -142,7 +164,7 @@ void Hub::deliverEnd(HubPeer& to, const tk::message& end) {
 void Hub::publish(const tk::message& notification) {
     trace(notification);
     const tk::Path& from = notification.get_u32_array(tk::field::sender);
-    for (const std::uint32_t number : subscriptions.of(from, notification.get_u32(tk::field::command)))
+    for (const auto& [number, charge] : subscriptions.of(from, notification.get_u32(tk::field::command)))
         (void)peers[number]->send(notification);
 }
 
@@ -180,7 +202,8 @@ void Hub::post(tk::message stamped) {
 
 void Hub::sendOwn(tk::message request) {
     const tk::Path from = request.get_u32_array(tk::field::sender);
-    tk::stamp(request, from, ++ownNumbers, tk::Kind::request, request.get_u32(tk::field::command));
+    if (++ownNumbers == 0) ownNumbers = 1;  // 0 stands for "no number"
+    tk::stamp(request, from, ownNumbers, tk::Kind::request, request.get_u32(tk::field::command));
     trace(request);
     const tk::Path& to = request.get_u32_array(tk::field::destination);
     if (to.empty() || to.front() == tk::program::hub || services.has(to.front()))

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -10,6 +9,7 @@
 
 #include "router/access.h"
 #include "router/awaitedprogram.h"
+#include "router/budgets.h"
 #include "router/hubpeer.h"
 #include "router/hubtrace.h"
 #include "router/localservices.h"
@@ -17,9 +17,9 @@
 #include "router/refusallog.h"
 #include "router/starter.h"
 #include "router/subscriptions.h"
+#include "tk/budget.h"
 #include "tk/bus.h"
 #include "tk/fd.h"
-#include "tk/frame.h"
 #include "tk/handler.h"
 #include "tk/message.h"
 #include "tk/timer.h"
@@ -50,16 +50,14 @@ public:
     /// cost what their maker likes.
     static constexpr std::size_t subscriptionPathLimit = 16;
     static constexpr std::size_t requestPathLimit = 256;
-    /// Bytes of the requests that may wait for programs to start, in their flat form: of one peer, of all
-    /// peers of one user that is not root, and of everybody. Any one request fits where nothing waits.
-    static constexpr std::size_t awaitedBytesPerPeer = tk::frameLimit;
-    static constexpr std::size_t awaitedBytesPerUser = tk::frameLimit;
-    static constexpr std::size_t awaitedBytesInAll = 4 * tk::frameLimit;
     /// A request ends with an error when nobody has answered it after this time, or up to twice that. It is
     /// longer than any requester waits. Units: ticks of 10 ms.
     static constexpr std::uint32_t expiryTicks = 6100;
     /// Stands for the handlers of this process where requesters are named by client number.
     static constexpr std::uint32_t ownRequester = 0;
+
+    /// How many programs may leave within a minute before the log counts them.
+    static constexpr std::size_t leavesAtOnce = 16;
 
     Hub();
     Hub(const Hub&) = delete;
@@ -74,8 +72,11 @@ public:
     /// Whom to ask for programs that are not there; null (the start) for nobody. Lifetime: outlives its use.
     void setStarter(Starter* target) { starter = target; }
 
-    /// Sets who may do what; at first that is root alone.
+    /// Sets who may do what; at first that is root alone, beside what everybody may. Call before there are
+    /// connections: what was subscribed to stays.
     void setAccess(Access table) { access = std::move(table); }
+    /// Sets the number that the next connection gets, if nobody has it.
+    void setNextClient(std::uint32_t number) { nextClient = number; }
     /// Lifetime: the watcher outlives its use.
     void setProgramWatcher(ProgramWatcher* target) { watcher = target; }
 
@@ -92,6 +93,8 @@ public:
     void close();
 
     std::size_t peerCount() const { return peers.size(); }
+    /// What is kept for a user, and of root for one connection. Lifetime: until the next connection comes.
+    tk::Budget& budgetOf(uid_t user, std::uint32_t client) { return budgets.of(user, client); }
 
     /// For the handlers of this process. Errors: error::refused for a request to another process: the hub
     /// waits for nobody.
@@ -104,6 +107,10 @@ public:
 private:
     void peerSent(HubPeer& peer, tk::message received) override;
     void peerEnded(HubPeer& peer, const std::string& reason) override;
+
+    [[nodiscard]] bool isRefused(const HubPeer& from, const tk::message& sent);
+    [[nodiscard]] std::uint32_t newClientNumber();
+    void tellEnd(const HubPeer& peer, const std::string& reason);
 
     // What passes: each of these traces its message, then hands it on.
     void takeRequest(HubPeer& from, const tk::message& request);
@@ -121,16 +128,16 @@ private:
     void afterCommand(HubPeer& from, std::uint32_t command);
     void forward(std::uint32_t from, HubPeer& to, const tk::message& request);
     void activate(std::uint32_t from, const tk::message& request);
-    [[nodiscard]] std::size_t awaitedBytesOf(std::uint32_t requester) const;
-    [[nodiscard]] bool hasRoomFor(const AwaitedProgram::Request& request) const;
-    [[nodiscard]] std::size_t awaitedBytes(
-        const std::function<bool(const AwaitedProgram::Request&)>& counts) const;
+    [[nodiscard]] tk::Budget& payerOf(std::uint32_t requester);
     void expireLater();
     void expire();
     [[nodiscard]] std::vector<AwaitedProgram::Request> takeOldAwaited();
     void forgetEmptyAwaited();
     void releaseAwaited(HubPeer& program);
     void refuse(const tk::message& request, std::uint32_t code, const std::string& text);
+    void refuseFull(std::uint32_t requester, const tk::message& request, const std::string& text);
+    void noteRefused(const HubPeer& from, const std::string& why);
+    [[nodiscard]] bool awaitsOf(std::uint32_t requester) const;
     HubPeer* peerOf(const tk::Path& path);
     HubPeer* programPeer(std::uint32_t program);
 
@@ -142,10 +149,14 @@ private:
     [[nodiscard]] tk::message subscribe(HubPeer& from, const tk::message& request);
     [[nodiscard]] tk::message unsubscribe(HubPeer& from, const tk::message& request);
 
+    Budgets budgets;
     LocalServices services;
     Starter* starter = nullptr;
     ProgramWatcher* watcher = nullptr;
-    RefusalLog refusals;
+    RefusalLog refusedConnections{"bus", "connections refused"};
+    RefusalLog refusedMessages{"bus", "messages refused"};
+    RefusalLog droppedClients{"bus", "connections dropped"};
+    RefusalLog leftPrograms{"bus", "programs left", leavesAtOnce};
     Access access;
     PendingRequests pending;
     Subscriptions subscriptions;

@@ -60,6 +60,19 @@ TEST_F(HubTest, CarriesARequestAndItsReplyWhole) {
     EXPECT_EQ(ends[0], reply);
 }
 
+TEST_F(HubTest, AnEndForAnotherPathThanTheOneThatAskedIsDiscarded) {
+    const auto program = bus.connectProgram(80);
+    const auto asker = bus.connectProgram(14);
+    asker->request({80}, command, {}, {14, 3});
+    const tk::message request = bus.arrivedAt(*program).at(0);
+    tk::message elsewhere = request;
+    elsewhere.insert_u32_array(tk::field::sender, {14, 4});
+    program->answer(elsewhere, text("astray"));
+    EXPECT_TRUE(bus.arrivedAt(*asker).empty());
+    program->answer(request, text("here"));
+    EXPECT_EQ(bus.arrivedAt(*asker).at(0).get_string(1), "here");
+}
+
 TEST_F(HubTest, AnEndThatComesTwiceOrUnaskedIsDiscarded) {
     const auto program = bus.connectProgram(80);
     const auto other = bus.connectProgram(81);
@@ -234,7 +247,7 @@ TEST_F(HubTest, APeerThatDoesNotReadIsDroppedAndTheOthersGoOn) {
     subscribe(*sleeper, {80, 0}, command);
     subscribe(*reader, {80, 0}, command);
     const tk::message large = text(std::string(60000, 'x'));
-    const std::size_t enough = HubPeer::queueLimit / 60000 + 100;
+    const std::size_t enough = Budgets::rootLimit / 60000 + 100;
     std::size_t seen = 0;
     for (std::size_t i = 0; i < enough; ++i) {
         source->notify({80, 0}, command, large);
@@ -260,8 +273,9 @@ TEST_F(HubTest, OfPendingRequestsNothingButTheirRoutingIsKept) {
     request.insert_u32_array(tk::field::destination, {80});
     request.insert_string(0xFF0004, "a field that looks like routing");
     tk::stamp(request, {1001}, 7, tk::Kind::request, command);
+    tk::Budget budget(10000);
     PendingRequests pending;
-    EXPECT_EQ(pending.add(1001, 1000, request), PendingRequests::Added::yes);
+    EXPECT_EQ(pending.add(1001, 1000, request, budget), PendingRequests::Added::yes);
     tk::message routing;
     routing.insert_u32_array(tk::field::destination, {80});
     tk::stamp(routing, {1001}, 7, tk::Kind::request, command);
@@ -335,6 +349,30 @@ TEST_F(HubTest, TwoHundredConnectionsAreServedAtOnce) {
     for (const auto& client : clients) EXPECT_EQ(client->take().size(), 1U);
 }
 
+class ClientNumberTest : public HubTest {
+protected:
+    /// The number that the next connection gets.
+    std::uint32_t next() {
+        clients.push_back(bus.connect());
+        return bus.ask(*clients.back(), {33}, command).get_u32_array(tk::field::destination).front();
+    }
+    std::vector<std::unique_ptr<TestClient>> clients;
+};
+
+TEST_F(ClientNumberTest, BeginsAnewAtAThousandBehindTheHighest) {
+    bus.hub.setNextClient(0xFFFFFFFE);
+    for (const std::uint32_t number : {0xFFFFFFFEU, 0xFFFFFFFFU, 1000U, 1001U}) EXPECT_EQ(next(), number);
+    EXPECT_EQ(bus.hub.peerCount(), 4U);
+}
+
+TEST_F(ClientNumberTest, OfALiveConnectionIsPassedOver) {
+    for (const std::uint32_t number : {1000U, 1001U, 1002U}) EXPECT_EQ(next(), number);
+    clients[1]->close();
+    bus.hub.setNextClient(0xFFFFFFFF);
+    for (const std::uint32_t number : {0xFFFFFFFFU, 1001U, 1003U}) EXPECT_EQ(next(), number);
+    EXPECT_EQ(bus.hub.peerCount(), 5U);
+}
+
 /// How many connections of a user are served before one is turned away.
 class PeerLimitTest : public HubTest {
 protected:
@@ -374,7 +412,7 @@ TEST_F(PeerLimitTest, RootMayHaveAllOfThem) {
 }
 
 TEST_F(PeerLimitTest, TheLast32AreForRootAndUsersThatRunPrograms) {
-    bus.hub.setAccess(Access({{daemon, {80}, {}}, {member, {}, {{20}}}}));
+    bus.hub.setAccess(Access({{daemon, {80}}, {.uid = member, .writes = {{20}}}}));
     EXPECT_EQ(takenOf(0, 224), 224U);
     EXPECT_FALSE(takes(member));
     EXPECT_TRUE(takes(daemon));

@@ -3,25 +3,19 @@
 #include <string>
 
 #include "router/hub.h"
-#include "tk/log.h"
 #include "tk/names.h"
 
 namespace router {
 
 namespace {
 
-constexpr std::uint32_t programNumber = 1;        // u32, of a registration and of its end
-constexpr std::uint32_t subscriptionPath = 1;     // u32[]
-constexpr std::uint32_t subscriptionCommand = 2;  // u32
-constexpr std::uint32_t subscriptionFilter = 3;   // message[] with the one filter message
-
 /// Checks the fields of a subscription. An empty message when they are sound.
 tk::message checkSubscription(const tk::message& request) {
-    if (request.get_u32_array(subscriptionPath).empty() || !request.has(subscriptionCommand))
+    if (request.get_u32_array(tk::hubfield::path).empty() || !request.has(tk::hubfield::command))
         return tk::errorMsg(tk::error::invalid, "a subscription names a path and a command");
-    if (request.get_u32_array(subscriptionPath).size() > Hub::subscriptionPathLimit)
+    if (request.get_u32_array(tk::hubfield::path).size() > Hub::subscriptionPathLimit)
         return tk::errorMsg(tk::error::invalid, "the path is too long");
-    for (const tk::message& filter : request.get_message_array(subscriptionFilter))
+    for (const tk::message& filter : request.get_message_array(tk::hubfield::filter))
         if (!filter.empty()) return tk::errorMsg(tk::error::refused, "filters are not supported");
     return {};
 }
@@ -48,7 +42,7 @@ tk::message Hub::command(HubPeer& from, const tk::message& request) {
 }
 
 tk::message Hub::registerProgram(HubPeer& from, const tk::message& request) {
-    const std::uint32_t program = request.get_u32(programNumber);
+    const std::uint32_t program = request.get_u32(tk::hubfield::program);
     if (program == tk::program::hub || program >= tk::program::firstClient)
         return tk::errorMsg(tk::error::invalid, "a program number lies between 1 and " +
                                                     std::to_string(tk::program::firstClient - 1));
@@ -56,10 +50,6 @@ tk::message Hub::registerProgram(HubPeer& from, const tk::message& request) {
         return tk::errorMsg(tk::error::exists,
                             "this connection is registered as program " + std::to_string(from.identity()));
     if (from.isRetired()) return tk::errorMsg(tk::error::exists, "this connection has given its program up");
-    if (!access.mayRegister(from.user().uid, program))
-        return tk::errorMsg(tk::error::notAllowed, "user " + std::to_string(from.user().uid) +
-                                                       " may not register program " +
-                                                       std::to_string(program));
     HubPeer* holder = programPeer(program);
     if (holder == &from) return {};
     // The end of the former holder may be known to the kernel and not yet to the loop.
@@ -74,13 +64,13 @@ tk::message Hub::registerProgram(HubPeer& from, const tk::message& request) {
 
 /// Whether a program may give its number up; it does so behind the reply, which still goes to its name.
 tk::message Hub::unregisterProgram(const HubPeer& from, const tk::message& request) const {
-    const std::uint32_t program = request.get_u32(programNumber);
+    const std::uint32_t program = request.get_u32(tk::hubfield::program);
     if (from.hasResigned(program)) return {};
     if (!from.isProgram() || from.identity() != program)
         return tk::errorMsg(tk::error::invalid,
                             "this connection is not registered as program " + std::to_string(program));
     // Their ends come to the program's name, under which there is nobody then, or another.
-    if (pending.hasOf(from.clientNumber()) || awaitedBytesOf(from.clientNumber()) != 0)
+    if (pending.hasOf(from.clientNumber()) || awaitsOf(from.clientNumber()))
         return tk::errorMsg(tk::error::busy, "requests of this program are under way");
     return {};
 }
@@ -88,7 +78,7 @@ tk::message Hub::unregisterProgram(const HubPeer& from, const tk::message& reque
 void Hub::giveUp(HubPeer& from) {
     if (!from.isProgram()) return;  // it had done so before
     const std::uint32_t program = from.identity();
-    tk::log("bus: ", program, " left: it has given its number up");
+    tellEnd(from, "it has given its number up");
     programs.erase(program);
     from.resign();
     services.disconnected({program});
@@ -97,17 +87,19 @@ void Hub::giveUp(HubPeer& from) {
 tk::message Hub::subscribe(HubPeer& from, const tk::message& request) {
     tk::message refusal = checkSubscription(request);
     if (tk::isError(refusal)) return refusal;
-    if (!subscriptions.add(from.clientNumber(), request.get_u32_array(subscriptionPath),
-                           request.get_u32(subscriptionCommand)))
+    if (!subscriptions.add(from.clientNumber(), request.get_u32_array(tk::hubfield::path),
+                           request.get_u32(tk::hubfield::command), from.budget())) {
+        noteRefused(from, "too many subscriptions");
         return tk::errorMsg(tk::error::busy, "too many subscriptions");
+    }
     return {};
 }
 
 tk::message Hub::unsubscribe(HubPeer& from, const tk::message& request) {
     tk::message refusal = checkSubscription(request);
     if (tk::isError(refusal)) return refusal;
-    subscriptions.remove(from.clientNumber(), request.get_u32_array(subscriptionPath),
-                         request.get_u32(subscriptionCommand));
+    subscriptions.remove(from.clientNumber(), request.get_u32_array(tk::hubfield::path),
+                         request.get_u32(tk::hubfield::command));
     return {};
 }
 

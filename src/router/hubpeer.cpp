@@ -8,8 +8,29 @@
 
 namespace router {
 
-HubPeer::HubPeer(tk::Fd socket, const Credentials& credentials, std::uint32_t number, Owner& owner)
-    : owner(owner), credentials(credentials), number(number), channel(std::move(socket), *this, queueLimit) {}
+namespace {
+
+tk::ChannelLimits limitsOf(uid_t user) {
+    tk::ChannelLimits limits;
+    if (user != 0) limits.receivedFrame = tk::memberFrameLimit;
+    limits.unread = HubPeer::unreadLimit;
+    return limits;
+}
+
+}  // namespace
+
+HubPeer::HubPeer(tk::Fd socket, const Terms& terms, Owner& owner)
+    : owner(owner),
+      credentials(terms.user),
+      number(terms.number),
+      account(terms.budget),
+      connection(account, overhead),
+      channel(std::move(socket), *this, account, limitsOf(terms.user.uid)) {}
+
+tk::Channel::Sent HubPeer::sendRequest(tk::Budget& payer, const tk::message& request) {
+    if (channel.queuedBytes() > requestLimit) return tk::Channel::Sent::noRoom;
+    return channel.sendFor(payer, request);
+}
 
 void HubPeer::resign() {
     formerNumber = std::exchange(programNumber, tk::program::hub);

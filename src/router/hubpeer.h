@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string>
 
+#include "tk/budget.h"
 #include "tk/channel.h"
 #include "tk/fd.h"
 #include "tk/message.h"
@@ -32,11 +33,22 @@ public:
         virtual void peerEnded(HubPeer& peer, const std::string& reason) = 0;
     };
 
-    /// Bytes that may wait for a peer that does not read: room for some frames of the largest size.
-    static constexpr std::size_t queueLimit = 4 * tk::frameLimit;
+    /// Bytes of requests that may wait for a program that does not read, whoever pays for them.
+    static constexpr std::size_t requestLimit = 4 * tk::frameLimit;
+    /// With so many bytes unread of what is its own, a peer is not served. Units: bytes.
+    static constexpr std::size_t unreadLimit = std::size_t{256} * 1024;
+    /// What a connection costs by itself, rather more than less. Units: bytes.
+    static constexpr std::size_t overhead = 4096;
 
-    /// Takes a connected, non-blocking socket over. `number` is the peer's own, from program::firstClient up.
-    HubPeer(tk::Fd socket, const Credentials& credentials, std::uint32_t number, Owner& owner);
+    /// What a connection is to the hub.
+    struct Terms {
+        Credentials user;
+        std::uint32_t number;  // the peer's own, from program::firstClient up
+        tk::Budget& budget;    // what is kept for it is charged to this. Lifetime: outlives the peer
+    };
+
+    /// Takes a connected, non-blocking socket over.
+    HubPeer(tk::Fd socket, const Terms& terms, Owner& owner);
 
     std::uint32_t clientNumber() const { return number; }
     /// The first element of the paths that this peer sends from: its program's number, else its own.
@@ -52,6 +64,7 @@ public:
     /// True when the peer was a program, and has given it up.
     bool isRetired() const { return formerNumber != tk::program::hub; }
     const Credentials& user() const { return credentials; }
+    tk::Budget& budget() const { return account; }
 
     /// Replaces the sender's first element by what the peer is called; the rest of the path is a program's
     /// own.
@@ -59,10 +72,14 @@ public:
 
     /// Queues a message for the peer. False when it cannot be sent: too large, or the connection is over.
     bool send(const tk::message& source) { return channel.send(source); }
+    /// Queues a request, at the expense of whoever makes it.
+    [[nodiscard]] tk::Channel::Sent sendRequest(tk::Budget& payer, const tk::message& request);
     /// Ends the connection for a fault of the peer's; the owner hears of it from the loop.
     void drop(const std::string& why) { channel.breakOff(why); }
     /// True until the connection breaks.
     bool isOpen() const { return channel.isOpen(); }
+    /// True when the connection was ended for a fault of the peer's.
+    bool wasDropped() const { return channel.wasBrokenOff(); }
     /// True when the peer has closed its end, even if that was not served yet.
     bool hasHungUp() const;
 
@@ -75,6 +92,8 @@ private:
     std::uint32_t number;
     std::uint32_t programNumber = tk::program::hub;  // the hub's own number: none
     std::uint32_t formerNumber = tk::program::hub;   // of the program that was given up
+    tk::Budget& account;
+    tk::Charge connection;
     tk::Channel channel;
 };
 

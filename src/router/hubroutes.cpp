@@ -46,15 +46,16 @@ void Hub::route(HubPeer& from, const tk::message& request) {
     if (to.empty()) return refuse(request, tk::error::invalid, "the request names no destination");
     if (to.size() > requestPathLimit || request.get_u32_array(tk::field::sender).size() > requestPathLimit)
         return refuse(withShortPaths(request), tk::error::invalid, "the path is too long");
+    if (const std::string why = access.whyRefused(from.user().uid, request); !why.empty()) {
+        noteRefused(from, "it " + why);
+        return refuse(request, tk::error::notAllowed, "user " + std::to_string(from.user().uid) + " " + why);
+    }
     if (to.front() == tk::program::hub) {
         const tk::message answer = command(from, request);
         sendEnd(tk::endOf(request, answer));
         if (!tk::isError(answer)) afterCommand(from, request.get_u32(tk::field::command));
         return;
     }
-    if (!access.maySend(from.user().uid, request))
-        return refuse(request, tk::error::notAllowed,
-                      "user " + std::to_string(from.user().uid) + " may not change anything here");
     if (services.has(to.front())) {
         const tk::message answer = services.serve(request, from.user().uid);
         if (!answer.has(tk::field::later)) sendEnd(tk::endOf(request, answer));
@@ -72,17 +73,23 @@ void Hub::afterCommand(HubPeer& from, std::uint32_t command) {
     releaseAwaited(from);
 }
 
+/// A request that waits for its program to read it is paid for by whoever made it: nobody fills the account
+/// of a program but itself.
 void Hub::forward(std::uint32_t from, HubPeer& to, const tk::message& request) {
-    const bool isAwaited = request.get_u32(tk::field::number) != 0;  // nobody waits for the end of number 0
-    const auto added =
-        isAwaited ? pending.add(from, to.clientNumber(), request) : PendingRequests::Added::yes;
-    if (added == PendingRequests::Added::duplicate)
+    using Added = PendingRequests::Added;
+    tk::Budget& payer = payerOf(from);
+    const std::uint32_t number = request.get_u32(tk::field::number);
+    const bool isAwaited = number != 0;  // nobody waits for the end of number 0
+    const Added added = isAwaited ? pending.add(from, to.clientNumber(), request, payer) : Added::yes;
+    if (added == Added::duplicate)
         return refuse(request, tk::error::invalid, "a request of this number is under way");
-    if (added == PendingRequests::Added::full)
-        return refuse(request, tk::error::busy, "too many requests are under way");
+    if (added == Added::full) return refuseFull(from, request, "too many requests are under way");
     if (isAwaited) expireLater();
-    if (to.send(request)) return;
-    if (isAwaited) (void)pending.finish(from, to.clientNumber(), request);  // it is there
+    const tk::Channel::Sent sent = to.sendRequest(payer, request);
+    if (sent == tk::Channel::Sent::yes) return;
+    if (isAwaited) pending.drop(from, number);
+    if (sent == tk::Channel::Sent::noRoom)
+        return refuseFull(from, request, "too much waits for this program to read it");
     refuse(request, tk::error::disconnected, "the program cannot take the request");
 }
 
@@ -90,43 +97,35 @@ void Hub::activate(std::uint32_t from, const tk::message& request) {
     const std::uint32_t program = request.get_u32_array(tk::field::destination).front();
     std::string reason = "nobody at this destination";
     if (!starter || !starter->start(program, reason)) return refuse(request, tk::error::unreachable, reason);
-    const uid_t user = from == ownRequester ? 0 : peers[from]->user().uid;
-    AwaitedProgram::Request waiting{from, user, request.serialise()};
-    if (!hasRoomFor(waiting))
-        return refuse(request, tk::error::busy, "too many bytes wait for programs to start");
-    if (!awaited[program].add(std::move(waiting)))
-        return refuse(request, tk::error::busy, "too many requests wait for this program");
-    expireLater();
+    if (awaited[program].add(from, request.serialise(), payerOf(from))) return expireLater();
+    forgetEmptyAwaited();
+    refuseFull(from, request, "too much waits for programs to start");
 }
 
-bool Hub::hasRoomFor(const AwaitedProgram::Request& request) const {
-    const auto fits = [&request](std::size_t limit, std::size_t waiting) {
-        return request.flat.size() <= limit - std::min(limit, waiting);
-    };
-    const auto isOfUser = [&request](const auto& other) { return other.user == request.user; };
-    return fits(awaitedBytesPerPeer, awaitedBytesOf(request.requester)) &&
-           (request.user == 0 || fits(awaitedBytesPerUser, awaitedBytes(isOfUser))) &&
-           fits(awaitedBytesInAll, awaitedBytes([](const auto&) { return true; }));
+tk::Budget& Hub::payerOf(std::uint32_t requester) {
+    return requester == ownRequester ? budgets.of(0, ownRequester) : peers[requester]->budget();
 }
 
-std::size_t Hub::awaitedBytesOf(std::uint32_t requester) const {
-    return awaitedBytes([requester](const auto& request) { return request.requester == requester; });
+void Hub::refuseFull(std::uint32_t requester, const tk::message& request, const std::string& text) {
+    if (requester != ownRequester) noteRefused(*peers[requester], text);
+    refuse(request, tk::error::busy, text);
 }
 
-std::size_t Hub::awaitedBytes(const std::function<bool(const AwaitedProgram::Request&)>& counts) const {
-    std::size_t sum = 0;
-    for (const auto& [program, waiting] : awaited) sum += waiting.bytes(counts);
-    return sum;
+bool Hub::awaitsOf(std::uint32_t requester) const {
+    return std::any_of(awaited.begin(), awaited.end(),
+                       [requester](const auto& entry) { return entry.second.hasOf(requester); });
 }
 
 void Hub::releaseAwaited(HubPeer& program) {
     const auto waiting = awaited.find(program.identity());
     if (waiting == awaited.end()) return;
-    const auto requests = waiting->second.take();
+    auto requests = waiting->second.take();
     awaited.erase(waiting);
-    for (const auto& [requester, user, flat, round] : requests)
+    for (auto& [requester, flat, charge, round] : requests) {
+        charge.set(0);  // it is charged anew where it waits next
         if (requester == ownRequester || peers.contains(requester))
             forward(requester, program, tk::message(flat));
+    }
 }
 
 void Hub::expireLater() {

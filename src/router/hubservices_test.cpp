@@ -116,9 +116,34 @@ TEST_F(HubServicesTest, UsersDoWhatTheTableSaysAndNoMore) {
     program.insert_u32(1, 80);
     EXPECT_EQ(codeOf(bus.ask(*stranger, {0}, tk::command::hubRegister, program)), tk::error::notAllowed);
     EXPECT_FALSE(tk::isError(bus.ask(*daemon, {0}, tk::command::hubRegister, program)));
-    EXPECT_EQ(codeOf(bus.ask(*stranger, {20, 5}, command)), tk::error::notAllowed);
+    const tk::message refused = bus.ask(*stranger, {20, 5}, command);
+    EXPECT_EQ(codeOf(refused), tk::error::notAllowed);
+    EXPECT_EQ(tk::getError(refused), "user 901 may not change {20,5}: it needs writes = [\"20,5\"]");
     EXPECT_TRUE(handler.served.empty());
     EXPECT_FALSE(tk::isError(bus.ask(*daemon, {20, 5}, command)));
+    EXPECT_EQ(codeOf(bus.ask(*stranger, {0}, tk::command::hubTrace)), tk::error::notAllowed);
+    stranger->request({80}, tk::command::set);
+    EXPECT_EQ(codeOf(bus.arrivedAt(*stranger).at(0)), tk::error::notAllowed);
+    EXPECT_TRUE(bus.arrivedAt(*daemon).empty());
+    bus.hub.close();
+}
+
+TEST_F(HubServicesTest, WhoeverIsNoProgramTellsAndAnswersNothing) {
+    constexpr uid_t user = 900;
+    bus.hub.setAccess(Access({UserRights{user, {80}}}));
+    const auto daemon = bus.connectProgram(80, user);
+    const auto client = bus.connect(user);
+    const auto root = bus.connect();
+    subscribe(*root, {80, 0}, command);
+    subscribe(*root, {1001}, command);
+    client->notify({80, 0}, command);
+    client->notify({1001}, command);
+    EXPECT_TRUE(bus.arrivedAt(*root).empty());
+    daemon->notify({80, 0}, command);
+    EXPECT_EQ(bus.arrivedAt(*root).size(), 1U);
+    root->request({80}, command);
+    client->answer(bus.arrivedAt(*daemon).at(0), text("forged"));
+    EXPECT_TRUE(bus.arrivedAt(*root).empty());
 }
 
 /// A handler of the hub's own process that asks a program, and answers when that has.
@@ -176,6 +201,34 @@ TEST_F(AskingHandlerTest, HearsOfTheProgramsEnd) {
     const auto ends = bus.arrivedAt(*client);
     ASSERT_EQ(ends.size(), 1U);
     EXPECT_EQ(codeOf(ends.front()), tk::error::disconnected);
+}
+
+TEST_F(AskingHandlerTest, HearsOfAnEndThatWasAddressedToItAlone) {
+    LocalHandler other;
+    bus.hub.addService(other, {20, 5});
+    const auto program = bus.connectProgram(80);
+    const auto client = bus.connect();
+    client->request({24}, command);
+    const tk::message asked = bus.arrivedAt(*program).at(0);
+    tk::message elsewhere = asked;
+    elsewhere.insert_u32_array(tk::field::sender, {20, 5});
+    program->answer(elsewhere, {});
+    EXPECT_TRUE(bus.arrivedAt(*client).empty()) << "it counts for nobody";
+    program->answer(asked, {});
+    EXPECT_EQ(bus.arrivedAt(*client).at(0).get_string(1), "answered");
+}
+
+TEST_F(AskingHandlerTest, HearsInTheEndOfAProgramThatAnsweredSomebodyElse) {
+    const auto program = bus.connectProgram(80);
+    const auto client = bus.connect();
+    client->request({24}, command);
+    tk::message astray = bus.arrivedAt(*program).at(0);
+    astray.insert_u32_array(tk::field::sender, {20, 5});
+    program->answer(astray, {});
+    bus.settle();
+    bus.advance(Hub::expiryTicks);
+    bus.advance(Hub::expiryTicks);
+    EXPECT_EQ(codeOf(bus.arrivedAt(*client).at(0)), tk::error::timedOut);
 }
 
 }  // namespace

@@ -111,7 +111,9 @@ tk::message Nat::checkOwner(const NatRule& rule, const tk::message& request) con
 
 /// Tells the log what a program asked for in vain.
 tk::message Nat::refuse(const tk::message& refusal) {
-    if (isAskedByProgram()) refusals.note(requester.user(), tk::getError(refusal));
+    if (!isAskedByProgram()) return refusal;
+    const std::string event = "rule of user " + std::to_string(requester.user()) + " refused";
+    refusals.note(event, requester.user(), tk::getError(refusal));
     return refusal;
 }
 

@@ -75,7 +75,7 @@ private:
     const std::size_t storedLimit;
     NatKernel& kernel;
     const Requester& requester;
-    RefusalLog refusals{"nat", "rule", "rules"};
+    RefusalLog refusals{"nat", "rules refused"};
     NatRules rules;
     std::set<std::uint32_t> orphans;  // dynamic rules that outlived their client; some may be gone by now
     tk::Timer<Nat, &Nat::retryOrphans> orphanTimer{*this};

@@ -9,12 +9,16 @@
 namespace router {
 
 PendingRequests::Added PendingRequests::add(std::uint32_t requester, std::uint32_t callee,
-                                            const tk::message& request) {
+                                            const tk::message& request, tk::Budget& payer) {
     const Key key{requester, request.get_u32(tk::field::number)};
     if (entries.contains(key)) return Added::duplicate;
     const auto count = counts.find(requester);
     if (count != counts.end() && count->second >= limitPerPeer) return Added::full;
-    entries.emplace(key, Entry{callee, tk::routingOf(request), round});
+    const std::size_t elements = request.get_u32_array(tk::field::destination).size() +
+                                 request.get_u32_array(tk::field::sender).size();
+    const std::size_t cost = overhead + elements * sizeof(std::uint32_t);
+    if (!payer.hasRoomFor(cost)) return Added::full;
+    entries.emplace(key, Entry{callee, tk::routingOf(request), tk::Charge(payer, cost), round});
     byCallee.emplace(callee, key);
     ++counts[requester];
     return Added::yes;
@@ -30,8 +34,15 @@ PendingRequests::Entries::iterator PendingRequests::erase(Entries::iterator entr
 bool PendingRequests::finish(std::uint32_t requester, std::uint32_t callee, const tk::message& end) {
     const auto entry = entries.find({requester, end.get_u32(tk::field::number)});
     if (entry == entries.end() || entry->second.callee != callee) return false;
+    // Another handler of the requester's may not be made to take it.
+    if (entry->second.routing.get_u32_array(tk::field::sender) != end.get_u32_array(tk::field::destination))
+        return false;
     erase(entry);
     return true;
+}
+
+void PendingRequests::drop(std::uint32_t requester, std::uint32_t number) {
+    if (const auto entry = entries.find({requester, number}); entry != entries.end()) erase(entry);
 }
 
 std::vector<tk::message> PendingRequests::takeOfCallee(std::uint32_t callee) {

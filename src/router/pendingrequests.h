@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "tk/budget.h"
 #include "tk/message.h"
 
 namespace router {
@@ -21,12 +22,20 @@ public:
 
     enum class Added : std::uint8_t { yes, duplicate, full };
 
-    /// Notes that `request`, made by `requester`, is with `callee`. Only its routing fields are kept.
-    [[nodiscard]] Added add(std::uint32_t requester, std::uint32_t callee, const tk::message& request);
+    /// What one request costs beside its paths, rather more than less. Units: bytes.
+    static constexpr std::size_t overhead = 1024;
 
-    /// Ends the request that `end` of `callee` answers. False when there is none: it is late, or was never
-    /// asked.
+    /// Notes that `request`, made by `requester`, is with `callee`. Only its routing fields are kept, at the
+    /// expense of `payer`. Lifetime: the budget outlives the entry.
+    [[nodiscard]] Added add(std::uint32_t requester, std::uint32_t callee, const tk::message& request,
+                            tk::Budget& payer);
+
+    /// Ends the request that `end` of `callee` answers to the very path that asked. False when there is none:
+    /// it is late, was never asked, or somebody else asked for it.
     [[nodiscard]] bool finish(std::uint32_t requester, std::uint32_t callee, const tk::message& end);
+
+    /// Forgets a request.
+    void drop(std::uint32_t requester, std::uint32_t number);
 
     /// Takes out all requests that are with `callee`, in the order of requester and number; each as its
     /// routing fields, to be ended with an error.
@@ -48,6 +57,7 @@ private:
     struct Entry {
         std::uint32_t callee;
         tk::message routing;
+        tk::Charge charge;
         std::uint32_t round;  // of takeOld() that it came in
     };
     using Entries = std::map<Key, Entry>;

@@ -10,19 +10,19 @@
 
 namespace router {
 
-/// Tells the log of connections that are turned away, or of other things of users: of the first one at once,
-/// and once a minute how many there were since. So nobody can fill the log by asking for them.
+/// Tells the log of what others can bring about as often as they like: of the first such events at once, and
+/// once a minute how many there were since. So nobody can fill the log.
 class RefusalLog {
 public:
     static constexpr std::uint32_t intervalTicks = 6000;  // 1 min
 
-    /// `area` begins each line; `one` and `many` name what is refused. Lifetime: literals.
-    explicit RefusalLog(const char* area = "bus", const char* one = "connection",
-                        const char* many = "connections")
-        : area(area), one(one), many(many) {}
+    /// `area` begins each line; `counted` says what is counted, such as "connections refused"; `atOnce` is
+    /// how many events are told at once before they are counted. Lifetime: the texts' is the program's.
+    RefusalLog(const char* area, const char* counted, std::size_t atOnce = 1)
+        : area(area), counted(counted), atOnce(atOnce) {}
 
-    /// A connection of `user` is turned away for this reason.
-    void note(uid_t user, const std::string& why);
+    /// Something happened that a connection of `user` brought about, such as "connection of user 7 refused".
+    void note(const std::string& event, uid_t user, const std::string& why);
     /// Tells what is left to tell. Call while the loop still exists.
     void close();
 
@@ -31,12 +31,12 @@ private:
     [[nodiscard]] bool tell();
 
     const char* area;
-    const char* one;
-    const char* many;
+    const char* counted;
+    const std::size_t atOnce;
+    std::size_t told = 0;  // within the last interval
     std::size_t untold = 0;
     uid_t lastUser = 0;
     std::string lastReason;
-    bool isQuiet = false;  // a line was written within the last interval
     tk::Timer<RefusalLog, &RefusalLog::intervalEnds> interval{*this};
 };
 

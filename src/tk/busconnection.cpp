@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <utility>
@@ -13,9 +14,19 @@ namespace tk {
 
 namespace {
 
-constexpr std::size_t queueLimit =
-    std::size_t{32} * 1024 * 1024;           // bytes that the hub did not read yet: two full frames
-constexpr std::size_t waitingLimit = 65536;  // messages that arrive during exchanges
+// Of what the hub did not read yet, and of a frame that is arriving: room for some of the largest.
+constexpr std::size_t channelBytes = 4 * frameLimit;
+// Of what arrives during exchanges: flat, for a message of many small parts takes more than ten times that.
+constexpr std::size_t waitingLimit = frameLimit;
+constexpr std::size_t waitingOverhead = 64;  // that one more costs beside its own bytes
+
+/// What the hub takes of this process's user.
+ChannelLimits hubLimits() {
+    ChannelLimits limits;
+    limits.sentFrame = ::geteuid() == 0 ? frameLimit : memberFrameLimit;
+    limits.priority = Runner::Priority::urgent;
+    return limits;
+}
 
 /// A connected, non-blocking socket. Errors: none open, errno tells.
 Fd connectTo(const std::string& socketPath) {
@@ -49,7 +60,7 @@ std::unique_ptr<BusConnection> BusConnection::open(const std::string& socketPath
 }
 
 BusConnection::BusConnection(Fd socket, Receiver& receiver)
-    : receiver(receiver), channel(std::move(socket), *this, queueLimit, Runner::Priority::urgent) {}
+    : receiver(receiver), budget(channelBytes), channel(std::move(socket), *this, budget, hubLimits()) {}
 
 BusConnection::~BusConnection() = default;
 
@@ -74,7 +85,7 @@ message BusConnection::awaitEnd(std::uint32_t number, std::uint32_t timeout) {
             if (noteRefusal(arrived)) return gone();
             const Kind kind = kindOf(arrived);
             if (kind == Kind::request || kind == Kind::notification)
-                keep(std::move(arrived));
+                keep(arrived);
             else if (arrived.get_u32(field::number) == number)
                 return arrived;
         }
@@ -101,7 +112,7 @@ bool BusConnection::noteRefusal(const message& arrived) {
 /// What an exchange ends with when the connection is over.
 message BusConnection::gone() {
     // A hub that closed at once may have said why, and nobody has read it yet.
-    if (message first; !hasBegun && channel.take(first) && !noteRefusal(first)) keep(std::move(first));
+    if (message first; !hasBegun && channel.take(first) && !noteRefusal(first)) keep(first);
     return isError(refusal) ? refusal : errorMsg(error::disconnected, "the bus is gone");
 }
 
@@ -116,9 +127,15 @@ void BusConnection::post(message stamped) {
     (void)channel.send(refusal);
 }
 
-void BusConnection::keep(message arrived) {
-    if (waiting.size() == waitingLimit) return channel.breakOff("too much arrived during one exchange");
-    waiting.push_back(std::move(arrived));
+void BusConnection::keep(const message& arrived) {
+    std::string flat = arrived.serialise();
+    const std::size_t cost = flat.size() + waitingOverhead;
+    if (cost > waitingLimit - waitingBytes) {
+        if (kindOf(arrived) != Kind::request) return channel.breakOff("too much arrived during one exchange");
+        return post(endOf(arrived, errorMsg(error::busy, "too many requests wait for this program")));
+    }
+    waitingBytes += cost;
+    waiting.push_back(std::move(flat));
     handOnTimer.arm(0);
 }
 
@@ -126,14 +143,15 @@ void BusConnection::received(message arrived) {
     if (noteRefusal(arrived)) return;
     const Kind kind = kindOf(arrived);
     if (kind == Kind::reply || kind == Kind::error) return;  // late: its requester gave up
-    if (!waiting.empty()) return keep(std::move(arrived));   // behind what came before it
+    if (!waiting.empty()) return keep(arrived);              // behind what came before it
     receiver.busReceived(arrived);
 }
 
 void BusConnection::handOn() {
     // What is kept meanwhile, during the exchanges of a handler, has armed the timer for the next turn.
     for (std::size_t count = waiting.size(); count > 0; --count) {
-        const message arrived = std::move(waiting.front());
+        const message arrived(waiting.front());
+        waitingBytes -= waiting.front().size() + waitingOverhead;
         waiting.pop_front();
         receiver.busReceived(arrived);
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -13,6 +14,7 @@ namespace tk {
 /// A program's connection to the hub.
 ///
 /// What arrives during an exchange is kept, and handed on from the loop afterwards in the order of arrival.
+/// Where there is no room for more, a request is refused, and the connection is given up for a notification.
 /// The end of a request that nobody waits for any more is discarded. A hub that does not take the connection
 /// says why in one error that carries no number, before anything else; that is the reason of the loss then.
 class BusConnection final : public Bus, private ChannelOwner {
@@ -46,16 +48,18 @@ private:
     void broken(const std::string& reason) override;
     [[nodiscard]] bool noteRefusal(const message& arrived);
     [[nodiscard]] message gone();
-    void keep(message arrived);
+    void keep(const message& arrived);
     void handOn();
     [[nodiscard]] message awaitEnd(std::uint32_t number, std::uint32_t timeout);
 
     Receiver& receiver;
     std::uint32_t numbers = 0;
-    bool hasBegun = false;        // something has arrived
-    message refusal;              // an error, when the hub did not take the connection
-    std::deque<message> waiting;  // arrived during an exchange, or behind what did
+    bool hasBegun = false;            // something has arrived
+    message refusal;                  // an error, when the hub did not take the connection
+    std::deque<std::string> waiting;  // arrived during an exchange, or behind what did; in their flat form
+    std::size_t waitingBytes = 0;
     Timer<BusConnection, &BusConnection::handOn> handOnTimer{*this};
+    Budget budget;
     Channel channel;
 };
 

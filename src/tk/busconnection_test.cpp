@@ -1,6 +1,8 @@
 #include "tk/busconnection.h"
 
 #include <functional>
+#include <numeric>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -240,6 +242,53 @@ TEST_F(BusConnectionTest, RequestThatIsTooLargeIsRefusedAndTheConnectionStays) {
     EXPECT_EQ(errorOf(connection->exchange(request, {80, 0}, 1, exchangeTimeout)), error::invalid);
     hub.sendEnd(2, numbered(20));
     EXPECT_EQ(withoutRouting(exchange()), numbered(20));
+}
+
+/// A message of one mebibyte, nearly.
+message large(std::uint32_t value) {
+    message content = numbered(value);
+    content.insert_string(2, std::string(1000000, 'x'));
+    return content;
+}
+
+TEST_F(BusConnectionTest, RequestsWithoutRoomDuringAnExchangeAreRefusedAndTheConnectionStays) {
+    std::thread sender([this] {  // the socket does not hold it all
+        for (std::uint32_t number = 1; number <= 20; ++number)
+            hub.sendRequest({80, 0}, number, command::get, large(number));
+        hub.sendEnd(1, numbered(10));
+    });
+    EXPECT_EQ(withoutRouting(exchange()), numbered(10));
+    sender.join();
+    message sent;
+    ASSERT_TRUE(hub.read(sent));  // the request of the exchange
+    ASSERT_TRUE(hub.read(sent));
+    EXPECT_EQ(errorOf(sent), error::busy);
+    EXPECT_EQ(sent.get_u32(field::number), 17U);
+    loop.settle();
+    std::vector<std::uint32_t> expected(16);
+    std::iota(expected.begin(), expected.end(), 1);
+    EXPECT_EQ(received, expected);
+    EXPECT_EQ(lost, "");
+}
+
+TEST_F(BusConnectionTest, NotificationsWithoutRoomDuringAnExchangeEndTheConnection) {
+    std::thread sender([this] {
+        for (std::uint32_t number = 1; number <= 20; ++number)
+            hub.sendNotification({20, 0}, statusChanged, large(number));
+    });
+    EXPECT_EQ(errorOf(exchange()), error::disconnected);
+    connection.reset();
+    sender.join();
+}
+
+TEST_F(BusConnectionTest, ManySmallMessagesDuringAnExchangeTakeRoomToo) {
+    std::thread sender([this] {
+        for (std::uint32_t number = 1; number <= 200000; ++number)
+            hub.sendNotification({20, 0}, statusChanged, numbered(number));
+    });
+    EXPECT_EQ(errorOf(exchange()), error::disconnected);
+    connection.reset();
+    sender.join();
 }
 
 TEST_F(BusConnectionTest, PostedMessagesGoOutAsTheyAre) {

@@ -3,7 +3,9 @@
 #include <errno.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "tk/log.h"
@@ -13,61 +15,117 @@ namespace tk {
 namespace {
 
 constexpr std::size_t readSize = std::size_t{64} * 1024;
+constexpr int lastReads = 16;  // what a socket holds; a peer that takes nothing any more may still write on
+constexpr std::size_t framesPerWrite = 64;
+constexpr std::size_t allocatorBytes = 32;  // that a frame of its own costs the allocator
 
 }  // namespace
 
-Channel::Channel(Fd connected, ChannelOwner& owner, std::size_t queueLimit, Runner::Priority priority)
-    : socket(std::move(connected)), owner(owner), queueLimit(queueLimit), priority(priority) {
-    watchFor(false);
+Channel::Channel(Fd connected, ChannelOwner& owner, Budget& budget, const ChannelLimits& limits)
+    : socket(std::move(connected)),
+      owner(owner),
+      budget(budget),
+      limits(limits),
+      reader(limits.receivedFrame),
+      unfinished(budget, 0) {
+    watchWhatIsDue();
 }
 
 Channel::~Channel() {
     if (gone) *gone = true;
 }
 
-void Channel::watchFor(bool writes) {
-    watchesWrites = writes;
-    watch.start<Channel, &Channel::ready>(socket.get(), *this, writes ? readable | writable : readable,
-                                          priority);
+void Channel::watchWhatIsDue() {
+    if (!isOpen()) return watch.stop();
+    const std::uint32_t wanted = (isServed() ? readable : 0) | (outgoing.empty() ? 0 : writable);
+    if (wanted == watched) return;
+    watched = wanted;
+    watch.start<Channel, &Channel::ready>(socket.get(), *this, wanted, limits.priority);
 }
 
 void Channel::breakOff(const std::string& why) {
     if (!isOpen()) return;
+    isBrokenOff = true;
+    end(why);
+}
+
+void Channel::end(const std::string& why) {
     reason = why;
     watch.stop();
     delivery.arm(0);
 }
 
-bool Channel::send(const message& source) {
-    if (!isOpen() || !appendFrame(outgoing, source)) return false;
-    flush();
-    if (outgoing.size() - written > queueLimit) breakOff("it does not read what it is sent");
-    return isOpen();
+Channel::Sent Channel::sendFor(Budget& payer, const message& source) {
+    std::string frame;
+    if (!isOpen() || !appendFrame(frame, source, limits.sentFrame)) return Sent::no;
+    const bool isOwn = &payer == &budget;
+    if (!isOwn && !outgoing.empty() && !payer.hasRoomFor(frame.size())) return Sent::noRoom;
+    const std::size_t count = outgoing.empty() ? writeNow(frame) : 0;
+    if (!isOpen()) return Sent::no;
+    if (count < frame.size()) queue(std::string_view(frame).substr(count), payer);
+    if (isOwn && budget.isOver()) breakOff("it does not read what it is sent");
+    return isOpen() ? Sent::yes : Sent::no;
+}
+
+/// Writes as much as the peer takes, and gives how much that was.
+std::size_t Channel::writeNow(std::string_view bytes) {
+    std::size_t count = 0;
+    while (count < bytes.size()) {
+        const ssize_t part =
+            ::send(socket.get(), bytes.data() + count, bytes.size() - count, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (part < 0 && errno == EINTR) continue;
+        if (part < 0 && errno != EAGAIN) endWriting();
+        if (part < 0) break;
+        count += static_cast<std::size_t>(part);
+    }
+    return count;
+}
+
+void Channel::queue(std::string_view rest, Budget& payer) {
+    const std::size_t cost = rest.size() + sizeof(Frame) + allocatorBytes;
+    outgoing.push_back({std::string(rest), Charge(payer, cost)});
+    queued += cost;
+    if (&payer == &budget) ownQueued += cost;
+    watchWhatIsDue();
 }
 
 void Channel::flush() {
-    while (written < outgoing.size()) {
-        const ssize_t count = ::send(socket.get(), outgoing.data() + written, outgoing.size() - written,
-                                     MSG_NOSIGNAL | MSG_DONTWAIT);
+    while (!outgoing.empty()) {
+        iovec parts[framesPerWrite];
+        msghdr header{};
+        header.msg_iov = parts;
+        std::size_t offset = written;
+        for (Frame& frame : outgoing) {
+            if (header.msg_iovlen == framesPerWrite) break;
+            parts[header.msg_iovlen++] = {frame.bytes.data() + offset, frame.bytes.size() - offset};
+            offset = 0;
+        }
+        const ssize_t count = ::sendmsg(socket.get(), &header, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (count < 0 && errno == EINTR) continue;
         if (count < 0 && errno == EAGAIN) break;
         if (count < 0) return endWriting();
-        written += static_cast<std::size_t>(count);
+        dropWritten(static_cast<std::size_t>(count));
     }
-    if (written == outgoing.size())
-        outgoing.clear();
-    else
-        outgoing.erase(0, written);
-    written = 0;
-    if (watchesWrites == outgoing.empty()) watchFor(!outgoing.empty());
+    watchWhatIsDue();
+}
+
+void Channel::dropWritten(std::size_t count) {
+    written += count;
+    while (!outgoing.empty() && written >= outgoing.front().bytes.size()) {
+        const Frame& frame = outgoing.front();
+        written -= frame.bytes.size();
+        queued -= frame.charge.bytes();
+        if (frame.charge.isOf(budget)) ownQueued -= frame.charge.bytes();
+        outgoing.pop_front();
+    }
 }
 
 /// The peer is gone, but what it sent before is still to be handed on.
 void Channel::endWriting() {
     const std::string why = errorText();
-    while (readSome()) {
+    for (int reads = 0; reads < lastReads && readSome(); ++reads) {
     }
-    breakOff(why);
+    if (isOpen()) end(why);
 }
 
 /// True when there was something to read, so that there may be more.
@@ -77,15 +135,16 @@ bool Channel::readSome() {
     if (count > 0)
         reader.append(std::string_view(bytes, static_cast<std::size_t>(count)));
     else if (count == 0)
-        breakOff("it closed the connection");
+        end("it closed the connection");
     else if (errno != EAGAIN && errno != EINTR)
-        breakOff(errorText());
+        end(errorText());
     return count > 0;
 }
 
 bool Channel::take(message& out) {
     const FrameReader::Result result = reader.next(out);
     if (result == FrameReader::Result::malformed) breakOff("it sent a malformed frame");
+    if (result == FrameReader::Result::tooLarge) breakOff("it sent a frame that is too large");
     return result == FrameReader::Result::message;
 }
 
@@ -111,15 +170,21 @@ void Channel::deliver() {
     bool destroyed = false;
     gone = &destroyed;
     message arrived;
-    while (take(arrived)) {
+    while (isServed() && take(arrived)) {
         owner.received(std::move(arrived));
         if (destroyed) return;
     }
     gone = nullptr;
-    if (isOpen()) return;
+    chargeUnfinished();
+    if (isOpen()) return watchWhatIsDue();
     delivery.disarm();
     const std::string why = reason;  // outlives this channel
     owner.broken(why);               // may destroy this channel: nothing may follow
+}
+
+void Channel::chargeUnfinished() {
+    unfinished.set(reader.keptBytes());
+    if (budget.isOver() && unfinished.bytes() != 0) breakOff("there is no room for what it sends");
 }
 
 }  // namespace tk

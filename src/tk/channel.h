@@ -2,8 +2,12 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
+#include <limits>
 #include <string>
+#include <string_view>
 
+#include "tk/budget.h"
 #include "tk/fd.h"
 #include "tk/frame.h"
 #include "tk/message.h"
@@ -17,19 +21,33 @@ public:
     virtual ~ChannelOwner() = default;
     /// One message arrived. The owner may destroy the channel.
     virtual void received(message arrived) = 0;
-    /// The channel is broken: closed by the peer, malformed, or its queue is over the limit. It is not
-    /// watched any more; the owner may destroy it.
+    /// The channel is broken: closed by the peer, malformed, or beyond its budget. It is not watched any
+    /// more; the owner may destroy it.
     virtual void broken(const std::string& reason) = 0;
 };
 
-/// One end of a bus connection: frames over a non-blocking stream socket, with a bounded queue of what the
-/// peer did not read yet.
+/// What a channel takes and gives. Units: bytes.
+struct ChannelLimits {
+    std::size_t receivedFrame = frameLimit;
+    std::size_t sentFrame = frameLimit;
+    /// With so much unread of what it is sent, nothing more is taken from the peer until it has read on.
+    std::size_t unread = std::numeric_limits<std::size_t>::max();
+    Runner::Priority priority = Runner::Priority::normal;
+};
+
+/// One end of a bus connection: frames over a non-blocking stream socket, with a queue of what the peer did
+/// not read yet. Frames that are not complete and frames that wait to be read are charged to the channel's
+/// budget, and a channel that takes it over its limit breaks.
+///
+/// A peer that ended is still served with what it sent before; one that was broken off, for a fault of its
+/// own or by the owner, is not.
 class Channel {
 public:
+    enum class Sent : std::uint8_t { yes, no, noRoom };
+
     /// Takes a connected, non-blocking socket over, and watches it from now on.
-    /// Units: `queueLimit` in bytes. Lifetime: the owner outlives the channel.
-    Channel(Fd connected, ChannelOwner& owner, std::size_t queueLimit,
-            Runner::Priority priority = Runner::Priority::normal);
+    /// Lifetime: the owner and the budget outlive the channel.
+    Channel(Fd connected, ChannelOwner& owner, Budget& budget, const ChannelLimits& limits = {});
     Channel(const Channel&) = delete;
     Channel& operator=(const Channel&) = delete;
     ~Channel();
@@ -37,7 +55,10 @@ public:
     /// Queues a message and writes as much as the peer takes now. False when the message cannot be sent,
     /// because it is too large or nested too deep (the channel stays open then) or the channel is, or thereby
     /// gets, broken; the owner hears of that from the loop, never from within this call.
-    bool send(const message& source);
+    bool send(const message& source) { return sendFor(budget, source) == Sent::yes; }
+    /// The same at the expense of another budget, which never breaks the channel: a message for which it has
+    /// no room is not sent, `noRoom`. Lifetime: the budget outlives what is queued.
+    [[nodiscard]] Sent sendFor(Budget& payer, const message& source);
 
     /// Waits, at most `milliseconds`, until something can be read or a part of the queue written, and does
     /// so. For synchronous exchanges: nothing is handed to the owner. False when the channel is broken.
@@ -50,26 +71,45 @@ public:
 
     /// True until the channel breaks.
     bool isOpen() const { return reason.empty(); }
+    /// True when the channel was broken by this side, for a fault of the peer's.
+    bool wasBrokenOff() const { return isBrokenOff; }
+    /// What the peer has not read, whoever pays for it. Units: bytes.
+    std::size_t queuedBytes() const { return queued; }
     int descriptor() const { return socket.get(); }
 
 private:
+    struct Frame {
+        std::string bytes;
+        Charge charge;
+    };
+
     void ready(int fd, std::uint32_t events);
     void deliver();
     [[nodiscard]] bool readSome();
-    void endWriting();
+    void chargeUnfinished();
+    [[nodiscard]] std::size_t writeNow(std::string_view bytes);
+    void queue(std::string_view rest, Budget& payer);
+    void dropWritten(std::size_t count);
     void flush();
-    void watchFor(bool writes);
+    void endWriting();
+    void end(const std::string& why);
+    [[nodiscard]] bool isServed() const { return isOpen() ? ownQueued < limits.unread : !isBrokenOff; }
+    void watchWhatIsDue();
 
     Fd socket;
     Watch watch;
     ChannelOwner& owner;
-    const std::size_t queueLimit;
-    const Runner::Priority priority;
+    Budget& budget;
+    const ChannelLimits limits;
     FrameReader reader;
-    std::string outgoing;
-    std::size_t written = 0;  // of `outgoing`
-    std::string reason;       // why the channel is broken
-    bool watchesWrites = false;
+    Charge unfinished;  // what the reader keeps
+    std::deque<Frame> outgoing;
+    std::size_t written = 0;    // of the first one
+    std::size_t queued = 0;     // what all of them cost
+    std::size_t ownQueued = 0;  // what those cost that the channel's own budget pays for
+    std::string reason;         // why the channel is broken
+    bool isBrokenOff = false;   // on this side: what the peer sent does not count any more
+    std::uint32_t watched = 0;
     bool* gone = nullptr;  // set by the destructor, for the call of the owner that is under way
     Timer<Channel, &Channel::deliver> delivery{*this};  // for what arrived or broke while nobody was called
 };

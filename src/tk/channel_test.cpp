@@ -25,7 +25,7 @@ std::string framed(const message& content) {
     return frame;
 }
 
-constexpr std::size_t queueLimit = 1024 * 1024;
+constexpr std::size_t budgetBytes = 1024 * 1024;
 
 class ChannelTest : public ::testing::Test, public ChannelOwner {
 protected:
@@ -33,7 +33,7 @@ protected:
         int fds[2] = {-1, -1};
         ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, fds), 0);
         peer.reset(fds[0]);
-        channel = std::make_unique<Channel>(Fd(fds[1]), *this, queueLimit);
+        channel = std::make_unique<Channel>(Fd(fds[1]), *this, budget, limits);
     }
     void TearDown() override { channel.reset(); }
 
@@ -61,6 +61,9 @@ protected:
 
     tk::testing::TestLoop loop;
     Fd peer;
+    Budget budget{budgetBytes};
+    Budget other{budgetBytes};
+    ChannelLimits limits;
     std::unique_ptr<Channel> channel;
     std::vector<message> arrived;
     std::string why;
@@ -116,8 +119,110 @@ TEST_F(ChannelTest, LetsTheQueueGrowToItsLimitAndNotBeyond) {
     std::size_t sent = 0;
     while (channel->send(content)) sent += frame;
     const std::size_t queued = sent - peerReads().size();  // the peer finds what the kernel had taken
-    EXPECT_LE(queued, queueLimit);
-    EXPECT_GT(queued + frame, queueLimit);
+    EXPECT_LE(queued, budgetBytes);
+    EXPECT_GT(queued + frame + 10 * 128, budgetBytes);  // each of them costs a little more
+}
+
+TEST_F(ChannelTest, WhatThePeerReadIsGivenBack) {
+    for (std::uint32_t number = 0; number < 10; ++number) ASSERT_TRUE(channel->send(numbered(number, 90000)));
+    EXPECT_GT(budget.usedBytes(), 500000U);
+    EXPECT_EQ(budget.usedBytes(), channel->queuedBytes());
+    for (int turns = 0; turns < 100 && channel->queuedBytes() != 0; ++turns) {
+        (void)peerReads();
+        loop.looper.turn(0);
+    }
+    EXPECT_EQ(budget.usedBytes(), 0U);
+    EXPECT_EQ(channel->queuedBytes(), 0U);
+}
+
+TEST_F(ChannelTest, SmallFramesThatWaitCostWhatTheyTake) {
+    while (channel->queuedBytes() == 0) ASSERT_TRUE(channel->send(numbered(1, 90000)));
+    const std::size_t before = budget.usedBytes();
+    for (int sent = 0; sent < 100; ++sent) ASSERT_TRUE(channel->send(numbered(1)));
+    EXPECT_GE(budget.usedBytes() - before, 100 * (framed(numbered(1)).size() + sizeof(std::string)));
+}
+
+TEST_F(ChannelTest, AnotherBudgetPaysForItsOwnMessagesAndBreaksNothing) {
+    Channel::Sent outcome = Channel::Sent::yes;
+    int sent = 0;
+    for (; sent < 50 && outcome == Channel::Sent::yes; ++sent)
+        outcome = channel->sendFor(other, numbered(1, 90000));
+    EXPECT_EQ(outcome, Channel::Sent::noRoom);
+    EXPECT_LT(sent, 50);
+    EXPECT_FALSE(other.isOver());
+    EXPECT_EQ(budget.usedBytes(), 0U);
+    EXPECT_TRUE(channel->send(numbered(2))) << "its own budget is untouched";
+    channel.reset();
+    EXPECT_EQ(other.usedBytes(), 0U);
+}
+
+TEST_F(ChannelTest, AnUnfinishedFrameIsChargedUntilItIsComplete) {
+    const std::string frame = framed(numbered(1, 100000));
+    peerSends(frame.substr(0, frame.size() - 1));
+    loop.settle();
+    EXPECT_GE(budget.usedBytes(), frame.size() - 1);
+    peerSends(frame.substr(frame.size() - 1));
+    loop.settle();
+    EXPECT_EQ(arrived.size(), 1U);
+    EXPECT_EQ(budget.usedBytes(), 0U);
+}
+
+TEST_F(ChannelTest, APeerWhoseUnfinishedFrameHasNoRoomIsBrokenOff) {
+    const Charge elsewhere(budget, budgetBytes - 1000);
+    peerSends(framed(numbered(1, 10000)));
+    loop.settle();
+    EXPECT_EQ(arrived.size(), 1U) << "what is complete needs no room";
+    peerSends(framed(numbered(1, 100000)).substr(0, 2000));
+    loop.settle();
+    EXPECT_EQ(breaks, 1);
+    EXPECT_EQ(why, "there is no room for what it sends");
+}
+
+TEST_F(ChannelTest, AFrameAboveTheChannelsLimitBreaksItOff) {
+    limits.receivedFrame = 1000;
+    SetUp();
+    peerSends(framed(numbered(1, 900)) + framed(numbered(2, 1000)));
+    loop.settle();
+    EXPECT_EQ(arrived, (std::vector<message>{numbered(1, 900)}));
+    EXPECT_EQ(why, "it sent a frame that is too large");
+}
+
+TEST_F(ChannelTest, NothingIsTakenFromAPeerThatDoesNotReadUntilItDoes) {
+    limits.unread = 200000;
+    SetUp();
+    onReceived = [this] { EXPECT_TRUE(channel->send(numbered(9, 90000))); };
+    constexpr std::size_t requests = 20;
+    for (std::size_t i = 0; i < requests; ++i) peerSends(framed(numbered(1)));
+    loop.settle();
+    const std::size_t served = arrived.size();
+    EXPECT_LT(served, requests);
+    EXPECT_LT(channel->queuedBytes(), limits.unread + 100000);
+    loop.settle();
+    EXPECT_EQ(arrived.size(), served);
+    for (int turns = 0; turns < 100 && arrived.size() < requests; ++turns) {
+        (void)peerReads();
+        loop.looper.turn(0);
+    }
+    EXPECT_EQ(arrived.size(), requests);
+}
+
+TEST_F(ChannelTest, WhatOthersPayForKeepsNobodyFromBeingServed) {
+    limits.unread = 200000;
+    SetUp();
+    for (int sent = 0; sent < 8; ++sent)
+        ASSERT_EQ(channel->sendFor(other, numbered(1, 90000)), Channel::Sent::yes);
+    EXPECT_GT(channel->queuedBytes(), limits.unread);
+    peerSends(framed(numbered(1)));
+    loop.settle();
+    EXPECT_EQ(arrived.size(), 1U);
+}
+
+TEST_F(ChannelTest, NothingMoreIsTakenFromAPeerThatWasBrokenOff) {
+    onReceived = [this] { channel->breakOff("a fault"); };
+    peerSends(framed(numbered(1)) + framed(numbered(2)));
+    loop.settle();
+    EXPECT_EQ(arrived, std::vector<message>{numbered(1)});
+    EXPECT_EQ(breaks, 1);
 }
 
 TEST_F(ChannelTest, RefusesAMessageThatIsTooLargeAndStaysOpen) {

@@ -15,13 +15,13 @@ std::uint32_t lengthAt(std::string_view bytes) {
 
 }  // namespace
 
-bool appendFrame(std::string& out, const message& source) {
+bool appendFrame(std::string& out, const message& source, std::size_t limit) {
     if (!source.isParsable()) return false;
     const std::size_t start = out.size();
     out.append(lengthSize, '\0');
     source.serialiseTo(out);
     const std::size_t length = out.size() - start - lengthSize;
-    if (length > frameLimit) {
+    if (length > limit) {
         out.resize(start);
         return false;
     }
@@ -37,13 +37,19 @@ void FrameReader::append(std::string_view bytes) {
 
 FrameReader::Result FrameReader::next(message& out) {
     const std::string_view rest = std::string_view(buffer).substr(start);
+    if (rest.empty()) buffer = std::string();  // gives back what a large frame took
+    if (buffer.empty()) start = 0;
     if (rest.size() < lengthSize) return Result::needMore;
     const std::uint32_t length = lengthAt(rest);
-    if (length > frameLimit) return Result::malformed;
+    if (length > limit) return Result::tooLarge;
     if (rest.size() - lengthSize < length) return Result::needMore;
     if (!message::parse(rest.substr(lengthSize, length), out)) return Result::malformed;
     start += lengthSize + length;
     return Result::message;
+}
+
+std::size_t FrameReader::keptBytes() const {
+    return buffer.empty() ? 0 : buffer.capacity();
 }
 
 }  // namespace tk

@@ -11,23 +11,31 @@ namespace tk {
 
 /// The largest frame, without its length. Units: bytes.
 constexpr std::size_t frameLimit = std::size_t{16} * 1024 * 1024;
+/// The largest frame that the hub takes from a user other than root, likewise.
+constexpr std::size_t memberFrameLimit = std::size_t{1024} * 1024;
 
 /// Appends one message to `out` as a frame: u32 length, little-endian, then the flat message.
-/// Errors: false when the message is larger than frameLimit, or when its receiver would take it for
-/// malformed; `out` is as before.
-[[nodiscard]] bool appendFrame(std::string& out, const message& source);
+/// Errors: false when the message is larger than `limit`, or when its receiver would take it for malformed;
+/// `out` is as before.
+[[nodiscard]] bool appendFrame(std::string& out, const message& source, std::size_t limit = frameLimit);
 
 /// Cuts a stream of bytes into messages.
 class FrameReader {
 public:
-    enum class Result : std::uint8_t { message, needMore, malformed };
+    enum class Result : std::uint8_t { message, needMore, malformed, tooLarge };
+
+    /// Takes no frame of more than `limit` bytes.
+    explicit FrameReader(std::size_t limit = frameLimit) : limit(limit) {}
 
     /// Takes received bytes over.
     void append(std::string_view bytes);
-    /// The next message. After `malformed` the peer is to be dropped.
+    /// The next message. After `malformed` and `tooLarge` the peer is to be dropped.
     [[nodiscard]] Result next(message& out);
+    /// What unfinished frames take in memory. Units: bytes.
+    std::size_t keptBytes() const;
 
 private:
+    std::size_t limit;
     std::string buffer;
     std::size_t start = 0;  // of what was not handed out yet
 };

@@ -82,13 +82,40 @@ TEST(Frame, StreamOfSingleBytesGivesEachMessageWithItsLastByte) {
     EXPECT_EQ(next, numbered(2));
 }
 
-TEST(Frame, LengthAboveTheLimitIsMalformedBeforeAnyContent) {
+TEST(Frame, LengthAboveTheLimitIsToldBeforeAnyContent) {
     FrameReader reader;
     reader.append("\x01\0\0"s);
     message next;
     EXPECT_EQ(reader.next(next), Result::needMore);
     reader.append("\x01"s);
-    EXPECT_EQ(reader.next(next), Result::malformed);
+    EXPECT_EQ(reader.next(next), Result::tooLarge);
+}
+
+TEST(Frame, BothSidesMayHaveASmallerLimit) {
+    std::string out;
+    EXPECT_FALSE(appendFrame(out, ofSize(101), 100));
+    ASSERT_TRUE(appendFrame(out, ofSize(100), 100));
+    message next;
+    FrameReader exact(100);
+    exact.append(out);
+    EXPECT_EQ(exact.next(next), Result::message);
+    FrameReader smaller(99);
+    smaller.append(out);
+    EXPECT_EQ(smaller.next(next), Result::tooLarge);
+}
+
+TEST(Frame, ReaderKeepsUnfinishedFramesAlone) {
+    const std::string frame = framed(ofSize(300000));
+    FrameReader reader;
+    message next;
+    EXPECT_EQ(reader.keptBytes(), 0U);
+    reader.append(frame.substr(0, frame.size() - 1));
+    EXPECT_EQ(reader.next(next), Result::needMore);
+    EXPECT_GE(reader.keptBytes(), frame.size() - 1);
+    reader.append(frame.substr(frame.size() - 1));
+    EXPECT_EQ(reader.next(next), Result::message);
+    EXPECT_EQ(reader.next(next), Result::needMore);
+    EXPECT_EQ(reader.keptBytes(), 0U);
 }
 
 TEST(Frame, MalformedContentIsMalformedForGood) {

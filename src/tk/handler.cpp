@@ -9,11 +9,6 @@ namespace tk {
 
 namespace {
 
-// The fields of the hub's subscription commands.
-constexpr std::uint32_t subscriptionPath = 1;
-constexpr std::uint32_t subscriptionCommand = 2;
-constexpr std::uint32_t subscriptionFilter = 3;
-
 message noSuchCommand() {
     return errorMsg(error::noSuchCommand, "no such command");
 }
@@ -50,9 +45,9 @@ message Handler::sendMessage(message stamped) {
 void Handler::requestSubscription(std::uint32_t hubCommand, const Path& path, std::uint32_t command,
                                   const message& filter) {
     message request;
-    request.insert_u32_array(subscriptionPath, path);
-    request.insert_u32(subscriptionCommand, command);
-    request.insert_message_array(subscriptionFilter, {filter});
+    request.insert_u32_array(hubfield::path, path);
+    request.insert_u32(hubfield::command, command);
+    request.insert_message_array(hubfield::filter, {filter});
     request.insert_u32_array(field::destination, {program::hub});
     (void)exchangeCmd(request, hubCommand,
                       exchangeTimeout);  // without a hub there are no notifications either

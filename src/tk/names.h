@@ -51,6 +51,14 @@ constexpr std::uint32_t hubTraced = 5;       // notification of {0}: field 1 mes
 constexpr std::uint32_t hubUnregister = 6;   // field 1 u32: the program's number, which is given up
 }  // namespace command
 
+// What the hub's commands carry.
+namespace hubfield {
+constexpr std::uint32_t program = 1;  // u32, of a registration and of its end
+constexpr std::uint32_t path = 1;     // u32[], of a subscription
+constexpr std::uint32_t command = 2;  // u32, likewise
+constexpr std::uint32_t filter = 3;   // message[] with the one filter message, likewise
+}  // namespace hubfield
+
 namespace error {
 constexpr std::uint32_t noSuchCommand = 0xFE0002;
 constexpr std::uint32_t refused = 0xFE0003;

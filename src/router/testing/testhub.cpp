@@ -1,5 +1,6 @@
 #include "router/testing/testhub.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <utility>
@@ -57,6 +58,11 @@ bool TestClient::isClosed() {
     return ::recv(socket.get(), &byte, 1, MSG_DONTWAIT | MSG_PEEK) == 0;
 }
 
+bool TestClient::isWritable() {
+    pollfd state{socket.get(), POLLOUT, 0};
+    return ::poll(&state, 1, 0) == 1 && state.revents == POLLOUT;
+}
+
 std::unique_ptr<TestClient> TestHub::connect(uid_t user) {
     int ends[2];
     EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends), 0);
@@ -64,8 +70,8 @@ std::unique_ptr<TestClient> TestHub::connect(uid_t user) {
     return std::make_unique<TestClient>(tk::Fd(ends[1]));
 }
 
-std::unique_ptr<TestClient> TestHub::connectProgram(std::uint32_t program) {
-    auto client = connect();
+std::unique_ptr<TestClient> TestHub::connectProgram(std::uint32_t program, uid_t user) {
+    auto client = connect(user);
     tk::message content;
     content.insert_u32(1, program);
     EXPECT_FALSE(tk::isError(ask(*client, {0}, tk::command::hubRegister, content)));

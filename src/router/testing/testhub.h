@@ -31,8 +31,10 @@ public:
 
     /// Everything that arrived since the last call.
     std::vector<tk::message> take();
-    /// True when the hub has closed the connection.
+    /// True when the hub has closed the connection, and nothing is left to read.
     bool isClosed();
+    /// True when the connection is open, and has room for more.
+    bool isWritable();
     void close() { socket.reset(); }
 
 private:
@@ -50,8 +52,8 @@ struct TestHub {
     tk::Looper looper{clock, hub, tk::program::network};
 
     std::unique_ptr<TestClient> connect(uid_t user = 0);
-    /// A client that has registered a program.
-    std::unique_ptr<TestClient> connectProgram(std::uint32_t program);
+    /// A client that has registered a program, which its user may.
+    std::unique_ptr<TestClient> connectProgram(std::uint32_t program, uid_t user = 0);
     /// Serves what is ready, until nothing is.
     void settle();
     void advance(std::uint32_t ticks);

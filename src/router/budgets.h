@@ -1,0 +1,34 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <utility>
+
+#include "tk/budget.h"
+#include "tk/frame.h"
+
+namespace router {
+
+/// What the hub keeps for others, in bytes: one account for each user over all its connections, and one for
+/// each connection of root.
+class Budgets {
+public:
+    static constexpr std::size_t userLimit = std::size_t{16} * 1024 * 1024;
+    /// Room for some frames of the largest size.
+    static constexpr std::size_t rootLimit = 4 * tk::frameLimit;
+
+    /// The account of a connection. Lifetime: until forgetUnused() finds nothing charged to it.
+    tk::Budget& of(uid_t user, std::uint32_t client);
+    /// Forgets the accounts to which nothing is charged.
+    void forgetUnused();
+
+private:
+    using Key = std::pair<uid_t, std::uint32_t>;  // the client number for root alone, else 0
+
+    std::map<Key, tk::Budget> budgets;
+};
+
+}  // namespace router
