@@ -8,7 +8,8 @@ import busclient
 import labs
 
 ROUTER, DAEMON, OTHER = "routerd", "upnpd", "resolverd"  # the last two are in the group tk
-IDS = {ROUTER: 64001, DAEMON: 64002, OTHER: 64003}
+MEMBER = "member"  # of the group, and nothing else
+IDS = {ROUTER: 64001, DAEMON: 64002, OTHER: 64003, MEMBER: 64004}
 GROUP = 64000
 PROGRAM = "/tesk/bin/upnpd"  # a copy, where every user can reach it
 
@@ -19,10 +20,6 @@ number = 80
 command = ["{PROGRAM}"]
 user = "{DAEMON}"
 start = true
-
-[[user]]
-name = "{DAEMON}"
-writes = ["20,0", "20,5"]
 """
 
 

@@ -17,7 +17,6 @@ unit = "upnpd.service"
 [[user]]
 name = "{DAEMON}"
 programs = [80]
-writes = ["20,0", "20,5"]
 """
 START = f"setsid setpriv --reuid {IDS[DAEMON]} --regid {IDS[DAEMON]} --groups {GROUP} {PROGRAM} >/dev/null 2>&1 &"
 
