@@ -46,6 +46,21 @@ void HTTPConn::write(const std::string& response) {
     if (!sendWhole(socket.get(), response)) tk::log("write error");
 }
 
+void HTTPConn::keepWaiting(std::unique_ptr<HTTPWait> with) {
+    requestTimer.disarm();  // it limits the request, which is here
+    watch.stop();           // a client that has said all may close its side, and is answered all the same
+    buffer = {};
+    wait = std::move(with);
+}
+
+bool HTTPConn::mayWait() const {
+    return server.mayWait(peer);
+}
+
+void HTTPConn::answer(const HTTPMessage& response) {
+    server.answered(*this, response);  // deletes this connection: nothing may follow
+}
+
 void HTTPConn::timeout() {
     server.timedOut(socket.get());  // deletes this connection: nothing may follow
 }

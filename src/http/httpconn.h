@@ -2,9 +2,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "http/httpprogress.h"
+#include "http/httpservice.h"
 #include "tk/fd.h"
 #include "tk/timer.h"
 
@@ -12,8 +14,9 @@ class Device;
 class HTTPServer;
 
 /// One accepted connection: its socket, the interface that it came in on, and what it has sent so far.
-/// Closes itself, without an answer, 10 s after it was accepted, whatever has arrived until then.
-class HTTPConn {
+/// Closes itself, without an answer, 10 s after it was accepted, whatever has arrived until then; but not
+/// when the request is complete, and waits for its answer.
+class HTTPConn final : public HTTPClient {
 public:
     /// Takes an accepted, non-blocking socket over, and watches it. `source` is the peer's address in network
     /// order. `number` counts the accepted connections. Lifetime: the server owns the connection; the device
@@ -27,11 +30,18 @@ public:
     [[nodiscard]] Input read();
     /// Sends the response in one piece. Errors: logged; the client has not got all of it then.
     void write(const std::string& response);
+    /// Keeps a complete request until it is answered, and does not look at what the client does meanwhile.
+    void keepWaiting(std::unique_ptr<HTTPWait> with);
+    bool isWaiting() const { return wait != nullptr; }
+    /// True while it waits for this service.
+    bool waitsFor(const HTTPService& service) const { return wait && wait->isFor(service); }
 
     /// Everything received, the complete message after Input::complete.
     const std::string& received() const { return buffer; }
     Device& device() const { return owner; }
-    std::uint32_t source() const { return peer; }
+    std::uint32_t source() const override { return peer; }
+    bool mayWait() const override;
+    void answer(const HTTPMessage& response) override;
     std::uint64_t number() const { return serial; }
     int descriptor() const { return socket.get(); }
 
@@ -49,4 +59,5 @@ private:
     bool isHopeless = false;  // what came can never become complete; the time limit ends the connection
     tk::Watch watch;
     tk::Timer<HTTPConn, &HTTPConn::timeout> requestTimer{*this};
+    std::unique_ptr<HTTPWait> wait;  // null while the request is not complete
 };

@@ -8,7 +8,7 @@
 namespace {
 
 using Services = std::map<std::string, HTTPService*>;
-using Answer = HTTPMessage (HTTPService::*)(const HTTPMessage& request);
+using Method = HTTPAnswer (HTTPService::*)(const HTTPMessage& request, HTTPClient& client);
 
 /// True when HOST names the interface's own address, with or without the port.
 bool namesHost(const HTTPMessage& request, std::uint32_t address) {
@@ -17,36 +17,39 @@ bool namesHost(const HTTPMessage& request, std::uint32_t address) {
     return host == own || host == own + ":" + toString(httpPort);
 }
 
+/// One kind of request that services answer.
+struct Route {
+    const char* method;
+    const Services& services;
+    Method answer;
+};
+
 /// The fixed order of checks: the path (404), HOST (400), then the service.
-HTTPMessage callService(const Services& services, const std::string& path, const HTTPMessage& request,
-                        std::uint32_t address, const std::string& method, Answer answer) {
-    const auto service = services.find(path);
-    if (service == services.end()) return HTTPMessage(404);
+HTTPAnswer callService(const Route& route, const std::string& path, const HTTPMessage& request,
+                       std::uint32_t address, HTTPClient& client) {
+    const auto service = route.services.find(path);
+    if (service == route.services.end()) return HTTPMessage(404);
     if (!namesHost(request, address)) {
-        tk::log(method, ": host mismatch '", request.get("HOST"), "'");
+        tk::log(route.method, ": host mismatch '", request.get("HOST"), "'");
         return HTTPMessage(400);
     }
-    return (service->second->*answer)(request);
+    return (service->second->*route.answer)(request, client);
 }
 
 }  // namespace
 
-HTTPMessage HTTPServer::dispatch(const Device& device, const HTTPMessage& request, const std::string& method,
-                                 const std::string& path) {
-    struct Route {
-        const char* method;
-        const Services& services;
-        Answer answer;
-    };
+HTTPAnswer HTTPServer::dispatch(HTTPConn& connection, const HTTPMessage& request, const std::string& method,
+                                const std::string& path) {
     const Route routes[] = {
         {"SUBSCRIBE", servicesByEventURL, &HTTPService::subscribe},
         {"UNSUBSCRIBE", servicesByEventURL, &HTTPService::unsubscribe},
         {"POST", servicesByControlURL, &HTTPService::handlePost},
     };
+    const Device& device = connection.device();
     if (method == "GET") return dispatchGet(device, request, path);
     for (const Route& route : routes)
         if (method == route.method)
-            return callService(route.services, path, request, host.addressOf(device), method, route.answer);
+            return callService(route, path, request, host.addressOf(device), connection);
     tk::log("what is this: '", method, "'");
     return HTTPMessage(501);
 }

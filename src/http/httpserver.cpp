@@ -15,8 +15,14 @@
 
 namespace {
 
+constexpr int notFound = 404;
+
 constexpr std::size_t connectionLimit = 512;
 constexpr std::size_t sourceLimit = 128;  // connections from one address
+
+// Requests that are kept waiting: from one address, and in all.
+constexpr std::size_t waitingSourceLimit = 16;
+constexpr std::size_t waitingLimit = 64;
 
 tk::Fd openReserve() {
     return tk::Fd(::open("/dev/null", O_RDONLY | O_CLOEXEC));
@@ -51,6 +57,10 @@ void HTTPServer::registerService(HTTPService* service, const std::string& eventU
 void HTTPServer::removeService(const HTTPService* service) {
     eraseFirst(servicesByEventURL, service);
     eraseFirst(servicesByControlURL, service);
+    std::vector<HTTPConn*> waiting;
+    for (const auto& [descriptor, connection] : connections)
+        if (connection->waitsFor(*service)) waiting.push_back(connection.get());
+    for (HTTPConn* connection : waiting) answered(*connection, HTTPMessage(notFound));
 }
 
 void HTTPServer::accept(int listenSocket, std::uint32_t) {
@@ -111,19 +121,32 @@ void HTTPServer::connRead(int socket, std::uint32_t) {
         case HTTPConn::Input::more:
             return;
         case HTTPConn::Input::complete:
-            answer(*entry->second);
-            break;
+            return answer(*entry->second);
         case HTTPConn::Input::ended:
-            break;
+            return end(socket);
     }
-    end(socket);
 }
 
 void HTTPServer::answer(HTTPConn& connection) {
     const HTTPMessage request(connection.received());
-    const HTTPMessage response =
-        dispatch(connection.device(), request, methodOf(request.title), pathOf(request.title));
+    HTTPAnswer answer = dispatch(connection, request, methodOf(request.title), pathOf(request.title));
+    if (const auto* response = std::get_if<HTTPMessage>(&answer)) return answered(connection, *response);
+    connection.keepWaiting(std::get<std::unique_ptr<HTTPWait>>(std::move(answer)));
+}
+
+void HTTPServer::answered(HTTPConn& connection, const HTTPMessage& response) {
     connection.write(response.toString());
+    end(connection.descriptor());
+}
+
+bool HTTPServer::mayWait(std::uint32_t source) const {
+    std::size_t all = 0, own = 0;
+    for (const auto& [descriptor, connection] : connections) {
+        if (!connection->isWaiting()) continue;
+        ++all;
+        if (connection->source() == source) ++own;
+    }
+    return own < waitingSourceLimit && all < waitingLimit;
 }
 
 void HTTPServer::end(int socket) {

@@ -12,7 +12,7 @@
 #include "tk/fd.h"
 
 /// Serves HTTP on the listeners of the internal interfaces: one request a connection, one response, then the
-/// end.
+/// end. A request whose answer takes somebody else's waits alone, and all others are served meanwhile.
 ///
 /// Beside the time limit of each connection there are limits on their number. One too many from the same
 /// address is closed as soon as it is accepted; one too many in all takes the place of the oldest of the
@@ -32,7 +32,7 @@ public:
     /// Lifetime: the service is removed before it is destroyed.
     void registerService(HTTPService* service, const std::string& eventURL, const std::string& controlURL);
     /// Forgets the first entry, in the order of the URLs, of a service in each of the two tables; one that is
-    /// in neither is no error.
+    /// in neither is no error. Requests that wait for it are answered as if they came now: 404.
     void removeService(const HTTPService* service);
 
     /// Callback of every listener: takes one connection. The process ends when no interface owns the
@@ -44,6 +44,11 @@ public:
     /// A connection's time is up: it is closed without an answer.
     void timedOut(int socket);
 
+    /// True when one more request from this address may be kept waiting. Byte order: network.
+    bool mayWait(std::uint32_t source) const;
+    /// The answer of a request that was kept waiting: it goes out, and the connection ends.
+    void answered(HTTPConn& connection, const HTTPMessage& response);
+
     /// Closes the connections that were accepted on `device`, without an answer and a log line.
     void dropConnections(const Device& device);
     /// True while a connection refers to `device`.
@@ -54,8 +59,8 @@ private:
     void endOldestOfTheBusiest();
     void end(int socket);
     void answer(HTTPConn& connection);
-    HTTPMessage dispatch(const Device& device, const HTTPMessage& request, const std::string& method,
-                         const std::string& path);
+    HTTPAnswer dispatch(HTTPConn& connection, const HTTPMessage& request, const std::string& method,
+                        const std::string& path);
     HTTPMessage dispatchGet(const Device& device, const HTTPMessage& request, const std::string& path);
 
     HTTPHost& host;

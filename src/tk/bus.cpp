@@ -4,6 +4,11 @@
 
 namespace tk {
 
+message Bus::ask(const message&, const Path&, std::uint32_t, std::uint32_t&) {
+    return errorMsg(error::failed, "not on this bus");
+}
+void Bus::forget(std::uint32_t) {}
+
 void stamp(message& target, const Path& from, std::uint32_t number, Kind kind, std::uint32_t command) {
     for (const std::uint32_t id : {field::sender, field::number, field::kind, field::command})
         target.remove(

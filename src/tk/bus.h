@@ -19,6 +19,14 @@ public:
     [[nodiscard]] virtual message exchange(const message& request, const Path& from, std::uint32_t command,
                                            std::uint32_t timeout) = 0;
 
+    /// Sends `request` as exchange() does, and does not wait: its end arrives from the loop like all else
+    /// that is received, with the number that is put into `number` (never 0). Errors: an error message when
+    /// it cannot be sent, and on a bus that is no connection to the hub; no end arrives then.
+    [[nodiscard]] virtual message ask(const message& request, const Path& from, std::uint32_t command,
+                                      std::uint32_t& number);
+    /// Nobody waits any more for the end of a request that was sent so: it is discarded when it comes.
+    virtual void forget(std::uint32_t number);
+
     /// Sends a message that is stamped already, and that nobody waits for: a reply, an error or a
     /// notification. What cannot be sent is dropped: the receiver is gone, or the bus is.
     virtual void post(message stamped) = 0;

@@ -66,12 +66,27 @@ BusConnection::~BusConnection() = default;
 
 message BusConnection::exchange(const message& request, const Path& from, std::uint32_t command,
                                 std::uint32_t timeout) {
+    std::uint32_t number = 0;
+    message failure = send(request, from, command, number);
+    return isError(failure) ? failure : awaitEnd(number, timeout);
+}
+
+message BusConnection::ask(const message& request, const Path& from, std::uint32_t command,
+                           std::uint32_t& number) {
+    message failure = send(request, from, command, number);
+    if (!isError(failure)) asked.insert(number);
+    return failure;
+}
+
+/// Sends a request, and tells its number; an error when it cannot be sent.
+message BusConnection::send(const message& request, const Path& from, std::uint32_t command,
+                            std::uint32_t& number) {
     if (!channel.isOpen()) return gone();
     if (++numbers == 0) numbers = 1;  // 0 stands for "no number"
-    const std::uint32_t number = numbers;
+    number = numbers;
     message stamped = request;
     stamp(stamped, from, number, Kind::request, command);
-    if (channel.send(stamped)) return awaitEnd(number, timeout);
+    if (channel.send(stamped)) return {};
     return channel.isOpen() ? errorMsg(error::invalid, "the request is too large or nested too deep")
                             : gone();
 }
@@ -83,8 +98,7 @@ message BusConnection::awaitEnd(std::uint32_t number, std::uint32_t timeout) {
         message arrived;
         while (channel.take(arrived)) {
             if (noteRefusal(arrived)) return gone();
-            const Kind kind = kindOf(arrived);
-            if (kind == Kind::request || kind == Kind::notification)
+            if (isForTheLoop(arrived))
                 keep(arrived);
             else if (arrived.get_u32(field::number) == number)
                 return arrived;
@@ -127,6 +141,13 @@ void BusConnection::post(message stamped) {
     (void)channel.send(refusal);
 }
 
+/// False for the end of a request that was not asked, or has had its end.
+bool BusConnection::isForTheLoop(const message& arrived) {
+    const Kind kind = kindOf(arrived);
+    if (kind == Kind::request || kind == Kind::notification) return true;
+    return asked.erase(arrived.get_u32(field::number)) > 0;
+}
+
 void BusConnection::keep(const message& arrived) {
     std::string flat = arrived.serialise();
     const std::size_t cost = flat.size() + waitingOverhead;
@@ -141,9 +162,8 @@ void BusConnection::keep(const message& arrived) {
 
 void BusConnection::received(message arrived) {
     if (noteRefusal(arrived)) return;
-    const Kind kind = kindOf(arrived);
-    if (kind == Kind::reply || kind == Kind::error) return;  // late: its requester gave up
-    if (!waiting.empty()) return keep(arrived);              // behind what came before it
+    if (!isForTheLoop(arrived)) return;          // late: its requester gave up
+    if (!waiting.empty()) return keep(arrived);  // behind what came before it
     receiver.busReceived(arrived);
 }
 

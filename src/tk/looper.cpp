@@ -7,6 +7,7 @@
 #include <cassert>
 #include <utility>
 
+#include "tk/inquiry.h"
 #include "tk/log.h"
 
 namespace tk {
@@ -66,6 +67,7 @@ Looper::Looper(const Clock& clock, Bus& bus, std::uint32_t program)
 }
 
 Looper::~Looper() {
+    assert(inquiries.empty());
     connection.reset();
     signalWatch.stop();
     current = nullptr;
@@ -152,6 +154,8 @@ void Looper::busReceived(const message& arrived) {
 
 void Looper::busLost(const std::string& reason) {
     log("bus lost: ", reason);
+    while (!inquiries.empty())
+        inquiries.extract(inquiries.begin()).mapped()->end(errorMsg(error::disconnected, "the bus is gone"));
     leave();
 }
 
@@ -163,8 +167,24 @@ void Looper::dispatch(const message& received) {
             return reply(received);
         case Kind::reply:
         case Kind::error:
-            return;  // its requester gave up
+            return endInquiry(received);
     }
+}
+
+message Looper::ask(const message& request, std::uint32_t command, Inquiry& inquiry, std::uint32_t& number) {
+    if (!bus) return errorMsg(error::disconnected, "not on a bus");
+    message failure = bus->ask(request, path(), command, number);
+    if (!isError(failure)) inquiries[number] = &inquiry;
+    return failure;
+}
+
+void Looper::forget(std::uint32_t number) {
+    if (inquiries.erase(number) > 0) bus->forget(number);
+}
+
+void Looper::endInquiry(const message& end) {
+    const auto waiting = inquiries.extract(end.get_u32(field::number));
+    if (!waiting.empty()) waiting.mapped()->end(end);  // else its requester gave up
 }
 
 void Looper::notify(const message& notification) {

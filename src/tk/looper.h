@@ -13,6 +13,8 @@
 
 namespace tk {
 
+class Inquiry;
+
 /// The loop of a process: its runner, its connection to the bus and its handlers. There is one at a time.
 /// As a handler itself it makes the requests of code that stands in no handler.
 class Looper final : public Handler, private BusConnection::Receiver {
@@ -54,6 +56,12 @@ public:
     /// Hands one received message to its handler, and sends the answer of a request.
     void dispatch(const message& received);
 
+    /// What an Inquiry does: sends its request from this loop's path, and hands it the end. Errors: as for
+    /// Bus::ask().
+    [[nodiscard]] message ask(const message& request, std::uint32_t command, Inquiry& inquiry,
+                              std::uint32_t& number);
+    void forget(std::uint32_t number);
+
     /// Ends run() at the end of this turn, or before its first one.
     void leave() { leaving = true; }
 
@@ -72,6 +80,7 @@ private:
     void busReceived(const message& arrived) override;
     void busLost(const std::string& reason) override;
     void leaveNow();
+    void endInquiry(const message& end);
     void notify(const message& notification);
     void reply(const message& request);
     [[nodiscard]] message answer(const message& request);
@@ -84,8 +93,9 @@ private:
     std::unique_ptr<BusConnection> connection;
     Bus* bus = nullptr;  // the connection above, or one that was handed in
     std::map<std::uint32_t, Handler*> handlers;
-    bool leaving = false;     // asked by leave(), a signal or the bus
-    bool leaveIsDue = false;  // asked by setupLeave(), which can withdraw it
+    std::map<std::uint32_t, Inquiry*> inquiries;  // by the number of their request
+    bool leaving = false;                         // asked by leave(), a signal or the bus
+    bool leaveIsDue = false;                      // asked by setupLeave(), which can withdraw it
 };
 
 /// The process's loop. Errors: null when there is none.

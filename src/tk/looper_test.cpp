@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tk/inquiry.h"
 #include "tk/testing/capturedoutput.h"
 #include "tk/testing/fakehub.h"
 #include "tk/testing/testloop.h"
@@ -314,6 +315,30 @@ TEST_F(LooperJoin, HandlersMakeTheirExchangesOverTheJoinedBus) {
     message request;
     request.insert_u32_array(field::destination, {65});
     EXPECT_EQ(zero.exchangeCmd(request, command::get, exchangeTimeout).get_string(1), "router-7");
+}
+
+/// Notes how an inquiry ended.
+struct Ending final : Inquiry::Owner {
+    void inquiryEnded(const message& end) override { how += isError(end) ? getError(end) + ";" : "reply;"; }
+    std::string how;
+};
+
+TEST_F(LooperJoin, InquiriesEndWithTheBus) {
+    ASSERT_TRUE(join({})) << reason;
+    message request;
+    request.insert_u32_array(field::destination, {14});
+    Ending ending;
+    Inquiry first(ending), second(ending);
+    first.start(request, 3, exchangeTimeout);
+    second.start(request, 3, exchangeTimeout);
+    const tk::testing::CapturedOutput quiet;
+    hub.close();
+    loop.looper.run();  // until the bus is lost
+    EXPECT_EQ(ending.how, "the bus is gone;the bus is gone;");
+    Inquiry third(ending);
+    third.start(request, 3, exchangeTimeout);
+    loop.settle();
+    EXPECT_EQ(ending.how, "the bus is gone;the bus is gone;the bus is gone;");
 }
 
 TEST_F(LooperJoin, ResigningGivesTheProgramsNumberUp) {

@@ -11,6 +11,7 @@
 #include "net/text.h"
 #include "tk/log.h"
 #include "upnp/callbackurl.h"
+#include "upnp/namedsubscriber.h"
 #include "upnp/subscription.h"
 
 namespace {
@@ -23,12 +24,6 @@ constexpr std::size_t subscriptionLimit = 100;   // per service
 constexpr std::uint32_t shortestSeconds = 1800;  // also where none or no number is asked for
 constexpr std::uint32_t longestSeconds = 86400;
 constexpr std::size_t uuidTextSize = 37;  // with the '\0' behind it
-
-struct Callback {
-    std::uint32_t address = 0;
-    std::uint16_t port = 0;
-    std::string path;
-};
 
 /// The duration that is asked for, 0 for none. A negative number counts as a huge one.
 std::uint32_t requestedSeconds(const std::string& timeout) {
@@ -48,7 +43,7 @@ bool readCallback(const HTTPMessage& request, Callback& callback) {
     const std::string list = request.get("CALLBACK");
     if (firstByte(list) != '<' || lastByte(list) != '>') return false;
     const std::string url(slice(list, 1, list.find('>') - 1));
-    return parseCallbackUrl(url, callback.address, callback.port, callback.path);
+    return parseCallbackUrl(url, callback);
 }
 
 bool hasSubscriptionFrom(const Service& service, std::uint32_t address) {
@@ -64,8 +59,7 @@ std::string newSid() {
     return "uuid:" + std::string(text);
 }
 
-HTTPMessage grant(Subscription& subscription, const HTTPMessage& request) {
-    const std::uint32_t seconds = grantedSeconds(request);
+HTTPMessage grant(Subscription& subscription, std::uint32_t seconds) {
     subscription.expireIn(seconds);
     HTTPMessage response(ok);
     response.addDate(0);
@@ -75,32 +69,40 @@ HTTPMessage grant(Subscription& subscription, const HTTPMessage& request) {
     return response;
 }
 
-HTTPMessage addSubscription(Service& service, const HTTPMessage& request) {
+HTTPAnswer subscribeAnew(Service& service, const HTTPMessage& request, HTTPClient& client) {
     Callback callback;
     if (request.get("NT") != "upnp:event" || !readCallback(request, callback))
         return HTTPMessage(preconditionFailed);
-    tk::log("callback addr: ", ipToString(callback.address), ", port: ", std::uint32_t{callback.port},
-            ", path: ", callback.path);
-    if (service.subscriptions.size() >= subscriptionLimit) return HTTPMessage(internalServerError);
-    if (hasSubscriptionFrom(service, callback.address)) return HTTPMessage(preconditionFailed);
-
-    auto created =
-        std::make_unique<Subscription>(service, newSid(), callback.address, callback.port, callback.path);
-    Subscription& subscription = *created;
-    service.subscriptions[subscription.sid] = std::move(created);
-    tk::log("subscribe: ", service.serviceType);
-    service.sendEvent(subscription, "");
-    return grant(subscription, request);
+    const std::uint32_t seconds = grantedSeconds(request);
+    if (callback.address) return addSubscription(service, callback, seconds);
+    if (client.mayWait()) return std::make_unique<NamedSubscriber>(service, client, callback, seconds);
+    tk::log("resolving failed: too many requests wait for names");
+    return HTTPMessage(preconditionFailed);
 }
 
 }  // namespace
 
-HTTPMessage subscribe(Service& service, const HTTPMessage& request) {
-    if (request.has("NT")) return addSubscription(service, request);
+HTTPMessage addSubscription(Service& service, const Callback& callback, std::uint32_t seconds) {
+    const std::uint32_t address = callback.address.value_or(0);
+    tk::log("callback addr: ", ipToString(address), ", port: ", std::uint32_t{callback.port},
+            ", path: ", callback.path);
+    if (service.subscriptions.size() >= subscriptionLimit) return HTTPMessage(internalServerError);
+    if (hasSubscriptionFrom(service, address)) return HTTPMessage(preconditionFailed);
+
+    auto created = std::make_unique<Subscription>(service, newSid(), address, callback.port, callback.path);
+    Subscription& subscription = *created;
+    service.subscriptions[subscription.sid] = std::move(created);
+    tk::log("subscribe: ", service.serviceType);
+    service.sendEvent(subscription, "");
+    return grant(subscription, seconds);
+}
+
+HTTPAnswer subscribe(Service& service, const HTTPMessage& request, HTTPClient& client) {
+    if (request.has("NT")) return subscribeAnew(service, request, client);
     const auto subscription = service.subscriptions.find(request.get("SID"));
     if (subscription == service.subscriptions.end()) return HTTPMessage(preconditionFailed);
     tk::log("resubscribe: ", service.serviceType);
-    return grant(*subscription->second, request);
+    return grant(*subscription->second, grantedSeconds(request));
 }
 
 HTTPMessage unsubscribe(Service& service, const HTTPMessage& request) {

@@ -7,6 +7,7 @@
 #include "tk/testing/capturedoutput.h"
 #include "tk/testing/testloop.h"
 #include "upnp/event.h"
+#include "upnp/testing/fakeclient.h"
 
 namespace {
 
@@ -31,7 +32,10 @@ protected:
     }
     HTTPMessage send(const HTTPMessage& request) {
         const tk::testing::CapturedOutput output;
-        HTTPMessage response = service.subscribe(request);
+        FakeClient client;
+        client.take(service.subscribe(request, client));
+        if (client.wait) loop.settle();  // a name is asked for
+        HTTPMessage response = client.answered.value_or(HTTPMessage());
         log = output.text();
         started = service.events.size();
         service.events.clear();
@@ -41,7 +45,7 @@ protected:
         HTTPMessage request;
         request.add("SID", sid);
         const tk::testing::CapturedOutput output;
-        HTTPMessage response = service.unsubscribe(request);
+        HTTPMessage response = ::unsubscribe(service, request);
         log = output.text();
         return response;
     }
@@ -222,7 +226,7 @@ TEST_F(Gena, UnsubscribingEndsTheSubscriptionAndItsTimer) {
 TEST_F(Gena, UnsubscribingAnUnknownIdIsRefused) {
     EXPECT_EQ(unsubscribe("uuid:x").toString(), bare412);
     EXPECT_EQ(log, "");
-    EXPECT_EQ(service.unsubscribe(HTTPMessage()).toString(), bare412);
+    EXPECT_EQ(::unsubscribe(service, HTTPMessage()).toString(), bare412);
 }
 
 }  // namespace

@@ -47,14 +47,15 @@ void Service::setVar(const std::string& name, const std::string& newValue) {
     for (const auto& [sid, subscription] : subscriptions) sendEvent(*subscription, name);
 }
 
-HTTPMessage Service::handlePost(const HTTPMessage& request) {
+HTTPAnswer Service::handlePost(const HTTPMessage& request, HTTPClient& client) {
+    requesterAddress = client.source();
     return ::handlePost(*this, request);
 }
 
-HTTPMessage Service::subscribe(const HTTPMessage& request) {
-    return ::subscribe(*this, request);
+HTTPAnswer Service::subscribe(const HTTPMessage& request, HTTPClient& client) {
+    return ::subscribe(*this, request, client);
 }
 
-HTTPMessage Service::unsubscribe(const HTTPMessage& request) {
+HTTPAnswer Service::unsubscribe(const HTTPMessage& request, HTTPClient&) {
     return ::unsubscribe(*this, request);
 }

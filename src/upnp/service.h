@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
@@ -55,9 +56,9 @@ public:
     /// Errors: logged; nothing is sent then.
     void sendEvent(const Subscription& subscription, const std::string& varName);
 
-    HTTPMessage handlePost(const HTTPMessage& request) override;
-    HTTPMessage subscribe(const HTTPMessage& request) override;
-    HTTPMessage unsubscribe(const HTTPMessage& request) override;
+    HTTPAnswer handlePost(const HTTPMessage& request, HTTPClient& client) override;
+    HTTPAnswer subscribe(const HTTPMessage& request, HTTPClient& client) override;
+    HTTPAnswer unsubscribe(const HTTPMessage& request, HTTPClient& client) override;
 
     const std::string serviceType;
     std::map<std::string, std::unique_ptr<Variable>> variables;          // by name
@@ -65,9 +66,14 @@ public:
     std::map<std::string, std::unique_ptr<Subscription>> subscriptions;  // by SID
     std::map<int, std::unique_ptr<Event>> events;                        // by socket descriptor
 
+protected:
+    /// The address of the host whose action is being carried out. Byte order: network.
+    std::uint32_t requester() const { return requesterAddress; }
+
 private:
     void dropOrphanedEvents();
     [[nodiscard]] bool mayDeliverTo(const Subscription& subscription) const;
 
     std::vector<std::unique_ptr<Variable>> replacedVariables;
+    std::uint32_t requesterAddress = 0;
 };

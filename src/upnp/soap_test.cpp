@@ -61,7 +61,7 @@ protected:
     }
     HTTPMessage send(const HTTPMessage& request) {
         const tk::testing::CapturedOutput output;
-        HTTPMessage response = lamp.handlePost(request);
+        HTTPMessage response = ::handlePost(lamp, request);
         log = output.text();
         return response;
     }

@@ -3,7 +3,9 @@
 namespace tk::testing {
 
 void ScriptedBus::answer(Path path, std::uint32_t command, Answer answer) {
-    answers[{std::move(path), command}] = std::move(answer);
+    Key key(std::move(path), command);
+    silent.erase(key);
+    answers[std::move(key)] = std::move(answer);
 }
 
 void ScriptedBus::answer(Path path, std::uint32_t command, message reply) {
@@ -18,6 +20,21 @@ message ScriptedBus::exchange(const message& request, const Path& from, std::uin
     if (answer == answers.end()) return {};
     const Answer chosen = answer->second;
     return chosen(request);
+}
+
+void ScriptedBus::keepSilent(Path path, std::uint32_t command) {
+    silent.emplace(std::move(path), command);
+}
+
+message ScriptedBus::ask(const message& request, const Path& from, std::uint32_t command,
+                         std::uint32_t& number) {
+    asked.push_back(number = static_cast<std::uint32_t>(asked.size()) + 1);
+    const message answer = exchange(request, from, command, 0);
+    if (silent.contains({request.get_u32_array(field::destination), command})) return {};
+    message stamped = request;
+    stamp(stamped, from, number, Kind::request, command);
+    ends.push_back(endOf(stamped, answer));
+    return {};
 }
 
 std::vector<ScriptedBus::Request> ScriptedBus::requestsTo(const Path& path, std::uint32_t command) const {

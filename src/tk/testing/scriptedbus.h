@@ -4,6 +4,7 @@
 #include <deque>
 #include <functional>
 #include <map>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -26,21 +27,33 @@ public:
     /// Answers every request of `command` to `path` from now on; an empty message where nothing is told.
     void answer(Path path, std::uint32_t command, Answer answer);
     void answer(Path path, std::uint32_t command, message reply);
+    /// Leaves requests that are only asked without an end, until the next answer() for them.
+    void keepSilent(Path path, std::uint32_t command);
     /// Called for each request before it is answered.
     std::function<void(const Request&)> onRequest;
 
     message exchange(const message& request, const Path& from, std::uint32_t command,
                      std::uint32_t timeout) override;
+    /// Ends the request with what exchange() would return, when the loop is told to settle.
+    message ask(const message& request, const Path& from, std::uint32_t command,
+                std::uint32_t& number) override;
+    void forget(std::uint32_t number) override { forgotten.push_back(number); }
     void post(message stamped) override { posted.push_back(std::move(stamped)); }
 
     /// The recorded requests of one command to one path, in order.
     std::vector<Request> requestsTo(const Path& path, std::uint32_t command) const;
 
     std::vector<Request> requests;
-    std::vector<message> posted;  // replies and notifications
+    std::vector<message> posted;           // replies and notifications
+    std::deque<message> ends;              // of requests that were asked, on their way to the loop
+    std::vector<std::uint32_t> asked;      // their numbers
+    std::vector<std::uint32_t> forgotten;  // those of them that were withdrawn
 
 private:
-    std::map<std::pair<Path, std::uint32_t>, Answer> answers;
+    using Key = std::pair<Path, std::uint32_t>;
+
+    std::map<Key, Answer> answers;
+    std::set<Key> silent;
 };
 
 }  // namespace tk::testing

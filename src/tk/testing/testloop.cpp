@@ -24,7 +24,16 @@ void TestLoop::advance(std::uint32_t ticks) {
 }
 
 void TestLoop::settle(int limit) {
-    for (int i = 0; i < limit; ++i) looper.turn(0);
+    for (int i = 0; i < limit; ++i) {
+        looper.turn(0);
+        for (; !bus.ends.empty(); bus.ends.pop_front()) looper.dispatch(message(bus.ends.front()));
+    }
+}
+
+void TestLoop::end(std::uint32_t number, message content) {
+    const Kind kind = isError(content) ? Kind::error : Kind::reply;
+    stamp(content, {program::hub}, number, kind, 0);
+    looper.dispatch(content);
 }
 
 std::string TestLoop::exchangeOverTcp(std::uint16_t port, const std::string& request) {

@@ -19,6 +19,8 @@ struct TestLoop {
     void advance(std::uint32_t ticks);
     /// Serves what is ready now, until nothing is: at most `limit` turns.
     void settle(int limit = 20);
+    /// Hands the loop the end of a request that was asked and got none.
+    void end(std::uint32_t number, message content);
     /// Connects to a port of the loopback, sends a request and lets the loop serve it; what was answered by
     /// then.
     std::string exchangeOverTcp(std::uint16_t port, const std::string& request);

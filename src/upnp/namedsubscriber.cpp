@@ -1,0 +1,39 @@
+#include "upnp/namedsubscriber.h"
+
+#include <utility>
+
+#include "tk/log.h"
+#include "tk/names.h"
+#include "upnp/gena.h"
+
+namespace {
+
+constexpr int preconditionFailed = 412;
+
+constexpr std::uint32_t nameField = 3;     // in the request
+constexpr std::uint32_t addressField = 4;  // in its reply
+constexpr std::uint32_t resolveCommand = 3;
+
+/// What the resolver answered; its error is logged. An address that comes with one is taken all the same.
+/// Byte order: network. Errors: 0.
+std::uint32_t resolvedAddress(const tk::message& end) {
+    if (tk::isError(end)) tk::log("resolving failed: ", tk::getError(end));
+    return end.get_be32(addressField, 0);
+}
+
+}  // namespace
+
+NamedSubscriber::NamedSubscriber(Service& service, HTTPClient& client, Callback named, std::uint32_t seconds)
+    : service(service), client(client), callback(std::move(named)), seconds(seconds) {
+    tk::message request;
+    request.insert_u32_array(tk::field::destination, {tk::program::resolver});
+    request.insert_string(nameField, callback.host);
+    inquiry.start(request, resolveCommand, tk::exchangeTimeout);
+}
+
+void NamedSubscriber::inquiryEnded(const tk::message& end) {
+    const std::uint32_t address = resolvedAddress(end);
+    if (address == 0) return client.answer(HTTPMessage(preconditionFailed));  // deletes this
+    callback.address = address;
+    client.answer(addSubscription(service, callback, seconds));  // deletes this
+}
