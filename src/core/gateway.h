@@ -49,6 +49,7 @@ private:
     tk::message add(DevObj* item) override;
     tk::message set(DevObj* old, DevObj* changed) override;
     tk::message remove(DevObj* item) override;
+    tk::message load(DevObj* item) override;
     bool isTaken(std::uint32_t interface, std::uint32_t exceptId) const;
     void applyRole(const DevObj& item);
     void dropRole(std::uint32_t interface);

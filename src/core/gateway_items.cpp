@@ -24,6 +24,11 @@ tk::message Gateway::add(DevObj* item) {
     return {};
 }
 
+tk::message Gateway::load(DevObj* item) {
+    if (isTaken(item->interface, item->id)) return tk::errorMsg(tk::error::exists, "Interface already added");
+    return {};
+}
+
 tk::message Gateway::set(DevObj* old, DevObj* changed) {
     if (old->interface != changed->interface && isTaken(changed->interface, old->id))
         return tk::errorMsg(tk::error::exists, "Interface already set");

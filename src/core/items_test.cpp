@@ -60,6 +60,25 @@ TEST_F(Items, ForAnUnknownInterfaceAreAcceptedAndStartNothing) {
     EXPECT_EQ(takeLog(), "add dev: late\nset type: 2 9\nintr: 0 0\n");
 }
 
+TEST_F(Items, OfOneInterfaceAreOneWhateverTheStoreHolds) {
+    stop();
+    {
+        tk::Store store(folder.file("store/upnp"), 1);
+        ASSERT_TRUE(store.set(3, item(1, 2)));
+        ASSERT_TRUE(store.set(4, item(1, 1)));
+        ASSERT_TRUE(store.set(5, item(2, 1)));
+    }
+    takeLog();
+    start();
+    EXPECT_TRUE(takeLog().starts_with("upnp interface 4 dropped: Interface already added\nadd dev: lan\n"));
+    EXPECT_EQ(all(), (std::vector<tk::message>{record(3, 1, 2), record(5, 2, 1)}));
+    EXPECT_EQ(sockets(), 2u);
+    removeItem(3);
+    EXPECT_EQ(sockets(), 0u);
+    start();  // and it does not come back
+    EXPECT_EQ(all(), std::vector<tk::message>{record(5, 2, 1)});
+}
+
 TEST_F(Items, ThatAreDisabledStartNothing) {
     addedId(add(item(1, 2, true)));
     EXPECT_EQ(takeLog(), "");

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "tk/log.h"
+
 namespace tk {
 
 namespace {
@@ -23,13 +25,24 @@ AMap::AMap(const std::string& storePath, std::uint32_t lowest, std::uint32_t hig
 AMap::~AMap() = default;
 
 void AMap::init() {
-    for (const auto& [id, config] : store.all()) {
+    const std::map<std::uint32_t, message> stored = store.all();
+    for (const auto& [id, config] : stored) {
         if (!ids.allocID(id)) continue;  // out of the range: of no use, but not ours to drop either
         std::unique_ptr<Object> object = makeObject();
         object->setConfig(config, 0);
         object->id = id;
-        objects.emplace(id, std::move(object));
+        if (const message verdict = loadHook(*object); isError(verdict))
+            drop(*object, verdict);
+        else
+            objects.emplace(id, std::move(object));
     }
+}
+
+/// Else it would come to life when what it clashes with is removed.
+void AMap::drop(const Object& refused, const message& verdict) {
+    log(refused.getName(), " ", refused.id, " dropped: ", getError(verdict));
+    ids.freeID(refused.id);
+    if (!store.remove(refused.id)) log(store.error());
 }
 
 message AMap::configOf(const Object& object) {

@@ -52,6 +52,9 @@ protected:
     virtual message addHook(Object& added) = 0;
     virtual message setHook(Object& current, Object& changed) = 0;
     virtual message removeHook(Object& removed) = 0;
+    /// Consulted by init() for each stored object, in the order of their ids; what is refused is dropped from
+    /// the store too, with a log line.
+    virtual message loadHook(Object& loaded) = 0;
 
 private:
     static message configOf(const Object& object);
@@ -61,6 +64,7 @@ private:
     /// Puts a staged change in place.
     [[nodiscard]] message commit(bool staged);
     [[nodiscard]] message storeAndAdd(Object& added, std::uint32_t id);
+    void drop(const Object& refused, const message& verdict);
     void tellChange(const Object& object, bool deleted);
     void recordUndo(const Object& object, const message& request, std::uint32_t inverseCommand,
                     const message& inverse, const char* what);

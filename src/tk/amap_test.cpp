@@ -5,6 +5,7 @@
 
 #include "tk/map.h"
 #include "tk/reget.h"
+#include "tk/testing/capturedoutput.h"
 #include "tk/testing/folder.h"
 #include "tk/testing/testloop.h"
 
@@ -38,6 +39,7 @@ public:
     std::string seen;
     message verdict;
     std::function<void()> then;
+    std::function<message(const Item& loaded)> onLoad;
 
 private:
     message answer() {
@@ -52,6 +54,7 @@ private:
         seen += "set " + std::to_string(changed->id) + " " + old->text + ">" + changed->text + ";";
         return answer();
     }
+    message load(Item* item) override { return onLoad ? onLoad(*item) : message(); }
     message remove(Item* item) override {
         seen += "remove " + std::to_string(item->id) + " " + item->text + ";";
         return answer();
@@ -120,6 +123,25 @@ TEST_F(PlainMapTest, HooksRefuseByDefaultWithoutAText) {
     EXPECT_EQ(drop(1), errorMsg(0xFE0003, ""));
     EXPECT_EQ(get(1), withId(1, fields(1, "one")));
     EXPECT_EQ(stored().at(1), fields(1, "one"));
+}
+
+TEST_F(MapTest, ObjectThatIsRefusedWhenItIsLoadedIsDroppedWithALogLine) {
+    {
+        Store store(folder.file("items"), 1);
+        for (const std::uint32_t id : {3U, 4U, 9U}) ASSERT_TRUE(store.set(id, fields(id, "stored")));
+    }
+    Items loaded(folder.file("items"), 1, 0xFFFFFFFE);
+    loaded.onLoad = [](const Item& item) {
+        return item.id == 4 ? errorMsg(error::exists, "there already") : message();
+    };
+    const tk::testing::CapturedOutput output;
+    loaded.init();
+    EXPECT_EQ(output.text(), "test item 4 dropped: there already\n");
+    EXPECT_EQ(loaded.getObjectCount().get_u32(0xFE000F), 2U);
+    EXPECT_FALSE(loaded.isAllocID(4));
+    EXPECT_EQ(stored(),
+              (std::map<std::uint32_t, message>{{3, fields(3, "stored")}, {9, fields(9, "stored")}}));
+    EXPECT_EQ(loaded.seen, "");
 }
 
 TEST_F(MapTest, AddsAnObjectAndRepliesWithItsId) {

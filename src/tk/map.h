@@ -20,6 +20,9 @@ protected:
     virtual message set(T*, T*) { return errorMsg(error::refused, ""); }
     virtual message remove(T*) { return errorMsg(error::refused, ""); }
 
+    /// Consulted for each object that is loaded, in the order of their ids. An error drops it.
+    virtual message load(T*) { return {}; }
+
     /// Calls `visit(T&)` for every object, by id.
     template <typename Visitor>
     void forEach(Visitor visit) const {
@@ -36,6 +39,7 @@ private:
         return set(static_cast<T*>(&current), static_cast<T*>(&changed));
     }
     message removeHook(Object& removed) final { return remove(static_cast<T*>(&removed)); }
+    message loadHook(Object& loaded) final { return load(static_cast<T*>(&loaded)); }
 };
 
 }  // namespace tk

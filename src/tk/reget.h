@@ -1,13 +1,23 @@
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <set>
 
 #include "tk/message.h"
 #include "tk/names.h"
 
 namespace tk {
+
+/// Follows a list from page to page, and ends where it leads back to a page that was read.
+class PageTrail {
+public:
+    /// True when the list goes on at `next`: it is not tk::unassigned, and was not there before.
+    [[nodiscard]] bool goesOn(std::uint32_t next) { return next != unassigned && seen.insert(next).second; }
+
+private:
+    std::set<std::uint32_t> seen;
+};
 
 /// Walks the objects of one reply to a get-all query.
 class Reget {
@@ -21,7 +31,8 @@ public:
     bool isEmpty();
     /// The next object. Errors: an empty message when none is left.
     message pop();
-    /// True when a query of the walk was answered with an error, or with a page that leads to itself.
+    /// True when a query of the walk was answered with an error, or with a page that leads back to one
+    /// before.
     bool failed() const { return queryFailed; }
 
     /// How long each query may take. Units: milliseconds.
@@ -38,7 +49,7 @@ protected:
 private:
     std::deque<message> objects;
     bool queryFailed = false;
-    std::size_t pages = 0;
+    PageTrail trail;
 };
 
 /// Walks the objects of all replies: a reply that says where the list goes on is followed by the query for

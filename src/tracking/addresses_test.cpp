@@ -154,26 +154,26 @@ TEST_F(Addresses, ThatAWalkMissesAreForgottenButStayInTheirDevicesSets) {
 
 TEST_F(Addresses, AnInternalInterfaceMovesWithItsAddress) {
     Device* device = addDevice(7, Role::internal, "127.0.0.1");
-    ASSERT_TRUE(device->started);
+    ASSERT_TRUE(device->isStarted());
     tracking.applyAddress(addressRecord(71, "127.0.0.2", 7));
     takeLog();
     tracking.applyAddress(deletedRecord(70));
     EXPECT_EQ(takeLog(),
               "dev: 7 remove address: 127.0.0.1 (70)\ndev: 7 ip: 127.0.0.2\nstop int: if7\nsendAdverts\n"
               "intr: 0 2130706434\nstart int: if7 127.0.0.2\nsendAdverts\n");
-    EXPECT_TRUE(device->started);
+    EXPECT_TRUE(device->isStarted());
     tracking.applyAddress(deletedRecord(71));
-    EXPECT_FALSE(device->started);
+    EXPECT_FALSE(device->isStarted());
     EXPECT_EQ(takeLog(),
               "dev: 7 remove address: 127.0.0.2 (71)\ndev: 7 ip: 0.0.0.0\nstop int: if7\nsendAdverts\n");
 }
 
 TEST_F(Addresses, TheFirstAddressStartsAnInternalInterface) {
     Device* device = addDevice(7, Role::internal);
-    EXPECT_FALSE(device->started);
+    EXPECT_FALSE(device->isStarted());
     EXPECT_EQ(takeLog(), "add dev: if7\nset type: 2 7\nintr: 0 0\n");
     tracking.applyAddress(addressRecord(70, "127.0.0.1", 7));
-    EXPECT_TRUE(device->started);
+    EXPECT_TRUE(device->isStarted());
 }
 
 TEST_F(Addresses, AnExternalInterfaceReportsItsNewAddress) {
@@ -192,7 +192,7 @@ TEST_F(Addresses, WhileUpnpIsOffAnAddressIsStoredAndNothingStarts) {
     Device* device = addDevice(7, Role::internal);
     tracking.applyAddress(addressRecord(70, "127.0.0.1", 7));
     EXPECT_EQ(dotted(device), "127.0.0.1");
-    EXPECT_FALSE(device->started);
+    EXPECT_FALSE(device->isStarted());
 }
 
 }  // namespace

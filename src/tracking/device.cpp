@@ -12,7 +12,7 @@ bool NumericOrder::operator()(std::uint32_t left, std::uint32_t right) const {
 }
 
 Device::~Device() {
-    assert(!started);
+    assert(!isStarted());
 }
 
 std::uint32_t Device::id() const {

@@ -35,10 +35,10 @@ public:
     bool disabled = false;
     bool running = false;
     std::set<std::uint32_t, NumericOrder> addresses;
-    std::uint32_t address = 0;  // the one that is used, in network order; 0: none
-    bool started = false;
-    int ssdpSocket = 0;  // internal role; 0 while stopped, -1 when it could not be opened
-    int httpSocket = 0;  // internal role: the listener; likewise
+    std::uint32_t address = 0;    // the one that is used, in network order; 0: none
+    Role startedAs = Role::none;  // the role that is started, whatever `type` has become meanwhile
+    int ssdpSocket = 0;           // internal role; 0 while stopped, -1 when it could not be opened
+    int httpSocket = 0;           // internal role: the listener; likewise
     std::unique_ptr<WANCommonInterfaceConfig> commonConfig;  // external role
     std::unique_ptr<WANIPConnection> ipConnection;           // external role
 
@@ -47,6 +47,9 @@ public:
     std::uint32_t index() const;
     std::string name() const;
     std::string displayName() const;
+
+    /// True while a role is started.
+    bool isStarted() const { return startedAs != Role::none; }
 
     /// The state that WANIPConnection reports: 3 when the interface is disabled, else 2 when it is running,
     /// else 1.

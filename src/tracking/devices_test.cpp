@@ -43,7 +43,7 @@ TEST_F(Devices, AChangedRecordKeepsStatusAddressesAndRole) {
     changed.insert_bool(0xFE000A, true);
     tracking.deviceChanged(changed);
     EXPECT_EQ(tracking.deviceOf(7), device);
-    EXPECT_TRUE(device->started);
+    EXPECT_TRUE(device->isStarted());
     EXPECT_TRUE(device->running);
     EXPECT_FALSE(device->disabled);
     EXPECT_EQ(dotted(device), "198.51.100.1");
@@ -52,7 +52,7 @@ TEST_F(Devices, AChangedRecordKeepsStatusAddressesAndRole) {
 TEST_F(Devices, TakeTheRoleOfTheItemThatNamesThem) {
     addDevice(7, Role::external);
     EXPECT_EQ(takeLog(), "add dev: if7\nset type: 1 7\nstart ext: if7\ninitial external addr: 0.0.0.0\n");
-    EXPECT_TRUE(tracking.deviceOf(7)->started);
+    EXPECT_TRUE(tracking.deviceOf(7)->isStarted());
 }
 
 TEST_F(Devices, TakeTheRoleButDoNotStartItWhileUpnpIsOff) {
@@ -60,7 +60,7 @@ TEST_F(Devices, TakeTheRoleButDoNotStartItWhileUpnpIsOff) {
     addDevice(7, Role::external);
     EXPECT_EQ(takeLog(), "add dev: if7\nset type: 1 7\n");
     EXPECT_EQ(tracking.deviceOf(7)->type, Role::external);
-    EXPECT_FALSE(tracking.deviceOf(7)->started);
+    EXPECT_FALSE(tracking.deviceOf(7)->isStarted());
 }
 
 TEST_F(Devices, StatusComesOnlyFromStatusRecordsAndKeepsWhatTheyLack) {
@@ -164,7 +164,15 @@ TEST_F(Devices, AreSubscribedBeforeTheirListIsRead) {
 TEST_F(Devices, AListThatLeadsBackToItselfEnds) {
     loop.bus.answer({20, 0}, 1, page({}, 5));
     tracking.getDevices();
-    EXPECT_EQ(loop.bus.requestsTo({20, 0}, 1).size(), 10000u);
+    EXPECT_EQ(loop.bus.requestsTo({20, 0}, 1).size(), 2u);
+}
+
+TEST_F(Devices, PagesThatLeadToOneAnotherEnd) {
+    loop.bus.answer({20, 0}, 1, [](const tk::message& request) {
+        return page({}, request.get_u32(0xFE0003) == 5 ? 6 : 5);
+    });
+    tracking.getDevices();
+    EXPECT_EQ(loop.bus.requestsTo({20, 0}, 1).size(), 3u);
 }
 
 TEST_F(Devices, APageThatFailsIsLogged) {

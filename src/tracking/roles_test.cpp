@@ -90,7 +90,7 @@ TEST_F(Roles, InternalCountsAsStartedEvenWhenItsSocketsFail) {
     tracking.applyAddress(addressRecord(70, "192.0.2.1", 7));
     tracking.deviceChanged(interfaceRecord(7, "nosuchif"));
     const Device* device = tracking.deviceOf(7);
-    EXPECT_TRUE(device->started);
+    EXPECT_TRUE(device->isStarted());
     EXPECT_EQ(device->ssdpSocket, -1);
     EXPECT_EQ(device->httpSocket, -1);
     EXPECT_EQ(loop.looper.runner().socketCount(), 0u);
@@ -102,6 +102,35 @@ TEST_F(Roles, InternalCountsAsStartedEvenWhenItsSocketsFail) {
         "advert sendto failed: Bad file descriptor\nadvert sendto failed: Bad file descriptor\n");
 }
 
+TEST_F(Roles, InternalStopsAsWhatItWasStarted) {
+    Device* device = addDevice(7, Role::internal, "127.0.0.1");
+    takeLog();
+    device->type = Role::external;
+    tracking.stopRole(device);
+    EXPECT_EQ(takeLog(), "stop int: if7\nsendAdverts\n");
+    EXPECT_EQ(loop.looper.runner().socketCount(), 0u);
+    EXPECT_EQ(loop.looper.runner().timerCount(), 0u);
+}
+
+TEST_F(Roles, ExternalStopsAsWhatItWasStarted) {
+    Device* device = addDevice(8, Role::external, "198.51.100.1");
+    takeLog();
+    device->type = Role::none;
+    tracking.stopRole(device);
+    EXPECT_EQ(takeLog(), "stop ext: if8\n");
+    EXPECT_EQ(device->ipConnection, nullptr);
+    EXPECT_TRUE(host.root.devices.empty());
+}
+
+TEST_F(Roles, InterfaceWithTwoRolesLeavesNothingBehindWhenItGoes) {
+    host.items = {{7, Role::internal}, {7, Role::external}};
+    tracking.applyAddress(addressRecord(70, "127.0.0.1", 7));
+    tracking.deviceChanged(interfaceRecord(7, "lo"));
+    tracking.deviceChanged(goneRecord(7, "lo"));
+    EXPECT_EQ(loop.looper.runner().socketCount(), 0u);
+    EXPECT_EQ(loop.looper.runner().timerCount(), 0u);
+}
+
 TEST_F(Roles, ExternalStartAnnouncesOnlyItsOwnSubtree) {
     addDevice(7, Role::internal, "127.0.0.1");
     heard();
@@ -111,7 +140,7 @@ TEST_F(Roles, ExternalStartAnnouncesOnlyItsOwnSubtree) {
               "dev: 8 add address: 198.51.100.1 (80)\nadd dev: if8\nset type: 1 8\nstart ext: if8\n"
               "initial external addr: 198.51.100.1\nsendAdverts\n");
     EXPECT_EQ(heard(), of("ssdp:alive", wanTypes));
-    EXPECT_TRUE(device->started);
+    EXPECT_TRUE(device->isStarted());
     EXPECT_EQ(discovery.advertTargets.size(), rootTypes.size() + wanTypes.size());  // the whole tree again
 }
 
@@ -160,7 +189,7 @@ TEST_F(Roles, TwoExternalInterfacesDifferOnlyByTheirId) {
     tracking.stopExt(tracking.deviceOf(8));
     ASSERT_EQ(host.root.devices.size(), 1u);
     EXPECT_EQ(host.root.devices.front().UDN, "UUID-VANTOREL-WAN-DEVICE-identity-9");
-    EXPECT_TRUE(second->started);
+    EXPECT_TRUE(second->isStarted());
 }
 
 /// Sends one request to the HTTP listener of an internal interface on the loopback.
@@ -214,7 +243,7 @@ TEST_F(Roles, ExternalCopiesOnlyTheFlagForDisabling) {
 }
 
 TEST_F(Roles, ExternalServesAnAddresslessInterfaceToo) {
-    EXPECT_TRUE(addDevice(8, Role::external)->started);
+    EXPECT_TRUE(addDevice(8, Role::external)->isStarted());
 }
 
 TEST_F(Roles, EnableSubscribesWalksAndStartsExternalAndInternalInItemOrder) {

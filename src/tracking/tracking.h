@@ -68,6 +68,7 @@ public:
     void disable();
     /// Starts the role that the device's type gives it. Call only while UPnP is enabled.
     void startRole(Device* device);
+    /// Stops the role that was started, whatever the device's type is now.
     void stopRole(Device* device);
     void startInt(Device* device);
     void stopInt(Device* device);

@@ -12,7 +12,6 @@
 
 namespace {
 
-constexpr std::size_t pageLimit = 10000;           // a list that leads back to itself must end too
 constexpr std::uint32_t statusWalkTimeout = 3000;  // milliseconds
 
 std::string displayNameOf(const tk::message& record) {
@@ -31,8 +30,9 @@ void Tracking::getDevices() {
         return host.busHandler().unsubscribe(tk::path::interfaces(), tk::interfaceChanged, {});
     clearDevices();
     host.busHandler().subscribe(tk::path::interfaces(), tk::interfaceChanged, {});
+    tk::PageTrail trail;
     std::uint32_t next = tk::unassigned;
-    for (std::size_t pages = 0; pages < pageLimit; ++pages) {
+    do {
         tk::message request;
         request.insert_u32_array(tk::field::destination, tk::path::interfaces());
         if (next != tk::unassigned) request.insert_u32(tk::field::next, next);
@@ -42,8 +42,7 @@ void Tracking::getDevices() {
             tk::log("device::CMD_GETDEVS failed: ", tk::getError(reply));
         for (const tk::message& record : reply.get_message_array(tk::field::objects)) deviceChanged(record);
         next = reply.get_u32(tk::field::next, tk::unassigned);
-        if (next == tk::unassigned) return;
-    }
+    } while (trail.goesOn(next));
 }
 
 void Tracking::clearDevices() {

@@ -8,7 +8,7 @@
 #include "tracking/wandevice.h"
 
 void Tracking::startExt(Device* device) {
-    if (device->started) return;
+    if (device->isStarted()) return;
     tk::log("start ext: ", device->displayName());
     std::list<UpnpDevice>& wanDevices = host.rootDevice().devices;
     wanDevices.push_back(makeWanDevice(host.identity(), device->id()));
@@ -16,11 +16,11 @@ void Tracking::startExt(Device* device) {
     device->ipConnection->setConnectionStatus(device->connectionStatus());
     advertiseSubtree(wanDevices.back(), false);
     rebuildAdvertTargets();
-    device->started = true;
+    device->startedAs = Role::external;
 }
 
 void Tracking::stopExt(Device* device) {
-    if (!device->started) return;
+    if (device->startedAs != Role::external) return;
     tk::log("stop ext: ", device->displayName());
     std::list<UpnpDevice>& wanDevices = host.rootDevice().devices;
     const std::string udn = wanDeviceUDN(host.identity(), device->id());
@@ -32,7 +32,7 @@ void Tracking::stopExt(Device* device) {
         rebuildAdvertTargets();  // behind the removal: between operations the table describes the whole tree
     }
     removeServices(device);
-    device->started = false;
+    device->startedAs = Role::none;
 }
 
 void Tracking::addServices(Device* device) {
@@ -58,7 +58,7 @@ void Tracking::advertiseSubtree(const UpnpDevice& subtree, bool byebye) {
     discovery.advertTargets.clear();
     subtree.collectAdvertTargets(discovery.advertTargets);
     for (const auto& [id, device] : devices)
-        if (device->type == Role::internal && device->started)
+        if (device->startedAs == Role::internal)
             sendAdverts({device->ssdpSocket, device->address, device->name()}, discovery.advertTargets,
                         byebye);
 }

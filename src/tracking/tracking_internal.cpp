@@ -27,13 +27,13 @@ void closeSocket(int& socket) {
 }  // namespace
 
 void Tracking::startInt(Device* device) {
-    tk::log("intr: ", device->started, " ", ntohl(device->address));
-    if (device->started || device->address == 0) return;
+    tk::log("intr: ", device->isStarted(), " ", ntohl(device->address));
+    if (device->isStarted() || device->address == 0) return;
     tk::log("start int: ", device->displayName(), " ", ipToString(device->address));
     openSockets(device);
     tk::getRunner()->addTimer<Device, &Device::readvertise>(device, advertiseTicks);
     sendAdverts(ssdpInterface(*device), discovery.advertTargets, false);
-    device->started = true;
+    device->startedAs = Role::internal;
 }
 
 void Tracking::openSockets(Device* device) {
@@ -54,11 +54,11 @@ void Tracking::readvertise(Device* device) {
 }
 
 void Tracking::stopInt(Device* device) {
-    if (!device->started) return;
+    if (device->startedAs != Role::internal) return;
     tk::log("stop int: ", device->displayName());
     sendAdverts(ssdpInterface(*device), discovery.advertTargets, true);
     tk::getRunner()->removeTimer<Device, &Device::readvertise>(device);
     closeSocket(device->ssdpSocket);
     closeSocket(device->httpSocket);
-    device->started = false;
+    device->startedAs = Role::none;
 }

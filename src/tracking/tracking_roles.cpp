@@ -40,7 +40,7 @@ void Tracking::startRole(Device* device) {
 }
 
 void Tracking::stopRole(Device* device) {
-    switch (device->type) {
+    switch (device->startedAs) {
         case Role::none:
             return;
         case Role::external:
