@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "resolver/hostname.h"
+#include "tk/bus.h"
 #include "tk/looper.h"
 #include "tk/names.h"
 
@@ -42,14 +43,14 @@ tk::message Resolver::lookUp(const std::string& name, const tk::message& request
     if (const auto same = pending.find(name); same != pending.end()) {
         if (same->second.requests.size() >= waitingLimit)
             return tk::errorMsg(tk::error::busy, "too many requests wait for this name");
-        same->second.requests.push_back(request);
+        same->second.requests.push_back(tk::routingOf(request));
         return answerLater();
     }
     if (pending.size() >= lookupLimit)
         return tk::errorMsg(tk::error::busy, "too many names are being looked up");
     idleTime.disarm();
     Pending& added = pending[name];
-    added.requests.push_back(request);
+    added.requests.push_back(tk::routingOf(request));
     Lookup::Owner& owner = *this;
     added.lookup = std::make_unique<Lookup>(name, settings.servers, owner);
     added.lookup->start();  // may have ended, and be gone, when this returns

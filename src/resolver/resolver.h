@@ -52,7 +52,7 @@ public:
 private:
     struct Pending {
         std::unique_ptr<Lookup> lookup;
-        std::vector<tk::message> requests;
+        std::vector<tk::message> requests;  // the routing of each: all that its answer needs
     };
 
     void lookupEnded(const std::string& name, const Answer& answer) override;

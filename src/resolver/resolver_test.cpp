@@ -1,6 +1,7 @@
 #include "resolver/resolver.h"
 
 #include <arpa/inet.h>
+#include <malloc.h>
 
 #include <gtest/gtest.h>
 
@@ -26,8 +27,9 @@ protected:
     Settings settings() { return {idleTicks, dns.address(), {folder.file("hosts")}}; }
 
     /// Sends a request with the next number.
-    void ask(const std::string& name) {
+    void ask(const std::string& name, const std::string& more = {}) {
         tk::message request;
+        if (!more.empty()) request.insert_string(99, more);
         request.insert_u32_array(tk::field::destination, {tk::program::gateway});
         request.insert_string(Resolver::nameField, name);
         tk::stamp(request, {1000}, ++numbers, tk::Kind::request, Resolver::resolveCommand);
@@ -63,6 +65,14 @@ protected:
     Resolver resolver{settings()};
     std::uint32_t numbers = 0;
 };
+
+TEST_F(ResolverTest, KeepsOfAWaitingRequestOnlyWhatItsAnswerNeeds) {
+    constexpr std::size_t size = std::size_t{512} * 1024;
+    const std::size_t before = ::mallinfo2().uordblks + ::mallinfo2().hblkhd;
+    for (std::size_t i = 0; i < Resolver::waitingLimit; ++i) ask("nas.example", std::string(size, 'x'));
+    EXPECT_LT(::mallinfo2().uordblks + ::mallinfo2().hblkhd, before + size);
+    EXPECT_TRUE(ended().empty());  // all of them wait
+}
 
 TEST_F(ResolverTest, AnswersWhenTheNameServerHas) {
     ask("nas.example");
