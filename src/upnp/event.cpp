@@ -95,10 +95,8 @@ void Service::dropOrphanedEvents() {
 
 void Service::sendEvent(const Subscription& subscription, const std::string& varName) {
     if (events.size() >= deliveryLimit) dropOrphanedEvents();
-    if (!mayDeliverTo(subscription)) {
-        errno = EMFILE;  // as if the system had no descriptor left for this one
-        return tk::log("tcp socket: ", tk::errorText());
-    }
+    if (!mayDeliverTo(subscription))
+        return tk::log("notify dropped: too many are on their way to ", ipToString(subscription.address));
     tk::Fd socket = startConnecting(subscription.address, subscription.port);
     if (!socket.isOpen()) return;
     const int descriptor = socket.get();
