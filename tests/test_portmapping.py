@@ -4,7 +4,7 @@ import socket
 
 import pytest
 
-from control_point import call, mapping, result
+from control_point import call, fault, mapping, result
 from labs import LAN1, LAN2, ROUTER_WAN, WAN, eventually
 
 
@@ -259,3 +259,20 @@ def test_large_transfers_pass_unharmed(lab, path, server):
     near.close()
     far.close()
     delete(lab, path)
+
+
+def test_a_host_that_fills_its_share_of_descriptions_harms_no_other(lab, path):
+    text = "x" * 100000
+    full = fault(501, "Action Failed")
+    answers = []
+    for port in range(1001, 1012):  # 1.1 MB, of 1 MiB
+        answers.append(call(lab.lan1, path, "AddPortMapping", mapping(external=port, description=text)))
+    assert answers == [result("AddPortMapping")] * 10 + [full]
+    assert call(lab.lan1, path, "AddPortMapping", mapping(external=1011, description="x" * 50000)) == full
+    assert "add nat failed: the descriptions of this host's mappings take too much memory" in lab.upnpd.lines
+    assert call(lab.lan2, path, "AddPortMapping",
+                mapping(external=1011, client=LAN2, description=text)) == result("AddPortMapping")
+    for port in range(1001, 1012):
+        delete(lab, path, port)
+    add(lab, path, external=1001, description=text)  # what is deleted counts no more
+    delete(lab, path, 1001)

@@ -20,6 +20,7 @@ struct PortMap {
     std::string description;          // the client's own; the firewall never gets it
     std::uint32_t leaseDuration = 0;  // always 0: only permanent mappings are accepted
     std::uint32_t natId = 0;          // the bus object of the NAT rule
+    std::uint32_t requester = 0;      // the host that asked for it last; IPv4, network order
 };
 
 /// Reads a key from a client's texts: the port is cut to 16 bits, and everything but "TCP" is UDP.

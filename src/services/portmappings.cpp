@@ -8,10 +8,6 @@
 
 namespace {
 
-// Descriptions of all mappings together: clients must not fill the router's memory with them. Units: bytes.
-constexpr std::size_t descriptionLimit = std::size_t{16} * 1024 * 1024;
-constexpr const char* noRoom = "the descriptions of all mappings take too much memory";
-
 constexpr std::uint32_t noAddress = 0xFFFFFFFF;  // what toAddress() gives for every text that is no address
 
 // Some control points want to see at least one entry; it exists in answers alone, and always stands first.
@@ -63,6 +59,7 @@ UPNPStatus WANIPConnection::addPortMapping(const Arguments& in, Arguments&) {
     map.enabled = isTrue(in[5]);
     map.description = in[6];
     map.leaseDuration = toUnsigned(in[7]);
+    map.requester = requester();
     if (map.leaseDuration != 0) {
         tk::log("addPortMapping: ONLY_PERM_LEASES");
         return upnpstatus::onlyPermanentLeasesSupported;
@@ -73,13 +70,9 @@ UPNPStatus WANIPConnection::addPortMapping(const Arguments& in, Arguments&) {
     return isNew ? addMap(id, std::move(map)) : changeMap(existing->second, std::move(map));
 }
 
-bool WANIPConnection::hasRoom(const std::string& description, std::size_t oldLength) const {
-    return descriptionBytes - oldLength + description.size() <= descriptionLimit;
-}
-
 UPNPStatus WANIPConnection::addMap(const Id& id, PortMap map) {
-    if (!hasRoom(map.description, 0)) {
-        tk::log("add nat failed: ", noRoom);
+    if (const char* reason = descriptions.refusal(map, nullptr)) {
+        tk::log("add nat failed: ", reason);
         return upnpstatus::actionFailed;
     }
     const tk::message reply = createNatRule(id, map, externalAddress);
@@ -88,7 +81,7 @@ UPNPStatus WANIPConnection::addMap(const Id& id, PortMap map) {
         return upnpstatus::actionFailed;
     }
     map.natId = reply.get_u32(tk::field::objectId);
-    descriptionBytes += map.description.size();
+    descriptions.take(map);
     portMaps[id] = std::move(map);
     countMaps(showDummyRule);
     return upnpstatus::ok;
@@ -99,8 +92,8 @@ UPNPStatus WANIPConnection::changeMap(PortMap& existing, PortMap map) {
         tk::log("addPortMapping: CONFLICT_IN_ENTRY");
         return upnpstatus::conflictInMappingEntry;
     }
-    if (!hasRoom(map.description, existing.description.size())) {
-        tk::log("set nat failed: ", noRoom);
+    if (const char* reason = descriptions.refusal(map, &existing)) {
+        tk::log("set nat failed: ", reason);
         return upnpstatus::actionFailed;
     }
     map.natId = existing.natId;
@@ -109,7 +102,8 @@ UPNPStatus WANIPConnection::changeMap(PortMap& existing, PortMap map) {
         tk::log("set nat failed: ", tk::getError(reply));
         return upnpstatus::actionFailed;
     }
-    descriptionBytes = descriptionBytes - existing.description.size() + map.description.size();
+    descriptions.giveBack(existing);
+    descriptions.take(map);
     existing = std::move(map);
     return upnpstatus::ok;
 }
@@ -127,7 +121,7 @@ UPNPStatus WANIPConnection::deletePortMapping(const Arguments& in, Arguments&) {
         tk::log("remove nat failed: ", tk::getError(reply));
         return upnpstatus::actionFailed;
     }
-    descriptionBytes -= existing->second.description.size();
+    descriptions.giveBack(existing->second);
     portMaps.erase(existing);
     countMaps(showDummyRule);
     return upnpstatus::ok;

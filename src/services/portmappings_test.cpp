@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "services/testing/servicecalls.h"
+#include "services/testing/soapcalls.h"
 #include "services/wanipconnection.h"
 #include "tk/names.h"
 #include "tk/testing/testloop.h"
@@ -62,6 +63,11 @@ protected:
                  out);
         EXPECT_EQ(out, Texts());
         return status;
+    }
+    /// The host of that address asks from now on.
+    void askAs(std::uint32_t source) {
+        EXPECT_EQ(soapCall(*service, "GetExternalIPAddress", "", source).title, "HTTP/1.1 200 OK");
+        takeLog();
     }
     UPNPStatus deleteMapping(const Texts& key) {
         Texts out;
@@ -354,24 +360,39 @@ TEST_F(PortMappings, RulesAddedAfterAnAddressChangeUseTheNewAddress) {
     EXPECT_TRUE(sent(tk::command::setObject).empty());  // the one before keeps its own
 }
 
-TEST_F(PortMappings, DescriptionsMayTake16MiBTogether) {
+TEST_F(PortMappings, DescriptionsOfOneHostAreLimitedAndHarmNoOther) {
     const std::string large(std::size_t{1024} * 1024, 'x');
-    for (int port = 1; port <= 16; ++port)
-        EXPECT_EQ(addMapping({.externalPort = std::to_string(port), .description = large}), 0);
+    askAs(client);
+    EXPECT_EQ(addMapping({.description = large}), 0);
     takeLog();
-    EXPECT_EQ(addMapping({.externalPort = "17", .description = "x"}), 501);
-    EXPECT_EQ(addMapping({.externalPort = "16", .description = large + "x"}), 501);
-    EXPECT_EQ(
-        takeLog(),
-        "add map 17->8080, 192.0.2.2\nadd nat failed: the descriptions of all mappings take too much memory\n"
-        "set map 16->8080, 192.0.2.2\nset nat failed: the descriptions of all mappings take too much "
-        "memory\n");
-    EXPECT_EQ(sent(tk::command::addObject).size(), 16u);
+    EXPECT_EQ(addMapping({.externalPort = "81", .description = "x"}), 501);
+    EXPECT_EQ(addMapping({.description = large + "x"}), 501);
+    EXPECT_EQ(takeLog(),
+              "add map 81->8080, 192.0.2.2\n"
+              "add nat failed: the descriptions of this host's mappings take too much memory\n"
+              "set map 80->8080, 192.0.2.2\n"
+              "set nat failed: the descriptions of this host's mappings take too much memory\n");
+    EXPECT_EQ(sent(tk::command::addObject).size(), 1u);
     EXPECT_TRUE(sent(tk::command::setObject).empty());
-    EXPECT_EQ(addMapping({.externalPort = "16", .description = "short"}), 0);
-    EXPECT_EQ(addMapping({.externalPort = "17", .description = "x"}), 0);
-    EXPECT_EQ(deleteMapping({"", "1", "TCP"}), 0);
-    EXPECT_EQ(addMapping({.externalPort = "18", .description = large}), 0);
+
+    askAs(inet_addr("192.0.2.9"));
+    EXPECT_EQ(addMapping({.externalPort = "81", .description = large}), 0);
+    askAs(client);
+    EXPECT_EQ(addMapping({.description = "short"}), 0);
+    EXPECT_EQ(addMapping({.externalPort = "82", .description = large.substr(5)}), 0);
+    EXPECT_EQ(addMapping({.externalPort = "83", .description = "x"}), 501);
+    EXPECT_EQ(deleteMapping({"", "82", "TCP"}), 0);
+    EXPECT_EQ(addMapping({.externalPort = "83", .description = "x"}), 0);
+}
+
+TEST_F(PortMappings, DescriptionCountsToTheHostThatChangedItLast) {
+    const std::string large(std::size_t{1024} * 1024, 'x');
+    askAs(client);
+    EXPECT_EQ(addMapping({.description = large}), 0);
+    askAs(inet_addr("192.0.2.9"));
+    EXPECT_EQ(addMapping({}), 0);
+    askAs(client);
+    EXPECT_EQ(addMapping({.externalPort = "81", .description = large}), 0);
 }
 
 TEST_F(PortMappings, DestructionRemovesEveryRuleInOrderAndGoesOnBehindAFailure) {

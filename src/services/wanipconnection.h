@@ -1,11 +1,11 @@
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <string>
 #include <vector>
 
+#include "services/descriptionbudget.h"
 #include "services/portmap.h"
 #include "upnp/service.h"
 
@@ -51,9 +51,6 @@ private:
     UPNPStatus getSpecificPortMappingEntry(const Arguments& in, Arguments& out);
     [[nodiscard]] UPNPStatus addMap(const Id& id, PortMap map);
     [[nodiscard]] UPNPStatus changeMap(PortMap& existing, PortMap map);
-    /// True when a description that takes the place of one of `oldLength` bytes leaves all of them within
-    /// bounds.
-    [[nodiscard]] bool hasRoom(const std::string& description, std::size_t oldLength) const;
     void countMaps(bool withDummy);
     void removeNatRules();
 
@@ -61,5 +58,5 @@ private:
     std::map<Id, PortMap> portMaps;
     std::uint32_t externalAddress;
     bool showDummyRule = true;
-    std::size_t descriptionBytes = 0;  // of all mappings
+    DescriptionBudget descriptions;
 };

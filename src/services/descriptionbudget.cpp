@@ -1,0 +1,26 @@
+#include "services/descriptionbudget.h"
+
+const char* DescriptionBudget::refusal(const PortMap& added, const PortMap* replaced) const {
+    const std::size_t freed = replaced ? replaced->description.size() : 0;
+    const auto share = shares.find(added.requester);
+    std::size_t own = share == shares.end() ? 0 : share->second;
+    if (replaced && replaced->requester == added.requester) own -= freed;
+    const std::size_t size = added.description.size();
+    if (own + size > hostLimit) return "the descriptions of this host's mappings take too much memory";
+    if (total - freed + size > limit) return "the descriptions of all mappings take too much memory";
+    return nullptr;
+}
+
+void DescriptionBudget::take(const PortMap& map) {
+    if (map.description.empty()) return;
+    shares[map.requester] += map.description.size();
+    total += map.description.size();
+}
+
+void DescriptionBudget::giveBack(const PortMap& map) {
+    if (map.description.empty()) return;
+    const auto share = shares.find(map.requester);
+    share->second -= map.description.size();
+    if (share->second == 0) shares.erase(share);
+    total -= map.description.size();
+}

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+
+#include "services/portmap.h"
+
+/// How much memory the descriptions of mappings take: of those that one host asked for, and of all. So one
+/// host that fills its share leaves the others theirs. Units: bytes.
+class DescriptionBudget {
+public:
+    static constexpr std::size_t hostLimit = std::size_t{1} * 1024 * 1024;
+    static constexpr std::size_t limit = std::size_t{16} * 1024 * 1024;
+
+    /// Why there is no room for a mapping, in the place of `replaced` where that is not null. Null when there
+    /// is.
+    [[nodiscard]] const char* refusal(const PortMap& added, const PortMap* replaced) const;
+    /// Counts the description of a mapping to the host that asked for it.
+    void take(const PortMap& map);
+    /// Gives that back.
+    void giveBack(const PortMap& map);
+
+private:
+    std::map<std::uint32_t, std::size_t> shares;  // by the host's address; none for those without bytes
+    std::size_t total = 0;
+};
