@@ -15,9 +15,9 @@
 #include "ctl/history.h"
 #include "ctl/interfaces.h"
 #include "ctl/nat.h"
-#include "ctl/text.h"
 #include "ctl/upnp.h"
 #include "ctl/upnpitems.h"
+#include "tk/characters.h"
 #include "tk/log.h"
 
 namespace ctl {
@@ -53,7 +53,7 @@ void addAllCommands(CLI::App& app, Context& context) {
 }
 
 Status fail(std::ostream& errors, const std::string& reason, Status status) {
-    errors << "tkctl: " << printable(reason) << '\n';
+    errors << "tkctl: " << tk::printable(reason) << '\n';
     return status;
 }
 
@@ -104,7 +104,7 @@ std::string misuseOf(const CLI::App& app) {
 }
 
 void writeNotes(const Context& context, std::ostream& errors) {
-    for (const std::string& note : context.notes) errors << "note: " << printable(note) << '\n';
+    for (const std::string& note : context.notes) errors << "note: " << tk::printable(note) << '\n';
 }
 
 /// Sends the answer out to the last byte, or says why that fails.

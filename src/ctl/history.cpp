@@ -6,6 +6,7 @@
 #include "ctl/json.h"
 #include "ctl/table.h"
 #include "ctl/text.h"
+#include "tk/characters.h"
 #include "tk/records.h"
 
 namespace ctl {
@@ -34,7 +35,8 @@ void undoLast(Context& context) {
     Json answer;
     answer["id"] = undone.get_u32(tk::field::objectId);
     answer["description"] = undone.get_string(tk::historyfield::description);
-    context.print(answer, "undone: " + printable(undone.get_string(tk::historyfield::description)) + "\n");
+    context.print(answer,
+                  "undone: " + tk::printable(undone.get_string(tk::historyfield::description)) + "\n");
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "ctl/text.h"
+#include "tk/characters.h"
 
 namespace ctl {
 
@@ -20,7 +21,7 @@ Table::Table(Row headings) : widths(headings.size()) {
 
 void Table::add(Row cells) {
     assert(cells.size() == widths.size());
-    for (std::string& cell : cells) cell = cell.empty() ? "-" : printable(cell);
+    for (std::string& cell : cells) cell = cell.empty() ? "-" : tk::printable(cell);
     append(std::move(cells));
 }
 

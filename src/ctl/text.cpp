@@ -7,7 +7,7 @@
 #include <charconv>
 #include <limits>
 
-#include "ctl/characters.h"
+#include "tk/characters.h"
 
 namespace ctl {
 
@@ -16,38 +16,13 @@ namespace {
 constexpr std::uint32_t tcp = 6;
 constexpr std::uint32_t udp = 17;
 
-void appendEscaped(std::string& out, std::string_view bytes) {
-    static constexpr char digits[] = "0123456789abcdef";
-    for (const char each : bytes) {
-        const auto byte = static_cast<unsigned char>(each);
-        out += "\\x";
-        out += digits[byte >> 4];
-        out += digits[byte & 15];
-    }
-}
-
 }  // namespace
-
-std::string printable(std::string_view text) {
-    std::string out;
-    out.reserve(text.size());
-    while (!text.empty()) {
-        const Character character = firstCharacter(text);
-        const std::size_t length = std::max<std::size_t>(character.length, 1);
-        if (character.length > 0 && isPlain(character.code))
-            out += text.substr(0, length);
-        else
-            appendEscaped(out, text.substr(0, length));
-        text.remove_prefix(length);
-    }
-    return out;
-}
 
 std::size_t displayWidth(std::string_view text) {
     std::size_t width = 0;
     while (!text.empty()) {
-        const Character character = firstCharacter(text);
-        width += character.length > 0 ? columnsOf(character.code) : 1;
+        const tk::Character character = tk::firstCharacter(text);
+        width += character.length > 0 ? tk::columnsOf(character.code) : 1;
         text.remove_prefix(std::max<std::size_t>(character.length, 1));
     }
     return width;

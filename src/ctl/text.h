@@ -9,10 +9,6 @@
 
 namespace ctl {
 
-/// The text as it may go to a terminal: control characters, also those above 0x7f and those that turn the
-/// direction of a text, and whatever is no UTF-8 are written as \xNN, byte by byte.
-[[nodiscard]] std::string printable(std::string_view text);
-
 /// How many columns of a terminal a printable text takes.
 [[nodiscard]] std::size_t displayWidth(std::string_view text);
 

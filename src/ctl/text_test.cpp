@@ -7,44 +7,6 @@
 namespace ctl {
 namespace {
 
-struct Printable {
-    const char* name;
-    std::string_view text;
-    const char* expected;
-};
-
-constexpr Printable printables[] = {
-    {"Plain", "web server", "web server"},
-    {"Empty", "", ""},
-    {"Umlaut", "T\xc3\xbcr", "T\xc3\xbcr"},
-    {"FourByteCharacter", "\xf0\x9f\x8f\xa0", "\xf0\x9f\x8f\xa0"},
-    {"LineEnds", "a\r\nb", "a\\x0d\\x0ab"},
-    {"EscapeSequence", "\x1b[2J", "\\x1b[2J"},
-    {"Nul", std::string_view("a\0b", 3), "a\\x00b"},
-    {"Delete", "\x7f", "\\x7f"},
-    {"UpperControl",
-     "\xc2\x9b"
-     "2J",
-     "\\xc2\\x9b2J"},
-    {"LoneContinuation", "\x9b", "\\x9b"},
-    {"CutCharacter", "\xc3", "\\xc3"},
-    {"Overlong", "\xc0\x8a", "\\xc0\\x8a"},
-    {"OverlongOfThree", "\xe0\x80\x8a", "\\xe0\\x80\\x8a"},
-    {"Surrogate", "\xed\xa0\x80", "\\xed\\xa0\\x80"},
-    {"RightToLeftOverride", "web\xe2\x80\xaegnp", "web\\xe2\\x80\\xaegnp"},
-    {"LineSeparator", "a\xe2\x80\xa8", "a\\xe2\\x80\\xa8"},
-    {"RightToLeftLetter", "\xd7\x90", "\xd7\x90"},
-    {"OverlongOfFour", "\xf0\x80\x80\x8a", "\\xf0\\x80\\x80\\x8a"},
-    {"BeyondUnicode", "\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"},
-};
-
-class PrintableTest : public testing::TestWithParam<Printable> {};
-TEST_P(PrintableTest, EscapesAsTabled) {
-    EXPECT_EQ(printable(GetParam().text), GetParam().expected);
-}
-INSTANTIATE_TEST_SUITE_P(Texts, PrintableTest, testing::ValuesIn(printables),
-                         [](const auto& row) { return std::string(row.param.name); });
-
 TEST(Text, WidthCountsCharacters) {
     EXPECT_EQ(displayWidth("T\xc3\xbcr"), 3U);
     EXPECT_EQ(displayWidth(""), 0U);

@@ -8,12 +8,29 @@
 #include <cerrno>
 #include <deque>
 
+#include "tk/characters.h"
+
 namespace tk {
 
 namespace {
 
 constexpr std::size_t waitingLimit = std::size_t{256} * 1024;  // bytes that may wait for a stalled reader
 constexpr int lastWaitMilliseconds = 1000;                     // for such a reader, when the process ends
+
+constexpr std::size_t lineLimit = PIPE_BUF - 1;  // bytes, with the line end what a pipe takes whole
+constexpr std::string_view cutMark = " [cut]";
+
+/// The text as it goes into the log. What others wrote must not make a line of its own, steer the terminal of
+/// who reads it, or fill the log.
+std::string lineOf(std::string_view text) {
+    std::string_view rest = text;
+    std::string line = takePrintable(rest, lineLimit);
+    if (rest.empty()) return line;
+    rest = text;
+    line = takePrintable(rest, lineLimit - cutMark.size());
+    line += cutMark;
+    return line;
+}
 
 /// What could not be written yet. Reached by function, so that no constructor runs before main.
 struct Waiting {
@@ -67,23 +84,6 @@ Waiting::~Waiting() {
     while (!lines.empty() && ::poll(&target, 1, lastWaitMilliseconds) == 1) (void)flushLog();
 }
 
-std::string escapeControls(std::string_view text) {
-    static constexpr char digits[] = "0123456789abcdef";
-    std::string escaped;
-    escaped.reserve(text.size());
-    for (const char character : text) {
-        const auto byte = static_cast<unsigned char>(character);
-        if (byte >= 0x20 && byte != 0x7f) {
-            escaped += character;
-            continue;
-        }
-        escaped += "\\x";
-        escaped += digits[byte >> 4];
-        escaped += digits[byte & 15];
-    }
-    return escaped;
-}
-
 bool flushLog() {
     Waiting& queue = waiting();
     while (!queue.lines.empty()) {
@@ -101,7 +101,7 @@ bool flushLog() {
 }
 
 void logLine(std::string_view text) {
-    enqueue(escapeControls(text) + '\n');
+    enqueue(lineOf(text) + '\n');
     (void)flushLog();  // what waits goes out with the next line or turn of the loop
 }
 

@@ -7,16 +7,14 @@
 
 namespace tk {
 
-/// Writes one log line to standard output: the text, with control characters escaped as \xNN, and a line end.
+/// Writes one log line to standard output: the text, as printable() makes it, and a line end. A line of more
+/// than 4 KiB is cut, and says so at its end.
 /// The line goes out whole and at once. A reader that stalls never stops the program: lines wait in a bounded
 /// queue, and those that find it full are dropped and counted in a line of their own once there is room.
 void logLine(std::string_view text);
 
 /// Tries again to write what waits. True when nothing waits any more.
 bool flushLog();
-
-/// The text with bytes below 0x20 and 0x7f written as \xNN.
-std::string escapeControls(std::string_view text);
 
 /// The text of the current errno.
 std::string errorText();

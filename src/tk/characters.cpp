@@ -1,9 +1,9 @@
-#include "ctl/characters.h"
+#include "tk/characters.h"
 
 #include <algorithm>
 #include <iterator>
 
-namespace ctl {
+namespace tk {
 
 namespace {
 
@@ -51,6 +51,18 @@ bool isWellFormed(char32_t code, std::size_t length) {
     return code >= lowest[length] && code <= 0x10FFFF && (code < 0xD800 || code > 0xDFFF);
 }
 
+constexpr std::size_t escapeLength = 4;  // of one byte, as \xNN
+
+void appendEscaped(std::string& out, std::string_view bytes) {
+    static constexpr char digits[] = "0123456789abcdef";
+    for (const char each : bytes) {
+        const auto byte = static_cast<unsigned char>(each);
+        out += "\\x";
+        out += digits[byte >> 4];
+        out += digits[byte & 15];
+    }
+}
+
 }  // namespace
 
 Character firstCharacter(std::string_view text) {
@@ -67,6 +79,27 @@ Character firstCharacter(std::string_view text) {
     return isWellFormed(code, length) ? Character{code, length} : Character{};
 }
 
+std::string takePrintable(std::string_view& text, std::size_t limit) {
+    std::string out;
+    out.reserve(std::min(text.size(), limit));
+    while (!text.empty()) {
+        const Character character = firstCharacter(text);
+        const std::size_t length = std::max<std::size_t>(character.length, 1);
+        const bool plain = character.length > 0 && isPlain(character.code);
+        if (out.size() + (plain ? length : length * escapeLength) > limit) break;
+        if (plain)
+            out += text.substr(0, length);
+        else
+            appendEscaped(out, text.substr(0, length));
+        text.remove_prefix(length);
+    }
+    return out;
+}
+
+std::string printable(std::string_view text) {
+    return takePrintable(text, std::string::npos);
+}
+
 bool isPlain(char32_t code) {
     return !isIn(controls, code);
 }
@@ -76,4 +109,4 @@ std::size_t columnsOf(char32_t code) {
     return isIn(wide, code) ? 2 : 1;
 }
 
-}  // namespace ctl
+}  // namespace tk
