@@ -20,6 +20,8 @@ IDENTITY, INTERFACES, ADDRESSES, NAT, HISTORY, RESOLVER = (65,), (20, 0), (20, 1
 GET_OBJECT, SET_OBJECT, GET_ALL, ADD, REMOVE = 0xFE0002, 0xFE0003, 0xFE0004, 0xFE0005, 0xFE0006
 GET, SET, CHANGED, INTERFACE_CHANGED = 0xFE000D, 0xFE000E, 0xFE000B, 0x10004
 
+GROUP = 64000  # tk, of a lab's router
+
 TYPES = ["u32", "bool", "string", "be32", "u64", "u32[]", "message[]"]  # numbered from 1
 
 
@@ -131,6 +133,8 @@ class ScriptedRouter:
             os.unlink(self.path)
         self.listener = socket.socket(socket.AF_UNIX)
         self.listener.bind(self.path)
+        os.chown(self.path, 0, GROUP)  # as the hub's own
+        os.chmod(self.path, 0o660)
         self.listener.listen(1)
         self.listener.settimeout(PATIENCE)
         self.daemon = None

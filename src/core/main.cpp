@@ -13,8 +13,8 @@ constexpr unsigned descriptors = 8192;  // for what the limits on connections an
 
 int main() {
     std::string reason;
-    if (!tk::dropCapabilities(reason)) {  // what reads the LAN can do nothing else, whoever started it
-        tk::log("cannot give up capabilities: ", reason);
+    if (!tk::giveUpRights("upnpd", {"/tesk/store"}, reason)) {  // before anything is read
+        tk::log("cannot give up root's rights: ", reason);
         return 1;
     }
     tk::allowDescriptors(descriptors);

@@ -33,8 +33,8 @@ constexpr unsigned descriptors = 1024;  // all lookups at once have a handful ea
 
 int serve(const resolver::Settings& settings) {
     std::string reason;
-    if (!tk::dropCapabilities(reason)) {
-        tk::log("cannot drop the capabilities: ", reason);
+    if (!tk::giveUpRights("resolverd", {}, reason)) {
+        tk::log("cannot give up root's rights: ", reason);
         return failed;
     }
     tk::allowDescriptors(descriptors);

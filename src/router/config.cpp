@@ -112,7 +112,7 @@ private:
     }
 
     [[nodiscard]] bool readUser(const toml::table& table, Config& config) {
-        std::optional<Account> account;
+        std::optional<tk::Account> account;
         UserRights out;
         for (const auto& [key, value] : table) {
             if (key == "name") {
@@ -200,6 +200,15 @@ void runAsRouter(Config& config) {
         program.user = config.user;
         config.users.push_back({config.user->uid, {program.number}});
     }
+}
+
+void nameUsualUser(Config& config, std::uint32_t program, const std::string& name) {
+    const bool isNamed = std::any_of(config.users.begin(), config.users.end(), [program](const auto& rights) {
+        return std::find(rights.programs.begin(), rights.programs.end(), program) != rights.programs.end();
+    });
+    const std::optional<tk::Account> user = tk::findAccount(name);
+    if (isNamed || !user) return;
+    config.users.push_back({user->uid, {program}});
 }
 
 bool readConfig(const std::string& path, bool mayBeAbsent, Config& out, std::string& reason) {

@@ -6,9 +6,9 @@
 #include <vector>
 
 #include "router/access.h"
-#include "router/account.h"
 #include "router/guardconfig.h"
 #include "router/natconfig.h"
+#include "tk/account.h"
 
 namespace router {
 
@@ -17,15 +17,15 @@ struct ProgramConfig {
     std::uint32_t number = 0;
     std::vector<std::string> command;  // the program's path, then its arguments
     bool startsWithRouter = false;
-    std::optional<Account> user = {};  // whom it runs as; none: as the router itself
-    std::string unit = {};             // the systemd service that it is, in place of a command
+    std::optional<tk::Account> user = {};  // whom it runs as; none: as the router itself
+    std::string unit = {};                 // the systemd service that it is, in place of a command
 
     bool operator==(const ProgramConfig&) const = default;
 };
 
 /// What the configuration file says. A value.
 struct Config {
-    std::optional<Account> user;  // whom the router runs as; none: as whoever started it
+    std::optional<tk::Account> user;  // whom the router runs as; none: as whoever started it
     std::vector<ProgramConfig> programs;
     std::vector<UserRights> users;
     NatConfig nat;
@@ -37,6 +37,10 @@ struct Config {
 /// Gives the programs that name no user the router's own, for whoever starts them still is root. A unit names
 /// its user itself.
 void runAsRouter(Config& config);
+
+/// Lets the user `name`, where the system has it, be the program of that number: a program that root starts
+/// may become a user of its own name. A number for which the configuration names somebody stays theirs.
+void nameUsualUser(Config& config, std::uint32_t program, const std::string& name);
 
 /// Reads the configuration text. `name` is the file's, for the texts of errors.
 /// Errors: false for anything that is not TOML, unknown or out of range, and for a user that the system does

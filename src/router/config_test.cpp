@@ -71,9 +71,9 @@ TEST(ParseConfig, ReadsEveryKey) {
         "router.toml", config, reason))
         << reason;
     Config wanted;
-    wanted.user = findAccount("nobody");
-    wanted.programs = {{80, {"/a"}, false, findAccount("daemon")}};
-    const uid_t daemon = findAccount("daemon")->uid;
+    wanted.user = tk::findAccount("nobody");
+    wanted.programs = {{80, {"/a"}, false, tk::findAccount("daemon")}};
+    const uid_t daemon = tk::findAccount("daemon")->uid;
     wanted.users = {{daemon, {80}}, {daemon, {80, 81}, {{20, 5}, {20}, {21}}, true, true, true}};
     wanted.nat = {false,
                   {{0x0A000000, 0xFF000000}, {0xC0000201, 0xFFFFFFFF}, {0, 0}},
@@ -192,23 +192,39 @@ TEST(ParseConfig, BrokenTextIsRefusedWithItsLine) {
 
 TEST(RunAsRouter, ProgramsWithoutAUserGetTheRoutersOwn) {
     Config config;
-    config.user = Account{};
+    config.user = tk::Account{};
     config.user->uid = 71;
-    config.programs = {{80, {"/bin/one"}, false, {}}, {14, {"/bin/two"}, false, Account{}}};
+    config.programs = {{80, {"/bin/one"}, false, {}}, {14, {"/bin/two"}, false, tk::Account{}}};
     config.programs[1].user->uid = 72;
     runAsRouter(config);
     ASSERT_TRUE(config.programs[0].user);
     EXPECT_EQ(config.programs[0].user->uid, 71U);
     EXPECT_EQ(config.programs[1].user->uid, 72U);
-    EXPECT_EQ(config.users, (std::vector<UserRights>{{71, {80}, {}}})) << "it may be what it is started as";
+    EXPECT_EQ(config.users, (std::vector<UserRights>{{71, {80}}})) << "it may be what it is started as";
 }
 
 TEST(RunAsRouter, AUnitNamesItsUserItself) {
     Config config;
-    config.user = Account{};
+    config.user = tk::Account{};
     config.programs = {{80, {}, false, {}, "upnpd.service"}};
     runAsRouter(config);
     EXPECT_FALSE(config.programs[0].user);
+    EXPECT_TRUE(config.users.empty());
+}
+
+TEST(UsualUser, MayBeTheProgramThatNobodyIsNamedFor) {
+    const uid_t daemon = tk::findAccount("daemon")->uid;
+    Config config;
+    config.users = {{71, {80}}};
+    nameUsualUser(config, 80, "daemon");
+    EXPECT_EQ(config.users, (std::vector<UserRights>{{71, {80}}}));
+    nameUsualUser(config, 14, "daemon");
+    EXPECT_EQ(config.users, (std::vector<UserRights>{{71, {80}}, {daemon, {14}}}));
+}
+
+TEST(UsualUser, ThatTheSystemDoesNotKnowIsNone) {
+    Config config;
+    nameUsualUser(config, 80, "no-such-user");
     EXPECT_TRUE(config.users.empty());
 }
 

@@ -107,9 +107,9 @@ bool ConfigValues::read(std::string_view key, const toml::node& value, std::int6
     return true;
 }
 
-bool ConfigValues::read(std::string_view key, const toml::node& value, std::optional<Account>& out) {
+bool ConfigValues::read(std::string_view key, const toml::node& value, std::optional<tk::Account>& out) {
     if (!value.is_string()) return fail(key, value, "must be the name of a user");
-    out = findAccount(value.as_string()->get());
+    out = tk::findAccount(value.as_string()->get());
     return out || fail(key, value, "there is no user \"" + value.as_string()->get() + "\"");
 }
 

@@ -6,8 +6,8 @@
 #include <string_view>
 #include <vector>
 
-#include "router/account.h"
 #include "router/natconfig.h"
+#include "tk/account.h"
 #include "tk/message.h"
 
 #define TOML_EXCEPTIONS 0
@@ -29,7 +29,7 @@ public:
     /// A number from `lowest` to `highest`.
     [[nodiscard]] bool read(std::string_view key, const toml::node& value, std::int64_t lowest,
                             std::int64_t highest, std::uint32_t& out);
-    [[nodiscard]] bool read(std::string_view key, const toml::node& value, std::optional<Account>& out);
+    [[nodiscard]] bool read(std::string_view key, const toml::node& value, std::optional<tk::Account>& out);
     /// A list of networks, such as "192.0.2.0/24".
     [[nodiscard]] bool read(std::string_view key, const toml::node& value, std::vector<Prefix>& out);
     /// A list of ports and ranges of them, such as 80 and "1024-65535".

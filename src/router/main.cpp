@@ -49,6 +49,8 @@ int serve(const std::string& configPath, bool mayBeAbsent) {
     router::Launcher launcher;
     const bool drops = config.user && ::geteuid() == 0;
     if (drops) router::runAsRouter(config);
+    router::nameUsualUser(config, tk::program::gateway, "upnpd");
+    router::nameUsualUser(config, tk::program::resolver, "resolverd");
     if (drops && (!launcher.open(config.programs, reason) ||
                   !router::dropPrivileges(*config.user, {paths.busFolder(), paths.stores}, reason))) {
         tk::log("routerd: ", reason);

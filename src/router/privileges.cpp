@@ -1,13 +1,12 @@
 #include "router/privileges.h"
 
 #include <errno.h>
-#include <grp.h>
 #include <linux/capability.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "router/handover.h"
+#include "tk/handover.h"
 #include "tk/log.h"
 
 namespace router {
@@ -40,14 +39,14 @@ bool fail(const char* what, std::string& reason) {
 
 }  // namespace
 
-bool dropPrivileges(const Account& account, const std::vector<std::string>& folders, std::string& reason) {
+bool dropPrivileges(const tk::Account& account, const std::vector<std::string>& folders,
+                    std::string& reason) {
     if (::geteuid() != 0) return true;
-    Account wanted = account;
-    if (const group* bus = ::getgrnam("tk")) wanted.groups.push_back(bus->gr_gid);
+    const tk::Account wanted = tk::inBusGroup(account);
     for (const std::string& folder : folders)
-        if (!handOver(folder, account)) return fail(("folder " + folder).c_str(), reason);
+        if (!tk::handOver(folder, account)) return fail(("folder " + folder).c_str(), reason);
     if (!limitCapabilities()) return fail("the capabilities cannot be limited", reason);
-    if (::prctl(PR_SET_KEEPCAPS, 1, 0, 0, 0) != 0 || !becomeAccount(wanted))
+    if (::prctl(PR_SET_KEEPCAPS, 1, 0, 0, 0) != 0 || !tk::becomeAccount(wanted))
         return fail(("user " + account.name).c_str(), reason);
     if (!keepNetAdmin() || ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0)
         return fail("the capabilities cannot be set", reason);

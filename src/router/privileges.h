@@ -3,14 +3,14 @@
 #include <string>
 #include <vector>
 
-#include "router/account.h"
+#include "tk/account.h"
 
 namespace router {
 
 /// Gives up what root may do, for good: the process is the account's from now on, in its groups and in "tk",
 /// and has CAP_NET_ADMIN alone. The folders become that user's before.
 /// A process that is not root's is left as it is. Errors: false, with the reason in `reason`.
-[[nodiscard]] bool dropPrivileges(const Account& account, const std::vector<std::string>& folders,
+[[nodiscard]] bool dropPrivileges(const tk::Account& account, const std::vector<std::string>& folders,
                                   std::string& reason);
 
 }  // namespace router

@@ -24,7 +24,7 @@ constexpr const char* otherManager = "/bin/systemctl";  // where /usr is no part
     for (int number = 1; number < NSIG; ++number) (void)::sigaction(number, &usual, nullptr);
     (void)::sigprocmask(SIG_SETMASK, &none, nullptr);
     (void)::setpgid(0, 0);
-    if (!program.user || becomeAccount(*program.user)) ::execv(arguments[0], arguments);
+    if (!program.user || tk::becomeAccount(*program.user)) ::execv(arguments[0], arguments);
     const int error = errno;
     (void)!::write(report, &error, sizeof error);
     ::_exit(127);

@@ -5,6 +5,10 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <optional>
+
+#include "tk/account.h"
+#include "tk/handover.h"
 #include "tk/log.h"
 
 namespace tk {
@@ -18,13 +22,26 @@ bool setNoCapabilities() {
     return ::syscall(SYS_capset, &header, none) == 0;
 }
 
+bool fail(const std::string& what, std::string& reason) {
+    reason = what + ": " + errorText();
+    return false;
+}
+
+bool becomeUser(const std::string& name, const std::vector<std::string>& folders, std::string& reason) {
+    const std::optional<Account> account = findAccount(name);
+    if (!account) return true;
+    for (const std::string& folder : folders)
+        if (!handOver(folder, *account)) return fail("folder " + folder, reason);
+    return becomeAccount(inBusGroup(*account)) || fail("user " + name, reason);
+}
+
 }  // namespace
 
-bool dropCapabilities(std::string& reason) {
+bool giveUpRights(const std::string& name, const std::vector<std::string>& folders, std::string& reason) {
+    if (::geteuid() == 0 && !becomeUser(name, folders, reason)) return false;
     // Capabilities that are not permitted leave the ambient set as well.
     if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && setNoCapabilities()) return true;
-    reason = errorText();
-    return false;
+    return fail("the capabilities", reason);
 }
 
 }  // namespace tk

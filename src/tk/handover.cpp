@@ -1,4 +1,4 @@
-#include "router/handover.h"
+#include "tk/handover.h"
 
 #include <dirent.h>
 #include <errno.h>
@@ -10,7 +10,7 @@
 
 #include "tk/fd.h"
 
-namespace router {
+namespace tk {
 
 namespace {
 
@@ -18,10 +18,17 @@ struct CloseFolder {
     void operator()(DIR* folder) const { (void)::closedir(folder); }
 };
 
+/// Makes a folder that everybody may enter, whatever the umask is; one that is there stays as it is.
+bool makeFolder(const std::string& path) {
+    constexpr mode_t everybodyMayEnter = 0755;
+    if (::mkdir(path.c_str(), everybodyMayEnter) != 0) return errno == EEXIST;
+    return ::chmod(path.c_str(), everybodyMayEnter) == 0;
+}
+
 /// Whoever may write to the folder may have put a name of somebody else's file there: only a file without
 /// another name is given away, and by the descriptor that was looked at.
 bool giveFile(int folder, const char* name, const Account& account) {
-    const tk::Fd file(::openat(folder, name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    const Fd file(::openat(folder, name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
     struct stat status {};
     if (!file.isOpen() || ::fstat(file.get(), &status) != 0) return errno == ENOENT;
     if (!S_ISREG(status.st_mode) || status.st_nlink != 1) return true;
@@ -31,11 +38,9 @@ bool giveFile(int folder, const char* name, const Account& account) {
 }  // namespace
 
 bool handOver(const std::string& path, const Account& account) {
-    constexpr mode_t everybodyMayEnter = 0755;  // whatever the umask is
-    const bool isNew = ::mkdir(path.c_str(), everybodyMayEnter) == 0;
-    if (!isNew && errno != EEXIST) return false;
-    tk::Fd opened(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!opened.isOpen() || (isNew && ::fchmod(opened.get(), everybodyMayEnter) != 0)) return false;
+    if (!makeFolder(path.substr(0, path.rfind('/'))) || !makeFolder(path)) return false;
+    Fd opened(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!opened.isOpen()) return false;
     if (::fchown(opened.get(), account.uid, account.gid) != 0) return false;
     const std::unique_ptr<DIR, CloseFolder> folder(::fdopendir(opened.get()));
     if (!folder) return false;
@@ -45,4 +50,4 @@ bool handOver(const std::string& path, const Account& account) {
     return true;
 }
 
-}  // namespace router
+}  // namespace tk

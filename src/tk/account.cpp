@@ -1,10 +1,10 @@
-#include "router/account.h"
+#include "tk/account.h"
 
 #include <grp.h>
 #include <pwd.h>
 #include <unistd.h>
 
-namespace router {
+namespace tk {
 
 std::optional<Account> findAccount(const std::string& name) {
     const passwd* entry = ::getpwnam(name.c_str());
@@ -18,6 +18,11 @@ std::optional<Account> findAccount(const std::string& name) {
     return account;
 }
 
+Account inBusGroup(Account account) {
+    if (const group* bus = ::getgrnam("tk")) account.groups.push_back(bus->gr_gid);
+    return account;
+}
+
 bool becomeAccount(const Account& account) {
     // The user last: without root's the other two would be refused.
     return ::setgroups(account.groups.size(), account.groups.data()) == 0 &&
@@ -25,4 +30,4 @@ bool becomeAccount(const Account& account) {
            ::setresuid(account.uid, account.uid, account.uid) == 0;
 }
 
-}  // namespace router
+}  // namespace tk

@@ -1,4 +1,4 @@
-#include "router/handover.h"
+#include "tk/handover.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -10,21 +10,21 @@
 
 #include "tk/file.h"
 
-namespace router {
+namespace tk {
 namespace {
 
 /// A folder of the test's own; giving something away takes root.
-class HandOver : public testing::Test {
+class HandOver : public ::testing::Test {
 protected:
     void SetUp() override {
         if (::geteuid() != 0) GTEST_SKIP() << "only root gives files away";
-        std::string pattern = testing::TempDir() + "handoverXXXXXX";
+        std::string pattern = ::testing::TempDir() + "handoverXXXXXX";
         base = ::mkdtemp(pattern.data());
         account.uid = 64001;
         account.gid = 64000;
     }
 
-    void write(const std::string& name) { ASSERT_TRUE(tk::writeSynced(base + name, "content")); }
+    void write(const std::string& name) { ASSERT_TRUE(writeSynced(base + name, "content")); }
 
     uid_t ownerOf(const std::string& name) const {
         struct stat status {};
@@ -39,6 +39,12 @@ protected:
 TEST_F(HandOver, MakesTheFolderThatIsAbsent) {
     ASSERT_TRUE(handOver(base + "/new", account));
     EXPECT_EQ(ownerOf("/new"), account.uid);
+}
+
+TEST_F(HandOver, MakesTheOneAboveItToo) {
+    ASSERT_TRUE(handOver(base + "/new/store", account));
+    EXPECT_EQ(ownerOf("/new/store"), account.uid);
+    EXPECT_EQ(ownerOf("/new"), 0U);
 }
 
 TEST_F(HandOver, LetsEverybodyEnterAFolderThatItMade) {
@@ -78,8 +84,8 @@ TEST_F(HandOver, FollowsNoLink) {
 }
 
 TEST_F(HandOver, FailsWhereTheFolderCannotBeMade) {
-    EXPECT_FALSE(handOver(base + "/no/such", account));
+    EXPECT_FALSE(handOver(base + "/no/such/folder", account));
 }
 
 }  // namespace
-}  // namespace router
+}  // namespace tk
