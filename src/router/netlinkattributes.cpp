@@ -27,11 +27,6 @@ const nlattr* NetlinkAttributes::find(std::uint16_t number) const {
     return nullptr;
 }
 
-std::uint8_t NetlinkAttributes::u8(std::uint16_t number, std::uint8_t absent) const {
-    const nlattr* attribute = find(number);
-    return attribute ? mnl_attr_get_u8(attribute) : absent;
-}
-
 std::uint32_t NetlinkAttributes::u32(std::uint16_t number, std::uint32_t absent) const {
     const nlattr* attribute = find(number);
     return attribute ? mnl_attr_get_u32(attribute) : absent;

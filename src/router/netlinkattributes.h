@@ -26,7 +26,6 @@ public:
 
     /// The attribute, null where it is absent.
     const nlattr* find(std::uint16_t number) const;
-    std::uint8_t u8(std::uint16_t number, std::uint8_t absent = 0) const;
     std::uint32_t u32(std::uint16_t number, std::uint32_t absent = 0) const;
     std::string text(std::uint16_t number) const;
 

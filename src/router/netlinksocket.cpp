@@ -69,13 +69,6 @@ bool NetlinkSocket::open(int family, std::uint32_t groups) {
     return false;
 }
 
-std::uint32_t NetlinkSocket::port() const {
-    sockaddr_nl address{};
-    socklen_t length = sizeof address;
-    if (::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &length) != 0) return 0;
-    return address.nl_pid;
-}
-
 void NetlinkSocket::setBuffers(int sendSize, int receiveSize) {
     const auto set = [this](int force, int option, int size) {
         if (::setsockopt(socket.get(), SOL_SOCKET, force, &size, sizeof size) == 0) return;

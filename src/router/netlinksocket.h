@@ -36,8 +36,6 @@ public:
 
     int descriptor() const { return socket.get(); }
     bool isOpen() const { return socket.isOpen(); }
-    /// The address that the kernel knows the socket by, which its notifications name; 0 when it has none.
-    std::uint32_t port() const;
     /// Sequence numbers begin at 1: notifications carry 0.
     std::uint32_t nextSequence() { return ++sequence; }
     /// Sets the socket's buffers, as large as the system allows at most. Units: bytes.
