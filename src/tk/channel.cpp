@@ -52,6 +52,8 @@ void Channel::breakOff(const std::string& why) {
 void Channel::end(const std::string& why) {
     reason = why;
     watch.stop();
+    outgoing.clear();  // at once, and not when the owner hears of it: others may need the room
+    written = queued = ownQueued = 0;
     delivery.arm(0);
 }
 

@@ -107,6 +107,7 @@ TEST_F(ChannelTest, BreaksOffAPeerThatDoesNotReadAndTellsFromTheLoop) {
     for (int sent = 0; sent < 50 && accepted; ++sent) accepted = channel->send(numbered(1, 90000));
     EXPECT_FALSE(accepted);
     EXPECT_FALSE(channel->isOpen());
+    EXPECT_EQ(budget.usedBytes(), 0U) << "nothing of it is kept";
     EXPECT_EQ(breaks, 0);
     loop.settle();
     EXPECT_EQ(breaks, 1);

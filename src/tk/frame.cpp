@@ -37,8 +37,11 @@ void FrameReader::append(std::string_view bytes) {
 
 FrameReader::Result FrameReader::next(message& out) {
     const std::string_view rest = std::string_view(buffer).substr(start);
-    if (rest.empty()) buffer = std::string();  // gives back what a large frame took
-    if (buffer.empty()) start = 0;
+    if (rest.empty()) {
+        std::string().swap(buffer);  // unlike an assignment, it gives back what a large frame took
+        start = 0;
+        return Result::needMore;
+    }
     if (rest.size() < lengthSize) return Result::needMore;
     const std::uint32_t length = lengthAt(rest);
     if (length > limit) return Result::tooLarge;
@@ -49,7 +52,7 @@ FrameReader::Result FrameReader::next(message& out) {
 }
 
 std::size_t FrameReader::keptBytes() const {
-    return buffer.empty() ? 0 : buffer.capacity();
+    return buffer.capacity() > std::string().capacity() ? buffer.capacity() : 0;
 }
 
 }  // namespace tk

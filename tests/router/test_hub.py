@@ -43,11 +43,12 @@ def test_users_do_what_the_table_says_and_no_more(bare_lab):
     write = "bus", "call", "20,5", "0xFE0006", "0xFE0001:u32=1"
     down = "bus", "call", "20,0", "0xFE0003", "0xFE0001:u32=1", "0xFE000A:bool=no"
     register = "bus", "call", "0", "1", "1:u32=80"
+    undo = "history", "undo"
     assert run_as(bare_lab, DAEMON, tkctl, "nat", "list").returncode == 0
     assert run_as(bare_lab, OTHER, tkctl, "nat", "list").returncode == 0
     assert run_as(bare_lab, DAEMON, tkctl, *write).returncode == 0
     assert run_as(bare_lab, DAEMON, tkctl, *register).returncode == 0
-    for user, words in ((OTHER, write), (OTHER, down), (DAEMON, down), (OTHER, register)):
+    for user, words in ((OTHER, write), (OTHER, down), (DAEMON, undo), (OTHER, register)):
         refused = run_as(bare_lab, user, tkctl, *words)
         assert refused.returncode == 1
         assert refused.stderr.startswith(f"tkctl: user {IDS[user]} may not "), refused.stderr
