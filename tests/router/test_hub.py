@@ -6,7 +6,7 @@ import pytest
 import busclient as bus
 import labs
 from labs import eventually
-from routerusers import DAEMON, IDS, OTHER, PROGRAM, configure, connect_as, run_as
+from routerusers import DAEMON, IDS, MEMBER, PROGRAM, configure, connect_as, run_as
 
 BUSY = 0xFE0010
 OUTSIDER = "setpriv", "--reuid", 64009, "--regid", 64009, "--clear-groups"
@@ -45,10 +45,10 @@ def test_users_do_what_the_table_says_and_no_more(bare_lab):
     register = "bus", "call", "0", "1", "1:u32=80"
     undo = "history", "undo"
     assert run_as(bare_lab, DAEMON, tkctl, "nat", "list").returncode == 0
-    assert run_as(bare_lab, OTHER, tkctl, "nat", "list").returncode == 0
+    assert run_as(bare_lab, MEMBER, tkctl, "nat", "list").returncode == 0
     assert run_as(bare_lab, DAEMON, tkctl, *write).returncode == 0
     assert run_as(bare_lab, DAEMON, tkctl, *register).returncode == 0
-    for user, words in ((OTHER, write), (OTHER, down), (DAEMON, undo), (OTHER, register)):
+    for user, words in ((MEMBER, write), (MEMBER, down), (DAEMON, undo), (MEMBER, register)):
         refused = run_as(bare_lab, user, tkctl, *words)
         assert refused.returncode == 1
         assert refused.stderr.startswith(f"tkctl: user {IDS[user]} may not "), refused.stderr
@@ -59,22 +59,22 @@ def test_users_do_what_the_table_says_and_no_more(bare_lab):
 def test_one_user_cannot_take_all_connections(bare_lab):
     bare_lab.start_routerd()
     tkctl = labs.BIN / "tkctl"
-    clients = connect_as(bare_lab, OTHER, 64)
+    clients = connect_as(bare_lab, MEMBER, 64)
     assert {client.call([20, 0], bus.GET_COUNT)[bus.COUNT] for client in clients} == {5}
-    surplus, = connect_as(bare_lab, OTHER, 1)
+    surplus, = connect_as(bare_lab, MEMBER, 1)
     told = surplus.read()
     assert told == {bus.ERROR_CODE: BUSY, bus.ERROR_TEXT: "too many connections of one user", bus.SENDER: [0],
                     bus.KIND: bus.ERROR, bus.COMMAND: 0}
     with pytest.raises(EOFError):
         surplus.read()
-    refused = run_as(bare_lab, OTHER, tkctl, "nat", "list")
+    refused = run_as(bare_lab, MEMBER, tkctl, "nat", "list")
     assert (refused.returncode, refused.stderr) == (1, "tkctl: too many connections of one user\n")
-    refused = run_as(bare_lab, OTHER, PROGRAM)
+    refused = run_as(bare_lab, MEMBER, PROGRAM)
     assert (refused.returncode, refused.stderr) == (1, "")
     assert refused.stdout == "cannot join the bus at /run/tk/bus: too many connections of one user\n"
     assert run_as(bare_lab, DAEMON, tkctl, "nat", "list").returncode == 0
     clients.pop().socket.close()
-    eventually(lambda: run_as(bare_lab, OTHER, tkctl, "nat", "list").returncode == 0, "there is room again")
+    eventually(lambda: run_as(bare_lab, MEMBER, tkctl, "nat", "list").returncode == 0, "there is room again")
 
 
 def test_whoever_is_not_in_the_group_is_told_so(bare_lab):
@@ -98,7 +98,7 @@ def test_the_group_is_looked_up_once(bare_lab):
     groups = bare_lab.directory / "group"
     groups.write_text("root:x:0:\n")
     bare_lab.router.run("mount", "--bind", groups, "/etc/group")
-    assert run_as(bare_lab, OTHER, labs.BIN / "tkctl", "nat", "list").returncode == 0
+    assert run_as(bare_lab, MEMBER, labs.BIN / "tkctl", "nat", "list").returncode == 0
 
 
 def test_a_change_of_the_settings_is_undone_and_once_more(fresh_lab):
