@@ -109,6 +109,11 @@ bool Store::set(std::uint32_t id, const message& entry) {
     return stage(id, entry) && commit();
 }
 
+bool Store::replace(std::map<std::uint32_t, message> content) {
+    staged = std::move(content);
+    return writeStaged() && commit();
+}
+
 bool Store::remove(std::uint32_t id) {
     return stageRemoval(id) && commit();
 }

@@ -33,6 +33,9 @@ public:
     /// Sets an entry, and persists it at once.
     /// Errors: false, with the reason in error(); the store is as before.
     [[nodiscard]] bool set(std::uint32_t id, const message& entry);
+    /// Puts entries in the place of all that there are, and persists that with one write. Errors: as for
+    /// set().
+    [[nodiscard]] bool replace(std::map<std::uint32_t, message> content);
     /// Removes an entry, and persists that. An absent one is no error. Errors: as for set().
     [[nodiscard]] bool remove(std::uint32_t id);
 

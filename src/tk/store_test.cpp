@@ -48,6 +48,16 @@ TEST_F(StoreTest, PersistsAtOnce) {
     EXPECT_FALSE(folder.has("store.new"));
 }
 
+TEST_F(StoreTest, ReplacesAllEntriesAtOnce) {
+    ASSERT_TRUE(store.set(1, named("one")));
+    ASSERT_TRUE(store.replace({{2, named("two")}, {3, named("three")}}));
+    EXPECT_FALSE(store.find(1));
+    const Store again(path(), 1);
+    EXPECT_EQ(again.all(), store.all());
+    EXPECT_EQ(again.all().size(), 2U);
+    EXPECT_EQ(again.get(3), named("three"));
+}
+
 TEST_F(StoreTest, KeepsEveryEntryUnderItsId) {
     ASSERT_TRUE(store.set(5, named("five")));
     ASSERT_TRUE(store.set(0xFFFFFFFE, named("last")));
