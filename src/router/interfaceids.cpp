@@ -3,6 +3,7 @@
 #include <sys/random.h>
 
 #include <algorithm>
+#include <utility>
 #include <vector>
 
 #include "tk/log.h"
@@ -12,20 +13,29 @@ namespace router {
 namespace {
 
 constexpr std::uint32_t storeRevision = 1;
-constexpr std::uint32_t nameField = 1;  // string, in the entry of an id
+constexpr std::uint32_t nameField = 1;    // string, in the entry of an id
+constexpr std::uint32_t reservation = 0;  // no interface's id: the entry of the ids that may be given already
+constexpr std::uint32_t reservedField = 2;  // u32, there: the highest of them
+constexpr std::uint32_t retryTicks = 6000;  // 1 min
 constexpr std::uint32_t firstFresh = 1U << 24;
 constexpr std::uint32_t freshIds = 1U << 31;
-constexpr std::size_t atOnce = 16;  // names that are forgotten in one call: each is a write of the store
 
 }  // namespace
 
 InterfaceIds::InterfaceIds(const std::string& storePath, std::size_t limit)
     : store(storePath, storeRevision), limit(limit) {
     for (const auto& [id, entry] : store.all()) {
-        remember(entry.get_string(nameField), id);
-        highest = std::max(highest, id);
+        if (id != reservation) remember(entry.get_string(nameField), id);
+        highest = std::max({highest, id, entry.get_u32(reservedField)});
     }
     if (store.hasLostContent()) highest = freshId();
+    reserved = highest;
+}
+
+InterfaceIds::~InterfaceIds() {
+    const bool isLetGo = reserved != highest;
+    reserved = highest;  // the next process goes on from there
+    if (isLetGo || !isStored) storeNow();
 }
 
 void InterfaceIds::remember(const std::string& name, std::uint32_t id) {
@@ -47,39 +57,56 @@ std::uint32_t InterfaceIds::freshId() const {
 std::uint32_t InterfaceIds::idOf(const std::string& name) {
     if (const auto known = ids.find(name); known != ids.end()) return known->second;
     std::uint32_t id = highest + 1;
-    tk::message entry;
-    entry.insert_string(nameField, name);
-    const bool isStored = store.set(id, entry);
-    if (!isStored) tk::log("interface ", name, ": its id is not stored: ", store.error());
-    if (isStored || store.all().empty())
+    const bool isReserved = reserve(id);
+    if (!isReserved) tk::log("interface ", name, ": its id is not stored: ", store.error());
+    if (isReserved || store.all().empty())
         highest = id;
     else
         id = freshId();
     remember(name, id);
+    storeLater();
     return id;
 }
 
-void InterfaceIds::forgetSurplus(const std::function<bool(std::uint32_t id)>& isPresent) {
-    if (names.size() <= limit) return;
-    const std::size_t surplus = std::min(names.size() - limit, atOnce);
-    std::vector<std::uint32_t> absent;
-    for (auto name = names.begin(); name != names.end() && absent.size() < surplus; ++name)
-        if (name->first != highest && !isPresent(name->first)) absent.push_back(name->first);
-    for (const std::uint32_t id : absent)
-        if (!forget(id)) return;
+/// Makes sure that an id is never given again, whatever becomes of this process.
+bool InterfaceIds::reserve(std::uint32_t id) {
+    if (id <= reserved) return true;
+    if (!save(id + reservedAtOnce - 1)) return false;
+    reserved = id + reservedAtOnce - 1;
+    return true;
 }
 
-/// Forgets one name. Errors: false when the store cannot be written; the name stays known then, else it would
-/// be back with its old id after a restart.
-bool InterfaceIds::forget(std::uint32_t id) {
-    const std::string name = names[id];
-    if (!store.remove(id)) {
-        tk::log("interface ", name, ": its id cannot be forgotten: ", store.error());
-        return false;
+/// Writes everything.
+bool InterfaceIds::save(std::uint32_t lastReserved) {
+    std::map<std::uint32_t, tk::message> entries;
+    entries[reservation].insert_u32(reservedField, lastReserved);
+    for (const auto& [id, name] : names) entries[id].insert_string(nameField, name);
+    return store.replace(std::move(entries));
+}
+
+void InterfaceIds::storeLater() {
+    if (std::exchange(isStored, false)) timer.arm(storeTicks);
+}
+
+void InterfaceIds::storeNow() {
+    isStored = save(reserved);
+    if (isStored) return timer.disarm();
+    tk::log("the ids of new interfaces are not stored: ", store.error());
+    timer.arm(retryTicks);
+}
+
+void InterfaceIds::storeWhatIsNew() {
+    if (!isStored) storeNow();
+}
+
+void InterfaceIds::forgetSurplus(const std::function<bool(std::uint32_t id)>& isPresent) {
+    for (auto next = names.begin(); next != names.end() && names.size() > limit;) {
+        const auto name = next++;
+        if (isPresent(name->first)) continue;
+        ids.erase(name->second);
+        names.erase(name);
+        storeLater();
     }
-    names.erase(id);
-    ids.erase(name);
-    return true;
 }
 
 }  // namespace router

@@ -85,6 +85,7 @@ void Interfaces::applyAll(const std::vector<Link>& current) {
     for (const std::uint32_t id : gone) withdraw(id);
     for (const Link& link : current) take(link);
     forgetAbsent();  // not before all that are present are known
+    ids.storeWhatIsNew();
 }
 
 void Interfaces::forgetAbsent() {

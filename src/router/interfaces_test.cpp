@@ -10,6 +10,7 @@
 #include "tk/names.h"
 #include "tk/testing/folder.h"
 #include "tk/testing/scriptedbus.h"
+#include "tk/testing/testloop.h"
 
 namespace router {
 namespace {
@@ -58,6 +59,7 @@ protected:
     using Lines = std::vector<std::string>;
 
     tk::testing::Folder files;
+    tk::testing::TestLoop loop;
     tk::testing::ScriptedBus bus;
     testing::FakeNetwork network;
     InterfaceIds ids{files.file("interfaces")};
