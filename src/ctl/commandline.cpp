@@ -103,10 +103,6 @@ std::string misuseOf(const CLI::App& app) {
     return missingArgument(*words.back());
 }
 
-void writeNotes(const Context& context, std::ostream& errors) {
-    for (const std::string& note : context.notes) errors << "note: " << tk::printable(note) << '\n';
-}
-
 /// Sends the answer out to the last byte, or says why that fails.
 Status finish(Context& context, std::ostream& errors) {
     errno = 0;
@@ -120,10 +116,8 @@ Status runChosen(Context& context, std::ostream& errors) {
     try {
         context.run();
     } catch (const Failure& failure) {
-        writeNotes(context, errors);
         return fail(errors, failure.what(), failure.status);
     }
-    writeNotes(context, errors);
     return finish(context, errors);
 }
 

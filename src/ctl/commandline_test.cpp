@@ -130,6 +130,57 @@ TEST_F(CommandLineTest, UpnpInterfaceAddPrintsTheNewId) {
     EXPECT_EQ(sent(tk::command::addObject), parseFields({"0xFE000A:bool=no", "1:u32=1", "2:u32=2"}));
 }
 
+struct OutsideTest : CommandLineTest {
+    OutsideTest() {
+        bus.answer({20, 0}, 2, [](const tk::message& request) {
+            const bool isLan = request.get_u32(1) == 1;
+            return parseFields({isLan ? "1:u32=1" : "1:u32=2",
+                                isLan ? "2:string=it is home" : "2:string=it carries a route to 0.0.0.0/0"});
+        });
+        bus.answer({80, 0}, tk::command::addObject, parseFields({"0xFE0001:u32=5"}));
+    }
+    /// How often upnpd was asked to change something.
+    std::size_t changes() const {
+        return bus.requestsTo(tk::path::gateway(), tk::command::addObject).size() +
+               bus.requestsTo(tk::path::gateway(), tk::command::setObject).size();
+    }
+    static constexpr const char* refusal =
+        "tkctl: list is outside: it carries a route to 0.0.0.0/0; --force makes it internal all the same\n";
+};
+
+TEST_F(OutsideTest, IsNotMadeInternal) {
+    EXPECT_EQ(run({"upnp", "interface", "add", "list", "internal"}), Status::failed);
+    EXPECT_EQ(errors.str(), refusal);
+    EXPECT_EQ(changes(), 0U);
+}
+
+TEST_F(OutsideTest, IsMadeInternalByForce) {
+    EXPECT_EQ(print({"upnp", "interface", "add", "list", "internal", "--force"}), "5\n");
+    EXPECT_EQ(print({"upnp", "interface", "set", "4", "interface=list", "--force"}), "5\n");
+}
+
+TEST_F(OutsideTest, AnyOtherRoleIsGiven) {
+    EXPECT_EQ(print({"upnp", "interface", "add", "list", "external"}), "5\n");
+    EXPECT_EQ(print({"upnp", "interface", "add", "lan0", "internal"}), "5\n5\n");
+}
+
+TEST_F(OutsideTest, AnItemIsNotMadeInternalByAChangeOfEitherHalf) {
+    EXPECT_EQ(run({"upnp", "interface", "set", "4", "interface=list"}), Status::failed);
+    EXPECT_EQ(errors.str(), refusal);
+    errors.str("");
+    EXPECT_EQ(run({"upnp", "interface", "set", "4", "interface=list", "type=internal"}), Status::failed);
+    EXPECT_EQ(errors.str(), refusal);
+    EXPECT_EQ(run({"upnp", "interface", "set", "7", "type=internal"}), Status::failed) << "an absent one";
+    EXPECT_EQ(changes(), 0U);
+    EXPECT_EQ(run({"upnp", "interface", "set", "4", "interface=list", "type=external"}), Status::done);
+    EXPECT_EQ(run({"upnp", "interface", "set", "4", "disabled=yes"}), Status::done);
+}
+
+TEST_F(OutsideTest, ARouterThatCannotTellIsNoHindrance) {
+    bus.answer({20, 0}, 2, tk::errorMsg(tk::error::noSuchCommand, "no such command"));
+    EXPECT_EQ(print({"upnp", "interface", "add", "list", "internal"}), "5\n");
+}
+
 TEST_F(CommandLineTest, UpnpInterfaceAddTakesNamesThatAreSpeltLikeCommands) {
     bus.answer({80, 0}, tk::command::addObject, parseFields({"0xFE0001:u32=6"}));
     EXPECT_EQ(print({"upnp", "interface", "add", "list", "external", "disabled=yes", "--json"}),
@@ -196,7 +247,7 @@ TEST_F(CommandLineTest, NatList) {
 TEST_F(CommandLineTest, NatTestAsksAndChangesNothing) {
     bus.answer({20, 5}, 2, tk::message());
     EXPECT_EQ(print({"nat", "test", "198.51.100.1", "80", "tcp", "192.0.2.2", "8080"}), "allowed\n");
-    EXPECT_EQ(bus.requests.size(), 2U);  // and what the router's addresses are
+    EXPECT_EQ(bus.requests.size(), 1U);
     ASSERT_EQ(bus.requestsTo({20, 5}, 2).size(), 1U);
     tk::message asked = bus.requestsTo({20, 5}, 2).at(0).content;
     asked.remove(tk::field::destination);
@@ -214,30 +265,6 @@ TEST_F(CommandLineTest, NatTestTellsWhyARuleIsRefused) {
 TEST_F(CommandLineTest, NatTestAsksForPort0Too) {
     EXPECT_EQ(print({"nat", "test", "198.51.100.1", "0", "tcp", "192.0.2.2", "0"}), "allowed\n");
     EXPECT_EQ(errors.str(), "");
-}
-
-TEST_F(CommandLineTest, NatTestNotesAnAddressThatTheRouterDoesNotHold) {
-    EXPECT_EQ(print({"nat", "test", "198.51.100.9", "80", "tcp", "192.0.2.2", "80"}), "allowed\n");
-    EXPECT_EQ(errors.str(),
-              "note: 198.51.100.9 is not among the addresses that \"tkctl address list\" shows\n");
-}
-
-TEST_F(CommandLineTest, NatTestNotesAnAddressThatIsDisabled) {
-    bus.answer({20, 1}, tk::command::getAll,
-               listOf({parseFields({"0xFE0001:u32=1", "1:be32=198.51.100.1", "0xFE000A:bool=yes"})}));
-    EXPECT_EQ(print({"nat", "test", "198.51.100.1", "80", "tcp", "192.0.2.2", "80", "--json"}),
-              "{\"allowed\":true}\n");
-    EXPECT_EQ(errors.str(),
-              "note: 198.51.100.1 is not among the addresses that \"tkctl address list\" shows\n");
-}
-
-TEST_F(CommandLineTest, TheNoteOfNatTestStandsBesideTheReason) {
-    bus.answer({20, 5}, 2, tk::errorMsg(tk::error::refused, "target 127.0.0.1 refused"));
-    EXPECT_EQ(run({"nat", "test", "198.51.100.9", "80", "udp", "127.0.0.1", "8080"}), Status::failed);
-    EXPECT_EQ(errors.str(),
-              "note: 198.51.100.9 is not among the addresses that \"tkctl address list\" shows\n"
-              "tkctl: target 127.0.0.1 refused\n");
-    EXPECT_EQ(out.str(), "");
 }
 
 TEST_F(CommandLineTest, HistoryUndo) {
@@ -324,6 +351,7 @@ Options:
   -h,--help                   Print this text and end
   --json                      Print JSON instead of text for people
   --socket FILE               Socket of the bus, instead of /run/tk/bus
+  --force                     Make an interface internal although it is outside
 
 for example: tkctl upnp interface add lan0 internal
 )");

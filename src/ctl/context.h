@@ -31,7 +31,6 @@ public:
     std::ostream& out;
     std::string socketPath = tk::busPath;
     bool json = false;
-    std::vector<std::string> notes;  // for people, beside the answer; the status stays as it is
 
     /// The command that was chosen, to be run when the command line is parsed.
     std::function<void()> run;

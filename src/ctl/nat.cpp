@@ -104,21 +104,6 @@ std::uint32_t protocolNamed(const std::string& text) {
     throw misuse("'" + text + "': the protocol is tcp or udp");
 }
 
-/// The router takes a rule for any address: one that it does not list is often a slip.
-void noteForeignAddress(Context& context, const std::string& wanted) {
-    std::vector<Address> addresses;
-    try {
-        addresses = readAddresses(context.session());
-    } catch (const Failure&) {
-        return;  // what was asked for is the rule
-    }
-    const bool isHeld = std::any_of(addresses.begin(), addresses.end(), [&wanted](const Address& held) {
-        return !held.disabled && held.address == wanted;
-    });
-    if (!isHeld)
-        context.notes.push_back(wanted + " is not among the addresses that \"tkctl address list\" shows");
-}
-
 void testRule(Context& context, const Question& question) {
     tk::message rule;
     rule.insert_bool(tk::field::dynamic, true);
@@ -130,7 +115,6 @@ void testRule(Context& context, const Question& question) {
     rule.insert_u32(tk::rulefield::action, tk::destinationNat);
     rule.insert_be32(tk::rulefield::toAddressFirst, addressNamed(question.target));
     rule.insert_u32(tk::rulefield::toPortFirst, portNamed(question.targetPort));
-    noteForeignAddress(context, question.address);
     context.session().request(tk::path::nat(), natTestCommand, rule);
     Json answer;
     answer["allowed"] = true;

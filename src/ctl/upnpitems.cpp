@@ -95,7 +95,32 @@ struct Arguments {
     std::string name;
     std::string type;
     std::vector<std::string> settings;
+    bool isForced = false;
 };
+
+constexpr const char* forceOption = "--force";
+
+/// Refuses to serve the LAN where the Internet is. A router that cannot tell the side has the say itself.
+void checkSide(Session& session, std::uint32_t interface, std::uint32_t role, bool isForced) {
+    if (role != static_cast<std::uint32_t>(Role::internal) || isForced) return;
+    tk::message question;
+    question.insert_u32(tk::sidefield::interface, interface);
+    const tk::message reply = session.exchange(tk::path::interfaces(), tk::tellSide, question);
+    if (tk::isError(reply) || reply.get_u32(tk::sidefield::side) != tk::outside) return;
+    throw Failure(interfaceName(readInterfaces(session), interface) +
+                  " is outside: " + reply.get_string(tk::sidefield::why) + "; " + forceOption +
+                  " makes it internal all the same");
+}
+
+/// Asks the side of the interface that an item would have, where the change touches that.
+void checkSideOfChange(Session& session, const tk::message& change, bool isForced) {
+    if (!change.has(tk::itemfield::interface) && !change.has(tk::itemfield::type)) return;
+    for (const tk::message& item : session.list(tk::path::gateway())) {
+        if (item.get_u32(tk::field::objectId) != change.get_u32(tk::field::objectId)) continue;
+        const auto changed = [&](std::uint32_t field) { return change.get_u32(field, item.get_u32(field)); };
+        checkSide(session, changed(tk::itemfield::interface), changed(tk::itemfield::type), isForced);
+    }
+}
 
 void addItem(Context& context, const Arguments& arguments) {
     const Settings settings(arguments.settings, {"disabled"});
@@ -104,8 +129,10 @@ void addItem(Context& context, const Arguments& arguments) {
     Session& session = context.session();
     tk::message item;
     item.insert_bool(tk::field::disabled, disabled);
-    item.insert_u32(tk::itemfield::interface, interfaceNamed(readInterfaces(session), arguments.name).id);
+    const std::uint32_t interface = interfaceNamed(readInterfaces(session), arguments.name).id;
+    item.insert_u32(tk::itemfield::interface, interface);
     item.insert_u32(tk::itemfield::type, role);
+    checkSide(session, interface, role, arguments.isForced);
     const tk::message reply = session.request(tk::path::gateway(), tk::command::addObject, item);
     const std::uint32_t id = reply.get_u32(tk::field::objectId, tk::unassigned);
     if (id == tk::unassigned) throw Failure("the item was added, but the reply does not tell its id");
@@ -124,6 +151,7 @@ void setItem(Context& context, const Arguments& arguments) {
     if (type) change.insert_u32(tk::itemfield::type, roleNamed(*type));
     Session& session = context.session();
     if (name) change.insert_u32(tk::itemfield::interface, interfaceNamed(readInterfaces(session), *name).id);
+    checkSideOfChange(session, change, arguments.isForced);
     requestForItem(session, tk::command::setObject, change);
     printId(context, id, "");
 }
@@ -133,6 +161,10 @@ void removeItem(Context& context, const Arguments& arguments) {
     item.insert_u32(tk::field::objectId, itemId(arguments.id));
     requestForItem(context.session(), tk::command::removeObject, item);
     printId(context, item.get_u32(tk::field::objectId), "");
+}
+
+void addForce(CLI::App& command, const std::shared_ptr<Arguments>& arguments) {
+    command.add_flag(forceOption, arguments->isForced, "Make an interface internal although it is outside");
 }
 
 constexpr const char* idHelp = "The id of the item, as \"tkctl upnp interface list\" shows it";
@@ -152,6 +184,7 @@ void addAddCommand(CLI::App& group, Context& context) {
     add.add_option("settings", arguments->settings,
                    "disabled=yes|no: keep the item, but do not serve the interface")
         ->type_name("KEY=VALUE");
+    addForce(add, arguments);
 }
 
 void addSetCommand(CLI::App& group, Context& context) {
@@ -165,6 +198,7 @@ void addSetCommand(CLI::App& group, Context& context) {
                    "disabled=yes|no: whether the interface is left unserved")
         ->type_name("KEY=VALUE")
         ->required();
+    addForce(set, arguments);
 }
 
 void addRemoveCommand(CLI::App& group, Context& context) {

@@ -77,13 +77,6 @@ void Addresses::forget(std::uint32_t index) {
     std::erase_if(held, [index](const LinkAddress& address) { return address.index == index; });
 }
 
-std::vector<std::uint32_t> Addresses::holdersOf(std::uint32_t address) const {
-    std::vector<std::uint32_t> holders;
-    for (const LinkAddress& candidate : held)
-        if (candidate.address == address) holders.push_back(candidate.index);
-    return holders;
-}
-
 void Addresses::interfaceAdded(std::uint32_t index, std::uint32_t id) {
     interfaces[index] = id;
     for (const LinkAddress& address : held)

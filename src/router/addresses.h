@@ -26,9 +26,6 @@ public:
     /// Forgets what is on an interface that is no more.
     void forget(std::uint32_t index);
 
-    /// The kernel's indexes of the interfaces that hold an address, of whatever scope. Byte order: network.
-    [[nodiscard]] std::vector<std::uint32_t> holdersOf(std::uint32_t address) const;
-
     void interfaceAdded(std::uint32_t index, std::uint32_t id) override;
     void interfaceGone(std::uint32_t index) override;
 

@@ -54,6 +54,7 @@ private:
 
     static Section sectionNamed(std::string_view key) {
         if (key == "router") return &Reader::readRouter;
+        if (key == "lan") return &Reader::readLan;
         if (key == "nat") return &Reader::readNat;
         return key == "guard" ? &Reader::readGuard : nullptr;
     }
@@ -141,10 +142,16 @@ private:
         return key == "user" ? values.read(key, value, out.user) : values.fail(key, value, "unknown key");
     }
 
+    [[nodiscard]] bool readLan(std::string_view key, const toml::node& value, Config& out) {
+        if (key == "interfaces") return values.readInterfaces(key, value, out.lan.interfaces.emplace());
+        if (key == "networks") return values.read(key, value, out.lan.networks);
+        return values.fail(key, value, "unknown key");
+    }
+
     [[nodiscard]] bool readNat(std::string_view key, const toml::node& value, Config& out) {
         NatConfig& nat = out.nat;
         if (key == "check-targets") return values.read(key, value, nat.checksTargets);
-        if (key == "internal-prefixes") return values.read(key, value, nat.internalPrefixes);
+        if (key == "internal-prefixes") return values.fail(key, value, "is now \"networks\" in [lan]");
         if (key == "external-ports") return values.read(key, value, nat.externalPorts);
         if (key == "internal-ports") return values.read(key, value, nat.internalPorts);
         if (key == "router-ports") return values.read(key, value, nat.routerPorts);

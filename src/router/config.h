@@ -7,6 +7,7 @@
 
 #include "router/access.h"
 #include "router/guardconfig.h"
+#include "router/lanconfig.h"
 #include "router/natconfig.h"
 #include "tk/account.h"
 
@@ -28,6 +29,7 @@ struct Config {
     std::optional<tk::Account> user;  // whom the router runs as; none: as whoever started it
     std::vector<ProgramConfig> programs;
     std::vector<UserRights> users;
+    LanConfig lan;
     NatConfig nat;
     GuardConfig guard;
 

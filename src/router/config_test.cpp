@@ -62,8 +62,9 @@ TEST(ParseConfig, ReadsEveryKey) {
         "[[program]]\nnumber = 80\ncommand = [\"/a\"]\nuser = \"daemon\"\n"
         "[[user]]\nname = \"daemon\"\nprograms = [80, 81]\nwrites = [\"20,5\", \"20\", 21]\n"
         "trace = true\nundo = true\nadmin = true\n"
-        "[nat]\ncheck-targets = false\ninternal-prefixes = [\"10.0.0.0/8\", \"192.0.2.1/32\", "
-        "\"0.0.0.0/0\"]\n"
+        "[lan]\ninterfaces = [\"lan0\", \"br-lan\"]\n"
+        "networks = [\"10.0.0.0/8\", \"192.0.2.1/32\", \"0.0.0.0/0\"]\n"
+        "[nat]\ncheck-targets = false\n"
         "external-ports = [80, \"1024-65535\"]\ninternal-ports = [\"22\"]\nlimit-per-client = 3\nlimit = 4\n"
         "router-ports = [51820, \"8000-8010\"]\n"
         "[guard]\nlimit-connections = false\nsearches-per-second = 5\nrequests-per-second = 6\nconnections = "
@@ -75,13 +76,9 @@ TEST(ParseConfig, ReadsEveryKey) {
     wanted.programs = {{80, {"/a"}, false, tk::findAccount("daemon")}};
     const uid_t daemon = tk::findAccount("daemon")->uid;
     wanted.users = {{daemon, {80}}, {daemon, {80, 81}, {{20, 5}, {20}, {21}}, true, true, true}};
-    wanted.nat = {false,
-                  {{0x0A000000, 0xFF000000}, {0xC0000201, 0xFFFFFFFF}, {0, 0}},
-                  {{80, 80}, {1024, 65535}},
-                  {{22, 22}},
-                  3,
-                  4,
-                  {{51820, 51820}, {8000, 8010}}};
+    wanted.lan.interfaces = {{"lan0", "br-lan"}};
+    wanted.lan.networks = {{0x0A000000, 0xFF000000}, {0xC0000201, 0xFFFFFFFF}, {0, 0}};
+    wanted.nat = {false, {{80, 80}, {1024, 65535}}, {{22, 22}}, 3, 4, {{51820, 51820}, {8000, 8010}}};
     wanted.guard = {false, 5, 6, 7};
     EXPECT_EQ(config, wanted);
 }
@@ -153,14 +150,21 @@ constexpr Case cases[] = {
     {"NatAsArray", "[[nat]]\nlimit = 1\n", "r.toml:1: nat: must be written as [nat]"},
     {"NatUnknownKey", "[nat]\nlimits = 1\n", "r.toml:2: limits: unknown key"},
     {"CheckAsText", "[nat]\ncheck-targets = \"yes\"\n", "r.toml:2: check-targets: must be true or false"},
-    {"PrefixWithoutLength", "[nat]\ninternal-prefixes = [\"192.0.2.0\"]\n",
-     "r.toml:2: internal-prefixes: must be a list of networks, such as \"192.0.2.0/24\""},
-    {"PrefixWithHostBits", "[nat]\ninternal-prefixes = [\"192.0.2.1/24\"]\n",
-     "r.toml:2: internal-prefixes: must be a list of networks, such as \"192.0.2.0/24\""},
+    {"PrefixWithoutLength", "[lan]\nnetworks = [\"192.0.2.0\"]\n",
+     "r.toml:2: networks: must be a list of networks, such as \"192.0.2.0/24\""},
+    {"PrefixWithHostBits", "[lan]\nnetworks = [\"192.0.2.1/24\"]\n",
+     "r.toml:2: networks: must be a list of networks, such as \"192.0.2.0/24\""},
     {"RouterPortTooHigh", "[nat]\nrouter-ports = [65536]\n",
      "r.toml:2: router-ports: must be a list of ports, such as 80 and \"1024-65535\""},
-    {"PrefixTooLong", "[nat]\ninternal-prefixes = [\"192.0.2.0/33\"]\n",
-     "r.toml:2: internal-prefixes: must be a list of networks, such as \"192.0.2.0/24\""},
+    {"PrefixTooLong", "[lan]\nnetworks = [\"192.0.2.0/33\"]\n",
+     "r.toml:2: networks: must be a list of networks, such as \"192.0.2.0/24\""},
+    {"PrefixesWhereTheyOnceWere", "[nat]\ninternal-prefixes = []\n",
+     "r.toml:2: internal-prefixes: is now \"networks\" in [lan]"},
+    {"LanUnknownKey", "[lan]\ninterface = []\n", "r.toml:2: interface: unknown key"},
+    {"LanInterfaceAlone", "[lan]\ninterfaces = \"lan0\"\n",
+     "r.toml:2: interfaces: must be a list of interfaces, such as \"lan0\""},
+    {"LanInterfaceAsNumber", "[lan]\ninterfaces = [0]\n",
+     "r.toml:2: interfaces: must be the name of an interface, such as \"eth0\""},
     {"PortTooHigh", "[nat]\nexternal-ports = [65536]\n",
      "r.toml:2: external-ports: must be a list of ports, such as 80 and \"1024-65535\""},
     {"PortsBackwards", "[nat]\ninternal-ports = [\n80,\n\"9-8\"]\n",

@@ -1,7 +1,9 @@
 #include "router/configvalues.h"
 
 #include <arpa/inet.h>
+#include <net/if.h>
 
+#include <algorithm>
 #include <charconv>
 
 #include "tk/names.h"
@@ -22,16 +24,15 @@ std::optional<std::uint32_t> numberOf(std::string_view text, std::uint32_t highe
     return value;
 }
 
-std::optional<Prefix> prefixOf(std::string_view text) {
+std::optional<Prefix> prefixNamed(std::string_view text) {
     const std::size_t slash = text.find('/');
     if (slash == std::string_view::npos) return std::nullopt;
     const auto length = numberOf(text.substr(slash + 1), addressBits);
     in_addr address{};
     if (!length || ::inet_pton(AF_INET, std::string(text.substr(0, slash)).c_str(), &address) != 1)
         return std::nullopt;
-    const Prefix prefix{ntohl(address.s_addr),
-                        *length == 0 ? 0 : ~std::uint32_t{0} << (addressBits - *length)};
-    return (prefix.network & ~prefix.mask) == 0 ? std::optional(prefix) : std::nullopt;
+    const Prefix prefix = prefixOf(ntohl(address.s_addr), *length);
+    return prefix.network == ntohl(address.s_addr) ? std::optional(prefix) : std::nullopt;
 }
 
 std::optional<PortRange> portsOf(std::string_view text) {
@@ -115,7 +116,7 @@ bool ConfigValues::read(std::string_view key, const toml::node& value, std::opti
 
 bool ConfigValues::read(std::string_view key, const toml::node& value, std::vector<Prefix>& out) {
     const toml::node* culprit = nullptr;
-    return readList(value, &prefixOf, out, culprit) ||
+    return readList(value, &prefixNamed, out, culprit) ||
            fail(key, *culprit, "must be a list of networks, such as \"192.0.2.0/24\"");
 }
 
@@ -129,6 +130,23 @@ bool ConfigValues::read(std::string_view key, const toml::node& value, std::vect
     const toml::node* culprit = nullptr;
     return readList(value, &pathOf, out, culprit) ||
            fail(key, *culprit, "must be a list of paths, such as \"20,5\"");
+}
+
+bool ConfigValues::readInterface(std::string_view key, const toml::node& value, std::string& out) {
+    const std::string name = value.is_string() ? value.as_string()->get() : std::string();
+    if (name.empty() || name.size() >= IF_NAMESIZE)
+        return fail(key, value, "must be the name of an interface, such as \"eth0\"");
+    out = name;
+    return true;
+}
+
+bool ConfigValues::readInterfaces(std::string_view key, const toml::node& value,
+                                  std::vector<std::string>& out) {
+    const toml::array* list = value.as_array();
+    if (!list) return fail(key, value, "must be a list of interfaces, such as \"lan0\"");
+    return std::all_of(list->begin(), list->end(), [&](const toml::node& entry) {
+        return readInterface(key, entry, out.emplace_back());
+    });
 }
 
 bool ConfigValues::readCommand(std::string_view key, const toml::node& value, std::vector<std::string>& out) {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "router/natconfig.h"
+#include "router/prefix.h"
 #include "tk/account.h"
 #include "tk/message.h"
 
@@ -36,6 +37,10 @@ public:
     [[nodiscard]] bool read(std::string_view key, const toml::node& value, std::vector<PortRange>& out);
     /// A list of paths of one or two numbers, such as "20,5".
     [[nodiscard]] bool read(std::string_view key, const toml::node& value, std::vector<tk::Path>& out);
+    /// The name of an interface, and a list of them.
+    [[nodiscard]] bool readInterface(std::string_view key, const toml::node& value, std::string& out);
+    [[nodiscard]] bool readInterfaces(std::string_view key, const toml::node& value,
+                                      std::vector<std::string>& out);
     /// A command: a full path, then arguments.
     [[nodiscard]] bool readCommand(std::string_view key, const toml::node& value,
                                    std::vector<std::string>& out);

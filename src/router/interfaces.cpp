@@ -130,7 +130,18 @@ tk::message Interfaces::cmdGetAll(const tk::message& request) {
 }
 
 tk::message Interfaces::cmdUnknown(const tk::message& received, std::uint32_t command) {
-    return command == tk::listInterfaces ? cmdGetAll(received) : Handler::cmdUnknown(received, command);
+    if (command == tk::listInterfaces) return cmdGetAll(received);
+    return command == tk::tellSide ? tellSide(received) : Handler::cmdUnknown(received, command);
+}
+
+tk::message Interfaces::tellSide(const tk::message& request) const {
+    const std::uint32_t id = request.get_u32(tk::sidefield::interface);
+    const auto link = links.find(id);
+    if (link == links.end()) return noSuchInterface(id);
+    tk::message reply;
+    reply.insert_u32(tk::sidefield::side, static_cast<std::uint32_t>(zones.sideOf(link->second.index)));
+    reply.insert_string(tk::sidefield::why, zones.whyOf(link->second.index));
+    return reply;
 }
 
 tk::message Interfaces::cmdGetCount(const tk::message&) {

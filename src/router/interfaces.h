@@ -8,6 +8,7 @@
 
 #include "router/interfaceids.h"
 #include "router/networkkernel.h"
+#include "router/zones.h"
 #include "tk/handler.h"
 
 namespace router {
@@ -26,8 +27,9 @@ public:
 /// Loopback is not offered.
 class Interfaces final : public tk::Handler {
 public:
-    /// Lifetime: both outlive the handler.
-    Interfaces(InterfaceIds& ids, NetworkKernel& kernel) : ids(ids), kernel(kernel) {}
+    /// Lifetime: all outlive the handler.
+    Interfaces(InterfaceIds& ids, NetworkKernel& kernel, const Zones& zones)
+        : ids(ids), kernel(kernel), zones(zones) {}
     /// Lifetime: the watcher outlives the handler's use.
     void addWatcher(InterfaceWatcher& watcher) { watchers.push_back(&watcher); }
 
@@ -42,10 +44,11 @@ public:
     tk::message cmdGetObj(const tk::message& request) override;
     tk::message cmdSetObj(const tk::message& request) override;
     tk::message cmdGetCount(const tk::message& request) override;
-    /// Command 1 is the paged list.
+    /// Command 1 is the paged list, 2 tells the side that an interface stands on.
     tk::message cmdUnknown(const tk::message& received, std::uint32_t command) override;
 
 private:
+    [[nodiscard]] tk::message tellSide(const tk::message& request) const;
     void take(const Link& link);
     void forgetAbsent();
     void add(std::uint32_t id, const Link& link);
@@ -56,6 +59,7 @@ private:
 
     InterfaceIds& ids;
     NetworkKernel& kernel;
+    const Zones& zones;
     std::vector<InterfaceWatcher*> watchers;
     std::map<std::uint32_t, Link> links;                       // by id
     std::unordered_map<std::uint32_t, std::uint32_t> byIndex;  // the kernel's index to id

@@ -62,8 +62,9 @@ protected:
     tk::testing::TestLoop loop;
     tk::testing::ScriptedBus bus;
     testing::FakeNetwork network;
+    testing::FakeZones world;
     InterfaceIds ids{files.file("interfaces")};
-    Interfaces interfaces{ids, network};
+    Interfaces interfaces{ids, network, world.zones};
     Addresses addresses;
 };
 
@@ -148,7 +149,7 @@ TEST_F(InterfacesTest, AnInterfaceMadeAnewIsToldAsSuchEvenIfItsEndWasMissed) {
 
 TEST_F(InterfacesTest, NamesOfPresentInterfacesAreNotForgottenForThoseThatCome) {
     InterfaceIds few(files.file("few"), 2);
-    Interfaces crowded(few, network);
+    Interfaces crowded(few, network, world.zones);
     crowded.attach(bus, {20, 0});
     crowded.apply(link(2, "ppp0"));
     crowded.apply(link(3, "lan0"));
@@ -164,7 +165,7 @@ TEST_F(InterfacesTest, AFullListForgetsNoNameThatStandsFurtherDown) {
     InterfaceIds few(files.file("few"), 2);
     EXPECT_EQ(few.idOf("lan0"), 1U);
     EXPECT_EQ(few.idOf("wan0"), 2U);
-    Interfaces crowded(few, network);
+    Interfaces crowded(few, network, world.zones);
     crowded.attach(bus, {20, 0});
     crowded.applyAll({link(2, "new0"), link(3, "wan0"), link(4, "lan0")});
     EXPECT_EQ(few.idOf("lan0"), 1U);
@@ -175,7 +176,6 @@ TEST_F(InterfacesTest, LoopbackIsNotOffered) {
     interfaces.apply(link(1, "lo", running | IFF_LOOPBACK));
     addresses.apply({1, address("127.0.0.1"), address("127.0.0.1"), 8});
     EXPECT_EQ(told(), Lines{});
-    EXPECT_EQ(addresses.holdersOf(address("127.0.0.1")), (std::vector<std::uint32_t>{1}));
 }
 
 TEST_F(InterfacesTest, AFullListYieldsTheDifferences) {
@@ -204,18 +204,16 @@ TEST_F(InterfacesTest, AnAddressWithTwoPrefixesIsOneObject) {
     EXPECT_EQ(told(), (Lines{"address 2 on 1"}));  // an id is never used again
 }
 
-TEST_F(InterfacesTest, AnAddressOfItsLinkAloneIsKnownButNotOffered) {
+TEST_F(InterfacesTest, AnAddressOfItsLinkAloneIsNotOffered) {
     LinkAddress narrow = lanAddress;
     narrow.isGlobal = false;
     addresses.apply(narrow);
     interfaces.apply(link(2, "lan0"));
     told();
-    const std::vector<std::uint32_t> lan{2};
-    EXPECT_EQ(addresses.holdersOf(lanAddress.address), lan);
+    EXPECT_EQ(addresses.cmdGetCount({}).get_u32(tk::field::count), 0U);
     addresses.applyAll({narrow});
     addresses.remove(narrow);
     EXPECT_EQ(told(), Lines{});
-    EXPECT_TRUE(addresses.holdersOf(lanAddress.address).empty());
 }
 
 TEST_F(InterfacesTest, AnAddressIsOfferedWhileOneOfItsScopesIsGlobal) {
@@ -277,6 +275,20 @@ TEST_F(InterfacesTest, SettingAsksTheKernel) {
     EXPECT_EQ(network.switched, (std::vector<std::pair<std::uint32_t, bool>>{{2, false}, {2, true}}));
     network.fault = "Operation not permitted";
     EXPECT_EQ(tk::getError(interfaces.cmdSetObj(request)), "Operation not permitted");
+}
+
+TEST_F(InterfacesTest, TellTheSideThatAnInterfaceStandsOn) {
+    interfaces.apply(link(2, "lan0"));
+    interfaces.apply(link(3, "wan0"));
+    const auto side = [this](std::uint32_t id) {
+        tk::message request;
+        request.insert_u32(1, id);
+        const tk::message reply = interfaces.cmdUnknown(request, 2);
+        return std::to_string(reply.get_u32(1)) + " " + reply.get_string(2) + tk::getError(reply);
+    };
+    EXPECT_EQ(side(1), "1 it carries no route beyond the private ranges");
+    EXPECT_EQ(side(2), "2 it carries, or has carried, a route to 0.0.0.0/0");
+    EXPECT_EQ(side(3), "0 no interface 3");
 }
 
 }  // namespace

@@ -99,8 +99,8 @@ tk::message Nat::checkProgram(const NatRule& rule) const {
     if (!rule.dynamic)
         return tk::errorMsg(tk::error::notAllowed, "only root may make a rule that is not dynamic");
     std::string reason;
-    if (!ports.areFreeFor(rule.element, reason)) return tk::errorMsg(tk::error::refused, reason);
-    return {};
+    if (policy.allowsDestination(rule.element, reason) && ports.areFreeFor(rule.element, reason)) return {};
+    return tk::errorMsg(tk::error::refused, reason);
 }
 
 tk::message Nat::checkOwner(const NatRule& rule, const tk::message& request) const {

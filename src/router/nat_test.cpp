@@ -38,12 +38,11 @@ protected:
     tk::testing::Folder files;
     tk::testing::TestLoop loop;
     tk::testing::ScriptedBus& bus = loop.bus;
-    testing::FakeNetwork network;
+    testing::FakeZones world;
     testing::FakeNat kernel;
-    Addresses addresses;
-    NatPolicy policy{network, addresses};
+    NatPolicy policy{world.zones};
     testing::FakeListeners listeners;
-    RouterPorts ports{addresses, listeners, {{51820, 51820}}};
+    RouterPorts ports{world.zones, listeners, {{51820, 51820}}};
     testing::FakeRequester requester;
     Nat nat{files.file("nat"), policy, ports, kernel, requester};
 };
@@ -93,7 +92,7 @@ TEST_F(NatTest, PolicyCountsForDisabledRulesToo) {
 
 TEST_F(NatTest, ARuleCanBeDisabledWhateverThePolicyHasBecome) {
     const std::uint32_t id = add(natRequest(80, "192.0.2.2", 8080));
-    network.routes[address("192.0.2.2")] = Route{};  // no way there any more
+    world.zones.removeLink(2);  // no way there any more
     tk::message change = ofId(id);
     change.insert_bool(tk::field::disabled, true);
     EXPECT_FALSE(tk::isError(nat.cmdSetObj(change)));
@@ -371,10 +370,7 @@ TEST_F(NatTest, ChangesAreTold) {
 /// A user other than root asks, from the connection of program 80 where nothing else is said.
 class ProgramsNatTest : public NatTest {
 protected:
-    ProgramsNatTest() {
-        requester.asking = 64002;
-        addresses.apply({5, address("198.51.100.1"), address("198.51.100.1"), 24, true});
-    }
+    ProgramsNatTest() { requester.asking = 64002; }
     /// What becomes of a rule for this port: an empty text, or why not.
     std::string outcome(std::uint32_t port, std::uint32_t protocol = 6) {
         return tk::getError(nat.cmdAddObj(natRequest(port, "192.0.2.2", 8080, protocol)));
@@ -390,6 +386,20 @@ protected:
         return id;
     }
 };
+
+TEST_F(ProgramsNatTest, AProgramsRuleIsForAnAddressThatTheRouterHoldsOutside) {
+    for (const char* foreign : {"1.1.1.1", "198.51.100.2", "192.0.2.1"}) {
+        tk::message request = natRequest(443, "192.0.2.2", 443);
+        request.insert_be32(tk::rulefield::dstAddressFirst, address(foreign));
+        request.insert_be32(tk::rulefield::dstAddressLast, address(foreign));
+        const std::string why = "destination " + std::string(foreign) +
+                                " refused: it is no address of an outside interface of the router";
+        EXPECT_EQ(tk::getError(nat.cmdAddObj(request)), why);
+        requester.asking = 0;
+        EXPECT_FALSE(tk::isError(nat.cmdAddObj(request)));
+        requester.asking = 64002;
+    }
+}
 
 TEST_F(ProgramsNatTest, AProgramMakesDynamicRulesAlone) {
     std::uint32_t code = 0;
@@ -433,7 +443,7 @@ TEST_F(ProgramsNatTest, AStoredRuleIsNotAProgramsThatHasTheNumberOfNobody) {
 }
 
 TEST_F(ProgramsNatTest, APortOfTheRoutersOwnIsNotToBeHad) {
-    listeners.heard.insert({address("198.51.100.1"), 6, 22, 5});
+    listeners.heard.insert({address("198.51.100.1"), 6, 22, 3});
     EXPECT_EQ(outcome(22), "tcp 198.51.100.1:22 refused: a service of the router listens there");
     EXPECT_EQ(outcome(22, 17), "");
     EXPECT_EQ(outcome(51820, 17), "external port 51820 refused: it is one of the router's own");
@@ -443,7 +453,7 @@ TEST_F(ProgramsNatTest, APortOfTheRoutersOwnIsNotToBeHad) {
 }
 
 TEST_F(ProgramsNatTest, ARuleIsNotMovedToAPortOfTheRoutersOwn) {
-    listeners.heard.insert({address("198.51.100.1"), 6, 22, 5});
+    listeners.heard.insert({address("198.51.100.1"), 6, 22, 3});
     tk::message change = from({80, 0}, ofId(add(natRequest(80, "192.0.2.2", 80))));
     change.insert_u32(tk::rulefield::dstPortFirst, 22);
     change.insert_u32(tk::rulefield::dstPortLast, 22);

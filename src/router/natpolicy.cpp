@@ -20,31 +20,10 @@ const char* faultOf(std::uint32_t address) {
     return nullptr;
 }
 
-/// What is wrong with where packets to a target go, null when nothing is.
-const char* faultOf(Route::Type type) {
-    switch (type) {
-        case Route::Type::local:
-            return "it is an address of the router itself";
-        case Route::Type::broadcast:
-            return "it is a broadcast address";
-        case Route::Type::multicast:
-            return "it is a multicast address";
-        case Route::Type::unicast:
-        case Route::Type::none:
-            return nullptr;
-    }
-    return nullptr;
-}
-
 /// True when the list names the port; an empty one names them all.
 bool has(const std::vector<PortRange>& ranges, std::uint16_t port) {
     return ranges.empty() || std::any_of(ranges.begin(), ranges.end(),
                                          [port](const PortRange& range) { return range.contains(port); });
-}
-
-bool refuse(const NatElement& element, const char* why, std::string& reason) {
-    reason = "target " + addressText(element.target) + " refused: " + why;
-    return false;
 }
 
 }  // namespace
@@ -54,7 +33,17 @@ bool NatPolicy::allows(const NatElement& element, std::string& reason) const {
         reason = "destination 0.0.0.0 refused: the rule would never match";
         return false;
     }
-    return allowsPorts(element, reason) && (!config.checksTargets || allowsTarget(element, reason));
+    if (!allowsPorts(element, reason)) return false;
+    const std::string fault = config.checksTargets ? faultOfTarget(element.target) : std::string();
+    if (!fault.empty()) reason = "target " + addressText(element.target) + " refused: " + fault;
+    return fault.empty();
+}
+
+bool NatPolicy::allowsDestination(const NatElement& element, std::string& reason) const {
+    if (!zones.outsideHoldersOf(element.destination).empty()) return true;
+    reason = "destination " + addressText(element.destination) +
+             " refused: it is no address of an outside interface of the router";
+    return false;
 }
 
 bool NatPolicy::allowsPorts(const NatElement& element, std::string& reason) const {
@@ -69,30 +58,13 @@ bool NatPolicy::allowsPorts(const NatElement& element, std::string& reason) cons
     return false;
 }
 
-bool NatPolicy::allowsTarget(const NatElement& element, std::string& reason) const {
-    if (const char* fault = faultOf(element.target)) return refuse(element, fault, reason);
-    if (!addresses.holdersOf(element.target).empty())
-        return refuse(element, faultOf(Route::Type::local), reason);
-    return allowsRoute(element, kernel.routeTo(element.target), reason);
-}
-
-bool NatPolicy::allowsRoute(const NatElement& element, const Route& route, std::string& reason) const {
-    if (const char* fault = faultOf(route.type)) return refuse(element, fault, reason);
-    const auto isInside = [target = ntohl(element.target)](const Prefix& prefix) {
-        return prefix.contains(target);
-    };
-    if (std::any_of(config.internalPrefixes.begin(), config.internalPrefixes.end(), isInside)) return true;
-    // A default route may come at any time, and would lead there.
-    if (route.type == Route::Type::none) return refuse(element, "there is no route to it", reason);
-    if (route.isDefault()) return refuse(element, "it is reached over the default route", reason);
-    if (route.interfaces.empty())
-        return refuse(element, "nobody tells which interface it is reached over", reason);
-    const std::vector<std::uint32_t> outside = addresses.holdersOf(element.destination);
-    for (const std::uint32_t index : route.interfaces)
-        if (std::find(outside.begin(), outside.end(), index) != outside.end())
-            return refuse(element, "it is reached over the interface that holds the destination address",
-                          reason);
-    return true;
+/// What is wrong with a target, empty when nothing is.
+std::string NatPolicy::faultOfTarget(std::uint32_t address) const {
+    if (const char* fault = faultOf(address)) return fault;
+    if (zones.isOwn(address)) return "it is an address of the router itself";
+    if (zones.isBroadcastAddress(address)) return "it is a broadcast address";
+    if (zones.isNetworkAddress(address)) return "it is the address of a network itself";
+    return zones.isInside(address) ? std::string() : zones.whyOutside(address);
 }
 
 bool NatPolicy::hasRoom(std::size_t total, std::size_t ofTarget, const NatElement& element,

@@ -1,13 +1,12 @@
 #pragma once
 
-#include <cstdint>
+#include <cstddef>
 #include <string>
 #include <utility>
 
-#include "router/addresses.h"
 #include "router/natconfig.h"
 #include "router/natrule.h"
-#include "router/networkkernel.h"
+#include "router/zones.h"
 
 namespace router {
 
@@ -15,12 +14,15 @@ namespace router {
 /// itself, and what the configuration says besides.
 class NatPolicy {
 public:
-    /// Lifetime: both outlive the policy.
-    NatPolicy(NetworkKernel& kernel, const Addresses& addresses, NatConfig config = {})
-        : kernel(kernel), addresses(addresses), config(std::move(config)) {}
+    /// Lifetime: the zones outlive the policy.
+    explicit NatPolicy(const Zones& zones, NatConfig config = {}) : zones(zones), config(std::move(config)) {}
 
     /// True when the rule may be enabled; else `reason` says why not.
     [[nodiscard]] bool allows(const NatElement& element, std::string& reason) const;
+
+    /// True when a program may ask for a rule with this destination: an address that the router holds
+    /// outside. Else `reason` says so.
+    [[nodiscard]] bool allowsDestination(const NatElement& element, std::string& reason) const;
 
     /// True when there may be one rule more: `total` counts all the others, `ofTarget` those of them that
     /// lead to the same address. Else `reason` says which limit is reached.
@@ -29,11 +31,9 @@ public:
 
 private:
     [[nodiscard]] bool allowsPorts(const NatElement& element, std::string& reason) const;
-    [[nodiscard]] bool allowsTarget(const NatElement& element, std::string& reason) const;
-    [[nodiscard]] bool allowsRoute(const NatElement& element, const Route& route, std::string& reason) const;
+    [[nodiscard]] std::string faultOfTarget(std::uint32_t address) const;
 
-    NetworkKernel& kernel;
-    const Addresses& addresses;
+    const Zones& zones;
     NatConfig config;
 };
 

@@ -2,7 +2,7 @@
 
 #include <cstdint>
 #include <string>
-#include <vector>
+#include <tuple>
 
 namespace router {
 
@@ -21,6 +21,8 @@ struct Link {
     std::string alias;
     std::uint32_t hardwareType = 0;  // ARPHRD_...
     std::uint32_t flags = 0;         // IFF_...
+    std::uint32_t lower = 0;         // index of the device that carries its packets; 0: none, or elsewhere
+    std::uint32_t master = 0;        // index of the bridge or bond that it is a member of; 0: none
     LinkCounters counters;
 
     /// True for the interface of the router to itself.
@@ -37,29 +39,20 @@ struct LinkAddress {
     std::uint32_t address = 0;  // the router's own, also on a point-to-point link
     std::uint32_t peer = 0;     // the other end on a point-to-point link, else the same
     std::uint8_t prefixLength = 0;
-    bool isGlobal = true;  // false for one that has a meaning on its link or host alone
+    bool isGlobal = true;         // false for one that has a meaning on its link or host alone
+    std::uint32_t broadcast = 0;  // the network's broadcast address as it was configured; 0: none
 
-    auto operator<=>(const LinkAddress&) const = default;
+    /// The broadcast address may change under an address, which is the same then.
+    auto operator<=>(const LinkAddress& other) const { return key() <=> other.key(); }
+    bool operator==(const LinkAddress& other) const { return key() == other.key(); }
+
+private:
+    std::tuple<std::uint32_t, std::uint32_t, std::uint32_t, std::uint8_t, bool> key() const {
+        return {index, address, peer, prefixLength, isGlobal};
+    }
 };
 
-/// Where the kernel would send a packet.
-struct Route {
-    /// What becomes of it there.
-    enum class Type : std::uint8_t { unicast, local, broadcast, multicast, none };
-
-    Type type = Type::none;
-    std::uint8_t prefixLength = 0;          // of the route that matches
-    std::vector<std::uint32_t> interfaces;  // indexes; several with a multipath route, none if unknown
-    std::uint32_t nextHop = 0;  // the id of the object that says where it leads; 0: the route does
-
-    /// True for the prefix of a default route, also of one that is split in two halves so as to win over
-    /// another one.
-    static constexpr bool isDefaultPrefix(std::uint8_t length) { return length <= 1; }
-    /// True for a default route.
-    bool isDefault() const { return type == Type::unicast && isDefaultPrefix(prefixLength); }
-};
-
-/// What the services ask of the kernel about interfaces, addresses and routes. Replaced by a fake in tests.
+/// What the services ask of the kernel about interfaces. Replaced by a fake in tests.
 class NetworkKernel {
 public:
     virtual ~NetworkKernel() = default;
@@ -67,9 +60,6 @@ public:
     [[nodiscard]] virtual bool readLink(std::uint32_t index, Link& out, std::string& reason) = 0;
     /// Sets an interface up or down. Errors: false, with the kernel's text in `reason`.
     [[nodiscard]] virtual bool setLinkUp(std::uint32_t index, bool up, std::string& reason) = 0;
-    /// Looks up where packets to `address` (network order) go. The interfaces of a route that leads somewhere
-    /// are empty only where the kernel does not tell them.
-    [[nodiscard]] virtual Route routeTo(std::uint32_t address) = 0;
 };
 
 }  // namespace router

@@ -33,6 +33,7 @@ bool NetworkMonitor::readAll(std::string& reason) {
     std::vector<Link> links;
     std::vector<LinkAddress> held;
     if (!kernel.readLinks(links, reason) || !kernel.readAddresses(held, reason)) return false;
+    zones.applyAll(links, held);
     interfaces.applyAll(links);
     addresses.applyAll(held);
     return true;
@@ -65,19 +66,29 @@ void NetworkMonitor::discardQueue() {
 void NetworkMonitor::take(const nlmsghdr& message) {
     switch (message.nlmsg_type) {
         case RTM_NEWLINK:
-            if (const auto link = parseLink(message)) interfaces.apply(*link);
+            if (const auto link = parseLink(message)) {
+                zones.apply(*link);
+                interfaces.apply(*link);
+            }
             return;
         case RTM_DELLINK:
             if (const auto link = parseLink(message)) {
+                zones.removeLink(link->index);
                 interfaces.remove(link->index);
                 addresses.forget(link->index);
             }
             return;
         case RTM_NEWADDR:
-            if (const auto address = parseAddress(message)) addresses.apply(*address);
+            if (const auto address = parseAddress(message)) {
+                zones.apply(*address);
+                addresses.apply(*address);
+            }
             return;
         case RTM_DELADDR:
-            if (const auto address = parseAddress(message)) addresses.remove(*address);
+            if (const auto address = parseAddress(message)) {
+                zones.remove(*address);
+                addresses.remove(*address);
+            }
             return;
         default:
             return;

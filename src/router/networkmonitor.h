@@ -8,18 +8,19 @@
 #include "router/interfaces.h"
 #include "router/netlinksocket.h"
 #include "router/rtnetlink.h"
+#include "router/zones.h"
 #include "tk/timer.h"
 
 namespace router {
 
-/// Keeps the interfaces and addresses on the bus in step with the kernel: listens first, reads everything
-/// second, and applies what was heard meanwhile third. When the kernel had to drop a notification, everything
-/// is read again.
+/// Keeps the zones, and the interfaces and addresses on the bus, in step with the kernel: listens first,
+/// reads everything second, and applies what was heard meanwhile third. When the kernel had to drop a
+/// notification, everything is read again.
 class NetworkMonitor {
 public:
     /// Lifetime: all outlive the monitor.
-    NetworkMonitor(RtNetlink& kernel, Interfaces& interfaces, Addresses& addresses)
-        : kernel(kernel), interfaces(interfaces), addresses(addresses) {}
+    NetworkMonitor(RtNetlink& kernel, Zones& zones, Interfaces& interfaces, Addresses& addresses)
+        : kernel(kernel), zones(zones), interfaces(interfaces), addresses(addresses) {}
 
     /// Errors: false, with the reason in `reason`.
     [[nodiscard]] bool start(std::string& reason);
@@ -32,6 +33,7 @@ private:
     void discardQueue();
 
     RtNetlink& kernel;
+    Zones& zones;  // which hear of everything first: what the bus tells is in force
     Interfaces& interfaces;
     Addresses& addresses;
     NetlinkSocket events;

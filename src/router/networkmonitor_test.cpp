@@ -2,8 +2,6 @@
 
 #include "router/networkmonitor.h"
 
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
 #include "router/natrule.h"
@@ -30,6 +28,7 @@ protected:
         addresses.attach(bus, {20, 1});
         interfaces.addWatcher(addresses);
         ASSERT_TRUE(monitor.start(reason)) << reason;
+        zones.start(watcher);
         bus.posted.clear();
     }
     void TearDown() override {
@@ -73,9 +72,11 @@ protected:
     tk::testing::Folder files;
     RtNetlink kernel;
     InterfaceIds ids{files.file("interfaces")};
-    Interfaces interfaces{ids, kernel};
+    testing::IdleWatcher watcher;
+    Zones zones;
+    Interfaces interfaces{ids, kernel, zones};
     Addresses addresses;
-    NetworkMonitor monitor{kernel, interfaces, addresses};
+    NetworkMonitor monitor{kernel, zones, interfaces, addresses};
 };
 
 TEST_F(NetworkMonitorTest, ReadsWhatIsThere) {
@@ -102,11 +103,6 @@ TEST_F(NetworkMonitorTest, FollowsAddresses) {
         "ip addr add 192.0.2.7 peer 203.0.113.7 dev lan0 && ip addr add 203.0.113.9/32 scope link dev lan0");
     settle();
     EXPECT_EQ(addressesOf(lan), (Texts{"192.0.2.1", "192.0.2.7"}));
-    EXPECT_EQ(addresses.holdersOf(testing::address("203.0.113.9")),
-              (std::vector<std::uint32_t>{recordOf("lan0").get_u32(0x10004)}));
-    shell("ip addr del 203.0.113.9/32 dev lan0");
-    settle();
-    EXPECT_TRUE(addresses.holdersOf(testing::address("203.0.113.9")).empty());
     shell("ip addr del 192.0.2.1/24 dev lan0");
     settle();
     EXPECT_EQ(addressesOf(lan), (Texts{"192.0.2.7"}));
@@ -183,61 +179,43 @@ TEST_F(NetworkMonitorTest, CountersAreThoseOfTheKernel) {
     EXPECT_EQ(arrived.get_u64(0x100FC), 3 * frame);
 }
 
-TEST_F(NetworkMonitorTest, LooksUpRoutes) {
-    shell("ip link set lan0 up && ip link set far0 up && ip route add default via 192.0.2.254");
-    const auto lan = recordOf("lan0").get_u32(0x10004);
-    const auto routeTo = [this](const char* text) { return kernel.routeTo(testing::address(text)); };
-    EXPECT_EQ(routeTo("192.0.2.2").type, Route::Type::unicast);
-    EXPECT_EQ(routeTo("192.0.2.2").prefixLength, 24);
-    EXPECT_EQ(routeTo("192.0.2.2").interfaces, (std::vector<std::uint32_t>{lan}));
-    EXPECT_EQ(routeTo("192.0.2.1").type, Route::Type::local);
-    EXPECT_EQ(routeTo("192.0.2.255").type, Route::Type::broadcast);
-    EXPECT_EQ(routeTo("203.0.113.1").type, Route::Type::unicast);
-    EXPECT_EQ(routeTo("203.0.113.1").prefixLength, 0);
-    shell("ip route del default");
-    EXPECT_EQ(routeTo("203.0.113.1").type, Route::Type::none);
-}
-
-TEST_F(NetworkMonitorTest, LooksUpRoutesOfSeveralPaths) {
-    shell("ip link add wan0 type veth peer name far1 && ip addr add 198.51.100.1/24 dev wan0");
-    shell("for i in lan0 far0 wan0 far1; do ip link set $i up; done");
-    shell("ip route add 203.0.113.0/24 nexthop via 192.0.2.254 nexthop via 198.51.100.254");
+TEST_F(NetworkMonitorTest, TheZonesHearOfEverything) {
+    shell("ip link set lan0 up && ip link set far0 up");
     settle();
-    const Route route = kernel.routeTo(testing::address("203.0.113.1"));
-    EXPECT_EQ(route.prefixLength, 24);
-    EXPECT_EQ(route.interfaces, (std::vector<std::uint32_t>{recordOf("lan0").get_u32(0x10004),
-                                                            recordOf("wan0").get_u32(0x10004)}));
-}
-
-TEST_F(NetworkMonitorTest, LooksUpRoutesByNextHopObjects) {
-    if (::access("/proc/sys/net/ipv4/nexthop_compat_mode", F_OK) != 0)
-        GTEST_SKIP() << "this kernel has no nexthop objects";
-    shell("ip link add wan0 type veth peer name far1 && ip addr add 198.51.100.1/24 dev wan0");
-    shell("for i in lan0 far0 wan0 far1; do ip link set $i up; done");
-    shell("ip nexthop add id 5 via 192.0.2.254 dev lan0 && ip nexthop add id 6 via 198.51.100.254 dev wan0");
-    shell("ip nexthop add id 7 group 5/6 && ip nexthop add id 8 blackhole");
-    shell("ip route add 203.0.113.0/26 nhid 6 && ip route add 203.0.113.64/26 nhid 7");
-    shell("ip route add 203.0.113.128/26 nhid 8");
+    EXPECT_EQ(zones.sideOf(recordOf("lan0").get_u32(0x10004)), Side::inside);
+    EXPECT_TRUE(zones.isInside(testing::address("192.0.2.2")));
+    shell("ip addr add 192.0.2.7/32 scope link dev lan0");
     settle();
-    const std::uint32_t lan = recordOf("lan0").get_u32(0x10004);
-    const std::uint32_t wan = recordOf("wan0").get_u32(0x10004);
-    for (const char* mode : {"0", "1"}) {  // the ids alone, or what older programs understand as well
-        shell(std::string("sysctl -qw net.ipv4.nexthop_compat_mode=") + mode);
-        const auto routeTo = [this](const char* text) { return kernel.routeTo(testing::address(text)); };
-        EXPECT_EQ(routeTo("203.0.113.1").interfaces, (std::vector<std::uint32_t>{wan})) << mode;
-        EXPECT_EQ(routeTo("203.0.113.65").interfaces, (std::vector<std::uint32_t>{lan, wan})) << mode;
-        EXPECT_EQ(routeTo("203.0.113.129").type, Route::Type::none) << mode;
-    }
-    shell("ip nexthop flush");
+    EXPECT_TRUE(zones.isOwn(testing::address("192.0.2.7"))) << "whatever its scope";
+    shell("ip addr del 192.0.2.1/24 dev lan0");
+    settle();
+    EXPECT_FALSE(zones.isInside(testing::address("192.0.2.2")));
+    shell("ip addr add 192.0.2.1/24 broadcast 192.0.2.127 dev lan0");
+    settle();
+    EXPECT_TRUE(zones.isBroadcastAddress(testing::address("192.0.2.127")));
+    shell("ip link set lan0 down");
+    settle();
+    EXPECT_FALSE(zones.isInside(testing::address("192.0.2.2")));
 }
 
-TEST_F(NetworkMonitorTest, RoutesThatLeadNowhereAreNone) {
-    shell("ip link set lan0 up && ip link set far0 up && ip route add default via 192.0.2.254");
-    for (const char* kind : {"unreachable", "blackhole", "prohibit"}) {
-        shell(std::string("ip route replace ") + kind + " 203.0.113.0/24");
-        EXPECT_EQ(kernel.routeTo(testing::address("203.0.113.1")).type, Route::Type::none) << kind;
-    }
-    shell("ip route del 203.0.113.0/24");
+TEST_F(NetworkMonitorTest, TheZonesKnowWhatIsBelowWhat) {
+    shell("ip link add br0 type bridge && ip link set far0 master br0 && ip link set br0 up");
+    settle();
+    zones.addExits({{recordOf("br0").get_u32(0x10004), Prefix{}}});
+    EXPECT_EQ(zones.sideOf(recordOf("far0").get_u32(0x10004)), Side::outside);
+    EXPECT_EQ(zones.sideOf(recordOf("lan0").get_u32(0x10004)), Side::inside)
+        << "the other end of a pair is not below it";
+    shell("ip link del br0");
+}
+
+TEST_F(NetworkMonitorTest, AVlansLinkIsBelowIt) {
+    bool failed = false;
+    testing::run("ip link add link lan0 name lan0.7 type vlan id 7 2>&1", failed);
+    if (failed) GTEST_SKIP() << "this kernel makes no VLANs";
+    settle();
+    zones.addExits({{recordOf("lan0.7").get_u32(0x10004), Prefix{}}});
+    EXPECT_EQ(zones.sideOf(recordOf("lan0").get_u32(0x10004)), Side::outside);
+    EXPECT_EQ(zones.sideOf(recordOf("far0").get_u32(0x10004)), Side::inside);
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include <errno.h>
 #include <libmnl/libmnl.h>
 #include <libnftnl/common.h>
-#include <linux/netfilter.h>
 
 namespace router {
 
@@ -26,10 +25,10 @@ void NftBatch::append(const nlmsghdr& message) {
     bytes.insert(bytes.end(), start, start + MNL_ALIGN(message.nlmsg_len));
 }
 
-void NftBatch::add(std::uint16_t type, std::uint16_t flags, const Fill& fill) {
+void NftBatch::add(std::uint16_t type, std::uint16_t flags, const Fill& fill, std::uint8_t family) {
     lastSequence = socket.nextSequence();
     lastOffset = bytes.size();
-    nlmsghdr* message = nftnl_nlmsg_build_hdr(scratch.data(), type, NFPROTO_IPV4, flags, lastSequence);
+    nlmsghdr* message = nftnl_nlmsg_build_hdr(scratch.data(), type, family, flags, lastSequence);
     fill(*message);
     append(*message);
 }

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "router/netlinksocket.h"
+#include "router/nftnames.h"
 
 namespace router {
 
@@ -18,8 +19,8 @@ public:
     /// Lifetime: the socket outlives the batch.
     explicit NftBatch(NetlinkSocket& socket);
 
-    /// Appends a message for the ip family. `fill` writes its attributes, at most maximumMessage bytes.
-    void add(std::uint16_t type, std::uint16_t flags, const Fill& fill);
+    /// Appends a message for a family. `fill` writes its attributes, at most maximumMessage bytes.
+    void add(std::uint16_t type, std::uint16_t flags, const Fill& fill, std::uint8_t family = nft::ip4);
     /// Sends the transaction, and waits for the kernel to commit or refuse it. The first error counts.
     /// Without an answer the result says so: the kernel may have committed.
     [[nodiscard]] NetlinkResult commit();

@@ -1,7 +1,11 @@
 #include "router/nftguardrules.h"
 
+#include <linux/ip.h>
 #include <linux/rtnetlink.h>
 #include <netinet/in.h>
+#include <stddef.h>
+
+#include <functional>
 
 #include "router/nftnames.h"
 #include "router/nftrulebuilder.h"
@@ -13,14 +17,54 @@ namespace {
 constexpr std::uint16_t searchPort = 1900;   // UDP
 constexpr std::uint16_t gatewayPort = 2828;  // TCP
 
-/// Begins a rule for the connections that guarded users make. The flags tell them, not the state that is
-/// tracked, for a flow that was forgotten would look new.
-NftRuleBuilder guardedConnection() {
-    NftRuleBuilder rule(nft::output);
-    rule.isFirstOfTcp();
+constexpr std::uint8_t searchGroup[] = {239, 255, 255, 250};
+
+NftRuleBuilder guardedPacket(std::uint8_t family) {
+    NftRuleBuilder rule(nft::output, family);
     rule.meta(NFT_META_SKUID, NftRuleBuilder::firstPart);
     rule.lookUp(nft::guarded);
     return rule;
+}
+
+void loadDestination(NftRuleBuilder& rule) {
+    rule.payload(NFT_PAYLOAD_NETWORK_HEADER, offsetof(iphdr, daddr), sizeof(std::uint32_t),
+                 NftRuleBuilder::firstPart);
+}
+
+void allowHostsInside(NftBatch& batch) {
+    const std::uint32_t local = RTN_LOCAL;
+    NftRuleBuilder rule(nft::daemon);
+    rule.destinationType(NftRuleBuilder::firstPart);
+    rule.differs(&local, sizeof local);
+    loadDestination(rule);
+    rule.lookUp(nft::inside);
+    rule.accept();
+    rule.appendTo(batch);
+}
+
+/// The set for hairpin connections has each inside interface, paired with itself.
+void allowAdvertsInside(NftBatch& batch) {
+    NftRuleBuilder rule(nft::daemon);
+    loadDestination(rule);
+    rule.equals(searchGroup, sizeof searchGroup);
+    rule.isTo(IPPROTO_UDP, searchPort);
+    rule.meta(NFT_META_OIF, NftRuleBuilder::firstPart);
+    rule.meta(NFT_META_OIF, NftRuleBuilder::secondPart);
+    rule.lookUp(nft::hairpin);
+    rule.accept();
+    rule.appendTo(batch);
+}
+
+void refuseAll(NftBatch& batch, const std::function<NftRuleBuilder()>& begin) {
+    const std::uint8_t tcp = IPPROTO_TCP;
+    NftRuleBuilder connections = begin();
+    connections.meta(NFT_META_L4PROTO, NftRuleBuilder::firstPart);
+    connections.equals(&tcp, sizeof tcp);
+    connections.rejectWithReset();
+    connections.appendTo(batch);
+    NftRuleBuilder others = begin();
+    others.rejectAsForbidden();
+    others.appendTo(batch);
 }
 
 NftRuleBuilder newRequest() {
@@ -32,18 +76,17 @@ NftRuleBuilder newRequest() {
 
 }  // namespace
 
-void addConnectionGuard(NftBatch& batch) {
-    const std::uint32_t local = RTN_LOCAL;
-    NftRuleBuilder inside = guardedConnection();
-    inside.destinationType(NftRuleBuilder::firstPart);
-    inside.equals(&local, sizeof local);
-    inside.rejectWithReset();
-    inside.appendTo(batch);
-    NftRuleBuilder outside = guardedConnection();
-    outside.meta(NFT_META_OIF, NftRuleBuilder::firstPart);
-    outside.lookUp(nft::uplinks);
-    outside.rejectWithReset();
-    outside.appendTo(batch);
+void addGuard(NftBatch& batch) {
+    NftRuleBuilder rule = guardedPacket(nft::ip4);
+    rule.jumpTo(nft::daemon);
+    rule.appendTo(batch);
+    allowHostsInside(batch);
+    allowAdvertsInside(batch);
+    refuseAll(batch, [] { return NftRuleBuilder(nft::daemon); });
+}
+
+void addGuardOfIp6(NftBatch& batch) {
+    refuseAll(batch, [] { return guardedPacket(nft::ip6); });
 }
 
 void addSearchLimit(NftBatch& batch, std::uint32_t setNumber, std::uint32_t rate) {

@@ -6,9 +6,11 @@
 
 namespace router {
 
-/// Appends the rules of the output chain: a guarded user's process does not connect to the router itself, nor
-/// out of an interface that a default route leads out of.
-void addConnectionGuard(NftBatch& batch);
+/// Appends the rules of the output chain, and of the one for what guarded users send: inside, and not to the
+/// router itself.
+void addGuard(NftBatch& batch);
+/// Appends the rules of the output chain for IPv6, in which nothing is inside.
+void addGuardOfIp6(NftBatch& batch);
 
 /// Append the rules of the input chain, each with the number that its set has in the transaction.
 /// `rate`: packets a second from one source. `limit`: connections of one source.

@@ -34,12 +34,13 @@ constexpr std::uint32_t hairpinKeyType = typeInterface << typeBits | typeInterfa
 
 constexpr std::uint32_t mapNumber = 1;  // of the sets within their transaction
 constexpr std::uint32_t hairpinNumber = 2;
-constexpr std::uint32_t uplinksNumber = 3;
+constexpr std::uint32_t insideNumber = 3;
 constexpr std::uint32_t usersNumber = 4;
 constexpr std::uint32_t searchesNumber = 5;
 constexpr std::uint32_t requestsNumber = 6;
 constexpr std::uint32_t connectionsNumber = 7;
 constexpr std::uint32_t liveNumber = 8;
+constexpr std::uint32_t usersNumberOfIp6 = 9;
 constexpr std::uint32_t sourceLimit = 65536;  // of a set of sources; those beyond it are not limited
 constexpr std::int32_t priorityAfterDstnat = -90;
 constexpr std::int32_t priorityBeforeFilter = -10;
@@ -79,25 +80,26 @@ using Table = std::unique_ptr<nftnl_table, decltype(&nftnl_table_free)>;
 using Chain = std::unique_ptr<nftnl_chain, decltype(&nftnl_chain_free)>;
 using Set = std::unique_ptr<nftnl_set, decltype(&nftnl_set_free)>;
 
-Table makeTable(std::uint32_t flags) {
+Table makeTable(std::uint32_t flags, std::uint8_t family) {
     Table table(nftnl_table_alloc(), &nftnl_table_free);
-    nftnl_table_set_u32(table.get(), NFTNL_TABLE_FAMILY, NFPROTO_IPV4);
+    nftnl_table_set_u32(table.get(), NFTNL_TABLE_FAMILY, family);
     nftnl_table_set_str(table.get(), NFTNL_TABLE_NAME, nft::table);
     nftnl_table_set_u32(table.get(), NFTNL_TABLE_FLAGS, flags);
     return table;
 }
 
-Set makeSet(const char* name) {
+Set makeSet(const char* name, std::uint8_t family = nft::ip4) {
     Set set(nftnl_set_alloc(), &nftnl_set_free);
-    nftnl_set_set_u32(set.get(), NFTNL_SET_FAMILY, NFPROTO_IPV4);
+    nftnl_set_set_u32(set.get(), NFTNL_SET_FAMILY, family);
     nftnl_set_set_str(set.get(), NFTNL_SET_TABLE, nft::table);
     nftnl_set_set_str(set.get(), NFTNL_SET_NAME, name);
     return set;
 }
 
-void addSet(NftBatch& batch, const Set& set) {
-    batch.add(NFT_MSG_NEWSET, NLM_F_CREATE,
-              [&set](nlmsghdr& message) { nftnl_set_nlmsg_build_payload(&message, set.get()); });
+void addSet(NftBatch& batch, const Set& set, std::uint8_t family = nft::ip4) {
+    batch.add(
+        NFT_MSG_NEWSET, NLM_F_CREATE,
+        [&set](nlmsghdr& message) { nftnl_set_nlmsg_build_payload(&message, set.get()); }, family);
 }
 
 void addMap(NftBatch& batch) {
@@ -127,15 +129,23 @@ void addHairpinSet(NftBatch& batch) {
     addSet(batch, set);
 }
 
-/// A set of single numbers of 32 bits: users, or interfaces.
-void addNumberSet(NftBatch& batch, const char* name, std::uint32_t number, std::uint32_t type) {
-    const Set set = makeSet(name);
+void addUserSet(NftBatch& batch, std::uint32_t number, std::uint8_t family) {
+    const Set set = makeSet(nft::guarded, family);
     nftnl_set_set_u32(set.get(), NFTNL_SET_ID, number);
-    nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_TYPE, type);
+    nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_TYPE, typeUser);
     nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_LEN, sizeof(std::uint32_t));
     // A note for nft(8), which would else show the numbers with their bytes reversed: type, length, value.
     constexpr std::uint8_t hostOrder[] = {NFTNL_UDATA_SET_KEYBYTEORDER, 4, 1, 0, 0, 0};
     nftnl_set_set_data(set.get(), NFTNL_SET_USERDATA, hostOrder, sizeof hostOrder);
+    addSet(batch, set, family);
+}
+
+void addInsideSet(NftBatch& batch) {
+    const Set set = makeSet(nft::inside);
+    nftnl_set_set_u32(set.get(), NFTNL_SET_ID, insideNumber);
+    nftnl_set_set_u32(set.get(), NFTNL_SET_FLAGS, NFT_SET_INTERVAL);
+    nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_TYPE, typeAddress);
+    nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_LEN, sizeof(std::uint32_t));
     addSet(batch, set);
 }
 
@@ -150,17 +160,18 @@ void addSourceSet(NftBatch& batch, const char* name, std::uint32_t number, std::
     addSet(batch, set);
 }
 
-Chain makeChain(const char* name) {
+Chain makeChain(const char* name, std::uint8_t family = nft::ip4) {
     Chain chain(nftnl_chain_alloc(), &nftnl_chain_free);
-    nftnl_chain_set_u32(chain.get(), NFTNL_CHAIN_FAMILY, NFPROTO_IPV4);
+    nftnl_chain_set_u32(chain.get(), NFTNL_CHAIN_FAMILY, family);
     nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TABLE, nft::table);
     nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_NAME, name);
     return chain;
 }
 
-void addChain(NftBatch& batch, const Chain& chain) {
-    batch.add(NFT_MSG_NEWCHAIN, NLM_F_CREATE,
-              [&chain](nlmsghdr& message) { nftnl_chain_nlmsg_build_payload(&message, chain.get()); });
+void addChain(NftBatch& batch, const Chain& chain, std::uint8_t family = nft::ip4) {
+    batch.add(
+        NFT_MSG_NEWCHAIN, NLM_F_CREATE,
+        [&chain](nlmsghdr& message) { nftnl_chain_nlmsg_build_payload(&message, chain.get()); }, family);
 }
 
 MapKey keyOf(const NatElement& element) {
@@ -168,10 +179,10 @@ MapKey keyOf(const NatElement& element) {
 }
 
 /// Appends one message with elements of one set.
-void changeSet(NftBatch& batch, bool isAddition, const Set& set) {
-    batch.add(isAddition ? NFT_MSG_NEWSETELEM : NFT_MSG_DELSETELEM,
-              isAddition ? NLM_F_CREATE | NLM_F_EXCL : 0,
-              [&set](nlmsghdr& message) { nftnl_set_elems_nlmsg_build_payload(&message, set.get()); });
+void changeSet(NftBatch& batch, bool isAddition, const Set& set, std::uint8_t family = nft::ip4) {
+    batch.add(
+        isAddition ? NFT_MSG_NEWSETELEM : NFT_MSG_DELSETELEM, isAddition ? NLM_F_CREATE | NLM_F_EXCL : 0,
+        [&set](nlmsghdr& message) { nftnl_set_elems_nlmsg_build_payload(&message, set.get()); }, family);
 }
 
 /// Appends a key to a set's elements, with data where it is a map's.
@@ -201,43 +212,67 @@ void changeElements(NftBatch& batch, bool isAddition, std::span<const NatElement
 }
 
 void changeHairpins(NftBatch& batch, bool isAddition, const std::set<std::uint32_t>& indexes) {
-    if (indexes.empty()) return;
-    const Set set = makeSet(nft::hairpin);
-    for (const std::uint32_t index : indexes) addEntry(set, HairpinKey{index, index});
-    changeSet(batch, isAddition, set);
+    for (auto next = indexes.begin(); next != indexes.end();) {
+        const Set set = makeSet(nft::hairpin);
+        for (std::size_t count = 0; count < elementsPerMessage && next != indexes.end(); ++count, ++next)
+            addEntry(set, HairpinKey{*next, *next});
+        changeSet(batch, isAddition, set);
+    }
 }
 
-void changeNumbers(NftBatch& batch, bool isAddition, const char* name,
-                   const std::set<std::uint32_t>& numbers) {
-    if (numbers.empty()) return;
-    const Set set = makeSet(name);
-    for (const std::uint32_t number : numbers) addEntry(set, number);
-    changeSet(batch, isAddition, set);
+void addUsersOf(NftBatch& batch, const std::set<std::uint32_t>& users, std::uint8_t family) {
+    const Set set = makeSet(nft::guarded, family);
+    for (const std::uint32_t user : users) addEntry(set, user);
+    changeSet(batch, true, set, family);
+}
+
+void addBoundary(const Set& set, std::uint32_t hostOrderAddress, std::uint32_t flags) {
+    const std::uint32_t key = htonl(hostOrderAddress);
+    nftnl_set_elem* entry = nftnl_set_elem_alloc();
+    nftnl_set_elem_set(entry, NFTNL_SET_ELEM_KEY, &key, sizeof key);
+    if (flags != 0) nftnl_set_elem_set_u32(entry, NFTNL_SET_ELEM_FLAGS, flags);
+    nftnl_set_elem_add(set.get(), entry);  // the set owns it from now on
+}
+
+void changeInside(NftBatch& batch, bool isAddition, std::span<const AddressRange> ranges) {
+    while (!ranges.empty()) {
+        const auto part = ranges.first(std::min(ranges.size(), elementsPerMessage / 2));
+        ranges = ranges.subspan(part.size());
+        const Set set = makeSet(nft::inside);
+        for (const AddressRange& range : part) {
+            addBoundary(set, range.first, 0);
+            // The end is the first address behind; what reaches to the last one has none.
+            if (range.last + 1 != 0) addBoundary(set, range.last + 1, NFT_SET_ELEM_INTERVAL_END);
+        }
+        changeSet(batch, isAddition, set);
+    }
 }
 
 }  // namespace
 
-void addTable(NftBatch& batch, std::uint32_t flags) {
-    const Table table = makeTable(flags);
-    batch.add(NFT_MSG_NEWTABLE, NLM_F_CREATE,
-              [&table](nlmsghdr& message) { nftnl_table_nlmsg_build_payload(&message, table.get()); });
+void addTable(NftBatch& batch, std::uint32_t flags, std::uint8_t family) {
+    const Table table = makeTable(flags, family);
+    batch.add(
+        NFT_MSG_NEWTABLE, NLM_F_CREATE,
+        [&table](nlmsghdr& message) { nftnl_table_nlmsg_build_payload(&message, table.get()); }, family);
 }
 
-void addChain(NftBatch& batch, const char* name, const char* type, std::uint32_t hook,
-              std::int32_t priority) {
-    const Chain chain = makeChain(name);
+void addChain(NftBatch& batch, const char* name, const char* type, std::uint32_t hook, std::int32_t priority,
+              std::uint8_t family) {
+    const Chain chain = makeChain(name, family);
     nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TYPE, type);
     nftnl_chain_set_u32(chain.get(), NFTNL_CHAIN_HOOKNUM, hook);
     nftnl_chain_set_s32(chain.get(), NFTNL_CHAIN_PRIO, priority);
-    addChain(batch, chain);
+    addChain(batch, chain, family);
 }
 
-void removeTable(NftBatch& batch, bool isOurs) {
+void removeTable(NftBatch& batch, bool isOurs, std::uint8_t family) {
     // To remove what may be absent, it is first made sure that it is there.
-    addTable(batch, isOurs ? ownerFlag : 0);
-    const Table table = makeTable(0);
-    batch.add(NFT_MSG_DELTABLE, 0,
-              [&table](nlmsghdr& message) { nftnl_table_nlmsg_build_payload(&message, table.get()); });
+    addTable(batch, isOurs ? ownerFlag : 0, family);
+    const Table table = makeTable(0, family);
+    batch.add(
+        NFT_MSG_DELTABLE, 0,
+        [&table](nlmsghdr& message) { nftnl_table_nlmsg_build_payload(&message, table.get()); }, family);
 }
 
 void createTable(NftBatch& batch) {
@@ -245,7 +280,6 @@ void createTable(NftBatch& batch) {
     addMap(batch);
     addLiveSet(batch);
     addHairpinSet(batch);
-    addNumberSet(batch, nft::uplinks, uplinksNumber, typeInterface);
     addChain(batch, nft::prerouting, "nat", NF_INET_PRE_ROUTING, priorityAfterDstnat);
     addChain(batch, nft::postrouting, "nat", NF_INET_POST_ROUTING, prioritySrcnat);
     addChain(batch, nft::forward, "filter", NF_INET_FORWARD, priorityBeforeFilter);
@@ -259,9 +293,11 @@ void createTable(NftBatch& batch) {
 
 void createGuard(NftBatch& batch, const GuardConfig& config) {
     if (config.limitsConnections) {
-        addNumberSet(batch, nft::guarded, usersNumber, typeUser);
+        addUserSet(batch, usersNumber, nft::ip4);
+        addInsideSet(batch);
         addChain(batch, nft::output, "filter", NF_INET_LOCAL_OUT, priorityFilter);
-        addConnectionGuard(batch);
+        addChain(batch, makeChain(nft::daemon, nft::ip4), nft::ip4);
+        addGuard(batch);
     }
     if (config.searchesPerSecond == 0 && config.requestsPerSecond == 0 && config.connections == 0) return;
     addChain(batch, nft::input, "filter", NF_INET_LOCAL_IN, priorityFilter);
@@ -287,24 +323,33 @@ void removeElements(NftBatch& batch, std::span<const NatElement> elements) {
     changeElements(batch, false, elements);
 }
 
-void addUsers(NftBatch& batch, const std::set<std::uint32_t>& users) {
-    changeNumbers(batch, true, nft::guarded, users);
+void createGuardOfIp6(NftBatch& batch) {
+    addTable(batch, ownerFlag, nft::ip6);
+    addUserSet(batch, usersNumberOfIp6, nft::ip6);
+    addChain(batch, nft::output, "filter", NF_INET_LOCAL_OUT, priorityFilter, nft::ip6);
+    addGuardOfIp6(batch);
 }
 
-void addUplinks(NftBatch& batch, const std::set<std::uint32_t>& indexes) {
-    changeNumbers(batch, true, nft::uplinks, indexes);
+void addUsers(NftBatch& batch, const std::set<std::uint32_t>& users, bool alsoIp6) {
+    if (users.empty()) return;
+    addUsersOf(batch, users, nft::ip4);
+    if (alsoIp6) addUsersOf(batch, users, nft::ip6);
 }
 
-void removeUplinks(NftBatch& batch, const std::set<std::uint32_t>& indexes) {
-    changeNumbers(batch, false, nft::uplinks, indexes);
+void addInside(NftBatch& batch, std::span<const AddressRange> ranges) {
+    changeInside(batch, true, ranges);
+}
+
+void removeInside(NftBatch& batch, std::span<const AddressRange> ranges) {
+    changeInside(batch, false, ranges);
 }
 
 void addHairpins(NftBatch& batch, const std::set<std::uint32_t>& indexes) {
     changeHairpins(batch, true, indexes);
 }
 
-void removeHairpin(NftBatch& batch, std::uint32_t index) {
-    changeHairpins(batch, false, {index});
+void removeHairpins(NftBatch& batch, const std::set<std::uint32_t>& indexes) {
+    changeHairpins(batch, false, indexes);
 }
 
 }  // namespace router

@@ -3,6 +3,8 @@
 #include <arpa/inet.h>
 #include <libnftnl/expr.h>
 #include <libnftnl/rule.h>
+#include <linux/icmp.h>
+#include <linux/icmpv6.h>
 #include <linux/ip.h>
 #include <linux/netfilter.h>
 #include <linux/netfilter/nf_conntrack_common.h>
@@ -41,8 +43,9 @@ void NftRuleBuilder::Free::operator()(nftnl_rule* rule) const {
     nftnl_rule_free(rule);
 }
 
-NftRuleBuilder::NftRuleBuilder(const char* chain) : rule(nftnl_rule_alloc()) {
-    nftnl_rule_set_u32(rule.get(), NFTNL_RULE_FAMILY, NFPROTO_IPV4);
+NftRuleBuilder::NftRuleBuilder(const char* chain, std::uint8_t family)
+    : family(family), rule(nftnl_rule_alloc()) {
+    nftnl_rule_set_u32(rule.get(), NFTNL_RULE_FAMILY, family);
     nftnl_rule_set_str(rule.get(), NFTNL_RULE_TABLE, nft::table);
     nftnl_rule_set_str(rule.get(), NFTNL_RULE_CHAIN, chain);
 }
@@ -233,7 +236,7 @@ void NftRuleBuilder::translate(const char* map) {
 void NftRuleBuilder::destinationNat() {
     nftnl_expr* nat = add("nat");
     nftnl_expr_set_u32(nat, NFTNL_EXPR_NAT_TYPE, NFT_NAT_DNAT);
-    nftnl_expr_set_u32(nat, NFTNL_EXPR_NAT_FAMILY, NFPROTO_IPV4);
+    nftnl_expr_set_u32(nat, NFTNL_EXPR_NAT_FAMILY, nft::ip4);
     nftnl_expr_set_u32(nat, NFTNL_EXPR_NAT_REG_ADDR_MIN, firstPart);
     nftnl_expr_set_u32(nat, NFTNL_EXPR_NAT_REG_PROTO_MIN, secondPart);
 }
@@ -272,22 +275,40 @@ void NftRuleBuilder::rejectWithReset() {
     nftnl_expr_set_u8(reject, NFTNL_EXPR_REJECT_CODE, 0);
 }
 
+void NftRuleBuilder::rejectAsForbidden() {
+    nftnl_expr* reject = add("reject");
+    nftnl_expr_set_u32(reject, NFTNL_EXPR_REJECT_TYPE, NFT_REJECT_ICMP_UNREACH);
+    nftnl_expr_set_u8(reject, NFTNL_EXPR_REJECT_CODE,
+                      family == nft::ip4 ? ICMP_PKT_FILTERED : ICMPV6_ADM_PROHIBITED);
+}
+
 void NftRuleBuilder::drop() {
-    nftnl_expr* verdict = add("immediate");
-    nftnl_expr_set_u32(verdict, NFTNL_EXPR_IMM_DREG, NFT_REG_VERDICT);
-    nftnl_expr_set_u32(verdict, NFTNL_EXPR_IMM_VERDICT, NF_DROP);
+    decide(NF_DROP);
+}
+
+void NftRuleBuilder::accept() {
+    decide(NF_ACCEPT);
+}
+
+void NftRuleBuilder::jumpTo(const char* chain) {
+    nftnl_expr_set_str(decide(static_cast<std::uint32_t>(NFT_JUMP)), NFTNL_EXPR_IMM_CHAIN, chain);
+}
+
+nftnl_expr* NftRuleBuilder::decide(std::uint32_t verdict) {
+    nftnl_expr* decision = add("immediate");
+    nftnl_expr_set_u32(decision, NFTNL_EXPR_IMM_DREG, NFT_REG_VERDICT);
+    nftnl_expr_set_u32(decision, NFTNL_EXPR_IMM_VERDICT, verdict);
+    return decision;
 }
 
 void NftRuleBuilder::goTo(const char* chain) {
-    nftnl_expr* verdict = add("immediate");
-    nftnl_expr_set_u32(verdict, NFTNL_EXPR_IMM_DREG, NFT_REG_VERDICT);
-    nftnl_expr_set_u32(verdict, NFTNL_EXPR_IMM_VERDICT, static_cast<std::uint32_t>(NFT_GOTO));
-    nftnl_expr_set_str(verdict, NFTNL_EXPR_IMM_CHAIN, chain);
+    nftnl_expr_set_str(decide(static_cast<std::uint32_t>(NFT_GOTO)), NFTNL_EXPR_IMM_CHAIN, chain);
 }
 
 void NftRuleBuilder::appendTo(NftBatch& batch) {
-    batch.add(NFT_MSG_NEWRULE, NLM_F_CREATE | NLM_F_APPEND,
-              [this](nlmsghdr& message) { nftnl_rule_nlmsg_build_payload(&message, rule.get()); });
+    batch.add(
+        NFT_MSG_NEWRULE, NLM_F_CREATE | NLM_F_APPEND,
+        [this](nlmsghdr& message) { nftnl_rule_nlmsg_build_payload(&message, rule.get()); }, family);
 }
 
 }  // namespace router

@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "router/nftbatch.h"
+#include "router/nftnames.h"
 
 struct nftnl_expr;
 struct nftnl_rule;
@@ -24,7 +25,7 @@ public:
     static constexpr std::uint32_t fourthPart = NFT_REG32_03;
     static constexpr std::uint32_t fifthPart = NFT_REG32_04;
 
-    explicit NftRuleBuilder(const char* chain);
+    explicit NftRuleBuilder(const char* chain, std::uint8_t family = nft::ip4);
 
     /// Loads bytes of a header: of the network's, or of the transport's above it.
     void payload(nft_payload_bases base, std::uint32_t offset, std::uint32_t size, std::uint32_t into);
@@ -38,10 +39,11 @@ public:
     /// Loads what kind of address the packet goes to: local, broadcast and so on.
     void destinationType(std::uint32_t into);
 
-    /// Goes on only when the first register holds these bytes; with a mask, when they are left of it.
+    /// Goes on only when the first register holds these bytes, or others; with a mask, when they are left of
+    /// it.
     void equals(const void* bytes, std::uint32_t size);
-    void masked(std::uint32_t mask, std::uint32_t size);
     void differs(const void* bytes, std::uint32_t size);
+    void masked(std::uint32_t mask, std::uint32_t size);
     /// Goes on only for packets in the direction of the connection's first one.
     void isOriginal();
     /// Goes on only for connections that bear the label, or do not. Labels: 0 to 127.
@@ -77,14 +79,21 @@ public:
     void log(std::uint16_t group);
     void masquerade();
     void rejectWithReset();
+    /// Tells the sender, where it is no broadcast or multicast, that this is not allowed.
+    void rejectAsForbidden();
     void drop();
+    void accept();
+    /// Goes on in another chain.
     void goTo(const char* chain);
+    /// Goes on in another chain, and comes back when that has no verdict.
+    void jumpTo(const char* chain);
 
     void appendTo(NftBatch& batch);
 
 private:
     /// The expression belongs to the rule.
     nftnl_expr* add(const char* name);
+    nftnl_expr* decide(std::uint32_t verdict);
     void loadConnection(nft_ct_keys key, std::uint8_t direction, std::uint32_t into);
     void compare(std::uint32_t operation, const void* bytes, std::uint32_t size);
     void compareLabel(std::uint32_t operation, std::uint32_t label);
@@ -95,6 +104,7 @@ private:
         void operator()(nftnl_rule* rule) const;
     };
 
+    const std::uint8_t family;
     std::unique_ptr<nftnl_rule, Free> rule;
 };
 

@@ -76,8 +76,6 @@ void addHairpinReturn(NftBatch& batch) {
     rule.meta(NFT_META_IIF, firstPart);
     rule.meta(NFT_META_OIF, secondPart);
     rule.lookUp(nft::hairpin);
-    rule.meta(NFT_META_OIF, firstPart);
-    rule.isNotIn(nft::uplinks);
     rule.original(NFT_CT_DST_IP, firstPart);
     rule.meta(NFT_META_L4PROTO, secondPart);
     rule.original(NFT_CT_PROTO_DST, thirdPart);

@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <linux/netlink.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <iterator>
@@ -10,6 +11,7 @@
 #include "router/nftfeatures.h"
 #include "router/nftobjects.h"
 #include "router/nftrules.h"
+#include "tk/fd.h"
 #include "tk/log.h"
 
 namespace router {
@@ -19,6 +21,20 @@ namespace {
 constexpr int bufferBytes = 32 * 1024 * 1024;  // for a transaction that removes all rules of a large table
 constexpr std::uint32_t retryTicks = 100;      // 1 s
 constexpr std::size_t pieceSize = 64;          // what the smallest of socket buffers takes
+
+/// True unless the kernel knows nothing of IPv6, which nobody can send then.
+bool hasIp6() {
+    const tk::Fd attempt(::socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    return attempt.isOpen() || errno != EAFNOSUPPORT;
+}
+
+/// What `left` has and `right` has not. Both are sorted.
+template <typename List>
+List without(const List& left, const List& right) {
+    List out;
+    std::set_difference(left.begin(), left.end(), right.begin(), right.end(), std::inserter(out, out.end()));
+    return out;
+}
 
 constexpr const char* changeUnanswered = "the kernel did not tell what became of a change";
 constexpr const char* changeRefused = "the kernel refused a change before";
@@ -38,11 +54,12 @@ void cut(std::span<const Entry> all, std::vector<std::function<void(NftBatch&)>>
 using Numbers = std::vector<std::uint32_t>;
 
 /// The same for numbers that are added as a set.
+template <typename Append>
 void cut(const std::set<std::uint32_t>& all, std::vector<std::function<void(NftBatch&)>>& out,
-         void (*add)(NftBatch&, const std::set<std::uint32_t>&)) {
+         Append append) {
     const Numbers numbers(all.begin(), all.end());
-    cut<std::uint32_t>(numbers, out, [add](NftBatch& batch, const Numbers& part) {
-        add(batch, {part.begin(), part.end()});
+    cut<std::uint32_t>(numbers, out, [append](NftBatch& batch, const Numbers& part) {
+        append(batch, std::set<std::uint32_t>(part.begin(), part.end()));
     });
 }
 
@@ -54,6 +71,7 @@ bool NftTable::open(std::string& reason) {
         return false;
     }
     socket.setBuffers(bufferBytes, bufferBytes);
+    guardsIp6 = guard.limitsConnections && hasIp6();
     const NetlinkResult result = make();
     if (result.ok()) return true;
     if (result.error == EPERM)
@@ -81,10 +99,19 @@ std::vector<NftTable::Fill> NftTable::pieces() const {
         removeTable(batch, isMade);
         createTable(batch);
         createGuard(batch, guard);
+        if (!guardsIp6) return;
+        removeTable(batch, isMade, nft::ip6);
+        createGuardOfIp6(batch);
     });
-    if (guard.limitsConnections) cut(guarded, out, &addUsers);
-    cut(uplinks, out, &addUplinks);
-    cut(hairpins, out, &addHairpins);
+    cut(inside.interfaces, out, &addHairpins);
+    if (guard.limitsConnections) {
+        cut<AddressRange>(inside.addresses, out, [](NftBatch& batch, const std::vector<AddressRange>& part) {
+            addInside(batch, part);
+        });
+        cut(guarded, out, [this](NftBatch& batch, const std::set<std::uint32_t>& users) {
+            addUsers(batch, users, guardsIp6);
+        });
+    }
     std::vector<NatElement> all;
     for (const auto& [key, element] : elements) all.push_back(element);
     cut<NatElement>(all, out,
@@ -184,42 +211,25 @@ void NftTable::remember(std::span<const NatElement> removed, std::span<const Nat
     for (const NatElement& element : added) elements[keyOf(element)] = element;
 }
 
-void NftTable::interfaceAdded(std::uint32_t index, std::uint32_t) {
-    if (!socket.isOpen() || hairpins.contains(index)) return;
-    insist([index](NftBatch& batch) { addHairpins(batch, {index}); },
-           "nat: hairpin connections on interface " + std::to_string(index) + " cannot be served");
-    hairpins.insert(index);
-}
-
-void NftTable::interfaceGone(std::uint32_t index) {
-    if (!hairpins.contains(index)) return;
-    insist([index](NftBatch& batch) { removeHairpin(batch, index); },
-           "nat: the entry of interface " + std::to_string(index) + " cannot be removed");
-    hairpins.erase(index);
-}
-
 void NftTable::guardUser(std::uint32_t user) {
     if (!guard.limitsConnections || !socket.isOpen() || guarded.contains(user)) return;
-    insist([user](NftBatch& batch) { addUsers(batch, {user}); },
-           "guard: the connections of user " + std::to_string(user) + " cannot be limited");
+    insist([this, user](NftBatch& batch) { addUsers(batch, {user}, guardsIp6); },
+           "guard: what user " + std::to_string(user) + " sends cannot be limited");
     guarded.insert(user);
 }
 
-void NftTable::setUplinks(const std::set<std::uint32_t>& indexes) {
-    if (!socket.isOpen() || indexes == uplinks) return;
-    std::set<std::uint32_t> gone;
-    std::set<std::uint32_t> come;
-    std::set_difference(uplinks.begin(), uplinks.end(), indexes.begin(), indexes.end(),
-                        std::inserter(gone, gone.end()));
-    std::set_difference(indexes.begin(), indexes.end(), uplinks.begin(), uplinks.end(),
-                        std::inserter(come, come.end()));
+void NftTable::insideChanged(const Inside& now) {
+    if (!socket.isOpen() || now == inside) return;
     insist(
         [&](NftBatch& batch) {
-            removeUplinks(batch, gone);
-            addUplinks(batch, come);
+            removeHairpins(batch, without(inside.interfaces, now.interfaces));
+            addHairpins(batch, without(now.interfaces, inside.interfaces));
+            if (!guard.limitsConnections) return;
+            removeInside(batch, without(inside.addresses, now.addresses));
+            addInside(batch, without(now.addresses, inside.addresses));
         },
-        "nat: the interfaces of default routes cannot be set");
-    uplinks = indexes;
+        "nat: what is inside cannot be set");
+    inside = now;
 }
 
 }  // namespace router

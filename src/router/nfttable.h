@@ -10,19 +10,19 @@
 #include <vector>
 
 #include "router/guardconfig.h"
-#include "router/interfaces.h"
 #include "router/natkernel.h"
 #include "router/netlinksocket.h"
 #include "router/nftbatch.h"
+#include "router/zones.h"
 #include "tk/timer.h"
 
 namespace router {
 
-/// The router's table in nf_tables. It is owned by the socket of this object: nobody else can change it, and
-/// it goes with the process, however that ends.
+/// The router's table in nf_tables, and the one that guards IPv6 beside it. They are owned by the socket of
+/// this object: nobody else can change them, and they go with the process, however that ends.
 ///
-/// A change whose outcome the kernel does not tell is settled by making the table anew as it was.
-class NftTable final : public NatKernel, public InterfaceWatcher {
+/// A change whose outcome the kernel does not tell is settled by making the tables anew as they were.
+class NftTable final : public NatKernel, public InsideWatcher {
 public:
     explicit NftTable(const GuardConfig& guard = {}) : guard(guard) {}
     NftTable(const NftTable&) = delete;
@@ -43,14 +43,11 @@ public:
 
     // What the kernel refuses of these is logged, and tried again each second.
 
-    /// Limits the connections that a user's processes make, from now on for as long as the table exists.
+    /// Limits what a user's processes send to hosts inside, from now on for as long as the table exists.
     void guardUser(std::uint32_t user);
-    /// Tells which interfaces, by index, a default route leads out of: the guard keeps its users off them,
-    /// and no connection comes back through them as it does in the networks of the router.
-    void setUplinks(const std::set<std::uint32_t>& indexes);
-
-    void interfaceAdded(std::uint32_t index, std::uint32_t id) override;
-    void interfaceGone(std::uint32_t index) override;
+    /// The guard lets its users send to these addresses alone, and a connection may come back through these
+    /// interfaces alone.
+    void insideChanged(const Inside& now) override;
 
 private:
     using Key = std::tuple<std::uint32_t, std::uint8_t, std::uint16_t>;
@@ -71,11 +68,11 @@ private:
 
     NetlinkSocket socket;
     bool isMade = false;
+    bool guardsIp6 = false;
     const GuardConfig guard;
     // What is in the table, and what it is made anew from.
-    std::set<std::uint32_t> hairpins;
+    Inside inside;
     std::set<std::uint32_t> guarded;  // users
-    std::set<std::uint32_t> uplinks;
     std::map<Key, NatElement> elements;
     bool endsFlows = false;
     const char* doubt = nullptr;  // why the table may be different from that; null when it is not

@@ -26,6 +26,8 @@ NatElement element(std::uint16_t port, const char* target = "192.0.2.2", std::ui
     return {address("198.51.100.1"), 6, port, address(target), targetPort};
 }
 
+constexpr AddressRange lan{0xC0000200, 0xC00002FF};  // 192.0.2.0/24
+
 class NftTableTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -102,7 +104,7 @@ TEST_F(NftTableTest, IsWhatItIsMeantToBe) {
           "type filter hook forward priority filter - 10; policy accept;", "reject with tcp reset",
           "type filter hook input priority filter - 10; policy accept;",
           "type nat hook postrouting priority srcnat; policy accept;",
-          "ct status dnat iif . oif @hairpin oif != @uplinks masquerade"})
+          "ct status dnat iif . oif @hairpin masquerade"})
         EXPECT_NE(text.find(line), std::string::npos) << line << " is not in\n" << text;
 }
 
@@ -186,11 +188,28 @@ TEST_F(NftTableTest, TakesAWholeTableOutInOneTransaction) {
     EXPECT_EQ(mapText(), "elements = { 198.51.100.1 . tcp . 60001 : 192.0.2.2 . 8080 }");
 }
 
-TEST_F(NftTableTest, HairpinsFollowTheInterfaces) {
-    table->interfaceAdded(1, 7);
+TEST_F(NftTableTest, HairpinsFollowTheInsideInterfaces) {
+    table->insideChanged({{1}, {}});
     EXPECT_NE(nft("list set ip tk hairpin").find("\"lo\" . \"lo\""), std::string::npos);
-    table->interfaceGone(1);
+    table->insideChanged({});
     EXPECT_EQ(nft("list set ip tk hairpin").find("elements"), std::string::npos);
+}
+
+TEST_F(NftTableTest, InsideAddressesAreAnIntervalSet) {
+    const auto elements = [] {
+        const std::string text = nft("list set ip tk inside");
+        const std::size_t start = text.find("elements");
+        return start == std::string::npos ? "" : text.substr(start, text.find('}', start) + 1 - start);
+    };
+    std::string ranges = "10.0.0.0-10.0.0.4, 192.0.2.0/24,\n\t\t\t     255.255.255.0/24";
+    table->insideChanged({{}, {{0x0A000000, 0x0A000004}, lan, {0xFFFFFF00, 0xFFFFFFFF}}});
+    EXPECT_EQ(elements(), "elements = { " + ranges + " }");
+    table->insideChanged({{}, {{0x0A000000, 0x0A000FFF}, {0xFFFFFF01, 0xFFFFFFFF}}});
+    EXPECT_EQ(elements(), "elements = { 10.0.0.0/20, 255.255.255.1-255.255.255.255 }");
+    table->insideChanged({{}, {{0, 0xFFFFFFFF}}});
+    EXPECT_EQ(elements(), "elements = { 0.0.0.0/0 }");
+    table->insideChanged({});
+    EXPECT_EQ(elements(), "");
 }
 
 TEST_F(NftTableTest, AChangeWhoseAnswerIsLostIsMadeOnce) {
@@ -206,7 +225,7 @@ TEST_F(NftTableTest, AChangeWhoseAnswerIsLostIsMadeOnce) {
 }
 
 TEST_F(NftTableTest, WhatWasRefusedForWantOfAnAnswerIsNotThereASecondLater) {
-    table->setUplinks(manyIndexes());
+    table->insideChanged({manyIndexes(), {}});
     limitSending(1);  // the least that there is, too little to make the table anew at once
     fillSocket();
     EXPECT_EQ(commit({}, {element(80)}), "Message too long");
@@ -225,52 +244,60 @@ TEST_F(NftTableTest, ARefusalWhoseAnswerIsLostIsStillARefusal) {
     EXPECT_EQ(mapText(), "elements = { 198.51.100.1 . tcp . 80 : 192.0.2.2 . 8080 }");
 }
 
-TEST_F(NftTableTest, AnUplinkWhoseAnswerIsLostIsThereOnce) {
-    table->setUplinks({1});
-    fillSocket();
-    table->setUplinks({});
-    EXPECT_EQ(nft("list set ip tk uplinks").find("elements"), std::string::npos);
-    table->setUplinks({1});
-    EXPECT_NE(nft("list set ip tk uplinks").find("elements = { \"lo\" }"), std::string::npos);
+TEST_F(NftTableTest, ThousandsOfInsideNetworksAreThereAndGoAgain) {
+    Inside many;
+    for (std::uint32_t i = 0; i < 5000; ++i) {
+        many.interfaces.insert(i + 1);
+        many.addresses.push_back({0x0A000000 + i * 512, 0x0A000000 + i * 512 + 255});
+    }
+    table->insideChanged(many);
+    const std::string text = nft("list set ip tk inside");
+    EXPECT_EQ(std::count(text.begin(), text.end(), '/'), 5000);
+    table->insideChanged({});
+    EXPECT_EQ(nft("list set ip tk inside").find("elements"), std::string::npos);
+    EXPECT_EQ(nft("list set ip tk hairpin").find("elements"), std::string::npos);
 }
 
-TEST_F(NftTableTest, UplinksAndUsersThatTheKernelRefusesAreSetASecondLater) {
+TEST_F(NftTableTest, AChangeOfTheInsideWhoseAnswerIsLostIsMadeOnce) {
+    table->insideChanged({{1}, {lan}});
+    fillSocket();
+    table->insideChanged({});
+    EXPECT_EQ(nft("list set ip tk inside").find("elements"), std::string::npos);
+    table->insideChanged({{1}, {lan}});
+    EXPECT_NE(nft("list set ip tk inside").find("elements = { 192.0.2.0/24 }"), std::string::npos);
+}
+
+TEST_F(NftTableTest, AnInsideAndUsersThatTheKernelRefusesAreSetASecondLater) {
     limitSending(1);
-    table->setUplinks(manyIndexes());
+    table->insideChanged({manyIndexes(), {lan}});
     table->guardUser(64001);
     limitSending(1024 * 1024);
-    EXPECT_EQ(nft("list set ip tk uplinks").find("elements"), std::string::npos);
+    EXPECT_EQ(nft("list set ip tk inside").find("elements"), std::string::npos);
     loop.advance(100);
-    EXPECT_NE(nft("list set ip tk uplinks").find("\"lo\", 2,"), std::string::npos);
-    EXPECT_NE(nft("list set ip tk guarded").find("elements = { 64001 }"), std::string::npos);
-    table->setUplinks({1});
-    EXPECT_NE(nft("list set ip tk uplinks").find("elements = { \"lo\" }"), std::string::npos);
-}
-
-TEST_F(NftTableTest, AHairpinThatTheKernelRefusesIsThereASecondLater) {
-    table->setUplinks(manyIndexes());
-    limitSending(1);
-    fillSocket();
-    table->interfaceAdded(1, 7);
-    limitSending(1024 * 1024);
-    table->interfaceAdded(1, 7);
-    loop.advance(100);
+    EXPECT_NE(nft("list set ip tk inside").find("elements = { 192.0.2.0/24 }"), std::string::npos);
     EXPECT_NE(nft("list set ip tk hairpin").find("\"lo\" . \"lo\""), std::string::npos);
+    EXPECT_NE(nft("list set ip tk guarded").find("elements = { 64001 }"), std::string::npos);
+    EXPECT_NE(nft("list set ip6 tk guarded").find("elements = { 64001 }"), std::string::npos);
+    table->insideChanged({{1}, {}});
+    EXPECT_EQ(nft("list set ip tk inside").find("elements"), std::string::npos);
 }
 
-TEST_F(NftTableTest, GuardsUsersAndUplinks) {
+TEST_F(NftTableTest, GuardsUsersWhateverTheySend) {
     EXPECT_EQ(nft("list set ip tk guarded").find("elements"), std::string::npos);
     table->guardUser(64001);
     table->guardUser(64001);
-    table->setUplinks({1});
-    EXPECT_NE(nft("list set ip tk guarded").find("elements = { 64001 }"), std::string::npos);
-    EXPECT_NE(nft("list set ip tk uplinks").find("elements = { \"lo\" }"), std::string::npos);
-    table->setUplinks({});
-    EXPECT_EQ(nft("list set ip tk uplinks").find("elements"), std::string::npos);
-    const std::string text = nft("list chain ip tk output");
+    for (const char* family : {"ip", "ip6"})
+        EXPECT_NE(nft(std::string("list set ") + family + " tk guarded").find("elements = { 64001 }"),
+                  std::string::npos);
+    std::string text = nft("list table ip tk");
     for (const char* line :
-         {"tcp flags syn / fin,syn,rst,ack meta skuid @guarded fib daddr type local reject with tcp reset",
-          "tcp flags syn / fin,syn,rst,ack meta skuid @guarded oif @uplinks reject with tcp reset"})
+         {"meta skuid @guarded jump daemon", "fib daddr type != local ip daddr @inside accept",
+          "ip daddr 239.255.255.250 udp dport 1900 oif . oif @hairpin accept", "reject with tcp reset",
+          "reject with icmp admin-prohibited"})
+        EXPECT_NE(text.find(line), std::string::npos) << line << " is not in\n" << text;
+    text = nft("list table ip6 tk");
+    for (const char* line : {"flags owner", "meta skuid @guarded reject with tcp reset",
+                             "meta skuid @guarded reject with icmpv6 admin-prohibited"})
         EXPECT_NE(text.find(line), std::string::npos) << line << " is not in\n" << text;
 }
 
@@ -278,7 +305,7 @@ TEST_F(NftTableTest, IsMadeAnewInPartsWhereItDoesNotFitOneTransaction) {
     Elements many;
     for (std::uint16_t port = 1000; port < 4000; ++port) many.push_back(element(port));
     EXPECT_EQ(commit({}, many), "");
-    table->setUplinks(manyIndexes());
+    table->insideChanged({manyIndexes(), {lan}});
     endFlows();
     const std::string before = identity();
     limitSending(16384);
@@ -287,13 +314,15 @@ TEST_F(NftTableTest, IsMadeAnewInPartsWhereItDoesNotFitOneTransaction) {
     EXPECT_NE(identity(), before);
     EXPECT_EQ(count(mapText(), " : "), 3001);
     EXPECT_EQ(count(liveText(), " . tcp . "), 3001);
-    EXPECT_NE(nft("list set ip tk uplinks").find(" 1000 }"), std::string::npos);
+    EXPECT_NE(nft("list set ip tk hairpin").find("1000 . 1000 }"), std::string::npos);
     EXPECT_NE(nft("list chain ip tk forward").find("goto ended"), std::string::npos);
     EXPECT_EQ(commit({many.front(), many.back()}, {}), "");
 }
 
 TEST_F(NftTableTest, ThousandsOfInterfacesFitAnySocket) {
-    for (std::uint32_t index = 1; index <= 5000; ++index) table->interfaceAdded(index, index);
+    Inside many;
+    for (std::uint32_t index = 1; index <= 5000; ++index) many.interfaces.insert(index);
+    table->insideChanged(many);
     limitSending(16384);
     fillSocket();
     EXPECT_EQ(commit({}, {element(80)}), "");
@@ -302,11 +331,12 @@ TEST_F(NftTableTest, ThousandsOfInterfacesFitAnySocket) {
 
 TEST_F(NftTableTest, TheGuardIsMadeAnewToo) {
     table->guardUser(64001);
-    table->setUplinks({1});
+    table->insideChanged({{1}, {lan}});
     fillSocket();
     EXPECT_EQ(commit({}, {element(80)}), "");
     EXPECT_NE(nft("list set ip tk guarded").find("elements = { 64001 }"), std::string::npos);
-    EXPECT_NE(nft("list set ip tk uplinks").find("elements = { \"lo\" }"), std::string::npos);
+    EXPECT_NE(nft("list set ip6 tk guarded").find("elements = { 64001 }"), std::string::npos);
+    EXPECT_NE(nft("list set ip tk inside").find("elements = { 192.0.2.0/24 }"), std::string::npos);
 }
 
 TEST(NftTableLimits, AreRulesOfTheInputChain) {
@@ -321,9 +351,10 @@ TEST(NftTableLimits, AreRulesOfTheInputChain) {
                              "ct count over 50 } reject with tcp reset"})
         EXPECT_NE(text.find(line), std::string::npos) << line << " is not in\n" << text;
     EXPECT_EQ(text.find("skuid"), std::string::npos);
-    table.setUplinks({1});
-    EXPECT_NE(testing::run("nft list set ip tk uplinks", failed).find("elements = { \"lo\" }"),
-              std::string::npos);
+    EXPECT_EQ(text.find("inside"), std::string::npos);
+    table.insideChanged({{1}, {lan}});
+    EXPECT_NE(testing::run("nft list set ip tk hairpin", failed).find("\"lo\" . \"lo\""), std::string::npos);
+    EXPECT_EQ(testing::run("nft list tables", failed), "table ip tk\n");
 }
 
 }  // namespace

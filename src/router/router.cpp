@@ -23,19 +23,19 @@ Router::Router(const Config& config, const Paths& paths, Processes& processes)
       programs(config.programs),
       looper(clock, hub, tk::program::network),
       table(config.guard),
+      zones(config.lan),
       interfaceIds(paths.stores + "/interfaces"),
-      interfaces(interfaceIds, kernel),
-      policy(kernel, addresses, config.nat),
-      ports(addresses, listeners, config.nat.routerPorts),
+      interfaces(interfaceIds, kernel, zones),
+      policy(zones, config.nat),
+      ports(zones, listeners, config.nat.routerPorts),
       nat(paths.stores + "/nat", policy, ports, table, hub.requester()),
       identity(paths.machineId, paths.stores + "/identity"),
       history(secondsSince1970),
-      monitor(kernel, interfaces, addresses),
-      uplinks(kernel, table),
+      monitor(kernel, zones, interfaces, addresses),
+      routes(kernel, zones),
       activation(config.programs, *this, processes),
       listener(hub) {
     interfaces.addWatcher(addresses);
-    interfaces.addWatcher(table);
     hub.addService(interfaces, {tk::program::network, 0});
     hub.addService(addresses, {tk::program::network, 1});
     hub.addService(nat, {tk::program::network, 5});
@@ -53,8 +53,9 @@ Router::~Router() {
 bool Router::start(std::string& reason) {
     looper.watchSignals();
     if (!kernel.open(reason) || !flows.open(reason) || !table.open(reason) || !listeners.open(reason) ||
-        !monitor.start(reason) || !uplinks.start(reason))
+        !monitor.start(reason) || (zones.dependsOnRoutes() && !routes.start(reason)))
         return false;
+    zones.start(table);
     for (const ProgramConfig& program : programs)
         if (program.user) programComes(program.number, program.user->uid);
     nat.load();

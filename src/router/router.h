@@ -20,9 +20,10 @@
 #include "router/natpolicy.h"
 #include "router/networkmonitor.h"
 #include "router/nfttable.h"
+#include "router/publicroutes.h"
 #include "router/routerports.h"
 #include "router/rtnetlink.h"
-#include "router/uplinks.h"
+#include "router/zones.h"
 #include "tk/clock.h"
 #include "tk/looper.h"
 
@@ -66,6 +67,7 @@ private:
     tk::Looper looper;
     RtNetlink kernel;
     NftTable table;
+    Zones zones;
     InterfaceIds interfaceIds;
     Interfaces interfaces;
     Addresses addresses;
@@ -77,7 +79,7 @@ private:
     Identity identity;
     History history;
     NetworkMonitor monitor;
-    Uplinks uplinks;
+    PublicRoutes routes;
     Activation activation;
     BusListener listener;
 };

@@ -11,7 +11,7 @@ bool RouterPorts::areFreeFor(const NatElement& element, std::string& reason) con
         return false;
     }
     const std::string refused = destinationText(element) + " refused: ";
-    for (const std::uint32_t interface : addresses.holdersOf(element.destination)) {
+    for (const std::uint32_t interface : zones.outsideHoldersOf(element.destination)) {
         std::string trouble;
         switch (listeners.find(element.destination, element.protocol, element.port, interface, trouble)) {
             case Listeners::Answer::nobody:

@@ -5,10 +5,10 @@
 #include <utility>
 #include <vector>
 
-#include "router/addresses.h"
 #include "router/listeners.h"
 #include "router/natconfig.h"
 #include "router/natrule.h"
+#include "router/zones.h"
 
 namespace router {
 
@@ -16,15 +16,15 @@ namespace router {
 /// names, and those where a service of the router can be reached from outside.
 class RouterPorts {
 public:
-    /// Lifetime: addresses and listeners outlive the object.
-    RouterPorts(const Addresses& addresses, Listeners& listeners, std::vector<PortRange> configured = {})
-        : addresses(addresses), listeners(listeners), configured(std::move(configured)) {}
+    /// Lifetime: zones and listeners outlive the object.
+    RouterPorts(const Zones& zones, Listeners& listeners, std::vector<PortRange> configured = {})
+        : zones(zones), listeners(listeners), configured(std::move(configured)) {}
 
     /// True when a program may have the rule's port; else `reason` says why not.
     [[nodiscard]] bool areFreeFor(const NatElement& element, std::string& reason) const;
 
 private:
-    const Addresses& addresses;
+    const Zones& zones;
     Listeners& listeners;
     std::vector<PortRange> configured;
 };

@@ -1,5 +1,7 @@
 #include "router/routerports.h"
 
+#include <net/if.h>
+
 #include <gtest/gtest.h>
 
 #include "router/testing/fakekernel.h"
@@ -12,9 +14,13 @@ using testing::address;
 class RouterPortsTest : public ::testing::Test {
 protected:
     RouterPortsTest() {
-        for (const std::uint32_t index : {5U, 6U})
-            addresses.apply({index, address("198.51.100.1"), address("198.51.100.1"), 24, true});
-        addresses.apply({2, address("192.0.2.1"), address("192.0.2.1"), 24, true});
+        Link link;
+        link.index = 6;
+        link.name = "wan1";
+        link.flags = IFF_UP | IFF_RUNNING;
+        world.zones.apply(link);
+        world.zones.addExits({{6, Prefix{}}});
+        world.hold(6, "198.51.100.1", 24);
     }
     std::string refusal(std::uint8_t protocol, std::uint16_t port) const {
         std::string reason;
@@ -22,9 +28,9 @@ protected:
         return ports.areFreeFor(element, reason) ? "" : reason;
     }
 
-    Addresses addresses;
+    testing::FakeZones world;
     testing::FakeListeners listeners;
-    RouterPorts ports{addresses, listeners, {{53, 53}, {8000, 8010}}};
+    RouterPorts ports{world.zones, listeners, {{53, 53}, {8000, 8010}}};
 };
 
 TEST_F(RouterPortsTest, ConfiguredPortsAreTheRoutersForEveryProtocol) {

@@ -1,5 +1,6 @@
 #include "router/rtmessages.h"
 
+#include <arpa/inet.h>
 #include <linux/if_link.h>
 #include <linux/nexthop.h>
 #include <linux/rtnetlink.h>
@@ -16,6 +17,10 @@ constexpr AttributeRule linkRules[] = {
     {IFLA_IFNAME, MNL_TYPE_NUL_STRING, 0},
     {IFLA_IFALIAS, MNL_TYPE_NUL_STRING, 0},
     {IFLA_WIRELESS, MNL_TYPE_UNSPEC, 0},
+    {IFLA_LINK, MNL_TYPE_U32, 0},
+    {IFLA_LINK_NETNSID, MNL_TYPE_U32, 0},
+    {IFLA_MASTER, MNL_TYPE_U32, 0},
+    {IFLA_LINKINFO, MNL_TYPE_NESTED, 0},
     {IFLA_STATS64, MNL_TYPE_UNSPEC,
      offsetof(rtnl_link_stats64, rx_errors)},  // older kernels know fewer counters
 };
@@ -23,12 +28,7 @@ constexpr AttributeRule linkRules[] = {
 constexpr AttributeRule addressRules[] = {
     {IFA_LOCAL, MNL_TYPE_U32, 0},
     {IFA_ADDRESS, MNL_TYPE_U32, 0},
-};
-
-constexpr AttributeRule routeRules[] = {
-    {RTA_OIF, MNL_TYPE_U32, 0},
-    {RTA_MULTIPATH, MNL_TYPE_UNSPEC, sizeof(rtnexthop)},
-    {RTA_NH_ID, MNL_TYPE_U32, 0},
+    {IFA_BROADCAST, MNL_TYPE_U32, 0},
 };
 
 constexpr AttributeRule nextHopRules[] = {
@@ -46,19 +46,29 @@ LinkCounters countersOf(const NetlinkAttributes& attributes) {
     return {stats.rx_packets, stats.tx_packets, stats.rx_bytes, stats.tx_bytes};
 }
 
-Route::Type typeOf(unsigned char kernelType) {
-    switch (kernelType) {
-        case RTN_UNICAST:
-            return Route::Type::unicast;
-        case RTN_LOCAL:
-            return Route::Type::local;
-        case RTN_BROADCAST:
-            return Route::Type::broadcast;
-        case RTN_MULTICAST:
-            return Route::Type::multicast;
-        default:
-            return Route::Type::none;
-    }
+int takeKind(const nlattr* attribute, void* kind) {
+    if (mnl_attr_get_type(attribute) == IFLA_INFO_KIND &&
+        mnl_attr_validate(attribute, MNL_TYPE_NUL_STRING) >= 0)
+        *static_cast<std::string*>(kind) = mnl_attr_get_str(attribute);
+    return MNL_CB_OK;
+}
+
+/// What kind of interface it is, by the name of its driver; empty for a plain one.
+std::string kindOf(const NetlinkAttributes& attributes) {
+    std::string kind;
+    if (const nlattr* info = attributes.find(IFLA_LINKINFO))
+        (void)mnl_attr_parse_nested(info, &takeKind, &kind);
+    return kind;
+}
+
+/// The device below. Of a pair the kernel names the other end there, which is no part of the interface, and
+/// of a device in another network namespace its index means nothing here.
+std::uint32_t lowerOf(const NetlinkAttributes& attributes, std::uint32_t index) {
+    if (attributes.find(IFLA_LINK_NETNSID)) return 0;
+    const std::uint32_t lower = attributes.u32(IFLA_LINK);
+    if (lower == index) return 0;
+    const std::string kind = kindOf(attributes);
+    return kind == "veth" || kind == "vxcan" || kind == "netkit" ? 0 : lower;
 }
 
 void addNextHops(const nlattr* attribute, std::vector<std::uint32_t>& interfaces) {
@@ -73,6 +83,24 @@ void addNextHops(const nlattr* attribute, std::vector<std::uint32_t>& interfaces
         next += size;
         left -= size;
     }
+}
+
+void takeRouteNumber(std::uint16_t type, std::uint32_t value, Route& route) {
+    if (type == RTA_DST) route.prefix.network = ntohl(value) & route.prefix.mask;
+    if (type == RTA_PRIORITY) route.metric = value;
+    if (type == RTA_TABLE) route.table = value;
+    if (type == RTA_NH_ID) route.nextHop = value;
+    if (type == RTA_OIF) route.interfaces.push_back(value);
+}
+
+int takeRouteAttribute(const nlattr* attribute, void* data) {
+    Route& route = *static_cast<Route*>(data);
+    const std::uint16_t type = mnl_attr_get_type(attribute);
+    if (type == RTA_MULTIPATH) addNextHops(attribute, route.interfaces);
+    if (type == RTA_GATEWAY || type == RTA_VIA) route.isOwnNetwork = false;
+    if (mnl_attr_get_payload_len(attribute) == sizeof(std::uint32_t))
+        takeRouteNumber(type, mnl_attr_get_u32(attribute), route);
+    return MNL_CB_OK;
 }
 
 }  // namespace
@@ -102,6 +130,8 @@ std::optional<Link> parseLink(const nlmsghdr& message) {
     link.alias = attributes.text(IFLA_IFALIAS);
     link.hardwareType = header->ifi_type;
     link.flags = header->ifi_flags;
+    link.lower = lowerOf(attributes, link.index);
+    link.master = attributes.u32(IFLA_MASTER);
     link.counters = countersOf(attributes);
     return link;
 }
@@ -115,25 +145,27 @@ std::optional<LinkAddress> parseAddress(const nlmsghdr& message) {
     const std::uint32_t local = attributes.u32(IFA_LOCAL, peer);
     if (local == 0) return std::nullopt;
     const bool isGlobal = header->ifa_scope == RT_SCOPE_UNIVERSE;
-    return LinkAddress{header->ifa_index, local, peer, header->ifa_prefixlen, isGlobal};
+    return LinkAddress{header->ifa_index,     local,    peer,
+                       header->ifa_prefixlen, isGlobal, attributes.u32(IFA_BROADCAST)};
 }
 
+bool Route::leadsBeyond() const {
+    return (leadsSomewhere || nextHop != 0) && !isOwnNetwork && isBeyondPrivateRanges(prefix);
+}
+
+// There may be very many routes: their attributes are read as they come.
 Route parseRoute(const nlmsghdr& message) {
     Route route;
     if (mnl_nlmsg_get_payload_len(&message) < sizeof(rtmsg)) return route;
     const auto* header = static_cast<const rtmsg*>(mnl_nlmsg_get_payload(&message));
-    route.type = typeOf(header->rtm_type);
-    route.prefixLength = header->rtm_dst_len;
-    const NetlinkAttributes attributes(message, sizeof *header, routeRules);
-    if (attributes.find(RTA_OIF)) route.interfaces.push_back(attributes.u32(RTA_OIF));
-    if (const nlattr* hops = attributes.find(RTA_MULTIPATH)) addNextHops(hops, route.interfaces);
-    route.nextHop = attributes.u32(RTA_NH_ID);
+    if (header->rtm_family != AF_INET) return route;
+    route.table = header->rtm_table;
+    route.prefix = prefixOf(0, header->rtm_dst_len);
+    route.service = header->rtm_tos;
+    route.leadsSomewhere = header->rtm_type == RTN_UNICAST;
+    route.isOwnNetwork = header->rtm_protocol == RTPROT_KERNEL;
+    (void)mnl_attr_parse(&message, sizeof *header, &takeRouteAttribute, &route);
     return route;
-}
-
-bool isOfDefaultRoute(const nlmsghdr& message) {
-    if (mnl_nlmsg_get_payload_len(&message) < sizeof(rtmsg)) return false;
-    return Route::isDefaultPrefix(static_cast<const rtmsg*>(mnl_nlmsg_get_payload(&message))->rtm_dst_len);
 }
 
 NextHop parseNextHop(const nlmsghdr& message) {

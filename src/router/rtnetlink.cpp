@@ -65,26 +65,6 @@ bool RtNetlink::setLinkUp(std::uint32_t index, bool up, std::string& reason) {
     return accept(socket.exchange(request.get(), [](const nlmsghdr&) {}), reason);
 }
 
-Route RtNetlink::routeTo(std::uint32_t address) {
-    Request<rtmsg> request(RTM_GETROUTE);
-    request->rtm_family = AF_INET;
-    request->rtm_dst_len = 32;
-    request->rtm_flags =
-        RTM_F_LOOKUP_TABLE | RTM_F_FIB_MATCH;  // the route itself, not what it means for one address
-    mnl_attr_put_u32(&request.get(), RTA_DST, address);
-    Route route;
-    const NetlinkResult result =
-        socket.exchange(request.get(), [&route](const nlmsghdr& message) { route = parseRoute(message); });
-    if (!result.ok()) return {};
-    // Older programs are shown where the object leads; the kernel can be set to leave that out.
-    if (route.nextHop == 0 || !route.interfaces.empty()) return route;
-    std::set<std::uint32_t> interfaces;
-    std::string reason;
-    if (addInterfacesOf(route.nextHop, interfaces, reason))
-        route.interfaces.assign(interfaces.begin(), interfaces.end());
-    return route;
-}
-
 bool RtNetlink::readNextHop(std::uint32_t id, NextHop& out, std::string& reason) {
     Request<nhmsg> request(RTM_GETNEXTHOP);
     mnl_attr_put_u32(&request.get(), NHA_ID, id);

@@ -11,7 +11,7 @@ namespace router {
 
 struct NextHop;
 
-/// The kernel's interfaces, addresses and routes over rtnetlink: requests that are answered at once.
+/// The kernel's interfaces, addresses and nexthop objects over rtnetlink: requests that are answered at once.
 class RtNetlink final : public NetworkKernel {
 public:
     /// Errors: false, with the reason in `reason`.
@@ -19,7 +19,6 @@ public:
 
     [[nodiscard]] bool readLink(std::uint32_t index, Link& out, std::string& reason) override;
     [[nodiscard]] bool setLinkUp(std::uint32_t index, bool up, std::string& reason) override;
-    [[nodiscard]] Route routeTo(std::uint32_t address) override;
 
     /// Adds the indexes of the interfaces that a nexthop object leads out of: none for one that is no more,
     /// and none with a kernel that has no such objects. Errors: false, with the reason in `reason`.

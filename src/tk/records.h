@@ -52,6 +52,15 @@ constexpr std::uint32_t withCounters = 256;          // option of a get: adds th
 constexpr std::uint32_t listInterfaces = 1;          // command: the paged list
 constexpr std::uint32_t interfaceChanged = 0x10004;  // notification: the message itself is the record
 
+// The side of the router that an interface stands on.
+namespace sidefield {
+constexpr std::uint32_t interface = 1;  // u32, in the request: the interface's id
+constexpr std::uint32_t side = 1;       // u32, in the reply: 1 inside, 2 outside, 0 neither
+constexpr std::uint32_t why = 2;        // string, in the reply: for people
+}  // namespace sidefield
+constexpr std::uint32_t tellSide = 2;  // command
+constexpr std::uint32_t outside = 2;
+
 // IPv4 addresses.
 namespace addressfield {
 constexpr std::uint32_t address = 1;           // be32

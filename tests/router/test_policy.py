@@ -7,7 +7,7 @@ import pytest
 
 import busclient as bus
 import labs
-from labs import ROUTER_LAN, ROUTER_WAN, ROUTER_WAN2, WAN, WAN2
+from labs import ROUTER_LAN, ROUTER_WAN, ROUTER_WAN2, WAN, WAN2, eventually
 from routerusers import GROUP, IDS, OTHER, configure
 
 REFUSED, BUSY = 0xFE0003, 0xFE0010
@@ -38,12 +38,15 @@ def router(tmp_path_factory):
     ("224.0.0.251", "it is a multicast address"),
     ("255.255.255.255", "it is the broadcast address"),
     ("192.0.2.255", "it is a broadcast address"),
+    ("192.0.2.0", "it is the address of a network itself"),
     (ROUTER_LAN, "it is an address of the router itself"),
     (ROUTER_WAN, "it is an address of the router itself"),
     (ROUTER_WAN2, "it is an address of the router itself"),
-    (WAN, "it is reached over the interface that holds the destination address"),
-    ("198.51.100.77", "it is reached over the interface that holds the destination address"),
-    ("192.0.3.1", "it is reached over the default route"),
+    (WAN, "it is in the network of wan0, which is outside"),
+    ("198.51.100.77", "it is in the network of wan0, which is outside"),
+    (WAN2, "it is in the network of wan1, which is outside"),
+    ("1.1.1.1", "it is in no network inside"),
+    ("10.9.0.1", "it is in no network inside"),
 ])
 def test_targets_are_judged_and_nothing_changes(router, target, reason):
     before = router.table()
@@ -66,23 +69,6 @@ def test_a_rule_for_no_address_is_refused(router):
         "destination 0.0.0.0 refused: the rule would never match")
 
 
-def test_a_target_behind_the_other_uplink_is_judged_by_the_rules_own(router):
-    assert ask(router, WAN2) == ""
-    assert ask(router, WAN2, address=ROUTER_WAN2).endswith("the interface that holds the destination address")
-
-
-def test_a_target_without_a_route_is_refused(router):
-    router.router.run("ip", "route", "del", "default")
-    try:
-        assert ask(router, "192.0.3.1") == "target 192.0.3.1 refused: there is no route to it"
-    finally:
-        router.router.run("ip", "route", "add", "default", "via", WAN)
-
-
-OUTSIDE = "it is reached over the interface that holds the destination address"
-DEFAULT = "it is reached over the default route"
-
-
 @contextlib.contextmanager
 def network(lab, *lines):
     """Lets ip do each line on the router, and takes it back in the end, last first."""
@@ -97,35 +83,20 @@ def network(lab, *lines):
             lab.router.run(*("del" if word == "add" else word for word in line.split()), check=False)
 
 
-@pytest.fixture(params=[True, False], ids=["routes name their interfaces", "routes name nexthops alone"])
-def nexthops(router, request):
-    """Routes by nexthop objects, as the kernel shows them to older programs or to those that know them."""
-    if router.router.run("ip", "nexthop", "add", "id", 1, "blackhole", check=False).returncode != 0:
-        pytest.skip("this kernel knows no nexthop objects")
-    mode = "net.ipv4.nexthop_compat_mode="
-    router.router.run("sysctl", "-qw", mode + str(int(request.param)))
-    yield
-    router.router.run("sysctl", "-qw", mode + "1")
-    router.router.run("ip", "nexthop", "flush")
+def becomes(lab, target, fault, **words):
+    """Waits until a rule to the target is refused for this reason, empty for none, as soon as routerd has heard."""
+    wanted = f"target {target} refused: {fault}" if fault else ""
+    eventually(lambda: ask(lab, target, **words) == wanted, f"{target}: {fault or 'allowed'}", 2)
 
 
-@pytest.mark.parametrize("made, reason", [
-    ([f"nexthop add id 7 via {WAN} dev wan0"], OUTSIDE),
-    (["nexthop add id 7 via 192.0.2.3 dev lan0"], ""),
-    (["nexthop add id 5 via 192.0.2.3 dev lan0", f"nexthop add id 6 via {WAN} dev wan0", "nexthop add id 7 group 5/6"],
-     OUTSIDE),
-    (["nexthop add id 5 via 192.0.2.3 dev lan0", f"nexthop add id 6 via {WAN2} dev wan1", "nexthop add id 7 group 5/6"],
-     ""),
-    (["nexthop add id 7 blackhole"], "there is no route to it"),
-], ids=["outside", "inside", "outside and inside", "inside twice", "nowhere"])
-def test_a_route_by_a_nexthop_object_leads_where_the_object_does(router, nexthops, made, reason):
-    with network(router, *(f"ip {line}" for line in made), "ip route add 10.9.0.0/16 nhid 7"):
-        assert ask(router, "10.9.0.1") == (f"target 10.9.0.1 refused: {reason}" if reason else "")
-
-
-def test_a_default_route_by_a_nexthop_object_is_one(router, nexthops):
-    with network(router, f"ip nexthop add id 7 via {WAN2} dev wan1", "ip route add 0.0.0.0/1 nhid 7"):
-        assert ask(router, "10.9.0.1") == f"target 10.9.0.1 refused: {DEFAULT}"
+@pytest.mark.parametrize("route", [
+    f"10.9.0.0/16 via {WAN2}", "10.9.0.0/16 via 192.0.2.3", "unreachable 10.9.0.0/16", f"10.0.0.0/8 via {WAN2} table 100"])
+def test_routes_make_no_target(router, route):
+    with network(router, f"ip route add {route}"):
+        assert ask(router, "10.9.0.1") == "target 10.9.0.1 refused: it is in no network inside"
+        assert ask(router, "192.0.2.2") == ""
+    with network(router, f"ip route add 192.0.2.64/26 via {WAN2}"):
+        assert ask(router, "192.0.2.65") == ""
 
 
 def test_addresses_of_every_scope_are_the_routers(router):
@@ -133,39 +104,92 @@ def test_addresses_of_every_scope_are_the_routers(router):
                  "ip address add 203.0.113.99/32 scope host dev lo"):
         offered = {record["address"] for record in router.query("address", "list")}
         assert offered == {ROUTER_LAN, ROUTER_WAN, ROUTER_WAN2}
-        assert ask(router, "169.254.9.10", address="169.254.9.9") == f"target 169.254.9.10 refused: {OUTSIDE}"
-        assert ask(router, "169.254.9.10") == f"target 169.254.9.10 refused: {OUTSIDE}"
+        becomes(router, "169.254.9.10", "it is in the network of wan0, which is outside")
         for own in ("169.254.9.9", "203.0.113.99"):
-            assert ask(router, own) == f"target {own} refused: it is an address of the router itself"
+            becomes(router, own, "it is an address of the router itself")
 
 
 def test_the_other_end_of_a_link_to_one_host_is_judged_like_any_host(router):
-    with network(router, "ip address add 203.0.113.99 peer 10.9.9.9 dev wan1"):
-        assert ask(router, "10.9.9.9", address="203.0.113.99") == f"target 10.9.9.9 refused: {OUTSIDE}"
-        assert ask(router, "10.9.9.9") == ""
-        assert ask(router, "203.0.113.99") == "target 203.0.113.99 refused: it is an address of the router itself"
+    with network(router, "ip address add 203.0.113.99 peer 10.9.9.9 dev wan1",
+                 "ip address add 192.0.2.99 peer 10.8.8.8 dev lan0"):
+        becomes(router, "10.9.9.9", "it is in the network of wan1, which is outside")
+        becomes(router, "10.8.8.8", "")
+        becomes(router, "203.0.113.99", "it is an address of the router itself")
 
 
-def test_an_address_without_a_network_holds_its_interface(router):
-    with network(router, "ip address add 203.0.113.99/32 dev wan1"):
-        assert ask(router, WAN2, address="203.0.113.99") == f"target {WAN2} refused: {OUTSIDE}"
-        assert ask(router, "192.0.2.2", address="203.0.113.99") == ""
+def test_a_broadcast_address_is_what_it_was_configured_as(router):
+    with network(router, "ip address add 10.7.0.1/24 broadcast 10.7.0.99 dev lan0"):
+        for target in ("10.7.0.99", "10.7.0.255"):
+            becomes(router, target, "it is a broadcast address")
+        becomes(router, "10.7.0.98", "")
+    becomes(router, "10.7.0.98", "it is in no network inside")
 
 
-@pytest.mark.parametrize("kind", ["unreachable", "blackhole", "prohibit", "throw"])
-def test_a_target_that_a_route_excludes_is_refused(router, kind):
-    """Also where the exception is all there is: a throw leaves the choice to the next table, which has no route."""
-    with network(router, f"ip route add {kind} 10.9.0.0/16"):
-        assert ask(router, "10.9.0.1") == "target 10.9.0.1 refused: there is no route to it"
+def test_a_lan_that_is_down_has_no_hosts(bare_lab):
+    bare_lab.start_routerd()
+    bare_lab.router.run("ip", "link", "set", "lan0", "down")
+    becomes(bare_lab, "192.0.2.2", "it is in the network of lan0, which is down")
+    bare_lab.router.run("ip", "link", "set", "lan0", "up")
+    becomes(bare_lab, "192.0.2.2", "")
 
 
-def test_routes_of_other_tables_count_as_their_rules_say(router):
-    with network(router, f"ip route add default via {WAN2} dev wan1 table 100",
-                 f"ip route add 10.8.0.0/16 via {WAN} dev wan0 table 100", "ip route add 10.0.0.0/8 via 192.0.2.3"):
-        assert ask(router, "10.9.0.1") == ask(router, "10.8.0.1") == ""
-        with network(router, "ip rule add to 10.0.0.0/8 lookup 100"):
-            assert ask(router, "10.9.0.1") == f"target 10.9.0.1 refused: {DEFAULT}"
-            assert ask(router, "10.8.0.1") == f"target 10.8.0.1 refused: {OUTSIDE}"
+def test_networks_of_the_configuration_are_inside_but_for_what_is_connected_outside(bare_lab):
+    bare_lab.start_routerd(*configure(bare_lab, """
+        [lan]
+        interfaces = ["lan0"]
+        networks = ["10.0.0.0/8", "203.0.113.0/24", "192.0.0.0/16"]
+        """))
+    bare_lab.router.run("ip", "address", "add", "10.9.0.1/24", "dev", "wan1")
+    becomes(bare_lab, "10.9.0.2", "it is in the network of wan1, which is outside")
+    assert ask(bare_lab, "10.9.1.2") == ask(bare_lab, "192.0.3.1") == ask(bare_lab, "192.0.2.2") == ""
+    assert ask(bare_lab, WAN2).endswith("it is in the network of wan1, which is outside"), "of two as large, outside wins"
+    assert ask(bare_lab, "10.255.255.255").endswith("it is a broadcast address")
+
+
+def test_without_names_routes_tell_what_is_outside(bare_lab):
+    """As where a second uplink carries what a VPN is for."""
+    bare_lab.start_routerd(*configure(bare_lab, ""))
+    assert ask(bare_lab, WAN).endswith("it is in the network of wan0, which is outside"), "the provider's gateway"
+    assert ask(bare_lab, WAN2) == ""
+    with network(bare_lab, f"ip route add 8.0.0.0/7 via {WAN2}"):
+        for target, fault in ((WAN2, "it is in the network of wan1, which is outside"),
+                              ("8.8.8.8", "it is in no network inside")):
+            becomes(bare_lab, target, fault)
+    bare_lab.router.run("ip", "route", "del", "default")
+    bare_lab.router.run("ip", "address", "add", "10.7.0.1/24", "dev", "lan0")
+    becomes(bare_lab, "10.7.0.2", "")  # by now the routes' end is known too
+    for target, name in ((WAN, "wan0"), (WAN2, "wan1")):
+        assert ask(bare_lab, target) == f"target {target} refused: it is in the network of {name}, which is outside"
+
+
+@pytest.fixture
+def nexthops(bare_lab):
+    if bare_lab.router.run("sysctl", "-qw", "net.ipv4.nexthop_compat_mode=0", check=False).returncode != 0:
+        pytest.skip("this kernel knows no nexthop objects")
+
+
+def test_a_route_by_a_nexthop_object_counts_where_the_object_leads(bare_lab, nexthops):
+    bare_lab.start_routerd(*configure(bare_lab, ""))
+    assert ask(bare_lab, WAN2) == ""
+    with network(bare_lab, "ip nexthop add id 5 via 192.0.2.3 dev lan0", f"ip nexthop add id 6 via {WAN2} dev wan1",
+                 "ip nexthop add id 7 group 6", "ip route add 10.9.0.0/16 nhid 5", "ip route add 8.0.0.0/7 nhid 7"):
+        becomes(bare_lab, WAN2, "it is in the network of wan1, which is outside")
+        assert ask(bare_lab, "192.0.2.2") == ""
+
+
+def test_the_network_above_a_lower_device_is_outside_and_so_is_the_one_below(bare_lab):
+    """As a modem is that is reached below the line which it carries."""
+    bare_lab.start_routerd(*configure(bare_lab, ""))
+    ip = lambda *words: bare_lab.router.run("ip", *words)
+    ip("link", "add", "line0", "type", "bridge")
+    ip("link", "set", "wan1", "master", "line0")
+    ip("address", "add", "10.6.0.1/24", "dev", "line0")
+    ip("link", "set", "line0", "up")
+    becomes(bare_lab, WAN2, "")
+    becomes(bare_lab, "10.6.0.2", "")
+    ip("route", "add", "128.0.0.0/1", "via", "10.6.0.2")
+    becomes(bare_lab, "10.6.0.2", "it is in the network of line0, which is outside")
+    becomes(bare_lab, WAN2, "it is in the network of wan1, which is outside")
 
 
 def test_an_answer_in_json_and_misuse(router):
@@ -184,8 +208,10 @@ def test_a_mapped_port_is_told_as_such(router):
 
 def test_the_configuration_widens_and_narrows(bare_lab):
     bare_lab.start_routerd(*configure(bare_lab, """
+        [lan]
+        networks = ["192.0.3.0/24"]
+
         [nat]
-        internal-prefixes = ["192.0.3.0/24"]
         external-ports = [80, "1024-65535"]
         internal-ports = [8080, 22]
         limit-per-client = 2
@@ -216,6 +242,7 @@ def test_the_configuration_widens_and_narrows(bare_lab):
 
 @pytest.mark.parametrize("text, reason", [
     ("[nat]\nlimits = 3\n", "2: limits: unknown key"),
+    ("[nat]\ninternal-prefixes = []\n", "2: internal-prefixes: is now \"networks\" in [lan]"),
     ("\n[guard]\nlimit-connections = 1\n", "3: limit-connections: must be true or false"),
     ("[[user]]\nname = \"nobody-here\"\n", "2: name: there is no user \"nobody-here\""),
 ])

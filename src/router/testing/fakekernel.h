@@ -1,6 +1,7 @@
 #pragma once
 
 #include <arpa/inet.h>
+#include <net/if.h>
 
 #include <map>
 #include <optional>
@@ -8,12 +9,14 @@
 #include <span>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "router/listeners.h"
 #include "router/natkernel.h"
 #include "router/networkkernel.h"
 #include "router/requester.h"
+#include "router/zones.h"
 
 namespace router::testing {
 
@@ -22,7 +25,7 @@ inline std::uint32_t address(const char* text) {
     return ::inet_addr(text);
 }
 
-/// Interfaces and routes as a test wants them.
+/// Interfaces as a test wants them.
 class FakeNetwork final : public NetworkKernel {
 public:
     bool readLink(std::uint32_t index, Link& out, std::string& reason) override {
@@ -38,14 +41,42 @@ public:
         if (fault.empty()) switched.emplace_back(index, up);
         return fault.empty();
     }
-    Route routeTo(std::uint32_t target) override {
-        return routes.contains(target) ? routes[target] : Route{Route::Type::unicast, 24, {2}};
-    }
 
     std::map<std::uint32_t, Link> links;
-    std::map<std::uint32_t, Route> routes;  // by address; any other is behind interface 2
     std::vector<std::pair<std::uint32_t, bool>> switched;
     std::string fault;
+};
+
+/// Nobody to whom it matters what is inside.
+class IdleWatcher final : public InsideWatcher {
+public:
+    void insideChanged(const Inside&) override {}
+};
+
+/// The zones of a router with 192.0.2.1/24 on lan0, interface 2, and 198.51.100.1/24 on wan0, interface 3,
+/// which is outside.
+struct FakeZones {
+    FakeZones() {
+        for (const auto& [index, name] :
+             {std::pair(1U, "lo"), std::pair(2U, "lan0"), std::pair(3U, "wan0")}) {
+            Link link;
+            link.index = index;
+            link.name = name;
+            link.flags = index == 1 ? IFF_UP | IFF_LOOPBACK : IFF_UP | IFF_RUNNING;
+            zones.apply(link);
+        }
+        hold(1, "127.0.0.1", 8);
+        hold(2, "192.0.2.1", 24);
+        hold(3, "198.51.100.1", 24);
+        zones.addExits({{3, Prefix{}}});
+        zones.start(watcher);
+    }
+    void hold(std::uint32_t index, const char* text, std::uint8_t length) {
+        zones.apply(LinkAddress{index, address(text), address(text), length});
+    }
+
+    IdleWatcher watcher;
+    Zones zones;
 };
 
 /// A kernel's map of rules that refuses when it is told to.

@@ -1,11 +1,10 @@
-#include "router/defaultroutes.h"
+#include "router/routereader.h"
 
 #include <libmnl/libmnl.h>
 #include <linux/rtnetlink.h>
 
 #include <utility>
 
-#include "router/rtmessages.h"
 #include "tk/log.h"
 
 namespace router {
@@ -26,23 +25,33 @@ std::string faultOf(const nlmsghdr& done) {
 
 }  // namespace
 
-void DefaultExits::add(const Route& route) {
-    if (route.nextHop != 0)
-        nextHops.insert(route.nextHop);
-    else if (route.isDefault())
-        interfaces.insert(route.interfaces.begin(), route.interfaces.end());
+void RouteExits::add(const Route& route) {
+    if (!route.leadsBeyond()) return;
+    if (route.nextHop != 0) {
+        nextHops.try_emplace(route.nextHop, route.prefix);
+        return;
+    }
+    for (const std::uint32_t index : route.interfaces) interfaces.try_emplace(index, route.prefix);
 }
 
-bool DefaultRoutes::open(std::string& reason) {
+void RouteExits::addFallback(const Route& route) {
+    if (!route.leadsBeyond()) return;
+    if (route.nextHop != 0)
+        hasFallbackByNextHop = true;
+    else
+        fallbacks.insert(route.interfaces.begin(), route.interfaces.end());
+}
+
+bool RouteReader::open(std::string& reason) {
     if (!socket.open(NETLINK_ROUTE)) {
         reason = "rtnetlink: " + tk::errorText();
         return false;
     }
-    watch.start<DefaultRoutes, &DefaultRoutes::ready>(socket.descriptor(), *this, tk::readable);
+    watch.start<RouteReader, &RouteReader::ready>(socket.descriptor(), *this, tk::readable);
     return true;
 }
 
-void DefaultRoutes::begin() {
+void RouteReader::begin() {
     struct {
         nlmsghdr header;
         rtmsg route;
@@ -50,6 +59,7 @@ void DefaultRoutes::begin() {
     request.header = {sizeof request, RTM_GETROUTE, NLM_F_REQUEST | NLM_F_DUMP, socket.nextSequence(), 0};
     request.route.rtm_family = AF_INET;
     exits = {};
+    best = {};
     isInterrupted = false;
     sequence = request.header.nlmsg_seq;
     const auto start = Clock::now();
@@ -58,17 +68,17 @@ void DefaultRoutes::begin() {
     if (!isSent) fail(tk::errorText());
 }
 
-void DefaultRoutes::complete() {
+void RouteReader::complete() {
     while (isBusy())
         if (!step(answerMilliseconds) && isBusy()) fail("the kernel does not answer");
 }
 
-void DefaultRoutes::ready(int, std::uint32_t) {
+void RouteReader::ready(int, std::uint32_t) {
     for (int i = 0; i < datagramsPerTurn && step(0); ++i) continue;
 }
 
 /// Takes one datagram, for which the kernel makes the next one. False when there is none.
-bool DefaultRoutes::step(int milliseconds) {
+bool RouteReader::step(int milliseconds) {
     const auto start = Clock::now();
     const auto result = socket.receive(milliseconds, [this](const nlmsghdr& message) { take(message); });
     spent += Clock::now() - start;
@@ -77,23 +87,30 @@ bool DefaultRoutes::step(int milliseconds) {
     return false;
 }
 
-void DefaultRoutes::take(const nlmsghdr& message) {
+void RouteReader::take(const nlmsghdr& message) {
     if (!isBusy() || message.nlmsg_seq != sequence) return;  // of a reading that has failed
     isInterrupted = isInterrupted || (message.nlmsg_flags & NLM_F_DUMP_INTR) != 0;
     if (message.nlmsg_type == NLMSG_ERROR) return fail(netlinkResultOf(message).text);
     if (message.nlmsg_type == NLMSG_DONE) return finish(faultOf(message));
-    if (isOfDefaultRoute(message)) exits.add(parseRoute(message));
+    if (message.nlmsg_type == RTM_NEWROUTE) judge(parseRoute(message));
 }
 
-void DefaultRoutes::finish(const std::string& fault) {
+/// The kernel tells the routes of one destination one behind the other, those of the lowest metric first.
+void RouteReader::judge(const Route& route) {
+    if (route.isRivalOf(best) && route.metric > best.metric) return exits.addFallback(route);
+    best = route;
+    exits.add(route);
+}
+
+void RouteReader::finish(const std::string& fault) {
     if (!fault.empty()) return fail(fault);
     sequence = 0;
-    owner.defaultRoutesRead(std::exchange(exits, {}), !isInterrupted);
+    owner.routesRead(std::exchange(exits, {}), !isInterrupted);
 }
 
-void DefaultRoutes::fail(const std::string& reason) {
+void RouteReader::fail(const std::string& reason) {
     sequence = 0;
-    owner.defaultRoutesUnread(reason);
+    owner.routesUnread(reason);
 }
 
 }  // namespace router

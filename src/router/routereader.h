@@ -4,39 +4,45 @@
 
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <set>
 #include <string>
 
 #include "router/netlinksocket.h"
-#include "router/networkkernel.h"
+#include "router/rtmessages.h"
 #include "tk/timer.h"
 
 namespace router {
 
-/// Where default routes lead. A value.
-struct DefaultExits {
-    std::set<std::uint32_t> interfaces;  // indexes, of routes that lead there by themselves
-    std::set<std::uint32_t> nextHops;    // ids of the objects that all others lead to
+/// Where routes beyond the private ranges lead, each with one of the destinations. A value.
+struct RouteExits {
+    std::map<std::uint32_t, Prefix> interfaces;  // by index, of routes that lead there by themselves
+    std::map<std::uint32_t, Prefix> nextHops;    // by id, of the objects that all others lead to
+    std::set<std::uint32_t> fallbacks;           // indexes, of routes whose place better ones take
+    bool hasFallbackByNextHop = false;
 
+    /// Takes a route up that is the best one to its destination, or one that is not.
     void add(const Route& route);
+    void addFallback(const Route& route);
 };
 
-/// Reads where the IPv4 default routes of all tables lead. The kernel tells them only among all its routes,
-/// which may be very many: they are read in parts that leave the loop time for others.
-class DefaultRoutes final {
+/// Reads where the IPv4 routes of all tables lead that lead beyond the private ranges, and are the best ones
+/// to their destinations. The kernel tells them only among all its routes, which may be very many: they are
+/// read in parts that leave the loop time for others, and none is kept.
+class RouteReader final {
 public:
     /// Who wants to know.
     class Owner {
     public:
         virtual ~Owner() = default;
         /// A reading is over. Not `isComplete` when routes changed meanwhile, so that some may be missing.
-        virtual void defaultRoutesRead(const DefaultExits& exits, bool isComplete) = 0;
+        virtual void routesRead(const RouteExits& exits, bool isComplete) = 0;
         /// A reading has failed.
-        virtual void defaultRoutesUnread(const std::string& reason) = 0;
+        virtual void routesUnread(const std::string& reason) = 0;
     };
 
     /// Lifetime: the owner outlives the object.
-    explicit DefaultRoutes(Owner& owner) : owner(owner) {}
+    explicit RouteReader(Owner& owner) : owner(owner) {}
 
     /// Errors: false, with the reason in `reason`.
     [[nodiscard]] bool open(std::string& reason);
@@ -54,13 +60,15 @@ private:
     [[nodiscard]] bool step(int milliseconds);
     void ready(int fd, std::uint32_t events);
     void take(const nlmsghdr& message);
+    void judge(const Route& route);
     void finish(const std::string& fault);
     void fail(const std::string& reason);
 
     Owner& owner;
     NetlinkSocket socket;
     tk::Watch watch;
-    DefaultExits exits;
+    RouteExits exits;
+    Route best;                  // of the destination that was read last
     std::uint32_t sequence = 0;  // 0: no reading is under way
     bool isInterrupted = false;
     std::chrono::steady_clock::duration spent{};

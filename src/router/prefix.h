@@ -1,0 +1,33 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace router {
+
+/// An IPv4 network. Byte order: host. A value.
+struct Prefix {
+    std::uint32_t network = 0;
+    std::uint32_t mask = 0;
+
+    bool contains(std::uint32_t hostOrderAddress) const { return (hostOrderAddress & mask) == network; }
+    /// The highest address.
+    std::uint32_t last() const { return network | ~mask; }
+    bool operator==(const Prefix&) const = default;
+};
+
+/// The network of `length` bits, at most 32, that an address lies in. Byte order: host.
+[[nodiscard]] Prefix prefixOf(std::uint32_t hostOrderAddress, std::uint32_t length);
+
+/// The number of bits that all addresses of a network share.
+[[nodiscard]] std::uint32_t lengthOf(const Prefix& prefix);
+
+/// "192.0.2.0/24".
+[[nodiscard]] std::string prefixText(const Prefix& prefix);
+
+/// True when a network has an address that a host beyond the networks of its owner may have: one that is
+/// neither private (RFC 1918, 100.64.0.0/10, 169.254.0.0/16, the documentation ranges) nor loopback,
+/// multicast or the broadcast address.
+[[nodiscard]] bool isBeyondPrivateRanges(const Prefix& prefix);
+
+}  // namespace router
