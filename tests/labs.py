@@ -30,6 +30,14 @@ WAN2 = "203.0.113.2"
 SIDES = """
 [lan]
 interfaces = ["lan0"]
+
+[[interface]]
+name = "wan0"
+terminate = true
+
+[[interface]]
+name = "wan1"
+terminate = true
 """
 
 PATIENCE = 10  # seconds that a condition may take before a test gives up

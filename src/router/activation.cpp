@@ -14,12 +14,6 @@ namespace {
 
 constexpr int killMilliseconds = 1000;  // for a killed process to be gone
 
-/// How a process ended, as text.
-std::string describe(int status) {
-    if (WIFSIGNALED(status)) return "ended by signal " + std::to_string(WTERMSIG(status));
-    return "ended with status " + std::to_string(WEXITSTATUS(status));
-}
-
 }  // namespace
 
 Activation::Child::Child(Activation& activation, std::uint32_t program, pid_t pid, tk::Fd opened)
@@ -98,7 +92,7 @@ void Activation::reap(std::uint32_t program) {
     children.erase(child);
     if (const ProgramConfig& config = programs[program]; !config.unit.empty())
         return unitAsked(config, status);
-    const std::string how = describe(status);
+    const std::string how = endText(status);
     tk::log("program ", program, " ", how);
     owner.programEnded(program, how, hadRegistered);
     const auto pending = restarts.find(program);
@@ -125,7 +119,7 @@ void Activation::unitAsked(const ProgramConfig& program, int status) {
         coming.insert(program.number);
         return;
     }
-    const std::string reason = program.unit + " could not be started: systemctl " + describe(status);
+    const std::string reason = program.unit + " could not be started: systemctl " + endText(status);
     tk::log("program ", program.number, ": ", reason);
     owner.startFailed(program.number, reason);
 }

@@ -36,6 +36,8 @@ public:
                 if (!readEach(key, value, &Reader::readProgram, out)) return false;
             } else if (key == "user") {
                 if (!readEach(key, value, &Reader::readUser, out)) return false;
+            } else if (key == "interface") {
+                if (!readEach(key, value, &Reader::readInterface, out)) return false;
             } else if (const auto section = sectionNamed(key)) {
                 const toml::table* table = value.as_table();
                 if (!table)
@@ -148,6 +150,25 @@ private:
         return values.fail(key, value, "unknown key");
     }
 
+    [[nodiscard]] bool readInterface(const toml::table& table, Config& config) {
+        InterfaceConfig& out = config.interfaces.emplace_back();
+        for (const auto& [key, value] : table) {
+            if (key == "name") {
+                if (!values.readInterface(key, value, out.name)) return false;
+            } else if (key == "terminate") {
+                if (!values.read(key, value, out.terminate)) return false;
+            } else if (key == "down") {
+                if (!values.readCommand(key, value, out.down)) return false;
+            } else if (key == "up") {
+                if (!values.readCommand(key, value, out.up)) return false;
+            } else {
+                return values.fail(key, value, "unknown key");
+            }
+        }
+        if (out.name.empty()) return values.fail("name", table, "is missing");
+        return interfaceNames.insert(out.name).second || values.fail("name", table, "stands twice");
+    }
+
     [[nodiscard]] bool readNat(std::string_view key, const toml::node& value, Config& out) {
         NatConfig& nat = out.nat;
         if (key == "check-targets") return values.read(key, value, nat.checksTargets);
@@ -173,6 +194,7 @@ private:
 
     ConfigValues values;
     std::set<std::uint32_t> numbers;
+    std::set<std::string> interfaceNames;
 };
 
 /// Why the file is not followed: others than root and whoever runs the router could have written it. Empty

@@ -7,6 +7,7 @@
 
 #include "router/access.h"
 #include "router/guardconfig.h"
+#include "router/interfaceconfig.h"
 #include "router/lanconfig.h"
 #include "router/natconfig.h"
 #include "tk/account.h"
@@ -30,6 +31,7 @@ struct Config {
     std::vector<ProgramConfig> programs;
     std::vector<UserRights> users;
     LanConfig lan;
+    std::vector<InterfaceConfig> interfaces;
     NatConfig nat;
     GuardConfig guard;
 

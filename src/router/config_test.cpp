@@ -64,6 +64,8 @@ TEST(ParseConfig, ReadsEveryKey) {
         "trace = true\nundo = true\nadmin = true\n"
         "[lan]\ninterfaces = [\"lan0\", \"br-lan\"]\n"
         "networks = [\"10.0.0.0/8\", \"192.0.2.1/32\", \"0.0.0.0/0\"]\n"
+        "[[interface]]\nname = \"ppp0\"\nterminate = true\n"
+        "down = [\"/sbin/ifdown\", \"ppp0\"]\nup = [\"/sbin/ifup\", \"ppp0\"]\n"
         "[nat]\ncheck-targets = false\n"
         "external-ports = [80, \"1024-65535\"]\ninternal-ports = [\"22\"]\nlimit-per-client = 3\nlimit = 4\n"
         "router-ports = [51820, \"8000-8010\"]\n"
@@ -78,6 +80,7 @@ TEST(ParseConfig, ReadsEveryKey) {
     wanted.users = {{daemon, {80}}, {daemon, {80, 81}, {{20, 5}, {20}, {21}}, true, true, true}};
     wanted.lan.interfaces = {{"lan0", "br-lan"}};
     wanted.lan.networks = {{0x0A000000, 0xFF000000}, {0xC0000201, 0xFFFFFFFF}, {0, 0}};
+    wanted.interfaces = {{"ppp0", true, {"/sbin/ifdown", "ppp0"}, {"/sbin/ifup", "ppp0"}}};
     wanted.nat = {false, {{80, 80}, {1024, 65535}}, {{22, 22}}, 3, 4, {{51820, 51820}, {8000, 8010}}};
     wanted.guard = {false, 5, 6, 7};
     EXPECT_EQ(config, wanted);
@@ -165,6 +168,16 @@ constexpr Case cases[] = {
      "r.toml:2: interfaces: must be a list of interfaces, such as \"lan0\""},
     {"LanInterfaceAsNumber", "[lan]\ninterfaces = [0]\n",
      "r.toml:2: interfaces: must be the name of an interface, such as \"eth0\""},
+    {"InterfaceWithoutName", "[[interface]]\nterminate = true\n", "r.toml:1: name: is missing"},
+    {"InterfaceTwice", "[[interface]]\nname = \"a\"\n[[interface]]\nname = \"a\"\n",
+     "r.toml:3: name: stands twice"},
+    {"InterfaceOfALongName", "[[interface]]\nname = \"abcdefghijklmnop\"\n",
+     "r.toml:2: name: must be the name of an interface, such as \"eth0\""},
+    {"InterfaceUnknownKey", "[[interface]]\nname = \"a\"\nstop = []\n", "r.toml:3: stop: unknown key"},
+    {"CommandOfAShell", "[[interface]]\nname = \"a\"\ndown = \"/sbin/ifdown a\"\n",
+     "r.toml:3: down: must be a list of texts"},
+    {"CommandOfAnInterfaceWithoutPath", "[[interface]]\nname = \"a\"\nup = [\"ifup\"]\n",
+     "r.toml:3: up: must begin with a full path"},
     {"PortTooHigh", "[nat]\nexternal-ports = [65536]\n",
      "r.toml:2: external-ports: must be a list of ports, such as 80 and \"1024-65535\""},
     {"PortsBackwards", "[nat]\ninternal-ports = [\n80,\n\"9-8\"]\n",

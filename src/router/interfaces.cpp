@@ -168,10 +168,11 @@ tk::message Interfaces::cmdSetObj(const tk::message& request) {
     const auto link = links.find(id);
     if (link == links.end()) return noSuchInterface(id);
     if (!request.has(tk::field::disabled)) return tk::errorMsg(tk::error::invalid, "nothing that can be set");
-    std::string reason;
-    if (!kernel.setLinkUp(link->second.index, !request.get_bool(tk::field::disabled), reason))
-        return tk::errorMsg(tk::error::failed, reason);
-    return {};
+    tk::message answer;
+    const auto done = [this, request](tk::message outcome) { sendAnswer(request, std::move(outcome)); };
+    const bool up = !request.get_bool(tk::field::disabled);
+    const uid_t user = setting.requester.user();
+    return setting.links.set(link->second, up, user, answer, done) ? answer : answerLater();
 }
 
 }  // namespace router

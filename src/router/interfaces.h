@@ -7,7 +7,9 @@
 #include <vector>
 
 #include "router/interfaceids.h"
+#include "router/linkswitch.h"
 #include "router/networkkernel.h"
+#include "router/requester.h"
 #include "router/zones.h"
 #include "tk/handler.h"
 
@@ -27,9 +29,15 @@ public:
 /// Loopback is not offered.
 class Interfaces final : public tk::Handler {
 public:
+    /// What an interface is set up and down by, and for whom. Lifetime: all outlive the handler.
+    struct Setting {
+        LinkSwitch& links;
+        const Requester& requester;
+    };
+
     /// Lifetime: all outlive the handler.
-    Interfaces(InterfaceIds& ids, NetworkKernel& kernel, const Zones& zones)
-        : ids(ids), kernel(kernel), zones(zones) {}
+    Interfaces(InterfaceIds& ids, NetworkKernel& kernel, const Zones& zones, const Setting& setting)
+        : ids(ids), kernel(kernel), zones(zones), setting(setting) {}
     /// Lifetime: the watcher outlives the handler's use.
     void addWatcher(InterfaceWatcher& watcher) { watchers.push_back(&watcher); }
 
@@ -60,6 +68,7 @@ private:
     InterfaceIds& ids;
     NetworkKernel& kernel;
     const Zones& zones;
+    const Setting setting;
     std::vector<InterfaceWatcher*> watchers;
     std::map<std::uint32_t, Link> links;                       // by id
     std::unordered_map<std::uint32_t, std::uint32_t> byIndex;  // the kernel's index to id

@@ -6,6 +6,7 @@
 
 #include "router/addresses.h"
 #include "router/testing/fakekernel.h"
+#include "router/testing/fakeprocesses.h"
 #include "tk/bus.h"
 #include "tk/names.h"
 #include "tk/testing/folder.h"
@@ -62,9 +63,12 @@ protected:
     tk::testing::TestLoop loop;
     tk::testing::ScriptedBus bus;
     testing::FakeNetwork network;
+    testing::FakeProcesses processes;
     testing::FakeZones world;
+    testing::FakeRequester requester;
+    LinkSwitch links{{}, network, processes};
     InterfaceIds ids{files.file("interfaces")};
-    Interfaces interfaces{ids, network, world.zones};
+    Interfaces interfaces{ids, network, world.zones, {links, requester}};
     Addresses addresses;
 };
 
@@ -149,7 +153,7 @@ TEST_F(InterfacesTest, AnInterfaceMadeAnewIsToldAsSuchEvenIfItsEndWasMissed) {
 
 TEST_F(InterfacesTest, NamesOfPresentInterfacesAreNotForgottenForThoseThatCome) {
     InterfaceIds few(files.file("few"), 2);
-    Interfaces crowded(few, network, world.zones);
+    Interfaces crowded(few, network, world.zones, {links, requester});
     crowded.attach(bus, {20, 0});
     crowded.apply(link(2, "ppp0"));
     crowded.apply(link(3, "lan0"));
@@ -165,7 +169,7 @@ TEST_F(InterfacesTest, AFullListForgetsNoNameThatStandsFurtherDown) {
     InterfaceIds few(files.file("few"), 2);
     EXPECT_EQ(few.idOf("lan0"), 1U);
     EXPECT_EQ(few.idOf("wan0"), 2U);
-    Interfaces crowded(few, network, world.zones);
+    Interfaces crowded(few, network, world.zones, {links, requester});
     crowded.attach(bus, {20, 0});
     crowded.applyAll({link(2, "new0"), link(3, "wan0"), link(4, "lan0")});
     EXPECT_EQ(few.idOf("lan0"), 1U);
@@ -275,6 +279,18 @@ TEST_F(InterfacesTest, SettingAsksTheKernel) {
     EXPECT_EQ(network.switched, (std::vector<std::pair<std::uint32_t, bool>>{{2, false}, {2, true}}));
     network.fault = "Operation not permitted";
     EXPECT_EQ(tk::getError(interfaces.cmdSetObj(request)), "Operation not permitted");
+}
+
+TEST_F(InterfacesTest, SettingIsForRootUnlessTheConfigurationSaysOtherwise) {
+    interfaces.apply(link(2, "wan0"));
+    tk::message request;
+    request.insert_u32(tk::field::objectId, 1);
+    request.insert_bool(tk::field::disabled, true);
+    requester.asker = 998;
+    std::uint32_t code = 0;
+    EXPECT_TRUE(tk::isError(interfaces.cmdSetObj(request), &code));
+    EXPECT_EQ(code, tk::error::notAllowed);
+    EXPECT_TRUE(network.switched.empty());
 }
 
 TEST_F(InterfacesTest, TellTheSideThatAnInterfaceStandsOn) {

@@ -9,8 +9,8 @@
 namespace router {
 
 /// The processes are children of a small process of root's, which the router leaves behind before it gives up
-/// its privileges. It starts the programs of the configuration, signals and reaps what it started, and does
-/// nothing else; it ends with the router.
+/// its privileges. It starts the programs and commands of the configuration, signals and reaps what it
+/// started, and does nothing else; it ends with the router.
 class Launcher final : public Processes {
 public:
     Launcher() = default;

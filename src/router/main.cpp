@@ -3,10 +3,13 @@
 
 #include <cstdio>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "router/buslistener.h"
 #include "router/config.h"
 #include "router/launcher.h"
+#include "router/linkswitch.h"
 #include "router/privileges.h"
 #include "router/router.h"
 #include "tk/fd.h"
@@ -30,6 +33,14 @@ constexpr int done = 0;
 constexpr int failed = 1;
 constexpr int misuse = 2;
 
+/// Everything that is started for the router, by a process that has to know it beforehand.
+std::vector<router::ProgramConfig> startable(const router::Config& config) {
+    std::vector<router::ProgramConfig> all = config.programs;
+    for (router::ProgramConfig& command : router::stateCommands(config.interfaces))
+        all.push_back(std::move(command));
+    return all;
+}
+
 int serve(const std::string& configPath, bool mayBeAbsent) {
     tk::reserveStandardDescriptors();
     router::Config config;
@@ -51,7 +62,7 @@ int serve(const std::string& configPath, bool mayBeAbsent) {
     if (drops) router::runAsRouter(config);
     router::nameUsualUser(config, tk::program::gateway, "upnpd");
     router::nameUsualUser(config, tk::program::resolver, "resolverd");
-    if (drops && (!launcher.open(config.programs, reason) ||
+    if (drops && (!launcher.open(startable(config), reason) ||
                   !router::dropPrivileges(*config.user, {paths.busFolder(), paths.stores}, reason))) {
         tk::log("routerd: ", reason);
         return failed;

@@ -370,7 +370,7 @@ TEST_F(NatTest, ChangesAreTold) {
 /// A user other than root asks, from the connection of program 80 where nothing else is said.
 class ProgramsNatTest : public NatTest {
 protected:
-    ProgramsNatTest() { requester.asking = 64002; }
+    ProgramsNatTest() { requester.asker = 64002; }
     /// What becomes of a rule for this port: an empty text, or why not.
     std::string outcome(std::uint32_t port, std::uint32_t protocol = 6) {
         return tk::getError(nat.cmdAddObj(natRequest(port, "192.0.2.2", 8080, protocol)));
@@ -380,9 +380,9 @@ protected:
         return request;
     }
     std::uint32_t addAsRoot(const tk::message& request) {
-        requester.asking = 0;
+        requester.asker = 0;
         const std::uint32_t id = add(request);
-        requester.asking = 64002;
+        requester.asker = 64002;
         return id;
     }
 };
@@ -395,9 +395,9 @@ TEST_F(ProgramsNatTest, AProgramsRuleIsForAnAddressThatTheRouterHoldsOutside) {
         const std::string why = "destination " + std::string(foreign) +
                                 " refused: it is no address of an outside interface of the router";
         EXPECT_EQ(tk::getError(nat.cmdAddObj(request)), why);
-        requester.asking = 0;
+        requester.asker = 0;
         EXPECT_FALSE(tk::isError(nat.cmdAddObj(request)));
-        requester.asking = 64002;
+        requester.asker = 64002;
     }
 }
 
@@ -431,9 +431,9 @@ TEST_F(ProgramsNatTest, AProgramDoesNotTouchWhatIsNotItsOwn) {
 
 TEST_F(ProgramsNatTest, RemovingWhatRootRemovedBeforeSucceeds) {
     const std::uint32_t id = add(natRequest(80, "192.0.2.2", 80));
-    requester.asking = 0;
+    requester.asker = 0;
     EXPECT_FALSE(tk::isError(nat.cmdRemoveObj(from({1002}, ofId(id)))));
-    requester.asking = 64002;
+    requester.asker = 64002;
     EXPECT_FALSE(tk::isError(nat.cmdRemoveObj(from({80, 0}, ofId(id)))));
 }
 
@@ -468,7 +468,7 @@ TEST_F(ProgramsNatTest, ADisabledRuleGetsNoPortOfTheRoutersOwnEither) {
 }
 
 TEST_F(ProgramsNatTest, RootsTestIsThatOfAProgram) {
-    requester.asking = 0;
+    requester.asker = 0;
     const tk::message answer = nat.cmdUnknown(natRequest(51820, "192.0.2.2", 80), Nat::testCommand);
     EXPECT_EQ(tk::getError(answer), "external port 51820 refused: it is one of the router's own");
 }

@@ -7,6 +7,7 @@
 #include "router/natrule.h"
 #include "router/testing/commands.h"
 #include "router/testing/fakekernel.h"
+#include "router/testing/fakeprocesses.h"
 #include "router/testing/testhub.h"
 #include "tk/bus.h"
 #include "tk/clock.h"
@@ -74,7 +75,10 @@ protected:
     InterfaceIds ids{files.file("interfaces")};
     testing::IdleWatcher watcher;
     Zones zones;
-    Interfaces interfaces{ids, kernel, zones};
+    testing::FakeProcesses processes;
+    testing::FakeRequester requester;
+    LinkSwitch links{{}, kernel, processes};
+    Interfaces interfaces{ids, kernel, zones, {links, requester}};
     Addresses addresses;
     NetworkMonitor monitor{kernel, zones, interfaces, addresses};
 };

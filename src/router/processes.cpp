@@ -10,6 +10,11 @@
 
 namespace router {
 
+std::string endText(int status) {
+    if (WIFSIGNALED(status)) return "ended by signal " + std::to_string(WTERMSIG(status));
+    return "ended with status " + std::to_string(WEXITSTATUS(status));
+}
+
 pid_t OwnProcesses::start(const ProgramConfig& program, tk::Fd& process, std::string& reason) {
     const pid_t pid = spawn(program);
     if (pid > 0) process.reset(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));

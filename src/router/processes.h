@@ -9,6 +9,9 @@
 
 namespace router {
 
+/// How a process ended, for people, by its status.
+[[nodiscard]] std::string endText(int status);
+
 /// Starts and ends the processes of programs.
 class Processes {
 public:

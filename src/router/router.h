@@ -15,6 +15,7 @@
 #include "router/identity.h"
 #include "router/interfaceids.h"
 #include "router/interfaces.h"
+#include "router/linkswitch.h"
 #include "router/listeners.h"
 #include "router/nat.h"
 #include "router/natpolicy.h"
@@ -69,6 +70,7 @@ private:
     NftTable table;
     Zones zones;
     InterfaceIds interfaceIds;
+    LinkSwitch linkSwitch;
     Interfaces interfaces;
     Addresses addresses;
     NatPolicy policy;

@@ -47,6 +47,14 @@ public:
     std::string fault;
 };
 
+/// Somebody who asks.
+class FakeRequester final : public Requester {
+public:
+    uid_t user() const override { return asker; }
+
+    uid_t asker = 0;
+};
+
 /// Nobody to whom it matters what is inside.
 class IdleWatcher final : public InsideWatcher {
 public:
@@ -123,14 +131,6 @@ public:
 
     std::set<Place> heard;  // address, protocol, port, interface
     std::string fault;
-};
-
-/// Whoever a test says.
-class FakeRequester final : public Requester {
-public:
-    uid_t user() const override { return asking; }
-
-    uid_t asking = 0;
 };
 
 }  // namespace router::testing
