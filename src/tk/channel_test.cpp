@@ -207,6 +207,16 @@ TEST_F(ChannelTest, NothingIsTakenFromAPeerThatDoesNotReadUntilItDoes) {
     EXPECT_EQ(arrived.size(), requests);
 }
 
+TEST_F(ChannelTest, TheEndOfAPeerThatIsNotServedIsSeen) {
+    limits.unread = 1;
+    SetUp();
+    while (channel->queuedBytes() == 0) ASSERT_TRUE(channel->send(numbered(1, 90000)));
+    loop.settle();
+    peer.reset();
+    loop.settle();
+    EXPECT_EQ(breaks, 1);
+}
+
 TEST_F(ChannelTest, WhatOthersPayForKeepsNobodyFromBeingServed) {
     limits.unread = 200000;
     SetUp();
