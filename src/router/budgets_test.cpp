@@ -161,7 +161,7 @@ TEST_F(BudgetTest, APeerThatReadsNothingIsNotServedAnyFurther) {
     bus.hub.addService(handler, {20, 0});
     for (int i = 0; i < 100; ++i) clients[0]->request({20, 0}, tk::command::get);
     bus.settle();
-    EXPECT_LT(handler.served, 20);
+    EXPECT_LT(handler.served, 80);
     EXPECT_FALSE(clients[0]->isClosed());
     std::size_t read = 0;
     for (int reads = 0; reads < 100 && read < 100; ++reads) read += bus.arrivedAt(*clients[0]).size();

@@ -35,8 +35,9 @@ public:
 
     /// Bytes of requests that may wait for a program that does not read, whoever pays for them.
     static constexpr std::size_t requestLimit = 4 * tk::frameLimit;
-    /// With so many bytes unread of what is its own, a peer is not served. Units: bytes.
-    static constexpr std::size_t unreadLimit = std::size_t{256} * 1024;
+    /// With so much unread of what is its own, a peer is not served: less than its budget, and enough for
+    /// many thousand small answers. Units: bytes.
+    static constexpr std::size_t unreadLimit = std::size_t{4} * 1024 * 1024;
     /// What a connection costs by itself, rather more than less. Units: bytes.
     static constexpr std::size_t overhead = 4096;
 
