@@ -22,9 +22,12 @@ def status(name, lab):
     def found():
         for pid in lab.router.run("sh", "-c", f"grep -lx {name} /proc/[0-9]*/comm || true").stdout.split():
             process = pathlib.Path(pid).parent
-            if os.path.samefile(process / "ns/net", f"/run/netns/gw-{lab.name}-router"):
-                lines = (process / "status").read_text().splitlines()
-                return {key: value.split() for key, _, value in (line.partition(":") for line in lines)}
+            try:
+                if os.path.samefile(process / "ns/net", f"/run/netns/gw-{lab.name}-router"):
+                    lines = (process / "status").read_text().splitlines()
+                    return {key: value.split() for key, _, value in (line.partition(":") for line in lines)}
+            except FileNotFoundError:  # one of another router has just ended
+                continue
         return None
     return eventually(found, f"{name} runs")
 
