@@ -38,6 +38,8 @@ constexpr NftFeature features[] = {
      [](NftRuleBuilder& rule) { rule.limit(anyRate); }},
     {"the expression log, and nfnetlink_log (Linux 3.13)", 0, "filter", NF_INET_FORWARD,
      [](NftRuleBuilder& rule) { rule.log(anyGroup); }},
+    {"tables for IPv6 (Linux 3.13, CONFIG_NF_TABLES_IPV6), though it has IPv6", 0, "filter", NF_INET_FORWARD,
+     [](NftRuleBuilder& rule) { rule.rejectAsForbidden(); }, nft::ip6},
 };
 
 }  // namespace
@@ -46,16 +48,17 @@ std::span<const NftFeature> nftFeatures() {
     return features;
 }
 
-std::string missingFeature(NetlinkSocket& socket, std::span<const NftFeature> wanted) {
+std::string missingFeature(NetlinkSocket& socket, std::span<const NftFeature> wanted, bool withIp6) {
     for (const NftFeature& feature : wanted) {
+        if (feature.family == nft::ip6 && !withIp6) continue;
         NftBatch batch(socket);
-        removeTable(batch, false);
-        addTable(batch, feature.tableFlags);
-        addChain(batch, nft::forward, feature.chainType, feature.hook, 0);
-        NftRuleBuilder rule(nft::forward);
+        removeTable(batch, false, feature.family);
+        addTable(batch, feature.tableFlags, feature.family);
+        addChain(batch, nft::forward, feature.chainType, feature.hook, 0, feature.family);
+        NftRuleBuilder rule(nft::forward, feature.family);
         feature.fill(rule);
         rule.appendTo(batch);
-        removeTable(batch, feature.tableFlags == ownerFlag);
+        removeTable(batch, feature.tableFlags == ownerFlag, feature.family);
         if (!batch.commit().ok()) return feature.name;
     }
     return {};

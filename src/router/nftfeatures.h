@@ -5,6 +5,7 @@
 #include <string>
 
 #include "router/netlinksocket.h"
+#include "router/nftnames.h"
 #include "router/nftrulebuilder.h"
 
 namespace router {
@@ -16,13 +17,16 @@ struct NftFeature {
     const char* chainType;     // of its one chain
     std::uint32_t hook;
     void (*fill)(NftRuleBuilder& rule);  // of the chain's one rule
+    std::uint8_t family = nft::ip4;
 };
 
 /// What the table needs and a kernel may lack, be it too old or built without.
 [[nodiscard]] std::span<const NftFeature> nftFeatures();
 
 /// The name of the first feature that the kernel does not have, empty when it has them all: each is tried for
-/// itself, in a transaction that leaves nothing behind. There must be no table of ours.
-[[nodiscard]] std::string missingFeature(NetlinkSocket& socket, std::span<const NftFeature> features);
+/// itself, in a transaction that leaves nothing behind. There must be no table of ours. Those of IPv6 are
+/// tried where `withIp6`.
+[[nodiscard]] std::string missingFeature(NetlinkSocket& socket, std::span<const NftFeature> features,
+                                         bool withIp6);
 
 }  // namespace router

@@ -27,7 +27,7 @@ protected:
 };
 
 TEST_F(NftFeaturesTest, AKernelThatHasThemAllLacksNone) {
-    EXPECT_EQ(missingFeature(socket, nftFeatures()), "");
+    EXPECT_EQ(missingFeature(socket, nftFeatures(), true), "");
     EXPECT_EQ(tables(), "");
 }
 
@@ -41,7 +41,7 @@ TEST_F(NftFeaturesTest, TheFirstThatIsMissingIsNamed) {
                                 [](NftRuleBuilder& rule) { rule.lookUp("nosuchset"); }};
     for (const NftFeature& missing : {flag, type, expression}) {
         const NftFeature wanted[] = {there, missing, type};
-        EXPECT_EQ(missingFeature(socket, wanted), missing.name);
+        EXPECT_EQ(missingFeature(socket, wanted, true), missing.name);
         EXPECT_EQ(tables(), "");
     }
 }

@@ -76,7 +76,7 @@ bool NftTable::open(std::string& reason) {
     if (result.ok()) return true;
     if (result.error == EPERM)
         reason = "nf_tables: no permission, or another process owns the table \"ip tk\"";
-    else if (const std::string missing = missingFeature(socket, nftFeatures()); !missing.empty())
+    else if (const std::string missing = missingFeature(socket, nftFeatures(), guardsIp6); !missing.empty())
         reason = "nf_tables: this kernel lacks " + missing;
     else
         reason = "nf_tables: " + result.text;
