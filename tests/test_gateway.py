@@ -83,6 +83,15 @@ def test_it_serves_the_interfaces_and_leaves_what_it_found_as_it_was(bare_lab, o
     assert bare_lab.table() == ""
 
 
+def test_it_takes_hosts_behind_the_named_interface_for_those_inside(bare_lab, on_machine):
+    bare_lab.router.run("sh", "-c", "ip link set lan0 down && ip link set lan0 name home && ip link set home up")
+    gateway = on_machine("home")
+    serves = SERVES.replace("lan0", "home")
+    labs.eventually(lambda: serves in gateway.lines, "./gateway serves", 2 * labs.PATIENCE)
+    path = f"/upnp/control/wanipconn-{bare_lab.interface_id('wan0')}"
+    assert call(bare_lab.lan1, path, "AddPortMapping", mapping()) == result("AddPortMapping")
+
+
 def test_it_leaves_nothing_where_nothing_was(bare_lab, on_machine):
     shutil.rmtree(bare_lab.root / "tesk")
     (bare_lab.root / "run" / "tk").rmdir()

@@ -95,11 +95,13 @@ tk::message Nat::checkRoom(const NatRule* former, const NatRule& changed) const 
 }
 
 /// What a program may ask for is less than what root may.
-tk::message Nat::checkProgram(const NatRule& rule) const {
+tk::message Nat::checkProgram(const NatRule* former, const NatRule& rule) const {
     if (!rule.dynamic)
         return tk::errorMsg(tk::error::notAllowed, "only root may make a rule that is not dynamic");
     std::string reason;
-    if (policy.allowsDestination(rule.element, reason) && ports.areFreeFor(rule.element, reason)) return {};
+    const bool isNew = !former || former->element.destination != rule.element.destination;
+    if (policy.allowsDestination(rule.element, isNew, reason) && ports.areFreeFor(rule.element, reason))
+        return {};
     return tk::errorMsg(tk::error::refused, reason);
 }
 
@@ -124,7 +126,7 @@ tk::message Nat::check(const NatRule* former, const NatRule& rule, bool isProgra
     if (onlyDisables) return {};  // always possible, whatever the policy has become
     std::string reason;
     if (!policy.allows(rule.element, reason)) return tk::errorMsg(tk::error::refused, reason);
-    if (isProgram) refusal = checkProgram(rule);
+    if (isProgram) refusal = checkProgram(former, rule);
     if (tk::isError(refusal) || rule.disabled) return refusal;
     const NatRule* other = rules.findMatch(rule.element);
     if (other && other->id != rule.id)

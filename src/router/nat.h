@@ -58,7 +58,7 @@ private:
     /// May there be one rule more, or one that leads elsewhere? `former` is null for a new one.
     [[nodiscard]] tk::message checkRoom(const NatRule* former, const NatRule& changed) const;
     [[nodiscard]] tk::message check(const NatRule* former, const NatRule& rule, bool isProgram) const;
-    [[nodiscard]] tk::message checkProgram(const NatRule& rule) const;
+    [[nodiscard]] tk::message checkProgram(const NatRule* former, const NatRule& rule) const;
     [[nodiscard]] tk::message checkOwner(const NatRule& rule, const tk::message& request) const;
     [[nodiscard]] bool isAskedByProgram() const { return requester.user() != 0; }
     tk::message refuse(const tk::message& refusal);

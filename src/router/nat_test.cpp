@@ -401,6 +401,18 @@ TEST_F(ProgramsNatTest, AProgramsRuleIsForAnAddressThatTheRouterHoldsOutside) {
     }
 }
 
+TEST_F(ProgramsNatTest, AProgramsRuleMayChangeAfterItsAddressIsGoneButNotWhileThatIsInside) {
+    const std::uint32_t id = add(natRequest(80, "192.0.2.2", 8080));
+    tk::message change = from({80, 0}, ofId(id));
+    change.insert_u32(tk::rulefield::toPortFirst, 8081);
+    change.insert_u32(tk::rulefield::toPortLast, 8081);
+    const LinkAddress held{3, address("198.51.100.1"), address("198.51.100.1"), 24, true};
+    world.zones.remove(held);
+    EXPECT_EQ(tk::getError(nat.cmdSetObj(change)), "");
+    world.hold(2, "198.51.100.1", 24);
+    EXPECT_NE(tk::getError(nat.cmdSetObj(change)), "");
+}
+
 TEST_F(ProgramsNatTest, AProgramMakesDynamicRulesAlone) {
     std::uint32_t code = 0;
     std::string text;

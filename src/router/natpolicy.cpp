@@ -39,8 +39,9 @@ bool NatPolicy::allows(const NatElement& element, std::string& reason) const {
     return fault.empty();
 }
 
-bool NatPolicy::allowsDestination(const NatElement& element, std::string& reason) const {
+bool NatPolicy::allowsDestination(const NatElement& element, bool isNew, std::string& reason) const {
     if (!zones.outsideHoldersOf(element.destination).empty()) return true;
+    if (!isNew && !zones.isOwn(element.destination)) return true;
     reason = "destination " + addressText(element.destination) +
              " refused: it is no address of an outside interface of the router";
     return false;

@@ -21,8 +21,9 @@ public:
     [[nodiscard]] bool allows(const NatElement& element, std::string& reason) const;
 
     /// True when a program may ask for a rule with this destination: an address that the router holds
-    /// outside. Else `reason` says so.
-    [[nodiscard]] bool allowsDestination(const NatElement& element, std::string& reason) const;
+    /// outside. Not `isNew`: a rule may keep an address that the router has lost meanwhile, for nothing
+    /// matches it then. Else `reason` says why not.
+    [[nodiscard]] bool allowsDestination(const NatElement& element, bool isNew, std::string& reason) const;
 
     /// True when there may be one rule more: `total` counts all the others, `ofTarget` those of them that
     /// lead to the same address. Else `reason` says which limit is reached.

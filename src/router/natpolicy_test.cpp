@@ -77,7 +77,7 @@ TEST_F(NatPolicyTest, AProgramsRuleIsForAnAddressThatTheRouterHoldsOutside) {
     const auto answer = [this](const char* destination) {
         std::string reason;
         const NatElement element{address(destination), 6, 80, address("192.0.2.2"), 80};
-        return policy.allowsDestination(element, reason) ? "" : reason;
+        return policy.allowsDestination(element, true, reason) ? "" : reason;
     };
     EXPECT_EQ(answer("198.51.100.1"), "");
     for (const std::string foreign : {"1.1.1.1", "198.51.100.77", "192.0.2.1", "127.0.0.1", "192.0.2.2"})
