@@ -6,6 +6,7 @@ import subprocess
 
 import busclient
 import labs
+from control_point import call
 
 ROUTER, DAEMON, OTHER = "routerd", "upnpd", "resolverd"  # the last two are in the group tk
 MEMBER = "member"  # of the group, and nothing else
@@ -59,3 +60,16 @@ def processes(lab, name):
         except OSError:  # it has just ended
             return None
     return [int(pid) for pid in there.stdout.split() if name_of(pid) == name]
+
+
+def connection_path(lab):
+    """Where the daemon of a router that has just begun to serve takes actions for wan0."""
+    path = f"/upnp/control/wanipconn-{lab.interface_id('wan0')}"
+
+    def answers():
+        try:
+            return call(lab.lan1, path, "GetStatusInfo").startswith("HTTP/1.1 200")
+        except OSError:
+            return False
+    labs.eventually(answers, "the gateway serves the LAN")
+    return path

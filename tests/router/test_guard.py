@@ -17,7 +17,7 @@ import labs
 from control_point import GROUP as SEARCH_GROUP
 from control_point import call, mapping, result
 from labs import LAN1, ROUTER_LAN, ROUTER_WAN, WAN, WAN2, eventually
-from routerusers import DAEMON, DAEMON_AS_ITSELF, GROUP, IDS, OTHER, configure
+from routerusers import DAEMON, DAEMON_AS_ITSELF, GROUP, IDS, OTHER, configure, connection_path
 from subscribers import Subscriber, sid_of, subscribe
 
 EXPLICIT = """
@@ -235,18 +235,6 @@ def serve(lab):
     lab.tkctl("upnp", "interface", "add", "lan0", "internal")
     lab.tkctl("upnp", "interface", "add", "wan0", "external")
     lab.tkctl("upnp", "set", "enabled=yes")
-
-
-def connection_path(lab):
-    path = f"/upnp/control/wanipconn-{lab.interface_id('wan0')}"
-
-    def answers():
-        try:
-            return call(lab.lan1, path, "GetStatusInfo").startswith("HTTP/1.1 200")
-        except OSError:
-            return False
-    eventually(answers, "the gateway serves the LAN")
-    return path
 
 
 def side(lab, name):

@@ -4,7 +4,6 @@ import pathlib
 
 import pytest
 
-import labs
 from labs import LAN1, ROUTER_WAN, eventually
 from routerusers import DAEMON, DAEMON_AS_ITSELF, GROUP, IDS, OTHER, ROUTER, configure, processes
 

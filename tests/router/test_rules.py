@@ -5,7 +5,7 @@ import pytest
 
 import busclient as bus
 import labs
-from labs import LAN1, ROUTER_WAN, WAN, eventually
+from labs import ROUTER_WAN, WAN, eventually
 
 EXISTS, REFUSED = 0xFE0009, 0xFE0003
 

@@ -6,8 +6,8 @@ import pytest
 
 import busclient as bus
 from control_point import call, fault, outputs, result
-from labs import LAN1, ROUTER_WAN, WAN, eventually
-from routerusers import DAEMON, DAEMON_AS_ITSELF, IDS, ROUTER, configure, connect_as
+from labs import WAN, eventually
+from routerusers import DAEMON, DAEMON_AS_ITSELF, IDS, ROUTER, configure, connect_as, connection_path
 
 FAILED = fault(501, "Action Failed")
 ALLOWED = """
@@ -24,15 +24,7 @@ def serve(lab, text=""):
     lab.tkctl("upnp", "interface", "add", "lan0", "internal")
     lab.tkctl("upnp", "interface", "add", "wan0", "external")
     lab.tkctl("upnp", "set", "enabled=yes")
-    path = f"/upnp/control/wanipconn-{lab.interface_id('wan0')}"
-
-    def answers():
-        try:
-            return call(lab.lan1, path, "GetStatusInfo").startswith("HTTP/1.1 200")
-        except OSError:
-            return False
-    eventually(answers, "the gateway serves the LAN")
-    return path
+    return connection_path(lab)
 
 
 def status(lab, path):
