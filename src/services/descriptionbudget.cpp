@@ -7,7 +7,8 @@ const char* DescriptionBudget::refusal(const PortMap& added, const PortMap* repl
     if (replaced && replaced->requester == added.requester) own -= freed;
     const std::size_t size = added.description.size();
     if (own + size > hostLimit) return "the descriptions of this host's mappings take too much memory";
-    if (total - freed + size > limit) return "the descriptions of all mappings take too much memory";
+    const std::size_t most = own + size <= hostFloor ? limitWithFloors : limit;
+    if (total - freed + size > most) return "the descriptions of all mappings take too much memory";
     return nullptr;
 }
 

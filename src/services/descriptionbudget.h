@@ -12,6 +12,9 @@ class DescriptionBudget {
 public:
     static constexpr std::size_t hostLimit = std::size_t{1} * 1024 * 1024;
     static constexpr std::size_t limit = std::size_t{16} * 1024 * 1024;
+    /// What a host gets even where others, or one with many addresses, have taken all.
+    static constexpr std::size_t hostFloor = std::size_t{16} * 1024;
+    static constexpr std::size_t limitWithFloors = 2 * limit;
 
     /// Why there is no room for a mapping, in the place of `replaced` where that is not null. Null when there
     /// is.

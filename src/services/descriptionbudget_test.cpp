@@ -36,10 +36,20 @@ TEST(DescriptionBudget, FullShareHarmsItsOwnerAlone) {
 TEST(DescriptionBudget, AllHostsTogetherHaveALimit) {
     DescriptionBudget budget;
     for (std::uint32_t host = 1; host <= 16; ++host) budget.take(mapOf(host, hostLimit));
-    EXPECT_STREQ(budget.refusal(mapOf(17, 1), nullptr), fullAtAll);
-    EXPECT_EQ(budget.refusal(mapOf(17, 0), nullptr), nullptr);
+    EXPECT_STREQ(budget.refusal(mapOf(17, DescriptionBudget::hostFloor + 1), nullptr), fullAtAll);
     budget.giveBack(mapOf(3, hostLimit));
     EXPECT_EQ(budget.refusal(mapOf(17, hostLimit), nullptr), nullptr);
+}
+
+TEST(DescriptionBudget, HostGetsALittleThoughOneWithManyAddressesHasTakenAll) {
+    constexpr std::size_t floor = DescriptionBudget::hostFloor;
+    DescriptionBudget budget;
+    for (std::uint32_t host = 1; host <= 16; ++host) budget.take(mapOf(host, hostLimit));
+    EXPECT_EQ(budget.refusal(mapOf(17, floor), nullptr), nullptr);
+    budget.take(mapOf(17, floor));
+    EXPECT_STREQ(budget.refusal(mapOf(17, 1), nullptr), fullAtAll);
+    for (std::uint32_t host = 18; host <= 1040; ++host) budget.take(mapOf(host, floor));
+    EXPECT_STREQ(budget.refusal(mapOf(2000, 1), nullptr), fullAtAll);
 }
 
 TEST(DescriptionBudget, WhatIsReplacedCountsNoMore) {
