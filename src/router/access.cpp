@@ -31,13 +31,12 @@ constexpr std::uint64_t looking = std::uint64_t{1} << 32;  // command: each that
 constexpr std::uint32_t readings[] = {tk::command::getPolicies, tk::command::getObject, tk::command::getAll,
                                       tk::command::get, tk::command::getCount};
 
-constexpr std::uint32_t askSide = 2;      // of an interface: whether it is inside or outside
 constexpr std::uint32_t resolveName = 3;  // of the resolver
 
 // What changes nothing of the commands that a handler has for itself.
 constexpr Cell ownReadings[] = {
     {tk::program::network, 0, tk::listInterfaces},
-    {tk::program::network, 0, askSide},
+    {tk::program::network, 0, tk::tellSide},
     {tk::program::network, 5, Nat::testCommand},
     {tk::program::resolver, 0, resolveName},
 };
@@ -87,13 +86,17 @@ bool mayBe(const UserRights& rights, std::uint32_t program) {
     return std::find(rights.programs.begin(), rights.programs.end(), program) != rights.programs.end();
 }
 
+bool mayWrite(const UserRights& rights, const Cell& asked) {
+    return std::any_of(rights.writes.begin(), rights.writes.end(), [&asked](const tk::Path& granted) {
+        return granted.front() == asked.program && (granted.size() == 1 || granted[1] == asked.handler);
+    });
+}
+
 bool mayAsk(const UserRights& rights, const Cell& asked) {
     const bool isOther = !mayBe(rights, tk::program::gateway) && !mayBe(rights, tk::program::resolver);
     if (isOther && isIn(ofOthers, asked)) return true;
     if (mayBe(rights, tk::program::gateway) && isIn(ofGateway, asked)) return true;
-    return std::any_of(rights.writes.begin(), rights.writes.end(), [&asked](const tk::Path& granted) {
-        return granted.front() == asked.program && (granted.size() == 1 || granted[1] == asked.handler);
-    });
+    return mayWrite(rights, asked);
 }
 
 /// A path as far as rights tell it apart.
@@ -134,19 +137,27 @@ std::string whyNotCommand(const UserRights& rights, const tk::message& request) 
     }
 }
 
+bool isProgram(const tk::message& sent) {
+    const tk::Path& from = sent.get_u32_array(tk::field::sender);
+    return !from.empty() && from.front() < tk::program::firstClient;
+}
+
 std::string whyNotRequest(const UserRights& rights, const tk::message& request) {
     const tk::Path& to = request.get_u32_array(tk::field::destination);
     if (to.empty()) return {};  // goes nowhere
     if (to.front() == tk::program::hub) return whyNotCommand(rights, request);
-    return whyNotAsk(rights, to, request.get_u32(tk::field::command));
+    const std::uint32_t command = request.get_u32(tk::field::command);
+    // A client's records would go with it, and push out those of others before.
+    if (to.front() == tk::program::history && command == tk::command::addObject && !isProgram(request) &&
+        mayBe(rights, tk::program::gateway) && !mayWrite(rights, cellOf(to, command)))
+        return "may not record changes: it is no program";
+    return whyNotAsk(rights, to, command);
 }
 
 /// Notifications and answers come from programs, in their own name.
 std::string whyNotSpeak(const UserRights& rights, const tk::message& sent) {
-    const tk::Path& from = sent.get_u32_array(tk::field::sender);
-    if (from.empty() || from.front() >= tk::program::firstClient)
-        return "may not tell anything: it is no program";
-    return whyNotBe(rights, "speak as program ", from.front());
+    if (!isProgram(sent)) return "may not tell anything: it is no program";
+    return whyNotBe(rights, "speak as program ", sent.get_u32_array(tk::field::sender).front());
 }
 
 }  // namespace

@@ -35,8 +35,8 @@ tk::message message(tk::Kind kind, const tk::Path& from, const tk::Path& to, std
     return made;
 }
 
-std::string whyNotAsk(uid_t user, const tk::Path& to, std::uint32_t command) {
-    return table().whyRefused(user, message(tk::Kind::request, {1000}, to, command));
+std::string whyNotAsk(uid_t user, const tk::Path& to, std::uint32_t command, const tk::Path& from = {80, 0}) {
+    return table().whyRefused(user, message(tk::Kind::request, from, to, command));
 }
 
 std::string whyNotCommand(uid_t user, std::uint32_t command, const tk::message& content = {}) {
@@ -128,6 +128,13 @@ std::string name(uid_t user, const tk::Path& path, std::uint32_t command) {
     std::string text = "user " + std::to_string(user) + ", command " + std::to_string(command) + ", path";
     for (const std::uint32_t element : path) text += " " + std::to_string(element);
     return text;
+}
+
+TEST(Access, OfAClientThatIsNoProgramNoRecordIsTaken) {
+    EXPECT_EQ(whyNotAsk(gateway, {24}, tk::command::addObject, {1000}),
+              "may not record changes: it is no program");
+    EXPECT_EQ(whyNotAsk(root, {24}, tk::command::addObject, {1000}), "");
+    EXPECT_EQ(whyNotAsk(gateway, {20, 5}, tk::command::addObject, {1000}), "");
 }
 
 TEST(Access, EveryUserAsksEveryPathWhatTheTableSaysAndNothingElse) {

@@ -92,21 +92,31 @@ tk::message History::cmdDisconnected(const tk::Path& client) {
     return {};
 }
 
+/// Whoever recorded it may have left, and the record with it.
+void History::takeOff(std::uint32_t id) {
+    if (const auto record = records.find(id); record != records.end()) erase(record);
+    tk::message gone;
+    gone.insert_u32(tk::field::deleted, 1);
+    notifyChange(id, gone);
+}
+
 tk::message History::handleReply(const tk::message& end) {
     if (undoing == 0) return {};
     const std::uint32_t id = std::exchange(undoing, 0);
     const tk::message request = std::exchange(undoRequest, {});
     std::uint32_t code = 0;
     std::string text;
-    if (tk::isError(end, &code, &text)) {
+    const bool isUndone = !tk::isError(end, &code, &text);
+    // What nobody will ever undo must not stand before what lies below it. A program that is not there may
+    // come.
+    const bool isOfMainHandler = undoingPath.size() < 2 || undoingPath[1] == 0;
+    const bool isHopeless =
+        code == tk::error::noSuchCommand || (code == tk::error::unreachable && !isOfMainHandler);
+    if (isUndone || isHopeless) takeOff(id);
+    if (!isUndone) {
         sendAnswer(request, tk::errorMsg(code, text));
         return {};
     }
-    // Whoever recorded it may have left, and the record with it.
-    if (const auto record = records.find(id); record != records.end()) erase(record);
-    tk::message gone;
-    gone.insert_u32(tk::field::deleted, 1);
-    notifyChange(id, gone);
     tk::message answer;
     answer.insert_u32(tk::field::objectId, id);
     answer.insert_string(field::description, undoingText);

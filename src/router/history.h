@@ -32,7 +32,7 @@ public:
     tk::message cmdGetAll(const tk::message& request) override;
     tk::message cmdGetCount(const tk::message& request) override;
     tk::message cmdUnknown(const tk::message& received, std::uint32_t command) override;
-    /// Forgets what a client that is no program recorded: its number never comes back.
+    /// Forgets what a client that is no program recorded: its number is somebody else's when it comes back.
     tk::message cmdDisconnected(const tk::Path& client) override;
     /// Takes the end of the inverse.
     tk::message handleReply(const tk::message& end) override;
@@ -47,6 +47,7 @@ private:
     [[nodiscard]] tk::message undo(const tk::message& request);
     void makeRoom();
     void erase(Records::iterator record);
+    void takeOff(std::uint32_t id);
 
     Time time;
     Records records;

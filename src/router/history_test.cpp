@@ -156,6 +156,20 @@ TEST_F(UndoTest, ARefusedInverseKeepsTheRecord) {
     EXPECT_TRUE(undo().has(tk::field::later)) << "it can be tried again";
 }
 
+TEST_F(UndoTest, WhatNobodyCanUndoDoesNotStandBeforeWhatLiesBelow) {
+    record("change", 1);
+    record("of a handler that there is not", 2, {80, 7, 9});
+    (void)undo();
+    (void)history.handleReply(tk::errorMsg(tk::error::unreachable, "no such handler"));
+    EXPECT_EQ(count(), 1U);
+    (void)undo();
+    (void)history.handleReply(tk::errorMsg(tk::error::unreachable, "nobody at this destination"));
+    EXPECT_EQ(count(), 1U) << "the program may come";
+    (void)undo();
+    (void)history.handleReply(tk::errorMsg(tk::error::noSuchCommand, "no such command"));
+    EXPECT_EQ(count(), 0U);
+}
+
 TEST_F(UndoTest, WhatAClientRecordedGoesWithIt) {
     record("of a program", 1);
     record("of a client", 2, {1001});

@@ -151,8 +151,11 @@ bool BusConnection::isForTheLoop(const message& arrived) {
 void BusConnection::keep(const message& arrived) {
     std::string flat = arrived.serialise();
     const std::size_t cost = flat.size() + waitingOverhead;
-    if (cost > waitingLimit - waitingBytes) {
-        if (kindOf(arrived) != Kind::request) return channel.breakOff("too much arrived during one exchange");
+    const bool isRequest = kindOf(arrived) == Kind::request;
+    const std::size_t room =
+        isRequest ? waitingLimit / 2 : waitingLimit;  // the rest is for what cannot be refused
+    if (waitingBytes + cost > room) {
+        if (!isRequest) return channel.breakOff("too much arrived during one exchange");
         return post(endOf(arrived, errorMsg(error::busy, "too many requests wait for this program")));
     }
     waitingBytes += cost;

@@ -263,11 +263,25 @@ TEST_F(BusConnectionTest, RequestsWithoutRoomDuringAnExchangeAreRefusedAndTheCon
     ASSERT_TRUE(hub.read(sent));  // the request of the exchange
     ASSERT_TRUE(hub.read(sent));
     EXPECT_EQ(errorOf(sent), error::busy);
-    EXPECT_EQ(sent.get_u32(field::number), 17U);
+    EXPECT_EQ(sent.get_u32(field::number), 9U);
     loop.settle();
-    std::vector<std::uint32_t> expected(16);
+    std::vector<std::uint32_t> expected(8);
     std::iota(expected.begin(), expected.end(), 1);
     EXPECT_EQ(received, expected);
+    EXPECT_EQ(lost, "");
+}
+
+TEST_F(BusConnectionTest, RequestsLeaveNotificationsTheirRoom) {
+    std::thread sender([this] {
+        for (std::uint32_t number = 1; number <= 20; ++number)
+            hub.sendRequest({80, 0}, number, command::get, large(number));
+        hub.sendNotification({20, 0}, statusChanged, large(100));
+        hub.sendEnd(1, numbered(10));
+    });
+    EXPECT_EQ(withoutRouting(exchange()), numbered(10));
+    sender.join();
+    loop.settle();
+    EXPECT_EQ(received.back(), 100U);
     EXPECT_EQ(lost, "");
 }
 

@@ -6,6 +6,7 @@
 #include <sys/uio.h>
 
 #include <algorithm>
+#include <chrono>
 #include <utility>
 
 #include "tk/log.h"
@@ -17,7 +18,8 @@ namespace {
 constexpr std::size_t readSize = std::size_t{64} * 1024;
 constexpr int lastReads = 16;  // what a socket holds; a peer that takes nothing any more may still write on
 constexpr std::size_t framesPerWrite = 64;
-constexpr std::size_t allocatorBytes = 32;  // that a frame of its own costs the allocator
+constexpr auto turnTime = std::chrono::milliseconds(1);  // for what one peer sent, while others wait
+constexpr std::size_t allocatorBytes = 32;               // that a frame of its own costs the allocator
 
 }  // namespace
 
@@ -37,7 +39,7 @@ Channel::~Channel() {
 
 void Channel::watchWhatIsDue() {
     if (!isOpen()) return watch.stop();
-    const std::uint32_t wanted = (isServed() ? readable : 0) | (outgoing.empty() ? 0 : writable);
+    const std::uint32_t wanted = (isServed() && !isBehind ? readable : 0) | (outgoing.empty() ? 0 : writable);
     if (wanted == watched) return;
     watched = wanted;
     watch.start<Channel, &Channel::ready>(socket.get(), *this, wanted, limits.priority);
@@ -164,7 +166,7 @@ bool Channel::pump(int milliseconds) {
 
 void Channel::ready(int, std::uint32_t events) {
     if (events & writable) flush();
-    if (isOpen() && (events & readable)) (void)readSome();  // the next turn reads on
+    if (isOpen() && (events & readable) && !isBehind) (void)readSome();  // the next turn reads on
     deliver();
 }
 
@@ -172,13 +174,19 @@ void Channel::deliver() {
     bool destroyed = false;
     gone = &destroyed;
     message arrived;
-    while (isServed() && take(arrived)) {
+    const auto turnEnd = std::chrono::steady_clock::now() + turnTime;
+    isBehind = false;
+    while (!isBehind && isServed() && take(arrived)) {
         owner.received(std::move(arrived));
         if (destroyed) return;
+        isBehind = std::chrono::steady_clock::now() >= turnEnd;
     }
     gone = nullptr;
     chargeUnfinished();
+    const bool goesOn = isBehind && !isBrokenOff;
+    if (goesOn) delivery.arm(0);
     if (isOpen()) return watchWhatIsDue();
+    if (goesOn) return;  // what it sent before it went is still to be handed on
     delivery.disarm();
     const std::string why = reason;  // outlives this channel
     owner.broken(why);               // may destroy this channel: nothing may follow

@@ -101,6 +101,7 @@ private:
     ChannelOwner& owner;
     Budget& budget;
     const ChannelLimits limits;
+    bool isBehind = false;  // what was received is not handed on yet, for it was the others' turn
     FrameReader reader;
     Charge unfinished;  // what the reader keeps
     std::deque<Frame> outgoing;
