@@ -89,8 +89,20 @@ bool FlowLog::open(std::string& reason) {
         socket.close();
         return false;
     }
+    if (!removes()) {
+        reason = "nf_conntrack_netlink: this kernel lacks it (Linux 2.6.14)";
+        socket.close();
+        return false;
+    }
     watch.start<FlowLog, &FlowLog::ready>(socket.descriptor(), *this, tk::readable);
     return true;
+}
+
+/// True when the kernel would remove a flow: of one that nobody has it says so.
+bool FlowLog::removes() {
+    std::array<char, requestBytes> buffer;
+    const FlowTuple nobodys{IPPROTO_UDP, htonl(INADDR_LOOPBACK), 0, htonl(INADDR_LOOPBACK), 0};
+    return socket.exchange(*putRemoval(buffer.data(), nobodys), [](const nlmsghdr&) {}).error == ENOENT;
 }
 
 /// Asks for the beginning of each packet, at once.

@@ -40,6 +40,7 @@ public:
 
 private:
     [[nodiscard]] NetlinkResult configure();
+    [[nodiscard]] bool removes();
     void ready(int fd, std::uint32_t events);
     void take(const nlmsghdr& message);
     void removeShown();

@@ -33,6 +33,21 @@ std::uint16_t listen(const tk::Fd& socket, bool isTcp) {
     return ntohs(address.sin_port);
 }
 
+/// True when a socket has the UDP port that the look-up does not show, for it is connected to a peer of its
+/// own, as those of tunnels are. Errors: false, also when that cannot be tried.
+bool isBound(std::uint32_t address, std::uint16_t port, std::uint32_t interface) {
+    const tk::Fd attempt(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const int index = static_cast<int>(interface);
+    sockaddr_in wanted{};
+    wanted.sin_family = AF_INET;
+    wanted.sin_addr.s_addr = address;
+    wanted.sin_port = htons(port);
+    return port != 0 && attempt.isOpen() &&
+           ::setsockopt(attempt.get(), SOL_SOCKET, SO_BINDTOIFINDEX, &index, sizeof index) == 0 &&
+           ::bind(attempt.get(), reinterpret_cast<const sockaddr*>(&wanted), sizeof wanted) != 0 &&
+           errno == EADDRINUSE;
+}
+
 }  // namespace
 
 bool SocketListeners::open(std::string& reason) {
@@ -80,7 +95,7 @@ Listeners::Answer SocketListeners::find(std::uint32_t address, std::uint8_t prot
     const NetlinkResult result = socket.exchange(*message, [&](const nlmsghdr& answer) {
         isFound = isFound || answer.nlmsg_type == SOCK_DIAG_BY_FAMILY;
     });
-    if (isFound) return Answer::somebody;
+    if (isFound || (!isTcp && isBound(address, port, interface))) return Answer::somebody;
     if (result.error == ENOENT) return Answer::nobody;
     reason = result.ok() ? "the kernel gave no answer" : result.text;
     return Answer::unknown;

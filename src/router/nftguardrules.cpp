@@ -31,26 +31,31 @@ void loadDestination(NftRuleBuilder& rule) {
                  NftRuleBuilder::firstPart);
 }
 
+/// The set for hairpin connections has each inside interface, paired with itself.
+void leavesInside(NftRuleBuilder& rule) {
+    rule.meta(NFT_META_OIF, NftRuleBuilder::firstPart);
+    rule.meta(NFT_META_OIF, NftRuleBuilder::secondPart);
+    rule.lookUp(nft::hairpin);
+}
+
 void allowHostsInside(NftBatch& batch) {
     const std::uint32_t local = RTN_LOCAL;
     NftRuleBuilder rule(nft::daemon);
     rule.destinationType(NftRuleBuilder::firstPart);
     rule.differs(&local, sizeof local);
+    leavesInside(rule);  // a process may choose the interface itself
     loadDestination(rule);
     rule.lookUp(nft::inside);
     rule.accept();
     rule.appendTo(batch);
 }
 
-/// The set for hairpin connections has each inside interface, paired with itself.
 void allowAdvertsInside(NftBatch& batch) {
     NftRuleBuilder rule(nft::daemon);
     loadDestination(rule);
     rule.equals(searchGroup, sizeof searchGroup);
     rule.isTo(IPPROTO_UDP, searchPort);
-    rule.meta(NFT_META_OIF, NftRuleBuilder::firstPart);
-    rule.meta(NFT_META_OIF, NftRuleBuilder::secondPart);
-    rule.lookUp(nft::hairpin);
+    leavesInside(rule);
     rule.accept();
     rule.appendTo(batch);
 }
@@ -87,6 +92,21 @@ void addGuard(NftBatch& batch) {
 
 void addGuardOfIp6(NftBatch& batch) {
     refuseAll(batch, [] { return guardedPacket(nft::ip6); });
+}
+
+/// Whoever is not inside would get no answer, but forged sources by the thousand would cost the others
+/// theirs.
+void addSearchOrigin(NftBatch& batch) {
+    NftRuleBuilder rule(nft::input);
+    rule.isTo(IPPROTO_UDP, searchPort);
+    rule.meta(NFT_META_IIF, NftRuleBuilder::firstPart);
+    rule.meta(NFT_META_IIF, NftRuleBuilder::secondPart);
+    rule.lookUp(nft::hairpin);
+    rule.payload(NFT_PAYLOAD_NETWORK_HEADER, offsetof(iphdr, saddr), sizeof(std::uint32_t),
+                 NftRuleBuilder::firstPart);
+    rule.isNotIn(nft::inside);
+    rule.drop();
+    rule.appendTo(batch);
 }
 
 void addSearchLimit(NftBatch& batch, std::uint32_t setNumber, std::uint32_t rate) {

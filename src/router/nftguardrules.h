@@ -14,6 +14,7 @@ void addGuardOfIp6(NftBatch& batch);
 
 /// Append the rules of the input chain, each with the number that its set has in the transaction.
 /// `rate`: packets a second from one source. `limit`: connections of one source.
+void addSearchOrigin(NftBatch& batch);
 void addSearchLimit(NftBatch& batch, std::uint32_t setNumber, std::uint32_t rate);
 void addRequestLimit(NftBatch& batch, std::uint32_t setNumber, std::uint32_t rate);
 void addConnectionLimit(NftBatch& batch, std::uint32_t setNumber, std::uint32_t limit);

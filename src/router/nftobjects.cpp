@@ -280,6 +280,7 @@ void createTable(NftBatch& batch) {
     addMap(batch);
     addLiveSet(batch);
     addHairpinSet(batch);
+    addInsideSet(batch);
     addChain(batch, nft::prerouting, "nat", NF_INET_PRE_ROUTING, priorityAfterDstnat);
     addChain(batch, nft::postrouting, "nat", NF_INET_POST_ROUTING, prioritySrcnat);
     addChain(batch, nft::forward, "filter", NF_INET_FORWARD, priorityBeforeFilter);
@@ -294,13 +295,15 @@ void createTable(NftBatch& batch) {
 void createGuard(NftBatch& batch, const GuardConfig& config) {
     if (config.limitsConnections) {
         addUserSet(batch, usersNumber, nft::ip4);
-        addInsideSet(batch);
         addChain(batch, nft::output, "filter", NF_INET_LOCAL_OUT, priorityFilter);
         addChain(batch, makeChain(nft::daemon, nft::ip4), nft::ip4);
         addGuard(batch);
     }
-    if (config.searchesPerSecond == 0 && config.requestsPerSecond == 0 && config.connections == 0) return;
+    if (!config.limitsConnections && config.searchesPerSecond == 0 && config.requestsPerSecond == 0 &&
+        config.connections == 0)
+        return;
     addChain(batch, nft::input, "filter", NF_INET_LOCAL_IN, priorityFilter);
+    if (config.limitsConnections) addSearchOrigin(batch);
     if (config.searchesPerSecond != 0) {
         addSourceSet(batch, nft::searches, searchesNumber, NFT_SET_TIMEOUT);
         addSearchLimit(batch, searchesNumber, config.searchesPerSecond);

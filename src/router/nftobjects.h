@@ -27,6 +27,7 @@ namespace router {
 //             type filter hook forward priority filter - 10
 //             ct label 116 ct original ip daddr . ct protocol . ct original proto-dst .
 //             ct reply ip saddr . ct reply proto-src != @live goto ended
+//             ct label 116 ct reply ip saddr != @inside goto ended
 //         }
 //         chain ended {
 //             ct direction original limit rate 1000/second <destination as it came> log group 29803
@@ -39,6 +40,7 @@ namespace router {
 //             <UDP from outside, first packet of a flow, not translated, in dstnat> ct label set 107
 //             <UDP from outside, later packet, not translated, ct label not 107, in dstnat>
 //             limit rate 1000/second log group 29803
+//             ct label 116 goto ended
 //         }
 //         chain postrouting {
 //             type nat hook postrouting priority srcnat
@@ -63,10 +65,10 @@ namespace router {
 //         }
 //         chain input {
 //             type filter hook input priority filter
-//             udp dport 1900 update @searches { ip saddr timeout 1m limit rate over 20/second burst 20
-//             packets } drop tcp dport 2828 tcp flags syn / fin,syn,rst,ack update @requests { ... } reject
-//             with tcp reset tcp dport 2828 tcp flags syn / fin,syn,rst,ack add @connections { ip saddr ct
-//             count over 50 } reject with tcp reset
+//             udp dport 1900 iif . iif @hairpin ip saddr != @inside drop
+//             udp dport 1900 update @searches { ip saddr timeout 1m limit rate over 200/second ... } drop
+//             tcp dport 2828 <SYN> update @requests { ... } reject with tcp reset
+//             tcp dport 2828 <SYN> add @connections { ip saddr ct count over 50 } reject with tcp reset
 //         }
 //
 // with a table for IPv6, in which nothing is inside:

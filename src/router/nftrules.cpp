@@ -98,6 +98,19 @@ void addFlowEnd(NftBatch& batch) {
     rule.appendTo(batch);
 }
 
+void addStrayEnd(NftBatch& batch) {
+    NftRuleBuilder outside(nft::forward);
+    outside.hasLabel(translatedLabel);
+    outside.reply(NFT_CT_SRC_IP, firstPart);
+    outside.isNotIn(nft::inside);
+    outside.goTo(nft::ended);
+    outside.appendTo(batch);
+    NftRuleBuilder own(nft::missed);
+    own.hasLabel(translatedLabel);
+    own.goTo(nft::ended);
+    own.appendTo(batch);
+}
+
 /// The kernel would keep the entry of a flow whose client goes on sending, and so lead it to the former
 /// target for ever. The log is to tell which entry must go. It shows the packet, not the entry, so the packet
 /// gets back the destination that it came with, and loses it again before it is answered.

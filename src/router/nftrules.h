@@ -19,6 +19,9 @@ void addHairpinReturn(NftBatch& batch);
 
 /// Appends the one rule of the forward chain: what bears the label and is not of a live rule has ended.
 void addFlowEnd(NftBatch& batch);
+/// Appends a rule to the forward and one to the input chain: a translated connection whose target is not
+/// inside any more, or has become the router itself, ends.
+void addStrayEnd(NftBatch& batch);
 
 /// Appends the rules of the chain for flows that have ended.
 void addFarewell(NftBatch& batch);

@@ -85,10 +85,15 @@ bool NftTable::open(std::string& reason) {
 }
 
 bool NftTable::endFlows(std::string& reason) {
-    const NetlinkResult result = change(&addFlowEnd);
+    const NetlinkResult result = change([this](NftBatch& batch) { addEnds(batch); });
     if (!result.ok()) reason = "nf_tables: " + result.text;
     endsFlows = result.ok();
     return result.ok();
+}
+
+void NftTable::addEnds(NftBatch& batch) const {
+    addFlowEnd(batch);
+    if (checksTargets) addStrayEnd(batch);
 }
 
 /// What the table consists of, in the order in which it is made. Flows are looked at last, when all that
@@ -103,20 +108,19 @@ std::vector<NftTable::Fill> NftTable::pieces() const {
         removeTable(batch, isMade, nft::ip6);
         createGuardOfIp6(batch);
     });
-    cut(inside.interfaces, out, &addHairpins);
-    if (guard.limitsConnections) {
-        cut<AddressRange>(inside.addresses, out, [](NftBatch& batch, const std::vector<AddressRange>& part) {
-            addInside(batch, part);
-        });
+    // The users first: they are never free to send.
+    if (guard.limitsConnections)
         cut(guarded, out, [this](NftBatch& batch, const std::set<std::uint32_t>& users) {
             addUsers(batch, users, guardsIp6);
         });
-    }
+    cut(inside.interfaces, out, &addHairpins);
+    cut<AddressRange>(inside.addresses, out,
+                      [](NftBatch& batch, const std::vector<AddressRange>& part) { addInside(batch, part); });
     std::vector<NatElement> all;
     for (const auto& [key, element] : elements) all.push_back(element);
     cut<NatElement>(all, out,
                     [](NftBatch& batch, const std::vector<NatElement>& part) { addElements(batch, part); });
-    if (endsFlows) out.emplace_back(&addFlowEnd);
+    if (endsFlows) out.emplace_back([this](NftBatch& batch) { addEnds(batch); });
     return out;
 }
 
@@ -224,7 +228,6 @@ void NftTable::insideChanged(const Inside& now) {
         [&](NftBatch& batch) {
             removeHairpins(batch, without(inside.interfaces, now.interfaces));
             addHairpins(batch, without(now.interfaces, inside.interfaces));
-            if (!guard.limitsConnections) return;
             removeInside(batch, without(inside.addresses, now.addresses));
             addInside(batch, without(now.addresses, inside.addresses));
         },

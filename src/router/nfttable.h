@@ -24,7 +24,9 @@ namespace router {
 /// A change whose outcome the kernel does not tell is settled by making the tables anew as they were.
 class NftTable final : public NatKernel, public InsideWatcher {
 public:
-    explicit NftTable(const GuardConfig& guard = {}) : guard(guard) {}
+    /// `checksTargets`: connections to targets that are not inside, or not any more, are ended.
+    explicit NftTable(const GuardConfig& guard = {}, bool checksTargets = true)
+        : guard(guard), checksTargets(checksTargets) {}
     NftTable(const NftTable&) = delete;
     NftTable& operator=(const NftTable&) = delete;
 
@@ -55,6 +57,7 @@ private:
 
     using Fill = std::function<void(NftBatch&)>;
 
+    void addEnds(NftBatch& batch) const;
     [[nodiscard]] std::vector<Fill> pieces() const;
     [[nodiscard]] NetlinkResult send(std::span<const Fill> fills);
     [[nodiscard]] NetlinkResult make();
@@ -70,6 +73,7 @@ private:
     bool isMade = false;
     bool guardsIp6 = false;
     const GuardConfig guard;
+    const bool checksTargets;
     // What is in the table, and what it is made anew from.
     Inside inside;
     std::set<std::uint32_t> guarded;  // users

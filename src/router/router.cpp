@@ -2,6 +2,8 @@
 
 #include <time.h>
 
+#include <algorithm>
+
 #include "tk/log.h"
 #include "tk/names.h"
 
@@ -21,8 +23,9 @@ std::uint64_t secondsSince1970() {
 Router::Router(const Config& config, const Paths& paths, Processes& processes)
     : paths(paths),
       programs(config.programs),
+      users(config.users),
       looper(clock, hub, tk::program::network),
-      table(config.guard),
+      table(config.guard, config.nat.checksTargets),
       zones(config.lan),
       interfaceIds(paths.stores + "/interfaces"),
       linkSwitch(config.interfaces, kernel, processes),
@@ -59,6 +62,11 @@ bool Router::start(std::string& reason) {
     zones.start(table);
     for (const ProgramConfig& program : programs)
         if (program.user) programComes(program.number, program.user->uid);
+    // Whoever may be the daemon is guarded before it is, and when it never comes.
+    for (const UserRights& user : users)
+        if (std::find(user.programs.begin(), user.programs.end(), tk::program::gateway) !=
+            user.programs.end())
+            programComes(tk::program::gateway, user.uid);
     nat.load();
     if (!table.endFlows(reason)) return false;
     if (!listener.open(paths.bus, reason)) return false;
@@ -83,6 +91,8 @@ void Router::turnWhile(const std::function<bool()>& condition, std::uint64_t mil
 }
 
 void Router::programComes(std::uint32_t program, uid_t user) {
+    if (program == tk::program::gateway && user == 0)
+        tk::log("program ", program, " runs as root: what it asks for is not checked, and nothing guards it");
     // Whoever was the daemon once stays guarded: leaving the bus sets nobody free.
     if (program == tk::program::gateway && user != 0) table.guardUser(user);
 }

@@ -63,6 +63,7 @@ private:
 
     Paths paths;
     std::vector<ProgramConfig> programs;
+    std::vector<UserRights> users;
     tk::SystemClock clock;
     Hub hub;
     tk::Looper looper;

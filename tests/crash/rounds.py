@@ -310,7 +310,7 @@ def run(directory, seed, rounds, report=print):
             if number % 25 == 0:
                 report(f"round {number} of {rounds}")
     except Exception as failure:
-        raise AssertionError(f"round {number} of seed {seed}: {failure}\n"
+        raise AssertionError(f"round {number} of seed {seed}: {type(failure).__name__}: {failure}\n"
                              f"repeat it with: tests/crash/run --rounds {number} --seed {seed}\n"
                              f"the router's logs: {directory}") from failure
     finally:

@@ -562,8 +562,35 @@ def test_a_connection_from_outside_is_not_sent_back_when_its_target_is_routed_th
         client.add_rule(80)
         bare_lab.router.run("ip", "link", "set", "lan0", "down")
         eventually(lambda: "dev wan0" in bare_lab.router.run("ip", "route", "get", LAN1).stdout, "the way out is wan0")
-        with pytest.raises(TimeoutError):
+        with pytest.raises(ConnectionRefusedError):
             wan.connect(ROUTER_WAN, 80, seconds=2)
         server.settimeout(0.1)
         with pytest.raises(TimeoutError):
             server.accept()
+
+
+def test_nobody_is_led_to_a_target_that_is_not_inside_any_more(router, client):
+    client.add_rule(80)
+    with router.lan1.listen(8080) as server, router.wan2.socket() as relay:
+        near, _ = connection(router, server)
+        router.wan2.run("ip", "address", "add", f"{LAN1}/32", "dev", "eth0")
+        relay.bind((LAN1, 8080))
+        relay.listen(1)
+        router.router.run("ip", "link", "set", "lan0", "down")
+        router.router.run("ip", "route", "add", LAN1, "via", labs.WAN2)
+        eventually(lambda: "elements" not in router.router.run("nft", "list", "set", "ip", "tk", "inside").stdout,
+                   "nothing is inside")
+        assert is_reset(near)
+        with pytest.raises(ConnectionRefusedError):
+            router.wan.connect(ROUTER_WAN, 80, seconds=2)
+
+
+def test_nobody_is_led_to_a_target_that_has_become_the_router_itself(router, client):
+    target = "192.0.2.50"
+    client.add_rule(80, target=target)
+    router.router.run("ip", "address", "add", f"{target}/32", "dev", "lan0")
+    with router.router.socket() as service:
+        service.bind((target, 8080))
+        service.listen(1)
+        with pytest.raises(ConnectionRefusedError):
+            router.wan.connect(ROUTER_WAN, 80, seconds=2)

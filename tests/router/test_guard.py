@@ -15,7 +15,7 @@ import pytest
 import busclient as bus
 import labs
 from control_point import GROUP as SEARCH_GROUP
-from control_point import call, mapping, result
+from control_point import call, mapping, result, search
 from labs import LAN1, ROUTER_LAN, ROUTER_WAN, WAN, WAN2, eventually
 from routerusers import DAEMON, DAEMON_AS_ITSELF, GROUP, IDS, OTHER, configure, connection_path
 from subscribers import Subscriber, sid_of, subscribe
@@ -141,6 +141,44 @@ def test_nothing_that_the_daemon_sends_arrives_outside(router):
             host.settimeout(0.2)
             with pytest.raises(TimeoutError):
                 host.recv(100)
+
+
+BOUND = """
+import os, socket, sys
+os.setgroups([]), os.setgid(int(sys.argv[1])), os.setuid(int(sys.argv[1]))
+for kind in (socket.SOCK_STREAM, socket.SOCK_DGRAM):
+    made = socket.socket(socket.AF_INET, kind)
+    made.settimeout(3)
+    made.setsockopt(socket.SOL_SOCKET, socket.SO_BINDTODEVICE, b"wan0")
+    try:
+        made.connect(("192.0.2.79", 9000))
+        made.send(b"attempt")
+        print("done")
+    except OSError as error:
+        print(type(error).__name__)
+"""
+
+
+def test_an_address_inside_is_not_to_be_had_by_way_of_an_outside_interface(router):
+    """Any process may choose the interface, and a host outside take the address."""
+    start(router)
+    router.wan.run("ip", "address", "add", "192.0.2.79/32", "dev", "eth0")
+    with router.wan.socket() as server, router.wan.socket(socket.SOCK_DGRAM) as receiver:
+        server.bind(("192.0.2.79", 9000))
+        server.listen(1)
+        receiver.bind(("192.0.2.79", 9000))
+        run = router.router.run(sys.executable, "-I", "-c", BOUND, IDS[DAEMON])
+        assert run.stdout.split() == ["ConnectionRefusedError", "PermissionError"]
+        receiver.settimeout(0.2)
+        with pytest.raises(TimeoutError):
+            receiver.recv(100)
+
+
+def test_the_user_that_may_be_the_daemon_is_guarded_before_it_is(router, listeners):
+    """With no configuration at all: whoever has taken it over need not register."""
+    router.start_routerd()
+    assert connect(router, DAEMON, WAN) == "ConnectionRefusedError"
+    assert connect(router, OTHER, WAN) == "done"
 
 
 def test_the_daemon_sends_nothing_by_ipv6(router):
@@ -402,3 +440,38 @@ def test_requests_and_searches_of_one_source_are_limited_where_configured(router
             pass
     assert heard[:5] == [b"0", b"1", b"2", b"3", b"4"] and len(heard) < 20 and heard[-1] == b"quiet"
     searched.close()
+
+
+SEARCH = search("upnp:rootdevice").encode()
+
+
+def test_a_flood_of_searches_costs_the_others_no_answer(router):
+    """With the limit that there is without any configuration."""
+    start(router)
+    serve(router)
+    connection_path(router)
+    with router.lan1.datagrams() as flooder, router.lan2.datagrams() as other:
+        for number in range(40):
+            for _ in range(250):
+                flooder.sendto(search("ssdp:all").encode(), SEARCH_GROUP)
+            other.sendto(SEARCH, SEARCH_GROUP)
+            assert other.recv(4096).startswith(b"HTTP/1.1 200 OK"), f"search {number}"
+
+
+def test_a_search_with_a_forged_source_from_outside_is_not_taken(router):
+    start(router)
+    serve(router)
+    connection_path(router)
+    mark = router.routerd.mark()
+    with labs.namespace(f"/run/netns/gw-{router.name}-lan1"):
+        forger = socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_RAW)
+    datagram = struct.pack("!HHHH", 1900, 1900, 8 + len(SEARCH), 0) + SEARCH
+    with forger:
+        for last in range(1, 101):
+            header = struct.pack("!BBHHHBBH4s4s", 0x45, 0, 20 + len(datagram), 0, 0, 4, socket.IPPROTO_UDP, 0,
+                                 socket.inet_aton(f"8.8.8.{last}"), socket.inet_aton(SEARCH_GROUP[0]))
+            forger.sendto(header + datagram, SEARCH_GROUP)
+    with router.lan2.datagrams() as other:
+        other.sendto(SEARCH, SEARCH_GROUP)
+        other.recv(4096)  # what came before it has been handled
+    assert [line for line in router.routerd.since(mark) if "search" in line] == []

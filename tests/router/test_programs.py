@@ -91,6 +91,14 @@ def test_root_removes_a_programs_rule_and_the_program_does_not_mind(router, prog
     program.call([20, 5], bus.REMOVE, [(bus.ID, bus.U32, added)])
 
 
+def test_the_port_of_a_tunnel_of_the_router_is_not_to_be_had(router, program):
+    """Its socket is connected to the peer, which may be the one that sends first."""
+    with service(router, bus.UDP, address=ROUTER_WAN, peer=(labs.WAN, 53)):
+        why = f"udp {ROUTER_WAN}:22 refused: a service of the router listens there"
+        assert refusal(program, 22, protocol=bus.UDP) == (REFUSED, why)
+    program.add_rule(22, protocol=bus.UDP)
+
+
 @pytest.mark.parametrize("protocol", [bus.TCP, bus.UDP])
 @pytest.mark.parametrize("place", [{"address": ""}, {"address": ROUTER_WAN}, {"address": "", "interface": "wan0"},
                                    {"address": "::", "family": socket.AF_INET6}])
@@ -114,11 +122,6 @@ def test_a_port_on_which_the_router_can_be_reached_from_outside_is_not_to_be_had
 def test_a_service_inside_does_not_keep_its_port(router, program, protocol, place):
     with service(router, protocol, **place):
         program.add_rule(22, protocol=protocol)
-
-
-def test_a_socket_that_talks_to_somebody_is_no_service(router, program):
-    with service(router, bus.UDP, address=ROUTER_WAN, peer=(labs.WAN, 53)):
-        program.add_rule(22, protocol=bus.UDP)
 
 
 def test_the_routers_ports_are_kept_for_services_that_are_not_there_yet(router, program):
