@@ -1,10 +1,16 @@
 #include "ctl/addresses.h"
 
+#include <cstdint>
+#include <string>
+#include <vector>
+
 #include <CLI/App.hpp>
 
 #include "ctl/commandline.h"
+#include "ctl/context.h"
 #include "ctl/interfaces.h"
 #include "ctl/json.h"
+#include "ctl/session.h"
 #include "ctl/table.h"
 #include "ctl/text.h"
 #include "net/convert.h"
@@ -14,6 +20,14 @@ namespace ctl {
 
 namespace {
 
+/// One IPv4 address of the router, as the address service reports it.
+struct Address {
+    std::uint32_t id = 0;
+    std::string address;
+    std::uint32_t interface = 0;
+    bool disabled = false;
+};
+
 Address readAddress(const tk::message& record) {
     Address out;
     out.id = record.get_u32(tk::field::objectId);
@@ -22,6 +36,14 @@ Address readAddress(const tk::message& record) {
         record.get_u32(tk::addressfield::interface, record.get_u32(tk::addressfield::actualInterface));
     out.disabled = record.get_bool(tk::field::disabled);
     return out;
+}
+
+/// All addresses, in the service's order. Errors: throws Failure.
+std::vector<Address> readAddresses(Session& session) {
+    std::vector<Address> addresses;
+    for (const tk::message& record : session.list(tk::path::addresses()))
+        addresses.push_back(readAddress(record));
+    return addresses;
 }
 
 Json addressesToJson(const std::vector<Address>& addresses) {
@@ -58,13 +80,6 @@ void listAddresses(Context& context) {
 }
 
 }  // namespace
-
-std::vector<Address> readAddresses(Session& session) {
-    std::vector<Address> addresses;
-    for (const tk::message& record : session.list(tk::path::addresses()))
-        addresses.push_back(readAddress(record));
-    return addresses;
-}
 
 void addAddressCommands(CLI::App& app, Context& context) {
     CLI::App& group = addGroup(app, context, "address", "The router's IPv4 addresses");

@@ -5,7 +5,6 @@
 #include <optional>
 #include <ostream>
 #include <string>
-#include <vector>
 
 #include "ctl/connection.h"
 #include "ctl/json.h"

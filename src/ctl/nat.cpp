@@ -2,14 +2,11 @@
 
 #include <netinet/in.h>
 
-#include <algorithm>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include <CLI/App.hpp>
 
-#include "ctl/addresses.h"
 #include "ctl/commandline.h"
 #include "ctl/failure.h"
 #include "ctl/json.h"

@@ -7,7 +7,6 @@
 #include <sstream>
 #include <utility>
 
-#include "router/natrule.h"
 #include "tk/file.h"
 #include "tk/log.h"
 
