@@ -6,10 +6,10 @@
 #include <sys/uio.h>
 
 #include <algorithm>
-#include <chrono>
 #include <utility>
 
 #include "tk/log.h"
+#include "tk/runner.h"
 
 namespace tk {
 
@@ -18,8 +18,8 @@ namespace {
 constexpr std::size_t readSize = std::size_t{64} * 1024;
 constexpr int lastReads = 16;  // what a socket holds; a peer that takes nothing any more may still write on
 constexpr std::size_t framesPerWrite = 64;
-constexpr auto turnTime = std::chrono::milliseconds(1);  // for what one peer sent, while others wait
-constexpr std::size_t allocatorBytes = 32;               // that a frame of its own costs the allocator
+constexpr std::uint64_t turnMilliseconds = 2;  // for what one peer sent, while others wait
+constexpr std::size_t allocatorBytes = 32;     // that a frame of its own costs the allocator
 
 }  // namespace
 
@@ -174,12 +174,12 @@ void Channel::deliver() {
     bool destroyed = false;
     gone = &destroyed;
     message arrived;
-    const auto turnEnd = std::chrono::steady_clock::now() + turnTime;
+    const std::uint64_t turnEnd = getRunner()->now() + turnMilliseconds;
     isBehind = false;
     while (!isBehind && isServed() && take(arrived)) {
         owner.received(std::move(arrived));
         if (destroyed) return;
-        isBehind = std::chrono::steady_clock::now() >= turnEnd;
+        isBehind = getRunner()->now() >= turnEnd;
     }
     gone = nullptr;
     chargeUnfinished();

@@ -72,6 +72,17 @@ protected:
     std::function<void()> onReceived;
 };
 
+TEST_F(ChannelTest, WhatTakesLongLeavesTheTurnToOthers) {
+    onReceived = [this] { loop.clock.advance(2); };
+    peerSends(framed(numbered(1)) + framed(numbered(2)) + framed(numbered(3)));
+    loop.looper.turn(0);
+    EXPECT_EQ(arrived.size(), 2U) << "one when it was read, one when its timer was due";
+    peer.reset();
+    loop.settle();
+    EXPECT_EQ(arrived.size(), 3U) << "also of a peer that is gone";
+    EXPECT_EQ(breaks, 1);
+}
+
 TEST_F(ChannelTest, HandsMessagesOnWhenTheirLastByteIsThere) {
     const std::string stream = framed(numbered(1)) + framed(numbered(2));
     for (const char byte : stream) {
