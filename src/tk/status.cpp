@@ -1,0 +1,15 @@
+#include "tk/status.h"
+
+#include <cstring>
+
+namespace tk {
+
+Status Status::ofErrno(const std::string& what, int error) {
+    return failure(what + ": " + std::strerror(error), static_cast<std::uint32_t>(error));
+}
+
+Status Status::prefixed(const std::string& words) const {
+    return failed ? failure(words + text, number) : *this;
+}
+
+}  // namespace tk
