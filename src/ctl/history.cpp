@@ -13,8 +13,6 @@ namespace ctl {
 
 namespace {
 
-constexpr std::uint32_t undoCommand = 2;
-
 void listHistory(Context& context) {
     Json list = Json::array();
     Table table({"ID", "TIME", "PROGRAM", "DESCRIPTION"});
@@ -31,7 +29,7 @@ void listHistory(Context& context) {
 }
 
 void undoLast(Context& context) {
-    const tk::message undone = context.session().request(tk::path::history(), undoCommand);
+    const tk::message undone = context.session().request(tk::path::history(), tk::undoLast);
     Json answer;
     answer["id"] = undone.get_u32(tk::field::objectId);
     answer["description"] = undone.get_string(tk::historyfield::description);

@@ -4,8 +4,6 @@
 #include <iterator>
 #include <span>
 
-#include "router/history.h"
-#include "router/nat.h"
 #include "tk/bus.h"
 #include "tk/names.h"
 #include "tk/records.h"
@@ -37,7 +35,7 @@ constexpr std::uint32_t resolveName = 3;  // of the resolver
 constexpr Cell ownReadings[] = {
     {tk::program::network, 0, tk::listInterfaces},
     {tk::program::network, 0, tk::tellSide},
-    {tk::program::network, 5, Nat::testCommand},
+    {tk::program::network, 5, tk::testRule},
     {tk::program::resolver, 0, resolveName},
 };
 
@@ -107,7 +105,7 @@ std::string textOf(const tk::Path& path) {
 std::string whyNotAsk(const UserRights& rights, const tk::Path& path, std::uint32_t command) {
     const Cell asked = cellOf(path, command);
     // Somebody else's change is taken back: more than to write records.
-    if (asked.program == tk::program::history && command == History::undoCommand)
+    if (asked.program == tk::program::history && command == tk::undoLast)
         return rights.undoes ? "" : "may not undo changes: it needs undo = true";
     if (mayAsk(rights, asked)) return {};
     const std::string place = textOf(path);

@@ -10,7 +10,6 @@
 #include <string>
 #include <vector>
 
-#include "router/config.h"
 #include "router/processes.h"
 #include "router/restart.h"
 #include "router/starter.h"

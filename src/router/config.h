@@ -10,20 +10,10 @@
 #include "router/interfaceconfig.h"
 #include "router/lanconfig.h"
 #include "router/natconfig.h"
+#include "router/processes.h"
 #include "tk/account.h"
 
 namespace router {
-
-/// A program that the router can start.
-struct ProgramConfig {
-    std::uint32_t number = 0;
-    std::vector<std::string> command;  // the program's path, then its arguments
-    bool startsWithRouter = false;
-    std::optional<tk::Account> user = {};  // whom it runs as; none: as the router itself
-    std::string unit = {};                 // the systemd service that it is, in place of a command
-
-    bool operator==(const ProgramConfig&) const = default;
-};
 
 /// What the configuration file says. A value.
 struct Config {

@@ -58,7 +58,7 @@ void History::erase(Records::iterator record) {
 }
 
 tk::message History::cmdUnknown(const tk::message& received, std::uint32_t command) {
-    return command == undoCommand ? undo(received) : Handler::cmdUnknown(received, command);
+    return command == tk::undoLast ? undo(received) : Handler::cmdUnknown(received, command);
 }
 
 tk::message History::undo(const tk::message& request) {

@@ -20,11 +20,6 @@ public:
     /// Tells the time. Units: seconds since 1970.
     using Time = std::function<std::uint64_t()>;
 
-    /// Undoes the last change: its inverse goes to whoever recorded it, and the end of that is the answer,
-    /// with the record's id and description. What is recorded meanwhile by the same handler is not kept, for
-    /// it is the undoing itself.
-    static constexpr std::uint32_t undoCommand = 2;
-
     explicit History(Time time) : time(std::move(time)) {}
 
     tk::message cmdAddObj(const tk::message& request) override;

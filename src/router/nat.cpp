@@ -8,6 +8,7 @@
 #include "tk/bus.h"
 #include "tk/log.h"
 #include "tk/names.h"
+#include "tk/records.h"
 
 namespace router {
 
@@ -281,7 +282,7 @@ tk::message Nat::cmdGetCount(const tk::message&) {
 }
 
 tk::message Nat::cmdUnknown(const tk::message& received, std::uint32_t command) {
-    if (command != testCommand) return Handler::cmdUnknown(received, command);
+    if (command != tk::testRule) return Handler::cmdUnknown(received, command);
     NatRule rule;
     std::string reason;
     if (!readRule(received, true, rule, reason)) return invalid(reason);

@@ -25,9 +25,6 @@ namespace router {
 class Nat final : public tk::Handler {
 public:
     static constexpr std::size_t usualStoredLimit = 4096;  // each change writes them all
-    /// Answers, with the fields of a new rule, whether that rule would be accepted from a program, and
-    /// changes nothing.
-    static constexpr std::uint32_t testCommand = 2;
 
     /// `storedLimit` is how many rules may be stored; more that were stored before are loaded all the same.
     /// Lifetime: all but the path outlive the handler.

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "router/testing/fakenat.h"
 #include "router/testing/natrequest.h"
 #include "tk/bus.h"
 #include "tk/records.h"
@@ -256,9 +257,9 @@ TEST_F(NatTest, StoredRulesAreLimitedAndDynamicOnesAreNot) {
     EXPECT_TRUE(tk::isError(small.cmdAddObj(lasting(3)), &code, &text));
     EXPECT_EQ(code, tk::error::busy);
     EXPECT_EQ(text, "there are 2 stored rules already, and 2 is the most");
-    EXPECT_TRUE(tk::isError(small.cmdUnknown(lasting(3), Nat::testCommand), &code));
+    EXPECT_TRUE(tk::isError(small.cmdUnknown(lasting(3), tk::testRule), &code));
     EXPECT_EQ(code, tk::error::busy);
-    EXPECT_FALSE(tk::isError(small.cmdUnknown(natRequest(3, "192.0.2.2", 3), Nat::testCommand)));
+    EXPECT_FALSE(tk::isError(small.cmdUnknown(natRequest(3, "192.0.2.2", 3), tk::testRule)));
     EXPECT_FALSE(tk::isError(small.cmdAddObj(natRequest(3, "192.0.2.2", 3))));
     tk::message change = ofId(second.get_u32(tk::field::objectId));
     change.insert_bool(tk::field::disabled, true);
@@ -349,9 +350,9 @@ TEST_F(NatTest, TheListComesInPages) {
 }
 
 TEST_F(NatTest, TestingARuleChangesNothing) {
-    EXPECT_TRUE(nat.cmdUnknown(natRequest(80, "192.0.2.2", 8080), Nat::testCommand).empty());
-    EXPECT_TRUE(tk::isError(nat.cmdUnknown(natRequest(80, "127.0.0.1", 8080), Nat::testCommand)));
-    EXPECT_TRUE(tk::isError(nat.cmdUnknown({}, Nat::testCommand)));
+    EXPECT_TRUE(nat.cmdUnknown(natRequest(80, "192.0.2.2", 8080), tk::testRule).empty());
+    EXPECT_TRUE(tk::isError(nat.cmdUnknown(natRequest(80, "127.0.0.1", 8080), tk::testRule)));
+    EXPECT_TRUE(tk::isError(nat.cmdUnknown({}, tk::testRule)));
     EXPECT_EQ(count(), 0U);
     EXPECT_EQ(kernel.transactions, 0);
 }
@@ -481,7 +482,7 @@ TEST_F(ProgramsNatTest, ADisabledRuleGetsNoPortOfTheRoutersOwnEither) {
 
 TEST_F(ProgramsNatTest, RootsTestIsThatOfAProgram) {
     requester.asker = 0;
-    const tk::message answer = nat.cmdUnknown(natRequest(51820, "192.0.2.2", 80), Nat::testCommand);
+    const tk::message answer = nat.cmdUnknown(natRequest(51820, "192.0.2.2", 80), tk::testRule);
     EXPECT_EQ(tk::getError(answer), "external port 51820 refused: it is one of the router's own");
 }
 

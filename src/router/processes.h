@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "router/config.h"
+#include "router/spawn.h"
 #include "tk/fd.h"
 
 namespace router {

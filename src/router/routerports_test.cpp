@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "router/testing/fakekernel.h"
+#include "router/testing/fakenat.h"
 
 namespace router {
 namespace {

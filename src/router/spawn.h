@@ -2,12 +2,25 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
-#include "router/config.h"
+#include "tk/account.h"
 
 namespace router {
+
+/// A program that the router can start.
+struct ProgramConfig {
+    std::uint32_t number = 0;
+    std::vector<std::string> command;  // the program's path, then its arguments
+    bool startsWithRouter = false;
+    std::optional<tk::Account> user = {};  // whom it runs as; none: as the router itself
+    std::string unit = {};                 // the systemd service that it is, in place of a command
+
+    bool operator==(const ProgramConfig&) const = default;
+};
 
 /// The command that starts a program: its own, or the one that asks systemd for its unit.
 [[nodiscard]] std::vector<std::string> commandOf(const ProgramConfig& program);

@@ -89,6 +89,8 @@ constexpr std::uint32_t hasToPort = 1007;       // bool
 }  // namespace rulefield
 constexpr const char* dstnatChain = "dstnat";
 constexpr std::uint32_t destinationNat = 22;  // the action that there is
+// Command: answers, with the fields of a new rule, whether a program would get it, and changes nothing.
+constexpr std::uint32_t testRule = 2;
 
 // The undo history.
 namespace historyfield {
@@ -99,6 +101,9 @@ constexpr std::uint32_t program = 4;      // u32: who handed the record in
 constexpr std::uint32_t time = 5;         // u64: seconds since 1970
 constexpr std::uint32_t path = 6;         // u32[]: of the handler that handed the record in
 }  // namespace historyfield
+// Command: the inverse of the last record goes to whoever recorded it, and the end of that is the answer, with the
+// record's id and description. What the same handler records meanwhile is not kept, for it is the undoing itself.
+constexpr std::uint32_t undoLast = 2;
 
 // The gateway's settings and its "upnp interface" items.
 namespace settingfield {
