@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include "router/natrule.h"
+#include "router/prefix.h"
 
 namespace router {
 namespace {

@@ -3,7 +3,7 @@
 #include <span>
 #include <string>
 
-#include "router/natrule.h"
+#include "router/natelement.h"
 
 namespace router {
 

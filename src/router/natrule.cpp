@@ -1,6 +1,5 @@
 #include "router/natrule.h"
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 
 #include <algorithm>
@@ -159,16 +158,6 @@ tk::message recordOf(const NatRule& rule) {
     record.insert_u32(field::toPortFirst, element.targetPort);
     record.insert_u32(field::toPortLast, element.targetPort);
     return record;
-}
-
-std::string addressText(std::uint32_t address) {
-    char text[INET_ADDRSTRLEN];
-    return ::inet_ntop(AF_INET, &address, text, sizeof text);
-}
-
-std::string destinationText(const NatElement& element) {
-    return (element.protocol == IPPROTO_TCP ? "tcp " : "udp ") + addressText(element.destination) + ":" +
-           std::to_string(element.port);
 }
 
 }  // namespace router

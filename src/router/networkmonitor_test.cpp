@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "router/natrule.h"
+#include "router/prefix.h"
 #include "router/testing/commands.h"
 #include "router/testing/fakekernel.h"
 #include "router/testing/fakeprocesses.h"

@@ -6,7 +6,7 @@
 
 #include "router/guardconfig.h"
 #include "router/insideranges.h"
-#include "router/natrule.h"
+#include "router/natelement.h"
 #include "router/nftbatch.h"
 
 namespace router {

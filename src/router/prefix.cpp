@@ -6,8 +6,6 @@
 #include <bit>
 #include <iterator>
 
-#include "router/natrule.h"
-
 namespace router {
 
 namespace {
@@ -42,6 +40,11 @@ Prefix prefixOf(std::uint32_t hostOrderAddress, std::uint32_t length) {
 
 std::uint32_t lengthOf(const Prefix& prefix) {
     return static_cast<std::uint32_t>(std::popcount(prefix.mask));
+}
+
+std::string addressText(std::uint32_t address) {
+    char text[INET_ADDRSTRLEN];
+    return ::inet_ntop(AF_INET, &address, text, sizeof text);
 }
 
 std::string prefixText(const Prefix& prefix) {

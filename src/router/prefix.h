@@ -22,6 +22,9 @@ struct Prefix {
 /// The number of bits that all addresses of a network share.
 [[nodiscard]] std::uint32_t lengthOf(const Prefix& prefix);
 
+/// An address in dotted form. Byte order: network.
+[[nodiscard]] std::string addressText(std::uint32_t address);
+
 /// "192.0.2.0/24".
 [[nodiscard]] std::string prefixText(const Prefix& prefix);
 

@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include "router/natrule.h"
+#include "router/prefix.h"
 #include "router/testing/fakekernel.h"
 #include "tk/testing/capturedoutput.h"
 #include "tk/testing/folder.h"
