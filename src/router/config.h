@@ -5,12 +5,12 @@
 #include <string>
 #include <vector>
 
-#include "router/access.h"
-#include "router/guardconfig.h"
-#include "router/interfaceconfig.h"
-#include "router/lanconfig.h"
-#include "router/natconfig.h"
-#include "router/processes.h"
+#include "firewall/guardconfig.h"
+#include "hub/access.h"
+#include "hub/processes.h"
+#include "links/interfaceconfig.h"
+#include "links/lanconfig.h"
+#include "nat/config.h"
 #include "tk/account.h"
 
 namespace router {

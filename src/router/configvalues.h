@@ -6,8 +6,8 @@
 #include <string_view>
 #include <vector>
 
-#include "router/natconfig.h"
-#include "router/prefix.h"
+#include "links/prefix.h"
+#include "nat/config.h"
 #include "tk/account.h"
 #include "tk/message.h"
 

@@ -4,8 +4,8 @@
 #include <string>
 #include <utility>
 
-#include "router/page.h"
 #include "tk/bus.h"
+#include "tk/page.h"
 #include "tk/records.h"
 
 namespace router {

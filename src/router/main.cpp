@@ -6,10 +6,10 @@
 #include <utility>
 #include <vector>
 
-#include "router/buslistener.h"
+#include "hub/launcher.h"
+#include "hub/listener.h"
+#include "links/linkswitch.h"
 #include "router/config.h"
-#include "router/launcher.h"
-#include "router/linkswitch.h"
 #include "router/privileges.h"
 #include "router/router.h"
 #include "tk/fd.h"

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <linux/netlink.h>
+
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+#include "firewall/names.h"
+#include "netlink/socket.h"
+
+namespace router {
+
+/// One nf_tables transaction: messages that the kernel commits together or not at all.
+class NftBatch {
+public:
+    using Fill = std::function<void(nlmsghdr&)>;
+
+    /// Lifetime: the socket outlives the batch.
+    explicit NftBatch(NetlinkSocket& socket);
+
+    /// Appends a message for a family. `fill` writes its attributes, at most maximumMessage bytes.
+    void add(std::uint16_t type, std::uint16_t flags, const Fill& fill, std::uint8_t family = nft::ip4);
+    /// Sends the transaction, and waits for the kernel to commit or refuse it. The first error counts.
+    /// Without an answer the result says so: the kernel may have committed.
+    [[nodiscard]] NetlinkResult commit();
+
+    static constexpr std::size_t maximumMessage = 128UL * 1024;
+
+private:
+    void append(const nlmsghdr& message);
+
+    NetlinkSocket& socket;
+    std::uint32_t firstSequence;
+    std::uint32_t lastSequence;  // of the last message proper
+    std::size_t lastOffset = 0;  // where that one starts
+    std::vector<char> scratch;
+    std::vector<char> bytes;
+};
+
+}  // namespace router

@@ -1,0 +1,157 @@
+#include "firewall/flowlog.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <libmnl/libmnl.h>
+#include <linux/ip.h>
+#include <linux/netfilter/nfnetlink.h>
+#include <linux/netfilter/nfnetlink_conntrack.h>
+#include <linux/netfilter/nfnetlink_log.h>
+#include <netinet/in.h>
+#include <string.h>
+
+#include <array>
+#include <utility>
+
+#include "firewall/rules.h"
+#include "netlink/attributes.h"
+#include "tk/log.h"
+
+namespace router {
+
+namespace {
+
+constexpr std::uint32_t shownBytes = 64;  // of each packet: the longest IPv4 header, and the ports behind it
+constexpr int bufferBytes = 1024 * 1024;
+constexpr int datagramsPerTurn = 256;
+constexpr std::uint32_t wordBytes = 4;  // in which the length of an IPv4 header is told
+constexpr std::size_t requestBytes = 256;
+
+constexpr AttributeRule packetRules[] = {{NFULA_PAYLOAD, MNL_TYPE_UNSPEC, 0}};
+
+nlmsghdr* putHeader(char* buffer, std::uint16_t type, std::uint8_t family, std::uint16_t resource) {
+    nlmsghdr* message = mnl_nlmsg_put_header(buffer);
+    message->nlmsg_type = type;
+    message->nlmsg_flags = NLM_F_REQUEST;
+    auto* own = static_cast<nfgenmsg*>(mnl_nlmsg_put_extra_header(message, sizeof(nfgenmsg)));
+    own->nfgen_family = family;
+    own->version = NFNETLINK_V0;
+    own->res_id = htons(resource);
+    return message;
+}
+
+nlmsghdr* putRemoval(char* buffer, const FlowTuple& flow) {
+    constexpr std::uint16_t type = NFNL_SUBSYS_CTNETLINK << 8 | IPCTNL_MSG_CT_DELETE;
+    nlmsghdr* message = putHeader(buffer, type, AF_INET, 0);
+    nlattr* tuple = mnl_attr_nest_start(message, CTA_TUPLE_ORIG);
+    nlattr* part = mnl_attr_nest_start(message, CTA_TUPLE_IP);
+    mnl_attr_put_u32(message, CTA_IP_V4_SRC, flow.source);
+    mnl_attr_put_u32(message, CTA_IP_V4_DST, flow.destination);
+    mnl_attr_nest_end(message, part);
+    part = mnl_attr_nest_start(message, CTA_TUPLE_PROTO);
+    mnl_attr_put_u8(message, CTA_PROTO_NUM, flow.protocol);
+    mnl_attr_put_u16(message, CTA_PROTO_SRC_PORT, htons(flow.sourcePort));
+    mnl_attr_put_u16(message, CTA_PROTO_DST_PORT, htons(flow.port));
+    mnl_attr_nest_end(message, part);
+    mnl_attr_nest_end(message, tuple);
+    return message;
+}
+
+}  // namespace
+
+std::optional<FlowTuple> parseFlow(std::span<const char> packet) {
+    iphdr header;
+    std::array<std::uint16_t, 2> ports;
+    if (packet.size() < sizeof header) return std::nullopt;
+    ::memcpy(&header, packet.data(), sizeof header);
+    const std::size_t length = header.ihl * wordBytes;
+    const bool isKnown = header.protocol == IPPROTO_TCP || header.protocol == IPPROTO_UDP;
+    if (header.version != IPVERSION || length < sizeof header || !isKnown) return std::nullopt;
+    if (packet.size() < length + sizeof ports) return std::nullopt;
+    ::memcpy(ports.data(), packet.data() + length, sizeof ports);
+    return FlowTuple{header.protocol, header.saddr, ntohs(ports[0]), header.daddr, ntohs(ports[1])};
+}
+
+bool FlowLog::open(std::string& reason) {
+    if (!socket.open(NETLINK_NETFILTER)) {
+        reason = "nfnetlink_log: " + tk::errorText();
+        return false;
+    }
+    socket.setBuffers(bufferBytes, bufferBytes);
+    if (const NetlinkResult result = configure(); !result.ok()) {
+        reason = "nfnetlink_log: " + result.text;
+        if (result.error == EPERM)
+            reason = "nfnetlink_log: no permission, or another process listens to group " +
+                     std::to_string(flowLogGroup);
+        // Old kernels say of a module that is not there that the message is not valid.
+        if (result.error == EINVAL || result.error == EOPNOTSUPP)
+            reason = "nfnetlink_log: this kernel lacks it (Linux 2.6.14)";
+        socket.close();
+        return false;
+    }
+    if (!removes()) {
+        reason = "nf_conntrack_netlink: this kernel lacks it (Linux 2.6.14)";
+        socket.close();
+        return false;
+    }
+    watch.start<FlowLog, &FlowLog::ready>(socket.descriptor(), *this, tk::readable);
+    return true;
+}
+
+/// True when the kernel would remove a flow: of one that nobody has it says so.
+bool FlowLog::removes() {
+    std::array<char, requestBytes> buffer;
+    const FlowTuple nobodys{IPPROTO_UDP, htonl(INADDR_LOOPBACK), 0, htonl(INADDR_LOOPBACK), 0};
+    return socket.exchange(*putRemoval(buffer.data(), nobodys), [](const nlmsghdr&) {}).error == ENOENT;
+}
+
+/// Asks for the beginning of each packet, at once.
+NetlinkResult FlowLog::configure() {
+    std::array<char, requestBytes> buffer;
+    constexpr std::uint16_t type = NFNL_SUBSYS_ULOG << 8 | NFULNL_MSG_CONFIG;
+    nlmsghdr* message = putHeader(buffer.data(), type, AF_UNSPEC, flowLogGroup);
+    const nfulnl_msg_config_cmd command{NFULNL_CFG_CMD_BIND};
+    mnl_attr_put(message, NFULA_CFG_CMD, sizeof command, &command);
+    nfulnl_msg_config_mode mode{};
+    mode.copy_range = htonl(shownBytes);
+    mode.copy_mode = NFULNL_COPY_PACKET;
+    mnl_attr_put(message, NFULA_CFG_MODE, sizeof mode, &mode);
+    mnl_attr_put_u32(message, NFULA_CFG_QTHRESH, htonl(1));
+    return socket.exchange(*message, [](const nlmsghdr&) {});
+}
+
+void FlowLog::ready(int, std::uint32_t) {
+    for (int i = 0; i < datagramsPerTurn; ++i) {
+        const auto result = socket.receive(0, [this](const nlmsghdr& message) { take(message); });
+        // What was lost is shown again with the flow's next packet.
+        if (result == NetlinkSocket::Received::nothing || result == NetlinkSocket::Received::failed) break;
+    }
+    removeShown();
+}
+
+void FlowLog::take(const nlmsghdr& message) {
+    if (message.nlmsg_type == NLMSG_ERROR) {
+        const NetlinkResult result = netlinkResultOf(message);
+        if (result.ok() || result.error == ENOENT || std::exchange(reported, true))
+            return;  // it may have ended
+        return tk::log("nat: flows cannot be removed: ", result.text);
+    }
+    if (message.nlmsg_type != (NFNL_SUBSYS_ULOG << 8 | NFULNL_MSG_PACKET)) return;
+    const NetlinkAttributes attributes(message, sizeof(nfgenmsg), packetRules);
+    const nlattr* payload = attributes.find(NFULA_PAYLOAD);
+    if (!payload) return;
+    const auto* start = static_cast<const char*>(mnl_attr_get_payload(payload));
+    if (const auto flow = parseFlow({start, mnl_attr_get_payload_len(payload)})) shown.insert(*flow);
+}
+
+void FlowLog::removeShown() {
+    std::array<char, requestBytes> buffer;
+    for (const FlowTuple& flow : std::exchange(shown, {})) {
+        nlmsghdr* message = putRemoval(buffer.data(), flow);
+        message->nlmsg_seq = socket.nextSequence();
+        if (!socket.send(message, message->nlmsg_len) && !std::exchange(reported, true))
+            tk::log("nat: flows cannot be removed: ", tk::errorText());
+    }
+}
+
+}  // namespace router

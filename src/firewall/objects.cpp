@@ -1,0 +1,358 @@
+#include "firewall/objects.h"
+
+#include <arpa/inet.h>
+#include <libnftnl/chain.h>
+#include <libnftnl/set.h>
+#include <libnftnl/table.h>
+#include <libnftnl/udata.h>
+#include <linux/netfilter.h>
+#include <linux/netfilter/nf_tables.h>
+#include <string.h>
+
+#include <algorithm>
+#include <memory>
+
+#include "firewall/guardrules.h"
+#include "firewall/names.h"
+#include "firewall/rules.h"
+
+namespace router {
+
+namespace {
+
+// The types of nft(8), six bits each: so it shows the elements as what they are.
+constexpr std::uint32_t typeAddress = 7;
+constexpr std::uint32_t typeProtocol = 12;
+constexpr std::uint32_t typePort = 13;
+constexpr std::uint32_t typeInterface = 20;
+constexpr std::uint32_t typeUser = 24;
+constexpr std::uint32_t typeBits = 6;
+constexpr std::uint32_t mapKeyType = (typeAddress << typeBits | typeProtocol) << typeBits | typePort;
+constexpr std::uint32_t mapDataType = typeAddress << typeBits | typePort;
+constexpr std::uint32_t liveKeyType = mapKeyType << 2 * typeBits | mapDataType;
+constexpr std::uint32_t hairpinKeyType = typeInterface << typeBits | typeInterface;
+
+constexpr std::uint32_t mapNumber = 1;  // of the sets within their transaction
+constexpr std::uint32_t hairpinNumber = 2;
+constexpr std::uint32_t insideNumber = 3;
+constexpr std::uint32_t usersNumber = 4;
+constexpr std::uint32_t searchesNumber = 5;
+constexpr std::uint32_t requestsNumber = 6;
+constexpr std::uint32_t connectionsNumber = 7;
+constexpr std::uint32_t liveNumber = 8;
+constexpr std::uint32_t usersNumberOfIp6 = 9;
+constexpr std::uint32_t sourceLimit = 65536;  // of a set of sources; those beyond it are not limited
+constexpr std::int32_t priorityAfterDstnat = -90;
+constexpr std::int32_t priorityBeforeFilter = -10;
+constexpr std::int32_t priorityFilter = 0;
+constexpr std::int32_t prioritySrcnat = 100;
+constexpr std::size_t elementsPerMessage = 512;  // well within the 64 KiB that a list may take
+
+/// A key of the map as the kernel's registers hold it: each part in 32 bits of its own.
+struct MapKey {
+    std::uint32_t address;  // network order
+    std::uint8_t protocol;
+    std::uint8_t padding[3];
+    std::uint16_t port;  // network order
+    std::uint16_t portPadding;
+};
+static_assert(sizeof(MapKey) == 12);
+
+struct MapData {
+    std::uint32_t address;  // network order
+    std::uint16_t port;     // network order
+    std::uint16_t padding;
+};
+static_assert(sizeof(MapData) == 8);
+
+struct LiveKey {
+    MapKey match;
+    MapData target;
+};
+static_assert(sizeof(LiveKey) == 20);
+
+struct HairpinKey {
+    std::uint32_t incoming;  // host order, as the kernel compares them
+    std::uint32_t outgoing;
+};
+
+using Table = std::unique_ptr<nftnl_table, decltype(&nftnl_table_free)>;
+using Chain = std::unique_ptr<nftnl_chain, decltype(&nftnl_chain_free)>;
+using Set = std::unique_ptr<nftnl_set, decltype(&nftnl_set_free)>;
+
+Table makeTable(std::uint32_t flags, std::uint8_t family) {
+    Table table(nftnl_table_alloc(), &nftnl_table_free);
+    nftnl_table_set_u32(table.get(), NFTNL_TABLE_FAMILY, family);
+    nftnl_table_set_str(table.get(), NFTNL_TABLE_NAME, nft::table);
+    nftnl_table_set_u32(table.get(), NFTNL_TABLE_FLAGS, flags);
+    return table;
+}
+
+Set makeSet(const char* name, std::uint8_t family = nft::ip4) {
+    Set set(nftnl_set_alloc(), &nftnl_set_free);
+    nftnl_set_set_u32(set.get(), NFTNL_SET_FAMILY, family);
+    nftnl_set_set_str(set.get(), NFTNL_SET_TABLE, nft::table);
+    nftnl_set_set_str(set.get(), NFTNL_SET_NAME, name);
+    return set;
+}
+
+void addSet(NftBatch& batch, const Set& set, std::uint8_t family = nft::ip4) {
+    batch.add(
+        NFT_MSG_NEWSET, NLM_F_CREATE,
+        [&set](nlmsghdr& message) { nftnl_set_nlmsg_build_payload(&message, set.get()); }, family);
+}
+
+void addMap(NftBatch& batch) {
+    const Set map = makeSet(nft::map);
+    nftnl_set_set_u32(map.get(), NFTNL_SET_ID, mapNumber);
+    nftnl_set_set_u32(map.get(), NFTNL_SET_FLAGS, NFT_SET_MAP);
+    nftnl_set_set_u32(map.get(), NFTNL_SET_KEY_TYPE, mapKeyType);
+    nftnl_set_set_u32(map.get(), NFTNL_SET_KEY_LEN, sizeof(MapKey));
+    nftnl_set_set_u32(map.get(), NFTNL_SET_DATA_TYPE, mapDataType);
+    nftnl_set_set_u32(map.get(), NFTNL_SET_DATA_LEN, sizeof(MapData));
+    addSet(batch, map);
+}
+
+void addLiveSet(NftBatch& batch) {
+    const Set set = makeSet(nft::live);
+    nftnl_set_set_u32(set.get(), NFTNL_SET_ID, liveNumber);
+    nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_TYPE, liveKeyType);
+    nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_LEN, sizeof(LiveKey));
+    addSet(batch, set);
+}
+
+void addHairpinSet(NftBatch& batch) {
+    const Set set = makeSet(nft::hairpin);
+    nftnl_set_set_u32(set.get(), NFTNL_SET_ID, hairpinNumber);
+    nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_TYPE, hairpinKeyType);
+    nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_LEN, sizeof(HairpinKey));
+    addSet(batch, set);
+}
+
+void addUserSet(NftBatch& batch, std::uint32_t number, std::uint8_t family) {
+    const Set set = makeSet(nft::guarded, family);
+    nftnl_set_set_u32(set.get(), NFTNL_SET_ID, number);
+    nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_TYPE, typeUser);
+    nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_LEN, sizeof(std::uint32_t));
+    // A note for nft(8), which would else show the numbers with their bytes reversed: type, length, value.
+    constexpr std::uint8_t hostOrder[] = {NFTNL_UDATA_SET_KEYBYTEORDER, 4, 1, 0, 0, 0};
+    nftnl_set_set_data(set.get(), NFTNL_SET_USERDATA, hostOrder, sizeof hostOrder);
+    addSet(batch, set, family);
+}
+
+void addInsideSet(NftBatch& batch) {
+    const Set set = makeSet(nft::inside);
+    nftnl_set_set_u32(set.get(), NFTNL_SET_ID, insideNumber);
+    nftnl_set_set_u32(set.get(), NFTNL_SET_FLAGS, NFT_SET_INTERVAL);
+    nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_TYPE, typeAddress);
+    nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_LEN, sizeof(std::uint32_t));
+    addSet(batch, set);
+}
+
+/// A set that the rules themselves fill with the sources of packets.
+void addSourceSet(NftBatch& batch, const char* name, std::uint32_t number, std::uint32_t flags) {
+    const Set set = makeSet(name);
+    nftnl_set_set_u32(set.get(), NFTNL_SET_ID, number);
+    nftnl_set_set_u32(set.get(), NFTNL_SET_FLAGS, NFT_SET_EVAL | flags);
+    nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_TYPE, typeAddress);
+    nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_LEN, sizeof(std::uint32_t));
+    nftnl_set_set_u32(set.get(), NFTNL_SET_DESC_SIZE, sourceLimit);
+    addSet(batch, set);
+}
+
+Chain makeChain(const char* name, std::uint8_t family = nft::ip4) {
+    Chain chain(nftnl_chain_alloc(), &nftnl_chain_free);
+    nftnl_chain_set_u32(chain.get(), NFTNL_CHAIN_FAMILY, family);
+    nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TABLE, nft::table);
+    nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_NAME, name);
+    return chain;
+}
+
+void addChain(NftBatch& batch, const Chain& chain, std::uint8_t family = nft::ip4) {
+    batch.add(
+        NFT_MSG_NEWCHAIN, NLM_F_CREATE,
+        [&chain](nlmsghdr& message) { nftnl_chain_nlmsg_build_payload(&message, chain.get()); }, family);
+}
+
+MapKey keyOf(const NatElement& element) {
+    return {element.destination, element.protocol, {0, 0, 0}, htons(element.port), 0};
+}
+
+/// Appends one message with elements of one set.
+void changeSet(NftBatch& batch, bool isAddition, const Set& set, std::uint8_t family = nft::ip4) {
+    batch.add(
+        isAddition ? NFT_MSG_NEWSETELEM : NFT_MSG_DELSETELEM, isAddition ? NLM_F_CREATE | NLM_F_EXCL : 0,
+        [&set](nlmsghdr& message) { nftnl_set_elems_nlmsg_build_payload(&message, set.get()); }, family);
+}
+
+/// Appends a key to a set's elements, with data where it is a map's.
+template <typename Key>
+void addEntry(const Set& set, const Key& key, const MapData* data = nullptr) {
+    nftnl_set_elem* entry = nftnl_set_elem_alloc();
+    nftnl_set_elem_set(entry, NFTNL_SET_ELEM_KEY, &key, sizeof key);
+    if (data) nftnl_set_elem_set(entry, NFTNL_SET_ELEM_DATA, data, sizeof *data);
+    nftnl_set_elem_add(set.get(), entry);  // the set owns it from now on
+}
+
+void changeElements(NftBatch& batch, bool isAddition, std::span<const NatElement> elements) {
+    while (!elements.empty()) {
+        const auto part = elements.first(std::min(elements.size(), elementsPerMessage));
+        elements = elements.subspan(part.size());
+        const Set map = makeSet(nft::map);
+        const Set live = makeSet(nft::live);
+        for (const NatElement& element : part) {
+            const MapKey key = keyOf(element);
+            const MapData data{element.target, htons(element.targetPort), 0};
+            addEntry(map, key, isAddition ? &data : nullptr);  // a removal names the key alone
+            addEntry(live, LiveKey{key, data});
+        }
+        changeSet(batch, isAddition, map);
+        changeSet(batch, isAddition, live);
+    }
+}
+
+void changeHairpins(NftBatch& batch, bool isAddition, const std::set<std::uint32_t>& indexes) {
+    for (auto next = indexes.begin(); next != indexes.end();) {
+        const Set set = makeSet(nft::hairpin);
+        for (std::size_t count = 0; count < elementsPerMessage && next != indexes.end(); ++count, ++next)
+            addEntry(set, HairpinKey{*next, *next});
+        changeSet(batch, isAddition, set);
+    }
+}
+
+void addUsersOf(NftBatch& batch, const std::set<std::uint32_t>& users, std::uint8_t family) {
+    const Set set = makeSet(nft::guarded, family);
+    for (const std::uint32_t user : users) addEntry(set, user);
+    changeSet(batch, true, set, family);
+}
+
+void addBoundary(const Set& set, std::uint32_t hostOrderAddress, std::uint32_t flags) {
+    const std::uint32_t key = htonl(hostOrderAddress);
+    nftnl_set_elem* entry = nftnl_set_elem_alloc();
+    nftnl_set_elem_set(entry, NFTNL_SET_ELEM_KEY, &key, sizeof key);
+    if (flags != 0) nftnl_set_elem_set_u32(entry, NFTNL_SET_ELEM_FLAGS, flags);
+    nftnl_set_elem_add(set.get(), entry);  // the set owns it from now on
+}
+
+void changeInside(NftBatch& batch, bool isAddition, std::span<const AddressRange> ranges) {
+    while (!ranges.empty()) {
+        const auto part = ranges.first(std::min(ranges.size(), elementsPerMessage / 2));
+        ranges = ranges.subspan(part.size());
+        const Set set = makeSet(nft::inside);
+        for (const AddressRange& range : part) {
+            addBoundary(set, range.first, 0);
+            // The end is the first address behind; what reaches to the last one has none.
+            if (range.last + 1 != 0) addBoundary(set, range.last + 1, NFT_SET_ELEM_INTERVAL_END);
+        }
+        changeSet(batch, isAddition, set);
+    }
+}
+
+}  // namespace
+
+void addTable(NftBatch& batch, std::uint32_t flags, std::uint8_t family) {
+    const Table table = makeTable(flags, family);
+    batch.add(
+        NFT_MSG_NEWTABLE, NLM_F_CREATE,
+        [&table](nlmsghdr& message) { nftnl_table_nlmsg_build_payload(&message, table.get()); }, family);
+}
+
+void addChain(NftBatch& batch, const char* name, const char* type, std::uint32_t hook, std::int32_t priority,
+              std::uint8_t family) {
+    const Chain chain = makeChain(name, family);
+    nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TYPE, type);
+    nftnl_chain_set_u32(chain.get(), NFTNL_CHAIN_HOOKNUM, hook);
+    nftnl_chain_set_s32(chain.get(), NFTNL_CHAIN_PRIO, priority);
+    addChain(batch, chain, family);
+}
+
+void removeTable(NftBatch& batch, bool isOurs, std::uint8_t family) {
+    // To remove what may be absent, it is first made sure that it is there.
+    addTable(batch, isOurs ? ownerFlag : 0, family);
+    const Table table = makeTable(0, family);
+    batch.add(
+        NFT_MSG_DELTABLE, 0,
+        [&table](nlmsghdr& message) { nftnl_table_nlmsg_build_payload(&message, table.get()); }, family);
+}
+
+void createTable(NftBatch& batch) {
+    addTable(batch, ownerFlag);
+    addMap(batch);
+    addLiveSet(batch);
+    addHairpinSet(batch);
+    addInsideSet(batch);
+    addChain(batch, nft::prerouting, "nat", NF_INET_PRE_ROUTING, priorityAfterDstnat);
+    addChain(batch, nft::postrouting, "nat", NF_INET_POST_ROUTING, prioritySrcnat);
+    addChain(batch, nft::forward, "filter", NF_INET_FORWARD, priorityBeforeFilter);
+    addChain(batch, makeChain(nft::ended));
+    addChain(batch, nft::missed, "filter", NF_INET_LOCAL_IN, priorityBeforeFilter);
+    addTranslation(batch);
+    addHairpinReturn(batch);
+    addFarewell(batch);
+    addMissedFlows(batch);
+}
+
+void createGuard(NftBatch& batch, const GuardConfig& config) {
+    if (config.limitsConnections) {
+        addUserSet(batch, usersNumber, nft::ip4);
+        addChain(batch, nft::output, "filter", NF_INET_LOCAL_OUT, priorityFilter);
+        addChain(batch, makeChain(nft::daemon, nft::ip4), nft::ip4);
+        addGuard(batch);
+    }
+    if (!config.limitsConnections && config.searchesPerSecond == 0 && config.requestsPerSecond == 0 &&
+        config.connections == 0)
+        return;
+    addChain(batch, nft::input, "filter", NF_INET_LOCAL_IN, priorityFilter);
+    if (config.limitsConnections) addSearchOrigin(batch);
+    if (config.searchesPerSecond != 0) {
+        addSourceSet(batch, nft::searches, searchesNumber, NFT_SET_TIMEOUT);
+        addSearchLimit(batch, searchesNumber, config.searchesPerSecond);
+    }
+    if (config.requestsPerSecond != 0) {
+        addSourceSet(batch, nft::requests, requestsNumber, NFT_SET_TIMEOUT);
+        addRequestLimit(batch, requestsNumber, config.requestsPerSecond);
+    }
+    if (config.connections != 0) {
+        addSourceSet(batch, nft::connections, connectionsNumber, 0);
+        addConnectionLimit(batch, connectionsNumber, config.connections);
+    }
+}
+
+void addElements(NftBatch& batch, std::span<const NatElement> elements) {
+    changeElements(batch, true, elements);
+}
+
+void removeElements(NftBatch& batch, std::span<const NatElement> elements) {
+    changeElements(batch, false, elements);
+}
+
+void createGuardOfIp6(NftBatch& batch) {
+    addTable(batch, ownerFlag, nft::ip6);
+    addUserSet(batch, usersNumberOfIp6, nft::ip6);
+    addChain(batch, nft::output, "filter", NF_INET_LOCAL_OUT, priorityFilter, nft::ip6);
+    addGuardOfIp6(batch);
+}
+
+void addUsers(NftBatch& batch, const std::set<std::uint32_t>& users, bool alsoIp6) {
+    if (users.empty()) return;
+    addUsersOf(batch, users, nft::ip4);
+    if (alsoIp6) addUsersOf(batch, users, nft::ip6);
+}
+
+void addInside(NftBatch& batch, std::span<const AddressRange> ranges) {
+    changeInside(batch, true, ranges);
+}
+
+void removeInside(NftBatch& batch, std::span<const AddressRange> ranges) {
+    changeInside(batch, false, ranges);
+}
+
+void addHairpins(NftBatch& batch, const std::set<std::uint32_t>& indexes) {
+    changeHairpins(batch, true, indexes);
+}
+
+void removeHairpins(NftBatch& batch, const std::set<std::uint32_t>& indexes) {
+    changeHairpins(batch, false, indexes);
+}
+
+}  // namespace router

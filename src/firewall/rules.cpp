@@ -1,0 +1,158 @@
+#include "firewall/rules.h"
+
+#include <linux/if_arp.h>
+#include <linux/ip.h>
+#include <linux/netfilter/nf_conntrack_common.h>
+#include <linux/rtnetlink.h>
+#include <netinet/in.h>
+#include <stddef.h>
+
+#include "firewall/names.h"
+#include "firewall/rulebuilder.h"
+
+namespace router {
+
+namespace {
+
+constexpr std::uint32_t portOffset = 2;  // of the destination port in a TCP or UDP header
+constexpr std::uint32_t addressOffset = offsetof(iphdr, daddr);
+constexpr std::uint32_t logsPerSecond = 1000;
+
+// Of the 128 labels that a connection can bear. Those who use labels number them from 0.
+constexpr std::uint32_t translatedLabel = 116;  // by the table's map
+constexpr std::uint32_t foreignLabel = 107;     // somebody else wants it to reach the router
+
+constexpr auto firstPart = NftRuleBuilder::firstPart;
+constexpr auto secondPart = NftRuleBuilder::secondPart;
+constexpr auto thirdPart = NftRuleBuilder::thirdPart;
+
+/// Loads what the map is asked for.
+void loadMapKey(NftRuleBuilder& rule) {
+    rule.payload(NFT_PAYLOAD_NETWORK_HEADER, addressOffset, sizeof(std::uint32_t), firstPart);
+    rule.meta(NFT_META_L4PROTO, secondPart);
+    rule.payload(NFT_PAYLOAD_TRANSPORT_HEADER, portOffset, sizeof(std::uint16_t), thirdPart);
+}
+
+void writeDestination(NftRuleBuilder& rule) {
+    rule.overwrite(NFT_PAYLOAD_NETWORK_HEADER, addressOffset, sizeof(std::uint32_t), firstPart);
+    rule.overwrite(NFT_PAYLOAD_TRANSPORT_HEADER, portOffset, sizeof(std::uint16_t), secondPart);
+}
+
+/// Begins a rule for the datagrams of flows to a mapped port that were begun from outside and are not
+/// translated. `isKnown`: with the first datagram behind them.
+NftRuleBuilder missedFlow(bool isKnown) {
+    NftRuleBuilder rule(nft::missed);
+    const std::uint8_t udp = IPPROTO_UDP;
+    rule.meta(NFT_META_L4PROTO, firstPart);
+    rule.equals(&udp, sizeof udp);
+    const std::uint16_t loopback = ARPHRD_LOOPBACK;  // the router's own are not translated on purpose
+    rule.meta(NFT_META_IIFTYPE, firstPart);
+    rule.differs(&loopback, sizeof loopback);
+    rule.isOriginal();
+    const std::uint32_t status = isKnown ? IPS_CONFIRMED : 0;
+    rule.connection(NFT_CT_STATUS, firstPart);
+    rule.masked(IPS_CONFIRMED | IPS_DST_NAT, sizeof status);
+    rule.equals(&status, sizeof status);
+    return rule;
+}
+
+}  // namespace
+
+void addTranslation(NftBatch& batch) {
+    NftRuleBuilder rule(nft::prerouting);
+    const std::uint32_t local = RTN_LOCAL;
+    rule.destinationType(firstPart);
+    rule.equals(&local, sizeof local);
+    loadMapKey(rule);
+    rule.translate(nft::map);
+    rule.setLabel(translatedLabel);
+    rule.destinationNat();
+    rule.appendTo(batch);
+}
+
+void addHairpinReturn(NftBatch& batch) {
+    NftRuleBuilder rule(nft::postrouting);
+    rule.isTranslated();
+    rule.meta(NFT_META_IIF, firstPart);
+    rule.meta(NFT_META_OIF, secondPart);
+    rule.lookUp(nft::hairpin);
+    rule.original(NFT_CT_DST_IP, firstPart);
+    rule.meta(NFT_META_L4PROTO, secondPart);
+    rule.original(NFT_CT_PROTO_DST, thirdPart);
+    rule.translate(nft::map);  // only to see that the connection is one of this table's
+    rule.masquerade();
+    rule.appendTo(batch);
+}
+
+void addFlowEnd(NftBatch& batch) {
+    NftRuleBuilder rule(nft::forward);
+    rule.hasLabel(translatedLabel);
+    rule.original(NFT_CT_DST_IP, firstPart);
+    // The connection's protocol, not the packet's: an ICMP error belongs to the flow that it tells of.
+    rule.connection(NFT_CT_PROTOCOL, secondPart);
+    rule.original(NFT_CT_PROTO_DST, thirdPart);
+    rule.reply(NFT_CT_SRC_IP, NftRuleBuilder::fourthPart);
+    rule.reply(NFT_CT_PROTO_SRC, NftRuleBuilder::fifthPart);
+    rule.isNotIn(nft::live);
+    rule.goTo(nft::ended);
+    rule.appendTo(batch);
+}
+
+void addStrayEnd(NftBatch& batch) {
+    NftRuleBuilder outside(nft::forward);
+    outside.hasLabel(translatedLabel);
+    outside.reply(NFT_CT_SRC_IP, firstPart);
+    outside.isNotIn(nft::inside);
+    outside.goTo(nft::ended);
+    outside.appendTo(batch);
+    NftRuleBuilder own(nft::missed);
+    own.hasLabel(translatedLabel);
+    own.goTo(nft::ended);
+    own.appendTo(batch);
+}
+
+/// The kernel would keep the entry of a flow whose client goes on sending, and so lead it to the former
+/// target for ever. The log is to tell which entry must go. It shows the packet, not the entry, so the packet
+/// gets back the destination that it came with, and loses it again before it is answered.
+void addFarewell(NftBatch& batch) {
+    NftRuleBuilder log(nft::ended);
+    log.isOriginal();
+    log.limit(logsPerSecond);
+    log.original(NFT_CT_DST_IP, firstPart);
+    log.original(NFT_CT_PROTO_DST, secondPart);
+    writeDestination(log);
+    log.log(flowLogGroup);
+    log.reply(NFT_CT_SRC_IP, firstPart);
+    log.reply(NFT_CT_PROTO_SRC, secondPart);
+    writeDestination(log);
+    log.appendTo(batch);
+    NftRuleBuilder reset(nft::ended);
+    const std::uint8_t tcp = IPPROTO_TCP;
+    reset.meta(NFT_META_L4PROTO, firstPart);
+    reset.equals(&tcp, sizeof tcp);
+    reset.rejectWithReset();
+    reset.appendTo(batch);
+    NftRuleBuilder rest(nft::ended);
+    rest.drop();
+    rest.appendTo(batch);
+}
+
+/// A flow from before its port was mapped has an entry that leads to the router: the log tells that it is to
+/// go. One that begins while the port is mapped and comes here nevertheless was sent here by another table,
+/// which would do so again. Its label says that it is to be left alone.
+void addMissedFlows(NftBatch& batch) {
+    NftRuleBuilder foreign = missedFlow(false);
+    loadMapKey(foreign);
+    foreign.lookUp(nft::map);
+    foreign.setLabel(foreignLabel);
+    foreign.appendTo(batch);
+    NftRuleBuilder stale = missedFlow(true);
+    stale.lacksLabel(foreignLabel);
+    loadMapKey(stale);
+    stale.lookUp(nft::map);
+    stale.limit(logsPerSecond);
+    stale.log(flowLogGroup);
+    stale.appendTo(batch);
+}
+
+}  // namespace router

@@ -1,0 +1,238 @@
+#include "firewall/table.h"
+
+#include <errno.h>
+#include <linux/netlink.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+#include "firewall/features.h"
+#include "firewall/objects.h"
+#include "firewall/rules.h"
+#include "tk/fd.h"
+#include "tk/log.h"
+
+namespace router {
+
+namespace {
+
+constexpr int bufferBytes = 32 * 1024 * 1024;  // for a transaction that removes all rules of a large table
+constexpr std::uint32_t retryTicks = 100;      // 1 s
+constexpr std::size_t pieceSize = 64;          // what the smallest of socket buffers takes
+
+/// True unless the kernel knows nothing of IPv6, which nobody can send then.
+bool hasIp6() {
+    const tk::Fd attempt(::socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    return attempt.isOpen() || errno != EAFNOSUPPORT;
+}
+
+/// What `left` has and `right` has not. Both are sorted.
+template <typename List>
+List without(const List& left, const List& right) {
+    List out;
+    std::set_difference(left.begin(), left.end(), right.begin(), right.end(), std::inserter(out, out.end()));
+    return out;
+}
+
+constexpr const char* changeUnanswered = "the kernel did not tell what became of a change";
+constexpr const char* changeRefused = "the kernel refused a change before";
+
+/// Appends one piece for each so many of all.
+template <typename Entry, typename Append>
+void cut(std::span<const Entry> all, std::vector<std::function<void(NftBatch&)>>& out, Append append) {
+    while (!all.empty()) {
+        const auto part = all.first(std::min(all.size(), pieceSize));
+        all = all.subspan(part.size());
+        out.push_back([append, kept = std::vector<Entry>(part.begin(), part.end())](NftBatch& batch) {
+            append(batch, kept);
+        });
+    }
+}
+
+using Numbers = std::vector<std::uint32_t>;
+
+/// The same for numbers that are added as a set.
+template <typename Append>
+void cut(const std::set<std::uint32_t>& all, std::vector<std::function<void(NftBatch&)>>& out,
+         Append append) {
+    const Numbers numbers(all.begin(), all.end());
+    cut<std::uint32_t>(numbers, out, [append](NftBatch& batch, const Numbers& part) {
+        append(batch, std::set<std::uint32_t>(part.begin(), part.end()));
+    });
+}
+
+}  // namespace
+
+bool NftTable::open(std::string& reason) {
+    if (!socket.open(NETLINK_NETFILTER)) {
+        reason = "nf_tables: " + tk::errorText();
+        return false;
+    }
+    socket.setBuffers(bufferBytes, bufferBytes);
+    guardsIp6 = guard.limitsConnections && hasIp6();
+    const NetlinkResult result = make();
+    if (result.ok()) return true;
+    if (result.error == EPERM)
+        reason = "nf_tables: no permission, or another process owns the table \"ip tk\"";
+    else if (const std::string missing = missingFeature(socket, nftFeatures(), guardsIp6); !missing.empty())
+        reason = "nf_tables: this kernel lacks " + missing;
+    else
+        reason = "nf_tables: " + result.text;
+    socket.close();
+    return false;
+}
+
+bool NftTable::endFlows(std::string& reason) {
+    const NetlinkResult result = change([this](NftBatch& batch) { addEnds(batch); });
+    if (!result.ok()) reason = "nf_tables: " + result.text;
+    endsFlows = result.ok();
+    return result.ok();
+}
+
+void NftTable::addEnds(NftBatch& batch) const {
+    addFlowEnd(batch);
+    if (checksTargets) addStrayEnd(batch);
+}
+
+/// What the table consists of, in the order in which it is made. Flows are looked at last, when all that
+/// they are compared with is there.
+std::vector<NftTable::Fill> NftTable::pieces() const {
+    std::vector<Fill> out;
+    out.push_back([this](NftBatch& batch) {
+        removeTable(batch, isMade);
+        createTable(batch);
+        createGuard(batch, guard);
+        if (!guardsIp6) return;
+        removeTable(batch, isMade, nft::ip6);
+        createGuardOfIp6(batch);
+    });
+    // The users first: they are never free to send.
+    if (guard.limitsConnections)
+        cut(guarded, out, [this](NftBatch& batch, const std::set<std::uint32_t>& users) {
+            addUsers(batch, users, guardsIp6);
+        });
+    cut(inside.interfaces, out, &addHairpins);
+    cut<AddressRange>(inside.addresses, out,
+                      [](NftBatch& batch, const std::vector<AddressRange>& part) { addInside(batch, part); });
+    std::vector<NatElement> all;
+    for (const auto& [key, element] : elements) all.push_back(element);
+    cut<NatElement>(all, out,
+                    [](NftBatch& batch, const std::vector<NatElement>& part) { addElements(batch, part); });
+    if (endsFlows) out.emplace_back([this](NftBatch& batch) { addEnds(batch); });
+    return out;
+}
+
+/// Sends pieces in one transaction, or where the socket does not take that, in as many as it takes.
+NetlinkResult NftTable::send(std::span<const Fill> fills) {
+    NftBatch batch(socket);
+    for (const Fill& fill : fills) fill(batch);
+    NetlinkResult result = batch.commit();
+    if (result.error != EMSGSIZE || fills.size() < 2) return result;
+    const std::size_t half = fills.size() / 2;
+    result = send(fills.first(half));
+    return result.ok() ? send(fills.subspan(half)) : result;
+}
+
+NetlinkResult NftTable::make() {
+    NetlinkResult result = send(pieces());
+    isMade = isMade || result.ok();
+    return result;
+}
+
+NetlinkResult NftTable::makeAnew() {
+    NetlinkResult result = make();
+    if (result.ok()) {
+        tk::log("nat: the table is made anew: ", doubt);
+        doubt = nullptr;
+        reported = false;
+    } else if (!std::exchange(reported, true)) {
+        tk::log("nat: the table cannot be made anew: ", result.text);
+    }
+    return result;
+}
+
+/// Sends one change, to a table that is what it should be.
+NetlinkResult NftTable::attempt(const Fill& fill) {
+    if (doubt)
+        if (NetlinkResult result = makeAnew(); !result.ok()) return result;
+    NftBatch batch(socket);
+    fill(batch);
+    NetlinkResult result = batch.commit();
+    if (result.unanswered) doubt = changeUnanswered;
+    return result;
+}
+
+/// Brings a change about. Errors: the table is as it was before, or is made so as soon as that is possible.
+NetlinkResult NftTable::change(const Fill& fill) {
+    const bool wasSure = doubt == nullptr;
+    NetlinkResult result = attempt(fill);
+    if (wasSure && doubt) result = attempt(fill);
+    if (doubt) mendLater();
+    return result;
+}
+
+/// Brings about what must be sooner or later. The caller notes it down, whatever the kernel says now: the
+/// table is made anew with it when the kernel refuses.
+void NftTable::insist(const Fill& fill, const std::string& trouble) {
+    const NetlinkResult result = change(fill);
+    if (result.ok()) return;
+    tk::log(trouble, ": ", result.text);
+    doubt = changeRefused;
+    mendLater();
+}
+
+void NftTable::mendLater() {
+    if (!std::exchange(isMending, true)) mendTimer.arm(retryTicks);
+}
+
+void NftTable::mend() {
+    isMending = false;
+    if (doubt && !makeAnew().ok()) mendLater();
+}
+
+bool NftTable::commit(std::span<const NatElement> removed, std::span<const NatElement> added,
+                      std::string& reason) {
+    const NetlinkResult result = change([&](NftBatch& batch) {
+        removeElements(batch, removed);
+        addElements(batch, added);
+    });
+    if (!result.ok()) {
+        reason = result.text;
+        return false;
+    }
+    remember(removed, added);
+    return true;
+}
+
+NftTable::Key NftTable::keyOf(const NatElement& element) {
+    return {element.destination, element.protocol, element.port};
+}
+
+void NftTable::remember(std::span<const NatElement> removed, std::span<const NatElement> added) {
+    for (const NatElement& element : removed) elements.erase(keyOf(element));
+    for (const NatElement& element : added) elements[keyOf(element)] = element;
+}
+
+void NftTable::guardUser(std::uint32_t user) {
+    if (!guard.limitsConnections || !socket.isOpen() || guarded.contains(user)) return;
+    insist([this, user](NftBatch& batch) { addUsers(batch, {user}, guardsIp6); },
+           "guard: what user " + std::to_string(user) + " sends cannot be limited");
+    guarded.insert(user);
+}
+
+void NftTable::insideChanged(const Inside& now) {
+    if (!socket.isOpen() || now == inside) return;
+    insist(
+        [&](NftBatch& batch) {
+            removeHairpins(batch, without(inside.interfaces, now.interfaces));
+            addHairpins(batch, without(now.interfaces, inside.interfaces));
+            removeInside(batch, without(inside.addresses, now.addresses));
+            addInside(batch, without(now.addresses, inside.addresses));
+        },
+        "nat: what is inside cannot be set");
+    inside = now;
+}
+
+}  // namespace router

@@ -1,0 +1,88 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <set>
+#include <span>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "firewall/batch.h"
+#include "firewall/guardconfig.h"
+#include "firewall/natkernel.h"
+#include "links/zones.h"
+#include "netlink/socket.h"
+#include "tk/timer.h"
+
+namespace router {
+
+/// The router's table in nf_tables, and the one that guards IPv6 beside it. They are owned by the socket of
+/// this object: nobody else can change them, and they go with the process, however that ends.
+///
+/// A change whose outcome the kernel does not tell is settled by making the tables anew as they were.
+class NftTable final : public NatKernel, public InsideWatcher {
+public:
+    /// `checksTargets`: connections to targets that are not inside, or not any more, are ended.
+    explicit NftTable(const GuardConfig& guard = {}, bool checksTargets = true)
+        : guard(guard), checksTargets(checksTargets) {}
+    NftTable(const NftTable&) = delete;
+    NftTable& operator=(const NftTable&) = delete;
+
+    /// Makes the table, in place of one that was left behind. Flows of rules are let pass, whosever they
+    /// were, until endFlows().
+    /// Errors: false, with the reason in `reason`: also when another process owns the table, and when the
+    /// kernel lacks something that the table needs.
+    [[nodiscard]] bool open(std::string& reason);
+    /// Ends the flows that are not of a present rule, from now on: those of a former process, and of each
+    /// rule that goes. Call once the rules are there whose flows shall live on.
+    /// Errors: false, with the reason in `reason`.
+    [[nodiscard]] bool endFlows(std::string& reason);
+
+    [[nodiscard]] bool commit(std::span<const NatElement> removed, std::span<const NatElement> added,
+                              std::string& reason) override;
+
+    // What the kernel refuses of these is logged, and tried again each second.
+
+    /// Limits what a user's processes send to hosts inside, from now on for as long as the table exists.
+    void guardUser(std::uint32_t user);
+    /// The guard lets its users send to these addresses alone, and a connection may come back through these
+    /// interfaces alone.
+    void insideChanged(const Inside& now) override;
+
+private:
+    using Key = std::tuple<std::uint32_t, std::uint8_t, std::uint16_t>;
+    static Key keyOf(const NatElement& element);
+
+    using Fill = std::function<void(NftBatch&)>;
+
+    void addEnds(NftBatch& batch) const;
+    [[nodiscard]] std::vector<Fill> pieces() const;
+    [[nodiscard]] NetlinkResult send(std::span<const Fill> fills);
+    [[nodiscard]] NetlinkResult make();
+    [[nodiscard]] NetlinkResult makeAnew();
+    [[nodiscard]] NetlinkResult attempt(const Fill& fill);
+    [[nodiscard]] NetlinkResult change(const Fill& fill);
+    void insist(const Fill& fill, const std::string& trouble);
+    void remember(std::span<const NatElement> removed, std::span<const NatElement> added);
+    void mendLater();
+    void mend();
+
+    NetlinkSocket socket;
+    bool isMade = false;
+    bool guardsIp6 = false;
+    const GuardConfig guard;
+    const bool checksTargets;
+    // What is in the table, and what it is made anew from.
+    Inside inside;
+    std::set<std::uint32_t> guarded;  // users
+    std::map<Key, NatElement> elements;
+    bool endsFlows = false;
+    const char* doubt = nullptr;  // why the table may be different from that; null when it is not
+    bool reported = false;        // that it cannot be made anew
+    bool isMending = false;       // as soon as the timer ends
+    tk::Timer<NftTable, &NftTable::mend> mendTimer{*this};
+};
+
+}  // namespace router

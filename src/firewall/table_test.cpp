@@ -1,0 +1,361 @@
+// The table with the real kernel, in a network namespace of the test's own, looked at with nft(8).
+
+#include "firewall/table.h"
+
+#include <linux/netlink.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <memory>
+#include <set>
+
+#include <gtest/gtest.h>
+
+#include "links/testing/fakekernel.h"
+#include "tk/testing/commands.h"
+#include "tk/testing/privatenetwork.h"
+#include "tk/testing/testloop.h"
+
+namespace router {
+namespace {
+
+using testing::address;
+
+NatElement element(std::uint16_t port, const char* target = "192.0.2.2", std::uint16_t targetPort = 8080) {
+    return {address("198.51.100.1"), 6, port, address(target), targetPort};
+}
+
+constexpr AddressRange lan{0xC0000200, 0xC00002FF};  // 192.0.2.0/24
+
+class NftTableTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!tk::testing::enterPrivateNetwork()) GTEST_SKIP() << "needs root";
+        descriptor = ::dup(STDOUT_FILENO);  // the lowest that is free, as the table's socket will be
+        ::close(descriptor);
+        std::string reason;
+        ASSERT_TRUE(table->open(reason)) << reason;
+    }
+    using Elements = std::vector<NatElement>;
+    std::string commit(const Elements& removed, const Elements& added) {
+        std::string reason;
+        return table->commit(removed, added, reason) ? "" : reason;
+    }
+    static std::string nft(const std::string& arguments) {
+        bool failed = false;
+        return testing::run("nft " + arguments + " 2>&1", failed);
+    }
+    void endFlows() {
+        std::string reason;
+        ASSERT_TRUE(table->endFlows(reason)) << reason;
+    }
+    /// The lines of the map's elements as nft lists them, and of what is live.
+    static std::string mapText() { return elementsOf("map ip tk dstnat"); }
+    static std::string liveText() { return elementsOf("set ip tk live"); }
+    static std::string elementsOf(const std::string& name) {
+        const std::string text = nft("list " + name);
+        const std::size_t start = text.find("elements");
+        return start == std::string::npos ? "" : text.substr(start, text.find('}', start) + 1 - start);
+    }
+
+    /// Lets the kernel find no room for the answer to the next transaction.
+    void fillSocket() const {
+        const int size = 4096;
+        ASSERT_EQ(::setsockopt(descriptor, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size), 0);
+        const nlmsghdr idle{sizeof idle, NLMSG_NOOP, NLM_F_REQUEST | NLM_F_ACK, 0, 0};
+        for (int i = 0; i < 1000; ++i)
+            ASSERT_EQ(::send(descriptor, &idle, sizeof idle, 0), static_cast<ssize_t>(sizeof idle));
+    }
+    /// Bounds what can be sent in one transaction.
+    void limitSending(int bytes) const {
+        ASSERT_EQ(::setsockopt(descriptor, SOL_SOCKET, SO_SNDBUFFORCE, &bytes, sizeof bytes), 0);
+    }
+    /// As many interfaces as do not fit one transaction where the least that there is can be sent.
+    static std::set<std::uint32_t> manyIndexes() {
+        std::set<std::uint32_t> many;
+        for (std::uint32_t index = 1; index <= 1000; ++index) many.insert(index);
+        return many;
+    }
+    static int count(const std::string& text, const std::string& wanted) {
+        int found = 0;
+        for (std::size_t at = text.find(wanted); at != std::string::npos; at = text.find(wanted, at + 1))
+            ++found;
+        return found;
+    }
+    /// The table's first line, with its number: that of another table is another.
+    static std::string identity() {
+        const std::string text = nft("-a list table ip tk");
+        return text.substr(0, text.find('\n'));
+    }
+
+    tk::testing::TestLoop loop;
+    int descriptor = -1;
+    std::unique_ptr<NftTable> table = std::make_unique<NftTable>();
+};
+
+TEST_F(NftTableTest, IsWhatItIsMeantToBe) {
+    const std::string text = nft("list table ip tk");
+    for (const char* line :
+         {"flags owner", "type ipv4_addr . inet_proto . inet_service : ipv4_addr . inet_service",
+          "type nat hook prerouting priority dstnat + 10; policy accept;",
+          "type ipv4_addr . inet_proto . inet_service . ipv4_addr . inet_service",
+          "fib daddr type local ct label set 116 dnat ip to ip daddr . meta l4proto . th dport map @dstnat",
+          "type filter hook forward priority filter - 10; policy accept;", "reject with tcp reset",
+          "type filter hook input priority filter - 10; policy accept;",
+          "type nat hook postrouting priority srcnat; policy accept;",
+          "ct status dnat iif . oif @hairpin masquerade"})
+        EXPECT_NE(text.find(line), std::string::npos) << line << " is not in\n" << text;
+}
+
+TEST_F(NftTableTest, LetsFlowsPassUntilItIsToldToEndThem) {
+    EXPECT_EQ(nft("list chain ip tk forward").find("ended"), std::string::npos);
+    endFlows();
+    EXPECT_NE(nft("list chain ip tk forward")
+                  .find("ct label 116 ct original ip daddr . ct protocol . ct original proto-dst . "
+                        "ct reply ip saddr . ct reply proto-src != @live goto ended"),
+              std::string::npos);
+}
+
+TEST_F(NftTableTest, WhatIsLiveIsWhatIsMapped) {
+    EXPECT_EQ(commit({}, {element(80)}), "");
+    EXPECT_EQ(liveText(), "elements = { 198.51.100.1 . tcp . 80 . 192.0.2.2 . 8080 }");
+    EXPECT_EQ(commit({element(80)}, {element(80, "192.0.2.3", 81)}), "");
+    EXPECT_EQ(liveText(), "elements = { 198.51.100.1 . tcp . 80 . 192.0.2.3 . 81 }");
+    EXPECT_EQ(commit({}, {element(81), element(80)}), "File exists");
+    EXPECT_EQ(liveText(), "elements = { 198.51.100.1 . tcp . 80 . 192.0.2.3 . 81 }");
+    EXPECT_EQ(commit({element(80, "192.0.2.3", 81)}, {}), "");
+    EXPECT_EQ(liveText(), "");
+}
+
+TEST_F(NftTableTest, AddsChangesAndRemovesElements) {
+    EXPECT_EQ(commit({}, {element(80)}), "");
+    EXPECT_EQ(mapText(), "elements = { 198.51.100.1 . tcp . 80 : 192.0.2.2 . 8080 }");
+    EXPECT_EQ(commit({element(80)}, {element(80, "192.0.2.3", 81)}), "");
+    EXPECT_EQ(mapText(), "elements = { 198.51.100.1 . tcp . 80 : 192.0.2.3 . 81 }");
+    EXPECT_EQ(commit({element(80, "192.0.2.3", 81)}, {}), "");
+    EXPECT_EQ(mapText(), "");
+}
+
+TEST_F(NftTableTest, PortZeroIsTheKernelsToDecide) {
+    EXPECT_EQ(commit({}, {element(0, "192.0.2.2", 0)}), "");
+    EXPECT_EQ(mapText(), "elements = { 198.51.100.1 . tcp . 0 : 192.0.2.2 . 0 }");
+}
+
+TEST_F(NftTableTest, ARefusedTransactionChangesNothing) {
+    EXPECT_EQ(commit({}, {element(80)}), "");
+    EXPECT_EQ(commit({}, {element(81), element(80)}), "File exists");
+    EXPECT_EQ(commit({element(99)}, {element(82)}), "No such file or directory");
+    EXPECT_EQ(mapText(), "elements = { 198.51.100.1 . tcp . 80 : 192.0.2.2 . 8080 }");
+    EXPECT_EQ(commit({}, {element(81)}), "");
+}
+
+TEST_F(NftTableTest, NobodyElseCanChangeIt) {
+    EXPECT_EQ(commit({}, {element(80)}), "");
+    bool failed = false;
+    testing::run("nft flush ruleset", failed);
+    testing::run("nft delete table ip tk 2>/dev/null", failed);
+    EXPECT_TRUE(failed);
+    EXPECT_EQ(mapText(), "elements = { 198.51.100.1 . tcp . 80 : 192.0.2.2 . 8080 }");
+    NftTable second;
+    std::string reason;
+    EXPECT_FALSE(second.open(reason));
+    EXPECT_EQ(reason, "nf_tables: no permission, or another process owns the table \"ip tk\"");
+}
+
+TEST_F(NftTableTest, GoesWithItsOwner) {
+    EXPECT_EQ(commit({}, {element(80)}), "");
+    table.reset();
+    EXPECT_EQ(nft("list tables"), "");
+}
+
+TEST_F(NftTableTest, ReplacesATableThatWasLeftBehind) {
+    table.reset();
+    EXPECT_EQ(nft("add table ip tk; nft add chain ip tk old"), "");
+    table = std::make_unique<NftTable>();
+    std::string reason;
+    ASSERT_TRUE(table->open(reason)) << reason;
+    EXPECT_EQ(nft("list table ip tk").find("old"), std::string::npos);
+}
+
+TEST_F(NftTableTest, TakesAWholeTableOutInOneTransaction) {
+    Elements all;
+    for (std::uint32_t port = 0; port < 60000; ++port)
+        all.push_back(element(static_cast<std::uint16_t>(port)));
+    EXPECT_EQ(commit({}, all), "");
+    EXPECT_EQ(commit({}, {element(60001)}), "");
+    EXPECT_EQ(commit(all, {}), "");
+    EXPECT_EQ(mapText(), "elements = { 198.51.100.1 . tcp . 60001 : 192.0.2.2 . 8080 }");
+}
+
+TEST_F(NftTableTest, HairpinsFollowTheInsideInterfaces) {
+    table->insideChanged({{1}, {}});
+    EXPECT_NE(nft("list set ip tk hairpin").find("\"lo\" . \"lo\""), std::string::npos);
+    table->insideChanged({});
+    EXPECT_EQ(nft("list set ip tk hairpin").find("elements"), std::string::npos);
+}
+
+TEST_F(NftTableTest, InsideAddressesAreAnIntervalSet) {
+    const auto elements = [] {
+        const std::string text = nft("list set ip tk inside");
+        const std::size_t start = text.find("elements");
+        return start == std::string::npos ? "" : text.substr(start, text.find('}', start) + 1 - start);
+    };
+    std::string ranges = "10.0.0.0-10.0.0.4, 192.0.2.0/24,\n\t\t\t     255.255.255.0/24";
+    table->insideChanged({{}, {{0x0A000000, 0x0A000004}, lan, {0xFFFFFF00, 0xFFFFFFFF}}});
+    EXPECT_EQ(elements(), "elements = { " + ranges + " }");
+    table->insideChanged({{}, {{0x0A000000, 0x0A000FFF}, {0xFFFFFF01, 0xFFFFFFFF}}});
+    EXPECT_EQ(elements(), "elements = { 10.0.0.0/20, 255.255.255.1-255.255.255.255 }");
+    table->insideChanged({{}, {{0, 0xFFFFFFFF}}});
+    EXPECT_EQ(elements(), "elements = { 0.0.0.0/0 }");
+    table->insideChanged({});
+    EXPECT_EQ(elements(), "");
+}
+
+TEST_F(NftTableTest, AChangeWhoseAnswerIsLostIsMadeOnce) {
+    EXPECT_EQ(commit({}, {element(80)}), "");
+    const std::string before = identity();
+    fillSocket();
+    EXPECT_EQ(commit({element(80)}, {element(81)}), "");
+    EXPECT_NE(identity(), before);
+    EXPECT_NE(nft("list table ip tk").find("flags owner"), std::string::npos);
+    EXPECT_EQ(mapText(), "elements = { 198.51.100.1 . tcp . 81 : 192.0.2.2 . 8080 }");
+    EXPECT_EQ(commit({element(81)}, {}), "");
+    EXPECT_EQ(mapText(), "");
+}
+
+TEST_F(NftTableTest, WhatWasRefusedForWantOfAnAnswerIsNotThereASecondLater) {
+    table->insideChanged({manyIndexes(), {}});
+    limitSending(1);  // the least that there is, too little to make the table anew at once
+    fillSocket();
+    EXPECT_EQ(commit({}, {element(80)}), "Message too long");
+    limitSending(1024 * 1024);
+    loop.advance(99);
+    EXPECT_NE(mapText().find(". 80 :"), std::string::npos);  // the kernel had done it
+    loop.advance(1);
+    EXPECT_EQ(mapText(), "");
+    EXPECT_EQ(commit({}, {element(80)}), "");
+}
+
+TEST_F(NftTableTest, ARefusalWhoseAnswerIsLostIsStillARefusal) {
+    EXPECT_EQ(commit({}, {element(80)}), "");
+    fillSocket();
+    EXPECT_EQ(commit({}, {element(81), element(80)}), "File exists");
+    EXPECT_EQ(mapText(), "elements = { 198.51.100.1 . tcp . 80 : 192.0.2.2 . 8080 }");
+}
+
+TEST_F(NftTableTest, ThousandsOfInsideNetworksAreThereAndGoAgain) {
+    Inside many;
+    for (std::uint32_t i = 0; i < 5000; ++i) {
+        many.interfaces.insert(i + 1);
+        many.addresses.push_back({0x0A000000 + i * 512, 0x0A000000 + i * 512 + 255});
+    }
+    table->insideChanged(many);
+    const std::string text = nft("list set ip tk inside");
+    EXPECT_EQ(std::count(text.begin(), text.end(), '/'), 5000);
+    table->insideChanged({});
+    EXPECT_EQ(nft("list set ip tk inside").find("elements"), std::string::npos);
+    EXPECT_EQ(nft("list set ip tk hairpin").find("elements"), std::string::npos);
+}
+
+TEST_F(NftTableTest, AChangeOfTheInsideWhoseAnswerIsLostIsMadeOnce) {
+    table->insideChanged({{1}, {lan}});
+    fillSocket();
+    table->insideChanged({});
+    EXPECT_EQ(nft("list set ip tk inside").find("elements"), std::string::npos);
+    table->insideChanged({{1}, {lan}});
+    EXPECT_NE(nft("list set ip tk inside").find("elements = { 192.0.2.0/24 }"), std::string::npos);
+}
+
+TEST_F(NftTableTest, AnInsideAndUsersThatTheKernelRefusesAreSetASecondLater) {
+    limitSending(1);
+    table->insideChanged({manyIndexes(), {lan}});
+    table->guardUser(64001);
+    limitSending(1024 * 1024);
+    EXPECT_EQ(nft("list set ip tk inside").find("elements"), std::string::npos);
+    loop.advance(100);
+    EXPECT_NE(nft("list set ip tk inside").find("elements = { 192.0.2.0/24 }"), std::string::npos);
+    EXPECT_NE(nft("list set ip tk hairpin").find("\"lo\" . \"lo\""), std::string::npos);
+    EXPECT_NE(nft("list set ip tk guarded").find("elements = { 64001 }"), std::string::npos);
+    EXPECT_NE(nft("list set ip6 tk guarded").find("elements = { 64001 }"), std::string::npos);
+    table->insideChanged({{1}, {}});
+    EXPECT_EQ(nft("list set ip tk inside").find("elements"), std::string::npos);
+}
+
+TEST_F(NftTableTest, GuardsUsersWhateverTheySend) {
+    EXPECT_EQ(nft("list set ip tk guarded").find("elements"), std::string::npos);
+    table->guardUser(64001);
+    table->guardUser(64001);
+    for (const char* family : {"ip", "ip6"})
+        EXPECT_NE(nft(std::string("list set ") + family + " tk guarded").find("elements = { 64001 }"),
+                  std::string::npos);
+    std::string text = nft("list table ip tk");
+    for (const char* line : {"meta skuid @guarded jump daemon",
+                             "fib daddr type != local oif . oif @hairpin ip daddr @inside accept",
+                             "ip daddr 239.255.255.250 udp dport 1900 oif . oif @hairpin accept",
+                             "reject with tcp reset", "reject with icmp admin-prohibited"})
+        EXPECT_NE(text.find(line), std::string::npos) << line << " is not in\n" << text;
+    text = nft("list table ip6 tk");
+    for (const char* line : {"flags owner", "meta skuid @guarded reject with tcp reset",
+                             "meta skuid @guarded reject with icmpv6 admin-prohibited"})
+        EXPECT_NE(text.find(line), std::string::npos) << line << " is not in\n" << text;
+}
+
+TEST_F(NftTableTest, IsMadeAnewInPartsWhereItDoesNotFitOneTransaction) {
+    Elements many;
+    for (std::uint16_t port = 1000; port < 4000; ++port) many.push_back(element(port));
+    EXPECT_EQ(commit({}, many), "");
+    table->insideChanged({manyIndexes(), {lan}});
+    endFlows();
+    const std::string before = identity();
+    limitSending(16384);
+    fillSocket();
+    EXPECT_EQ(commit({}, {element(80)}), "");
+    EXPECT_NE(identity(), before);
+    EXPECT_EQ(count(mapText(), " : "), 3001);
+    EXPECT_EQ(count(liveText(), " . tcp . "), 3001);
+    EXPECT_NE(nft("list set ip tk hairpin").find("1000 . 1000 }"), std::string::npos);
+    EXPECT_NE(nft("list chain ip tk forward").find("goto ended"), std::string::npos);
+    EXPECT_EQ(commit({many.front(), many.back()}, {}), "");
+}
+
+TEST_F(NftTableTest, ThousandsOfInterfacesFitAnySocket) {
+    Inside many;
+    for (std::uint32_t index = 1; index <= 5000; ++index) many.interfaces.insert(index);
+    table->insideChanged(many);
+    limitSending(16384);
+    fillSocket();
+    EXPECT_EQ(commit({}, {element(80)}), "");
+    EXPECT_EQ(count(nft("list set ip tk hairpin"), " . "), 5000 + 1);  // and the type
+}
+
+TEST_F(NftTableTest, TheGuardIsMadeAnewToo) {
+    table->guardUser(64001);
+    table->insideChanged({{1}, {lan}});
+    fillSocket();
+    EXPECT_EQ(commit({}, {element(80)}), "");
+    EXPECT_NE(nft("list set ip tk guarded").find("elements = { 64001 }"), std::string::npos);
+    EXPECT_NE(nft("list set ip6 tk guarded").find("elements = { 64001 }"), std::string::npos);
+    EXPECT_NE(nft("list set ip tk inside").find("elements = { 192.0.2.0/24 }"), std::string::npos);
+}
+
+TEST(NftTableLimits, AreRulesOfTheInputChain) {
+    if (!tk::testing::enterPrivateNetwork()) GTEST_SKIP() << "needs root";
+    NftTable table({false, 20, 30, 50});
+    std::string reason;
+    ASSERT_TRUE(table.open(reason)) << reason;
+    bool failed = false;
+    const std::string text = testing::run("nft list table ip tk", failed);
+    for (const char* line : {"limit rate over 20/second burst 20 packets } drop",
+                             "limit rate over 30/second burst 30 packets } reject with tcp reset",
+                             "ct count over 50 } reject with tcp reset"})
+        EXPECT_NE(text.find(line), std::string::npos) << line << " is not in\n" << text;
+    EXPECT_EQ(text.find("skuid"), std::string::npos);
+    EXPECT_EQ(text.find("chain daemon"), std::string::npos);
+    table.insideChanged({{1}, {lan}});
+    EXPECT_NE(testing::run("nft list set ip tk hairpin", failed).find("\"lo\" . \"lo\""), std::string::npos);
+    EXPECT_EQ(testing::run("nft list tables", failed), "table ip tk\n");
+}
+
+}  // namespace
+}  // namespace router

@@ -1,0 +1,192 @@
+#include "hub/access.h"
+
+#include <algorithm>
+#include <iterator>
+#include <span>
+
+#include "tk/bus.h"
+#include "tk/names.h"
+#include "tk/records.h"
+
+namespace router {
+
+namespace {
+
+constexpr uid_t root = 0;
+
+/// What is asked of whom; a cell of the table. The numbers are wider than those of a message, which can name
+/// none of the marks below.
+struct Cell {
+    std::uint32_t program;
+    std::uint64_t handler;
+    std::uint64_t command;
+};
+
+constexpr std::uint64_t every = std::uint64_t{1} << 32;    // handler
+constexpr std::uint64_t looking = std::uint64_t{1} << 32;  // command: each that changes nothing
+
+// What changes nothing, whoever is asked.
+constexpr std::uint32_t readings[] = {tk::command::getPolicies, tk::command::getObject, tk::command::getAll,
+                                      tk::command::get, tk::command::getCount};
+
+constexpr std::uint32_t resolveName = 3;  // of the resolver
+
+// What changes nothing of the commands that a handler has for itself.
+constexpr Cell ownReadings[] = {
+    {tk::program::network, 0, tk::listInterfaces},
+    {tk::program::network, 0, tk::tellSide},
+    {tk::program::network, 5, tk::testRule},
+    {tk::program::resolver, 0, resolveName},
+};
+
+// The user of the gateway daemon. Which rules are its own, and which interfaces may go down, is decided where
+// these are kept.
+constexpr Cell ofGateway[] = {
+    {tk::program::network, every, looking},
+    {tk::program::identity, every, looking},
+    {tk::program::resolver, every, looking},
+    {tk::program::network, 5, tk::command::addObject},
+    {tk::program::network, 5, tk::command::setObject},
+    {tk::program::network, 5, tk::command::removeObject},
+    {tk::program::network, 0, tk::command::setObject},
+    {tk::program::history, 0, tk::command::addObject},
+};
+
+// Whoever is neither that user nor the resolver's, which may nothing.
+constexpr Cell ofOthers[] = {
+    {tk::program::network, every, looking},
+    {tk::program::history, every, looking},
+    {tk::program::identity, every, looking},
+    {tk::program::gateway, every, looking},
+};
+
+/// What a command asks of a handler: a path of one element means handler 0.
+Cell cellOf(const tk::Path& path, std::uint32_t command) {
+    return {path.front(), path.size() > 1 ? path[1] : 0, command};
+}
+
+bool isReading(const Cell& asked) {
+    return std::find(std::begin(readings), std::end(readings), asked.command) != std::end(readings) ||
+           std::any_of(std::begin(ownReadings), std::end(ownReadings), [&asked](const Cell& own) {
+               return own.program == asked.program && own.handler == asked.handler &&
+                      own.command == asked.command;
+           });
+}
+
+bool isIn(std::span<const Cell> row, const Cell& asked) {
+    return std::any_of(row.begin(), row.end(), [&asked](const Cell& cell) {
+        return cell.program == asked.program && (cell.handler == every || cell.handler == asked.handler) &&
+               (cell.command == asked.command || (cell.command == looking && isReading(asked)));
+    });
+}
+
+bool mayBe(const UserRights& rights, std::uint32_t program) {
+    return std::find(rights.programs.begin(), rights.programs.end(), program) != rights.programs.end();
+}
+
+bool mayWrite(const UserRights& rights, const Cell& asked) {
+    return std::any_of(rights.writes.begin(), rights.writes.end(), [&asked](const tk::Path& granted) {
+        return granted.front() == asked.program && (granted.size() == 1 || granted[1] == asked.handler);
+    });
+}
+
+bool mayAsk(const UserRights& rights, const Cell& asked) {
+    const bool isOther = !mayBe(rights, tk::program::gateway) && !mayBe(rights, tk::program::resolver);
+    if (isOther && isIn(ofOthers, asked)) return true;
+    if (mayBe(rights, tk::program::gateway) && isIn(ofGateway, asked)) return true;
+    return mayWrite(rights, asked);
+}
+
+/// A path as far as rights tell it apart.
+std::string textOf(const tk::Path& path) {
+    return std::to_string(path.front()) + (path.size() > 1 ? "," + std::to_string(path[1]) : "");
+}
+
+std::string whyNotAsk(const UserRights& rights, const tk::Path& path, std::uint32_t command) {
+    const Cell asked = cellOf(path, command);
+    // Somebody else's change is taken back: more than to write records.
+    if (asked.program == tk::program::history && command == tk::undoLast)
+        return rights.undoes ? "" : "may not undo changes: it needs undo = true";
+    if (mayAsk(rights, asked)) return {};
+    const std::string place = textOf(path);
+    return (isReading(asked) ? "may not look at {" : "may not change {") + place +
+           "}: it needs writes = [\"" + place + "\"]";
+}
+
+std::string whyNotBe(const UserRights& rights, const std::string& what, std::uint32_t program) {
+    const std::string number = std::to_string(program);
+    return mayBe(rights, program) ? ""
+                                  : "may not " + what + number + ": it needs programs = [" + number + "]";
+}
+
+/// What the hub itself is asked. The rest of its commands concern nobody but their sender.
+std::string whyNotCommand(const UserRights& rights, const tk::message& request) {
+    switch (request.get_u32(tk::field::command)) {
+        case tk::command::hubRegister:
+            return whyNotBe(rights, "register program ", request.get_u32(tk::hubfield::program));
+        case tk::command::hubTrace:
+            return rights.traces ? "" : "may not trace: it needs trace = true";
+        case tk::command::hubSubscribe: {
+            const tk::Path& path = request.get_u32_array(tk::hubfield::path);
+            return path.empty() ? "" : whyNotAsk(rights, path, tk::command::get);
+        }
+        default:
+            return {};
+    }
+}
+
+bool isProgram(const tk::message& sent) {
+    const tk::Path& from = sent.get_u32_array(tk::field::sender);
+    return !from.empty() && from.front() < tk::program::firstClient;
+}
+
+std::string whyNotRequest(const UserRights& rights, const tk::message& request) {
+    const tk::Path& to = request.get_u32_array(tk::field::destination);
+    if (to.empty()) return {};  // goes nowhere
+    if (to.front() == tk::program::hub) return whyNotCommand(rights, request);
+    const std::uint32_t command = request.get_u32(tk::field::command);
+    // A client's records would go with it, and push out those of others before.
+    if (to.front() == tk::program::history && command == tk::command::addObject && !isProgram(request) &&
+        mayBe(rights, tk::program::gateway) && !mayWrite(rights, cellOf(to, command)))
+        return "may not record changes: it is no program";
+    return whyNotAsk(rights, to, command);
+}
+
+/// Notifications and answers come from programs, in their own name.
+std::string whyNotSpeak(const UserRights& rights, const tk::message& sent) {
+    if (!isProgram(sent)) return "may not tell anything: it is no program";
+    return whyNotBe(rights, "speak as program ", sent.get_u32_array(tk::field::sender).front());
+}
+
+}  // namespace
+
+Access::Access(const std::vector<UserRights>& all) {
+    for (const UserRights& each : all) {
+        UserRights& rights = users[each.uid];
+        rights.uid = each.uid;
+        rights.programs.insert(rights.programs.end(), each.programs.begin(), each.programs.end());
+        rights.writes.insert(rights.writes.end(), each.writes.begin(), each.writes.end());
+        rights.traces |= each.traces;
+        rights.undoes |= each.undoes;
+        rights.isAdmin |= each.isAdmin;
+    }
+}
+
+const UserRights& Access::rightsOf(uid_t user) const {
+    static const UserRights none;
+    const auto known = users.find(user);
+    return known == users.end() ? none : known->second;
+}
+
+std::string Access::whyRefused(uid_t user, const tk::message& sent) const {
+    const UserRights& rights = rightsOf(user);
+    if (user == root || rights.isAdmin) return {};
+    return tk::kindOf(sent) == tk::Kind::request ? whyNotRequest(rights, sent) : whyNotSpeak(rights, sent);
+}
+
+bool Access::runsPrograms(uid_t user) const {
+    const UserRights& rights = rightsOf(user);
+    return user == root || rights.isAdmin || !rights.programs.empty();
+}
+
+}  // namespace router

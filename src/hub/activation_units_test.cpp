@@ -1,0 +1,241 @@
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "hub/activation.h"
+#include "hub/launcher.h"
+#include "hub/spawn.h"
+#include "hub/testing/fakeprocesses.h"
+#include "hub/testing/testhub.h"
+#include "tk/names.h"
+
+namespace router {
+namespace {
+
+using testing::codeOf;
+using testing::FakeProcesses;
+using testing::TestClient;
+
+constexpr std::uint32_t command = 77;
+constexpr std::uint32_t second = 100;  // ticks
+
+constexpr int good = 0;
+constexpr int status5 = 5 << 8;
+
+/// A program that is a unit, asked for over the bus.
+class UnitActivationTest : public ::testing::Test, public Activation::Owner {
+protected:
+    UnitActivationTest() { bus.hub.setStarter(&activation); }
+    ~UnitActivationTest() override { bus.hub.close(); }
+
+    void programEnded(std::uint32_t, const std::string& how, bool) override {
+        ADD_FAILURE() << "no program of ours " << how;
+    }
+    void startFailed(std::uint32_t program, const std::string& reason) override {
+        bus.hub.programFailed(program, reason);
+    }
+    bool isAwaited(std::uint32_t program) const override { return bus.hub.awaits(program); }
+
+    /// Lets a client ask the program, and gives what has come back.
+    std::vector<tk::message> ask() {
+        client->request({80}, command);
+        bus.settle();
+        return client->take();
+    }
+    /// The program comes to the bus; gives the requests that it finds there behind the reply to its own.
+    std::vector<tk::message> come() {
+        program = bus.connect();
+        tk::message content;
+        content.insert_u32(1, 80);
+        program->request({0}, tk::command::hubRegister, content);
+        bus.settle();
+        std::vector<tk::message> arrived = program->take();
+        EXPECT_FALSE(arrived.empty());
+        if (!arrived.empty()) arrived.erase(arrived.begin());
+        return arrived;
+    }
+    void endCommand(int status) {
+        processes.end(status);
+        bus.settle();
+    }
+    std::vector<std::string> times(std::size_t count) const { return {count, "upnpd.service"}; }
+
+    FakeProcesses processes;
+    testing::TestHub bus;
+    Activation activation{{{80, {}, false, {}, "upnpd.service"}}, *this, processes};
+    std::unique_ptr<TestClient> client = bus.connect();
+    std::unique_ptr<TestClient> program;
+};
+
+TEST_F(UnitActivationTest, TheGoodEndOfTheCommandIsNotTheProgramsEnd) {
+    EXPECT_TRUE(ask().empty());
+    EXPECT_EQ(processes.started, times(1));
+    endCommand(good);
+    EXPECT_TRUE(client->take().empty());
+    EXPECT_FALSE(activation.isRunning());
+    const auto requests = come();
+    ASSERT_EQ(requests.size(), 1U);
+    program->answer(requests.front(), {});
+    bus.settle();
+    EXPECT_EQ(client->take().size(), 1U);
+}
+
+TEST_F(UnitActivationTest, AProgramMayComeBeforeTheCommandEnds) {
+    EXPECT_TRUE(ask().empty());
+    EXPECT_EQ(come().size(), 1U);
+    endCommand(good);
+    bus.advance(5 * second);
+    EXPECT_EQ(processes.started, times(1));
+    EXPECT_TRUE(client->take().empty());
+}
+
+TEST_F(UnitActivationTest, AFailedCommandEndsTheRequestsAtOnce) {
+    EXPECT_TRUE(ask().empty());
+    endCommand(status5);
+    const auto ends = client->take();
+    ASSERT_EQ(ends.size(), 1U);
+    EXPECT_EQ(codeOf(ends.front()), tk::error::unreachable);
+    EXPECT_EQ(tk::getError(ends.front()),
+              "upnpd.service could not be started: systemctl ended with status 5");
+    EXPECT_TRUE(ask().empty()) << "it is tried again";
+    EXPECT_EQ(processes.started, times(2));
+}
+
+TEST_F(UnitActivationTest, ACommandThatCannotBeRunEndsTheRequestAtOnce) {
+    processes.fault = "/usr/bin/systemctl: No such file or directory";
+    const auto ends = ask();
+    ASSERT_EQ(ends.size(), 1U);
+    EXPECT_EQ(tk::getError(ends.front()), processes.fault);
+}
+
+TEST_F(UnitActivationTest, RequestsThatWaitAskOnce) {
+    EXPECT_TRUE(ask().empty());
+    EXPECT_TRUE(ask().empty());
+    endCommand(good);
+    EXPECT_TRUE(ask().empty());
+    EXPECT_EQ(processes.started, times(1));
+}
+
+TEST_F(UnitActivationTest, AProgramThatLeftTheBusIsAskedForAgain) {
+    EXPECT_TRUE(ask().empty());
+    endCommand(good);
+    EXPECT_EQ(come().size(), 1U);
+    program->close();
+    bus.settle();
+    EXPECT_EQ(client->take().size(), 1U) << "it left without an answer";
+    EXPECT_TRUE(ask().empty());
+    EXPECT_EQ(processes.started, times(2));
+}
+
+TEST_F(UnitActivationTest, AProgramThatDoesNotComeIsAskedForEachSecondWhileItIsAwaited) {
+    EXPECT_TRUE(ask().empty());
+    endCommand(good);
+    std::size_t asked = 1;
+    for (std::uint32_t ticks = second; ticks < 2 * Hub::expiryTicks; ticks += second) {
+        bus.advance(second);
+        ASSERT_EQ(processes.started, times(++asked));
+        endCommand(good);
+    }
+    EXPECT_TRUE(client->take().empty());
+    bus.advance(second);
+    const auto ends = client->take();
+    ASSERT_EQ(ends.size(), 1U);
+    EXPECT_EQ(tk::getError(ends.front()), "the program was started, but did not come to the bus in time");
+    asked = processes.started.size();
+    endCommand(good);
+    bus.advance(60 * second);
+    EXPECT_EQ(processes.started, times(asked)) << "nobody waits for it any more";
+}
+
+TEST_F(UnitActivationTest, AProgramThatCameAndLeftDuringTheCommandIsAskedForAgain) {
+    EXPECT_TRUE(ask().empty());
+    EXPECT_EQ(come().size(), 1U);
+    program->close();
+    bus.settle();
+    EXPECT_EQ(client->take().size(), 1U);
+    EXPECT_TRUE(ask().empty());
+    EXPECT_EQ(processes.started, times(1)) << "the command is still running";
+    endCommand(good);
+    bus.advance(second);
+    EXPECT_EQ(processes.started, times(2));
+}
+
+TEST_F(UnitActivationTest, AProgramWhoseRequesterHasGoneIsNotAskedForAgain) {
+    EXPECT_TRUE(ask().empty());
+    endCommand(good);
+    client->close();
+    bus.settle();
+    bus.advance(60 * second);
+    EXPECT_EQ(processes.started, times(1));
+}
+
+TEST_F(UnitActivationTest, AProgramThatGaveItsNumberUpIsAskedForUntilItComesAnew) {
+    EXPECT_TRUE(ask().empty());
+    endCommand(good);
+    EXPECT_EQ(come().size(), 1U);
+    tk::message content;
+    content.insert_u32(1, 80);
+    EXPECT_FALSE(tk::isError(bus.ask(*program, {0}, tk::command::hubUnregister, content)));
+    EXPECT_TRUE(ask().empty());
+    EXPECT_EQ(processes.started, times(2)) << "systemd may take it for running yet";
+    endCommand(good);
+    program->close();
+    bus.settle();
+    EXPECT_EQ(client->take().size(), 1U) << "what it had been asked before";
+    bus.advance(second);
+    EXPECT_EQ(processes.started, times(3));
+    EXPECT_EQ(come().size(), 1U);
+}
+
+TEST_F(UnitActivationTest, AProgramThatNobodyAwaitsIsAskedForOnce) {
+    std::string reason;
+    EXPECT_TRUE(activation.start(80, reason));
+    endCommand(good);
+    bus.advance(60 * second);
+    EXPECT_EQ(processes.started, times(1));
+}
+
+TEST_F(UnitActivationTest, ARequestBehindSuchAStartAsksAtOnce) {
+    std::string reason;
+    EXPECT_TRUE(activation.start(80, reason));
+    endCommand(good);
+    EXPECT_TRUE(ask().empty());
+    EXPECT_EQ(processes.started, times(2));
+}
+
+TEST_F(UnitActivationTest, AProgramThatIsNoLongerAwaitedIsNotAskedForAgain) {
+    EXPECT_TRUE(ask().empty());
+    endCommand(good);
+    bus.hub.programFailed(80, "nobody waits any more");
+    bus.advance(60 * second);
+    EXPECT_EQ(processes.started, times(1));
+}
+
+TEST_F(UnitActivationTest, TheEndOfTheRouterAsksForNoneAndStopsNone) {
+    EXPECT_TRUE(ask().empty());
+    endCommand(good);
+    activation.endAll();
+    bus.advance(5 * second);
+    EXPECT_EQ(processes.started, times(1));
+    EXPECT_TRUE(processes.signals.empty());
+    EXPECT_FALSE(activation.isRunning());
+}
+
+TEST(CommandOf, AUnitIsAskedForWithoutWaitingForIt) {
+    const std::vector<std::string> words = commandOf({80, {}, false, {}, "upnpd.service"});
+    ASSERT_EQ(words.size(), 4U);
+    const char* usual = "/usr/bin/systemctl";
+    EXPECT_EQ(words[0], ::access(usual, X_OK) == 0 ? usual : "/bin/systemctl");
+    EXPECT_EQ(words[1], "start");
+    EXPECT_EQ(words[2], "--no-block");
+    EXPECT_EQ(words[3], "upnpd.service");
+}
+
+TEST(CommandOf, AnotherProgramHasItsOwn) {
+    EXPECT_EQ(commandOf({80, {"/bin/echo", "one"}}), (std::vector<std::string>{"/bin/echo", "one"}));
+}
+
+}  // namespace
+}  // namespace router

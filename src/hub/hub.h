@@ -1,0 +1,173 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "hub/access.h"
+#include "hub/awaitedprogram.h"
+#include "hub/budgets.h"
+#include "hub/localservices.h"
+#include "hub/peer.h"
+#include "hub/pendingrequests.h"
+#include "hub/refusallog.h"
+#include "hub/starter.h"
+#include "hub/subscriptions.h"
+#include "hub/trace.h"
+#include "tk/budget.h"
+#include "tk/bus.h"
+#include "tk/fd.h"
+#include "tk/handler.h"
+#include "tk/message.h"
+#include "tk/timer.h"
+
+namespace router {
+
+/// Hears of programs as they come to the bus.
+class ProgramWatcher {
+public:
+    virtual ~ProgramWatcher() = default;
+    /// A connection of `user` becomes `program`; called before it is told so.
+    virtual void programComes(std::uint32_t program, uid_t user) = 0;
+};
+
+/// The middle of the bus: carries requests to programs and their ends back, hands notifications to
+/// subscribers, and serves the handlers of its own process. It never waits for anybody.
+///
+/// Every message passes one of the functions of hub.cpp that trace it; nothing is sent beside them.
+class Hub final : public tk::Bus, private HubPeer::Owner {
+public:
+    /// How many connections there may be.
+    static constexpr std::size_t peerLimit = 256;
+    /// How many of them are kept for root and the users that run programs: no other gets the last ones.
+    static constexpr std::size_t reservedPeers = 32;
+    /// How many connections one user may have that is not root.
+    static constexpr std::size_t peerLimitPerUser = 64;
+    /// How many elements the paths of a subscription and of a request may have: they are kept, and must not
+    /// cost what their maker likes.
+    static constexpr std::size_t subscriptionPathLimit = 16;
+    static constexpr std::size_t requestPathLimit = 256;
+    /// A request ends with an error when nobody has answered it after this time, or up to twice that. It is
+    /// longer than any requester waits. Units: ticks of 10 ms.
+    static constexpr std::uint32_t expiryTicks = 6100;
+    /// Stands for the handlers of this process where requesters are named by client number.
+    static constexpr std::uint32_t ownRequester = 0;
+
+    /// How many programs may leave within a minute before the log counts them.
+    static constexpr std::size_t leavesAtOnce = 16;
+
+    Hub();
+    Hub(const Hub&) = delete;
+    Hub& operator=(const Hub&) = delete;
+    ~Hub() override;
+
+    /// Serves a handler of this process at `path`. Lifetime: the handler outlives the hub, or close() comes
+    /// first.
+    void addService(tk::Handler& handler, const tk::Path& path);
+    /// Who asks the handlers of this process. Lifetime: the hub's.
+    const Requester& requester() const { return services; }
+    /// Whom to ask for programs that are not there; null (the start) for nobody. Lifetime: outlives its use.
+    void setStarter(Starter* target) { starter = target; }
+
+    /// Sets who may do what; at first that is root alone, beside what everybody may. Call before there are
+    /// connections: what was subscribed to stays.
+    void setAccess(Access table) { access = std::move(table); }
+    /// Sets the number that the next connection gets, if nobody has it.
+    void setNextClient(std::uint32_t number) { nextClient = number; }
+    /// Lifetime: the watcher outlives its use.
+    void setProgramWatcher(ProgramWatcher* target) { watcher = target; }
+
+    /// Takes a new, non-blocking connection over. A peer over a limit is turned away.
+    void adopt(tk::Fd socket, const Credentials& credentials);
+    /// Tells the peer of a new, non-blocking connection why it is not taken, in one error that carries no
+    /// number. The caller closes the connection, which was of this user.
+    void turnAway(const tk::Fd& socket, uid_t user, std::uint32_t code, const std::string& why);
+    /// Ends the requests that wait for a program that was started and did not get as far as registering.
+    void programFailed(std::uint32_t program, const std::string& reason);
+    /// True when requests wait for `program` to register.
+    bool awaits(std::uint32_t program) const { return awaited.contains(program); }
+    /// Ends all connections and forgets all services. Call while the loop still exists.
+    void close();
+
+    std::size_t peerCount() const { return peers.size(); }
+    /// What is kept for a user, and of root for one connection. Lifetime: until the next connection comes.
+    tk::Budget& budgetOf(uid_t user, std::uint32_t client) { return budgets.of(user, client); }
+
+    /// For the handlers of this process. Errors: error::refused for a request to another process: the hub
+    /// waits for nobody.
+    [[nodiscard]] tk::message exchange(const tk::message& request, const tk::Path& from,
+                                       std::uint32_t command, std::uint32_t timeout) override;
+    /// A request of a handler of this process gets its number here; its end comes to the handler's
+    /// handleReply(), maybe before this returns.
+    void post(tk::message stamped) override;
+
+private:
+    void peerSent(HubPeer& peer, tk::message received) override;
+    void peerEnded(HubPeer& peer, const std::string& reason) override;
+
+    [[nodiscard]] bool isRefused(const HubPeer& from, const tk::message& sent);
+    [[nodiscard]] std::uint32_t newClientNumber();
+    void tellEnd(const HubPeer& peer, const std::string& reason);
+
+    // What passes: each of these traces its message, then hands it on.
+    void takeRequest(HubPeer& from, const tk::message& request);
+    void takeEnd(HubPeer& from, const tk::message& end);
+    void sendEnd(const tk::message& end);
+    void sendOwn(tk::message request);
+    void deliverEnd(HubPeer& to, const tk::message& end);
+    void publish(const tk::message& notification);
+    void trace(const tk::message& passed);
+
+    [[nodiscard]] std::string whyFullFor(uid_t user) const;
+
+    // Where requests go.
+    void route(HubPeer& from, const tk::message& request);
+    void afterCommand(HubPeer& from, std::uint32_t command);
+    void forward(std::uint32_t from, HubPeer& to, const tk::message& request);
+    void activate(std::uint32_t from, const tk::message& request);
+    [[nodiscard]] tk::Budget& payerOf(std::uint32_t requester);
+    void expireLater();
+    void expire();
+    [[nodiscard]] std::vector<AwaitedProgram::Request> takeOldAwaited();
+    void forgetEmptyAwaited();
+    void releaseAwaited(HubPeer& program);
+    void refuse(const tk::message& request, std::uint32_t code, const std::string& text);
+    void refuseFull(std::uint32_t requester, const tk::message& request, const std::string& text);
+    void noteRefused(const HubPeer& from, const std::string& why);
+    [[nodiscard]] bool awaitsOf(std::uint32_t requester) const;
+    HubPeer* peerOf(const tk::Path& path);
+    HubPeer* programPeer(std::uint32_t program);
+
+    // The hub's own commands (hubcommands.cpp).
+    [[nodiscard]] tk::message command(HubPeer& from, const tk::message& request);
+    [[nodiscard]] tk::message registerProgram(HubPeer& from, const tk::message& request);
+    [[nodiscard]] tk::message unregisterProgram(const HubPeer& from, const tk::message& request) const;
+    void giveUp(HubPeer& from);
+    [[nodiscard]] tk::message subscribe(HubPeer& from, const tk::message& request);
+    [[nodiscard]] tk::message unsubscribe(HubPeer& from, const tk::message& request);
+
+    Budgets budgets;
+    LocalServices services;
+    Starter* starter = nullptr;
+    ProgramWatcher* watcher = nullptr;
+    RefusalLog refusedConnections{"bus", "connections refused"};
+    RefusalLog refusedMessages{"bus", "messages refused"};
+    RefusalLog droppedClients{"bus", "connections dropped"};
+    RefusalLog leftPrograms{"bus", "programs left", leavesAtOnce};
+    Access access;
+    PendingRequests pending;
+    Subscriptions subscriptions;
+    HubTrace tracers;
+    std::uint32_t nextClient = tk::program::firstClient;
+    std::uint32_t ownNumbers = 0;                     // of the requests that this process's handlers make
+    std::map<std::uint32_t, std::uint32_t> programs;  // registered number to client number
+    std::map<std::uint32_t, AwaitedProgram> awaited;  // by program number
+    std::map<std::uint32_t, std::unique_ptr<HubPeer>> peers;  // by client number
+    bool expires = false;
+    tk::Timer<Hub, &Hub::expire> expiry{*this};
+};
+
+}  // namespace router

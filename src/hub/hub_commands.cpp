@@ -1,0 +1,106 @@
+// The hub's own commands, at path {0}.
+
+#include <string>
+
+#include "hub/hub.h"
+#include "tk/names.h"
+
+namespace router {
+
+namespace {
+
+/// Checks the fields of a subscription. An empty message when they are sound.
+tk::message checkSubscription(const tk::message& request) {
+    if (request.get_u32_array(tk::hubfield::path).empty() || !request.has(tk::hubfield::command))
+        return tk::errorMsg(tk::error::invalid, "a subscription names a path and a command");
+    if (request.get_u32_array(tk::hubfield::path).size() > Hub::subscriptionPathLimit)
+        return tk::errorMsg(tk::error::invalid, "the path is too long");
+    for (const tk::message& filter : request.get_message_array(tk::hubfield::filter))
+        if (!filter.empty()) return tk::errorMsg(tk::error::refused, "filters are not supported");
+    return {};
+}
+
+}  // namespace
+
+tk::message Hub::command(HubPeer& from, const tk::message& request) {
+    if (request.get_u32_array(tk::field::destination).size() > 1)
+        return tk::errorMsg(tk::error::unreachable, "no such handler");
+    switch (request.get_u32(tk::field::command)) {
+        case tk::command::hubRegister:
+            return registerProgram(from, request);
+        case tk::command::hubUnregister:
+            return unregisterProgram(from, request);
+        case tk::command::hubSubscribe:
+            return subscribe(from, request);
+        case tk::command::hubUnsubscribe:
+            return unsubscribe(from, request);
+        case tk::command::hubTrace:
+            return {};  // begins behind its own reply
+        default:
+            return tk::errorMsg(tk::error::noSuchCommand, "no such command");
+    }
+}
+
+tk::message Hub::registerProgram(HubPeer& from, const tk::message& request) {
+    const std::uint32_t program = request.get_u32(tk::hubfield::program);
+    if (program == tk::program::hub || program >= tk::program::firstClient)
+        return tk::errorMsg(tk::error::invalid, "a program number lies between 1 and " +
+                                                    std::to_string(tk::program::firstClient - 1));
+    if (from.isProgram() && from.identity() != program)
+        return tk::errorMsg(tk::error::exists,
+                            "this connection is registered as program " + std::to_string(from.identity()));
+    if (from.isRetired()) return tk::errorMsg(tk::error::exists, "this connection has given its program up");
+    HubPeer* holder = programPeer(program);
+    if (holder == &from) return {};
+    // The end of the former holder may be known to the kernel and not yet to the loop.
+    if (holder && holder->hasHungUp()) peerEnded(*holder, "it closed the connection");
+    if (services.has(program) || programPeer(program))
+        return tk::errorMsg(tk::error::exists, "program " + std::to_string(program) + " is running already");
+    if (watcher) watcher->programComes(program, from.user().uid);
+    programs[program] = from.clientNumber();
+    from.becomeProgram(program);
+    return {};
+}
+
+/// Whether a program may give its number up; it does so behind the reply, which still goes to its name.
+tk::message Hub::unregisterProgram(const HubPeer& from, const tk::message& request) const {
+    const std::uint32_t program = request.get_u32(tk::hubfield::program);
+    if (from.hasResigned(program)) return {};
+    if (!from.isProgram() || from.identity() != program)
+        return tk::errorMsg(tk::error::invalid,
+                            "this connection is not registered as program " + std::to_string(program));
+    // Their ends come to the program's name, under which there is nobody then, or another.
+    if (pending.hasOf(from.clientNumber()) || awaitsOf(from.clientNumber()))
+        return tk::errorMsg(tk::error::busy, "requests of this program are under way");
+    return {};
+}
+
+void Hub::giveUp(HubPeer& from) {
+    if (!from.isProgram()) return;  // it had done so before
+    const std::uint32_t program = from.identity();
+    tellEnd(from, "it has given its number up");
+    programs.erase(program);
+    from.resign();
+    services.disconnected({program});
+}
+
+tk::message Hub::subscribe(HubPeer& from, const tk::message& request) {
+    tk::message refusal = checkSubscription(request);
+    if (tk::isError(refusal)) return refusal;
+    if (!subscriptions.add(from.clientNumber(), request.get_u32_array(tk::hubfield::path),
+                           request.get_u32(tk::hubfield::command), from.budget())) {
+        noteRefused(from, "too many subscriptions");
+        return tk::errorMsg(tk::error::busy, "too many subscriptions");
+    }
+    return {};
+}
+
+tk::message Hub::unsubscribe(HubPeer& from, const tk::message& request) {
+    tk::message refusal = checkSubscription(request);
+    if (tk::isError(refusal)) return refusal;
+    subscriptions.remove(from.clientNumber(), request.get_u32_array(tk::hubfield::path),
+                         request.get_u32(tk::hubfield::command));
+    return {};
+}
+
+}  // namespace router

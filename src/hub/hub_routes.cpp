@@ -1,0 +1,169 @@
+// Where a request goes: to the hub itself, a handler of this process, a program that is there, or one to be
+// started.
+
+#include <algorithm>
+#include <string>
+#include <utility>
+
+#include "hub/hub.h"
+#include "tk/bus.h"
+#include "tk/names.h"
+
+namespace router {
+
+namespace {
+
+/// The routing of a request whose paths are too long, so that there is room for its end in a frame.
+tk::message withShortPaths(const tk::message& request) {
+    tk::message routing = tk::routingOf(request);
+    for (const std::uint32_t id : {tk::field::destination, tk::field::sender}) {
+        tk::Path& path = routing.get_u32_array_ref(id);
+        path.resize(std::min(path.size(), Hub::requestPathLimit));
+    }
+    return routing;
+}
+
+}  // namespace
+
+HubPeer* Hub::programPeer(std::uint32_t program) {
+    const auto number = programs.find(program);
+    return number == programs.end() ? nullptr : peers[number->second].get();
+}
+
+HubPeer* Hub::peerOf(const tk::Path& path) {
+    if (path.empty()) return nullptr;
+    // A program still hears what was asked for under its number as a client, before it registered.
+    const auto client = peers.find(path.front());
+    return client != peers.end() ? client->second.get() : programPeer(path.front());
+}
+
+void Hub::refuse(const tk::message& request, std::uint32_t code, const std::string& text) {
+    sendEnd(tk::endOf(request, tk::errorMsg(code, text)));
+}
+
+void Hub::route(HubPeer& from, const tk::message& request) {
+    const tk::Path& to = request.get_u32_array(tk::field::destination);
+    if (to.empty()) return refuse(request, tk::error::invalid, "the request names no destination");
+    if (to.size() > requestPathLimit || request.get_u32_array(tk::field::sender).size() > requestPathLimit)
+        return refuse(withShortPaths(request), tk::error::invalid, "the path is too long");
+    if (const std::string why = access.whyRefused(from.user().uid, request); !why.empty()) {
+        noteRefused(from, "it " + why);
+        return refuse(request, tk::error::notAllowed, "user " + std::to_string(from.user().uid) + " " + why);
+    }
+    if (to.front() == tk::program::hub) {
+        const tk::message answer = command(from, request);
+        sendEnd(tk::endOf(request, answer));
+        if (!tk::isError(answer)) afterCommand(from, request.get_u32(tk::field::command));
+        return;
+    }
+    if (services.has(to.front())) {
+        const tk::message answer = services.serve(request, from.user().uid);
+        if (!answer.has(tk::field::later)) sendEnd(tk::endOf(request, answer));
+        return;
+    }
+    if (HubPeer* callee = programPeer(to.front())) return forward(from.clientNumber(), *callee, request);
+    activate(from.clientNumber(), request);
+}
+
+void Hub::afterCommand(HubPeer& from, std::uint32_t command) {
+    if (command == tk::command::hubTrace) tracers.add(from.clientNumber());
+    if (command == tk::command::hubUnregister) giveUp(from);
+    if (command != tk::command::hubRegister) return;
+    if (starter) starter->registered(from.identity());
+    releaseAwaited(from);
+}
+
+/// A request that waits for its program to read it is paid for by whoever made it: nobody fills the account
+/// of a program but itself.
+void Hub::forward(std::uint32_t from, HubPeer& to, const tk::message& request) {
+    using Added = PendingRequests::Added;
+    tk::Budget& payer = payerOf(from);
+    const std::uint32_t number = request.get_u32(tk::field::number);
+    const bool isAwaited = number != 0;  // nobody waits for the end of number 0
+    const Added added = isAwaited ? pending.add(from, to.clientNumber(), request, payer) : Added::yes;
+    if (added == Added::duplicate)
+        return refuse(request, tk::error::invalid, "a request of this number is under way");
+    if (added == Added::full) return refuseFull(from, request, "too many requests are under way");
+    if (isAwaited) expireLater();
+    const tk::Channel::Sent sent = to.sendRequest(payer, request);
+    if (sent == tk::Channel::Sent::yes) return;
+    if (isAwaited) pending.drop(from, number);
+    if (sent == tk::Channel::Sent::noRoom)
+        return refuseFull(from, request, "too much waits for this program to read it");
+    refuse(request, tk::error::disconnected, "the program cannot take the request");
+}
+
+void Hub::activate(std::uint32_t from, const tk::message& request) {
+    const std::uint32_t program = request.get_u32_array(tk::field::destination).front();
+    std::string reason = "nobody at this destination";
+    if (!starter || !starter->start(program, reason)) return refuse(request, tk::error::unreachable, reason);
+    if (awaited[program].add(from, request.serialise(), payerOf(from))) return expireLater();
+    forgetEmptyAwaited();
+    refuseFull(from, request, "too much waits for programs to start");
+}
+
+tk::Budget& Hub::payerOf(std::uint32_t requester) {
+    return requester == ownRequester ? budgets.of(0, ownRequester) : peers[requester]->budget();
+}
+
+void Hub::refuseFull(std::uint32_t requester, const tk::message& request, const std::string& text) {
+    if (requester != ownRequester) noteRefused(*peers[requester], text);
+    refuse(request, tk::error::busy, text);
+}
+
+bool Hub::awaitsOf(std::uint32_t requester) const {
+    return std::any_of(awaited.begin(), awaited.end(),
+                       [requester](const auto& entry) { return entry.second.hasOf(requester); });
+}
+
+void Hub::releaseAwaited(HubPeer& program) {
+    const auto waiting = awaited.find(program.identity());
+    if (waiting == awaited.end()) return;
+    auto requests = waiting->second.take();
+    awaited.erase(waiting);
+    for (auto& [requester, flat, charge, round] : requests) {
+        charge.set(0);  // it is charged anew where it waits next
+        if (requester == ownRequester || peers.contains(requester))
+            forward(requester, program, tk::message(flat));
+    }
+}
+
+void Hub::expireLater() {
+    if (!std::exchange(expires, true)) expiry.arm(expiryTicks);
+}
+
+/// Ends what was never answered. Requesters have given it up long before; here it would hold its place.
+void Hub::expire() {
+    const std::vector<tk::message> unanswered = pending.takeOld();
+    const std::vector<AwaitedProgram::Request> awaiting = takeOldAwaited();
+    for (const tk::message& request : unanswered)
+        refuse(request, tk::error::timedOut, "the program did not answer");
+    for (const AwaitedProgram::Request& request : awaiting)
+        refuse(tk::message(request.flat), tk::error::unreachable,
+               "the program was started, but did not come to the bus in time");
+    expires = pending.size() != 0 || !awaited.empty();
+    if (expires) expiry.arm(expiryTicks);
+}
+
+std::vector<AwaitedProgram::Request> Hub::takeOldAwaited() {
+    std::vector<AwaitedProgram::Request> requests;
+    for (auto& [program, waiting] : awaited)
+        for (auto& old : waiting.takeOld()) requests.push_back(std::move(old));
+    forgetEmptyAwaited();
+    return requests;
+}
+
+/// A program that nobody waits for is not asked for again.
+void Hub::forgetEmptyAwaited() {
+    std::erase_if(awaited, [](const auto& entry) { return entry.second.isEmpty(); });
+}
+
+void Hub::programFailed(std::uint32_t program, const std::string& reason) {
+    const auto waiting = awaited.find(program);
+    if (waiting == awaited.end()) return;
+    const auto requests = waiting->second.take();
+    awaited.erase(waiting);
+    for (const auto& waited : requests) refuse(tk::message(waited.flat), tk::error::unreachable, reason);
+}
+
+}  // namespace router

@@ -1,0 +1,158 @@
+#include "hub/listener.h"
+
+#include <errno.h>
+#include <grp.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "tk/log.h"
+#include "tk/names.h"
+
+namespace router {
+
+namespace {
+
+constexpr int backlog = 256;  // as many as there may be
+constexpr int acceptsPerTurn = 16;
+constexpr std::size_t groupLimit = 65536;  // the kernel's own limit of groups per process
+
+/// The group whose members may connect. It may be asked of a server of the network: never while the bus
+/// serves.
+std::optional<gid_t> busGroup() {
+    const group* entry = ::getgrnam("tk");
+    return entry ? std::optional<gid_t>(entry->gr_gid) : std::nullopt;
+}
+
+[[nodiscard]] bool makeAddress(const std::string& path, sockaddr_un& address) {
+    if (path.size() >= sizeof address.sun_path) return false;
+    address = {};
+    address.sun_family = AF_UNIX;
+    std::copy(path.begin(), path.end(), address.sun_path);
+    return true;
+}
+
+const sockaddr* generic(const sockaddr_un& address) {
+    return reinterpret_cast<const sockaddr*>(&address);
+}
+
+bool isInGroup(int socket, const ucred& peer, gid_t wanted) {
+    if (peer.gid == wanted) return true;
+    socklen_t size = 0;
+    (void)::getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, nullptr, &size);  // fails, and tells the size
+    if (size > groupLimit * sizeof(gid_t)) return false;
+    std::vector<gid_t> groups(size / sizeof(gid_t));
+    if (groups.empty() || ::getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &size) != 0)
+        return false;
+    return std::find(groups.begin(), groups.end(), wanted) != groups.end();
+}
+
+/// What fails here is told by the bind that follows.
+void makeFolderOf(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    if (slash == std::string::npos || slash == 0) return;
+    const mode_t mask = ::umask(0022);  // the group could not reach the bus behind whatever the mask is
+    (void)::mkdir(path.substr(0, slash).c_str(), 0755);
+    ::umask(mask);
+}
+
+}  // namespace
+
+BusListener::~BusListener() {
+    close();
+}
+
+void BusListener::close() {
+    watch.stop();
+    socket.reset();
+    if (!boundPath.empty()) ::unlink(boundPath.c_str());
+    boundPath.clear();
+}
+
+bool BusListener::isServed(const std::string& path) {
+    sockaddr_un address;
+    if (!makeAddress(path, address)) return false;
+    const tk::Fd probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    // A listener whose queue is full answers EAGAIN: it is alive.
+    int error = 0;
+    if (probe.get() < 0 || ::connect(probe.get(), generic(address), sizeof address) != 0) error = errno;
+    errno = error == EAGAIN ? 0 : error;
+    return error != ECONNREFUSED && error != ENOENT;
+}
+
+bool BusListener::open(const std::string& path, std::string& reason) {
+    if (!bindTo(path, reason)) return false;
+    boundPath = path;
+    if (::listen(socket.get(), backlog) != 0) {
+        reason = path + ": " + tk::errorText();
+        return false;
+    }
+    watch.start<BusListener, &BusListener::ready>(socket.get(), *this, tk::readable,
+                                                  tk::Runner::Priority::urgent);
+    return true;
+}
+
+bool BusListener::bindTo(const std::string& path, std::string& reason) {
+    sockaddr_un address;
+    if (!makeAddress(path, address)) {
+        reason = path + ": too long for a socket";
+        return false;
+    }
+    makeFolderOf(path);
+    if (isServed(path)) {
+        reason = path + ": " + (errno == 0 ? "another router is running" : tk::errorText());
+        return false;
+    }
+    // What may fail or take its time comes before the file of the former process goes.
+    group = busGroup();
+    socket.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (socket.isOpen() && makeFile(path, address)) return true;
+    reason = path + ": " + tk::errorText();
+    return false;
+}
+
+/// Puts the socket where it is reached, in the place of one that nobody serves. Errors: false, with errno
+/// set.
+bool BusListener::makeFile(const std::string& path, const sockaddr_un& address) {
+    struct stat old;
+    if (::lstat(path.c_str(), &old) == 0 && S_ISSOCK(old.st_mode)) ::unlink(path.c_str());
+    // mode 0660 from the start: never open for more, not even for a moment
+    const mode_t mask = ::umask(0117);
+    const bool bound = ::bind(socket.get(), generic(address), sizeof address) == 0;
+    ::umask(mask);
+    if (!bound) return false;
+    if (!group || ::chown(path.c_str(), static_cast<uid_t>(-1), *group) == 0) return true;
+    const int error = errno;
+    ::unlink(path.c_str());
+    errno = error;
+    return false;
+}
+
+bool BusListener::mayCall(int peerSocket, const ucred& peer) const {
+    return peer.uid == 0 || (group && isInGroup(peerSocket, peer, *group));
+}
+
+void BusListener::ready(int fd, std::uint32_t) {
+    for (int i = 0; i < acceptsPerTurn; ++i) {
+        tk::Fd accepted(::accept4(fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        if (!accepted.isOpen()) return;
+        ucred peer{};
+        socklen_t size = sizeof peer;
+        if (::getsockopt(accepted.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) continue;
+        if (mayCall(accepted.get(), peer)) {
+            hub.adopt(std::move(accepted), {peer.pid, peer.uid, peer.gid});
+            continue;
+        }
+        hub.turnAway(accepted, peer.uid, tk::error::refused,
+                     "only root and members of the group tk may use the bus");
+    }
+}
+
+}  // namespace router

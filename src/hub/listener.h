@@ -1,0 +1,51 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+
+#include "hub/hub.h"
+#include "tk/fd.h"
+#include "tk/timer.h"
+
+struct sockaddr_un;
+struct ucred;
+
+namespace router {
+
+/// The socket file of the bus: made when the router is ready to serve, removed when it ends. Lets root and
+/// the members of the group "tk" in, and nobody else. The group's number is looked up once, at the opening:
+/// a slow directory service never stops the hub.
+class BusListener {
+public:
+    /// Lifetime: the hub outlives the listener.
+    explicit BusListener(Hub& hub) : hub(hub) {}
+    BusListener(const BusListener&) = delete;
+    BusListener& operator=(const BusListener&) = delete;
+    ~BusListener();
+
+    /// True when some process accepts connections at `path`, and also when that cannot be told: then errno
+    /// says why, and is 0 where a process does.
+    [[nodiscard]] static bool isServed(const std::string& path);
+    /// Listens at `path`, whose folder is made when it is missing, for everybody to pass through. A file that
+    /// a former process left is replaced. Errors: false, with the reason in `reason`, when another process
+    /// listens there or may do so, or the system refuses.
+    [[nodiscard]] bool open(const std::string& path, std::string& reason);
+    /// Takes no connections any more, and removes the file. The destructor does it too.
+    void close();
+
+private:
+    void ready(int fd, std::uint32_t events);
+    [[nodiscard]] bool bindTo(const std::string& path, std::string& reason);
+    [[nodiscard]] bool makeFile(const std::string& path, const sockaddr_un& address);
+    [[nodiscard]] bool mayCall(int peerSocket, const ucred& peer) const;
+
+    Hub& hub;
+    std::string boundPath;
+    std::optional<gid_t> group;  // "tk", as it was when the listener was opened
+    tk::Fd socket;
+    tk::Watch watch;
+};
+
+}  // namespace router

@@ -1,0 +1,135 @@
+#include "hub/listener.h"
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+
+#include <gtest/gtest.h>
+
+#include "hub/testing/testhub.h"
+#include "tk/testing/folder.h"
+
+namespace router {
+namespace {
+
+class BusListenerTest : public ::testing::Test {
+protected:
+    tk::Fd connect() const {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+        tk::Fd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0));
+        if (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+            socket.reset();
+        return socket;
+    }
+
+    tk::testing::Folder files;
+    const std::string path = files.file("run/bus");
+    testing::TestHub bus;
+    std::string reason;
+};
+
+TEST_F(BusListenerTest, MakesTheFileForItsGroupAloneAndRemovesItAtTheEnd) {
+    {
+        BusListener listener(bus.hub);
+        ASSERT_TRUE(listener.open(path, reason)) << reason;
+        struct stat status;
+        ASSERT_EQ(::stat(path.c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode & 07777, 0660U);
+    }
+    EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+TEST_F(BusListenerTest, TakesConnectionsOfRoot) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root";
+    BusListener listener(bus.hub);
+    ASSERT_TRUE(listener.open(path, reason)) << reason;
+    const tk::Fd first = connect();
+    const tk::Fd second = connect();
+    bus.settle();
+    EXPECT_EQ(bus.hub.peerCount(), 2U);
+}
+
+TEST_F(BusListenerTest, ReplacesAFileThatNobodyServes) {
+    {
+        tk::Fd dead(::socket(AF_UNIX, SOCK_STREAM, 0));
+        std::filesystem::create_directory(files.file("run"));
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+        ASSERT_EQ(::bind(dead.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    }
+    EXPECT_FALSE(BusListener::isServed(path));
+    BusListener listener(bus.hub);
+    ASSERT_TRUE(listener.open(path, reason)) << reason;
+    EXPECT_TRUE(BusListener::isServed(path));
+}
+
+TEST_F(BusListenerTest, LeavesALiveOneAlone) {
+    BusListener listener(bus.hub);
+    ASSERT_TRUE(listener.open(path, reason)) << reason;
+    {
+        BusListener second(bus.hub);
+        EXPECT_FALSE(second.open(path, reason));
+        EXPECT_EQ(reason, path + ": another router is running");
+    }
+    EXPECT_TRUE(BusListener::isServed(path));
+}
+
+TEST_F(BusListenerTest, MakesTheFolderForEverybodyToPassThroughWhateverTheMask) {
+    const mode_t mask = ::umask(0077);
+    BusListener listener(bus.hub);
+    const bool isOpen = listener.open(path, reason);
+    EXPECT_EQ(::umask(mask), 0077U) << "the mask is as it was";
+    ASSERT_TRUE(isOpen) << reason;
+    struct stat status;
+    ASSERT_EQ(::stat(files.file("run").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0755U);
+}
+
+TEST_F(BusListenerTest, OnceClosedItTakesNobodyInAndLeavesTheFileOfItsSuccessor) {
+    BusListener listener(bus.hub);
+    ASSERT_TRUE(listener.open(path, reason)) << reason;
+    const tk::Fd waiting = connect();
+    listener.close();
+    EXPECT_FALSE(std::filesystem::exists(path));
+    EXPECT_FALSE(connect().isOpen());
+    bus.settle();
+    EXPECT_EQ(bus.hub.peerCount(), 0U);
+    BusListener successor(bus.hub);
+    ASSERT_TRUE(successor.open(path, reason)) << reason;
+    listener.close();
+    EXPECT_TRUE(BusListener::isServed(path));
+}
+
+TEST_F(BusListenerTest, LeavesASocketAloneOfWhichItCannotTellWhetherItIsServed) {
+    const tk::Fd other(
+        ::socket(AF_UNIX, SOCK_DGRAM, 0));  // connections of a stream fail otherwise than refused
+    std::filesystem::create_directory(files.file("run"));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    ASSERT_EQ(::bind(other.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    EXPECT_TRUE(BusListener::isServed(path));
+    BusListener listener(bus.hub);
+    EXPECT_FALSE(listener.open(path, reason));
+    EXPECT_EQ(reason, path + ": Protocol wrong type for socket");
+    EXPECT_TRUE(std::filesystem::exists(path));
+}
+
+TEST_F(BusListenerTest, NeverRemovesAFileThatIsNoSocket) {
+    std::filesystem::create_directory(files.file("run"));
+    files.write("run/bus", "precious");
+    BusListener listener(bus.hub);
+    EXPECT_FALSE(listener.open(path, reason));
+    EXPECT_EQ(reason, path + ": Address already in use");
+    EXPECT_TRUE(std::filesystem::exists(path));
+}
+
+}  // namespace
+}  // namespace router

@@ -1,0 +1,130 @@
+#include "hub/restart.h"
+
+#include <gtest/gtest.h>
+
+#include "hub/activation.h"
+#include "hub/testing/fakeprocesses.h"
+#include "hub/testing/testhub.h"
+
+namespace router {
+namespace {
+
+constexpr std::uint32_t second = 100;  // ticks
+constexpr int good = 0;
+constexpr int status1 = 1 << 8;
+constexpr int killed = SIGKILL;
+
+/// Programs that are started as the configuration says, with nobody who asks for them.
+class RestartTest : public ::testing::Test, public Activation::Owner {
+protected:
+    ~RestartTest() override { bus.hub.close(); }
+
+    void programEnded(std::uint32_t, const std::string&, bool) override {}
+    void startFailed(std::uint32_t, const std::string&) override {}
+    bool isAwaited(std::uint32_t) const override { return false; }
+
+    void startAll() {
+        activation.startConfigured();
+        bus.settle();
+    }
+    void end(int status) {
+        processes.end(status);
+        bus.settle();
+    }
+    /// How often the program has been started.
+    std::size_t starts() const { return processes.started.size(); }
+
+    testing::FakeProcesses processes;
+    testing::TestHub bus;
+    Activation activation{
+        {{80, {"/upnpd"}, true, {}, ""}, {14, {"/resolverd"}, false, {}, ""}}, *this, processes};
+};
+
+TEST_F(RestartTest, AProgramThatWasOnTheBusComesBackASecondAfterItsCrash) {
+    startAll();
+    for (std::size_t life = 1; life < 5; ++life) {
+        activation.registered(80);
+        end(killed);
+        bus.advance(second - 1);
+        EXPECT_EQ(starts(), life);
+        bus.advance(1);
+        EXPECT_EQ(starts(), life + 1);
+    }
+}
+
+TEST_F(RestartTest, OneThatNeverComesThereIsTriedMoreAndMoreSeldom) {
+    startAll();
+    std::size_t attempts = 1;
+    for (const std::uint32_t ticks : {100U, 200U, 400U, 800U, 1600U, 3200U, 6400U, 6400U}) {
+        end(status1);
+        bus.advance(ticks - 1);
+        EXPECT_EQ(starts(), attempts);
+        bus.advance(1);
+        EXPECT_EQ(starts(), ++attempts);
+    }
+    activation.registered(80);
+    end(status1);
+    bus.advance(second);
+    EXPECT_EQ(starts(), attempts + 1);
+}
+
+TEST_F(RestartTest, OneThatLeavesWithStatus0StaysAway) {
+    startAll();
+    activation.registered(80);
+    end(good);
+    bus.advance(Restart::mostTicks);
+    EXPECT_EQ(starts(), 1U);
+}
+
+TEST_F(RestartTest, OneThatIsOnlyStartedByMessagesStaysAway) {
+    std::string reason;
+    ASSERT_TRUE(activation.start(14, reason));
+    bus.settle();
+    end(killed);
+    bus.advance(Restart::mostTicks);
+    EXPECT_EQ(starts(), 1U);
+}
+
+TEST_F(RestartTest, OneThatAMessageHasStartedMeanwhileIsNotStartedTwice) {
+    startAll();
+    end(killed);
+    std::string reason;
+    ASSERT_TRUE(activation.start(80, reason));
+    bus.advance(second);
+    EXPECT_EQ(starts(), 2U);
+}
+
+TEST_F(RestartTest, OneThatAMessageHasStartedAndThatLeftByItselfStaysAway) {
+    startAll();
+    end(killed);
+    std::string reason;
+    ASSERT_TRUE(activation.start(80, reason));
+    bus.settle();
+    end(good);
+    bus.advance(Restart::mostTicks);
+    EXPECT_EQ(starts(), 2U);
+}
+
+TEST_F(RestartTest, OneThatCannotBeStartedIsTriedAgain) {
+    processes.fault = "no memory";
+    startAll();
+    EXPECT_EQ(starts(), 1U);
+    bus.advance(second);
+    EXPECT_EQ(starts(), 2U);
+    processes.fault.clear();
+    bus.advance(2 * second);
+    EXPECT_EQ(starts(), 3U);
+    bus.advance(Restart::mostTicks);
+    EXPECT_EQ(starts(), 3U);
+}
+
+TEST_F(RestartTest, NothingComesBackWhenTheRouterEnds) {
+    startAll();
+    end(killed);
+    activation.endAll();
+    bus.advance(Restart::mostTicks);
+    EXPECT_EQ(starts(), 1U);
+}
+
+}  // namespace
+}  // namespace router

@@ -1,0 +1,49 @@
+#include "hub/subscriptions.h"
+
+#include <algorithm>
+#include <iterator>
+
+namespace router {
+
+namespace {
+
+auto isOf(std::uint32_t peer) {
+    return [peer](const Subscriptions::Subscriber& subscriber) { return subscriber.peer == peer; };
+}
+
+}  // namespace
+
+bool Subscriptions::add(std::uint32_t peer, const tk::Path& path, std::uint32_t command, tk::Budget& payer) {
+    const std::vector<Subscriber>& known = of(path, command);
+    if (std::any_of(known.begin(), known.end(), isOf(peer))) return true;
+    const std::size_t cost = overhead + path.size() * sizeof(std::uint32_t);
+    const auto count = counts.find(peer);
+    if ((count != counts.end() && count->second >= limitPerPeer) || !payer.hasRoomFor(cost)) return false;
+    ++counts[peer];
+    subscribers[{path, command}].push_back({peer, tk::Charge(payer, cost)});
+    return true;
+}
+
+void Subscriptions::remove(std::uint32_t peer, const tk::Path& path, std::uint32_t command) {
+    const auto entry = subscribers.find({path, command});
+    if (entry == subscribers.end() || std::erase_if(entry->second, isOf(peer)) == 0) return;
+    if (entry->second.empty()) subscribers.erase(entry);
+    --counts[peer];
+}
+
+void Subscriptions::drop(std::uint32_t peer) {
+    if (counts.erase(peer) == 0) return;
+    for (auto entry = subscribers.begin(); entry != subscribers.end();) {
+        std::erase_if(entry->second, isOf(peer));
+        entry = entry->second.empty() ? subscribers.erase(entry) : std::next(entry);
+    }
+}
+
+const std::vector<Subscriptions::Subscriber>& Subscriptions::of(const tk::Path& path,
+                                                                std::uint32_t command) const {
+    static const std::vector<Subscriber> none;
+    const auto entry = subscribers.find({path, command});
+    return entry == subscribers.end() ? none : entry->second;
+}
+
+}  // namespace router

@@ -1,0 +1,56 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "links/interfaces.h"
+#include "links/kernel.h"
+#include "tk/handler.h"
+
+namespace router {
+
+/// The router's IPv4 addresses on the bus, at {20, 1}: one object for each address of an offered interface
+/// that is of global scope. An object's id stays while the address stays on its interface, and is never used
+/// again.
+class Addresses final : public tk::Handler, public InterfaceWatcher {
+public:
+    /// Takes over that the kernel has, or has no more, an address, and tells the changes.
+    void apply(const LinkAddress& address);
+    void remove(const LinkAddress& address);
+    /// Takes over a full list, and tells the differences.
+    void applyAll(const std::vector<LinkAddress>& addresses);
+    /// Forgets what is on an interface that is no more.
+    void forget(std::uint32_t index);
+
+    void interfaceAdded(std::uint32_t index, std::uint32_t id) override;
+    void interfaceGone(std::uint32_t index) override;
+
+    tk::message cmdGetAll(const tk::message& request) override;
+    tk::message cmdGetObj(const tk::message& request) override;
+    tk::message cmdGetCount(const tk::message& request) override;
+
+private:
+    struct Published {
+        std::uint32_t address;
+        std::uint32_t interface;  // id
+    };
+    using Place = std::pair<std::uint32_t, std::uint32_t>;  // the kernel's index, address
+
+    [[nodiscard]] tk::message recordOf(std::uint32_t id, const Published& object) const;
+    [[nodiscard]] bool isOffered(const Place& place) const;
+    void publish(const LinkAddress& address);
+    void withdraw(const Place& place);
+
+    std::set<LinkAddress> held;  // whatever the interface and the scope
+    std::unordered_map<std::uint32_t, std::uint32_t>
+        interfaces;                              // the kernel's index to the id of those offered
+    std::map<Place, std::uint32_t> ids;          // of what is published
+    std::map<std::uint32_t, Published> objects;  // by id
+    std::uint32_t lastId = 0;
+};
+
+}  // namespace router

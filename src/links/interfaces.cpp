@@ -1,0 +1,178 @@
+#include "links/interfaces.h"
+
+#include <linux/if_arp.h>
+
+#include <set>
+#include <utility>
+
+#include "tk/bus.h"
+#include "tk/page.h"
+#include "tk/records.h"
+
+namespace router {
+
+namespace {
+
+namespace field = tk::interfacefield;
+
+constexpr std::size_t pageSize = 64;
+
+static_assert(ARPHRD_ETHER == 1);  // the kernel's types of hardware are the bus's
+
+tk::message recordOf(std::uint32_t id, const Link& link, std::uint32_t flags = 0) {
+    tk::message record;
+    record.insert_u32(tk::field::objectId, id);
+    record.insert_u32(field::type, link.hardwareType);
+    record.insert_u32(field::flags, flags);
+    record.insert_u32(field::index, link.index);
+    record.insert_string(field::name, link.name);
+    record.insert_string(field::displayName, link.alias.empty() ? link.name : link.alias);
+    record.insert_bool(tk::field::disabled, !link.isUp());
+    record.insert_bool(field::running, link.isRunning());
+    return record;
+}
+
+void addCounters(tk::message& record, const LinkCounters& counters) {
+    record.insert_u64(field::rxPackets, counters.receivedPackets);
+    record.insert_u64(field::txPackets, counters.sentPackets);
+    record.insert_u64(field::rxBytes, counters.receivedBytes);
+    record.insert_u64(field::txBytes, counters.sentBytes);
+}
+
+tk::message noSuchInterface(std::uint32_t id) {
+    return tk::errorMsg(tk::error::noSuchObject, "no interface " + std::to_string(id));
+}
+
+bool isSameDescription(const Link& left, const Link& right) {
+    return left.alias == right.alias && left.hardwareType == right.hardwareType;
+}
+
+bool isSameStatus(const Link& left, const Link& right) {
+    return left.isUp() == right.isUp() && left.isRunning() == right.isRunning();
+}
+
+}  // namespace
+
+void Interfaces::apply(const Link& link) {
+    take(link);
+    forgetAbsent();
+}
+
+void Interfaces::take(const Link& link) {
+    if (link.isLoopback()) return;
+    const std::uint32_t id = ids.idOf(link.name);
+    // A new name for an interface, or a new interface of an old name, is another interface to the bus.
+    const auto known = byIndex.find(link.index);
+    if (known != byIndex.end() && known->second != id) withdraw(known->second);
+    const auto named = links.find(id);
+    if (named != links.end() && named->second.index != link.index) withdraw(id);
+    if (links.contains(id))
+        update(id, link);
+    else
+        add(id, link);
+}
+
+void Interfaces::remove(std::uint32_t index) {
+    if (const auto known = byIndex.find(index); known != byIndex.end()) withdraw(known->second);
+}
+
+void Interfaces::applyAll(const std::vector<Link>& current) {
+    std::set<std::uint32_t> present;
+    for (const Link& link : current) present.insert(link.index);
+    std::vector<std::uint32_t> gone;
+    for (const auto& [id, link] : links)
+        if (!present.contains(link.index)) gone.push_back(id);
+    for (const std::uint32_t id : gone) withdraw(id);
+    for (const Link& link : current) take(link);
+    forgetAbsent();  // not before all that are present are known
+    ids.storeWhatIsNew();
+}
+
+void Interfaces::forgetAbsent() {
+    ids.forgetSurplus([this](std::uint32_t id) { return links.contains(id); });
+}
+
+void Interfaces::add(std::uint32_t id, const Link& link) {
+    links[id] = link;
+    byIndex[link.index] = id;
+    tell(recordOf(id, link));
+    tellStatus(id);  // the record of an interface is not read for its status
+    for (InterfaceWatcher* watcher : watchers) watcher->interfaceAdded(link.index, id);
+}
+
+void Interfaces::update(std::uint32_t id, const Link& link) {
+    const Link former = std::exchange(links[id], link);
+    if (!isSameDescription(former, link)) tell(recordOf(id, link));
+    if (!isSameStatus(former, link)) tellStatus(id);
+}
+
+void Interfaces::withdraw(std::uint32_t id) {
+    const Link link = links[id];
+    for (InterfaceWatcher* watcher : watchers) watcher->interfaceGone(link.index);
+    links.erase(id);
+    byIndex.erase(link.index);
+    tell(recordOf(id, link, tk::goneFlags));
+}
+
+void Interfaces::tell(const tk::message& record) {
+    tk::message notification = record;
+    tk::stamp(notification, path(), 0, tk::Kind::notification, tk::interfaceChanged);
+    (void)sendMessage(std::move(notification));  // nobody waits for a notification
+}
+
+void Interfaces::tellStatus(std::uint32_t id) {
+    notifyChange(id, recordOf(id, links[id]));
+}
+
+tk::message Interfaces::cmdGetAll(const tk::message& request) {
+    return pageOf(links, request, pageSize,
+                  [](std::uint32_t id, const Link& link) { return recordOf(id, link); });
+}
+
+tk::message Interfaces::cmdUnknown(const tk::message& received, std::uint32_t command) {
+    if (command == tk::listInterfaces) return cmdGetAll(received);
+    return command == tk::tellSide ? tellSide(received) : Handler::cmdUnknown(received, command);
+}
+
+tk::message Interfaces::tellSide(const tk::message& request) const {
+    const std::uint32_t id = request.get_u32(tk::sidefield::interface);
+    const auto link = links.find(id);
+    if (link == links.end()) return noSuchInterface(id);
+    tk::message reply;
+    reply.insert_u32(tk::sidefield::side, static_cast<std::uint32_t>(zones.sideOf(link->second.index)));
+    reply.insert_string(tk::sidefield::why, zones.whyOf(link->second.index));
+    return reply;
+}
+
+tk::message Interfaces::cmdGetCount(const tk::message&) {
+    tk::message reply;
+    reply.insert_u32(tk::field::count, static_cast<std::uint32_t>(links.size()));
+    return reply;
+}
+
+tk::message Interfaces::cmdGetObj(const tk::message& request) {
+    const std::uint32_t id = request.get_u32(tk::field::objectId);
+    const auto link = links.find(id);
+    if (link == links.end()) return noSuchInterface(id);
+    tk::message record = recordOf(id, link->second);
+    if ((request.get_u32(tk::field::options) & tk::withCounters) == 0) return record;
+    Link current;
+    std::string reason;
+    if (!kernel.readLink(link->second.index, current, reason)) return tk::errorMsg(tk::error::failed, reason);
+    addCounters(record, current.counters);
+    return record;
+}
+
+tk::message Interfaces::cmdSetObj(const tk::message& request) {
+    const std::uint32_t id = request.get_u32(tk::field::objectId);
+    const auto link = links.find(id);
+    if (link == links.end()) return noSuchInterface(id);
+    if (!request.has(tk::field::disabled)) return tk::errorMsg(tk::error::invalid, "nothing that can be set");
+    tk::message answer;
+    const auto done = [this, request](tk::message outcome) { sendAnswer(request, std::move(outcome)); };
+    const bool up = !request.get_bool(tk::field::disabled);
+    const uid_t user = setting.requester.user();
+    return setting.links.set(link->second, up, user, answer, done) ? answer : answerLater();
+}
+
+}  // namespace router

@@ -1,0 +1,77 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "hub/requester.h"
+#include "links/interfaceids.h"
+#include "links/kernel.h"
+#include "links/linkswitch.h"
+#include "links/zones.h"
+#include "tk/handler.h"
+
+namespace router {
+
+/// Hears of interfaces in step with what is told on the bus.
+class InterfaceWatcher {
+public:
+    virtual ~InterfaceWatcher() = default;
+    /// Called behind the announcement of an interface.
+    virtual void interfaceAdded(std::uint32_t index, std::uint32_t id) = 0;
+    /// Called before it is announced that an interface is gone.
+    virtual void interfaceGone(std::uint32_t index) = 0;
+};
+
+/// The router's interfaces on the bus, at {20, 0}: lists them, tells of their changes, sets them up and down.
+/// Loopback is not offered.
+class Interfaces final : public tk::Handler {
+public:
+    /// What an interface is set up and down by, and for whom. Lifetime: all outlive the handler.
+    struct Setting {
+        LinkSwitch& links;
+        const Requester& requester;
+    };
+
+    /// Lifetime: all outlive the handler.
+    Interfaces(InterfaceIds& ids, NetworkKernel& kernel, const Zones& zones, const Setting& setting)
+        : ids(ids), kernel(kernel), zones(zones), setting(setting) {}
+    /// Lifetime: the watcher outlives the handler's use.
+    void addWatcher(InterfaceWatcher& watcher) { watchers.push_back(&watcher); }
+
+    /// Takes over what the kernel says of one interface, and tells the changes.
+    void apply(const Link& link);
+    /// The kernel has no interface of this index any more.
+    void remove(std::uint32_t index);
+    /// Takes over a full list, and tells the differences.
+    void applyAll(const std::vector<Link>& links);
+
+    tk::message cmdGetAll(const tk::message& request) override;
+    tk::message cmdGetObj(const tk::message& request) override;
+    tk::message cmdSetObj(const tk::message& request) override;
+    tk::message cmdGetCount(const tk::message& request) override;
+    /// Command 1 is the paged list, 2 tells the side that an interface stands on.
+    tk::message cmdUnknown(const tk::message& received, std::uint32_t command) override;
+
+private:
+    [[nodiscard]] tk::message tellSide(const tk::message& request) const;
+    void take(const Link& link);
+    void forgetAbsent();
+    void add(std::uint32_t id, const Link& link);
+    void update(std::uint32_t id, const Link& link);
+    void withdraw(std::uint32_t id);
+    void tell(const tk::message& record);
+    void tellStatus(std::uint32_t id);
+
+    InterfaceIds& ids;
+    NetworkKernel& kernel;
+    const Zones& zones;
+    const Setting setting;
+    std::vector<InterfaceWatcher*> watchers;
+    std::map<std::uint32_t, Link> links;                       // by id
+    std::unordered_map<std::uint32_t, std::uint32_t> byIndex;  // the kernel's index to id
+};
+
+}  // namespace router

@@ -1,0 +1,123 @@
+#include "links/linkswitch.h"
+
+#include <signal.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "tk/log.h"
+#include "tk/names.h"
+
+namespace router {
+
+namespace {
+
+constexpr uid_t root = 0;
+constexpr std::uint32_t firstNumber = 1U << 16;  // no program has such a number
+
+/// The number that the command of the interface in this place is started by.
+std::uint32_t numberOf(std::size_t place, bool up) {
+    return firstNumber + 2 * static_cast<std::uint32_t>(place) + (up ? 1 : 0);
+}
+
+}  // namespace
+
+std::vector<ProgramConfig> stateCommands(const std::vector<InterfaceConfig>& interfaces) {
+    std::vector<ProgramConfig> commands;
+    for (std::size_t place = 0; place < interfaces.size(); ++place) {
+        commands.push_back({numberOf(place, false), interfaces[place].down});
+        commands.push_back({numberOf(place, true), interfaces[place].up});
+    }
+    return commands;
+}
+
+LinkSwitch::Run::Run(LinkSwitch& owner, std::string name, std::string command, pid_t pid, tk::Fd opened,
+                     Done done)
+    : owner(owner),
+      name(std::move(name)),
+      command(std::move(command)),
+      pid(pid),
+      done(std::move(done)),
+      process(std::move(opened)) {
+    watch.start<Run, &Run::ended>(process.get(), *this, tk::readable);
+    patience.arm(answerTicks);
+}
+
+void LinkSwitch::Run::ended(int, std::uint32_t) {
+    owner.reap(name);  // destroys this object: nothing may follow
+}
+
+void LinkSwitch::Run::late() {
+    if (!done) return owner.processes.signal(pid, SIGKILL);
+    patience.arm(killTicks - answerTicks);
+    std::exchange(done, nullptr)(tk::errorMsg(tk::error::failed, command + " still runs"));
+}
+
+LinkSwitch::LinkSwitch(std::vector<InterfaceConfig> configured, NetworkKernel& kernel, Processes& processes)
+    : interfaces(std::move(configured)),
+      commands(stateCommands(interfaces)),
+      kernel(kernel),
+      processes(processes) {}
+
+LinkSwitch::~LinkSwitch() {
+    refusals.close();
+}
+
+bool LinkSwitch::set(const Link& link, bool up, uid_t user, tk::message& answer, const Done& done) {
+    const auto config = std::find_if(interfaces.begin(), interfaces.end(),
+                                     [&link](const InterfaceConfig& each) { return each.name == link.name; });
+    const bool isKnown = config != interfaces.end();
+    const std::string wish = link.name + (up ? " up" : " down");
+    if (user != root && !(isKnown && config->terminate)) {
+        answer = tk::errorMsg(tk::error::notAllowed, "user " + std::to_string(user) + " may not set " + wish +
+                                                         ": no [[interface]] with terminate allows it");
+        refusals.note("request of user " + std::to_string(user) + " refused", user, tk::getError(answer));
+        return true;
+    }
+    const std::string event = "interface " + wish + " for user " + std::to_string(user);
+    const std::size_t place = static_cast<std::size_t>(config - interfaces.begin());
+    const ProgramConfig* command = isKnown ? &commands[2 * place + (up ? 1 : 0)] : nullptr;
+    if (!command || command->command.empty()) {
+        answer = setFlag(link, up, event);
+        return true;
+    }
+    answer = start(link, *command, event, done);
+    return tk::isError(answer);
+}
+
+tk::message LinkSwitch::setFlag(const Link& link, bool up, const std::string& event) {
+    std::string reason;
+    const bool isDone = kernel.setLinkUp(link.index, up, reason);
+    tk::log(event, isDone ? "" : ": ", reason);
+    return isDone ? tk::message() : tk::errorMsg(tk::error::failed, reason);
+}
+
+tk::message LinkSwitch::start(const Link& link, const ProgramConfig& command, const std::string& event,
+                              const Done& done) {
+    if (const auto run = runs.find(link.name); run != runs.end())
+        return tk::errorMsg(tk::error::busy, run->second->command + " still runs for " + link.name);
+    const std::string& path = command.command.front();
+    tk::Fd process;
+    std::string reason;
+    const pid_t pid = processes.start(command, process, reason);
+    if (pid < 0) {
+        tk::log(event, ": ", reason);
+        return tk::errorMsg(tk::error::failed, reason);
+    }
+    tk::log(event, ": ", path, " started");
+    runs[link.name] = std::make_unique<Run>(*this, link.name, path, pid, std::move(process), done);
+    return {};
+}
+
+void LinkSwitch::reap(const std::string& name) {
+    const auto run = runs.find(name);
+    int status = 0;
+    if (!processes.reap(run->second->pid, status)) return;
+    const std::string text = run->second->command + " " + endText(status);
+    tk::log("interface ", name, ": ", text);
+    const Done done = std::move(run->second->done);
+    runs.erase(run);
+    if (done) done(status == 0 ? tk::message() : tk::errorMsg(tk::error::failed, text));
+}
+
+}  // namespace router

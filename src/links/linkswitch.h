@@ -1,0 +1,80 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "hub/processes.h"
+#include "hub/refusallog.h"
+#include "links/interfaceconfig.h"
+#include "links/kernel.h"
+#include "tk/fd.h"
+#include "tk/message.h"
+#include "tk/timer.h"
+
+namespace router {
+
+/// The commands that set interfaces up and down, in the form in which processes are started. Whoever starts
+/// them for the router has to know them beforehand. They run as that one does, and not as the router.
+[[nodiscard]] std::vector<ProgramConfig> stateCommands(const std::vector<InterfaceConfig>& interfaces);
+
+/// Sets interfaces up and down for others: root alone unless the configuration says otherwise, by the
+/// kernel's flag or by the command that the configuration names. What was asked for, and what became of it,
+/// is logged.
+class LinkSwitch final {
+public:
+    /// How long a command may take before whoever waits for it is told that it still runs, which is within
+    /// the time that requesters wait, and before it is killed. Units: ticks of 10 ms.
+    static constexpr std::uint32_t answerTicks = 500;
+    static constexpr std::uint32_t killTicks = 6000;
+
+    /// Gets an empty message, or the error that says why it was not done. Called once.
+    using Done = std::function<void(tk::message)>;
+
+    /// Lifetime: kernel and processes outlive the object, and there is a loop.
+    LinkSwitch(std::vector<InterfaceConfig> interfaces, NetworkKernel& kernel, Processes& processes);
+    LinkSwitch(const LinkSwitch&) = delete;
+    LinkSwitch& operator=(const LinkSwitch&) = delete;
+    /// Leaves a command that still runs alone.
+    ~LinkSwitch();
+
+    /// Sets an interface up or down for a user. True when that is over, with the outcome in `answer`; else
+    /// `done` is called when it is.
+    [[nodiscard]] bool set(const Link& link, bool up, uid_t user, tk::message& answer, const Done& done);
+
+private:
+    /// A command on its way.
+    struct Run {
+        Run(LinkSwitch& owner, std::string name, std::string command, pid_t pid, tk::Fd opened, Done done);
+        void ended(int fd, std::uint32_t events);
+        void late();
+
+        LinkSwitch& owner;
+        std::string name;     // of the interface
+        std::string command;  // its path
+        pid_t pid;
+        Done done;  // null when whoever waits was told that it takes longer
+        tk::Fd process;
+        tk::Watch watch;
+        tk::Timer<Run, &Run::late> patience{*this};
+    };
+
+    [[nodiscard]] tk::message setFlag(const Link& link, bool up, const std::string& event);
+    [[nodiscard]] tk::message start(const Link& link, const ProgramConfig& command, const std::string& event,
+                                    const Done& done);
+    void reap(const std::string& name);
+
+    const std::vector<InterfaceConfig> interfaces;
+    const std::vector<ProgramConfig> commands;
+    NetworkKernel& kernel;
+    Processes& processes;
+    RefusalLog refusals{"interfaces", "requests refused"};
+    std::map<std::string, std::unique_ptr<Run>> runs;  // by interface
+};
+
+}  // namespace router

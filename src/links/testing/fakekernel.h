@@ -1,0 +1,84 @@
+#pragma once
+
+#include <arpa/inet.h>
+#include <net/if.h>
+
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "hub/requester.h"
+#include "links/kernel.h"
+#include "links/zones.h"
+
+namespace router::testing {
+
+/// An address in network order from its dotted form.
+inline std::uint32_t address(const char* text) {
+    return ::inet_addr(text);
+}
+
+/// Interfaces as a test wants them.
+class FakeNetwork final : public NetworkKernel {
+public:
+    bool readLink(std::uint32_t index, Link& out, std::string& reason) override {
+        if (!links.contains(index)) {
+            reason = "No such device";
+            return false;
+        }
+        out = links[index];
+        return true;
+    }
+    bool setLinkUp(std::uint32_t index, bool up, std::string& reason) override {
+        reason = fault;
+        if (fault.empty()) switched.emplace_back(index, up);
+        return fault.empty();
+    }
+
+    std::map<std::uint32_t, Link> links;
+    std::vector<std::pair<std::uint32_t, bool>> switched;
+    std::string fault;
+};
+
+/// Somebody who asks.
+class FakeRequester final : public Requester {
+public:
+    uid_t user() const override { return asker; }
+
+    uid_t asker = 0;
+};
+
+/// Nobody to whom it matters what is inside.
+class IdleWatcher final : public InsideWatcher {
+public:
+    void insideChanged(const Inside&) override {}
+};
+
+/// The zones of a router with 192.0.2.1/24 on lan0, interface 2, and 198.51.100.1/24 on wan0, interface 3,
+/// which is outside.
+struct FakeZones {
+    FakeZones() {
+        for (const auto& [index, name] :
+             {std::pair(1U, "lo"), std::pair(2U, "lan0"), std::pair(3U, "wan0")}) {
+            Link link;
+            link.index = index;
+            link.name = name;
+            link.flags = index == 1 ? IFF_UP | IFF_LOOPBACK : IFF_UP | IFF_RUNNING;
+            zones.apply(link);
+        }
+        hold(1, "127.0.0.1", 8);
+        hold(2, "192.0.2.1", 24);
+        hold(3, "198.51.100.1", 24);
+        zones.addExits({{3, Prefix{}}});
+        zones.start(watcher);
+    }
+    void hold(std::uint32_t index, const char* text, std::uint8_t length) {
+        zones.apply(LinkAddress{index, address(text), address(text), length});
+    }
+
+    IdleWatcher watcher;
+    Zones zones;
+};
+
+}  // namespace router::testing

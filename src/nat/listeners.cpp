@@ -1,0 +1,104 @@
+#include "nat/listeners.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <libmnl/libmnl.h>
+#include <linux/inet_diag.h>
+#include <linux/sock_diag.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <array>
+
+#include "tk/fd.h"
+#include "tk/log.h"
+
+namespace router {
+
+namespace {
+
+constexpr const char* loopback = "lo";
+
+/// Where a socket of our own listens, reached over loopback alone; 0 where that is not possible.
+std::uint16_t listen(const tk::Fd& socket, bool isTcp) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    socklen_t length = sizeof address;
+    auto* generic = reinterpret_cast<sockaddr*>(&address);
+    if (::setsockopt(socket.get(), SOL_SOCKET, SO_BINDTODEVICE, loopback, sizeof "lo") != 0 ||
+        ::bind(socket.get(), generic, length) != 0 || (isTcp && ::listen(socket.get(), 1) != 0) ||
+        ::getsockname(socket.get(), generic, &length) != 0)
+        return 0;
+    return ntohs(address.sin_port);
+}
+
+/// True when a socket has the UDP port that the look-up does not show, for it is connected to a peer of its
+/// own, as those of tunnels are. Errors: false, also when that cannot be tried.
+bool isBound(std::uint32_t address, std::uint16_t port, std::uint32_t interface) {
+    const tk::Fd attempt(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const int index = static_cast<int>(interface);
+    sockaddr_in wanted{};
+    wanted.sin_family = AF_INET;
+    wanted.sin_addr.s_addr = address;
+    wanted.sin_port = htons(port);
+    return port != 0 && attempt.isOpen() &&
+           ::setsockopt(attempt.get(), SOL_SOCKET, SO_BINDTOIFINDEX, &index, sizeof index) == 0 &&
+           ::bind(attempt.get(), reinterpret_cast<const sockaddr*>(&wanted), sizeof wanted) != 0 &&
+           errno == EADDRINUSE;
+}
+
+}  // namespace
+
+bool SocketListeners::open(std::string& reason) {
+    if (!socket.open(NETLINK_SOCK_DIAG)) {
+        reason = "sock_diag: this kernel lacks it (Linux 3.3): " + tk::errorText();
+        return false;
+    }
+    return findsOwn(IPPROTO_TCP, reason) && findsOwn(IPPROTO_UDP, reason);
+}
+
+/// A kernel that cannot look such sockets up answers as if there were none.
+bool SocketListeners::findsOwn(std::uint8_t protocol, std::string& reason) {
+    const bool isTcp = protocol == IPPROTO_TCP;
+    const tk::Fd own(::socket(AF_INET, (isTcp ? SOCK_STREAM : SOCK_DGRAM) | SOCK_CLOEXEC, protocol));
+    const std::uint16_t port = own.isOpen() ? listen(own, isTcp) : std::uint16_t{0};
+    if (port == 0) {
+        reason = "sock_diag cannot be tried: " + tk::errorText();
+        return false;
+    }
+    if (find(htonl(INADDR_LOOPBACK), protocol, port, ::if_nametoindex(loopback), reason) == Answer::somebody)
+        return true;
+    const char* module = isTcp ? "tcp_diag" : "udp_diag";
+    reason = std::string("sock_diag: this kernel lacks ") + module + " (Linux 3.3)";
+    return false;
+}
+
+Listeners::Answer SocketListeners::find(std::uint32_t address, std::uint8_t protocol, std::uint16_t port,
+                                        std::uint32_t interface, std::string& reason) {
+    std::array<char, 256> buffer;
+    nlmsghdr* message = mnl_nlmsg_put_header(buffer.data());
+    message->nlmsg_type = SOCK_DIAG_BY_FAMILY;
+    auto* wanted =
+        static_cast<inet_diag_req_v2*>(mnl_nlmsg_put_extra_header(message, sizeof(inet_diag_req_v2)));
+    wanted->sdiag_family = AF_INET;
+    wanted->sdiag_protocol = protocol;
+    // The packet came from nobody in particular. For UDP the kernel takes the two ends as those of the
+    // packet, for TCP as those of the socket.
+    const bool isTcp = protocol == IPPROTO_TCP;
+    (isTcp ? wanted->id.idiag_src[0] : wanted->id.idiag_dst[0]) = address;
+    (isTcp ? wanted->id.idiag_sport : wanted->id.idiag_dport) = htons(port);
+    wanted->id.idiag_if = interface;
+    wanted->id.idiag_cookie[0] = INET_DIAG_NOCOOKIE;
+    wanted->id.idiag_cookie[1] = INET_DIAG_NOCOOKIE;
+    bool isFound = false;
+    const NetlinkResult result = socket.exchange(*message, [&](const nlmsghdr& answer) {
+        isFound = isFound || answer.nlmsg_type == SOCK_DIAG_BY_FAMILY;
+    });
+    if (isFound || (!isTcp && isBound(address, port, interface))) return Answer::somebody;
+    if (result.error == ENOENT) return Answer::nobody;
+    reason = result.ok() ? "the kernel gave no answer" : result.text;
+    return Answer::unknown;
+}
+
+}  // namespace router

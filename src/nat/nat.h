@@ -1,0 +1,81 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "firewall/natkernel.h"
+#include "hub/refusallog.h"
+#include "hub/requester.h"
+#include "nat/policy.h"
+#include "nat/routerports.h"
+#include "nat/ruleset.h"
+#include "tk/handler.h"
+#include "tk/store.h"
+#include "tk/timer.h"
+
+namespace router {
+
+/// Destination NAT rules on the bus, at {20, 5}. A request is answered when the kernel has committed or
+/// refused it. Dynamic rules belong to the connection that made them and go with it; others are stored.
+/// Root may do everything. Any other user is a program: it makes dynamic rules alone, and has a say in its
+/// own alone.
+class Nat final : public tk::Handler {
+public:
+    static constexpr std::size_t usualStoredLimit = 4096;  // each change writes them all
+
+    /// `storedLimit` is how many rules may be stored; more that were stored before are loaded all the same.
+    /// Lifetime: all but the path outlive the handler.
+    Nat(const std::string& storePath, const NatPolicy& policy, const RouterPorts& ports, NatKernel& kernel,
+        const Requester& requester, std::size_t storedLimit = usualStoredLimit);
+
+    /// Puts the stored rules into the kernel. One that is refused is kept as disabled in memory, with a log
+    /// line; what is stored stays as it is.
+    void load();
+
+    /// Takes all rules out of the kernel, and leaves the store as it is: for the end of the router, when
+    /// nobody can ask for rules any more.
+    void withdraw();
+
+    tk::message cmdAddObj(const tk::message& request) override;
+    tk::message cmdSetObj(const tk::message& request) override;
+    tk::message cmdRemoveObj(const tk::message& request) override;
+    tk::message cmdGetObj(const tk::message& request) override;
+    tk::message cmdGetAll(const tk::message& request) override;
+    tk::message cmdGetCount(const tk::message& request) override;
+    tk::message cmdUnknown(const tk::message& received, std::uint32_t command) override;
+    /// Removes the dynamic rules of a client. Those that the kernel refuses to take out stay listed, and it
+    /// is asked again each second. What a program makes that comes back under the client's number is not
+    /// among them.
+    tk::message cmdDisconnected(const tk::Path& client) override;
+
+private:
+    /// May there be one rule more, or one that leads elsewhere? `former` is null for a new one.
+    [[nodiscard]] tk::message checkRoom(const NatRule* former, const NatRule& changed) const;
+    [[nodiscard]] tk::message check(const NatRule* former, const NatRule& rule, bool isProgram) const;
+    [[nodiscard]] tk::message checkProgram(const NatRule* former, const NatRule& rule) const;
+    [[nodiscard]] tk::message checkOwner(const NatRule& rule, const tk::message& request) const;
+    [[nodiscard]] bool isAskedByProgram() const { return requester.user() != 0; }
+    tk::message refuse(const tk::message& refusal);
+    [[nodiscard]] tk::message apply(const NatRule* former, const NatRule* changed);
+    [[nodiscard]] bool stage(const NatRule* former, const NatRule* changed, bool& staged);
+    [[nodiscard]] tk::message removeOrphans();
+    [[nodiscard]] bool removeSomeOrphans(std::string& reason);
+    void retryOrphans();
+    void tellRemoved(const std::vector<std::uint32_t>& ids);
+
+    tk::Store store;
+    const NatPolicy& policy;
+    const RouterPorts& ports;
+    const std::size_t storedLimit;
+    NatKernel& kernel;
+    const Requester& requester;
+    RefusalLog refusals{"nat", "rules refused"};
+    NatRules rules;
+    std::set<std::uint32_t> orphans;  // dynamic rules that outlived their client; some may be gone by now
+    tk::Timer<Nat, &Nat::retryOrphans> orphanTimer{*this};
+};
+
+}  // namespace router

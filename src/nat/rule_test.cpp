@@ -1,0 +1,99 @@
+#include "nat/rule.h"
+
+#include <functional>
+
+#include <gtest/gtest.h>
+
+#include "nat/testing/natrequest.h"
+
+namespace router {
+namespace {
+
+using testing::address;
+using testing::natRequest;
+
+TEST(ReadRule, TakesTheGatewaysRequest) {
+    NatRule rule;
+    std::string reason;
+    ASSERT_TRUE(readRule(natRequest(80, "192.0.2.2", 8080), true, rule, reason)) << reason;
+    EXPECT_EQ(rule.element, (NatElement{address("198.51.100.1"), 6, 80, address("192.0.2.2"), 8080}));
+    EXPECT_FALSE(rule.disabled);
+}
+
+TEST(ReadRule, ARecordReadsBackAsItsRule) {
+    NatRule rule;
+    rule.id = 7;
+    rule.disabled = true;
+    rule.element = {address("198.51.100.1"), 17, 0, address("192.0.2.2"), 65535};
+    NatRule copy;
+    copy.id = 7;
+    std::string reason;
+    ASSERT_TRUE(readRule(recordOf(rule), true, copy, reason)) << reason;
+    EXPECT_EQ(copy, rule);
+}
+
+TEST(ReadRule, AChangeKeepsWhatItDoesNotName) {
+    NatRule rule;
+    std::string reason;
+    ASSERT_TRUE(readRule(natRequest(80, "192.0.2.2", 8080), true, rule, reason));
+    tk::message change;
+    change.insert_bool(tk::field::disabled, true);
+    change.insert_be32(1000, address("192.0.2.3"));
+    change.insert_be32(1001, address("192.0.2.3"));
+    ASSERT_TRUE(readRule(change, false, rule, reason)) << reason;
+    EXPECT_EQ(rule.element, (NatElement{address("198.51.100.1"), 6, 80, address("192.0.2.3"), 8080}));
+    EXPECT_TRUE(rule.disabled);
+}
+
+struct Case {
+    const char* name;
+    void (*spoil)(tk::message& request);
+    const char* reason;
+};
+
+constexpr Case cases[] = {
+    {"OtherChain", [](tk::message& r) { r.insert_string(39, "srcnat"); },
+     "chain \"srcnat\" is not supported, only \"dstnat\""},
+    {"NoChain", [](tk::message& r) { r.remove(39); }, "chain \"\" is not supported, only \"dstnat\""},
+    {"OtherAction", [](tk::message& r) { r.insert_u32(40, 1); },
+     "action 1 is not supported, only 22 (destination NAT)"},
+    {"OtherProtocol", [](tk::message& r) { r.insert_u32(11, 1); },
+     "protocol 1 is not supported, only 6 (TCP) and 17 (UDP)"},
+    {"PortRange", [](tk::message& r) { r.insert_u32(10, 90); },
+     "the destination port: ranges are not supported"},
+    {"PortAbove", [](tk::message& r) { r.insert_u32(9, 65536), r.insert_u32(10, 65536); },
+     "the destination port 65536 is above 65535"},
+    {"PortMissing", [](tk::message& r) { r.remove(9); }, "the destination port is missing"},
+    {"AddressRange", [](tk::message& r) { r.insert_be32(53, address("198.51.100.2")); },
+     "the destination address: ranges are not supported"},
+    {"AddressOfAnotherType", [](tk::message& r) { r.insert_string(52, "198.51.100.1"); },
+     "the destination address is missing"},
+    {"AnyDestination", [](tk::message& r) { r.insert_bool(419, false); },
+     "the destination address cannot be left open"},
+    {"AnyProtocol", [](tk::message& r) { r.insert_bool(404, false); }, "the protocol cannot be left open"},
+    {"TargetRange", [](tk::message& r) { r.insert_be32(1001, address("192.0.2.9")); },
+     "the target address: ranges are not supported"},
+    {"TargetPortRange", [](tk::message& r) { r.insert_u32(1003, 9); },
+     "the target port: ranges are not supported"},
+    {"UnknownCondition", [](tk::message& r) { r.insert_string(60, "wan0"); }, "field 60 is not supported"},
+};
+
+class RefusedRule : public ::testing::TestWithParam<Case> {};
+
+TEST_P(RefusedRule, SaysWhyAndLeavesTheRule) {
+    tk::message request = natRequest(80, "192.0.2.2", 8080);
+    GetParam().spoil(request);
+    NatRule rule;
+    rule.element.port = 1234;
+    const NatRule before = rule;
+    std::string reason;
+    EXPECT_FALSE(readRule(request, true, rule, reason));
+    EXPECT_EQ(reason, GetParam().reason);
+    EXPECT_EQ(rule, before);
+}
+
+INSTANTIATE_TEST_SUITE_P(Requests, RefusedRule, ::testing::ValuesIn(cases),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+}  // namespace
+}  // namespace router

@@ -1,0 +1,58 @@
+#include "nat/ruleset.h"
+
+#include <algorithm>
+
+namespace router {
+
+NatRules::MatchKey NatRules::keyOf(const NatElement& element) {
+    return MatchKey{element.destination} << 32 | MatchKey{element.protocol} << 16 | element.port;
+}
+
+const NatRule* NatRules::find(std::uint32_t id) const {
+    const auto rule = rules.find(id);
+    return rule == rules.end() ? nullptr : &rule->second;
+}
+
+const NatRule* NatRules::findMatch(const NatElement& element) const {
+    const auto match = enabled.find(keyOf(element));
+    return match == enabled.end() ? nullptr : find(match->second);
+}
+
+const std::set<std::uint32_t>& NatRules::of(std::uint32_t owner) const {
+    static const std::set<std::uint32_t> none;
+    const auto ids = owned.find(owner);
+    return ids == owned.end() ? none : ids->second;
+}
+
+std::size_t NatRules::countTo(std::uint32_t target) const {
+    const auto count = targets.find(target);
+    return count == targets.end() ? 0 : count->second;
+}
+
+void NatRules::put(const NatRule& rule) {
+    remove(rule.id);
+    lastId = std::max(lastId, rule.id);
+    rules[rule.id] = rule;
+    ++targets[rule.element.target];
+    if (!rule.disabled) enabled[keyOf(rule.element)] = rule.id;
+    if (!rule.dynamic) return;
+    owned[rule.owner].insert(rule.id);
+    ++dynamicRules;
+}
+
+void NatRules::remove(std::uint32_t id) {
+    const auto found = rules.find(id);
+    if (found == rules.end()) return;
+    const NatRule& rule = found->second;
+    if (!rule.disabled) enabled.erase(keyOf(rule.element));
+    if (rule.dynamic) {
+        const auto ids = owned.find(rule.owner);
+        ids->second.erase(id);
+        if (ids->second.empty()) owned.erase(ids);
+        --dynamicRules;
+    }
+    if (--targets[rule.element.target] == 0) targets.erase(rule.element.target);
+    rules.erase(found);
+}
+
+}  // namespace router

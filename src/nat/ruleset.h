@@ -1,0 +1,51 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <set>
+#include <unordered_map>
+
+#include "nat/rule.h"
+
+namespace router {
+
+/// The rules, and their indexes: by id, by what an enabled one matches, by target, and by the owner of a
+/// dynamic one. Ids go from 1 up and are never used again.
+class NatRules {
+public:
+    /// All rules, by id.
+    const std::map<std::uint32_t, NatRule>& all() const { return rules; }
+    /// The rule of an id, null when there is none. Lifetime: until the next change.
+    const NatRule* find(std::uint32_t id) const;
+    /// The enabled rule that matches what `element` matches, null when there is none.
+    const NatRule* findMatch(const NatElement& element) const;
+    /// The dynamic rules of an owner.
+    const std::set<std::uint32_t>& of(std::uint32_t owner) const;
+
+    /// How many rules lead to an address, whatever their kind. Byte order: network.
+    std::size_t countTo(std::uint32_t target) const;
+    /// How many rules are not dynamic, and so are stored.
+    std::size_t countStored() const { return rules.size() - dynamicRules; }
+
+    [[nodiscard]] std::uint32_t newId() { return ++lastId; }
+    /// Adds a rule, or replaces the one of its id.
+    void put(const NatRule& rule);
+    /// Removes a rule; an absent one is no error.
+    void remove(std::uint32_t id);
+
+private:
+    /// Destination, protocol and port in one number.
+    using MatchKey = std::uint64_t;
+    static MatchKey keyOf(const NatElement& element);
+
+    std::map<std::uint32_t, NatRule> rules;
+    std::unordered_map<MatchKey, std::uint32_t> enabled;
+    std::unordered_map<std::uint32_t, std::set<std::uint32_t>> owned;
+    std::unordered_map<std::uint32_t, std::size_t> targets;
+    std::size_t dynamicRules = 0;
+    std::uint32_t lastId = 0;
+};
+
+}  // namespace router

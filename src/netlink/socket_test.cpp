@@ -1,0 +1,60 @@
+#include "netlink/socket.h"
+
+#include <linux/capability.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <array>
+
+#include <gtest/gtest.h>
+
+#include "tk/file.h"
+
+namespace router {
+namespace {
+
+/// Has the process do without CAP_NET_ADMIN as long as it lives, as a process in a container does.
+class WithoutAdministration {
+public:
+    WithoutAdministration() {
+        isDone = ::syscall(SYS_capget, &header, before.data()) == 0;
+        auto fewer = before;
+        fewer[0].effective &= ~(1U << CAP_NET_ADMIN);
+        isDone = isDone && ::syscall(SYS_capset, &header, fewer.data()) == 0;
+    }
+    ~WithoutAdministration() { (void)::syscall(SYS_capset, &header, before.data()); }  // it was so before
+
+    bool isDone = false;
+
+private:
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    std::array<__user_cap_data_struct, 2> before{};
+};
+
+int bufferOf(const NetlinkSocket& socket, int option) {
+    int size = 0;
+    socklen_t length = sizeof size;
+    EXPECT_EQ(::getsockopt(socket.descriptor(), SOL_SOCKET, option, &size, &length), 0);
+    return size;
+}
+
+int limitOf(const char* name) {
+    std::string text;
+    EXPECT_TRUE(tk::readFile(std::string("/proc/sys/net/core/") + name, 100, text));
+    return std::atoi(text.c_str());
+}
+
+TEST(NetlinkSocketBuffers, AreAsLargeAsTheSystemAllowsWhereTheyCannotBeLarger) {
+    NetlinkSocket socket;
+    ASSERT_TRUE(socket.open(NETLINK_ROUTE));
+    const int large = 2 * limitOf("wmem_max") + 2 * limitOf("rmem_max");
+    const WithoutAdministration without;
+    ASSERT_TRUE(without.isDone);
+    socket.setBuffers(large, large);
+    EXPECT_EQ(bufferOf(socket, SO_SNDBUF), 2 * limitOf("wmem_max"));
+    EXPECT_EQ(bufferOf(socket, SO_RCVBUF), 2 * limitOf("rmem_max"));
+}
+
+}  // namespace
+}  // namespace router
