@@ -2,11 +2,12 @@
 
 #include "core/gateway.h"
 
+#include "contract/programs.h"
 #include "http/baseurl.h"
 #include "net/convert.h"
 #include "tk/log.h"
 #include "tk/looper.h"
-#include "tk/records.h"
+#include "tk/names.h"
 #include "upnp/subscription.h"
 #include "xml/xmlwriter.h"
 
@@ -54,7 +55,7 @@ void Gateway::init() {
 
 void Gateway::queryIdentity() {
     tk::message request;
-    request.insert_u32_array(tk::field::destination, tk::path::identity());
+    request.insert_u32_array(tk::field::destination, contract::path::identity());
     const tk::message reply = exchangeCmd(request, tk::command::get, tk::exchangeTimeout);
     routerIdentity = reply.get_string(identityText);  // without an answer the UDNs end in their prefixes
 }

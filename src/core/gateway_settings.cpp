@@ -1,11 +1,14 @@
 // The three settings, and the notifications of the router.
 
+#include "contract/gateway.h"
+#include "contract/interfaces.h"
+#include "contract/programs.h"
 #include "core/gateway.h"
-#include "tk/records.h"
+#include "tk/names.h"
 
 namespace {
 
-namespace setting = tk::settingfield;
+namespace setting = contract::settingfield;
 
 constexpr std::uint32_t settingsEntry = 0;  // the one entry of the settings store
 
@@ -73,15 +76,15 @@ void Gateway::tellServices() {
 tk::message Gateway::cmdUnknown(const tk::message& received, std::uint32_t command) {
     const bool isNotification = tk::kindOf(received) == tk::Kind::notification;
     if (!isNotification) return Map::cmdUnknown(received, command);  // a request must not pass for one
-    if (command == tk::interfaceChanged) {
+    if (command == contract::interfaceChanged) {
         tracking.deviceChanged(received);
         return {};
     }
     if (command != tk::command::objectsChanged) return Map::cmdUnknown(received, command);
     const tk::Path& from = received.get_u32_array(tk::field::sender);
-    if (from == tk::path::interfaces())
+    if (from == contract::path::interfaces())
         tracking.updateDeviceStatus(received);
-    else if (from == tk::path::addresses())
+    else if (from == contract::path::addresses())
         tracking.updateAddresses(received);
     return {};
 }

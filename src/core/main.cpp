@@ -1,5 +1,6 @@
 #include <memory>
 
+#include "contract/programs.h"
 #include "core/gateway.h"
 #include "tk/log.h"
 #include "tk/looper.h"
@@ -19,8 +20,8 @@ int main() {
     }
     tk::allowDescriptors(descriptors);
     tk::Looper looper(0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
-    if (!looper.join(tk::program::gateway, tk::busPath, reason)) {
-        tk::log("cannot join the bus at ", tk::busPath, ": ", reason);
+    if (!looper.join(contract::program::gateway, contract::busPath, reason)) {
+        tk::log("cannot join the bus at ", contract::busPath, ": ", reason);
         return 1;
     }
     auto gateway = std::make_unique<Gateway>();

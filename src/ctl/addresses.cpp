@@ -6,6 +6,8 @@
 
 #include <CLI/App.hpp>
 
+#include "contract/addresses.h"
+#include "contract/programs.h"
 #include "ctl/commandline.h"
 #include "ctl/context.h"
 #include "ctl/interfaces.h"
@@ -14,7 +16,7 @@
 #include "ctl/table.h"
 #include "ctl/text.h"
 #include "net/convert.h"
-#include "tk/records.h"
+#include "tk/names.h"
 
 namespace ctl {
 
@@ -31,9 +33,9 @@ struct Address {
 Address readAddress(const tk::message& record) {
     Address out;
     out.id = record.get_u32(tk::field::objectId);
-    out.address = ipToString(record.get_be32(tk::addressfield::address));
-    out.interface =
-        record.get_u32(tk::addressfield::interface, record.get_u32(tk::addressfield::actualInterface));
+    out.address = ipToString(record.get_be32(contract::addressfield::address));
+    out.interface = record.get_u32(contract::addressfield::interface,
+                                   record.get_u32(contract::addressfield::actualInterface));
     out.disabled = record.get_bool(tk::field::disabled);
     return out;
 }
@@ -41,7 +43,7 @@ Address readAddress(const tk::message& record) {
 /// All addresses, in the service's order. Errors: throws Failure.
 std::vector<Address> readAddresses(Session& session) {
     std::vector<Address> addresses;
-    for (const tk::message& record : session.list(tk::path::addresses()))
+    for (const tk::message& record : session.list(contract::path::addresses()))
         addresses.push_back(readAddress(record));
     return addresses;
 }

@@ -10,6 +10,7 @@
 
 #include <CLI/App.hpp>
 
+#include "contract/programs.h"
 #include "ctl/commandline.h"
 #include "ctl/connection.h"
 #include "ctl/failure.h"
@@ -19,7 +20,7 @@
 #include "ctl/traceoutput.h"
 #include "tk/fd.h"
 #include "tk/log.h"
-#include "tk/records.h"
+#include "tk/names.h"
 #include "tk/timer.h"
 
 namespace ctl {
@@ -61,7 +62,7 @@ private:
 
 void Tracer::run(const std::string& socketPath) {
     Connection connection(socketPath, *this);
-    Session(connection.bus()).request(tk::path::hub(), tk::command::hubTrace);
+    Session(connection.bus()).request(contract::path::hub(), tk::command::hubTrace);
 
     const tk::Fd interruption = catchInterruption();
     if (!interruption.isOpen()) throw Failure("cannot watch for the end: " + tk::errorText());

@@ -8,8 +8,9 @@
 
 #include <gtest/gtest.h>
 
+#include "contract/programs.h"
 #include "ctl/fieldspec.h"
-#include "tk/records.h"
+#include "tk/names.h"
 #include "tk/testing/scriptedbus.h"
 
 namespace ctl {
@@ -48,7 +49,7 @@ struct CommandLineTest : testing::Test {
     }
     /// The one request of a command to upnpd, without its destination.
     tk::message sent(std::uint32_t command) {
-        const auto requests = bus.requestsTo(tk::path::gateway(), command);
+        const auto requests = bus.requestsTo(contract::path::gateway(), command);
         EXPECT_EQ(requests.size(), 1U);
         return requests.empty() ? tk::message() : tk::withoutRouting(requests[0].content);
     }
@@ -141,8 +142,8 @@ struct OutsideTest : CommandLineTest {
     }
     /// How often upnpd was asked to change something.
     std::size_t changes() const {
-        return bus.requestsTo(tk::path::gateway(), tk::command::addObject).size() +
-               bus.requestsTo(tk::path::gateway(), tk::command::setObject).size();
+        return bus.requestsTo(contract::path::gateway(), tk::command::addObject).size() +
+               bus.requestsTo(contract::path::gateway(), tk::command::setObject).size();
     }
     static constexpr const char* refusal =
         "tkctl: list is outside: it carries a route to 0.0.0.0/0; --force makes it internal all the same\n";
@@ -191,7 +192,7 @@ TEST_F(CommandLineTest, UpnpInterfaceAddTakesNamesThatAreSpeltLikeCommands) {
 TEST_F(CommandLineTest, UpnpInterfaceAddOfAnUnknownNameListsWhatThereIs) {
     EXPECT_EQ(run({"upnp", "interface", "add", "eth9", "internal"}), Status::failed);
     EXPECT_EQ(errors.str(), "tkctl: there is no interface 'eth9'; there are: lan0, list\n");
-    EXPECT_TRUE(bus.requestsTo(tk::path::gateway(), tk::command::addObject).empty());
+    EXPECT_TRUE(bus.requestsTo(contract::path::gateway(), tk::command::addObject).empty());
 }
 
 TEST_F(CommandLineTest, UpnpInterfaceAddThatIsRefused) {

@@ -6,6 +6,7 @@
 #include <ostream>
 #include <string>
 
+#include "contract/programs.h"
 #include "ctl/connection.h"
 #include "ctl/json.h"
 #include "ctl/session.h"
@@ -28,7 +29,7 @@ public:
     void print(const Json& value, const std::string& text);
 
     std::ostream& out;
-    std::string socketPath = tk::busPath;
+    std::string socketPath = contract::busPath;
     bool json = false;
 
     /// The command that was chosen, to be run when the command line is parsed.

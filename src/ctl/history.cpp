@@ -2,12 +2,14 @@
 
 #include <CLI/App.hpp>
 
+#include "contract/history.h"
+#include "contract/programs.h"
 #include "ctl/commandline.h"
 #include "ctl/json.h"
 #include "ctl/table.h"
 #include "ctl/text.h"
 #include "tk/characters.h"
-#include "tk/records.h"
+#include "tk/names.h"
 
 namespace ctl {
 
@@ -16,12 +18,12 @@ namespace {
 void listHistory(Context& context) {
     Json list = Json::array();
     Table table({"ID", "TIME", "PROGRAM", "DESCRIPTION"});
-    for (const tk::message& record : context.session().list(tk::path::history())) {
+    for (const tk::message& record : context.session().list(contract::path::history())) {
         Json entry;
         entry["id"] = record.get_u32(tk::field::objectId);
-        entry["description"] = record.get_string(tk::historyfield::description);
-        entry["program"] = record.get_u32(tk::historyfield::program);
-        entry["time"] = timeText(record.get_u64(tk::historyfield::time));
+        entry["description"] = record.get_string(tk::undofield::description);
+        entry["program"] = record.get_u32(contract::historyfield::program);
+        entry["time"] = timeText(record.get_u64(contract::historyfield::time));
         table.add({entry["id"].dump(), entry["time"], entry["program"].dump(), entry["description"]});
         list.push_back(entry);
     }
@@ -29,12 +31,11 @@ void listHistory(Context& context) {
 }
 
 void undoLast(Context& context) {
-    const tk::message undone = context.session().request(tk::path::history(), tk::undoLast);
+    const tk::message undone = context.session().request(contract::path::history(), contract::undoLast);
     Json answer;
     answer["id"] = undone.get_u32(tk::field::objectId);
-    answer["description"] = undone.get_string(tk::historyfield::description);
-    context.print(answer,
-                  "undone: " + tk::printable(undone.get_string(tk::historyfield::description)) + "\n");
+    answer["description"] = undone.get_string(tk::undofield::description);
+    context.print(answer, "undone: " + tk::printable(undone.get_string(tk::undofield::description)) + "\n");
 }
 
 }  // namespace

@@ -2,12 +2,14 @@
 
 #include <CLI/App.hpp>
 
+#include "contract/interfaces.h"
+#include "contract/programs.h"
 #include "ctl/commandline.h"
 #include "ctl/failure.h"
 #include "ctl/json.h"
 #include "ctl/table.h"
 #include "ctl/text.h"
-#include "tk/records.h"
+#include "tk/names.h"
 
 namespace ctl {
 
@@ -16,12 +18,12 @@ namespace {
 Interface readInterface(const tk::message& record) {
     Interface out;
     out.id = record.get_u32(tk::field::objectId);
-    out.name = record.get_string(tk::interfacefield::name);
-    out.displayName = record.get_string(tk::interfacefield::displayName, out.name);
-    out.index = record.get_u32(tk::interfacefield::index);
-    out.type = record.get_u32(tk::interfacefield::type);
+    out.name = record.get_string(contract::interfacefield::name);
+    out.displayName = record.get_string(contract::interfacefield::displayName, out.name);
+    out.index = record.get_u32(contract::interfacefield::index);
+    out.type = record.get_u32(contract::interfacefield::type);
     out.disabled = record.get_bool(tk::field::disabled);
-    out.running = record.get_bool(tk::interfacefield::running);
+    out.running = record.get_bool(contract::interfacefield::running);
     return out;
 }
 
@@ -52,7 +54,7 @@ void listInterfaces(Context& context) {
 
 std::vector<Interface> readInterfaces(Session& session) {
     std::vector<Interface> interfaces;
-    for (const tk::message& record : session.list(tk::path::interfaces()))
+    for (const tk::message& record : session.list(contract::path::interfaces()))
         interfaces.push_back(readInterface(record));
     return interfaces;
 }

@@ -7,13 +7,15 @@
 
 #include <CLI/App.hpp>
 
+#include "contract/natrules.h"
+#include "contract/programs.h"
 #include "ctl/commandline.h"
 #include "ctl/failure.h"
 #include "ctl/json.h"
 #include "ctl/table.h"
 #include "ctl/text.h"
 #include "net/convert.h"
-#include "tk/records.h"
+#include "tk/names.h"
 
 namespace ctl {
 
@@ -38,12 +40,12 @@ Rule readRule(const tk::message& record) {
     out.id = record.get_u32(tk::field::objectId);
     out.disabled = record.get_bool(tk::field::disabled);
     out.dynamic = record.get_bool(tk::field::dynamic);
-    out.chain = record.get_string(tk::rulefield::chain);
-    out.destinationAddress = ipToString(record.get_be32(tk::rulefield::dstAddressFirst));
-    out.protocol = protocolText(record.get_u32(tk::rulefield::protocol));
-    out.destinationPort = record.get_u32(tk::rulefield::dstPortFirst);
-    out.toAddress = ipToString(record.get_be32(tk::rulefield::toAddressFirst));
-    out.toPort = record.get_u32(tk::rulefield::toPortFirst);
+    out.chain = record.get_string(contract::rulefield::chain);
+    out.destinationAddress = ipToString(record.get_be32(contract::rulefield::dstAddressFirst));
+    out.protocol = protocolText(record.get_u32(contract::rulefield::protocol));
+    out.destinationPort = record.get_u32(contract::rulefield::dstPortFirst);
+    out.toAddress = ipToString(record.get_be32(contract::rulefield::toAddressFirst));
+    out.toPort = record.get_u32(contract::rulefield::toPortFirst);
     return out;
 }
 
@@ -64,7 +66,7 @@ Json ruleToJson(const Rule& source) {
 void listRules(Context& context) {
     Json list = Json::array();
     Table table({"ID", "PROTOCOL", "FROM", "TO", "CHAIN", "DISABLED", "DYNAMIC"});
-    for (const tk::message& record : context.session().list(tk::path::nat())) {
+    for (const tk::message& record : context.session().list(contract::path::nat())) {
         const Rule rule = readRule(record);
         list.push_back(ruleToJson(rule));
         table.add({std::to_string(rule.id), rule.protocol,
@@ -105,14 +107,14 @@ void testRule(Context& context, const Question& question) {
     tk::message rule;
     rule.insert_bool(tk::field::dynamic, true);
     rule.insert_bool(tk::field::disabled, false);
-    rule.insert_string(tk::rulefield::chain, "dstnat");
-    rule.insert_be32(tk::rulefield::dstAddressFirst, addressNamed(question.address));
-    rule.insert_u32(tk::rulefield::dstPortFirst, portNamed(question.port));
-    rule.insert_u32(tk::rulefield::protocol, protocolNamed(question.protocol));
-    rule.insert_u32(tk::rulefield::action, tk::destinationNat);
-    rule.insert_be32(tk::rulefield::toAddressFirst, addressNamed(question.target));
-    rule.insert_u32(tk::rulefield::toPortFirst, portNamed(question.targetPort));
-    context.session().request(tk::path::nat(), natTestCommand, rule);
+    rule.insert_string(contract::rulefield::chain, "dstnat");
+    rule.insert_be32(contract::rulefield::dstAddressFirst, addressNamed(question.address));
+    rule.insert_u32(contract::rulefield::dstPortFirst, portNamed(question.port));
+    rule.insert_u32(contract::rulefield::protocol, protocolNamed(question.protocol));
+    rule.insert_u32(contract::rulefield::action, contract::destinationNat);
+    rule.insert_be32(contract::rulefield::toAddressFirst, addressNamed(question.target));
+    rule.insert_u32(contract::rulefield::toPortFirst, portNamed(question.targetPort));
+    context.session().request(contract::path::nat(), natTestCommand, rule);
     Json answer;
     answer["allowed"] = true;
     context.print(answer, "allowed\n");

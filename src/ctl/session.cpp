@@ -3,6 +3,7 @@
 #include <set>
 #include <string>
 
+#include "contract/programs.h"
 #include "ctl/failure.h"
 #include "ctl/text.h"
 #include "tk/names.h"
@@ -16,7 +17,8 @@ std::string reasonOf(const tk::message& error, const tk::Path& asked) {
     if (text.empty()) text = "refused with error " + hexText(code);
     const bool isAnswer = code != tk::error::unreachable && code != tk::error::timedOut;
     if (isAnswer || asked.empty()) return text;
-    return (asked.front() == tk::program::gateway ? "upnpd" : "routerd") + (" does not answer: " + text);
+    return (asked.front() == contract::program::gateway ? "upnpd" : "routerd") +
+           (" does not answer: " + text);
 }
 
 tk::message Session::exchange(const tk::Path& path, std::uint32_t command, const tk::message& fields,

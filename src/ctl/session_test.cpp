@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include "contract/programs.h"
 #include "ctl/failure.h"
 #include "tk/names.h"
-#include "tk/records.h"
 #include "tk/testing/scriptedbus.h"
 
 namespace ctl {
@@ -92,9 +92,10 @@ TEST_F(SessionTest, ARefusalCarriesTheErrorsText) {
 }
 
 TEST_F(SessionTest, AProgramThatDoesNotAnswerIsNamed) {
-    bus.answer(tk::path::gateway(), 5, tk::errorMsg(tk::error::unreachable, "nobody at this destination"));
+    bus.answer(contract::path::gateway(), 5,
+               tk::errorMsg(tk::error::unreachable, "nobody at this destination"));
     bus.answer(service, 5, tk::errorMsg(tk::error::timedOut, "timed out"));
-    EXPECT_EQ(failureOf(tk::path::gateway()), "upnpd does not answer: nobody at this destination");
+    EXPECT_EQ(failureOf(contract::path::gateway()), "upnpd does not answer: nobody at this destination");
     EXPECT_EQ(failureOf(service), "routerd does not answer: timed out");
 }
 

@@ -4,12 +4,13 @@
 #include <cstdint>
 #include <vector>
 
+#include "contract/programs.h"
 #include "ctl/fieldspec.h"
 #include "ctl/json.h"
 #include "ctl/text.h"
 #include "ctl/typenames.h"
 #include "tk/bus.h"
-#include "tk/records.h"
+#include "tk/names.h"
 
 namespace ctl {
 
@@ -26,7 +27,7 @@ std::string end(const tk::Path& path) {
 
 const tk::message* tracedMessage(const tk::message& received) {
     const bool isTrace = tk::kindOf(received) == tk::Kind::notification &&
-                         received.get_u32_array(tk::field::sender) == tk::path::hub() &&
+                         received.get_u32_array(tk::field::sender) == contract::path::hub() &&
                          received.get_u32(tk::field::command) == tk::command::hubTraced;
     const std::vector<tk::message>& messages = received.get_message_array(messageField);
     return isTrace && messages.size() == 1 ? &messages.front() : nullptr;

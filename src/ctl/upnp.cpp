@@ -6,13 +6,15 @@
 
 #include <CLI/App.hpp>
 
+#include "contract/gateway.h"
+#include "contract/programs.h"
 #include "ctl/commandline.h"
 #include "ctl/failure.h"
 #include "ctl/json.h"
 #include "ctl/settings.h"
 #include "ctl/table.h"
 #include "ctl/text.h"
-#include "tk/records.h"
+#include "tk/names.h"
 
 namespace ctl {
 
@@ -29,12 +31,12 @@ struct GatewaySettings {
 };
 
 GatewaySettings readSettings(Session& session) {
-    const tk::message reply = session.request(tk::path::gateway(), tk::command::get);
+    const tk::message reply = session.request(contract::path::gateway(), tk::command::get);
     GatewaySettings out;
-    out.enabled = reply.get_bool(tk::settingfield::enabled, out.enabled);
+    out.enabled = reply.get_bool(contract::settingfield::enabled, out.enabled);
     out.allowDisableExternal =
-        reply.get_bool(tk::settingfield::allowDisableExternal, out.allowDisableExternal);
-    out.showDummyRule = reply.get_bool(tk::settingfield::showDummyRule, out.showDummyRule);
+        reply.get_bool(contract::settingfield::allowDisableExternal, out.allowDisableExternal);
+    out.showDummyRule = reply.get_bool(contract::settingfield::showDummyRule, out.showDummyRule);
     return out;
 }
 
@@ -67,10 +69,10 @@ void setSettings(Context& context, const std::vector<std::string>& arguments) {
     settings.allowDisableExternal = allowDisableExternal.value_or(settings.allowDisableExternal);
     settings.showDummyRule = showDummyRule.value_or(settings.showDummyRule);
     tk::message request;
-    request.insert_bool(tk::settingfield::enabled, settings.enabled);
-    request.insert_bool(tk::settingfield::allowDisableExternal, settings.allowDisableExternal);
-    request.insert_bool(tk::settingfield::showDummyRule, settings.showDummyRule);
-    context.session().request(tk::path::gateway(), tk::command::set, request);
+    request.insert_bool(contract::settingfield::enabled, settings.enabled);
+    request.insert_bool(contract::settingfield::allowDisableExternal, settings.allowDisableExternal);
+    request.insert_bool(contract::settingfield::showDummyRule, settings.showDummyRule);
+    context.session().request(contract::path::gateway(), tk::command::set, request);
     context.print(settingsToJson(settings), "");
 }
 

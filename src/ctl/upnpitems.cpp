@@ -8,6 +8,9 @@
 
 #include <CLI/App.hpp>
 
+#include "contract/gateway.h"
+#include "contract/interfaces.h"
+#include "contract/programs.h"
 #include "ctl/commandline.h"
 #include "ctl/failure.h"
 #include "ctl/interfaces.h"
@@ -15,7 +18,7 @@
 #include "ctl/settings.h"
 #include "ctl/table.h"
 #include "ctl/text.h"
-#include "tk/records.h"
+#include "tk/names.h"
 
 namespace ctl {
 
@@ -51,15 +54,15 @@ std::uint32_t itemId(const std::string& text) {
 
 void listItems(Context& context) {
     Session& session = context.session();
-    const std::vector<tk::message> items = session.list(tk::path::gateway());
+    const std::vector<tk::message> items = session.list(contract::path::gateway());
     const std::vector<Interface> interfaces = readInterfaces(session);
     Json list = Json::array();
     Table table({"ID", "INTERFACE", "TYPE", "DISABLED"});
     for (const tk::message& item : items) {
         const std::uint32_t id = item.get_u32(tk::field::objectId);
-        const std::uint32_t interface = item.get_u32(tk::itemfield::interface);
+        const std::uint32_t interface = item.get_u32(contract::itemfield::interface);
         const std::string name = interfaceName(interfaces, interface);
-        const std::string role = roleName(item.get_u32(tk::itemfield::type));
+        const std::string role = roleName(item.get_u32(contract::itemfield::type));
         const bool disabled = item.get_bool(tk::field::disabled);
         Json object;
         object["id"] = id;
@@ -82,12 +85,12 @@ void printId(Context& context, std::uint32_t id, const std::string& text) {
 
 /// A request about one item. Errors: throws Failure.
 void requestForItem(Session& session, std::uint32_t command, const tk::message& item) {
-    const tk::message end = session.exchange(tk::path::gateway(), command, item);
+    const tk::message end = session.exchange(contract::path::gateway(), command, item);
     std::uint32_t code = 0;
     if (tk::isError(end, &code) && code == tk::error::noSuchObject)
         throw Failure("there is no item " + std::to_string(item.get_u32(tk::field::objectId)) +
                       "; \"tkctl upnp interface list\" shows those that there are");
-    if (tk::isError(end)) throw Failure(reasonOf(end, tk::path::gateway()));
+    if (tk::isError(end)) throw Failure(reasonOf(end, contract::path::gateway()));
 }
 
 struct Arguments {
@@ -104,21 +107,22 @@ constexpr const char* forceOption = "--force";
 void checkSide(Session& session, std::uint32_t interface, std::uint32_t role, bool isForced) {
     if (role != static_cast<std::uint32_t>(Role::internal) || isForced) return;
     tk::message question;
-    question.insert_u32(tk::sidefield::interface, interface);
-    const tk::message reply = session.exchange(tk::path::interfaces(), tk::tellSide, question);
-    if (tk::isError(reply) || reply.get_u32(tk::sidefield::side) != tk::outside) return;
+    question.insert_u32(contract::sidefield::interface, interface);
+    const tk::message reply = session.exchange(contract::path::interfaces(), contract::tellSide, question);
+    if (tk::isError(reply) || reply.get_u32(contract::sidefield::side) != contract::outside) return;
     throw Failure(interfaceName(readInterfaces(session), interface) +
-                  " is outside: " + reply.get_string(tk::sidefield::why) + "; " + forceOption +
+                  " is outside: " + reply.get_string(contract::sidefield::why) + "; " + forceOption +
                   " makes it internal all the same");
 }
 
 /// Asks the side of the interface that an item would have, where the change touches that.
 void checkSideOfChange(Session& session, const tk::message& change, bool isForced) {
-    if (!change.has(tk::itemfield::interface) && !change.has(tk::itemfield::type)) return;
-    for (const tk::message& item : session.list(tk::path::gateway())) {
+    if (!change.has(contract::itemfield::interface) && !change.has(contract::itemfield::type)) return;
+    for (const tk::message& item : session.list(contract::path::gateway())) {
         if (item.get_u32(tk::field::objectId) != change.get_u32(tk::field::objectId)) continue;
         const auto changed = [&](std::uint32_t field) { return change.get_u32(field, item.get_u32(field)); };
-        checkSide(session, changed(tk::itemfield::interface), changed(tk::itemfield::type), isForced);
+        checkSide(session, changed(contract::itemfield::interface), changed(contract::itemfield::type),
+                  isForced);
     }
 }
 
@@ -130,10 +134,10 @@ void addItem(Context& context, const Arguments& arguments) {
     tk::message item;
     item.insert_bool(tk::field::disabled, disabled);
     const std::uint32_t interface = interfaceNamed(readInterfaces(session), arguments.name).id;
-    item.insert_u32(tk::itemfield::interface, interface);
-    item.insert_u32(tk::itemfield::type, role);
+    item.insert_u32(contract::itemfield::interface, interface);
+    item.insert_u32(contract::itemfield::type, role);
     checkSide(session, interface, role, arguments.isForced);
-    const tk::message reply = session.request(tk::path::gateway(), tk::command::addObject, item);
+    const tk::message reply = session.request(contract::path::gateway(), tk::command::addObject, item);
     const std::uint32_t id = reply.get_u32(tk::field::objectId, tk::unassigned);
     if (id == tk::unassigned) throw Failure("the item was added, but the reply does not tell its id");
     printId(context, id, std::to_string(id) + '\n');
@@ -148,9 +152,10 @@ void setItem(Context& context, const Arguments& arguments) {
     tk::message change;  // what is absent stays as it is
     change.insert_u32(tk::field::objectId, id);
     if (disabled) change.insert_bool(tk::field::disabled, *disabled);
-    if (type) change.insert_u32(tk::itemfield::type, roleNamed(*type));
+    if (type) change.insert_u32(contract::itemfield::type, roleNamed(*type));
     Session& session = context.session();
-    if (name) change.insert_u32(tk::itemfield::interface, interfaceNamed(readInterfaces(session), *name).id);
+    if (name)
+        change.insert_u32(contract::itemfield::interface, interfaceNamed(readInterfaces(session), *name).id);
     checkSideOfChange(session, change, arguments.isForced);
     requestForItem(session, tk::command::setObject, change);
     printId(context, id, "");

@@ -4,9 +4,12 @@
 #include <iterator>
 #include <span>
 
+#include "contract/history.h"
+#include "contract/interfaces.h"
+#include "contract/natrules.h"
+#include "contract/programs.h"
 #include "tk/bus.h"
 #include "tk/names.h"
-#include "tk/records.h"
 
 namespace router {
 
@@ -33,31 +36,31 @@ constexpr std::uint32_t resolveName = 3;  // of the resolver
 
 // What changes nothing of the commands that a handler has for itself.
 constexpr Cell ownReadings[] = {
-    {tk::program::network, 0, tk::listInterfaces},
-    {tk::program::network, 0, tk::tellSide},
-    {tk::program::network, 5, tk::testRule},
-    {tk::program::resolver, 0, resolveName},
+    {contract::program::network, 0, contract::listInterfaces},
+    {contract::program::network, 0, contract::tellSide},
+    {contract::program::network, 5, contract::testRule},
+    {contract::program::resolver, 0, resolveName},
 };
 
 // The user of the gateway daemon. Which rules are its own, and which interfaces may go down, is decided where
 // these are kept.
 constexpr Cell ofGateway[] = {
-    {tk::program::network, every, looking},
-    {tk::program::identity, every, looking},
-    {tk::program::resolver, every, looking},
-    {tk::program::network, 5, tk::command::addObject},
-    {tk::program::network, 5, tk::command::setObject},
-    {tk::program::network, 5, tk::command::removeObject},
-    {tk::program::network, 0, tk::command::setObject},
+    {contract::program::network, every, looking},
+    {contract::program::identity, every, looking},
+    {contract::program::resolver, every, looking},
+    {contract::program::network, 5, tk::command::addObject},
+    {contract::program::network, 5, tk::command::setObject},
+    {contract::program::network, 5, tk::command::removeObject},
+    {contract::program::network, 0, tk::command::setObject},
     {tk::program::history, 0, tk::command::addObject},
 };
 
 // Whoever is neither that user nor the resolver's, which may nothing.
 constexpr Cell ofOthers[] = {
-    {tk::program::network, every, looking},
+    {contract::program::network, every, looking},
     {tk::program::history, every, looking},
-    {tk::program::identity, every, looking},
-    {tk::program::gateway, every, looking},
+    {contract::program::identity, every, looking},
+    {contract::program::gateway, every, looking},
 };
 
 /// What a command asks of a handler: a path of one element means handler 0.
@@ -91,9 +94,10 @@ bool mayWrite(const UserRights& rights, const Cell& asked) {
 }
 
 bool mayAsk(const UserRights& rights, const Cell& asked) {
-    const bool isOther = !mayBe(rights, tk::program::gateway) && !mayBe(rights, tk::program::resolver);
+    const bool isOther =
+        !mayBe(rights, contract::program::gateway) && !mayBe(rights, contract::program::resolver);
     if (isOther && isIn(ofOthers, asked)) return true;
-    if (mayBe(rights, tk::program::gateway) && isIn(ofGateway, asked)) return true;
+    if (mayBe(rights, contract::program::gateway) && isIn(ofGateway, asked)) return true;
     return mayWrite(rights, asked);
 }
 
@@ -105,7 +109,7 @@ std::string textOf(const tk::Path& path) {
 std::string whyNotAsk(const UserRights& rights, const tk::Path& path, std::uint32_t command) {
     const Cell asked = cellOf(path, command);
     // Somebody else's change is taken back: more than to write records.
-    if (asked.program == tk::program::history && command == tk::undoLast)
+    if (asked.program == tk::program::history && command == contract::undoLast)
         return rights.undoes ? "" : "may not undo changes: it needs undo = true";
     if (mayAsk(rights, asked)) return {};
     const std::string place = textOf(path);
@@ -147,7 +151,7 @@ std::string whyNotRequest(const UserRights& rights, const tk::message& request) 
     const std::uint32_t command = request.get_u32(tk::field::command);
     // A client's records would go with it, and push out those of others before.
     if (to.front() == tk::program::history && command == tk::command::addObject && !isProgram(request) &&
-        mayBe(rights, tk::program::gateway) && !mayWrite(rights, cellOf(to, command)))
+        mayBe(rights, contract::program::gateway) && !mayWrite(rights, cellOf(to, command)))
         return "may not record changes: it is no program";
     return whyNotAsk(rights, to, command);
 }

@@ -2,14 +2,15 @@
 
 #include <string>
 
+#include "contract/addresses.h"
+#include "tk/names.h"
 #include "tk/page.h"
-#include "tk/records.h"
 
 namespace router {
 
 namespace {
 
-namespace field = tk::addressfield;
+namespace field = contract::addressfield;
 
 constexpr std::size_t pageSize = 256;
 

@@ -5,15 +5,16 @@
 #include <set>
 #include <utility>
 
+#include "contract/interfaces.h"
 #include "tk/bus.h"
+#include "tk/names.h"
 #include "tk/page.h"
-#include "tk/records.h"
 
 namespace router {
 
 namespace {
 
-namespace field = tk::interfacefield;
+namespace field = contract::interfacefield;
 
 constexpr std::size_t pageSize = 64;
 
@@ -111,12 +112,12 @@ void Interfaces::withdraw(std::uint32_t id) {
     for (InterfaceWatcher* watcher : watchers) watcher->interfaceGone(link.index);
     links.erase(id);
     byIndex.erase(link.index);
-    tell(recordOf(id, link, tk::goneFlags));
+    tell(recordOf(id, link, contract::goneFlags));
 }
 
 void Interfaces::tell(const tk::message& record) {
     tk::message notification = record;
-    tk::stamp(notification, path(), 0, tk::Kind::notification, tk::interfaceChanged);
+    tk::stamp(notification, path(), 0, tk::Kind::notification, contract::interfaceChanged);
     (void)sendMessage(std::move(notification));  // nobody waits for a notification
 }
 
@@ -130,17 +131,17 @@ tk::message Interfaces::cmdGetAll(const tk::message& request) {
 }
 
 tk::message Interfaces::cmdUnknown(const tk::message& received, std::uint32_t command) {
-    if (command == tk::listInterfaces) return cmdGetAll(received);
-    return command == tk::tellSide ? tellSide(received) : Handler::cmdUnknown(received, command);
+    if (command == contract::listInterfaces) return cmdGetAll(received);
+    return command == contract::tellSide ? tellSide(received) : Handler::cmdUnknown(received, command);
 }
 
 tk::message Interfaces::tellSide(const tk::message& request) const {
-    const std::uint32_t id = request.get_u32(tk::sidefield::interface);
+    const std::uint32_t id = request.get_u32(contract::sidefield::interface);
     const auto link = links.find(id);
     if (link == links.end()) return noSuchInterface(id);
     tk::message reply;
-    reply.insert_u32(tk::sidefield::side, static_cast<std::uint32_t>(zones.sideOf(link->second.index)));
-    reply.insert_string(tk::sidefield::why, zones.whyOf(link->second.index));
+    reply.insert_u32(contract::sidefield::side, static_cast<std::uint32_t>(zones.sideOf(link->second.index)));
+    reply.insert_string(contract::sidefield::why, zones.whyOf(link->second.index));
     return reply;
 }
 
@@ -155,7 +156,7 @@ tk::message Interfaces::cmdGetObj(const tk::message& request) {
     const auto link = links.find(id);
     if (link == links.end()) return noSuchInterface(id);
     tk::message record = recordOf(id, link->second);
-    if ((request.get_u32(tk::field::options) & tk::withCounters) == 0) return record;
+    if ((request.get_u32(tk::field::options) & contract::withCounters) == 0) return record;
     Link current;
     std::string reason;
     if (!kernel.readLink(link->second.index, current, reason)) return tk::errorMsg(tk::error::failed, reason);

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "contract/programs.h"
 #include "links/testing/fakekernel.h"
 #include "tk/clock.h"
 #include "tk/looper.h"
@@ -89,7 +90,7 @@ protected:
     const tk::testing::CapturedOutput output;
     tk::SystemClock clock;
     tk::testing::ScriptedBus bus;
-    tk::Looper looper{clock, bus, tk::program::network};
+    tk::Looper looper{clock, bus, contract::program::network};
     RtNetlink kernel;
     testing::IdleWatcher watcher;
     Zones zones;

@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "contract/programs.h"
 #include "tk/clock.h"
 #include "tk/looper.h"
 #include "tk/testing/commands.h"
@@ -97,7 +98,7 @@ protected:
 
     tk::SystemClock clock;
     tk::testing::ScriptedBus bus;
-    tk::Looper looper{clock, bus, tk::program::network};
+    tk::Looper looper{clock, bus, contract::program::network};
     RouteReader routes{*this};
     RouteExits found;
     int readings = 0;

@@ -4,11 +4,11 @@
 #include <span>
 #include <utility>
 
+#include "contract/natrules.h"
 #include "tk/bus.h"
 #include "tk/log.h"
 #include "tk/names.h"
 #include "tk/page.h"
-#include "tk/records.h"
 
 namespace router {
 
@@ -282,7 +282,7 @@ tk::message Nat::cmdGetCount(const tk::message&) {
 }
 
 tk::message Nat::cmdUnknown(const tk::message& received, std::uint32_t command) {
-    if (command != tk::testRule) return Handler::cmdUnknown(received, command);
+    if (command != contract::testRule) return Handler::cmdUnknown(received, command);
     NatRule rule;
     std::string reason;
     if (!readRule(received, true, rule, reason)) return invalid(reason);

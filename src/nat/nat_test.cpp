@@ -2,10 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include "contract/natrules.h"
 #include "nat/testing/fakenat.h"
 #include "nat/testing/natrequest.h"
 #include "tk/bus.h"
-#include "tk/records.h"
+#include "tk/names.h"
 #include "tk/testing/capturedoutput.h"
 #include "tk/testing/folder.h"
 #include "tk/testing/testloop.h"
@@ -85,7 +86,8 @@ TEST_F(NatTest, PolicyCountsForDisabledRulesToo) {
     EXPECT_TRUE(tk::isError(nat.cmdAddObj(request)));
     request = natRequest(80, "192.0.2.2", 80);
     request.insert_bool(tk::field::disabled, true);
-    for (const std::uint32_t field : {tk::rulefield::dstAddressFirst, tk::rulefield::dstAddressLast})
+    for (const std::uint32_t field :
+         {contract::rulefield::dstAddressFirst, contract::rulefield::dstAddressLast})
         request.insert_be32(field, 0);
     EXPECT_TRUE(tk::isError(nat.cmdAddObj(request)));
     EXPECT_EQ(count(), 0U);
@@ -257,9 +259,9 @@ TEST_F(NatTest, StoredRulesAreLimitedAndDynamicOnesAreNot) {
     EXPECT_TRUE(tk::isError(small.cmdAddObj(lasting(3)), &code, &text));
     EXPECT_EQ(code, tk::error::busy);
     EXPECT_EQ(text, "there are 2 stored rules already, and 2 is the most");
-    EXPECT_TRUE(tk::isError(small.cmdUnknown(lasting(3), tk::testRule), &code));
+    EXPECT_TRUE(tk::isError(small.cmdUnknown(lasting(3), contract::testRule), &code));
     EXPECT_EQ(code, tk::error::busy);
-    EXPECT_FALSE(tk::isError(small.cmdUnknown(natRequest(3, "192.0.2.2", 3), tk::testRule)));
+    EXPECT_FALSE(tk::isError(small.cmdUnknown(natRequest(3, "192.0.2.2", 3), contract::testRule)));
     EXPECT_FALSE(tk::isError(small.cmdAddObj(natRequest(3, "192.0.2.2", 3))));
     tk::message change = ofId(second.get_u32(tk::field::objectId));
     change.insert_bool(tk::field::disabled, true);
@@ -350,9 +352,9 @@ TEST_F(NatTest, TheListComesInPages) {
 }
 
 TEST_F(NatTest, TestingARuleChangesNothing) {
-    EXPECT_TRUE(nat.cmdUnknown(natRequest(80, "192.0.2.2", 8080), tk::testRule).empty());
-    EXPECT_TRUE(tk::isError(nat.cmdUnknown(natRequest(80, "127.0.0.1", 8080), tk::testRule)));
-    EXPECT_TRUE(tk::isError(nat.cmdUnknown({}, tk::testRule)));
+    EXPECT_TRUE(nat.cmdUnknown(natRequest(80, "192.0.2.2", 8080), contract::testRule).empty());
+    EXPECT_TRUE(tk::isError(nat.cmdUnknown(natRequest(80, "127.0.0.1", 8080), contract::testRule)));
+    EXPECT_TRUE(tk::isError(nat.cmdUnknown({}, contract::testRule)));
     EXPECT_EQ(count(), 0U);
     EXPECT_EQ(kernel.transactions, 0);
 }
@@ -391,8 +393,8 @@ protected:
 TEST_F(ProgramsNatTest, AProgramsRuleIsForAnAddressThatTheRouterHoldsOutside) {
     for (const char* foreign : {"1.1.1.1", "198.51.100.2", "192.0.2.1"}) {
         tk::message request = natRequest(443, "192.0.2.2", 443);
-        request.insert_be32(tk::rulefield::dstAddressFirst, address(foreign));
-        request.insert_be32(tk::rulefield::dstAddressLast, address(foreign));
+        request.insert_be32(contract::rulefield::dstAddressFirst, address(foreign));
+        request.insert_be32(contract::rulefield::dstAddressLast, address(foreign));
         const std::string why = "destination " + std::string(foreign) +
                                 " refused: it is no address of an outside interface of the router";
         EXPECT_EQ(tk::getError(nat.cmdAddObj(request)), why);
@@ -405,8 +407,8 @@ TEST_F(ProgramsNatTest, AProgramsRuleIsForAnAddressThatTheRouterHoldsOutside) {
 TEST_F(ProgramsNatTest, AProgramsRuleMayChangeAfterItsAddressIsGoneButNotWhileThatIsInside) {
     const std::uint32_t id = add(natRequest(80, "192.0.2.2", 8080));
     tk::message change = from({80, 0}, ofId(id));
-    change.insert_u32(tk::rulefield::toPortFirst, 8081);
-    change.insert_u32(tk::rulefield::toPortLast, 8081);
+    change.insert_u32(contract::rulefield::toPortFirst, 8081);
+    change.insert_u32(contract::rulefield::toPortLast, 8081);
     const LinkAddress held{3, address("198.51.100.1"), address("198.51.100.1"), 24, true};
     world.zones.remove(held);
     EXPECT_EQ(tk::getError(nat.cmdSetObj(change)), "");
@@ -468,8 +470,8 @@ TEST_F(ProgramsNatTest, APortOfTheRoutersOwnIsNotToBeHad) {
 TEST_F(ProgramsNatTest, ARuleIsNotMovedToAPortOfTheRoutersOwn) {
     listeners.heard.insert({address("198.51.100.1"), 6, 22, 3});
     tk::message change = from({80, 0}, ofId(add(natRequest(80, "192.0.2.2", 80))));
-    change.insert_u32(tk::rulefield::dstPortFirst, 22);
-    change.insert_u32(tk::rulefield::dstPortLast, 22);
+    change.insert_u32(contract::rulefield::dstPortFirst, 22);
+    change.insert_u32(contract::rulefield::dstPortLast, 22);
     EXPECT_TRUE(tk::isError(nat.cmdSetObj(change)));
     EXPECT_TRUE(kernel.find("198.51.100.1", 6, 80));
 }
@@ -482,7 +484,7 @@ TEST_F(ProgramsNatTest, ADisabledRuleGetsNoPortOfTheRoutersOwnEither) {
 
 TEST_F(ProgramsNatTest, RootsTestIsThatOfAProgram) {
     requester.asker = 0;
-    const tk::message answer = nat.cmdUnknown(natRequest(51820, "192.0.2.2", 80), tk::testRule);
+    const tk::message answer = nat.cmdUnknown(natRequest(51820, "192.0.2.2", 80), contract::testRule);
     EXPECT_EQ(tk::getError(answer), "external port 51820 refused: it is one of the router's own");
 }
 

@@ -5,13 +5,14 @@
 #include <algorithm>
 #include <iterator>
 
-#include "tk/records.h"
+#include "contract/natrules.h"
+#include "tk/names.h"
 
 namespace router {
 
 namespace {
 
-namespace field = tk::rulefield;
+namespace field = contract::rulefield;
 
 constexpr std::uint32_t highestPort = 65535;
 constexpr std::uint32_t firstObjectField = 0xFE0000;  // from here on fields are the bus's own
@@ -63,13 +64,14 @@ private:
     [[nodiscard]] bool checkChain() {
         if (!request.has(field::chain) && !isNew) return true;
         const std::string chain = request.get_string(field::chain);
-        return chain == tk::dstnatChain || fail("chain \"" + chain + "\" is not supported, only \"dstnat\"");
+        return chain == contract::dstnatChain ||
+               fail("chain \"" + chain + "\" is not supported, only \"dstnat\"");
     }
 
     [[nodiscard]] bool checkAction() {
         if (!request.has(field::action) && !isNew) return true;
         const std::uint32_t action = request.get_u32(field::action);
-        return action == tk::destinationNat ||
+        return action == contract::destinationNat ||
                fail("action " + std::to_string(action) + " is not supported, only 22 (destination NAT)");
     }
 
@@ -141,7 +143,7 @@ tk::message recordOf(const NatRule& rule) {
     record.insert_u32(tk::field::objectId, rule.id);
     record.insert_bool(tk::field::dynamic, rule.dynamic);
     record.insert_bool(tk::field::disabled, rule.disabled);
-    record.insert_string(field::chain, tk::dstnatChain);
+    record.insert_string(field::chain, contract::dstnatChain);
     record.insert_bool(field::hasDstAddress, true);
     record.insert_be32(field::dstAddressFirst, element.destination);
     record.insert_be32(field::dstAddressLast, element.destination);
@@ -150,7 +152,7 @@ tk::message recordOf(const NatRule& rule) {
     record.insert_u32(field::dstPortLast, element.port);
     record.insert_bool(field::hasProtocol, true);
     record.insert_u32(field::protocol, element.protocol);
-    record.insert_u32(field::action, tk::destinationNat);
+    record.insert_u32(field::action, contract::destinationNat);
     record.insert_bool(field::hasToAddress, true);
     record.insert_be32(field::toAddressFirst, element.target);
     record.insert_be32(field::toAddressLast, element.target);

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include "contract/programs.h"
 #include "resolver/testing/fakedns.h"
 #include "tk/looper.h"
 #include "tk/names.h"
@@ -187,7 +188,7 @@ TEST_F(LookupTest, CanBeGivenUpWhileItIsUnderWay) {
 TEST(LookupInRealTime, AsksAgainWhenAQuestionIsLost) {
     const tk::SystemClock clock;
     tk::testing::ScriptedBus bus;
-    tk::Looper looper(clock, bus, tk::program::resolver);
+    tk::Looper looper(clock, bus, contract::program::resolver);
     FakeDns dns;
     Asker asker;
     asker.ask("nas.example", dns.address());

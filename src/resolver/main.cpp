@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <string>
 
+#include "contract/programs.h"
 #include "net/convert.h"
 #include "resolver/resolver.h"
 #include "tk/fd.h"
@@ -41,8 +42,8 @@ int serve(const resolver::Settings& settings) {
     tk::Looper looper;
     resolver::Resolver handler(settings);
     looper.addHandler(0, &handler);
-    if (!looper.join(tk::program::resolver, tk::busPath, reason)) {
-        tk::log("cannot join the bus at ", tk::busPath, ": ", reason);
+    if (!looper.join(contract::program::resolver, contract::busPath, reason)) {
+        tk::log("cannot join the bus at ", contract::busPath, ": ", reason);
         return failed;
     }
     looper.run();

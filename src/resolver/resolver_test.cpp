@@ -5,7 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include "contract/programs.h"
 #include "resolver/testing/fakedns.h"
+#include "tk/names.h"
 #include "tk/testing/folder.h"
 #include "tk/testing/testloop.h"
 #include "tk/timer.h"
@@ -30,7 +32,7 @@ protected:
     void ask(const std::string& name, const std::string& more = {}) {
         tk::message request;
         if (!more.empty()) request.insert_string(99, more);
-        request.insert_u32_array(tk::field::destination, {tk::program::gateway});
+        request.insert_u32_array(tk::field::destination, {contract::program::gateway});
         request.insert_string(Resolver::nameField, name);
         tk::stamp(request, {1000}, ++numbers, tk::Kind::request, Resolver::resolveCommand);
         loop.looper.dispatch(request);
@@ -81,7 +83,7 @@ TEST_F(ResolverTest, AnswersWhenTheNameServerHas) {
     EXPECT_EQ(endOf(1), addressReply(nas));
     const tk::message& end = loop.bus.posted[0];
     EXPECT_EQ(end.get_u32_array(tk::field::destination), (tk::Path{1000}));
-    EXPECT_EQ(end.get_u32_array(tk::field::sender), (tk::Path{tk::program::gateway, 0}));
+    EXPECT_EQ(end.get_u32_array(tk::field::sender), (tk::Path{contract::program::gateway, 0}));
     EXPECT_EQ(end.get_u32(tk::field::number), 1u);
     EXPECT_EQ(end.get_u32(tk::field::command), Resolver::resolveCommand);
 }
@@ -225,7 +227,7 @@ TEST_F(ResolverTest, GivesTheProgramsNumberUpBeforeItLeaves) {
     const auto requests = loop.bus.requestsTo({tk::program::hub}, tk::command::hubUnregister);
     ASSERT_EQ(requests.size(), 1u);
     EXPECT_EQ(requests.front().content.get_u32(1),
-              tk::program::gateway);  // as the loop of this test is called
+              contract::program::gateway);  // as the loop of this test is called
     EXPECT_EQ(loop.bus.requests.size(), 1u);
     loop.looper.run();  // ends at once
 }

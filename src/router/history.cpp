@@ -4,30 +4,32 @@
 #include <string>
 #include <utility>
 
+#include "contract/history.h"
 #include "tk/bus.h"
+#include "tk/names.h"
 #include "tk/page.h"
-#include "tk/records.h"
 
 namespace router {
 
 namespace {
 
-namespace field = tk::historyfield;
+namespace field = contract::historyfield;
 
 constexpr std::size_t pageSize = 20;  // a record carries whole requests
 
 }  // namespace
 
 tk::message History::cmdAddObj(const tk::message& request) {
-    if (request.size_message_array(field::request) != 1 || request.size_message_array(field::inverse) != 1)
+    if (request.size_message_array(tk::undofield::request) != 1 ||
+        request.size_message_array(tk::undofield::inverse) != 1)
         return tk::errorMsg(tk::error::invalid, "an undo record holds one request and one inverse");
     const tk::Path& from = request.get_u32_array(tk::field::sender);
     if (undoing != 0 && undoingPath == from) return {};
     tk::message record;
     record.insert_u32(tk::field::objectId, lastId + 1);
-    record.insert_message_array(field::request, request.get_message_array(field::request));
-    record.insert_message_array(field::inverse, request.get_message_array(field::inverse));
-    record.insert_string(field::description, request.get_string(field::description));
+    record.insert_message_array(tk::undofield::request, request.get_message_array(tk::undofield::request));
+    record.insert_message_array(tk::undofield::inverse, request.get_message_array(tk::undofield::inverse));
+    record.insert_string(tk::undofield::description, request.get_string(tk::undofield::description));
     record.insert_u32(field::program, from.front());
     record.insert_u64(field::time, time());
     record.insert_u32_array(field::path, from);
@@ -58,7 +60,7 @@ void History::erase(Records::iterator record) {
 }
 
 tk::message History::cmdUnknown(const tk::message& received, std::uint32_t command) {
-    return command == tk::undoLast ? undo(received) : Handler::cmdUnknown(received, command);
+    return command == contract::undoLast ? undo(received) : Handler::cmdUnknown(received, command);
 }
 
 tk::message History::undo(const tk::message& request) {
@@ -66,7 +68,7 @@ tk::message History::undo(const tk::message& request) {
     if (undoing != 0) return tk::errorMsg(tk::error::busy, "a change is being undone already");
     const auto& [id, entry] = *records.rbegin();
     const tk::message& record = entry.content;
-    const tk::message& inverse = record.get_message_array(field::inverse).front();
+    const tk::message& inverse = record.get_message_array(tk::undofield::inverse).front();
     const std::uint32_t command = inverse.get_u32(tk::field::command);
     if (command == 0) return tk::errorMsg(tk::error::failed, "the record does not say how to undo it");
     tk::message sent;
@@ -75,7 +77,7 @@ tk::message History::undo(const tk::message& request) {
     tk::stamp(sent, path(), 0, tk::Kind::request, command);
     undoing = id;
     undoingPath = record.get_u32_array(field::path);
-    undoingText = record.get_string(field::description);
+    undoingText = record.get_string(tk::undofield::description);
     undoRequest = tk::routingOf(request);
     (void)sendMessage(
         std::move(sent));  // its end, an error too, comes to handleReply(), maybe before this returns
@@ -119,7 +121,7 @@ tk::message History::handleReply(const tk::message& end) {
     }
     tk::message answer;
     answer.insert_u32(tk::field::objectId, id);
-    answer.insert_string(field::description, undoingText);
+    answer.insert_string(tk::undofield::description, undoingText);
     sendAnswer(request, answer);
     return {};
 }

@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include "contract/history.h"
 #include "tk/bus.h"
 #include "tk/names.h"
-#include "tk/records.h"
 #include "tk/testing/scriptedbus.h"
 
 namespace router {
@@ -86,8 +86,8 @@ protected:
         bus.posted.clear();
         tk::message request;
         request.insert_u32_array(tk::field::destination, {24});
-        tk::stamp(request, {1000}, 7, tk::Kind::request, tk::undoLast);
-        return history.cmdUnknown(request, tk::undoLast);
+        tk::stamp(request, {1000}, 7, tk::Kind::request, contract::undoLast);
+        return history.cmdUnknown(request, contract::undoLast);
     }
     tk::message posted(tk::Kind kind) {
         for (const tk::message& each : bus.posted)

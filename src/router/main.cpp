@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "contract/programs.h"
 #include "hub/launcher.h"
 #include "hub/listener.h"
 #include "links/linkswitch.h"
@@ -50,7 +51,7 @@ int serve(const std::string& configPath, bool mayBeAbsent) {
         return failed;
     }
     router::Paths paths;
-    paths.bus = tk::busPath;
+    paths.bus = contract::busPath;
     if (router::BusListener::isServed(paths.bus)) {  // before anything that the other one uses is touched
         tk::log("routerd: ", paths.bus, ": another router is running");
         return failed;
@@ -60,8 +61,8 @@ int serve(const std::string& configPath, bool mayBeAbsent) {
     router::Launcher launcher;
     const bool drops = config.user && ::geteuid() == 0;
     if (drops) router::runAsRouter(config);
-    router::nameUsualUser(config, tk::program::gateway, "upnpd");
-    router::nameUsualUser(config, tk::program::resolver, "resolverd");
+    router::nameUsualUser(config, contract::program::gateway, "upnpd");
+    router::nameUsualUser(config, contract::program::resolver, "resolverd");
     if (drops && (!launcher.open(startable(config), reason) ||
                   !router::dropPrivileges(*config.user, {paths.busFolder(), paths.stores}, reason))) {
         tk::log("routerd: ", reason);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "contract/programs.h"
 #include "tk/log.h"
 #include "tk/names.h"
 
@@ -24,7 +25,7 @@ Router::Router(const Config& config, const Paths& paths, Processes& processes)
     : paths(paths),
       programs(config.programs),
       users(config.users),
-      looper(clock, hub, tk::program::network),
+      looper(clock, hub, contract::program::network),
       table(config.guard, config.nat.checksTargets),
       zones(config.lan),
       interfaceIds(paths.stores + "/interfaces"),
@@ -40,11 +41,11 @@ Router::Router(const Config& config, const Paths& paths, Processes& processes)
       activation(config.programs, *this, processes),
       listener(hub) {
     interfaces.addWatcher(addresses);
-    hub.addService(interfaces, {tk::program::network, 0});
-    hub.addService(addresses, {tk::program::network, 1});
-    hub.addService(nat, {tk::program::network, 5});
+    hub.addService(interfaces, {contract::program::network, 0});
+    hub.addService(addresses, {contract::program::network, 1});
+    hub.addService(nat, {contract::program::network, 5});
     hub.addService(history, {tk::program::history});
-    hub.addService(identity, {tk::program::identity});
+    hub.addService(identity, {contract::program::identity});
     hub.setStarter(&activation);
     hub.setAccess(Access(config.users));
     hub.setProgramWatcher(this);
@@ -64,9 +65,9 @@ bool Router::start(std::string& reason) {
         if (program.user) programComes(program.number, program.user->uid);
     // Whoever may be the daemon is guarded before it is, and when it never comes.
     for (const UserRights& user : users)
-        if (std::find(user.programs.begin(), user.programs.end(), tk::program::gateway) !=
+        if (std::find(user.programs.begin(), user.programs.end(), contract::program::gateway) !=
             user.programs.end())
-            programComes(tk::program::gateway, user.uid);
+            programComes(contract::program::gateway, user.uid);
     nat.load();
     if (!table.endFlows(reason)) return false;
     if (!listener.open(paths.bus, reason)) return false;
@@ -91,10 +92,10 @@ void Router::turnWhile(const std::function<bool()>& condition, std::uint64_t mil
 }
 
 void Router::programComes(std::uint32_t program, uid_t user) {
-    if (program == tk::program::gateway && user == 0)
+    if (program == contract::program::gateway && user == 0)
         tk::log("program ", program, " runs as root: what it asks for is not checked, and nothing guards it");
     // Whoever was the daemon once stays guarded: leaving the bus sets nobody free.
-    if (program == tk::program::gateway && user != 0) table.guardUser(user);
+    if (program == contract::program::gateway && user != 0) table.guardUser(user);
 }
 
 void Router::programEnded(std::uint32_t program, const std::string& how, bool hadRegistered) {

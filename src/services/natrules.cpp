@@ -2,16 +2,18 @@
 
 #include <netinet/in.h>
 
+#include "contract/natrules.h"
+#include "contract/programs.h"
 #include "tk/looper.h"
-#include "tk/records.h"
+#include "tk/names.h"
 
 namespace {
 
-namespace rule = tk::rulefield;
+namespace rule = contract::rulefield;
 
 tk::message toFirewall() {
     tk::message request;
-    request.insert_u32_array(tk::field::destination, tk::path::nat());
+    request.insert_u32_array(tk::field::destination, contract::path::nat());
     return request;
 }
 
@@ -25,7 +27,7 @@ tk::message createNatRule(const Id& id, const PortMap& map, std::uint32_t extern
     tk::message request = toFirewall();
     request.insert_bool(tk::field::dynamic, true);
     request.insert_bool(tk::field::disabled, !map.enabled);
-    request.insert_string(rule::chain, tk::dstnatChain);
+    request.insert_string(rule::chain, contract::dstnatChain);
     request.insert_bool(rule::hasDstAddress, true);
     request.insert_be32(rule::dstAddressFirst, externalAddress);
     request.insert_be32(rule::dstAddressLast, externalAddress);
@@ -34,7 +36,7 @@ tk::message createNatRule(const Id& id, const PortMap& map, std::uint32_t extern
     request.insert_u32(rule::dstPortLast, id.port);
     request.insert_bool(rule::hasProtocol, true);
     request.insert_u32(rule::protocol, id.protocol == 0 ? IPPROTO_TCP : IPPROTO_UDP);
-    request.insert_u32(rule::action, tk::destinationNat);
+    request.insert_u32(rule::action, contract::destinationNat);
     request.insert_bool(rule::hasToAddress, true);
     request.insert_be32(rule::toAddressFirst, map.internalClient);
     request.insert_be32(rule::toAddressLast, map.internalClient);

@@ -2,10 +2,11 @@
 
 #include <list>
 
+#include "contract/interfaces.h"
 #include "net/convert.h"
 #include "services/devicestats.h"
 #include "services/registration.h"
-#include "tk/records.h"
+#include "tk/names.h"
 #include "upnp/makevector.h"
 
 namespace {
@@ -35,7 +36,7 @@ void WANCommonInterfaceConfig::setDevice(const tk::message& record) {
 }
 
 void WANCommonInterfaceConfig::registerVariables(const tk::message& record) {
-    const bool isEthernet = record.get_u32(tk::interfacefield::type) == tk::ethernet;
+    const bool isEthernet = record.get_u32(contract::interfacefield::type) == contract::ethernet;
     const VariableRow rows[] = {
         {"WANAccessType", VariableType::string, false, allowedAccessTypes(),
          isEthernet ? "Ethernet" : "Other"},

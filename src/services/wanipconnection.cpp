@@ -1,9 +1,10 @@
 #include "services/wanipconnection.h"
 
+#include "contract/programs.h"
 #include "net/convert.h"
 #include "tk/log.h"
 #include "tk/looper.h"
-#include "tk/records.h"
+#include "tk/names.h"
 
 namespace {
 
@@ -66,7 +67,7 @@ UPNPStatus WANIPConnection::forceTermination(const Arguments&, Arguments&) {
 UPNPStatus WANIPConnection::switchInterface(bool disable) {
     if (!allowDisableExternal) return upnpstatus::actionFailed;
     tk::message request;
-    request.insert_u32_array(tk::field::destination, tk::path::interfaces());
+    request.insert_u32_array(tk::field::destination, contract::path::interfaces());
     request.insert_u32(tk::field::objectId, deviceId);
     request.insert_bool(tk::field::disabled, disable);
     const tk::message reply =

@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <utility>
 
-#include "tk/records.h"
-
 namespace tk {
 
 namespace {
@@ -82,9 +80,9 @@ void Handler::notifyChange(std::uint32_t id, const message& data) {
 
 void Handler::sendUndo(const message& request, const message& inverse, const std::string& description) {
     message record;
-    record.insert_message_array(historyfield::request, {request});
-    record.insert_message_array(historyfield::inverse, {inverse});
-    record.insert_string(historyfield::description, description);
+    record.insert_message_array(undofield::request, {request});
+    record.insert_message_array(undofield::inverse, {inverse});
+    record.insert_string(undofield::description, description);
     record.insert_u32_array(field::destination, {program::history});
     (void)exchangeCmd(record, command::addObject, exchangeTimeout);  // a change stands without its record too
 }

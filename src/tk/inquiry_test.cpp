@@ -16,7 +16,7 @@ constexpr std::uint32_t command = 3;
 
 message question() {
     message request;
-    request.insert_u32_array(field::destination, {program::resolver});
+    request.insert_u32_array(field::destination, {14});
     request.insert_string(3, "host.example");
     return request;
 }

@@ -25,7 +25,7 @@ class LaterAnswer : public ::testing::Test {
 protected:
     LaterAnswer() { loop.looper.addHandler(3, &handler); }
 
-    void request(std::uint32_t number, std::uint32_t command, const Path& to = {program::gateway, 3}) {
+    void request(std::uint32_t number, std::uint32_t command, const Path& to = {testing::ownProgram, 3}) {
         message request;
         request.insert_u32_array(field::destination, to);
         stamp(request, {1000}, number, Kind::request, command);
@@ -39,7 +39,7 @@ protected:
 
     testing::TestLoop loop;
     Keeping handler;
-    const Path path{program::gateway, 3};
+    const Path path{testing::ownProgram, 3};
 };
 
 TEST_F(LaterAnswer, NothingIsSentUntilTheHandlerAnswers) {
@@ -63,10 +63,10 @@ TEST_F(LaterAnswer, AnErrorEndsTheRequestAsOne) {
 TEST_F(LaterAnswer, ComesFromTheWholePathWhenTheRequestLeftTheNumberOut) {
     loop.looper.removeHandler(3);
     loop.looper.addHandler(0, &handler);
-    request(9, command::get, {program::gateway});
+    request(9, command::get, {testing::ownProgram});
     handler.sendAnswer(*handler.kept, {});
     ASSERT_EQ(loop.bus.posted.size(), 1u);
-    EXPECT_EQ(loop.bus.posted[0], endFor(9, Kind::reply, {}, {program::gateway, 0}));
+    EXPECT_EQ(loop.bus.posted[0], endFor(9, Kind::reply, {}, {testing::ownProgram, 0}));
 }
 
 TEST_F(LaterAnswer, OtherRequestsAreServedMeanwhile) {

@@ -59,6 +59,13 @@ constexpr std::uint32_t command = 2;  // u32, likewise
 constexpr std::uint32_t filter = 3;   // message[] with the one filter message, likewise
 }  // namespace hubfield
 
+// An undo record, as a handler hands it in.
+namespace undofield {
+constexpr std::uint32_t request = 1;      // message[]: the request that was applied
+constexpr std::uint32_t inverse = 2;      // message[]: the request that undoes it
+constexpr std::uint32_t description = 3;  // string
+}  // namespace undofield
+
 namespace error {
 constexpr std::uint32_t noSuchCommand = 0xFE0002;
 constexpr std::uint32_t refused = 0xFE0003;
@@ -78,19 +85,12 @@ enum class Kind : std::uint32_t { request = 1, reply = 2, error = 3, notificatio
 
 namespace program {
 constexpr std::uint32_t hub = 0;
-constexpr std::uint32_t resolver = 14;
-constexpr std::uint32_t network = 20;  // {20, 0} interfaces, {20, 1} addresses, {20, 5} destination NAT rules
-constexpr std::uint32_t history = 24;
-constexpr std::uint32_t identity = 65;
-constexpr std::uint32_t gateway = 80;
+constexpr std::uint32_t history = 24;        // takes the undo records
 constexpr std::uint32_t firstClient = 1000;  // clients that register no program are numbered from here
 }  // namespace program
 
 /// The id of an object that has none yet; as the id of a change it names a handler's settings.
 constexpr std::uint32_t unassigned = 0xFFFFFFFF;
-
-/// Where the hub listens.
-constexpr const char* busPath = "/run/tk/bus";
 
 /// The time-out of the exchanges that a handler starts. Units: milliseconds.
 constexpr std::uint32_t exchangeTimeout = 6000;

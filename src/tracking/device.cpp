@@ -4,7 +4,8 @@
 
 #include <cassert>
 
-#include "tk/records.h"
+#include "contract/interfaces.h"
+#include "tk/names.h"
 #include "tracking/tracking.h"
 
 bool NumericOrder::operator()(std::uint32_t left, std::uint32_t right) const {
@@ -20,15 +21,15 @@ std::uint32_t Device::id() const {
 }
 
 std::uint32_t Device::index() const {
-    return record.get_u32(tk::interfacefield::index);
+    return record.get_u32(contract::interfacefield::index);
 }
 
 std::string Device::name() const {
-    return record.get_string(tk::interfacefield::name);
+    return record.get_string(contract::interfacefield::name);
 }
 
 std::string Device::displayName() const {
-    return record.get_string(tk::interfacefield::displayName);
+    return record.get_string(contract::interfacefield::displayName);
 }
 
 int Device::connectionStatus() const {

@@ -1,8 +1,10 @@
 // Addresses: the list, its changes, and which of them an interface uses.
 
+#include "contract/addresses.h"
+#include "contract/programs.h"
 #include "net/convert.h"
 #include "tk/log.h"
-#include "tk/records.h"
+#include "tk/names.h"
 #include "tk/reget.h"
 #include "tracking/getall.h"
 #include "tracking/tracking.h"
@@ -10,7 +12,8 @@
 namespace {
 
 std::uint32_t interfaceOf(const tk::message& record) {
-    return record.get_u32(tk::addressfield::interface, record.get_u32(tk::addressfield::actualInterface));
+    return record.get_u32(contract::addressfield::interface,
+                          record.get_u32(contract::addressfield::actualInterface));
 }
 
 bool isActive(const tk::message& record) {
@@ -31,7 +34,7 @@ void Tracking::updateAddresses(const tk::message& msg) {
 void Tracking::walkAddresses() {
     for (auto& [id, addr] : addresses) addr.stale = true;
     tk::FullReget walk;
-    walk.setBase(getAllFrom(tk::path::addresses()));
+    walk.setBase(getAllFrom(contract::path::addresses()));
     while (!walk.isEmpty()) applyAddress(walk.pop());
     // Those that are gone stay in their devices' sets. On purpose.
     std::erase_if(addresses, [](const auto& entry) { return entry.second.stale; });
@@ -49,7 +52,7 @@ void Tracking::applyAddress(const tk::message& record) {
 }
 
 void Tracking::addAddress(std::uint32_t id, const tk::message& record) {
-    const Addr added{record.get_be32(tk::addressfield::address), interfaceOf(record), false,
+    const Addr added{record.get_be32(contract::addressfield::address), interfaceOf(record), false,
                      !isActive(record)};
     addresses[id] = added;
     logAddress(added.interface, " add address: ", added.address, id);
@@ -58,7 +61,7 @@ void Tracking::addAddress(std::uint32_t id, const tk::message& record) {
 
 void Tracking::changeAddress(std::uint32_t id, Addr& stored, const tk::message& record) {
     const Addr old = stored;
-    Addr changed{record.get_be32(tk::addressfield::address, old.address), interfaceOf(record), false,
+    Addr changed{record.get_be32(contract::addressfield::address, old.address), interfaceOf(record), false,
                  !isActive(record)};
     if (changed.interface == 0) changed.interface = old.interface;
     logAddress(changed.interface, " set address: ", changed.address, id);

@@ -4,8 +4,10 @@
 
 #include <utility>
 
+#include "contract/interfaces.h"
+#include "contract/programs.h"
 #include "tk/log.h"
-#include "tk/records.h"
+#include "tk/names.h"
 #include "tk/reget.h"
 #include "tracking/getall.h"
 #include "tracking/tracking.h"
@@ -15,7 +17,7 @@ namespace {
 constexpr std::uint32_t statusWalkTimeout = 3000;  // milliseconds
 
 std::string displayNameOf(const tk::message& record) {
-    return record.get_string(tk::interfacefield::displayName);
+    return record.get_string(contract::interfacefield::displayName);
 }
 
 }  // namespace
@@ -27,17 +29,17 @@ Tracking::~Tracking() = default;
 
 void Tracking::getDevices() {
     if (!host.isEnabled())
-        return host.busHandler().unsubscribe(tk::path::interfaces(), tk::interfaceChanged, {});
+        return host.busHandler().unsubscribe(contract::path::interfaces(), contract::interfaceChanged, {});
     clearDevices();
-    host.busHandler().subscribe(tk::path::interfaces(), tk::interfaceChanged, {});
+    host.busHandler().subscribe(contract::path::interfaces(), contract::interfaceChanged, {});
     tk::PageTrail trail;
     std::uint32_t next = tk::unassigned;
     do {
         tk::message request;
-        request.insert_u32_array(tk::field::destination, tk::path::interfaces());
+        request.insert_u32_array(tk::field::destination, contract::path::interfaces());
         if (next != tk::unassigned) request.insert_u32(tk::field::next, next);
         const tk::message reply =
-            host.busHandler().exchangeCmd(request, tk::listInterfaces, tk::exchangeTimeout);
+            host.busHandler().exchangeCmd(request, contract::listInterfaces, tk::exchangeTimeout);
         if (!reply.has_array(tk::field::objects))
             tk::log("device::CMD_GETDEVS failed: ", tk::getError(reply));
         for (const tk::message& record : reply.get_message_array(tk::field::objects)) deviceChanged(record);
@@ -61,7 +63,7 @@ void Tracking::connectionEnded(const Device& device) {
 void Tracking::deviceChanged(const tk::message& record) {
     const std::uint32_t id = record.get_u32(tk::field::objectId);
     const auto entry = devices.find(id);
-    if (record.get_u32(tk::interfacefield::flags) & tk::goneFlags) {
+    if (record.get_u32(contract::interfacefield::flags) & contract::goneFlags) {
         tk::log("rem dev: ", displayNameOf(record));
         if (entry != devices.end()) removeDevice(entry);
         return;
@@ -101,7 +103,7 @@ void Tracking::updateDeviceStatus(const tk::message& msg) {
     }
     tk::FullReget walk;
     walk.timeout = statusWalkTimeout;
-    walk.setBase(getAllFrom(tk::path::interfaces()));
+    walk.setBase(getAllFrom(contract::path::interfaces()));
     while (!walk.isEmpty()) applyDeviceStatus(walk.pop());
 }
 
@@ -110,7 +112,7 @@ void Tracking::applyDeviceStatus(const tk::message& record) {
     Device* device = deviceOf(id);
     if (!device) return;
     device->disabled = record.get_bool(tk::field::disabled, device->disabled);
-    device->running = record.get_bool(tk::interfacefield::running, device->running);
+    device->running = record.get_bool(contract::interfacefield::running, device->running);
     tk::log("dev: ", id, " disabled: ", device->disabled, " running: ", device->running);
     if (device->ipConnection) device->ipConnection->setConnectionStatus(device->connectionStatus());
 }

@@ -1,16 +1,17 @@
 // Switching UPnP on and off as a whole, and what both roles share.
 
+#include "contract/programs.h"
 #include "tk/log.h"
 #include "tk/looper.h"
-#include "tk/records.h"
+#include "tk/names.h"
 #include "tracking/tracking.h"
 
 void Tracking::enable() {
     tk::log("enable");
     tk::getLooper()->setupLeave(0);
     tk::Handler& handler = host.busHandler();
-    handler.subscribe(tk::path::interfaces(), tk::command::objectsChanged, {});
-    handler.subscribe(tk::path::addresses(), tk::command::objectsChanged, {});
+    handler.subscribe(contract::path::interfaces(), tk::command::objectsChanged, {});
+    handler.subscribe(contract::path::addresses(), tk::command::objectsChanged, {});
     updateDeviceStatus({});
     updateAddresses({});
     for (const RoleItem& item : host.roleItems())
@@ -21,8 +22,8 @@ void Tracking::disable() {
     tk::log("disable");
     tk::getLooper()->setupLeave(leaveTicks);
     tk::Handler& handler = host.busHandler();
-    handler.unsubscribe(tk::path::interfaces(), tk::command::objectsChanged, {});
-    handler.unsubscribe(tk::path::addresses(), tk::command::objectsChanged, {});
+    handler.unsubscribe(contract::path::interfaces(), tk::command::objectsChanged, {});
+    handler.unsubscribe(contract::path::addresses(), tk::command::objectsChanged, {});
     for (const RoleItem& item : host.roleItems())
         if (Device* device = deviceOf(item.interface)) stopRole(device);
     host.dropRootSubscriptions();

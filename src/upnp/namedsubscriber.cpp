@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "contract/programs.h"
 #include "tk/log.h"
 #include "tk/names.h"
 #include "upnp/gena.h"
@@ -26,7 +27,7 @@ std::uint32_t resolvedAddress(const tk::message& end) {
 NamedSubscriber::NamedSubscriber(Service& service, HTTPClient& client, Callback named, std::uint32_t seconds)
     : service(service), client(client), callback(std::move(named)), seconds(seconds) {
     tk::message request;
-    request.insert_u32_array(tk::field::destination, {tk::program::resolver});
+    request.insert_u32_array(tk::field::destination, {contract::program::resolver});
     request.insert_string(nameField, callback.host);
     inquiry.start(request, resolveCommand, tk::exchangeTimeout);
 }

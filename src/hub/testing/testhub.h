@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "contract/programs.h"
 #include "hub/hub.h"
 #include "tk/fd.h"
 #include "tk/frame.h"
@@ -49,7 +50,7 @@ struct TestHub {
 
     tk::testing::ManualClock clock;
     Hub hub;
-    tk::Looper looper{clock, hub, tk::program::network};
+    tk::Looper looper{clock, hub, contract::program::network};
 
     std::unique_ptr<TestClient> connect(uid_t user = 0);
     /// A client that has registered a program, which its user may.

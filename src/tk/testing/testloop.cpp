@@ -56,7 +56,7 @@ void TestLoop::notify(const Path& from, std::uint32_t command, message content) 
 }
 
 message TestLoop::request(std::uint32_t command, message content) {
-    content.insert_u32_array(field::destination, {program::gateway, 0});
+    content.insert_u32_array(field::destination, {ownProgram, 0});
     stamp(content, {program::firstClient}, 1, Kind::request, command);
     looper.dispatch(content);
     return bus.posted.empty() ? message() : withoutRouting(bus.posted.back());

@@ -9,11 +9,14 @@
 
 namespace tk::testing {
 
-/// A loop whose time moves by hand and whose bus is a script. One per test; the program's number is 80.
+/// The program whose loop it is.
+constexpr std::uint32_t ownProgram = 80;
+
+/// A loop whose time moves by hand and whose bus is a script. One per test.
 struct TestLoop {
     ManualClock clock;
     ScriptedBus bus;
-    Looper looper{clock, bus, program::gateway};
+    Looper looper{clock, bus, ownProgram};
 
     /// Moves the clock on, and calls every timer that becomes due, each at its own time.
     void advance(std::uint32_t ticks);
