@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "hub/access.h"
-#include "hub/awaitedprogram.h"
+#include "hub/awaitedrequests.h"
 #include "hub/budgets.h"
 #include "hub/localservices.h"
 #include "hub/peer.h"

@@ -1,4 +1,4 @@
-#include "hub/awaitedprogram.h"
+#include "hub/awaitedrequests.h"
 
 #include <algorithm>
 
