@@ -1,23 +1,25 @@
 // The hub's own commands, at path {0}.
 
+#include <optional>
 #include <string>
 
 #include "hub/hub.h"
 #include "tk/names.h"
+#include "tk/status.h"
+#include "tk/subscription.h"
 
 namespace router {
 
 namespace {
 
-/// Checks the fields of a subscription. An empty message when they are sound.
-tk::message checkSubscription(const tk::message& request) {
-    if (request.get_u32_array(tk::hubfield::path).empty() || !request.has(tk::hubfield::command))
-        return tk::errorMsg(tk::error::invalid, "a subscription names a path and a command");
-    if (request.get_u32_array(tk::hubfield::path).size() > Hub::subscriptionPathLimit)
-        return tk::errorMsg(tk::error::invalid, "the path is too long");
-    for (const tk::message& filter : request.get_message_array(tk::hubfield::filter))
-        if (!filter.empty()) return tk::errorMsg(tk::error::refused, "filters are not supported");
-    return {};
+/// What a request subscribes to, or the bus error that refuses it.
+tk::Result<tk::Subscription> subscriptionIn(const tk::message& request) {
+    const std::optional<tk::Subscription> wanted = tk::Subscription::fromMessage(request);
+    if (!wanted) return tk::Status::failure("a subscription names a path and a command", tk::error::invalid);
+    if (wanted->path.size() > Hub::subscriptionPathLimit)
+        return tk::Status::failure("the path is too long", tk::error::invalid);
+    if (!wanted->filter.empty()) return tk::Status::failure("filters are not supported", tk::error::refused);
+    return *wanted;
 }
 
 }  // namespace
@@ -85,10 +87,9 @@ void Hub::giveUp(HubPeer& from) {
 }
 
 tk::message Hub::subscribe(HubPeer& from, const tk::message& request) {
-    tk::message refusal = checkSubscription(request);
-    if (tk::isError(refusal)) return refusal;
-    if (!subscriptions.add(from.clientNumber(), request.get_u32_array(tk::hubfield::path),
-                           request.get_u32(tk::hubfield::command), from.budget())) {
+    const tk::Result<tk::Subscription> wanted = subscriptionIn(request);
+    if (!wanted.isOk()) return tk::errorMsg(wanted.status().code(), wanted.reason());
+    if (!subscriptions.add(from.clientNumber(), *wanted, from.budget())) {
         noteRefused(from, "too many subscriptions");
         return tk::errorMsg(tk::error::busy, "too many subscriptions");
     }
@@ -96,10 +97,9 @@ tk::message Hub::subscribe(HubPeer& from, const tk::message& request) {
 }
 
 tk::message Hub::unsubscribe(HubPeer& from, const tk::message& request) {
-    tk::message refusal = checkSubscription(request);
-    if (tk::isError(refusal)) return refusal;
-    subscriptions.remove(from.clientNumber(), request.get_u32_array(tk::hubfield::path),
-                         request.get_u32(tk::hubfield::command));
+    const tk::Result<tk::Subscription> wanted = subscriptionIn(request);
+    if (!wanted.isOk()) return tk::errorMsg(wanted.status().code(), wanted.reason());
+    subscriptions.remove(from.clientNumber(), *wanted);
     return {};
 }
 

@@ -13,19 +13,19 @@ auto isOf(std::uint32_t peer) {
 
 }  // namespace
 
-bool Subscriptions::add(std::uint32_t peer, const tk::Path& path, std::uint32_t command, tk::Budget& payer) {
-    const std::vector<Subscriber>& known = of(path, command);
+bool Subscriptions::add(std::uint32_t peer, const tk::Subscription& wanted, tk::Budget& payer) {
+    const std::vector<Subscriber>& known = of(wanted.path, wanted.command);
     if (std::any_of(known.begin(), known.end(), isOf(peer))) return true;
-    const std::size_t cost = overhead + path.size() * sizeof(std::uint32_t);
+    const std::size_t cost = overhead + wanted.path.size() * sizeof(std::uint32_t);
     const auto count = counts.find(peer);
     if ((count != counts.end() && count->second >= limitPerPeer) || !payer.hasRoomFor(cost)) return false;
     ++counts[peer];
-    subscribers[{path, command}].push_back({peer, tk::Charge(payer, cost)});
+    subscribers[{wanted.path, wanted.command}].push_back({peer, tk::Charge(payer, cost)});
     return true;
 }
 
-void Subscriptions::remove(std::uint32_t peer, const tk::Path& path, std::uint32_t command) {
-    const auto entry = subscribers.find({path, command});
+void Subscriptions::remove(std::uint32_t peer, const tk::Subscription& unwanted) {
+    const auto entry = subscribers.find({unwanted.path, unwanted.command});
     if (entry == subscribers.end() || std::erase_if(entry->second, isOf(peer)) == 0) return;
     if (entry->second.empty()) subscribers.erase(entry);
     --counts[peer];

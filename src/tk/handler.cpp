@@ -40,30 +40,26 @@ message Handler::sendMessage(message stamped) {
     return {};
 }
 
-void Handler::requestSubscription(std::uint32_t hubCommand, const Path& path, std::uint32_t command,
-                                  const message& filter) {
-    message request;
-    request.insert_u32_array(hubfield::path, path);
-    request.insert_u32(hubfield::command, command);
-    request.insert_message_array(hubfield::filter, {filter});
+void Handler::requestSubscription(std::uint32_t hubCommand, const Subscription& wanted) {
+    message request = wanted.toMessage();
     request.insert_u32_array(field::destination, {program::hub});
-    (void)exchangeCmd(request, hubCommand,
-                      exchangeTimeout);  // without a hub there are no notifications either
+    // Without a hub there are no notifications either.
+    (void)exchangeCmd(request, hubCommand, exchangeTimeout);
 }
 
 void Handler::subscribe(const Path& path, std::uint32_t command, const message& filter) {
-    if (!isSubscribed(path, command)) subscriptions.emplace_back(path, command);
-    requestSubscription(command::hubSubscribe, path, command, filter);
+    if (!isSubscribed(path, command)) subscriptions.push_back({path, command});
+    requestSubscription(command::hubSubscribe, {path, command, filter});
 }
 
 void Handler::unsubscribe(const Path& path, std::uint32_t command, const message& filter) {
-    std::erase(subscriptions, Subscription(path, command));
-    requestSubscription(command::hubUnsubscribe, path, command, filter);
+    std::erase(subscriptions, Subscription{path, command});
+    requestSubscription(command::hubUnsubscribe, {path, command, filter});
 }
 
 bool Handler::isSubscribed(const Path& path, std::uint32_t command) const {
-    return std::find(subscriptions.begin(), subscriptions.end(), Subscription(path, command)) !=
-           subscriptions.end();
+    const Subscription wanted{path, command};
+    return std::find(subscriptions.begin(), subscriptions.end(), wanted) != subscriptions.end();
 }
 
 void Handler::notifyChange(std::uint32_t id, const message& data) {

@@ -2,12 +2,12 @@
 
 #include <cstdint>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "tk/bus.h"
 #include "tk/message.h"
 #include "tk/names.h"
+#include "tk/subscription.h"
 
 namespace tk {
 
@@ -97,14 +97,11 @@ public:
     virtual message exchangeMessage(const message& request, std::uint32_t command, std::uint32_t timeout);
 
 private:
-    void requestSubscription(std::uint32_t hubCommand, const Path& path, std::uint32_t command,
-                             const message& filter);
-
-    using Subscription = std::pair<Path, std::uint32_t>;
+    void requestSubscription(std::uint32_t hubCommand, const Subscription& wanted);
 
     Bus* bus = nullptr;
     Path ownPath;
-    std::vector<Subscription> subscriptions;
+    std::vector<Subscription> subscriptions;  // without their filters
 };
 
 }  // namespace tk
