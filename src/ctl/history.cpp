@@ -9,7 +9,6 @@
 #include "ctl/table.h"
 #include "ctl/text.h"
 #include "tk/characters.h"
-#include "tk/names.h"
 
 namespace ctl {
 
@@ -19,11 +18,12 @@ void listHistory(Context& context) {
     Json list = Json::array();
     Table table({"ID", "TIME", "PROGRAM", "DESCRIPTION"});
     for (const tk::message& record : context.session().list(contract::path::history())) {
+        const contract::UndoRecord change = contract::UndoRecord::fromMessage(record);
         Json entry;
-        entry["id"] = record.get_u32(tk::field::objectId);
-        entry["description"] = record.get_string(tk::undofield::description);
-        entry["program"] = record.get_u32(contract::historyfield::program);
-        entry["time"] = timeText(record.get_u64(contract::historyfield::time));
+        entry["id"] = change.id;
+        entry["description"] = change.description;
+        entry["program"] = change.program;
+        entry["time"] = timeText(change.time);
         table.add({entry["id"].dump(), entry["time"], entry["program"].dump(), entry["description"]});
         list.push_back(entry);
     }
@@ -31,11 +31,12 @@ void listHistory(Context& context) {
 }
 
 void undoLast(Context& context) {
-    const tk::message undone = context.session().request(contract::path::history(), contract::undoLast);
+    const contract::UndoRecord undone = contract::UndoRecord::fromMessage(
+        context.session().request(contract::path::history(), contract::undoLast));
     Json answer;
-    answer["id"] = undone.get_u32(tk::field::objectId);
-    answer["description"] = undone.get_string(tk::undofield::description);
-    context.print(answer, "undone: " + tk::printable(undone.get_string(tk::undofield::description)) + "\n");
+    answer["id"] = undone.id;
+    answer["description"] = undone.description;
+    context.print(answer, "undone: " + tk::printable(undone.description) + "\n");
 }
 
 }  // namespace

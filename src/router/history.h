@@ -6,6 +6,7 @@
 #include <string>
 #include <utility>
 
+#include "contract/history.h"
 #include "tk/handler.h"
 
 namespace router {
@@ -17,7 +18,8 @@ public:
     /// How many records are kept, and how many bytes of them; the oldest ones go.
     static constexpr std::size_t limit = 100;
     static constexpr std::size_t byteLimit = std::size_t{1024} * 1024;
-    /// Tells the time. Units: seconds since 1970.
+    /// Tells the time.
+    /// Units: seconds since 1970.
     using Time = std::function<std::uint64_t()>;
 
     explicit History(Time time) : time(std::move(time)) {}
@@ -34,12 +36,13 @@ public:
 
 private:
     struct Record {
-        tk::message content;
+        contract::UndoRecord change;
         std::size_t bytes;  // of its flat form
     };
     using Records = std::map<std::uint32_t, Record>;  // by id
 
-    [[nodiscard]] tk::message undo(const tk::message& request);
+    [[nodiscard]] tk::message undoLast(const tk::message& request);
+    void send(const tk::message& inverse);
     void makeRoom();
     void erase(Records::iterator record);
     void takeOff(std::uint32_t id);
@@ -48,10 +51,8 @@ private:
     Records records;
     std::size_t bytes = 0;  // of all records
     std::uint32_t lastId = 0;
-    std::uint32_t undoing = 0;  // the record that is being undone; 0: none
-    tk::Path undoingPath;
-    std::string undoingText;
-    tk::message undoRequest;  // who asked for that: routing fields
+    contract::UndoRecord undoing;  // the record that is being undone; its id is 0 when none is
+    tk::message undoRequest;       // who asked for that: routing fields
 };
 
 }  // namespace router
