@@ -6,14 +6,14 @@
 
 namespace router {
 
-/// What tells this router from all others, at {65}: 32 hexadecimal digits that stay the same over restarts.
-/// They are derived from the machine's id, which they do not reveal; a machine without one gets digits by
-/// chance, once.
+/// What tells this router from all others, at {65}: 32 hexadecimal digits, drawn by chance at the first start
+/// and kept from then on.
 class Identity final : public tk::Handler {
 public:
-    /// Reads the machine's id from the file `machineIdPath`, else the digits from the store at `storePath`.
-    Identity(const std::string& machineIdPath, const std::string& storePath);
+    /// Reads the digits from the store at `storePath`, or puts new ones there.
+    explicit Identity(const std::string& storePath);
 
+    /// The digits.
     const std::string& digits() const { return identity; }
 
     tk::message cmdGet(const tk::message& request) override;

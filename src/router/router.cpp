@@ -34,7 +34,7 @@ Router::Router(const Config& config, const Paths& paths, Processes& processes)
       policy(zones, config.nat),
       ports(zones, listeners, config.nat.routerPorts),
       nat(paths.stores + "/nat", policy, ports, table, hub.requester()),
-      identity(paths.machineId, paths.stores + "/identity"),
+      identity(paths.stores + "/identity"),
       history(secondsSince1970),
       monitor(kernel, zones, interfaces, addresses),
       routes(kernel, zones),

@@ -33,7 +33,6 @@ namespace router {
 /// Where the router finds and keeps its files.
 struct Paths {
     std::string bus;
-    std::string machineId = "/etc/machine-id";
     std::string stores = "/tesk/router";  // not the daemon's: what it writes must not become rules
 
     std::string busFolder() const { return bus.substr(0, bus.rfind('/')); }
