@@ -12,7 +12,6 @@
 
 #include "router/configvalues.h"
 #include "tk/file.h"
-#include "tk/log.h"
 #include "tk/names.h"
 
 namespace router {
@@ -28,8 +27,14 @@ constexpr gid_t rootGroup = 0;
 /// Walks a parsed file section by section, and stops at the first error.
 class Reader {
 public:
-    Reader(std::string name, std::string& reason) : values(std::move(name), reason) {}
+    explicit Reader(const std::string& name) : values(name) {}
 
+    tk::Result<Config> configIn(const toml::table& root) {
+        Config config;
+        return read(root, config) ? tk::Result<Config>(std::move(config)) : values.status();
+    }
+
+private:
     [[nodiscard]] bool read(const toml::table& root, Config& out) {
         for (const auto& [key, value] : root) {
             if (key == "program") {
@@ -50,7 +55,6 @@ public:
         return true;
     }
 
-private:
     using Entry = bool (Reader::*)(const toml::table& table, Config& out);
     using Section = bool (Reader::*)(std::string_view key, const toml::node& value, Config& out);
 
@@ -197,30 +201,26 @@ private:
     std::set<std::string> interfaceNames;
 };
 
-/// Why the file is not followed: others than root and whoever runs the router could have written it. Empty
-/// where there is no such reason.
-std::string whyDistrusted(const tk::Fd& file) {
+/// A file is not followed that others than root and whoever runs the router could have written.
+tk::Status checkWriters(const tk::Fd& file) {
     struct stat status {};
-    if (::fstat(file.get(), &status) != 0) return "it cannot be told who may write this file";
-    if ((status.st_mode & S_IWOTH) != 0) return "everybody may write this file";
+    if (::fstat(file.get(), &status) != 0)
+        return tk::Status::failure("it cannot be told who may write this file");
+    if ((status.st_mode & S_IWOTH) != 0) return tk::Status::failure("everybody may write this file");
     if ((status.st_mode & S_IWGRP) != 0 && status.st_gid != rootGroup)
-        return "group " + std::to_string(status.st_gid) + " may write this file";
+        return tk::Status::failure("group " + std::to_string(status.st_gid) + " may write this file");
     if (status.st_uid != root && status.st_uid != ::geteuid())
-        return "this file belongs to user " + std::to_string(status.st_uid);
+        return tk::Status::failure("this file belongs to user " + std::to_string(status.st_uid));
     return {};
 }
 
 }  // namespace
 
-bool parseConfig(const std::string& text, const std::string& name, Config& out, std::string& reason) {
-    out = {};
+tk::Result<Config> parseConfig(const std::string& text, const std::string& name) {
     const toml::parse_result parsed = toml::parse(text, name);
-    if (!parsed) {
-        reason = name + ":" + std::to_string(parsed.error().source().begin.line) + ": " +
-                 std::string(parsed.error().description());
-        return false;
-    }
-    return Reader(name, reason).read(parsed.table(), out);
+    if (parsed) return Reader(name).configIn(parsed.table());
+    return tk::Status::failure(name + ":" + std::to_string(parsed.error().source().begin.line) + ": " +
+                               std::string(parsed.error().description()));
 }
 
 void runAsRouter(Config& config) {
@@ -240,22 +240,15 @@ void nameUsualUser(Config& config, std::uint32_t program, const std::string& nam
     config.users.push_back({user->uid, {program}});
 }
 
-bool readConfig(const std::string& path, bool mayBeAbsent, Config& out, std::string& reason) {
-    out = {};
+tk::Result<Config> readConfig(const std::string& path, bool mayBeAbsent) {
     const tk::Fd file = tk::openToRead(path);
-    if (!file.isOpen()) {
-        if (errno == ENOENT && mayBeAbsent) return true;
-        reason = path + ": " + tk::errorText();
-        return false;
-    }
-    if (const std::string why = whyDistrusted(file); !why.empty()) {
-        reason = path + ": " + why + ", so it is not followed";
-        return false;
-    }
+    if (!file.isOpen() && errno == ENOENT && mayBeAbsent) return Config();
+    if (!file.isOpen()) return tk::Status::ofErrno(path, errno);
+    if (const tk::Status trust = checkWriters(file); !trust.isOk())
+        return tk::Status::failure(path + ": " + trust.reason() + ", so it is not followed");
     std::string text;
-    if (tk::readFile(file, sizeLimit, text)) return parseConfig(text, path, out, reason);
-    reason = path + ": " + tk::errorText();
-    return false;
+    if (!tk::readFile(file, sizeLimit, text)) return tk::Status::ofErrno(path, errno);
+    return parseConfig(text, path);
 }
 
 }  // namespace router

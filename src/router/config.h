@@ -12,6 +12,7 @@
 #include "links/lanconfig.h"
 #include "nat/config.h"
 #include "tk/account.h"
+#include "tk/status.h"
 
 namespace router {
 
@@ -37,14 +38,13 @@ void runAsRouter(Config& config);
 void nameUsualUser(Config& config, std::uint32_t program, const std::string& name);
 
 /// Reads the configuration text. `name` is the file's, for the texts of errors.
-/// Errors: false for anything that is not TOML, unknown or out of range, and for a user that the system does
-/// not know; `reason` names file, line and key then.
-[[nodiscard]] bool parseConfig(const std::string& text, const std::string& name, Config& out,
-                               std::string& reason);
+/// Errors: for anything that is not TOML, unknown or out of range, and for a user that the system does not know;
+/// the reason names file, line and key.
+tk::Result<Config> parseConfig(const std::string& text, const std::string& name);
 
-/// Reads the configuration file at `path`. Errors: as for parseConfig(), and for a file that others than root
-/// and whoever runs the router could have written: everybody, a group but root's, or its owner; one that is
-/// absent is an empty configuration when `mayBeAbsent`.
-[[nodiscard]] bool readConfig(const std::string& path, bool mayBeAbsent, Config& out, std::string& reason);
+/// Reads the configuration file at `path`. One that is absent is an empty configuration when `mayBeAbsent`.
+/// Errors: as for parseConfig(), and for a file that others than root and whoever runs the router could have
+/// written: everybody, a group but root's, or its owner.
+tk::Result<Config> readConfig(const std::string& path, bool mayBeAbsent);
 
 }  // namespace router

@@ -10,36 +10,32 @@
 namespace router {
 namespace {
 
+/// What a sound text says.
+Config configIn(const std::string& text) {
+    tk::Result<Config> read = parseConfig(text, "router.toml");
+    EXPECT_TRUE(read.isOk()) << read.reason();
+    return read.isOk() ? read.take() : Config();
+}
+
 TEST(ParseConfig, ReadsPrograms) {
-    Config config;
-    std::string reason;
-    ASSERT_TRUE(
-        parseConfig("[[program]]\nnumber = 80\ncommand = [\"/usr/sbin/upnpd\"]\nstart = true\n"
-                    "[[program]]\nnumber = 14\ncommand = [\"/usr/sbin/resolverd\", \"-v\"]\n",
-                    "router.toml", config, reason))
-        << reason;
+    const Config config = configIn(
+        "[[program]]\nnumber = 80\ncommand = [\"/usr/sbin/upnpd\"]\nstart = true\n"
+        "[[program]]\nnumber = 14\ncommand = [\"/usr/sbin/resolverd\", \"-v\"]\n");
     EXPECT_EQ(config.programs, (std::vector<ProgramConfig>{{80, {"/usr/sbin/upnpd"}, true},
                                                            {14, {"/usr/sbin/resolverd", "-v"}, false}}));
 }
 
 TEST(ParseConfig, AnEmptyTextStartsNothing) {
-    Config config;
-    std::string reason;
-    EXPECT_TRUE(parseConfig("", "router.toml", config, reason));
-    EXPECT_EQ(config, Config());
+    EXPECT_EQ(configIn(""), Config());
 }
 
 TEST(ParseConfig, ReadsUnits) {
-    Config config;
-    std::string reason;
     const std::string longest = std::string(247, 'a') + ".service";
-    ASSERT_TRUE(
-        parseConfig("[[program]]\nnumber = 80\nunit = \"upnpd.service\"\nstart = true\n"
-                    "[[program]]\nnumber = 14\nunit = 'A-z:0_9\\x2d@b.c.service'\n"
-                    "[[program]]\nnumber = 15\nunit = \"" +
-                        longest + "\"\n",
-                    "router.toml", config, reason))
-        << reason;
+    const Config config = configIn(
+        "[[program]]\nnumber = 80\nunit = \"upnpd.service\"\nstart = true\n"
+        "[[program]]\nnumber = 14\nunit = 'A-z:0_9\\x2d@b.c.service'\n"
+        "[[program]]\nnumber = 15\nunit = \"" +
+        longest + "\"\n");
     EXPECT_EQ(config.programs, (std::vector<ProgramConfig>{{80, {}, true, {}, "upnpd.service"},
                                                            {14, {}, false, {}, "A-z:0_9\\x2d@b.c.service"},
                                                            {15, {}, false, {}, longest}}));
@@ -47,17 +43,13 @@ TEST(ParseConfig, ReadsUnits) {
 }
 
 TEST(ParseConfig, AUnitOfMoreThan255CharactersIsRefused) {
-    Config config;
-    std::string reason;
     const std::string tooLong = std::string(248, 'a') + ".service";
-    EXPECT_FALSE(parseConfig("[[program]]\nunit = \"" + tooLong + "\"\n", "r.toml", config, reason));
-    EXPECT_EQ(reason, "r.toml:2: unit: must be the name of a service, such as \"upnpd.service\"");
+    EXPECT_EQ(parseConfig("[[program]]\nunit = \"" + tooLong + "\"\n", "r.toml").reason(),
+              "r.toml:2: unit: must be the name of a service, such as \"upnpd.service\"");
 }
 
 TEST(ParseConfig, ReadsEveryKey) {
-    Config config;
-    std::string reason;
-    ASSERT_TRUE(parseConfig(
+    const Config config = configIn(
         "[router]\nuser = \"nobody\"\n"
         "[[program]]\nnumber = 80\ncommand = [\"/a\"]\nuser = \"daemon\"\n"
         "[[user]]\nname = \"daemon\"\nprograms = [80, 81]\nwrites = [\"20,5\", \"20\", 21]\n"
@@ -70,9 +62,7 @@ TEST(ParseConfig, ReadsEveryKey) {
         "external-ports = [80, \"1024-65535\"]\ninternal-ports = [\"22\"]\nlimit-per-client = 3\nlimit = 4\n"
         "router-ports = [51820, \"8000-8010\"]\n"
         "[guard]\nlimit-connections = false\nsearches-per-second = 5\nrequests-per-second = 6\nconnections = "
-        "7\n",
-        "router.toml", config, reason))
-        << reason;
+        "7\n");
     Config wanted;
     wanted.user = tk::findAccount("nobody");
     wanted.programs = {{80, {"/a"}, false, tk::findAccount("daemon")}};
@@ -191,20 +181,14 @@ constexpr Case cases[] = {
 class RefusedConfig : public ::testing::TestWithParam<Case> {};
 
 TEST_P(RefusedConfig, NamesFileLineAndKey) {
-    Config config;
-    std::string reason;
-    EXPECT_FALSE(parseConfig(GetParam().text, "r.toml", config, reason));
-    EXPECT_EQ(reason, GetParam().reason);
+    EXPECT_EQ(parseConfig(GetParam().text, "r.toml").reason(), GetParam().reason);
 }
 
 INSTANTIATE_TEST_SUITE_P(Texts, RefusedConfig, ::testing::ValuesIn(cases),
                          [](const auto& row) { return std::string(row.param.name); });
 
 TEST(ParseConfig, BrokenTextIsRefusedWithItsLine) {
-    Config config;
-    std::string reason;
-    EXPECT_FALSE(parseConfig("\n\n= 3\n", "r.toml", config, reason));
-    EXPECT_EQ(reason.substr(0, 9), "r.toml:3:");
+    EXPECT_EQ(parseConfig("\n\n= 3\n", "r.toml").reason().substr(0, 9), "r.toml:3:");
 }
 
 TEST(RunAsRouter, ProgramsWithoutAUserGetTheRoutersOwn) {
@@ -246,71 +230,66 @@ TEST(UsualUser, ThatTheSystemDoesNotKnowIsNone) {
 }
 
 TEST(ReadConfig, OnlyTheDefaultFileMayBeAbsent) {
-    Config config;
-    std::string reason;
-    EXPECT_TRUE(readConfig("/nonexistent/router.toml", true, config, reason));
-    EXPECT_FALSE(readConfig("/nonexistent/router.toml", false, config, reason));
-    EXPECT_EQ(reason, "/nonexistent/router.toml: No such file or directory");
+    const auto absent = readConfig("/nonexistent/router.toml", true);
+    ASSERT_TRUE(absent.isOk()) << absent.reason();
+    EXPECT_EQ(*absent, Config());
+    EXPECT_EQ(readConfig("/nonexistent/router.toml", false).reason(),
+              "/nonexistent/router.toml: No such file or directory");
 }
 
 /// A file with another mode or owner.
 class DistrustedConfig : public ::testing::Test {
 protected:
     DistrustedConfig() { folder.write("router.toml", "[nat]\nlimit = 5\n"); }
-    bool reads(mode_t mode) {
+    tk::Result<Config> read(mode_t mode) {
         EXPECT_EQ(::chmod(path.c_str(), mode), 0);
-        return readConfig(path, false, config, reason);
+        return readConfig(path, false);
     }
     void give(uid_t user, gid_t group) { EXPECT_EQ(::chown(path.c_str(), user, group), 0); }
 
     const tk::testing::Folder folder;
     const std::string path = folder.file("router.toml");
-    Config config;
-    std::string reason;
 };
 
 TEST_F(DistrustedConfig, AFileThatItsOwnerAloneMayWriteIsFollowed) {
-    EXPECT_TRUE(reads(0644)) << reason;
-    EXPECT_EQ(config.nat.limit, 5U);
+    const auto config = read(0644);
+    ASSERT_TRUE(config.isOk()) << config.reason();
+    EXPECT_EQ(config->nat.limit, 5U);
 }
 
 TEST_F(DistrustedConfig, AFileThatEverybodyMayWriteIsRefused) {
-    EXPECT_FALSE(reads(0646));
-    EXPECT_EQ(reason, path + ": everybody may write this file, so it is not followed");
-    EXPECT_EQ(config, Config());
+    EXPECT_EQ(read(0646).reason(), path + ": everybody may write this file, so it is not followed");
 }
 
 TEST_F(DistrustedConfig, AFileThatAGroupMayWriteIsRefusedUnlessItIsRoots) {
     if (::geteuid() != 0) GTEST_SKIP() << "needs root";
     give(0, 64000);
-    EXPECT_FALSE(reads(0664));
-    EXPECT_EQ(reason, path + ": group 64000 may write this file, so it is not followed");
-    EXPECT_TRUE(reads(0644)) << reason;
+    EXPECT_EQ(read(0664).reason(), path + ": group 64000 may write this file, so it is not followed");
+    EXPECT_EQ(read(0644).reason(), "");
     give(0, 0);
-    EXPECT_TRUE(reads(0664)) << reason;
+    EXPECT_EQ(read(0664).reason(), "");
 }
 
 TEST_F(DistrustedConfig, AFileOfAnotherUserIsRefused) {
     if (::geteuid() != 0) GTEST_SKIP() << "needs root";
     give(64001, 0);
-    EXPECT_FALSE(reads(0600));
-    EXPECT_EQ(reason, path + ": this file belongs to user 64001, so it is not followed");
+    EXPECT_EQ(read(0600).reason(), path + ": this file belongs to user 64001, so it is not followed");
 }
 
 TEST_F(DistrustedConfig, AFileOfRootsOrOfWhoeverRunsTheRouterIsFollowed) {
     if (::geteuid() != 0) GTEST_SKIP() << "needs root";
     ASSERT_EQ(::chmod(folder.path.c_str(), 0755), 0);
     ASSERT_EQ(::chmod(path.c_str(), 0644), 0);
-    const auto readsAs = [this](uid_t user) {
+    const auto faultAs = [this](uid_t user) {
         EXPECT_EQ(::seteuid(user), 0);
-        const bool done = readConfig(path, false, config, reason);
+        const auto config = readConfig(path, false);
         EXPECT_EQ(::seteuid(0), 0);
-        return done;
+        return config.reason();
     };
-    EXPECT_TRUE(readsAs(64001)) << "it is root's: " << reason;
+    EXPECT_EQ(faultAs(64001), "") << "it is root's";
     give(64001, 64001);
-    EXPECT_TRUE(readsAs(64001)) << reason;
-    EXPECT_FALSE(readsAs(64002));
+    EXPECT_EQ(faultAs(64001), "");
+    EXPECT_EQ(faultAs(64002), path + ": this file belongs to user 64001, so it is not followed");
 }
 
 }  // namespace

@@ -87,8 +87,8 @@ bool readList(const toml::node& value, std::optional<Value> (*parse)(std::string
 }  // namespace
 
 bool ConfigValues::fail(std::string_view key, const toml::node& where, std::string_view what) {
-    reason = name + ":" + std::to_string(where.source().begin.line) + ": " + std::string(key) + ": " +
-             std::string(what);
+    fault = tk::Status::failure(name + ":" + std::to_string(where.source().begin.line) + ": " +
+                                std::string(key) + ": " + std::string(what));
     return false;
 }
 

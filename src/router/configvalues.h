@@ -4,32 +4,38 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "links/prefix.h"
 #include "nat/config.h"
 #include "tk/account.h"
 #include "tk/message.h"
+#include "tk/status.h"
 
 #define TOML_EXCEPTIONS 0
 #include <toml++/toml.h>
 
 namespace router {
 
-/// Reads the values of a parsed configuration file, and keeps the first fault with its file, line and key.
-/// All readers: false for a value that is not what the key wants.
+/// Reads the values of a parsed configuration file, and keeps the last fault with its file, line and key.
+/// Errors: every reader gives false for a value that is not what the key wants, and notes that as the fault.
 class ConfigValues {
 public:
     /// `name` is the file's.
-    ConfigValues(std::string name, std::string& reason) : name(std::move(name)), reason(reason) {}
+    explicit ConfigValues(std::string name) : name(std::move(name)) {}
 
+    /// The fault that was noted.
+    const tk::Status& status() const { return fault; }
     /// Notes a fault. Always false.
     bool fail(std::string_view key, const toml::node& where, std::string_view what);
 
+    /// True or false.
     [[nodiscard]] bool read(std::string_view key, const toml::node& value, bool& out);
     /// A number from `lowest` to `highest`.
     [[nodiscard]] bool read(std::string_view key, const toml::node& value, std::int64_t lowest,
                             std::int64_t highest, std::uint32_t& out);
+    /// The name of a user of the system.
     [[nodiscard]] bool read(std::string_view key, const toml::node& value, std::optional<tk::Account>& out);
     /// A list of networks, such as "192.0.2.0/24".
     [[nodiscard]] bool read(std::string_view key, const toml::node& value, std::vector<Prefix>& out);
@@ -52,7 +58,7 @@ public:
 
 private:
     std::string name;
-    std::string& reason;
+    tk::Status fault;
 };
 
 }  // namespace router

@@ -15,7 +15,7 @@
 #include "router/router.h"
 #include "tk/fd.h"
 #include "tk/log.h"
-#include "tk/names.h"
+#include "tk/status.h"
 
 namespace {
 
@@ -44,12 +44,12 @@ std::vector<router::ProgramConfig> startable(const router::Config& config) {
 
 int serve(const std::string& configPath, bool mayBeAbsent) {
     tk::reserveStandardDescriptors();
-    router::Config config;
-    std::string reason;
-    if (!router::readConfig(configPath, mayBeAbsent, config, reason)) {
-        tk::log("routerd: ", reason);
+    tk::Result<router::Config> read = router::readConfig(configPath, mayBeAbsent);
+    if (!read.isOk()) {
+        tk::log("routerd: ", read.reason());
         return failed;
     }
+    router::Config config = read.take();
     router::Paths paths;
     paths.bus = contract::busPath;
     if (router::BusListener::isServed(paths.bus)) {  // before anything that the other one uses is touched
@@ -63,11 +63,18 @@ int serve(const std::string& configPath, bool mayBeAbsent) {
     if (drops) router::runAsRouter(config);
     router::nameUsualUser(config, contract::program::gateway, "upnpd");
     router::nameUsualUser(config, contract::program::resolver, "resolverd");
-    if (drops && (!launcher.open(startable(config), reason) ||
-                  !router::dropPrivileges(*config.user, {paths.busFolder(), paths.stores}, reason))) {
+    std::string reason;
+    if (drops && !launcher.open(startable(config), reason)) {
         tk::log("routerd: ", reason);
         return failed;
     }
+    if (drops)
+        if (const tk::Status dropped =
+                router::dropPrivileges(*config.user, {paths.busFolder(), paths.stores});
+            !dropped.isOk()) {
+            tk::log("routerd: ", dropped.reason());
+            return failed;
+        }
     router::Processes& processes = drops ? static_cast<router::Processes&>(launcher) : own;
     router::Router router(config, paths, processes);
     if (!router.start(reason)) {

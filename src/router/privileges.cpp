@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include "tk/handover.h"
-#include "tk/log.h"
 
 namespace router {
 
@@ -32,25 +31,19 @@ bool keepNetAdmin() {
     return ::syscall(SYS_capset, &header, data) == 0;
 }
 
-bool fail(const char* what, std::string& reason) {
-    reason = std::string(what) + ": " + tk::errorText();
-    return false;
-}
-
 }  // namespace
 
-bool dropPrivileges(const tk::Account& account, const std::vector<std::string>& folders,
-                    std::string& reason) {
-    if (::geteuid() != 0) return true;
+tk::Status dropPrivileges(const tk::Account& account, const std::vector<std::string>& folders) {
+    if (::geteuid() != 0) return {};
     const tk::Account wanted = tk::inBusGroup(account);
     for (const std::string& folder : folders)
-        if (!tk::handOver(folder, account)) return fail(("folder " + folder).c_str(), reason);
-    if (!limitCapabilities()) return fail("the capabilities cannot be limited", reason);
+        if (!tk::handOver(folder, account)) return tk::Status::ofErrno("folder " + folder, errno);
+    if (!limitCapabilities()) return tk::Status::ofErrno("the capabilities cannot be limited", errno);
     if (::prctl(PR_SET_KEEPCAPS, 1, 0, 0, 0) != 0 || !tk::becomeAccount(wanted))
-        return fail(("user " + account.name).c_str(), reason);
+        return tk::Status::ofErrno("user " + account.name, errno);
     if (!keepNetAdmin() || ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0)
-        return fail("the capabilities cannot be set", reason);
-    return true;
+        return tk::Status::ofErrno("the capabilities cannot be set", errno);
+    return {};
 }
 
 }  // namespace router
