@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iterator>
 #include <span>
+#include <string>
 
 #include "contract/history.h"
 #include "contract/interfaces.h"
@@ -101,38 +102,41 @@ bool mayAsk(const UserRights& rights, const Cell& asked) {
     return mayWrite(rights, asked);
 }
 
+tk::Status unless(bool allowed, const std::string& refusal) {
+    return allowed ? tk::Status() : tk::Status::failure(refusal);
+}
+
 /// A path as far as rights tell it apart.
 std::string textOf(const tk::Path& path) {
     return std::to_string(path.front()) + (path.size() > 1 ? "," + std::to_string(path[1]) : "");
 }
 
-std::string whyNotAsk(const UserRights& rights, const tk::Path& path, std::uint32_t command) {
+tk::Status checkAsking(const UserRights& rights, const tk::Path& path, std::uint32_t command) {
     const Cell asked = cellOf(path, command);
     // Somebody else's change is taken back: more than to write records.
     if (asked.program == tk::program::history && command == contract::undoLast)
-        return rights.undoes ? "" : "may not undo changes: it needs undo = true";
-    if (mayAsk(rights, asked)) return {};
+        return unless(rights.undoes, "may not undo changes: it needs undo = true");
     const std::string place = textOf(path);
-    return (isReading(asked) ? "may not look at {" : "may not change {") + place +
-           "}: it needs writes = [\"" + place + "\"]";
+    return unless(mayAsk(rights, asked), (isReading(asked) ? "may not look at {" : "may not change {") +
+                                             place + "}: it needs writes = [\"" + place + "\"]");
 }
 
-std::string whyNotBe(const UserRights& rights, const std::string& what, std::uint32_t program) {
+tk::Status checkBeing(const UserRights& rights, const std::string& what, std::uint32_t program) {
     const std::string number = std::to_string(program);
-    return mayBe(rights, program) ? ""
-                                  : "may not " + what + number + ": it needs programs = [" + number + "]";
+    return unless(mayBe(rights, program),
+                  "may not " + what + number + ": it needs programs = [" + number + "]");
 }
 
 /// What the hub itself is asked. The rest of its commands concern nobody but their sender.
-std::string whyNotCommand(const UserRights& rights, const tk::message& request) {
+tk::Status checkCommand(const UserRights& rights, const tk::message& request) {
     switch (request.get_u32(tk::field::command)) {
         case tk::command::hubRegister:
-            return whyNotBe(rights, "register program ", request.get_u32(tk::hubfield::program));
+            return checkBeing(rights, "register program ", request.get_u32(tk::hubfield::program));
         case tk::command::hubTrace:
-            return rights.traces ? "" : "may not trace: it needs trace = true";
+            return unless(rights.traces, "may not trace: it needs trace = true");
         case tk::command::hubSubscribe: {
             const tk::Path& path = request.get_u32_array(tk::hubfield::path);
-            return path.empty() ? "" : whyNotAsk(rights, path, tk::command::get);
+            return path.empty() ? tk::Status() : checkAsking(rights, path, tk::command::get);
         }
         default:
             return {};
@@ -144,22 +148,22 @@ bool isProgram(const tk::message& sent) {
     return !from.empty() && from.front() < tk::program::firstClient;
 }
 
-std::string whyNotRequest(const UserRights& rights, const tk::message& request) {
+tk::Status checkRequest(const UserRights& rights, const tk::message& request) {
     const tk::Path& to = request.get_u32_array(tk::field::destination);
     if (to.empty()) return {};  // goes nowhere
-    if (to.front() == tk::program::hub) return whyNotCommand(rights, request);
+    if (to.front() == tk::program::hub) return checkCommand(rights, request);
     const std::uint32_t command = request.get_u32(tk::field::command);
     // A client's records would go with it, and push out those of others before.
     if (to.front() == tk::program::history && command == tk::command::addObject && !isProgram(request) &&
         mayBe(rights, contract::program::gateway) && !mayWrite(rights, cellOf(to, command)))
-        return "may not record changes: it is no program";
-    return whyNotAsk(rights, to, command);
+        return tk::Status::failure("may not record changes: it is no program");
+    return checkAsking(rights, to, command);
 }
 
 /// Notifications and answers come from programs, in their own name.
-std::string whyNotSpeak(const UserRights& rights, const tk::message& sent) {
-    if (!isProgram(sent)) return "may not tell anything: it is no program";
-    return whyNotBe(rights, "speak as program ", sent.get_u32_array(tk::field::sender).front());
+tk::Status checkSpeaking(const UserRights& rights, const tk::message& sent) {
+    if (!isProgram(sent)) return tk::Status::failure("may not tell anything: it is no program");
+    return checkBeing(rights, "speak as program ", sent.get_u32_array(tk::field::sender).front());
 }
 
 }  // namespace
@@ -182,10 +186,10 @@ const UserRights& Access::rightsOf(uid_t user) const {
     return known == users.end() ? none : known->second;
 }
 
-std::string Access::whyRefused(uid_t user, const tk::message& sent) const {
+tk::Status Access::check(uid_t user, const tk::message& sent) const {
     const UserRights& rights = rightsOf(user);
     if (user == root || rights.isAdmin) return {};
-    return tk::kindOf(sent) == tk::Kind::request ? whyNotRequest(rights, sent) : whyNotSpeak(rights, sent);
+    return tk::kindOf(sent) == tk::Kind::request ? checkRequest(rights, sent) : checkSpeaking(rights, sent);
 }
 
 bool Access::runsPrograms(uid_t user) const {

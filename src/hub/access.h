@@ -4,19 +4,28 @@
 
 #include <cstdint>
 #include <map>
-#include <string>
 #include <vector>
 
 #include "tk/message.h"
+#include "tk/status.h"
 
 namespace router {
+
+/// Tells the services of this process who asks.
+class Requester {
+public:
+    virtual ~Requester() = default;
+    /// The user whose request is being served; root outside of any, and where the router asks itself.
+    [[nodiscard]] virtual uid_t user() const = 0;
+};
 
 /// What one user may do beyond what everybody may who is on the bus. A value.
 struct UserRights {
     uid_t uid = 0;
     std::vector<std::uint32_t> programs = {};  // numbers that it may register, and answer for
-    std::vector<tk::Path> writes = {};         // handlers, and with a path of one element whole programs, of
-                                               // which it may ask anything, except for what is named below
+    // Handlers, and with a path of one element whole programs, of which it may ask anything but what is named
+    // below.
+    std::vector<tk::Path> writes = {};
     bool traces = false;
     bool undoes = false;
     bool isAdmin = false;  // all of it
@@ -33,9 +42,9 @@ public:
     /// A user that stands several times may do all that is said of it.
     explicit Access(const std::vector<UserRights>& users);
 
-    /// Why the user may not send the message, whose sender is stamped: text that goes on behind the user's
-    /// name, "may not ..., it needs ...". Empty where it may.
-    [[nodiscard]] std::string whyRefused(uid_t user, const tk::message& sent) const;
+    /// May the user send the message, whose sender is stamped?
+    /// Errors: the reason goes on after the user's name, "may not ...: it needs ...".
+    tk::Status check(uid_t user, const tk::message& sent) const;
     /// True for root, and for a user that may register any program.
     [[nodiscard]] bool runsPrograms(uid_t user) const;
 

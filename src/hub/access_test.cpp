@@ -36,13 +36,13 @@ tk::message message(tk::Kind kind, const tk::Path& from, const tk::Path& to, std
 }
 
 std::string whyNotAsk(uid_t user, const tk::Path& to, std::uint32_t command, const tk::Path& from = {80, 0}) {
-    return table().whyRefused(user, message(tk::Kind::request, from, to, command));
+    return table().check(user, message(tk::Kind::request, from, to, command)).reason();
 }
 
 std::string whyNotCommand(uid_t user, std::uint32_t command, const tk::message& content = {}) {
     tk::message request = message(tk::Kind::request, {1000}, {0}, command);
     for (const tk::message::Field& field : content.fields()) request.insert(field);
-    return table().whyRefused(user, request);
+    return table().check(user, request).reason();
 }
 
 tk::message programNumber(std::uint32_t program) {
@@ -195,7 +195,7 @@ TEST(Access, OnlyAProgramTellsAndAnswersAndOnlyInItsOwnName) {
     for (const tk::Kind kind : {tk::Kind::reply, tk::Kind::error, tk::Kind::notification})
         for (const auto& [program, allowed] : speaking)
             for (const uid_t user : everybody)
-                EXPECT_EQ(table().whyRefused(user, message(kind, {program, 0}, {24}, 5)).empty(),
+                EXPECT_EQ(table().check(user, message(kind, {program, 0}, {24}, 5)).isOk(),
                           allowed.contains(user))
                     << name(user, {program, 0}, 5);
 }
@@ -210,16 +210,16 @@ TEST(Access, ARefusalSaysWhichRightIsMissing) {
     EXPECT_EQ(whyNotCommand(undoer, tk::command::hubTrace), "may not trace: it needs trace = true");
     EXPECT_EQ(whyNotCommand(resolver, tk::command::hubRegister, programNumber(80)),
               "may not register program 80: it needs programs = [80]");
-    EXPECT_EQ(table().whyRefused(resolver, message(tk::Kind::reply, {80}, {24}, 5)),
+    EXPECT_EQ(table().check(resolver, message(tk::Kind::reply, {80}, {24}, 5)).reason(),
               "may not speak as program 80: it needs programs = [80]");
-    EXPECT_EQ(table().whyRefused(resolver, message(tk::Kind::reply, {1000}, {24}, 5)),
+    EXPECT_EQ(table().check(resolver, message(tk::Kind::reply, {1000}, {24}, 5)).reason(),
               "may not tell anything: it is no program");
 }
 
 TEST(Access, WritesAreWithinWhatWasGranted) {
     const Access access({{.uid = member, .writes = {{24}, {0}, {81, 3}}}});
     const auto mayAsk = [&access](const tk::Path& path, std::uint32_t command) {
-        return access.whyRefused(member, message(tk::Kind::request, {1000}, path, command)).empty();
+        return access.check(member, message(tk::Kind::request, {1000}, path, command)).isOk();
     };
     EXPECT_TRUE(mayAsk({24}, tk::command::addObject));
     EXPECT_FALSE(mayAsk({24}, 2)) << "undoing is a right of its own";

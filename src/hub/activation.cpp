@@ -4,6 +4,8 @@
 #include <signal.h>
 #include <sys/wait.h>
 
+#include <algorithm>
+#include <optional>
 #include <utility>
 
 #include "tk/log.h"
@@ -16,8 +18,14 @@ constexpr int killMilliseconds = 1000;  // for a killed process to be gone
 
 }  // namespace
 
-Activation::Child::Child(Activation& activation, std::uint32_t program, pid_t pid, tk::Fd opened)
-    : activation(activation), program(program), pid(pid), process(std::move(opened)) {
+void Restart::crashed(bool hadRegistered) {
+    if (hadRegistered) nextTicks = firstTicks;
+    timer.arm(nextTicks);
+    nextTicks = std::min(2 * nextTicks, mostTicks);
+}
+
+Activation::Child::Child(Activation& activation, std::uint32_t program, Started started)
+    : activation(activation), program(program), pid(started.pid), process(std::move(started.process)) {
     watch.start<Child, &Child::ended>(process.get(), *this, tk::readable);
 }
 
@@ -25,46 +33,43 @@ void Activation::Child::ended(int, std::uint32_t) {
     activation.reap(program);  // destroys this child: nothing may follow
 }
 
-Activation::Activation(const std::vector<ProgramConfig>& configured, Owner& owner, Processes& processes)
-    : owner(owner), processes(processes) {
+Activation::Activation(const std::vector<ProgramConfig>& configured, Hub& hub, Processes& processes)
+    : hub(hub), processes(processes) {
     for (const ProgramConfig& program : configured) {
         const std::uint32_t number = program.number;
         programs[number] = program;
         if (program.startsWithRouter && program.unit.empty())
             restarts.try_emplace(number, [this, number] { startOrRetry(number); });
     }
+    hub.setStarter(this);
 }
 
 Activation::~Activation() {
+    hub.setStarter(nullptr);
     for (const auto& [program, child] : children) {
         processes.signal(child->pid, SIGKILL);
         pollfd ended{child->process.get(), POLLIN, 0};
         (void)::poll(&ended, 1, killMilliseconds);
-        int status = 0;
-        (void)processes.reap(child->pid, status);  // nobody is left to be told of it
+        (void)processes.reap(child->pid);  // nobody is left to be told of it
     }
 }
 
-bool Activation::start(std::uint32_t program, std::string& reason) {
+tk::Status Activation::start(std::uint32_t program) {
     const auto config = programs.find(program);
-    if (config == programs.end()) return false;
-    if (ending) {
-        reason = "the router is ending";
-        return false;
-    }
-    if (children.contains(program) || coming.contains(program)) return true;
-    if (!launch(config->second, reason)) return false;
+    if (config == programs.end()) return tk::Status::failure(Hub::nobodyThere);
+    if (ending) return tk::Status::failure("the router is ending");
+    if (children.contains(program) || coming.contains(program)) return {};
+    if (tk::Status launched = launch(config->second); !launched.isOk()) return launched;
     const bool isUnit = !config->second.unit.empty();
     tk::log("program ", program, " started: ", isUnit ? config->second.unit : config->second.command.front());
-    return true;
+    return {};
 }
 
-bool Activation::launch(const ProgramConfig& program, std::string& reason) {
-    tk::Fd process;
-    const pid_t pid = processes.start(program, process, reason);
-    if (pid < 0) return false;
-    children[program.number] = std::make_unique<Child>(*this, program.number, pid, std::move(process));
-    return true;
+tk::Status Activation::launch(const ProgramConfig& program) {
+    tk::Result<Started> started = processes.start(program);
+    if (!started.isOk()) return started.status();
+    children[program.number] = std::make_unique<Child>(*this, program.number, started.take());
+    return {};
 }
 
 void Activation::registered(std::uint32_t program) {
@@ -86,27 +91,35 @@ void Activation::endAll() {
 
 void Activation::reap(std::uint32_t program) {
     const auto child = children.find(program);
-    int status = 0;
-    if (!processes.reap(child->second->pid, status)) return;
+    const std::optional<int> status = processes.reap(child->second->pid);
+    if (!status) return;
     const bool hadRegistered = child->second->hasRegistered;
     children.erase(child);
     if (const ProgramConfig& config = programs[program]; !config.unit.empty())
-        return unitAsked(config, status);
-    const std::string how = endText(status);
+        return unitAsked(config, *status);
+    const std::string how = endText(*status);
     tk::log("program ", program, " ", how);
-    owner.programEnded(program, how, hadRegistered);
+    programEnded(program, how, hadRegistered);
     const auto pending = restarts.find(program);
     if (ending || pending == restarts.end()) return;
-    if (status == 0)
+    if (*status == 0)
         pending->second.cancel();
     else
         pending->second.crashed(hadRegistered);
 }
 
+/// Ends what waits for a program that did not come. One that left of its own accord is started again for what
+/// arrived after it had left the bus.
+void Activation::programEnded(std::uint32_t program, const std::string& how, bool hadRegistered) {
+    tk::Status missing = tk::Status::failure("the program " + how + " before it came to the bus");
+    if (hadRegistered && hub.awaits(program)) missing = start(program);
+    if (!missing.isOk()) hub.programFailed(program, missing.reason());
+}
+
 void Activation::startOrRetry(std::uint32_t program) {
-    std::string reason;
-    if (start(program, reason)) return;  // or somebody's message has started it meanwhile
-    tk::log("program ", program, " cannot be started: ", reason);
+    const tk::Status started = start(program);
+    if (started.isOk()) return;  // or somebody's message has started it meanwhile
+    tk::log("program ", program, " cannot be started: ", started.reason());
     if (const auto pending = restarts.find(program); pending != restarts.end())
         pending->second.crashed(false);
 }
@@ -114,21 +127,21 @@ void Activation::startOrRetry(std::uint32_t program) {
 /// systemd has taken the unit on, or not. Its program comes to the bus later, or has done so meanwhile.
 void Activation::unitAsked(const ProgramConfig& program, int status) {
     if (WIFEXITED(status) && WEXITSTATUS(status) == 0) {
-        if (!owner.isAwaited(program.number)) return;
+        if (!hub.awaits(program.number)) return;
         if (coming.empty()) askingAgain.arm(askAgainTicks);
         coming.insert(program.number);
         return;
     }
     const std::string reason = program.unit + " could not be started: systemctl " + endText(status);
     tk::log("program ", program.number, ": ", reason);
-    owner.startFailed(program.number, reason);
+    hub.programFailed(program.number, reason);
 }
 
 void Activation::askAgain() {
     for (const std::uint32_t program : std::exchange(coming, {})) {
-        std::string reason;
-        if (!ending && owner.isAwaited(program) && !launch(programs[program], reason))
-            owner.startFailed(program, reason);
+        if (ending || !hub.awaits(program)) continue;
+        if (const tk::Status launched = launch(programs[program]); !launched.isOk())
+            hub.programFailed(program, launched.reason());
     }
 }
 

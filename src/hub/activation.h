@@ -8,17 +8,44 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "hub/hub.h"
 #include "hub/processes.h"
-#include "hub/restart.h"
-#include "hub/starter.h"
 #include "tk/fd.h"
+#include "tk/status.h"
 #include "tk/timer.h"
 
 namespace router {
 
-/// Starts the programs of the configuration, reaps them, and ends them with the router.
+/// When a program that has crashed is started again: a second later if it had come to the bus before, else
+/// after twice the time of the last attempt, up to about a minute.
+class Restart {
+public:
+    /// The first time and the longest.
+    /// Units: ticks of 10 ms.
+    static constexpr std::uint32_t firstTicks = 100;
+    static constexpr std::uint32_t mostTicks = 6400;
+
+    /// `start` is called when the time has come.
+    explicit Restart(std::function<void()> start) : start(std::move(start)) {}
+
+    /// The program has crashed, or could not be started.
+    void crashed(bool hadRegistered);
+    /// The program is not to be started any more.
+    void cancel() { timer.disarm(); }
+
+private:
+    void due() { start(); }
+
+    std::function<void()> start;
+    std::uint32_t nextTicks = firstTicks;
+    tk::Timer<Restart, &Restart::due> timer{*this};
+};
+
+/// Starts the programs of the configuration when the hub asks for them or the router starts, starts them again
+/// after a crash, and ends them with the router.
 ///
 /// A program that is a unit is systemd's: it is only asked for, by a command whose good end is not the
 /// program's. systemd takes a unit whose program has left the bus for running until the process has ended; so
@@ -28,26 +55,15 @@ namespace router {
 /// and is started by the next message for it.
 class Activation final : public Starter {
 public:
-    /// Hears of programs that end.
-    class Owner {
-    public:
-        virtual ~Owner() = default;
-        /// `how` is text for people; `hadRegistered` is true when the program was on the bus in its life.
-        virtual void programEnded(std::uint32_t program, const std::string& how, bool hadRegistered) = 0;
-        /// A program whose start was under way could not be started; `reason` is text for people.
-        virtual void startFailed(std::uint32_t program, const std::string& reason) = 0;
-        /// True when requests wait for the program.
-        virtual bool isAwaited(std::uint32_t program) const = 0;
-    };
-
-    /// Lifetime: owner and processes outlive the object.
-    Activation(const std::vector<ProgramConfig>& programs, Owner& owner, Processes& processes);
+    /// Starts from now on what the hub asks for.
+    /// Lifetime: hub and processes outlive the object.
+    Activation(const std::vector<ProgramConfig>& programs, Hub& hub, Processes& processes);
     Activation(const Activation&) = delete;
     Activation& operator=(const Activation&) = delete;
     /// Kills whatever still runs.
     ~Activation() override;
 
-    [[nodiscard]] bool start(std::uint32_t program, std::string& reason) override;
+    tk::Status start(std::uint32_t program) override;
     void registered(std::uint32_t program) override;
     /// Starts what is to run from the beginning. What cannot be started is logged, and a command tried again.
     void startConfigured();
@@ -60,7 +76,7 @@ private:
     /// A running program, or the command that asks for one: a process group of its own, watched by a
     /// descriptor of the process.
     struct Child {
-        Child(Activation& activation, std::uint32_t program, pid_t pid, tk::Fd process);
+        Child(Activation& activation, std::uint32_t program, Started started);
         void ended(int fd, std::uint32_t events);
 
         Activation& activation;
@@ -74,14 +90,15 @@ private:
     /// How long a unit's program may take to come to the bus before systemd is asked again.
     static constexpr std::uint32_t askAgainTicks = 100;  // 1 s
 
-    [[nodiscard]] bool launch(const ProgramConfig& program, std::string& reason);
+    tk::Status launch(const ProgramConfig& program);
     void reap(std::uint32_t program);
     void startOrRetry(std::uint32_t program);
+    void programEnded(std::uint32_t program, const std::string& how, bool hadRegistered);
     void unitAsked(const ProgramConfig& program, int status);
     void askAgain();
 
     std::map<std::uint32_t, ProgramConfig> programs;
-    Owner& owner;
+    Hub& hub;
     Processes& processes;
     bool ending = false;
     std::map<std::uint32_t, std::unique_ptr<Child>> children;  // by program

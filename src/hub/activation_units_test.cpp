@@ -1,12 +1,12 @@
-#include <fcntl.h>
-#include <signal.h>
-#include <unistd.h>
+// Programs that are systemd units.
+
+#include <memory>
+#include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "hub/activation.h"
-#include "hub/launcher.h"
-#include "hub/spawn.h"
 #include "hub/testing/fakeprocesses.h"
 #include "hub/testing/testhub.h"
 #include "tk/names.h"
@@ -25,18 +25,9 @@ constexpr int good = 0;
 constexpr int status5 = 5 << 8;
 
 /// A program that is a unit, asked for over the bus.
-class UnitActivationTest : public ::testing::Test, public Activation::Owner {
+class UnitActivationTest : public ::testing::Test {
 protected:
-    UnitActivationTest() { bus.hub.setStarter(&activation); }
     ~UnitActivationTest() override { bus.hub.close(); }
-
-    void programEnded(std::uint32_t, const std::string& how, bool) override {
-        ADD_FAILURE() << "no program of ours " << how;
-    }
-    void startFailed(std::uint32_t program, const std::string& reason) override {
-        bus.hub.programFailed(program, reason);
-    }
-    bool isAwaited(std::uint32_t program) const override { return bus.hub.awaits(program); }
 
     /// Lets a client ask the program, and gives what has come back.
     std::vector<tk::message> ask() {
@@ -44,7 +35,7 @@ protected:
         bus.settle();
         return client->take();
     }
-    /// The program comes to the bus; gives the requests that it finds there behind the reply to its own.
+    /// The program comes to the bus; gives the requests that it finds there after the reply to its own.
     std::vector<tk::message> come() {
         program = bus.connect();
         tk::message content;
@@ -64,7 +55,7 @@ protected:
 
     FakeProcesses processes;
     testing::TestHub bus;
-    Activation activation{{{80, {}, false, {}, "upnpd.service"}}, *this, processes};
+    Activation activation{{{80, {}, false, {}, "upnpd.service"}}, bus.hub, processes};
     std::unique_ptr<TestClient> client = bus.connect();
     std::unique_ptr<TestClient> program;
 };
@@ -190,16 +181,14 @@ TEST_F(UnitActivationTest, AProgramThatGaveItsNumberUpIsAskedForUntilItComesAnew
 }
 
 TEST_F(UnitActivationTest, AProgramThatNobodyAwaitsIsAskedForOnce) {
-    std::string reason;
-    EXPECT_TRUE(activation.start(80, reason));
+    EXPECT_TRUE(activation.start(80).isOk());
     endCommand(good);
     bus.advance(60 * second);
     EXPECT_EQ(processes.started, times(1));
 }
 
 TEST_F(UnitActivationTest, ARequestBehindSuchAStartAsksAtOnce) {
-    std::string reason;
-    EXPECT_TRUE(activation.start(80, reason));
+    EXPECT_TRUE(activation.start(80).isOk());
     endCommand(good);
     EXPECT_TRUE(ask().empty());
     EXPECT_EQ(processes.started, times(2));
@@ -221,20 +210,6 @@ TEST_F(UnitActivationTest, TheEndOfTheRouterAsksForNoneAndStopsNone) {
     EXPECT_EQ(processes.started, times(1));
     EXPECT_TRUE(processes.signals.empty());
     EXPECT_FALSE(activation.isRunning());
-}
-
-TEST(CommandOf, AUnitIsAskedForWithoutWaitingForIt) {
-    const std::vector<std::string> words = commandOf({80, {}, false, {}, "upnpd.service"});
-    ASSERT_EQ(words.size(), 4U);
-    const char* usual = "/usr/bin/systemctl";
-    EXPECT_EQ(words[0], ::access(usual, X_OK) == 0 ? usual : "/bin/systemctl");
-    EXPECT_EQ(words[1], "start");
-    EXPECT_EQ(words[2], "--no-block");
-    EXPECT_EQ(words[3], "upnpd.service");
-}
-
-TEST(CommandOf, AnotherProgramHasItsOwn) {
-    EXPECT_EQ(commandOf({80, {"/bin/echo", "one"}}), (std::vector<std::string>{"/bin/echo", "one"}));
 }
 
 }  // namespace

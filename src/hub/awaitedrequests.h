@@ -1,19 +1,22 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <string>
 #include <string_view>
-#include <utility>
+#include <vector>
 
 #include "tk/budget.h"
 
 namespace router {
 
-/// The requests that wait for one program to register. They wait in their flat form: a request of many small
-/// parts takes more than ten times that once it is parsed.
-class AwaitedProgram {
+/// The requests that wait for programs to register. They wait in their flat form: a request of many small parts
+/// takes more than ten times that once it is parsed.
+class AwaitedRequests {
 public:
+    /// One that waits, and what that costs.
     struct Request {
         std::uint32_t requester;  // client number
         std::string flat;
@@ -21,22 +24,33 @@ public:
         std::uint32_t round;  // of takeOld() that it came in
     };
 
-    /// Adds a request. False when its budget has no room for it.
-    [[nodiscard]] bool add(std::uint32_t requester, std::string_view flat, tk::Budget& payer);
-    /// Takes all requests out, in the order of arrival.
-    [[nodiscard]] std::deque<Request> take() { return std::exchange(requests, {}); }
-    /// Takes out, like the former, what has waited since before the last call of this function.
-    [[nodiscard]] std::deque<Request> takeOld();
+    /// Lets a request wait for `program`, at the expense of `payer`.
+    /// Errors: false when the budget has no room for it.
+    /// Lifetime: the budget outlives the request.
+    [[nodiscard]] bool add(std::uint32_t program, std::uint32_t requester, std::string_view flat,
+                           tk::Budget& payer);
+    /// Takes out all that wait for `program`, in the order of arrival.
+    [[nodiscard]] std::deque<Request> take(std::uint32_t program);
+    /// Takes out what has waited since before the last call of this function, by program and then in the order
+    /// of arrival.
+    [[nodiscard]] std::vector<Request> takeOld();
     /// Forgets the requests of a peer.
     void drop(std::uint32_t requester);
+    /// Forgets them all.
+    void clear() { requests.clear(); }
+
+    /// True when something waits for `program`.
+    bool has(std::uint32_t program) const { return requests.contains(program); }
     /// True when a request of this peer waits.
     bool hasOf(std::uint32_t requester) const;
     /// True when nothing waits.
     bool isEmpty() const { return requests.empty(); }
 
 private:
+    void forgetEmpty();
+
     std::uint32_t round = 0;
-    std::deque<Request> requests;
+    std::map<std::uint32_t, std::deque<Request>> requests;  // by program; none of them is empty
 };
 
 }  // namespace router

@@ -2,7 +2,8 @@
 
 #include <sys/socket.h>
 
-#include <algorithm>
+#include <memory>
+#include <string>
 #include <utility>
 
 #include "tk/frame.h"
@@ -27,7 +28,6 @@ tk::message tooLarge(const tk::message& end) {
 }  // namespace
 
 Hub::Hub() = default;
-
 Hub::~Hub() = default;
 
 void Hub::addService(tk::Handler& handler, const tk::Path& path) {
@@ -36,29 +36,9 @@ void Hub::addService(tk::Handler& handler, const tk::Path& path) {
 }
 
 void Hub::adopt(tk::Fd socket, const Credentials& credentials) {
-    if (const std::string reason = whyFullFor(credentials.uid); !reason.empty())
-        return turnAway(socket, credentials.uid, tk::error::busy, reason);
-    budgets.forgetUnused();
-    const std::uint32_t number = newClientNumber();
-    HubPeer::Owner& owner = *this;
-    const HubPeer::Terms terms{credentials, number, budgets.of(credentials.uid, number)};
-    peers[number] = std::make_unique<HubPeer>(std::move(socket), terms, owner);
-}
-
-/// One that no connection has, also when all have been given out once.
-std::uint32_t Hub::newClientNumber() {
-    while (nextClient < tk::program::firstClient || peers.contains(nextClient))
-        nextClient = std::max(nextClient + 1, tk::program::firstClient);
-    return nextClient++;
-}
-
-/// Why there is no room for another connection of `user`; empty where there is.
-std::string Hub::whyFullFor(uid_t user) const {
-    const auto own = static_cast<std::size_t>(std::count_if(
-        peers.begin(), peers.end(), [user](const auto& entry) { return entry.second->user().uid == user; }));
-    if (user != 0 && own >= peerLimitPerUser) return "too many connections of one user";
-    const std::size_t room = access.runsPrograms(user) ? peerLimit : peerLimit - reservedPeers;
-    return peers.size() >= room ? "too many connections" : "";
+    const tk::Status room = peers.checkRoom(credentials.uid, access.runsPrograms(credentials.uid));
+    if (!room.isOk()) return turnAway(socket, credentials.uid, tk::error::busy, room.reason());
+    peers.add(std::move(socket), credentials, *this);
 }
 
 void Hub::turnAway(const tk::Fd& socket, uid_t user, std::uint32_t code, const std::string& why) {
@@ -80,7 +60,6 @@ void Hub::close() {
     starter = nullptr;
     watcher = nullptr;
     awaited.clear();
-    programs.clear();
     peers.clear();
 }
 
@@ -95,9 +74,9 @@ void Hub::peerSent(HubPeer& peer, tk::message received) {
 
 /// True when what needs no answer is not passed on.
 bool Hub::isRefused(const HubPeer& from, const tk::message& sent) {
-    const std::string why = access.whyRefused(from.user().uid, sent);
-    if (!why.empty()) noteRefused(from, "it " + why);
-    return !why.empty();
+    const tk::Status allowed = access.check(from.user().uid, sent);
+    if (!allowed.isOk()) noteRefused(from, "it " + allowed.reason());
+    return !allowed.isOk();
 }
 
 void Hub::noteRefused(const HubPeer& from, const std::string& why) {
@@ -116,14 +95,11 @@ void Hub::peerEnded(HubPeer& peer, const std::string& reason) {
     const std::uint32_t number = peer.clientNumber();
     const std::uint32_t identity = peer.identity();
     tellEnd(peer, reason);
-    const std::unique_ptr<HubPeer> ended = std::move(peers[number]);  // destroyed when all is cleaned up
-    peers.erase(number);
-    if (ended->isProgram()) programs.erase(identity);
+    const std::unique_ptr<HubPeer> ended = peers.take(number);  // destroyed when all is cleaned up
     subscriptions.drop(number);
     tracers.drop(number);
     pending.dropOfRequester(number);
-    for (auto& [program, waiting] : awaited) waiting.drop(number);
-    forgetEmptyAwaited();
+    awaited.drop(number);
     // What it made goes before anybody is told: whoever hears of its end finds nothing of it any more.
     services.disconnected({number});
     if (identity != number) services.disconnected({identity});
@@ -143,7 +119,7 @@ void Hub::takeEnd(HubPeer& from, const tk::message& end) {
         if (pending.finish(ownRequester, from.clientNumber(), end)) (void)handler->handleReply(end);
         return;
     }
-    HubPeer* to = peerOf(path);
+    HubPeer* to = peers.findAt(path);
     if (to && pending.finish(to->clientNumber(), from.clientNumber(), end)) deliverEnd(*to, end);
 }
 
@@ -151,7 +127,7 @@ void Hub::sendEnd(const tk::message& end) {
     trace(end);
     if (tk::Handler* handler = services.find(end.get_u32_array(tk::field::destination)))
         return void(handler->handleReply(end));
-    if (HubPeer* to = peerOf(end.get_u32_array(tk::field::destination))) deliverEnd(*to, end);
+    if (HubPeer* to = peers.findAt(end.get_u32_array(tk::field::destination))) deliverEnd(*to, end);
 }
 
 void Hub::deliverEnd(HubPeer& to, const tk::message& end) {
@@ -165,13 +141,14 @@ void Hub::publish(const tk::message& notification) {
     trace(notification);
     const tk::Path& from = notification.get_u32_array(tk::field::sender);
     for (const auto& [number, charge] : subscriptions.of(from, notification.get_u32(tk::field::command)))
-        (void)peers[number]->send(notification);
+        if (HubPeer* to = peers.find(number)) (void)to->send(notification);
 }
 
 void Hub::trace(const tk::message& passed) {
     if (!tracers.isActive()) return;
     const tk::message shown = HubTrace::wrap(passed);
-    for (const std::uint32_t number : tracers.peers()) (void)peers[number]->send(shown);
+    for (const std::uint32_t number : tracers.peers())
+        if (HubPeer* to = peers.find(number)) (void)to->send(shown);
 }
 
 tk::message Hub::exchange(const tk::message& request, const tk::Path& from, std::uint32_t command,
@@ -207,8 +184,8 @@ void Hub::sendOwn(tk::message request) {
     trace(request);
     const tk::Path& to = request.get_u32_array(tk::field::destination);
     if (to.empty() || to.front() == tk::program::hub || services.has(to.front()))
-        return refuse(request, tk::error::unreachable, "nobody at this destination");
-    if (HubPeer* callee = programPeer(to.front())) return forward(ownRequester, *callee, request);
+        return refuse(request, tk::error::unreachable, nobodyThere);
+    if (HubPeer* callee = peers.findProgram(to.front())) return forward(ownRequester, *callee, request);
     activate(ownRequester, request);
 }
 

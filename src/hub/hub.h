@@ -1,20 +1,19 @@
 #pragma once
 
+#include <sys/types.h>
+
+#include <cstddef>
 #include <cstdint>
-#include <map>
-#include <memory>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "hub/access.h"
 #include "hub/awaitedrequests.h"
-#include "hub/budgets.h"
 #include "hub/localservices.h"
 #include "hub/peer.h"
+#include "hub/peers.h"
 #include "hub/pendingrequests.h"
 #include "hub/refusallog.h"
-#include "hub/starter.h"
 #include "hub/subscriptions.h"
 #include "hub/trace.h"
 #include "tk/budget.h"
@@ -22,9 +21,21 @@
 #include "tk/fd.h"
 #include "tk/handler.h"
 #include "tk/message.h"
+#include "tk/status.h"
 #include "tk/timer.h"
 
 namespace router {
+
+/// Starts programs that a message is for and that are not on the bus.
+class Starter {
+public:
+    virtual ~Starter() = default;
+    /// Starts `program`, unless it was started already and is still running.
+    /// Errors: when it is not known how to start it, or the system refused.
+    virtual tk::Status start(std::uint32_t program) = 0;
+    /// Hears that a program has registered.
+    virtual void registered(std::uint32_t program) = 0;
+};
 
 /// Hears of programs as they come to the bus.
 class ProgramWatcher {
@@ -40,22 +51,18 @@ public:
 /// Every message passes one of the functions of hub.cpp that trace it; nothing is sent beside them.
 class Hub final : public tk::Bus, private HubPeer::Owner {
 public:
-    /// How many connections there may be.
-    static constexpr std::size_t peerLimit = 256;
-    /// How many of them are kept for root and the users that run programs: no other gets the last ones.
-    static constexpr std::size_t reservedPeers = 32;
-    /// How many connections one user may have that is not root.
-    static constexpr std::size_t peerLimitPerUser = 64;
     /// How many elements the paths of a subscription and of a request may have: they are kept, and must not
     /// cost what their maker likes.
     static constexpr std::size_t subscriptionPathLimit = 16;
     static constexpr std::size_t requestPathLimit = 256;
     /// A request ends with an error when nobody has answered it after this time, or up to twice that. It is
-    /// longer than any requester waits. Units: ticks of 10 ms.
+    /// longer than any requester waits.
+    /// Units: ticks of 10 ms.
     static constexpr std::uint32_t expiryTicks = 6100;
     /// Stands for the handlers of this process where requesters are named by client number.
     static constexpr std::uint32_t ownRequester = 0;
-
+    /// Why a request ends that leads nowhere.
+    static constexpr const char* nobodyThere = "nobody at this destination";
     /// How many programs may leave within a minute before the log counts them.
     static constexpr std::size_t leavesAtOnce = 16;
 
@@ -64,19 +71,22 @@ public:
     Hub& operator=(const Hub&) = delete;
     ~Hub() override;
 
-    /// Serves a handler of this process at `path`. Lifetime: the handler outlives the hub, or close() comes
-    /// first.
+    /// Serves a handler of this process at `path`.
+    /// Lifetime: the handler outlives the hub, or close() comes first.
     void addService(tk::Handler& handler, const tk::Path& path);
-    /// Who asks the handlers of this process. Lifetime: the hub's.
+    /// Who asks the handlers of this process.
+    /// Lifetime: the hub's.
     const Requester& requester() const { return services; }
-    /// Whom to ask for programs that are not there; null (the start) for nobody. Lifetime: outlives its use.
+    /// Whom to ask for programs that are not there; null (the start) for nobody.
+    /// Lifetime: the starter outlives its use.
     void setStarter(Starter* target) { starter = target; }
 
     /// Sets who may do what; at first that is root alone, beside what everybody may. Call before there are
     /// connections: what was subscribed to stays.
     void setAccess(Access table) { access = std::move(table); }
     /// Sets the number that the next connection gets, if nobody has it.
-    void setNextClient(std::uint32_t number) { nextClient = number; }
+    void setNextClient(std::uint32_t number) { peers.setNextNumber(number); }
+    /// Whom to tell of programs that come; null (the start) for nobody.
     /// Lifetime: the watcher outlives its use.
     void setProgramWatcher(ProgramWatcher* target) { watcher = target; }
 
@@ -88,16 +98,18 @@ public:
     /// Ends the requests that wait for a program that was started and did not get as far as registering.
     void programFailed(std::uint32_t program, const std::string& reason);
     /// True when requests wait for `program` to register.
-    bool awaits(std::uint32_t program) const { return awaited.contains(program); }
+    bool awaits(std::uint32_t program) const { return awaited.has(program); }
     /// Ends all connections and forgets all services. Call while the loop still exists.
     void close();
 
-    std::size_t peerCount() const { return peers.size(); }
-    /// What is kept for a user, and of root for one connection. Lifetime: until the next connection comes.
-    tk::Budget& budgetOf(uid_t user, std::uint32_t client) { return budgets.of(user, client); }
+    /// How many connections there are.
+    std::size_t peerCount() const { return peers.count(); }
+    /// What is kept for a user, and of root for one connection.
+    /// Lifetime: until the next connection comes.
+    tk::Budget& budgetOf(uid_t user, std::uint32_t client) { return peers.budgetOf(user, client); }
 
-    /// For the handlers of this process. Errors: error::refused for a request to another process: the hub
-    /// waits for nobody.
+    /// For the handlers of this process.
+    /// Errors: error::refused for a request to another process: the hub waits for nobody.
     [[nodiscard]] tk::message exchange(const tk::message& request, const tk::Path& from,
                                        std::uint32_t command, std::uint32_t timeout) override;
     /// A request of a handler of this process gets its number here; its end comes to the handler's
@@ -109,7 +121,6 @@ private:
     void peerEnded(HubPeer& peer, const std::string& reason) override;
 
     [[nodiscard]] bool isRefused(const HubPeer& from, const tk::message& sent);
-    [[nodiscard]] std::uint32_t newClientNumber();
     void tellEnd(const HubPeer& peer, const std::string& reason);
 
     // What passes: each of these traces its message, then hands it on.
@@ -121,27 +132,19 @@ private:
     void publish(const tk::message& notification);
     void trace(const tk::message& passed);
 
-    [[nodiscard]] std::string whyFullFor(uid_t user) const;
-
-    // Where requests go.
+    // Where requests go (hub_routes.cpp).
     void route(HubPeer& from, const tk::message& request);
     void afterCommand(HubPeer& from, std::uint32_t command);
     void forward(std::uint32_t from, HubPeer& to, const tk::message& request);
     void activate(std::uint32_t from, const tk::message& request);
-    [[nodiscard]] tk::Budget& payerOf(std::uint32_t requester);
     void expireLater();
     void expire();
-    [[nodiscard]] std::vector<AwaitedProgram::Request> takeOldAwaited();
-    void forgetEmptyAwaited();
     void releaseAwaited(HubPeer& program);
     void refuse(const tk::message& request, std::uint32_t code, const std::string& text);
     void refuseFull(std::uint32_t requester, const tk::message& request, const std::string& text);
     void noteRefused(const HubPeer& from, const std::string& why);
-    [[nodiscard]] bool awaitsOf(std::uint32_t requester) const;
-    HubPeer* peerOf(const tk::Path& path);
-    HubPeer* programPeer(std::uint32_t program);
 
-    // The hub's own commands (hubcommands.cpp).
+    // The hub's own commands (hub_commands.cpp).
     [[nodiscard]] tk::message command(HubPeer& from, const tk::message& request);
     [[nodiscard]] tk::message registerProgram(HubPeer& from, const tk::message& request);
     [[nodiscard]] tk::message unregisterProgram(const HubPeer& from, const tk::message& request) const;
@@ -149,7 +152,7 @@ private:
     [[nodiscard]] tk::message subscribe(HubPeer& from, const tk::message& request);
     [[nodiscard]] tk::message unsubscribe(HubPeer& from, const tk::message& request);
 
-    Budgets budgets;
+    HubPeers peers;  // goes last: the others charge its budgets for what they keep
     LocalServices services;
     Starter* starter = nullptr;
     ProgramWatcher* watcher = nullptr;
@@ -161,11 +164,8 @@ private:
     PendingRequests pending;
     Subscriptions subscriptions;
     HubTrace tracers;
-    std::uint32_t nextClient = tk::program::firstClient;
-    std::uint32_t ownNumbers = 0;                     // of the requests that this process's handlers make
-    std::map<std::uint32_t, std::uint32_t> programs;  // registered number to client number
-    std::map<std::uint32_t, AwaitedProgram> awaited;  // by program number
-    std::map<std::uint32_t, std::unique_ptr<HubPeer>> peers;  // by client number
+    AwaitedRequests awaited;
+    std::uint32_t ownNumbers = 0;  // of the requests that this process's handlers make
     bool expires = false;
     tk::Timer<Hub, &Hub::expire> expiry{*this};
 };

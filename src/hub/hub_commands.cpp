@@ -37,7 +37,7 @@ tk::message Hub::command(HubPeer& from, const tk::message& request) {
         case tk::command::hubUnsubscribe:
             return unsubscribe(from, request);
         case tk::command::hubTrace:
-            return {};  // begins behind its own reply
+            return {};  // begins after its own reply
         default:
             return tk::errorMsg(tk::error::noSuchCommand, "no such command");
     }
@@ -52,19 +52,18 @@ tk::message Hub::registerProgram(HubPeer& from, const tk::message& request) {
         return tk::errorMsg(tk::error::exists,
                             "this connection is registered as program " + std::to_string(from.identity()));
     if (from.isRetired()) return tk::errorMsg(tk::error::exists, "this connection has given its program up");
-    HubPeer* holder = programPeer(program);
+    HubPeer* holder = peers.findProgram(program);
     if (holder == &from) return {};
     // The end of the former holder may be known to the kernel and not yet to the loop.
     if (holder && holder->hasHungUp()) peerEnded(*holder, "it closed the connection");
-    if (services.has(program) || programPeer(program))
+    if (services.has(program) || peers.findProgram(program))
         return tk::errorMsg(tk::error::exists, "program " + std::to_string(program) + " is running already");
     if (watcher) watcher->programComes(program, from.user().uid);
-    programs[program] = from.clientNumber();
-    from.becomeProgram(program);
+    peers.enrol(from, program);
     return {};
 }
 
-/// Whether a program may give its number up; it does so behind the reply, which still goes to its name.
+/// Whether a program may give its number up; it does so after the reply, which still goes to its name.
 tk::message Hub::unregisterProgram(const HubPeer& from, const tk::message& request) const {
     const std::uint32_t program = request.get_u32(tk::hubfield::program);
     if (from.hasResigned(program)) return {};
@@ -72,7 +71,7 @@ tk::message Hub::unregisterProgram(const HubPeer& from, const tk::message& reque
         return tk::errorMsg(tk::error::invalid,
                             "this connection is not registered as program " + std::to_string(program));
     // Their ends come to the program's name, under which there is nobody then, or another.
-    if (pending.hasOf(from.clientNumber()) || awaitsOf(from.clientNumber()))
+    if (pending.hasOf(from.clientNumber()) || awaited.hasOf(from.clientNumber()))
         return tk::errorMsg(tk::error::busy, "requests of this program are under way");
     return {};
 }
@@ -81,8 +80,7 @@ void Hub::giveUp(HubPeer& from) {
     if (!from.isProgram()) return;  // it had done so before
     const std::uint32_t program = from.identity();
     tellEnd(from, "it has given its number up");
-    programs.erase(program);
-    from.resign();
+    peers.resign(from);
     services.disconnected({program});
 }
 

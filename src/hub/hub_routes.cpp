@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "hub/hub.h"
 #include "tk/bus.h"
@@ -25,18 +26,6 @@ tk::message withShortPaths(const tk::message& request) {
 
 }  // namespace
 
-HubPeer* Hub::programPeer(std::uint32_t program) {
-    const auto number = programs.find(program);
-    return number == programs.end() ? nullptr : peers[number->second].get();
-}
-
-HubPeer* Hub::peerOf(const tk::Path& path) {
-    if (path.empty()) return nullptr;
-    // A program still hears what was asked for under its number as a client, before it registered.
-    const auto client = peers.find(path.front());
-    return client != peers.end() ? client->second.get() : programPeer(path.front());
-}
-
 void Hub::refuse(const tk::message& request, std::uint32_t code, const std::string& text) {
     sendEnd(tk::endOf(request, tk::errorMsg(code, text)));
 }
@@ -46,9 +35,10 @@ void Hub::route(HubPeer& from, const tk::message& request) {
     if (to.empty()) return refuse(request, tk::error::invalid, "the request names no destination");
     if (to.size() > requestPathLimit || request.get_u32_array(tk::field::sender).size() > requestPathLimit)
         return refuse(withShortPaths(request), tk::error::invalid, "the path is too long");
-    if (const std::string why = access.whyRefused(from.user().uid, request); !why.empty()) {
-        noteRefused(from, "it " + why);
-        return refuse(request, tk::error::notAllowed, "user " + std::to_string(from.user().uid) + " " + why);
+    if (const tk::Status allowed = access.check(from.user().uid, request); !allowed.isOk()) {
+        noteRefused(from, "it " + allowed.reason());
+        return refuse(request, tk::error::notAllowed,
+                      "user " + std::to_string(from.user().uid) + " " + allowed.reason());
     }
     if (to.front() == tk::program::hub) {
         const tk::message answer = command(from, request);
@@ -61,7 +51,8 @@ void Hub::route(HubPeer& from, const tk::message& request) {
         if (!answer.has(tk::field::later)) sendEnd(tk::endOf(request, answer));
         return;
     }
-    if (HubPeer* callee = programPeer(to.front())) return forward(from.clientNumber(), *callee, request);
+    if (HubPeer* callee = peers.findProgram(to.front()))
+        return forward(from.clientNumber(), *callee, request);
     activate(from.clientNumber(), request);
 }
 
@@ -77,7 +68,7 @@ void Hub::afterCommand(HubPeer& from, std::uint32_t command) {
 /// of a program but itself.
 void Hub::forward(std::uint32_t from, HubPeer& to, const tk::message& request) {
     using Added = PendingRequests::Added;
-    tk::Budget& payer = payerOf(from);
+    tk::Budget& payer = peers.payer(from);
     const std::uint32_t number = request.get_u32(tk::field::number);
     const bool isAwaited = number != 0;  // nobody waits for the end of number 0
     const Added added = isAwaited ? pending.add(from, to.clientNumber(), request, payer) : Added::yes;
@@ -95,35 +86,21 @@ void Hub::forward(std::uint32_t from, HubPeer& to, const tk::message& request) {
 
 void Hub::activate(std::uint32_t from, const tk::message& request) {
     const std::uint32_t program = request.get_u32_array(tk::field::destination).front();
-    std::string reason = "nobody at this destination";
-    if (!starter || !starter->start(program, reason)) return refuse(request, tk::error::unreachable, reason);
-    if (awaited[program].add(from, request.serialise(), payerOf(from))) return expireLater();
-    forgetEmptyAwaited();
+    const tk::Status started = starter ? starter->start(program) : tk::Status::failure(nobodyThere);
+    if (!started.isOk()) return refuse(request, tk::error::unreachable, started.reason());
+    if (awaited.add(program, from, request.serialise(), peers.payer(from))) return expireLater();
     refuseFull(from, request, "too much waits for programs to start");
 }
 
-tk::Budget& Hub::payerOf(std::uint32_t requester) {
-    return requester == ownRequester ? budgets.of(0, ownRequester) : peers[requester]->budget();
-}
-
 void Hub::refuseFull(std::uint32_t requester, const tk::message& request, const std::string& text) {
-    if (requester != ownRequester) noteRefused(*peers[requester], text);
+    if (const HubPeer* peer = peers.find(requester)) noteRefused(*peer, text);
     refuse(request, tk::error::busy, text);
 }
 
-bool Hub::awaitsOf(std::uint32_t requester) const {
-    return std::any_of(awaited.begin(), awaited.end(),
-                       [requester](const auto& entry) { return entry.second.hasOf(requester); });
-}
-
 void Hub::releaseAwaited(HubPeer& program) {
-    const auto waiting = awaited.find(program.identity());
-    if (waiting == awaited.end()) return;
-    auto requests = waiting->second.take();
-    awaited.erase(waiting);
-    for (auto& [requester, flat, charge, round] : requests) {
+    for (auto& [requester, flat, charge, round] : awaited.take(program.identity())) {
         charge.set(0);  // it is charged anew where it waits next
-        if (requester == ownRequester || peers.contains(requester))
+        if (requester == ownRequester || peers.find(requester))
             forward(requester, program, tk::message(flat));
     }
 }
@@ -135,35 +112,19 @@ void Hub::expireLater() {
 /// Ends what was never answered. Requesters have given it up long before; here it would hold its place.
 void Hub::expire() {
     const std::vector<tk::message> unanswered = pending.takeOld();
-    const std::vector<AwaitedProgram::Request> awaiting = takeOldAwaited();
+    const std::vector<AwaitedRequests::Request> awaiting = awaited.takeOld();
     for (const tk::message& request : unanswered)
         refuse(request, tk::error::timedOut, "the program did not answer");
-    for (const AwaitedProgram::Request& request : awaiting)
+    for (const AwaitedRequests::Request& request : awaiting)
         refuse(tk::message(request.flat), tk::error::unreachable,
                "the program was started, but did not come to the bus in time");
-    expires = pending.size() != 0 || !awaited.empty();
+    expires = pending.size() != 0 || !awaited.isEmpty();
     if (expires) expiry.arm(expiryTicks);
 }
 
-std::vector<AwaitedProgram::Request> Hub::takeOldAwaited() {
-    std::vector<AwaitedProgram::Request> requests;
-    for (auto& [program, waiting] : awaited)
-        for (auto& old : waiting.takeOld()) requests.push_back(std::move(old));
-    forgetEmptyAwaited();
-    return requests;
-}
-
-/// A program that nobody waits for is not asked for again.
-void Hub::forgetEmptyAwaited() {
-    std::erase_if(awaited, [](const auto& entry) { return entry.second.isEmpty(); });
-}
-
 void Hub::programFailed(std::uint32_t program, const std::string& reason) {
-    const auto waiting = awaited.find(program);
-    if (waiting == awaited.end()) return;
-    const auto requests = waiting->second.take();
-    awaited.erase(waiting);
-    for (const auto& waited : requests) refuse(tk::message(waited.flat), tk::error::unreachable, reason);
+    for (const AwaitedRequests::Request& waited : awaited.take(program))
+        refuse(tk::message(waited.flat), tk::error::unreachable, reason);
 }
 
 }  // namespace router

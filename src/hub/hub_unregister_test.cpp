@@ -22,9 +22,9 @@ constexpr std::uint32_t command = 77;
 /// Starts nothing, but says that it does.
 class FakeStarter final : public Starter {
 public:
-    bool start(std::uint32_t program, std::string&) override {
+    tk::Status start(std::uint32_t program) override {
         started.push_back(program);
-        return true;
+        return {};
     }
     void registered(std::uint32_t) override {}
 

@@ -1,5 +1,6 @@
 #include "hub/launcher.h"
 
+#include <errno.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/prctl.h>
@@ -7,8 +8,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
+#include <set>
+#include <string>
+#include <utility>
 
-#include "hub/launcherchannel.h"
 #include "tk/log.h"
 
 namespace router {
@@ -18,47 +22,130 @@ namespace {
 constexpr const char* gone = "the process that starts programs has ended";
 constexpr const char* processName = "routerd-start";  // the kernel shows 15 characters
 
+/// What the router asks of its launcher.
+struct Request {
+    enum class What : std::uint32_t { start = 1, signal = 2, reap = 3 };
+
+    What what = What::start;
+    std::uint32_t program = 0;  // to be started: its number
+    pid_t process = 0;          // to be signalled or reaped
+    std::int32_t number = 0;    // of the signal
+};
+
+/// What comes of it. The answer to a start brings a descriptor of the process.
+struct Answer {
+    pid_t process = 0;  // that was started, or -1
+    bool hasEnded = false;
+    std::int32_t status = 0;  // of a process that has ended
+    char reason[256] = {};    // why nothing was started, a text that ends with 0
+};
+
+bool sendRequest(int socket, const Request& request) {
+    return ::send(socket, &request, sizeof request, MSG_NOSIGNAL) == sizeof request;
+}
+
+bool receiveRequest(int socket, Request& request) {
+    ssize_t count = 0;
+    while ((count = ::recv(socket, &request, sizeof request, 0)) < 0 && errno == EINTR) {
+    }
+    return count == sizeof request;
+}
+
+/// Sends an answer, with a descriptor unless that is -1.
+bool sendAnswer(int socket, const Answer& answer, int descriptor) {
+    Answer sent = answer;
+    iovec part{&sent, sizeof sent};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof descriptor)] = {};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    if (descriptor >= 0) {
+        message.msg_control = control;
+        message.msg_controllen = sizeof control;
+        cmsghdr* header = CMSG_FIRSTHDR(&message);
+        header->cmsg_level = SOL_SOCKET;
+        header->cmsg_type = SCM_RIGHTS;
+        header->cmsg_len = CMSG_LEN(sizeof descriptor);
+        ::memcpy(CMSG_DATA(header), &descriptor, sizeof descriptor);
+    }
+    return ::sendmsg(socket, &message, MSG_NOSIGNAL) == sizeof sent;
+}
+
+bool receiveAnswer(int socket, Answer& answer, tk::Fd& descriptor) {
+    iovec part{&answer, sizeof answer};
+    int received = -1;
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof received)] = {};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    ssize_t count = 0;
+    while ((count = ::recvmsg(socket, &message, MSG_CMSG_CLOEXEC)) < 0 && errno == EINTR) {
+    }
+    const cmsghdr* header = count > 0 ? CMSG_FIRSTHDR(&message) : nullptr;
+    if (header && header->cmsg_type == SCM_RIGHTS) {
+        ::memcpy(&received, CMSG_DATA(header), sizeof received);
+        descriptor.reset(received);
+    }
+    return count == sizeof answer;
+}
+
+/// The router's side of one exchange. False when the launcher is gone.
+bool exchange(int socket, const Request& request, Answer& answer, tk::Fd& descriptor) {
+    return sendRequest(socket, request) && receiveAnswer(socket, answer, descriptor);
+}
+
 /// The launcher's own side. It knows the programs from before, and takes nothing but their numbers.
 class Servant {
 public:
     explicit Servant(const std::vector<ProgramConfig>& programs) : programs(programs) {}
 
     void serve(int socket) {
-        LauncherRequest request;
+        Request request;
         while (receiveRequest(socket, request)) {
             tk::Fd process;
-            const LauncherAnswer answer = answerTo(request, process);
+            const Answer answer = answerTo(request, process);
             if (!sendAnswer(socket, answer, process.get())) return;
         }
     }
 
 private:
-    LauncherAnswer answerTo(const LauncherRequest& request, tk::Fd& process) {
-        LauncherAnswer answer;
+    Answer answerTo(const Request& request, tk::Fd& process) {
         switch (request.what) {
-            case LauncherRequest::What::start:
-                start(request.program, answer, process);
-                break;
-            case LauncherRequest::What::signal:
+            case Request::What::start:
+                return start(request.program, process);
+            case Request::What::signal:
                 if (started.contains(request.process)) processes.signal(request.process, request.number);
                 break;
-            case LauncherRequest::What::reap:
-                answer.hasEnded =
-                    started.contains(request.process) && processes.reap(request.process, answer.status);
-                if (answer.hasEnded) started.erase(request.process);
-                break;
+            case Request::What::reap:
+                return reap(request.process);
         }
-        return answer;
+        return {};
     }
 
-    void start(std::uint32_t number, LauncherAnswer& answer, tk::Fd& process) {
+    Answer start(std::uint32_t number, tk::Fd& process) {
         const auto program =
             std::find_if(programs.begin(), programs.end(),
                          [number](const ProgramConfig& each) { return each.number == number; });
-        std::string reason = "no such program";
-        answer.process = program == programs.end() ? -1 : processes.start(*program, process, reason);
-        if (answer.process > 0) started.insert(answer.process);
-        reason.copy(answer.reason, sizeof answer.reason - 1);
+        tk::Result<Started> done =
+            program == programs.end() ? tk::Status::failure("no such program") : processes.start(*program);
+        Answer answer;
+        answer.process = done.isOk() ? done->pid : -1;
+        done.reason().copy(answer.reason, sizeof answer.reason - 1);
+        if (!done.isOk()) return answer;
+        process = std::move(done->process);
+        started.insert(answer.process);
+        return answer;
+    }
+
+    Answer reap(pid_t process) {
+        const std::optional<int> status = started.contains(process) ? processes.reap(process) : std::nullopt;
+        Answer answer;
+        answer.hasEnded = status.has_value();
+        answer.status = status.value_or(0);
+        if (status) started.erase(process);
+        return answer;
     }
 
     const std::vector<ProgramConfig>& programs;
@@ -73,12 +160,10 @@ void ignoreEnds() {
 
 }  // namespace
 
-bool Launcher::open(const std::vector<ProgramConfig>& programs, std::string& reason) {
+tk::Status Launcher::open(const std::vector<ProgramConfig>& programs) {
     int ends[2];
-    if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {
-        reason = "launcher: " + tk::errorText();
-        return false;
-    }
+    if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0)
+        return tk::Status::ofErrno("launcher", errno);
     socket.reset(ends[0]);
     const tk::Fd other(ends[1]);
     const pid_t pid = ::fork();
@@ -89,35 +174,31 @@ bool Launcher::open(const std::vector<ProgramConfig>& programs, std::string& rea
         Servant(programs).serve(other.get());
         ::_exit(0);
     }
-    if (pid < 0) reason = "launcher: " + tk::errorText();
-    return pid > 0;
+    return pid > 0 ? tk::Status() : tk::Status::ofErrno("launcher", errno);
 }
 
-pid_t Launcher::start(const ProgramConfig& program, tk::Fd& process, std::string& reason) {
-    LauncherRequest request;
+tk::Result<Started> Launcher::start(const ProgramConfig& program) {
+    Request request;
     request.program = program.number;
-    LauncherAnswer answer;
-    reason = gone;
-    if (!sendRequest(socket.get(), request) || !receiveAnswer(socket.get(), answer, process)) return -1;
-    reason.assign(answer.reason, ::strnlen(answer.reason, sizeof answer.reason));
-    return process.isOpen() ? answer.process : -1;
+    Answer answer;
+    tk::Fd process;
+    if (!exchange(socket.get(), request, answer, process)) return tk::Status::failure(gone);
+    if (process.isOpen()) return Started{answer.process, std::move(process)};
+    return tk::Status::failure({answer.reason, ::strnlen(answer.reason, sizeof answer.reason)});
 }
 
 void Launcher::signal(pid_t process, int number) {
-    LauncherRequest request{LauncherRequest::What::signal, 0, process, number};
-    LauncherAnswer answer;
+    Answer answer;
     tk::Fd none;
-    if (!sendRequest(socket.get(), request) || !receiveAnswer(socket.get(), answer, none)) tk::log(gone);
+    if (!exchange(socket.get(), {Request::What::signal, 0, process, number}, answer, none)) tk::log(gone);
 }
 
-bool Launcher::reap(pid_t process, int& status) {
-    LauncherRequest request{LauncherRequest::What::reap, 0, process, 0};
-    LauncherAnswer answer;
+std::optional<int> Launcher::reap(pid_t process) {
+    Answer answer;
     tk::Fd none;
     // Without the launcher nobody knows how it ended; that it did is what its descriptor says.
-    if (!sendRequest(socket.get(), request) || !receiveAnswer(socket.get(), answer, none)) return true;
-    status = answer.status;
-    return answer.hasEnded;
+    if (!exchange(socket.get(), {Request::What::reap, 0, process, 0}, answer, none)) return 0;
+    return answer.hasEnded ? std::optional<int>(answer.status) : std::nullopt;
 }
 
 }  // namespace router

@@ -1,10 +1,11 @@
 #pragma once
 
-#include <set>
-#include <string>
+#include <optional>
 #include <vector>
 
 #include "hub/processes.h"
+#include "tk/fd.h"
+#include "tk/status.h"
 
 namespace router {
 
@@ -17,12 +18,12 @@ public:
     Launcher(const Launcher&) = delete;
     Launcher& operator=(const Launcher&) = delete;
 
-    /// Leaves the small process behind. Errors: false, with the reason in `reason`.
-    [[nodiscard]] bool open(const std::vector<ProgramConfig>& programs, std::string& reason);
+    /// Leaves the small process behind, which will start these programs alone.
+    tk::Status open(const std::vector<ProgramConfig>& programs);
 
-    [[nodiscard]] pid_t start(const ProgramConfig& program, tk::Fd& process, std::string& reason) override;
+    tk::Result<Started> start(const ProgramConfig& program) override;
     void signal(pid_t process, int number) override;
-    [[nodiscard]] bool reap(pid_t process, int& status) override;
+    [[nodiscard]] std::optional<int> reap(pid_t process) override;
 
 private:
     tk::Fd socket;

@@ -13,7 +13,6 @@
 #include <utility>
 #include <vector>
 
-#include "tk/log.h"
 #include "tk/names.h"
 
 namespace router {
@@ -58,7 +57,7 @@ bool isInGroup(int socket, const ucred& peer, gid_t wanted) {
 void makeFolderOf(const std::string& path) {
     const std::size_t slash = path.rfind('/');
     if (slash == std::string::npos || slash == 0) return;
-    const mode_t mask = ::umask(0022);  // the group could not reach the bus behind whatever the mask is
+    const mode_t mask = ::umask(0022);  // the group could not reach the bus below it whatever the mask is
     (void)::mkdir(path.substr(0, slash).c_str(), 0755);
     ::umask(mask);
 }
@@ -76,63 +75,49 @@ void BusListener::close() {
     boundPath.clear();
 }
 
-bool BusListener::isServed(const std::string& path) {
+tk::Status BusListener::checkFree(const std::string& path) {
     sockaddr_un address;
-    if (!makeAddress(path, address)) return false;
+    if (!makeAddress(path, address)) return {};
     const tk::Fd probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    const bool isServed = probe.isOpen() && ::connect(probe.get(), generic(address), sizeof address) == 0;
     // A listener whose queue is full answers EAGAIN: it is alive.
-    int error = 0;
-    if (probe.get() < 0 || ::connect(probe.get(), generic(address), sizeof address) != 0) error = errno;
-    errno = error == EAGAIN ? 0 : error;
-    return error != ECONNREFUSED && error != ENOENT;
+    if (isServed || errno == EAGAIN) return tk::Status::failure(path + ": another router is running");
+    return errno == ECONNREFUSED || errno == ENOENT ? tk::Status() : tk::Status::ofErrno(path, errno);
 }
 
-bool BusListener::open(const std::string& path, std::string& reason) {
-    if (!bindTo(path, reason)) return false;
+tk::Status BusListener::open(const std::string& path) {
+    if (tk::Status bound = bindTo(path); !bound.isOk()) return bound;
     boundPath = path;
-    if (::listen(socket.get(), backlog) != 0) {
-        reason = path + ": " + tk::errorText();
-        return false;
-    }
+    if (::listen(socket.get(), backlog) != 0) return tk::Status::ofErrno(path, errno);
     watch.start<BusListener, &BusListener::ready>(socket.get(), *this, tk::readable,
                                                   tk::Runner::Priority::urgent);
-    return true;
+    return {};
 }
 
-bool BusListener::bindTo(const std::string& path, std::string& reason) {
+tk::Status BusListener::bindTo(const std::string& path) {
     sockaddr_un address;
-    if (!makeAddress(path, address)) {
-        reason = path + ": too long for a socket";
-        return false;
-    }
+    if (!makeAddress(path, address)) return tk::Status::failure(path + ": too long for a socket");
     makeFolderOf(path);
-    if (isServed(path)) {
-        reason = path + ": " + (errno == 0 ? "another router is running" : tk::errorText());
-        return false;
-    }
+    if (tk::Status isFree = checkFree(path); !isFree.isOk()) return isFree;
     // What may fail or take its time comes before the file of the former process goes.
     group = busGroup();
     socket.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (socket.isOpen() && makeFile(path, address)) return true;
-    reason = path + ": " + tk::errorText();
-    return false;
+    return socket.isOpen() ? makeFile(path, address) : tk::Status::ofErrno(path, errno);
 }
 
-/// Puts the socket where it is reached, in the place of one that nobody serves. Errors: false, with errno
-/// set.
-bool BusListener::makeFile(const std::string& path, const sockaddr_un& address) {
+/// Puts the socket where it is reached, in the place of one that nobody serves.
+tk::Status BusListener::makeFile(const std::string& path, const sockaddr_un& address) {
     struct stat old;
     if (::lstat(path.c_str(), &old) == 0 && S_ISSOCK(old.st_mode)) ::unlink(path.c_str());
     // mode 0660 from the start: never open for more, not even for a moment
     const mode_t mask = ::umask(0117);
-    const bool bound = ::bind(socket.get(), generic(address), sizeof address) == 0;
-    ::umask(mask);
-    if (!bound) return false;
-    if (!group || ::chown(path.c_str(), static_cast<uid_t>(-1), *group) == 0) return true;
-    const int error = errno;
+    const bool isBound = ::bind(socket.get(), generic(address), sizeof address) == 0;
+    ::umask(mask);  // cannot fail, and leaves errno alone
+    if (!isBound) return tk::Status::ofErrno(path, errno);
+    if (!group || ::chown(path.c_str(), static_cast<uid_t>(-1), *group) == 0) return {};
+    tk::Status refused = tk::Status::ofErrno(path, errno);
     ::unlink(path.c_str());
-    errno = error;
-    return false;
+    return refused;
 }
 
 bool BusListener::mayCall(int peerSocket, const ucred& peer) const {

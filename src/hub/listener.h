@@ -7,6 +7,7 @@
 
 #include "hub/hub.h"
 #include "tk/fd.h"
+#include "tk/status.h"
 #include "tk/timer.h"
 
 struct sockaddr_un;
@@ -25,20 +26,20 @@ public:
     BusListener& operator=(const BusListener&) = delete;
     ~BusListener();
 
-    /// True when some process accepts connections at `path`, and also when that cannot be told: then errno
-    /// says why, and is 0 where a process does.
-    [[nodiscard]] static bool isServed(const std::string& path);
+    /// Does nobody accept connections at `path`?
+    /// Errors: when some process does, or may do so.
+    static tk::Status checkFree(const std::string& path);
     /// Listens at `path`, whose folder is made when it is missing, for everybody to pass through. A file that
-    /// a former process left is replaced. Errors: false, with the reason in `reason`, when another process
-    /// listens there or may do so, or the system refuses.
-    [[nodiscard]] bool open(const std::string& path, std::string& reason);
+    /// a former process left is replaced.
+    /// Errors: when another process listens there or may do so, or the system refuses.
+    tk::Status open(const std::string& path);
     /// Takes no connections any more, and removes the file. The destructor does it too.
     void close();
 
 private:
     void ready(int fd, std::uint32_t events);
-    [[nodiscard]] bool bindTo(const std::string& path, std::string& reason);
-    [[nodiscard]] bool makeFile(const std::string& path, const sockaddr_un& address);
+    tk::Status bindTo(const std::string& path);
+    tk::Status makeFile(const std::string& path, const sockaddr_un& address);
     [[nodiscard]] bool mayCall(int peerSocket, const ucred& peer) const;
 
     Hub& hub;

@@ -27,17 +27,20 @@ protected:
             socket.reset();
         return socket;
     }
+    void openAt(BusListener& listener) const {
+        const tk::Status opened = listener.open(path);
+        ASSERT_TRUE(opened.isOk()) << opened.reason();
+    }
 
     tk::testing::Folder files;
     const std::string path = files.file("run/bus");
     testing::TestHub bus;
-    std::string reason;
 };
 
 TEST_F(BusListenerTest, MakesTheFileForItsGroupAloneAndRemovesItAtTheEnd) {
     {
         BusListener listener(bus.hub);
-        ASSERT_TRUE(listener.open(path, reason)) << reason;
+        openAt(listener);
         struct stat status;
         ASSERT_EQ(::stat(path.c_str(), &status), 0);
         EXPECT_EQ(status.st_mode & 07777, 0660U);
@@ -48,7 +51,7 @@ TEST_F(BusListenerTest, MakesTheFileForItsGroupAloneAndRemovesItAtTheEnd) {
 TEST_F(BusListenerTest, TakesConnectionsOfRoot) {
     if (::geteuid() != 0) GTEST_SKIP() << "needs root";
     BusListener listener(bus.hub);
-    ASSERT_TRUE(listener.open(path, reason)) << reason;
+    openAt(listener);
     const tk::Fd first = connect();
     const tk::Fd second = connect();
     bus.settle();
@@ -64,29 +67,28 @@ TEST_F(BusListenerTest, ReplacesAFileThatNobodyServes) {
         std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
         ASSERT_EQ(::bind(dead.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
     }
-    EXPECT_FALSE(BusListener::isServed(path));
+    EXPECT_TRUE(BusListener::checkFree(path).isOk());
     BusListener listener(bus.hub);
-    ASSERT_TRUE(listener.open(path, reason)) << reason;
-    EXPECT_TRUE(BusListener::isServed(path));
+    openAt(listener);
+    EXPECT_EQ(BusListener::checkFree(path).reason(), path + ": another router is running");
 }
 
 TEST_F(BusListenerTest, LeavesALiveOneAlone) {
     BusListener listener(bus.hub);
-    ASSERT_TRUE(listener.open(path, reason)) << reason;
+    openAt(listener);
     {
         BusListener second(bus.hub);
-        EXPECT_FALSE(second.open(path, reason));
-        EXPECT_EQ(reason, path + ": another router is running");
+        EXPECT_EQ(second.open(path).reason(), path + ": another router is running");
     }
-    EXPECT_TRUE(BusListener::isServed(path));
+    EXPECT_EQ(BusListener::checkFree(path).reason(), path + ": another router is running");
 }
 
 TEST_F(BusListenerTest, MakesTheFolderForEverybodyToPassThroughWhateverTheMask) {
     const mode_t mask = ::umask(0077);
     BusListener listener(bus.hub);
-    const bool isOpen = listener.open(path, reason);
+    const tk::Status opened = listener.open(path);
     EXPECT_EQ(::umask(mask), 0077U) << "the mask is as it was";
-    ASSERT_TRUE(isOpen) << reason;
+    ASSERT_TRUE(opened.isOk()) << opened.reason();
     struct stat status;
     ASSERT_EQ(::stat(files.file("run").c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777, 0755U);
@@ -94,7 +96,7 @@ TEST_F(BusListenerTest, MakesTheFolderForEverybodyToPassThroughWhateverTheMask) 
 
 TEST_F(BusListenerTest, OnceClosedItTakesNobodyInAndLeavesTheFileOfItsSuccessor) {
     BusListener listener(bus.hub);
-    ASSERT_TRUE(listener.open(path, reason)) << reason;
+    openAt(listener);
     const tk::Fd waiting = connect();
     listener.close();
     EXPECT_FALSE(std::filesystem::exists(path));
@@ -102,9 +104,9 @@ TEST_F(BusListenerTest, OnceClosedItTakesNobodyInAndLeavesTheFileOfItsSuccessor)
     bus.settle();
     EXPECT_EQ(bus.hub.peerCount(), 0U);
     BusListener successor(bus.hub);
-    ASSERT_TRUE(successor.open(path, reason)) << reason;
+    openAt(successor);
     listener.close();
-    EXPECT_TRUE(BusListener::isServed(path));
+    EXPECT_EQ(BusListener::checkFree(path).reason(), path + ": another router is running");
 }
 
 TEST_F(BusListenerTest, LeavesASocketAloneOfWhichItCannotTellWhetherItIsServed) {
@@ -115,10 +117,9 @@ TEST_F(BusListenerTest, LeavesASocketAloneOfWhichItCannotTellWhetherItIsServed) 
     address.sun_family = AF_UNIX;
     std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
     ASSERT_EQ(::bind(other.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    EXPECT_TRUE(BusListener::isServed(path));
+    EXPECT_FALSE(BusListener::checkFree(path).isOk());
     BusListener listener(bus.hub);
-    EXPECT_FALSE(listener.open(path, reason));
-    EXPECT_EQ(reason, path + ": Protocol wrong type for socket");
+    EXPECT_EQ(listener.open(path).reason(), path + ": Protocol wrong type for socket");
     EXPECT_TRUE(std::filesystem::exists(path));
 }
 
@@ -126,8 +127,7 @@ TEST_F(BusListenerTest, NeverRemovesAFileThatIsNoSocket) {
     std::filesystem::create_directory(files.file("run"));
     files.write("run/bus", "precious");
     BusListener listener(bus.hub);
-    EXPECT_FALSE(listener.open(path, reason));
-    EXPECT_EQ(reason, path + ": Address already in use");
+    EXPECT_EQ(listener.open(path).reason(), path + ": Address already in use");
     EXPECT_TRUE(std::filesystem::exists(path));
 }
 

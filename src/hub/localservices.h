@@ -6,7 +6,7 @@
 #include <map>
 #include <utility>
 
-#include "hub/requester.h"
+#include "hub/access.h"
 #include "tk/handler.h"
 #include "tk/message.h"
 

@@ -1,39 +1,100 @@
 #include "hub/processes.h"
 
+#include <errno.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "hub/spawn.h"
-#include "tk/log.h"
+#include <utility>
 
 namespace router {
+
+namespace {
+
+constexpr const char* usualManager = "/usr/bin/systemctl";
+constexpr const char* otherManager = "/bin/systemctl";  // where /usr is no part of the root
+
+/// The child's side: system calls alone, for nothing else is sure to work after a fork.
+[[noreturn]] void become(const ProgramConfig& program, char* const* arguments, int report) {
+    sigset_t none;
+    sigemptyset(&none);
+    struct sigaction usual {};
+    usual.sa_handler = SIG_DFL;
+    for (int number = 1; number < NSIG; ++number) (void)::sigaction(number, &usual, nullptr);
+    (void)::sigprocmask(SIG_SETMASK, &none, nullptr);
+    (void)::setpgid(0, 0);
+    if (!program.user || tk::becomeAccount(*program.user)) ::execv(arguments[0], arguments);
+    const int error = errno;
+    (void)!::write(report, &error, sizeof error);
+    ::_exit(127);
+}
+
+/// What the child says at the other end of the pipe, which closes when the command runs: 0 then, else the
+/// errno value that tells why it does not.
+int faultOf(const tk::Fd& report) {
+    int error = 0;
+    ssize_t count = 0;
+    while ((count = ::read(report.get(), &error, sizeof error)) < 0 && errno == EINTR) {
+    }
+    if (count == 0) return 0;
+    return count == sizeof error ? error : EIO;
+}
+
+/// Starts a program. Errors: -1, with errno set.
+pid_t spawn(const ProgramConfig& program, std::vector<std::string> words) {
+    std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
+    for (std::string& word : words) arguments.push_back(word.data());
+    arguments.push_back(nullptr);
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0) return -1;
+    const tk::Fd reading(ends[0]);
+    tk::Fd writing(ends[1]);
+    const pid_t pid = ::fork();
+    if (pid == 0) become(program, arguments.data(), writing.get());
+    if (pid < 0) return -1;
+    writing.reset();
+    const int fault = faultOf(reading);
+    if (fault == 0) return pid;
+    (void)::waitpid(pid, nullptr, 0);
+    errno = fault;
+    return -1;
+}
+
+}  // namespace
+
+std::vector<std::string> commandOf(const ProgramConfig& program) {
+    if (program.unit.empty()) return program.command;
+    const bool isUsual = ::access(usualManager, X_OK) == 0;
+    return {isUsual ? usualManager : otherManager, "start", "--no-block", program.unit};
+}
 
 std::string endText(int status) {
     if (WIFSIGNALED(status)) return "ended by signal " + std::to_string(WTERMSIG(status));
     return "ended with status " + std::to_string(WEXITSTATUS(status));
 }
 
-pid_t OwnProcesses::start(const ProgramConfig& program, tk::Fd& process, std::string& reason) {
-    const pid_t pid = spawn(program);
-    if (pid > 0) process.reset(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
-    if (pid > 0 && process.isOpen()) return pid;
-    const std::string error = tk::errorText();
-    reason = commandOf(program).front() + ": " + error;
-    if (pid > 0) {
-        ::kill(-pid, SIGKILL);
-        (void)::waitpid(pid, nullptr, 0);
-    }
-    return -1;
+tk::Result<Started> OwnProcesses::start(const ProgramConfig& program) {
+    const std::vector<std::string> words = commandOf(program);
+    const pid_t pid = spawn(program, words);
+    if (pid < 0) return tk::Status::ofErrno(words.front(), errno);
+    tk::Fd process(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
+    if (process.isOpen()) return Started{pid, std::move(process)};
+    const int error = errno;
+    ::kill(-pid, SIGKILL);
+    (void)::waitpid(pid, nullptr, 0);
+    return tk::Status::ofErrno(words.front(), error);
 }
 
 void OwnProcesses::signal(pid_t process, int number) {
     ::kill(-process, number);
 }
 
-bool OwnProcesses::reap(pid_t process, int& status) {
-    return ::waitpid(process, &status, WNOHANG) != 0;
+std::optional<int> OwnProcesses::reap(pid_t process) {
+    int status = 0;
+    return ::waitpid(process, &status, WNOHANG) != 0 ? std::optional(status) : std::nullopt;
 }
 
 }  // namespace router

@@ -2,35 +2,59 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
+#include <optional>
 #include <string>
+#include <vector>
 
-#include "hub/spawn.h"
+#include "tk/account.h"
 #include "tk/fd.h"
+#include "tk/status.h"
 
 namespace router {
 
+/// A program that the router can start. A value.
+struct ProgramConfig {
+    std::uint32_t number = 0;
+    std::vector<std::string> command;  // the program's path, then its arguments
+    bool startsWithRouter = false;
+    std::optional<tk::Account> user = {};  // whom it runs as; none: as the router itself
+    std::string unit = {};                 // the systemd service that it is, in place of a command
+
+    bool operator==(const ProgramConfig&) const = default;
+};
+
+/// The command that starts a program: its own, or the one that asks systemd for its unit.
+[[nodiscard]] std::vector<std::string> commandOf(const ProgramConfig& program);
+
 /// How a process ended, for people, by its status.
 [[nodiscard]] std::string endText(int status);
+
+/// A process that was started.
+struct Started {
+    pid_t pid;
+    tk::Fd process;  // of the process itself; can be read when it has ended
+};
 
 /// Starts and ends the processes of programs.
 class Processes {
 public:
     virtual ~Processes() = default;
-    /// Starts a program; `process` is a descriptor of the process, which can be read when it has ended.
-    /// Errors: -1, with the reason in `reason`.
-    [[nodiscard]] virtual pid_t start(const ProgramConfig& program, tk::Fd& process, std::string& reason) = 0;
+    /// Starts a program as its user, in a process group of its own, with no signal blocked or ignored.
+    /// Errors: why it could not become that user, or the command not be run.
+    virtual tk::Result<Started> start(const ProgramConfig& program) = 0;
     /// Sends a signal to the group of a process that was started here and not reaped yet.
     virtual void signal(pid_t process, int number) = 0;
-    /// Takes the status of a process that has ended. False while it runs.
-    [[nodiscard]] virtual bool reap(pid_t process, int& status) = 0;
+    /// Takes the status of a process that has ended; none while it runs.
+    [[nodiscard]] virtual std::optional<int> reap(pid_t process) = 0;
 };
 
 /// The processes are children of this one.
 class OwnProcesses final : public Processes {
 public:
-    [[nodiscard]] pid_t start(const ProgramConfig& program, tk::Fd& process, std::string& reason) override;
+    tk::Result<Started> start(const ProgramConfig& program) override;
     void signal(pid_t process, int number) override;
-    [[nodiscard]] bool reap(pid_t process, int& status) override;
+    [[nodiscard]] std::optional<int> reap(pid_t process) override;
 };
 
 }  // namespace router

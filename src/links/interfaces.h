@@ -6,7 +6,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "hub/requester.h"
+#include "hub/access.h"
 #include "links/interfaceids.h"
 #include "links/kernel.h"
 #include "links/linkswitch.h"

@@ -3,6 +3,7 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 #include "tk/log.h"
@@ -97,27 +98,26 @@ tk::message LinkSwitch::start(const Link& link, const ProgramConfig& command, co
     if (const auto run = runs.find(link.name); run != runs.end())
         return tk::errorMsg(tk::error::busy, run->second->command + " still runs for " + link.name);
     const std::string& path = command.command.front();
-    tk::Fd process;
-    std::string reason;
-    const pid_t pid = processes.start(command, process, reason);
-    if (pid < 0) {
-        tk::log(event, ": ", reason);
-        return tk::errorMsg(tk::error::failed, reason);
+    tk::Result<Started> started = processes.start(command);
+    if (!started.isOk()) {
+        tk::log(event, ": ", started.reason());
+        return tk::errorMsg(tk::error::failed, started.reason());
     }
     tk::log(event, ": ", path, " started");
-    runs[link.name] = std::make_unique<Run>(*this, link.name, path, pid, std::move(process), done);
+    runs[link.name] =
+        std::make_unique<Run>(*this, link.name, path, started->pid, std::move(started->process), done);
     return {};
 }
 
 void LinkSwitch::reap(const std::string& name) {
     const auto run = runs.find(name);
-    int status = 0;
-    if (!processes.reap(run->second->pid, status)) return;
-    const std::string text = run->second->command + " " + endText(status);
+    const std::optional<int> status = processes.reap(run->second->pid);
+    if (!status) return;
+    const std::string text = run->second->command + " " + endText(*status);
     tk::log("interface ", name, ": ", text);
     const Done done = std::move(run->second->done);
     runs.erase(run);
-    if (done) done(status == 0 ? tk::message() : tk::errorMsg(tk::error::failed, text));
+    if (done) done(*status == 0 ? tk::message() : tk::errorMsg(tk::error::failed, text));
 }
 
 }  // namespace router

@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "firewall/natkernel.h"
+#include "hub/access.h"
 #include "hub/refusallog.h"
-#include "hub/requester.h"
 #include "nat/policy.h"
 #include "nat/routerports.h"
 #include "nat/ruleset.h"

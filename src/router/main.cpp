@@ -42,45 +42,40 @@ std::vector<router::ProgramConfig> startable(const router::Config& config) {
     return all;
 }
 
+/// Says why the router cannot run.
+int fail(const std::string& reason) {
+    tk::log("routerd: ", reason);
+    return failed;
+}
+
+/// Leaves the launcher behind, and gives up what the router does not need.
+tk::Status becomeUser(const router::Config& config, const router::Paths& paths, router::Launcher& launcher) {
+    if (tk::Status opened = launcher.open(startable(config)); !opened.isOk()) return opened;
+    return router::dropPrivileges(*config.user, {paths.busFolder(), paths.stores});
+}
+
 int serve(const std::string& configPath, bool mayBeAbsent) {
     tk::reserveStandardDescriptors();
     tk::Result<router::Config> read = router::readConfig(configPath, mayBeAbsent);
-    if (!read.isOk()) {
-        tk::log("routerd: ", read.reason());
-        return failed;
-    }
+    if (!read.isOk()) return fail(read.reason());
     router::Config config = read.take();
-    router::Paths paths;
-    paths.bus = contract::busPath;
-    if (router::BusListener::isServed(paths.bus)) {  // before anything that the other one uses is touched
-        tk::log("routerd: ", paths.bus, ": another router is running");
-        return failed;
-    }
-    router::OwnProcesses own;
-    // Of programs that run as other users, which this process cannot become any more.
-    router::Launcher launcher;
+    const router::Paths paths{.bus = contract::busPath};
+    // Before anything that another router uses is touched.
+    if (const tk::Status isFree = router::BusListener::checkFree(paths.bus); !isFree.isOk())
+        return fail(isFree.reason());
     const bool drops = config.user && ::geteuid() == 0;
     if (drops) router::runAsRouter(config);
     router::nameUsualUser(config, contract::program::gateway, "upnpd");
     router::nameUsualUser(config, contract::program::resolver, "resolverd");
-    std::string reason;
-    if (drops && !launcher.open(startable(config), reason)) {
-        tk::log("routerd: ", reason);
-        return failed;
-    }
+    router::OwnProcesses own;
+    router::Launcher
+        launcher;  // of programs that run as other users, which this process cannot become any more
     if (drops)
-        if (const tk::Status dropped =
-                router::dropPrivileges(*config.user, {paths.busFolder(), paths.stores});
-            !dropped.isOk()) {
-            tk::log("routerd: ", dropped.reason());
-            return failed;
-        }
+        if (const tk::Status became = becomeUser(config, paths, launcher); !became.isOk())
+            return fail(became.reason());
     router::Processes& processes = drops ? static_cast<router::Processes&>(launcher) : own;
     router::Router router(config, paths, processes);
-    if (!router.start(reason)) {
-        tk::log("routerd: ", reason);
-        return failed;
-    }
+    if (const tk::Status started = router.start(); !started.isOk()) return fail(started.reason());
     router.run();
     return done;
 }

@@ -2,8 +2,6 @@
 
 #include <time.h>
 
-#include <algorithm>
-
 #include "contract/programs.h"
 #include "tk/log.h"
 #include "tk/names.h"
@@ -27,6 +25,7 @@ Router::Router(const Config& config, const Paths& paths, Processes& processes)
       users(config.users),
       looper(clock, hub, contract::program::network),
       table(config.guard, config.nat.checksTargets),
+      guard([this](uid_t user) { table.guardUser(user); }),
       zones(config.lan),
       interfaceIds(paths.stores + "/interfaces"),
       linkSwitch(config.interfaces, kernel, processes),
@@ -38,7 +37,7 @@ Router::Router(const Config& config, const Paths& paths, Processes& processes)
       history(secondsSince1970),
       monitor(kernel, zones, interfaces, addresses),
       routes(kernel, zones),
-      activation(config.programs, *this, processes),
+      activation(config.programs, hub, processes),
       listener(hub) {
     interfaces.addWatcher(addresses);
     hub.addService(interfaces, {contract::program::network, 0});
@@ -46,34 +45,38 @@ Router::Router(const Config& config, const Paths& paths, Processes& processes)
     hub.addService(nat, {contract::program::network, 5});
     hub.addService(history, {tk::program::history});
     hub.addService(identity, {contract::program::identity});
-    hub.setStarter(&activation);
     hub.setAccess(Access(config.users));
-    hub.setProgramWatcher(this);
+    hub.setProgramWatcher(&guard);
 }
 
 Router::~Router() {
     hub.close();  // its connections leave the loop, which ends before the hub
 }
 
-bool Router::start(std::string& reason) {
+tk::Status Router::start() {
     looper.watchSignals();
-    if (!kernel.open(reason) || !flows.open(reason) || !table.open(reason) || !listeners.open(reason) ||
-        !monitor.start(reason) || (zones.dependsOnRoutes() && !routes.start(reason)))
-        return false;
+    if (tk::Status opened = openKernel(); !opened.isOk()) return opened;
     zones.start(table);
-    for (const ProgramConfig& program : programs)
-        if (program.user) programComes(program.number, program.user->uid);
-    // Whoever may be the daemon is guarded before it is, and when it never comes.
-    for (const UserRights& user : users)
-        if (std::find(user.programs.begin(), user.programs.end(), contract::program::gateway) !=
-            user.programs.end())
-            programComes(contract::program::gateway, user.uid);
+    guard.start(programs, users);
     nat.load();
-    if (!table.endFlows(reason)) return false;
-    if (!listener.open(paths.bus, reason)) return false;
+    std::string reason;
+    if (!table.endFlows(reason)) return tk::Status::failure(reason);
+    if (tk::Status opened = listener.open(paths.bus); !opened.isOk()) return opened;
     tk::log("routerd: serving ", paths.bus);
     activation.startConfigured();
-    return true;
+    return {};
+}
+
+/// Everything that the router has open towards the kernel, in the order in which it needs each other.
+tk::Status Router::openKernel() {
+    std::string reason;
+    if (!kernel.open(reason)) return tk::Status::failure(reason);
+    if (!flows.open(reason)) return tk::Status::failure(reason);
+    if (!table.open(reason)) return tk::Status::failure(reason);
+    if (!listeners.open(reason)) return tk::Status::failure(reason);
+    if (!monitor.start(reason)) return tk::Status::failure(reason);
+    if (zones.dependsOnRoutes() && !routes.start(reason)) return tk::Status::failure(reason);
+    return {};
 }
 
 void Router::run() {
@@ -89,24 +92,6 @@ void Router::run() {
 void Router::turnWhile(const std::function<bool()>& condition, std::uint64_t milliseconds) {
     const std::uint64_t limit = clock.now() + milliseconds;
     while (condition() && clock.now() < limit) looper.turn(static_cast<int>(limit - clock.now()));
-}
-
-void Router::programComes(std::uint32_t program, uid_t user) {
-    if (program == contract::program::gateway && user == 0)
-        tk::log("program ", program, " runs as root: what it asks for is not checked, and nothing guards it");
-    // Whoever was the daemon once stays guarded: leaving the bus sets nobody free.
-    if (program == contract::program::gateway && user != 0) table.guardUser(user);
-}
-
-void Router::programEnded(std::uint32_t program, const std::string& how, bool hadRegistered) {
-    std::string reason = "the program " + how + " before it came to the bus";
-    // A program that left of its own accord is started again for what arrived after it had left the bus.
-    if (hadRegistered && hub.awaits(program) && activation.start(program, reason)) return;
-    hub.programFailed(program, reason);
-}
-
-void Router::startFailed(std::uint32_t program, const std::string& reason) {
-    hub.programFailed(program, reason);
 }
 
 }  // namespace router

@@ -23,10 +23,12 @@
 #include "nat/policy.h"
 #include "nat/routerports.h"
 #include "router/config.h"
+#include "router/daemonguard.h"
 #include "router/history.h"
 #include "router/identity.h"
 #include "tk/clock.h"
 #include "tk/looper.h"
+#include "tk/status.h"
 
 namespace router {
 
@@ -35,30 +37,29 @@ struct Paths {
     std::string bus;
     std::string stores = "/tesk/router";  // not the daemon's: what it writes must not become rules
 
+    /// The folder of the socket of the bus.
     std::string busFolder() const { return bus.substr(0, bus.rfind('/')); }
 };
 
 /// The whole of routerd: the hub, the services around it, and the programs that it starts.
-class Router final : private Activation::Owner, private ProgramWatcher {
+class Router final {
 public:
     /// Lifetime: the processes outlive the router.
     Router(const Config& config, const Paths& paths, Processes& processes);
     Router(const Router&) = delete;
     Router& operator=(const Router&) = delete;
-    ~Router() override;
+    ~Router();
 
-    /// Makes everything ready, and opens the bus last. Errors: false, with the reason in `reason`.
-    [[nodiscard]] bool start(std::string& reason);
+    /// Makes everything ready, and opens the bus last.
+    /// Errors: when the kernel lacks what is needed, or the system refuses.
+    tk::Status start();
     /// Serves until SIGTERM or SIGINT; then ends the programs that were started, while it still serves them,
     /// and after them all rules, with the flows that are alive.
     void run();
 
 private:
-    void programComes(std::uint32_t program, uid_t user) override;
-    void programEnded(std::uint32_t program, const std::string& how, bool hadRegistered) override;
-    void startFailed(std::uint32_t program, const std::string& reason) override;
+    tk::Status openKernel();
     void turnWhile(const std::function<bool()>& condition, std::uint64_t milliseconds);
-    bool isAwaited(std::uint32_t program) const override { return hub.awaits(program); }
 
     Paths paths;
     std::vector<ProgramConfig> programs;
@@ -68,6 +69,7 @@ private:
     tk::Looper looper;
     RtNetlink kernel;
     NftTable table;
+    DaemonGuard guard;
     Zones zones;
     InterfaceIds interfaceIds;
     LinkSwitch linkSwitch;

@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,26 +17,19 @@ namespace router::testing {
 /// Runs nothing: its processes end when and how a test says.
 class FakeProcesses final : public Processes {
 public:
-    pid_t start(const ProgramConfig& program, tk::Fd& process, std::string& reason) override {
+    tk::Result<Started> start(const ProgramConfig& program) override {
         started.push_back(program.unit.empty() ? program.command.front() : program.unit);
-        if (!fault.empty()) {
-            reason = fault;
-            return -1;
-        }
+        if (!fault.empty()) return tk::Status::failure(fault);
         int ends[2];
         EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-        process.reset(ends[0]);
         running.reset(ends[1]);
-        return static_cast<pid_t>(started.size());
+        return Started{static_cast<pid_t>(started.size()), tk::Fd(ends[0])};
     }
     void signal(pid_t, int number) override {
         signals.push_back(number);
         if (number == SIGKILL) running.reset();
     }
-    bool reap(pid_t, int& status) override {
-        status = endStatus;
-        return true;
-    }
+    std::optional<int> reap(pid_t) override { return endStatus; }
     void end(int status) {
         endStatus = status;
         running.reset();

@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "hub/requester.h"
+#include "hub/access.h"
 #include "links/kernel.h"
 #include "links/zones.h"
 

@@ -1,0 +1,25 @@
+#include "router/daemonguard.h"
+
+#include <algorithm>
+
+#include "contract/programs.h"
+#include "tk/log.h"
+
+namespace router {
+
+void DaemonGuard::start(const std::vector<ProgramConfig>& programs, const std::vector<UserRights>& users) {
+    for (const ProgramConfig& program : programs)
+        if (program.user) programComes(program.number, program.user->uid);
+    for (const UserRights& user : users)
+        if (std::find(user.programs.begin(), user.programs.end(), contract::program::gateway) !=
+            user.programs.end())
+            programComes(contract::program::gateway, user.uid);
+}
+
+void DaemonGuard::programComes(std::uint32_t program, uid_t user) {
+    if (program != contract::program::gateway) return;
+    if (user != 0) return guardUser(user);
+    tk::log("program ", program, " runs as root: what it asks for is not checked, and nothing guards it");
+}
+
+}  // namespace router
