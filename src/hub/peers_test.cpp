@@ -1,6 +1,6 @@
 // Connections to the hub: their numbers, and how many there may be.
 
-#include "hub/peer.h"
+#include "hub/peers.h"
 
 #include <sys/socket.h>
 #include <unistd.h>
