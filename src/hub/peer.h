@@ -28,34 +28,40 @@ public:
     class Owner {
     public:
         virtual ~Owner() = default;
+        /// The peer has sent a message, as it made it.
         virtual void peerSent(HubPeer& peer, tk::message received) = 0;
         /// The connection is over; the owner destroys the peer.
         virtual void peerEnded(HubPeer& peer, const std::string& reason) = 0;
     };
 
-    /// Bytes of requests that may wait for a program that does not read, whoever pays for them.
+    /// How much of requests may wait for a program that does not read, whoever pays for them.
+    /// Units: bytes.
     static constexpr std::size_t requestLimit = 4 * tk::frameLimit;
     /// With so much unread of what is its own, a peer is not served: less than its budget, and enough for
-    /// many thousand small answers. Units: bytes.
+    /// many thousand small answers.
+    /// Units: bytes.
     static constexpr std::size_t unreadLimit = std::size_t{4} * 1024 * 1024;
-    /// What a connection costs by itself, rather more than less. Units: bytes.
+    /// What a connection costs by itself, rather more than less.
+    /// Units: bytes.
     static constexpr std::size_t overhead = 4096;
 
     /// What a connection is to the hub.
     struct Terms {
         Credentials user;
         std::uint32_t number;  // the peer's own, from program::firstClient up
-        tk::Budget& budget;    // what is kept for it is charged to this. Lifetime: outlives the peer
+        tk::Budget& budget;    // what is kept for it is charged to this; outlives the peer
     };
 
     /// Takes a connected, non-blocking socket over.
     HubPeer(tk::Fd socket, const Terms& terms, Owner& owner);
 
+    /// The peer's own number, which it has for good.
     std::uint32_t clientNumber() const { return number; }
     /// The first element of the paths that this peer sends from: its program's number, else its own.
     std::uint32_t identity() const { return isProgram() ? programNumber : number; }
     /// True when the peer has registered a program.
     bool isProgram() const { return programNumber != tk::program::hub; }
+    /// The peer has registered a program, and is named by its number from now on.
     void becomeProgram(std::uint32_t program) { programNumber = program; }
     /// A program gives its number up, and is named by its own from now on. It answers what it was asked
     /// before under the former one.
@@ -64,6 +70,7 @@ public:
     bool hasResigned(std::uint32_t program) const { return isRetired() && formerNumber == program; }
     /// True when the peer was a program, and has given it up.
     bool isRetired() const { return formerNumber != tk::program::hub; }
+    /// Who the peer is, and what is kept for it.
     const Credentials& user() const { return credentials; }
     tk::Budget& budget() const { return account; }
 
@@ -71,7 +78,8 @@ public:
     /// own.
     void stampSender(tk::message& sent) const;
 
-    /// Queues a message for the peer. False when it cannot be sent: too large, or the connection is over.
+    /// Queues a message for the peer.
+    /// Errors: false when it cannot be sent: too large, or the connection is over.
     bool send(const tk::message& source) { return channel.send(source); }
     /// Queues a request, at the expense of whoever makes it.
     [[nodiscard]] tk::Channel::Sent sendRequest(tk::Budget& payer, const tk::message& request);

@@ -41,8 +41,8 @@ public:
     /// A program gives its number up.
     void resign(HubPeer& peer);
 
-    // All of these: null where there is none. Lifetime: until the connection ends.
-    /// The connection of this number.
+    /// The connection of this number; null where there is none, like the next two.
+    /// Lifetime: until the connection ends.
     HubPeer* find(std::uint32_t number) const;
     /// The connection that is this program.
     HubPeer* findProgram(std::uint32_t program) const;

@@ -20,13 +20,16 @@ public:
     /// How many requests of one peer may be under way.
     static constexpr std::size_t limitPerPeer = 1024;
 
+    /// What came of add(): the last when the requester is at a limit.
     enum class Added : std::uint8_t { yes, duplicate, full };
 
-    /// What one request costs beside its paths, rather more than less. Units: bytes.
+    /// What one request costs beside its paths, rather more than less.
+    /// Units: bytes.
     static constexpr std::size_t overhead = 1024;
 
     /// Notes that `request`, made by `requester`, is with `callee`. Only its routing fields are kept, at the
-    /// expense of `payer`. Lifetime: the budget outlives the entry.
+    /// expense of `payer`.
+    /// Lifetime: the budget outlives the entry.
     [[nodiscard]] Added add(std::uint32_t requester, std::uint32_t callee, const tk::message& request,
                             tk::Budget& payer);
 
@@ -50,6 +53,7 @@ public:
     /// True when `requester` waits for something.
     bool hasOf(std::uint32_t requester) const { return counts.contains(requester); }
 
+    /// How many are under way.
     std::size_t size() const { return entries.size(); }
 
 private:

@@ -14,10 +14,13 @@ namespace router {
 /// once a minute how many there were since. So nobody can fill the log.
 class RefusalLog {
 public:
-    static constexpr std::uint32_t intervalTicks = 6000;  // 1 min
+    /// How often what is counted is told: once a minute.
+    /// Units: ticks of 10 ms.
+    static constexpr std::uint32_t intervalTicks = 6000;
 
     /// `area` begins each line; `counted` says what is counted, such as "connections refused"; `atOnce` is
-    /// how many events are told at once before they are counted. Lifetime: the texts' is the program's.
+    /// how many events are told at once before they are counted.
+    /// Lifetime: the texts' is the program's.
     RefusalLog(const char* area, const char* counted, std::size_t atOnce = 1)
         : area(area), counted(counted), atOnce(atOnce) {}
 

@@ -10,6 +10,7 @@ namespace router {
 /// The peers that watch the traffic, and the form in which they see it.
 class HubTrace {
 public:
+    /// A peer watches, or does not any more.
     void add(std::uint32_t peer) { tracers.insert(peer); }
     void drop(std::uint32_t peer) { tracers.erase(peer); }
     /// True when anybody watches.
