@@ -43,7 +43,6 @@ protected:
 TEST_F(ActivationTest, StartsReapsAndTellsTheStatus) {
     Activation activation({{80, {"/bin/sh", "-c", "exit 3"}, false}}, bus.hub, processes);
     ask();
-    EXPECT_TRUE(activation.isRunning());
     EXPECT_EQ(awaitEnd(),
               (std::vector<std::string>{"the program ended with status 3 before it came to the bus"}));
     EXPECT_FALSE(activation.isRunning());
@@ -53,9 +52,11 @@ TEST_F(ActivationTest, EndsItsProgramsAndStartsNoneAfterwards) {
     Activation activation({{80, {"/bin/sleep", "60"}, true}}, bus.hub, processes);
     activation.startConfigured();
     ask();  // it runs
+    EXPECT_TRUE(activation.isRunning());
     activation.endAll();
     EXPECT_EQ(awaitEnd(),
               (std::vector<std::string>{"the program ended by signal 15 before it came to the bus"}));
+    EXPECT_FALSE(activation.isRunning());
     EXPECT_EQ(activation.start(80).reason(), "the router is ending");
 }
 
