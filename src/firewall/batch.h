@@ -17,20 +17,20 @@ public:
     using Fill = std::function<void(nlmsghdr&)>;
 
     /// Lifetime: the socket outlives the batch.
-    explicit NftBatch(NetlinkSocket& socket);
+    explicit NftBatch(netlink::Socket& socket);
 
     /// Appends a message for a family. `fill` writes its attributes, at most maximumMessage bytes.
     void add(std::uint16_t type, std::uint16_t flags, const Fill& fill, std::uint8_t family = nft::ip4);
     /// Sends the transaction, and waits for the kernel to commit or refuse it. The first error counts.
-    /// Without an answer the result says so: the kernel may have committed.
-    [[nodiscard]] NetlinkResult commit();
+    /// Errors: netlink::unanswered when there is no answer: the kernel may have committed.
+    tk::Status commit();
 
     static constexpr std::size_t maximumMessage = 128UL * 1024;
 
 private:
     void append(const nlmsghdr& message);
 
-    NetlinkSocket& socket;
+    netlink::Socket& socket;
     std::uint32_t firstSequence;
     std::uint32_t lastSequence;  // of the last message proper
     std::size_t lastOffset = 0;  // where that one starts

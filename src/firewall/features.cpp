@@ -48,7 +48,7 @@ std::span<const NftFeature> nftFeatures() {
     return features;
 }
 
-std::string missingFeature(NetlinkSocket& socket, std::span<const NftFeature> wanted, bool withIp6) {
+std::string missingFeature(netlink::Socket& socket, std::span<const NftFeature> wanted, bool withIp6) {
     for (const NftFeature& feature : wanted) {
         if (feature.family == nft::ip6 && !withIp6) continue;
         NftBatch batch(socket);
@@ -59,7 +59,7 @@ std::string missingFeature(NetlinkSocket& socket, std::span<const NftFeature> wa
         feature.fill(rule);
         rule.appendTo(batch);
         removeTable(batch, feature.tableFlags == ownerFlag, feature.family);
-        if (!batch.commit().ok()) return feature.name;
+        if (!batch.commit().isOk()) return feature.name;
     }
     return {};
 }

@@ -26,7 +26,7 @@ struct NftFeature {
 /// The name of the first feature that the kernel does not have, empty when it has them all: each is tried for
 /// itself, in a transaction that leaves nothing behind. There must be no table of ours. Those of IPv6 are
 /// tried where `withIp6`.
-[[nodiscard]] std::string missingFeature(NetlinkSocket& socket, std::span<const NftFeature> features,
+[[nodiscard]] std::string missingFeature(netlink::Socket& socket, std::span<const NftFeature> features,
                                          bool withIp6);
 
 }  // namespace router

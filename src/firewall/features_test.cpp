@@ -16,14 +16,14 @@ class NftFeaturesTest : public ::testing::Test {
 protected:
     void SetUp() override {
         if (!tk::testing::enterPrivateNetwork()) GTEST_SKIP() << "needs root";
-        ASSERT_TRUE(socket.open(NETLINK_NETFILTER));
+        ASSERT_TRUE(socket.open(NETLINK_NETFILTER).isOk());
     }
     static std::string tables() {
         bool failed = false;
         return testing::run("nft list tables", failed);
     }
 
-    NetlinkSocket socket;
+    netlink::Socket socket;
 };
 
 TEST_F(NftFeaturesTest, AKernelThatHasThemAllLacksNone) {

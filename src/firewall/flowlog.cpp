@@ -15,6 +15,7 @@
 
 #include "firewall/rules.h"
 #include "netlink/attributes.h"
+#include "netlink/request.h"
 #include "tk/log.h"
 
 namespace router {
@@ -27,7 +28,7 @@ constexpr int datagramsPerTurn = 256;
 constexpr std::uint32_t wordBytes = 4;  // in which the length of an IPv4 header is told
 constexpr std::size_t requestBytes = 256;
 
-constexpr AttributeRule packetRules[] = {{NFULA_PAYLOAD, MNL_TYPE_UNSPEC, 0}};
+constexpr netlink::AttributeRule packetRules[] = {{NFULA_PAYLOAD, MNL_TYPE_UNSPEC, 0}};
 
 nlmsghdr* putHeader(char* buffer, std::uint16_t type, std::uint8_t family, std::uint16_t resource) {
     nlmsghdr* message = mnl_nlmsg_put_header(buffer);
@@ -73,18 +74,18 @@ std::optional<FlowTuple> parseFlow(std::span<const char> packet) {
 }
 
 bool FlowLog::open(std::string& reason) {
-    if (!socket.open(NETLINK_NETFILTER)) {
-        reason = "nfnetlink_log: " + tk::errorText();
+    if (const tk::Status opened = socket.open(NETLINK_NETFILTER); !opened.isOk()) {
+        reason = "nfnetlink_log: " + opened.reason();
         return false;
     }
     socket.setBuffers(bufferBytes, bufferBytes);
-    if (const NetlinkResult result = configure(); !result.ok()) {
-        reason = "nfnetlink_log: " + result.text;
-        if (result.error == EPERM)
+    if (const tk::Status result = configure(); !result.isOk()) {
+        reason = "nfnetlink_log: " + result.reason();
+        if (result.code() == EPERM)
             reason = "nfnetlink_log: no permission, or another process listens to group " +
                      std::to_string(flowLogGroup);
         // Old kernels say of a module that is not there that the message is not valid.
-        if (result.error == EINVAL || result.error == EOPNOTSUPP)
+        if (result.code() == EINVAL || result.code() == EOPNOTSUPP)
             reason = "nfnetlink_log: this kernel lacks it (Linux 2.6.14)";
         socket.close();
         return false;
@@ -102,11 +103,11 @@ bool FlowLog::open(std::string& reason) {
 bool FlowLog::removes() {
     std::array<char, requestBytes> buffer;
     const FlowTuple nobodys{IPPROTO_UDP, htonl(INADDR_LOOPBACK), 0, htonl(INADDR_LOOPBACK), 0};
-    return socket.exchange(*putRemoval(buffer.data(), nobodys), [](const nlmsghdr&) {}).error == ENOENT;
+    return netlink::request(socket, *putRemoval(buffer.data(), nobodys)).code() == ENOENT;
 }
 
 /// Asks for the beginning of each packet, at once.
-NetlinkResult FlowLog::configure() {
+tk::Status FlowLog::configure() {
     std::array<char, requestBytes> buffer;
     constexpr std::uint16_t type = NFNL_SUBSYS_ULOG << 8 | NFULNL_MSG_CONFIG;
     nlmsghdr* message = putHeader(buffer.data(), type, AF_UNSPEC, flowLogGroup);
@@ -117,27 +118,28 @@ NetlinkResult FlowLog::configure() {
     mode.copy_mode = NFULNL_COPY_PACKET;
     mnl_attr_put(message, NFULA_CFG_MODE, sizeof mode, &mode);
     mnl_attr_put_u32(message, NFULA_CFG_QTHRESH, htonl(1));
-    return socket.exchange(*message, [](const nlmsghdr&) {});
+    return netlink::request(socket, *message);
 }
 
 void FlowLog::ready(int, std::uint32_t) {
     for (int i = 0; i < datagramsPerTurn; ++i) {
         const auto result = socket.receive(0, [this](const nlmsghdr& message) { take(message); });
         // What was lost is shown again with the flow's next packet.
-        if (result == NetlinkSocket::Received::nothing || result == NetlinkSocket::Received::failed) break;
+        if (result == netlink::Socket::Received::nothing || result == netlink::Socket::Received::failed)
+            break;
     }
     removeShown();
 }
 
 void FlowLog::take(const nlmsghdr& message) {
     if (message.nlmsg_type == NLMSG_ERROR) {
-        const NetlinkResult result = netlinkResultOf(message);
-        if (result.ok() || result.error == ENOENT || std::exchange(reported, true))
+        const tk::Status result = netlink::outcomeOf(message);
+        if (result.isOk() || result.code() == ENOENT || std::exchange(reported, true))
             return;  // it may have ended
-        return tk::log("nat: flows cannot be removed: ", result.text);
+        return tk::log("nat: flows cannot be removed: ", result.reason());
     }
     if (message.nlmsg_type != (NFNL_SUBSYS_ULOG << 8 | NFULNL_MSG_PACKET)) return;
-    const NetlinkAttributes attributes(message, sizeof(nfgenmsg), packetRules);
+    const netlink::Attributes attributes(message, sizeof(nfgenmsg), packetRules);
     const nlattr* payload = attributes.find(NFULA_PAYLOAD);
     if (!payload) return;
     const auto* start = static_cast<const char*>(mnl_attr_get_payload(payload));
@@ -149,8 +151,9 @@ void FlowLog::removeShown() {
     for (const FlowTuple& flow : std::exchange(shown, {})) {
         nlmsghdr* message = putRemoval(buffer.data(), flow);
         message->nlmsg_seq = socket.nextSequence();
-        if (!socket.send(message, message->nlmsg_len) && !std::exchange(reported, true))
-            tk::log("nat: flows cannot be removed: ", tk::errorText());
+        const tk::Status sent = socket.send(message, message->nlmsg_len);
+        if (!sent.isOk() && !std::exchange(reported, true))
+            tk::log("nat: flows cannot be removed: ", sent.reason());
     }
 }
 

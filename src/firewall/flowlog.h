@@ -39,13 +39,13 @@ public:
     [[nodiscard]] bool open(std::string& reason);
 
 private:
-    [[nodiscard]] NetlinkResult configure();
+    tk::Status configure();
     [[nodiscard]] bool removes();
     void ready(int fd, std::uint32_t events);
     void take(const nlmsghdr& message);
     void removeShown();
 
-    NetlinkSocket socket;
+    netlink::Socket socket;
     tk::Watch watch;
     std::set<FlowTuple> shown;  // several packets of one flow may be
     bool reported = false;      // that a flow cannot be removed

@@ -11,6 +11,7 @@
 #include "firewall/features.h"
 #include "firewall/objects.h"
 #include "firewall/rules.h"
+#include "netlink/request.h"
 #include "tk/fd.h"
 #include "tk/log.h"
 
@@ -66,29 +67,29 @@ void cut(const std::set<std::uint32_t>& all, std::vector<std::function<void(NftB
 }  // namespace
 
 bool NftTable::open(std::string& reason) {
-    if (!socket.open(NETLINK_NETFILTER)) {
-        reason = "nf_tables: " + tk::errorText();
+    if (const tk::Status opened = socket.open(NETLINK_NETFILTER); !opened.isOk()) {
+        reason = "nf_tables: " + opened.reason();
         return false;
     }
     socket.setBuffers(bufferBytes, bufferBytes);
     guardsIp6 = guard.limitsConnections && hasIp6();
-    const NetlinkResult result = make();
-    if (result.ok()) return true;
-    if (result.error == EPERM)
+    const tk::Status result = make();
+    if (result.isOk()) return true;
+    if (result.code() == EPERM)
         reason = "nf_tables: no permission, or another process owns the table \"ip tk\"";
     else if (const std::string missing = missingFeature(socket, nftFeatures(), guardsIp6); !missing.empty())
         reason = "nf_tables: this kernel lacks " + missing;
     else
-        reason = "nf_tables: " + result.text;
+        reason = "nf_tables: " + result.reason();
     socket.close();
     return false;
 }
 
 bool NftTable::endFlows(std::string& reason) {
-    const NetlinkResult result = change([this](NftBatch& batch) { addEnds(batch); });
-    if (!result.ok()) reason = "nf_tables: " + result.text;
-    endsFlows = result.ok();
-    return result.ok();
+    const tk::Status result = change([this](NftBatch& batch) { addEnds(batch); });
+    if (!result.isOk()) reason = "nf_tables: " + result.reason();
+    endsFlows = result.isOk();
+    return result.isOk();
 }
 
 void NftTable::addEnds(NftBatch& batch) const {
@@ -125,49 +126,49 @@ std::vector<NftTable::Fill> NftTable::pieces() const {
 }
 
 /// Sends pieces in one transaction, or where the socket does not take that, in as many as it takes.
-NetlinkResult NftTable::send(std::span<const Fill> fills) {
+tk::Status NftTable::send(std::span<const Fill> fills) {
     NftBatch batch(socket);
     for (const Fill& fill : fills) fill(batch);
-    NetlinkResult result = batch.commit();
-    if (result.error != EMSGSIZE || fills.size() < 2) return result;
+    tk::Status result = batch.commit();
+    if (result.code() != EMSGSIZE || fills.size() < 2) return result;
     const std::size_t half = fills.size() / 2;
     result = send(fills.first(half));
-    return result.ok() ? send(fills.subspan(half)) : result;
+    return result.isOk() ? send(fills.subspan(half)) : result;
 }
 
-NetlinkResult NftTable::make() {
-    NetlinkResult result = send(pieces());
-    isMade = isMade || result.ok();
+tk::Status NftTable::make() {
+    tk::Status result = send(pieces());
+    isMade = isMade || result.isOk();
     return result;
 }
 
-NetlinkResult NftTable::makeAnew() {
-    NetlinkResult result = make();
-    if (result.ok()) {
+tk::Status NftTable::makeAnew() {
+    tk::Status result = make();
+    if (result.isOk()) {
         tk::log("nat: the table is made anew: ", doubt);
         doubt = nullptr;
         reported = false;
     } else if (!std::exchange(reported, true)) {
-        tk::log("nat: the table cannot be made anew: ", result.text);
+        tk::log("nat: the table cannot be made anew: ", result.reason());
     }
     return result;
 }
 
 /// Sends one change, to a table that is what it should be.
-NetlinkResult NftTable::attempt(const Fill& fill) {
+tk::Status NftTable::attempt(const Fill& fill) {
     if (doubt)
-        if (NetlinkResult result = makeAnew(); !result.ok()) return result;
+        if (tk::Status result = makeAnew(); !result.isOk()) return result;
     NftBatch batch(socket);
     fill(batch);
-    NetlinkResult result = batch.commit();
-    if (result.unanswered) doubt = changeUnanswered;
+    tk::Status result = batch.commit();
+    if (result.code() == netlink::unanswered) doubt = changeUnanswered;
     return result;
 }
 
 /// Brings a change about. Errors: the table is as it was before, or is made so as soon as that is possible.
-NetlinkResult NftTable::change(const Fill& fill) {
+tk::Status NftTable::change(const Fill& fill) {
     const bool wasSure = doubt == nullptr;
-    NetlinkResult result = attempt(fill);
+    tk::Status result = attempt(fill);
     if (wasSure && doubt) result = attempt(fill);
     if (doubt) mendLater();
     return result;
@@ -176,9 +177,9 @@ NetlinkResult NftTable::change(const Fill& fill) {
 /// Brings about what must be sooner or later. The caller notes it down, whatever the kernel says now: the
 /// table is made anew with it when the kernel refuses.
 void NftTable::insist(const Fill& fill, const std::string& trouble) {
-    const NetlinkResult result = change(fill);
-    if (result.ok()) return;
-    tk::log(trouble, ": ", result.text);
+    const tk::Status result = change(fill);
+    if (result.isOk()) return;
+    tk::log(trouble, ": ", result.reason());
     doubt = changeRefused;
     mendLater();
 }
@@ -189,17 +190,17 @@ void NftTable::mendLater() {
 
 void NftTable::mend() {
     isMending = false;
-    if (doubt && !makeAnew().ok()) mendLater();
+    if (doubt && !makeAnew().isOk()) mendLater();
 }
 
 bool NftTable::commit(std::span<const NatElement> removed, std::span<const NatElement> added,
                       std::string& reason) {
-    const NetlinkResult result = change([&](NftBatch& batch) {
+    const tk::Status result = change([&](NftBatch& batch) {
         removeElements(batch, removed);
         addElements(batch, added);
     });
-    if (!result.ok()) {
-        reason = result.text;
+    if (!result.isOk()) {
+        reason = result.reason();
         return false;
     }
     remember(removed, added);

@@ -59,17 +59,17 @@ private:
 
     void addEnds(NftBatch& batch) const;
     [[nodiscard]] std::vector<Fill> pieces() const;
-    [[nodiscard]] NetlinkResult send(std::span<const Fill> fills);
-    [[nodiscard]] NetlinkResult make();
-    [[nodiscard]] NetlinkResult makeAnew();
-    [[nodiscard]] NetlinkResult attempt(const Fill& fill);
-    [[nodiscard]] NetlinkResult change(const Fill& fill);
+    tk::Status send(std::span<const Fill> fills);
+    tk::Status make();
+    tk::Status makeAnew();
+    tk::Status attempt(const Fill& fill);
+    tk::Status change(const Fill& fill);
     void insist(const Fill& fill, const std::string& trouble);
     void remember(std::span<const NatElement> removed, std::span<const NatElement> added);
     void mendLater();
     void mend();
 
-    NetlinkSocket socket;
+    netlink::Socket socket;
     bool isMade = false;
     bool guardsIp6 = false;
     const GuardConfig guard;

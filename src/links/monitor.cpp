@@ -19,8 +19,9 @@ constexpr std::uint32_t retryTicks = 100;  // 1 s
 }  // namespace
 
 bool NetworkMonitor::start(std::string& reason) {
-    if (!events.open(NETLINK_ROUTE, RTMGRP_LINK | RTMGRP_IPV4_IFADDR)) {
-        reason = "rtnetlink: " + tk::errorText();
+    if (const tk::Status opened = events.open(NETLINK_ROUTE, RTMGRP_LINK | RTMGRP_IPV4_IFADDR);
+        !opened.isOk()) {
+        reason = "rtnetlink: " + opened.reason();
         return false;
     }
     events.setBuffers(receiveBytes, receiveBytes);
@@ -49,8 +50,8 @@ void NetworkMonitor::readAgain() {
 void NetworkMonitor::ready(int, std::uint32_t) {
     for (int i = 0; i < datagramsPerTurn; ++i) {
         const auto result = events.receive(0, [this](const nlmsghdr& message) { take(message); });
-        if (result == NetlinkSocket::Received::nothing) return;
-        if (result == NetlinkSocket::Received::datagram) continue;
+        if (result == netlink::Socket::Received::nothing) return;
+        if (result == netlink::Socket::Received::datagram) continue;
         discardQueue();
         return readAgain();
     }
@@ -60,7 +61,7 @@ void NetworkMonitor::discardQueue() {
     // What waits is older than what was lost: applied behind the reading of everything, it would undo it for
     // good.
     for (int i = 0; i < queuedDatagrams; ++i)
-        if (events.receive(0, [](const nlmsghdr&) {}) == NetlinkSocket::Received::nothing) return;
+        if (events.receive(0, [](const nlmsghdr&) {}) == netlink::Socket::Received::nothing) return;
 }
 
 void NetworkMonitor::take(const nlmsghdr& message) {

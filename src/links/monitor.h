@@ -36,7 +36,7 @@ private:
     Zones& zones;  // which hear of everything first: what the bus tells is in force
     Interfaces& interfaces;
     Addresses& addresses;
-    NetlinkSocket events;
+    netlink::Socket events;
     tk::Watch watch;
     tk::Timer<NetworkMonitor, &NetworkMonitor::readAgain> retry{*this};
 };

@@ -33,8 +33,8 @@ constexpr std::uint32_t groups = groupOf(RTNLGRP_IPV4_ROUTE) | groupOf(RTNLGRP_L
 }  // namespace
 
 bool PublicRoutes::start(std::string& reason) {
-    if (!events.open(NETLINK_ROUTE, groups)) {
-        reason = "rtnetlink: " + tk::errorText();
+    if (const tk::Status opened = events.open(NETLINK_ROUTE, groups); !opened.isOk()) {
+        reason = "rtnetlink: " + opened.reason();
         return false;
     }
     events.setBuffers(receiveBytes, receiveBytes);
@@ -50,9 +50,9 @@ bool PublicRoutes::start(std::string& reason) {
 void PublicRoutes::ready(int, std::uint32_t) {
     for (int i = 0; i < datagramsPerTurn; ++i) {
         const auto result = events.receive(0, [this](const nlmsghdr& message) { take(message); });
-        if (result == NetlinkSocket::Received::nothing) return;
-        if (result != NetlinkSocket::Received::datagram) note();  // what was lost may concern it
-        if (result == NetlinkSocket::Received::failed) return;
+        if (result == netlink::Socket::Received::nothing) return;
+        if (result != netlink::Socket::Received::datagram) note();  // what was lost may concern it
+        if (result == netlink::Socket::Received::failed) return;
     }
 }
 

@@ -50,7 +50,7 @@ private:
 
     RtNetlink& kernel;
     Zones& zones;
-    NetlinkSocket events;
+    netlink::Socket events;
     tk::Watch watch;
     RouteReader reader{*this};
     RouteExits known;   // of what was told, and of what was read last

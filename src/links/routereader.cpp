@@ -13,15 +13,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr int datagramsPerTurn = 8;       // of some dozens of routes each, a fraction of a millisecond
-constexpr int answerMilliseconds = 5000;  // the kernel answers at once; a bound for what cannot happen
-
-/// Why the kernel ended its list before the end, empty where it did not.
-std::string faultOf(const nlmsghdr& done) {
-    if (mnl_nlmsg_get_payload_len(&done) < sizeof(int)) return {};
-    const int status = *static_cast<const int*>(mnl_nlmsg_get_payload(&done));
-    return status < 0 ? netlinkFailure(-status).text : std::string();
-}
+constexpr int datagramsPerTurn = 8;  // of some dozens of routes each, a fraction of a millisecond
 
 }  // namespace
 
@@ -43,8 +35,8 @@ void RouteExits::addFallback(const Route& route) {
 }
 
 bool RouteReader::open(std::string& reason) {
-    if (!socket.open(NETLINK_ROUTE)) {
-        reason = "rtnetlink: " + tk::errorText();
+    if (const tk::Status opened = socket.open(NETLINK_ROUTE); !opened.isOk()) {
+        reason = "rtnetlink: " + opened.reason();
         return false;
     }
     watch.start<RouteReader, &RouteReader::ready>(socket.descriptor(), *this, tk::readable);
@@ -60,38 +52,39 @@ void RouteReader::begin() {
     request.route.rtm_family = AF_INET;
     exits = {};
     best = {};
-    isInterrupted = false;
-    sequence = request.header.nlmsg_seq;
+    answer = netlink::Answer(request.header.nlmsg_seq, request.header.nlmsg_seq);
     const auto start = Clock::now();
-    const bool isSent = socket.send(&request, sizeof request);
+    const tk::Status sent = socket.send(&request, sizeof request);
     spent = Clock::now() - start;
-    if (!isSent) fail(tk::errorText());
+    if (sent.isOk()) return;
+    answer.fail(sent);
+    finish();
 }
 
 void RouteReader::complete() {
-    while (isBusy())
-        if (!step(answerMilliseconds) && isBusy()) fail("the kernel does not answer");
+    if (!isBusy()) return;
+    const auto start = Clock::now();
+    answer.complete(socket, netlink::answerMilliseconds, [this](const nlmsghdr& message) { take(message); });
+    spent += Clock::now() - start;
+    finish();
 }
 
 void RouteReader::ready(int, std::uint32_t) {
-    for (int i = 0; i < datagramsPerTurn && step(0); ++i) continue;
+    // After a loss, what still waits is read in one go: nothing may come that would wake this up again.
+    for (int i = 0; (i < datagramsPerTurn || answer.isPartial()) && step(); ++i) continue;
 }
 
 /// Takes one datagram, for which the kernel makes the next one. False when there is none.
-bool RouteReader::step(int milliseconds) {
+bool RouteReader::step() {
+    const bool wasBusy = isBusy();
     const auto start = Clock::now();
-    const auto result = socket.receive(milliseconds, [this](const nlmsghdr& message) { take(message); });
+    const bool isTaken = answer.receive(socket, 0, [this](const nlmsghdr& message) { take(message); });
     spent += Clock::now() - start;
-    if (result == NetlinkSocket::Received::datagram) return true;
-    if (result != NetlinkSocket::Received::nothing && isBusy()) fail(tk::errorText());
-    return false;
+    if (wasBusy && !isBusy()) finish();
+    return isTaken;
 }
 
 void RouteReader::take(const nlmsghdr& message) {
-    if (!isBusy() || message.nlmsg_seq != sequence) return;  // of a reading that has failed
-    isInterrupted = isInterrupted || (message.nlmsg_flags & NLM_F_DUMP_INTR) != 0;
-    if (message.nlmsg_type == NLMSG_ERROR) return fail(netlinkResultOf(message).text);
-    if (message.nlmsg_type == NLMSG_DONE) return finish(faultOf(message));
     if (message.nlmsg_type == RTM_NEWROUTE) judge(parseRoute(message));
 }
 
@@ -102,15 +95,10 @@ void RouteReader::judge(const Route& route) {
     exits.add(route);
 }
 
-void RouteReader::finish(const std::string& fault) {
-    if (!fault.empty()) return fail(fault);
-    sequence = 0;
-    owner.routesRead(std::exchange(exits, {}), !isInterrupted);
-}
-
-void RouteReader::fail(const std::string& reason) {
-    sequence = 0;
-    owner.routesUnread(reason);
+void RouteReader::finish() {
+    const tk::Status outcome = answer.outcome();
+    if (!outcome.isOk()) return owner.routesUnread(outcome.reason());
+    owner.routesRead(std::exchange(exits, {}), !answer.isInterrupted());
 }
 
 }  // namespace router

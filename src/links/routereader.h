@@ -9,6 +9,7 @@
 #include <string>
 
 #include "links/rtmessages.h"
+#include "netlink/request.h"
 #include "netlink/socket.h"
 #include "tk/timer.h"
 
@@ -52,25 +53,23 @@ public:
     /// Waits for the end of the reading that is under way.
     void complete();
     /// True while a reading is under way.
-    bool isBusy() const { return sequence != 0; }
+    bool isBusy() const { return !answer.isComplete(); }
     /// The time that the present reading, or else the last one, has kept others from the loop.
     std::chrono::steady_clock::duration cost() const { return spent; }
 
 private:
-    [[nodiscard]] bool step(int milliseconds);
+    [[nodiscard]] bool step();
     void ready(int fd, std::uint32_t events);
     void take(const nlmsghdr& message);
     void judge(const Route& route);
-    void finish(const std::string& fault);
-    void fail(const std::string& reason);
+    void finish();
 
     Owner& owner;
-    NetlinkSocket socket;
+    netlink::Socket socket;
     tk::Watch watch;
     RouteExits exits;
-    Route best;                  // of the destination that was read last
-    std::uint32_t sequence = 0;  // 0: no reading is under way
-    bool isInterrupted = false;
+    Route best;              // of the destination that was read last
+    netlink::Answer answer;  // complete: no reading is under way
     std::chrono::steady_clock::duration spent{};
 };
 

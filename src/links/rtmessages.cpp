@@ -13,7 +13,7 @@ namespace router {
 
 namespace {
 
-constexpr AttributeRule linkRules[] = {
+constexpr netlink::AttributeRule linkRules[] = {
     {IFLA_IFNAME, MNL_TYPE_NUL_STRING, 0},
     {IFLA_IFALIAS, MNL_TYPE_NUL_STRING, 0},
     {IFLA_WIRELESS, MNL_TYPE_UNSPEC, 0},
@@ -25,18 +25,18 @@ constexpr AttributeRule linkRules[] = {
      offsetof(rtnl_link_stats64, rx_errors)},  // older kernels know fewer counters
 };
 
-constexpr AttributeRule addressRules[] = {
+constexpr netlink::AttributeRule addressRules[] = {
     {IFA_LOCAL, MNL_TYPE_U32, 0},
     {IFA_ADDRESS, MNL_TYPE_U32, 0},
     {IFA_BROADCAST, MNL_TYPE_U32, 0},
 };
 
-constexpr AttributeRule nextHopRules[] = {
+constexpr netlink::AttributeRule nextHopRules[] = {
     {NHA_OIF, MNL_TYPE_U32, 0},
     {NHA_GROUP, MNL_TYPE_UNSPEC, sizeof(nexthop_grp)},
 };
 
-LinkCounters countersOf(const NetlinkAttributes& attributes) {
+LinkCounters countersOf(const netlink::Attributes& attributes) {
     const nlattr* attribute = attributes.find(IFLA_STATS64);
     if (!attribute) return {};
     rtnl_link_stats64 stats{};
@@ -54,7 +54,7 @@ int takeKind(const nlattr* attribute, void* kind) {
 }
 
 /// What kind of interface it is, by the name of its driver; empty for a plain one.
-std::string kindOf(const NetlinkAttributes& attributes) {
+std::string kindOf(const netlink::Attributes& attributes) {
     std::string kind;
     if (const nlattr* info = attributes.find(IFLA_LINKINFO))
         (void)mnl_attr_parse_nested(info, &takeKind, &kind);
@@ -63,7 +63,7 @@ std::string kindOf(const NetlinkAttributes& attributes) {
 
 /// The device below. Of a pair the kernel names the other end there, which is no part of the interface, and
 /// of a device in another network namespace its index means nothing here.
-std::uint32_t lowerOf(const NetlinkAttributes& attributes, std::uint32_t index) {
+std::uint32_t lowerOf(const netlink::Attributes& attributes, std::uint32_t index) {
     if (attributes.find(IFLA_LINK_NETNSID)) return 0;
     const std::uint32_t lower = attributes.u32(IFLA_LINK);
     if (lower == index) return 0;
@@ -122,7 +122,7 @@ std::optional<Link> parseLink(const nlmsghdr& message) {
     if (mnl_nlmsg_get_payload_len(&message) < sizeof(ifinfomsg)) return std::nullopt;
     const auto* header = static_cast<const ifinfomsg*>(mnl_nlmsg_get_payload(&message));
     if (header->ifi_family != AF_UNSPEC) return std::nullopt;
-    const NetlinkAttributes attributes(message, sizeof *header, linkRules);
+    const netlink::Attributes attributes(message, sizeof *header, linkRules);
     if (attributes.find(IFLA_WIRELESS) || !attributes.find(IFLA_IFNAME)) return std::nullopt;
     Link link;
     link.index = static_cast<std::uint32_t>(header->ifi_index);
@@ -140,7 +140,7 @@ std::optional<LinkAddress> parseAddress(const nlmsghdr& message) {
     if (mnl_nlmsg_get_payload_len(&message) < sizeof(ifaddrmsg)) return std::nullopt;
     const auto* header = static_cast<const ifaddrmsg*>(mnl_nlmsg_get_payload(&message));
     if (header->ifa_family != AF_INET) return std::nullopt;
-    const NetlinkAttributes attributes(message, sizeof *header, addressRules);
+    const netlink::Attributes attributes(message, sizeof *header, addressRules);
     const std::uint32_t peer = attributes.u32(IFA_ADDRESS);
     const std::uint32_t local = attributes.u32(IFA_LOCAL, peer);
     if (local == 0) return std::nullopt;
@@ -171,7 +171,7 @@ Route parseRoute(const nlmsghdr& message) {
 NextHop parseNextHop(const nlmsghdr& message) {
     NextHop hop;
     if (mnl_nlmsg_get_payload_len(&message) < sizeof(nhmsg)) return hop;
-    const NetlinkAttributes attributes(message, sizeof(nhmsg), nextHopRules);
+    const netlink::Attributes attributes(message, sizeof(nhmsg), nextHopRules);
     hop.interface = attributes.u32(NHA_OIF);
     const nlattr* group = attributes.find(NHA_GROUP);
     if (!group) return hop;

@@ -9,7 +9,7 @@
 #include <optional>
 
 #include "links/rtmessages.h"
-#include "tk/log.h"
+#include "netlink/request.h"
 
 namespace router {
 
@@ -35,23 +35,21 @@ private:
     Header* own;
 };
 
-bool accept(const NetlinkResult& result, std::string& reason) {
-    if (!result.ok()) reason = result.text;
-    return result.ok();
+bool accept(const tk::Status& result, std::string& reason) {
+    if (!result.isOk()) reason = result.reason();
+    return result.isOk();
 }
 
 }  // namespace
 
 bool RtNetlink::open(std::string& reason) {
-    if (socket.open(NETLINK_ROUTE)) return true;
-    reason = "rtnetlink: " + tk::errorText();
-    return false;
+    return accept(socket.open(NETLINK_ROUTE).prefixed("rtnetlink: "), reason);
 }
 
 bool RtNetlink::readLink(std::uint32_t index, Link& out, std::string& reason) {
     Request<ifinfomsg> request(RTM_GETLINK);
     request->ifi_index = static_cast<int>(index);
-    const NetlinkResult result = socket.exchange(request.get(), [&out](const nlmsghdr& message) {
+    const tk::Status result = netlink::request(socket, request.get(), [&out](const nlmsghdr& message) {
         if (const auto link = parseLink(message)) out = *link;
     });
     return accept(result, reason);
@@ -62,15 +60,15 @@ bool RtNetlink::setLinkUp(std::uint32_t index, bool up, std::string& reason) {
     request->ifi_index = static_cast<int>(index);
     request->ifi_flags = up ? IFF_UP : 0;
     request->ifi_change = IFF_UP;
-    return accept(socket.exchange(request.get(), [](const nlmsghdr&) {}), reason);
+    return accept(netlink::request(socket, request.get()), reason);
 }
 
 bool RtNetlink::readNextHop(std::uint32_t id, NextHop& out, std::string& reason) {
     Request<nhmsg> request(RTM_GETNEXTHOP);
     mnl_attr_put_u32(&request.get(), NHA_ID, id);
-    const NetlinkResult result =
-        socket.exchange(request.get(), [&out](const nlmsghdr& message) { out = parseNextHop(message); });
-    return result.error == ENOENT || result.error == EOPNOTSUPP || accept(result, reason);
+    const tk::Status result = netlink::request(
+        socket, request.get(), [&out](const nlmsghdr& message) { out = parseNextHop(message); });
+    return result.code() == ENOENT || result.code() == EOPNOTSUPP || accept(result, reason);
 }
 
 bool RtNetlink::addInterfacesOf(std::uint32_t nextHop, std::set<std::uint32_t>& out, std::string& reason) {
@@ -87,8 +85,8 @@ bool RtNetlink::addInterfacesOf(std::uint32_t nextHop, std::set<std::uint32_t>& 
 
 bool RtNetlink::readLinks(std::vector<Link>& out, std::string& reason) {
     Request<ifinfomsg> request(RTM_GETLINK);
-    const NetlinkResult result = socket.dump(
-        request.get(), [&out] { out.clear(); },
+    const tk::Status result = netlink::dump(
+        socket, request.get(), [&out] { out.clear(); },
         [&out](const nlmsghdr& message) {
             if (const auto link = parseLink(message)) out.push_back(*link);
         });
@@ -98,8 +96,8 @@ bool RtNetlink::readLinks(std::vector<Link>& out, std::string& reason) {
 bool RtNetlink::readAddresses(std::vector<LinkAddress>& out, std::string& reason) {
     Request<ifaddrmsg> request(RTM_GETADDR);
     request->ifa_family = AF_INET;
-    const NetlinkResult result = socket.dump(
-        request.get(), [&out] { out.clear(); },
+    const tk::Status result = netlink::dump(
+        socket, request.get(), [&out] { out.clear(); },
         [&out](const nlmsghdr& message) {
             if (const auto address = parseAddress(message)) out.push_back(*address);
         });

@@ -32,7 +32,7 @@ public:
 private:
     [[nodiscard]] bool readNextHop(std::uint32_t id, NextHop& out, std::string& reason);
 
-    NetlinkSocket socket;
+    netlink::Socket socket;
 };
 
 }  // namespace router

@@ -11,6 +11,7 @@
 
 #include <array>
 
+#include "netlink/request.h"
 #include "tk/fd.h"
 #include "tk/log.h"
 
@@ -51,8 +52,8 @@ bool isBound(std::uint32_t address, std::uint16_t port, std::uint32_t interface)
 }  // namespace
 
 bool SocketListeners::open(std::string& reason) {
-    if (!socket.open(NETLINK_SOCK_DIAG)) {
-        reason = "sock_diag: this kernel lacks it (Linux 3.3): " + tk::errorText();
+    if (const tk::Status opened = socket.open(NETLINK_SOCK_DIAG); !opened.isOk()) {
+        reason = "sock_diag: this kernel lacks it (Linux 3.3): " + opened.reason();
         return false;
     }
     return findsOwn(IPPROTO_TCP, reason) && findsOwn(IPPROTO_UDP, reason);
@@ -92,12 +93,12 @@ Listeners::Answer SocketListeners::find(std::uint32_t address, std::uint8_t prot
     wanted->id.idiag_cookie[0] = INET_DIAG_NOCOOKIE;
     wanted->id.idiag_cookie[1] = INET_DIAG_NOCOOKIE;
     bool isFound = false;
-    const NetlinkResult result = socket.exchange(*message, [&](const nlmsghdr& answer) {
+    const tk::Status result = netlink::request(socket, *message, [&](const nlmsghdr& answer) {
         isFound = isFound || answer.nlmsg_type == SOCK_DIAG_BY_FAMILY;
     });
     if (isFound || (!isTcp && isBound(address, port, interface))) return Answer::somebody;
-    if (result.error == ENOENT) return Answer::nobody;
-    reason = result.ok() ? "the kernel gave no answer" : result.text;
+    if (result.code() == ENOENT) return Answer::nobody;
+    reason = result.isOk() ? "the kernel gave no answer" : result.reason();
     return Answer::unknown;
 }
 

@@ -33,7 +33,7 @@ public:
 private:
     [[nodiscard]] bool findsOwn(std::uint8_t protocol, std::string& reason);
 
-    NetlinkSocket socket;
+    netlink::Socket socket;
 };
 
 }  // namespace router

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-namespace router {
+namespace netlink {
 
 /// One attribute that is read: its number, its type, and its smallest size where the type has none.
 struct AttributeRule {
@@ -18,14 +18,16 @@ struct AttributeRule {
 };
 
 /// The attributes of one netlink message that a table of rules names; what does not keep its rule reads as
-/// absent. Lifetime: the message outlives the object.
-class NetlinkAttributes {
+/// absent.
+/// Lifetime: the message outlives the object.
+class Attributes {
 public:
-    /// Reads behind the family's own header of `headerSize` bytes.
-    NetlinkAttributes(const nlmsghdr& message, std::size_t headerSize, std::span<const AttributeRule> rules);
+    /// Reads what follows the family's own header of `headerSize` bytes.
+    Attributes(const nlmsghdr& message, std::size_t headerSize, std::span<const AttributeRule> rules);
 
     /// The attribute, null where it is absent.
     const nlattr* find(std::uint16_t number) const;
+    // Its value, or what stands for an absent one.
     std::uint32_t u32(std::uint16_t number, std::uint32_t absent = 0) const;
     std::string text(std::uint16_t number) const;
 
@@ -33,4 +35,4 @@ private:
     std::vector<const nlattr*> found;
 };
 
-}  // namespace router
+}  // namespace netlink

@@ -11,7 +11,7 @@
 
 #include "tk/file.h"
 
-namespace router {
+namespace netlink {
 namespace {
 
 /// Has the process do without CAP_NET_ADMIN as long as it lives, as a process in a container does.
@@ -32,7 +32,7 @@ private:
     std::array<__user_cap_data_struct, 2> before{};
 };
 
-int bufferOf(const NetlinkSocket& socket, int option) {
+int bufferOf(const Socket& socket, int option) {
     int size = 0;
     socklen_t length = sizeof size;
     EXPECT_EQ(::getsockopt(socket.descriptor(), SOL_SOCKET, option, &size, &length), 0);
@@ -45,9 +45,9 @@ int limitOf(const char* name) {
     return std::atoi(text.c_str());
 }
 
-TEST(NetlinkSocketBuffers, AreAsLargeAsTheSystemAllowsWhereTheyCannotBeLarger) {
-    NetlinkSocket socket;
-    ASSERT_TRUE(socket.open(NETLINK_ROUTE));
+TEST(SocketBuffers, AreAsLargeAsTheSystemAllowsWhereTheyCannotBeLarger) {
+    Socket socket;
+    ASSERT_TRUE(socket.open(NETLINK_ROUTE).isOk());
     const int large = 2 * limitOf("wmem_max") + 2 * limitOf("rmem_max");
     const WithoutAdministration without;
     ASSERT_TRUE(without.isDone);
@@ -57,4 +57,4 @@ TEST(NetlinkSocketBuffers, AreAsLargeAsTheSystemAllowsWhereTheyCannotBeLarger) {
 }
 
 }  // namespace
-}  // namespace router
+}  // namespace netlink

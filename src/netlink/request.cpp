@@ -1,0 +1,145 @@
+#include "netlink/request.h"
+
+#include <errno.h>
+#include <libmnl/libmnl.h>
+#include <string.h>
+
+#include <string>
+#include <utility>
+
+namespace netlink {
+
+namespace {
+
+constexpr int dumpAttempts = 20;
+
+/// The kernel's own words in an error message, empty where it has none.
+std::string kernelText(const nlmsghdr& message, const nlmsgerr& error) {
+    if ((message.nlmsg_flags & NLM_F_ACK_TLVS) == 0) return {};
+    std::size_t offset = sizeof error;
+    if ((message.nlmsg_flags & NLM_F_CAPPED) == 0) offset += mnl_nlmsg_get_payload_len(&error.msg);
+    const char* tail = static_cast<const char*>(mnl_nlmsg_get_payload_tail(&message));
+    const auto* attribute = static_cast<const nlattr*>(mnl_nlmsg_get_payload_offset(&message, offset));
+    while (mnl_attr_ok(attribute, static_cast<int>(tail - reinterpret_cast<const char*>(attribute)))) {
+        if (mnl_attr_get_type(attribute) == NLMSGERR_ATTR_MSG &&
+            mnl_attr_validate(attribute, MNL_TYPE_NUL_STRING) == 0)
+            return mnl_attr_get_str(attribute);
+        attribute = mnl_attr_next(attribute);
+    }
+    return {};
+}
+
+/// What a finished dump says of itself: a negative errno value in newer kernels, nothing in older ones.
+tk::Status outcomeOfDone(const nlmsghdr& message) {
+    if (mnl_nlmsg_get_payload_len(&message) < sizeof(int)) return {};
+    const int status = *static_cast<const int*>(mnl_nlmsg_get_payload(&message));
+    return status < 0 ? failure(-status) : tk::Status();
+}
+
+/// Sends what is to be answered, and waits for the end of that.
+Answer ask(Socket& socket, std::span<const char> bytes, Answer answer, int milliseconds,
+           const Visitor& visit) {
+    if (tk::Status sent = socket.send(bytes.data(), bytes.size()); !sent.isOk()) answer.fail(std::move(sent));
+    answer.complete(socket, milliseconds, visit);
+    return answer;
+}
+
+Answer ask(Socket& socket, nlmsghdr& message, const Visitor& visit) {
+    message.nlmsg_seq = socket.nextSequence();
+    message.nlmsg_flags = static_cast<std::uint16_t>(message.nlmsg_flags | NLM_F_REQUEST | NLM_F_ACK);
+    return ask(socket, {reinterpret_cast<const char*>(&message), message.nlmsg_len},
+               Answer(message.nlmsg_seq, message.nlmsg_seq), answerMilliseconds, visit);
+}
+
+}  // namespace
+
+tk::Status request(Socket& socket, nlmsghdr& message, const Visitor& visit) {
+    return ask(socket, message, visit).outcome();
+}
+
+tk::Status dump(Socket& socket, nlmsghdr& message, const std::function<void()>& begin, const Visitor& visit) {
+    message.nlmsg_flags = static_cast<std::uint16_t>(message.nlmsg_flags | NLM_F_DUMP);
+    Answer answer;
+    for (int attempt = 0; attempt < dumpAttempts; ++attempt) {
+        begin();
+        answer = ask(socket, message, visit);
+        if (!answer.isInterrupted() && !answer.isPartial()) return answer.outcome();
+    }
+    tk::Status outcome = answer.outcome();
+    return outcome.isOk() ? failure(EINTR) : outcome;
+}
+
+tk::Status transact(Socket& socket, std::span<const char> messages, std::uint32_t first, std::uint32_t last) {
+    return ask(socket, messages, Answer(first, last), transactionMilliseconds, ignore).outcome();
+}
+
+Answer::Answer(std::uint32_t first, std::uint32_t last) : first(first), last(last), isExpected(true) {}
+
+bool Answer::receive(Socket& socket, int milliseconds, const Visitor& visit) {
+    // After a loss only what still waits is read: an error may be among it, and room is needed for what comes.
+    const auto result = socket.receive(lossError == 0 ? milliseconds : 0,
+                                       [&](const nlmsghdr& message) { take(message, visit); });
+    switch (result) {
+        case Socket::Received::datagram:
+            return true;
+        case Socket::Received::lost:
+            lossError = ENOBUFS;
+            return true;
+        case Socket::Received::nothing:
+            if (lossError != 0) isExpected = false;
+            return false;
+        case Socket::Received::failed:
+            lose(errno);
+            return false;
+    }
+    return false;
+}
+
+void Answer::complete(Socket& socket, int milliseconds, const Visitor& visit) {
+    while (isExpected)
+        if (!receive(socket, milliseconds, visit) && isExpected) lose(ETIMEDOUT);
+}
+
+void Answer::fail(tk::Status why) {
+    refusal = std::move(why);
+    isExpected = false;
+}
+
+void Answer::lose(int error) {
+    lossError = error;
+    isExpected = false;
+}
+
+void Answer::take(const nlmsghdr& message, const Visitor& visit) {
+    if (!isExpected || message.nlmsg_seq < first || message.nlmsg_seq > last) return;
+    sawInterruption = sawInterruption || (message.nlmsg_flags & NLM_F_DUMP_INTR) != 0;
+    const bool isError = message.nlmsg_type == NLMSG_ERROR;
+    if (!isError && message.nlmsg_type != NLMSG_DONE) return visit(message);
+    const tk::Status ending = isError ? outcomeOf(message) : outcomeOfDone(message);
+    if (refusal.isOk()) refusal = ending;
+    // An error of a transaction as a whole carries the number of its first message.
+    isExpected = message.nlmsg_seq != first && message.nlmsg_seq != last;
+}
+
+bool Answer::isPartial() const {
+    return lossError == ENOBUFS || refusal.code() == EINTR || refusal.code() == ENOBUFS;
+}
+
+tk::Status Answer::outcome() const {
+    // One error is enough to know that nothing was done; success is known only when no error can be missing.
+    if (lossError == 0 || !refusal.isOk()) return refusal;
+    return tk::Status::failure(::strerror(lossError), unanswered);
+}
+
+tk::Status outcomeOf(const nlmsghdr& message) {
+    if (mnl_nlmsg_get_payload_len(&message) < sizeof(nlmsgerr)) return failure(EBADMSG);
+    const auto* error = static_cast<const nlmsgerr*>(mnl_nlmsg_get_payload(&message));
+    if (error->error == 0) return {};
+    const int number = error->error < 0 ? -error->error : error->error;
+    const std::string text = kernelText(message, *error);
+    if (text.empty()) return failure(number);
+    return tk::Status::failure(std::string(::strerror(number)) + " (" + text + ")",
+                               static_cast<std::uint32_t>(number));
+}
+
+}  // namespace netlink
