@@ -7,7 +7,7 @@
 #include "firewall/batch.h"
 #include "firewall/element.h"
 #include "firewall/guardconfig.h"
-#include "links/insideranges.h"
+#include "links/prefix.h"
 
 namespace router {
 

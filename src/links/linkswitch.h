@@ -11,13 +11,23 @@
 
 #include "hub/processes.h"
 #include "hub/refusallog.h"
-#include "links/interfaceconfig.h"
 #include "links/kernel.h"
 #include "tk/fd.h"
 #include "tk/message.h"
 #include "tk/timer.h"
 
 namespace router {
+
+/// What the configuration says of setting one interface up and down over the bus. A value.
+struct InterfaceConfig {
+    std::string name;
+    bool terminate = false;  // programs may do it, too
+    std::vector<std::string>
+        down;  // the command that does it: a full path, then arguments; empty: the kernel's
+    std::vector<std::string> up;  // flag is set
+
+    bool operator==(const InterfaceConfig&) const = default;
+};
 
 /// The commands that set interfaces up and down, in the form in which processes are started. Whoever starts
 /// them for the router has to know them beforehand. They run as that one does, and not as the router.

@@ -4,7 +4,7 @@
 
 #include <vector>
 
-#include "links/rtmessages.h"
+#include "links/rtnetlink.h"
 #include "tk/log.h"
 
 namespace router {

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace router {
 
@@ -32,5 +33,26 @@ struct Prefix {
 /// neither private (RFC 1918, 100.64.0.0/10, 169.254.0.0/16, the documentation ranges) nor loopback,
 /// multicast or the broadcast address.
 [[nodiscard]] bool isBeyondPrivateRanges(const Prefix& prefix);
+
+/// IPv4 addresses from the first to the last. Byte order: host. A value.
+struct AddressRange {
+    std::uint32_t first = 0;
+    std::uint32_t last = 0;
+
+    auto operator<=>(const AddressRange&) const = default;
+};
+
+/// A network that is known to be inside or outside. A value.
+struct SidedNetwork {
+    Prefix prefix;
+    bool isInside = false;
+};
+
+/// The addresses that are inside, as ascending ranges that neither overlap nor touch. For each address the
+/// smallest network decides, and outside where two of one size differ; what lies in none is outside.
+[[nodiscard]] std::vector<AddressRange> insideRanges(std::vector<SidedNetwork> networks);
+
+/// True when an address lies in one of such ranges. Byte order: host.
+[[nodiscard]] bool contains(const std::vector<AddressRange>& ranges, std::uint32_t hostOrderAddress);
 
 }  // namespace router

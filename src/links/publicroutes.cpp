@@ -8,7 +8,7 @@
 #include <set>
 #include <utility>
 
-#include "links/rtmessages.h"
+#include "links/rtnetlink.h"
 #include "tk/log.h"
 
 namespace router {

@@ -8,7 +8,7 @@
 #include <set>
 #include <string>
 
-#include "links/rtmessages.h"
+#include "links/rtnetlink.h"
 #include "netlink/request.h"
 #include "netlink/socket.h"
 #include "tk/timer.h"

@@ -1,19 +1,112 @@
 #include "links/rtnetlink.h"
 
+#include <arpa/inet.h>
 #include <errno.h>
 #include <libmnl/libmnl.h>
+#include <linux/if_link.h>
 #include <linux/nexthop.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
+#include <string.h>
 
 #include <optional>
 
-#include "links/rtmessages.h"
+#include "netlink/attributes.h"
 #include "netlink/request.h"
 
 namespace router {
 
 namespace {
+
+constexpr netlink::AttributeRule linkRules[] = {
+    {IFLA_IFNAME, MNL_TYPE_NUL_STRING, 0},
+    {IFLA_IFALIAS, MNL_TYPE_NUL_STRING, 0},
+    {IFLA_WIRELESS, MNL_TYPE_UNSPEC, 0},
+    {IFLA_LINK, MNL_TYPE_U32, 0},
+    {IFLA_LINK_NETNSID, MNL_TYPE_U32, 0},
+    {IFLA_MASTER, MNL_TYPE_U32, 0},
+    {IFLA_LINKINFO, MNL_TYPE_NESTED, 0},
+    {IFLA_STATS64, MNL_TYPE_UNSPEC,
+     offsetof(rtnl_link_stats64, rx_errors)},  // older kernels know fewer counters
+};
+
+constexpr netlink::AttributeRule addressRules[] = {
+    {IFA_LOCAL, MNL_TYPE_U32, 0},
+    {IFA_ADDRESS, MNL_TYPE_U32, 0},
+    {IFA_BROADCAST, MNL_TYPE_U32, 0},
+};
+
+constexpr netlink::AttributeRule nextHopRules[] = {
+    {NHA_OIF, MNL_TYPE_U32, 0},
+    {NHA_GROUP, MNL_TYPE_UNSPEC, sizeof(nexthop_grp)},
+};
+
+LinkCounters countersOf(const netlink::Attributes& attributes) {
+    const nlattr* attribute = attributes.find(IFLA_STATS64);
+    if (!attribute) return {};
+    rtnl_link_stats64 stats{};
+    const std::size_t size = mnl_attr_get_payload_len(attribute);
+    ::memcpy(&stats, mnl_attr_get_payload(attribute),
+             size < sizeof stats ? size : sizeof stats);  // unaligned there
+    return {stats.rx_packets, stats.tx_packets, stats.rx_bytes, stats.tx_bytes};
+}
+
+int takeKind(const nlattr* attribute, void* kind) {
+    if (mnl_attr_get_type(attribute) == IFLA_INFO_KIND &&
+        mnl_attr_validate(attribute, MNL_TYPE_NUL_STRING) >= 0)
+        *static_cast<std::string*>(kind) = mnl_attr_get_str(attribute);
+    return MNL_CB_OK;
+}
+
+/// What kind of interface it is, by the name of its driver; empty for a plain one.
+std::string kindOf(const netlink::Attributes& attributes) {
+    std::string kind;
+    if (const nlattr* info = attributes.find(IFLA_LINKINFO))
+        (void)mnl_attr_parse_nested(info, &takeKind, &kind);
+    return kind;
+}
+
+/// The device below. Of a pair the kernel names the other end there, which is no part of the interface, and
+/// of a device in another network namespace its index means nothing here.
+std::uint32_t lowerOf(const netlink::Attributes& attributes, std::uint32_t index) {
+    if (attributes.find(IFLA_LINK_NETNSID)) return 0;
+    const std::uint32_t lower = attributes.u32(IFLA_LINK);
+    if (lower == index) return 0;
+    const std::string kind = kindOf(attributes);
+    return kind == "veth" || kind == "vxcan" || kind == "netkit" ? 0 : lower;
+}
+
+void addNextHops(const nlattr* attribute, std::vector<std::uint32_t>& interfaces) {
+    const char* next = static_cast<const char*>(mnl_attr_get_payload(attribute));
+    std::size_t left = mnl_attr_get_payload_len(attribute);
+    while (left >= sizeof(rtnexthop)) {
+        const auto* hop = reinterpret_cast<const rtnexthop*>(next);
+        const std::size_t size = RTNH_ALIGN(std::size_t{hop->rtnh_len});
+        if (hop->rtnh_len < sizeof(rtnexthop)) return;
+        interfaces.push_back(static_cast<std::uint32_t>(hop->rtnh_ifindex));
+        if (size >= left) return;
+        next += size;
+        left -= size;
+    }
+}
+
+void takeRouteNumber(std::uint16_t type, std::uint32_t value, Route& route) {
+    if (type == RTA_DST) route.prefix.network = ntohl(value) & route.prefix.mask;
+    if (type == RTA_PRIORITY) route.metric = value;
+    if (type == RTA_TABLE) route.table = value;
+    if (type == RTA_NH_ID) route.nextHop = value;
+    if (type == RTA_OIF) route.interfaces.push_back(value);
+}
+
+int takeRouteAttribute(const nlattr* attribute, void* data) {
+    Route& route = *static_cast<Route*>(data);
+    const std::uint16_t type = mnl_attr_get_type(attribute);
+    if (type == RTA_MULTIPATH) addNextHops(attribute, route.interfaces);
+    if (type == RTA_GATEWAY || type == RTA_VIA) route.isOwnNetwork = false;
+    if (mnl_attr_get_payload_len(attribute) == sizeof(std::uint32_t))
+        takeRouteNumber(type, mnl_attr_get_u32(attribute), route);
+    return MNL_CB_OK;
+}
 
 /// A request with a family's own header, and room for the few attributes that are sent here.
 template <typename Header>
@@ -41,6 +134,82 @@ bool accept(const tk::Status& result, std::string& reason) {
 }
 
 }  // namespace
+
+bool Link::isLoopback() const {
+    return (flags & IFF_LOOPBACK) != 0;
+}
+
+bool Link::isUp() const {
+    return (flags & IFF_UP) != 0;
+}
+
+bool Link::isRunning() const {
+    // The kernel sets IFF_RUNNING where the operational state is up, or unknown to the driver.
+    return isUp() && (flags & IFF_RUNNING) != 0;
+}
+
+std::optional<Link> parseLink(const nlmsghdr& message) {
+    if (mnl_nlmsg_get_payload_len(&message) < sizeof(ifinfomsg)) return std::nullopt;
+    const auto* header = static_cast<const ifinfomsg*>(mnl_nlmsg_get_payload(&message));
+    if (header->ifi_family != AF_UNSPEC) return std::nullopt;
+    const netlink::Attributes attributes(message, sizeof *header, linkRules);
+    if (attributes.find(IFLA_WIRELESS) || !attributes.find(IFLA_IFNAME)) return std::nullopt;
+    Link link;
+    link.index = static_cast<std::uint32_t>(header->ifi_index);
+    link.name = attributes.text(IFLA_IFNAME);
+    link.alias = attributes.text(IFLA_IFALIAS);
+    link.hardwareType = header->ifi_type;
+    link.flags = header->ifi_flags;
+    link.lower = lowerOf(attributes, link.index);
+    link.master = attributes.u32(IFLA_MASTER);
+    link.counters = countersOf(attributes);
+    return link;
+}
+
+std::optional<LinkAddress> parseAddress(const nlmsghdr& message) {
+    if (mnl_nlmsg_get_payload_len(&message) < sizeof(ifaddrmsg)) return std::nullopt;
+    const auto* header = static_cast<const ifaddrmsg*>(mnl_nlmsg_get_payload(&message));
+    if (header->ifa_family != AF_INET) return std::nullopt;
+    const netlink::Attributes attributes(message, sizeof *header, addressRules);
+    const std::uint32_t peer = attributes.u32(IFA_ADDRESS);
+    const std::uint32_t local = attributes.u32(IFA_LOCAL, peer);
+    if (local == 0) return std::nullopt;
+    const bool isGlobal = header->ifa_scope == RT_SCOPE_UNIVERSE;
+    return LinkAddress{header->ifa_index,     local,    peer,
+                       header->ifa_prefixlen, isGlobal, attributes.u32(IFA_BROADCAST)};
+}
+
+bool Route::leadsBeyond() const {
+    return (leadsSomewhere || nextHop != 0) && !isOwnNetwork && isBeyondPrivateRanges(prefix);
+}
+
+// There may be very many routes: their attributes are read as they come.
+Route parseRoute(const nlmsghdr& message) {
+    Route route;
+    if (mnl_nlmsg_get_payload_len(&message) < sizeof(rtmsg)) return route;
+    const auto* header = static_cast<const rtmsg*>(mnl_nlmsg_get_payload(&message));
+    if (header->rtm_family != AF_INET) return route;
+    route.table = header->rtm_table;
+    route.prefix = prefixOf(0, header->rtm_dst_len);
+    route.service = header->rtm_tos;
+    route.leadsSomewhere = header->rtm_type == RTN_UNICAST;
+    route.isOwnNetwork = header->rtm_protocol == RTPROT_KERNEL;
+    (void)mnl_attr_parse(&message, sizeof *header, &takeRouteAttribute, &route);
+    return route;
+}
+
+NextHop parseNextHop(const nlmsghdr& message) {
+    NextHop hop;
+    if (mnl_nlmsg_get_payload_len(&message) < sizeof(nhmsg)) return hop;
+    const netlink::Attributes attributes(message, sizeof(nhmsg), nextHopRules);
+    hop.interface = attributes.u32(NHA_OIF);
+    const nlattr* group = attributes.find(NHA_GROUP);
+    if (!group) return hop;
+    const auto* member = static_cast<const nexthop_grp*>(mnl_attr_get_payload(group));
+    const std::size_t count = mnl_attr_get_payload_len(group) / sizeof *member;
+    for (std::size_t i = 0; i < count; ++i) hop.members.push_back(member[i].id);
+    return hop;
+}
 
 bool RtNetlink::open(std::string& reason) {
     return accept(socket.open(NETLINK_ROUTE).prefixed("rtnetlink: "), reason);

@@ -1,15 +1,60 @@
 #pragma once
 
+#include <linux/netlink.h>
+
+#include <cstdint>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "links/kernel.h"
+#include "links/prefix.h"
 #include "netlink/socket.h"
 
 namespace router {
 
-struct NextHop;
+/// Reads an RTM_NEWLINK or RTM_DELLINK message. Empty for one that describes no interface as a whole: a
+/// bridge port, or an event of a wireless driver.
+[[nodiscard]] std::optional<Link> parseLink(const nlmsghdr& message);
+
+/// Reads an RTM_NEWADDR or RTM_DELADDR message. Empty for all but IPv4 addresses.
+[[nodiscard]] std::optional<LinkAddress> parseAddress(const nlmsghdr& message);
+
+/// A route of the kernel's tables. A value.
+struct Route {
+    // Of the routes of one destination the kernel takes the one with the lowest metric.
+    std::uint32_t table = 0;
+    Prefix prefix;
+    std::uint8_t service = 0;  // that the packets ask for
+    std::uint32_t metric = 0;
+
+    bool leadsSomewhere = false;  // false for one to the router itself, or that excludes
+    bool isOwnNetwork = false;    // it came with an address of the interface, and leads to its network
+    std::vector<std::uint32_t> interfaces;  // indexes; several with a multipath route
+    std::uint32_t nextHop = 0;  // the id of the object that says where it leads; 0: the route does
+
+    /// True when the other one has the same destination.
+    bool isRivalOf(const Route& other) const {
+        return table == other.table && prefix == other.prefix && service == other.service;
+    }
+    /// True when it leads, or its nexthop object may lead, to an address beyond the private ranges.
+    bool leadsBeyond() const;
+};
+
+/// Reads an RTM_NEWROUTE or RTM_DELROUTE message of an IPv4 route. Where the kernel names a nexthop object,
+/// it may leave the interfaces out, and what becomes of packets there is not the route's to say.
+[[nodiscard]] Route parseRoute(const nlmsghdr& message);
+
+/// Where a nexthop object leads: out of an interface, or wherever the members of a group lead. A blackhole
+/// has neither. A value.
+struct NextHop {
+    std::uint32_t interface = 0;         // index; 0: none
+    std::vector<std::uint32_t> members;  // ids
+};
+
+/// Reads an RTM_NEWNEXTHOP message.
+[[nodiscard]] NextHop parseNextHop(const nlmsghdr& message);
 
 /// The kernel's interfaces, addresses and nexthop objects over rtnetlink: requests that are answered at once.
 class RtNetlink final : public NetworkKernel {

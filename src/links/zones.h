@@ -2,16 +2,24 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
-#include "links/insideranges.h"
 #include "links/kernel.h"
-#include "links/lanconfig.h"
+#include "links/prefix.h"
 
 namespace router {
+
+/// What the configuration says of the router's inside. A value.
+struct LanConfig {
+    std::optional<std::vector<std::string>> interfaces;  // the inside ones; none given: routes tell
+    std::vector<Prefix> networks;                        // inside too, though not directly connected
+
+    bool operator==(const LanConfig&) const = default;
+};
 
 /// The side of the router that an interface stands on, with its number on the bus.
 enum class Side : std::uint32_t { neither = 0, inside = 1, outside = 2 };

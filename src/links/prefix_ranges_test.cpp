@@ -1,5 +1,3 @@
-#include "links/insideranges.h"
-
 #include <arpa/inet.h>
 
 #include <random>
