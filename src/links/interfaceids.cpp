@@ -34,7 +34,7 @@ InterfaceIds::InterfaceIds(const std::string& storePath, std::size_t limit)
 InterfaceIds::~InterfaceIds() {
     const bool isLetGo = reserved != highest;
     reserved = highest;  // the next process goes on from there
-    if (isLetGo || !isStored) storeNow();
+    if (isLetGo || storing.isDue()) storeNow();
 }
 
 void InterfaceIds::remember(const std::string& name, std::uint32_t id) {
@@ -63,7 +63,7 @@ std::uint32_t InterfaceIds::idOf(const std::string& name) {
     else
         id = freshId();
     remember(name, id);
-    storeLater();
+    storing.call(storeTicks);
     return id;
 }
 
@@ -83,19 +83,15 @@ bool InterfaceIds::save(std::uint32_t lastReserved) {
     return store.replace(std::move(entries));
 }
 
-void InterfaceIds::storeLater() {
-    if (std::exchange(isStored, false)) timer.arm(storeTicks);
-}
-
 void InterfaceIds::storeNow() {
-    isStored = save(reserved);
-    if (isStored) return timer.disarm();
+    storing.withdraw();
+    if (save(reserved)) return;
     tk::log("the ids of new interfaces are not stored: ", store.error());
-    timer.arm(retryTicks);
+    storing.call(retryTicks);
 }
 
 void InterfaceIds::storeWhatIsNew() {
-    if (!isStored) storeNow();
+    if (storing.isDue()) storeNow();
 }
 
 void InterfaceIds::forgetSurplus(const std::function<bool(std::uint32_t id)>& isPresent) {
@@ -104,7 +100,7 @@ void InterfaceIds::forgetSurplus(const std::function<bool(std::uint32_t id)>& is
         if (isPresent(name->first)) continue;
         ids.erase(name->second);
         names.erase(name);
-        storeLater();
+        storing.call(storeTicks);
     }
 }
 

@@ -6,8 +6,8 @@
 #include <map>
 #include <string>
 
+#include "tk/pacer.h"
 #include "tk/store.h"
-#include "tk/timer.h"
 
 namespace router {
 
@@ -48,7 +48,6 @@ private:
     std::uint32_t freshId() const;
     [[nodiscard]] bool reserve(std::uint32_t id);
     [[nodiscard]] bool save(std::uint32_t lastReserved);
-    void storeLater();
     void storeNow();
 
     tk::Store store;
@@ -57,8 +56,8 @@ private:
     std::map<std::uint32_t, std::string> names;
     std::uint32_t highest = 0;   // that was given
     std::uint32_t reserved = 0;  // up to here, in the store
-    bool isStored = true;        // everything
-    tk::Timer<InterfaceIds, &InterfaceIds::storeNow> timer{*this};
+    // Due while not everything is stored.
+    tk::Pacer<InterfaceIds, &InterfaceIds::storeNow> storing{*this};
 };
 
 }  // namespace router

@@ -157,10 +157,9 @@ tk::message Interfaces::cmdGetObj(const tk::message& request) {
     if (link == links.end()) return noSuchInterface(id);
     tk::message record = recordOf(id, link->second);
     if ((request.get_u32(tk::field::options) & contract::withCounters) == 0) return record;
-    Link current;
-    std::string reason;
-    if (!kernel.readLink(link->second.index, current, reason)) return tk::errorMsg(tk::error::failed, reason);
-    addCounters(record, current.counters);
+    const tk::Result<Link> current = kernel.readLink(link->second.index);
+    if (!current.isOk()) return tk::errorMsg(tk::error::failed, current.reason());
+    addCounters(record, current->counters);
     return record;
 }
 
@@ -169,11 +168,11 @@ tk::message Interfaces::cmdSetObj(const tk::message& request) {
     const auto link = links.find(id);
     if (link == links.end()) return noSuchInterface(id);
     if (!request.has(tk::field::disabled)) return tk::errorMsg(tk::error::invalid, "nothing that can be set");
-    tk::message answer;
     const auto done = [this, request](tk::message outcome) { sendAnswer(request, std::move(outcome)); };
     const bool up = !request.get_bool(tk::field::disabled);
     const uid_t user = setting.requester.user();
-    return setting.links.set(link->second, up, user, answer, done) ? answer : answerLater();
+    if (auto answer = setting.links.set(link->second, up, user, done)) return *std::move(answer);
+    return answerLater();
 }
 
 }  // namespace router

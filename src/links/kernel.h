@@ -4,6 +4,8 @@
 #include <string>
 #include <tuple>
 
+#include "tk/status.h"
+
 namespace router {
 
 /// Traffic counters of an interface.
@@ -56,10 +58,12 @@ private:
 class NetworkKernel {
 public:
     virtual ~NetworkKernel() = default;
-    /// Reads one interface with its counters. Errors: false, with the kernel's text in `reason`.
-    [[nodiscard]] virtual bool readLink(std::uint32_t index, Link& out, std::string& reason) = 0;
-    /// Sets an interface up or down. Errors: false, with the kernel's text in `reason`.
-    [[nodiscard]] virtual bool setLinkUp(std::uint32_t index, bool up, std::string& reason) = 0;
+    /// Reads one interface with its counters.
+    /// Errors: the kernel's text and errno value.
+    virtual tk::Result<Link> readLink(std::uint32_t index) = 0;
+    /// Sets an interface up or down.
+    /// Errors: the kernel's text and errno value.
+    virtual tk::Status setLinkUp(std::uint32_t index, bool up) = 0;
 };
 
 }  // namespace router

@@ -64,33 +64,30 @@ LinkSwitch::~LinkSwitch() {
     refusals.close();
 }
 
-bool LinkSwitch::set(const Link& link, bool up, uid_t user, tk::message& answer, const Done& done) {
+std::optional<tk::message> LinkSwitch::set(const Link& link, bool up, uid_t user, const Done& done) {
     const auto config = std::find_if(interfaces.begin(), interfaces.end(),
                                      [&link](const InterfaceConfig& each) { return each.name == link.name; });
     const bool isKnown = config != interfaces.end();
     const std::string wish = link.name + (up ? " up" : " down");
     if (user != root && !(isKnown && config->terminate)) {
-        answer = tk::errorMsg(tk::error::notAllowed, "user " + std::to_string(user) + " may not set " + wish +
+        tk::message refusal = tk::errorMsg(tk::error::notAllowed, "user " + std::to_string(user) + " may not set " + wish +
                                                          ": no [[interface]] with terminate allows it");
-        refusals.note("request of user " + std::to_string(user) + " refused", user, tk::getError(answer));
-        return true;
+        refusals.note("request of user " + std::to_string(user) + " refused", user, tk::getError(refusal));
+        return refusal;
     }
     const std::string event = "interface " + wish + " for user " + std::to_string(user);
     const std::size_t place = static_cast<std::size_t>(config - interfaces.begin());
     const ProgramConfig* command = isKnown ? &commands[2 * place + (up ? 1 : 0)] : nullptr;
-    if (!command || command->command.empty()) {
-        answer = setFlag(link, up, event);
-        return true;
-    }
-    answer = start(link, *command, event, done);
-    return tk::isError(answer);
+    if (!command || command->command.empty()) return setFlag(link, up, event);
+    tk::message started = start(link, *command, event, done);
+    if (tk::isError(started)) return started;
+    return std::nullopt;
 }
 
 tk::message LinkSwitch::setFlag(const Link& link, bool up, const std::string& event) {
-    std::string reason;
-    const bool isDone = kernel.setLinkUp(link.index, up, reason);
-    tk::log(event, isDone ? "" : ": ", reason);
-    return isDone ? tk::message() : tk::errorMsg(tk::error::failed, reason);
+    const tk::Status outcome = kernel.setLinkUp(link.index, up);
+    tk::log(event, outcome.isOk() ? "" : ": ", outcome.reason());
+    return outcome.isOk() ? tk::message() : tk::errorMsg(tk::error::failed, outcome.reason());
 }
 
 tk::message LinkSwitch::start(const Link& link, const ProgramConfig& command, const std::string& event,

@@ -6,6 +6,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -53,9 +54,9 @@ public:
     /// Leaves a command that still runs alone.
     ~LinkSwitch();
 
-    /// Sets an interface up or down for a user. True when that is over, with the outcome in `answer`; else
-    /// `done` is called when it is.
-    [[nodiscard]] bool set(const Link& link, bool up, uid_t user, tk::message& answer, const Done& done);
+    /// Sets an interface up or down for a user, and gives the outcome, as `done` would get it. Empty when it
+    /// is not over: `done` is called when it is.
+    [[nodiscard]] std::optional<tk::message> set(const Link& link, bool up, uid_t user, const Done& done);
 
 private:
     /// A command on its way.

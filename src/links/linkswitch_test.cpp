@@ -27,7 +27,8 @@ protected:
     std::string set(const char* name, bool up, uid_t user = 0) {
         tk::message answer;
         const auto done = [this](tk::message outcome) { later.push_back(textOf(outcome)); };
-        return links.set(link(name), up, user, answer, done) ? textOf(answer) : "later";
+        const auto answer = links.set(link(name), up, user, done);
+        return answer ? textOf(*answer) : "later";
     }
     static std::string textOf(const tk::message& outcome) {
         return tk::isError(outcome) ? tk::getError(outcome) : "done";

@@ -2,43 +2,45 @@
 
 #include <linux/netlink.h>
 
-#include <string>
-
 #include "links/addresses.h"
 #include "links/interfaces.h"
+#include "links/publicroutes.h"
 #include "links/rtnetlink.h"
 #include "links/zones.h"
-#include "netlink/socket.h"
-#include "tk/timer.h"
+#include "netlink/notifications.h"
+#include "tk/pacer.h"
+#include "tk/status.h"
 
 namespace router {
 
 /// Keeps the zones, and the interfaces and addresses on the bus, in step with the kernel: listens first,
 /// reads everything second, and applies what was heard meanwhile third. When the kernel had to drop a
-/// notification, everything is read again.
-class NetworkMonitor {
+/// notification, everything is read again. Listens to routes, too, where the zones depend on them.
+class Monitor final : private netlink::Notifications::Owner {
 public:
     /// Lifetime: all outlive the monitor.
-    NetworkMonitor(RtNetlink& kernel, Zones& zones, Interfaces& interfaces, Addresses& addresses)
+    Monitor(RtNetlink& kernel, Zones& zones, Interfaces& interfaces, Addresses& addresses)
         : kernel(kernel), zones(zones), interfaces(interfaces), addresses(addresses) {}
 
-    /// Errors: false, with the reason in `reason`.
-    [[nodiscard]] bool start(std::string& reason);
+    /// Returns when all of them know what the kernel has.
+    /// Errors: something cannot be read, routes included: the bus must not open to users who are not guarded.
+    tk::Status start();
 
 private:
-    void ready(int fd, std::uint32_t events);
-    void take(const nlmsghdr& message);
-    [[nodiscard]] bool readAll(std::string& reason);
+    void heard(const nlmsghdr& message, bool isStale) override;
+    void lost() override;
+    void linkHeard(const nlmsghdr& message, bool isThere);
+    void addressHeard(const nlmsghdr& message, bool isThere);
+    tk::Status readAll();
     void readAgain();
-    void discardQueue();
 
     RtNetlink& kernel;
     Zones& zones;  // which hear of everything first: what the bus tells is in force
     Interfaces& interfaces;
     Addresses& addresses;
-    netlink::Socket events;
-    tk::Watch watch;
-    tk::Timer<NetworkMonitor, &NetworkMonitor::readAgain> retry{*this};
+    PublicRoutes routes{kernel, zones};
+    netlink::Notifications notifications{*this};
+    tk::Pacer<Monitor, &Monitor::readAgain> retry{*this};
 };
 
 }  // namespace router

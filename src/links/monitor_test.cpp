@@ -18,17 +18,16 @@
 namespace router {
 namespace {
 
-class NetworkMonitorTest : public ::testing::Test {
+class MonitorTest : public ::testing::Test {
 protected:
     void SetUp() override {
         if (!tk::testing::enterPrivateNetwork()) GTEST_SKIP() << "needs root";
         shell("ip link add lan0 type veth peer name far0 && ip addr add 192.0.2.1/24 dev lan0");
-        std::string reason;
-        ASSERT_TRUE(kernel.open(reason)) << reason;
+        ASSERT_TRUE(kernel.open().isOk());
         interfaces.attach(bus, {20, 0});
         addresses.attach(bus, {20, 1});
         interfaces.addWatcher(addresses);
-        ASSERT_TRUE(monitor.start(reason)) << reason;
+        ASSERT_EQ(monitor.start().reason(), "");
         zones.start(watcher);
         bus.posted.clear();
     }
@@ -80,10 +79,10 @@ protected:
     LinkSwitch links{{}, kernel, processes};
     Interfaces interfaces{ids, kernel, zones, {links, requester}};
     Addresses addresses;
-    NetworkMonitor monitor{kernel, zones, interfaces, addresses};
+    Monitor monitor{kernel, zones, interfaces, addresses};
 };
 
-TEST_F(NetworkMonitorTest, ReadsWhatIsThere) {
+TEST_F(MonitorTest, ReadsWhatIsThere) {
     const tk::message lan = recordOf("lan0");
     EXPECT_EQ(lan.get_u32(0x10001), 1U);
     EXPECT_TRUE(lan.get_bool(tk::field::disabled));
@@ -92,7 +91,7 @@ TEST_F(NetworkMonitorTest, ReadsWhatIsThere) {
     EXPECT_TRUE(recordOf("lo").empty());
 }
 
-TEST_F(NetworkMonitorTest, FollowsTheStatus) {
+TEST_F(MonitorTest, FollowsTheStatus) {
     shell("ip link set lan0 up && ip link set far0 up");
     settle();
     EXPECT_FALSE(recordOf("lan0").get_bool(tk::field::disabled));
@@ -101,7 +100,7 @@ TEST_F(NetworkMonitorTest, FollowsTheStatus) {
     EXPECT_TRUE(becomesRunning("lan0", false));
 }
 
-TEST_F(NetworkMonitorTest, FollowsAddresses) {
+TEST_F(MonitorTest, FollowsAddresses) {
     const std::uint32_t lan = recordOf("lan0").get_u32(tk::field::objectId);
     shell(
         "ip addr add 192.0.2.7 peer 203.0.113.7 dev lan0 && ip addr add 203.0.113.9/32 scope link dev lan0");
@@ -112,7 +111,7 @@ TEST_F(NetworkMonitorTest, FollowsAddresses) {
     EXPECT_EQ(addressesOf(lan), (Texts{"192.0.2.7"}));
 }
 
-TEST_F(NetworkMonitorTest, FollowsAnInterfaceThatComesAndGoes) {
+TEST_F(MonitorTest, FollowsAnInterfaceThatComesAndGoes) {
     shell("ip link add wan0 type veth peer name far1 && ip addr add 198.51.100.1/24 dev wan0");
     settle();
     const std::uint32_t id = recordOf("wan0").get_u32(tk::field::objectId);
@@ -127,7 +126,7 @@ TEST_F(NetworkMonitorTest, FollowsAnInterfaceThatComesAndGoes) {
     EXPECT_EQ(recordOf("wan0").get_u32(tk::field::objectId), id);
 }
 
-TEST_F(NetworkMonitorTest, LeavingABridgeIsNoEnd) {
+TEST_F(MonitorTest, LeavingABridgeIsNoEnd) {
     shell("ip link add br0 type bridge && ip link set lan0 master br0");
     settle();
     bus.posted.clear();
@@ -137,7 +136,7 @@ TEST_F(NetworkMonitorTest, LeavingABridgeIsNoEnd) {
     EXPECT_TRUE(recordOf("br0").empty());
 }
 
-TEST_F(NetworkMonitorTest, ReadsAgainWhenNotificationsWereLost) {
+TEST_F(MonitorTest, ReadsAgainWhenNotificationsWereLost) {
     // More changes than the socket's buffer holds, none of them read meanwhile.
     shell("ip link set lan0 up");
     std::string batch;
@@ -149,7 +148,7 @@ TEST_F(NetworkMonitorTest, ReadsAgainWhenNotificationsWereLost) {
     EXPECT_LT(bus.posted.size(), 4000U);  // or nothing was lost, and this test shows nothing
 }
 
-TEST_F(NetworkMonitorTest, SetsInterfacesUpAndDown) {
+TEST_F(MonitorTest, SetsInterfacesUpAndDown) {
     const std::uint32_t lan = recordOf("lan0").get_u32(tk::field::objectId);
     tk::message request;
     request.insert_u32(tk::field::objectId, lan);
@@ -163,7 +162,7 @@ TEST_F(NetworkMonitorTest, SetsInterfacesUpAndDown) {
     EXPECT_TRUE(recordOf("lan0").get_bool(tk::field::disabled));
 }
 
-TEST_F(NetworkMonitorTest, CountersAreThoseOfTheKernel) {
+TEST_F(MonitorTest, CountersAreThoseOfTheKernel) {
     shell("ip link set lan0 addrgenmode none && ip link set far0 addrgenmode none");  // nothing but what is
                                                                                       // sent here
     shell(
@@ -183,7 +182,7 @@ TEST_F(NetworkMonitorTest, CountersAreThoseOfTheKernel) {
     EXPECT_EQ(arrived.get_u64(0x100FC), 3 * frame);
 }
 
-TEST_F(NetworkMonitorTest, TheZonesHearOfEverything) {
+TEST_F(MonitorTest, TheZonesHearOfEverything) {
     shell("ip link set lan0 up && ip link set far0 up");
     settle();
     EXPECT_EQ(zones.sideOf(recordOf("lan0").get_u32(0x10004)), Side::inside);
@@ -202,7 +201,7 @@ TEST_F(NetworkMonitorTest, TheZonesHearOfEverything) {
     EXPECT_FALSE(zones.isInside(testing::address("192.0.2.2")));
 }
 
-TEST_F(NetworkMonitorTest, TheZonesKnowWhatIsBelowWhat) {
+TEST_F(MonitorTest, TheZonesKnowWhatIsBelowWhat) {
     shell("ip link add br0 type bridge && ip link set far0 master br0 && ip link set br0 up");
     settle();
     zones.addExits({{recordOf("br0").get_u32(0x10004), Prefix{}}});
@@ -213,7 +212,7 @@ TEST_F(NetworkMonitorTest, TheZonesKnowWhatIsBelowWhat) {
 }
 
 // A VLAN is told in the same way; not every kernel makes them.
-TEST_F(NetworkMonitorTest, TheLinkOfAnInterfaceIsBelowIt) {
+TEST_F(MonitorTest, TheLinkOfAnInterfaceIsBelowIt) {
     bool failed = false;
     testing::run("ip link add link lan0 name lan0.7 type macvlan", failed);
     ASSERT_FALSE(failed);

@@ -2,7 +2,6 @@
 
 #include <linux/netlink.h>
 
-#include <chrono>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -10,8 +9,8 @@
 #include "links/routereader.h"
 #include "links/rtnetlink.h"
 #include "links/zones.h"
-#include "netlink/socket.h"
-#include "tk/timer.h"
+#include "tk/pacer.h"
+#include "tk/status.h"
 
 namespace router {
 
@@ -24,42 +23,41 @@ public:
     /// Lifetime: both outlive the object.
     PublicRoutes(RtNetlink& kernel, Zones& zones) : kernel(kernel), zones(zones) {}
 
-    /// Returns when the zones know. Errors: false, with the reason in `reason`; also when the routes, or
-    /// where one of them leads, cannot be read: the bus must not open to users who are not guarded.
-    [[nodiscard]] bool start(std::string& reason);
+    /// The groups of rtnetlink whose notifications heard() has to hear.
+    static const std::uint32_t groups;
+
+    /// Returns when the zones know.
+    /// Errors: the routes, or where one of them leads, cannot be read.
+    tk::Status start();
+    /// Takes up what the kernel tells.
+    void heard(const nlmsghdr& message);
+    /// Has everything read again, following the present reading.
+    void readAgain();
 
     /// True while all routes are read, or are to be read soon.
-    bool isReading() const { return isDue || reader.isBusy(); }
+    bool isReading() const { return next.isDue() || reader.isBusy(); }
 
 private:
-    void ready(int fd, std::uint32_t events);
-    void take(const nlmsghdr& message);
     void routeComes(const Route& route);
     void nextHopComes(const nlmsghdr& message);
     void somethingGoes();
     [[nodiscard]] bool isKnown(const Route& route) const;
-    void note();
-    void schedule(std::uint32_t ticks);
     void read();
     void keepDistance();
-    void retryLater();
     void routesRead(const RouteExits& exits, bool isComplete) override;
-    void routesUnread(const std::string& reason) override;
-    void fail(const std::string& why);
+    void routesUnread(const tk::Status& why) override;
+    void fail(const tk::Status& why);
     [[nodiscard]] bool tell(const RouteExits& exits);
 
     RtNetlink& kernel;
     Zones& zones;
-    netlink::Socket events;
-    tk::Watch watch;
     RouteReader reader{*this};
     RouteExits known;   // of what was told, and of what was read last
     RouteExits coming;  // since the last reading began, which may have missed it
-    std::string fault;  // why the last reading or telling failed, empty where it did not
+    tk::Status fault;   // why the last reading or telling failed
     bool isStarted = false;
-    bool isDue = false;  // another reading
-    std::chrono::steady_clock::time_point restEnd;
-    tk::Timer<PublicRoutes, &PublicRoutes::read> delay{*this};
+    bool isOutdated = false;  // what is being read: another reading follows
+    tk::Pacer<PublicRoutes, &PublicRoutes::read> next{*this};
 };
 
 }  // namespace router

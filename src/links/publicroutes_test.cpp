@@ -11,6 +11,7 @@
 
 #include "contract/programs.h"
 #include "links/testing/fakekernel.h"
+#include "netlink/notifications.h"
 #include "tk/clock.h"
 #include "tk/looper.h"
 #include "tk/testing/capturedoutput.h"
@@ -23,6 +24,25 @@ namespace {
 
 using Names = std::set<std::string>;
 
+/// Has routes hear what the kernel tells.
+class Feed final : private netlink::Notifications::Owner {
+public:
+    explicit Feed(PublicRoutes& routes) : routes(routes) {}
+    tk::Status start() {
+        if (tk::Status opened = notifications.open(NETLINK_ROUTE, PublicRoutes::groups); !opened.isOk())
+            return opened;
+        notifications.start();
+        return routes.start();
+    }
+
+private:
+    void heard(const nlmsghdr& message, bool) override { routes.heard(message); }
+    void lost() override { routes.readAgain(); }
+
+    PublicRoutes& routes;
+    netlink::Notifications notifications{*this};
+};
+
 /// A router with two interfaces that may lead out, up0 and up1.
 class PublicRoutesTest : public ::testing::Test {
 protected:
@@ -31,11 +51,10 @@ protected:
         shell("ip link add up0 type veth peer name far0 && ip link add up1 type veth peer name far1");
         shell("for i in up0 far0 up1 far1; do ip link set $i up; done");
         shell("ip addr add 198.51.100.1/24 dev up0 && ip addr add 203.0.113.1/24 dev up1");
-        std::string reason;
-        ASSERT_TRUE(kernel.open(reason)) << reason;
-        std::vector<Link> links;
-        ASSERT_TRUE(kernel.readLinks(links, reason)) << reason;
-        zones.applyAll(links, {});
+        ASSERT_EQ(kernel.open().reason(), "");
+        const auto links = kernel.readLinks();
+        ASSERT_EQ(links.reason(), "");
+        zones.applyAll(*links, {});
         zones.start(watcher);
     }
     void TearDown() override {
@@ -45,8 +64,7 @@ protected:
         testing::run("sysctl -qw net.ipv4.nexthop_compat_mode=1", failed);
     }
     void start() {
-        std::string reason;
-        ASSERT_TRUE(routes.start(reason)) << reason;
+        ASSERT_EQ(feed.start().reason(), "");
     }
     static void shell(const std::string& command) {
         bool failed = false;
@@ -95,6 +113,7 @@ protected:
     testing::IdleWatcher watcher;
     Zones zones;
     PublicRoutes routes{kernel, zones};
+    Feed feed{routes};
 };
 
 TEST_F(PublicRoutesTest, CountFromTheStart) {
@@ -202,12 +221,12 @@ TEST_F(PublicRoutesTest, WhatIsKnownCountsWhileANextHopObjectCannotBeRead) {
     if (!usesNextHops()) GTEST_SKIP() << "this kernel has no nexthop objects";
     RtNetlink closed;  // every request of it fails until it is opened
     PublicRoutes blind(closed, zones);
-    std::string reason;
-    ASSERT_TRUE(blind.start(reason)) << reason;
+    Feed sight(blind);
+    ASSERT_EQ(sight.start().reason(), "");
     shell("ip nexthop add id 7 via 203.0.113.2 dev up1 && ip route add default nhid 7");
     shell("ip route add default via 198.51.100.2 table 100");
     EXPECT_EQ(outsideUntil({"up0"}), Names{"up0"}) << "what is known without the object";
-    ASSERT_TRUE(closed.open(reason)) << reason;
+    ASSERT_EQ(closed.open().reason(), "");
     EXPECT_EQ(outsideUntil({"up0", "up1"}), (Names{"up0", "up1"}));
 }
 
@@ -216,9 +235,7 @@ TEST_F(PublicRoutesTest, DoNotStartWhenItIsNotKnownWhereARouteLeads) {
     shell("ip nexthop add id 7 via 203.0.113.2 dev up1 && ip route add default nhid 7");
     RtNetlink closed;
     PublicRoutes blind(closed, zones);
-    std::string reason;
-    EXPECT_FALSE(blind.start(reason));
-    EXPECT_EQ(reason, "nexthop 7 cannot be read: Bad file descriptor");
+    EXPECT_EQ(blind.start().reason(), "nexthop 7 cannot be read: Bad file descriptor");
 }
 
 TEST_F(PublicRoutesTest, AChangeDuringAReadingLeadsToAnother) {

@@ -5,7 +5,6 @@
 
 #include <utility>
 
-#include "tk/log.h"
 
 namespace router {
 
@@ -34,13 +33,10 @@ void RouteExits::addFallback(const Route& route) {
         fallbacks.insert(route.interfaces.begin(), route.interfaces.end());
 }
 
-bool RouteReader::open(std::string& reason) {
-    if (const tk::Status opened = socket.open(NETLINK_ROUTE); !opened.isOk()) {
-        reason = "rtnetlink: " + opened.reason();
-        return false;
-    }
+tk::Status RouteReader::open() {
+    if (tk::Status opened = socket.open(NETLINK_ROUTE); !opened.isOk()) return opened.prefixed("rtnetlink: ");
     watch.start<RouteReader, &RouteReader::ready>(socket.descriptor(), *this, tk::readable);
-    return true;
+    return {};
 }
 
 void RouteReader::begin() {
@@ -97,7 +93,7 @@ void RouteReader::judge(const Route& route) {
 
 void RouteReader::finish() {
     const tk::Status outcome = answer.outcome();
-    if (!outcome.isOk()) return owner.routesUnread(outcome.reason());
+    if (!outcome.isOk()) return owner.routesUnread(outcome);
     owner.routesRead(std::exchange(exits, {}), !answer.isInterrupted());
 }
 

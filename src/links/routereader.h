@@ -11,6 +11,7 @@
 #include "links/rtnetlink.h"
 #include "netlink/request.h"
 #include "netlink/socket.h"
+#include "tk/status.h"
 #include "tk/timer.h"
 
 namespace router {
@@ -39,14 +40,15 @@ public:
         /// A reading is over. Not `isComplete` when routes changed meanwhile, so that some may be missing.
         virtual void routesRead(const RouteExits& exits, bool isComplete) = 0;
         /// A reading has failed.
-        virtual void routesUnread(const std::string& reason) = 0;
+        virtual void routesUnread(const tk::Status& why) = 0;
     };
 
     /// Lifetime: the owner outlives the object.
     explicit RouteReader(Owner& owner) : owner(owner) {}
 
-    /// Errors: false, with the reason in `reason`.
-    [[nodiscard]] bool open(std::string& reason);
+    /// Errors: there is no rtnetlink.
+    /// Lifetime: there is a loop from now on until the object is gone.
+    tk::Status open();
 
     /// Begins to read; one reading at a time. The owner is called when it is over.
     void begin();

@@ -55,8 +55,7 @@ protected:
         if (!tk::testing::enterPrivateNetwork()) GTEST_SKIP() << "needs root";
         shell("ip link add up0 type veth peer name far0 && ip link add up1 type veth peer name far1");
         shell("for i in up0 far0 up1 far1; do ip link set $i up; done");
-        std::string reason;
-        ASSERT_TRUE(routes.open(reason)) << reason;
+        ASSERT_EQ(routes.open().reason(), "");
     }
     void TearDown() override {
         bool failed = false;
@@ -78,7 +77,7 @@ protected:
         found = exits;
         EXPECT_TRUE(isComplete);
     }
-    void routesUnread(const std::string& reason) override { ADD_FAILURE() << reason; }
+    void routesUnread(const tk::Status& why) override { ADD_FAILURE() << why.reason(); }
 
     using Names = std::set<std::string>;
     static Names namesOf(const std::set<std::uint32_t>& indexes) {

@@ -10,6 +10,7 @@
 #include <string.h>
 
 #include <optional>
+#include <utility>
 
 #include "netlink/attributes.h"
 #include "netlink/request.h"
@@ -128,9 +129,18 @@ private:
     Header* own;
 };
 
-bool accept(const tk::Status& result, std::string& reason) {
-    if (!result.isOk()) reason = result.reason();
-    return result.isOk();
+/// All that the kernel lists and that can be read.
+template <typename T>
+tk::Result<std::vector<T>> listOf(netlink::Socket& socket, nlmsghdr& request,
+                                  std::optional<T> (*parse)(const nlmsghdr&)) {
+    std::vector<T> found;
+    tk::Status outcome = netlink::dump(
+        socket, request, [&found] { found.clear(); },
+        [&found, parse](const nlmsghdr& message) {
+            if (auto one = parse(message)) found.push_back(std::move(*one));
+        });
+    if (!outcome.isOk()) return outcome;
+    return found;
 }
 
 }  // namespace
@@ -211,66 +221,61 @@ NextHop parseNextHop(const nlmsghdr& message) {
     return hop;
 }
 
-bool RtNetlink::open(std::string& reason) {
-    return accept(socket.open(NETLINK_ROUTE).prefixed("rtnetlink: "), reason);
+tk::Status RtNetlink::open() {
+    return socket.open(NETLINK_ROUTE).prefixed("rtnetlink: ");
 }
 
-bool RtNetlink::readLink(std::uint32_t index, Link& out, std::string& reason) {
+tk::Result<Link> RtNetlink::readLink(std::uint32_t index) {
     Request<ifinfomsg> request(RTM_GETLINK);
     request->ifi_index = static_cast<int>(index);
-    const tk::Status result = netlink::request(socket, request.get(), [&out](const nlmsghdr& message) {
-        if (const auto link = parseLink(message)) out = *link;
+    Link found;
+    tk::Status outcome = netlink::request(socket, request.get(), [&found](const nlmsghdr& message) {
+        if (const auto link = parseLink(message)) found = *link;
     });
-    return accept(result, reason);
+    if (!outcome.isOk()) return outcome;
+    return found;
 }
 
-bool RtNetlink::setLinkUp(std::uint32_t index, bool up, std::string& reason) {
+tk::Status RtNetlink::setLinkUp(std::uint32_t index, bool up) {
     Request<ifinfomsg> request(RTM_NEWLINK);
     request->ifi_index = static_cast<int>(index);
     request->ifi_flags = up ? IFF_UP : 0;
     request->ifi_change = IFF_UP;
-    return accept(netlink::request(socket, request.get()), reason);
+    return netlink::request(socket, request.get());
 }
 
-bool RtNetlink::readNextHop(std::uint32_t id, NextHop& out, std::string& reason) {
+/// One that leads nowhere where there is no such object.
+tk::Result<NextHop> RtNetlink::readNextHop(std::uint32_t id) {
     Request<nhmsg> request(RTM_GETNEXTHOP);
     mnl_attr_put_u32(&request.get(), NHA_ID, id);
-    const tk::Status result = netlink::request(
-        socket, request.get(), [&out](const nlmsghdr& message) { out = parseNextHop(message); });
-    return result.code() == ENOENT || result.code() == EOPNOTSUPP || accept(result, reason);
+    NextHop found;
+    tk::Status outcome = netlink::request(
+        socket, request.get(), [&found](const nlmsghdr& message) { found = parseNextHop(message); });
+    if (outcome.isOk() || outcome.code() == ENOENT || outcome.code() == EOPNOTSUPP) return found;
+    return outcome;
 }
 
-bool RtNetlink::addInterfacesOf(std::uint32_t nextHop, std::set<std::uint32_t>& out, std::string& reason) {
-    NextHop hop;
-    if (!readNextHop(nextHop, hop, reason)) return false;
-    if (hop.interface != 0) out.insert(hop.interface);
-    for (const std::uint32_t id : hop.members) {  // which are no groups
-        NextHop member;
-        if (!readNextHop(id, member, reason)) return false;
-        if (member.interface != 0) out.insert(member.interface);
+tk::Status RtNetlink::addInterfacesOf(std::uint32_t nextHop, std::set<std::uint32_t>& out) {
+    const tk::Result<NextHop> hop = readNextHop(nextHop);
+    if (!hop.isOk()) return hop.status();
+    if (hop->interface != 0) out.insert(hop->interface);
+    for (const std::uint32_t id : hop->members) {  // which are no groups
+        const tk::Result<NextHop> member = readNextHop(id);
+        if (!member.isOk()) return member.status();
+        if (member->interface != 0) out.insert(member->interface);
     }
-    return true;
+    return {};
 }
 
-bool RtNetlink::readLinks(std::vector<Link>& out, std::string& reason) {
+tk::Result<std::vector<Link>> RtNetlink::readLinks() {
     Request<ifinfomsg> request(RTM_GETLINK);
-    const tk::Status result = netlink::dump(
-        socket, request.get(), [&out] { out.clear(); },
-        [&out](const nlmsghdr& message) {
-            if (const auto link = parseLink(message)) out.push_back(*link);
-        });
-    return accept(result, reason);
+    return listOf<Link>(socket, request.get(), &parseLink);
 }
 
-bool RtNetlink::readAddresses(std::vector<LinkAddress>& out, std::string& reason) {
+tk::Result<std::vector<LinkAddress>> RtNetlink::readAddresses() {
     Request<ifaddrmsg> request(RTM_GETADDR);
     request->ifa_family = AF_INET;
-    const tk::Status result = netlink::dump(
-        socket, request.get(), [&out] { out.clear(); },
-        [&out](const nlmsghdr& message) {
-            if (const auto address = parseAddress(message)) out.push_back(*address);
-        });
-    return accept(result, reason);
+    return listOf<LinkAddress>(socket, request.get(), &parseAddress);
 }
 
 }  // namespace router

@@ -5,12 +5,12 @@
 #include <cstdint>
 #include <optional>
 #include <set>
-#include <string>
 #include <vector>
 
 #include "links/kernel.h"
 #include "links/prefix.h"
 #include "netlink/socket.h"
+#include "tk/status.h"
 
 namespace router {
 
@@ -59,23 +59,23 @@ struct NextHop {
 /// The kernel's interfaces, addresses and nexthop objects over rtnetlink: requests that are answered at once.
 class RtNetlink final : public NetworkKernel {
 public:
-    /// Errors: false, with the reason in `reason`.
-    [[nodiscard]] bool open(std::string& reason);
+    /// Errors: there is no rtnetlink.
+    tk::Status open();
 
-    [[nodiscard]] bool readLink(std::uint32_t index, Link& out, std::string& reason) override;
-    [[nodiscard]] bool setLinkUp(std::uint32_t index, bool up, std::string& reason) override;
+    tk::Result<Link> readLink(std::uint32_t index) override;
+    tk::Status setLinkUp(std::uint32_t index, bool up) override;
 
     /// Adds the indexes of the interfaces that a nexthop object leads out of: none for one that is no more,
-    /// and none with a kernel that has no such objects. Errors: false, with the reason in `reason`.
-    [[nodiscard]] bool addInterfacesOf(std::uint32_t nextHop, std::set<std::uint32_t>& out,
-                                       std::string& reason);
+    /// and none with a kernel that has no such objects.
+    /// Errors: where not all members of a group can be read, those that could be are added.
+    tk::Status addInterfacesOf(std::uint32_t nextHop, std::set<std::uint32_t>& out);
 
-    /// Reads all interfaces, or all IPv4 addresses. Errors: false, with the reason in `reason`.
-    [[nodiscard]] bool readLinks(std::vector<Link>& out, std::string& reason);
-    [[nodiscard]] bool readAddresses(std::vector<LinkAddress>& out, std::string& reason);
+    // Read all interfaces, or all IPv4 addresses.
+    tk::Result<std::vector<Link>> readLinks();
+    tk::Result<std::vector<LinkAddress>> readAddresses();
 
 private:
-    [[nodiscard]] bool readNextHop(std::uint32_t id, NextHop& out, std::string& reason);
+    tk::Result<NextHop> readNextHop(std::uint32_t id);
 
     netlink::Socket socket;
 };

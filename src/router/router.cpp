@@ -36,7 +36,6 @@ Router::Router(const Config& config, const Paths& paths, Processes& processes)
       identity(paths.stores + "/identity"),
       history(secondsSince1970),
       monitor(kernel, zones, interfaces, addresses),
-      routes(kernel, zones),
       activation(config.programs, hub, processes),
       listener(hub) {
     interfaces.addWatcher(addresses);
@@ -70,13 +69,11 @@ tk::Status Router::start() {
 /// Everything that the router has open towards the kernel, in the order in which it needs each other.
 tk::Status Router::openKernel() {
     std::string reason;
-    if (!kernel.open(reason)) return tk::Status::failure(reason);
+    if (tk::Status opened = kernel.open(); !opened.isOk()) return opened;
     if (!flows.open(reason)) return tk::Status::failure(reason);
     if (!table.open(reason)) return tk::Status::failure(reason);
     if (!listeners.open(reason)) return tk::Status::failure(reason);
-    if (!monitor.start(reason)) return tk::Status::failure(reason);
-    if (zones.dependsOnRoutes() && !routes.start(reason)) return tk::Status::failure(reason);
-    return {};
+    return monitor.start();
 }
 
 void Router::run() {

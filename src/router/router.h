@@ -15,7 +15,6 @@
 #include "links/interfaces.h"
 #include "links/linkswitch.h"
 #include "links/monitor.h"
-#include "links/publicroutes.h"
 #include "links/rtnetlink.h"
 #include "links/zones.h"
 #include "nat/listeners.h"
@@ -82,8 +81,7 @@ private:
     Nat nat;
     Identity identity;
     History history;
-    NetworkMonitor monitor;
-    PublicRoutes routes;
+    Monitor monitor;
     Activation activation;
     BusListener listener;
 };

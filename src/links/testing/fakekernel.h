@@ -22,18 +22,14 @@ inline std::uint32_t address(const char* text) {
 /// Interfaces as a test wants them.
 class FakeNetwork final : public NetworkKernel {
 public:
-    bool readLink(std::uint32_t index, Link& out, std::string& reason) override {
-        if (!links.contains(index)) {
-            reason = "No such device";
-            return false;
-        }
-        out = links[index];
-        return true;
+    tk::Result<Link> readLink(std::uint32_t index) override {
+        if (!links.contains(index)) return tk::Status::failure("No such device");
+        return links[index];
     }
-    bool setLinkUp(std::uint32_t index, bool up, std::string& reason) override {
-        reason = fault;
-        if (fault.empty()) switched.emplace_back(index, up);
-        return fault.empty();
+    tk::Status setLinkUp(std::uint32_t index, bool up) override {
+        if (!fault.empty()) return tk::Status::failure(fault);
+        switched.emplace_back(index, up);
+        return {};
     }
 
     std::map<std::uint32_t, Link> links;
