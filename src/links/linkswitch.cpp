@@ -70,8 +70,9 @@ std::optional<tk::message> LinkSwitch::set(const Link& link, bool up, uid_t user
     const bool isKnown = config != interfaces.end();
     const std::string wish = link.name + (up ? " up" : " down");
     if (user != root && !(isKnown && config->terminate)) {
-        tk::message refusal = tk::errorMsg(tk::error::notAllowed, "user " + std::to_string(user) + " may not set " + wish +
-                                                         ": no [[interface]] with terminate allows it");
+        tk::message refusal =
+            tk::errorMsg(tk::error::notAllowed, "user " + std::to_string(user) + " may not set " + wish +
+                                                    ": no [[interface]] with terminate allows it");
         refusals.note("request of user " + std::to_string(user) + " refused", user, tk::getError(refusal));
         return refusal;
     }

@@ -25,10 +25,9 @@ protected:
     }
     /// What came of it at once: "done", the error's text, or "later".
     std::string set(const char* name, bool up, uid_t user = 0) {
-        tk::message answer;
         const auto done = [this](tk::message outcome) { later.push_back(textOf(outcome)); };
-        const auto answer = links.set(link(name), up, user, done);
-        return answer ? textOf(*answer) : "later";
+        const auto outcome = links.set(link(name), up, user, done);
+        return outcome ? textOf(*outcome) : "later";
     }
     static std::string textOf(const tk::message& outcome) {
         return tk::isError(outcome) ? tk::getError(outcome) : "done";

@@ -201,6 +201,13 @@ TEST_F(MonitorTest, TheZonesHearOfEverything) {
     EXPECT_FALSE(zones.isInside(testing::address("192.0.2.2")));
 }
 
+TEST_F(MonitorTest, TheZonesHearOfRoutes) {
+    shell("ip link set lan0 up && ip link set far0 up");
+    shell("ip route add default via 192.0.2.2");
+    settle();
+    EXPECT_EQ(zones.sideOf(recordOf("lan0").get_u32(0x10004)), Side::outside);
+}
+
 TEST_F(MonitorTest, TheZonesKnowWhatIsBelowWhat) {
     shell("ip link add br0 type bridge && ip link set far0 master br0 && ip link set br0 up");
     settle();

@@ -63,9 +63,7 @@ protected:
         testing::run("ip route flush table all type blackhole; ip route flush table 100 2>&1", failed);
         testing::run("sysctl -qw net.ipv4.nexthop_compat_mode=1", failed);
     }
-    void start() {
-        ASSERT_EQ(feed.start().reason(), "");
-    }
+    void start() { ASSERT_EQ(feed.start().reason(), ""); }
     static void shell(const std::string& command) {
         bool failed = false;
         testing::run(command, failed);

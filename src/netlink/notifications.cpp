@@ -22,7 +22,8 @@ void Notifications::start() {
 
 void Notifications::ready(int, std::uint32_t) {
     for (int i = 0; i < datagramsPerTurn; ++i) {
-        const auto result = socket.receive(0, [this](const nlmsghdr& message) { owner.heard(message, false); });
+        const auto result =
+            socket.receive(0, [this](const nlmsghdr& message) { owner.heard(message, false); });
         if (result == Socket::Received::nothing) return;
         if (result == Socket::Received::datagram) continue;
         discard();
