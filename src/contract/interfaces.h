@@ -1,6 +1,10 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
+#include <string>
+
+#include "tk/message.h"
 
 /// The interfaces of the router, at {20, 0}.
 namespace contract {
@@ -19,6 +23,40 @@ constexpr std::uint32_t txPackets = 0x100FF;
 }  // namespace interfacefield
 constexpr std::uint32_t goneFlags = 0x82;
 constexpr std::uint32_t ethernet = 1;
+
+/// Traffic counters of an interface.
+struct InterfaceCounters {
+    std::uint64_t receivedPackets = 0;
+    std::uint64_t sentPackets = 0;
+    std::uint64_t receivedBytes = 0;
+    std::uint64_t sentBytes = 0;
+
+    bool operator==(const InterfaceCounters&) const = default;
+};
+
+/// What the router says of one interface. A value.
+struct InterfaceRecord {
+    std::uint32_t id = 0;
+    std::uint32_t type = 0;
+    std::uint32_t flags = 0;
+    std::uint32_t index = 0;
+    std::string name;
+    std::optional<std::string> displayName;
+    // Empty where a record does not tell: then it is as it was.
+    std::optional<bool> disabled;
+    std::optional<bool> running;
+    std::optional<InterfaceCounters> counters;
+
+    /// True when the interface is gone.
+    bool isGone() const { return (flags & goneFlags) != 0; }
+
+    /// What is empty is left out.
+    tk::message toMessage() const;
+    static InterfaceRecord fromMessage(const tk::message& record);
+
+    bool operator==(const InterfaceRecord&) const = default;
+};
+
 constexpr std::uint32_t withCounters = 256;          // option of a get: adds the counters
 constexpr std::uint32_t listInterfaces = 1;          // command: the paged list
 constexpr std::uint32_t interfaceChanged = 0x10004;  // notification: the message itself is the record

@@ -22,29 +22,17 @@ namespace ctl {
 
 namespace {
 
-/// One IPv4 address of the router, as the address service reports it.
-struct Address {
-    std::uint32_t id = 0;
-    std::string address;
-    std::uint32_t interface = 0;
-    bool disabled = false;
-};
+using Address = contract::AddressRecord;
 
-Address readAddress(const tk::message& record) {
-    Address out;
-    out.id = record.get_u32(tk::field::objectId);
-    out.address = ipToString(record.get_be32(contract::addressfield::address));
-    out.interface = record.get_u32(contract::addressfield::interface,
-                                   record.get_u32(contract::addressfield::actualInterface));
-    out.disabled = record.get_bool(tk::field::disabled);
-    return out;
+std::string textOf(const Address& entry) {
+    return ipToString(entry.address.value_or(0));
 }
 
 /// All addresses, in the service's order. Errors: throws Failure.
 std::vector<Address> readAddresses(Session& session) {
     std::vector<Address> addresses;
     for (const tk::message& record : session.list(contract::path::addresses()))
-        addresses.push_back(readAddress(record));
+        addresses.push_back(Address::fromMessage(record));
     return addresses;
 }
 
@@ -53,7 +41,7 @@ Json addressesToJson(const std::vector<Address>& addresses) {
     for (const Address& entry : addresses) {
         Json object;
         object["id"] = entry.id;
-        object["address"] = entry.address;
+        object["address"] = textOf(entry);
         object["interface"] = entry.interface;
         object["disabled"] = entry.disabled;
         list.push_back(object);
@@ -66,7 +54,7 @@ std::string addressTable(Session& session, const std::vector<Address>& addresses
     Table table({"ID", "ADDRESS", "INTERFACE", "DISABLED"});
     for (const Address& entry : addresses) {
         const std::string name = interfaceName(interfaces, entry.interface);
-        table.add({std::to_string(entry.id), entry.address,
+        table.add({std::to_string(entry.id), textOf(entry),
                    name.empty() ? std::to_string(entry.interface) : name, yesNo(entry.disabled)});
     }
     return table.text();

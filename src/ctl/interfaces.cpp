@@ -16,15 +16,14 @@ namespace ctl {
 namespace {
 
 Interface readInterface(const tk::message& record) {
-    Interface out;
-    out.id = record.get_u32(tk::field::objectId);
-    out.name = record.get_string(contract::interfacefield::name);
-    out.displayName = record.get_string(contract::interfacefield::displayName, out.name);
-    out.index = record.get_u32(contract::interfacefield::index);
-    out.type = record.get_u32(contract::interfacefield::type);
-    out.disabled = record.get_bool(tk::field::disabled);
-    out.running = record.get_bool(contract::interfacefield::running);
-    return out;
+    const auto told = contract::InterfaceRecord::fromMessage(record);
+    return {told.id,
+            told.name,
+            told.displayName.value_or(told.name),
+            told.index,
+            told.type,
+            told.disabled.value_or(false),
+            told.running.value_or(false)};
 }
 
 Json interfaceToJson(const Interface& source) {

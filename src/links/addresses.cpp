@@ -2,7 +2,6 @@
 
 #include <string>
 
-#include "contract/addresses.h"
 #include "tk/names.h"
 #include "tk/page.h"
 
@@ -10,19 +9,12 @@ namespace router {
 
 namespace {
 
-namespace field = contract::addressfield;
-
 constexpr std::size_t pageSize = 256;
 
 }  // namespace
 
-tk::message Addresses::recordOf(std::uint32_t id, const Published& object) const {
-    tk::message record;
-    record.insert_u32(tk::field::objectId, id);
-    record.insert_be32(field::address, object.address);
-    record.insert_u32(field::interface, object.interface);
-    record.insert_bool(tk::field::disabled, false);
-    return record;
+contract::AddressRecord Addresses::recordOf(std::uint32_t id, const Published& object) {
+    return {id, object.address, object.interface, false, false};
 }
 
 bool Addresses::isOffered(const Place& place) const {
@@ -40,18 +32,18 @@ void Addresses::publish(const LinkAddress& address) {
     const std::uint32_t id = ++lastId;
     ids[place] = id;
     const Published& object = objects[id] = {place.second, interface->second};
-    notifyChange(id, recordOf(id, object));
+    notifyChange(id, recordOf(id, object).toMessage());
 }
 
 void Addresses::withdraw(const Place& place) {
     const auto known = ids.find(place);
     if (known == ids.end()) return;
     const std::uint32_t id = known->second;
-    tk::message record = recordOf(id, objects[id]);
-    record.insert_u32(tk::field::deleted, 1);
+    contract::AddressRecord record = recordOf(id, objects[id]);
+    record.isDeleted = true;
     objects.erase(id);
     ids.erase(known);
-    notifyChange(id, record);
+    notifyChange(id, record.toMessage());
 }
 
 void Addresses::apply(const LinkAddress& address) {
@@ -94,7 +86,7 @@ void Addresses::interfaceGone(std::uint32_t index) {
 
 tk::message Addresses::cmdGetAll(const tk::message& request) {
     return pageOf(objects, request, pageSize,
-                  [this](std::uint32_t id, const Published& object) { return recordOf(id, object); });
+                  [](std::uint32_t id, const Published& object) { return recordOf(id, object).toMessage(); });
 }
 
 tk::message Addresses::cmdGetObj(const tk::message& request) {
@@ -102,7 +94,7 @@ tk::message Addresses::cmdGetObj(const tk::message& request) {
     const auto object = objects.find(id);
     if (object == objects.end())
         return tk::errorMsg(tk::error::noSuchObject, "no address " + std::to_string(id));
-    return recordOf(id, object->second);
+    return recordOf(id, object->second).toMessage();
 }
 
 tk::message Addresses::cmdGetCount(const tk::message&) {

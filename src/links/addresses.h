@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "contract/addresses.h"
 #include "links/interfaces.h"
 #include "links/kernel.h"
 #include "tk/handler.h"
@@ -40,7 +41,7 @@ private:
     };
     using Place = std::pair<std::uint32_t, std::uint32_t>;  // the kernel's index, address
 
-    [[nodiscard]] tk::message recordOf(std::uint32_t id, const Published& object) const;
+    [[nodiscard]] static contract::AddressRecord recordOf(std::uint32_t id, const Published& object);
     [[nodiscard]] bool isOffered(const Place& place) const;
     void publish(const LinkAddress& address);
     void withdraw(const Place& place);

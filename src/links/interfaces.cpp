@@ -5,7 +5,6 @@
 #include <set>
 #include <utility>
 
-#include "contract/interfaces.h"
 #include "tk/bus.h"
 #include "tk/names.h"
 #include "tk/page.h"
@@ -14,30 +13,20 @@ namespace router {
 
 namespace {
 
-namespace field = contract::interfacefield;
-
 constexpr std::size_t pageSize = 64;
 
 static_assert(ARPHRD_ETHER == 1);  // the kernel's types of hardware are the bus's
 
-tk::message recordOf(std::uint32_t id, const Link& link, std::uint32_t flags = 0) {
-    tk::message record;
-    record.insert_u32(tk::field::objectId, id);
-    record.insert_u32(field::type, link.hardwareType);
-    record.insert_u32(field::flags, flags);
-    record.insert_u32(field::index, link.index);
-    record.insert_string(field::name, link.name);
-    record.insert_string(field::displayName, link.alias.empty() ? link.name : link.alias);
-    record.insert_bool(tk::field::disabled, !link.isUp());
-    record.insert_bool(field::running, link.isRunning());
+contract::InterfaceRecord recordOf(std::uint32_t id, const Link& link) {
+    contract::InterfaceRecord record;
+    record.id = id;
+    record.type = link.hardwareType;
+    record.index = link.index;
+    record.name = link.name;
+    record.displayName = link.alias.empty() ? link.name : link.alias;
+    record.disabled = !link.isUp();
+    record.running = link.isRunning();
     return record;
-}
-
-void addCounters(tk::message& record, const LinkCounters& counters) {
-    record.insert_u64(field::rxPackets, counters.receivedPackets);
-    record.insert_u64(field::txPackets, counters.sentPackets);
-    record.insert_u64(field::rxBytes, counters.receivedBytes);
-    record.insert_u64(field::txBytes, counters.sentBytes);
 }
 
 tk::message noSuchInterface(std::uint32_t id) {
@@ -112,22 +101,24 @@ void Interfaces::withdraw(std::uint32_t id) {
     for (InterfaceWatcher* watcher : watchers) watcher->interfaceGone(link.index);
     links.erase(id);
     byIndex.erase(link.index);
-    tell(recordOf(id, link, contract::goneFlags));
+    contract::InterfaceRecord record = recordOf(id, link);
+    record.flags = contract::goneFlags;
+    tell(record);
 }
 
-void Interfaces::tell(const tk::message& record) {
-    tk::message notification = record;
+void Interfaces::tell(const contract::InterfaceRecord& record) {
+    tk::message notification = record.toMessage();
     tk::stamp(notification, path(), 0, tk::Kind::notification, contract::interfaceChanged);
     (void)sendMessage(std::move(notification));  // nobody waits for a notification
 }
 
 void Interfaces::tellStatus(std::uint32_t id) {
-    notifyChange(id, recordOf(id, links[id]));
+    notifyChange(id, recordOf(id, links[id]).toMessage());
 }
 
 tk::message Interfaces::cmdGetAll(const tk::message& request) {
     return pageOf(links, request, pageSize,
-                  [](std::uint32_t id, const Link& link) { return recordOf(id, link); });
+                  [](std::uint32_t id, const Link& link) { return recordOf(id, link).toMessage(); });
 }
 
 tk::message Interfaces::cmdUnknown(const tk::message& received, std::uint32_t command) {
@@ -155,12 +146,12 @@ tk::message Interfaces::cmdGetObj(const tk::message& request) {
     const std::uint32_t id = request.get_u32(tk::field::objectId);
     const auto link = links.find(id);
     if (link == links.end()) return noSuchInterface(id);
-    tk::message record = recordOf(id, link->second);
-    if ((request.get_u32(tk::field::options) & contract::withCounters) == 0) return record;
+    contract::InterfaceRecord record = recordOf(id, link->second);
+    if ((request.get_u32(tk::field::options) & contract::withCounters) == 0) return record.toMessage();
     const tk::Result<Link> current = kernel.readLink(link->second.index);
     if (!current.isOk()) return tk::errorMsg(tk::error::failed, current.reason());
-    addCounters(record, current->counters);
-    return record;
+    record.counters = current->counters;
+    return record.toMessage();
 }
 
 tk::message Interfaces::cmdSetObj(const tk::message& request) {

@@ -6,6 +6,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "contract/interfaces.h"
 #include "hub/access.h"
 #include "links/interfaceids.h"
 #include "links/kernel.h"
@@ -62,7 +63,7 @@ private:
     void add(std::uint32_t id, const Link& link);
     void update(std::uint32_t id, const Link& link);
     void withdraw(std::uint32_t id);
-    void tell(const tk::message& record);
+    void tell(const contract::InterfaceRecord& record);
     void tellStatus(std::uint32_t id);
 
     InterfaceIds& ids;

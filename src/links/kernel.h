@@ -4,17 +4,10 @@
 #include <string>
 #include <tuple>
 
+#include "contract/interfaces.h"
 #include "tk/status.h"
 
 namespace router {
-
-/// Traffic counters of an interface.
-struct LinkCounters {
-    std::uint64_t receivedPackets = 0;
-    std::uint64_t sentPackets = 0;
-    std::uint64_t receivedBytes = 0;
-    std::uint64_t sentBytes = 0;
-};
 
 /// A network interface as the kernel describes it. A value.
 struct Link {
@@ -25,7 +18,7 @@ struct Link {
     std::uint32_t flags = 0;         // IFF_...
     std::uint32_t lower = 0;         // index of the device that carries its packets; 0: none, or elsewhere
     std::uint32_t master = 0;        // index of the bridge or bond that it is a member of; 0: none
-    LinkCounters counters;
+    contract::InterfaceCounters counters;
 
     /// True for the interface of the router to itself.
     bool isLoopback() const;

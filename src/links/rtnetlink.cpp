@@ -42,7 +42,7 @@ constexpr netlink::AttributeRule nextHopRules[] = {
     {NHA_GROUP, MNL_TYPE_UNSPEC, sizeof(nexthop_grp)},
 };
 
-LinkCounters countersOf(const netlink::Attributes& attributes) {
+contract::InterfaceCounters countersOf(const netlink::Attributes& attributes) {
     const nlattr* attribute = attributes.find(IFLA_STATS64);
     if (!attribute) return {};
     rtnl_link_stats64 stats{};

@@ -36,7 +36,7 @@ void WANCommonInterfaceConfig::setDevice(const tk::message& record) {
 }
 
 void WANCommonInterfaceConfig::registerVariables(const tk::message& record) {
-    const bool isEthernet = record.get_u32(contract::interfacefield::type) == contract::ethernet;
+    const bool isEthernet = contract::InterfaceRecord::fromMessage(record).type == contract::ethernet;
     const VariableRow rows[] = {
         {"WANAccessType", VariableType::string, false, allowedAccessTypes(),
          isEthernet ? "Ethernet" : "Other"},

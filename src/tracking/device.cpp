@@ -4,8 +4,6 @@
 
 #include <cassert>
 
-#include "contract/interfaces.h"
-#include "tk/names.h"
 #include "tracking/tracking.h"
 
 bool NumericOrder::operator()(std::uint32_t left, std::uint32_t right) const {
@@ -17,19 +15,19 @@ Device::~Device() {
 }
 
 std::uint32_t Device::id() const {
-    return record.get_u32(tk::field::objectId);
+    return record.id;
 }
 
 std::uint32_t Device::index() const {
-    return record.get_u32(contract::interfacefield::index);
+    return record.index;
 }
 
 std::string Device::name() const {
-    return record.get_string(contract::interfacefield::name);
+    return record.name;
 }
 
 std::string Device::displayName() const {
-    return record.get_string(contract::interfacefield::displayName);
+    return record.displayName.value_or("");
 }
 
 int Device::connectionStatus() const {

@@ -5,6 +5,7 @@
 #include <set>
 #include <string>
 
+#include "contract/interfaces.h"
 #include "services/wancommoninterfaceconfig.h"
 #include "services/wanipconnection.h"
 #include "tk/message.h"
@@ -30,7 +31,7 @@ public:
     Device& operator=(const Device&) = delete;
     ~Device();
 
-    tk::message record;  // as last received
+    contract::InterfaceRecord record;  // as last received
     Role type = Role::none;
     bool disabled = false;
     bool running = false;

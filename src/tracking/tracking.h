@@ -6,6 +6,8 @@
 #include <memory>
 #include <vector>
 
+#include "contract/addresses.h"
+#include "contract/interfaces.h"
 #include "http/httpserver.h"
 #include "ssdp/discovery.h"
 #include "tk/message.h"
@@ -35,10 +37,10 @@ public:
     /// UPnP was switched: on, reads the whole interface list and follows it; off, follows it no more.
     void getDevices();
     /// One interface was added, changed or removed.
-    void deviceChanged(const tk::message& record);
+    void deviceChanged(const tk::message& message);
     /// The status of interfaces: those that `msg` carries records of, or all of them when it carries none.
     void updateDeviceStatus(const tk::message& msg);
-    void applyDeviceStatus(const tk::message& record);
+    void applyDeviceStatus(const tk::message& message);
     /// The interface with that id; null when there is none.
     Device* deviceOf(std::uint32_t interface) const;
     /// The interface whose SSDP socket this is. The process ends when there is none.
@@ -55,7 +57,7 @@ public:
     /// Changes of addresses: those that `msg` carries records of, or a walk over all of them when it carries
     /// none.
     void updateAddresses(const tk::message& msg);
-    void applyAddress(const tk::message& record);
+    void applyAddress(const tk::message& message);
     /// Adds an address to an interface, or removes it, and moves the interface to another address where that
     /// follows. Byte order: network.
     void setDeviceAddress(std::uint32_t interface, std::uint32_t address, bool add);
@@ -84,11 +86,11 @@ private:
 
     void clearDevices();
     void removeDevice(Devices::iterator entry);
-    void addDevice(const tk::message& record);
+    void addDevice(const contract::InterfaceRecord& record);
     void walkAddresses();
-    void addAddress(std::uint32_t id, const tk::message& record);
-    void changeAddress(std::uint32_t id, Addr& stored, const tk::message& record);
-    void deleteAddress(std::uint32_t id, const tk::message& record);
+    void addAddress(const contract::AddressRecord& record);
+    void changeAddress(Addr& stored, const contract::AddressRecord& record);
+    void deleteAddress(const contract::AddressRecord& record);
     void moveTo(Device* device, std::uint32_t address);
     void openSockets(Device* device);
     void addServices(Device* device);

@@ -1,6 +1,5 @@
 // Addresses: the list, its changes, and which of them an interface uses.
 
-#include "contract/addresses.h"
 #include "contract/programs.h"
 #include "net/convert.h"
 #include "tk/log.h"
@@ -10,15 +9,6 @@
 #include "tracking/tracking.h"
 
 namespace {
-
-std::uint32_t interfaceOf(const tk::message& record) {
-    return record.get_u32(contract::addressfield::interface,
-                          record.get_u32(contract::addressfield::actualInterface));
-}
-
-bool isActive(const tk::message& record) {
-    return !record.get_bool(tk::field::disabled);
-}
 
 void logAddress(std::uint32_t interface, const char* what, std::uint32_t address, std::uint32_t id) {
     tk::log("dev: ", interface, what, ipToString(address), " (", id, ")");
@@ -40,42 +30,40 @@ void Tracking::walkAddresses() {
     std::erase_if(addresses, [](const auto& entry) { return entry.second.stale; });
 }
 
-void Tracking::applyAddress(const tk::message& record) {
-    const std::uint32_t id = record.get_u32(tk::field::objectId);
-    const auto known = addresses.find(id);
-    if (record.get_u32(tk::field::deleted) != 0)
-        deleteAddress(id, record);
+void Tracking::applyAddress(const tk::message& message) {
+    const auto record = contract::AddressRecord::fromMessage(message);
+    const auto known = addresses.find(record.id);
+    if (record.isDeleted)
+        deleteAddress(record);
     else if (known == addresses.end())
-        addAddress(id, record);
+        addAddress(record);
     else
-        changeAddress(id, known->second, record);
+        changeAddress(known->second, record);
 }
 
-void Tracking::addAddress(std::uint32_t id, const tk::message& record) {
-    const Addr added{record.get_be32(contract::addressfield::address), interfaceOf(record), false,
-                     !isActive(record)};
-    addresses[id] = added;
-    logAddress(added.interface, " add address: ", added.address, id);
-    setDeviceAddress(added.interface, added.address, isActive(record));
+void Tracking::addAddress(const contract::AddressRecord& record) {
+    const Addr added{record.address.value_or(0), record.interface, false, record.disabled};
+    addresses[record.id] = added;
+    logAddress(added.interface, " add address: ", added.address, record.id);
+    setDeviceAddress(added.interface, added.address, !record.disabled);
 }
 
-void Tracking::changeAddress(std::uint32_t id, Addr& stored, const tk::message& record) {
+void Tracking::changeAddress(Addr& stored, const contract::AddressRecord& record) {
     const Addr old = stored;
-    Addr changed{record.get_be32(contract::addressfield::address, old.address), interfaceOf(record), false,
-                 !isActive(record)};
+    Addr changed{record.address.value_or(old.address), record.interface, false, record.disabled};
     if (changed.interface == 0) changed.interface = old.interface;
-    logAddress(changed.interface, " set address: ", changed.address, id);
-    setDeviceAddress(changed.interface, changed.address, isActive(record));
+    logAddress(changed.interface, " set address: ", changed.address, record.id);
+    setDeviceAddress(changed.interface, changed.address, !record.disabled);
     if (changed.interface != old.interface || changed.address != old.address)
         setDeviceAddress(old.interface, old.address, false);
     stored = changed;
 }
 
-void Tracking::deleteAddress(std::uint32_t id, const tk::message& record) {
-    const auto known = addresses.find(id);
-    if (known == addresses.end() || !isActive(record)) return;
+void Tracking::deleteAddress(const contract::AddressRecord& record) {
+    const auto known = addresses.find(record.id);
+    if (known == addresses.end() || record.disabled) return;
     const Addr old = known->second;
-    logAddress(old.interface, " remove address: ", old.address, id);
+    logAddress(old.interface, " remove address: ", old.address, record.id);
     setDeviceAddress(old.interface, old.address, false);
     addresses.erase(known);
 }

@@ -4,7 +4,6 @@
 
 #include <utility>
 
-#include "contract/interfaces.h"
 #include "contract/programs.h"
 #include "tk/log.h"
 #include "tk/names.h"
@@ -16,8 +15,8 @@ namespace {
 
 constexpr std::uint32_t statusWalkTimeout = 3000;  // milliseconds
 
-std::string displayNameOf(const tk::message& record) {
-    return record.get_string(contract::interfacefield::displayName);
+std::string displayNameOf(const contract::InterfaceRecord& record) {
+    return record.displayName.value_or("");
 }
 
 }  // namespace
@@ -60,16 +59,16 @@ void Tracking::connectionEnded(const Device& device) {
     std::erase_if(retired, [&device](const auto& candidate) { return candidate.get() == &device; });
 }
 
-void Tracking::deviceChanged(const tk::message& record) {
-    const std::uint32_t id = record.get_u32(tk::field::objectId);
-    const auto entry = devices.find(id);
-    if (record.get_u32(contract::interfacefield::flags) & contract::goneFlags) {
+void Tracking::deviceChanged(const tk::message& message) {
+    const auto record = contract::InterfaceRecord::fromMessage(message);
+    const auto entry = devices.find(record.id);
+    if (record.isGone()) {
         tk::log("rem dev: ", displayNameOf(record));
         if (entry != devices.end()) removeDevice(entry);
         return;
     }
     if (entry == devices.end()) return addDevice(record);
-    tk::log("set dev: ", displayNameOf(record), " (", id, ")");
+    tk::log("set dev: ", displayNameOf(record), " (", record.id, ")");
     entry->second->record = record;
 }
 
@@ -79,11 +78,11 @@ void Tracking::removeDevice(Devices::iterator entry) {
     devices.erase(entry);
 }
 
-void Tracking::addDevice(const tk::message& record) {
+void Tracking::addDevice(const contract::InterfaceRecord& record) {
     tk::log("add dev: ", displayNameOf(record));
     auto device = std::make_unique<Device>(*this);
     device->record = record;
-    const std::uint32_t id = device->id();
+    const std::uint32_t id = record.id;
     for (const auto& [addressId, addr] : addresses)
         if (addr.interface == id && !addr.disabled) device->addresses.insert(addr.address);
     if (!device->addresses.empty()) device->address = *device->addresses.begin();
@@ -107,13 +106,13 @@ void Tracking::updateDeviceStatus(const tk::message& msg) {
     while (!walk.isEmpty()) applyDeviceStatus(walk.pop());
 }
 
-void Tracking::applyDeviceStatus(const tk::message& record) {
-    const std::uint32_t id = record.get_u32(tk::field::objectId);
-    Device* device = deviceOf(id);
+void Tracking::applyDeviceStatus(const tk::message& message) {
+    const auto record = contract::InterfaceRecord::fromMessage(message);
+    Device* device = deviceOf(record.id);
     if (!device) return;
-    device->disabled = record.get_bool(tk::field::disabled, device->disabled);
-    device->running = record.get_bool(contract::interfacefield::running, device->running);
-    tk::log("dev: ", id, " disabled: ", device->disabled, " running: ", device->running);
+    device->disabled = record.disabled.value_or(device->disabled);
+    device->running = record.running.value_or(device->running);
+    tk::log("dev: ", record.id, " disabled: ", device->disabled, " running: ", device->running);
     if (device->ipConnection) device->ipConnection->setConnectionStatus(device->connectionStatus());
 }
 

@@ -40,7 +40,7 @@ void Tracking::addServices(Device* device) {
     const UpnpServiceDescr ipConnection = ipConnectionDescr(device->id());
     server.addFile(commonConfig.SCPDURL, "wancommonifcfg.xml");
     server.addFile(ipConnection.SCPDURL, "wanipconn.xml");
-    device->commonConfig = std::make_unique<WANCommonInterfaceConfig>(device->record);
+    device->commonConfig = std::make_unique<WANCommonInterfaceConfig>(device->record.toMessage());
     device->ipConnection = std::make_unique<WANIPConnection>(device->id(), device->address);
     device->ipConnection->allowDisableExternal = host.allowsDisableExternal();
     server.registerService(device->commonConfig.get(), commonConfig.eventSubURL, commonConfig.controlURL);
