@@ -27,9 +27,11 @@ public:
     /// Forgets what is on an interface that is no more.
     void forget(std::uint32_t index);
 
+    // The addresses of an interface are offered as long as it is.
     void interfaceAdded(std::uint32_t index, std::uint32_t id) override;
     void interfaceGone(std::uint32_t index) override;
 
+    // What the bus asks for: the list, one record, how many there are.
     tk::message cmdGetAll(const tk::message& request) override;
     tk::message cmdGetObj(const tk::message& request) override;
     tk::message cmdGetCount(const tk::message& request) override;
@@ -47,8 +49,8 @@ private:
     void withdraw(const Place& place);
 
     std::set<LinkAddress> held;  // whatever the interface and the scope
-    std::unordered_map<std::uint32_t, std::uint32_t>
-        interfaces;                              // the kernel's index to the id of those offered
+    // The kernel's index to the id of those offered.
+    std::unordered_map<std::uint32_t, std::uint32_t> interfaces;
     std::map<Place, std::uint32_t> ids;          // of what is published
     std::map<std::uint32_t, Published> objects;  // by id
     std::uint32_t lastId = 0;

@@ -23,7 +23,8 @@ class InterfaceIds {
 public:
     /// How many names are remembered.
     static constexpr std::size_t usualLimit = 4096;
-    /// How many ids are reserved at once, and how long names wait to be stored. Units: ticks of 10 ms.
+    /// How many ids are reserved at once, and how long names wait to be stored.
+    /// Units: ticks of 10 ms.
     static constexpr std::uint32_t reservedAtOnce = 256;
     static constexpr std::uint32_t storeTicks = 100;
 

@@ -20,7 +20,7 @@ namespace router {
 class InterfaceWatcher {
 public:
     virtual ~InterfaceWatcher() = default;
-    /// Called behind the announcement of an interface.
+    /// Called following the announcement of an interface.
     virtual void interfaceAdded(std::uint32_t index, std::uint32_t id) = 0;
     /// Called before it is announced that an interface is gone.
     virtual void interfaceGone(std::uint32_t index) = 0;
@@ -30,7 +30,8 @@ public:
 /// Loopback is not offered.
 class Interfaces final : public tk::Handler {
 public:
-    /// What an interface is set up and down by, and for whom. Lifetime: all outlive the handler.
+    /// What an interface is set up and down by, and for whom.
+    /// Lifetime: all outlive the handler.
     struct Setting {
         LinkSwitch& links;
         const Requester& requester;
@@ -49,6 +50,7 @@ public:
     /// Takes over a full list, and tells the differences.
     void applyAll(const std::vector<Link>& links);
 
+    // What the bus asks for: the list, one record, a change of state, how many there are.
     tk::message cmdGetAll(const tk::message& request) override;
     tk::message cmdGetObj(const tk::message& request) override;
     tk::message cmdSetObj(const tk::message& request) override;

@@ -28,7 +28,8 @@ struct Link {
     bool isRunning() const;
 };
 
-/// An IPv4 address on an interface. Byte order: network. A value.
+/// An IPv4 address on an interface. A value.
+/// Byte order: network.
 struct LinkAddress {
     std::uint32_t index = 0;    // of the interface
     std::uint32_t address = 0;  // the router's own, also on a point-to-point link

@@ -23,9 +23,9 @@ namespace router {
 struct InterfaceConfig {
     std::string name;
     bool terminate = false;  // programs may do it, too
-    std::vector<std::string>
-        down;  // the command that does it: a full path, then arguments; empty: the kernel's
-    std::vector<std::string> up;  // flag is set
+    // The commands that do it: a full path, then arguments. Empty: the kernel's flag is set.
+    std::vector<std::string> down;
+    std::vector<std::string> up;
 
     bool operator==(const InterfaceConfig&) const = default;
 };
@@ -40,7 +40,8 @@ struct InterfaceConfig {
 class LinkSwitch final {
 public:
     /// How long a command may take before whoever waits for it is told that it still runs, which is within
-    /// the time that requesters wait, and before it is killed. Units: ticks of 10 ms.
+    /// the time that requesters wait, and before it is killed.
+    /// Units: ticks of 10 ms.
     static constexpr std::uint32_t answerTicks = 500;
     static constexpr std::uint32_t killTicks = 6000;
 

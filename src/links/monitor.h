@@ -16,6 +16,8 @@ namespace router {
 /// Keeps the zones, and the interfaces and addresses on the bus, in step with the kernel: listens first,
 /// reads everything second, and applies what was heard meanwhile third. When the kernel had to drop a
 /// notification, everything is read again. Listens to routes, too, where the zones depend on them.
+///
+/// All that follows when a link, an address or a route comes or goes begins here.
 class Monitor final : private netlink::Notifications::Owner {
 public:
     /// Lifetime: all outlive the monitor.

@@ -45,7 +45,7 @@ protected:
         for (int i = 0; i < 50; ++i) loop.looper.turn(0);
     }
     /// Serves what the kernel tells until the interface is running, or is not, for at most ten seconds: the
-    /// kernel finds out about a link in its own time, which is behind the end of the command that changed it.
+    /// kernel finds out about a link in its own time, which is after the end of the command that changed it.
     bool becomesRunning(const std::string& name, bool running) {
         const std::uint64_t limit = realClock.now() + 10000;
         while (recordOf(name).get_bool(0x1000E) != running && realClock.now() < limit) loop.looper.turn(10);
@@ -163,8 +163,8 @@ TEST_F(MonitorTest, SetsInterfacesUpAndDown) {
 }
 
 TEST_F(MonitorTest, CountersAreThoseOfTheKernel) {
-    shell("ip link set lan0 addrgenmode none && ip link set far0 addrgenmode none");  // nothing but what is
-                                                                                      // sent here
+    // Nothing but what is sent here.
+    shell("ip link set lan0 addrgenmode none && ip link set far0 addrgenmode none");
     shell(
         "ip link set lan0 up && ip link set far0 up && ip neigh add 192.0.2.2 lladdr 02:00:00:00:00:02 dev "
         "lan0");

@@ -51,9 +51,9 @@ private:
 
     void leaveBefore(std::uint64_t limit) {
         while (!open.empty() && open.back().prefix.last() < limit) {
-            const std::uint64_t behind = std::uint64_t{open.back().prefix.last()} + 1;
-            give(behind);
-            at = behind;
+            const std::uint64_t next = std::uint64_t{open.back().prefix.last()} + 1;
+            give(next);
+            at = next;
             open.pop_back();
         }
     }
@@ -111,10 +111,10 @@ std::vector<AddressRange> insideRanges(std::vector<SidedNetwork> networks) {
 }
 
 bool contains(const std::vector<AddressRange>& ranges, std::uint32_t hostOrderAddress) {
-    const auto behind = std::upper_bound(
+    const auto next = std::upper_bound(
         ranges.begin(), ranges.end(), hostOrderAddress,
         [](std::uint32_t address, const AddressRange& range) { return address < range.first; });
-    return behind != ranges.begin() && std::prev(behind)->last >= hostOrderAddress;
+    return next != ranges.begin() && std::prev(next)->last >= hostOrderAddress;
 }
 
 }  // namespace router

@@ -6,7 +6,8 @@
 
 namespace router {
 
-/// An IPv4 network. Byte order: host. A value.
+/// An IPv4 network. A value.
+/// Byte order: host.
 struct Prefix {
     std::uint32_t network = 0;
     std::uint32_t mask = 0;
@@ -17,13 +18,15 @@ struct Prefix {
     bool operator==(const Prefix&) const = default;
 };
 
-/// The network of `length` bits, at most 32, that an address lies in. Byte order: host.
+/// The network of `length` bits, at most 32, that an address lies in.
+/// Byte order: host.
 [[nodiscard]] Prefix prefixOf(std::uint32_t hostOrderAddress, std::uint32_t length);
 
 /// The number of bits that all addresses of a network share.
 [[nodiscard]] std::uint32_t lengthOf(const Prefix& prefix);
 
-/// An address in dotted form. Byte order: network.
+/// An address in dotted form.
+/// Byte order: network.
 [[nodiscard]] std::string addressText(std::uint32_t address);
 
 /// "192.0.2.0/24".
@@ -34,7 +37,8 @@ struct Prefix {
 /// multicast or the broadcast address.
 [[nodiscard]] bool isBeyondPrivateRanges(const Prefix& prefix);
 
-/// IPv4 addresses from the first to the last. Byte order: host. A value.
+/// IPv4 addresses from the first to the last. A value.
+/// Byte order: host.
 struct AddressRange {
     std::uint32_t first = 0;
     std::uint32_t last = 0;
@@ -52,7 +56,8 @@ struct SidedNetwork {
 /// smallest network decides, and outside where two of one size differ; what lies in none is outside.
 [[nodiscard]] std::vector<AddressRange> insideRanges(std::vector<SidedNetwork> networks);
 
-/// True when an address lies in one of such ranges. Byte order: host.
+/// True when an address lies in one of such ranges.
+/// Byte order: host.
 [[nodiscard]] bool contains(const std::vector<AddressRange>& ranges, std::uint32_t hostOrderAddress);
 
 }  // namespace router

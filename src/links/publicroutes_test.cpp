@@ -245,13 +245,13 @@ TEST_F(PublicRoutesTest, AChangeDuringAReadingLeadsToAnother) {
     shell("ip route add 9.9.9.9 via 203.0.113.2 metric 5 table 100 && ip route flush table 100");
     looper.turn(0);                               // hears of it
     for (int i = 0; i < 5; ++i) looper.turn(20);  // begins to read, and takes a small part
-    shell("ip link set up0 down");                // its route is behind the reading by now
+    shell("ip link set up0 down");                // the reading is past its route by now
     EXPECT_EQ(outsideUntil({"up0", "up1"}), (Names{"up0", "up1"}));
 }
 
 TEST_F(PublicRoutesTest, AreReadAgainWhenNotificationsWereLost) {
     start();
-    addManyRoutes();  // more than the socket's buffer holds, and what matters behind it
+    addManyRoutes();  // more than the socket's buffer holds, and then what matters
     shell("ip route add default via 198.51.100.2");
     EXPECT_EQ(outsideUntil({"up0"}), Names{"up0"});
 }

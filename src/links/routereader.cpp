@@ -83,7 +83,7 @@ void RouteReader::take(const nlmsghdr& message) {
     if (message.nlmsg_type == RTM_NEWROUTE) judge(parseRoute(message));
 }
 
-/// The kernel tells the routes of one destination one behind the other, those of the lowest metric first.
+/// The kernel tells the routes of one destination one after the other, those of the lowest metric first.
 void RouteReader::judge(const Route& route) {
     if (route.isRivalOf(best) && route.metric > best.metric) return exits.addFallback(route);
     best = route;

@@ -105,7 +105,7 @@ protected:
 
 TEST_F(RouteReaderTest, AreReadInManyTurnsOfTheLoop) {
     addRoutes(20000);
-    shell("ip route add 128.0.0.0/1 dev up0");  // behind all others
+    shell("ip route add 128.0.0.0/1 dev up0");  // after all others
     routes.begin();
     int turns = 0;
     for (; routes.isBusy() && turns < 20000; ++turns) looper.turn(100);

@@ -27,8 +27,8 @@ constexpr netlink::AttributeRule linkRules[] = {
     {IFLA_LINK_NETNSID, MNL_TYPE_U32, 0},
     {IFLA_MASTER, MNL_TYPE_U32, 0},
     {IFLA_LINKINFO, MNL_TYPE_NESTED, 0},
-    {IFLA_STATS64, MNL_TYPE_UNSPEC,
-     offsetof(rtnl_link_stats64, rx_errors)},  // older kernels know fewer counters
+    // Older kernels know fewer counters.
+    {IFLA_STATS64, MNL_TYPE_UNSPEC, offsetof(rtnl_link_stats64, rx_errors)},
 };
 
 constexpr netlink::AttributeRule addressRules[] = {
@@ -47,8 +47,8 @@ contract::InterfaceCounters countersOf(const netlink::Attributes& attributes) {
     if (!attribute) return {};
     rtnl_link_stats64 stats{};
     const std::size_t size = mnl_attr_get_payload_len(attribute);
-    ::memcpy(&stats, mnl_attr_get_payload(attribute),
-             size < sizeof stats ? size : sizeof stats);  // unaligned there
+    // It is unaligned there.
+    ::memcpy(&stats, mnl_attr_get_payload(attribute), size < sizeof stats ? size : sizeof stats);
     return {stats.rx_packets, stats.tx_packets, stats.rx_bytes, stats.tx_bytes};
 }
 

@@ -33,7 +33,8 @@ public:
     bool isOpen() const { return socket.isOpen(); }
     /// Sequence numbers begin at 1: notifications carry 0.
     std::uint32_t nextSequence() { return ++sequence; }
-    /// Sets the socket's buffers, as large as the system allows at most. Units: bytes.
+    /// Sets the socket's buffers, as large as the system allows at most.
+    /// Units: bytes.
     void setBuffers(int send, int receive);
 
     /// Sends bytes that hold one or more messages.
