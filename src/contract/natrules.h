@@ -1,11 +1,14 @@
 #pragma once
 
+#include <compare>
 #include <cstdint>
+
+#include "tk/message.h"
 
 /// The destination NAT rules, at {20, 5}.
 namespace contract {
 
-// Destination NAT rules. A has... flag says that the fields of its group are given.
+// A has... flag says that the fields of its group are given.
 namespace rulefield {
 constexpr std::uint32_t dstPortFirst = 9;       // u32
 constexpr std::uint32_t dstPortLast = 10;       // u32
@@ -28,5 +31,48 @@ constexpr const char* dstnatChain = "dstnat";
 constexpr std::uint32_t destinationNat = 22;  // the action that there is
 // Command: answers, with the fields of a new rule, whether a program would get it, and changes nothing.
 constexpr std::uint32_t testRule = 2;
+
+/// What a rule matches: new connections to a port of an address. A value.
+/// Byte order: the address in network order, the port in host order.
+struct NatKey {
+    std::uint32_t destination = 0;
+    std::uint8_t protocol = 0;  // the IP protocol's number
+    std::uint16_t port = 0;
+
+    auto operator<=>(const NatKey&) const = default;
+};
+
+/// Where a rule leads to. A value.
+/// Byte order: the address in network order, the port in host order.
+struct NatTarget {
+    std::uint32_t address = 0;
+    std::uint16_t port = 0;
+
+    auto operator<=>(const NatTarget&) const = default;
+};
+
+/// A destination NAT rule as it travels. A value.
+struct NatRule {
+    std::uint32_t id = 0;  // 0: none yet
+    bool dynamic = false;
+    bool disabled = false;
+    NatKey key;
+    NatTarget target;
+
+    bool operator==(const NatRule&) const = default;
+
+    /// The rule as a record; without an id the fields of the request that makes it.
+    tk::message toMessage() const;
+    /// The fields of the request that gives the rule of this id its target and its disabled flag.
+    tk::message toChange() const;
+    /// The fields of the question for testRule: the fewest that make up a rule.
+    tk::message toQuestion() const;
+
+    /// Reads a record. What it lacks is as in a rule by default; what a field holds beyond its value here is
+    /// cut off.
+    static NatRule fromMessage(const tk::message& record);
+    /// The rule with the key, the target and the disabled flag that a request names.
+    NatRule changedBy(const tk::message& request) const;
+};
 
 }  // namespace contract

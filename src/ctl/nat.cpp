@@ -15,63 +15,42 @@
 #include "ctl/table.h"
 #include "ctl/text.h"
 #include "net/convert.h"
-#include "tk/names.h"
+#include "tk/message.h"
 
 namespace ctl {
 
 namespace {
 
-constexpr std::uint32_t natTestCommand = 2;
+using contract::NatRule;
 
-struct Rule {
-    std::uint32_t id = 0;
-    bool disabled = false;
-    bool dynamic = false;
-    std::string chain;
-    std::string destinationAddress;
-    std::string protocol;
-    std::uint32_t destinationPort = 0;
-    std::string toAddress;
-    std::uint32_t toPort = 0;
-};
-
-Rule readRule(const tk::message& record) {
-    Rule out;
-    out.id = record.get_u32(tk::field::objectId);
-    out.disabled = record.get_bool(tk::field::disabled);
-    out.dynamic = record.get_bool(tk::field::dynamic);
-    out.chain = record.get_string(contract::rulefield::chain);
-    out.destinationAddress = ipToString(record.get_be32(contract::rulefield::dstAddressFirst));
-    out.protocol = protocolText(record.get_u32(contract::rulefield::protocol));
-    out.destinationPort = record.get_u32(contract::rulefield::dstPortFirst);
-    out.toAddress = ipToString(record.get_be32(contract::rulefield::toAddressFirst));
-    out.toPort = record.get_u32(contract::rulefield::toPortFirst);
-    return out;
+Json ruleToJson(const NatRule& rule, const std::string& chain) {
+    Json object;
+    object["id"] = rule.id;
+    object["disabled"] = rule.disabled;
+    object["dynamic"] = rule.dynamic;
+    object["chain"] = chain;
+    object["dstAddress"] = ipToString(rule.key.destination);
+    object["protocol"] = protocolText(rule.key.protocol);
+    object["dstPort"] = rule.key.port;
+    object["toAddress"] = ipToString(rule.target.address);
+    object["toPort"] = rule.target.port;
+    return object;
 }
 
-Json ruleToJson(const Rule& source) {
-    Json object;
-    object["id"] = source.id;
-    object["disabled"] = source.disabled;
-    object["dynamic"] = source.dynamic;
-    object["chain"] = source.chain;
-    object["dstAddress"] = source.destinationAddress;
-    object["protocol"] = source.protocol;
-    object["dstPort"] = source.destinationPort;
-    object["toAddress"] = source.toAddress;
-    object["toPort"] = source.toPort;
-    return object;
+std::string placeText(std::uint32_t address, std::uint16_t port) {
+    return ipToString(address) + ':' + std::to_string(port);
 }
 
 void listRules(Context& context) {
     Json list = Json::array();
     Table table({"ID", "PROTOCOL", "FROM", "TO", "CHAIN", "DISABLED", "DYNAMIC"});
     for (const tk::message& record : context.session().list(contract::path::nat())) {
-        const Rule rule = readRule(record);
-        list.push_back(ruleToJson(rule));
-        table.add({std::to_string(rule.id), rule.protocol,
-                   rule.destinationAddress + ':' + std::to_string(rule.destinationPort),
-                   rule.toAddress + ':' + std::to_string(rule.toPort), rule.chain, yesNo(rule.disabled),
+        const NatRule rule = NatRule::fromMessage(record);
+        const std::string chain = record.get_string(contract::rulefield::chain);
+        list.push_back(ruleToJson(rule, chain));
+        table.add({std::to_string(rule.id), protocolText(rule.key.protocol),
+                   placeText(rule.key.destination, rule.key.port),
+                   placeText(rule.target.address, rule.target.port), chain, yesNo(rule.disabled),
                    yesNo(rule.dynamic)});
     }
     context.print(list, table.text());
@@ -91,30 +70,27 @@ std::uint32_t addressNamed(const std::string& text) {
     throw misuse("'" + text + "': expected an IPv4 address such as 192.0.2.1");
 }
 
-std::uint32_t portNamed(const std::string& text) {
+std::uint16_t portNamed(const std::string& text) {
     constexpr std::uint64_t highest = 65535;
-    if (const auto port = parseNumber(text, highest)) return static_cast<std::uint32_t>(*port);
+    if (const auto port = parseNumber(text, highest)) return static_cast<std::uint16_t>(*port);
     throw misuse("'" + text + "': expected a port, 0 to 65535");
 }
 
-std::uint32_t protocolNamed(const std::string& text) {
-    for (const std::uint32_t protocol : {IPPROTO_TCP, IPPROTO_UDP})
+std::uint8_t protocolNamed(const std::string& text) {
+    for (const std::uint8_t protocol : {IPPROTO_TCP, IPPROTO_UDP})
         if (text == protocolText(protocol)) return protocol;
     throw misuse("'" + text + "': the protocol is tcp or udp");
 }
 
 void testRule(Context& context, const Question& question) {
-    tk::message rule;
-    rule.insert_bool(tk::field::dynamic, true);
-    rule.insert_bool(tk::field::disabled, false);
-    rule.insert_string(contract::rulefield::chain, "dstnat");
-    rule.insert_be32(contract::rulefield::dstAddressFirst, addressNamed(question.address));
-    rule.insert_u32(contract::rulefield::dstPortFirst, portNamed(question.port));
-    rule.insert_u32(contract::rulefield::protocol, protocolNamed(question.protocol));
-    rule.insert_u32(contract::rulefield::action, contract::destinationNat);
-    rule.insert_be32(contract::rulefield::toAddressFirst, addressNamed(question.target));
-    rule.insert_u32(contract::rulefield::toPortFirst, portNamed(question.targetPort));
-    context.session().request(contract::path::nat(), natTestCommand, rule);
+    NatRule rule;
+    rule.dynamic = true;
+    rule.key.destination = addressNamed(question.address);
+    rule.key.port = portNamed(question.port);
+    rule.key.protocol = protocolNamed(question.protocol);
+    rule.target.address = addressNamed(question.target);
+    rule.target.port = portNamed(question.targetPort);
+    context.session().request(contract::path::nat(), contract::testRule, rule.toQuestion());
     Json answer;
     answer["allowed"] = true;
     context.print(answer, "allowed\n");

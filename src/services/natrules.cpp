@@ -9,56 +9,38 @@
 
 namespace {
 
-namespace rule = contract::rulefield;
-
-tk::message toFirewall() {
+tk::message exchange(const tk::message& fields, std::uint32_t command) {
     tk::message request;
     request.insert_u32_array(tk::field::destination, contract::path::nat());
-    return request;
+    for (const tk::message::Field& field : fields.fields()) request.insert(field);
+    return tk::getLooper()->exchangeCmd(request, command, tk::exchangeTimeout);
 }
 
-tk::message exchange(tk::message& request, std::uint32_t command) {
-    return tk::getLooper()->exchangeCmd(request, command, tk::exchangeTimeout);
+contract::NatRule ruleOf(const PortMap& map) {
+    contract::NatRule rule;
+    rule.dynamic = true;
+    rule.disabled = !map.enabled;
+    rule.target = {map.internalClient, map.internalPort};
+    return rule;
 }
 
 }  // namespace
 
 tk::message createNatRule(const Id& id, const PortMap& map, std::uint32_t externalAddress) {
-    tk::message request = toFirewall();
-    request.insert_bool(tk::field::dynamic, true);
-    request.insert_bool(tk::field::disabled, !map.enabled);
-    request.insert_string(rule::chain, contract::dstnatChain);
-    request.insert_bool(rule::hasDstAddress, true);
-    request.insert_be32(rule::dstAddressFirst, externalAddress);
-    request.insert_be32(rule::dstAddressLast, externalAddress);
-    request.insert_bool(rule::hasDstPort, true);
-    request.insert_u32(rule::dstPortFirst, id.port);
-    request.insert_u32(rule::dstPortLast, id.port);
-    request.insert_bool(rule::hasProtocol, true);
-    request.insert_u32(rule::protocol, id.protocol == 0 ? IPPROTO_TCP : IPPROTO_UDP);
-    request.insert_u32(rule::action, contract::destinationNat);
-    request.insert_bool(rule::hasToAddress, true);
-    request.insert_be32(rule::toAddressFirst, map.internalClient);
-    request.insert_be32(rule::toAddressLast, map.internalClient);
-    request.insert_bool(rule::hasToPort, true);
-    request.insert_u32(rule::toPortFirst, map.internalPort);
-    request.insert_u32(rule::toPortLast, map.internalPort);
-    return exchange(request, tk::command::addObject);
+    contract::NatRule rule = ruleOf(map);
+    rule.key = {externalAddress, static_cast<std::uint8_t>(id.protocol == 0 ? IPPROTO_TCP : IPPROTO_UDP),
+                id.port};
+    return exchange(rule.toMessage(), tk::command::addObject);
 }
 
 tk::message changeNatRule(const PortMap& map) {
-    tk::message request = toFirewall();
-    request.insert_u32(tk::field::objectId, map.natId);
-    request.insert_bool(tk::field::disabled, !map.enabled);
-    request.insert_be32(rule::toAddressFirst, map.internalClient);
-    request.insert_be32(rule::toAddressLast, map.internalClient);
-    request.insert_u32(rule::toPortFirst, map.internalPort);
-    request.insert_u32(rule::toPortLast, map.internalPort);
-    return exchange(request, tk::command::setObject);
+    contract::NatRule rule = ruleOf(map);
+    rule.id = map.natId;
+    return exchange(rule.toChange(), tk::command::setObject);
 }
 
 tk::message removeNatRule(std::uint32_t natId) {
-    tk::message request = toFirewall();
-    request.insert_u32(tk::field::objectId, natId);
-    return exchange(request, tk::command::removeObject);
+    tk::message fields;
+    fields.insert_u32(tk::field::objectId, natId);
+    return exchange(fields, tk::command::removeObject);
 }
