@@ -47,12 +47,12 @@ nlmsghdr* putRemoval(char* buffer, const FlowTuple& flow) {
     nlattr* tuple = mnl_attr_nest_start(message, CTA_TUPLE_ORIG);
     nlattr* part = mnl_attr_nest_start(message, CTA_TUPLE_IP);
     mnl_attr_put_u32(message, CTA_IP_V4_SRC, flow.source);
-    mnl_attr_put_u32(message, CTA_IP_V4_DST, flow.destination);
+    mnl_attr_put_u32(message, CTA_IP_V4_DST, flow.key.destination);
     mnl_attr_nest_end(message, part);
     part = mnl_attr_nest_start(message, CTA_TUPLE_PROTO);
-    mnl_attr_put_u8(message, CTA_PROTO_NUM, flow.protocol);
+    mnl_attr_put_u8(message, CTA_PROTO_NUM, flow.key.protocol);
     mnl_attr_put_u16(message, CTA_PROTO_SRC_PORT, htons(flow.sourcePort));
-    mnl_attr_put_u16(message, CTA_PROTO_DST_PORT, htons(flow.port));
+    mnl_attr_put_u16(message, CTA_PROTO_DST_PORT, htons(flow.key.port));
     mnl_attr_nest_end(message, part);
     mnl_attr_nest_end(message, tuple);
     return message;
@@ -70,39 +70,27 @@ std::optional<FlowTuple> parseFlow(std::span<const char> packet) {
     if (header.version != IPVERSION || length < sizeof header || !isKnown) return std::nullopt;
     if (packet.size() < length + sizeof ports) return std::nullopt;
     ::memcpy(ports.data(), packet.data() + length, sizeof ports);
-    return FlowTuple{header.protocol, header.saddr, ntohs(ports[0]), header.daddr, ntohs(ports[1])};
+    return FlowTuple{{header.daddr, header.protocol, ntohs(ports[1])}, header.saddr, ntohs(ports[0])};
 }
 
-bool FlowLog::open(std::string& reason) {
-    if (const tk::Status opened = socket.open(NETLINK_NETFILTER); !opened.isOk()) {
-        reason = "nfnetlink_log: " + opened.reason();
-        return false;
-    }
+tk::Status FlowLog::open() {
+    tk::Status status = socket.open(NETLINK_NETFILTER);
+    if (!status.isOk()) return status.prefixed("nfnetlink_log: ");
     socket.setBuffers(bufferBytes, bufferBytes);
-    if (const tk::Status result = configure(); !result.isOk()) {
-        reason = "nfnetlink_log: " + result.reason();
-        if (result.code() == EPERM)
-            reason = "nfnetlink_log: no permission, or another process listens to group " +
-                     std::to_string(flowLogGroup);
-        // Old kernels say of a module that is not there that the message is not valid.
-        if (result.code() == EINVAL || result.code() == EOPNOTSUPP)
-            reason = "nfnetlink_log: this kernel lacks it (Linux 2.6.14)";
+    status = configure();
+    if (status.isOk() && !removes())
+        status = tk::Status::failure("nf_conntrack_netlink: this kernel lacks it (Linux 2.6.14)");
+    if (status.isOk())
+        watch.start<FlowLog, &FlowLog::ready>(socket.descriptor(), *this, tk::readable);
+    else
         socket.close();
-        return false;
-    }
-    if (!removes()) {
-        reason = "nf_conntrack_netlink: this kernel lacks it (Linux 2.6.14)";
-        socket.close();
-        return false;
-    }
-    watch.start<FlowLog, &FlowLog::ready>(socket.descriptor(), *this, tk::readable);
-    return true;
+    return status;
 }
 
 /// True when the kernel would remove a flow: of one that nobody has it says so.
 bool FlowLog::removes() {
     std::array<char, requestBytes> buffer;
-    const FlowTuple nobodys{IPPROTO_UDP, htonl(INADDR_LOOPBACK), 0, htonl(INADDR_LOOPBACK), 0};
+    const FlowTuple nobodys{{htonl(INADDR_LOOPBACK), IPPROTO_UDP, 0}, htonl(INADDR_LOOPBACK), 0};
     return netlink::request(socket, *putRemoval(buffer.data(), nobodys)).code() == ENOENT;
 }
 
@@ -118,7 +106,14 @@ tk::Status FlowLog::configure() {
     mode.copy_mode = NFULNL_COPY_PACKET;
     mnl_attr_put(message, NFULA_CFG_MODE, sizeof mode, &mode);
     mnl_attr_put_u32(message, NFULA_CFG_QTHRESH, htonl(1));
-    return netlink::request(socket, *message);
+    const tk::Status result = netlink::request(socket, *message);
+    if (result.code() == EPERM)
+        return tk::Status::failure("nfnetlink_log: no permission, or another process listens to group " +
+                                   std::to_string(flowLogGroup));
+    // Old kernels say of a module that is not there that the message is not valid.
+    if (result.code() == EINVAL || result.code() == EOPNOTSUPP)
+        return tk::Status::failure("nfnetlink_log: this kernel lacks it (Linux 2.6.14)");
+    return result.prefixed("nfnetlink_log: ");
 }
 
 void FlowLog::ready(int, std::uint32_t) {

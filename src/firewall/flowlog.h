@@ -7,21 +7,20 @@
 #include <optional>
 #include <set>
 #include <span>
-#include <string>
 
+#include "firewall/element.h"
 #include "netlink/socket.h"
+#include "tk/status.h"
 #include "tk/timer.h"
 
 namespace router {
 
-/// Whose packets are of one flow, as its first one was sent. Byte order: addresses in network order, ports in
-/// host order. A value.
+/// Whose packets are of one flow, as its first one was sent. A value.
+/// Byte order: the address in network order, the port in host order.
 struct FlowTuple {
-    std::uint8_t protocol = 0;
+    NatKey key;  // where it was sent to
     std::uint32_t source = 0;
     std::uint16_t sourcePort = 0;
-    std::uint32_t destination = 0;
-    std::uint16_t port = 0;
 
     auto operator<=>(const FlowTuple&) const = default;
 };
@@ -34,9 +33,9 @@ struct FlowTuple {
 /// many it shows in a second.
 class FlowLog {
 public:
-    /// Begins to listen. Errors: false, with the reason in `reason`.
+    /// Begins to listen.
     /// Lifetime: there is a loop from now on until the object is gone.
-    [[nodiscard]] bool open(std::string& reason);
+    tk::Status open();
 
 private:
     tk::Status configure();

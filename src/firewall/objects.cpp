@@ -49,29 +49,29 @@ constexpr std::int32_t prioritySrcnat = 100;
 constexpr std::size_t elementsPerMessage = 512;  // well within the 64 KiB that a list may take
 
 /// A key of the map as the kernel's registers hold it: each part in 32 bits of its own.
-struct MapKey {
+struct KeyBytes {
     std::uint32_t address;  // network order
     std::uint8_t protocol;
     std::uint8_t padding[3];
     std::uint16_t port;  // network order
     std::uint16_t portPadding;
 };
-static_assert(sizeof(MapKey) == 12);
+static_assert(sizeof(KeyBytes) == 12);
 
-struct MapData {
+struct TargetBytes {
     std::uint32_t address;  // network order
     std::uint16_t port;     // network order
     std::uint16_t padding;
 };
-static_assert(sizeof(MapData) == 8);
+static_assert(sizeof(TargetBytes) == 8);
 
-struct LiveKey {
-    MapKey match;
-    MapData target;
+struct LiveBytes {
+    KeyBytes key;
+    TargetBytes target;
 };
-static_assert(sizeof(LiveKey) == 20);
+static_assert(sizeof(LiveBytes) == 20);
 
-struct HairpinKey {
+struct HairpinBytes {
     std::uint32_t incoming;  // host order, as the kernel compares them
     std::uint32_t outgoing;
 };
@@ -107,9 +107,9 @@ void addMap(NftBatch& batch) {
     nftnl_set_set_u32(map.get(), NFTNL_SET_ID, mapNumber);
     nftnl_set_set_u32(map.get(), NFTNL_SET_FLAGS, NFT_SET_MAP);
     nftnl_set_set_u32(map.get(), NFTNL_SET_KEY_TYPE, mapKeyType);
-    nftnl_set_set_u32(map.get(), NFTNL_SET_KEY_LEN, sizeof(MapKey));
+    nftnl_set_set_u32(map.get(), NFTNL_SET_KEY_LEN, sizeof(KeyBytes));
     nftnl_set_set_u32(map.get(), NFTNL_SET_DATA_TYPE, mapDataType);
-    nftnl_set_set_u32(map.get(), NFTNL_SET_DATA_LEN, sizeof(MapData));
+    nftnl_set_set_u32(map.get(), NFTNL_SET_DATA_LEN, sizeof(TargetBytes));
     addSet(batch, map);
 }
 
@@ -117,7 +117,7 @@ void addLiveSet(NftBatch& batch) {
     const Set set = makeSet(nft::live);
     nftnl_set_set_u32(set.get(), NFTNL_SET_ID, liveNumber);
     nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_TYPE, liveKeyType);
-    nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_LEN, sizeof(LiveKey));
+    nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_LEN, sizeof(LiveBytes));
     addSet(batch, set);
 }
 
@@ -125,7 +125,7 @@ void addHairpinSet(NftBatch& batch) {
     const Set set = makeSet(nft::hairpin);
     nftnl_set_set_u32(set.get(), NFTNL_SET_ID, hairpinNumber);
     nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_TYPE, hairpinKeyType);
-    nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_LEN, sizeof(HairpinKey));
+    nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_LEN, sizeof(HairpinBytes));
     addSet(batch, set);
 }
 
@@ -174,8 +174,8 @@ void addChain(NftBatch& batch, const Chain& chain, std::uint8_t family = nft::ip
         [&chain](nlmsghdr& message) { nftnl_chain_nlmsg_build_payload(&message, chain.get()); }, family);
 }
 
-MapKey keyOf(const NatElement& element) {
-    return {element.destination, element.protocol, {0, 0, 0}, htons(element.port), 0};
+KeyBytes bytesOf(const NatKey& key) {
+    return {key.destination, key.protocol, {0, 0, 0}, htons(key.port), 0};
 }
 
 /// Appends one message with elements of one set.
@@ -187,10 +187,10 @@ void changeSet(NftBatch& batch, bool isAddition, const Set& set, std::uint8_t fa
 
 /// Appends a key to a set's elements, with data where it is a map's.
 template <typename Key>
-void addEntry(const Set& set, const Key& key, const MapData* data = nullptr) {
+void addEntry(const Set& set, const Key& key, const TargetBytes* target = nullptr) {
     nftnl_set_elem* entry = nftnl_set_elem_alloc();
     nftnl_set_elem_set(entry, NFTNL_SET_ELEM_KEY, &key, sizeof key);
-    if (data) nftnl_set_elem_set(entry, NFTNL_SET_ELEM_DATA, data, sizeof *data);
+    if (target) nftnl_set_elem_set(entry, NFTNL_SET_ELEM_DATA, target, sizeof *target);
     nftnl_set_elem_add(set.get(), entry);  // the set owns it from now on
 }
 
@@ -201,10 +201,10 @@ void changeElements(NftBatch& batch, bool isAddition, std::span<const NatElement
         const Set map = makeSet(nft::map);
         const Set live = makeSet(nft::live);
         for (const NatElement& element : part) {
-            const MapKey key = keyOf(element);
-            const MapData data{element.target, htons(element.targetPort), 0};
-            addEntry(map, key, isAddition ? &data : nullptr);  // a removal names the key alone
-            addEntry(live, LiveKey{key, data});
+            const KeyBytes key = bytesOf(element.key);
+            const TargetBytes target{element.target.address, htons(element.target.port), 0};
+            addEntry(map, key, isAddition ? &target : nullptr);  // a removal names the key alone
+            addEntry(live, LiveBytes{key, target});
         }
         changeSet(batch, isAddition, map);
         changeSet(batch, isAddition, live);
@@ -215,7 +215,7 @@ void changeHairpins(NftBatch& batch, bool isAddition, const std::set<std::uint32
     for (auto next = indexes.begin(); next != indexes.end();) {
         const Set set = makeSet(nft::hairpin);
         for (std::size_t count = 0; count < elementsPerMessage && next != indexes.end(); ++count, ++next)
-            addEntry(set, HairpinKey{*next, *next});
+            addEntry(set, HairpinBytes{*next, *next});
         changeSet(batch, isAddition, set);
     }
 }

@@ -66,30 +66,30 @@ void cut(const std::set<std::uint32_t>& all, std::vector<std::function<void(NftB
 
 }  // namespace
 
-bool NftTable::open(std::string& reason) {
-    if (const tk::Status opened = socket.open(NETLINK_NETFILTER); !opened.isOk()) {
-        reason = "nf_tables: " + opened.reason();
-        return false;
-    }
+tk::Status NftTable::open() {
+    tk::Status status = socket.open(NETLINK_NETFILTER);
+    if (!status.isOk()) return status.prefixed("nf_tables: ");
     socket.setBuffers(bufferBytes, bufferBytes);
     guardsIp6 = guard.limitsConnections && hasIp6();
-    const tk::Status result = make();
-    if (result.isOk()) return true;
-    if (result.code() == EPERM)
-        reason = "nf_tables: no permission, or another process owns the table \"ip tk\"";
-    else if (const std::string missing = missingFeature(socket, nftFeatures(), guardsIp6); !missing.empty())
-        reason = "nf_tables: this kernel lacks " + missing;
-    else
-        reason = "nf_tables: " + result.reason();
+    status = make();
+    if (status.isOk()) return status;
+    status = whyNotMade(status);
     socket.close();
-    return false;
+    return status;
 }
 
-bool NftTable::endFlows(std::string& reason) {
+tk::Status NftTable::whyNotMade(const tk::Status& result) {
+    if (result.code() == EPERM)
+        return tk::Status::failure("nf_tables: no permission, or another process owns the table \"ip tk\"");
+    const std::string missing = missingFeature(socket, nftFeatures(), guardsIp6);
+    if (missing.empty()) return result.prefixed("nf_tables: ");
+    return tk::Status::failure("nf_tables: this kernel lacks " + missing);
+}
+
+tk::Status NftTable::endFlows() {
     const tk::Status result = change([this](NftBatch& batch) { addEnds(batch); });
-    if (!result.isOk()) reason = "nf_tables: " + result.reason();
     endsFlows = result.isOk();
-    return result.isOk();
+    return result.prefixed("nf_tables: ");
 }
 
 void NftTable::addEnds(NftBatch& batch) const {
@@ -117,8 +117,7 @@ std::vector<NftTable::Fill> NftTable::pieces() const {
     cut(inside.interfaces, out, &addHairpins);
     cut<AddressRange>(inside.addresses, out,
                       [](NftBatch& batch, const std::vector<AddressRange>& part) { addInside(batch, part); });
-    std::vector<NatElement> all;
-    for (const auto& [key, element] : elements) all.push_back(element);
+    const std::vector<NatElement> all = owner ? owner->elements() : std::vector<NatElement>();
     cut<NatElement>(all, out,
                     [](NftBatch& batch, const std::vector<NatElement>& part) { addElements(batch, part); });
     if (endsFlows) out.emplace_back([this](NftBatch& batch) { addEnds(batch); });
@@ -193,27 +192,11 @@ void NftTable::mend() {
     if (doubt && !makeAnew().isOk()) mendLater();
 }
 
-bool NftTable::commit(std::span<const NatElement> removed, std::span<const NatElement> added,
-                      std::string& reason) {
-    const tk::Status result = change([&](NftBatch& batch) {
+tk::Status NftTable::commit(std::span<const NatElement> removed, std::span<const NatElement> added) {
+    return change([&](NftBatch& batch) {
         removeElements(batch, removed);
         addElements(batch, added);
     });
-    if (!result.isOk()) {
-        reason = result.reason();
-        return false;
-    }
-    remember(removed, added);
-    return true;
-}
-
-NftTable::Key NftTable::keyOf(const NatElement& element) {
-    return {element.destination, element.protocol, element.port};
-}
-
-void NftTable::remember(std::span<const NatElement> removed, std::span<const NatElement> added) {
-    for (const NatElement& element : removed) elements.erase(keyOf(element));
-    for (const NatElement& element : added) elements[keyOf(element)] = element;
 }
 
 void NftTable::guardUser(std::uint32_t user) {

@@ -2,11 +2,9 @@
 
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <set>
 #include <span>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "firewall/batch.h"
@@ -14,6 +12,7 @@
 #include "firewall/natkernel.h"
 #include "links/zones.h"
 #include "netlink/socket.h"
+#include "tk/status.h"
 #include "tk/timer.h"
 
 namespace router {
@@ -32,16 +31,17 @@ public:
 
     /// Makes the table, in place of one that was left behind. Flows of rules are let pass, whosever they
     /// were, until endFlows().
-    /// Errors: false, with the reason in `reason`: also when another process owns the table, and when the
-    /// kernel lacks something that the table needs.
-    [[nodiscard]] bool open(std::string& reason);
+    /// Errors: also when another process owns the table, and when the kernel lacks something that the table
+    /// needs.
+    tk::Status open();
+    /// Says whose rules the table holds; without an owner none are put into a table that is made anew.
+    /// Lifetime: the owner is there as long as anything changes the table.
+    void setOwner(const ElementOwner& rulesOwner) { owner = &rulesOwner; }
     /// Ends the flows that are not of a present rule, from now on: those of a former process, and of each
     /// rule that goes. Call once the rules are there whose flows shall live on.
-    /// Errors: false, with the reason in `reason`.
-    [[nodiscard]] bool endFlows(std::string& reason);
+    tk::Status endFlows();
 
-    [[nodiscard]] bool commit(std::span<const NatElement> removed, std::span<const NatElement> added,
-                              std::string& reason) override;
+    tk::Status commit(std::span<const NatElement> removed, std::span<const NatElement> added) override;
 
     // What the kernel refuses of these is logged, and tried again each second.
 
@@ -52,11 +52,9 @@ public:
     void insideChanged(const Inside& now) override;
 
 private:
-    using Key = std::tuple<std::uint32_t, std::uint8_t, std::uint16_t>;
-    static Key keyOf(const NatElement& element);
-
     using Fill = std::function<void(NftBatch&)>;
 
+    tk::Status whyNotMade(const tk::Status& result);
     void addEnds(NftBatch& batch) const;
     [[nodiscard]] std::vector<Fill> pieces() const;
     tk::Status send(std::span<const Fill> fills);
@@ -65,7 +63,6 @@ private:
     tk::Status attempt(const Fill& fill);
     tk::Status change(const Fill& fill);
     void insist(const Fill& fill, const std::string& trouble);
-    void remember(std::span<const NatElement> removed, std::span<const NatElement> added);
     void mendLater();
     void mend();
 
@@ -77,7 +74,7 @@ private:
     // What is in the table, and what it is made anew from.
     Inside inside;
     std::set<std::uint32_t> guarded;  // users
-    std::map<Key, NatElement> elements;
+    const ElementOwner* owner = nullptr;
     bool endsFlows = false;
     const char* doubt = nullptr;  // why the table may be different from that; null when it is not
     bool reported = false;        // that it cannot be made anew

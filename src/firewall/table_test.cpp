@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <map>
 #include <memory>
 #include <set>
 
@@ -23,10 +24,27 @@ namespace {
 using testing::address;
 
 NatElement element(std::uint16_t port, const char* target = "192.0.2.2", std::uint16_t targetPort = 8080) {
-    return {address("198.51.100.1"), 6, port, address(target), targetPort};
+    return {{address("198.51.100.1"), 6, port}, {address(target), targetPort}};
 }
 
 constexpr AddressRange lan{0xC0000200, 0xC00002FF};  // 192.0.2.0/24
+
+/// The rules that were committed.
+class Rules final : public ElementOwner {
+public:
+    void change(std::span<const NatElement> removed, std::span<const NatElement> added) {
+        for (const NatElement& element : removed) targets.erase(element.key);
+        for (const NatElement& element : added) targets[element.key] = element.target;
+    }
+    std::vector<NatElement> elements() const override {
+        std::vector<NatElement> all;
+        for (const auto& [key, target] : targets) all.push_back({key, target});
+        return all;
+    }
+
+private:
+    std::map<NatKey, NatTarget> targets;
+};
 
 class NftTableTest : public ::testing::Test {
 protected:
@@ -34,22 +52,20 @@ protected:
         if (!tk::testing::enterPrivateNetwork()) GTEST_SKIP() << "needs root";
         descriptor = ::dup(STDOUT_FILENO);  // the lowest that is free, as the table's socket will be
         ::close(descriptor);
-        std::string reason;
-        ASSERT_TRUE(table->open(reason)) << reason;
+        table->setOwner(rules);
+        ASSERT_EQ(table->open().reason(), "");
     }
     using Elements = std::vector<NatElement>;
     std::string commit(const Elements& removed, const Elements& added) {
-        std::string reason;
-        return table->commit(removed, added, reason) ? "" : reason;
+        const tk::Status status = table->commit(removed, added);
+        if (status.isOk()) rules.change(removed, added);
+        return status.reason();
     }
     static std::string nft(const std::string& arguments) {
         bool failed = false;
         return testing::run("nft " + arguments + " 2>&1", failed);
     }
-    void endFlows() {
-        std::string reason;
-        ASSERT_TRUE(table->endFlows(reason)) << reason;
-    }
+    void endFlows() { EXPECT_EQ(table->endFlows().reason(), ""); }
     /// The lines of the map's elements as nft lists them, and of what is live.
     static std::string mapText() { return elementsOf("map ip tk dstnat"); }
     static std::string liveText() { return elementsOf("set ip tk live"); }
@@ -91,6 +107,7 @@ protected:
 
     tk::testing::TestLoop loop;
     int descriptor = -1;
+    Rules rules;
     std::unique_ptr<NftTable> table = std::make_unique<NftTable>();
 };
 
@@ -158,9 +175,8 @@ TEST_F(NftTableTest, NobodyElseCanChangeIt) {
     EXPECT_TRUE(failed);
     EXPECT_EQ(mapText(), "elements = { 198.51.100.1 . tcp . 80 : 192.0.2.2 . 8080 }");
     NftTable second;
-    std::string reason;
-    EXPECT_FALSE(second.open(reason));
-    EXPECT_EQ(reason, "nf_tables: no permission, or another process owns the table \"ip tk\"");
+    EXPECT_EQ(second.open().reason(),
+              "nf_tables: no permission, or another process owns the table \"ip tk\"");
 }
 
 TEST_F(NftTableTest, GoesWithItsOwner) {
@@ -173,8 +189,7 @@ TEST_F(NftTableTest, ReplacesATableThatWasLeftBehind) {
     table.reset();
     EXPECT_EQ(nft("add table ip tk; nft add chain ip tk old"), "");
     table = std::make_unique<NftTable>();
-    std::string reason;
-    ASSERT_TRUE(table->open(reason)) << reason;
+    ASSERT_EQ(table->open().reason(), "");
     EXPECT_EQ(nft("list table ip tk").find("old"), std::string::npos);
 }
 
@@ -342,8 +357,7 @@ TEST_F(NftTableTest, TheGuardIsMadeAnewToo) {
 TEST(NftTableLimits, AreRulesOfTheInputChain) {
     if (!tk::testing::enterPrivateNetwork()) GTEST_SKIP() << "needs root";
     NftTable table({false, 20, 30, 50});
-    std::string reason;
-    ASSERT_TRUE(table.open(reason)) << reason;
+    ASSERT_EQ(table.open().reason(), "");
     bool failed = false;
     const std::string text = testing::run("nft list table ip tk", failed);
     for (const char* line : {"limit rate over 20/second burst 20 packets } drop",

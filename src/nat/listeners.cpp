@@ -13,7 +13,6 @@
 
 #include "netlink/request.h"
 #include "tk/fd.h"
-#include "tk/log.h"
 
 namespace router {
 
@@ -36,14 +35,14 @@ std::uint16_t listen(const tk::Fd& socket, bool isTcp) {
 
 /// True when a socket has the UDP port that the look-up does not show, for it is connected to a peer of its
 /// own, as those of tunnels are. Errors: false, also when that cannot be tried.
-bool isBound(std::uint32_t address, std::uint16_t port, std::uint32_t interface) {
+bool isBound(const NatKey& key, std::uint32_t interface) {
     const tk::Fd attempt(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     const int index = static_cast<int>(interface);
     sockaddr_in wanted{};
     wanted.sin_family = AF_INET;
-    wanted.sin_addr.s_addr = address;
-    wanted.sin_port = htons(port);
-    return port != 0 && attempt.isOpen() &&
+    wanted.sin_addr.s_addr = key.destination;
+    wanted.sin_port = htons(key.port);
+    return key.port != 0 && attempt.isOpen() &&
            ::setsockopt(attempt.get(), SOL_SOCKET, SO_BINDTOIFINDEX, &index, sizeof index) == 0 &&
            ::bind(attempt.get(), reinterpret_cast<const sockaddr*>(&wanted), sizeof wanted) != 0 &&
            errno == EADDRINUSE;
@@ -51,44 +50,39 @@ bool isBound(std::uint32_t address, std::uint16_t port, std::uint32_t interface)
 
 }  // namespace
 
-bool SocketListeners::open(std::string& reason) {
-    if (const tk::Status opened = socket.open(NETLINK_SOCK_DIAG); !opened.isOk()) {
-        reason = "sock_diag: this kernel lacks it (Linux 3.3): " + opened.reason();
-        return false;
-    }
-    return findsOwn(IPPROTO_TCP, reason) && findsOwn(IPPROTO_UDP, reason);
+tk::Status SocketListeners::open() {
+    tk::Status status = socket.open(NETLINK_SOCK_DIAG);
+    if (!status.isOk()) return status.prefixed("sock_diag: this kernel lacks it (Linux 3.3): ");
+    status = findsOwn(IPPROTO_TCP);
+    return status.isOk() ? findsOwn(IPPROTO_UDP) : status;
 }
 
 /// A kernel that cannot look such sockets up answers as if there were none.
-bool SocketListeners::findsOwn(std::uint8_t protocol, std::string& reason) {
+tk::Status SocketListeners::findsOwn(std::uint8_t protocol) {
     const bool isTcp = protocol == IPPROTO_TCP;
     const tk::Fd own(::socket(AF_INET, (isTcp ? SOCK_STREAM : SOCK_DGRAM) | SOCK_CLOEXEC, protocol));
     const std::uint16_t port = own.isOpen() ? listen(own, isTcp) : std::uint16_t{0};
-    if (port == 0) {
-        reason = "sock_diag cannot be tried: " + tk::errorText();
-        return false;
-    }
-    if (find(htonl(INADDR_LOOPBACK), protocol, port, ::if_nametoindex(loopback), reason) == Answer::somebody)
-        return true;
+    if (port == 0) return tk::Status::ofErrno("sock_diag cannot be tried", errno);
+    const NatKey key{htonl(INADDR_LOOPBACK), protocol, port};
+    const tk::Result<bool> found = isTaken(key, ::if_nametoindex(loopback));
+    if (found.isOk() && *found) return {};
     const char* module = isTcp ? "tcp_diag" : "udp_diag";
-    reason = std::string("sock_diag: this kernel lacks ") + module + " (Linux 3.3)";
-    return false;
+    return tk::Status::failure(std::string("sock_diag: this kernel lacks ") + module + " (Linux 3.3)");
 }
 
-Listeners::Answer SocketListeners::find(std::uint32_t address, std::uint8_t protocol, std::uint16_t port,
-                                        std::uint32_t interface, std::string& reason) {
+tk::Result<bool> SocketListeners::isTaken(const NatKey& key, std::uint32_t interface) {
     std::array<char, 256> buffer;
     nlmsghdr* message = mnl_nlmsg_put_header(buffer.data());
     message->nlmsg_type = SOCK_DIAG_BY_FAMILY;
     auto* wanted =
         static_cast<inet_diag_req_v2*>(mnl_nlmsg_put_extra_header(message, sizeof(inet_diag_req_v2)));
     wanted->sdiag_family = AF_INET;
-    wanted->sdiag_protocol = protocol;
+    wanted->sdiag_protocol = key.protocol;
     // The packet came from nobody in particular. For UDP the kernel takes the two ends as those of the
     // packet, for TCP as those of the socket.
-    const bool isTcp = protocol == IPPROTO_TCP;
-    (isTcp ? wanted->id.idiag_src[0] : wanted->id.idiag_dst[0]) = address;
-    (isTcp ? wanted->id.idiag_sport : wanted->id.idiag_dport) = htons(port);
+    const bool isTcp = key.protocol == IPPROTO_TCP;
+    (isTcp ? wanted->id.idiag_src[0] : wanted->id.idiag_dst[0]) = key.destination;
+    (isTcp ? wanted->id.idiag_sport : wanted->id.idiag_dport) = htons(key.port);
     wanted->id.idiag_if = interface;
     wanted->id.idiag_cookie[0] = INET_DIAG_NOCOOKIE;
     wanted->id.idiag_cookie[1] = INET_DIAG_NOCOOKIE;
@@ -96,10 +90,9 @@ Listeners::Answer SocketListeners::find(std::uint32_t address, std::uint8_t prot
     const tk::Status result = netlink::request(socket, *message, [&](const nlmsghdr& answer) {
         isFound = isFound || answer.nlmsg_type == SOCK_DIAG_BY_FAMILY;
     });
-    if (isFound || (!isTcp && isBound(address, port, interface))) return Answer::somebody;
-    if (result.code() == ENOENT) return Answer::nobody;
-    reason = result.isOk() ? "the kernel gave no answer" : result.reason();
-    return Answer::unknown;
+    if (isFound || (!isTcp && isBound(key, interface))) return true;
+    if (result.code() == ENOENT) return false;
+    return result.isOk() ? tk::Status::failure("the kernel gave no answer") : result;
 }
 
 }  // namespace router

@@ -18,7 +18,8 @@ namespace router {
 namespace {
 
 using testing::address;
-using Answer = Listeners::Answer;
+
+enum class Answer { nobody, somebody, unknown };
 
 constexpr std::uint16_t port = 4321;
 
@@ -34,8 +35,7 @@ protected:
                 "ip address add 192.0.2.1/24 dev inside",
                 failed);
         ASSERT_FALSE(failed);
-        std::string reason;
-        ASSERT_TRUE(listeners.open(reason)) << reason;
+        ASSERT_EQ(listeners.open().reason(), "");
     }
     static bool isTcp() { return GetParam() == IPPROTO_TCP; }
     static tk::Fd make(int family = AF_INET) {
@@ -56,8 +56,10 @@ protected:
                   0);
     }
     Answer find() {
-        std::string reason;
-        return listeners.find(address("198.51.100.1"), GetParam(), port, ::if_nametoindex("outside"), reason);
+        const auto taken =
+            listeners.isTaken({address("198.51.100.1"), GetParam(), port}, ::if_nametoindex("outside"));
+        if (!taken.isOk()) return Answer::unknown;
+        return *taken ? Answer::somebody : Answer::nobody;
     }
 
     SocketListeners listeners;

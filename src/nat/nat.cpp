@@ -24,11 +24,23 @@ constexpr std::uint32_t retryTicks = 100;  // 1 s
 /// The element of a rule in the kernel: none without a rule, or for a disabled one.
 std::vector<NatElement> elementsOf(const NatRule* rule) {
     if (!rule || rule->disabled) return {};
-    return {rule->element};
+    return {{rule->key, rule->target}};
 }
 
-tk::message invalid(const std::string& reason) {
-    return tk::errorMsg(tk::error::invalid, reason);
+tk::message answerOf(const tk::Status& status) {
+    return status.isOk() ? tk::message() : tk::errorMsg(status.code(), status.reason());
+}
+
+tk::Status notAllowed(const std::string& reason) {
+    return tk::Status::failure(reason, tk::error::notAllowed);
+}
+
+tk::Status failed(const std::string& reason) {
+    return tk::Status::failure(reason, tk::error::failed);
+}
+
+tk::Status noSuchRule(std::uint32_t id) {
+    return tk::Status::failure("no rule " + std::to_string(id), tk::error::noSuchObject);
 }
 
 tk::message deletedRecord(std::uint32_t id) {
@@ -51,16 +63,18 @@ Nat::Nat(const std::string& storePath, const NatPolicy& policy, const RouterPort
 
 void Nat::load() {
     for (const auto& [id, record] : store.all()) {
-        NatRule rule;
-        rule.id = id;
-        std::string reason;
-        if (!readRule(record, true, rule, reason)) {
-            tk::log("nat: stored rule ", id, " ignored: ", reason);
+        tk::Result<NatRule> stored = newRule(record);
+        if (!stored.isOk()) {
+            tk::log("nat: stored rule ", id, " ignored: ", stored.reason());
             continue;
         }
+        NatRule rule = stored.take();
+        rule.id = id;
+        rule.dynamic = false;
         // The policy had its say when the rule was made; at this time of a start routes may still be missing.
-        if (!rule.disabled && !kernel.commit({}, elementsOf(&rule), reason)) {
-            tk::log("nat: stored rule ", id, " cannot be enabled: ", reason);
+        if (const tk::Status status = rule.disabled ? tk::Status() : kernel.commit({}, elementsOf(&rule));
+            !status.isOk()) {
+            tk::log("nat: stored rule ", id, " cannot be enabled: ", status.reason());
             rule.disabled = true;
         }
         rules.put(rule);
@@ -69,112 +83,121 @@ void Nat::load() {
 
 void Nat::withdraw() {
     refusals.close();
-    std::vector<NatElement> left;
-    for (const auto& [id, rule] : rules.all())
-        if (!rule.disabled) left.push_back(rule.element);
-    std::span<const NatElement> rest(left);
-    while (!rest.empty()) {
-        const auto part = rest.first(std::min(rest.size(), removedPerTransaction));
-        rest = rest.subspan(part.size());
-        std::string reason;
-        if (!kernel.commit(part, {}, reason)) return tk::log("nat: the rules cannot be taken out: ", reason);
+    while (!rules.all().empty()) {
+        std::vector<std::uint32_t> ids;
+        for (auto rule = rules.all().begin(); rule != rules.all().end() && ids.size() < removedPerTransaction;
+             ++rule)
+            ids.push_back(rule->first);
+        if (const tk::Status status = takeOut(ids); !status.isOk())
+            return tk::log("nat: the rules cannot be taken out: ", status.reason());
     }
 }
 
-tk::message Nat::checkRoom(const NatRule* former, const NatRule& changed) const {
+std::vector<NatElement> Nat::elements() const {
+    std::vector<NatElement> all;
+    for (const auto& [id, rule] : rules.all())
+        if (!rule.disabled) all.push_back({rule.key, rule.target});
+    return all;
+}
+
+tk::Status Nat::checkRoom(const NatRule* former, const NatRule& changed) const {
     if (!former && !changed.dynamic && rules.countStored() >= storedLimit)
-        return tk::errorMsg(tk::error::busy, "there are " + std::to_string(rules.countStored()) +
-                                                 " stored rules already, and " + std::to_string(storedLimit) +
-                                                 " is the most");
+        return tk::Status::failure("there are " + std::to_string(rules.countStored()) +
+                                       " stored rules already, and " + std::to_string(storedLimit) +
+                                       " is the most",
+                                   tk::error::busy);
     std::size_t total = rules.all().size();
-    const std::size_t ofTarget = rules.countTo(changed.element.target);
-    if (former && former->element.target == changed.element.target) return {};  // no rule more for anybody
+    const std::uint32_t target = changed.target.address;
+    if (former && former->target.address == target) return {};  // no rule more for anybody
     if (former) --total;
-    std::string reason;
-    if (policy.hasRoom(total, ofTarget, changed.element, reason)) return {};
-    return tk::errorMsg(tk::error::busy, reason);
+    return policy.hasRoom(total, rules.countTo(target), target);
 }
 
 /// What a program may ask for is less than what root may.
-tk::message Nat::checkProgram(const NatRule* former, const NatRule& rule) const {
-    if (!rule.dynamic)
-        return tk::errorMsg(tk::error::notAllowed, "only root may make a rule that is not dynamic");
-    std::string reason;
-    const bool isNew = !former || former->element.destination != rule.element.destination;
-    if (policy.allowsDestination(rule.element, isNew, reason) && ports.areFreeFor(rule.element, reason))
-        return {};
-    return tk::errorMsg(tk::error::refused, reason);
+tk::Status Nat::checkProgram(const NatRule* former, const NatRule& rule) const {
+    if (!rule.dynamic) return notAllowed("only root may make a rule that is not dynamic");
+    const std::uint32_t destination = rule.key.destination;
+    const bool isNew = !former || former->key.destination != destination;
+    tk::Status status = policy.allowsDestination(destination, isNew);
+    return status.isOk() ? ports.areFreeFor(rule.key) : status;
 }
 
-tk::message Nat::checkOwner(const NatRule& rule, const tk::message& request) const {
+tk::Status Nat::checkOwner(const NatRule& rule, const tk::message& request) const {
     if (!isAskedByProgram()) return {};
     if (rule.dynamic && rule.owner == request.get_u32_array(tk::field::sender).front()) return {};
-    return tk::errorMsg(tk::error::notAllowed, "the rule is not yours");
+    return notAllowed("the rule is not yours");
 }
 
 /// Tells the log what a program asked for in vain.
-tk::message Nat::refuse(const tk::message& refusal) {
-    if (!isAskedByProgram()) return refusal;
-    const std::string event = "rule of user " + std::to_string(requester.user()) + " refused";
-    refusals.note(event, requester.user(), tk::getError(refusal));
-    return refusal;
+tk::message Nat::refuse(const tk::Status& refusal) {
+    if (isAskedByProgram())
+        refusals.note("rule of user " + std::to_string(requester.user()) + " refused", requester.user(),
+                      refusal.reason());
+    return answerOf(refusal);
 }
 
-tk::message Nat::check(const NatRule* former, const NatRule& rule, bool isProgram) const {
-    tk::message refusal = checkRoom(former, rule);
-    if (tk::isError(refusal)) return refusal;
-    const bool onlyDisables = rule.disabled && former && former->element == rule.element;
+tk::Status Nat::check(const NatRule* former, const NatRule& rule, bool isProgram) const {
+    tk::Status status = checkRoom(former, rule);
+    if (!status.isOk()) return status;
+    const bool onlyDisables =
+        rule.disabled && former && former->key == rule.key && former->target == rule.target;
     if (onlyDisables) return {};  // always possible, whatever the policy has become
-    std::string reason;
-    if (!policy.allows(rule.element, reason)) return tk::errorMsg(tk::error::refused, reason);
-    if (isProgram) refusal = checkProgram(former, rule);
-    if (tk::isError(refusal) || rule.disabled) return refusal;
-    const NatRule* other = rules.findMatch(rule.element);
-    if (other && other->id != rule.id)
-        return tk::errorMsg(
-            tk::error::exists,
-            destinationText(rule.element) + " is mapped already, by rule " + std::to_string(other->id));
-    return {};
+    status = policy.allows({rule.key, rule.target});
+    if (status.isOk() && isProgram) status = checkProgram(former, rule);
+    if (!status.isOk() || rule.disabled) return status;
+    const NatRule* other = rules.find(rule.key);
+    if (!other || other->id == rule.id) return {};
+    return tk::Status::failure(textOf(rule.key) + " is mapped already, by rule " + std::to_string(other->id),
+                               tk::error::exists);
 }
 
-bool Nat::stage(const NatRule* former, const NatRule* changed, bool& staged) {
-    const NatRule* known = changed ? changed : former;
-    staged = !known->dynamic;
-    if (!staged) return true;
-    return changed ? store.stage(changed->id, recordOf(*changed)) : store.stageRemoval(known->id);
+/// Prepares what becomes of a stored rule.
+tk::Status Nat::stage(const NatRule& known, const NatRule* changed) {
+    if (known.dynamic) return {};
+    const bool staged =
+        changed ? store.stage(changed->id, changed->toMessage()) : store.stageRemoval(known.id);
+    return staged ? tk::Status() : failed(store.error());
+}
+
+/// Keeps a rule as it is now; without `changed` it is gone.
+void Nat::keep(const NatRule* former, const NatRule* changed) {
+    if (changed)
+        rules.put(*changed);
+    else
+        rules.remove(former->id);
 }
 
 /// Brings one change about: the store is prepared first, then the kernel decides, then the store follows it.
-tk::message Nat::apply(const NatRule* former, const NatRule* changed) {
-    bool staged = false;
-    if (!stage(former, changed, staged)) return tk::errorMsg(tk::error::failed, store.error());
+/// Neither rule is one of those in `rules`.
+tk::Status Nat::apply(const NatRule* former, const NatRule* changed) {
+    const bool isStored = !(changed ? changed : former)->dynamic;
+    if (tk::Status status = stage(changed ? *changed : *former, changed); !status.isOk()) return status;
     const std::vector<NatElement> removed = elementsOf(former);
     const std::vector<NatElement> added = elementsOf(changed);
-    std::string reason;
-    if (removed != added && !kernel.commit(removed, added, reason)) {
-        if (staged) store.discard();
-        return tk::errorMsg(tk::error::failed, reason);
+    const bool isInKernel = removed != added;
+    if (const tk::Status status = isInKernel ? kernel.commit(removed, added) : tk::Status(); !status.isOk()) {
+        if (isStored) store.discard();
+        return failed(status.reason());
     }
-    if (!staged || store.commit()) return {};
+    keep(former, changed);
+    if (!isStored || store.commit()) return {};
     // Not stored after all: the kernel goes back. Should it refuse that, its state is what the bus goes on
     // telling.
-    if (removed != added && !kernel.commit(added, removed, reason)) return {};
-    return tk::errorMsg(tk::error::failed, store.error());
+    if (isInKernel && !kernel.commit(added, removed).isOk()) return {};
+    keep(changed, former);
+    return failed(store.error());
 }
 
 tk::message Nat::cmdAddObj(const tk::message& request) {
-    NatRule rule;
-    std::string reason;
-    if (!readRule(request, true, rule, reason)) return invalid(reason);
-    rule.dynamic = request.get_bool(tk::field::dynamic);
+    tk::Result<NatRule> asked = newRule(request);
+    if (!asked.isOk()) return answerOf(asked.status());
+    NatRule rule = asked.take();
     if (rule.dynamic) rule.owner = request.get_u32_array(tk::field::sender).front();
-    tk::message refusal = check(nullptr, rule, isAskedByProgram());
-    if (tk::isError(refusal)) return refuse(refusal);
+    if (const tk::Status status = check(nullptr, rule, isAskedByProgram()); !status.isOk())
+        return refuse(status);
     rule.id = rules.newId();
-    refusal = apply(nullptr, &rule);
-    if (tk::isError(refusal)) return refusal;
-    rules.put(rule);
-    notifyChange(rule.id, recordOf(rule));
+    if (const tk::Status status = apply(nullptr, &rule); !status.isOk()) return answerOf(status);
+    notifyChange(rule.id, rule.toMessage());
     tk::message reply;
     reply.insert_u32(tk::field::objectId, rule.id);
     return reply;
@@ -182,33 +205,28 @@ tk::message Nat::cmdAddObj(const tk::message& request) {
 
 tk::message Nat::cmdSetObj(const tk::message& request) {
     const std::uint32_t id = request.get_u32(tk::field::objectId);
-    const NatRule* known = rules.find(id);
-    if (!known) return tk::errorMsg(tk::error::noSuchObject, "no rule " + std::to_string(id));
-    tk::message refusal = checkOwner(*known, request);
-    if (tk::isError(refusal)) return refuse(refusal);
-    NatRule changed = *known;
-    std::string reason;
-    if (!readRule(request, false, changed, reason)) return invalid(reason);
-    refusal = check(known, changed, isAskedByProgram());
-    if (tk::isError(refusal)) return refuse(refusal);
-    refusal = apply(known, &changed);
-    if (tk::isError(refusal)) return refusal;
-    rules.put(changed);
-    notifyChange(id, recordOf(changed));
+    const NatRule* found = rules.find(id);
+    if (!found) return answerOf(noSuchRule(id));
+    const NatRule known = *found;
+    if (const tk::Status status = checkOwner(known, request); !status.isOk()) return refuse(status);
+    const tk::Result<NatRule> changed = changedRule(known, request);
+    if (!changed.isOk()) return answerOf(changed.status());
+    if (const tk::Status status = check(&known, *changed, isAskedByProgram()); !status.isOk())
+        return refuse(status);
+    if (const tk::Status status = apply(&known, &*changed); !status.isOk()) return answerOf(status);
+    notifyChange(id, changed->toMessage());
     return {};
 }
 
 tk::message Nat::cmdRemoveObj(const tk::message& request) {
-    if (!request.has(tk::field::objectId)) return invalid("the request names no rule");
-    const std::uint32_t id = request.get_u32(tk::field::objectId);
-    const NatRule* known = rules.find(id);
-    if (!known) return {};  // it is gone, as was asked for
-    tk::message refusal = checkOwner(*known, request);
-    if (tk::isError(refusal)) return refuse(refusal);
-    refusal = apply(known, nullptr);
-    if (tk::isError(refusal)) return refusal;
-    rules.remove(id);
-    tellRemoved({id});
+    if (!request.has(tk::field::objectId))
+        return tk::errorMsg(tk::error::invalid, "the request names no rule");
+    const NatRule* found = rules.find(request.get_u32(tk::field::objectId));
+    if (!found) return {};  // it is gone, as was asked for
+    const NatRule known = *found;
+    if (const tk::Status status = checkOwner(known, request); !status.isOk()) return refuse(status);
+    if (const tk::Status status = apply(&known, nullptr); !status.isOk()) return answerOf(status);
+    tellRemoved({known.id});
     return {};
 }
 
@@ -216,35 +234,37 @@ tk::message Nat::cmdDisconnected(const tk::Path& client) {
     const std::set<std::uint32_t>& owned = rules.of(client.front());
     if (owned.empty()) return {};
     orphans.insert(owned.begin(), owned.end());
-    return removeOrphans();
+    return answerOf(removeOrphans());
 }
 
-tk::message Nat::removeOrphans() {
-    std::string reason;
-    while (!orphans.empty())
-        if (!removeSomeOrphans(reason)) {
-            orphanTimer.arm(retryTicks);
-            return tk::errorMsg(tk::error::failed, reason);
-        }
+/// Takes rules out of the kernel in one transaction, and forgets them.
+tk::Status Nat::takeOut(const std::vector<std::uint32_t>& ids) {
+    std::vector<NatElement> removed;
+    for (const std::uint32_t id : ids)
+        for (const NatElement& element : elementsOf(rules.find(id))) removed.push_back(element);
+    if (!removed.empty())
+        if (tk::Status status = kernel.commit(removed, {}); !status.isOk()) return failed(status.reason());
+    for (const std::uint32_t id : ids) rules.remove(id);
     return {};
 }
 
+tk::Status Nat::removeOrphans() {
+    tk::Status status;
+    while (!orphans.empty() && status.isOk()) status = removeSomeOrphans();
+    if (!status.isOk()) orphanTimer.arm(retryTicks);
+    return status;
+}
+
 /// Removes as many as one transaction takes.
-bool Nat::removeSomeOrphans(std::string& reason) {
+tk::Status Nat::removeSomeOrphans() {
     std::vector<std::uint32_t> ids;
-    std::vector<NatElement> removed;
     auto next = orphans.begin();
-    for (; next != orphans.end() && ids.size() < removedPerTransaction; ++next) {
-        const NatRule* rule = rules.find(*next);
-        if (!rule) continue;  // somebody removed it
-        ids.push_back(*next);
-        if (!rule->disabled) removed.push_back(rule->element);
-    }
-    if (!removed.empty() && !kernel.commit(removed, {}, reason)) return false;
+    for (; next != orphans.end() && ids.size() < removedPerTransaction; ++next)
+        if (rules.find(*next)) ids.push_back(*next);  // else somebody removed it
+    if (tk::Status status = takeOut(ids); !status.isOk()) return status;
     orphans.erase(orphans.begin(), next);
-    for (const std::uint32_t id : ids) rules.remove(id);
     tellRemoved(ids);
-    return true;
+    return {};
 }
 
 void Nat::retryOrphans() {
@@ -267,12 +287,12 @@ void Nat::tellRemoved(const std::vector<std::uint32_t>& ids) {
 tk::message Nat::cmdGetObj(const tk::message& request) {
     const std::uint32_t id = request.get_u32(tk::field::objectId);
     const NatRule* rule = rules.find(id);
-    return rule ? recordOf(*rule) : tk::errorMsg(tk::error::noSuchObject, "no rule " + std::to_string(id));
+    return rule ? rule->toMessage() : answerOf(noSuchRule(id));
 }
 
 tk::message Nat::cmdGetAll(const tk::message& request) {
     return pageOf(rules.all(), request, pageSize,
-                  [](std::uint32_t, const NatRule& rule) { return recordOf(rule); });
+                  [](std::uint32_t, const NatRule& rule) { return rule.toMessage(); });
 }
 
 tk::message Nat::cmdGetCount(const tk::message&) {
@@ -283,11 +303,8 @@ tk::message Nat::cmdGetCount(const tk::message&) {
 
 tk::message Nat::cmdUnknown(const tk::message& received, std::uint32_t command) {
     if (command != contract::testRule) return Handler::cmdUnknown(received, command);
-    NatRule rule;
-    std::string reason;
-    if (!readRule(received, true, rule, reason)) return invalid(reason);
-    rule.dynamic = received.get_bool(tk::field::dynamic);
-    return check(nullptr, rule, /*isProgram=*/true);
+    const tk::Result<NatRule> rule = newRule(received);
+    return answerOf(rule.isOk() ? check(nullptr, *rule, /*isProgram=*/true) : rule.status());
 }
 
 }  // namespace router

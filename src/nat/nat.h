@@ -22,7 +22,7 @@ namespace router {
 /// refused it. Dynamic rules belong to the connection that made them and go with it; others are stored.
 /// Root may do everything. Any other user is a program: it makes dynamic rules alone, and has a say in its
 /// own alone.
-class Nat final : public tk::Handler {
+class Nat final : public tk::Handler, public ElementOwner {
 public:
     static constexpr std::size_t usualStoredLimit = 4096;  // each change writes them all
 
@@ -35,9 +35,11 @@ public:
     /// line; what is stored stays as it is.
     void load();
 
-    /// Takes all rules out of the kernel, and leaves the store as it is: for the end of the router, when
-    /// nobody can ask for rules any more.
+    /// Takes all rules out of the kernel and forgets them, and leaves the store as it is: for the end of the
+    /// router, when nobody can ask for rules any more.
     void withdraw();
+
+    [[nodiscard]] std::vector<NatElement> elements() const override;
 
     tk::message cmdAddObj(const tk::message& request) override;
     tk::message cmdSetObj(const tk::message& request) override;
@@ -52,17 +54,21 @@ public:
     tk::message cmdDisconnected(const tk::Path& client) override;
 
 private:
+    // What is checked and done for one request. Errors: the code is that of the bus error.
+
     /// May there be one rule more, or one that leads elsewhere? `former` is null for a new one.
-    [[nodiscard]] tk::message checkRoom(const NatRule* former, const NatRule& changed) const;
-    [[nodiscard]] tk::message check(const NatRule* former, const NatRule& rule, bool isProgram) const;
-    [[nodiscard]] tk::message checkProgram(const NatRule* former, const NatRule& rule) const;
-    [[nodiscard]] tk::message checkOwner(const NatRule& rule, const tk::message& request) const;
+    tk::Status checkRoom(const NatRule* former, const NatRule& changed) const;
+    tk::Status check(const NatRule* former, const NatRule& rule, bool isProgram) const;
+    tk::Status checkProgram(const NatRule* former, const NatRule& rule) const;
+    tk::Status checkOwner(const NatRule& rule, const tk::message& request) const;
     [[nodiscard]] bool isAskedByProgram() const { return requester.user() != 0; }
-    tk::message refuse(const tk::message& refusal);
-    [[nodiscard]] tk::message apply(const NatRule* former, const NatRule* changed);
-    [[nodiscard]] bool stage(const NatRule* former, const NatRule* changed, bool& staged);
-    [[nodiscard]] tk::message removeOrphans();
-    [[nodiscard]] bool removeSomeOrphans(std::string& reason);
+    tk::message refuse(const tk::Status& refusal);
+    tk::Status apply(const NatRule* former, const NatRule* changed);
+    tk::Status stage(const NatRule& known, const NatRule* changed);
+    void keep(const NatRule* former, const NatRule* changed);
+    tk::Status takeOut(const std::vector<std::uint32_t>& ids);
+    tk::Status removeOrphans();
+    tk::Status removeSomeOrphans();
     void retryOrphans();
     void tellRemoved(const std::vector<std::uint32_t>& ids);
 

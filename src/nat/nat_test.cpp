@@ -1,5 +1,7 @@
 #include "nat/nat.h"
 
+#include <sys/stat.h>
+
 #include <gtest/gtest.h>
 
 #include "contract/natrules.h"
@@ -19,7 +21,12 @@ using testing::natRequest;
 
 class NatTest : public ::testing::Test {
 protected:
-    NatTest() { nat.attach(bus, {20, 5}); }
+    NatTest() {
+        nat.attach(bus, {20, 5});
+        kernel.owner = &nat;
+    }
+    /// Whenever the kernel is asked, it holds what its table would be made anew from.
+    void TearDown() override { EXPECT_EQ(kernel.strayedOwner, 0); }
     std::uint32_t add(const tk::message& request) {
         const tk::message reply = nat.cmdAddObj(request);
         EXPECT_EQ(tk::getError(reply), "");
@@ -53,7 +60,7 @@ TEST_F(NatTest, CreatesInTheKernelAndAnswersTheId) {
     EXPECT_EQ(add(natRequest(80, "192.0.2.2", 8080)), 1U);
     EXPECT_EQ(add(natRequest(80, "192.0.2.3", 80, 17)), 2U);
     ASSERT_TRUE(kernel.find("198.51.100.1", 6, 80));
-    EXPECT_EQ(kernel.find("198.51.100.1", 6, 80)->targetPort, 8080);
+    EXPECT_EQ(kernel.find("198.51.100.1", 6, 80)->port, 8080);
     EXPECT_TRUE(kernel.find("198.51.100.1", 17, 80));
     EXPECT_EQ(kernel.transactions, 2);
 }
@@ -109,7 +116,7 @@ TEST_F(NatTest, ASecondEnabledRuleOfTheSameMatchIsRefused) {
     EXPECT_TRUE(tk::isError(nat.cmdAddObj(natRequest(80, "192.0.2.3", 80)), &code, &text));
     EXPECT_EQ(code, tk::error::exists);
     EXPECT_EQ(text, "tcp 198.51.100.1:80 is mapped already, by rule 1");
-    EXPECT_EQ(kernel.find("198.51.100.1", 6, 80)->targetPort, 8080);
+    EXPECT_EQ(kernel.find("198.51.100.1", 6, 80)->port, 8080);
 }
 
 TEST_F(NatTest, DisabledRulesAreNotInTheKernel) {
@@ -124,7 +131,7 @@ TEST_F(NatTest, DisabledRulesAreNotInTheKernel) {
     EXPECT_TRUE(tk::isError(nat.cmdSetObj(enable)));  // its place is taken
     EXPECT_FALSE(tk::isError(nat.cmdRemoveObj(ofId(other))));
     EXPECT_FALSE(tk::isError(nat.cmdSetObj(enable)));
-    EXPECT_EQ(kernel.find("198.51.100.1", 6, 80)->target, address("192.0.2.2"));
+    EXPECT_EQ(kernel.find("198.51.100.1", 6, 80)->address, address("192.0.2.2"));
 }
 
 TEST_F(NatTest, AChangeReplacesTheElementInOneTransaction) {
@@ -138,8 +145,7 @@ TEST_F(NatTest, AChangeReplacesTheElementInOneTransaction) {
     EXPECT_FALSE(tk::isError(nat.cmdSetObj(change)));
     EXPECT_EQ(kernel.transactions, 2);
     EXPECT_EQ(kernel.elements.size(), 1U);
-    EXPECT_EQ(*kernel.find("198.51.100.1", 6, 80),
-              (NatElement{address("198.51.100.1"), 6, 80, address("192.0.2.9"), 9}));
+    EXPECT_EQ(*kernel.find("198.51.100.1", 6, 80), (NatTarget{address("192.0.2.9"), 9}));
     change.insert_bool(tk::field::disabled, true);
     EXPECT_FALSE(tk::isError(nat.cmdSetObj(change)));
     EXPECT_TRUE(kernel.elements.empty());
@@ -250,6 +256,7 @@ TEST_F(NatTest, WithdrawsAllRulesFromTheKernelAndNoneFromTheStore) {
 TEST_F(NatTest, StoredRulesAreLimitedAndDynamicOnesAreNot) {
     Nat small(files.file("few"), policy, ports, kernel, requester, 2);
     small.attach(bus, {20, 5});
+    kernel.owner = &small;
     EXPECT_FALSE(tk::isError(small.cmdAddObj(lasting(1))));
     EXPECT_FALSE(tk::isError(small.cmdAddObj(natRequest(10, "192.0.2.2", 10))));
     const tk::message second = small.cmdAddObj(lasting(2));
@@ -335,9 +342,28 @@ TEST_F(NatTest, AStoreThatCannotBeWrittenRefusesBeforeTheKernelIsAsked) {
     files.write("file", "");
     Nat blocked(files.file("file/nat"), policy, ports, kernel, requester);
     blocked.attach(bus, {20, 5});
+    kernel.owner = &blocked;
     EXPECT_TRUE(tk::isError(blocked.cmdAddObj(lasting(7))));
     EXPECT_EQ(kernel.transactions, 0);
     EXPECT_FALSE(tk::isError(blocked.cmdAddObj(natRequest(80, "192.0.2.2", 8080))));
+}
+
+TEST_F(NatTest, ARuleThatIsNotStoredAfterAllIsTakenBack) {
+    ASSERT_EQ(::mkdir(files.file("nat").c_str(), 0700), 0);  // takes the place of the file
+    std::uint32_t code = 0;
+    EXPECT_TRUE(tk::isError(nat.cmdAddObj(lasting(80)), &code));
+    EXPECT_EQ(code, tk::error::failed);
+    EXPECT_EQ(kernel.transactions, 2);
+    EXPECT_TRUE(kernel.elements.empty());
+    EXPECT_EQ(count(), 0U);
+}
+
+TEST_F(NatTest, ARuleThatCannotBeTakenBackIsListed) {
+    ASSERT_EQ(::mkdir(files.file("nat").c_str(), 0700), 0);
+    kernel.transactionsLeft = 1;
+    EXPECT_EQ(add(lasting(80)), 1U);
+    EXPECT_TRUE(kernel.find("198.51.100.1", 6, 80));
+    EXPECT_EQ(count(), 1U);
 }
 
 TEST_F(NatTest, TheListComesInPages) {
@@ -458,7 +484,7 @@ TEST_F(ProgramsNatTest, AStoredRuleIsNotAProgramsThatHasTheNumberOfNobody) {
 }
 
 TEST_F(ProgramsNatTest, APortOfTheRoutersOwnIsNotToBeHad) {
-    listeners.heard.insert({address("198.51.100.1"), 6, 22, 3});
+    listeners.heard.insert({{address("198.51.100.1"), 6, 22}, 3});
     EXPECT_EQ(outcome(22), "tcp 198.51.100.1:22 refused: a service of the router listens there");
     EXPECT_EQ(outcome(22, 17), "");
     EXPECT_EQ(outcome(51820, 17), "external port 51820 refused: it is one of the router's own");
@@ -468,7 +494,7 @@ TEST_F(ProgramsNatTest, APortOfTheRoutersOwnIsNotToBeHad) {
 }
 
 TEST_F(ProgramsNatTest, ARuleIsNotMovedToAPortOfTheRoutersOwn) {
-    listeners.heard.insert({address("198.51.100.1"), 6, 22, 3});
+    listeners.heard.insert({{address("198.51.100.1"), 6, 22}, 3});
     tk::message change = from({80, 0}, ofId(add(natRequest(80, "192.0.2.2", 80))));
     change.insert_u32(contract::rulefield::dstPortFirst, 22);
     change.insert_u32(contract::rulefield::dstPortLast, 22);

@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <vector>
 
+#include "tk/names.h"
+
 namespace router {
 
 namespace {
@@ -26,37 +28,35 @@ bool has(const std::vector<PortRange>& ranges, std::uint16_t port) {
                                          [port](const PortRange& range) { return range.contains(port); });
 }
 
+tk::Status refused(const std::string& reason) {
+    return tk::Status::failure(reason, tk::error::refused);
+}
+
 }  // namespace
 
-bool NatPolicy::allows(const NatElement& element, std::string& reason) const {
-    if (element.destination == INADDR_ANY) {
-        reason = "destination 0.0.0.0 refused: the rule would never match";
-        return false;
-    }
-    if (!allowsPorts(element, reason)) return false;
-    const std::string fault = config.checksTargets ? faultOfTarget(element.target) : std::string();
-    if (!fault.empty()) reason = "target " + addressText(element.target) + " refused: " + fault;
-    return fault.empty();
+tk::Status NatPolicy::allows(const NatElement& element) const {
+    if (element.key.destination == INADDR_ANY)
+        return refused("destination 0.0.0.0 refused: the rule would never match");
+    if (tk::Status status = allowsPorts(element); !status.isOk()) return status;
+    const std::string fault = config.checksTargets ? faultOfTarget(element.target.address) : std::string();
+    if (fault.empty()) return {};
+    return refused("target " + addressText(element.target.address) + " refused: " + fault);
 }
 
-bool NatPolicy::allowsDestination(const NatElement& element, bool isNew, std::string& reason) const {
-    if (!zones.outsideHoldersOf(element.destination).empty()) return true;
-    if (!isNew && !zones.isOwn(element.destination)) return true;
-    reason = "destination " + addressText(element.destination) +
-             " refused: it is no address of an outside interface of the router";
-    return false;
+tk::Status NatPolicy::allowsDestination(std::uint32_t address, bool isNew) const {
+    if (!zones.outsideHoldersOf(address).empty()) return {};
+    if (!isNew && !zones.isOwn(address)) return {};
+    return refused("destination " + addressText(address) +
+                   " refused: it is no address of an outside interface of the router");
 }
 
-bool NatPolicy::allowsPorts(const NatElement& element, std::string& reason) const {
-    if (!has(config.externalPorts, element.port)) {
-        reason =
-            "external port " + std::to_string(element.port) + " refused: it is not among those configured";
-        return false;
-    }
-    if (has(config.internalPorts, element.targetPort)) return true;
-    reason =
-        "internal port " + std::to_string(element.targetPort) + " refused: it is not among those configured";
-    return false;
+tk::Status NatPolicy::allowsPorts(const NatElement& element) const {
+    if (!has(config.externalPorts, element.key.port))
+        return refused("external port " + std::to_string(element.key.port) +
+                       " refused: it is not among those configured");
+    if (has(config.internalPorts, element.target.port)) return {};
+    return refused("internal port " + std::to_string(element.target.port) +
+                   " refused: it is not among those configured");
 }
 
 /// What is wrong with a target, empty when nothing is.
@@ -68,16 +68,14 @@ std::string NatPolicy::faultOfTarget(std::uint32_t address) const {
     return zones.isInside(address) ? std::string() : zones.whyOutside(address);
 }
 
-bool NatPolicy::hasRoom(std::size_t total, std::size_t ofTarget, const NatElement& element,
-                        std::string& reason) const {
-    if (config.limit != 0 && total >= config.limit) {
-        reason = "there are " + std::to_string(total) + " rules already, as many as configured";
-        return false;
-    }
-    if (config.limitPerTarget == 0 || ofTarget < config.limitPerTarget) return true;
-    reason = std::to_string(ofTarget) + " rules lead to " + addressText(element.target) +
-             " already, as many as configured";
-    return false;
+tk::Status NatPolicy::hasRoom(std::size_t total, std::size_t ofTarget, std::uint32_t target) const {
+    if (config.limit != 0 && total >= config.limit)
+        return tk::Status::failure(
+            "there are " + std::to_string(total) + " rules already, as many as configured", tk::error::busy);
+    if (config.limitPerTarget == 0 || ofTarget < config.limitPerTarget) return {};
+    return tk::Status::failure(std::to_string(ofTarget) + " rules lead to " + addressText(target) +
+                                   " already, as many as configured",
+                               tk::error::busy);
 }
 
 }  // namespace router

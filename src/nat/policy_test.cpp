@@ -41,11 +41,12 @@ protected:
 class TabledNatPolicyTest : public NatPolicyTest, public ::testing::WithParamInterface<Case> {};
 
 TEST_P(TabledNatPolicyTest, AnswersAsTabled) {
-    const NatElement element{address("198.51.100.1"), 6, 80, address(GetParam().target), 80};
+    const tk::Status answer =
+        policy.allows({{address("198.51.100.1"), 6, 80}, {address(GetParam().target), 80}});
     const std::string fault = GetParam().fault;
-    std::string reason;
-    EXPECT_EQ(policy.allows(element, reason), fault.empty());
-    EXPECT_EQ(reason, fault.empty() ? "" : std::string("target ") + GetParam().target + " refused: " + fault);
+    EXPECT_EQ(answer.isOk(), fault.empty());
+    EXPECT_EQ(answer.reason(),
+              fault.empty() ? "" : std::string("target ") + GetParam().target + " refused: " + fault);
 }
 
 INSTANTIATE_TEST_SUITE_P(Targets, TabledNatPolicyTest, ::testing::ValuesIn(cases),
@@ -54,30 +55,25 @@ INSTANTIATE_TEST_SUITE_P(Targets, TabledNatPolicyTest, ::testing::ValuesIn(cases
 class ConfiguredNatPolicyTest : public NatPolicyTest {
 protected:
     std::string answer(const char* target, std::uint16_t port = 80, std::uint16_t targetPort = 80) {
-        std::string reason;
-        const NatElement element{address("198.51.100.1"), 6, port, address(target), targetPort};
-        return NatPolicy(world.zones, config).allows(element, reason) ? "" : reason;
+        const NatElement element{{address("198.51.100.1"), 6, port}, {address(target), targetPort}};
+        return NatPolicy(world.zones, config).allows(element).reason();
     }
     std::string room(std::size_t total, std::size_t ofTarget) {
-        std::string reason;
-        const NatElement element{address("198.51.100.1"), 6, 80, address("192.0.2.2"), 80};
-        return NatPolicy(world.zones, config).hasRoom(total, ofTarget, element, reason) ? "" : reason;
+        return NatPolicy(world.zones, config).hasRoom(total, ofTarget, address("192.0.2.2")).reason();
     }
     NatConfig config;
 };
 
 TEST_F(NatPolicyTest, ARuleForNoAddressWouldNeverMatch) {
-    std::string reason;
-    EXPECT_FALSE(policy.allows({0, 6, 80, address("192.0.2.2"), 80}, reason));
-    EXPECT_EQ(reason, "destination 0.0.0.0 refused: the rule would never match");
-    EXPECT_TRUE(policy.allows({address("198.51.100.77"), 6, 80, address("192.0.2.2"), 80}, reason));
+    const NatTarget target{address("192.0.2.2"), 80};
+    EXPECT_EQ(policy.allows({{0, 6, 80}, target}).reason(),
+              "destination 0.0.0.0 refused: the rule would never match");
+    EXPECT_TRUE(policy.allows({{address("198.51.100.77"), 6, 80}, target}).isOk());
 }
 
 TEST_F(NatPolicyTest, AProgramsRuleIsForAnAddressThatTheRouterHoldsOutside) {
     const auto answer = [this](const char* destination) {
-        std::string reason;
-        const NatElement element{address(destination), 6, 80, address("192.0.2.2"), 80};
-        return policy.allowsDestination(element, true, reason) ? "" : reason;
+        return policy.allowsDestination(address(destination), true).reason();
     };
     EXPECT_EQ(answer("198.51.100.1"), "");
     for (const std::string foreign : {"1.1.1.1", "198.51.100.77", "192.0.2.1", "127.0.0.1", "192.0.2.2"})

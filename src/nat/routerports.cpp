@@ -2,30 +2,27 @@
 
 #include <algorithm>
 
+#include "tk/names.h"
+
 namespace router {
 
-bool RouterPorts::areFreeFor(const NatElement& element, std::string& reason) const {
-    const auto isIt = [port = element.port](const PortRange& range) { return range.contains(port); };
-    if (std::any_of(configured.begin(), configured.end(), isIt)) {
-        reason = "external port " + std::to_string(element.port) + " refused: it is one of the router's own";
-        return false;
+tk::Status RouterPorts::areFreeFor(const NatKey& key) const {
+    const auto refused = [](const std::string& reason) {
+        return tk::Status::failure(reason, tk::error::refused);
+    };
+    const auto isIt = [&key](const PortRange& range) { return range.contains(key.port); };
+    if (std::any_of(configured.begin(), configured.end(), isIt))
+        return refused("external port " + std::to_string(key.port) +
+                       " refused: it is one of the router's own");
+    for (const std::uint32_t interface : zones.outsideHoldersOf(key.destination)) {
+        const tk::Result<bool> taken = listeners.isTaken(key, interface);
+        if (!taken.isOk())
+            return refused(
+                textOf(key) +
+                " refused: nobody can tell whether a service of the router listens there: " + taken.reason());
+        if (*taken) return refused(textOf(key) + " refused: a service of the router listens there");
     }
-    const std::string refused = destinationText(element) + " refused: ";
-    for (const std::uint32_t interface : zones.outsideHoldersOf(element.destination)) {
-        std::string trouble;
-        switch (listeners.find(element.destination, element.protocol, element.port, interface, trouble)) {
-            case Listeners::Answer::nobody:
-                break;
-            case Listeners::Answer::somebody:
-                reason = refused + "a service of the router listens there";
-                return false;
-            case Listeners::Answer::unknown:
-                reason =
-                    refused + "nobody can tell whether a service of the router listens there: " + trouble;
-                return false;
-        }
-    }
-    return true;
+    return {};
 }
 
 }  // namespace router

@@ -1,14 +1,13 @@
 #pragma once
 
-#include <cstdint>
-#include <string>
 #include <utility>
 #include <vector>
 
 #include "links/zones.h"
-#include "nat/config.h"
 #include "nat/listeners.h"
+#include "nat/policy.h"
 #include "nat/rule.h"
+#include "tk/status.h"
 
 namespace router {
 
@@ -20,8 +19,8 @@ public:
     RouterPorts(const Zones& zones, Listeners& listeners, std::vector<PortRange> configured = {})
         : zones(zones), listeners(listeners), configured(std::move(configured)) {}
 
-    /// True when a program may have the rule's port; else `reason` says why not.
-    [[nodiscard]] bool areFreeFor(const NatElement& element, std::string& reason) const;
+    /// Whether a program may have a rule of this key. Errors: tk::error::refused.
+    tk::Status areFreeFor(const NatKey& key) const;
 
 private:
     const Zones& zones;

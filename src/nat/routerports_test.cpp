@@ -23,9 +23,7 @@ protected:
         world.hold(6, "198.51.100.1", 24);
     }
     std::string refusal(std::uint8_t protocol, std::uint16_t port) const {
-        std::string reason;
-        const NatElement element{address("198.51.100.1"), protocol, port, address("192.0.2.2"), 80};
-        return ports.areFreeFor(element, reason) ? "" : reason;
+        return ports.areFreeFor({address("198.51.100.1"), protocol, port}).reason();
     }
 
     testing::FakeZones world;
@@ -41,13 +39,13 @@ TEST_F(RouterPortsTest, ConfiguredPortsAreTheRoutersForEveryProtocol) {
 }
 
 TEST_F(RouterPortsTest, AServiceCountsOnEachInterfaceThatHoldsTheAddress) {
-    listeners.heard = {{address("198.51.100.1"), 6, 22, 6}};
+    listeners.heard = {{{address("198.51.100.1"), 6, 22}, 6}};
     EXPECT_EQ(refusal(6, 22), "tcp 198.51.100.1:22 refused: a service of the router listens there");
     EXPECT_EQ(refusal(17, 22), "");
 }
 
 TEST_F(RouterPortsTest, AServiceInsideDoesNotCount) {
-    listeners.heard = {{address("198.51.100.1"), 6, 22, 2}, {address("192.0.2.1"), 6, 22, 2}};
+    listeners.heard = {{{address("198.51.100.1"), 6, 22}, 2}, {{address("192.0.2.1"), 6, 22}, 2}};
     EXPECT_EQ(refusal(6, 22), "");
 }
 

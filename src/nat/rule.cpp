@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <iterator>
 
-#include "contract/natrules.h"
+#include "links/prefix.h"
 #include "tk/names.h"
 
 namespace router {
@@ -24,97 +24,94 @@ constexpr std::uint32_t knownFields[] = {
     field::toPortFirst,  field::toPortLast,      field::hasToAddress,   field::hasToPort,
 };
 
-/// Reads the fields of one request; the first fault stays in `reason`.
-class RuleReader {
-public:
-    RuleReader(const tk::message& request, bool isNew, std::string& reason)
-        : request(request), isNew(isNew), reason(reason) {}
+/// The two ends of a range, which must be one value, and the flag that says whether they count.
+struct Range {
+    const char* name;
+    tk::FieldType type;  // be32 for an address, u32 for a port
+    std::uint32_t flag;
+    std::uint32_t first;
+    std::uint32_t last;
+};
 
-    [[nodiscard]] bool read(NatRule& rule) {
-        NatElement& element = rule.element;
-        return checkFields() && checkChain() && checkAction() &&
-               flag(field::hasDstAddress, "the destination address") &&
-               address(field::dstAddressFirst, field::dstAddressLast, "the destination address",
-                       element.destination) &&
-               flag(field::hasDstPort, "the destination port") &&
-               port(field::dstPortFirst, field::dstPortLast, "the destination port", element.port) &&
-               flag(field::hasProtocol, "the protocol") && readProtocol(element.protocol) &&
-               flag(field::hasToAddress, "the target address") &&
-               address(field::toAddressFirst, field::toAddressLast, "the target address", element.target) &&
-               flag(field::hasToPort, "the target port") &&
-               port(field::toPortFirst, field::toPortLast, "the target port", element.targetPort) &&
-               readDisabled(rule.disabled);
+constexpr Range matched[] = {
+    {"the destination address", tk::FieldType::be32, field::hasDstAddress, field::dstAddressFirst,
+     field::dstAddressLast},
+    {"the destination port", tk::FieldType::u32, field::hasDstPort, field::dstPortFirst, field::dstPortLast},
+};
+constexpr Range aimedAt[] = {
+    {"the target address", tk::FieldType::be32, field::hasToAddress, field::toAddressFirst,
+     field::toAddressLast},
+    {"the target port", tk::FieldType::u32, field::hasToPort, field::toPortFirst, field::toPortLast},
+};
+
+/// Tells whether a request makes or changes a rule that fits one entry of the kernel's map.
+class RequestCheck {
+public:
+    RequestCheck(const tk::message& request, bool isNew) : request(request), isNew(isNew) {}
+
+    /// The first fault.
+    [[nodiscard]] tk::Status result() const {
+        tk::Status status = checkFields();
+        if (status.isOk()) status = checkChain();
+        if (status.isOk()) status = checkAction();
+        for (const Range& range : matched)
+            if (status.isOk()) status = check(range);
+        if (status.isOk()) status = checkProtocol();
+        for (const Range& range : aimedAt)
+            if (status.isOk()) status = check(range);
+        return status;
     }
 
 private:
-    [[nodiscard]] bool fail(const std::string& what) {
-        reason = what;
-        return false;
-    }
+    static tk::Status fault(const std::string& what) { return tk::Status::failure(what, tk::error::invalid); }
 
     /// A condition that is not understood would make the rule match more than was asked for.
-    [[nodiscard]] bool checkFields() {
+    tk::Status checkFields() const {
         for (const tk::message::Field& given : request.fields())
             if (given.id < firstObjectField &&
                 std::find(std::begin(knownFields), std::end(knownFields), given.id) == std::end(knownFields))
-                return fail("field " + std::to_string(given.id) + " is not supported");
-        return true;
+                return fault("field " + std::to_string(given.id) + " is not supported");
+        return {};
     }
 
-    [[nodiscard]] bool checkChain() {
-        if (!request.has(field::chain) && !isNew) return true;
+    tk::Status checkChain() const {
+        if (!request.has(field::chain) && !isNew) return {};
         const std::string chain = request.get_string(field::chain);
-        return chain == contract::dstnatChain ||
-               fail("chain \"" + chain + "\" is not supported, only \"dstnat\"");
+        if (chain == contract::dstnatChain) return {};
+        return fault("chain \"" + chain + "\" is not supported, only \"dstnat\"");
     }
 
-    [[nodiscard]] bool checkAction() {
-        if (!request.has(field::action) && !isNew) return true;
+    tk::Status checkAction() const {
+        if (!request.has(field::action) && !isNew) return {};
         const std::uint32_t action = request.get_u32(field::action);
-        return action == contract::destinationNat ||
-               fail("action " + std::to_string(action) + " is not supported, only 22 (destination NAT)");
+        if (action == contract::destinationNat) return {};
+        return fault("action " + std::to_string(action) + " is not supported, only 22 (destination NAT)");
     }
 
-    /// A pair of fields counts unless its flag says that it does not; a rule needs them all.
-    [[nodiscard]] bool flag(std::uint32_t id, const std::string& what) {
-        return request.get_bool(id, true) || fail(what + " cannot be left open");
-    }
-
-    [[nodiscard]] bool address(std::uint32_t first, std::uint32_t last, const std::string& what,
-                               std::uint32_t& out) {
-        if (!request.has(first) && !request.has(last) && !isNew) return true;
-        if (!isType(first, tk::FieldType::be32)) return fail(what + " is missing");
-        const std::uint32_t value = request.get_be32(first);
-        if (request.has(last) && request.get_be32(last, ~value) != value)
-            return fail(what + ": ranges are not supported");
-        out = value;
-        return true;
-    }
-
-    [[nodiscard]] bool port(std::uint32_t first, std::uint32_t last, const std::string& what,
-                            std::uint16_t& out) {
-        if (!request.has(first) && !request.has(last) && !isNew) return true;
-        if (!isType(first, tk::FieldType::u32)) return fail(what + " is missing");
-        const std::uint32_t value = request.get_u32(first);
-        if (request.has(last) && request.get_u32(last, ~value) != value)
-            return fail(what + ": ranges are not supported");
-        if (value > highestPort) return fail(what + " " + std::to_string(value) + " is above 65535");
-        out = static_cast<std::uint16_t>(value);
-        return true;
-    }
-
-    [[nodiscard]] bool readProtocol(std::uint8_t& out) {
-        if (!request.has(field::protocol) && !isNew) return true;
+    tk::Status checkProtocol() const {
+        if (!request.get_bool(field::hasProtocol, true)) return fault("the protocol cannot be left open");
+        if (!request.has(field::protocol) && !isNew) return {};
         const std::uint32_t value = request.get_u32(field::protocol);
-        if (value != IPPROTO_TCP && value != IPPROTO_UDP)
-            return fail("protocol " + std::to_string(value) + " is not supported, only 6 (TCP) and 17 (UDP)");
-        out = static_cast<std::uint8_t>(value);
-        return true;
+        if (value == IPPROTO_TCP || value == IPPROTO_UDP) return {};
+        return fault("protocol " + std::to_string(value) + " is not supported, only 6 (TCP) and 17 (UDP)");
     }
 
-    [[nodiscard]] bool readDisabled(bool& out) {
-        out = request.get_bool(tk::field::disabled, out);
-        return true;
+    /// A range counts unless its flag says that it does not; a rule needs them all.
+    tk::Status check(const Range& range) const {
+        const std::string name = range.name;
+        if (!request.get_bool(range.flag, true)) return fault(name + " cannot be left open");
+        if (!request.has(range.first) && !request.has(range.last) && !isNew) return {};
+        if (!isType(range.first, range.type)) return fault(name + " is missing");
+        const std::uint32_t value = read(range.first, range.type, 0);
+        if (request.has(range.last) && read(range.last, range.type, ~value) != value)
+            return fault(name + ": ranges are not supported");
+        if (range.type == tk::FieldType::u32 && value > highestPort)
+            return fault(name + " " + std::to_string(value) + " is above 65535");
+        return {};
+    }
+
+    std::uint32_t read(std::uint32_t id, tk::FieldType type, std::uint32_t absent) const {
+        return type == tk::FieldType::be32 ? request.get_be32(id, absent) : request.get_u32(id, absent);
     }
 
     bool isType(std::uint32_t id, tk::FieldType type) const {
@@ -124,42 +121,26 @@ private:
     }
 
     const tk::message& request;
-    bool isNew;
-    std::string& reason;
+    const bool isNew;
 };
 
 }  // namespace
 
-bool readRule(const tk::message& request, bool isNew, NatRule& rule, std::string& reason) {
-    NatRule changed = rule;
-    if (!RuleReader(request, isNew, reason).read(changed)) return false;
-    rule = changed;
-    return true;
+tk::Result<NatRule> newRule(const tk::message& request) {
+    if (tk::Status status = RequestCheck(request, true).result(); !status.isOk()) return status;
+    NatRule rule{contract::NatRule::fromMessage(request)};
+    rule.id = 0;
+    return rule;
 }
 
-tk::message recordOf(const NatRule& rule) {
-    const NatElement& element = rule.element;
-    tk::message record;
-    record.insert_u32(tk::field::objectId, rule.id);
-    record.insert_bool(tk::field::dynamic, rule.dynamic);
-    record.insert_bool(tk::field::disabled, rule.disabled);
-    record.insert_string(field::chain, contract::dstnatChain);
-    record.insert_bool(field::hasDstAddress, true);
-    record.insert_be32(field::dstAddressFirst, element.destination);
-    record.insert_be32(field::dstAddressLast, element.destination);
-    record.insert_bool(field::hasDstPort, true);
-    record.insert_u32(field::dstPortFirst, element.port);
-    record.insert_u32(field::dstPortLast, element.port);
-    record.insert_bool(field::hasProtocol, true);
-    record.insert_u32(field::protocol, element.protocol);
-    record.insert_u32(field::action, contract::destinationNat);
-    record.insert_bool(field::hasToAddress, true);
-    record.insert_be32(field::toAddressFirst, element.target);
-    record.insert_be32(field::toAddressLast, element.target);
-    record.insert_bool(field::hasToPort, true);
-    record.insert_u32(field::toPortFirst, element.targetPort);
-    record.insert_u32(field::toPortLast, element.targetPort);
-    return record;
+tk::Result<NatRule> changedRule(const NatRule& former, const tk::message& request) {
+    if (tk::Status status = RequestCheck(request, false).result(); !status.isOk()) return status;
+    return NatRule{former.changedBy(request), former.owner};
+}
+
+std::string textOf(const NatKey& key) {
+    return (key.protocol == IPPROTO_TCP ? "tcp " : "udp ") + addressText(key.destination) + ":" +
+           std::to_string(key.port);
 }
 
 }  // namespace router

@@ -3,28 +3,32 @@
 #include <cstdint>
 #include <string>
 
-#include "firewall/element.h"
+#include "contract/natrules.h"
 #include "tk/message.h"
+#include "tk/status.h"
 
 namespace router {
 
-/// A destination NAT rule. A value.
-struct NatRule {
-    std::uint32_t id = 0;
+using contract::NatKey;
+using contract::NatTarget;
+
+/// A destination NAT rule as the router keeps it. A value.
+struct NatRule : contract::NatRule {
     std::uint32_t owner = 0;  // who made a dynamic rule: the first element of its path
-    bool dynamic = false;
-    bool disabled = false;
-    NatElement element;
 
     bool operator==(const NatRule&) const = default;
 };
 
-/// Reads a rule from the fields of a request. With `isNew` everything that makes up a rule must be there;
-/// else `rule` keeps what the request does not name, and its id, owner and kind in any case. Errors: false
-/// for whatever does not fit one entry of the kernel's map; `reason` says what, and `rule` is as before.
-[[nodiscard]] bool readRule(const tk::message& request, bool isNew, NatRule& rule, std::string& reason);
+/// The rule that a request makes, which must name everything that makes up one. It has no id and no owner yet.
+/// Errors: tk::error::invalid for whatever does not fit one entry of the kernel's map.
+tk::Result<NatRule> newRule(const tk::message& request);
 
-/// The rule as a record: the fields of the request that would make it, and its id.
-[[nodiscard]] tk::message recordOf(const NatRule& rule);
+/// The rule after a request that changes it. Its id, owner and kind stay, as does what the request does not
+/// name.
+/// Errors: as for newRule().
+tk::Result<NatRule> changedRule(const NatRule& former, const tk::message& request);
+
+/// What a rule matches, for people: "tcp 198.51.100.1:80".
+[[nodiscard]] std::string textOf(const NatKey& key);
 
 }  // namespace router

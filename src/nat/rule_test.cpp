@@ -12,37 +12,43 @@ namespace {
 using testing::address;
 using testing::natRequest;
 
-TEST(ReadRule, TakesTheGatewaysRequest) {
-    NatRule rule;
-    std::string reason;
-    ASSERT_TRUE(readRule(natRequest(80, "192.0.2.2", 8080), true, rule, reason)) << reason;
-    EXPECT_EQ(rule.element, (NatElement{address("198.51.100.1"), 6, 80, address("192.0.2.2"), 8080}));
-    EXPECT_FALSE(rule.disabled);
+TEST(NewRule, TakesTheGatewaysRequest) {
+    const auto rule = newRule(natRequest(80, "192.0.2.2", 8080));
+    ASSERT_TRUE(rule.isOk()) << rule.reason();
+    EXPECT_EQ(rule->key, (NatKey{address("198.51.100.1"), 6, 80}));
+    EXPECT_EQ(rule->target, (NatTarget{address("192.0.2.2"), 8080}));
+    EXPECT_TRUE(rule->dynamic);
+    EXPECT_FALSE(rule->disabled);
 }
 
-TEST(ReadRule, ARecordReadsBackAsItsRule) {
+TEST(NewRule, ARecordReadsBackAsItsRuleButForTheId) {
     NatRule rule;
     rule.id = 7;
     rule.disabled = true;
-    rule.element = {address("198.51.100.1"), 17, 0, address("192.0.2.2"), 65535};
-    NatRule copy;
-    copy.id = 7;
-    std::string reason;
-    ASSERT_TRUE(readRule(recordOf(rule), true, copy, reason)) << reason;
-    EXPECT_EQ(copy, rule);
+    rule.key = {address("198.51.100.1"), 17, 0};
+    rule.target = {address("192.0.2.2"), 65535};
+    const auto copy = newRule(rule.toMessage());
+    ASSERT_TRUE(copy.isOk()) << copy.reason();
+    rule.id = 0;
+    EXPECT_EQ(*copy, rule);
 }
 
-TEST(ReadRule, AChangeKeepsWhatItDoesNotName) {
-    NatRule rule;
-    std::string reason;
-    ASSERT_TRUE(readRule(natRequest(80, "192.0.2.2", 8080), true, rule, reason));
+TEST(ChangedRule, KeepsWhatTheRequestDoesNotName) {
+    auto rule = newRule(natRequest(80, "192.0.2.2", 8080));
+    ASSERT_TRUE(rule.isOk()) << rule.reason();
+    rule->id = 7;
+    rule->owner = 80;
     tk::message change;
+    change.insert_bool(tk::field::dynamic, false);
     change.insert_bool(tk::field::disabled, true);
     change.insert_be32(1000, address("192.0.2.3"));
     change.insert_be32(1001, address("192.0.2.3"));
-    ASSERT_TRUE(readRule(change, false, rule, reason)) << reason;
-    EXPECT_EQ(rule.element, (NatElement{address("198.51.100.1"), 6, 80, address("192.0.2.3"), 8080}));
-    EXPECT_TRUE(rule.disabled);
+    const auto changed = changedRule(*rule, change);
+    ASSERT_TRUE(changed.isOk()) << changed.reason();
+    NatRule expected = *rule;
+    expected.disabled = true;
+    expected.target.address = address("192.0.2.3");
+    EXPECT_EQ(*changed, expected);
 }
 
 struct Case {
@@ -80,16 +86,13 @@ constexpr Case cases[] = {
 
 class RefusedRule : public ::testing::TestWithParam<Case> {};
 
-TEST_P(RefusedRule, SaysWhyAndLeavesTheRule) {
+TEST_P(RefusedRule, SaysWhy) {
     tk::message request = natRequest(80, "192.0.2.2", 8080);
     GetParam().spoil(request);
-    NatRule rule;
-    rule.element.port = 1234;
-    const NatRule before = rule;
-    std::string reason;
-    EXPECT_FALSE(readRule(request, true, rule, reason));
-    EXPECT_EQ(reason, GetParam().reason);
-    EXPECT_EQ(rule, before);
+    const auto rule = newRule(request);
+    EXPECT_FALSE(rule.isOk());
+    EXPECT_EQ(rule.reason(), GetParam().reason);
+    EXPECT_EQ(rule.status().code(), tk::error::invalid);
 }
 
 INSTANTIATE_TEST_SUITE_P(Requests, RefusedRule, ::testing::ValuesIn(cases),

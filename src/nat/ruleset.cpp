@@ -4,17 +4,13 @@
 
 namespace router {
 
-NatRules::MatchKey NatRules::keyOf(const NatElement& element) {
-    return MatchKey{element.destination} << 32 | MatchKey{element.protocol} << 16 | element.port;
-}
-
 const NatRule* NatRules::find(std::uint32_t id) const {
     const auto rule = rules.find(id);
     return rule == rules.end() ? nullptr : &rule->second;
 }
 
-const NatRule* NatRules::findMatch(const NatElement& element) const {
-    const auto match = enabled.find(keyOf(element));
+const NatRule* NatRules::find(const NatKey& key) const {
+    const auto match = enabled.find(key);
     return match == enabled.end() ? nullptr : find(match->second);
 }
 
@@ -33,8 +29,8 @@ void NatRules::put(const NatRule& rule) {
     remove(rule.id);
     lastId = std::max(lastId, rule.id);
     rules[rule.id] = rule;
-    ++targets[rule.element.target];
-    if (!rule.disabled) enabled[keyOf(rule.element)] = rule.id;
+    ++targets[rule.target.address];
+    if (!rule.disabled) enabled[rule.key] = rule.id;
     if (!rule.dynamic) return;
     owned[rule.owner].insert(rule.id);
     ++dynamicRules;
@@ -44,14 +40,14 @@ void NatRules::remove(std::uint32_t id) {
     const auto found = rules.find(id);
     if (found == rules.end()) return;
     const NatRule& rule = found->second;
-    if (!rule.disabled) enabled.erase(keyOf(rule.element));
+    if (!rule.disabled) enabled.erase(rule.key);
     if (rule.dynamic) {
         const auto ids = owned.find(rule.owner);
         ids->second.erase(id);
         if (ids->second.empty()) owned.erase(ids);
         --dynamicRules;
     }
-    if (--targets[rule.element.target] == 0) targets.erase(rule.element.target);
+    if (--targets[rule.target.address] == 0) targets.erase(rule.target.address);
     rules.erase(found);
 }
 

@@ -3,7 +3,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
-#include <optional>
 #include <set>
 #include <unordered_map>
 
@@ -19,8 +18,8 @@ public:
     const std::map<std::uint32_t, NatRule>& all() const { return rules; }
     /// The rule of an id, null when there is none. Lifetime: until the next change.
     const NatRule* find(std::uint32_t id) const;
-    /// The enabled rule that matches what `element` matches, null when there is none.
-    const NatRule* findMatch(const NatElement& element) const;
+    /// The enabled rule of a key, null when there is none. Lifetime: until the next change.
+    const NatRule* find(const NatKey& key) const;
     /// The dynamic rules of an owner.
     const std::set<std::uint32_t>& of(std::uint32_t owner) const;
 
@@ -36,12 +35,8 @@ public:
     void remove(std::uint32_t id);
 
 private:
-    /// Destination, protocol and port in one number.
-    using MatchKey = std::uint64_t;
-    static MatchKey keyOf(const NatElement& element);
-
     std::map<std::uint32_t, NatRule> rules;
-    std::unordered_map<MatchKey, std::uint32_t> enabled;
+    std::map<NatKey, std::uint32_t> enabled;
     std::unordered_map<std::uint32_t, std::set<std::uint32_t>> owned;
     std::unordered_map<std::uint32_t, std::size_t> targets;
     std::size_t dynamicRules = 0;

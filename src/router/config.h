@@ -10,7 +10,7 @@
 #include "hub/processes.h"
 #include "links/linkswitch.h"
 #include "links/zones.h"
-#include "nat/config.h"
+#include "nat/policy.h"
 #include "tk/account.h"
 #include "tk/status.h"
 

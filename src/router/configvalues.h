@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "links/prefix.h"
-#include "nat/config.h"
+#include "nat/policy.h"
 #include "tk/account.h"
 #include "tk/message.h"
 #include "tk/status.h"

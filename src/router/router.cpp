@@ -44,6 +44,7 @@ Router::Router(const Config& config, const Paths& paths, Processes& processes)
     hub.addService(nat, {contract::program::network, 5});
     hub.addService(history, {tk::program::history});
     hub.addService(identity, {contract::program::identity});
+    table.setOwner(nat);
     hub.setAccess(Access(config.users));
     hub.setProgramWatcher(&guard);
 }
@@ -58,8 +59,7 @@ tk::Status Router::start() {
     zones.start(table);
     guard.start(programs, users);
     nat.load();
-    std::string reason;
-    if (!table.endFlows(reason)) return tk::Status::failure(reason);
+    if (tk::Status ended = table.endFlows(); !ended.isOk()) return ended;
     if (tk::Status opened = listener.open(paths.bus); !opened.isOk()) return opened;
     tk::log("routerd: serving ", paths.bus);
     activation.startConfigured();
@@ -68,11 +68,10 @@ tk::Status Router::start() {
 
 /// Everything that the router has open towards the kernel, in the order in which it needs each other.
 tk::Status Router::openKernel() {
-    std::string reason;
     if (tk::Status opened = kernel.open(); !opened.isOk()) return opened;
-    if (!flows.open(reason)) return tk::Status::failure(reason);
-    if (!table.open(reason)) return tk::Status::failure(reason);
-    if (!listeners.open(reason)) return tk::Status::failure(reason);
+    if (tk::Status opened = flows.open(); !opened.isOk()) return opened;
+    if (tk::Status opened = table.open(); !opened.isOk()) return opened;
+    if (tk::Status opened = listeners.open(); !opened.isOk()) return opened;
     return monitor.start();
 }
 

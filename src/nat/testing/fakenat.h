@@ -7,7 +7,8 @@
 #include <set>
 #include <span>
 #include <string>
-#include <tuple>
+#include <utility>
+#include <vector>
 
 #include "firewall/natkernel.h"
 #include "links/testing/fakekernel.h"
@@ -18,27 +19,31 @@ namespace router::testing {
 /// A kernel's map of rules that refuses when it is told to.
 class FakeNat final : public NatKernel {
 public:
-    using Key = std::tuple<std::uint32_t, std::uint8_t, std::uint16_t>;
-
-    bool commit(std::span<const NatElement> removed, std::span<const NatElement> added,
-                std::string& reason) override {
-        reason = removed.size() + added.size() > largest ? "Message too long" : fault;
+    tk::Status commit(std::span<const NatElement> removed, std::span<const NatElement> added) override {
+        if (owner && !holds(owner->elements())) ++strayedOwner;
+        std::string reason = removed.size() + added.size() > largest ? "Message too long" : fault;
         if (transactionsLeft == 0) reason = "Cannot allocate memory";
-        if (!reason.empty()) return false;
+        if (!reason.empty()) return tk::Status::failure(reason);
         if (transactionsLeft) --*transactionsLeft;
         ++transactions;
-        for (const NatElement& element : removed)
-            elements.erase({element.destination, element.protocol, element.port});
-        for (const NatElement& element : added)
-            elements[{element.destination, element.protocol, element.port}] = element;
-        return true;
+        for (const NatElement& element : removed) elements.erase(element.key);
+        for (const NatElement& element : added) elements[element.key] = element.target;
+        return {};
     }
-    const NatElement* find(const char* destination, std::uint8_t protocol, std::uint16_t port) const {
+    const NatTarget* find(const char* destination, std::uint8_t protocol, std::uint16_t port) const {
         const auto element = elements.find({address(destination), protocol, port});
         return element == elements.end() ? nullptr : &element->second;
     }
+    /// True when the map has these elements and no others.
+    bool holds(const std::vector<NatElement>& wanted) const {
+        std::map<NatKey, NatTarget> targets;
+        for (const NatElement& element : wanted) targets[element.key] = element.target;
+        return targets == elements;
+    }
 
-    std::map<Key, NatElement> elements;
+    std::map<NatKey, NatTarget> elements;
+    const ElementOwner* owner = nullptr;  // asked at each transaction
+    int strayedOwner = 0;                 // how often it told something else than what the map has
     int transactions = 0;
     std::size_t largest = 60000;          // elements in a transaction
     std::optional<int> transactionsLeft;  // before all are refused
@@ -48,16 +53,14 @@ public:
 /// Services of the router as a test wants them.
 class FakeListeners final : public Listeners {
 public:
-    using Place = std::tuple<std::uint32_t, std::uint8_t, std::uint16_t, std::uint32_t>;
+    using Place = std::pair<NatKey, std::uint32_t>;  // and the interface
 
-    Answer find(std::uint32_t address, std::uint8_t protocol, std::uint16_t port, std::uint32_t interface,
-                std::string& reason) override {
-        reason = fault;
-        if (!fault.empty()) return Answer::unknown;
-        return heard.contains({address, protocol, port, interface}) ? Answer::somebody : Answer::nobody;
+    tk::Result<bool> isTaken(const NatKey& key, std::uint32_t interface) override {
+        if (!fault.empty()) return tk::Status::failure(fault);
+        return heard.contains({key, interface});
     }
 
-    std::set<Place> heard;  // address, protocol, port, interface
+    std::set<Place> heard;
     std::string fault;
 };
 
