@@ -6,10 +6,15 @@
 #include <functional>
 #include <vector>
 
-#include "firewall/names.h"
 #include "netlink/socket.h"
 
 namespace router {
+
+namespace nft {
+// The families, as the kernel numbers them.
+constexpr std::uint8_t ip4 = 2;
+constexpr std::uint8_t ip6 = 10;
+}  // namespace nft
 
 /// One nf_tables transaction: messages that the kernel commits together or not at all.
 class NftBatch {

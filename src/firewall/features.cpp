@@ -4,8 +4,8 @@
 #include <linux/netfilter/nf_tables.h>
 
 #include "firewall/batch.h"
-#include "firewall/names.h"
 #include "firewall/objects.h"
+#include "firewall/rules.h"
 
 namespace router {
 

@@ -4,7 +4,6 @@
 #include <span>
 #include <string>
 
-#include "firewall/names.h"
 #include "firewall/rulebuilder.h"
 #include "netlink/socket.h"
 

@@ -8,12 +8,14 @@
 #include <set>
 #include <span>
 
-#include "firewall/element.h"
+#include "contract/natrules.h"
 #include "netlink/socket.h"
 #include "tk/status.h"
 #include "tk/timer.h"
 
 namespace router {
+
+using contract::NatKey;
 
 /// Whose packets are of one flow, as its first one was sent. A value.
 /// Byte order: the address in network order, the port in host order.

@@ -12,8 +12,6 @@
 #include <algorithm>
 #include <memory>
 
-#include "firewall/guardrules.h"
-#include "firewall/names.h"
 #include "firewall/rules.h"
 
 namespace router {
@@ -27,10 +25,10 @@ constexpr std::uint32_t typePort = 13;
 constexpr std::uint32_t typeInterface = 20;
 constexpr std::uint32_t typeUser = 24;
 constexpr std::uint32_t typeBits = 6;
-constexpr std::uint32_t mapKeyType = (typeAddress << typeBits | typeProtocol) << typeBits | typePort;
-constexpr std::uint32_t mapDataType = typeAddress << typeBits | typePort;
-constexpr std::uint32_t liveKeyType = mapKeyType << 2 * typeBits | mapDataType;
-constexpr std::uint32_t hairpinKeyType = typeInterface << typeBits | typeInterface;
+constexpr std::uint32_t keyType = (typeAddress << typeBits | typeProtocol) << typeBits | typePort;
+constexpr std::uint32_t targetType = typeAddress << typeBits | typePort;
+constexpr std::uint32_t liveType = keyType << 2 * typeBits | targetType;
+constexpr std::uint32_t hairpinType = typeInterface << typeBits | typeInterface;
 
 constexpr std::uint32_t mapNumber = 1;  // of the sets within their transaction
 constexpr std::uint32_t hairpinNumber = 2;
@@ -46,7 +44,7 @@ constexpr std::int32_t priorityAfterDstnat = -90;
 constexpr std::int32_t priorityBeforeFilter = -10;
 constexpr std::int32_t priorityFilter = 0;
 constexpr std::int32_t prioritySrcnat = 100;
-constexpr std::size_t elementsPerMessage = 512;  // well within the 64 KiB that a list may take
+constexpr std::size_t entriesPerMessage = 512;  // well within the 64 KiB that a list may take
 
 /// A key of the map as the kernel's registers hold it: each part in 32 bits of its own.
 struct KeyBytes {
@@ -96,6 +94,16 @@ Set makeSet(const char* name, std::uint8_t family = nft::ip4) {
     return set;
 }
 
+/// A set that is to be made.
+Set makeSet(const char* name, std::uint32_t number, std::uint32_t keyType, std::size_t keyBytes,
+            std::uint8_t family = nft::ip4) {
+    Set set = makeSet(name, family);
+    nftnl_set_set_u32(set.get(), NFTNL_SET_ID, number);
+    nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_TYPE, keyType);
+    nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_LEN, static_cast<std::uint32_t>(keyBytes));
+    return set;
+}
+
 void addSet(NftBatch& batch, const Set& set, std::uint8_t family = nft::ip4) {
     batch.add(
         NFT_MSG_NEWSET, NLM_F_CREATE,
@@ -103,37 +111,15 @@ void addSet(NftBatch& batch, const Set& set, std::uint8_t family = nft::ip4) {
 }
 
 void addMap(NftBatch& batch) {
-    const Set map = makeSet(nft::map);
-    nftnl_set_set_u32(map.get(), NFTNL_SET_ID, mapNumber);
+    const Set map = makeSet(nft::map, mapNumber, keyType, sizeof(KeyBytes));
     nftnl_set_set_u32(map.get(), NFTNL_SET_FLAGS, NFT_SET_MAP);
-    nftnl_set_set_u32(map.get(), NFTNL_SET_KEY_TYPE, mapKeyType);
-    nftnl_set_set_u32(map.get(), NFTNL_SET_KEY_LEN, sizeof(KeyBytes));
-    nftnl_set_set_u32(map.get(), NFTNL_SET_DATA_TYPE, mapDataType);
+    nftnl_set_set_u32(map.get(), NFTNL_SET_DATA_TYPE, targetType);
     nftnl_set_set_u32(map.get(), NFTNL_SET_DATA_LEN, sizeof(TargetBytes));
     addSet(batch, map);
 }
 
-void addLiveSet(NftBatch& batch) {
-    const Set set = makeSet(nft::live);
-    nftnl_set_set_u32(set.get(), NFTNL_SET_ID, liveNumber);
-    nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_TYPE, liveKeyType);
-    nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_LEN, sizeof(LiveBytes));
-    addSet(batch, set);
-}
-
-void addHairpinSet(NftBatch& batch) {
-    const Set set = makeSet(nft::hairpin);
-    nftnl_set_set_u32(set.get(), NFTNL_SET_ID, hairpinNumber);
-    nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_TYPE, hairpinKeyType);
-    nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_LEN, sizeof(HairpinBytes));
-    addSet(batch, set);
-}
-
 void addUserSet(NftBatch& batch, std::uint32_t number, std::uint8_t family) {
-    const Set set = makeSet(nft::guarded, family);
-    nftnl_set_set_u32(set.get(), NFTNL_SET_ID, number);
-    nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_TYPE, typeUser);
-    nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_LEN, sizeof(std::uint32_t));
+    const Set set = makeSet(nft::guarded, number, typeUser, sizeof(std::uint32_t), family);
     // A note for nft(8), which would else show the numbers with their bytes reversed: type, length, value.
     constexpr std::uint8_t hostOrder[] = {NFTNL_UDATA_SET_KEYBYTEORDER, 4, 1, 0, 0, 0};
     nftnl_set_set_data(set.get(), NFTNL_SET_USERDATA, hostOrder, sizeof hostOrder);
@@ -141,21 +127,15 @@ void addUserSet(NftBatch& batch, std::uint32_t number, std::uint8_t family) {
 }
 
 void addInsideSet(NftBatch& batch) {
-    const Set set = makeSet(nft::inside);
-    nftnl_set_set_u32(set.get(), NFTNL_SET_ID, insideNumber);
+    const Set set = makeSet(nft::inside, insideNumber, typeAddress, sizeof(std::uint32_t));
     nftnl_set_set_u32(set.get(), NFTNL_SET_FLAGS, NFT_SET_INTERVAL);
-    nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_TYPE, typeAddress);
-    nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_LEN, sizeof(std::uint32_t));
     addSet(batch, set);
 }
 
 /// A set that the rules themselves fill with the sources of packets.
 void addSourceSet(NftBatch& batch, const char* name, std::uint32_t number, std::uint32_t flags) {
-    const Set set = makeSet(name);
-    nftnl_set_set_u32(set.get(), NFTNL_SET_ID, number);
+    const Set set = makeSet(name, number, typeAddress, sizeof(std::uint32_t));
     nftnl_set_set_u32(set.get(), NFTNL_SET_FLAGS, NFT_SET_EVAL | flags);
-    nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_TYPE, typeAddress);
-    nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_LEN, sizeof(std::uint32_t));
     nftnl_set_set_u32(set.get(), NFTNL_SET_DESC_SIZE, sourceLimit);
     addSet(batch, set);
 }
@@ -178,74 +158,40 @@ KeyBytes bytesOf(const NatKey& key) {
     return {key.destination, key.protocol, {0, 0, 0}, htons(key.port), 0};
 }
 
-/// Appends one message with elements of one set.
-void changeSet(NftBatch& batch, bool isAddition, const Set& set, std::uint8_t family = nft::ip4) {
-    batch.add(
-        isAddition ? NFT_MSG_NEWSETELEM : NFT_MSG_DELSETELEM, isAddition ? NLM_F_CREATE | NLM_F_EXCL : 0,
-        [&set](nlmsghdr& message) { nftnl_set_elems_nlmsg_build_payload(&message, set.get()); }, family);
+TargetBytes bytesOf(const NatTarget& target) {
+    return {target.address, htons(target.port), 0};
 }
 
-/// Appends a key to a set's elements, with data where it is a map's.
+/// Puts a key among a set's elements, with a target where it is a map's.
 template <typename Key>
-void addEntry(const Set& set, const Key& key, const TargetBytes* target = nullptr) {
+void put(const Set& set, const Key& key, const TargetBytes* target = nullptr, std::uint32_t flags = 0) {
     nftnl_set_elem* entry = nftnl_set_elem_alloc();
     nftnl_set_elem_set(entry, NFTNL_SET_ELEM_KEY, &key, sizeof key);
     if (target) nftnl_set_elem_set(entry, NFTNL_SET_ELEM_DATA, target, sizeof *target);
-    nftnl_set_elem_add(set.get(), entry);  // the set owns it from now on
-}
-
-void changeElements(NftBatch& batch, bool isAddition, std::span<const NatElement> elements) {
-    while (!elements.empty()) {
-        const auto part = elements.first(std::min(elements.size(), elementsPerMessage));
-        elements = elements.subspan(part.size());
-        const Set map = makeSet(nft::map);
-        const Set live = makeSet(nft::live);
-        for (const NatElement& element : part) {
-            const KeyBytes key = bytesOf(element.key);
-            const TargetBytes target{element.target.address, htons(element.target.port), 0};
-            addEntry(map, key, isAddition ? &target : nullptr);  // a removal names the key alone
-            addEntry(live, LiveBytes{key, target});
-        }
-        changeSet(batch, isAddition, map);
-        changeSet(batch, isAddition, live);
-    }
-}
-
-void changeHairpins(NftBatch& batch, bool isAddition, const std::set<std::uint32_t>& indexes) {
-    for (auto next = indexes.begin(); next != indexes.end();) {
-        const Set set = makeSet(nft::hairpin);
-        for (std::size_t count = 0; count < elementsPerMessage && next != indexes.end(); ++count, ++next)
-            addEntry(set, HairpinBytes{*next, *next});
-        changeSet(batch, isAddition, set);
-    }
-}
-
-void addUsersOf(NftBatch& batch, const std::set<std::uint32_t>& users, std::uint8_t family) {
-    const Set set = makeSet(nft::guarded, family);
-    for (const std::uint32_t user : users) addEntry(set, user);
-    changeSet(batch, true, set, family);
-}
-
-void addBoundary(const Set& set, std::uint32_t hostOrderAddress, std::uint32_t flags) {
-    const std::uint32_t key = htonl(hostOrderAddress);
-    nftnl_set_elem* entry = nftnl_set_elem_alloc();
-    nftnl_set_elem_set(entry, NFTNL_SET_ELEM_KEY, &key, sizeof key);
     if (flags != 0) nftnl_set_elem_set_u32(entry, NFTNL_SET_ELEM_FLAGS, flags);
     nftnl_set_elem_add(set.get(), entry);  // the set owns it from now on
 }
 
-void changeInside(NftBatch& batch, bool isAddition, std::span<const AddressRange> ranges) {
-    while (!ranges.empty()) {
-        const auto part = ranges.first(std::min(ranges.size(), elementsPerMessage / 2));
-        ranges = ranges.subspan(part.size());
-        const Set set = makeSet(nft::inside);
-        for (const AddressRange& range : part) {
-            addBoundary(set, range.first, 0);
-            // The end is the first address behind; what reaches to the last one has none.
-            if (range.last + 1 != 0) addBoundary(set, range.last + 1, NFT_SET_ELEM_INTERVAL_END);
-        }
-        changeSet(batch, isAddition, set);
+/// Appends one change of one set. `putEntry` puts what an entry stands for among the set's elements.
+template <typename Entry, typename PutEntry>
+void changeSet(NftBatch& batch, Change change, const char* name, std::span<const Entry> entries,
+               PutEntry putEntry, std::uint8_t family = nft::ip4) {
+    const bool adds = change == Change::add;
+    while (!entries.empty()) {
+        const auto part = entries.first(std::min(entries.size(), entriesPerMessage));
+        entries = entries.subspan(part.size());
+        const Set set = makeSet(name, family);
+        for (const Entry& entry : part) putEntry(set, entry);
+        batch.add(
+            adds ? NFT_MSG_NEWSETELEM : NFT_MSG_DELSETELEM, adds ? NLM_F_CREATE | NLM_F_EXCL : 0,
+            [&set](nlmsghdr& message) { nftnl_set_elems_nlmsg_build_payload(&message, set.get()); }, family);
     }
+}
+
+void addUsersOf(NftBatch& batch, std::span<const std::uint32_t> users, std::uint8_t family) {
+    changeSet(
+        batch, Change::add, nft::guarded, users, [](const Set& set, std::uint32_t user) { put(set, user); },
+        family);
 }
 
 }  // namespace
@@ -278,8 +224,8 @@ void removeTable(NftBatch& batch, bool isOurs, std::uint8_t family) {
 void createTable(NftBatch& batch) {
     addTable(batch, ownerFlag);
     addMap(batch);
-    addLiveSet(batch);
-    addHairpinSet(batch);
+    addSet(batch, makeSet(nft::live, liveNumber, liveType, sizeof(LiveBytes)));
+    addSet(batch, makeSet(nft::hairpin, hairpinNumber, hairpinType, sizeof(HairpinBytes)));
     addInsideSet(batch);
     addChain(batch, nft::prerouting, "nat", NF_INET_PRE_ROUTING, priorityAfterDstnat);
     addChain(batch, nft::postrouting, "nat", NF_INET_POST_ROUTING, prioritySrcnat);
@@ -318,14 +264,6 @@ void createGuard(NftBatch& batch, const GuardConfig& config) {
     }
 }
 
-void addElements(NftBatch& batch, std::span<const NatElement> elements) {
-    changeElements(batch, true, elements);
-}
-
-void removeElements(NftBatch& batch, std::span<const NatElement> elements) {
-    changeElements(batch, false, elements);
-}
-
 void createGuardOfIp6(NftBatch& batch) {
     addTable(batch, ownerFlag, nft::ip6);
     addUserSet(batch, usersNumberOfIp6, nft::ip6);
@@ -333,26 +271,33 @@ void createGuardOfIp6(NftBatch& batch) {
     addGuardOfIp6(batch);
 }
 
-void addUsers(NftBatch& batch, const std::set<std::uint32_t>& users, bool alsoIp6) {
-    if (users.empty()) return;
+void addUsers(NftBatch& batch, std::span<const std::uint32_t> users, bool alsoIp6) {
     addUsersOf(batch, users, nft::ip4);
     if (alsoIp6) addUsersOf(batch, users, nft::ip6);
 }
 
-void addInside(NftBatch& batch, std::span<const AddressRange> ranges) {
-    changeInside(batch, true, ranges);
+void changeElements(NftBatch& batch, Change change, std::span<const NatElement> elements) {
+    changeSet(batch, change, nft::map, elements, [change](const Set& set, const NatElement& element) {
+        const TargetBytes target = bytesOf(element.target);
+        put(set, bytesOf(element.key), change == Change::add ? &target : nullptr);  // a removal names the key
+    });
+    changeSet(batch, change, nft::live, elements, [](const Set& set, const NatElement& element) {
+        put(set, LiveBytes{bytesOf(element.key), bytesOf(element.target)});
+    });
 }
 
-void removeInside(NftBatch& batch, std::span<const AddressRange> ranges) {
-    changeInside(batch, false, ranges);
+void changeHairpins(NftBatch& batch, Change change, std::span<const std::uint32_t> indexes) {
+    changeSet(batch, change, nft::hairpin, indexes, [](const Set& set, std::uint32_t index) {
+        put(set, HairpinBytes{index, index});
+    });
 }
 
-void addHairpins(NftBatch& batch, const std::set<std::uint32_t>& indexes) {
-    changeHairpins(batch, true, indexes);
-}
-
-void removeHairpins(NftBatch& batch, const std::set<std::uint32_t>& indexes) {
-    changeHairpins(batch, false, indexes);
+void changeInside(NftBatch& batch, Change change, std::span<const AddressRange> ranges) {
+    changeSet(batch, change, nft::inside, ranges, [](const Set& set, const AddressRange& range) {
+        put(set, htonl(range.first));
+        // The end is the first address after it; what reaches to the last one has none.
+        if (range.last + 1 != 0) put(set, htonl(range.last + 1), nullptr, NFT_SET_ELEM_INTERVAL_END);
+    });
 }
 
 }  // namespace router

@@ -1,15 +1,35 @@
 #pragma once
 
 #include <cstdint>
-#include <set>
 #include <span>
 
+#include "contract/natrules.h"
 #include "firewall/batch.h"
-#include "firewall/element.h"
-#include "firewall/guardconfig.h"
 #include "links/prefix.h"
 
 namespace router {
+
+using contract::NatKey;
+using contract::NatTarget;
+
+/// What the kernel holds for one enabled rule. A value.
+struct NatElement {
+    NatKey key;
+    NatTarget target;
+
+    bool operator==(const NatElement&) const = default;
+};
+
+/// What the configuration says of the guard around the gateway daemon. In the limits 0 stands for none.
+/// A value.
+struct GuardConfig {
+    bool limitsConnections = true;          // of the daemon: whatever it sends goes to hosts inside
+    std::uint32_t searchesPerSecond = 200;  // datagrams to UDP 1900 from one source
+    std::uint32_t requestsPerSecond = 0;    // connections to TCP 2828 from one source
+    std::uint32_t connections = 0;          // that one source may have with TCP 2828 at once
+
+    bool operator==(const GuardConfig&) const = default;
+};
 
 // The pieces of the router's nf_tables table, each appended to a transaction:
 //
@@ -21,17 +41,17 @@ namespace router {
 //         chain prerouting {
 //             type nat hook prerouting priority dstnat + 10
 //             fib daddr type local <look up ip daddr . meta l4proto . th dport in dstnat>
-//             ct label set 116 dnat to <what was found>
+//                 ct label set 116 dnat to <what was found>
 //         }
 //         chain forward {
 //             type filter hook forward priority filter - 10
 //             ct label 116 ct original ip daddr . ct protocol . ct original proto-dst .
-//             ct reply ip saddr . ct reply proto-src != @live goto ended
+//                 ct reply ip saddr . ct reply proto-src != @live goto ended
 //             ct label 116 ct reply ip saddr != @inside goto ended
 //         }
 //         chain ended {
-//             ct direction original limit rate 1000/second <destination as it came> log group 29803
-//             <destination as it was>
+//             ct direction original limit rate 1000/second <destination as it came>
+//                 log group 29803 <destination as it was>
 //             meta l4proto tcp reject with tcp reset
 //             drop
 //         }
@@ -39,13 +59,13 @@ namespace router {
 //             type filter hook input priority filter - 10
 //             <UDP from outside, first packet of a flow, not translated, in dstnat> ct label set 107
 //             <UDP from outside, later packet, not translated, ct label not 107, in dstnat>
-//             limit rate 1000/second log group 29803
+//                 limit rate 1000/second log group 29803
 //             ct label 116 goto ended
 //         }
 //         chain postrouting {
 //             type nat hook postrouting priority srcnat
-//             ct status dnat iif . oif @hairpin ct original ip daddr . meta l4proto . ct original proto-dst
-//             @dstnat masquerade
+//             ct status dnat iif . oif @hairpin
+//                 ct original ip daddr . meta l4proto . ct original proto-dst @dstnat masquerade
 //         }
 //     }
 //
@@ -83,7 +103,7 @@ namespace router {
 //         }
 //     }
 //
-// Our chain stands behind those of the usual priority, so that a forward which somebody else made wins. What
+// Our chain comes after those of the usual priority, so that a forward which somebody else made wins. What
 // it translates bears a label, and the chain at forward lets it pass only as long as its rule is live: flows
 // end with their rule, and those that a former process left end with the rule that they had. ended and missed
 // also tell which entries of the kernel's connection table must go for a next packet to find its way.
@@ -110,15 +130,17 @@ void createGuard(NftBatch& batch, const GuardConfig& config);
 /// Appends the table for IPv6.
 void createGuardOfIp6(NftBatch& batch);
 /// Appends users to those whose packets are guarded; in the table for IPv6 as well where there is one.
-void addUsers(NftBatch& batch, const std::set<std::uint32_t>& users, bool alsoIp6);
-/// Appends the addition or removal of ranges of inside addresses.
-void addInside(NftBatch& batch, std::span<const AddressRange> ranges);
-void removeInside(NftBatch& batch, std::span<const AddressRange> ranges);
-/// Appends the addition or removal of elements of the map, and of what is live.
-void addElements(NftBatch& batch, std::span<const NatElement> elements);
-void removeElements(NftBatch& batch, std::span<const NatElement> elements);
-/// Appends the addition or removal of interfaces in the set for hairpin connections.
-void addHairpins(NftBatch& batch, const std::set<std::uint32_t>& indexes);
-void removeHairpins(NftBatch& batch, const std::set<std::uint32_t>& indexes);
+void addUsers(NftBatch& batch, std::span<const std::uint32_t> users, bool alsoIp6);
+
+// Append the addition or removal of what a set holds.
+
+enum class Change : std::uint8_t { add, remove };
+
+/// Elements of the map, and of what is live.
+void changeElements(NftBatch& batch, Change change, std::span<const NatElement> elements);
+/// Interfaces, by index, in the set for hairpin connections.
+void changeHairpins(NftBatch& batch, Change change, std::span<const std::uint32_t> indexes);
+/// Ranges of inside addresses.
+void changeInside(NftBatch& batch, Change change, std::span<const AddressRange> ranges);
 
 }  // namespace router

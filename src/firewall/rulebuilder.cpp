@@ -14,7 +14,7 @@
 
 #include <array>
 
-#include "firewall/names.h"
+#include "firewall/rules.h"
 
 namespace router {
 

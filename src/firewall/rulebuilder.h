@@ -6,7 +6,6 @@
 #include <memory>
 
 #include "firewall/batch.h"
-#include "firewall/names.h"
 
 struct nftnl_expr;
 struct nftnl_rule;

@@ -6,6 +6,31 @@
 
 namespace router {
 
+/// The names in the router's tables.
+namespace nft {
+
+constexpr const char* table = "tk";
+constexpr const char* map = "dstnat";
+constexpr const char* live = "live";
+constexpr const char* hairpin = "hairpin";
+constexpr const char* prerouting = "prerouting";
+constexpr const char* postrouting = "postrouting";
+constexpr const char* forward = "forward";
+constexpr const char* ended = "ended";
+constexpr const char* missed = "missed";
+
+// Of the guard.
+constexpr const char* guarded = "guarded";
+constexpr const char* inside = "inside";
+constexpr const char* daemon = "daemon";
+constexpr const char* searches = "searches";
+constexpr const char* requests = "requests";
+constexpr const char* connections = "connections";
+constexpr const char* output = "output";
+constexpr const char* input = "input";
+
+}  // namespace nft
+
 /// The group of the kernel's packet log that tells of the flows whose entry is to go.
 constexpr std::uint16_t flowLogGroup = 29803;
 
@@ -28,5 +53,18 @@ void addFarewell(NftBatch& batch);
 
 /// Appends the rules of the chain for UDP flows that reach the router although their port is mapped.
 void addMissedFlows(NftBatch& batch);
+
+/// Appends the rules of the output chain, and of the one for what guarded users send: inside, and not to the
+/// router itself.
+void addGuard(NftBatch& batch);
+/// Appends the rules of the output chain for IPv6, in which nothing is inside.
+void addGuardOfIp6(NftBatch& batch);
+
+/// Append the rules of the input chain, each with the number that its set has in the transaction.
+/// `rate`: packets a second from one source. `limit`: connections of one source.
+void addSearchOrigin(NftBatch& batch);
+void addSearchLimit(NftBatch& batch, std::uint32_t setNumber, std::uint32_t rate);
+void addRequestLimit(NftBatch& batch, std::uint32_t setNumber, std::uint32_t rate);
+void addConnectionLimit(NftBatch& batch, std::uint32_t setNumber, std::uint32_t limit);
 
 }  // namespace router

@@ -29,11 +29,17 @@ bool hasIp6() {
     return attempt.isOpen() || errno != EAFNOSUPPORT;
 }
 
+using Numbers = std::vector<std::uint32_t>;
+
+Numbers listOf(const std::set<std::uint32_t>& numbers) {
+    return {numbers.begin(), numbers.end()};
+}
+
 /// What `left` has and `right` has not. Both are sorted.
 template <typename List>
-List without(const List& left, const List& right) {
-    List out;
-    std::set_difference(left.begin(), left.end(), right.begin(), right.end(), std::inserter(out, out.end()));
+auto without(const List& left, const List& right) {
+    std::vector<typename List::value_type> out;
+    std::set_difference(left.begin(), left.end(), right.begin(), right.end(), std::back_inserter(out));
     return out;
 }
 
@@ -47,21 +53,17 @@ void cut(std::span<const Entry> all, std::vector<std::function<void(NftBatch&)>>
         const auto part = all.first(std::min(all.size(), pieceSize));
         all = all.subspan(part.size());
         out.push_back([append, kept = std::vector<Entry>(part.begin(), part.end())](NftBatch& batch) {
-            append(batch, kept);
+            append(batch, std::span<const Entry>(kept));
         });
     }
 }
 
-using Numbers = std::vector<std::uint32_t>;
-
-/// The same for numbers that are added as a set.
-template <typename Append>
-void cut(const std::set<std::uint32_t>& all, std::vector<std::function<void(NftBatch&)>>& out,
-         Append append) {
-    const Numbers numbers(all.begin(), all.end());
-    cut<std::uint32_t>(numbers, out, [append](NftBatch& batch, const Numbers& part) {
-        append(batch, std::set<std::uint32_t>(part.begin(), part.end()));
-    });
+/// The same for what a set of the table is to hold.
+template <typename Entry>
+void cut(const std::vector<Entry>& all, std::vector<std::function<void(NftBatch&)>>& out,
+         void (*change)(NftBatch&, Change, std::span<const Entry>)) {
+    cut<Entry>(std::span<const Entry>(all), out,
+               [change](NftBatch& batch, std::span<const Entry> part) { change(batch, Change::add, part); });
 }
 
 }  // namespace
@@ -110,16 +112,15 @@ std::vector<NftTable::Fill> NftTable::pieces() const {
         createGuardOfIp6(batch);
     });
     // The users first: they are never free to send.
-    if (guard.limitsConnections)
-        cut(guarded, out, [this](NftBatch& batch, const std::set<std::uint32_t>& users) {
-            addUsers(batch, users, guardsIp6);
+    if (guard.limitsConnections) {
+        const Numbers users = listOf(guarded);
+        cut<std::uint32_t>(users, out, [this](NftBatch& batch, std::span<const std::uint32_t> part) {
+            addUsers(batch, part, guardsIp6);
         });
-    cut(inside.interfaces, out, &addHairpins);
-    cut<AddressRange>(inside.addresses, out,
-                      [](NftBatch& batch, const std::vector<AddressRange>& part) { addInside(batch, part); });
-    const std::vector<NatElement> all = owner ? owner->elements() : std::vector<NatElement>();
-    cut<NatElement>(all, out,
-                    [](NftBatch& batch, const std::vector<NatElement>& part) { addElements(batch, part); });
+    }
+    cut(listOf(inside.interfaces), out, &changeHairpins);
+    cut(inside.addresses, out, &changeInside);
+    if (owner) cut(owner->elements(), out, &changeElements);
     if (endsFlows) out.emplace_back([this](NftBatch& batch) { addEnds(batch); });
     return out;
 }
@@ -194,15 +195,18 @@ void NftTable::mend() {
 
 tk::Status NftTable::commit(std::span<const NatElement> removed, std::span<const NatElement> added) {
     return change([&](NftBatch& batch) {
-        removeElements(batch, removed);
-        addElements(batch, added);
+        changeElements(batch, Change::remove, removed);
+        changeElements(batch, Change::add, added);
     });
 }
 
 void NftTable::guardUser(std::uint32_t user) {
     if (!guard.limitsConnections || !socket.isOpen() || guarded.contains(user)) return;
-    insist([this, user](NftBatch& batch) { addUsers(batch, {user}, guardsIp6); },
-           "guard: what user " + std::to_string(user) + " sends cannot be limited");
+    insist(
+        [this, user](NftBatch& batch) {
+            addUsers(batch, {&user, 1}, guardsIp6);
+        },
+        "guard: what user " + std::to_string(user) + " sends cannot be limited");
     guarded.insert(user);
 }
 
@@ -210,10 +214,10 @@ void NftTable::insideChanged(const Inside& now) {
     if (!socket.isOpen() || now == inside) return;
     insist(
         [&](NftBatch& batch) {
-            removeHairpins(batch, without(inside.interfaces, now.interfaces));
-            addHairpins(batch, without(now.interfaces, inside.interfaces));
-            removeInside(batch, without(inside.addresses, now.addresses));
-            addInside(batch, without(now.addresses, inside.addresses));
+            changeHairpins(batch, Change::remove, without(inside.interfaces, now.interfaces));
+            changeHairpins(batch, Change::add, without(now.interfaces, inside.interfaces));
+            changeInside(batch, Change::remove, without(inside.addresses, now.addresses));
+            changeInside(batch, Change::add, without(now.addresses, inside.addresses));
         },
         "nat: what is inside cannot be set");
     inside = now;

@@ -8,14 +8,31 @@
 #include <vector>
 
 #include "firewall/batch.h"
-#include "firewall/guardconfig.h"
-#include "firewall/natkernel.h"
+#include "firewall/objects.h"
 #include "links/zones.h"
 #include "netlink/socket.h"
 #include "tk/status.h"
 #include "tk/timer.h"
 
 namespace router {
+
+/// Whose rules are in the kernel. It is asked when they have to be put there anew.
+class ElementOwner {
+public:
+    virtual ~ElementOwner() = default;
+    /// The elements of all enabled rules: what was committed, less what was taken out.
+    [[nodiscard]] virtual std::vector<NatElement> elements() const = 0;
+};
+
+/// Where enabled rules take effect. Replaced by a fake in tests.
+class NatKernel {
+public:
+    virtual ~NatKernel() = default;
+    /// Takes elements out and puts others in, all or nothing; a key may be in both lists with another target.
+    /// The owner changes what it tells after a success, and before anything else.
+    /// Errors: the kernel's text; nothing has changed then, or it is undone as soon as that is possible.
+    virtual tk::Status commit(std::span<const NatElement> removed, std::span<const NatElement> added) = 0;
+};
 
 /// The router's table in nf_tables, and the one that guards IPv6 beside it. They are owned by the socket of
 /// this object: nobody else can change them, and they go with the process, however that ends.

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "firewall/natkernel.h"
+#include "firewall/table.h"
 #include "hub/access.h"
 #include "hub/refusallog.h"
 #include "nat/policy.h"

@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "firewall/element.h"
+#include "firewall/objects.h"
 #include "links/zones.h"
 #include "tk/status.h"
 

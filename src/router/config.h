@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "firewall/guardconfig.h"
+#include "firewall/objects.h"
 #include "hub/access.h"
 #include "hub/processes.h"
 #include "links/linkswitch.h"

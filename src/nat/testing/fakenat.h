@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "firewall/natkernel.h"
+#include "firewall/table.h"
 #include "links/testing/fakekernel.h"
 #include "nat/listeners.h"
 
