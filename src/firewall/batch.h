@@ -30,6 +30,7 @@ public:
     /// Errors: netlink::unanswered when there is no answer: the kernel may have committed.
     tk::Status commit();
 
+    /// Units: bytes.
     static constexpr std::size_t maximumMessage = 128UL * 1024;
 
 private:

@@ -22,7 +22,7 @@ namespace router {
 
 namespace {
 
-constexpr std::uint32_t shownBytes = 64;  // of each packet: the longest IPv4 header, and the ports behind it
+constexpr std::uint32_t shownBytes = 64;  // of each packet: the longest IPv4 header, and the ports after it
 constexpr int bufferBytes = 1024 * 1024;
 constexpr int datagramsPerTurn = 256;
 constexpr std::uint32_t wordBytes = 4;  // in which the length of an IPv4 header is told

@@ -113,7 +113,8 @@ struct GuardConfig {
 // itself. Outside no such host is: when its own network is down, the packets to a rule's target may be routed
 // there, and the router must not lend its address to what comes from outside and goes back there.
 
-constexpr std::uint32_t ownerFlag = 0x2;  // NFT_TABLE_F_OWNER, newer than the headers may be
+/// NFT_TABLE_F_OWNER, newer than the headers may be: nobody else can change the table.
+constexpr std::uint32_t ownerFlag = 0x2;
 
 /// Appends the table by itself.
 void addTable(NftBatch& batch, std::uint32_t flags, std::uint8_t family = nft::ip4);
@@ -132,9 +133,10 @@ void createGuardOfIp6(NftBatch& batch);
 /// Appends users to those whose packets are guarded; in the table for IPv6 as well where there is one.
 void addUsers(NftBatch& batch, std::span<const std::uint32_t> users, bool alsoIp6);
 
-// Append the addition or removal of what a set holds.
-
+/// What is done with what a set holds.
 enum class Change : std::uint8_t { add, remove };
+
+// Append the addition or removal of entries of a set.
 
 /// Elements of the map, and of what is live.
 void changeElements(NftBatch& batch, Change change, std::span<const NatElement> elements);

@@ -244,7 +244,7 @@ void NftRuleBuilder::destinationNat() {
 void NftRuleBuilder::setLabel(std::uint32_t label) {
     const Labels wanted = onlyLabel(label);
     nftnl_expr* load = add("immediate");
-    nftnl_expr_set_u32(load, NFTNL_EXPR_IMM_DREG, NFT_REG_2);  // behind the four parts in register 1
+    nftnl_expr_set_u32(load, NFTNL_EXPR_IMM_DREG, NFT_REG_2);  // after the four parts in register 1
     nftnl_expr_set(load, NFTNL_EXPR_IMM_DATA, wanted.data(), sizeof wanted);
     nftnl_expr* set = add("ct");
     nftnl_expr_set_u32(set, NFTNL_EXPR_CT_KEY, NFT_CT_LABELS);

@@ -24,10 +24,12 @@ public:
     static constexpr std::uint32_t fourthPart = NFT_REG32_03;
     static constexpr std::uint32_t fifthPart = NFT_REG32_04;
 
+    /// Begins a rule of a chain.
     explicit NftRuleBuilder(const char* chain, std::uint8_t family = nft::ip4);
 
     /// Loads bytes of a header: of the network's, or of the transport's above it.
     void payload(nft_payload_bases base, std::uint32_t offset, std::uint32_t size, std::uint32_t into);
+    /// Loads what the kernel knows about the packet.
     void meta(nft_meta_keys key, std::uint32_t into);
     /// Loads a part of the connection's first packet, as it was before translation.
     void original(nft_ct_keys key, std::uint32_t into);
@@ -52,7 +54,8 @@ public:
     void isTranslated();
     /// Goes on only for the first packet of a TCP connection.
     void isFirstOfTcp();
-    /// Goes on only for packets of a protocol to a port. Byte order: host.
+    /// Goes on only for packets of a protocol to a port.
+    /// Byte order: host.
     void isTo(std::uint8_t protocol, std::uint16_t port);
     /// Goes on only when the set has what the registers hold.
     void lookUp(const char* set);
@@ -69,6 +72,7 @@ public:
 
     /// Replaces what the registers hold by its data in the map; goes on only when it is there.
     void translate(const char* map);
+    /// Sends the connection on to the address and the port in the first two parts.
     void destinationNat();
     /// Adds a label to those that the connection bears. The parts up to the fourth stay as they are.
     void setLabel(std::uint32_t label);
@@ -76,10 +80,13 @@ public:
     void overwrite(nft_payload_bases base, std::uint32_t offset, std::uint32_t size, std::uint32_t from);
     /// Shows the packet to whoever listens to the group of the kernel's packet log.
     void log(std::uint16_t group);
+    /// Gives the connection the router's address as its source.
     void masquerade();
+    /// Ends a TCP connection for its sender.
     void rejectWithReset();
     /// Tells the sender, where it is no broadcast or multicast, that this is not allowed.
     void rejectAsForbidden();
+    // Verdicts without a word to the sender.
     void drop();
     void accept();
     /// Goes on in another chain.
@@ -87,6 +94,7 @@ public:
     /// Goes on in another chain, and comes back when that has no verdict.
     void jumpTo(const char* chain);
 
+    /// Appends the finished rule to a transaction.
     void appendTo(NftBatch& batch);
 
 private:

@@ -23,6 +23,10 @@ constexpr int bufferBytes = 32 * 1024 * 1024;  // for a transaction that removes
 constexpr std::uint32_t retryTicks = 100;      // 1 s
 constexpr std::size_t pieceSize = 64;          // what the smallest of socket buffers takes
 
+// Why the table is made anew.
+constexpr const char* changeUnanswered = "the kernel did not tell what became of a change";
+constexpr const char* changeRefused = "the kernel refused a change before";
+
 /// True unless the kernel knows nothing of IPv6, which nobody can send then.
 bool hasIp6() {
     const tk::Fd attempt(::socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0));
@@ -42,9 +46,6 @@ auto without(const List& left, const List& right) {
     std::set_difference(left.begin(), left.end(), right.begin(), right.end(), std::back_inserter(out));
     return out;
 }
-
-constexpr const char* changeUnanswered = "the kernel did not tell what became of a change";
-constexpr const char* changeRefused = "the kernel refused a change before";
 
 /// Appends one piece for each so many of all.
 template <typename Entry, typename Append>
@@ -165,7 +166,8 @@ tk::Status NftTable::attempt(const Fill& fill) {
     return result;
 }
 
-/// Brings a change about. Errors: the table is as it was before, or is made so as soon as that is possible.
+/// Brings a change about.
+/// Errors: the table is as it was before, or is made so as soon as that is possible.
 tk::Status NftTable::change(const Fill& fill) {
     const bool wasSure = doubt == nullptr;
     tk::Status result = attempt(fill);

@@ -34,7 +34,8 @@ std::uint16_t listen(const tk::Fd& socket, bool isTcp) {
 }
 
 /// True when a socket has the UDP port that the look-up does not show, for it is connected to a peer of its
-/// own, as those of tunnels are. Errors: false, also when that cannot be tried.
+/// own, as those of tunnels are.
+/// Errors: false, also when that cannot be tried.
 bool isBound(const NatKey& key, std::uint32_t interface) {
     const tk::Fd attempt(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     const int index = static_cast<int>(interface);

@@ -41,6 +41,7 @@ public:
 
     [[nodiscard]] std::vector<NatElement> elements() const override;
 
+    // The commands of the bus: rules are added, changed, removed and listed; testRule is answered too.
     tk::message cmdAddObj(const tk::message& request) override;
     tk::message cmdSetObj(const tk::message& request) override;
     tk::message cmdRemoveObj(const tk::message& request) override;
@@ -54,7 +55,8 @@ public:
     tk::message cmdDisconnected(const tk::Path& client) override;
 
 private:
-    // What is checked and done for one request. Errors: the code is that of the bus error.
+    // What is checked and done for one request.
+    // Errors: the code is that of the bus error.
 
     /// May there be one rule more, or one that leads elsewhere? `former` is null for a new one.
     tk::Status checkRoom(const NatRule* former, const NatRule& changed) const;

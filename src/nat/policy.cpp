@@ -12,7 +12,8 @@ namespace router {
 
 namespace {
 
-/// What is wrong with an address by itself, null when nothing is. Byte order: network.
+/// What is wrong with an address by itself, null when nothing is.
+/// Byte order: network.
 const char* faultOf(std::uint32_t address) {
     const std::uint32_t host = ntohl(address);
     if (host == INADDR_ANY) return "no host has this address";

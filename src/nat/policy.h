@@ -40,7 +40,8 @@ public:
     /// Lifetime: the zones outlive the policy.
     explicit NatPolicy(const Zones& zones, NatConfig config = {}) : zones(zones), config(std::move(config)) {}
 
-    /// Whether the rule may be enabled. Errors: tk::error::refused.
+    /// Whether the rule may be enabled.
+    /// Errors: tk::error::refused.
     tk::Status allows(const NatElement& element) const;
 
     /// Whether a program may ask for a rule with this destination: an address that the router holds outside.

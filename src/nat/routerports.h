@@ -19,7 +19,8 @@ public:
     RouterPorts(const Zones& zones, Listeners& listeners, std::vector<PortRange> configured = {})
         : zones(zones), listeners(listeners), configured(std::move(configured)) {}
 
-    /// Whether a program may have a rule of this key. Errors: tk::error::refused.
+    /// Whether a program may have a rule of this key.
+    /// Errors: tk::error::refused.
     tk::Status areFreeFor(const NatKey& key) const;
 
 private:

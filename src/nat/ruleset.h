@@ -16,18 +16,22 @@ class NatRules {
 public:
     /// All rules, by id.
     const std::map<std::uint32_t, NatRule>& all() const { return rules; }
-    /// The rule of an id, null when there is none. Lifetime: until the next change.
+    /// The rule of an id, null when there is none.
+    /// Lifetime: until the next change.
     const NatRule* find(std::uint32_t id) const;
-    /// The enabled rule of a key, null when there is none. Lifetime: until the next change.
+    /// The enabled rule of a key, null when there is none.
+    /// Lifetime: until the next change.
     const NatRule* find(const NatKey& key) const;
     /// The dynamic rules of an owner.
     const std::set<std::uint32_t>& of(std::uint32_t owner) const;
 
-    /// How many rules lead to an address, whatever their kind. Byte order: network.
+    /// How many rules lead to an address, whatever their kind.
+    /// Byte order: network.
     std::size_t countTo(std::uint32_t target) const;
     /// How many rules are not dynamic, and so are stored.
     std::size_t countStored() const { return rules.size() - dynamicRules; }
 
+    /// An id that no rule has had.
     [[nodiscard]] std::uint32_t newId() { return ++lastId; }
     /// Adds a rule, or replaces the one of its id.
     void put(const NatRule& rule);

@@ -6,7 +6,8 @@
 #include "tk/message.h"
 
 /// The destination NAT rules of the router's firewall, as requests over the bus. Each is one synchronous
-/// exchange. Errors: the error message of the firewall, or of a failed exchange (tk::isError).
+/// exchange.
+/// Errors: the error message of the firewall, or of a failed exchange (tk::isError).
 
 /// Creates the rule that sends what comes to `externalAddress` (network order) and the key's port on to the
 /// mapping's client and port. The reply carries the new rule's object id. The rule vanishes with this
