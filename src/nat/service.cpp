@@ -1,4 +1,4 @@
-#include "nat/nat.h"
+#include "nat/service.h"
 
 #include <algorithm>
 #include <span>
