@@ -62,6 +62,7 @@ public:
     /// Errors: there is no rtnetlink.
     tk::Status open();
 
+    // As every kernel does.
     tk::Result<Link> readLink(std::uint32_t index) override;
     tk::Status setLinkUp(std::uint32_t index, bool up) override;
 
