@@ -5,9 +5,9 @@
 
 #include "netlink/request.h"
 
-namespace router {
+namespace firewall {
 
-NftBatch::NftBatch(netlink::Socket& socket)
+Batch::Batch(netlink::Socket& socket)
     : socket(socket),
       firstSequence(socket.nextSequence()),
       lastSequence(firstSequence),
@@ -15,12 +15,12 @@ NftBatch::NftBatch(netlink::Socket& socket)
     append(*nftnl_batch_begin(scratch.data(), firstSequence));
 }
 
-void NftBatch::append(const nlmsghdr& message) {
+void Batch::append(const nlmsghdr& message) {
     const auto* start = reinterpret_cast<const char*>(&message);
     bytes.insert(bytes.end(), start, start + MNL_ALIGN(message.nlmsg_len));
 }
 
-void NftBatch::add(std::uint16_t type, std::uint16_t flags, const Fill& fill, std::uint8_t family) {
+void Batch::add(std::uint16_t type, std::uint16_t flags, const Fill& fill, std::uint8_t family) {
     lastSequence = socket.nextSequence();
     lastOffset = bytes.size();
     nlmsghdr* message = nftnl_nlmsg_build_hdr(scratch.data(), type, family, flags, lastSequence);
@@ -28,7 +28,7 @@ void NftBatch::add(std::uint16_t type, std::uint16_t flags, const Fill& fill, st
     append(*message);
 }
 
-tk::Status NftBatch::commit() {
+tk::Status Batch::commit() {
     if (lastOffset == 0) return {};  // nothing to do
     // One acknowledgement is enough, that of the last message: errors come in any case, and before it.
     reinterpret_cast<nlmsghdr*>(bytes.data() + lastOffset)->nlmsg_flags |= NLM_F_ACK;
@@ -36,4 +36,4 @@ tk::Status NftBatch::commit() {
     return netlink::transact(socket, bytes, firstSequence, lastSequence);
 }
 
-}  // namespace router
+}  // namespace firewall

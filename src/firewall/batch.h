@@ -8,7 +8,7 @@
 
 #include "netlink/socket.h"
 
-namespace router {
+namespace firewall {
 
 namespace nft {
 // The families, as the kernel numbers them.
@@ -17,12 +17,12 @@ constexpr std::uint8_t ip6 = 10;
 }  // namespace nft
 
 /// One nf_tables transaction: messages that the kernel commits together or not at all.
-class NftBatch {
+class Batch {
 public:
     using Fill = std::function<void(nlmsghdr&)>;
 
     /// Lifetime: the socket outlives the batch.
-    explicit NftBatch(netlink::Socket& socket);
+    explicit Batch(netlink::Socket& socket);
 
     /// Appends a message for a family. `fill` writes its attributes, at most maximumMessage bytes.
     void add(std::uint16_t type, std::uint16_t flags, const Fill& fill, std::uint8_t family = nft::ip4);
@@ -44,4 +44,4 @@ private:
     std::vector<char> bytes;
 };
 
-}  // namespace router
+}  // namespace firewall

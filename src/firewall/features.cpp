@@ -7,55 +7,55 @@
 #include "firewall/objects.h"
 #include "firewall/rules.h"
 
-namespace router {
+namespace firewall {
 
 namespace {
 
-constexpr auto first = NftRuleBuilder::firstPart;
+constexpr auto first = RuleBuilder::firstPart;
 constexpr std::uint16_t anyGroup = 1;
 constexpr std::uint32_t anyRate = 1;
 constexpr std::uint32_t anyLabel = 1;
 
-constexpr NftFeature features[] = {
+constexpr Feature features[] = {
     {"tables with an owner (Linux 5.12)", ownerFlag, "filter", NF_INET_FORWARD,
-     [](NftRuleBuilder& rule) { rule.drop(); }},
+     [](RuleBuilder& rule) { rule.drop(); }},
     {"chains of type nat, and its expression nat (Linux 4.18)", 0, "nat", NF_INET_PRE_ROUTING,
-     [](NftRuleBuilder& rule) {
+     [](RuleBuilder& rule) {
          rule.payload(NFT_PAYLOAD_NETWORK_HEADER, 0, 2 * sizeof first, first);  // of any content
          rule.destinationNat();
      }},
     {"the expression masq (Linux 3.18)", 0, "nat", NF_INET_POST_ROUTING,
-     [](NftRuleBuilder& rule) { rule.masquerade(); }},
+     [](RuleBuilder& rule) { rule.masquerade(); }},
     {"the expression fib (Linux 4.10)", 0, "filter", NF_INET_FORWARD,
-     [](NftRuleBuilder& rule) { rule.destinationType(first); }},
+     [](RuleBuilder& rule) { rule.destinationType(first); }},
     {"the expression ct (Linux 4.17)", 0, "filter", NF_INET_FORWARD,
-     [](NftRuleBuilder& rule) { rule.reply(NFT_CT_SRC_IP, first); }},
+     [](RuleBuilder& rule) { rule.reply(NFT_CT_SRC_IP, first); }},
     {"labels of connections (Linux 4.7, CONFIG_NF_CONNTRACK_LABELS)", 0, "filter", NF_INET_FORWARD,
-     [](NftRuleBuilder& rule) { rule.setLabel(anyLabel); }},
+     [](RuleBuilder& rule) { rule.setLabel(anyLabel); }},
     {"the expression reject (Linux 3.14)", 0, "filter", NF_INET_FORWARD,
-     [](NftRuleBuilder& rule) { rule.rejectWithReset(); }},
+     [](RuleBuilder& rule) { rule.rejectWithReset(); }},
     {"the expression limit (Linux 3.13)", 0, "filter", NF_INET_FORWARD,
-     [](NftRuleBuilder& rule) { rule.limit(anyRate); }},
+     [](RuleBuilder& rule) { rule.limit(anyRate); }},
     {"the expression log, and nfnetlink_log (Linux 3.13)", 0, "filter", NF_INET_FORWARD,
-     [](NftRuleBuilder& rule) { rule.log(anyGroup); }},
+     [](RuleBuilder& rule) { rule.log(anyGroup); }},
     {"tables for IPv6 (Linux 3.13, CONFIG_NF_TABLES_IPV6), though it has IPv6", 0, "filter", NF_INET_FORWARD,
-     [](NftRuleBuilder& rule) { rule.rejectAsForbidden(); }, nft::ip6},
+     [](RuleBuilder& rule) { rule.rejectAsForbidden(); }, nft::ip6},
 };
 
 }  // namespace
 
-std::span<const NftFeature> nftFeatures() {
+std::span<const Feature> neededFeatures() {
     return features;
 }
 
-std::string missingFeature(netlink::Socket& socket, std::span<const NftFeature> wanted, bool withIp6) {
-    for (const NftFeature& feature : wanted) {
+std::string missingFeature(netlink::Socket& socket, std::span<const Feature> wanted, bool withIp6) {
+    for (const Feature& feature : wanted) {
         if (feature.family == nft::ip6 && !withIp6) continue;
-        NftBatch batch(socket);
+        Batch batch(socket);
         removeTable(batch, false, feature.family);
         addTable(batch, feature.tableFlags, feature.family);
         addChain(batch, nft::forward, feature.chainType, feature.hook, 0, feature.family);
-        NftRuleBuilder rule(nft::forward, feature.family);
+        RuleBuilder rule(nft::forward, feature.family);
         feature.fill(rule);
         rule.appendTo(batch);
         removeTable(batch, feature.tableFlags == ownerFlag, feature.family);
@@ -64,4 +64,4 @@ std::string missingFeature(netlink::Socket& socket, std::span<const NftFeature> 
     return {};
 }
 
-}  // namespace router
+}  // namespace firewall

@@ -18,7 +18,7 @@
 #include "netlink/request.h"
 #include "tk/log.h"
 
-namespace router {
+namespace firewall {
 
 namespace {
 
@@ -152,4 +152,4 @@ void FlowLog::removeShown() {
     }
 }
 
-}  // namespace router
+}  // namespace firewall

@@ -13,7 +13,7 @@
 #include "tk/status.h"
 #include "tk/timer.h"
 
-namespace router {
+namespace firewall {
 
 using contract::NatKey;
 
@@ -52,4 +52,4 @@ private:
     bool reported = false;      // that a flow cannot be removed
 };
 
-}  // namespace router
+}  // namespace firewall

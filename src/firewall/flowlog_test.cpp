@@ -11,10 +11,10 @@
 #include "tk/testing/privatenetwork.h"
 #include "tk/testing/testloop.h"
 
-namespace router {
+namespace firewall {
 namespace {
 
-using testing::address;
+using router::testing::address;
 using Packet = std::vector<char>;
 
 /// An IPv4 packet from 198.51.100.2 to 198.51.100.1, up to the ports 4660 and 53.
@@ -64,4 +64,4 @@ TEST(FlowLog, IsHeardByOneAlone) {
 }
 
 }  // namespace
-}  // namespace router
+}  // namespace firewall

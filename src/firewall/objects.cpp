@@ -14,7 +14,7 @@
 
 #include "firewall/rules.h"
 
-namespace router {
+namespace firewall {
 
 namespace {
 
@@ -74,20 +74,20 @@ struct HairpinBytes {
     std::uint32_t outgoing;
 };
 
-using Table = std::unique_ptr<nftnl_table, decltype(&nftnl_table_free)>;
-using Chain = std::unique_ptr<nftnl_chain, decltype(&nftnl_chain_free)>;
-using Set = std::unique_ptr<nftnl_set, decltype(&nftnl_set_free)>;
+using TableObject = std::unique_ptr<nftnl_table, decltype(&nftnl_table_free)>;
+using ChainObject = std::unique_ptr<nftnl_chain, decltype(&nftnl_chain_free)>;
+using SetObject = std::unique_ptr<nftnl_set, decltype(&nftnl_set_free)>;
 
-Table makeTable(std::uint32_t flags, std::uint8_t family) {
-    Table table(nftnl_table_alloc(), &nftnl_table_free);
+TableObject makeTable(std::uint32_t flags, std::uint8_t family) {
+    TableObject table(nftnl_table_alloc(), &nftnl_table_free);
     nftnl_table_set_u32(table.get(), NFTNL_TABLE_FAMILY, family);
     nftnl_table_set_str(table.get(), NFTNL_TABLE_NAME, nft::table);
     nftnl_table_set_u32(table.get(), NFTNL_TABLE_FLAGS, flags);
     return table;
 }
 
-Set makeSet(const char* name, std::uint8_t family = nft::ip4) {
-    Set set(nftnl_set_alloc(), &nftnl_set_free);
+SetObject makeSet(const char* name, std::uint8_t family = nft::ip4) {
+    SetObject set(nftnl_set_alloc(), &nftnl_set_free);
     nftnl_set_set_u32(set.get(), NFTNL_SET_FAMILY, family);
     nftnl_set_set_str(set.get(), NFTNL_SET_TABLE, nft::table);
     nftnl_set_set_str(set.get(), NFTNL_SET_NAME, name);
@@ -95,60 +95,60 @@ Set makeSet(const char* name, std::uint8_t family = nft::ip4) {
 }
 
 /// A set that is to be made.
-Set makeSet(const char* name, std::uint32_t number, std::uint32_t keyType, std::size_t keyBytes,
-            std::uint8_t family = nft::ip4) {
-    Set set = makeSet(name, family);
+SetObject makeSet(const char* name, std::uint32_t number, std::uint32_t keyType, std::size_t keyBytes,
+                  std::uint8_t family = nft::ip4) {
+    SetObject set = makeSet(name, family);
     nftnl_set_set_u32(set.get(), NFTNL_SET_ID, number);
     nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_TYPE, keyType);
     nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_LEN, static_cast<std::uint32_t>(keyBytes));
     return set;
 }
 
-void addSet(NftBatch& batch, const Set& set, std::uint8_t family = nft::ip4) {
+void addSet(Batch& batch, const SetObject& set, std::uint8_t family = nft::ip4) {
     batch.add(
         NFT_MSG_NEWSET, NLM_F_CREATE,
         [&set](nlmsghdr& message) { nftnl_set_nlmsg_build_payload(&message, set.get()); }, family);
 }
 
-void addMap(NftBatch& batch) {
-    const Set map = makeSet(nft::map, mapNumber, keyType, sizeof(KeyBytes));
+void addMap(Batch& batch) {
+    const SetObject map = makeSet(nft::map, mapNumber, keyType, sizeof(KeyBytes));
     nftnl_set_set_u32(map.get(), NFTNL_SET_FLAGS, NFT_SET_MAP);
     nftnl_set_set_u32(map.get(), NFTNL_SET_DATA_TYPE, targetType);
     nftnl_set_set_u32(map.get(), NFTNL_SET_DATA_LEN, sizeof(TargetBytes));
     addSet(batch, map);
 }
 
-void addUserSet(NftBatch& batch, std::uint32_t number, std::uint8_t family) {
-    const Set set = makeSet(nft::guarded, number, typeUser, sizeof(std::uint32_t), family);
+void addUserSet(Batch& batch, std::uint32_t number, std::uint8_t family) {
+    const SetObject set = makeSet(nft::guarded, number, typeUser, sizeof(std::uint32_t), family);
     // A note for nft(8), which would else show the numbers with their bytes reversed: type, length, value.
     constexpr std::uint8_t hostOrder[] = {NFTNL_UDATA_SET_KEYBYTEORDER, 4, 1, 0, 0, 0};
     nftnl_set_set_data(set.get(), NFTNL_SET_USERDATA, hostOrder, sizeof hostOrder);
     addSet(batch, set, family);
 }
 
-void addInsideSet(NftBatch& batch) {
-    const Set set = makeSet(nft::inside, insideNumber, typeAddress, sizeof(std::uint32_t));
+void addInsideSet(Batch& batch) {
+    const SetObject set = makeSet(nft::inside, insideNumber, typeAddress, sizeof(std::uint32_t));
     nftnl_set_set_u32(set.get(), NFTNL_SET_FLAGS, NFT_SET_INTERVAL);
     addSet(batch, set);
 }
 
 /// A set that the rules themselves fill with the sources of packets.
-void addSourceSet(NftBatch& batch, const char* name, std::uint32_t number, std::uint32_t flags) {
-    const Set set = makeSet(name, number, typeAddress, sizeof(std::uint32_t));
+void addSourceSet(Batch& batch, const char* name, std::uint32_t number, std::uint32_t flags) {
+    const SetObject set = makeSet(name, number, typeAddress, sizeof(std::uint32_t));
     nftnl_set_set_u32(set.get(), NFTNL_SET_FLAGS, NFT_SET_EVAL | flags);
     nftnl_set_set_u32(set.get(), NFTNL_SET_DESC_SIZE, sourceLimit);
     addSet(batch, set);
 }
 
-Chain makeChain(const char* name, std::uint8_t family = nft::ip4) {
-    Chain chain(nftnl_chain_alloc(), &nftnl_chain_free);
+ChainObject makeChain(const char* name, std::uint8_t family = nft::ip4) {
+    ChainObject chain(nftnl_chain_alloc(), &nftnl_chain_free);
     nftnl_chain_set_u32(chain.get(), NFTNL_CHAIN_FAMILY, family);
     nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TABLE, nft::table);
     nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_NAME, name);
     return chain;
 }
 
-void addChain(NftBatch& batch, const Chain& chain, std::uint8_t family = nft::ip4) {
+void addChain(Batch& batch, const ChainObject& chain, std::uint8_t family = nft::ip4) {
     batch.add(
         NFT_MSG_NEWCHAIN, NLM_F_CREATE,
         [&chain](nlmsghdr& message) { nftnl_chain_nlmsg_build_payload(&message, chain.get()); }, family);
@@ -164,7 +164,7 @@ TargetBytes bytesOf(const NatTarget& target) {
 
 /// Puts a key among a set's elements, with a target where it is a map's.
 template <typename Key>
-void put(const Set& set, const Key& key, const TargetBytes* target = nullptr, std::uint32_t flags = 0) {
+void put(const SetObject& set, const Key& key, const TargetBytes* target = nullptr, std::uint32_t flags = 0) {
     nftnl_set_elem* entry = nftnl_set_elem_alloc();
     nftnl_set_elem_set(entry, NFTNL_SET_ELEM_KEY, &key, sizeof key);
     if (target) nftnl_set_elem_set(entry, NFTNL_SET_ELEM_DATA, target, sizeof *target);
@@ -174,13 +174,13 @@ void put(const Set& set, const Key& key, const TargetBytes* target = nullptr, st
 
 /// Appends one change of one set. `putEntry` puts what an entry stands for among the set's elements.
 template <typename Entry, typename PutEntry>
-void changeSet(NftBatch& batch, Change change, const char* name, std::span<const Entry> entries,
+void changeSet(Batch& batch, Change change, const char* name, std::span<const Entry> entries,
                PutEntry putEntry, std::uint8_t family = nft::ip4) {
     const bool adds = change == Change::add;
     while (!entries.empty()) {
         const auto part = entries.first(std::min(entries.size(), entriesPerMessage));
         entries = entries.subspan(part.size());
-        const Set set = makeSet(name, family);
+        const SetObject set = makeSet(name, family);
         for (const Entry& entry : part) putEntry(set, entry);
         batch.add(
             adds ? NFT_MSG_NEWSETELEM : NFT_MSG_DELSETELEM, adds ? NLM_F_CREATE | NLM_F_EXCL : 0,
@@ -188,40 +188,40 @@ void changeSet(NftBatch& batch, Change change, const char* name, std::span<const
     }
 }
 
-void addUsersOf(NftBatch& batch, std::span<const std::uint32_t> users, std::uint8_t family) {
+void addUsersOf(Batch& batch, std::span<const std::uint32_t> users, std::uint8_t family) {
     changeSet(
-        batch, Change::add, nft::guarded, users, [](const Set& set, std::uint32_t user) { put(set, user); },
-        family);
+        batch, Change::add, nft::guarded, users,
+        [](const SetObject& set, std::uint32_t user) { put(set, user); }, family);
 }
 
 }  // namespace
 
-void addTable(NftBatch& batch, std::uint32_t flags, std::uint8_t family) {
-    const Table table = makeTable(flags, family);
+void addTable(Batch& batch, std::uint32_t flags, std::uint8_t family) {
+    const TableObject table = makeTable(flags, family);
     batch.add(
         NFT_MSG_NEWTABLE, NLM_F_CREATE,
         [&table](nlmsghdr& message) { nftnl_table_nlmsg_build_payload(&message, table.get()); }, family);
 }
 
-void addChain(NftBatch& batch, const char* name, const char* type, std::uint32_t hook, std::int32_t priority,
+void addChain(Batch& batch, const char* name, const char* type, std::uint32_t hook, std::int32_t priority,
               std::uint8_t family) {
-    const Chain chain = makeChain(name, family);
+    const ChainObject chain = makeChain(name, family);
     nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TYPE, type);
     nftnl_chain_set_u32(chain.get(), NFTNL_CHAIN_HOOKNUM, hook);
     nftnl_chain_set_s32(chain.get(), NFTNL_CHAIN_PRIO, priority);
     addChain(batch, chain, family);
 }
 
-void removeTable(NftBatch& batch, bool isOurs, std::uint8_t family) {
+void removeTable(Batch& batch, bool isOurs, std::uint8_t family) {
     // To remove what may be absent, it is first made sure that it is there.
     addTable(batch, isOurs ? ownerFlag : 0, family);
-    const Table table = makeTable(0, family);
+    const TableObject table = makeTable(0, family);
     batch.add(
         NFT_MSG_DELTABLE, 0,
         [&table](nlmsghdr& message) { nftnl_table_nlmsg_build_payload(&message, table.get()); }, family);
 }
 
-void createTable(NftBatch& batch) {
+void createTable(Batch& batch) {
     addTable(batch, ownerFlag);
     addMap(batch);
     addSet(batch, makeSet(nft::live, liveNumber, liveType, sizeof(LiveBytes)));
@@ -238,7 +238,7 @@ void createTable(NftBatch& batch) {
     addMissedFlows(batch);
 }
 
-void createGuard(NftBatch& batch, const GuardConfig& config) {
+void createGuard(Batch& batch, const GuardConfig& config) {
     if (config.limitsConnections) {
         addUserSet(batch, usersNumber, nft::ip4);
         addChain(batch, nft::output, "filter", NF_INET_LOCAL_OUT, priorityFilter);
@@ -264,40 +264,42 @@ void createGuard(NftBatch& batch, const GuardConfig& config) {
     }
 }
 
-void createGuardOfIp6(NftBatch& batch) {
+void createGuardOfIp6(Batch& batch) {
     addTable(batch, ownerFlag, nft::ip6);
     addUserSet(batch, usersNumberOfIp6, nft::ip6);
     addChain(batch, nft::output, "filter", NF_INET_LOCAL_OUT, priorityFilter, nft::ip6);
     addGuardOfIp6(batch);
 }
 
-void addUsers(NftBatch& batch, std::span<const std::uint32_t> users, bool alsoIp6) {
+void addUsers(Batch& batch, std::span<const std::uint32_t> users, bool alsoIp6) {
     addUsersOf(batch, users, nft::ip4);
     if (alsoIp6) addUsersOf(batch, users, nft::ip6);
 }
 
-void changeElements(NftBatch& batch, Change change, std::span<const NatElement> elements) {
-    changeSet(batch, change, nft::map, elements, [change](const Set& set, const NatElement& element) {
+void changeElements(Batch& batch, Change change, std::span<const Element> elements) {
+    changeSet(batch, change, nft::map, elements, [change](const SetObject& set, const Element& element) {
         const TargetBytes target = bytesOf(element.target);
         put(set, bytesOf(element.key), change == Change::add ? &target : nullptr);  // a removal names the key
     });
-    changeSet(batch, change, nft::live, elements, [](const Set& set, const NatElement& element) {
+    changeSet(batch, change, nft::live, elements, [](const SetObject& set, const Element& element) {
         put(set, LiveBytes{bytesOf(element.key), bytesOf(element.target)});
     });
 }
 
-void changeHairpins(NftBatch& batch, Change change, std::span<const std::uint32_t> indexes) {
-    changeSet(batch, change, nft::hairpin, indexes, [](const Set& set, std::uint32_t index) {
+void changeHairpins(Batch& batch, Change change, std::span<const std::uint32_t> indexes) {
+    changeSet(batch, change, nft::hairpin, indexes, [](const SetObject& set, std::uint32_t index) {
         put(set, HairpinBytes{index, index});
     });
 }
 
-void changeInside(NftBatch& batch, Change change, std::span<const AddressRange> ranges) {
-    changeSet(batch, change, nft::inside, ranges, [](const Set& set, const AddressRange& range) {
-        put(set, htonl(range.first));
-        // The end is the first address after it; what reaches to the last one has none.
-        if (range.last + 1 != 0) put(set, htonl(range.last + 1), nullptr, NFT_SET_ELEM_INTERVAL_END);
-    });
+void changeInside(Batch& batch, Change change, std::span<const router::AddressRange> ranges) {
+    changeSet(batch, change, nft::inside, ranges,
+              [](const SetObject& set, const router::AddressRange& range) {
+                  put(set, htonl(range.first));
+                  // The end is the first address after it; what reaches to the last one has none.
+                  if (range.last + 1 != 0)
+                      put(set, htonl(range.last + 1), nullptr, NFT_SET_ELEM_INTERVAL_END);
+              });
 }
 
-}  // namespace router
+}  // namespace firewall

@@ -7,17 +7,17 @@
 #include "firewall/batch.h"
 #include "links/prefix.h"
 
-namespace router {
+namespace firewall {
 
 using contract::NatKey;
 using contract::NatTarget;
 
 /// What the kernel holds for one enabled rule. A value.
-struct NatElement {
+struct Element {
     NatKey key;
     NatTarget target;
 
-    bool operator==(const NatElement&) const = default;
+    bool operator==(const Element&) const = default;
 };
 
 /// What the configuration says of the guard around the gateway daemon. In the limits 0 stands for none.
@@ -117,21 +117,21 @@ struct GuardConfig {
 constexpr std::uint32_t ownerFlag = 0x2;
 
 /// Appends the table by itself.
-void addTable(NftBatch& batch, std::uint32_t flags, std::uint8_t family = nft::ip4);
+void addTable(Batch& batch, std::uint32_t flags, std::uint8_t family = nft::ip4);
 /// Appends a chain that packets come to at a hook.
-void addChain(NftBatch& batch, const char* name, const char* type, std::uint32_t hook, std::int32_t priority,
+void addChain(Batch& batch, const char* name, const char* type, std::uint32_t hook, std::int32_t priority,
               std::uint8_t family = nft::ip4);
 /// Appends the removal of the table, whether it is there or not; `isOurs` when it is the socket's own.
-void removeTable(NftBatch& batch, bool isOurs, std::uint8_t family = nft::ip4);
+void removeTable(Batch& batch, bool isOurs, std::uint8_t family = nft::ip4);
 /// Appends the table with everything in it but elements, and with a chain at forward that is still empty:
 /// addFlowEnd() fills it, when the elements of all rules are there.
-void createTable(NftBatch& batch);
+void createTable(Batch& batch);
 /// Appends what the guard needs in the table, but no element.
-void createGuard(NftBatch& batch, const GuardConfig& config);
+void createGuard(Batch& batch, const GuardConfig& config);
 /// Appends the table for IPv6.
-void createGuardOfIp6(NftBatch& batch);
+void createGuardOfIp6(Batch& batch);
 /// Appends users to those whose packets are guarded; in the table for IPv6 as well where there is one.
-void addUsers(NftBatch& batch, std::span<const std::uint32_t> users, bool alsoIp6);
+void addUsers(Batch& batch, std::span<const std::uint32_t> users, bool alsoIp6);
 
 /// What is done with what a set holds.
 enum class Change : std::uint8_t { add, remove };
@@ -139,10 +139,10 @@ enum class Change : std::uint8_t { add, remove };
 // Append the addition or removal of entries of a set.
 
 /// Elements of the map, and of what is live.
-void changeElements(NftBatch& batch, Change change, std::span<const NatElement> elements);
+void changeElements(Batch& batch, Change change, std::span<const Element> elements);
 /// Interfaces, by index, in the set for hairpin connections.
-void changeHairpins(NftBatch& batch, Change change, std::span<const std::uint32_t> indexes);
+void changeHairpins(Batch& batch, Change change, std::span<const std::uint32_t> indexes);
 /// Ranges of inside addresses.
-void changeInside(NftBatch& batch, Change change, std::span<const AddressRange> ranges);
+void changeInside(Batch& batch, Change change, std::span<const router::AddressRange> ranges);
 
-}  // namespace router
+}  // namespace firewall

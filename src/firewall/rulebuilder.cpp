@@ -16,7 +16,7 @@
 
 #include "firewall/rules.h"
 
-namespace router {
+namespace firewall {
 
 namespace {
 
@@ -39,25 +39,24 @@ Labels onlyLabel(std::uint32_t label) {
 
 }  // namespace
 
-void NftRuleBuilder::Free::operator()(nftnl_rule* rule) const {
+void RuleBuilder::Free::operator()(nftnl_rule* rule) const {
     nftnl_rule_free(rule);
 }
 
-NftRuleBuilder::NftRuleBuilder(const char* chain, std::uint8_t family)
-    : family(family), rule(nftnl_rule_alloc()) {
+RuleBuilder::RuleBuilder(const char* chain, std::uint8_t family) : family(family), rule(nftnl_rule_alloc()) {
     nftnl_rule_set_u32(rule.get(), NFTNL_RULE_FAMILY, family);
     nftnl_rule_set_str(rule.get(), NFTNL_RULE_TABLE, nft::table);
     nftnl_rule_set_str(rule.get(), NFTNL_RULE_CHAIN, chain);
 }
 
-nftnl_expr* NftRuleBuilder::add(const char* name) {
+nftnl_expr* RuleBuilder::add(const char* name) {
     nftnl_expr* expression = nftnl_expr_alloc(name);
     nftnl_rule_add_expr(rule.get(), expression);
     return expression;
 }
 
-void NftRuleBuilder::payload(nft_payload_bases base, std::uint32_t offset, std::uint32_t size,
-                             std::uint32_t into) {
+void RuleBuilder::payload(nft_payload_bases base, std::uint32_t offset, std::uint32_t size,
+                          std::uint32_t into) {
     nftnl_expr* load = add("payload");
     nftnl_expr_set_u32(load, NFTNL_EXPR_PAYLOAD_BASE, base);
     nftnl_expr_set_u32(load, NFTNL_EXPR_PAYLOAD_OFFSET, offset);
@@ -65,62 +64,62 @@ void NftRuleBuilder::payload(nft_payload_bases base, std::uint32_t offset, std::
     nftnl_expr_set_u32(load, NFTNL_EXPR_PAYLOAD_DREG, into);
 }
 
-void NftRuleBuilder::meta(nft_meta_keys key, std::uint32_t into) {
+void RuleBuilder::meta(nft_meta_keys key, std::uint32_t into) {
     nftnl_expr* load = add("meta");
     nftnl_expr_set_u32(load, NFTNL_EXPR_META_KEY, key);
     nftnl_expr_set_u32(load, NFTNL_EXPR_META_DREG, into);
 }
 
-void NftRuleBuilder::loadConnection(nft_ct_keys key, std::uint8_t direction, std::uint32_t into) {
+void RuleBuilder::loadConnection(nft_ct_keys key, std::uint8_t direction, std::uint32_t into) {
     nftnl_expr* load = add("ct");
     nftnl_expr_set_u32(load, NFTNL_EXPR_CT_KEY, key);
     nftnl_expr_set_u8(load, NFTNL_EXPR_CT_DIR, direction);
     nftnl_expr_set_u32(load, NFTNL_EXPR_CT_DREG, into);
 }
 
-void NftRuleBuilder::original(nft_ct_keys key, std::uint32_t into) {
+void RuleBuilder::original(nft_ct_keys key, std::uint32_t into) {
     loadConnection(key, IP_CT_DIR_ORIGINAL, into);
 }
 
-void NftRuleBuilder::reply(nft_ct_keys key, std::uint32_t into) {
+void RuleBuilder::reply(nft_ct_keys key, std::uint32_t into) {
     loadConnection(key, IP_CT_DIR_REPLY, into);
 }
 
-void NftRuleBuilder::connection(nft_ct_keys key, std::uint32_t into) {
+void RuleBuilder::connection(nft_ct_keys key, std::uint32_t into) {
     nftnl_expr* load = add("ct");
     nftnl_expr_set_u32(load, NFTNL_EXPR_CT_KEY, key);
     nftnl_expr_set_u32(load, NFTNL_EXPR_CT_DREG, into);
 }
 
-void NftRuleBuilder::destinationType(std::uint32_t into) {
+void RuleBuilder::destinationType(std::uint32_t into) {
     nftnl_expr* load = add("fib");
     nftnl_expr_set_u32(load, NFTNL_EXPR_FIB_RESULT, NFT_FIB_RESULT_ADDRTYPE);
     nftnl_expr_set_u32(load, NFTNL_EXPR_FIB_FLAGS, NFTA_FIB_F_DADDR);
     nftnl_expr_set_u32(load, NFTNL_EXPR_FIB_DREG, into);
 }
 
-void NftRuleBuilder::compare(std::uint32_t operation, const void* bytes, std::uint32_t size) {
+void RuleBuilder::compare(std::uint32_t operation, const void* bytes, std::uint32_t size) {
     nftnl_expr* compare = add("cmp");
     nftnl_expr_set_u32(compare, NFTNL_EXPR_CMP_SREG, firstPart);
     nftnl_expr_set_u32(compare, NFTNL_EXPR_CMP_OP, operation);
     nftnl_expr_set(compare, NFTNL_EXPR_CMP_DATA, bytes, size);
 }
 
-void NftRuleBuilder::equals(const void* bytes, std::uint32_t size) {
+void RuleBuilder::equals(const void* bytes, std::uint32_t size) {
     compare(NFT_CMP_EQ, bytes, size);
 }
 
-void NftRuleBuilder::differs(const void* bytes, std::uint32_t size) {
+void RuleBuilder::differs(const void* bytes, std::uint32_t size) {
     compare(NFT_CMP_NEQ, bytes, size);
 }
 
-void NftRuleBuilder::isOriginal() {
+void RuleBuilder::isOriginal() {
     const std::uint8_t original = IP_CT_DIR_ORIGINAL;
     connection(NFT_CT_DIRECTION, firstPart);
     equals(&original, sizeof original);
 }
 
-void NftRuleBuilder::compareLabel(std::uint32_t operation, std::uint32_t label) {
+void RuleBuilder::compareLabel(std::uint32_t operation, std::uint32_t label) {
     const Labels wanted = onlyLabel(label);
     const Labels none{};
     connection(NFT_CT_LABELS, firstPart);
@@ -133,15 +132,15 @@ void NftRuleBuilder::compareLabel(std::uint32_t operation, std::uint32_t label) 
     compare(operation, none.data(), sizeof none);
 }
 
-void NftRuleBuilder::hasLabel(std::uint32_t label) {
+void RuleBuilder::hasLabel(std::uint32_t label) {
     compareLabel(NFT_CMP_NEQ, label);
 }
 
-void NftRuleBuilder::lacksLabel(std::uint32_t label) {
+void RuleBuilder::lacksLabel(std::uint32_t label) {
     compareLabel(NFT_CMP_EQ, label);
 }
 
-void NftRuleBuilder::masked(std::uint32_t mask, std::uint32_t size) {
+void RuleBuilder::masked(std::uint32_t mask, std::uint32_t size) {
     const std::uint32_t none = 0;
     nftnl_expr* bits = add("bitwise");
     nftnl_expr_set_u32(bits, NFTNL_EXPR_BITWISE_SREG, firstPart);
@@ -151,14 +150,14 @@ void NftRuleBuilder::masked(std::uint32_t mask, std::uint32_t size) {
     nftnl_expr_set(bits, NFTNL_EXPR_BITWISE_XOR, &none, size);
 }
 
-void NftRuleBuilder::isTranslated() {
+void RuleBuilder::isTranslated() {
     const std::uint32_t none = 0;
     connection(NFT_CT_STATUS, firstPart);
     masked(IPS_DST_NAT, sizeof none);
     differs(&none, sizeof none);
 }
 
-void NftRuleBuilder::isFirstOfTcp() {
+void RuleBuilder::isFirstOfTcp() {
     const std::uint8_t tcp = IPPROTO_TCP;
     meta(NFT_META_L4PROTO, firstPart);
     equals(&tcp, sizeof tcp);
@@ -167,7 +166,7 @@ void NftRuleBuilder::isFirstOfTcp() {
     equals(&synFlag, sizeof synFlag);
 }
 
-void NftRuleBuilder::isTo(std::uint8_t protocol, std::uint16_t port) {
+void RuleBuilder::isTo(std::uint8_t protocol, std::uint16_t port) {
     const std::uint16_t networkPort = htons(port);
     meta(NFT_META_L4PROTO, firstPart);
     equals(&protocol, sizeof protocol);
@@ -175,21 +174,21 @@ void NftRuleBuilder::isTo(std::uint8_t protocol, std::uint16_t port) {
     equals(&networkPort, sizeof networkPort);
 }
 
-void NftRuleBuilder::lookUp(const char* set) {
+void RuleBuilder::lookUp(const char* set) {
     nftnl_expr* lookup = add("lookup");
     nftnl_expr_set_str(lookup, NFTNL_EXPR_LOOKUP_SET, set);
     nftnl_expr_set_u32(lookup, NFTNL_EXPR_LOOKUP_SREG, firstPart);
 }
 
-void NftRuleBuilder::isNotIn(const char* set) {
+void RuleBuilder::isNotIn(const char* set) {
     nftnl_expr* lookup = add("lookup");
     nftnl_expr_set_str(lookup, NFTNL_EXPR_LOOKUP_SET, set);
     nftnl_expr_set_u32(lookup, NFTNL_EXPR_LOOKUP_SREG, firstPart);
     nftnl_expr_set_u32(lookup, NFTNL_EXPR_LOOKUP_FLAGS, NFT_LOOKUP_F_INV);
 }
 
-void NftRuleBuilder::addToSet(const char* set, std::uint32_t setNumber, std::uint64_t timeoutMilliseconds,
-                              nftnl_expr* condition) {
+void RuleBuilder::addToSet(const char* set, std::uint32_t setNumber, std::uint64_t timeoutMilliseconds,
+                           nftnl_expr* condition) {
     payload(NFT_PAYLOAD_NETWORK_HEADER, offsetof(iphdr, saddr), sizeof(std::uint32_t), firstPart);
     nftnl_expr* change = add("dynset");
     nftnl_expr_set_u32(change, NFTNL_EXPR_DYNSET_OP,
@@ -201,7 +200,7 @@ void NftRuleBuilder::addToSet(const char* set, std::uint32_t setNumber, std::uin
     nftnl_expr_set(change, NFTNL_EXPR_DYNSET_EXPR, condition, 0);  // belongs to the expression from now on
 }
 
-void NftRuleBuilder::limit(std::uint32_t rate) {
+void RuleBuilder::limit(std::uint32_t rate) {
     nftnl_expr* limit = add("limit");
     nftnl_expr_set_u64(limit, NFTNL_EXPR_LIMIT_RATE, rate);
     nftnl_expr_set_u64(limit, NFTNL_EXPR_LIMIT_UNIT, 1);  // second
@@ -209,7 +208,7 @@ void NftRuleBuilder::limit(std::uint32_t rate) {
     nftnl_expr_set_u32(limit, NFTNL_EXPR_LIMIT_TYPE, NFT_LIMIT_PKTS);
 }
 
-void NftRuleBuilder::exceedsRate(const char* set, std::uint32_t setNumber, std::uint32_t rate) {
+void RuleBuilder::exceedsRate(const char* set, std::uint32_t setNumber, std::uint32_t rate) {
     nftnl_expr* limit = nftnl_expr_alloc("limit");
     nftnl_expr_set_u64(limit, NFTNL_EXPR_LIMIT_RATE, rate);
     nftnl_expr_set_u64(limit, NFTNL_EXPR_LIMIT_UNIT, 1);  // second
@@ -219,21 +218,21 @@ void NftRuleBuilder::exceedsRate(const char* set, std::uint32_t setNumber, std::
     addToSet(set, setNumber, rateMemory, limit);
 }
 
-void NftRuleBuilder::exceedsConnections(const char* set, std::uint32_t setNumber, std::uint32_t limit) {
+void RuleBuilder::exceedsConnections(const char* set, std::uint32_t setNumber, std::uint32_t limit) {
     nftnl_expr* count = nftnl_expr_alloc("connlimit");
     nftnl_expr_set_u32(count, NFTNL_EXPR_CONNLIMIT_COUNT, limit);
     nftnl_expr_set_u32(count, NFTNL_EXPR_CONNLIMIT_FLAGS, overLimit);
     addToSet(set, setNumber, 0, count);
 }
 
-void NftRuleBuilder::translate(const char* map) {
+void RuleBuilder::translate(const char* map) {
     nftnl_expr* lookup = add("lookup");
     nftnl_expr_set_str(lookup, NFTNL_EXPR_LOOKUP_SET, map);
     nftnl_expr_set_u32(lookup, NFTNL_EXPR_LOOKUP_SREG, firstPart);
     nftnl_expr_set_u32(lookup, NFTNL_EXPR_LOOKUP_DREG, firstPart);
 }
 
-void NftRuleBuilder::destinationNat() {
+void RuleBuilder::destinationNat() {
     nftnl_expr* nat = add("nat");
     nftnl_expr_set_u32(nat, NFTNL_EXPR_NAT_TYPE, NFT_NAT_DNAT);
     nftnl_expr_set_u32(nat, NFTNL_EXPR_NAT_FAMILY, nft::ip4);
@@ -241,7 +240,7 @@ void NftRuleBuilder::destinationNat() {
     nftnl_expr_set_u32(nat, NFTNL_EXPR_NAT_REG_PROTO_MIN, secondPart);
 }
 
-void NftRuleBuilder::setLabel(std::uint32_t label) {
+void RuleBuilder::setLabel(std::uint32_t label) {
     const Labels wanted = onlyLabel(label);
     nftnl_expr* load = add("immediate");
     nftnl_expr_set_u32(load, NFTNL_EXPR_IMM_DREG, NFT_REG_2);  // after the four parts in register 1
@@ -251,8 +250,8 @@ void NftRuleBuilder::setLabel(std::uint32_t label) {
     nftnl_expr_set_u32(set, NFTNL_EXPR_CT_SREG, NFT_REG_2);
 }
 
-void NftRuleBuilder::overwrite(nft_payload_bases base, std::uint32_t offset, std::uint32_t size,
-                               std::uint32_t from) {
+void RuleBuilder::overwrite(nft_payload_bases base, std::uint32_t offset, std::uint32_t size,
+                            std::uint32_t from) {
     nftnl_expr* write = add("payload");
     nftnl_expr_set_u32(write, NFTNL_EXPR_PAYLOAD_BASE, base);
     nftnl_expr_set_u32(write, NFTNL_EXPR_PAYLOAD_OFFSET, offset);
@@ -260,55 +259,55 @@ void NftRuleBuilder::overwrite(nft_payload_bases base, std::uint32_t offset, std
     nftnl_expr_set_u32(write, NFTNL_EXPR_PAYLOAD_SREG, from);
 }
 
-void NftRuleBuilder::log(std::uint16_t group) {
+void RuleBuilder::log(std::uint16_t group) {
     nftnl_expr* log = add("log");
     nftnl_expr_set_u16(log, NFTNL_EXPR_LOG_GROUP, group);
 }
 
-void NftRuleBuilder::masquerade() {
+void RuleBuilder::masquerade() {
     add("masq");
 }
 
-void NftRuleBuilder::rejectWithReset() {
+void RuleBuilder::rejectWithReset() {
     nftnl_expr* reject = add("reject");
     nftnl_expr_set_u32(reject, NFTNL_EXPR_REJECT_TYPE, NFT_REJECT_TCP_RST);
     nftnl_expr_set_u8(reject, NFTNL_EXPR_REJECT_CODE, 0);
 }
 
-void NftRuleBuilder::rejectAsForbidden() {
+void RuleBuilder::rejectAsForbidden() {
     nftnl_expr* reject = add("reject");
     nftnl_expr_set_u32(reject, NFTNL_EXPR_REJECT_TYPE, NFT_REJECT_ICMP_UNREACH);
     nftnl_expr_set_u8(reject, NFTNL_EXPR_REJECT_CODE,
                       family == nft::ip4 ? ICMP_PKT_FILTERED : ICMPV6_ADM_PROHIBITED);
 }
 
-void NftRuleBuilder::drop() {
+void RuleBuilder::drop() {
     decide(NF_DROP);
 }
 
-void NftRuleBuilder::accept() {
+void RuleBuilder::accept() {
     decide(NF_ACCEPT);
 }
 
-void NftRuleBuilder::jumpTo(const char* chain) {
+void RuleBuilder::jumpTo(const char* chain) {
     nftnl_expr_set_str(decide(static_cast<std::uint32_t>(NFT_JUMP)), NFTNL_EXPR_IMM_CHAIN, chain);
 }
 
-nftnl_expr* NftRuleBuilder::decide(std::uint32_t verdict) {
+nftnl_expr* RuleBuilder::decide(std::uint32_t verdict) {
     nftnl_expr* decision = add("immediate");
     nftnl_expr_set_u32(decision, NFTNL_EXPR_IMM_DREG, NFT_REG_VERDICT);
     nftnl_expr_set_u32(decision, NFTNL_EXPR_IMM_VERDICT, verdict);
     return decision;
 }
 
-void NftRuleBuilder::goTo(const char* chain) {
+void RuleBuilder::goTo(const char* chain) {
     nftnl_expr_set_str(decide(static_cast<std::uint32_t>(NFT_GOTO)), NFTNL_EXPR_IMM_CHAIN, chain);
 }
 
-void NftRuleBuilder::appendTo(NftBatch& batch) {
+void RuleBuilder::appendTo(Batch& batch) {
     batch.add(
         NFT_MSG_NEWRULE, NLM_F_CREATE | NLM_F_APPEND,
         [this](nlmsghdr& message) { nftnl_rule_nlmsg_build_payload(&message, rule.get()); }, family);
 }
 
-}  // namespace router
+}  // namespace firewall

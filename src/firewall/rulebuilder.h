@@ -10,11 +10,11 @@
 struct nftnl_expr;
 struct nftnl_rule;
 
-namespace router {
+namespace firewall {
 
 /// A rule of the router's table under construction. Its expressions run from left to right; the values that
 /// they load stand in registers.
-class NftRuleBuilder {
+class RuleBuilder {
 public:
     // Parts of a concatenation stand in consecutive registers of 32 bits; the first one shares its place with
     // register 1.
@@ -25,7 +25,7 @@ public:
     static constexpr std::uint32_t fifthPart = NFT_REG32_04;
 
     /// Begins a rule of a chain.
-    explicit NftRuleBuilder(const char* chain, std::uint8_t family = nft::ip4);
+    explicit RuleBuilder(const char* chain, std::uint8_t family = nft::ip4);
 
     /// Loads bytes of a header: of the network's, or of the transport's above it.
     void payload(nft_payload_bases base, std::uint32_t offset, std::uint32_t size, std::uint32_t into);
@@ -95,7 +95,7 @@ public:
     void jumpTo(const char* chain);
 
     /// Appends the finished rule to a transaction.
-    void appendTo(NftBatch& batch);
+    void appendTo(Batch& batch);
 
 private:
     /// The expression belongs to the rule.
@@ -115,4 +115,4 @@ private:
     std::unique_ptr<nftnl_rule, Free> rule;
 };
 
-}  // namespace router
+}  // namespace firewall

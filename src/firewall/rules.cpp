@@ -11,7 +11,7 @@
 
 #include "firewall/rulebuilder.h"
 
-namespace router {
+namespace firewall {
 
 namespace {
 
@@ -28,30 +28,30 @@ constexpr std::uint32_t logsPerSecond = 1000;
 constexpr std::uint32_t translatedLabel = 116;  // by the table's map
 constexpr std::uint32_t foreignLabel = 107;     // somebody else wants it to reach the router
 
-constexpr auto firstPart = NftRuleBuilder::firstPart;
-constexpr auto secondPart = NftRuleBuilder::secondPart;
-constexpr auto thirdPart = NftRuleBuilder::thirdPart;
+constexpr auto firstPart = RuleBuilder::firstPart;
+constexpr auto secondPart = RuleBuilder::secondPart;
+constexpr auto thirdPart = RuleBuilder::thirdPart;
 
-void loadDestination(NftRuleBuilder& rule) {
+void loadDestination(RuleBuilder& rule) {
     rule.payload(NFT_PAYLOAD_NETWORK_HEADER, addressOffset, sizeof(std::uint32_t), firstPart);
 }
 
 /// Loads what the map is asked for.
-void loadMapKey(NftRuleBuilder& rule) {
+void loadMapKey(RuleBuilder& rule) {
     loadDestination(rule);
     rule.meta(NFT_META_L4PROTO, secondPart);
     rule.payload(NFT_PAYLOAD_TRANSPORT_HEADER, portOffset, sizeof(std::uint16_t), thirdPart);
 }
 
-void writeDestination(NftRuleBuilder& rule) {
+void writeDestination(RuleBuilder& rule) {
     rule.overwrite(NFT_PAYLOAD_NETWORK_HEADER, addressOffset, sizeof(std::uint32_t), firstPart);
     rule.overwrite(NFT_PAYLOAD_TRANSPORT_HEADER, portOffset, sizeof(std::uint16_t), secondPart);
 }
 
 /// Begins a rule for the datagrams of flows to a mapped port that were begun from outside and are not
 /// translated. `isKnown`: those after the first one.
-NftRuleBuilder missedFlow(bool isKnown) {
-    NftRuleBuilder rule(nft::missed);
+RuleBuilder missedFlow(bool isKnown) {
+    RuleBuilder rule(nft::missed);
     const std::uint8_t udp = IPPROTO_UDP;
     rule.meta(NFT_META_L4PROTO, firstPart);
     rule.equals(&udp, sizeof udp);
@@ -66,23 +66,23 @@ NftRuleBuilder missedFlow(bool isKnown) {
     return rule;
 }
 
-NftRuleBuilder guardedPacket(std::uint8_t family) {
-    NftRuleBuilder rule(nft::output, family);
+RuleBuilder guardedPacket(std::uint8_t family) {
+    RuleBuilder rule(nft::output, family);
     rule.meta(NFT_META_SKUID, firstPart);
     rule.lookUp(nft::guarded);
     return rule;
 }
 
 /// The set for hairpin connections has each inside interface, paired with itself.
-void leavesInside(NftRuleBuilder& rule) {
+void leavesInside(RuleBuilder& rule) {
     rule.meta(NFT_META_OIF, firstPart);
     rule.meta(NFT_META_OIF, secondPart);
     rule.lookUp(nft::hairpin);
 }
 
-void allowHostsInside(NftBatch& batch) {
+void allowHostsInside(Batch& batch) {
     const std::uint32_t local = RTN_LOCAL;
-    NftRuleBuilder rule(nft::daemon);
+    RuleBuilder rule(nft::daemon);
     rule.destinationType(firstPart);
     rule.differs(&local, sizeof local);
     leavesInside(rule);  // a process may choose the interface itself
@@ -92,8 +92,8 @@ void allowHostsInside(NftBatch& batch) {
     rule.appendTo(batch);
 }
 
-void allowAdvertsInside(NftBatch& batch) {
-    NftRuleBuilder rule(nft::daemon);
+void allowAdvertsInside(Batch& batch) {
+    RuleBuilder rule(nft::daemon);
     loadDestination(rule);
     rule.equals(searchGroup, sizeof searchGroup);
     rule.isTo(IPPROTO_UDP, searchPort);
@@ -102,20 +102,20 @@ void allowAdvertsInside(NftBatch& batch) {
     rule.appendTo(batch);
 }
 
-void refuseAll(NftBatch& batch, const std::function<NftRuleBuilder()>& begin) {
+void refuseAll(Batch& batch, const std::function<RuleBuilder()>& begin) {
     const std::uint8_t tcp = IPPROTO_TCP;
-    NftRuleBuilder connections = begin();
+    RuleBuilder connections = begin();
     connections.meta(NFT_META_L4PROTO, firstPart);
     connections.equals(&tcp, sizeof tcp);
     connections.rejectWithReset();
     connections.appendTo(batch);
-    NftRuleBuilder others = begin();
+    RuleBuilder others = begin();
     others.rejectAsForbidden();
     others.appendTo(batch);
 }
 
-NftRuleBuilder newRequest() {
-    NftRuleBuilder rule(nft::input);
+RuleBuilder newRequest() {
+    RuleBuilder rule(nft::input);
     rule.isTo(IPPROTO_TCP, gatewayPort);
     rule.isFirstOfTcp();
     return rule;
@@ -123,8 +123,8 @@ NftRuleBuilder newRequest() {
 
 }  // namespace
 
-void addTranslation(NftBatch& batch) {
-    NftRuleBuilder rule(nft::prerouting);
+void addTranslation(Batch& batch) {
+    RuleBuilder rule(nft::prerouting);
     const std::uint32_t local = RTN_LOCAL;
     rule.destinationType(firstPart);
     rule.equals(&local, sizeof local);
@@ -135,8 +135,8 @@ void addTranslation(NftBatch& batch) {
     rule.appendTo(batch);
 }
 
-void addHairpinReturn(NftBatch& batch) {
-    NftRuleBuilder rule(nft::postrouting);
+void addHairpinReturn(Batch& batch) {
+    RuleBuilder rule(nft::postrouting);
     rule.isTranslated();
     rule.meta(NFT_META_IIF, firstPart);
     rule.meta(NFT_META_OIF, secondPart);
@@ -149,28 +149,28 @@ void addHairpinReturn(NftBatch& batch) {
     rule.appendTo(batch);
 }
 
-void addFlowEnd(NftBatch& batch) {
-    NftRuleBuilder rule(nft::forward);
+void addFlowEnd(Batch& batch) {
+    RuleBuilder rule(nft::forward);
     rule.hasLabel(translatedLabel);
     rule.original(NFT_CT_DST_IP, firstPart);
     // The connection's protocol, not the packet's: an ICMP error belongs to the flow that it tells of.
     rule.connection(NFT_CT_PROTOCOL, secondPart);
     rule.original(NFT_CT_PROTO_DST, thirdPart);
-    rule.reply(NFT_CT_SRC_IP, NftRuleBuilder::fourthPart);
-    rule.reply(NFT_CT_PROTO_SRC, NftRuleBuilder::fifthPart);
+    rule.reply(NFT_CT_SRC_IP, RuleBuilder::fourthPart);
+    rule.reply(NFT_CT_PROTO_SRC, RuleBuilder::fifthPart);
     rule.isNotIn(nft::live);
     rule.goTo(nft::ended);
     rule.appendTo(batch);
 }
 
-void addStrayEnd(NftBatch& batch) {
-    NftRuleBuilder outside(nft::forward);
+void addStrayEnd(Batch& batch) {
+    RuleBuilder outside(nft::forward);
     outside.hasLabel(translatedLabel);
     outside.reply(NFT_CT_SRC_IP, firstPart);
     outside.isNotIn(nft::inside);
     outside.goTo(nft::ended);
     outside.appendTo(batch);
-    NftRuleBuilder own(nft::missed);
+    RuleBuilder own(nft::missed);
     own.hasLabel(translatedLabel);
     own.goTo(nft::ended);
     own.appendTo(batch);
@@ -179,8 +179,8 @@ void addStrayEnd(NftBatch& batch) {
 /// The kernel would keep the entry of a flow whose client goes on sending, and so lead it to the former
 /// target for ever. The log is to tell which entry must go. It shows the packet, not the entry, so the packet
 /// gets back the destination that it came with, and loses it again before it is answered.
-void addFarewell(NftBatch& batch) {
-    NftRuleBuilder log(nft::ended);
+void addFarewell(Batch& batch) {
+    RuleBuilder log(nft::ended);
     log.isOriginal();
     log.limit(logsPerSecond);
     log.original(NFT_CT_DST_IP, firstPart);
@@ -191,13 +191,13 @@ void addFarewell(NftBatch& batch) {
     log.reply(NFT_CT_PROTO_SRC, secondPart);
     writeDestination(log);
     log.appendTo(batch);
-    NftRuleBuilder reset(nft::ended);
+    RuleBuilder reset(nft::ended);
     const std::uint8_t tcp = IPPROTO_TCP;
     reset.meta(NFT_META_L4PROTO, firstPart);
     reset.equals(&tcp, sizeof tcp);
     reset.rejectWithReset();
     reset.appendTo(batch);
-    NftRuleBuilder rest(nft::ended);
+    RuleBuilder rest(nft::ended);
     rest.drop();
     rest.appendTo(batch);
 }
@@ -205,13 +205,13 @@ void addFarewell(NftBatch& batch) {
 /// A flow from before its port was mapped has an entry that leads to the router: the log tells that it is to
 /// go. One that begins while the port is mapped and comes here nevertheless was sent here by another table,
 /// which would do so again. Its label says that it is to be left alone.
-void addMissedFlows(NftBatch& batch) {
-    NftRuleBuilder foreign = missedFlow(false);
+void addMissedFlows(Batch& batch) {
+    RuleBuilder foreign = missedFlow(false);
     loadMapKey(foreign);
     foreign.lookUp(nft::map);
     foreign.setLabel(foreignLabel);
     foreign.appendTo(batch);
-    NftRuleBuilder stale = missedFlow(true);
+    RuleBuilder stale = missedFlow(true);
     stale.lacksLabel(foreignLabel);
     loadMapKey(stale);
     stale.lookUp(nft::map);
@@ -220,23 +220,23 @@ void addMissedFlows(NftBatch& batch) {
     stale.appendTo(batch);
 }
 
-void addGuard(NftBatch& batch) {
-    NftRuleBuilder rule = guardedPacket(nft::ip4);
+void addGuard(Batch& batch) {
+    RuleBuilder rule = guardedPacket(nft::ip4);
     rule.jumpTo(nft::daemon);
     rule.appendTo(batch);
     allowHostsInside(batch);
     allowAdvertsInside(batch);
-    refuseAll(batch, [] { return NftRuleBuilder(nft::daemon); });
+    refuseAll(batch, [] { return RuleBuilder(nft::daemon); });
 }
 
-void addGuardOfIp6(NftBatch& batch) {
+void addGuardOfIp6(Batch& batch) {
     refuseAll(batch, [] { return guardedPacket(nft::ip6); });
 }
 
 /// Whoever is not inside would get no answer, but forged sources by the thousand would cost the others
 /// theirs.
-void addSearchOrigin(NftBatch& batch) {
-    NftRuleBuilder rule(nft::input);
+void addSearchOrigin(Batch& batch) {
+    RuleBuilder rule(nft::input);
     rule.isTo(IPPROTO_UDP, searchPort);
     rule.meta(NFT_META_IIF, firstPart);
     rule.meta(NFT_META_IIF, secondPart);
@@ -247,26 +247,26 @@ void addSearchOrigin(NftBatch& batch) {
     rule.appendTo(batch);
 }
 
-void addSearchLimit(NftBatch& batch, std::uint32_t setNumber, std::uint32_t rate) {
-    NftRuleBuilder rule(nft::input);
+void addSearchLimit(Batch& batch, std::uint32_t setNumber, std::uint32_t rate) {
+    RuleBuilder rule(nft::input);
     rule.isTo(IPPROTO_UDP, searchPort);
     rule.exceedsRate(nft::searches, setNumber, rate);
     rule.drop();
     rule.appendTo(batch);
 }
 
-void addRequestLimit(NftBatch& batch, std::uint32_t setNumber, std::uint32_t rate) {
-    NftRuleBuilder rule = newRequest();
+void addRequestLimit(Batch& batch, std::uint32_t setNumber, std::uint32_t rate) {
+    RuleBuilder rule = newRequest();
     rule.exceedsRate(nft::requests, setNumber, rate);
     rule.rejectWithReset();
     rule.appendTo(batch);
 }
 
-void addConnectionLimit(NftBatch& batch, std::uint32_t setNumber, std::uint32_t limit) {
-    NftRuleBuilder rule = newRequest();
+void addConnectionLimit(Batch& batch, std::uint32_t setNumber, std::uint32_t limit) {
+    RuleBuilder rule = newRequest();
     rule.exceedsConnections(nft::connections, setNumber, limit);
     rule.rejectWithReset();
     rule.appendTo(batch);
 }
 
-}  // namespace router
+}  // namespace firewall

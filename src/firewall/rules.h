@@ -4,7 +4,7 @@
 
 #include "firewall/batch.h"
 
-namespace router {
+namespace firewall {
 
 /// The names in the router's tables.
 namespace nft {
@@ -36,35 +36,35 @@ constexpr std::uint16_t flowLogGroup = 29803;
 
 /// Appends the one rule of the prerouting chain: a connection to one of the router's addresses goes where the
 /// map says, and bears the table's label from then on.
-void addTranslation(NftBatch& batch);
+void addTranslation(Batch& batch);
 
 /// Appends the one rule of the postrouting chain: a translated connection that leaves by the interface it
 /// came in by gets the router's address as its source.
-void addHairpinReturn(NftBatch& batch);
+void addHairpinReturn(Batch& batch);
 
 /// Appends the one rule of the forward chain: what bears the label and is not of a live rule has ended.
-void addFlowEnd(NftBatch& batch);
+void addFlowEnd(Batch& batch);
 /// Appends a rule to the forward and one to the input chain: a translated connection whose target is not
 /// inside any more, or has become the router itself, ends.
-void addStrayEnd(NftBatch& batch);
+void addStrayEnd(Batch& batch);
 
 /// Appends the rules of the chain for flows that have ended.
-void addFarewell(NftBatch& batch);
+void addFarewell(Batch& batch);
 
 /// Appends the rules of the chain for UDP flows that reach the router although their port is mapped.
-void addMissedFlows(NftBatch& batch);
+void addMissedFlows(Batch& batch);
 
 /// Appends the rules of the output chain, and of the one for what guarded users send: inside, and not to the
 /// router itself.
-void addGuard(NftBatch& batch);
+void addGuard(Batch& batch);
 /// Appends the rules of the output chain for IPv6, in which nothing is inside.
-void addGuardOfIp6(NftBatch& batch);
+void addGuardOfIp6(Batch& batch);
 
 /// Append the rules of the input chain, each with the number that its set has in the transaction.
 /// `rate`: packets a second from one source. `limit`: connections of one source.
-void addSearchOrigin(NftBatch& batch);
-void addSearchLimit(NftBatch& batch, std::uint32_t setNumber, std::uint32_t rate);
-void addRequestLimit(NftBatch& batch, std::uint32_t setNumber, std::uint32_t rate);
-void addConnectionLimit(NftBatch& batch, std::uint32_t setNumber, std::uint32_t limit);
+void addSearchOrigin(Batch& batch);
+void addSearchLimit(Batch& batch, std::uint32_t setNumber, std::uint32_t rate);
+void addRequestLimit(Batch& batch, std::uint32_t setNumber, std::uint32_t rate);
+void addConnectionLimit(Batch& batch, std::uint32_t setNumber, std::uint32_t limit);
 
-}  // namespace router
+}  // namespace firewall

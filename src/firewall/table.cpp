@@ -15,7 +15,7 @@
 #include "tk/fd.h"
 #include "tk/log.h"
 
-namespace router {
+namespace firewall {
 
 namespace {
 
@@ -49,11 +49,11 @@ auto without(const List& left, const List& right) {
 
 /// Appends one piece for each so many of all.
 template <typename Entry, typename Append>
-void cut(std::span<const Entry> all, std::vector<std::function<void(NftBatch&)>>& out, Append append) {
+void cut(std::span<const Entry> all, std::vector<std::function<void(Batch&)>>& out, Append append) {
     while (!all.empty()) {
         const auto part = all.first(std::min(all.size(), pieceSize));
         all = all.subspan(part.size());
-        out.push_back([append, kept = std::vector<Entry>(part.begin(), part.end())](NftBatch& batch) {
+        out.push_back([append, kept = std::vector<Entry>(part.begin(), part.end())](Batch& batch) {
             append(batch, std::span<const Entry>(kept));
         });
     }
@@ -61,15 +61,15 @@ void cut(std::span<const Entry> all, std::vector<std::function<void(NftBatch&)>>
 
 /// The same for what a set of the table is to hold.
 template <typename Entry>
-void cut(const std::vector<Entry>& all, std::vector<std::function<void(NftBatch&)>>& out,
-         void (*change)(NftBatch&, Change, std::span<const Entry>)) {
+void cut(const std::vector<Entry>& all, std::vector<std::function<void(Batch&)>>& out,
+         void (*change)(Batch&, Change, std::span<const Entry>)) {
     cut<Entry>(std::span<const Entry>(all), out,
-               [change](NftBatch& batch, std::span<const Entry> part) { change(batch, Change::add, part); });
+               [change](Batch& batch, std::span<const Entry> part) { change(batch, Change::add, part); });
 }
 
 }  // namespace
 
-tk::Status NftTable::open() {
+tk::Status Table::open() {
     tk::Status status = socket.open(NETLINK_NETFILTER);
     if (!status.isOk()) return status.prefixed("nf_tables: ");
     socket.setBuffers(bufferBytes, bufferBytes);
@@ -81,30 +81,30 @@ tk::Status NftTable::open() {
     return status;
 }
 
-tk::Status NftTable::whyNotMade(const tk::Status& result) {
+tk::Status Table::whyNotMade(const tk::Status& result) {
     if (result.code() == EPERM)
         return tk::Status::failure("nf_tables: no permission, or another process owns the table \"ip tk\"");
-    const std::string missing = missingFeature(socket, nftFeatures(), guardsIp6);
+    const std::string missing = missingFeature(socket, neededFeatures(), guardsIp6);
     if (missing.empty()) return result.prefixed("nf_tables: ");
     return tk::Status::failure("nf_tables: this kernel lacks " + missing);
 }
 
-tk::Status NftTable::endFlows() {
-    const tk::Status result = change([this](NftBatch& batch) { addEnds(batch); });
+tk::Status Table::endFlows() {
+    const tk::Status result = change([this](Batch& batch) { addEnds(batch); });
     endsFlows = result.isOk();
     return result.prefixed("nf_tables: ");
 }
 
-void NftTable::addEnds(NftBatch& batch) const {
+void Table::addEnds(Batch& batch) const {
     addFlowEnd(batch);
     if (checksTargets) addStrayEnd(batch);
 }
 
 /// What the table consists of, in the order in which it is made. Flows are looked at last, when all that
 /// they are compared with is there.
-std::vector<NftTable::Fill> NftTable::pieces() const {
+std::vector<Table::Fill> Table::pieces() const {
     std::vector<Fill> out;
-    out.push_back([this](NftBatch& batch) {
+    out.push_back([this](Batch& batch) {
         removeTable(batch, isMade);
         createTable(batch);
         createGuard(batch, guard);
@@ -115,20 +115,20 @@ std::vector<NftTable::Fill> NftTable::pieces() const {
     // The users first: they are never free to send.
     if (guard.limitsConnections) {
         const Numbers users = listOf(guarded);
-        cut<std::uint32_t>(users, out, [this](NftBatch& batch, std::span<const std::uint32_t> part) {
+        cut<std::uint32_t>(users, out, [this](Batch& batch, std::span<const std::uint32_t> part) {
             addUsers(batch, part, guardsIp6);
         });
     }
     cut(listOf(inside.interfaces), out, &changeHairpins);
     cut(inside.addresses, out, &changeInside);
     if (owner) cut(owner->elements(), out, &changeElements);
-    if (endsFlows) out.emplace_back([this](NftBatch& batch) { addEnds(batch); });
+    if (endsFlows) out.emplace_back([this](Batch& batch) { addEnds(batch); });
     return out;
 }
 
 /// Sends pieces in one transaction, or where the socket does not take that, in as many as it takes.
-tk::Status NftTable::send(std::span<const Fill> fills) {
-    NftBatch batch(socket);
+tk::Status Table::send(std::span<const Fill> fills) {
+    Batch batch(socket);
     for (const Fill& fill : fills) fill(batch);
     tk::Status result = batch.commit();
     if (result.code() != EMSGSIZE || fills.size() < 2) return result;
@@ -137,13 +137,13 @@ tk::Status NftTable::send(std::span<const Fill> fills) {
     return result.isOk() ? send(fills.subspan(half)) : result;
 }
 
-tk::Status NftTable::make() {
+tk::Status Table::make() {
     tk::Status result = send(pieces());
     isMade = isMade || result.isOk();
     return result;
 }
 
-tk::Status NftTable::makeAnew() {
+tk::Status Table::makeAnew() {
     tk::Status result = make();
     if (result.isOk()) {
         tk::log("nat: the table is made anew: ", doubt);
@@ -156,10 +156,10 @@ tk::Status NftTable::makeAnew() {
 }
 
 /// Sends one change, to a table that is what it should be.
-tk::Status NftTable::attempt(const Fill& fill) {
+tk::Status Table::attempt(const Fill& fill) {
     if (doubt)
         if (tk::Status result = makeAnew(); !result.isOk()) return result;
-    NftBatch batch(socket);
+    Batch batch(socket);
     fill(batch);
     tk::Status result = batch.commit();
     if (result.code() == netlink::unanswered) doubt = changeUnanswered;
@@ -168,7 +168,7 @@ tk::Status NftTable::attempt(const Fill& fill) {
 
 /// Brings a change about.
 /// Errors: the table is as it was before, or is made so as soon as that is possible.
-tk::Status NftTable::change(const Fill& fill) {
+tk::Status Table::change(const Fill& fill) {
     const bool wasSure = doubt == nullptr;
     tk::Status result = attempt(fill);
     if (wasSure && doubt) result = attempt(fill);
@@ -178,7 +178,7 @@ tk::Status NftTable::change(const Fill& fill) {
 
 /// Brings about what must be sooner or later. The caller notes it down, whatever the kernel says now: the
 /// table is made anew with it when the kernel refuses.
-void NftTable::insist(const Fill& fill, const std::string& trouble) {
+void Table::insist(const Fill& fill, const std::string& trouble) {
     const tk::Status result = change(fill);
     if (result.isOk()) return;
     tk::log(trouble, ": ", result.reason());
@@ -186,36 +186,36 @@ void NftTable::insist(const Fill& fill, const std::string& trouble) {
     mendLater();
 }
 
-void NftTable::mendLater() {
+void Table::mendLater() {
     if (!std::exchange(isMending, true)) mendTimer.arm(retryTicks);
 }
 
-void NftTable::mend() {
+void Table::mend() {
     isMending = false;
     if (doubt && !makeAnew().isOk()) mendLater();
 }
 
-tk::Status NftTable::commit(std::span<const NatElement> removed, std::span<const NatElement> added) {
-    return change([&](NftBatch& batch) {
+tk::Status Table::commit(std::span<const Element> removed, std::span<const Element> added) {
+    return change([&](Batch& batch) {
         changeElements(batch, Change::remove, removed);
         changeElements(batch, Change::add, added);
     });
 }
 
-void NftTable::guardUser(std::uint32_t user) {
+void Table::guardUser(std::uint32_t user) {
     if (!guard.limitsConnections || !socket.isOpen() || guarded.contains(user)) return;
     insist(
-        [this, user](NftBatch& batch) {
+        [this, user](Batch& batch) {
             addUsers(batch, {&user, 1}, guardsIp6);
         },
         "guard: what user " + std::to_string(user) + " sends cannot be limited");
     guarded.insert(user);
 }
 
-void NftTable::insideChanged(const Inside& now) {
+void Table::insideChanged(const router::Inside& now) {
     if (!socket.isOpen() || now == inside) return;
     insist(
-        [&](NftBatch& batch) {
+        [&](Batch& batch) {
             changeHairpins(batch, Change::remove, without(inside.interfaces, now.interfaces));
             changeHairpins(batch, Change::add, without(now.interfaces, inside.interfaces));
             changeInside(batch, Change::remove, without(inside.addresses, now.addresses));
@@ -225,4 +225,4 @@ void NftTable::insideChanged(const Inside& now) {
     inside = now;
 }
 
-}  // namespace router
+}  // namespace firewall

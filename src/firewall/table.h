@@ -14,37 +14,37 @@
 #include "tk/status.h"
 #include "tk/timer.h"
 
-namespace router {
+namespace firewall {
 
 /// Whose rules are in the kernel. It is asked when they have to be put there anew.
 class ElementOwner {
 public:
     virtual ~ElementOwner() = default;
     /// The elements of all enabled rules: what was committed, less what was taken out.
-    [[nodiscard]] virtual std::vector<NatElement> elements() const = 0;
+    [[nodiscard]] virtual std::vector<Element> elements() const = 0;
 };
 
 /// Where enabled rules take effect. Replaced by a fake in tests.
-class NatKernel {
+class Kernel {
 public:
-    virtual ~NatKernel() = default;
+    virtual ~Kernel() = default;
     /// Takes elements out and puts others in, all or nothing; a key may be in both lists with another target.
     /// The owner changes what it tells after a success, and before anything else.
     /// Errors: the kernel's text; nothing has changed then, or it is undone as soon as that is possible.
-    virtual tk::Status commit(std::span<const NatElement> removed, std::span<const NatElement> added) = 0;
+    virtual tk::Status commit(std::span<const Element> removed, std::span<const Element> added) = 0;
 };
 
 /// The router's table in nf_tables, and the one that guards IPv6 beside it. They are owned by the socket of
 /// this object: nobody else can change them, and they go with the process, however that ends.
 ///
 /// A change whose outcome the kernel does not tell is settled by making the tables anew as they were.
-class NftTable final : public NatKernel, public InsideWatcher {
+class Table final : public Kernel, public router::InsideWatcher {
 public:
     /// `checksTargets`: connections to targets that are not inside, or not any more, are ended.
-    explicit NftTable(const GuardConfig& guard = {}, bool checksTargets = true)
+    explicit Table(const GuardConfig& guard = {}, bool checksTargets = true)
         : guard(guard), checksTargets(checksTargets) {}
-    NftTable(const NftTable&) = delete;
-    NftTable& operator=(const NftTable&) = delete;
+    Table(const Table&) = delete;
+    Table& operator=(const Table&) = delete;
 
     /// Makes the table, in place of one that was left behind. Flows of rules are let pass, whosever they
     /// were, until endFlows().
@@ -58,7 +58,7 @@ public:
     /// rule that goes. Call once the rules are there whose flows shall live on.
     tk::Status endFlows();
 
-    tk::Status commit(std::span<const NatElement> removed, std::span<const NatElement> added) override;
+    tk::Status commit(std::span<const Element> removed, std::span<const Element> added) override;
 
     // What the kernel refuses of these is logged, and tried again each second.
 
@@ -66,13 +66,13 @@ public:
     void guardUser(std::uint32_t user);
     /// The guard lets its users send to these addresses alone, and a connection may come back through these
     /// interfaces alone.
-    void insideChanged(const Inside& now) override;
+    void insideChanged(const router::Inside& now) override;
 
 private:
-    using Fill = std::function<void(NftBatch&)>;
+    using Fill = std::function<void(Batch&)>;
 
     tk::Status whyNotMade(const tk::Status& result);
-    void addEnds(NftBatch& batch) const;
+    void addEnds(Batch& batch) const;
     [[nodiscard]] std::vector<Fill> pieces() const;
     tk::Status send(std::span<const Fill> fills);
     tk::Status make();
@@ -89,14 +89,14 @@ private:
     const GuardConfig guard;
     const bool checksTargets;
     // What is in the table, and what it is made anew from.
-    Inside inside;
+    router::Inside inside;
     std::set<std::uint32_t> guarded;  // users
     const ElementOwner* owner = nullptr;
     bool endsFlows = false;
     const char* doubt = nullptr;  // why the table may be different from that; null when it is not
     bool reported = false;        // that it cannot be made anew
     bool isMending = false;       // as soon as the timer ends
-    tk::Timer<NftTable, &NftTable::mend> mendTimer{*this};
+    tk::Timer<Table, &Table::mend> mendTimer{*this};
 };
 
-}  // namespace router
+}  // namespace firewall

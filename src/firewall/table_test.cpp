@@ -18,26 +18,26 @@
 #include "tk/testing/privatenetwork.h"
 #include "tk/testing/testloop.h"
 
-namespace router {
+namespace firewall {
 namespace {
 
-using testing::address;
+using router::testing::address;
 
-NatElement element(std::uint16_t port, const char* target = "192.0.2.2", std::uint16_t targetPort = 8080) {
+Element element(std::uint16_t port, const char* target = "192.0.2.2", std::uint16_t targetPort = 8080) {
     return {{address("198.51.100.1"), 6, port}, {address(target), targetPort}};
 }
 
-constexpr AddressRange lan{0xC0000200, 0xC00002FF};  // 192.0.2.0/24
+constexpr router::AddressRange lan{0xC0000200, 0xC00002FF};  // 192.0.2.0/24
 
 /// The rules that were committed.
 class Rules final : public ElementOwner {
 public:
-    void change(std::span<const NatElement> removed, std::span<const NatElement> added) {
-        for (const NatElement& element : removed) targets.erase(element.key);
-        for (const NatElement& element : added) targets[element.key] = element.target;
+    void change(std::span<const Element> removed, std::span<const Element> added) {
+        for (const Element& element : removed) targets.erase(element.key);
+        for (const Element& element : added) targets[element.key] = element.target;
     }
-    std::vector<NatElement> elements() const override {
-        std::vector<NatElement> all;
+    std::vector<Element> elements() const override {
+        std::vector<Element> all;
         for (const auto& [key, target] : targets) all.push_back({key, target});
         return all;
     }
@@ -46,7 +46,7 @@ private:
     std::map<NatKey, NatTarget> targets;
 };
 
-class NftTableTest : public ::testing::Test {
+class TableTest : public ::testing::Test {
 protected:
     void SetUp() override {
         if (!tk::testing::enterPrivateNetwork()) GTEST_SKIP() << "needs root";
@@ -55,7 +55,7 @@ protected:
         table->setOwner(rules);
         ASSERT_EQ(table->open().reason(), "");
     }
-    using Elements = std::vector<NatElement>;
+    using Elements = std::vector<Element>;
     std::string commit(const Elements& removed, const Elements& added) {
         const tk::Status status = table->commit(removed, added);
         if (status.isOk()) rules.change(removed, added);
@@ -63,7 +63,7 @@ protected:
     }
     static std::string nft(const std::string& arguments) {
         bool failed = false;
-        return testing::run("nft " + arguments + " 2>&1", failed);
+        return router::testing::run("nft " + arguments + " 2>&1", failed);
     }
     void endFlows() { EXPECT_EQ(table->endFlows().reason(), ""); }
     /// The lines of the map's elements as nft lists them, and of what is live.
@@ -108,10 +108,10 @@ protected:
     tk::testing::TestLoop loop;
     int descriptor = -1;
     Rules rules;
-    std::unique_ptr<NftTable> table = std::make_unique<NftTable>();
+    std::unique_ptr<Table> table = std::make_unique<Table>();
 };
 
-TEST_F(NftTableTest, IsWhatItIsMeantToBe) {
+TEST_F(TableTest, IsWhatItIsMeantToBe) {
     const std::string text = nft("list table ip tk");
     for (const char* line :
          {"flags owner", "type ipv4_addr . inet_proto . inet_service : ipv4_addr . inet_service",
@@ -125,7 +125,7 @@ TEST_F(NftTableTest, IsWhatItIsMeantToBe) {
         EXPECT_NE(text.find(line), std::string::npos) << line << " is not in\n" << text;
 }
 
-TEST_F(NftTableTest, LetsFlowsPassUntilItIsToldToEndThem) {
+TEST_F(TableTest, LetsFlowsPassUntilItIsToldToEndThem) {
     EXPECT_EQ(nft("list chain ip tk forward").find("ended"), std::string::npos);
     endFlows();
     EXPECT_NE(nft("list chain ip tk forward")
@@ -134,7 +134,7 @@ TEST_F(NftTableTest, LetsFlowsPassUntilItIsToldToEndThem) {
               std::string::npos);
 }
 
-TEST_F(NftTableTest, WhatIsLiveIsWhatIsMapped) {
+TEST_F(TableTest, WhatIsLiveIsWhatIsMapped) {
     EXPECT_EQ(commit({}, {element(80)}), "");
     EXPECT_EQ(liveText(), "elements = { 198.51.100.1 . tcp . 80 . 192.0.2.2 . 8080 }");
     EXPECT_EQ(commit({element(80)}, {element(80, "192.0.2.3", 81)}), "");
@@ -145,7 +145,7 @@ TEST_F(NftTableTest, WhatIsLiveIsWhatIsMapped) {
     EXPECT_EQ(liveText(), "");
 }
 
-TEST_F(NftTableTest, AddsChangesAndRemovesElements) {
+TEST_F(TableTest, AddsChangesAndRemovesElements) {
     EXPECT_EQ(commit({}, {element(80)}), "");
     EXPECT_EQ(mapText(), "elements = { 198.51.100.1 . tcp . 80 : 192.0.2.2 . 8080 }");
     EXPECT_EQ(commit({element(80)}, {element(80, "192.0.2.3", 81)}), "");
@@ -154,12 +154,12 @@ TEST_F(NftTableTest, AddsChangesAndRemovesElements) {
     EXPECT_EQ(mapText(), "");
 }
 
-TEST_F(NftTableTest, PortZeroIsTheKernelsToDecide) {
+TEST_F(TableTest, PortZeroIsTheKernelsToDecide) {
     EXPECT_EQ(commit({}, {element(0, "192.0.2.2", 0)}), "");
     EXPECT_EQ(mapText(), "elements = { 198.51.100.1 . tcp . 0 : 192.0.2.2 . 0 }");
 }
 
-TEST_F(NftTableTest, ARefusedTransactionChangesNothing) {
+TEST_F(TableTest, ARefusedTransactionChangesNothing) {
     EXPECT_EQ(commit({}, {element(80)}), "");
     EXPECT_EQ(commit({}, {element(81), element(80)}), "File exists");
     EXPECT_EQ(commit({element(99)}, {element(82)}), "No such file or directory");
@@ -167,33 +167,33 @@ TEST_F(NftTableTest, ARefusedTransactionChangesNothing) {
     EXPECT_EQ(commit({}, {element(81)}), "");
 }
 
-TEST_F(NftTableTest, NobodyElseCanChangeIt) {
+TEST_F(TableTest, NobodyElseCanChangeIt) {
     EXPECT_EQ(commit({}, {element(80)}), "");
     bool failed = false;
-    testing::run("nft flush ruleset", failed);
-    testing::run("nft delete table ip tk 2>/dev/null", failed);
+    router::testing::run("nft flush ruleset", failed);
+    router::testing::run("nft delete table ip tk 2>/dev/null", failed);
     EXPECT_TRUE(failed);
     EXPECT_EQ(mapText(), "elements = { 198.51.100.1 . tcp . 80 : 192.0.2.2 . 8080 }");
-    NftTable second;
+    Table second;
     EXPECT_EQ(second.open().reason(),
               "nf_tables: no permission, or another process owns the table \"ip tk\"");
 }
 
-TEST_F(NftTableTest, GoesWithItsOwner) {
+TEST_F(TableTest, GoesWithItsOwner) {
     EXPECT_EQ(commit({}, {element(80)}), "");
     table.reset();
     EXPECT_EQ(nft("list tables"), "");
 }
 
-TEST_F(NftTableTest, ReplacesATableThatWasLeftBehind) {
+TEST_F(TableTest, ReplacesATableThatWasLeftBehind) {
     table.reset();
     EXPECT_EQ(nft("add table ip tk; nft add chain ip tk old"), "");
-    table = std::make_unique<NftTable>();
+    table = std::make_unique<Table>();
     ASSERT_EQ(table->open().reason(), "");
     EXPECT_EQ(nft("list table ip tk").find("old"), std::string::npos);
 }
 
-TEST_F(NftTableTest, TakesAWholeTableOutInOneTransaction) {
+TEST_F(TableTest, TakesAWholeTableOutInOneTransaction) {
     Elements all;
     for (std::uint32_t port = 0; port < 60000; ++port)
         all.push_back(element(static_cast<std::uint16_t>(port)));
@@ -203,14 +203,14 @@ TEST_F(NftTableTest, TakesAWholeTableOutInOneTransaction) {
     EXPECT_EQ(mapText(), "elements = { 198.51.100.1 . tcp . 60001 : 192.0.2.2 . 8080 }");
 }
 
-TEST_F(NftTableTest, HairpinsFollowTheInsideInterfaces) {
+TEST_F(TableTest, HairpinsFollowTheInsideInterfaces) {
     table->insideChanged({{1}, {}});
     EXPECT_NE(nft("list set ip tk hairpin").find("\"lo\" . \"lo\""), std::string::npos);
     table->insideChanged({});
     EXPECT_EQ(nft("list set ip tk hairpin").find("elements"), std::string::npos);
 }
 
-TEST_F(NftTableTest, InsideAddressesAreAnIntervalSet) {
+TEST_F(TableTest, InsideAddressesAreAnIntervalSet) {
     const auto elements = [] {
         const std::string text = nft("list set ip tk inside");
         const std::size_t start = text.find("elements");
@@ -227,7 +227,7 @@ TEST_F(NftTableTest, InsideAddressesAreAnIntervalSet) {
     EXPECT_EQ(elements(), "");
 }
 
-TEST_F(NftTableTest, AChangeWhoseAnswerIsLostIsMadeOnce) {
+TEST_F(TableTest, AChangeWhoseAnswerIsLostIsMadeOnce) {
     EXPECT_EQ(commit({}, {element(80)}), "");
     const std::string before = identity();
     fillSocket();
@@ -239,7 +239,7 @@ TEST_F(NftTableTest, AChangeWhoseAnswerIsLostIsMadeOnce) {
     EXPECT_EQ(mapText(), "");
 }
 
-TEST_F(NftTableTest, WhatWasRefusedForWantOfAnAnswerIsNotThereASecondLater) {
+TEST_F(TableTest, WhatWasRefusedForWantOfAnAnswerIsNotThereASecondLater) {
     table->insideChanged({manyIndexes(), {}});
     limitSending(1);  // the least that there is, too little to make the table anew at once
     fillSocket();
@@ -252,15 +252,15 @@ TEST_F(NftTableTest, WhatWasRefusedForWantOfAnAnswerIsNotThereASecondLater) {
     EXPECT_EQ(commit({}, {element(80)}), "");
 }
 
-TEST_F(NftTableTest, ARefusalWhoseAnswerIsLostIsStillARefusal) {
+TEST_F(TableTest, ARefusalWhoseAnswerIsLostIsStillARefusal) {
     EXPECT_EQ(commit({}, {element(80)}), "");
     fillSocket();
     EXPECT_EQ(commit({}, {element(81), element(80)}), "File exists");
     EXPECT_EQ(mapText(), "elements = { 198.51.100.1 . tcp . 80 : 192.0.2.2 . 8080 }");
 }
 
-TEST_F(NftTableTest, ThousandsOfInsideNetworksAreThereAndGoAgain) {
-    Inside many;
+TEST_F(TableTest, ThousandsOfInsideNetworksAreThereAndGoAgain) {
+    router::Inside many;
     for (std::uint32_t i = 0; i < 5000; ++i) {
         many.interfaces.insert(i + 1);
         many.addresses.push_back({0x0A000000 + i * 512, 0x0A000000 + i * 512 + 255});
@@ -273,7 +273,7 @@ TEST_F(NftTableTest, ThousandsOfInsideNetworksAreThereAndGoAgain) {
     EXPECT_EQ(nft("list set ip tk hairpin").find("elements"), std::string::npos);
 }
 
-TEST_F(NftTableTest, AChangeOfTheInsideWhoseAnswerIsLostIsMadeOnce) {
+TEST_F(TableTest, AChangeOfTheInsideWhoseAnswerIsLostIsMadeOnce) {
     table->insideChanged({{1}, {lan}});
     fillSocket();
     table->insideChanged({});
@@ -282,7 +282,7 @@ TEST_F(NftTableTest, AChangeOfTheInsideWhoseAnswerIsLostIsMadeOnce) {
     EXPECT_NE(nft("list set ip tk inside").find("elements = { 192.0.2.0/24 }"), std::string::npos);
 }
 
-TEST_F(NftTableTest, AnInsideAndUsersThatTheKernelRefusesAreSetASecondLater) {
+TEST_F(TableTest, AnInsideAndUsersThatTheKernelRefusesAreSetASecondLater) {
     limitSending(1);
     table->insideChanged({manyIndexes(), {lan}});
     table->guardUser(64001);
@@ -297,7 +297,7 @@ TEST_F(NftTableTest, AnInsideAndUsersThatTheKernelRefusesAreSetASecondLater) {
     EXPECT_EQ(nft("list set ip tk inside").find("elements"), std::string::npos);
 }
 
-TEST_F(NftTableTest, GuardsUsersWhateverTheySend) {
+TEST_F(TableTest, GuardsUsersWhateverTheySend) {
     EXPECT_EQ(nft("list set ip tk guarded").find("elements"), std::string::npos);
     table->guardUser(64001);
     table->guardUser(64001);
@@ -316,7 +316,7 @@ TEST_F(NftTableTest, GuardsUsersWhateverTheySend) {
         EXPECT_NE(text.find(line), std::string::npos) << line << " is not in\n" << text;
 }
 
-TEST_F(NftTableTest, IsMadeAnewInPartsWhereItDoesNotFitOneTransaction) {
+TEST_F(TableTest, IsMadeAnewInPartsWhereItDoesNotFitOneTransaction) {
     Elements many;
     for (std::uint16_t port = 1000; port < 4000; ++port) many.push_back(element(port));
     EXPECT_EQ(commit({}, many), "");
@@ -334,8 +334,8 @@ TEST_F(NftTableTest, IsMadeAnewInPartsWhereItDoesNotFitOneTransaction) {
     EXPECT_EQ(commit({many.front(), many.back()}, {}), "");
 }
 
-TEST_F(NftTableTest, ThousandsOfInterfacesFitAnySocket) {
-    Inside many;
+TEST_F(TableTest, ThousandsOfInterfacesFitAnySocket) {
+    router::Inside many;
     for (std::uint32_t index = 1; index <= 5000; ++index) many.interfaces.insert(index);
     table->insideChanged(many);
     limitSending(16384);
@@ -344,7 +344,7 @@ TEST_F(NftTableTest, ThousandsOfInterfacesFitAnySocket) {
     EXPECT_EQ(count(nft("list set ip tk hairpin"), " . "), 5000 + 1);  // and the type
 }
 
-TEST_F(NftTableTest, TheGuardIsMadeAnewToo) {
+TEST_F(TableTest, TheGuardIsMadeAnewToo) {
     table->guardUser(64001);
     table->insideChanged({{1}, {lan}});
     fillSocket();
@@ -354,12 +354,12 @@ TEST_F(NftTableTest, TheGuardIsMadeAnewToo) {
     EXPECT_NE(nft("list set ip tk inside").find("elements = { 192.0.2.0/24 }"), std::string::npos);
 }
 
-TEST(NftTableLimits, AreRulesOfTheInputChain) {
+TEST(TableLimits, AreRulesOfTheInputChain) {
     if (!tk::testing::enterPrivateNetwork()) GTEST_SKIP() << "needs root";
-    NftTable table({false, 20, 30, 50});
+    Table table({false, 20, 30, 50});
     ASSERT_EQ(table.open().reason(), "");
     bool failed = false;
-    const std::string text = testing::run("nft list table ip tk", failed);
+    const std::string text = router::testing::run("nft list table ip tk", failed);
     for (const char* line : {"limit rate over 20/second burst 20 packets } drop",
                              "limit rate over 30/second burst 30 packets } reject with tcp reset",
                              "ct count over 50 } reject with tcp reset"})
@@ -367,9 +367,10 @@ TEST(NftTableLimits, AreRulesOfTheInputChain) {
     EXPECT_EQ(text.find("skuid"), std::string::npos);
     EXPECT_EQ(text.find("chain daemon"), std::string::npos);
     table.insideChanged({{1}, {lan}});
-    EXPECT_NE(testing::run("nft list set ip tk hairpin", failed).find("\"lo\" . \"lo\""), std::string::npos);
-    EXPECT_EQ(testing::run("nft list tables", failed), "table ip tk\n");
+    EXPECT_NE(router::testing::run("nft list set ip tk hairpin", failed).find("\"lo\" . \"lo\""),
+              std::string::npos);
+    EXPECT_EQ(router::testing::run("nft list tables", failed), "table ip tk\n");
 }
 
 }  // namespace
-}  // namespace router
+}  // namespace firewall

@@ -14,7 +14,7 @@
 #include "netlink/request.h"
 #include "tk/fd.h"
 
-namespace router {
+namespace nat {
 
 namespace {
 
@@ -96,4 +96,4 @@ tk::Result<bool> SocketListeners::isTaken(const NatKey& key, std::uint32_t inter
     return result.isOk() ? tk::Status::failure("the kernel gave no answer") : result;
 }
 
-}  // namespace router
+}  // namespace nat

@@ -6,7 +6,7 @@
 #include "netlink/socket.h"
 #include "tk/status.h"
 
-namespace router {
+namespace nat {
 
 using contract::NatKey;
 
@@ -33,4 +33,4 @@ private:
     netlink::Socket socket;
 };
 
-}  // namespace router
+}  // namespace nat

@@ -14,10 +14,10 @@
 #include "tk/testing/commands.h"
 #include "tk/testing/privatenetwork.h"
 
-namespace router {
+namespace nat {
 namespace {
 
-using testing::address;
+using router::testing::address;
 
 enum class Answer { nobody, somebody, unknown };
 
@@ -29,7 +29,7 @@ protected:
         if (!tk::testing::enterPrivateNetwork()) GTEST_SKIP() << "needs root";
         bool failed = false;
         if (::if_nametoindex("outside") == 0)
-            testing::run(
+            router::testing::run(
                 "ip link add outside type veth peer name inside && ip link set outside up && "
                 "ip link set inside up && ip address add 198.51.100.1/24 dev outside && "
                 "ip address add 192.0.2.1/24 dev inside",
@@ -135,4 +135,4 @@ INSTANTIATE_TEST_SUITE_P(Protocols, ListenersTest, ::testing::Values(IPPROTO_TCP
                          [](const auto& row) { return row.param == IPPROTO_TCP ? "Tcp" : "Udp"; });
 
 }  // namespace
-}  // namespace router
+}  // namespace nat

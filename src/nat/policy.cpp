@@ -8,7 +8,7 @@
 
 #include "tk/names.h"
 
-namespace router {
+namespace nat {
 
 namespace {
 
@@ -35,23 +35,23 @@ tk::Status refused(const std::string& reason) {
 
 }  // namespace
 
-tk::Status NatPolicy::allows(const NatElement& element) const {
+tk::Status Policy::allows(const firewall::Element& element) const {
     if (element.key.destination == INADDR_ANY)
         return refused("destination 0.0.0.0 refused: the rule would never match");
     if (tk::Status status = allowsPorts(element); !status.isOk()) return status;
     const std::string fault = config.checksTargets ? faultOfTarget(element.target.address) : std::string();
     if (fault.empty()) return {};
-    return refused("target " + addressText(element.target.address) + " refused: " + fault);
+    return refused("target " + router::addressText(element.target.address) + " refused: " + fault);
 }
 
-tk::Status NatPolicy::allowsDestination(std::uint32_t address, bool isNew) const {
+tk::Status Policy::allowsDestination(std::uint32_t address, bool isNew) const {
     if (!zones.outsideHoldersOf(address).empty()) return {};
     if (!isNew && !zones.isOwn(address)) return {};
-    return refused("destination " + addressText(address) +
+    return refused("destination " + router::addressText(address) +
                    " refused: it is no address of an outside interface of the router");
 }
 
-tk::Status NatPolicy::allowsPorts(const NatElement& element) const {
+tk::Status Policy::allowsPorts(const firewall::Element& element) const {
     if (!has(config.externalPorts, element.key.port))
         return refused("external port " + std::to_string(element.key.port) +
                        " refused: it is not among those configured");
@@ -61,7 +61,7 @@ tk::Status NatPolicy::allowsPorts(const NatElement& element) const {
 }
 
 /// What is wrong with a target, empty when nothing is.
-std::string NatPolicy::faultOfTarget(std::uint32_t address) const {
+std::string Policy::faultOfTarget(std::uint32_t address) const {
     if (const char* fault = faultOf(address)) return fault;
     if (zones.isOwn(address)) return "it is an address of the router itself";
     if (zones.isBroadcastAddress(address)) return "it is a broadcast address";
@@ -69,14 +69,14 @@ std::string NatPolicy::faultOfTarget(std::uint32_t address) const {
     return zones.isInside(address) ? std::string() : zones.whyOutside(address);
 }
 
-tk::Status NatPolicy::hasRoom(std::size_t total, std::size_t ofTarget, std::uint32_t target) const {
+tk::Status Policy::hasRoom(std::size_t total, std::size_t ofTarget, std::uint32_t target) const {
     if (config.limit != 0 && total >= config.limit)
         return tk::Status::failure(
             "there are " + std::to_string(total) + " rules already, as many as configured", tk::error::busy);
     if (config.limitPerTarget == 0 || ofTarget < config.limitPerTarget) return {};
-    return tk::Status::failure(std::to_string(ofTarget) + " rules lead to " + addressText(target) +
+    return tk::Status::failure(std::to_string(ofTarget) + " rules lead to " + router::addressText(target) +
                                    " already, as many as configured",
                                tk::error::busy);
 }
 
-}  // namespace router
+}  // namespace nat

@@ -10,7 +10,7 @@
 #include "links/zones.h"
 #include "tk/status.h"
 
-namespace router {
+namespace nat {
 
 /// Ports from the first to the last. A value.
 struct PortRange {
@@ -22,7 +22,7 @@ struct PortRange {
 };
 
 /// What the configuration says of the rules that may be made. A value.
-struct NatConfig {
+struct Config {
     bool checksTargets = true;
     std::vector<PortRange> externalPorts;  // that may be mapped; empty: all
     std::vector<PortRange> internalPorts;  // that a rule may lead to; empty: all
@@ -30,19 +30,20 @@ struct NatConfig {
     std::uint32_t limit = 0;               // rules at all; 0: no limit
     std::vector<PortRange> routerPorts{};  // that no program may map
 
-    bool operator==(const NatConfig&) const = default;
+    bool operator==(const Config&) const = default;
 };
 
 /// Decides which rules may be made: above all none that would turn the router into a proxy or open the router
 /// itself, and what the configuration says besides.
-class NatPolicy {
+class Policy {
 public:
     /// Lifetime: the zones outlive the policy.
-    explicit NatPolicy(const Zones& zones, NatConfig config = {}) : zones(zones), config(std::move(config)) {}
+    explicit Policy(const router::Zones& zones, Config config = {})
+        : zones(zones), config(std::move(config)) {}
 
     /// Whether the rule may be enabled.
     /// Errors: tk::error::refused.
-    tk::Status allows(const NatElement& element) const;
+    tk::Status allows(const firewall::Element& element) const;
 
     /// Whether a program may ask for a rule with this destination: an address that the router holds outside.
     /// Not `isNew`: a rule may keep an address that the router has lost meanwhile, for nothing matches it
@@ -58,11 +59,11 @@ public:
     tk::Status hasRoom(std::size_t total, std::size_t ofTarget, std::uint32_t target) const;
 
 private:
-    tk::Status allowsPorts(const NatElement& element) const;
+    tk::Status allowsPorts(const firewall::Element& element) const;
     [[nodiscard]] std::string faultOfTarget(std::uint32_t address) const;
 
-    const Zones& zones;
-    NatConfig config;
+    const router::Zones& zones;
+    Config config;
 };
 
-}  // namespace router
+}  // namespace nat

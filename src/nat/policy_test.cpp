@@ -4,10 +4,10 @@
 
 #include "links/testing/fakekernel.h"
 
-namespace router {
+namespace nat {
 namespace {
 
-using testing::address;
+using router::testing::address;
 
 struct Case {
     const char* name;
@@ -32,15 +32,15 @@ constexpr Case cases[] = {
     {"BehindTheLan", "10.0.0.1", "it is in no network inside"},
 };
 
-class NatPolicyTest : public ::testing::Test {
+class PolicyTest : public ::testing::Test {
 protected:
-    testing::FakeZones world;
-    NatPolicy policy{world.zones};
+    router::testing::FakeZones world;
+    Policy policy{world.zones};
 };
 
-class TabledNatPolicyTest : public NatPolicyTest, public ::testing::WithParamInterface<Case> {};
+class TabledPolicyTest : public PolicyTest, public ::testing::WithParamInterface<Case> {};
 
-TEST_P(TabledNatPolicyTest, AnswersAsTabled) {
+TEST_P(TabledPolicyTest, AnswersAsTabled) {
     const tk::Status answer =
         policy.allows({{address("198.51.100.1"), 6, 80}, {address(GetParam().target), 80}});
     const std::string fault = GetParam().fault;
@@ -49,29 +49,29 @@ TEST_P(TabledNatPolicyTest, AnswersAsTabled) {
               fault.empty() ? "" : std::string("target ") + GetParam().target + " refused: " + fault);
 }
 
-INSTANTIATE_TEST_SUITE_P(Targets, TabledNatPolicyTest, ::testing::ValuesIn(cases),
+INSTANTIATE_TEST_SUITE_P(Targets, TabledPolicyTest, ::testing::ValuesIn(cases),
                          [](const auto& row) { return std::string(row.param.name); });
 
-class ConfiguredNatPolicyTest : public NatPolicyTest {
+class ConfiguredPolicyTest : public PolicyTest {
 protected:
     std::string answer(const char* target, std::uint16_t port = 80, std::uint16_t targetPort = 80) {
-        const NatElement element{{address("198.51.100.1"), 6, port}, {address(target), targetPort}};
-        return NatPolicy(world.zones, config).allows(element).reason();
+        const firewall::Element element{{address("198.51.100.1"), 6, port}, {address(target), targetPort}};
+        return Policy(world.zones, config).allows(element).reason();
     }
     std::string room(std::size_t total, std::size_t ofTarget) {
-        return NatPolicy(world.zones, config).hasRoom(total, ofTarget, address("192.0.2.2")).reason();
+        return Policy(world.zones, config).hasRoom(total, ofTarget, address("192.0.2.2")).reason();
     }
-    NatConfig config;
+    Config config;
 };
 
-TEST_F(NatPolicyTest, ARuleForNoAddressWouldNeverMatch) {
-    const NatTarget target{address("192.0.2.2"), 80};
+TEST_F(PolicyTest, ARuleForNoAddressWouldNeverMatch) {
+    const contract::NatTarget target{address("192.0.2.2"), 80};
     EXPECT_EQ(policy.allows({{0, 6, 80}, target}).reason(),
               "destination 0.0.0.0 refused: the rule would never match");
     EXPECT_TRUE(policy.allows({{address("198.51.100.77"), 6, 80}, target}).isOk());
 }
 
-TEST_F(NatPolicyTest, AProgramsRuleIsForAnAddressThatTheRouterHoldsOutside) {
+TEST_F(PolicyTest, AProgramsRuleIsForAnAddressThatTheRouterHoldsOutside) {
     const auto answer = [this](const char* destination) {
         return policy.allowsDestination(address(destination), true).reason();
     };
@@ -82,7 +82,7 @@ TEST_F(NatPolicyTest, AProgramsRuleIsForAnAddressThatTheRouterHoldsOutside) {
             "destination " + foreign + " refused: it is no address of an outside interface of the router");
 }
 
-TEST_F(ConfiguredNatPolicyTest, PortsAreThoseOfTheLists) {
+TEST_F(ConfiguredPolicyTest, PortsAreThoseOfTheLists) {
     config.externalPorts = {{80, 80}, {1024, 65535}};
     config.internalPorts = {{22, 22}};
     EXPECT_EQ(answer("192.0.2.2", 80, 22), "");
@@ -91,13 +91,13 @@ TEST_F(ConfiguredNatPolicyTest, PortsAreThoseOfTheLists) {
     EXPECT_EQ(answer("192.0.2.2", 1024, 23), "internal port 23 refused: it is not among those configured");
 }
 
-TEST_F(ConfiguredNatPolicyTest, WithoutTheCheckAnyTargetWillDo) {
+TEST_F(ConfiguredPolicyTest, WithoutTheCheckAnyTargetWillDo) {
     config.checksTargets = false;
     EXPECT_EQ(answer("127.0.0.1"), "");
     EXPECT_EQ(answer("1.1.1.1"), "");
 }
 
-TEST_F(ConfiguredNatPolicyTest, LimitsCount) {
+TEST_F(ConfiguredPolicyTest, LimitsCount) {
     EXPECT_EQ(room(100000, 100000), "");
     config.limit = 10;
     config.limitPerTarget = 3;
@@ -107,4 +107,4 @@ TEST_F(ConfiguredNatPolicyTest, LimitsCount) {
 }
 
 }  // namespace
-}  // namespace router
+}  // namespace nat

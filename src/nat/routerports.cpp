@@ -4,7 +4,7 @@
 
 #include "tk/names.h"
 
-namespace router {
+namespace nat {
 
 tk::Status RouterPorts::areFreeFor(const NatKey& key) const {
     const auto refused = [](const std::string& reason) {
@@ -25,4 +25,4 @@ tk::Status RouterPorts::areFreeFor(const NatKey& key) const {
     return {};
 }
 
-}  // namespace router
+}  // namespace nat

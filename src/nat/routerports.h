@@ -9,14 +9,14 @@
 #include "nat/rule.h"
 #include "tk/status.h"
 
-namespace router {
+namespace nat {
 
 /// Decides which ports are the router's own, and not to be had by a program: those that the configuration
 /// names, and those where a service of the router can be reached from outside.
 class RouterPorts {
 public:
     /// Lifetime: zones and listeners outlive the object.
-    RouterPorts(const Zones& zones, Listeners& listeners, std::vector<PortRange> configured = {})
+    RouterPorts(const router::Zones& zones, Listeners& listeners, std::vector<PortRange> configured = {})
         : zones(zones), listeners(listeners), configured(std::move(configured)) {}
 
     /// Whether a program may have a rule of this key.
@@ -24,9 +24,9 @@ public:
     tk::Status areFreeFor(const NatKey& key) const;
 
 private:
-    const Zones& zones;
+    const router::Zones& zones;
     Listeners& listeners;
     std::vector<PortRange> configured;
 };
 
-}  // namespace router
+}  // namespace nat

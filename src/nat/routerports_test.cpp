@@ -6,27 +6,27 @@
 
 #include "nat/testing/fakenat.h"
 
-namespace router {
+namespace nat {
 namespace {
 
-using testing::address;
+using router::testing::address;
 
 class RouterPortsTest : public ::testing::Test {
 protected:
     RouterPortsTest() {
-        Link link;
+        router::Link link;
         link.index = 6;
         link.name = "wan1";
         link.flags = IFF_UP | IFF_RUNNING;
         world.zones.apply(link);
-        world.zones.addExits({{6, Prefix{}}});
+        world.zones.addExits({{6, router::Prefix{}}});
         world.hold(6, "198.51.100.1", 24);
     }
     std::string refusal(std::uint8_t protocol, std::uint16_t port) const {
         return ports.areFreeFor({address("198.51.100.1"), protocol, port}).reason();
     }
 
-    testing::FakeZones world;
+    router::testing::FakeZones world;
     testing::FakeListeners listeners;
     RouterPorts ports{world.zones, listeners, {{53, 53}, {8000, 8010}}};
 };
@@ -57,4 +57,4 @@ TEST_F(RouterPortsTest, APortIsNotGivenAwayWhenNobodyCanTell) {
 }
 
 }  // namespace
-}  // namespace router
+}  // namespace nat

@@ -8,7 +8,7 @@
 #include "links/prefix.h"
 #include "tk/names.h"
 
-namespace router {
+namespace nat {
 
 namespace {
 
@@ -126,21 +126,21 @@ private:
 
 }  // namespace
 
-tk::Result<NatRule> newRule(const tk::message& request) {
+tk::Result<Rule> newRule(const tk::message& request) {
     if (tk::Status status = RequestCheck(request, true).result(); !status.isOk()) return status;
-    NatRule rule{contract::NatRule::fromMessage(request)};
+    Rule rule{contract::NatRule::fromMessage(request)};
     rule.id = 0;
     return rule;
 }
 
-tk::Result<NatRule> changedRule(const NatRule& former, const tk::message& request) {
+tk::Result<Rule> changedRule(const Rule& former, const tk::message& request) {
     if (tk::Status status = RequestCheck(request, false).result(); !status.isOk()) return status;
-    return NatRule{former.changedBy(request), former.owner};
+    return Rule{former.changedBy(request), former.owner};
 }
 
 std::string textOf(const NatKey& key) {
-    return (key.protocol == IPPROTO_TCP ? "tcp " : "udp ") + addressText(key.destination) + ":" +
+    return (key.protocol == IPPROTO_TCP ? "tcp " : "udp ") + router::addressText(key.destination) + ":" +
            std::to_string(key.port);
 }
 
-}  // namespace router
+}  // namespace nat

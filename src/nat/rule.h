@@ -7,28 +7,28 @@
 #include "tk/message.h"
 #include "tk/status.h"
 
-namespace router {
+namespace nat {
 
 using contract::NatKey;
 using contract::NatTarget;
 
 /// A destination NAT rule as the router keeps it. A value.
-struct NatRule : contract::NatRule {
+struct Rule : contract::NatRule {
     std::uint32_t owner = 0;  // who made a dynamic rule: the first element of its path
 
-    bool operator==(const NatRule&) const = default;
+    bool operator==(const Rule&) const = default;
 };
 
 /// The rule that a request makes, which must name everything that makes up one. It has no id and no owner yet.
 /// Errors: tk::error::invalid for whatever does not fit one entry of the kernel's map.
-tk::Result<NatRule> newRule(const tk::message& request);
+tk::Result<Rule> newRule(const tk::message& request);
 
 /// The rule after a request that changes it. Its id, owner and kind stay, as does what the request does not
 /// name.
 /// Errors: as for newRule().
-tk::Result<NatRule> changedRule(const NatRule& former, const tk::message& request);
+tk::Result<Rule> changedRule(const Rule& former, const tk::message& request);
 
 /// What a rule matches, for people: "tcp 198.51.100.1:80".
 [[nodiscard]] std::string textOf(const NatKey& key);
 
-}  // namespace router
+}  // namespace nat

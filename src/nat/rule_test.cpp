@@ -6,10 +6,10 @@
 
 #include "nat/testing/natrequest.h"
 
-namespace router {
+namespace nat {
 namespace {
 
-using testing::address;
+using router::testing::address;
 using testing::natRequest;
 
 TEST(NewRule, TakesTheGatewaysRequest) {
@@ -22,7 +22,7 @@ TEST(NewRule, TakesTheGatewaysRequest) {
 }
 
 TEST(NewRule, ARecordReadsBackAsItsRuleButForTheId) {
-    NatRule rule;
+    Rule rule;
     rule.id = 7;
     rule.disabled = true;
     rule.key = {address("198.51.100.1"), 17, 0};
@@ -45,7 +45,7 @@ TEST(ChangedRule, KeepsWhatTheRequestDoesNotName) {
     change.insert_be32(1001, address("192.0.2.3"));
     const auto changed = changedRule(*rule, change);
     ASSERT_TRUE(changed.isOk()) << changed.reason();
-    NatRule expected = *rule;
+    Rule expected = *rule;
     expected.disabled = true;
     expected.target.address = address("192.0.2.3");
     EXPECT_EQ(*changed, expected);
@@ -99,4 +99,4 @@ INSTANTIATE_TEST_SUITE_P(Requests, RefusedRule, ::testing::ValuesIn(cases),
                          [](const auto& row) { return std::string(row.param.name); });
 
 }  // namespace
-}  // namespace router
+}  // namespace nat

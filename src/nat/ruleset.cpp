@@ -2,30 +2,30 @@
 
 #include <algorithm>
 
-namespace router {
+namespace nat {
 
-const NatRule* NatRules::find(std::uint32_t id) const {
+const Rule* RuleSet::find(std::uint32_t id) const {
     const auto rule = rules.find(id);
     return rule == rules.end() ? nullptr : &rule->second;
 }
 
-const NatRule* NatRules::find(const NatKey& key) const {
+const Rule* RuleSet::find(const NatKey& key) const {
     const auto match = enabled.find(key);
     return match == enabled.end() ? nullptr : find(match->second);
 }
 
-const std::set<std::uint32_t>& NatRules::of(std::uint32_t owner) const {
+const std::set<std::uint32_t>& RuleSet::of(std::uint32_t owner) const {
     static const std::set<std::uint32_t> none;
     const auto ids = owned.find(owner);
     return ids == owned.end() ? none : ids->second;
 }
 
-std::size_t NatRules::countTo(std::uint32_t target) const {
+std::size_t RuleSet::countTo(std::uint32_t target) const {
     const auto count = targets.find(target);
     return count == targets.end() ? 0 : count->second;
 }
 
-void NatRules::put(const NatRule& rule) {
+void RuleSet::put(const Rule& rule) {
     remove(rule.id);
     lastId = std::max(lastId, rule.id);
     rules[rule.id] = rule;
@@ -36,10 +36,10 @@ void NatRules::put(const NatRule& rule) {
     ++dynamicRules;
 }
 
-void NatRules::remove(std::uint32_t id) {
+void RuleSet::remove(std::uint32_t id) {
     const auto found = rules.find(id);
     if (found == rules.end()) return;
-    const NatRule& rule = found->second;
+    const Rule& rule = found->second;
     if (!rule.disabled) enabled.erase(rule.key);
     if (rule.dynamic) {
         const auto ids = owned.find(rule.owner);
@@ -51,4 +51,4 @@ void NatRules::remove(std::uint32_t id) {
     rules.erase(found);
 }
 
-}  // namespace router
+}  // namespace nat

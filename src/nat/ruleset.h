@@ -8,20 +8,20 @@
 
 #include "nat/rule.h"
 
-namespace router {
+namespace nat {
 
 /// The rules, and their indexes: by id, by what an enabled one matches, by target, and by the owner of a
 /// dynamic one. Ids go from 1 up and are never used again.
-class NatRules {
+class RuleSet {
 public:
     /// All rules, by id.
-    const std::map<std::uint32_t, NatRule>& all() const { return rules; }
+    const std::map<std::uint32_t, Rule>& all() const { return rules; }
     /// The rule of an id, null when there is none.
     /// Lifetime: until the next change.
-    const NatRule* find(std::uint32_t id) const;
+    const Rule* find(std::uint32_t id) const;
     /// The enabled rule of a key, null when there is none.
     /// Lifetime: until the next change.
-    const NatRule* find(const NatKey& key) const;
+    const Rule* find(const NatKey& key) const;
     /// The dynamic rules of an owner.
     const std::set<std::uint32_t>& of(std::uint32_t owner) const;
 
@@ -34,12 +34,12 @@ public:
     /// An id that no rule has had.
     [[nodiscard]] std::uint32_t newId() { return ++lastId; }
     /// Adds a rule, or replaces the one of its id.
-    void put(const NatRule& rule);
+    void put(const Rule& rule);
     /// Removes a rule; an absent one is no error.
     void remove(std::uint32_t id);
 
 private:
-    std::map<std::uint32_t, NatRule> rules;
+    std::map<std::uint32_t, Rule> rules;
     std::map<NatKey, std::uint32_t> enabled;
     std::unordered_map<std::uint32_t, std::set<std::uint32_t>> owned;
     std::unordered_map<std::uint32_t, std::size_t> targets;
@@ -47,4 +47,4 @@ private:
     std::uint32_t lastId = 0;
 };
 
-}  // namespace router
+}  // namespace nat

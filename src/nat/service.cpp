@@ -10,7 +10,7 @@
 #include "tk/names.h"
 #include "tk/page.h"
 
-namespace router {
+namespace nat {
 
 namespace {
 
@@ -22,7 +22,7 @@ constexpr std::size_t removedPerTransaction = 2048;
 constexpr std::uint32_t retryTicks = 100;  // 1 s
 
 /// The element of a rule in the kernel: none without a rule, or for a disabled one.
-std::vector<NatElement> elementsOf(const NatRule* rule) {
+std::vector<firewall::Element> elementsOf(const Rule* rule) {
     if (!rule || rule->disabled) return {};
     return {{rule->key, rule->target}};
 }
@@ -52,8 +52,8 @@ tk::message deletedRecord(std::uint32_t id) {
 
 }  // namespace
 
-Nat::Nat(const std::string& storePath, const NatPolicy& policy, const RouterPorts& ports, NatKernel& kernel,
-         const Requester& requester, std::size_t storedLimit)
+Service::Service(const std::string& storePath, const Policy& policy, const RouterPorts& ports,
+                 firewall::Kernel& kernel, const router::Requester& requester, std::size_t storedLimit)
     : store(storePath, storeRevision),
       policy(policy),
       ports(ports),
@@ -61,14 +61,14 @@ Nat::Nat(const std::string& storePath, const NatPolicy& policy, const RouterPort
       kernel(kernel),
       requester(requester) {}
 
-void Nat::load() {
+void Service::load() {
     for (const auto& [id, record] : store.all()) {
-        tk::Result<NatRule> stored = newRule(record);
+        tk::Result<Rule> stored = newRule(record);
         if (!stored.isOk()) {
             tk::log("nat: stored rule ", id, " ignored: ", stored.reason());
             continue;
         }
-        NatRule rule = stored.take();
+        Rule rule = stored.take();
         rule.id = id;
         rule.dynamic = false;
         // The policy had its say when the rule was made; at this time of a start routes may still be missing.
@@ -81,7 +81,7 @@ void Nat::load() {
     }
 }
 
-void Nat::withdraw() {
+void Service::withdraw() {
     refusals.close();
     while (!rules.all().empty()) {
         std::vector<std::uint32_t> ids;
@@ -93,14 +93,14 @@ void Nat::withdraw() {
     }
 }
 
-std::vector<NatElement> Nat::elements() const {
-    std::vector<NatElement> all;
+std::vector<firewall::Element> Service::elements() const {
+    std::vector<firewall::Element> all;
     for (const auto& [id, rule] : rules.all())
         if (!rule.disabled) all.push_back({rule.key, rule.target});
     return all;
 }
 
-tk::Status Nat::checkRoom(const NatRule* former, const NatRule& changed) const {
+tk::Status Service::checkRoom(const Rule* former, const Rule& changed) const {
     if (!former && !changed.dynamic && rules.countStored() >= storedLimit)
         return tk::Status::failure("there are " + std::to_string(rules.countStored()) +
                                        " stored rules already, and " + std::to_string(storedLimit) +
@@ -114,7 +114,7 @@ tk::Status Nat::checkRoom(const NatRule* former, const NatRule& changed) const {
 }
 
 /// What a program may ask for is less than what root may.
-tk::Status Nat::checkProgram(const NatRule* former, const NatRule& rule) const {
+tk::Status Service::checkProgram(const Rule* former, const Rule& rule) const {
     if (!rule.dynamic) return notAllowed("only root may make a rule that is not dynamic");
     const std::uint32_t destination = rule.key.destination;
     const bool isNew = !former || former->key.destination != destination;
@@ -122,21 +122,21 @@ tk::Status Nat::checkProgram(const NatRule* former, const NatRule& rule) const {
     return status.isOk() ? ports.areFreeFor(rule.key) : status;
 }
 
-tk::Status Nat::checkOwner(const NatRule& rule, const tk::message& request) const {
+tk::Status Service::checkOwner(const Rule& rule, const tk::message& request) const {
     if (!isAskedByProgram()) return {};
     if (rule.dynamic && rule.owner == request.get_u32_array(tk::field::sender).front()) return {};
     return notAllowed("the rule is not yours");
 }
 
 /// Tells the log what a program asked for in vain.
-tk::message Nat::refuse(const tk::Status& refusal) {
+tk::message Service::refuse(const tk::Status& refusal) {
     if (isAskedByProgram())
         refusals.note("rule of user " + std::to_string(requester.user()) + " refused", requester.user(),
                       refusal.reason());
     return answerOf(refusal);
 }
 
-tk::Status Nat::check(const NatRule* former, const NatRule& rule, bool isProgram) const {
+tk::Status Service::check(const Rule* former, const Rule& rule, bool isProgram) const {
     tk::Status status = checkRoom(former, rule);
     if (!status.isOk()) return status;
     const bool onlyDisables =
@@ -145,14 +145,14 @@ tk::Status Nat::check(const NatRule* former, const NatRule& rule, bool isProgram
     status = policy.allows({rule.key, rule.target});
     if (status.isOk() && isProgram) status = checkProgram(former, rule);
     if (!status.isOk() || rule.disabled) return status;
-    const NatRule* other = rules.find(rule.key);
+    const Rule* other = rules.find(rule.key);
     if (!other || other->id == rule.id) return {};
     return tk::Status::failure(textOf(rule.key) + " is mapped already, by rule " + std::to_string(other->id),
                                tk::error::exists);
 }
 
 /// Prepares what becomes of a stored rule.
-tk::Status Nat::stage(const NatRule& known, const NatRule* changed) {
+tk::Status Service::stage(const Rule& known, const Rule* changed) {
     if (known.dynamic) return {};
     const bool staged =
         changed ? store.stage(changed->id, changed->toMessage()) : store.stageRemoval(known.id);
@@ -160,7 +160,7 @@ tk::Status Nat::stage(const NatRule& known, const NatRule* changed) {
 }
 
 /// Keeps a rule as it is now; without `changed` it is gone.
-void Nat::keep(const NatRule* former, const NatRule* changed) {
+void Service::keep(const Rule* former, const Rule* changed) {
     if (changed)
         rules.put(*changed);
     else
@@ -169,11 +169,11 @@ void Nat::keep(const NatRule* former, const NatRule* changed) {
 
 /// Brings one change about: the store is prepared first, then the kernel decides, then the store follows it.
 /// Neither rule is one of those in `rules`.
-tk::Status Nat::apply(const NatRule* former, const NatRule* changed) {
+tk::Status Service::apply(const Rule* former, const Rule* changed) {
     const bool isStored = !(changed ? changed : former)->dynamic;
     if (tk::Status status = stage(changed ? *changed : *former, changed); !status.isOk()) return status;
-    const std::vector<NatElement> removed = elementsOf(former);
-    const std::vector<NatElement> added = elementsOf(changed);
+    const std::vector<firewall::Element> removed = elementsOf(former);
+    const std::vector<firewall::Element> added = elementsOf(changed);
     const bool isInKernel = removed != added;
     if (const tk::Status status = isInKernel ? kernel.commit(removed, added) : tk::Status(); !status.isOk()) {
         if (isStored) store.discard();
@@ -188,10 +188,10 @@ tk::Status Nat::apply(const NatRule* former, const NatRule* changed) {
     return failed(store.error());
 }
 
-tk::message Nat::cmdAddObj(const tk::message& request) {
-    tk::Result<NatRule> asked = newRule(request);
+tk::message Service::cmdAddObj(const tk::message& request) {
+    tk::Result<Rule> asked = newRule(request);
     if (!asked.isOk()) return answerOf(asked.status());
-    NatRule rule = asked.take();
+    Rule rule = asked.take();
     if (rule.dynamic) rule.owner = request.get_u32_array(tk::field::sender).front();
     if (const tk::Status status = check(nullptr, rule, isAskedByProgram()); !status.isOk())
         return refuse(status);
@@ -203,13 +203,13 @@ tk::message Nat::cmdAddObj(const tk::message& request) {
     return reply;
 }
 
-tk::message Nat::cmdSetObj(const tk::message& request) {
+tk::message Service::cmdSetObj(const tk::message& request) {
     const std::uint32_t id = request.get_u32(tk::field::objectId);
-    const NatRule* found = rules.find(id);
+    const Rule* found = rules.find(id);
     if (!found) return answerOf(noSuchRule(id));
-    const NatRule known = *found;
+    const Rule known = *found;
     if (const tk::Status status = checkOwner(known, request); !status.isOk()) return refuse(status);
-    const tk::Result<NatRule> changed = changedRule(known, request);
+    const tk::Result<Rule> changed = changedRule(known, request);
     if (!changed.isOk()) return answerOf(changed.status());
     if (const tk::Status status = check(&known, *changed, isAskedByProgram()); !status.isOk())
         return refuse(status);
@@ -218,19 +218,19 @@ tk::message Nat::cmdSetObj(const tk::message& request) {
     return {};
 }
 
-tk::message Nat::cmdRemoveObj(const tk::message& request) {
+tk::message Service::cmdRemoveObj(const tk::message& request) {
     if (!request.has(tk::field::objectId))
         return tk::errorMsg(tk::error::invalid, "the request names no rule");
-    const NatRule* found = rules.find(request.get_u32(tk::field::objectId));
+    const Rule* found = rules.find(request.get_u32(tk::field::objectId));
     if (!found) return {};  // it is gone, as was asked for
-    const NatRule known = *found;
+    const Rule known = *found;
     if (const tk::Status status = checkOwner(known, request); !status.isOk()) return refuse(status);
     if (const tk::Status status = apply(&known, nullptr); !status.isOk()) return answerOf(status);
     tellRemoved({known.id});
     return {};
 }
 
-tk::message Nat::cmdDisconnected(const tk::Path& client) {
+tk::message Service::cmdDisconnected(const tk::Path& client) {
     const std::set<std::uint32_t>& owned = rules.of(client.front());
     if (owned.empty()) return {};
     orphans.insert(owned.begin(), owned.end());
@@ -238,17 +238,17 @@ tk::message Nat::cmdDisconnected(const tk::Path& client) {
 }
 
 /// Takes rules out of the kernel in one transaction, and forgets them.
-tk::Status Nat::takeOut(const std::vector<std::uint32_t>& ids) {
-    std::vector<NatElement> removed;
+tk::Status Service::takeOut(const std::vector<std::uint32_t>& ids) {
+    std::vector<firewall::Element> removed;
     for (const std::uint32_t id : ids)
-        for (const NatElement& element : elementsOf(rules.find(id))) removed.push_back(element);
+        for (const firewall::Element& element : elementsOf(rules.find(id))) removed.push_back(element);
     if (!removed.empty())
         if (tk::Status status = kernel.commit(removed, {}); !status.isOk()) return failed(status.reason());
     for (const std::uint32_t id : ids) rules.remove(id);
     return {};
 }
 
-tk::Status Nat::removeOrphans() {
+tk::Status Service::removeOrphans() {
     tk::Status status;
     while (!orphans.empty() && status.isOk()) status = removeSomeOrphans();
     if (!status.isOk()) orphanTimer.arm(retryTicks);
@@ -256,7 +256,7 @@ tk::Status Nat::removeOrphans() {
 }
 
 /// Removes as many as one transaction takes.
-tk::Status Nat::removeSomeOrphans() {
+tk::Status Service::removeSomeOrphans() {
     std::vector<std::uint32_t> ids;
     auto next = orphans.begin();
     for (; next != orphans.end() && ids.size() < removedPerTransaction; ++next)
@@ -267,11 +267,11 @@ tk::Status Nat::removeSomeOrphans() {
     return {};
 }
 
-void Nat::retryOrphans() {
+void Service::retryOrphans() {
     (void)removeOrphans();  // the refusal was logged when the client left
 }
 
-void Nat::tellRemoved(const std::vector<std::uint32_t>& ids) {
+void Service::tellRemoved(const std::vector<std::uint32_t>& ids) {
     std::span<const std::uint32_t> left(ids);
     while (!left.empty()) {
         const auto part = left.first(std::min(left.size(), removedPerNotification));
@@ -284,27 +284,27 @@ void Nat::tellRemoved(const std::vector<std::uint32_t>& ids) {
     }
 }
 
-tk::message Nat::cmdGetObj(const tk::message& request) {
+tk::message Service::cmdGetObj(const tk::message& request) {
     const std::uint32_t id = request.get_u32(tk::field::objectId);
-    const NatRule* rule = rules.find(id);
+    const Rule* rule = rules.find(id);
     return rule ? rule->toMessage() : answerOf(noSuchRule(id));
 }
 
-tk::message Nat::cmdGetAll(const tk::message& request) {
-    return pageOf(rules.all(), request, pageSize,
-                  [](std::uint32_t, const NatRule& rule) { return rule.toMessage(); });
+tk::message Service::cmdGetAll(const tk::message& request) {
+    return router::pageOf(rules.all(), request, pageSize,
+                          [](std::uint32_t, const Rule& rule) { return rule.toMessage(); });
 }
 
-tk::message Nat::cmdGetCount(const tk::message&) {
+tk::message Service::cmdGetCount(const tk::message&) {
     tk::message reply;
     reply.insert_u32(tk::field::count, static_cast<std::uint32_t>(rules.all().size()));
     return reply;
 }
 
-tk::message Nat::cmdUnknown(const tk::message& received, std::uint32_t command) {
+tk::message Service::cmdUnknown(const tk::message& received, std::uint32_t command) {
     if (command != contract::testRule) return Handler::cmdUnknown(received, command);
-    const tk::Result<NatRule> rule = newRule(received);
+    const tk::Result<Rule> rule = newRule(received);
     return answerOf(rule.isOk() ? check(nullptr, *rule, /*isProgram=*/true) : rule.status());
 }
 
-}  // namespace router
+}  // namespace nat

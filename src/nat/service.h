@@ -16,20 +16,21 @@
 #include "tk/store.h"
 #include "tk/timer.h"
 
-namespace router {
+namespace nat {
 
 /// Destination NAT rules on the bus, at {20, 5}. A request is answered when the kernel has committed or
 /// refused it. Dynamic rules belong to the connection that made them and go with it; others are stored.
 /// Root may do everything. Any other user is a program: it makes dynamic rules alone, and has a say in its
 /// own alone.
-class Nat final : public tk::Handler, public ElementOwner {
+class Service final : public tk::Handler, public firewall::ElementOwner {
 public:
     static constexpr std::size_t usualStoredLimit = 4096;  // each change writes them all
 
     /// `storedLimit` is how many rules may be stored; more that were stored before are loaded all the same.
     /// Lifetime: all but the path outlive the handler.
-    Nat(const std::string& storePath, const NatPolicy& policy, const RouterPorts& ports, NatKernel& kernel,
-        const Requester& requester, std::size_t storedLimit = usualStoredLimit);
+    Service(const std::string& storePath, const Policy& policy, const RouterPorts& ports,
+            firewall::Kernel& kernel, const router::Requester& requester,
+            std::size_t storedLimit = usualStoredLimit);
 
     /// Puts the stored rules into the kernel. One that is refused is kept as disabled in memory, with a log
     /// line; what is stored stays as it is.
@@ -39,7 +40,7 @@ public:
     /// router, when nobody can ask for rules any more.
     void withdraw();
 
-    [[nodiscard]] std::vector<NatElement> elements() const override;
+    [[nodiscard]] std::vector<firewall::Element> elements() const override;
 
     // The commands of the bus: rules are added, changed, removed and listed; testRule is answered too.
     tk::message cmdAddObj(const tk::message& request) override;
@@ -59,15 +60,15 @@ private:
     // Errors: the code is that of the bus error.
 
     /// May there be one rule more, or one that leads elsewhere? `former` is null for a new one.
-    tk::Status checkRoom(const NatRule* former, const NatRule& changed) const;
-    tk::Status check(const NatRule* former, const NatRule& rule, bool isProgram) const;
-    tk::Status checkProgram(const NatRule* former, const NatRule& rule) const;
-    tk::Status checkOwner(const NatRule& rule, const tk::message& request) const;
+    tk::Status checkRoom(const Rule* former, const Rule& changed) const;
+    tk::Status check(const Rule* former, const Rule& rule, bool isProgram) const;
+    tk::Status checkProgram(const Rule* former, const Rule& rule) const;
+    tk::Status checkOwner(const Rule& rule, const tk::message& request) const;
     [[nodiscard]] bool isAskedByProgram() const { return requester.user() != 0; }
     tk::message refuse(const tk::Status& refusal);
-    tk::Status apply(const NatRule* former, const NatRule* changed);
-    tk::Status stage(const NatRule& known, const NatRule* changed);
-    void keep(const NatRule* former, const NatRule* changed);
+    tk::Status apply(const Rule* former, const Rule* changed);
+    tk::Status stage(const Rule& known, const Rule* changed);
+    void keep(const Rule* former, const Rule* changed);
     tk::Status takeOut(const std::vector<std::uint32_t>& ids);
     tk::Status removeOrphans();
     tk::Status removeSomeOrphans();
@@ -75,15 +76,15 @@ private:
     void tellRemoved(const std::vector<std::uint32_t>& ids);
 
     tk::Store store;
-    const NatPolicy& policy;
+    const Policy& policy;
     const RouterPorts& ports;
     const std::size_t storedLimit;
-    NatKernel& kernel;
-    const Requester& requester;
-    RefusalLog refusals{"nat", "rules refused"};
-    NatRules rules;
+    firewall::Kernel& kernel;
+    const router::Requester& requester;
+    router::RefusalLog refusals{"nat", "rules refused"};
+    RuleSet rules;
     std::set<std::uint32_t> orphans;  // dynamic rules that outlived their client; some may be gone by now
-    tk::Timer<Nat, &Nat::retryOrphans> orphanTimer{*this};
+    tk::Timer<Service, &Service::retryOrphans> orphanTimer{*this};
 };
 
-}  // namespace router
+}  // namespace nat

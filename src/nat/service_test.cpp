@@ -13,15 +13,15 @@
 #include "tk/testing/folder.h"
 #include "tk/testing/testloop.h"
 
-namespace router {
+namespace nat {
 namespace {
 
-using testing::address;
+using router::testing::address;
 using testing::natRequest;
 
-class NatTest : public ::testing::Test {
+class ServiceTest : public ::testing::Test {
 protected:
-    NatTest() {
+    ServiceTest() {
         nat.attach(bus, {20, 5});
         kernel.owner = &nat;
     }
@@ -47,16 +47,16 @@ protected:
     tk::testing::Folder files;
     tk::testing::TestLoop loop;
     tk::testing::ScriptedBus& bus = loop.bus;
-    testing::FakeZones world;
+    router::testing::FakeZones world;
     testing::FakeNat kernel;
-    NatPolicy policy{world.zones};
+    Policy policy{world.zones};
     testing::FakeListeners listeners;
     RouterPorts ports{world.zones, listeners, {{51820, 51820}}};
-    testing::FakeRequester requester;
-    Nat nat{files.file("nat"), policy, ports, kernel, requester};
+    router::testing::FakeRequester requester;
+    Service nat{files.file("nat"), policy, ports, kernel, requester};
 };
 
-TEST_F(NatTest, CreatesInTheKernelAndAnswersTheId) {
+TEST_F(ServiceTest, CreatesInTheKernelAndAnswersTheId) {
     EXPECT_EQ(add(natRequest(80, "192.0.2.2", 8080)), 1U);
     EXPECT_EQ(add(natRequest(80, "192.0.2.3", 80, 17)), 2U);
     ASSERT_TRUE(kernel.find("198.51.100.1", 6, 80));
@@ -65,7 +65,7 @@ TEST_F(NatTest, CreatesInTheKernelAndAnswersTheId) {
     EXPECT_EQ(kernel.transactions, 2);
 }
 
-TEST_F(NatTest, KernelsRefusalIsToldAndNothingIsKept) {
+TEST_F(ServiceTest, KernelsRefusalIsToldAndNothingIsKept) {
     kernel.fault = "Numerical result out of range";
     std::uint32_t code = 0;
     std::string text;
@@ -75,19 +75,19 @@ TEST_F(NatTest, KernelsRefusalIsToldAndNothingIsKept) {
     EXPECT_TRUE(tk::isError(nat.cmdAddObj(lasting(81)), &code));
     EXPECT_EQ(count(), 0U);
     kernel.fault.clear();
-    Nat again(files.file("nat"), policy, ports, kernel, requester);
+    Service again(files.file("nat"), policy, ports, kernel, requester);
     again.load();
     EXPECT_EQ(again.cmdGetCount({}).get_u32(tk::field::count), 0U);
 }
 
-TEST_F(NatTest, PolicyRefusesBeforeTheKernelIsAsked) {
+TEST_F(ServiceTest, PolicyRefusesBeforeTheKernelIsAsked) {
     std::uint32_t code = 0;
     EXPECT_TRUE(tk::isError(nat.cmdAddObj(natRequest(80, "127.0.0.1", 80)), &code));
     EXPECT_EQ(code, tk::error::refused);
     EXPECT_EQ(kernel.transactions, 0);
 }
 
-TEST_F(NatTest, PolicyCountsForDisabledRulesToo) {
+TEST_F(ServiceTest, PolicyCountsForDisabledRulesToo) {
     tk::message request = natRequest(80, "127.0.0.1", 80);
     request.insert_bool(tk::field::disabled, true);
     EXPECT_TRUE(tk::isError(nat.cmdAddObj(request)));
@@ -100,7 +100,7 @@ TEST_F(NatTest, PolicyCountsForDisabledRulesToo) {
     EXPECT_EQ(count(), 0U);
 }
 
-TEST_F(NatTest, ARuleCanBeDisabledWhateverThePolicyHasBecome) {
+TEST_F(ServiceTest, ARuleCanBeDisabledWhateverThePolicyHasBecome) {
     const std::uint32_t id = add(natRequest(80, "192.0.2.2", 8080));
     world.zones.removeLink(2);  // no way there any more
     tk::message change = ofId(id);
@@ -109,7 +109,7 @@ TEST_F(NatTest, ARuleCanBeDisabledWhateverThePolicyHasBecome) {
     EXPECT_FALSE(kernel.find("198.51.100.1", 6, 80));
 }
 
-TEST_F(NatTest, ASecondEnabledRuleOfTheSameMatchIsRefused) {
+TEST_F(ServiceTest, ASecondEnabledRuleOfTheSameMatchIsRefused) {
     add(natRequest(80, "192.0.2.2", 8080));
     std::uint32_t code = 0;
     std::string text;
@@ -119,7 +119,7 @@ TEST_F(NatTest, ASecondEnabledRuleOfTheSameMatchIsRefused) {
     EXPECT_EQ(kernel.find("198.51.100.1", 6, 80)->port, 8080);
 }
 
-TEST_F(NatTest, DisabledRulesAreNotInTheKernel) {
+TEST_F(ServiceTest, DisabledRulesAreNotInTheKernel) {
     tk::message request = natRequest(80, "192.0.2.2", 8080);
     request.insert_bool(tk::field::disabled, true);
     const std::uint32_t id = add(request);
@@ -134,7 +134,7 @@ TEST_F(NatTest, DisabledRulesAreNotInTheKernel) {
     EXPECT_EQ(kernel.find("198.51.100.1", 6, 80)->address, address("192.0.2.2"));
 }
 
-TEST_F(NatTest, AChangeReplacesTheElementInOneTransaction) {
+TEST_F(ServiceTest, AChangeReplacesTheElementInOneTransaction) {
     const std::uint32_t id = add(natRequest(80, "192.0.2.2", 8080));
     tk::message change = ofId(id);
     change.insert_bool(tk::field::disabled, false);
@@ -152,7 +152,7 @@ TEST_F(NatTest, AChangeReplacesTheElementInOneTransaction) {
     EXPECT_TRUE(nat.cmdGetObj(ofId(id)).get_bool(tk::field::disabled));
 }
 
-TEST_F(NatTest, ARefusedChangeLeavesTheRule) {
+TEST_F(ServiceTest, ARefusedChangeLeavesTheRule) {
     const std::uint32_t id = add(natRequest(80, "192.0.2.2", 8080));
     const tk::message before = nat.cmdGetObj(ofId(id));
     tk::message change = ofId(id);
@@ -164,7 +164,7 @@ TEST_F(NatTest, ARefusedChangeLeavesTheRule) {
     EXPECT_EQ(nat.cmdGetObj(ofId(id)), before);
 }
 
-TEST_F(NatTest, RemovingWhatIsGoneSucceeds) {
+TEST_F(ServiceTest, RemovingWhatIsGoneSucceeds) {
     const std::uint32_t id = add(natRequest(80, "192.0.2.2", 8080));
     EXPECT_FALSE(tk::isError(nat.cmdRemoveObj(ofId(id))));
     EXPECT_TRUE(kernel.elements.empty());
@@ -172,7 +172,7 @@ TEST_F(NatTest, RemovingWhatIsGoneSucceeds) {
     EXPECT_EQ(add(natRequest(80, "192.0.2.2", 8080)), 2U);  // an id is never used again
 }
 
-TEST_F(NatTest, DynamicRulesGoWithTheirOwnerInOneTransaction) {
+TEST_F(ServiceTest, DynamicRulesGoWithTheirOwnerInOneTransaction) {
     for (std::uint32_t port = 1; port <= 5; ++port) add(natRequest(port, "192.0.2.2", port));
     add(natRequest(6, "192.0.2.2", 6, 6, {1000}));
     add(lasting(7));
@@ -186,7 +186,7 @@ TEST_F(NatTest, DynamicRulesGoWithTheirOwnerInOneTransaction) {
     EXPECT_EQ(kernel.transactions, before + 1);
 }
 
-TEST_F(NatTest, RulesThatCannotGoWithTheirOwnerAreTriedAgainEachSecond) {
+TEST_F(ServiceTest, RulesThatCannotGoWithTheirOwnerAreTriedAgainEachSecond) {
     add(natRequest(1, "192.0.2.2", 1));
     add(natRequest(2, "192.0.2.2", 2));
     kernel.fault = "Cannot allocate memory";
@@ -212,7 +212,7 @@ TEST_F(NatTest, RulesThatCannotGoWithTheirOwnerAreTriedAgainEachSecond) {
     EXPECT_EQ(loop.looper.runner().timerCount(), 0U);
 }
 
-TEST_F(NatTest, ManyRulesGoWithTheirOwnerInTransactionsOfBoundedSize) {
+TEST_F(ServiceTest, ManyRulesGoWithTheirOwnerInTransactionsOfBoundedSize) {
     for (std::uint32_t port = 1; port <= 5000; ++port) add(natRequest(port, "192.0.2.2", port));
     add(natRequest(6000, "192.0.2.2", 6000, 6, {1000}));
     kernel.largest = 2048;
@@ -226,7 +226,7 @@ TEST_F(NatTest, ManyRulesGoWithTheirOwnerInTransactionsOfBoundedSize) {
     EXPECT_EQ(told, 5000U);
 }
 
-TEST_F(NatTest, WhatOneTransactionTookOutStaysOutWhenTheNextIsRefused) {
+TEST_F(ServiceTest, WhatOneTransactionTookOutStaysOutWhenTheNextIsRefused) {
     for (std::uint32_t port = 1; port <= 3000; ++port) add(natRequest(port, "192.0.2.2", port));
     kernel.transactionsLeft = 1;
     EXPECT_TRUE(tk::isError(nat.cmdDisconnected({80})));
@@ -238,7 +238,7 @@ TEST_F(NatTest, WhatOneTransactionTookOutStaysOutWhenTheNextIsRefused) {
     EXPECT_TRUE(kernel.elements.empty());
 }
 
-TEST_F(NatTest, WithdrawsAllRulesFromTheKernelAndNoneFromTheStore) {
+TEST_F(ServiceTest, WithdrawsAllRulesFromTheKernelAndNoneFromTheStore) {
     for (std::uint32_t port = 1; port <= 3000; ++port) add(natRequest(port, "192.0.2.2", port));
     add(lasting(3001));
     tk::message request = natRequest(3002, "192.0.2.2", 3002);
@@ -247,14 +247,14 @@ TEST_F(NatTest, WithdrawsAllRulesFromTheKernelAndNoneFromTheStore) {
     kernel.largest = 2048;
     nat.withdraw();
     EXPECT_TRUE(kernel.elements.empty());
-    Nat again(files.file("nat"), policy, ports, kernel, requester);
+    Service again(files.file("nat"), policy, ports, kernel, requester);
     again.load();
     EXPECT_EQ(again.cmdGetCount({}).get_u32(tk::field::count), 1U);
     EXPECT_TRUE(kernel.find("198.51.100.1", 6, 3001));
 }
 
-TEST_F(NatTest, StoredRulesAreLimitedAndDynamicOnesAreNot) {
-    Nat small(files.file("few"), policy, ports, kernel, requester, 2);
+TEST_F(ServiceTest, StoredRulesAreLimitedAndDynamicOnesAreNot) {
+    Service small(files.file("few"), policy, ports, kernel, requester, 2);
     small.attach(bus, {20, 5});
     kernel.owner = &small;
     EXPECT_FALSE(tk::isError(small.cmdAddObj(lasting(1))));
@@ -277,16 +277,16 @@ TEST_F(NatTest, StoredRulesAreLimitedAndDynamicOnesAreNot) {
     EXPECT_FALSE(tk::isError(small.cmdAddObj(lasting(4))));
 }
 
-TEST_F(NatTest, StoredRulesBeyondTheLimitAreLoaded) {
+TEST_F(ServiceTest, StoredRulesBeyondTheLimitAreLoaded) {
     for (std::uint32_t port = 1; port <= 3; ++port) add(lasting(port));
     testing::FakeNat fresh;
-    Nat small(files.file("nat"), policy, ports, fresh, requester, 2);
+    Service small(files.file("nat"), policy, ports, fresh, requester, 2);
     small.load();
     EXPECT_EQ(fresh.elements.size(), 3U);
     EXPECT_TRUE(tk::isError(small.cmdAddObj(lasting(4))));
 }
 
-TEST_F(NatTest, AProgramThatComesBackKeepsItsNewRulesWhenTheOldOnesGo) {
+TEST_F(ServiceTest, AProgramThatComesBackKeepsItsNewRulesWhenTheOldOnesGo) {
     add(natRequest(1, "192.0.2.2", 1));
     kernel.fault = "Cannot allocate memory";
     EXPECT_TRUE(tk::isError(nat.cmdDisconnected({80})));
@@ -299,7 +299,7 @@ TEST_F(NatTest, AProgramThatComesBackKeepsItsNewRulesWhenTheOldOnesGo) {
     EXPECT_FALSE(kernel.find("198.51.100.1", 6, 1));
 }
 
-TEST_F(NatTest, RulesThatOutlivedTheirOwnerAreRemovedAsTheyAreByThen) {
+TEST_F(ServiceTest, RulesThatOutlivedTheirOwnerAreRemovedAsTheyAreByThen) {
     const std::uint32_t removed = add(natRequest(1, "192.0.2.2", 1));
     const std::uint32_t disabled = add(natRequest(2, "192.0.2.2", 2));
     const std::uint32_t moved = add(natRequest(3, "192.0.2.2", 3));
@@ -320,7 +320,7 @@ TEST_F(NatTest, RulesThatOutlivedTheirOwnerAreRemovedAsTheyAreByThen) {
     EXPECT_TRUE(kernel.elements.empty());
 }
 
-TEST_F(NatTest, OnlyLastingRulesAreStored) {
+TEST_F(ServiceTest, OnlyLastingRulesAreStored) {
     add(natRequest(80, "192.0.2.2", 8080));
     const std::uint32_t id = add(lasting(7));
     tk::message change = ofId(id);
@@ -328,19 +328,19 @@ TEST_F(NatTest, OnlyLastingRulesAreStored) {
     change.insert_u32(1003, 77);
     EXPECT_FALSE(tk::isError(nat.cmdSetObj(change)));
     testing::FakeNat fresh;
-    Nat again(files.file("nat"), policy, ports, fresh, requester);
+    Service again(files.file("nat"), policy, ports, fresh, requester);
     again.load();
     EXPECT_EQ(fresh.elements.size(), 1U);
     EXPECT_EQ(again.cmdGetObj(ofId(id)), nat.cmdGetObj(ofId(id)));
     EXPECT_FALSE(tk::isError(nat.cmdRemoveObj(ofId(id))));
-    Nat empty(files.file("nat"), policy, ports, fresh, requester);
+    Service empty(files.file("nat"), policy, ports, fresh, requester);
     empty.load();
     EXPECT_EQ(empty.cmdGetCount({}).get_u32(tk::field::count), 0U);
 }
 
-TEST_F(NatTest, AStoreThatCannotBeWrittenRefusesBeforeTheKernelIsAsked) {
+TEST_F(ServiceTest, AStoreThatCannotBeWrittenRefusesBeforeTheKernelIsAsked) {
     files.write("file", "");
-    Nat blocked(files.file("file/nat"), policy, ports, kernel, requester);
+    Service blocked(files.file("file/nat"), policy, ports, kernel, requester);
     blocked.attach(bus, {20, 5});
     kernel.owner = &blocked;
     EXPECT_TRUE(tk::isError(blocked.cmdAddObj(lasting(7))));
@@ -348,7 +348,7 @@ TEST_F(NatTest, AStoreThatCannotBeWrittenRefusesBeforeTheKernelIsAsked) {
     EXPECT_FALSE(tk::isError(blocked.cmdAddObj(natRequest(80, "192.0.2.2", 8080))));
 }
 
-TEST_F(NatTest, ARuleThatIsNotStoredAfterAllIsTakenBack) {
+TEST_F(ServiceTest, ARuleThatIsNotStoredAfterAllIsTakenBack) {
     ASSERT_EQ(::mkdir(files.file("nat").c_str(), 0700), 0);  // takes the place of the file
     std::uint32_t code = 0;
     EXPECT_TRUE(tk::isError(nat.cmdAddObj(lasting(80)), &code));
@@ -358,7 +358,7 @@ TEST_F(NatTest, ARuleThatIsNotStoredAfterAllIsTakenBack) {
     EXPECT_EQ(count(), 0U);
 }
 
-TEST_F(NatTest, ARuleThatCannotBeTakenBackIsListed) {
+TEST_F(ServiceTest, ARuleThatCannotBeTakenBackIsListed) {
     ASSERT_EQ(::mkdir(files.file("nat").c_str(), 0700), 0);
     kernel.transactionsLeft = 1;
     EXPECT_EQ(add(lasting(80)), 1U);
@@ -366,7 +366,7 @@ TEST_F(NatTest, ARuleThatCannotBeTakenBackIsListed) {
     EXPECT_EQ(count(), 1U);
 }
 
-TEST_F(NatTest, TheListComesInPages) {
+TEST_F(ServiceTest, TheListComesInPages) {
     for (std::uint32_t port = 1; port <= 1025; ++port) add(natRequest(port, "192.0.2.2", port));
     const tk::message first = nat.cmdGetAll({});
     EXPECT_EQ(first.size_message_array(tk::field::objects), 1024U);
@@ -377,7 +377,7 @@ TEST_F(NatTest, TheListComesInPages) {
     EXPECT_FALSE(second.has(tk::field::next));
 }
 
-TEST_F(NatTest, TestingARuleChangesNothing) {
+TEST_F(ServiceTest, TestingARuleChangesNothing) {
     EXPECT_TRUE(nat.cmdUnknown(natRequest(80, "192.0.2.2", 8080), contract::testRule).empty());
     EXPECT_TRUE(tk::isError(nat.cmdUnknown(natRequest(80, "127.0.0.1", 8080), contract::testRule)));
     EXPECT_TRUE(tk::isError(nat.cmdUnknown({}, contract::testRule)));
@@ -385,7 +385,7 @@ TEST_F(NatTest, TestingARuleChangesNothing) {
     EXPECT_EQ(kernel.transactions, 0);
 }
 
-TEST_F(NatTest, ChangesAreTold) {
+TEST_F(ServiceTest, ChangesAreTold) {
     const std::uint32_t id = add(natRequest(80, "192.0.2.2", 8080));
     const tk::message record = nat.cmdGetObj(ofId(id));
     EXPECT_FALSE(tk::isError(nat.cmdRemoveObj(ofId(id))));
@@ -397,9 +397,9 @@ TEST_F(NatTest, ChangesAreTold) {
 }
 
 /// A user other than root asks, from the connection of program 80 where nothing else is said.
-class ProgramsNatTest : public NatTest {
+class ProgramsServiceTest : public ServiceTest {
 protected:
-    ProgramsNatTest() { requester.asker = 64002; }
+    ProgramsServiceTest() { requester.asker = 64002; }
     /// What becomes of a rule for this port: an empty text, or why not.
     std::string outcome(std::uint32_t port, std::uint32_t protocol = 6) {
         return tk::getError(nat.cmdAddObj(natRequest(port, "192.0.2.2", 8080, protocol)));
@@ -416,7 +416,7 @@ protected:
     }
 };
 
-TEST_F(ProgramsNatTest, AProgramsRuleIsForAnAddressThatTheRouterHoldsOutside) {
+TEST_F(ProgramsServiceTest, AProgramsRuleIsForAnAddressThatTheRouterHoldsOutside) {
     for (const char* foreign : {"1.1.1.1", "198.51.100.2", "192.0.2.1"}) {
         tk::message request = natRequest(443, "192.0.2.2", 443);
         request.insert_be32(contract::rulefield::dstAddressFirst, address(foreign));
@@ -430,19 +430,19 @@ TEST_F(ProgramsNatTest, AProgramsRuleIsForAnAddressThatTheRouterHoldsOutside) {
     }
 }
 
-TEST_F(ProgramsNatTest, AProgramsRuleMayChangeAfterItsAddressIsGoneButNotWhileThatIsInside) {
+TEST_F(ProgramsServiceTest, AProgramsRuleMayChangeAfterItsAddressIsGoneButNotWhileThatIsInside) {
     const std::uint32_t id = add(natRequest(80, "192.0.2.2", 8080));
     tk::message change = from({80, 0}, ofId(id));
     change.insert_u32(contract::rulefield::toPortFirst, 8081);
     change.insert_u32(contract::rulefield::toPortLast, 8081);
-    const LinkAddress held{3, address("198.51.100.1"), address("198.51.100.1"), 24, true};
+    const router::LinkAddress held{3, address("198.51.100.1"), address("198.51.100.1"), 24, true};
     world.zones.remove(held);
     EXPECT_EQ(tk::getError(nat.cmdSetObj(change)), "");
     world.hold(2, "198.51.100.1", 24);
     EXPECT_NE(tk::getError(nat.cmdSetObj(change)), "");
 }
 
-TEST_F(ProgramsNatTest, AProgramMakesDynamicRulesAlone) {
+TEST_F(ProgramsServiceTest, AProgramMakesDynamicRulesAlone) {
     std::uint32_t code = 0;
     std::string text;
     EXPECT_TRUE(tk::isError(nat.cmdAddObj(lasting(80)), &code, &text));
@@ -452,7 +452,7 @@ TEST_F(ProgramsNatTest, AProgramMakesDynamicRulesAlone) {
     EXPECT_EQ(outcome(80), "");
 }
 
-TEST_F(ProgramsNatTest, AProgramDoesNotTouchWhatIsNotItsOwn) {
+TEST_F(ProgramsServiceTest, AProgramDoesNotTouchWhatIsNotItsOwn) {
     const std::uint32_t stored = addAsRoot(lasting(1));
     const std::uint32_t ofOther = add(natRequest(2, "192.0.2.2", 2, 6, {1001}));
     for (const std::uint32_t id : {stored, ofOther}) {
@@ -470,7 +470,7 @@ TEST_F(ProgramsNatTest, AProgramDoesNotTouchWhatIsNotItsOwn) {
     EXPECT_FALSE(tk::isError(nat.cmdRemoveObj(from({1001}, ofId(ofOther)))));
 }
 
-TEST_F(ProgramsNatTest, RemovingWhatRootRemovedBeforeSucceeds) {
+TEST_F(ProgramsServiceTest, RemovingWhatRootRemovedBeforeSucceeds) {
     const std::uint32_t id = add(natRequest(80, "192.0.2.2", 80));
     requester.asker = 0;
     EXPECT_FALSE(tk::isError(nat.cmdRemoveObj(from({1002}, ofId(id)))));
@@ -478,12 +478,12 @@ TEST_F(ProgramsNatTest, RemovingWhatRootRemovedBeforeSucceeds) {
     EXPECT_FALSE(tk::isError(nat.cmdRemoveObj(from({80, 0}, ofId(id)))));
 }
 
-TEST_F(ProgramsNatTest, AStoredRuleIsNotAProgramsThatHasTheNumberOfNobody) {
+TEST_F(ProgramsServiceTest, AStoredRuleIsNotAProgramsThatHasTheNumberOfNobody) {
     const std::uint32_t id = addAsRoot(lasting(1));
     EXPECT_TRUE(tk::isError(nat.cmdRemoveObj(from({0}, ofId(id)))));
 }
 
-TEST_F(ProgramsNatTest, APortOfTheRoutersOwnIsNotToBeHad) {
+TEST_F(ProgramsServiceTest, APortOfTheRoutersOwnIsNotToBeHad) {
     listeners.heard.insert({{address("198.51.100.1"), 6, 22}, 3});
     EXPECT_EQ(outcome(22), "tcp 198.51.100.1:22 refused: a service of the router listens there");
     EXPECT_EQ(outcome(22, 17), "");
@@ -493,7 +493,7 @@ TEST_F(ProgramsNatTest, APortOfTheRoutersOwnIsNotToBeHad) {
     addAsRoot(natRequest(51820, "192.0.2.2", 1, 17));
 }
 
-TEST_F(ProgramsNatTest, ARuleIsNotMovedToAPortOfTheRoutersOwn) {
+TEST_F(ProgramsServiceTest, ARuleIsNotMovedToAPortOfTheRoutersOwn) {
     listeners.heard.insert({{address("198.51.100.1"), 6, 22}, 3});
     tk::message change = from({80, 0}, ofId(add(natRequest(80, "192.0.2.2", 80))));
     change.insert_u32(contract::rulefield::dstPortFirst, 22);
@@ -502,19 +502,19 @@ TEST_F(ProgramsNatTest, ARuleIsNotMovedToAPortOfTheRoutersOwn) {
     EXPECT_TRUE(kernel.find("198.51.100.1", 6, 80));
 }
 
-TEST_F(ProgramsNatTest, ADisabledRuleGetsNoPortOfTheRoutersOwnEither) {
+TEST_F(ProgramsServiceTest, ADisabledRuleGetsNoPortOfTheRoutersOwnEither) {
     tk::message request = natRequest(51820, "192.0.2.2", 80);
     request.insert_bool(tk::field::disabled, true);
     EXPECT_TRUE(tk::isError(nat.cmdAddObj(request)));
 }
 
-TEST_F(ProgramsNatTest, RootsTestIsThatOfAProgram) {
+TEST_F(ProgramsServiceTest, RootsTestIsThatOfAProgram) {
     requester.asker = 0;
     const tk::message answer = nat.cmdUnknown(natRequest(51820, "192.0.2.2", 80), contract::testRule);
     EXPECT_EQ(tk::getError(answer), "external port 51820 refused: it is one of the router's own");
 }
 
-TEST_F(ProgramsNatTest, RefusalsAreLoggedAndAFloodOfThemIsCounted) {
+TEST_F(ProgramsServiceTest, RefusalsAreLoggedAndAFloodOfThemIsCounted) {
     const tk::testing::CapturedOutput output;
     for (int i = 0; i < 100; ++i) (void)outcome(51820);  // only the log counts
     nat.withdraw();                                      // as at the end
@@ -525,4 +525,4 @@ TEST_F(ProgramsNatTest, RefusalsAreLoggedAndAFloodOfThemIsCounted) {
 }
 
 }  // namespace
-}  // namespace router
+}  // namespace nat

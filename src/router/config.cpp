@@ -174,7 +174,7 @@ private:
     }
 
     [[nodiscard]] bool readNat(std::string_view key, const toml::node& value, Config& out) {
-        NatConfig& nat = out.nat;
+        nat::Config& nat = out.nat;
         if (key == "check-targets") return values.read(key, value, nat.checksTargets);
         if (key == "internal-prefixes") return values.fail(key, value, "is now \"networks\" in [lan]");
         if (key == "external-ports") return values.read(key, value, nat.externalPorts);
@@ -186,7 +186,7 @@ private:
     }
 
     [[nodiscard]] bool readGuard(std::string_view key, const toml::node& value, Config& out) {
-        GuardConfig& guard = out.guard;
+        firewall::GuardConfig& guard = out.guard;
         if (key == "limit-connections") return values.read(key, value, guard.limitsConnections);
         if (key == "searches-per-second")
             return values.read(key, value, 0, highestRate, guard.searchesPerSecond);

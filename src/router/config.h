@@ -23,8 +23,8 @@ struct Config {
     std::vector<UserRights> users;
     LanConfig lan;
     std::vector<InterfaceConfig> interfaces;
-    NatConfig nat;
-    GuardConfig guard;
+    nat::Config nat;
+    firewall::GuardConfig guard;
 
     bool operator==(const Config&) const = default;
 };

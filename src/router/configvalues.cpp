@@ -35,12 +35,12 @@ std::optional<Prefix> prefixNamed(std::string_view text) {
     return prefix.network == ntohl(address.s_addr) ? std::optional(prefix) : std::nullopt;
 }
 
-std::optional<PortRange> portsOf(std::string_view text) {
+std::optional<nat::PortRange> portsOf(std::string_view text) {
     const std::size_t dash = text.find('-');
     const auto first = numberOf(text.substr(0, dash), highestPort);
     const auto last = dash == std::string_view::npos ? first : numberOf(text.substr(dash + 1), highestPort);
     if (!first || !last || *first > *last) return std::nullopt;
-    return PortRange{static_cast<std::uint16_t>(*first), static_cast<std::uint16_t>(*last)};
+    return nat::PortRange{static_cast<std::uint16_t>(*first), static_cast<std::uint16_t>(*last)};
 }
 
 std::optional<tk::Path> pathOf(std::string_view text) {
@@ -120,7 +120,7 @@ bool ConfigValues::read(std::string_view key, const toml::node& value, std::vect
            fail(key, *culprit, "must be a list of networks, such as \"192.0.2.0/24\"");
 }
 
-bool ConfigValues::read(std::string_view key, const toml::node& value, std::vector<PortRange>& out) {
+bool ConfigValues::read(std::string_view key, const toml::node& value, std::vector<nat::PortRange>& out) {
     const toml::node* culprit = nullptr;
     return readList(value, &portsOf, out, culprit) ||
            fail(key, *culprit, "must be a list of ports, such as 80 and \"1024-65535\"");

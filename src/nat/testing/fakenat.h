@@ -14,36 +14,37 @@
 #include "links/testing/fakekernel.h"
 #include "nat/listeners.h"
 
-namespace router::testing {
+namespace nat::testing {
 
 /// A kernel's map of rules that refuses when it is told to.
-class FakeNat final : public NatKernel {
+class FakeNat final : public firewall::Kernel {
 public:
-    tk::Status commit(std::span<const NatElement> removed, std::span<const NatElement> added) override {
+    tk::Status commit(std::span<const firewall::Element> removed,
+                      std::span<const firewall::Element> added) override {
         if (owner && !holds(owner->elements())) ++strayedOwner;
         std::string reason = removed.size() + added.size() > largest ? "Message too long" : fault;
         if (transactionsLeft == 0) reason = "Cannot allocate memory";
         if (!reason.empty()) return tk::Status::failure(reason);
         if (transactionsLeft) --*transactionsLeft;
         ++transactions;
-        for (const NatElement& element : removed) elements.erase(element.key);
-        for (const NatElement& element : added) elements[element.key] = element.target;
+        for (const firewall::Element& element : removed) elements.erase(element.key);
+        for (const firewall::Element& element : added) elements[element.key] = element.target;
         return {};
     }
     const NatTarget* find(const char* destination, std::uint8_t protocol, std::uint16_t port) const {
-        const auto element = elements.find({address(destination), protocol, port});
+        const auto element = elements.find({router::testing::address(destination), protocol, port});
         return element == elements.end() ? nullptr : &element->second;
     }
     /// True when the map has these elements and no others.
-    bool holds(const std::vector<NatElement>& wanted) const {
+    bool holds(const std::vector<firewall::Element>& wanted) const {
         std::map<NatKey, NatTarget> targets;
-        for (const NatElement& element : wanted) targets[element.key] = element.target;
+        for (const firewall::Element& element : wanted) targets[element.key] = element.target;
         return targets == elements;
     }
 
     std::map<NatKey, NatTarget> elements;
-    const ElementOwner* owner = nullptr;  // asked at each transaction
-    int strayedOwner = 0;                 // how often it told something else than what the map has
+    const firewall::ElementOwner* owner = nullptr;  // asked at each transaction
+    int strayedOwner = 0;                           // how often it told something else than what the map has
     int transactions = 0;
     std::size_t largest = 60000;          // elements in a transaction
     std::optional<int> transactionsLeft;  // before all are refused
@@ -64,4 +65,4 @@ public:
     std::string fault;
 };
 
-}  // namespace router::testing
+}  // namespace nat::testing
