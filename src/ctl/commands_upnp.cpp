@@ -11,7 +11,7 @@
 #include "ctl/commandline.h"
 #include "ctl/failure.h"
 #include "ctl/json.h"
-#include "ctl/settings.h"
+#include "ctl/keyvalues.h"
 #include "ctl/table.h"
 #include "ctl/text.h"
 #include "tk/names.h"

@@ -1,4 +1,4 @@
-#include "ctl/settings.h"
+#include "ctl/keyvalues.h"
 
 #include <gtest/gtest.h>
 

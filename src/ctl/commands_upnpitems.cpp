@@ -15,7 +15,7 @@
 #include "ctl/failure.h"
 #include "ctl/interfaces.h"
 #include "ctl/json.h"
-#include "ctl/settings.h"
+#include "ctl/keyvalues.h"
 #include "ctl/table.h"
 #include "ctl/text.h"
 #include "tk/names.h"
