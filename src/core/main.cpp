@@ -2,9 +2,9 @@
 
 #include "contract/programs.h"
 #include "core/gateway.h"
+#include "tk/account.h"
 #include "tk/log.h"
 #include "tk/looper.h"
-#include "tk/privileges.h"
 
 namespace {
 

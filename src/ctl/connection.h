@@ -5,7 +5,7 @@
 #include <string>
 
 #include "tk/busconnection.h"
-#include "tk/clock.h"
+#include "tk/runner.h"
 #include "tk/looper.h"
 
 namespace ctl {

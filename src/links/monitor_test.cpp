@@ -9,7 +9,7 @@
 #include "links/prefix.h"
 #include "links/testing/fakekernel.h"
 #include "tk/bus.h"
-#include "tk/clock.h"
+#include "tk/runner.h"
 #include "tk/testing/commands.h"
 #include "tk/testing/folder.h"
 #include "tk/testing/privatenetwork.h"

@@ -12,7 +12,7 @@
 #include "contract/programs.h"
 #include "links/testing/fakekernel.h"
 #include "netlink/notifications.h"
-#include "tk/clock.h"
+#include "tk/runner.h"
 #include "tk/looper.h"
 #include "tk/testing/capturedoutput.h"
 #include "tk/testing/commands.h"

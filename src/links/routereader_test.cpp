@@ -12,7 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "contract/programs.h"
-#include "tk/clock.h"
+#include "tk/runner.h"
 #include "tk/looper.h"
 #include "tk/testing/commands.h"
 #include "tk/testing/privatenetwork.h"

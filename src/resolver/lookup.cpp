@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <utility>
 
-#include "tk/clock.h"
 #include "tk/names.h"
+#include "tk/runner.h"
 
 namespace resolver {
 

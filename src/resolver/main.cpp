@@ -6,11 +6,11 @@
 #include "contract/programs.h"
 #include "net/convert.h"
 #include "resolver/resolver.h"
+#include "tk/account.h"
 #include "tk/fd.h"
 #include "tk/log.h"
 #include "tk/looper.h"
 #include "tk/names.h"
-#include "tk/privileges.h"
 
 namespace {
 

@@ -25,8 +25,8 @@
 #include "router/daemonguard.h"
 #include "router/history.h"
 #include "router/identity.h"
-#include "tk/clock.h"
 #include "tk/looper.h"
+#include "tk/runner.h"
 #include "tk/status.h"
 
 namespace router {

@@ -1,10 +1,67 @@
 #include "tk/account.h"
 
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
 #include <grp.h>
+#include <linux/capability.h>
 #include <pwd.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <memory>
+
+#include "tk/fd.h"
+#include "tk/log.h"
+
 namespace tk {
+
+namespace {
+
+struct CloseFolder {
+    void operator()(DIR* folder) const { (void)::closedir(folder); }
+};
+
+/// Makes a folder that everybody may enter, whatever the umask is; one that is there stays as it is.
+bool makeFolder(const std::string& path) {
+    constexpr mode_t everybodyMayEnter = 0755;
+    if (::mkdir(path.c_str(), everybodyMayEnter) != 0) return errno == EEXIST;
+    return ::chmod(path.c_str(), everybodyMayEnter) == 0;
+}
+
+/// Whoever may write to the folder may have put a name of somebody else's file there: only a file without
+/// another name is given away, and by the descriptor that was looked at.
+bool giveFile(int folder, const char* name, const Account& account) {
+    const Fd file(::openat(folder, name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    struct stat status {};
+    if (!file.isOpen() || ::fstat(file.get(), &status) != 0) return errno == ENOENT;
+    if (!S_ISREG(status.st_mode) || status.st_nlink != 1) return true;
+    return ::fchownat(file.get(), "", account.uid, account.gid, AT_EMPTY_PATH) == 0;
+}
+
+bool setNoCapabilities() {
+    __user_cap_header_struct header{};
+    header.version = _LINUX_CAPABILITY_VERSION_3;
+    const __user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3] = {};
+    return ::syscall(SYS_capset, &header, none) == 0;
+}
+
+bool fail(const std::string& what, std::string& reason) {
+    reason = what + ": " + errorText();
+    return false;
+}
+
+bool becomeUser(const std::string& name, const std::vector<std::string>& folders, std::string& reason) {
+    const std::optional<Account> account = findAccount(name);
+    if (!account) return true;
+    for (const std::string& folder : folders)
+        if (!giveFolder(folder, *account)) return fail("folder " + folder, reason);
+    return becomeAccount(inBusGroup(*account)) || fail("user " + name, reason);
+}
+
+}  // namespace
 
 std::optional<Account> findAccount(const std::string& name) {
     const passwd* entry = ::getpwnam(name.c_str());
@@ -28,6 +85,26 @@ bool becomeAccount(const Account& account) {
     return ::setgroups(account.groups.size(), account.groups.data()) == 0 &&
            ::setresgid(account.gid, account.gid, account.gid) == 0 &&
            ::setresuid(account.uid, account.uid, account.uid) == 0;
+}
+
+bool giveFolder(const std::string& path, const Account& account) {
+    if (!makeFolder(path.substr(0, path.rfind('/'))) || !makeFolder(path)) return false;
+    Fd opened(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!opened.isOpen()) return false;
+    if (::fchown(opened.get(), account.uid, account.gid) != 0) return false;
+    const std::unique_ptr<DIR, CloseFolder> folder(::fdopendir(opened.get()));
+    if (!folder) return false;
+    (void)opened.release();  // the stream closes it
+    while (const dirent* entry = ::readdir(folder.get()))
+        if (!giveFile(::dirfd(folder.get()), entry->d_name, account)) return false;
+    return true;
+}
+
+bool giveUpRights(const std::string& name, const std::vector<std::string>& folders, std::string& reason) {
+    if (::geteuid() == 0 && !becomeUser(name, folders, reason)) return false;
+    // Capabilities that are not permitted leave the ambient set as well.
+    if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && setNoCapabilities()) return true;
+    return fail("the capabilities", reason);
 }
 
 }  // namespace tk

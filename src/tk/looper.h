@@ -6,7 +6,6 @@
 #include <string>
 
 #include "tk/busconnection.h"
-#include "tk/clock.h"
 #include "tk/fd.h"
 #include "tk/handler.h"
 #include "tk/runner.h"

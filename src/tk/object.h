@@ -21,9 +21,9 @@ public:
     /// What it is called in texts for people.
     virtual std::string getName() const { return "item"; }
     /// Writes the object's values into `out`; the options say what beyond its settings (0: nothing).
-    virtual void getConfig(message& out, std::uint32_t options) const;
+    virtual void getConfig([[maybe_unused]] message& out, [[maybe_unused]] std::uint32_t options) const {}
     /// Reads the object's values; each keeps its current one where the field is absent.
-    virtual void setConfig(const message& in, std::uint32_t options);
+    virtual void setConfig([[maybe_unused]] const message& in, [[maybe_unused]] std::uint32_t options) {}
 
     /// tk::unassigned until the map gives it one.
     std::uint32_t id = unassigned;

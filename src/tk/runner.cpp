@@ -1,6 +1,7 @@
 #include "tk/runner.h"
 
 #include <sys/epoll.h>
+#include <time.h>
 
 #include <algorithm>
 #include <cassert>
@@ -18,6 +19,13 @@ constexpr int eventsPerTurn = 256;
 constexpr std::uint64_t turnLimit = 100;
 
 }  // namespace
+
+std::uint64_t SystemClock::now() const {
+    timespec time{};
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return static_cast<std::uint64_t>(time.tv_sec) * 1000 +
+           static_cast<std::uint64_t>(time.tv_nsec) / 1000000;
+}
 
 Runner::Runner(const Clock& clock) : clock(clock), epoll(epoll_create1(EPOLL_CLOEXEC)) {
     assert(epoll.isOpen());

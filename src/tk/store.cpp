@@ -6,7 +6,6 @@
 
 #include <utility>
 
-#include "tk/checksum.h"
 #include "tk/file.h"
 #include "tk/log.h"
 
@@ -66,6 +65,16 @@ bool encode(const std::map<std::uint32_t, message>& entries, std::uint32_t revis
 }
 
 }  // namespace
+
+std::uint32_t crc32(std::string_view bytes) {
+    constexpr std::uint32_t polynomial = 0xEDB88320;
+    std::uint32_t crc = 0xFFFFFFFF;
+    for (const char byte : bytes) {
+        crc ^= static_cast<unsigned char>(byte);
+        for (int bit = 0; bit < 8; ++bit) crc = crc & 1 ? crc >> 1 ^ polynomial : crc >> 1;
+    }
+    return ~crc;
+}
 
 Store::Store(std::string path, std::uint32_t revision) : path(std::move(path)), revision(revision) {
     load();

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <string_view>
 
 #include "tk/message.h"
 
@@ -66,5 +67,8 @@ private:
     bool lost = false;
     bool blocked = false;  // a damaged file could not be moved aside, and must not be overwritten
 };
+
+/// What a store's file tells damage by: the CRC-32 of ISO 3309, as in zip files and Ethernet frames.
+[[nodiscard]] std::uint32_t crc32(std::string_view bytes);
 
 }  // namespace tk

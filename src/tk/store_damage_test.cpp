@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include "tk/checksum.h"
 #include "tk/store.h"
 #include "tk/testing/capturedoutput.h"
 #include "tk/testing/folder.h"

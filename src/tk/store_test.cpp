@@ -196,5 +196,11 @@ TEST_F(StoreFailure, EntryThatCouldNotBeReadBackIsRefused) {
     EXPECT_EQ(stored(1), shallower);
 }
 
+TEST(StoreChecksum, IsTheCommonCrc32) {
+    EXPECT_EQ(crc32(""), 0U);
+    EXPECT_EQ(crc32("123456789"), 0xCBF43926U);
+    EXPECT_EQ(crc32(std::string_view("\0\xFF", 2)), 0x6CDBFD72U);
+}
+
 }  // namespace
 }  // namespace tk

@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-#include "tk/clock.h"
+#include "tk/runner.h"
 
 namespace tk::testing {
 

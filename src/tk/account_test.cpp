@@ -1,5 +1,6 @@
-#include "tk/privileges.h"
+#include "tk/account.h"
 
+#include <fcntl.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -11,12 +12,85 @@
 
 #include <gtest/gtest.h>
 
-#include "tk/account.h"
 #include "tk/file.h"
 #include "tk/testing/folder.h"
 
 namespace tk {
 namespace {
+
+/// A folder of the test's own; giving something away takes root.
+class GiveFolder : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (::geteuid() != 0) GTEST_SKIP() << "only root gives files away";
+        std::string pattern = ::testing::TempDir() + "accountXXXXXX";
+        base = ::mkdtemp(pattern.data());
+        account.uid = 64001;
+        account.gid = 64000;
+    }
+
+    void write(const std::string& name) { ASSERT_TRUE(writeSynced(base + name, "content")); }
+
+    uid_t ownerOf(const std::string& name) const {
+        struct stat status {};
+        EXPECT_EQ(::lstat((base + name).c_str(), &status), 0) << name;
+        return status.st_uid;
+    }
+
+    std::string base;
+    Account account;
+};
+
+TEST_F(GiveFolder, MakesTheFolderThatIsAbsent) {
+    ASSERT_TRUE(giveFolder(base + "/new", account));
+    EXPECT_EQ(ownerOf("/new"), account.uid);
+}
+
+TEST_F(GiveFolder, MakesTheOneAboveItToo) {
+    ASSERT_TRUE(giveFolder(base + "/new/store", account));
+    EXPECT_EQ(ownerOf("/new/store"), account.uid);
+    EXPECT_EQ(ownerOf("/new"), 0U);
+}
+
+TEST_F(GiveFolder, LetsEverybodyEnterAFolderThatItMade) {
+    const mode_t before = ::umask(077);
+    ASSERT_TRUE(giveFolder(base + "/new", account));
+    (void)::umask(before);
+    struct stat status {};
+    ASSERT_EQ(::stat((base + "/new").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0755U);
+}
+
+TEST_F(GiveFolder, GivesTheFilesInTheFolderToo) {
+    write("/folder/nat");
+    ASSERT_TRUE(giveFolder(base + "/folder", account));
+    EXPECT_EQ(ownerOf("/folder"), account.uid);
+    EXPECT_EQ(ownerOf("/folder/nat"), account.uid);
+}
+
+TEST_F(GiveFolder, LeavesAFileThatHasAnotherNameElsewhere) {
+    write("/secret");
+    write("/folder/nat");
+    ASSERT_EQ(::link((base + "/secret").c_str(), (base + "/folder/trap").c_str()), 0);
+    ASSERT_TRUE(giveFolder(base + "/folder", account));
+    EXPECT_EQ(ownerOf("/secret"), 0U);
+}
+
+TEST_F(GiveFolder, FollowsNoLink) {
+    write("/secret");
+    write("/folder/nat");
+    ASSERT_EQ(::symlink((base + "/secret").c_str(), (base + "/folder/trap").c_str()), 0);
+    ASSERT_TRUE(giveFolder(base + "/folder", account));
+    EXPECT_EQ(ownerOf("/secret"), 0U);
+
+    ASSERT_EQ(::symlink(base.c_str(), (base + "/link").c_str()), 0);
+    EXPECT_FALSE(giveFolder(base + "/link", account));
+    EXPECT_EQ(ownerOf(""), 0U);
+}
+
+TEST_F(GiveFolder, FailsWhereTheFolderCannotBeMade) {
+    EXPECT_FALSE(giveFolder(base + "/no/such/folder", account));
+}
 
 /// The value of a line of /proc/self/status.
 std::string status(const std::string& key) {
