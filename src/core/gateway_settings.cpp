@@ -47,7 +47,8 @@ tk::message Gateway::cmdSet(const tk::message& request) {
     for (const tk::message::Field& value : before.fields()) undo.insert(value);
 
     // Stored as received, even when it is partial: what it leaves out reads as the default at the next start.
-    if (!settings.set(settingsEntry, request)) return tk::errorMsg(tk::error::failed, settings.error());
+    if (const tk::Status stored = settings.set(settingsEntry, request); !stored.isOk())
+        return tk::errorMsg(tk::error::failed, stored.reason());
     const bool wasEnabled = enabled;
     takeSettings(request);
 

@@ -64,9 +64,9 @@ TEST_F(Items, OfOneInterfaceAreOneWhateverTheStoreHolds) {
     stop();
     {
         tk::Store store(folder.file("store/upnp"), 1);
-        ASSERT_TRUE(store.set(3, item(1, 2)));
-        ASSERT_TRUE(store.set(4, item(1, 1)));
-        ASSERT_TRUE(store.set(5, item(2, 1)));
+        ASSERT_TRUE(store.set(3, item(1, 2)).isOk());
+        ASSERT_TRUE(store.set(4, item(1, 1)).isOk());
+        ASSERT_TRUE(store.set(5, item(2, 1)).isOk());
     }
     takeLog();
     start();

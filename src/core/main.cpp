@@ -13,15 +13,16 @@ constexpr unsigned descriptors = 8192;  // for what the limits on connections an
 }  // namespace
 
 int main() {
-    std::string reason;
-    if (!tk::giveUpRights("upnpd", {"/tesk/store"}, reason)) {  // before anything is read
-        tk::log("cannot give up root's rights: ", reason);
+    // Before anything is read.
+    if (const tk::Status given = tk::giveUpRights("upnpd", {"/tesk/store"}); !given.isOk()) {
+        tk::log("cannot give up root's rights: ", given.reason());
         return 1;
     }
     tk::allowDescriptors(descriptors);
     tk::Looper looper(0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
-    if (!looper.join(contract::program::gateway, contract::busPath, reason)) {
-        tk::log("cannot join the bus at ", contract::busPath, ": ", reason);
+    if (const tk::Status joined = looper.join(contract::program::gateway, contract::busPath);
+        !joined.isOk()) {
+        tk::log("cannot join the bus at ", contract::busPath, ": ", joined.reason());
         return 1;
     }
     auto gateway = std::make_unique<Gateway>();

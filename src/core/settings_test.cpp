@@ -94,7 +94,8 @@ TEST_F(Settings, AreToldAsTheyWereReceived) {
 TEST_F(Settings, AreReadFromAStoreOfRevision5Alone) {
     for (const std::uint32_t revision : {4u, 5u}) {
         stop();
-        ASSERT_TRUE(tk::Store(folder.file("store/upnpm"), revision).set(0, settings(false, false, false)));
+        ASSERT_TRUE(
+            tk::Store(folder.file("store/upnpm"), revision).set(0, settings(false, false, false)).isOk());
         start();
         EXPECT_EQ(get(), revision == 5 ? settings(false, false, false) : settings(false)) << revision;
     }

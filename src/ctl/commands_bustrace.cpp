@@ -1,5 +1,3 @@
-#include "ctl/bustrace.h"
-
 #include <signal.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -11,8 +9,8 @@
 #include <CLI/App.hpp>
 
 #include "contract/programs.h"
+#include "ctl/bustrace.h"
 #include "ctl/commandline.h"
-#include "ctl/connection.h"
 #include "ctl/failure.h"
 #include "ctl/json.h"
 #include "ctl/session.h"
@@ -61,16 +59,16 @@ private:
 };
 
 void Tracer::run(const std::string& socketPath) {
-    Connection connection(socketPath, *this);
+    Connection connection(socketPath, this);
     Session(connection.bus()).request(contract::path::hub(), tk::command::hubTrace);
 
     const tk::Fd interruption = catchInterruption();
     if (!interruption.isOpen()) throw Failure("cannot watch for the end: " + tk::errorText());
     TraceOutput toReader(STDOUT_FILENO, interruption.get());
     output = &toReader;
-    tk::Watch signalWatch;
+    tk::Watch signalWatch(connection.runner());
     signalWatch.start<Tracer, &Tracer::interrupted>(interruption.get(), *this, tk::readable);
-    tk::Watch readerWatch;  // for no event: a reader that leaves is told in any case
+    tk::Watch readerWatch(connection.runner());  // for no event: a reader that leaves is told in any case
     readerWatch.start<Tracer, &Tracer::readerLeft>(STDOUT_FILENO, *this, 0);
     while (!ended) connection.runner().turn(-1);
     if (!ended->empty()) throw Failure(*ended);

@@ -5,7 +5,7 @@ namespace ctl {
 Session& Context::session() {
     if (opened) return *opened;
     if (!bus) {
-        connection = std::make_unique<Connection>(socketPath, receiver);
+        connection = std::make_unique<Connection>(socketPath);
         bus = &connection->bus();
     }
     return opened.emplace(*bus);

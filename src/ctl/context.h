@@ -7,7 +7,6 @@
 #include <string>
 
 #include "contract/programs.h"
-#include "ctl/connection.h"
 #include "ctl/json.h"
 #include "ctl/session.h"
 #include "ctl/table.h"
@@ -37,7 +36,6 @@ public:
 
 private:
     tk::Bus* bus;
-    NoReceiver receiver;
     std::unique_ptr<Connection> connection;
     std::optional<Session> opened;
 };

@@ -21,6 +21,12 @@ std::string reasonOf(const tk::message& error, const tk::Path& asked) {
            (" does not answer: " + text);
 }
 
+Connection::Connection(const std::string& socketPath, tk::BusConnection::Receiver* receiver) {
+    auto opened = tk::BusConnection::open(socketPath, events, receiver);
+    if (!opened.isOk()) throw Failure("cannot reach routerd at " + socketPath + ": " + opened.reason());
+    connection = opened.take();
+}
+
 tk::message Session::exchange(const tk::Path& path, std::uint32_t command, const tk::message& fields,
                               std::uint32_t timeout) {
     tk::message request;

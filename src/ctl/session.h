@@ -1,10 +1,13 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "tk/bus.h"
+#include "tk/busconnection.h"
+#include "tk/runner.h"
 
 namespace ctl {
 
@@ -15,6 +18,26 @@ constexpr std::uint32_t requestTimeout = 20000;
 /// An error's reason for people, also where it carries no text. When nobody answered, the program behind the
 /// path that was asked is named, unless the path is empty.
 [[nodiscard]] std::string reasonOf(const tk::message& error, const tk::Path& asked = {});
+
+/// tkctl's connection to the hub. No program is registered, and no signal is touched: a command that waits is
+/// ended by an interrupt like any other.
+class Connection {
+public:
+    /// Connects to the hub. Without a receiver a lost bus shows in the request that fails.
+    /// Errors: throws Failure when the hub cannot be reached.
+    /// Lifetime: `receiver` outlives the connection.
+    explicit Connection(const std::string& socketPath, tk::BusConnection::Receiver* receiver = nullptr);
+
+    /// What requests go to.
+    tk::Bus& bus() { return *connection; }
+    /// What is received is handed to the receiver in the turns of this runner.
+    tk::Runner& runner() { return events; }
+
+private:
+    tk::SystemClock clock;
+    tk::Runner events{clock};
+    std::unique_ptr<tk::BusConnection> connection;
+};
 
 /// Requests over the bus, as a client that has no path of its own.
 class Session {

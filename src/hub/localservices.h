@@ -4,35 +4,35 @@
 
 #include <cstdint>
 #include <map>
-#include <utility>
 
 #include "hub/access.h"
-#include "tk/handler.h"
-#include "tk/message.h"
+#include "tk/handlertable.h"
 
 namespace router {
 
 /// The handlers that live in the hub's own process, by their paths.
 class LocalServices final : public Requester {
 public:
-    /// Serves `handler` at its path, of one or two elements. Lifetime: the handler outlives the entry.
-    void add(tk::Handler& handler);
-    void clear() { services.clear(); }
+    /// Serves `handler` at its path, of one or two elements.
+    /// Lifetime: the handler outlives the entry.
+    void add(tk::Handler& handler) {
+        programs[handler.path().front()].add(tk::handlerNumber(handler.path()), handler);
+    }
+    void clear() { programs.clear(); }
 
     /// True when paths that begin with `program` lead to this process.
-    bool has(std::uint32_t program) const;
-    /// The handler at a path of one or two elements, null when there is none.
+    bool has(std::uint32_t program) const { return programs.contains(program); }
+    /// The handler at a path of one or two elements.
+    /// Errors: null when there is none.
     tk::Handler* find(const tk::Path& path) const;
-    /// Serves one request of a user. The answer carries no routing fields.
+    /// Serves one request of a user, to a program of this process. The answer carries no routing fields.
     [[nodiscard]] tk::message serve(const tk::message& request, uid_t asker);
     [[nodiscard]] uid_t user() const override { return served; }
     /// Tells every handler that a client is gone.
     void disconnected(const tk::Path& client) const;
 
 private:
-    using Key = std::pair<std::uint32_t, std::uint32_t>;  // the first two elements of the path
-
-    std::map<Key, tk::Handler*> services;
+    std::map<std::uint32_t, tk::HandlerTable> programs;
     uid_t served = 0;  // the user of the request that is being served
 };
 

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "tk/bus.h"
+#include "tk/runner.h"
 
 namespace router {
 
@@ -25,7 +26,7 @@ HubPeer::HubPeer(tk::Fd socket, const Terms& terms, Owner& owner)
       number(terms.number),
       account(terms.budget),
       connection(account, overhead),
-      channel(std::move(socket), *this, account, limitsOf(terms.user.uid)) {}
+      channel(*tk::getRunner(), std::move(socket), *this, account, limitsOf(terms.user.uid)) {}
 
 tk::Channel::Sent HubPeer::sendRequest(tk::Budget& payer, const tk::message& request) {
     if (channel.queuedBytes() > requestLimit) return tk::Channel::Sent::noRoom;

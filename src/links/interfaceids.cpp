@@ -56,9 +56,9 @@ std::uint32_t InterfaceIds::freshId() const {
 std::uint32_t InterfaceIds::idOf(const std::string& name) {
     if (const auto known = ids.find(name); known != ids.end()) return known->second;
     std::uint32_t id = highest + 1;
-    const bool isReserved = reserve(id);
-    if (!isReserved) tk::log("interface ", name, ": its id is not stored: ", store.error());
-    if (isReserved || store.all().empty())
+    const tk::Status stored = reserve(id);
+    if (!stored.isOk()) tk::log("interface ", name, ": its id is not stored: ", stored.reason());
+    if (stored.isOk() || store.all().empty())
         highest = id;
     else
         id = freshId();
@@ -68,15 +68,15 @@ std::uint32_t InterfaceIds::idOf(const std::string& name) {
 }
 
 /// Makes sure that an id is never given again, whatever becomes of this process.
-bool InterfaceIds::reserve(std::uint32_t id) {
-    if (id <= reserved) return true;
-    if (!save(id + reservedAtOnce - 1)) return false;
-    reserved = id + reservedAtOnce - 1;
-    return true;
+tk::Status InterfaceIds::reserve(std::uint32_t id) {
+    if (id <= reserved) return {};
+    tk::Status stored = save(id + reservedAtOnce - 1);
+    if (stored.isOk()) reserved = id + reservedAtOnce - 1;
+    return stored;
 }
 
 /// Writes everything.
-bool InterfaceIds::save(std::uint32_t lastReserved) {
+tk::Status InterfaceIds::save(std::uint32_t lastReserved) {
     std::map<std::uint32_t, tk::message> entries;
     entries[reservation].insert_u32(reservedField, lastReserved);
     for (const auto& [id, name] : names) entries[id].insert_string(nameField, name);
@@ -85,8 +85,9 @@ bool InterfaceIds::save(std::uint32_t lastReserved) {
 
 void InterfaceIds::storeNow() {
     storing.withdraw();
-    if (save(reserved)) return;
-    tk::log("the ids of new interfaces are not stored: ", store.error());
+    const tk::Status saved = save(reserved);
+    if (saved.isOk()) return;
+    tk::log("the ids of new interfaces are not stored: ", saved.reason());
     storing.call(retryTicks);
 }
 

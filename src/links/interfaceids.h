@@ -47,8 +47,8 @@ public:
 private:
     void remember(const std::string& name, std::uint32_t id);
     std::uint32_t freshId() const;
-    [[nodiscard]] bool reserve(std::uint32_t id);
-    [[nodiscard]] bool save(std::uint32_t lastReserved);
+    tk::Status reserve(std::uint32_t id);
+    tk::Status save(std::uint32_t lastReserved);
     void storeNow();
 
     tk::Store store;

@@ -23,10 +23,10 @@ Prefix networkOf(const LinkAddress& address) {
 
 /// The devices that carry PPPoE sessions: a title, then lines of a number, a hardware address and a name.
 std::set<std::string> pppoeDevices(const std::string& path) {
-    std::string text;
     std::set<std::string> devices;
-    if (!tk::readFile(path, sessionBytes, text)) return devices;  // a kernel without it has no sessions
-    std::istringstream lines(text);
+    const tk::Result<std::string> text = tk::readFile(path, sessionBytes);
+    if (!text.isOk()) return devices;  // a kernel without it has no sessions
+    std::istringstream lines(*text);
     std::string number;
     std::string hardwareAddress;
     std::string device;

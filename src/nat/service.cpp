@@ -154,9 +154,9 @@ tk::Status Service::check(const Rule* former, const Rule& rule, bool isProgram) 
 /// Prepares what becomes of a stored rule.
 tk::Status Service::stage(const Rule& known, const Rule* changed) {
     if (known.dynamic) return {};
-    const bool staged =
+    const tk::Status staged =
         changed ? store.stage(changed->id, changed->toMessage()) : store.stageRemoval(known.id);
-    return staged ? tk::Status() : failed(store.error());
+    return staged.isOk() ? tk::Status() : failed(staged.reason());
 }
 
 /// Keeps a rule as it is now; without `changed` it is gone.
@@ -180,12 +180,13 @@ tk::Status Service::apply(const Rule* former, const Rule* changed) {
         return failed(status.reason());
     }
     keep(former, changed);
-    if (!isStored || store.commit()) return {};
+    const tk::Status stored = isStored ? store.commit() : tk::Status();
+    if (stored.isOk()) return {};
     // Not stored after all: the kernel goes back. Should it refuse that, its state is what the bus goes on
     // telling.
     if (isInKernel && !kernel.commit(added, removed).isOk()) return {};
     keep(changed, former);
-    return failed(store.error());
+    return failed(stored.reason());
 }
 
 tk::message Service::cmdAddObj(const tk::message& request) {

@@ -33,17 +33,17 @@ constexpr std::uint32_t longestIdleSeconds = 86400;
 constexpr unsigned descriptors = 1024;  // all lookups at once have a handful each
 
 int serve(const resolver::Settings& settings) {
-    std::string reason;
-    if (!tk::giveUpRights("resolverd", {}, reason)) {
-        tk::log("cannot give up root's rights: ", reason);
+    if (const tk::Status given = tk::giveUpRights("resolverd", {}); !given.isOk()) {
+        tk::log("cannot give up root's rights: ", given.reason());
         return failed;
     }
     tk::allowDescriptors(descriptors);
     tk::Looper looper;
     resolver::Resolver handler(settings);
     looper.addHandler(0, &handler);
-    if (!looper.join(contract::program::resolver, contract::busPath, reason)) {
-        tk::log("cannot join the bus at ", contract::busPath, ": ", reason);
+    if (const tk::Status joined = looper.join(contract::program::resolver, contract::busPath);
+        !joined.isOk()) {
+        tk::log("cannot join the bus at ", contract::busPath, ": ", joined.reason());
         return failed;
     }
     looper.run();
@@ -51,7 +51,8 @@ int serve(const resolver::Settings& settings) {
     return done;
 }
 
-/// Reads the idle time. Errors: false for anything but a number of seconds in its range.
+/// Reads the idle time.
+/// Errors: false for anything but a number of seconds in its range.
 bool readIdle(const std::string& text, std::uint32_t& ticks) {
     std::uint32_t seconds = 0;
     if (!isUnsigned(text, seconds) || seconds < 1 || seconds > longestIdleSeconds) return false;

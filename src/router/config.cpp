@@ -246,9 +246,8 @@ tk::Result<Config> readConfig(const std::string& path, bool mayBeAbsent) {
     if (!file.isOpen()) return tk::Status::ofErrno(path, errno);
     if (const tk::Status trust = checkWriters(file); !trust.isOk())
         return tk::Status::failure(path + ": " + trust.reason() + ", so it is not followed");
-    std::string text;
-    if (!tk::readFile(file, sizeLimit, text)) return tk::Status::ofErrno(path, errno);
-    return parseConfig(text, path);
+    const tk::Result<std::string> text = tk::readFile(file, sizeLimit);
+    return text.isOk() ? parseConfig(*text, path) : text.status().prefixed(path + ": ");
 }
 
 }  // namespace router

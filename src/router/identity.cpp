@@ -36,7 +36,8 @@ Identity::Identity(const std::string& storePath) {
     identity = randomDigits();
     tk::message entry;
     entry.insert_string(identityField, identity);
-    if (!store.set(storeEntry, entry)) tk::log("identity: it will change at the next start: ", store.error());
+    if (const tk::Status stored = store.set(storeEntry, entry); !stored.isOk())
+        tk::log("identity: it will change at the next start: ", stored.reason());
 }
 
 tk::message Identity::cmdGet(const tk::message&) {

@@ -48,19 +48,6 @@ bool setNoCapabilities() {
     return ::syscall(SYS_capset, &header, none) == 0;
 }
 
-bool fail(const std::string& what, std::string& reason) {
-    reason = what + ": " + errorText();
-    return false;
-}
-
-bool becomeUser(const std::string& name, const std::vector<std::string>& folders, std::string& reason) {
-    const std::optional<Account> account = findAccount(name);
-    if (!account) return true;
-    for (const std::string& folder : folders)
-        if (!giveFolder(folder, *account)) return fail("folder " + folder, reason);
-    return becomeAccount(inBusGroup(*account)) || fail("user " + name, reason);
-}
-
 }  // namespace
 
 std::optional<Account> findAccount(const std::string& name) {
@@ -87,24 +74,37 @@ bool becomeAccount(const Account& account) {
            ::setresuid(account.uid, account.uid, account.uid) == 0;
 }
 
-bool giveFolder(const std::string& path, const Account& account) {
-    if (!makeFolder(path.substr(0, path.rfind('/'))) || !makeFolder(path)) return false;
+Status giveFolder(const std::string& path, const Account& account) {
+    const auto failure = [&path] { return Status::ofErrno("folder " + path, errno); };
+    if (!makeFolder(path.substr(0, path.rfind('/'))) || !makeFolder(path)) return failure();
     Fd opened(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!opened.isOpen()) return false;
-    if (::fchown(opened.get(), account.uid, account.gid) != 0) return false;
+    if (!opened.isOpen() || ::fchown(opened.get(), account.uid, account.gid) != 0) return failure();
     const std::unique_ptr<DIR, CloseFolder> folder(::fdopendir(opened.get()));
-    if (!folder) return false;
+    if (!folder) return failure();
     (void)opened.release();  // the stream closes it
     while (const dirent* entry = ::readdir(folder.get()))
-        if (!giveFile(::dirfd(folder.get()), entry->d_name, account)) return false;
-    return true;
+        if (!giveFile(::dirfd(folder.get()), entry->d_name, account)) return failure();
+    return {};
 }
 
-bool giveUpRights(const std::string& name, const std::vector<std::string>& folders, std::string& reason) {
-    if (::geteuid() == 0 && !becomeUser(name, folders, reason)) return false;
+namespace {
+
+Status becomeUser(const std::string& name, const std::vector<std::string>& folders) {
+    const std::optional<Account> account = findAccount(name);
+    if (!account) return {};
+    for (const std::string& folder : folders)
+        if (const Status given = giveFolder(folder, *account); !given.isOk()) return given;
+    return becomeAccount(inBusGroup(*account)) ? Status() : Status::ofErrno("user " + name, errno);
+}
+
+}  // namespace
+
+Status giveUpRights(const std::string& name, const std::vector<std::string>& folders) {
+    if (::geteuid() == 0)
+        if (const Status changed = becomeUser(name, folders); !changed.isOk()) return changed;
     // Capabilities that are not permitted leave the ambient set as well.
-    if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && setNoCapabilities()) return true;
-    return fail("the capabilities", reason);
+    if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && setNoCapabilities()) return {};
+    return Status::ofErrno("the capabilities", errno);
 }
 
 }  // namespace tk

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "tk/status.h"
+
 namespace tk {
 
 /// A user of the system, as a process needs it to become that user. A value.
@@ -32,15 +34,13 @@ struct Account {
 /// Makes the folder at `path`, if it is absent, and the one above it, and gives it to `account`, with the
 /// files in it: what a program that ran as root has written there is read and replaced by one that runs as a
 /// user of its own. Links, folders in it, and files that have another name elsewhere stay whose they are.
-/// Errors: false, with errno set.
-[[nodiscard]] bool giveFolder(const std::string& path, const Account& account);
+[[nodiscard]] Status giveFolder(const std::string& path, const Account& account);
 
 /// Makes a process that reads what strangers send one that can do nothing else, for good: one that root
 /// started becomes the system's user `name`, in that user's groups and that of the bus, and the folders are
 /// given to it before; where there is no such user it stays root's. A process of anybody else stays whose it
 /// is. Then it gives up every capability, and no program that it would start could get one back either.
-/// Errors: false, with the reason in `reason`; the process has to end then.
-[[nodiscard]] bool giveUpRights(const std::string& name, const std::vector<std::string>& folders,
-                                std::string& reason);
+/// Errors: the process has to end then.
+[[nodiscard]] Status giveUpRights(const std::string& name, const std::vector<std::string>& folders);
 
 }  // namespace tk

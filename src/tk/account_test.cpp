@@ -29,7 +29,7 @@ protected:
         account.gid = 64000;
     }
 
-    void write(const std::string& name) { ASSERT_TRUE(writeSynced(base + name, "content")); }
+    void write(const std::string& name) { ASSERT_TRUE(writeSynced(base + name, "content").isOk()); }
 
     uid_t ownerOf(const std::string& name) const {
         struct stat status {};
@@ -42,19 +42,19 @@ protected:
 };
 
 TEST_F(GiveFolder, MakesTheFolderThatIsAbsent) {
-    ASSERT_TRUE(giveFolder(base + "/new", account));
+    ASSERT_TRUE(giveFolder(base + "/new", account).isOk());
     EXPECT_EQ(ownerOf("/new"), account.uid);
 }
 
 TEST_F(GiveFolder, MakesTheOneAboveItToo) {
-    ASSERT_TRUE(giveFolder(base + "/new/store", account));
+    ASSERT_TRUE(giveFolder(base + "/new/store", account).isOk());
     EXPECT_EQ(ownerOf("/new/store"), account.uid);
     EXPECT_EQ(ownerOf("/new"), 0U);
 }
 
 TEST_F(GiveFolder, LetsEverybodyEnterAFolderThatItMade) {
     const mode_t before = ::umask(077);
-    ASSERT_TRUE(giveFolder(base + "/new", account));
+    ASSERT_TRUE(giveFolder(base + "/new", account).isOk());
     (void)::umask(before);
     struct stat status {};
     ASSERT_EQ(::stat((base + "/new").c_str(), &status), 0);
@@ -63,7 +63,7 @@ TEST_F(GiveFolder, LetsEverybodyEnterAFolderThatItMade) {
 
 TEST_F(GiveFolder, GivesTheFilesInTheFolderToo) {
     write("/folder/nat");
-    ASSERT_TRUE(giveFolder(base + "/folder", account));
+    ASSERT_TRUE(giveFolder(base + "/folder", account).isOk());
     EXPECT_EQ(ownerOf("/folder"), account.uid);
     EXPECT_EQ(ownerOf("/folder/nat"), account.uid);
 }
@@ -72,7 +72,7 @@ TEST_F(GiveFolder, LeavesAFileThatHasAnotherNameElsewhere) {
     write("/secret");
     write("/folder/nat");
     ASSERT_EQ(::link((base + "/secret").c_str(), (base + "/folder/trap").c_str()), 0);
-    ASSERT_TRUE(giveFolder(base + "/folder", account));
+    ASSERT_TRUE(giveFolder(base + "/folder", account).isOk());
     EXPECT_EQ(ownerOf("/secret"), 0U);
 }
 
@@ -80,16 +80,16 @@ TEST_F(GiveFolder, FollowsNoLink) {
     write("/secret");
     write("/folder/nat");
     ASSERT_EQ(::symlink((base + "/secret").c_str(), (base + "/folder/trap").c_str()), 0);
-    ASSERT_TRUE(giveFolder(base + "/folder", account));
+    ASSERT_TRUE(giveFolder(base + "/folder", account).isOk());
     EXPECT_EQ(ownerOf("/secret"), 0U);
 
     ASSERT_EQ(::symlink(base.c_str(), (base + "/link").c_str()), 0);
-    EXPECT_FALSE(giveFolder(base + "/link", account));
+    EXPECT_FALSE(giveFolder(base + "/link", account).isOk());
     EXPECT_EQ(ownerOf(""), 0U);
 }
 
 TEST_F(GiveFolder, FailsWhereTheFolderCannotBeMade) {
-    EXPECT_FALSE(giveFolder(base + "/no/such/folder", account));
+    EXPECT_FALSE(giveFolder(base + "/no/such/folder", account).isOk());
 }
 
 /// The value of a line of /proc/self/status.
@@ -132,41 +132,40 @@ protected:
     }
     const uid_t user = findAccount("daemon")->uid;
     tk::testing::Folder folder;
-    std::string reason;
 };
 
 TEST_F(GiveUpRights, LeavesNoCapabilityWhereThereIsNoSuchUser) {
     EXPECT_TRUE(holdsInAChild(
-        [this] { return giveUpRights("no-such-user", {}, reason) && hasNoCapability() && isUser(0); }));
+        [] { return giveUpRights("no-such-user", {}).isOk() && hasNoCapability() && isUser(0); }));
 }
 
 TEST_F(GiveUpRights, BecomesTheUserWithItsGroup) {
     EXPECT_TRUE(holdsInAChild([this] {
-        return giveUpRights("daemon", {}, reason) && hasNoCapability() && isUser(user) &&
+        return giveUpRights("daemon", {}).isOk() && hasNoCapability() && isUser(user) &&
                ::getgid() == findAccount("daemon")->gid && ::setuid(0) != 0;
     }));
 }
 
 TEST_F(GiveUpRights, GivesTheFoldersAndTheirFilesToTheUserBefore) {
     const std::string store = folder.file("store");
-    ASSERT_TRUE(writeSynced(store + "/settings", "of root"));
+    ASSERT_TRUE(writeSynced(store + "/settings", "of root").isOk());
     EXPECT_TRUE(holdsInAChild([&] {
-        std::string content;
-        return giveUpRights("daemon", {store}, reason) && readFile(store + "/settings", 100, content) &&
-               content == "of root" && writeSynced(store + "/new", "of the user");
+        if (!giveUpRights("daemon", {store}).isOk()) return false;
+        const Result<std::string> content = readFile(store + "/settings", 100);
+        return content.isOk() && *content == "of root" && writeSynced(store + "/new", "of the user").isOk();
     }));
 }
 
 TEST_F(GiveUpRights, FailsWhereAFolderCannotBeGiven) {
-    EXPECT_TRUE(holdsInAChild([this] {
-        return !giveUpRights("daemon", {"/proc/store"}, reason) &&
-               reason == "folder /proc/store: No such file or directory";
+    EXPECT_TRUE(holdsInAChild([] {
+        return giveUpRights("daemon", {"/proc/store"}).reason() ==
+               "folder /proc/store: No such file or directory";
     }));
 }
 
 TEST_F(GiveUpRights, LeavesAnotherUserWhoItIs) {
     EXPECT_TRUE(holdsInAChild([this] {
-        return becomeAccount(*findAccount("daemon")) && giveUpRights("nobody", {"/proc/store"}, reason) &&
+        return becomeAccount(*findAccount("daemon")) && giveUpRights("nobody", {"/proc/store"}).isOk() &&
                isUser(user) && hasNoCapability();
     }));
 }

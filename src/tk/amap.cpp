@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "tk/log.h"
+#include "tk/page.h"
 
 namespace tk {
 
@@ -15,6 +16,11 @@ constexpr std::size_t pageSize = 1024;
 
 message noSuchObject() {
     return errorMsg(error::noSuchObject, "no such object");
+}
+
+/// The error that a change ends with which cannot be written; an empty message where it can.
+message errorOf(const Status& outcome) {
+    return outcome.isOk() ? message() : errorMsg(error::failed, outcome.reason());
 }
 
 }  // namespace
@@ -42,7 +48,7 @@ void AMap::init() {
 void AMap::drop(const Object& refused, const message& verdict) {
     log(refused.getName(), " ", refused.id, " dropped: ", getError(verdict));
     ids.freeID(refused.id);
-    if (!store.remove(refused.id)) log(store.error());
+    if (const Status removed = store.remove(refused.id); !removed.isOk()) log(removed.reason());
 }
 
 message AMap::configOf(const Object& object) {
@@ -78,13 +84,8 @@ message AMap::cmdGetCount(const message&) {
 }
 
 message AMap::cmdGetAll(const message& request) {
-    message reply;
-    std::vector<message>& records = reply.get_message_array_ref(field::objects);
-    auto object = objects.lower_bound(request.get_u32(field::next, 0));
-    for (; object != objects.end() && records.size() < pageSize; ++object)
-        records.push_back(recordOf(*object->second));
-    if (object != objects.end()) reply.insert_u32(field::next, object->first);
-    return reply;
+    return pageFrom(objects, objects.lower_bound(request.get_u32(field::next, 0)), pageSize,
+                    [](std::uint32_t, const std::unique_ptr<Object>& object) { return recordOf(*object); });
 }
 
 message AMap::refuse(bool staged, message verdict) {
@@ -93,15 +94,16 @@ message AMap::refuse(bool staged, message verdict) {
 }
 
 message AMap::commit(bool staged) {
-    return staged && !store.commit() ? errorMsg(error::failed, store.error()) : message();
+    return staged ? errorOf(store.commit()) : message();
 }
 
 message AMap::storeAndAdd(Object& added, std::uint32_t id) {
     const bool storable = added.isStorable();
-    if (storable && !store.stage(id, configOf(added))) return errorMsg(error::failed, store.error());
+    message failure = storable ? errorOf(store.stage(id, configOf(added))) : message();
+    if (isError(failure)) return failure;
     message verdict = addHook(added);
     if (isError(verdict)) return refuse(storable, std::move(verdict));
-    message failure = commit(storable);
+    failure = commit(storable);
     if (isError(failure)) (void)removeHook(added);  // takes back what the hook began
     return failure;
 }
@@ -135,11 +137,11 @@ message AMap::cmdSetObj(const message& request) {
     const std::unique_ptr<Object> changed = copyObject(current);
     changed->setConfig(request, 0);
     const bool storable = changed->isStorable();
-    if (storable && !store.stage(changed->id, configOf(*changed)))
-        return errorMsg(error::failed, store.error());
+    message failure = storable ? errorOf(store.stage(changed->id, configOf(*changed))) : message();
+    if (isError(failure)) return failure;
     message verdict = setHook(current, *changed);
     if (isError(verdict)) return refuse(storable, std::move(verdict));
-    message failure = commit(storable);
+    failure = commit(storable);
     if (isError(failure)) {
         (void)setHook(*changed, current);  // back to what it was
         return failure;
@@ -155,10 +157,11 @@ message AMap::cmdRemoveObj(const message& request) {
     if (entry == objects.end()) return noSuchObject();
     Object& current = *entry->second;
     const bool storable = current.isStorable();
-    if (storable && !store.stageRemoval(current.id)) return errorMsg(error::failed, store.error());
+    message failure = storable ? errorOf(store.stageRemoval(current.id)) : message();
+    if (isError(failure)) return failure;
     message verdict = removeHook(current);
     if (isError(verdict)) return refuse(storable, std::move(verdict));
-    message failure = commit(storable);
+    failure = commit(storable);
     if (isError(failure)) {
         (void)addHook(current);  // back to what it was
         return failure;

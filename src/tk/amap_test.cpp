@@ -115,7 +115,7 @@ class PlainMapTest : public MapFixture<Plain> {};
 TEST_F(PlainMapTest, HooksRefuseByDefaultWithoutAText) {
     EXPECT_EQ(add(1, "one"), errorMsg(0xFE0003, ""));
     EXPECT_EQ(count(), 0U);
-    ASSERT_TRUE(Store(folder.file("items"), 1).set(1, fields(1, "one")));
+    ASSERT_TRUE(Store(folder.file("items"), 1).set(1, fields(1, "one")).isOk());
     Plain loaded(folder.file("items"), 1, 0xFFFFFFFE);
     loaded.init();
     loop.looper.addHandler(0, &loaded);
@@ -128,7 +128,7 @@ TEST_F(PlainMapTest, HooksRefuseByDefaultWithoutAText) {
 TEST_F(MapTest, ObjectThatIsRefusedWhenItIsLoadedIsDroppedWithALogLine) {
     {
         Store store(folder.file("items"), 1);
-        for (const std::uint32_t id : {3U, 4U, 9U}) ASSERT_TRUE(store.set(id, fields(id, "stored")));
+        for (const std::uint32_t id : {3U, 4U, 9U}) ASSERT_TRUE(store.set(id, fields(id, "stored")).isOk());
     }
     Items loaded(folder.file("items"), 1, 0xFFFFFFFE);
     loaded.onLoad = [](const Item& item) {

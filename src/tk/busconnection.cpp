@@ -8,8 +8,6 @@
 #include <cstring>
 #include <utility>
 
-#include "tk/log.h"
-
 namespace tk {
 
 namespace {
@@ -49,18 +47,18 @@ Fd connectTo(const std::string& socketPath) {
 
 }  // namespace
 
-std::unique_ptr<BusConnection> BusConnection::open(const std::string& socketPath, Receiver& receiver,
-                                                   std::string& reason) {
+Result<std::unique_ptr<BusConnection>> BusConnection::open(const std::string& socketPath, Runner& runner,
+                                                           Receiver* receiver) {
     Fd socket = connectTo(socketPath);
-    if (!socket.isOpen()) {
-        reason = errorText();
-        return nullptr;
-    }
-    return std::make_unique<BusConnection>(std::move(socket), receiver);
+    if (!socket.isOpen()) return Status::ofErrno(errno);
+    return std::make_unique<BusConnection>(std::move(socket), runner, receiver);
 }
 
-BusConnection::BusConnection(Fd socket, Receiver& receiver)
-    : receiver(receiver), budget(channelBytes), channel(std::move(socket), *this, budget, hubLimits()) {}
+BusConnection::BusConnection(Fd socket, Runner& runner, Receiver* receiver)
+    : receiver(receiver),
+      handOnTimer(*this, runner),
+      budget(channelBytes),
+      channel(runner, std::move(socket), *this, budget, hubLimits()) {}
 
 BusConnection::~BusConnection() = default;
 
@@ -167,7 +165,7 @@ void BusConnection::received(message arrived) {
     if (noteRefusal(arrived)) return;
     if (!isForTheLoop(arrived)) return;          // late: its requester gave up
     if (!waiting.empty()) return keep(arrived);  // behind what came before it
-    receiver.busReceived(arrived);
+    if (receiver) receiver->busReceived(arrived);
 }
 
 void BusConnection::handOn() {
@@ -176,12 +174,12 @@ void BusConnection::handOn() {
         const message arrived(waiting.front());
         waitingBytes -= waiting.front().size() + waitingOverhead;
         waiting.pop_front();
-        receiver.busReceived(arrived);
+        if (receiver) receiver->busReceived(arrived);
     }
 }
 
 void BusConnection::broken(const std::string& reason) {
-    receiver.busLost(isError(refusal) ? getError(refusal) : reason);
+    if (receiver) receiver->busLost(isError(refusal) ? getError(refusal) : reason);
 }
 
 }  // namespace tk

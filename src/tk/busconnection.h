@@ -30,12 +30,13 @@ public:
         virtual void busLost(const std::string& reason) = 0;
     };
 
-    /// Connects to the hub. There must be a Looper, which need not run.
-    /// Errors: null, with the reason in `reason`. Lifetime: `receiver` outlives the connection.
-    static std::unique_ptr<BusConnection> open(const std::string& socketPath, Receiver& receiver,
-                                               std::string& reason);
-    /// Takes over a socket that is connected to the hub, and non-blocking. Lifetime: as for open().
-    BusConnection(Fd socket, Receiver& receiver);
+    /// Connects to the hub. Without a receiver whatever is no end of an exchange is dropped.
+    /// Lifetime: `runner` and `receiver` outlive the connection.
+    static Result<std::unique_ptr<BusConnection>> open(const std::string& socketPath, Runner& runner,
+                                                       Receiver* receiver);
+    /// Takes over a socket that is connected to the hub, and non-blocking.
+    /// Lifetime: as for open().
+    BusConnection(Fd socket, Runner& runner, Receiver* receiver);
     ~BusConnection() override;
 
     [[nodiscard]] message exchange(const message& request, const Path& from, std::uint32_t command,
@@ -60,14 +61,14 @@ private:
     void handOn();
     [[nodiscard]] message awaitEnd(std::uint32_t number, std::uint32_t timeout);
 
-    Receiver& receiver;
+    Receiver* receiver;
     std::uint32_t numbers = 0;
     std::set<std::uint32_t> asked;    // numbers of requests that the loop gets the end of
     bool hasBegun = false;            // something has arrived
     message refusal;                  // an error, when the hub did not take the connection
     std::deque<std::string> waiting;  // arrived during an exchange, or behind what did; in their flat form
     std::size_t waitingBytes = 0;
-    Timer<BusConnection, &BusConnection::handOn> handOnTimer{*this};
+    Timer<BusConnection, &BusConnection::handOn> handOnTimer;
     Budget budget;
     Channel channel;
 };

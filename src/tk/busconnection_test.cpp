@@ -25,9 +25,9 @@ message numbered(std::uint32_t value) {
 class BusConnectionTest : public ::testing::Test, public BusConnection::Receiver {
 protected:
     void SetUp() override {
-        std::string reason;
-        connection = BusConnection::open(hub.path(), *this, reason);
-        ASSERT_TRUE(connection) << reason;
+        auto opened = BusConnection::open(hub.path(), loop.looper.runner(), this);
+        ASSERT_TRUE(opened.isOk()) << opened.reason();
+        connection = opened.take();
         hub.accept();
     }
     void busReceived(const message& arrived) override {
@@ -56,11 +56,9 @@ protected:
 };
 
 TEST_F(BusConnectionTest, OpeningFailsWithAReasonWhereNobodyListens) {
-    std::string reason;
-    EXPECT_FALSE(BusConnection::open(hub.path() + "none", *this, reason));
-    EXPECT_EQ(reason, "No such file or directory");
-    EXPECT_FALSE(BusConnection::open("/" + std::string(200, 'x'), *this, reason));
-    EXPECT_EQ(reason, "File name too long");
+    Runner& runner = loop.looper.runner();
+    EXPECT_EQ(BusConnection::open(hub.path() + "none", runner, this).reason(), "No such file or directory");
+    EXPECT_EQ(BusConnection::open("/" + std::string(200, 'x'), runner, this).reason(), "File name too long");
 }
 
 TEST_F(BusConnectionTest, RequestGoesOutWithItsRoutingFieldsInOrder) {

@@ -23,8 +23,10 @@ constexpr std::size_t allocatorBytes = 32;     // that a frame of its own costs 
 
 }  // namespace
 
-Channel::Channel(Fd connected, ChannelOwner& owner, Budget& budget, const ChannelLimits& limits)
-    : socket(std::move(connected)),
+Channel::Channel(Runner& runner, Fd connected, ChannelOwner& owner, Budget& budget,
+                 const ChannelLimits& limits)
+    : runner(runner),
+      socket(std::move(connected)),
       owner(owner),
       budget(budget),
       limits(limits),
@@ -52,7 +54,7 @@ void Channel::breakOff(const std::string& why) {
 }
 
 void Channel::end(const std::string& why) {
-    reason = why;
+    state = Status::failure(why);
     watch.stop();
     outgoing.clear();  // at once, and not when the owner hears of it: others may need the room
     written = queued = ownQueued = 0;
@@ -174,12 +176,12 @@ void Channel::deliver() {
     bool destroyed = false;
     gone = &destroyed;
     message arrived;
-    const std::uint64_t turnEnd = getRunner()->now() + turnMilliseconds;
+    const std::uint64_t turnEnd = runner.now() + turnMilliseconds;
     isBehind = false;
     while (!isBehind && isServed() && take(arrived)) {
         owner.received(std::move(arrived));
         if (destroyed) return;
-        isBehind = getRunner()->now() >= turnEnd;
+        isBehind = runner.now() >= turnEnd;
     }
     gone = nullptr;
     chargeUnfinished();
@@ -188,8 +190,8 @@ void Channel::deliver() {
     if (isOpen()) return watchWhatIsDue();
     if (goesOn) return;  // what it sent before it went is still to be handed on
     delivery.disarm();
-    const std::string why = reason;  // outlives this channel
-    owner.broken(why);               // may destroy this channel: nothing may follow
+    const std::string why = state.reason();  // outlives this channel
+    owner.broken(why);                       // may destroy this channel: nothing may follow
 }
 
 void Channel::chargeUnfinished() {

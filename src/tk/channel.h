@@ -11,6 +11,7 @@
 #include "tk/fd.h"
 #include "tk/frame.h"
 #include "tk/message.h"
+#include "tk/status.h"
 #include "tk/timer.h"
 
 namespace tk {
@@ -46,8 +47,9 @@ public:
     enum class Sent : std::uint8_t { yes, no, noRoom };
 
     /// Takes a connected, non-blocking socket over, and watches it from now on.
-    /// Lifetime: the owner and the budget outlive the channel.
-    Channel(Fd connected, ChannelOwner& owner, Budget& budget, const ChannelLimits& limits = {});
+    /// Lifetime: the runner, the owner and the budget outlive the channel.
+    Channel(Runner& runner, Fd connected, ChannelOwner& owner, Budget& budget,
+            const ChannelLimits& limits = {});
     Channel(const Channel&) = delete;
     Channel& operator=(const Channel&) = delete;
     ~Channel();
@@ -70,7 +72,7 @@ public:
     void breakOff(const std::string& why);
 
     /// True until the channel breaks.
-    bool isOpen() const { return reason.empty(); }
+    bool isOpen() const { return state.isOk(); }
     /// True when the channel was broken by this side, for a fault of the peer's.
     bool wasBrokenOff() const { return isBrokenOff; }
     /// What the peer has not read, whoever pays for it. Units: bytes.
@@ -96,8 +98,9 @@ private:
     [[nodiscard]] bool isServed() const { return isOpen() ? ownQueued < limits.unread : !isBrokenOff; }
     void watchWhatIsDue();
 
+    Runner& runner;
     Fd socket;
-    Watch watch;
+    Watch watch{runner};
     ChannelOwner& owner;
     Budget& budget;
     const ChannelLimits limits;
@@ -108,11 +111,12 @@ private:
     std::size_t written = 0;    // of the first one
     std::size_t queued = 0;     // what all of them cost
     std::size_t ownQueued = 0;  // what those cost that the channel's own budget pays for
-    std::string reason;         // why the channel is broken
+    Status state;               // why the channel is broken, once it is
     bool isBrokenOff = false;   // on this side: what the peer sent does not count any more
     std::uint32_t watched = 0;
     bool* gone = nullptr;  // set by the destructor, for the call of the owner that is under way
-    Timer<Channel, &Channel::deliver> delivery{*this};  // for what arrived or broke while nobody was called
+    Timer<Channel, &Channel::deliver> delivery{*this,
+                                               runner};  // for what arrived or broke while nobody was called
 };
 
 }  // namespace tk

@@ -33,7 +33,7 @@ protected:
         int fds[2] = {-1, -1};
         ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, fds), 0);
         peer.reset(fds[0]);
-        channel = std::make_unique<Channel>(Fd(fds[1]), *this, budget, limits);
+        channel = std::make_unique<Channel>(loop.looper.runner(), Fd(fds[1]), *this, budget, limits);
     }
     void TearDown() override { channel.reset(); }
 

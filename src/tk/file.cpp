@@ -43,52 +43,51 @@ Fd openToRead(const std::string& path) {
     return Fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
 }
 
-bool readFile(const std::string& path, std::size_t limit, std::string& out) {
-    return readFile(openToRead(path), limit, out);
+Result<std::string> readFile(const std::string& path, std::size_t limit) {
+    const Fd file = openToRead(path);
+    if (!file.isOpen()) return Status::ofErrno(path, errno);
+    Result<std::string> content = readFile(file, limit);
+    if (!content.isOk()) return content.status().prefixed(path + ": ");
+    return content;
 }
 
-bool readFile(const Fd& file, std::size_t limit, std::string& out) {
-    out.clear();
+Result<std::string> readFile(const Fd& file, std::size_t limit) {
     struct stat status {};
-    if (!file.isOpen() || ::fstat(file.get(), &status) != 0) return false;
-    if (!S_ISREG(status.st_mode)) {
-        errno = EINVAL;
-        return false;
-    }
+    if (::fstat(file.get(), &status) != 0) return Status::ofErrno(errno);
+    if (!S_ISREG(status.st_mode)) return Status::ofErrno(EINVAL);
+    std::string content;
     char bytes[64 * 1024];
     for (;;) {
         const ssize_t count = ::read(file.get(), bytes, sizeof bytes);
         if (count < 0 && errno == EINTR) continue;
-        if (count <= 0) return count == 0;
-        out.append(bytes, static_cast<std::size_t>(count));
-        if (out.size() <= limit) continue;
-        errno = EFBIG;
-        return false;
+        if (count < 0) return Status::ofErrno(errno);
+        if (count == 0) return content;
+        content.append(bytes, static_cast<std::size_t>(count));
+        if (content.size() > limit) return Status::ofErrno(EFBIG);
     }
 }
 
-bool writeSynced(const std::string& path, std::string_view content) {
+Status writeSynced(const std::string& path, std::string_view content) {
     const Fd file = createFile(path);
-    if (!file.isOpen()) return false;
-    if (writeAll(file.get(), content) && ::fsync(file.get()) == 0) return true;
-    const int error = errno;
+    if (!file.isOpen()) return Status::ofErrno(path, errno);
+    if (writeAll(file.get(), content) && ::fsync(file.get()) == 0) return {};
+    const Status failure = Status::ofErrno(path, errno);
     ::unlink(path.c_str());
-    errno = error;
-    return false;
+    return failure;
 }
 
-bool replaceSynced(const std::string& from, const std::string& to) {
+Status replaceSynced(const std::string& from, const std::string& to) {
     // Opened first: without a free descriptor nothing is replaced, as the caller is told.
     const Fd folder(::open(folderOf(to).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!folder.isOpen() || ::rename(from.c_str(), to.c_str()) != 0) return false;
-    // The file is in place; that a power cut may still undo it is no reason to tell the caller that it is
-    // not.
+    if (!folder.isOpen() || ::rename(from.c_str(), to.c_str()) != 0) return Status::ofErrno(to, errno);
+    // The file is in place: that a power cut may still undo it is no reason to say that it is not.
     if (::fsync(folder.get()) != 0) log("cannot sync the folder of ", to, ": ", errorText());
-    return true;
+    return {};
 }
 
-bool renameToFree(const std::string& from, const std::string& to) {
-    return ::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0;
+Status renameToFree(const std::string& from, const std::string& to) {
+    const bool isDone = ::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0;
+    return isDone ? Status() : Status::ofErrno(to, errno);
 }
 
 }  // namespace tk

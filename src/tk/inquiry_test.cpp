@@ -110,9 +110,9 @@ TEST_F(Inquiries, EachGetsItsOwnEnd) {
 class InquiriesOverTheHub : public ::testing::Test, public BusConnection::Receiver {
 protected:
     void SetUp() override {
-        std::string reason;
-        connection = BusConnection::open(hub.path(), *this, reason);
-        ASSERT_TRUE(connection) << reason;
+        auto opened = BusConnection::open(hub.path(), loop.looper.runner(), this);
+        ASSERT_TRUE(opened.isOk()) << opened.reason();
+        connection = opened.take();
         hub.accept();
     }
     void busReceived(const message& arrived) override { received.push_back(arrived.get_string(1)); }

@@ -27,12 +27,6 @@ sigset_t endSignals() {
     return set;
 }
 
-/// A path of one element addresses handler 0.
-std::uint32_t handlerNumber(const message& request) {
-    const Path& to = request.get_u32_array(field::destination);
-    return to.size() > 1 ? to[1] : 0;
-}
-
 /// Takes the standard descriptors before the runner opens its own.
 const Clock& behindStandardDescriptors(const Clock& clock) {
     reserveStandardDescriptors();
@@ -91,22 +85,23 @@ void Looper::signalled(int fd, std::uint32_t) {
     leave();
 }
 
-bool Looper::join(std::uint32_t number, const std::string& socketPath, std::string& reason) {
-    connection = BusConnection::open(socketPath, *this, reason);
-    if (!connection) return false;
+Status Looper::join(std::uint32_t number, const std::string& socketPath) {
+    Result<std::unique_ptr<BusConnection>> opened = BusConnection::open(socketPath, events, this);
+    if (!opened.isOk()) return opened.status();
+    connection = opened.take();
     message request;
     request.insert_u32(1, number);
     request.insert_u32_array(field::destination, {program::hub});
     const message reply = connection->exchange(request, {number, 0}, command::hubRegister, exchangeTimeout);
-    if (isError(reply, nullptr, &reason)) {
+    if (std::uint32_t code = 0; isError(reply, &code)) {
         connection.reset();
-        return false;
+        return Status::failure(getError(reply), code);
     }
     program = number;
     bus = connection.get();
     attach(*bus, {program, 0});
-    for (const auto& [id, handler] : handlers) handler->attach(*bus, {program, id});
-    return true;
+    for (const auto& [id, handler] : handlers.all()) handler->attach(*bus, {program, id});
+    return {};
 }
 
 bool Looper::resign() {
@@ -117,12 +112,12 @@ bool Looper::resign() {
 }
 
 void Looper::addHandler(std::uint32_t number, Handler* handler) {
-    handlers[number] = handler;
+    handlers.add(number, *handler);
     if (bus) handler->attach(*bus, {program, number});
 }
 
 void Looper::removeHandler(std::uint32_t number) {
-    handlers.erase(number);
+    handlers.remove(number);
 }
 
 void Looper::turn(int limitMilliseconds) {
@@ -190,31 +185,21 @@ void Looper::endInquiry(const message& end) {
 void Looper::notify(const message& notification) {
     const Path& from = notification.get_u32_array(field::sender);
     const std::uint32_t command = notification.get_u32(field::command);
-    const std::map<std::uint32_t, Handler*> targets = handlers;  // a handler may leave while it is told
+    const std::map<std::uint32_t, Handler*> targets = handlers.all();  // a handler may leave while it is told
     for (const auto& [id, handler] : targets) {
-        const auto present = handlers.find(id);
-        const bool stays = present != handlers.end() && present->second == handler;
+        const bool stays = handlers.find(id) == handler;
         if (stays && handler->isSubscribed(from, command))
             (void)handler->handle(notification);  // a notification has no answer
     }
 }
 
 void Looper::reply(const message& request) {
-    message content = answer(request);
+    message content = handlers.answer(request);
     if (content.has(field::later)) return;  // the handler ends the request itself
     message end = endOf(request, std::move(content));
-    end.insert_u32_array(field::sender,
-                         {program, handlerNumber(request)});  // also when the number was left out
+    // The handler's number is told also when the request left it out.
+    end.insert_u32_array(field::sender, {program, handlerNumber(request.get_u32_array(field::destination))});
     bus->post(std::move(end));
-}
-
-message Looper::answer(const message& request) {
-    const Path& to = request.get_u32_array(field::destination);
-    const auto target = handlers.find(handlerNumber(request));
-    if (target == handlers.end()) return errorMsg(error::unreachable, "no such handler");
-    if (to.size() > 2) return target->second->handleBrkpath(request);
-    message refusal = target->second->checkPolicy(request);
-    return isError(refusal) ? refusal : target->second->handle(request);
 }
 
 }  // namespace tk

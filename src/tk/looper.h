@@ -8,6 +8,7 @@
 #include "tk/busconnection.h"
 #include "tk/fd.h"
 #include "tk/handler.h"
+#include "tk/handlertable.h"
 #include "tk/runner.h"
 
 namespace tk {
@@ -30,8 +31,8 @@ public:
     ~Looper() override;
 
     /// Connects to the hub at `socketPath` and registers as program number `program`.
-    /// Errors: false, with the reason in `reason`; nothing is kept.
-    [[nodiscard]] bool join(std::uint32_t program, const std::string& socketPath, std::string& reason);
+    /// Errors: why the hub is not reached or does not take the program; nothing is kept.
+    [[nodiscard]] Status join(std::uint32_t program, const std::string& socketPath);
 
     /// Gives the program's number up, so that what is asked of the program from now on waits for its next
     /// start. What was asked before has arrived when this returns; the loop hands it on, ahead of timers that
@@ -82,7 +83,6 @@ private:
     void endInquiry(const message& end);
     void notify(const message& notification);
     void reply(const message& request);
-    [[nodiscard]] message answer(const message& request);
 
     SystemClock systemClock;
     Runner events;
@@ -91,7 +91,7 @@ private:
     Watch signalWatch;
     std::unique_ptr<BusConnection> connection;
     Bus* bus = nullptr;  // the connection above, or one that was handed in
-    std::map<std::uint32_t, Handler*> handlers;
+    HandlerTable handlers;
     std::map<std::uint32_t, Inquiry*> inquiries;  // by the number of their request
     bool leaving = false;                         // asked by leave(), a signal or the bus
     bool leaveIsDue = false;                      // asked by setupLeave(), which can withdraw it

@@ -1,5 +1,6 @@
 #include "tk/looper.h"
 
+#include <cerrno>
 #include <functional>
 #include <thread>
 
@@ -255,22 +256,21 @@ TEST_F(LooperNotify, DoesNotReachAHandlerThatAnEarlierOneReplaced) {
 /// A loop that joins a fake hub, which answers the registration from a thread of its own.
 class LooperJoin : public LooperTest {
 protected:
-    bool join(const message& answer) {
+    Status join(const message& answer) {
         std::thread answering([&] {
             hub.accept();
             if (hub.read(registration)) hub.sendEnd(registration.get_u32(field::number), answer);
         });
-        const bool joined = loop.looper.join(80, hub.path(), reason);
+        Status joined = loop.looper.join(80, hub.path());
         answering.join();
         return joined;
     }
     tk::testing::FakeHub hub;
     message registration;
-    std::string reason;
 };
 
 TEST_F(LooperJoin, RegistersTheProgramAtTheHub) {
-    ASSERT_TRUE(join({})) << reason;
+    ASSERT_EQ(join({}), Status());
     message expected;
     expected.insert_u32(1, 80);
     expected.insert_u32_array(0xFF0001, {0});
@@ -282,20 +282,19 @@ TEST_F(LooperJoin, RegistersTheProgramAtTheHub) {
 }
 
 TEST_F(LooperJoin, FailsWithTheHubsReasonWhenTheNumberIsTaken) {
-    EXPECT_FALSE(join(errorMsg(error::exists, "program 80 is taken")));
-    EXPECT_EQ(reason, "program 80 is taken");
+    EXPECT_EQ(join(errorMsg(error::exists, "program 80 is taken")),
+              Status::failure("program 80 is taken", error::exists));
     EXPECT_TRUE(hub.seesEnd());
 }
 
 TEST_F(LooperJoin, FailsWithTheSystemsReasonWithoutAHub) {
-    EXPECT_FALSE(loop.looper.join(80, hub.path() + "none", reason));
-    EXPECT_EQ(reason, "No such file or directory");
+    EXPECT_EQ(loop.looper.join(80, hub.path() + "none"), Status::ofErrno(ENOENT));
 }
 
 TEST_F(LooperJoin, ServesRequestsOfTheHubThroughTheLoop) {
     Noting zero(10);
     loop.looper.addHandler(0, &zero);
-    ASSERT_TRUE(join({})) << reason;
+    ASSERT_EQ(join({}), Status());
     hub.sendRequest({80, 0}, 44, command::get, {});
     loop.settle();
     message end;
@@ -308,7 +307,7 @@ TEST_F(LooperJoin, ServesRequestsOfTheHubThroughTheLoop) {
 TEST_F(LooperJoin, HandlersMakeTheirExchangesOverTheJoinedBus) {
     Noting zero;
     loop.looper.addHandler(0, &zero);
-    ASSERT_TRUE(join({})) << reason;
+    ASSERT_EQ(join({}), Status());
     message reply;
     reply.insert_string(1, "router-7");
     hub.sendEnd(2, reply);
@@ -324,7 +323,7 @@ struct Ending final : Inquiry::Owner {
 };
 
 TEST_F(LooperJoin, InquiriesEndWithTheBus) {
-    ASSERT_TRUE(join({})) << reason;
+    ASSERT_EQ(join({}), Status());
     message request;
     request.insert_u32_array(field::destination, {14});
     Ending ending;
@@ -342,7 +341,7 @@ TEST_F(LooperJoin, InquiriesEndWithTheBus) {
 }
 
 TEST_F(LooperJoin, ResigningGivesTheProgramsNumberUp) {
-    ASSERT_TRUE(join({})) << reason;
+    ASSERT_EQ(join({}), Status());
     hub.sendEnd(2, {});  // the registration was the first
     EXPECT_TRUE(loop.looper.resign());
     message sent;
@@ -364,7 +363,7 @@ TEST_F(LooperJoin, WhatWasAskedBeforeResigningIsServedAheadOfTimersThatAreArmedB
         std::size_t servedBefore = 0;
     } leaver;
     loop.looper.addHandler(0, &leaver.handler);
-    ASSERT_TRUE(join({})) << reason;
+    ASSERT_EQ(join({}), Status());
     hub.sendRequest({80}, 7, 77, {});
     hub.sendRequest({80}, 8, 77, {});
     hub.sendEnd(2, {});
@@ -384,13 +383,13 @@ TEST_F(LooperJoin, WhatWasAskedBeforeResigningIsServedAheadOfTimersThatAreArmedB
 }
 
 TEST_F(LooperJoin, ResigningFailsWhenTheHubRefuses) {
-    ASSERT_TRUE(join({})) << reason;
+    ASSERT_EQ(join({}), Status());
     hub.sendEnd(2, errorMsg(error::busy, "requests of this program are under way"));
     EXPECT_FALSE(loop.looper.resign());
 }
 
 TEST_F(LooperJoin, LosingTheBusEndsTheLoopWithOneLogLine) {
-    ASSERT_TRUE(join({})) << reason;
+    ASSERT_EQ(join({}), Status());
     const tk::testing::CapturedOutput output;
     hub.close();
     loop.looper.run();

@@ -8,23 +8,29 @@
 #include "tk/message.h"
 #include "tk/names.h"
 
-namespace router {
+namespace tk {
 
-/// One page of a list: the records of at most `size` objects, from the id on that the request's continuation
-/// names (from the first one without it), and the id at which the next page starts; the last page has none.
-/// `objects` is ordered by id; `record(id, object)` makes the message of one.
+/// One page of a list: the records of at most `size` objects from `object` on, and the id at which the next
+/// page starts; the last page has none. `objects` is ordered by id; `record(id, object)` makes the message of
+/// one.
 template <typename Objects, typename Record>
-[[nodiscard]] tk::message pageOf(const Objects& objects, const tk::message& request, std::size_t size,
-                                 Record record) {
-    const std::uint32_t from = request.get_u32(tk::field::next, tk::unassigned);
-    auto object = from == tk::unassigned ? objects.begin() : objects.lower_bound(from);
-    std::vector<tk::message> records;
+[[nodiscard]] message pageFrom(const Objects& objects, typename Objects::const_iterator object,
+                               std::size_t size, Record record) {
+    std::vector<message> records;
     for (; object != objects.end() && records.size() < size; ++object)
         records.push_back(record(object->first, object->second));
-    tk::message page;
-    page.insert_message_array(tk::field::objects, std::move(records));
-    if (object != objects.end()) page.insert_u32(tk::field::next, object->first);
+    message page;
+    page.insert_message_array(field::objects, std::move(records));
+    if (object != objects.end()) page.insert_u32(field::next, object->first);
     return page;
 }
 
-}  // namespace router
+/// The page that a request asks for: from the id on that its continuation names, from the first one without it.
+template <typename Objects, typename Record>
+[[nodiscard]] message pageOf(const Objects& objects, const message& request, std::size_t size,
+                             Record record) {
+    const std::uint32_t from = request.get_u32(field::next, unassigned);
+    return pageFrom(objects, from == unassigned ? objects.begin() : objects.lower_bound(from), size, record);
+}
+
+}  // namespace tk

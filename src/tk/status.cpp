@@ -4,8 +4,12 @@
 
 namespace tk {
 
+Status Status::ofErrno(int error) {
+    return failure(std::strerror(error), static_cast<std::uint32_t>(error));
+}
+
 Status Status::ofErrno(const std::string& what, int error) {
-    return failure(what + ": " + std::strerror(error), static_cast<std::uint32_t>(error));
+    return ofErrno(error).prefixed(what + ": ");
 }
 
 Status Status::prefixed(const std::string& words) const {

@@ -20,6 +20,8 @@ public:
     }
     /// A system call failed with this errno value: the reason is `what`, a colon and the system's text.
     static Status ofErrno(const std::string& what, int error);
+    /// The same without words of the caller's.
+    static Status ofErrno(int error);
 
     /// True when it went well.
     bool isOk() const { return !failed; }

@@ -1,9 +1,9 @@
 #include "tk/store.h"
 
 #include <errno.h>
-#include <string.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <utility>
 
 #include "tk/file.h"
@@ -81,13 +81,15 @@ Store::Store(std::string path, std::uint32_t revision) : path(std::move(path)), 
 }
 
 void Store::load() {
-    std::string content;
-    if (!readFile(path, sizeLimit, content)) {
-        if (errno != ENOENT && errno != ENOTDIR) return keepAside(errorText());
+    const Fd file = openToRead(path);
+    if (!file.isOpen() && (errno == ENOENT || errno == ENOTDIR)) {
         lost = ::access(asidePath().c_str(), F_OK) == 0;
         return;
     }
-    if (decode(content, revision, entries)) return;
+    if (!file.isOpen()) return keepAside(errorText());
+    const Result<std::string> content = readFile(file, sizeLimit);
+    if (!content.isOk()) return keepAside(content.reason());
+    if (decode(*content, revision, entries)) return;
     entries.clear();
     keepAside("damaged, or of another kind");
 }
@@ -95,14 +97,15 @@ void Store::load() {
 void Store::keepAside(const std::string& why) {
     lost = true;
     std::string aside = asidePath();
-    bool moved = renameToFree(path, aside);
-    for (int number = 2; !moved && errno == EEXIST && number <= asideLimit; ++number) {
+    Status moved = renameToFree(path, aside);
+    for (int number = 2; moved.code() == EEXIST && number <= asideLimit; ++number) {
         aside = asidePath() + "." + std::to_string(number);
         moved = renameToFree(path, aside);
     }
-    if (moved) return log("store ", path, ": ", why, "; kept as ", aside);
+    if (moved.isOk()) return log("store ", path, ": ", why, "; kept as ", aside);
     blocked = true;
-    log("store ", path, ": ", why, "; cannot be kept aside: ", errorText(), "; no change will be stored");
+    log("store ", path, ": ", why, "; cannot be kept aside: ", std::strerror(static_cast<int>(moved.code())),
+        "; no change will be stored");
 }
 
 message Store::get(std::uint32_t id) const {
@@ -114,49 +117,54 @@ bool Store::find(std::uint32_t id) const {
     return entries.contains(id);
 }
 
-bool Store::set(std::uint32_t id, const message& entry) {
-    return stage(id, entry) && commit();
+Status Store::set(std::uint32_t id, const message& entry) {
+    const Status written = stage(id, entry);
+    return written.isOk() ? commit() : written;
 }
 
-bool Store::replace(std::map<std::uint32_t, message> content) {
+Status Store::replace(std::map<std::uint32_t, message> content) {
     staged = std::move(content);
-    return writeStaged() && commit();
+    const Status written = writeStaged();
+    return written.isOk() ? commit() : written;
 }
 
-bool Store::remove(std::uint32_t id) {
-    return stageRemoval(id) && commit();
+Status Store::remove(std::uint32_t id) {
+    const Status written = stageRemoval(id);
+    return written.isOk() ? commit() : written;
 }
 
-bool Store::stage(std::uint32_t id, const message& entry) {
+Status Store::stage(std::uint32_t id, const message& entry) {
     staged = entries;
     staged[id] = entry;
     return writeStaged();
 }
 
-bool Store::stageRemoval(std::uint32_t id) {
+Status Store::stageRemoval(std::uint32_t id) {
     staged = entries;
     staged.erase(id);
     return writeStaged();
 }
 
-bool Store::writeStaged() {
-    if (blocked) {
-        reason = path + ": a damaged file is in the way";
-        return false;
-    }
+Status Store::writeStaged() {
+    if (blocked) return Status::failure(path + ": a damaged file is in the way");
     std::string content;
-    if (!encode(staged, revision, content)) {
-        reason = path + ": the entry cannot be stored";
-        return false;
-    }
-    return writeSynced(stagedPath(), content) || fail();
+    if (!encode(staged, revision, content)) return Status::failure(path + ": the entry cannot be stored");
+    return ownOutcome(writeSynced(stagedPath(), content));
 }
 
-bool Store::commit() {
-    if (!replaceSynced(stagedPath(), path)) return fail();
+Status Store::commit() {
+    Status replaced = ownOutcome(replaceSynced(stagedPath(), path));
+    if (!replaced.isOk()) return replaced;
     entries = std::move(staged);
     staged.clear();
-    return true;
+    return replaced;
+}
+
+/// Drops what is staged where it failed, and names the store and not the file beside it.
+Status Store::ownOutcome(const Status& outcome) {
+    if (outcome.isOk()) return outcome;
+    discard();
+    return Status::ofErrno(path, static_cast<int>(outcome.code()));
 }
 
 void Store::discard() {
@@ -170,12 +178,6 @@ std::string Store::asidePath() const {
 
 std::string Store::stagedPath() const {
     return path + ".new";
-}
-
-bool Store::fail() {
-    reason = path + ": " + errorText();
-    discard();
-    return false;
 }
 
 }  // namespace tk

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "tk/message.h"
+#include "tk/status.h"
 
 namespace tk {
 
@@ -32,30 +33,26 @@ public:
     const std::map<std::uint32_t, message>& all() const { return entries; }
 
     /// Sets an entry, and persists it at once.
-    /// Errors: false, with the reason in error(); the store is as before.
-    [[nodiscard]] bool set(std::uint32_t id, const message& entry);
-    /// Puts entries in the place of all that there are, and persists that with one write. Errors: as for
-    /// set().
-    [[nodiscard]] bool replace(std::map<std::uint32_t, message> content);
-    /// Removes an entry, and persists that. An absent one is no error. Errors: as for set().
-    [[nodiscard]] bool remove(std::uint32_t id);
+    /// Errors: the path and the system's text; the store is as before. So of all that follow.
+    [[nodiscard]] Status set(std::uint32_t id, const message& entry);
+    /// Puts entries in the place of all that there are, and persists that with one write.
+    [[nodiscard]] Status replace(std::map<std::uint32_t, message> content);
+    /// Removes an entry, and persists that. An absent one is no error.
+    [[nodiscard]] Status remove(std::uint32_t id);
 
     /// The two halves of set() and remove(), for a caller who must know that the change can be written before
     /// it acts: stage...() writes and syncs the temporary file, commit() puts it in place, discard() drops
-    /// it. Errors: false, with the reason in error(); the store is as before.
-    [[nodiscard]] bool stage(std::uint32_t id, const message& entry);
-    [[nodiscard]] bool stageRemoval(std::uint32_t id);
-    [[nodiscard]] bool commit();
+    /// it.
+    [[nodiscard]] Status stage(std::uint32_t id, const message& entry);
+    [[nodiscard]] Status stageRemoval(std::uint32_t id);
+    [[nodiscard]] Status commit();
     void discard();
-
-    /// Why the last operation failed, for people: the path and the system's text.
-    const std::string& error() const { return reason; }
 
 private:
     void load();
     void keepAside(const std::string& why);
-    [[nodiscard]] bool writeStaged();
-    [[nodiscard]] bool fail();
+    [[nodiscard]] Status writeStaged();
+    [[nodiscard]] Status ownOutcome(const Status& outcome);
     std::string stagedPath() const;
     std::string asidePath() const;
 
@@ -63,7 +60,6 @@ private:
     std::uint32_t revision;
     std::map<std::uint32_t, message> entries;
     std::map<std::uint32_t, message> staged;
-    std::string reason;
     bool lost = false;
     bool blocked = false;  // a damaged file could not be moved aside, and must not be overwritten
 };

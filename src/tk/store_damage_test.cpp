@@ -24,8 +24,8 @@ class StoreDamage : public ::testing::Test {
 protected:
     void SetUp() override {
         Store store(path(), 1);
-        ASSERT_TRUE(store.set(1, named("one")));
-        ASSERT_TRUE(store.set(2, named("two")));
+        ASSERT_TRUE(store.set(1, named("one")).isOk());
+        ASSERT_TRUE(store.set(2, named("two")).isOk());
         good = folder.read("store");
     }
     std::string path() const { return folder.file("store"); }
@@ -40,7 +40,7 @@ protected:
             Store store(path(), 1);
             EXPECT_TRUE(store.all().empty());
             EXPECT_EQ(output.text(), asideLine("damaged, or of another kind", ".damaged"));
-            EXPECT_TRUE(store.set(1, named("new")));
+            EXPECT_TRUE(store.set(1, named("new")).isOk());
         }
         EXPECT_EQ(folder.read("store.damaged"), content);
         EXPECT_EQ(Store(path(), 1).get(1), named("new"));
@@ -59,7 +59,7 @@ TEST_F(StoreDamage, IsKnownUntilSomethingIsStoredAgain) {
     EXPECT_TRUE(Store(path(), 1).hasLostContent());
     EXPECT_TRUE(Store(path(), 1).hasLostContent());  // the file is absent now, and kept aside
     Store last(path(), 1);
-    ASSERT_TRUE(last.set(1, named("one")));
+    ASSERT_TRUE(last.set(1, named("one")).isOk());
     EXPECT_FALSE(Store(path(), 1).hasLostContent());
 }
 
@@ -128,7 +128,7 @@ TEST_F(StoreDamage, WhatIsNoFileIsKeptAside) {
     Store store(path(), 1);
     EXPECT_EQ(output.text(), asideLine("Invalid argument", ".damaged"));
     EXPECT_TRUE(std::filesystem::is_directory(path() + ".damaged"));
-    EXPECT_TRUE(store.set(1, named("new")));
+    EXPECT_TRUE(store.set(1, named("new")).isOk());
 }
 
 TEST_F(StoreDamage, FileThatMayNotBeReadIsKeptAside) {
@@ -140,10 +140,10 @@ TEST_F(StoreDamage, FileThatMayNotBeReadIsKeptAside) {
         ASSERT_EQ(::seteuid(65534), 0);
     }
     Store store(path(), 1);
-    const bool stored = store.set(1, named("new"));
+    const Status stored = store.set(1, named("new"));
     ASSERT_TRUE(!isRoot || ::seteuid(0) == 0);
     EXPECT_EQ(output.text(), asideLine("Permission denied", ".damaged"));
-    EXPECT_TRUE(stored) << store.error();
+    EXPECT_EQ(stored, Status());
     ASSERT_EQ(::chmod((path() + ".damaged").c_str(), 0600), 0);
     EXPECT_EQ(folder.read("store.damaged"), good);
 }
@@ -158,8 +158,7 @@ TEST_F(StoreDamage, FileThatCannotBeKeptAsideIsNeverOverwritten) {
     EXPECT_EQ(output.text(), "store " + path() +
                                  ": damaged, or of another kind; cannot be kept aside: File exists; "
                                  "no change will be stored\n");
-    EXPECT_FALSE(store.set(1, named("new")));
-    EXPECT_EQ(store.error(), path() + ": a damaged file is in the way");
+    EXPECT_EQ(store.set(1, named("new")).reason(), path() + ": a damaged file is in the way");
     EXPECT_FALSE(store.find(1));
     EXPECT_EQ(folder.read("store"), "damaged");
     EXPECT_EQ(folder.read("store.damaged"), "first");

@@ -41,16 +41,16 @@ TEST_F(StoreTest, StartsEmptyWhereThereIsNoFileAndMakesNone) {
 }
 
 TEST_F(StoreTest, PersistsAtOnce) {
-    ASSERT_TRUE(store.set(0, named("settings")));
+    ASSERT_TRUE(store.set(0, named("settings")).isOk());
     EXPECT_EQ(stored(0), named("settings"));
-    ASSERT_TRUE(store.set(0, named("changed")));
+    ASSERT_TRUE(store.set(0, named("changed")).isOk());
     EXPECT_EQ(stored(0), named("changed"));
     EXPECT_FALSE(folder.has("store.new"));
 }
 
 TEST_F(StoreTest, ReplacesAllEntriesAtOnce) {
-    ASSERT_TRUE(store.set(1, named("one")));
-    ASSERT_TRUE(store.replace({{2, named("two")}, {3, named("three")}}));
+    ASSERT_TRUE(store.set(1, named("one")).isOk());
+    ASSERT_TRUE(store.replace({{2, named("two")}, {3, named("three")}}).isOk());
     EXPECT_FALSE(store.find(1));
     const Store again(path(), 1);
     EXPECT_EQ(again.all(), store.all());
@@ -59,9 +59,9 @@ TEST_F(StoreTest, ReplacesAllEntriesAtOnce) {
 }
 
 TEST_F(StoreTest, KeepsEveryEntryUnderItsId) {
-    ASSERT_TRUE(store.set(5, named("five")));
-    ASSERT_TRUE(store.set(0xFFFFFFFE, named("last")));
-    ASSERT_TRUE(store.set(2, message()));
+    ASSERT_TRUE(store.set(5, named("five")).isOk());
+    ASSERT_TRUE(store.set(0xFFFFFFFE, named("last")).isOk());
+    ASSERT_TRUE(store.set(2, message()).isOk());
     EXPECT_TRUE(store.find(2));
     EXPECT_FALSE(store.find(3));
     const Store again(path(), 1);
@@ -71,10 +71,10 @@ TEST_F(StoreTest, KeepsEveryEntryUnderItsId) {
 }
 
 TEST_F(StoreTest, RemovalPersistsAtOnceAndAnAbsentEntryIsNoError) {
-    ASSERT_TRUE(store.set(1, named("one")));
-    ASSERT_TRUE(store.set(2, named("two")));
-    EXPECT_TRUE(store.remove(1));
-    EXPECT_TRUE(store.remove(7));
+    ASSERT_TRUE(store.set(1, named("one")).isOk());
+    ASSERT_TRUE(store.set(2, named("two")).isOk());
+    EXPECT_TRUE(store.remove(1).isOk());
+    EXPECT_TRUE(store.remove(7).isOk());
     EXPECT_FALSE(store.find(1));
     EXPECT_EQ(Store(path(), 1).all(), store.all());
     EXPECT_EQ(store.all().size(), 1U);
@@ -82,23 +82,23 @@ TEST_F(StoreTest, RemovalPersistsAtOnceAndAnAbsentEntryIsNoError) {
 
 TEST_F(StoreTest, MakesItsFolder) {
     Store inside(folder.file("sub/store"), 1);
-    ASSERT_TRUE(inside.set(1, named("one")));
+    ASSERT_TRUE(inside.set(1, named("one")).isOk());
     EXPECT_EQ(Store(folder.file("sub/store"), 1).get(1), named("one"));
 }
 
 TEST_F(StoreStage, NothingChangesBeforeTheCommit) {
-    ASSERT_TRUE(store.set(1, named("old")));
-    ASSERT_TRUE(store.stage(1, named("new")));
+    ASSERT_TRUE(store.set(1, named("old")).isOk());
+    ASSERT_TRUE(store.stage(1, named("new")).isOk());
     EXPECT_EQ(store.get(1), named("old"));
     EXPECT_EQ(stored(1), named("old"));
-    ASSERT_TRUE(store.commit());
+    ASSERT_TRUE(store.commit().isOk());
     EXPECT_EQ(store.get(1), named("new"));
     EXPECT_EQ(stored(1), named("new"));
 }
 
 TEST_F(StoreStage, DiscardLeavesTheOldContentAndNoFile) {
-    ASSERT_TRUE(store.set(1, named("old")));
-    ASSERT_TRUE(store.stage(1, named("new")));
+    ASSERT_TRUE(store.set(1, named("old")).isOk());
+    ASSERT_TRUE(store.stage(1, named("new")).isOk());
     store.discard();
     EXPECT_EQ(store.get(1), named("old"));
     EXPECT_EQ(stored(1), named("old"));
@@ -106,72 +106,69 @@ TEST_F(StoreStage, DiscardLeavesTheOldContentAndNoFile) {
 }
 
 TEST_F(StoreStage, RemovalIsStagedTheSameWay) {
-    ASSERT_TRUE(store.set(1, named("old")));
-    ASSERT_TRUE(store.stageRemoval(1));
+    ASSERT_TRUE(store.set(1, named("old")).isOk());
+    ASSERT_TRUE(store.stageRemoval(1).isOk());
     EXPECT_TRUE(store.find(1));
-    ASSERT_TRUE(store.commit());
+    ASSERT_TRUE(store.commit().isOk());
     EXPECT_FALSE(store.find(1));
     EXPECT_FALSE(Store(path(), 1).find(1));
 }
 
 TEST_F(StoreStage, WhatACrashLeftStagedIsNotTheStore) {
-    ASSERT_TRUE(store.set(1, named("old")));
-    ASSERT_TRUE(store.stage(1, named("new")));
+    ASSERT_TRUE(store.set(1, named("old")).isOk());
+    ASSERT_TRUE(store.stage(1, named("new")).isOk());
     Store restarted(path(), 1);
     EXPECT_EQ(restarted.get(1), named("old"));
-    ASSERT_TRUE(restarted.set(2, named("two")));
+    ASSERT_TRUE(restarted.set(2, named("two")).isOk());
     EXPECT_EQ(Store(path(), 1).all(), restarted.all());
 }
 
 TEST_F(StoreFailure, WriteThatFailsLeavesTheOldContentAndTellsWhy) {
-    ASSERT_TRUE(store.set(1, named("old")));
+    ASSERT_TRUE(store.set(1, named("old")).isOk());
     std::filesystem::create_directory(path() + ".new");
-    EXPECT_FALSE(store.set(1, named("new")));
-    EXPECT_EQ(store.error(), path() + ": File exists");
-    EXPECT_FALSE(store.remove(1));
-    EXPECT_FALSE(store.stage(1, named("new")));
+    EXPECT_EQ(store.set(1, named("new")).reason(), path() + ": File exists");
+    EXPECT_FALSE(store.remove(1).isOk());
+    EXPECT_FALSE(store.stage(1, named("new")).isOk());
     EXPECT_EQ(store.get(1), named("old"));
     EXPECT_EQ(stored(1), named("old"));
     std::filesystem::remove(path() + ".new");
-    EXPECT_TRUE(store.set(1, named("new")));
+    EXPECT_TRUE(store.set(1, named("new")).isOk());
     EXPECT_EQ(stored(1), named("new"));
 }
 
 TEST_F(StoreFailure, AFileThatMayNotGrowLeavesTheOldContent) {
-    ASSERT_TRUE(store.set(1, named("old")));
+    ASSERT_TRUE(store.set(1, named("old")).isOk());
     rlimit before{};
     ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
     const auto handler = ::signal(SIGXFSZ, SIG_IGN);
     const rlimit small{16, before.rlim_max};
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
-    const bool wasStored = store.set(1, named("new"));
+    const Status outcome = store.set(1, named("new"));
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &before), 0);
     ::signal(SIGXFSZ, handler);
-    EXPECT_FALSE(wasStored);
-    EXPECT_EQ(store.error(), path() + ": File too large");
+    EXPECT_EQ(outcome.reason(), path() + ": File too large");
     EXPECT_EQ(store.get(1), named("old"));
     EXPECT_EQ(stored(1), named("old"));
     EXPECT_FALSE(std::filesystem::exists(path() + ".new"));
 }
 
 TEST_F(StoreFailure, CommitThatFailsLeavesTheOldContent) {
-    ASSERT_TRUE(store.set(1, named("old")));
-    ASSERT_TRUE(store.stage(1, named("new")));
+    ASSERT_TRUE(store.set(1, named("old")).isOk());
+    ASSERT_TRUE(store.stage(1, named("new")).isOk());
     std::filesystem::remove(path() + ".new");
-    EXPECT_FALSE(store.commit());
-    EXPECT_EQ(store.error(), path() + ": No such file or directory");
+    EXPECT_EQ(store.commit().reason(), path() + ": No such file or directory");
     EXPECT_EQ(store.get(1), named("old"));
     EXPECT_EQ(stored(1), named("old"));
 }
 
 TEST_F(StoreFailure, CommitWithoutAFreeDescriptorLeavesTheOldContent) {
-    ASSERT_TRUE(store.set(1, named("old")));
-    ASSERT_TRUE(store.stage(1, named("new")));
+    ASSERT_TRUE(store.set(1, named("old")).isOk());
+    ASSERT_TRUE(store.stage(1, named("new")).isOk());
     rlimit before{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
     const rlimit none{0, before.rlim_max};
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
-    const bool committed = store.commit();
+    const bool committed = store.commit().isOk();
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
     EXPECT_FALSE(committed);
     EXPECT_EQ(store.get(1), named("old"));
@@ -179,20 +176,19 @@ TEST_F(StoreFailure, CommitWithoutAFreeDescriptorLeavesTheOldContent) {
 }
 
 TEST_F(StoreFailure, EntryThatCouldNotBeReadBackIsRefused) {
-    ASSERT_TRUE(store.set(1, named("old")));
+    ASSERT_TRUE(store.set(1, named("old")).isOk());
     message deep = named("inside");
     for (int level = 0; level < 15; ++level) {
         message outer;
         outer.insert_message_array(1, {deep});
         deep = outer;
     }
-    EXPECT_FALSE(store.set(1, deep));
-    EXPECT_EQ(store.error(), path() + ": the entry cannot be stored");
+    EXPECT_EQ(store.set(1, deep).reason(), path() + ": the entry cannot be stored");
     EXPECT_EQ(store.get(1), named("old"));
     EXPECT_EQ(stored(1), named("old"));
     EXPECT_FALSE(folder.has("store.damaged"));
     const message shallower = deep.get_message_array(1).front();
-    EXPECT_TRUE(store.set(1, shallower));
+    EXPECT_TRUE(store.set(1, shallower).isOk());
     EXPECT_EQ(stored(1), shallower);
 }
 

@@ -9,32 +9,43 @@ namespace tk {
 template <typename Owner, void (Owner::*onExpiry)()>
 class Timer {
 public:
+    /// Goes by the loop of the process.
     explicit Timer(Owner& owner) : owner(owner) {}
+    /// Goes by another runner.
+    /// Lifetime: it outlives the timer.
+    Timer(Owner& owner, Runner& runner) : owner(owner), runner(&runner) {}
     Timer(const Timer&) = delete;
     Timer& operator=(const Timer&) = delete;
     ~Timer() { disarm(); }
 
     /// Calls the owner once, `ticks` from now; an armed timer starts anew.
     void arm(std::uint32_t ticks) {
-        getRunner()->addTimer<Owner, onExpiry>(&owner, ticks);
+        whose().template addTimer<Owner, onExpiry>(&owner, ticks);
         armed = true;
     }
     /// Withdraws the call. One that is not armed is no error.
     void disarm() {
-        if (armed) getRunner()->removeTimer<Owner, onExpiry>(&owner);
+        if (armed) whose().template removeTimer<Owner, onExpiry>(&owner);
         armed = false;
     }
 
 private:
+    Runner& whose() const { return runner ? *runner : *getRunner(); }
+
     Owner& owner;
-    bool armed = false;  // was armed at least once since the last disarm; the call itself may be over
+    Runner* runner = nullptr;  // null: the loop's
+    bool armed = false;        // was armed at least once since the last disarm; the call itself may be over
 };
 
-/// Watches one descriptor for its owner, and stops when it is destroyed. Declare it behind the descriptor's
-/// owner, so that the watch ends before the descriptor closes.
+/// Watches one descriptor for its owner, and stops when it is destroyed. Declare it after the descriptor, so
+/// that the watch ends before the descriptor closes.
 class Watch {
 public:
+    /// Watches by the loop of the process.
     Watch() = default;
+    /// Watches by another runner.
+    /// Lifetime: it outlives the watch.
+    explicit Watch(Runner& runner) : runner(&runner) {}
     Watch(const Watch&) = delete;
     Watch& operator=(const Watch&) = delete;
     ~Watch() { stop(); }
@@ -46,14 +57,18 @@ public:
                Runner::Priority priority = Runner::Priority::normal) {
         stop();
         watched = fd;
-        getRunner()->addSocket<Owner, member>(fd, &owner, events, priority);
+        whose().addSocket<Owner, member>(fd, &owner, events, priority);
     }
+    /// Ends the watch, if there is one.
     void stop() {
-        if (watched >= 0) getRunner()->removeSocket(watched);
+        if (watched >= 0) whose().removeSocket(watched);
         watched = -1;
     }
 
 private:
+    Runner& whose() const { return runner ? *runner : *getRunner(); }
+
+    Runner* runner = nullptr;  // null: the loop's
     int watched = -1;
 };
 
