@@ -1,6 +1,7 @@
-"""The bus as a test can speak it: messages, and a router that answers as a test wants it to.
+"""The bus as a test can speak it: messages, a client by hand, and a router that answers as a test wants it to.
 
-A message is a list of fields, each a triple of id, type and value; values of message[] are lists of such lists.
+A message is a list of fields, each a triple of id, type and value; values of message[] are lists of such lists. What
+a client receives comes as a dict of values by their ids, in which the order and the types are left out.
 """
 import os
 import queue
@@ -14,15 +15,18 @@ DESTINATION, SENDER, NUMBER, KIND, COMMAND = 0xFF0001, 0xFF0002, 0xFF0003, 0xFF0
 CODE, TEXT = 0xFF0008, 0xFF0009
 ROUTING = (SENDER, NUMBER, KIND, COMMAND)
 REQUEST, REPLY, ERROR, NOTIFICATION = 1, 2, 3, 4
-OBJECT, OBJECTS, NEXT, DISABLED, DELETED = 0xFE0001, 0xFE0002, 0xFE0003, 0xFE000A, 0xFE0013
+OBJECT, OBJECTS, NEXT, DYNAMIC, DISABLED = 0xFE0001, 0xFE0002, 0xFE0003, 0xFE0007, 0xFE000A
+COUNT, DELETED = 0xFE000F, 0xFE0013
 
 IDENTITY, INTERFACES, ADDRESSES, NAT, HISTORY, RESOLVER = (65,), (20, 0), (20, 1), (20, 5), (24,), (14,)
 GET_OBJECT, SET_OBJECT, GET_ALL, ADD, REMOVE = 0xFE0002, 0xFE0003, 0xFE0004, 0xFE0005, 0xFE0006
-GET, SET, CHANGED, INTERFACE_CHANGED = 0xFE000D, 0xFE000E, 0xFE000B, 0x10004
+GET, SET, GET_COUNT, CHANGED, INTERFACE_CHANGED = 0xFE000D, 0xFE000E, 0xFE000F, 0xFE000B, 0x10004
+
+TCP, UDP = 6, 17
 
 GROUP = 64000  # tk, of a lab's router
 
-TYPES = ["u32", "bool", "string", "be32", "u64", "u32[]", "message[]"]  # numbered from 1
+TYPES = U32, BOOL, STRING, BE32, U64, U32S, MESSAGES = "u32", "bool", "string", "be32", "u64", "u32[]", "message[]"
 
 
 def flat_value(kind, value):
@@ -62,7 +66,7 @@ def value_at(data, at, kind):
     count, = struct.unpack_from("<I", data, at)
     at += 4
     if kind == "string":
-        return data[at:at + count].decode(), at + count
+        return data[at:at + count].decode(errors="surrogateescape"), at + count
     if kind == "u32[]":
         return list(struct.unpack_from(f"<{count}I", data, at)), at + 4 * count
     inner = []
@@ -81,6 +85,12 @@ def unflat(data):
         value, at = value_at(data, at + 5, TYPES[kind - 1])
         message.append((identifier, TYPES[kind - 1], value))
     return message
+
+
+def by_id(message):
+    """The values of a message by their ids, and so those of the messages in it."""
+    return {identifier: [by_id(inner) for inner in value] if kind == MESSAGES else value
+            for identifier, kind, value in message}
 
 
 def value_of(message, wanted, default=None):
@@ -118,6 +128,94 @@ def item(owner, role, disabled=False):
 
 def settings(enabled, allow=True, dummy=True):
     return [(1, "bool", enabled), (2, "bool", allow), (3, "bool", dummy)]
+
+
+def rule(port, target="192.0.2.2", target_port=8080, protocol=TCP, destination="198.51.100.1", dynamic=True,
+         disabled=False):
+    """The fields of a destination NAT rule."""
+    return [(DYNAMIC, BOOL, dynamic), (DISABLED, BOOL, disabled), (39, STRING, "dstnat"), (52, BE32, destination),
+            (9, U32, port), (11, U32, protocol), (40, U32, 22), (1000, BE32, target), (1002, U32, target_port)]
+
+
+class BusError(Exception):
+    def __init__(self, code, text):
+        super().__init__(f"{code:#x}: {text}")
+        self.code, self.text = code, text
+
+
+class Client:
+    """One connection to the bus of a lab's router."""
+
+    def __init__(self, lab, seconds=10, path=None):
+        self.socket = socket.socket(socket.AF_UNIX)
+        self.socket.settimeout(seconds)
+        self.socket.connect(str(path or lab.root / "run" / "tk" / "bus"))
+        self.received = bytearray()
+        self.number = 0
+        self.notifications = []
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.socket.close()
+
+    def send(self, fields):
+        data = flat(fields)
+        self.socket.sendall(struct.pack("<I", len(data)) + data)
+
+    def request(self, path, command, fields=()):
+        """Sends a request without waiting for its end."""
+        self.number += 1
+        self.send([(DESTINATION, U32S, path), *fields, (NUMBER, U32, self.number), (KIND, U32, REQUEST),
+                   (COMMAND, U32, command)])
+        return self.number
+
+    def read(self):
+        """The next message, whatever it is."""
+        while len(self.received) < 4 or len(self.received) < 4 + struct.unpack_from("<I", self.received)[0]:
+            chunk = self.socket.recv(1 << 20)
+            if not chunk:
+                raise EOFError("the bus has closed the connection")
+            self.received += chunk
+        size = struct.unpack_from("<I", self.received)[0]
+        message = by_id(unflat(bytes(self.received[4:4 + size])))
+        del self.received[:4 + size]
+        return message
+
+    def end(self, number):
+        """The end of a request; notifications on the way are kept."""
+        while True:
+            message = self.read()
+            if message[KIND] == NOTIFICATION:
+                self.notifications.append(message)
+            elif message[NUMBER] == number:
+                return message
+
+    def call(self, path, command, fields=()):
+        end = self.end(self.request(path, command, fields))
+        if end[KIND] == ERROR:
+            raise BusError(end[CODE], end[TEXT])
+        return end
+
+    def subscribe(self, path, command):
+        self.call([0], 2, [(1, U32S, path), (2, U32, command), (3, MESSAGES, [[]])])
+
+    def register(self, program):
+        self.call([0], 1, [(1, U32, program)])
+
+    def next_notification(self):
+        while not self.notifications:
+            message = self.read()
+            if message[KIND] == NOTIFICATION:
+                self.notifications.append(message)
+        return self.notifications.pop(0)
+
+    def add_rule(self, *words, **changed):
+        return self.call([20, 5], ADD, rule(*words, **changed))[OBJECT]
+
+    def count_rules(self):
+        return self.call([20, 5], GET_COUNT)[COUNT]
 
 
 class ScriptedRouter:

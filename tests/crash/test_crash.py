@@ -5,8 +5,8 @@ import signal
 
 import pytest
 
+import bus
 import rounds
-import busclient  # found by way of rounds
 
 
 def test_thirty_rounds_leave_nothing_behind_and_lose_nothing(tmp_path):
@@ -37,7 +37,7 @@ def world(shared_world):
 
 @pytest.fixture
 def client(world):
-    with busclient.Client(world.lab) as connected:
+    with bus.Client(world.lab) as connected:
         yield connected
 
 
@@ -49,12 +49,12 @@ def fails(world, text):
 def test_a_rule_that_nobody_asked_for_is_seen(world, client):
     added = client.add_rule(999, destination="198.51.100.1")
     fails(world, "only the router's: .*999")
-    client.call([20, 5], busclient.REMOVE, [(busclient.ID, busclient.U32, added)])
+    client.call([20, 5], bus.REMOVE, [(bus.OBJECT, bus.U32, added)])
 
 
 def test_a_rule_that_is_gone_is_seen(world, client):
     rule = next(rule for rule in world.lab.rules() if rule["dstAddress"] == rounds.OWN_ADDRESSES[rounds.STORED])
-    client.call([20, 5], busclient.REMOVE, [(busclient.ID, busclient.U32, rule["id"])])
+    client.call([20, 5], bus.REMOVE, [(bus.OBJECT, bus.U32, rule["id"])])
     fails(world, f"{rule['dstPort']}.* is None")
     again = client.add_rule(rule["dstPort"], rule["toAddress"], rule["toPort"], destination=rule["dstAddress"],
                             dynamic=False, disabled=rule["disabled"])

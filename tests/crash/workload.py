@@ -8,7 +8,7 @@ import struct
 import threading
 import time
 
-import busclient
+import bus
 import control_point
 from beliefs import Key, Loss, Request, State
 from labs import LAN2, ROUTER_LAN
@@ -291,7 +291,7 @@ class RuleMaker(Worker):
     def step(self):
         if self.rules.client is None:
             try:
-                self.rules.client = busclient.Client(self.lab, 5 * ANSWER_SECONDS)
+                self.rules.client = bus.Client(self.lab, 5 * ANSWER_SECONDS)
             except OSError:
                 return
             self.rules.owned = {}
@@ -300,18 +300,18 @@ class RuleMaker(Worker):
         if self.random.random() < 0.03:
             self.leave()
         elif key in ids:
-            self.request(key, ids, None, busclient.REMOVE, [(busclient.ID, busclient.U32, ids[key])])
+            self.request(key, ids, None, bus.REMOVE, [(bus.OBJECT, bus.U32, ids[key])])
         elif key not in self.rules.unclear:
             wanted = State(None, LAN2, self.random.choice(TARGET_PORTS), self.random.random() < 0.8)
-            self.request(key, ids, wanted, busclient.ADD, busclient.rule(
-                key.port, wanted.target, wanted.targetPort, busclient.TCP, OWN_ADDRESSES[key.place],
+            self.request(key, ids, wanted, bus.ADD, bus.rule(
+                key.port, wanted.target, wanted.targetPort, bus.TCP, OWN_ADDRESSES[key.place],
                 key.place == OWNER, not wanted.enabled))
 
     def request(self, key, ids, wanted, command, fields):
         begun = time.monotonic()
         try:
             end = self.rules.client.end(self.rules.client.request([20, 5], command, fields))
-            status = 200 if end[busclient.KIND] == busclient.REPLY else end[busclient.ERROR_CODE]
+            status = 200 if end[bus.KIND] == bus.REPLY else end[bus.CODE]
         except (OSError, EOFError):  # routerd has ended
             self.rules.client.socket.close()
             self.rules.client = status = None
@@ -319,7 +319,7 @@ class RuleMaker(Worker):
                 self.rules.unclear.add(key)
         self.note(begun, key, wanted, status)
         if status == 200 and wanted:
-            ids[key] = end[busclient.ID]
+            ids[key] = end[bus.OBJECT]
         elif status == 200:
             del ids[key]
 

@@ -4,7 +4,7 @@ import os
 import pathlib
 import subprocess
 
-import busclient
+import bus
 import labs
 from control_point import call
 
@@ -47,7 +47,7 @@ def connect_as(lab, user, count):
         os.setegid(GROUP)
         home.callback(os.seteuid, os.geteuid())
         os.seteuid(IDS[user])
-        return [busclient.Client(lab, path="bus") for _ in range(count)]
+        return [bus.Client(lab, path="bus") for _ in range(count)]
 
 
 def processes(lab, name):

@@ -7,7 +7,7 @@ import time
 
 import pytest
 
-import busclient as bus
+import bus
 import labs
 from routerusers import DAEMON, MEMBER, OTHER, configure, connect_as, run_as
 
@@ -44,7 +44,7 @@ def reset(lab):
 
 
 def frame(fields):
-    data = bus.pack(fields)
+    data = bus.flat(fields)
     return struct.pack("<I", len(data)) + data
 
 

@@ -9,7 +9,7 @@ import time
 
 import pytest
 
-import busclient as bus
+import bus
 import labs
 import uplink
 from control_point import call, mapping, result
@@ -85,7 +85,7 @@ def translate_too(lab, *rules):
 
 
 def change(client, rule, *fields):
-    client.call([20, 5], bus.SET, [(bus.ID, bus.U32, rule), *fields])
+    client.call([20, 5], bus.SET_OBJECT, [(bus.OBJECT, bus.U32, rule), *fields])
 
 
 def lead_to(target):
@@ -140,7 +140,7 @@ def test_a_udp_flow_from_before_the_rule_follows_it_and_ends_with_it(router, cli
         eventually(lambda: not talk.reaches(server), "the flow ends with the rule")
         change(client, added, (bus.DISABLED, bus.BOOL, False))
         eventually(lambda: talk.reaches(server), "the flow follows the rule again")
-        client.call([20, 5], bus.REMOVE, [(bus.ID, bus.U32, added)])
+        client.call([20, 5], bus.REMOVE, [(bus.OBJECT, bus.U32, added)])
         eventually(lambda: not talk.reaches(server), "the flow ends with the rule")
 
 
@@ -174,7 +174,7 @@ def test_a_peer_that_never_stops_sending_is_followed_at_once(router, client, hos
         assert keep_sending(client, sender, first) is None, "nothing is mapped"
         added = client.add_rule(53, target_port=5353, protocol=bus.UDP)
         assert keep_sending(client, sender, first) <= 5
-        client.call([20, 5], bus.REMOVE, [(bus.ID, bus.U32, added)])
+        client.call([20, 5], bus.REMOVE, [(bus.OBJECT, bus.U32, added)])
         client.add_rule(53, target_port=5454, protocol=bus.UDP)
         assert keep_sending(client, sender, second) <= 5
 
@@ -211,7 +211,7 @@ def test_a_connection_is_reset_when_its_rule_ends(router, ending, speaker):
         near, far = connection(router, server)
         idle = connection(router, server)
         if ending == "remove":
-            owner.call([20, 5], bus.REMOVE, [(bus.ID, bus.U32, added)])
+            owner.call([20, 5], bus.REMOVE, [(bus.OBJECT, bus.U32, added)])
         elif ending == "disable":
             change(owner, added, (bus.DISABLED, bus.BOOL, True))
         elif ending == "lead elsewhere":
@@ -229,7 +229,7 @@ def test_a_connection_goes_on_when_its_rule_is_changed_to_what_it_was(router, cl
         near, far = connection(router, server)
         change(client, added, *lead_to(LAN1))
         for port in range(1000, 1050):
-            client.call([20, 5], bus.REMOVE, [(bus.ID, bus.U32, client.add_rule(port))])
+            client.call([20, 5], bus.REMOVE, [(bus.OBJECT, bus.U32, client.add_rule(port))])
         assert passes(near, far) and passes(far, near)
 
 
@@ -290,7 +290,7 @@ def test_a_forward_of_the_administrator_wins_and_its_connections_are_his(bare_la
         assert go_on(near, far), "his connection from before"
         another = connection(bare_lab, theirs)
         change(client, added, *lead_to(LAN2))
-        client.call([20, 5], bus.REMOVE, [(bus.ID, bus.U32, added)])
+        client.call([20, 5], bus.REMOVE, [(bus.OBJECT, bus.U32, added)])
         bare_lab.routerd.kill()
         bare_lab.start_routerd()
         for one, other in ((near, far), another):
@@ -402,7 +402,7 @@ def test_the_table_of_connections_is_never_read(bare_lab):
         assert not talk.reaches(server)
         added = client.add_rule(53, target_port=5353, protocol=bus.UDP)
         eventually(lambda: talk.reaches(server), "the flow follows the rule")
-        client.call([20, 5], bus.REMOVE, [(bus.ID, bus.U32, added)])
+        client.call([20, 5], bus.REMOVE, [(bus.OBJECT, bus.U32, added)])
         assert not talk.reaches(server)
     for number in processes(bare_lab, "routerd"):
         os.kill(number, signal.SIGTERM)
@@ -421,7 +421,7 @@ def test_a_rule_costs_the_same_whatever_the_table_of_connections_holds(router, c
     def costs():
         marks = [spent()]
         for port in range(1000, 1200):
-            client.call([20, 5], bus.REMOVE, [(bus.ID, bus.U32, client.add_rule(port))])
+            client.call([20, 5], bus.REMOVE, [(bus.OBJECT, bus.U32, client.add_rule(port))])
             time.sleep(0.003)  # in which it would do what it puts off
             marks.append(spent())
         return sorted(after - before for before, after in zip(marks, marks[1:]))
@@ -460,7 +460,7 @@ def test_flows_of_other_rules_are_not_disturbed(router, client):
         eventually(lambda: talk.reaches(datagrams), "the other flow begins")
         for port in range(1000, 1100):
             added = client.add_rule(port)
-            client.call([20, 5], bus.REMOVE, [(bus.ID, bus.U32, added)])
+            client.call([20, 5], bus.REMOVE, [(bus.OBJECT, bus.U32, added)])
             near.sendall(b"x")
             assert far.recv(1) == b"x"
         assert talk.reaches(datagrams)
@@ -477,7 +477,7 @@ def test_a_target_port_of_zero_is_port_zero(router, client):
         return count() > before
     added = client.add_rule(53, target_port=0, protocol=bus.UDP)
     eventually(arrives, "the flow begins")
-    client.call([20, 5], bus.REMOVE, [(bus.ID, bus.U32, added)])
+    client.call([20, 5], bus.REMOVE, [(bus.OBJECT, bus.U32, added)])
     eventually(lambda: not any(arrives() for _ in range(3)), "the flow ends with the rule")
 
 
@@ -547,7 +547,7 @@ def test_a_connection_from_inside_by_the_external_address_ends_with_its_rule(rou
     added = client.add_rule(80)
     with router.lan1.listen(8080) as server:
         near, _ = connection(router, server, host="lan2")
-        client.call([20, 5], bus.REMOVE, [(bus.ID, bus.U32, added)])
+        client.call([20, 5], bus.REMOVE, [(bus.OBJECT, bus.U32, added)])
         assert is_reset(near)
 
 

@@ -12,7 +12,7 @@ import time
 
 import pytest
 
-import busclient as bus
+import bus
 import labs
 from control_point import GROUP as SEARCH_GROUP
 from control_point import call, mapping, result, search

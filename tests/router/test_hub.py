@@ -3,7 +3,7 @@ import json
 
 import pytest
 
-import busclient as bus
+import bus
 import labs
 from labs import eventually
 from routerusers import DAEMON, IDS, MEMBER, PROGRAM, configure, connect_as, run_as
@@ -63,7 +63,7 @@ def test_one_user_cannot_take_all_connections(bare_lab):
     assert {client.call([20, 0], bus.GET_COUNT)[bus.COUNT] for client in clients} == {5}
     surplus, = connect_as(bare_lab, MEMBER, 1)
     told = surplus.read()
-    assert told == {bus.ERROR_CODE: BUSY, bus.ERROR_TEXT: "too many connections of one user", bus.SENDER: [0],
+    assert told == {bus.CODE: BUSY, bus.TEXT: "too many connections of one user", bus.SENDER: [0],
                     bus.KIND: bus.ERROR, bus.COMMAND: 0}
     with pytest.raises(EOFError):
         surplus.read()

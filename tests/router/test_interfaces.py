@@ -6,7 +6,7 @@ import time
 
 import pytest
 
-import busclient as bus
+import bus
 import labs
 from labs import eventually
 
@@ -89,7 +89,7 @@ def status_within(client, wanted, seconds=AGREEMENT):
 
 
 def get(client, identity):
-    return client.call([20, 0], bus.GET, [(bus.ID, bus.U32, identity)])
+    return client.call([20, 0], bus.GET_OBJECT, [(bus.OBJECT, bus.U32, identity)])
 
 
 def nothing_more(client):
@@ -106,7 +106,7 @@ def test_an_interface_that_comes_back_has_its_id_and_a_new_index(client, ip):
         kind, record = told(client)
         assert (kind, record[NAME], record[FLAGS]) == ("interface", "t-ppp", 0)
         assert changes(client, 1) == [(False, False)]
-        seen.append((record[bus.ID], record[INDEX]))
+        seen.append((record[bus.OBJECT], record[INDEX]))
         ip("address", "add", "203.0.113.9", "peer", "203.0.113.10", "dev", "t-ppp")
         ip("address", "add", "203.0.113.77/32", "dev", "t-ppp")
         assert changes(client, 2) == ["+203.0.113.9", "+203.0.113.77"]
@@ -114,25 +114,25 @@ def test_an_interface_that_comes_back_has_its_id_and_a_new_index(client, ip):
         assert sorted(changes(client, 2)) == ["-203.0.113.77", "-203.0.113.9"]
         assert changes(client, 1) == [("gone", "t-ppp")]
         with pytest.raises(bus.BusError):
-            get(client, record[bus.ID])
+            get(client, record[bus.OBJECT])
     assert seen[0][0] == seen[1][0] and seen[0][1] != seen[1][1]
     nothing_more(client)
 
 
 def test_a_new_name_is_another_interface_and_the_old_one_keeps_its_id(client, ip):
     ip("link", "add", "t-old", "type", PLAIN)
-    identity = told(client)[1][bus.ID]
+    identity = told(client)[1][bus.OBJECT]
     changes(client, 1)
     ip("address", "add", "203.0.113.9/24", "dev", "t-old")
     assert changes(client, 1) == ["+203.0.113.9"]
     ip("link", "set", "t-old", "name", "t-new")
     assert changes(client, 2) == ["-203.0.113.9", ("gone", "t-old")]
     other = told(client)[1]
-    assert (other[NAME], other[FLAGS]) == ("t-new", 0) and other[bus.ID] != identity
+    assert (other[NAME], other[FLAGS]) == ("t-new", 0) and other[bus.OBJECT] != identity
     assert changes(client, 2) == [(False, False), "+203.0.113.9"]
     ip("link", "set", "t-new", "name", "t-old")
     assert changes(client, 2) == ["-203.0.113.9", ("gone", "t-new")]
-    assert told(client)[1][bus.ID] == identity
+    assert told(client)[1][bus.OBJECT] == identity
 
 
 def test_several_addresses_come_and_go_one_by_one(client, ip):
@@ -224,10 +224,10 @@ def test_an_alias_is_the_display_name(client, ip):
 
 def test_disabled_brings_the_link_down_and_up(client, ip):
     ip("link", "add", "t-switch", "type", PLAIN)
-    identity = told(client)[1][bus.ID]
+    identity = told(client)[1][bus.OBJECT]
     changes(client, 1)
     for disabled in (False, True):
-        client.call([20, 0], bus.SET, [(bus.ID, bus.U32, identity), (bus.DISABLED, bus.BOOL, disabled)])
+        client.call([20, 0], bus.SET_OBJECT, [(bus.OBJECT, bus.U32, identity), (bus.DISABLED, bus.BOOL, disabled)])
         status_within(client, (not disabled, not disabled))
         assert ("UP" in ip("link", "show", "t-switch").split(">")[0]) is not disabled
 

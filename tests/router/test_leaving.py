@@ -5,7 +5,7 @@ import signal
 
 import pytest
 
-import busclient as bus
+import bus
 import labs
 from labs import eventually
 from routerusers import configure, processes
@@ -50,7 +50,7 @@ def ask(client):
 
 def expect_answer(client, number):
     end = client.end(number)
-    assert (end.get(bus.ERROR_CODE), end.get(bus.ERROR_TEXT)) == (INVALID, "not a host name")
+    assert (end.get(bus.CODE), end.get(bus.TEXT)) == (INVALID, "not a host name")
     assert end[bus.SENDER] == [14, 0]
 
 
@@ -79,5 +79,5 @@ def test_who_asks_a_program_that_left_without_a_word_is_told_so(router):
         os.kill(resolver, signal.SIGSTOP)
         number = ask(client)
         os.kill(resolver, signal.SIGKILL)
-        assert client.end(number)[bus.ERROR_CODE] == 0xFE000E
+        assert client.end(number)[bus.CODE] == 0xFE000E
         expect_answer(client, ask(client))

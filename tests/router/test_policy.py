@@ -5,7 +5,7 @@ import os
 
 import pytest
 
-import busclient as bus
+import bus
 import labs
 from labs import ROUTER_LAN, ROUTER_WAN, ROUTER_WAN2, WAN, WAN2, eventually
 from routerusers import GROUP, IDS, OTHER, configure
@@ -234,9 +234,9 @@ def test_the_configuration_widens_and_narrows(bare_lab):
             client.add_rule(2004, "192.0.2.3")
         assert refused.value.text == "there are 3 rules already, as many as configured"
         with pytest.raises(bus.BusError):
-            client.call([20, 5], bus.SET, [(bus.ID, bus.U32, last), (1000, bus.BE32, "192.0.2.2")])
-        client.call([20, 5], bus.SET, [(bus.ID, bus.U32, first), (1000, bus.BE32, "192.0.2.4")])
-        client.call([20, 5], bus.REMOVE, [(bus.ID, bus.U32, first)])
+            client.call([20, 5], bus.SET_OBJECT, [(bus.OBJECT, bus.U32, last), (1000, bus.BE32, "192.0.2.2")])
+        client.call([20, 5], bus.SET_OBJECT, [(bus.OBJECT, bus.U32, first), (1000, bus.BE32, "192.0.2.4")])
+        client.call([20, 5], bus.REMOVE, [(bus.OBJECT, bus.U32, first)])
         client.add_rule(2004, "192.0.2.3")
 
 

@@ -4,7 +4,7 @@ import socket
 
 import pytest
 
-import busclient as bus
+import bus
 import labs
 from control_point import call, fault, mapping, result
 from labs import LAN1, ROUTER_LAN, ROUTER_WAN, eventually
@@ -72,23 +72,23 @@ def test_a_program_does_not_touch_the_rules_of_others(router, program):
         stored, dynamic = root.add_rule(80, dynamic=False), root.add_rule(81)
         before = router.rules()
         for rule in (stored, dynamic):
-            for command, fields in ((bus.REMOVE, []), (bus.SET, [(bus.DISABLED, bus.BOOL, True)]),
-                                    (bus.SET, [(1000, bus.BE32, labs.LAN2), (1001, bus.BE32, labs.LAN2)])):
+            for command, fields in ((bus.REMOVE, []), (bus.SET_OBJECT, [(bus.DISABLED, bus.BOOL, True)]),
+                                    (bus.SET_OBJECT, [(1000, bus.BE32, labs.LAN2), (1001, bus.BE32, labs.LAN2)])):
                 with pytest.raises(bus.BusError) as refused:
-                    program.call([20, 5], command, [(bus.ID, bus.U32, rule), *fields])
+                    program.call([20, 5], command, [(bus.OBJECT, bus.U32, rule), *fields])
                 assert (refused.value.code, refused.value.text) == (NOT_ALLOWED, "the rule is not yours")
         assert router.rules() == before
         with router.wan.connect(ROUTER_WAN, 80):
             server.accept()
-        root.call([20, 5], bus.REMOVE, [(bus.ID, bus.U32, dynamic)])
-        program.call([20, 5], bus.REMOVE, [(bus.ID, bus.U32, dynamic)])
+        root.call([20, 5], bus.REMOVE, [(bus.OBJECT, bus.U32, dynamic)])
+        program.call([20, 5], bus.REMOVE, [(bus.OBJECT, bus.U32, dynamic)])
 
 
 def test_root_removes_a_programs_rule_and_the_program_does_not_mind(router, program):
     added = program.add_rule(80)
     with bus.Client(router) as root:
-        root.call([20, 5], bus.REMOVE, [(bus.ID, bus.U32, added)])
-    program.call([20, 5], bus.REMOVE, [(bus.ID, bus.U32, added)])
+        root.call([20, 5], bus.REMOVE, [(bus.OBJECT, bus.U32, added)])
+    program.call([20, 5], bus.REMOVE, [(bus.OBJECT, bus.U32, added)])
 
 
 def test_the_port_of_a_tunnel_of_the_router_is_not_to_be_had(router, program):
@@ -112,7 +112,7 @@ def test_a_port_on_which_the_router_can_be_reached_from_outside_is_not_to_be_had
         assert asked.returncode == 1 and why in asked.stderr
         program.add_rule(22, protocol=bus.TCP + bus.UDP - protocol)
         with bus.Client(router) as root:
-            root.call([20, 5], bus.REMOVE, [(bus.ID, bus.U32, root.add_rule(22, protocol=protocol))])
+            root.call([20, 5], bus.REMOVE, [(bus.OBJECT, bus.U32, root.add_rule(22, protocol=protocol))])
     program.add_rule(22, protocol=protocol)
 
 
@@ -130,7 +130,7 @@ def test_the_routers_ports_are_kept_for_services_that_are_not_there_yet(router, 
         assert refusal(program, port, protocol=protocol) == (REFUSED, why)
     added = program.add_rule(80)
     with pytest.raises(bus.BusError):
-        program.call([20, 5], bus.SET, [(bus.ID, bus.U32, added), (9, bus.U32, 8005), (10, bus.U32, 8005)])
+        program.call([20, 5], bus.SET_OBJECT, [(bus.OBJECT, bus.U32, added), (9, bus.U32, 8005), (10, bus.U32, 8005)])
     with bus.Client(router) as root:
         root.add_rule(51820, protocol=bus.UDP)
 

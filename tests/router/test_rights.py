@@ -1,7 +1,7 @@
 """What the users of the programs, and members of the group without rights, cannot do on the bus."""
 import pytest
 
-import busclient as bus
+import bus
 import labs
 from labs import LAN1, ROUTER_WAN, eventually
 from routerusers import DAEMON, IDS, MEMBER, OTHER, configure, connect_as, run_as
@@ -49,8 +49,8 @@ def attacks(lab):
         "record": ([24], RECORD, forged, 'change {24}: it needs writes = ["24"]'),
         "trace": ([0], TRACE, [], "trace: it needs trace = true"),
         "rule": ([20, 5], bus.ADD, stored, 'change {20,5}: it needs writes = ["20,5"]'),
-        "removal": ([20, 5], bus.REMOVE, [(bus.ID, bus.U32, 1)], 'change {20,5}: it needs writes = ["20,5"]'),
-        "down": ([20, 0], bus.SET, [(bus.ID, bus.U32, lan), (bus.DISABLED, bus.BOOL, True)],
+        "removal": ([20, 5], bus.REMOVE, [(bus.OBJECT, bus.U32, 1)], 'change {20,5}: it needs writes = ["20,5"]'),
+        "down": ([20, 0], bus.SET_OBJECT, [(bus.OBJECT, bus.U32, lan), (bus.DISABLED, bus.BOOL, True)],
                  'change {20,0}: it needs writes = ["20,0"]'),
         "daemon": ([0], REGISTER, [(1, bus.U32, 80)], "register program 80: it needs programs = [80]"),
         "resolver": ([0], REGISTER, [(1, bus.U32, 14)], "register program 14: it needs programs = [14]"),
@@ -88,7 +88,7 @@ def test_the_daemon_may_what_its_row_says_and_no_more(router):
     for name in ("interfaces", "addresses", "rules", "identity"):
         client.call(*LOOKS[name])
     rule = client.add_rule(8080, LAN1, 8080, bus.TCP, ROUTER_WAN)
-    client.call([20, 5], bus.REMOVE, [(bus.ID, bus.U32, rule)])
+    client.call([20, 5], bus.REMOVE, [(bus.OBJECT, bus.U32, rule)])
     client.subscribe([20, 0], bus.CHANGED)
     client.call([14], 3, [(3, bus.STRING, "localhost")])
 
@@ -169,7 +169,7 @@ def test_an_undoing_that_is_answered_to_somebody_else_comes_to_its_end(bare_rout
     program.call([20, 0], bus.GET_COUNT)  # is served behind it
     program.socket.close()
     end = root.end(undoing)
-    assert (end[bus.KIND], end[bus.ERROR_CODE]) == (bus.ERROR, DISCONNECTED)
+    assert (end[bus.KIND], end[bus.CODE]) == (bus.ERROR, DISCONNECTED)
     program = recording(bare_router)
     undoing = root.request([24], UNDO)
     request = program.read()

@@ -3,7 +3,7 @@ import time
 
 import pytest
 
-import busclient as bus
+import bus
 import labs
 from labs import ROUTER_WAN, WAN, eventually
 
@@ -35,10 +35,10 @@ def test_two_enabled_rules_of_one_port_are_refused(router):
         disabled = client.add_rule(80, "192.0.2.3", disabled=True)
         assert elements(router) == 2
         with pytest.raises(bus.BusError):
-            client.call([20, 5], bus.SET, [(bus.ID, bus.U32, disabled), (bus.DISABLED, bus.BOOL, False)])
-        client.call([20, 5], bus.REMOVE, [(bus.ID, bus.U32, first)])
-        client.call([20, 5], bus.REMOVE, [(bus.ID, bus.U32, first)])
-        client.call([20, 5], bus.SET, [(bus.ID, bus.U32, disabled), (bus.DISABLED, bus.BOOL, False)])
+            client.call([20, 5], bus.SET_OBJECT, [(bus.OBJECT, bus.U32, disabled), (bus.DISABLED, bus.BOOL, False)])
+        client.call([20, 5], bus.REMOVE, [(bus.OBJECT, bus.U32, first)])
+        client.call([20, 5], bus.REMOVE, [(bus.OBJECT, bus.U32, first)])
+        client.call([20, 5], bus.SET_OBJECT, [(bus.OBJECT, bus.U32, disabled), (bus.DISABLED, bus.BOOL, False)])
         assert elements(router) == 2 and client.add_rule(81) > disabled
 
 

@@ -4,7 +4,7 @@ import time
 
 import pytest
 
-import busclient as bus
+import bus
 from control_point import call, fault, outputs, result
 from labs import WAN, eventually
 from routerusers import DAEMON, DAEMON_AS_ITSELF, IDS, ROUTER, configure, connect_as, connection_path
@@ -63,7 +63,7 @@ def test_the_daemons_user_itself_sets_no_interface(bare_lab):
     for name in ("lan0", "wan0", "wan1"):
         for state in (True, False):
             with pytest.raises(bus.BusError) as refused:
-                client.call([20, 0], bus.SET, [(bus.ID, bus.U32, bare_lab.interface_id(name)),
+                client.call([20, 0], bus.SET_OBJECT, [(bus.OBJECT, bus.U32, bare_lab.interface_id(name)),
                                                (bus.DISABLED, bus.BOOL, state)])
             assert refused.value.code == 0xFE000F
     client.socket.close()
@@ -133,12 +133,12 @@ def test_a_command_that_hangs_keeps_neither_the_router_nor_the_daemon(bare_lab):
     path = serve(bare_lab, COMMANDS)
     start = time.monotonic()
     with bus.Client(bare_lab) as client:
-        number = client.request([20, 0], bus.SET, [(bus.ID, bus.U32, bare_lab.interface_id("wan0")),
+        number = client.request([20, 0], bus.SET_OBJECT, [(bus.OBJECT, bus.U32, bare_lab.interface_id("wan0")),
                                                    (bus.DISABLED, bus.BOOL, True)])
         assert client.call([20, 5], bus.GET_COUNT)[bus.COUNT] == 0, "others are served meanwhile"
         assert time.monotonic() - start < 2
         assert call(bare_lab.lan1, path, "ForceTermination") == FAILED, "one at a time"
-        assert client.end(number)[bus.ERROR_TEXT] == "/tesk/bin/ifchange still runs"
+        assert client.end(number)[bus.TEXT] == "/tesk/bin/ifchange still runs"
     assert 4 < time.monotonic() - start < 8
     hanging = int((bare_lab.root / "tesk" / "hanging").read_text())
     os.kill(hanging, 15)
