@@ -20,14 +20,15 @@ struct Account {
     bool operator==(const Account&) const = default;
 };
 
-/// Looks a user up by name. Errors: none for one that the system does not know.
+/// Looks a user up by name.
+/// Errors: none for one that the system does not know.
 [[nodiscard]] std::optional<Account> findAccount(const std::string& name);
 
 /// The account in the group of the bus too, "tk", where the system has it.
 [[nodiscard]] Account inBusGroup(Account account);
 
-/// Makes the calling process that user's for good. Errors: false, with errno set; the process may be half
-/// changed then, and has to end.
+/// Makes the calling process that user's for good.
+/// Errors: false, with errno set; the process may be half changed then, and has to end.
 /// Nothing but system calls happens here, so that it may stand between a fork and an exec.
 [[nodiscard]] bool becomeAccount(const Account& account);
 

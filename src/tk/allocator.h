@@ -13,7 +13,8 @@ public:
     /// Ids from `lowest` to `highest`, both inclusive.
     Allocator(std::uint32_t lowest, std::uint32_t highest);
 
-    /// A new id. Errors: tk::unassigned when all are in use.
+    /// A new id.
+    /// Errors: tk::unassigned when all are in use.
     [[nodiscard]] std::uint32_t allocNewID();
     /// Takes a given id. False when it is in use or out of the range.
     [[nodiscard]] bool allocID(std::uint32_t id);

@@ -28,6 +28,7 @@ public:
     /// Loads the objects from the store. Call once, before the loop runs.
     void init();
 
+    /// The ids of the objects, as of an Allocator.
     [[nodiscard]] std::uint32_t allocNewID() { return ids.allocNewID(); }
     [[nodiscard]] bool allocID(std::uint32_t id) { return ids.allocID(id); }
     void freeID(std::uint32_t id) { ids.freeID(id); }
@@ -46,6 +47,7 @@ protected:
     /// All objects, by id.
     const Objects& objectMap() const { return objects; }
 
+    /// A new object, and a copy of one, of the type that the map holds.
     virtual std::unique_ptr<Object> makeObject() const = 0;
     virtual std::unique_ptr<Object> copyObject(const Object& source) const = 0;
     /// The hooks: an empty message accepts, an error refuses.

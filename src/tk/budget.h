@@ -16,7 +16,8 @@ public:
     bool hasRoomFor(std::size_t bytes) const { return used <= limit && bytes <= limit - used; }
     /// True when more is kept than the limit says: what cannot be refused any more is charged all the same.
     bool isOver() const { return used > limit; }
-    /// What is kept. Units: bytes.
+    /// What is kept.
+    /// Units: bytes.
     std::size_t usedBytes() const { return used; }
 
 private:

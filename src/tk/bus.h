@@ -14,14 +14,16 @@ public:
     virtual ~Bus() = default;
 
     /// Sends `request`, whose destination is in its own field, as a request with `command` from the handler
-    /// at `from`, and waits for its end. No callback of any kind runs meanwhile. Units: `timeout` in
-    /// milliseconds. Errors: an error message, at once when the bus is gone.
+    /// at `from`, and waits for its end. No callback of any kind runs meanwhile.
+    /// Units: `timeout` in milliseconds.
+    /// Errors: an error message, at once when the bus is gone.
     [[nodiscard]] virtual message exchange(const message& request, const Path& from, std::uint32_t command,
                                            std::uint32_t timeout) = 0;
 
     /// Sends `request` as exchange() does, and does not wait: its end arrives from the loop like all else
-    /// that is received, with the number that is put into `number` (never 0). Errors: an error message when
-    /// it cannot be sent, and on a bus that is no connection to the hub; no end arrives then.
+    /// that is received, with the number that is put into `number` (never 0).
+    /// Errors: an error message when it cannot be sent, and on a bus that is no connection to the hub; no end
+    /// arrives then.
     [[nodiscard]] virtual message ask(const message& request, const Path& from, std::uint32_t command,
                                       std::uint32_t& number);
     /// Nobody waits any more for the end of a request that was sent so: it is discarded when it comes.

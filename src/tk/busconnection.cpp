@@ -26,7 +26,8 @@ ChannelLimits hubLimits() {
     return limits;
 }
 
-/// A connected, non-blocking socket. Errors: none open, errno tells.
+/// A connected, non-blocking socket.
+/// Errors: none open, errno tells.
 Fd connectTo(const std::string& socketPath) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -150,8 +151,8 @@ void BusConnection::keep(const message& arrived) {
     std::string flat = arrived.serialise();
     const std::size_t cost = flat.size() + waitingOverhead;
     const bool isRequest = kindOf(arrived) == Kind::request;
-    const std::size_t room =
-        isRequest ? waitingLimit / 2 : waitingLimit;  // the rest is for what cannot be refused
+    // Half of the room is for what cannot be refused.
+    const std::size_t room = isRequest ? waitingLimit / 2 : waitingLimit;
     if (waitingBytes + cost > room) {
         if (!isRequest) return channel.breakOff("too much arrived during one exchange");
         return post(endOf(arrived, errorMsg(error::busy, "too many requests wait for this program")));

@@ -25,6 +25,7 @@ public:
     class Receiver {
     public:
         virtual ~Receiver() = default;
+        /// A message arrived that ends no exchange.
         virtual void busReceived(const message& arrived) = 0;
         /// The connection ended; every exchange fails at once from now on.
         virtual void busLost(const std::string& reason) = 0;

@@ -61,6 +61,22 @@ TEST_F(BusConnectionTest, OpeningFailsWithAReasonWhereNobodyListens) {
     EXPECT_EQ(BusConnection::open("/" + std::string(200, 'x'), runner, this).reason(), "File name too long");
 }
 
+TEST_F(BusConnectionTest, WithoutAReceiverItDropsWhatEndsNoExchange) {
+    tk::testing::FakeHub another;
+    Runner own(loop.clock);
+    auto opened = BusConnection::open(another.path(), own, nullptr);
+    ASSERT_TRUE(opened.isOk()) << opened.reason();
+    another.accept();
+    another.sendNotification({20, 0}, statusChanged, numbered(1));
+    another.sendEnd(1, numbered(2));
+    message request;
+    request.insert_u32_array(field::destination, {20, 0});
+    EXPECT_EQ((*opened)->exchange(request, {}, command::getAll, exchangeTimeout).get_u32(1), 2U);
+    another.close();
+    for (int turns = 0; turns < 5; ++turns) own.turn(0);
+    EXPECT_FALSE((*opened)->isOpen());
+}
+
 TEST_F(BusConnectionTest, RequestGoesOutWithItsRoutingFieldsInOrder) {
     hub.sendEnd(1, {});
     (void)exchange();

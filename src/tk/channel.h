@@ -27,7 +27,8 @@ public:
     virtual void broken(const std::string& reason) = 0;
 };
 
-/// What a channel takes and gives. Units: bytes.
+/// What a channel takes and gives.
+/// Units: bytes.
 struct ChannelLimits {
     std::size_t receivedFrame = frameLimit;
     std::size_t sentFrame = frameLimit;
@@ -59,7 +60,8 @@ public:
     /// gets, broken; the owner hears of that from the loop, never from within this call.
     bool send(const message& source) { return sendFor(budget, source) == Sent::yes; }
     /// The same at the expense of another budget, which never breaks the channel: a message for which it has
-    /// no room is not sent, `noRoom`. Lifetime: the budget outlives what is queued.
+    /// no room is not sent, `noRoom`.
+    /// Lifetime: the budget outlives what is queued.
     [[nodiscard]] Sent sendFor(Budget& payer, const message& source);
 
     /// Waits, at most `milliseconds`, until something can be read or a part of the queue written, and does
@@ -75,7 +77,8 @@ public:
     bool isOpen() const { return state.isOk(); }
     /// True when the channel was broken by this side, for a fault of the peer's.
     bool wasBrokenOff() const { return isBrokenOff; }
-    /// What the peer has not read, whoever pays for it. Units: bytes.
+    /// What the peer has not read, whoever pays for it.
+    /// Units: bytes.
     std::size_t queuedBytes() const { return queued; }
     int descriptor() const { return socket.get(); }
 
@@ -115,8 +118,8 @@ private:
     bool isBrokenOff = false;   // on this side: what the peer sent does not count any more
     std::uint32_t watched = 0;
     bool* gone = nullptr;  // set by the destructor, for the call of the owner that is under way
-    Timer<Channel, &Channel::deliver> delivery{*this,
-                                               runner};  // for what arrived or broke while nobody was called
+    // For what arrived or broke while nobody was called.
+    Timer<Channel, &Channel::deliver> delivery{*this, runner};
 };
 
 }  // namespace tk

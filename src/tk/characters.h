@@ -12,7 +12,8 @@ struct Character {
     std::size_t length = 0;  // in bytes; 0: the text does not begin with a character
 };
 
-/// The character at the front of a text that is not empty. Errors: length 0 where the bytes are no UTF-8.
+/// The character at the front of a text that is not empty.
+/// Errors: length 0 where the bytes are no UTF-8.
 [[nodiscard]] Character firstCharacter(std::string_view text);
 
 /// The text with what is not plain, and whatever is no UTF-8, written as \xNN, byte by byte.

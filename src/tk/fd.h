@@ -5,11 +5,13 @@ namespace tk {
 /// Owns one file descriptor and closes it; -1 means none. The handle moves, it never copies.
 class Fd {
 public:
+    /// Takes a descriptor over.
     explicit Fd(int descriptor = -1) : descriptor(descriptor) {}
     Fd(Fd&& other) noexcept : descriptor(other.release()) {}
     Fd& operator=(Fd&& other) noexcept;
     ~Fd();
 
+    /// The descriptor, which stays owned; -1 where there is none.
     int get() const { return descriptor; }
     /// True when a descriptor is held.
     bool isOpen() const { return descriptor >= 0; }

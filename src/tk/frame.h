@@ -9,7 +9,8 @@
 
 namespace tk {
 
-/// The largest frame, without its length. Units: bytes.
+/// The largest frame, without its length.
+/// Units: bytes.
 constexpr std::size_t frameLimit = std::size_t{16} * 1024 * 1024;
 /// The largest frame that the hub takes from a user other than root, likewise.
 constexpr std::size_t memberFrameLimit = std::size_t{1024} * 1024;
@@ -31,7 +32,8 @@ public:
     void append(std::string_view bytes);
     /// The next message. After `malformed` and `tooLarge` the peer is to be dropped.
     [[nodiscard]] Result next(message& out);
-    /// What unfinished frames take in memory. Units: bytes.
+    /// What unfinished frames take in memory.
+    /// Units: bytes.
     std::size_t keptBytes() const;
 
 private:

@@ -22,15 +22,15 @@ public:
     Handler& operator=(const Handler&) = delete;
     virtual ~Handler();
 
-    /// Puts the handler on a bus under its path. Lifetime: the bus outlives the handler, or detach() comes
-    /// first.
+    /// Puts the handler on a bus under its path.
+    /// Lifetime: the bus outlives the handler, or detach() comes first.
     void attach(Bus& target, Path path);
     void detach();
     const Path& path() const { return ownPath; }
 
     /// Sends `request` with `command` to the path in its destination field and waits for its end.
-    /// Units: milliseconds. Errors: an error message (tk::isError) when it was refused, timed out, or the bus
-    /// is gone.
+    /// Units: milliseconds.
+    /// Errors: an error message (tk::isError) when it was refused, timed out, or the bus is gone.
     [[nodiscard]] message exchangeCmd(message& request, std::uint32_t command, std::uint32_t timeout);
 
     /// Starts and stops receiving the notifications `command` of the handler at `path`; they arrive at

@@ -27,7 +27,8 @@ public:
     ~Inquiry() { withdraw(); }
 
     /// Sends `request` with `command` to the path in its destination field; to be called once. The owner
-    /// hears of its end once, from the loop and never from in here. Units: milliseconds.
+    /// hears of its end once, from the loop and never from in here.
+    /// Units: milliseconds.
     void start(const message& request, std::uint32_t command, std::uint32_t timeout);
 
     /// Called by the loop: the request has ended. May delete this.

@@ -14,8 +14,8 @@ namespace tk {
 
 namespace {
 
-constexpr int logRetryMilliseconds =
-    100;  // how often lines that a stalled reader left waiting are tried again
+// How often lines that a stalled reader left waiting are tried again.
+constexpr int logRetryMilliseconds = 100;
 
 Looper* current = nullptr;
 

@@ -36,12 +36,12 @@ public:
 
     /// Gives the program's number up, so that what is asked of the program from now on waits for its next
     /// start. What was asked before has arrived when this returns; the loop hands it on, ahead of timers that
-    /// are armed from now on, and it is answered as ever. Errors: false when the hub did not say that it has
-    /// let the number go; calling again does no harm.
+    /// are armed from now on, and it is answered as ever.
+    /// Errors: false when the hub did not say that it has let the number go; calling again does no harm.
     [[nodiscard]] bool resign();
 
-    /// Serves `handler` under `number` at the path {program, number}. Lifetime: until the loop is destroyed,
-    /// or the handler is removed.
+    /// Serves `handler` under `number` at the path {program, number}.
+    /// Lifetime: until the loop is destroyed, or the handler is removed.
     void addHandler(std::uint32_t number, Handler* handler);
     void removeHandler(std::uint32_t number);
 
@@ -56,8 +56,8 @@ public:
     /// Hands one received message to its handler, and sends the answer of a request.
     void dispatch(const message& received);
 
-    /// What an Inquiry does: sends its request from this loop's path, and hands it the end. Errors: as for
-    /// Bus::ask().
+    /// What an Inquiry does: sends its request from this loop's path, and hands it the end.
+    /// Errors: as for Bus::ask().
     [[nodiscard]] message ask(const message& request, std::uint32_t command, Inquiry& inquiry,
                               std::uint32_t& number);
     void forget(std::uint32_t number);
@@ -73,6 +73,7 @@ public:
     /// limit).
     void turn(int limitMilliseconds);
 
+    /// The sockets and timers of the loop.
     Runner& runner() { return events; }
 
 private:
@@ -97,7 +98,8 @@ private:
     bool leaveIsDue = false;                      // asked by setupLeave(), which can withdraw it
 };
 
-/// The process's loop. Errors: null when there is none.
+/// The process's loop.
+/// Errors: null when there is none.
 Looper* getLooper();
 
 }  // namespace tk

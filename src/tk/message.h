@@ -14,7 +14,8 @@ class message;
 /// The address of a handler on the bus: a program's number, then the program's own numbering.
 using Path = std::vector<std::uint32_t>;
 
-/// An IPv4 address as a field value. Byte order: network, in the variable as on the wire.
+/// An IPv4 address as a field value.
+/// Byte order: network, in the variable as on the wire.
 struct Be32 {
     std::uint32_t value = 0;
     bool operator==(const Be32&) const = default;
@@ -38,6 +39,11 @@ class message {
 public:
     struct Field;
 
+    /// How deep messages may stand in one another. A deeper one would cost its sender the connection.
+    static constexpr unsigned nestingLimit = 16;
+    /// How many fields one message may have, so that the search for a repeated id stays cheap.
+    static constexpr std::size_t fieldLimit = 1024;
+
     message();
     message(const message& other);
     message(message&& other) noexcept;
@@ -45,16 +51,17 @@ public:
     message& operator=(message&& other) noexcept;
     ~message();
 
-    /// Builds a message from its flat form. Errors: whatever is malformed gives an empty message;
+    /// Builds a message from its flat form.
+    /// Errors: whatever is malformed gives an empty message;
     /// use parse() where that has to be told apart.
     explicit message(std::string_view flat);
 
     /// Replaces `out` by the message in `flat`, which must be consumed to the last byte.
     /// Errors: false for a bound that is exceeded, an unknown type, an id that appears twice, a bool above 1,
-    /// more than 1024 fields in one message or nesting beyond 16; `out` is empty then.
+    /// more than fieldLimit fields in one message or nesting beyond nestingLimit; `out` is empty then.
     [[nodiscard]] static bool parse(std::string_view flat, message& out);
-    /// The flat form: each field as u32 id, u8 type, value. Byte order: little-endian, be32 values in network
-    /// order.
+    /// The flat form: each field as u32 id, u8 type, value.
+    /// Byte order: little-endian, be32 values in network order.
     [[nodiscard]] std::string serialise() const;
     /// True when parse() accepts the flat form: no more fields and no deeper nesting than it allows.
     bool isParsable() const;
@@ -67,7 +74,8 @@ public:
     std::string get_string(std::uint32_t id, const std::string& absent = {}) const;
     std::uint32_t get_be32(std::uint32_t id, std::uint32_t absent = 0) const;
     std::uint64_t get_u64(std::uint32_t id, std::uint64_t absent = 0) const;
-    /// The array, empty where it is absent. Lifetime: until this message changes.
+    /// The array, empty where it is absent.
+    /// Lifetime: until this message changes.
     const std::vector<std::uint32_t>& get_u32_array(std::uint32_t id) const&;
     const std::vector<message>& get_message_array(std::uint32_t id) const&;
     /// Of a message that is about to go: by value, so that a loop over the array holds on to it.
@@ -106,7 +114,8 @@ public:
     void remove(std::uint32_t id);
     /// True when there is no field at all.
     bool empty() const;
-    /// All fields in order. Lifetime: until this message changes.
+    /// All fields in order.
+    /// Lifetime: until this message changes.
     const std::vector<Field>& fields() const& { return content; }
     std::vector<Field> fields() &&;
 
@@ -131,6 +140,7 @@ struct message::Field {
     std::uint32_t id = 0;
     Value value;
 
+    /// The type that the value has on the wire.
     FieldType type() const { return static_cast<FieldType>(value.index() + 1); }
     bool operator==(const Field& other) const;
 };

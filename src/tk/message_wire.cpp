@@ -9,9 +9,6 @@ namespace tk {
 
 namespace {
 
-constexpr unsigned nestingLimit = 16;
-constexpr std::size_t fieldLimit = 1024;  // in one message, so that the search for a repeated id stays cheap
-
 template <typename T>
 void putInteger(std::string& out, T value) {
     for (std::size_t i = 0; i < sizeof value; ++i) out.push_back(static_cast<char>(value >> (8 * i)));
@@ -60,11 +57,11 @@ void writeMessage(std::string& out, const message& source) {
 }
 
 bool fits(const message& source, unsigned depth) {
-    if (source.fields().size() > fieldLimit) return false;
+    if (source.fields().size() > message::fieldLimit) return false;
     for (const message::Field& field : source.fields()) {
         const auto* inner = std::get_if<std::vector<message>>(&field.value);
         if (!inner || inner->empty()) continue;
-        if (depth == nestingLimit) return false;
+        if (depth == message::nestingLimit) return false;
         for (const message& value : *inner)
             if (!fits(value, depth + 1)) return false;
     }
@@ -111,7 +108,7 @@ bool Reader::readMessage(message& out) {
         std::uint32_t id = 0;
         std::uint8_t type = 0;
         if (!integer(id) || !integer(type) || out.has(id)) return false;
-        if (out.fields().size() == fieldLimit) return false;
+        if (out.fields().size() == message::fieldLimit) return false;
         if (!readValue(id, static_cast<FieldType>(type), out)) return false;
     }
     return true;
@@ -173,7 +170,8 @@ bool Reader::readNumbers(std::uint32_t id, message& out) {
 bool Reader::readMessages(std::uint32_t id, message& out) {
     std::uint32_t count = 0;
     // Each message takes at least its length: a count that the text cannot hold must not reserve memory.
-    if (!integer(count) || rest.size() / sizeof count < count || (count > 0 && depth == nestingLimit))
+    if (!integer(count) || rest.size() / sizeof count < count ||
+        (count > 0 && depth == message::nestingLimit))
         return false;
     std::vector<message> values(count);
     for (message& value : values) {

@@ -57,6 +57,7 @@ constexpr std::uint32_t program = 1;  // u32, of a registration and of its end
 constexpr std::uint32_t path = 1;     // u32[], of a subscription
 constexpr std::uint32_t command = 2;  // u32, likewise
 constexpr std::uint32_t filter = 3;   // message[] with the one filter message, likewise
+constexpr std::uint32_t traced = 1;   // message[] with the one message, of a hubTraced notification
 }  // namespace hubfield
 
 // An undo record, as a handler hands it in.
@@ -92,7 +93,8 @@ constexpr std::uint32_t firstClient = 1000;  // clients that register no program
 /// The id of an object that has none yet; as the id of a change it names a handler's settings.
 constexpr std::uint32_t unassigned = 0xFFFFFFFF;
 
-/// The time-out of the exchanges that a handler starts. Units: milliseconds.
+/// The time-out of the exchanges that a handler starts.
+/// Units: milliseconds.
 constexpr std::uint32_t exchangeTimeout = 6000;
 
 }  // namespace tk

@@ -29,13 +29,15 @@ public:
     void setBase(const message& request);
     /// True when no object is left.
     bool isEmpty();
-    /// The next object. Errors: an empty message when none is left.
+    /// The next object.
+    /// Errors: an empty message when none is left.
     message pop();
     /// True when a query of the walk was answered with an error, or with a page that leads back to one
     /// before.
     bool failed() const { return queryFailed; }
 
-    /// How long each query may take. Units: milliseconds.
+    /// How long each query may take.
+    /// Units: milliseconds.
     std::uint32_t timeout = exchangeTimeout;
 
 protected:

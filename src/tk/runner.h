@@ -13,7 +13,8 @@
 
 namespace tk {
 
-/// One tick of the timers. Units: milliseconds.
+/// One tick of the timers.
+/// Units: milliseconds.
 constexpr std::uint32_t tickMilliseconds = 10;
 
 /// The time that the timers go by. Replaced by a manual clock in tests.
@@ -47,6 +48,8 @@ public:
     /// the kernel is short.
     enum class Priority : std::uint8_t { urgent, normal };
 
+    /// Nothing is watched yet.
+    /// Lifetime: the clock outlives the runner.
     explicit Runner(const Clock& clock);
     Runner(const Runner&) = delete;
     Runner& operator=(const Runner&) = delete;
@@ -91,12 +94,14 @@ public:
     /// timer that another timer's callback arms, wait for the next one.
     void turn(int limitMilliseconds);
 
-    /// The time by the runner's clock. Units: milliseconds.
+    /// The time by the runner's clock.
+    /// Units: milliseconds.
     std::uint64_t now() const { return clock.now(); }
     /// How many descriptors are watched and timers armed.
     std::size_t socketCount() const { return sockets.size(); }
     std::size_t timerCount() const { return timers.size(); }
-    /// Until the next timer is due, rounded up; -1 without timers. Units: milliseconds.
+    /// Until the next timer is due, rounded up; -1 without timers.
+    /// Units: milliseconds.
     int untilNextTimer() const;
 
 private:
@@ -146,7 +151,8 @@ private:
     std::uint64_t orders = 0;
 };
 
-/// The runner of the process's loop. Errors: there must be a Looper.
+/// The runner of the process's loop.
+/// Errors: there must be a Looper.
 Runner* getRunner();
 
 }  // namespace tk

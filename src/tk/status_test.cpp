@@ -32,6 +32,7 @@ TEST(Status, AFailureWithoutAReasonIsAFailure) {
 TEST(Status, ASystemCallsFailureHasTheSystemsText) {
     EXPECT_EQ(tk::Status::ofErrno("/x", ENOENT),
               tk::Status::failure("/x: No such file or directory", ENOENT));
+    EXPECT_EQ(tk::Status::ofErrno(EFBIG), tk::Status::failure("File too large", EFBIG));
 }
 
 TEST(Status, WordsStandBeforeAReasonAndNotBeforeSuccess) {

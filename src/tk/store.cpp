@@ -36,7 +36,8 @@ message listOf(const std::map<std::uint32_t, message>& entries) {
     return list;
 }
 
-/// Reads a file's content. Errors: false when it is damaged or foreign.
+/// Reads a file's content.
+/// Errors: false when it is damaged or foreign.
 bool decode(std::string_view content, std::uint32_t revision, std::map<std::uint32_t, message>& entries) {
     message file;
     if (!content.starts_with(magic) || !message::parse(content.substr(magic.size()), file)) return false;

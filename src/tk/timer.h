@@ -5,7 +5,8 @@
 namespace tk {
 
 /// A one-shot timer that calls a member of its owner, and withdraws itself when it is destroyed.
-/// A periodic action arms it again from its callback. Units: ticks of 10 ms.
+/// A periodic action arms it again from its callback.
+/// Units: ticks of 10 ms.
 template <typename Owner, void (Owner::*onExpiry)()>
 class Timer {
 public:

@@ -80,6 +80,27 @@ TEST_F(TimerTest, WithdrawsItselfWhenItIsDestroyed) {
     loop.advance(10);
 }
 
+TEST_F(TimerTest, GoesByTheRunnerThatItIsGiven) {
+    Runner other(loop.clock);
+    Timer<Owner, &Owner::expired> timer{*owner, other};
+    timer.arm(1);
+    loop.advance(1);
+    EXPECT_EQ(owner->expiries, 0);
+    other.turn(0);
+    EXPECT_EQ(owner->expiries, 1);
+}
+
+TEST_F(WatchTest, GoesByTheRunnerThatItIsGiven) {
+    connect();
+    Runner other(loop.clock);
+    Watch watch(other);
+    watch.start<Owner, &Owner::ready>(owner->socket.get(), *owner, readable);
+    loop.looper.turn(0);
+    EXPECT_EQ(owner->events, 0);
+    other.turn(0);
+    EXPECT_EQ(owner->events, 1);
+}
+
 TEST_F(WatchTest, CallsItsOwnerUntilItStops) {
     connect();
     startWatch();
