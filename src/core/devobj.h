@@ -3,16 +3,13 @@
 #include <cstdint>
 #include <string>
 
+#include "contract/gateway.h"
 #include "tk/object.h"
 
 /// One "upnp interface" item: which side of the gateway a router interface is.
-class DevObj final : public tk::Object {
+class DevObj final : public tk::Object, public contract::RoleItem {
 public:
     std::string getName() const override { return "upnp interface"; }
     void getConfig(tk::message& out, std::uint32_t options) const override;
     void setConfig(const tk::message& in, std::uint32_t options) override;
-
-    bool disabled = false;        // the item is switched off
-    std::uint32_t interface = 0;  // id of the router's interface
-    std::uint32_t type = 0;       // 1 external, 2 internal
 };

@@ -33,7 +33,7 @@ Gateway::Gateway(const std::string& folder)
       server(*this, folder + fileFolder) {}
 
 Gateway::~Gateway() {
-    if (enabled) tracking.disable();
+    if (current.enabled) tracking.disable();
     tk::log("exit");
 }
 
@@ -45,7 +45,7 @@ void Gateway::init() {
     tracking.rebuildAdvertTargets();
     AMap::init();
     loadSettings();
-    if (enabled) {
+    if (current.enabled) {
         tracking.getDevices();
         tracking.enable();
     } else {

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "contract/gateway.h"
 #include "core/devobj.h"
 #include "http/httpserver.h"
 #include "services/osinfo.h"
@@ -42,8 +43,6 @@ public:
 
 private:
     // Settings and items.
-    tk::message currentSettings() const;
-    void takeSettings(const tk::message& source);
     void loadSettings();
     void tellServices();
     tk::message add(DevObj* item) override;
@@ -62,8 +61,8 @@ private:
 
     // What the parts ask.
     tk::Handler& busHandler() override { return *this; }
-    bool isEnabled() const override { return enabled; }
-    bool allowsDisableExternal() const override { return allowDisableExternal; }
+    bool isEnabled() const override { return current.enabled; }
+    bool allowsDisableExternal() const override { return current.allowDisableExternal; }
     const std::string& identity() const override { return routerIdentity; }
     std::vector<RoleItem> roleItems() const override;
     UpnpRootDevice& rootDevice() override { return *this; }
@@ -78,8 +77,6 @@ private:
     Discovery discovery;
     HTTPServer server;
     OSInfo osInfo;
-    bool enabled = false;
-    bool allowDisableExternal = true;
-    bool showDummyRule = true;
+    contract::Settings current;
     std::string routerIdentity;
 };

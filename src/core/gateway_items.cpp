@@ -5,9 +5,7 @@
 
 std::vector<RoleItem> Gateway::roleItems() const {
     std::vector<RoleItem> items;
-    forEach([&items](const DevObj& item) {
-        items.push_back({item.interface, static_cast<Role>(item.type)});
-    });
+    forEach([&items](const DevObj& item) { items.push_back(item); });
     return items;
 }
 
@@ -45,8 +43,8 @@ tk::message Gateway::remove(DevObj* item) {
 void Gateway::applyRole(const DevObj& item) {
     Device* device = tracking.deviceOf(item.interface);
     if (!device || item.disabled) return;
-    device->type = static_cast<Role>(item.type);
-    if (enabled) tracking.startRole(device);
+    device->type = item.type;
+    if (current.enabled) tracking.startRole(device);
 }
 
 void Gateway::dropRole(std::uint32_t interface) {

@@ -1,6 +1,5 @@
 // The three settings, and the notifications of the router.
 
-#include "contract/gateway.h"
 #include "contract/interfaces.h"
 #include "contract/programs.h"
 #include "core/gateway.h"
@@ -8,32 +7,17 @@
 
 namespace {
 
-namespace setting = contract::settingfield;
-
 constexpr std::uint32_t settingsEntry = 0;  // the one entry of the settings store
 
 }  // namespace
 
-tk::message Gateway::currentSettings() const {
-    tk::message values;
-    values.insert_bool(setting::enabled, enabled);
-    values.insert_bool(setting::allowDisableExternal, allowDisableExternal);
-    values.insert_bool(setting::showDummyRule, showDummyRule);
-    return values;
-}
-
-void Gateway::takeSettings(const tk::message& source) {
-    enabled = source.get_bool(setting::enabled, enabled);
-    allowDisableExternal = source.get_bool(setting::allowDisableExternal, allowDisableExternal);
-    showDummyRule = source.get_bool(setting::showDummyRule, showDummyRule);
-}
-
 void Gateway::loadSettings() {
-    if (settings.find(settingsEntry)) takeSettings(settings.get(settingsEntry));
+    if (settings.find(settingsEntry))
+        current = contract::Settings::fromMessage(settings.get(settingsEntry), current);
 }
 
 tk::message Gateway::getObject(std::uint32_t id) {
-    return id == tk::unassigned ? currentSettings() : Map::getObject(id);
+    return id == tk::unassigned ? current.toMessage() : Map::getObject(id);
 }
 
 tk::message Gateway::cmdGet(const tk::message&) {
@@ -43,23 +27,23 @@ tk::message Gateway::cmdGet(const tk::message&) {
 tk::message Gateway::cmdSet(const tk::message& request) {
     tk::message undo;
     undo.insert_u32(tk::field::command, tk::command::set);
-    const tk::message before = currentSettings();
+    const tk::message before = current.toMessage();
     for (const tk::message::Field& value : before.fields()) undo.insert(value);
 
     // Stored as received, even when it is partial: what it leaves out reads as the default at the next start.
     if (const tk::Status stored = settings.set(settingsEntry, request); !stored.isOk())
         return tk::errorMsg(tk::error::failed, stored.reason());
-    const bool wasEnabled = enabled;
-    takeSettings(request);
+    const bool wasEnabled = current.enabled;
+    current = contract::Settings::fromMessage(request, current);
 
-    if (enabled != wasEnabled) {
+    if (current.enabled != wasEnabled) {
         tracking.getDevices();
-        if (enabled)
+        if (current.enabled)
             tracking.enable();
         else
             tracking.disable();
     }
-    if (enabled) tellServices();
+    if (current.enabled) tellServices();
     notifyChange(tk::unassigned, request);
     sendUndo(request, undo, "upnp config changed");
     return {};
@@ -69,8 +53,8 @@ void Gateway::tellServices() {
     for (const RoleItem& item : roleItems()) {
         const Device* device = tracking.deviceOf(item.interface);
         if (!device || device->type != Role::external || !device->ipConnection) continue;
-        device->ipConnection->allowDisableExternal = allowDisableExternal;
-        device->ipConnection->setShowDummyRule(showDummyRule);
+        device->ipConnection->allowDisableExternal = current.allowDisableExternal;
+        device->ipConnection->setShowDummyRule(current.showDummyRule);
     }
 }
 

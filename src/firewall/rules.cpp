@@ -9,14 +9,13 @@
 
 #include <functional>
 
+#include "contract/ports.h"
 #include "firewall/rulebuilder.h"
 
 namespace firewall {
 
 namespace {
 
-constexpr std::uint16_t searchPort = 1900;   // UDP
-constexpr std::uint16_t gatewayPort = 2828;  // TCP
 
 constexpr std::uint8_t searchGroup[] = {239, 255, 255, 250};
 
@@ -96,7 +95,7 @@ void allowAdvertsInside(Batch& batch) {
     RuleBuilder rule(nft::daemon);
     loadDestination(rule);
     rule.equals(searchGroup, sizeof searchGroup);
-    rule.isTo(IPPROTO_UDP, searchPort);
+    rule.isTo(IPPROTO_UDP, contract::ssdpPort);
     leavesInside(rule);
     rule.accept();
     rule.appendTo(batch);
@@ -116,7 +115,7 @@ void refuseAll(Batch& batch, const std::function<RuleBuilder()>& begin) {
 
 RuleBuilder newRequest() {
     RuleBuilder rule(nft::input);
-    rule.isTo(IPPROTO_TCP, gatewayPort);
+    rule.isTo(IPPROTO_TCP, contract::httpPort);
     rule.isFirstOfTcp();
     return rule;
 }
@@ -237,7 +236,7 @@ void addGuardOfIp6(Batch& batch) {
 /// theirs.
 void addSearchOrigin(Batch& batch) {
     RuleBuilder rule(nft::input);
-    rule.isTo(IPPROTO_UDP, searchPort);
+    rule.isTo(IPPROTO_UDP, contract::ssdpPort);
     rule.meta(NFT_META_IIF, firstPart);
     rule.meta(NFT_META_IIF, secondPart);
     rule.lookUp(nft::hairpin);
@@ -249,7 +248,7 @@ void addSearchOrigin(Batch& batch) {
 
 void addSearchLimit(Batch& batch, std::uint32_t setNumber, std::uint32_t rate) {
     RuleBuilder rule(nft::input);
-    rule.isTo(IPPROTO_UDP, searchPort);
+    rule.isTo(IPPROTO_UDP, contract::ssdpPort);
     rule.exceedsRate(nft::searches, setNumber, rate);
     rule.drop();
     rule.appendTo(batch);

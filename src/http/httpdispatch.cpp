@@ -1,5 +1,6 @@
 // Where a request goes: by method and path, then by HOST.
 
+#include "contract/ports.h"
 #include "http/baseurl.h"
 #include "http/httpserver.h"
 #include "net/convert.h"
@@ -14,7 +15,7 @@ using Method = HTTPAnswer (HTTPService::*)(const HTTPMessage& request, HTTPClien
 bool namesHost(const HTTPMessage& request, std::uint32_t address) {
     const std::string host = request.get("HOST");
     const std::string own = ipToString(address);
-    return host == own || host == own + ":" + toString(httpPort);
+    return host == own || host == own + ":" + toString(unsigned{contract::httpPort});
 }
 
 /// One kind of request that services answer.

@@ -13,9 +13,6 @@ namespace router {
 
 namespace {
 
-// With the sender appended, a message may have one field more than a receiver accepts.
-constexpr std::size_t fieldLimit = 1024;
-
 /// What a requester is told in place of an end that has no room in a frame.
 tk::message tooLarge(const tk::message& end) {
     tk::message told = tk::errorMsg(tk::error::failed, "the answer is too large");
@@ -65,7 +62,9 @@ void Hub::close() {
 
 void Hub::peerSent(HubPeer& peer, tk::message received) {
     peer.stampSender(received);
-    if (received.fields().size() > fieldLimit) return peer.drop("it sent a message of too many fields");
+    // With the sender appended there may be one field more than a receiver accepts.
+    if (received.fields().size() > tk::message::fieldLimit)
+        return peer.drop("it sent a message of too many fields");
     if (tk::kindOf(received) == tk::Kind::request) return takeRequest(peer, received);
     if (isRefused(peer, received)) return;
     if (tk::kindOf(received) == tk::Kind::notification) return publish(received);

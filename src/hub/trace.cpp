@@ -11,8 +11,6 @@ namespace router {
 
 namespace {
 
-constexpr std::uint32_t tracedMessage = 1;   // field: message[] with the one message
-constexpr std::size_t nestingLimit = 16;     // of a message that a peer accepts
 constexpr std::size_t wrappingBytes = 1024;  // more than the wrapper's own fields take
 
 std::size_t depthOf(const tk::message& source) {
@@ -24,7 +22,8 @@ std::size_t depthOf(const tk::message& source) {
 }
 
 bool fits(const tk::message& passed) {
-    return depthOf(passed) < nestingLimit && passed.serialise().size() + wrappingBytes <= tk::frameLimit;
+    return depthOf(passed) < tk::message::nestingLimit &&
+           passed.serialise().size() + wrappingBytes <= tk::frameLimit;
 }
 
 tk::message routingOnly(const tk::message& passed) {
@@ -38,7 +37,7 @@ tk::message routingOnly(const tk::message& passed) {
 
 tk::message HubTrace::wrap(const tk::message& passed) {
     tk::message shown;
-    shown.insert_message_array(tracedMessage, {fits(passed) ? passed : routingOnly(passed)});
+    shown.insert_message_array(tk::hubfield::traced, {fits(passed) ? passed : routingOnly(passed)});
     tk::stamp(shown, {tk::program::hub}, 0, tk::Kind::notification, tk::command::hubTraced);
     return shown;
 }

@@ -7,6 +7,7 @@
 
 #include <utility>
 
+#include "contract/ports.h"
 #include "net/convert.h"
 #include "tk/fd.h"
 #include "tk/log.h"
@@ -14,7 +15,6 @@
 namespace {
 
 constexpr const char* ssdpGroup = "239.255.255.250";
-constexpr std::uint16_t ssdpPort = 1900;
 constexpr unsigned char multicastTtl = 4;
 constexpr int listenQueue = 1;
 constexpr std::size_t nameSize = 16;  // what SO_BINDTODEVICE takes, not terminated when the name fills it
@@ -74,7 +74,7 @@ int openSsdpSocket(const char* deviceName, int interfaceIndex, std::uint32_t int
     tk::Fd socket(openUdpSocket(deviceName));
     if (!socket.isOpen()) return -1;
     if (!allowReuse(socket)) return fail("setsockopt SO_REUSEADDR: ");
-    if (!bindToPort(socket, ssdpPort)) return fail("udp bind: ");
+    if (!bindToPort(socket, contract::ssdpPort)) return fail("udp bind: ");
     if (!joinGroup(socket, interfaceIndex, interfaceAddress)) return fail("setsockopt IP_ADD_MEMBERSHIP: ");
     if (!setMulticastTtl(socket)) return fail("setsockopt IP_MULTICAST_TTL: ");
     return socket.release();

@@ -10,6 +10,7 @@ namespace resolver {
 /// Sees when one of some files has been written, replaced, made or removed.
 class FileStamps {
 public:
+    /// Looks at the files, which may be absent, for the first time.
     explicit FileStamps(std::vector<std::string> paths);
 
     /// True when a file is no longer what it was at the call before, or when this was constructed.

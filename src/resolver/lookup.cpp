@@ -17,7 +17,9 @@ namespace {
 constexpr int tryMilliseconds = 300;
 constexpr int tries = 3;
 
-/// The first address of a result. Byte order: network. Errors: 0, which is no host's address.
+/// The first address of a result.
+/// Byte order: network.
+/// Errors: 0, which is no host's address.
 std::uint32_t firstAddress(const ares_addrinfo& result) {
     for (const ares_addrinfo_node* node = result.nodes; node; node = node->ai_next) {
         if (node->ai_family != AF_INET) continue;

@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-#include "resolver/answer.h"
+#include "resolver/cache.h"
 #include "tk/timer.h"
 
 namespace resolver {
@@ -18,9 +18,11 @@ namespace resolver {
 /// nothing of it is left; and each name is asked for from another port, which is hard to guess.
 class Lookup {
 public:
-    /// How long a lookup may take. Units: ticks of 10 ms.
+    /// How long a lookup may take.
+    /// Units: ticks of 10 ms.
     static constexpr std::uint32_t budgetTicks = 100;
-    /// How long answers may be used again. Units: seconds.
+    /// How long answers may be used again.
+    /// Units: seconds.
     static constexpr std::uint32_t longestLifetime = 3600;
     static constexpr std::uint32_t unknownLifetime = 30;  // the name servers know no address
     static constexpr std::uint32_t failureLifetime = 3;   // none of them has said anything useful

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "contract/resolver.h"
 #include "resolver/hostname.h"
 #include "tk/bus.h"
 #include "tk/looper.h"
@@ -14,7 +15,7 @@ namespace {
 tk::message messageOf(const Answer& answer) {
     if (answer.address == 0) return tk::errorMsg(answer.errorCode, answer.errorText);
     tk::message reply;
-    reply.insert_be32(Resolver::addressField, answer.address);
+    reply.insert_be32(contract::resolvefield::address, answer.address);
     return reply;
 }
 
@@ -25,13 +26,13 @@ Resolver::Resolver(Settings given) : settings(std::move(given)), files(settings.
 }
 
 tk::message Resolver::cmdUnknown(const tk::message& received, std::uint32_t command) {
-    if (command != resolveCommand) return tk::errorMsg(tk::error::noSuchCommand, "no such command");
+    if (command != contract::resolveName) return tk::errorMsg(tk::error::noSuchCommand, "no such command");
     return resolve(received);
 }
 
 tk::message Resolver::resolve(const tk::message& request) {
     if (pending.empty()) startIdleTime();
-    const std::string given = request.get_string(nameField);
+    const std::string given = request.get_string(contract::resolvefield::name);
     if (!isHostName(given)) return tk::errorMsg(tk::error::invalid, "not a host name");
     if (files.changed()) cache.clear();
     const std::string name = lowerCase(given);

@@ -7,7 +7,6 @@
 #include <string>
 #include <vector>
 
-#include "resolver/answer.h"
 #include "resolver/cache.h"
 #include "resolver/filestamps.h"
 #include "resolver/lookup.h"
@@ -20,8 +19,8 @@ namespace resolver {
 struct Settings {
     std::uint32_t idleTicks = 6000;  // how long it stays without a request: a minute
     std::string servers;             // name servers to ask instead of the system's; see Lookup
-    std::vector<std::string> files = {"/etc/hosts",
-                                      "/etc/resolv.conf"};  // what is remembered depends on them
+    // What is remembered depends on them.
+    std::vector<std::string> files = {"/etc/hosts", "/etc/resolv.conf"};
 };
 
 /// Turns host names into IPv4 addresses, for whoever asks on the bus. It asks for itself, one lookup for
@@ -30,15 +29,12 @@ struct Settings {
 /// question meets a program that is about to end.
 class Resolver final : public tk::Handler, private Lookup::Owner {
 public:
-    /// The command, the field with the name in its request and the one with the address in its reply.
-    static constexpr std::uint32_t resolveCommand = 3;
-    static constexpr std::uint32_t nameField = 3;
-    static constexpr std::uint32_t addressField = 4;
-
     /// How many names may be on their way, and how many requests may wait for one of them.
     static constexpr std::size_t lookupLimit = 64;
     static constexpr std::size_t waitingLimit = 64;
 
+    /// Its idle time begins at once.
+    /// Lifetime: the loop outlives it.
     explicit Resolver(Settings settings);
     Resolver(const Resolver&) = delete;
     Resolver& operator=(const Resolver&) = delete;

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "contract/programs.h"
+#include "contract/resolver.h"
 #include "resolver/testing/fakedns.h"
 #include "tk/names.h"
 #include "tk/testing/folder.h"
@@ -33,8 +34,8 @@ protected:
         tk::message request;
         if (!more.empty()) request.insert_string(99, more);
         request.insert_u32_array(tk::field::destination, {contract::program::gateway});
-        request.insert_string(Resolver::nameField, name);
-        tk::stamp(request, {1000}, ++numbers, tk::Kind::request, Resolver::resolveCommand);
+        request.insert_string(contract::resolvefield::name, name);
+        tk::stamp(request, {1000}, ++numbers, tk::Kind::request, contract::resolveName);
         loop.looper.dispatch(request);
     }
     /// The numbers of the requests that have ended, in that order.
@@ -57,7 +58,7 @@ protected:
 
     static tk::message addressReply(std::uint32_t address) {
         tk::message reply;
-        reply.insert_be32(Resolver::addressField, address);
+        reply.insert_be32(contract::resolvefield::address, address);
         return reply;
     }
 
@@ -85,7 +86,7 @@ TEST_F(ResolverTest, AnswersWhenTheNameServerHas) {
     EXPECT_EQ(end.get_u32_array(tk::field::destination), (tk::Path{1000}));
     EXPECT_EQ(end.get_u32_array(tk::field::sender), (tk::Path{contract::program::gateway, 0}));
     EXPECT_EQ(end.get_u32(tk::field::number), 1u);
-    EXPECT_EQ(end.get_u32(tk::field::command), Resolver::resolveCommand);
+    EXPECT_EQ(end.get_u32(tk::field::command), contract::resolveName);
 }
 
 TEST_F(ResolverTest, UnknownNamesEndInAnError) {

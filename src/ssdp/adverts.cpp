@@ -3,6 +3,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include "contract/ports.h"
 #include "http/httpmessage.h"
 #include "net/convert.h"
 #include "net/serverstring.h"
@@ -15,7 +16,7 @@ namespace {
 sockaddr_in groupAddress() {
     sockaddr_in group{};
     group.sin_family = AF_INET;
-    group.sin_port = htons(ssdpPort);
+    group.sin_port = htons(contract::ssdpPort);
     group.sin_addr.s_addr = toAddress(ssdpGroup);
     return group;
 }

@@ -1,5 +1,6 @@
 #include "ssdp/ssdpnames.h"
 
+#include "contract/ports.h"
 #include "http/baseurl.h"
 #include "net/convert.h"
 
@@ -10,7 +11,7 @@ constexpr unsigned maxAgeSeconds = 3600;
 }  // namespace
 
 std::string ssdpHost() {
-    return std::string(ssdpGroup) + ":" + toString(unsigned{ssdpPort});
+    return std::string(ssdpGroup) + ":" + toString(unsigned{contract::ssdpPort});
 }
 
 std::string ssdpMaxAge() {

@@ -5,7 +5,6 @@
 
 /// Where searches and adverts go. Protocol: UPnP Device Architecture 1.0, 1.
 constexpr const char* ssdpGroup = "239.255.255.250";
-constexpr std::uint16_t ssdpPort = 1900;
 
 /// The value of HOST in searches and adverts: the group, a colon, the port.
 std::string ssdpHost();

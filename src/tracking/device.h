@@ -5,6 +5,7 @@
 #include <set>
 #include <string>
 
+#include "contract/gateway.h"
 #include "contract/interfaces.h"
 #include "services/wancommoninterfaceconfig.h"
 #include "services/wanipconnection.h"
@@ -18,8 +19,7 @@ struct NumericOrder {
     bool operator()(std::uint32_t left, std::uint32_t right) const;
 };
 
-/// What an item makes of an interface, with the numbers on the bus.
-enum class Role : std::uint32_t { none = 0, external = 1, internal = 2 };
+using contract::Role;
 
 /// One of the router's interfaces: what the router says of it, its addresses, its role, and what the started
 /// role needs. A role is stopped before its device goes.

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <unistd.h>
 
+#include "contract/ports.h"
 #include "http/baseurl.h"
 #include "net/convert.h"
 #include "net/sockets.h"
@@ -43,7 +44,7 @@ void Tracking::openSockets(Device* device) {
     device->ssdpSocket =
         openSsdpSocket(device->name().c_str(), static_cast<int>(device->index()), device->address);
     runner.addSocket<Discovery, &Discovery::ssdpRead>(device->ssdpSocket, &discovery, tk::readable);
-    device->httpSocket = openTcpListener(device->name().c_str(), httpPort);
+    device->httpSocket = openTcpListener(device->name().c_str(), contract::httpPort);
     runner.addSocket<HTTPServer, &HTTPServer::accept>(device->httpSocket, &server, tk::readable,
                                                       tk::Runner::Priority::urgent);
 }

@@ -4,15 +4,12 @@
 #include <string>
 #include <vector>
 
+#include "contract/gateway.h"
 #include "tk/handler.h"
 #include "tracking/device.h"
 #include "upnp/upnprootdevice.h"
 
-/// One "upnp interface" item as tracking sees it.
-struct RoleItem {
-    std::uint32_t interface = 0;  // id of the interface that it names
-    Role type = Role::none;
-};
+using contract::RoleItem;
 
 /// What tracking asks of the gateway above it.
 class TrackingHost {

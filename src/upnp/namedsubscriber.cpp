@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "contract/programs.h"
+#include "contract/resolver.h"
 #include "tk/log.h"
 #include "tk/names.h"
 #include "upnp/gena.h"
@@ -11,15 +12,11 @@ namespace {
 
 constexpr int preconditionFailed = 412;
 
-constexpr std::uint32_t nameField = 3;     // in the request
-constexpr std::uint32_t addressField = 4;  // in its reply
-constexpr std::uint32_t resolveCommand = 3;
-
 /// What the resolver answered; its error is logged. An address that comes with one is taken all the same.
 /// Byte order: network. Errors: 0.
 std::uint32_t resolvedAddress(const tk::message& end) {
     if (tk::isError(end)) tk::log("resolving failed: ", tk::getError(end));
-    return end.get_be32(addressField, 0);
+    return end.get_be32(contract::resolvefield::address, 0);
 }
 
 }  // namespace
@@ -28,8 +25,8 @@ NamedSubscriber::NamedSubscriber(Service& service, HTTPClient& client, Callback 
     : service(service), client(client), callback(std::move(named)), seconds(seconds) {
     tk::message request;
     request.insert_u32_array(tk::field::destination, {contract::program::resolver});
-    request.insert_string(nameField, callback.host);
-    inquiry.start(request, resolveCommand, tk::exchangeTimeout);
+    request.insert_string(contract::resolvefield::name, callback.host);
+    inquiry.start(request, contract::resolveName, tk::exchangeTimeout);
 }
 
 void NamedSubscriber::inquiryEnded(const tk::message& end) {

@@ -42,7 +42,8 @@ public:
 
     /// Where it listens, as the resolver is told.
     std::string address() const;
-    /// The next question. Errors: one with an empty packet when none comes.
+    /// The next question.
+    /// Errors: one with an empty packet when none comes.
     Query take();
     /// True when no question waits.
     bool isQuiet() const;

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include "contract/ports.h"
 #include "ssdp/ssdpnames.h"
 
 MulticastListener::MulticastListener()
@@ -15,7 +16,7 @@ MulticastListener::MulticastListener()
     EXPECT_EQ(::setsockopt(socket.get(), IPPROTO_IP, IP_RECVTTL, &on, sizeof on), 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_port = htons(ssdpPort);
+    address.sin_port = htons(contract::ssdpPort);
     address.sin_addr.s_addr = inet_addr(ssdpGroup);
     EXPECT_EQ(::bind(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
     ip_mreqn group{address.sin_addr, {htonl(INADDR_LOOPBACK)}, 1};
