@@ -8,15 +8,8 @@
 
 #include <CLI/CLI.hpp>
 
-#include "ctl/addresses.h"
-#include "ctl/buscall.h"
-#include "ctl/bustrace.h"
+#include "ctl/commands.h"
 #include "ctl/helptext.h"
-#include "ctl/history.h"
-#include "ctl/interfaces.h"
-#include "ctl/nat.h"
-#include "ctl/upnp.h"
-#include "ctl/upnpitems.h"
 #include "tk/characters.h"
 #include "tk/log.h"
 

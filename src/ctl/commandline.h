@@ -15,12 +15,14 @@ class App;
 namespace ctl {
 
 /// Adds a word that stands in front of commands, such as "upnp" in "tkctl upnp get", with the options that
-/// all commands share. Lifetime: the context outlives the parser.
+/// all commands share.
+/// Lifetime: the context outlives the parser.
 CLI::App& addGroup(CLI::App& parent, Context& context, const std::string& name,
                    const std::string& description);
 
 /// Adds a command, with the options that all commands share. `run` is kept in the context when the command is
-/// chosen. Lifetime: the context outlives the parser.
+/// chosen.
+/// Lifetime: the context outlives the parser.
 CLI::App& addCommand(CLI::App& parent, Context& context, const std::string& name,
                      const std::string& description, std::function<void()> run);
 

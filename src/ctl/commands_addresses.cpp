@@ -1,5 +1,3 @@
-#include "ctl/addresses.h"
-
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -9,6 +7,7 @@
 #include "contract/addresses.h"
 #include "contract/programs.h"
 #include "ctl/commandline.h"
+#include "ctl/commands.h"
 #include "ctl/context.h"
 #include "ctl/interfaces.h"
 #include "ctl/json.h"
@@ -28,7 +27,8 @@ std::string textOf(const Address& entry) {
     return ipToString(entry.address.value_or(0));
 }
 
-/// All addresses, in the service's order. Errors: throws Failure.
+/// All addresses, in the service's order.
+/// Errors: throws Failure.
 std::vector<Address> readAddresses(Session& session) {
     std::vector<Address> addresses;
     for (const tk::message& record : session.list(contract::path::addresses()))

@@ -1,5 +1,3 @@
-#include "ctl/buscall.h"
-
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -9,6 +7,8 @@
 #include <CLI/App.hpp>
 
 #include "ctl/commandline.h"
+#include "ctl/commands.h"
+#include "ctl/context.h"
 #include "ctl/failure.h"
 #include "ctl/fieldspec.h"
 #include "ctl/json.h"

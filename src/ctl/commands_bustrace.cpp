@@ -9,12 +9,12 @@
 #include <CLI/App.hpp>
 
 #include "contract/programs.h"
-#include "ctl/bustrace.h"
 #include "ctl/commandline.h"
+#include "ctl/commands.h"
+#include "ctl/context.h"
 #include "ctl/failure.h"
 #include "ctl/json.h"
 #include "ctl/session.h"
-#include "ctl/tracelines.h"
 #include "ctl/traceoutput.h"
 #include "tk/fd.h"
 #include "tk/log.h"

@@ -1,5 +1,3 @@
-#include "ctl/nat.h"
-
 #include <netinet/in.h>
 
 #include <memory>
@@ -10,6 +8,8 @@
 #include "contract/natrules.h"
 #include "contract/programs.h"
 #include "ctl/commandline.h"
+#include "ctl/commands.h"
+#include "ctl/context.h"
 #include "ctl/failure.h"
 #include "ctl/json.h"
 #include "ctl/table.h"

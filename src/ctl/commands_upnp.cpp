@@ -1,5 +1,3 @@
-#include "ctl/upnp.h"
-
 #include <memory>
 #include <string>
 #include <vector>
@@ -9,6 +7,8 @@
 #include "contract/gateway.h"
 #include "contract/programs.h"
 #include "ctl/commandline.h"
+#include "ctl/commands.h"
+#include "ctl/context.h"
 #include "ctl/failure.h"
 #include "ctl/json.h"
 #include "ctl/keyvalues.h"
@@ -24,23 +24,11 @@ constexpr const char* enabledKey = "enabled";
 constexpr const char* allowDisableExternalKey = "allow-disable-external";
 constexpr const char* showDummyRuleKey = "show-dummy-rule";
 
-struct GatewaySettings {
-    bool enabled = false;
-    bool allowDisableExternal = true;
-    bool showDummyRule = true;
-};
-
-GatewaySettings readSettings(Session& session) {
-    const tk::message reply = session.request(contract::path::gateway(), tk::command::get);
-    GatewaySettings out;
-    out.enabled = reply.get_bool(contract::settingfield::enabled, out.enabled);
-    out.allowDisableExternal =
-        reply.get_bool(contract::settingfield::allowDisableExternal, out.allowDisableExternal);
-    out.showDummyRule = reply.get_bool(contract::settingfield::showDummyRule, out.showDummyRule);
-    return out;
+contract::Settings readSettings(Session& session) {
+    return contract::Settings::fromMessage(session.request(contract::path::gateway(), tk::command::get), {});
 }
 
-Json settingsToJson(const GatewaySettings& source) {
+Json settingsToJson(const contract::Settings& source) {
     Json object;
     object[enabledKey] = source.enabled;
     object[allowDisableExternalKey] = source.allowDisableExternal;
@@ -49,7 +37,7 @@ Json settingsToJson(const GatewaySettings& source) {
 }
 
 void getSettings(Context& context) {
-    const GatewaySettings settings = readSettings(context.session());
+    const contract::Settings settings = readSettings(context.session());
     Table table({"SETTING", "VALUE"});
     table.add({enabledKey, yesNo(settings.enabled)});
     table.add({allowDisableExternalKey, yesNo(settings.allowDisableExternal)});
@@ -58,21 +46,17 @@ void getSettings(Context& context) {
 }
 
 void setSettings(Context& context, const std::vector<std::string>& arguments) {
-    const Settings wanted(arguments, {enabledKey, allowDisableExternalKey, showDummyRuleKey});
+    const KeyValues wanted(arguments, {enabledKey, allowDisableExternalKey, showDummyRuleKey});
     const auto enabled = wanted.flag(enabledKey);
     const auto allowDisableExternal = wanted.flag(allowDisableExternalKey);
     const auto showDummyRule = wanted.flag(showDummyRuleKey);
 
     // What is sent is stored as it is, in place of all settings: the others have to go along.
-    GatewaySettings settings = readSettings(context.session());
+    contract::Settings settings = readSettings(context.session());
     settings.enabled = enabled.value_or(settings.enabled);
     settings.allowDisableExternal = allowDisableExternal.value_or(settings.allowDisableExternal);
     settings.showDummyRule = showDummyRule.value_or(settings.showDummyRule);
-    tk::message request;
-    request.insert_bool(contract::settingfield::enabled, settings.enabled);
-    request.insert_bool(contract::settingfield::allowDisableExternal, settings.allowDisableExternal);
-    request.insert_bool(contract::settingfield::showDummyRule, settings.showDummyRule);
-    context.session().request(contract::path::gateway(), tk::command::set, request);
+    context.session().request(contract::path::gateway(), tk::command::set, settings.toMessage());
     context.print(settingsToJson(settings), "");
 }
 

@@ -1,5 +1,3 @@
-#include "ctl/upnpitems.h"
-
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -12,6 +10,8 @@
 #include "contract/interfaces.h"
 #include "contract/programs.h"
 #include "ctl/commandline.h"
+#include "ctl/commands.h"
+#include "ctl/context.h"
 #include "ctl/failure.h"
 #include "ctl/interfaces.h"
 #include "ctl/json.h"
@@ -24,11 +24,11 @@ namespace ctl {
 
 namespace {
 
-/// The sides that an interface can stand on, with their numbers on the bus.
-enum class Role : std::uint32_t { none = 0, external = 1, internal = 2 };
+using contract::Role;
+using contract::RoleItem;
 
-std::string roleName(std::uint32_t type) {
-    switch (static_cast<Role>(type)) {
+std::string roleName(Role role) {
+    switch (role) {
         case Role::none:
             return "none";
         case Role::external:
@@ -36,12 +36,12 @@ std::string roleName(std::uint32_t type) {
         case Role::internal:
             return "internal";
     }
-    return std::to_string(type);
+    return std::to_string(static_cast<std::uint32_t>(role));
 }
 
-std::uint32_t roleNamed(const std::string& name) {
+Role roleNamed(const std::string& name) {
     for (const Role role : {Role::external, Role::internal})
-        if (name == roleName(static_cast<std::uint32_t>(role))) return static_cast<std::uint32_t>(role);
+        if (name == roleName(role)) return role;
     throw misuse("'" + name + "': the type is internal or external");
 }
 
@@ -54,25 +54,24 @@ std::uint32_t itemId(const std::string& text) {
 
 void listItems(Context& context) {
     Session& session = context.session();
-    const std::vector<tk::message> items = session.list(contract::path::gateway());
+    const std::vector<tk::message> records = session.list(contract::path::gateway());
     const std::vector<Interface> interfaces = readInterfaces(session);
     Json list = Json::array();
     Table table({"ID", "INTERFACE", "TYPE", "DISABLED"});
-    for (const tk::message& item : items) {
-        const std::uint32_t id = item.get_u32(tk::field::objectId);
-        const std::uint32_t interface = item.get_u32(contract::itemfield::interface);
-        const std::string name = interfaceName(interfaces, interface);
-        const std::string role = roleName(item.get_u32(contract::itemfield::type));
-        const bool disabled = item.get_bool(tk::field::disabled);
+    for (const tk::message& record : records) {
+        const std::uint32_t id = record.get_u32(tk::field::objectId);
+        const RoleItem item = RoleItem::fromMessage(record, {});
+        const std::string name = interfaceName(interfaces, item.interface);
+        const std::string role = roleName(item.type);
         Json object;
         object["id"] = id;
-        object["interface"] = interface;
+        object["interface"] = item.interface;
         object["name"] = name;
         object["type"] = role;
-        object["disabled"] = disabled;
+        object["disabled"] = item.disabled;
         list.push_back(object);
-        table.add({std::to_string(id), name.empty() ? std::to_string(interface) + " (absent)" : name, role,
-                   yesNo(disabled)});
+        table.add({std::to_string(id), name.empty() ? std::to_string(item.interface) + " (absent)" : name,
+                   role, yesNo(item.disabled)});
     }
     context.print(list, table.text());
 }
@@ -83,7 +82,8 @@ void printId(Context& context, std::uint32_t id, const std::string& text) {
     context.print(object, text);
 }
 
-/// A request about one item. Errors: throws Failure.
+/// A request about one item.
+/// Errors: throws Failure.
 void requestForItem(Session& session, std::uint32_t command, const tk::message& item) {
     const tk::message end = session.exchange(contract::path::gateway(), command, item);
     std::uint32_t code = 0;
@@ -104,13 +104,13 @@ struct Arguments {
 constexpr const char* forceOption = "--force";
 
 /// Refuses to serve the LAN where the Internet is. A router that cannot tell the side has the say itself.
-void checkSide(Session& session, std::uint32_t interface, std::uint32_t role, bool isForced) {
-    if (role != static_cast<std::uint32_t>(Role::internal) || isForced) return;
+void checkSide(Session& session, const RoleItem& item, bool isForced) {
+    if (item.type != Role::internal || isForced) return;
     tk::message question;
-    question.insert_u32(contract::sidefield::interface, interface);
+    question.insert_u32(contract::sidefield::interface, item.interface);
     const tk::message reply = session.exchange(contract::path::interfaces(), contract::tellSide, question);
     if (tk::isError(reply) || reply.get_u32(contract::sidefield::side) != contract::outside) return;
-    throw Failure(interfaceName(readInterfaces(session), interface) +
+    throw Failure(interfaceName(readInterfaces(session), item.interface) +
                   " is outside: " + reply.get_string(contract::sidefield::why) + "; " + forceOption +
                   " makes it internal all the same");
 }
@@ -118,33 +118,27 @@ void checkSide(Session& session, std::uint32_t interface, std::uint32_t role, bo
 /// Asks the side of the interface that an item would have, where the change touches that.
 void checkSideOfChange(Session& session, const tk::message& change, bool isForced) {
     if (!change.has(contract::itemfield::interface) && !change.has(contract::itemfield::type)) return;
-    for (const tk::message& item : session.list(contract::path::gateway())) {
-        if (item.get_u32(tk::field::objectId) != change.get_u32(tk::field::objectId)) continue;
-        const auto changed = [&](std::uint32_t field) { return change.get_u32(field, item.get_u32(field)); };
-        checkSide(session, changed(contract::itemfield::interface), changed(contract::itemfield::type),
-                  isForced);
-    }
+    for (const tk::message& record : session.list(contract::path::gateway()))
+        if (record.get_u32(tk::field::objectId) == change.get_u32(tk::field::objectId))
+            checkSide(session, RoleItem::fromMessage(change, RoleItem::fromMessage(record, {})), isForced);
 }
 
 void addItem(Context& context, const Arguments& arguments) {
-    const Settings settings(arguments.settings, {"disabled"});
+    const KeyValues settings(arguments.settings, {"disabled"});
     const bool disabled = settings.flag("disabled").value_or(false);
-    const std::uint32_t role = roleNamed(arguments.type);
+    const Role role = roleNamed(arguments.type);
     Session& session = context.session();
-    tk::message item;
-    item.insert_bool(tk::field::disabled, disabled);
-    const std::uint32_t interface = interfaceNamed(readInterfaces(session), arguments.name).id;
-    item.insert_u32(contract::itemfield::interface, interface);
-    item.insert_u32(contract::itemfield::type, role);
-    checkSide(session, interface, role, arguments.isForced);
-    const tk::message reply = session.request(contract::path::gateway(), tk::command::addObject, item);
+    const RoleItem item{interfaceNamed(readInterfaces(session), arguments.name).id, role, disabled};
+    checkSide(session, item, arguments.isForced);
+    const tk::message reply =
+        session.request(contract::path::gateway(), tk::command::addObject, item.toMessage());
     const std::uint32_t id = reply.get_u32(tk::field::objectId, tk::unassigned);
     if (id == tk::unassigned) throw Failure("the item was added, but the reply does not tell its id");
     printId(context, id, std::to_string(id) + '\n');
 }
 
 void setItem(Context& context, const Arguments& arguments) {
-    const Settings settings(arguments.settings, {"interface", "type", "disabled"});
+    const KeyValues settings(arguments.settings, {"interface", "type", "disabled"});
     const std::uint32_t id = itemId(arguments.id);
     const auto disabled = settings.flag("disabled");
     const auto name = settings.text("interface");
@@ -152,7 +146,7 @@ void setItem(Context& context, const Arguments& arguments) {
     tk::message change;  // what is absent stays as it is
     change.insert_u32(tk::field::objectId, id);
     if (disabled) change.insert_bool(tk::field::disabled, *disabled);
-    if (type) change.insert_u32(contract::itemfield::type, roleNamed(*type));
+    if (type) change.insert_u32(contract::itemfield::type, static_cast<std::uint32_t>(roleNamed(*type)));
     Session& session = context.session();
     if (name)
         change.insert_u32(contract::itemfield::interface, interfaceNamed(readInterfaces(session), *name).id);

@@ -18,10 +18,12 @@ namespace ctl {
 class Context {
 public:
     /// Answers go to `out`. The requests go to `bus`, or, where it is null, to the hub, which is connected
-    /// when the first session is asked for. Lifetime: both outlive the context.
+    /// when the first session is asked for.
+    /// Lifetime: both outlive the context.
     explicit Context(std::ostream& out, tk::Bus* bus = nullptr) : out(out), bus(bus) {}
 
-    /// The way to the services. Errors: throws Failure when the hub cannot be reached.
+    /// The way to the services.
+    /// Errors: throws Failure when the hub cannot be reached.
     Session& session();
 
     /// Prints the answer: JSON as one line where it is asked for, else the text for people.

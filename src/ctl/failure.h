@@ -12,6 +12,7 @@ enum class Status : int { done = 0, failed = 1, misuse = 2 };
 /// through the platform library, which is built without exceptions.
 class Failure : public std::runtime_error {
 public:
+    /// The reason goes to standard error after the program's name.
     explicit Failure(const std::string& reason, Status status = Status::failed)
         : std::runtime_error(reason), status(status) {}
 

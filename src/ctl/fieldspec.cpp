@@ -9,7 +9,6 @@
 #include "ctl/failure.h"
 #include "ctl/json.h"
 #include "ctl/text.h"
-#include "ctl/typenames.h"
 #include "net/convert.h"
 #include "tk/bus.h"
 #include "tk/names.h"

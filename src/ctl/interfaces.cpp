@@ -5,6 +5,7 @@
 #include "contract/interfaces.h"
 #include "contract/programs.h"
 #include "ctl/commandline.h"
+#include "ctl/commands.h"
 #include "ctl/failure.h"
 #include "ctl/json.h"
 #include "ctl/table.h"

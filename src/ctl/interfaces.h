@@ -4,12 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "ctl/context.h"
 #include "ctl/session.h"
-
-namespace CLI {
-class App;
-}
 
 namespace ctl {
 
@@ -24,17 +19,16 @@ struct Interface {
     bool running = false;
 };
 
-/// All interfaces, in the service's order. Errors: throws Failure.
+/// All interfaces, in the service's order.
+/// Errors: throws Failure.
 [[nodiscard]] std::vector<Interface> readInterfaces(Session& session);
 
-/// The interface of a name. Errors: throws Failure that lists the names that there are.
+/// The interface of a name.
+/// Errors: throws Failure that lists the names that there are.
 [[nodiscard]] const Interface& interfaceNamed(const std::vector<Interface>& interfaces,
                                               const std::string& name);
 
 /// The name of the interface with an id, empty where there is none now.
 [[nodiscard]] std::string interfaceName(const std::vector<Interface>& interfaces, std::uint32_t id);
-
-/// Adds "interface list".
-void addInterfaceCommands(CLI::App& app, Context& context);
 
 }  // namespace ctl

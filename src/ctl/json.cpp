@@ -7,7 +7,6 @@
 
 #include "ctl/failure.h"
 #include "ctl/text.h"
-#include "ctl/typenames.h"
 #include "net/convert.h"
 #include "tk/bus.h"
 #include "tk/names.h"
@@ -15,8 +14,6 @@
 namespace ctl {
 
 namespace {
-
-constexpr unsigned nestingLimit = 16;  // of the bus itself: a deeper message would cost the connection
 
 struct ValueToJson {
     Json operator()(std::uint32_t value) const { return value; }
@@ -63,7 +60,9 @@ std::vector<std::uint32_t> readNumbers(const Json& value) {
 
 std::vector<tk::message> readMessages(const Json& value, unsigned depth) {
     if (!value.is_array()) throw misuse(lineOf(value) + " is no list of messages");
-    if (depth == nestingLimit) throw misuse("messages may not stand more than 16 deep in one another");
+    if (depth == tk::message::nestingLimit)
+        throw misuse("messages may not stand more than " + std::to_string(tk::message::nestingLimit) +
+                     " deep in one another");
     std::vector<tk::message> messages;
     for (const Json& element : value) messages.push_back(readFields(element, depth + 1));
     return messages;

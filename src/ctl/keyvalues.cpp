@@ -19,7 +19,8 @@ std::string listed(std::initializer_list<std::string_view> names) {
 
 }  // namespace
 
-Settings::Settings(const std::vector<std::string>& arguments, std::initializer_list<std::string_view> known) {
+KeyValues::KeyValues(const std::vector<std::string>& arguments,
+                     std::initializer_list<std::string_view> known) {
     for (const std::string& argument : arguments) {
         const std::size_t equals = argument.find('=');
         if (equals == std::string::npos)
@@ -32,13 +33,13 @@ Settings::Settings(const std::vector<std::string>& arguments, std::initializer_l
     }
 }
 
-std::optional<std::string> Settings::text(const std::string& key) const {
+std::optional<std::string> KeyValues::text(const std::string& key) const {
     const auto found = values.find(key);
     if (found == values.end()) return std::nullopt;
     return found->second;
 }
 
-std::optional<bool> Settings::flag(const std::string& key) const {
+std::optional<bool> KeyValues::flag(const std::string& key) const {
     const auto value = text(key);
     if (!value) return std::nullopt;
     if (*value == "yes") return true;

@@ -10,19 +10,21 @@
 namespace ctl {
 
 /// KEY=VALUE arguments, such as those of "tkctl upnp set enabled=yes".
-class Settings {
+class KeyValues {
 public:
     /// Errors: throws Failure (misuse) for an argument without '=', a key that is not among `known`, and one
     /// that is given twice.
-    Settings(const std::vector<std::string>& arguments, std::initializer_list<std::string_view> known);
+    KeyValues(const std::vector<std::string>& arguments, std::initializer_list<std::string_view> known);
 
     /// True when no argument was given.
     bool empty() const { return values.empty(); }
 
-    /// The value of a key. Errors: none when it was not given.
+    /// The value of a key.
+    /// Errors: none when it was not given.
     [[nodiscard]] std::optional<std::string> text(const std::string& key) const;
 
-    /// The same for a value that is yes or no. Errors: throws Failure (misuse) for any other text.
+    /// The same for a value that is yes or no.
+    /// Errors: throws Failure (misuse) for any other text.
     [[nodiscard]] std::optional<bool> flag(const std::string& key) const;
 
 private:

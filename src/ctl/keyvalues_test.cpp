@@ -7,8 +7,8 @@
 namespace ctl {
 namespace {
 
-Settings parse(const std::vector<std::string>& arguments) {
-    return Settings(arguments, {"enabled", "name"});
+KeyValues parse(const std::vector<std::string>& arguments) {
+    return KeyValues(arguments, {"enabled", "name"});
 }
 
 /// The reason of a refusal as misuse, empty when there was none.
@@ -22,32 +22,32 @@ std::string misuseOf(Action action) {
     return {};
 }
 
-TEST(Settings, GivesTheValuesThatWereNamed) {
-    const Settings settings = parse({"enabled=yes", "name=a=b"});
+TEST(KeyValues, GivesTheValuesThatWereNamed) {
+    const KeyValues settings = parse({"enabled=yes", "name=a=b"});
     EXPECT_EQ(settings.flag("enabled"), true);
     EXPECT_EQ(settings.text("name"), "a=b");
 }
 
-TEST(Settings, WhatWasNotNamedHasNoValue) {
+TEST(KeyValues, WhatWasNotNamedHasNoValue) {
     EXPECT_EQ(parse({}).flag("enabled"), std::nullopt);
     EXPECT_EQ(parse({"enabled=no"}).text("name"), std::nullopt);
 }
 
-TEST(Settings, AnEmptyTextIsAValue) {
+TEST(KeyValues, AnEmptyTextIsAValue) {
     EXPECT_EQ(parse({"name="}).text("name"), "");
 }
 
-TEST(Settings, FlagsAreYesOrNo) {
+TEST(KeyValues, FlagsAreYesOrNo) {
     EXPECT_EQ(parse({"enabled=no"}).flag("enabled"), false);
     for (const char* argument : {"enabled=", "enabled=1", "enabled=true", "enabled=Yes", "enabled=yes "})
         EXPECT_NE(misuseOf([=] { (void)parse({argument}).flag("enabled"); }), "") << argument;
 }
 
-TEST(Settings, SaysWhichKeysThereAre) {
+TEST(KeyValues, SaysWhichKeysThereAre) {
     EXPECT_EQ(misuseOf([] { parse({"enable=yes"}); }), "unknown key 'enable'; there are: enabled, name");
 }
 
-TEST(Settings, RefusesWhatIsNoSetting) {
+TEST(KeyValues, RefusesWhatIsNoSetting) {
     EXPECT_EQ(misuseOf([] { parse({"enabled"}); }), "'enabled': expected KEY=VALUE; keys: enabled, name");
     EXPECT_EQ(misuseOf([] { parse({"name=a", "name=b"}); }), "'name' is given twice");
 }

@@ -12,7 +12,8 @@
 namespace ctl {
 
 /// How long the end of a request is waited for: a program that has to be started first needs more than one
-/// that runs already. Units: milliseconds.
+/// that runs already.
+/// Units: milliseconds.
 constexpr std::uint32_t requestTimeout = 20000;
 
 /// An error's reason for people, also where it carries no text. When nobody answered, the program behind the
@@ -51,7 +52,8 @@ public:
                                        const tk::message& fields = {},
                                        std::uint32_t timeout = requestTimeout);
 
-    /// The same, for commands that need a reply. Errors: throws Failure with the error's text.
+    /// The same, for commands that need a reply.
+    /// Errors: throws Failure with the error's text.
     tk::message request(const tk::Path& path, std::uint32_t command, const tk::message& fields = {});
 
     /// All objects of the handler at `path`, over as many pages as it answers with.

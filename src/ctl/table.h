@@ -12,6 +12,7 @@ class Table {
 public:
     using Row = std::vector<std::string>;
 
+    /// A table without rows.
     explicit Table(Row headings);
 
     /// Appends a row; it has as many cells as there are headings. An empty cell is shown as "-".

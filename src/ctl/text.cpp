@@ -16,6 +16,21 @@ namespace {
 constexpr std::uint32_t tcp = 6;
 constexpr std::uint32_t udp = 17;
 
+struct TypeName {
+    tk::FieldType type;
+    std::string_view name;
+};
+
+constexpr TypeName typeNames[] = {
+    {tk::FieldType::u32, "u32"},
+    {tk::FieldType::boolean, "bool"},
+    {tk::FieldType::string, "string"},
+    {tk::FieldType::be32, "be32"},
+    {tk::FieldType::u64, "u64"},
+    {tk::FieldType::u32Array, "u32[]"},
+    {tk::FieldType::messageArray, "message[]"},
+};
+
 }  // namespace
 
 std::size_t displayWidth(std::string_view text) {
@@ -98,6 +113,32 @@ std::optional<std::uint32_t> parseAddress(const std::string& text) {
     if (text.find('\0') != std::string::npos || inet_pton(AF_INET, text.c_str(), &address) != 1)
         return std::nullopt;
     return address.s_addr;
+}
+
+std::string_view typeName(tk::FieldType type) {
+    for (const TypeName& entry : typeNames)
+        if (entry.type == type) return entry.name;
+    return {};
+}
+
+std::optional<tk::FieldType> typeNamed(std::string_view name) {
+    for (const TypeName& entry : typeNames)
+        if (entry.name == name) return entry.type;
+    return std::nullopt;
+}
+
+std::string_view kindName(tk::Kind kind) {
+    switch (kind) {
+        case tk::Kind::request:
+            return "request";
+        case tk::Kind::reply:
+            return "reply";
+        case tk::Kind::error:
+            return "error";
+        case tk::Kind::notification:
+            return "notification";
+    }
+    return {};
 }
 
 }  // namespace ctl

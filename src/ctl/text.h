@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "tk/bus.h"
+#include "tk/message.h"
 
 namespace ctl {
 
@@ -18,7 +19,8 @@ namespace ctl {
 /// "20,5".
 [[nodiscard]] std::string pathText(const tk::Path& path);
 
-/// "2026-01-02T03:04:05Z". Units: seconds since the epoch.
+/// "2026-01-02T03:04:05Z".
+/// Units: seconds since the epoch.
 /// Errors: a time that no calendar knows gives the number itself.
 [[nodiscard]] std::string timeText(std::uint64_t seconds);
 
@@ -28,17 +30,30 @@ namespace ctl {
 /// "yes" or "no".
 [[nodiscard]] std::string yesNo(bool value);
 
-/// A decimal or 0x hexadecimal number; the whole text must be one. Errors: none when it is not, or is above
-/// `limit`.
+/// A decimal or 0x hexadecimal number; the whole text must be one.
+/// Errors: none when it is not, or is above `limit`.
 [[nodiscard]] std::optional<std::uint64_t> parseNumber(std::string_view text, std::uint64_t limit);
 
 /// The same for 32 bits.
 [[nodiscard]] std::optional<std::uint32_t> parseU32(std::string_view text);
 
-/// A path: numbers with commas between them. Errors: none when there is no number or something else.
+/// A path: numbers with commas between them.
+/// Errors: none when there is no number or something else.
 [[nodiscard]] std::optional<tk::Path> parsePath(std::string_view text);
 
-/// Four decimal numbers with dots between them. Byte order: network. Errors: none for any other form.
+/// Four decimal numbers with dots between them.
+/// Byte order: network.
+/// Errors: none for any other form.
 [[nodiscard]] std::optional<std::uint32_t> parseAddress(const std::string& text);
+
+/// "u32", "bool", "string", "be32", "u64", "u32[]" or "message[]".
+[[nodiscard]] std::string_view typeName(tk::FieldType type);
+
+/// The type of such a name.
+/// Errors: none for any other.
+[[nodiscard]] std::optional<tk::FieldType> typeNamed(std::string_view name);
+
+/// "request", "reply", "error" or "notification".
+[[nodiscard]] std::string_view kindName(tk::Kind kind);
 
 }  // namespace ctl

@@ -3,7 +3,18 @@
 #include <string>
 #include <string_view>
 
+#include "tk/message.h"
+
 namespace ctl {
+
+/// The message that a notification of the hub's trace carries.
+/// Errors: null for anything else.
+/// Lifetime: that of `received`.
+[[nodiscard]] const tk::message* tracedMessage(const tk::message& received);
+
+/// A message as one line for people: kind, from, to, command, number, an error's code and text, its own
+/// fields.
+[[nodiscard]] std::string traceText(const tk::message& traced);
 
 /// Writes lines to a descriptor at once, and never waits for a reader without watching for an interruption.
 class TraceOutput {
@@ -15,7 +26,8 @@ public:
         failed,       // reason() tells
     };
 
-    /// `interruption` is readable once the program is to end. Lifetime: both descriptors outlive the object.
+    /// `interruption` is readable once the program is to end.
+    /// Lifetime: both descriptors outlive the object.
     TraceOutput(int target, int interruption) : target(target), interruption(interruption) {}
 
     /// Writes the whole text, however long the reader takes.

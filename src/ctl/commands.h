@@ -1,0 +1,31 @@
+#pragma once
+
+namespace CLI {
+class App;
+}
+
+/// The commands of tkctl, each group in a source of its own.
+namespace ctl {
+
+class Context;
+
+// Each adds its commands below a word. Lifetime: the context outlives the parser.
+
+/// Adds "interface list".
+void addInterfaceCommands(CLI::App& app, Context& context);
+/// Adds "address list".
+void addAddressCommands(CLI::App& app, Context& context);
+/// Adds "get" and "set", below "upnp".
+void addUpnpCommands(CLI::App& upnp, Context& context);
+/// Adds "interface list", "add", "set" and "remove", below "upnp".
+void addUpnpItemCommands(CLI::App& upnp, Context& context);
+/// Adds "nat list" and "nat test".
+void addNatCommands(CLI::App& app, Context& context);
+/// Adds "history list" and "history undo".
+void addHistoryCommands(CLI::App& app, Context& context);
+/// Adds "call", below "bus".
+void addBusCallCommand(CLI::App& bus, Context& context);
+/// Adds "trace", below "bus".
+void addBusTraceCommand(CLI::App& bus, Context& context);
+
+}  // namespace ctl
