@@ -1,7 +1,7 @@
 // The port mapping table of WANIPConnection and the four actions on it.
 
 #include "net/convert.h"
-#include "services/natrules.h"
+#include "services/natrequests.h"
 #include "services/wanipconnection.h"
 #include "tk/log.h"
 #include "tk/names.h"

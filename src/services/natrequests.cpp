@@ -1,4 +1,4 @@
-#include "services/natrules.h"
+#include "services/natrequests.h"
 
 #include <netinet/in.h>
 
