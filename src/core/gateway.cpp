@@ -3,7 +3,7 @@
 #include "core/gateway.h"
 
 #include "contract/programs.h"
-#include "http/baseurl.h"
+#include "http/httpserver.h"
 #include "net/convert.h"
 #include "tk/log.h"
 #include "tk/looper.h"

@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "http/httpserver.h"
-#include "net/sendwhole.h"
+#include "net/sockets.h"
 #include "tk/log.h"
 
 namespace {

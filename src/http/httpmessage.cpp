@@ -5,8 +5,7 @@
 #include <utility>
 
 #include "net/convert.h"
-#include "net/serverstring.h"
-#include "net/text.h"
+#include "net/sockets.h"
 
 namespace {
 
@@ -104,4 +103,17 @@ std::string HTTPMessage::toString() const {
     for (std::size_t i = 0; i < names.size() && i < values.size(); ++i)
         text.append(names[i]).append(": ").append(values[i]).append(crlf);
     return text.append(crlf).append(body);
+}
+
+std::string methodOf(const std::string& title) {
+    return title.substr(0, title.find(' '));
+}
+
+std::string pathOf(const std::string& title) {
+    const std::size_t blank = title.find(' ');
+    if (blank == std::string::npos) return {};
+    const std::size_t start = blank + 1;
+    const std::size_t protocol = title.find(" HTTP/", blank);
+    if (protocol == std::string::npos) return title.substr(start);
+    return protocol < start ? std::string() : title.substr(start, protocol - start);
 }

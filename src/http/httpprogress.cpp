@@ -5,7 +5,6 @@
 
 #include "http/httpmessage.h"
 #include "net/convert.h"
-#include "net/text.h"
 
 namespace {
 

@@ -10,7 +10,8 @@
 #include <utility>
 #include <vector>
 
-#include "http/httptitle.h"
+#include "contract/ports.h"
+#include "net/convert.h"
 #include "tk/log.h"
 
 namespace {
@@ -38,6 +39,10 @@ void eraseFirst(std::map<Key, HTTPService*>& services, const HTTPService* servic
 }
 
 }  // namespace
+
+std::string baseUrl(std::uint32_t address) {
+    return "http://" + ipToString(address) + ":" + toString(unsigned{contract::httpPort});
+}
 
 HTTPServer::HTTPServer(HTTPHost& host, std::string directory)
     : host(host), store{std::move(directory), {}}, reserve(openReserve()) {}

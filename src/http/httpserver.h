@@ -6,10 +6,29 @@
 #include <string>
 
 #include "http/httpconn.h"
-#include "http/httphost.h"
 #include "http/httpservice.h"
 #include "http/httpstore.h"
 #include "tk/fd.h"
+
+class Device;
+
+/// The address of the HTTP server on one interface, "http://" to the port, without a slash behind it.
+/// Byte order: network.
+std::string baseUrl(std::uint32_t address);
+
+/// What the HTTP server asks of the gateway above it.
+class HTTPHost {
+public:
+    virtual ~HTTPHost() = default;
+    /// The interface whose HTTP listener this socket is; null when none owns it.
+    virtual Device* listenerOwner(int listenSocket) = 0;
+    /// The address that the interface serves. Byte order: network.
+    virtual std::uint32_t addressOf(const Device& device) const = 0;
+    /// The root device description as an XML document, for clients that reach the gateway at `address`.
+    virtual std::string describe(std::uint32_t address) = 0;
+    /// A connection that was accepted on `device` ended.
+    virtual void connectionEnded(const Device& device) = 0;
+};
 
 /// Serves HTTP on the listeners of the internal interfaces: one request a connection, one response, then the
 /// end. A request whose answer takes somebody else's waits alone, and all others are served meanwhile.

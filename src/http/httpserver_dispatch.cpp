@@ -1,7 +1,6 @@
 // Where a request goes: by method and path, then by HOST.
 
 #include "contract/ports.h"
-#include "http/baseurl.h"
 #include "http/httpserver.h"
 #include "net/convert.h"
 #include "tk/log.h"

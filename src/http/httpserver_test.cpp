@@ -518,4 +518,9 @@ TEST_F(WaitingRequests, OfAllAreLimited) {
     EXPECT_EQ(subscribe(INADDR_LOOPBACK + 9)->received(), "HTTP/1.1 412 Precondition Failed\r\n\r\n");
 }
 
+TEST(BaseUrl, NamesTheAddressAndThePort) {
+    EXPECT_EQ(baseUrl(inet_addr("192.0.2.1")), "http://192.0.2.1:2828");
+    EXPECT_EQ(baseUrl(0), "http://0.0.0.0:2828");
+}
+
 }  // namespace

@@ -3,9 +3,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "http/httptitle.h"
+#include "http/httpmessage.h"
 #include "net/convert.h"
-#include "net/serverstring.h"
+#include "net/sockets.h"
 #include "tk/fd.h"
 #include "tk/log.h"
 

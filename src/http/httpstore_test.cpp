@@ -9,7 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include "net/serverstring.h"
+#include "net/sockets.h"
 
 namespace {
 

@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <limits>
 
-#include "net/text.h"
 #include "tk/platform.h"
 
 namespace {
@@ -100,4 +99,16 @@ std::string uptimeString() {
 std::string_view stripPrefix(std::string_view name) {
     const std::size_t colon = name.rfind(':');
     return colon == std::string_view::npos ? name : slice(name, colon + 1);
+}
+
+std::string_view slice(std::string_view text, std::size_t start, std::size_t length) {
+    return start < text.size() ? text.substr(start, length) : std::string_view();
+}
+
+char firstByte(std::string_view text) {
+    return text.empty() ? '\0' : text.front();
+}
+
+char lastByte(std::string_view text) {
+    return text.empty() ? '\0' : text.back();
 }

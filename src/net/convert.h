@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -38,3 +39,11 @@ std::string uptimeString();
 /// The part of a qualified name after its last ':'; all of it where there is none.
 /// Lifetime: as long as the name itself.
 std::string_view stripPrefix(std::string_view name);
+
+/// The part of `text` that begins at `start` and has at most `length` bytes; empty when `start` lies past the
+/// end. Lifetime: as long as the text itself.
+std::string_view slice(std::string_view text, std::size_t start, std::size_t length = std::string_view::npos);
+
+/// The first and the last byte of a text; '\0' when there is none.
+char firstByte(std::string_view text);
+char lastByte(std::string_view text);

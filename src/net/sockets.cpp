@@ -11,6 +11,12 @@
 #include "net/convert.h"
 #include "tk/fd.h"
 #include "tk/log.h"
+#include "tk/platform.h"
+
+// No blank between the version and "UPnP/1.0": clients see exactly this text.
+const std::string serverString = "Quillnet/" + tk::getOSVersion() + "UPnP/1.0 Vantorel UPnP/1.0";
+
+const std::string crlf = "\r\n";
 
 namespace {
 
@@ -61,6 +67,14 @@ int fail(const char* what) {
     return -1;
 }
 
+/// Makes room for `wanted` bytes. Of what the kernel reports, half is its own overhead.
+void makeRoom(int socket, int wanted) {
+    int room = 0;
+    socklen_t size = sizeof room;
+    if (::getsockopt(socket, SOL_SOCKET, SO_SNDBUF, &room, &size) == 0 && room / 2 >= wanted) return;
+    (void)::setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &wanted, sizeof wanted);  // at worst less goes out
+}
+
 }  // namespace
 
 int openUdpSocket(const char* deviceName) {
@@ -88,4 +102,10 @@ int openTcpListener(const char* deviceName, int port) {
     if (!bindToPort(socket, port)) return fail("tcp bind: ");
     if (::listen(socket.get(), listenQueue) != 0) return fail("tcp listen: ");
     return socket.release();
+}
+
+bool sendWhole(int socket, std::string_view text) {
+    makeRoom(socket, static_cast<int>(text.size()));
+    return ::send(socket, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL) ==
+           static_cast<ssize_t>(text.size());
 }

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
+#include <string_view>
 
 /// Opens a UDP socket that is bound to one network device, and to no address.
 /// A null name counts as empty. The kernel sees 16 bytes of the name: one of 16 characters or more is cut.
@@ -15,3 +17,15 @@
 /// Opens a TCP listener on `port` of one network device, with a queue of 1.
 /// Byte order: the port is in host order. Errors: -1, logged.
 [[nodiscard]] int openTcpListener(const char* deviceName, int port);
+
+/// Sends a whole text on a connected TCP socket, in one call that never waits for the peer: the socket's
+/// buffer is first made large enough for it. Errors: false when less went out; what is missing is not sent
+/// later.
+[[nodiscard]] bool sendWhole(int socket, std::string_view text);
+
+/// How the daemon calls itself in the SERVER header. Nothing may be sent before main(), for it is made only
+/// then.
+extern const std::string serverString;
+
+/// The line end of HTTP, SSDP and the XML writer. Made before main(), as above.
+extern const std::string crlf;

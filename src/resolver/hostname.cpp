@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "net/text.h"
+#include "net/convert.h"
 
 namespace resolver {
 

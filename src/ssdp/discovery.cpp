@@ -6,7 +6,6 @@
 #include <utility>
 
 #include "http/httpmessage.h"
-#include "net/serverstring.h"
 #include "net/sockets.h"
 #include "ssdp/ssdpnames.h"
 #include "tk/fd.h"

@@ -6,7 +6,7 @@
 #include "contract/ports.h"
 #include "http/httpmessage.h"
 #include "net/convert.h"
-#include "net/serverstring.h"
+#include "net/sockets.h"
 #include "ssdp/discovery.h"
 #include "ssdp/ssdpnames.h"
 #include "tk/log.h"

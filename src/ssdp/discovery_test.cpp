@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include "net/serverstring.h"
 #include "net/sockets.h"
 #include "ssdp/testing/multicastlistener.h"
 #include "tk/fd.h"

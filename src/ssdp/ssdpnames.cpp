@@ -1,7 +1,7 @@
 #include "ssdp/ssdpnames.h"
 
 #include "contract/ports.h"
-#include "http/baseurl.h"
+#include "http/httpserver.h"
 #include "net/convert.h"
 
 namespace {

@@ -4,7 +4,7 @@
 #include <unistd.h>
 
 #include "contract/ports.h"
-#include "http/baseurl.h"
+#include "http/httpserver.h"
 #include "net/convert.h"
 #include "net/sockets.h"
 #include "tk/log.h"

@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "net/convert.h"
-#include "net/text.h"
 
 namespace {
 

@@ -11,8 +11,7 @@
 
 #include "http/httpmessage.h"
 #include "net/convert.h"
-#include "net/sendwhole.h"
-#include "net/text.h"
+#include "net/sockets.h"
 #include "tk/log.h"
 #include "upnp/subscription.h"
 #include "xml/xmlwriter.h"

@@ -7,8 +7,7 @@
 #include <memory>
 
 #include "net/convert.h"
-#include "net/serverstring.h"
-#include "net/text.h"
+#include "net/sockets.h"
 #include "tk/log.h"
 #include "upnp/callbackurl.h"
 #include "upnp/namedsubscriber.h"

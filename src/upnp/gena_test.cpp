@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "net/convert.h"
-#include "net/serverstring.h"
+#include "net/sockets.h"
 #include "tk/testing/capturedoutput.h"
 #include "tk/testing/testloop.h"
 #include "upnp/event.h"

@@ -3,7 +3,6 @@
 #include <utility>
 
 #include "net/convert.h"
-#include "net/text.h"
 #include "tk/log.h"
 #include "upnp/checkvalue.h"
 #include "upnp/soapresponse.h"

@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "net/convert.h"
-#include "net/serverstring.h"
+#include "net/sockets.h"
 #include "xml/xmlwriter.h"
 
 namespace {

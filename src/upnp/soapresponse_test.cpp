@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "net/serverstring.h"
+#include "net/sockets.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 #include "xml/xmlwriter.h"
 
-#include "net/serverstring.h"
+#include "net/sockets.h"
 
 namespace {
 
