@@ -3,9 +3,11 @@
 #include <list>
 
 #include "contract/interfaces.h"
+#include "contract/programs.h"
 #include "net/convert.h"
-#include "services/devicestats.h"
 #include "services/registration.h"
+#include "tk/log.h"
+#include "tk/looper.h"
 #include "tk/names.h"
 #include "upnp/makevector.h"
 
@@ -19,6 +21,33 @@ using Allowed = std::list<std::string>;
 /// The allowed values of WANAccessType: four of the five that it may have, without "Other". On purpose.
 Allowed allowedAccessTypes() {
     return makeContainer<Allowed>(4, "DSL", "POTS", "Cable", "Ethernet", "Other");
+}
+
+/// The traffic counters of an interface. Each keeps the low 32 bits of the router's counter, and so wraps at
+/// 2^32.
+struct DeviceStats {
+    std::uint32_t rxPackets = 0;
+    std::uint32_t txPackets = 0;
+    std::uint32_t rxBytes = 0;
+    std::uint32_t txBytes = 0;
+};
+
+/// Asks the router for the counters of the interface with the bus object `deviceId`.
+/// Errors: logged; all counters are 0 then.
+DeviceStats getDeviceStats(std::uint32_t deviceId) {
+    tk::message request;
+    request.insert_u32_array(tk::field::destination, contract::path::interfaces());
+    request.insert_u32(tk::field::objectId, deviceId);
+    request.insert_u32(tk::field::options, contract::withCounters);
+    const tk::message reply =
+        tk::getLooper()->exchangeCmd(request, tk::command::getObject, tk::exchangeTimeout);
+    if (tk::isError(reply)) tk::log("get device stats: ", tk::getError(reply));
+    DeviceStats stats;
+    stats.rxPackets = static_cast<std::uint32_t>(reply.get_u64(contract::interfacefield::rxPackets));
+    stats.txPackets = static_cast<std::uint32_t>(reply.get_u64(contract::interfacefield::txPackets));
+    stats.rxBytes = static_cast<std::uint32_t>(reply.get_u64(contract::interfacefield::rxBytes));
+    stats.txBytes = static_cast<std::uint32_t>(reply.get_u64(contract::interfacefield::txBytes));
+    return stats;
 }
 
 }  // namespace

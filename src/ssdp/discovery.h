@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-#include "upnp/adverttargets.h"
+#include "upnp/upnpdevice.h"
 
 /// One internal interface as discovery sees it.
 struct SSDPInterface {

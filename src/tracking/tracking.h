@@ -11,12 +11,19 @@
 #include "http/httpserver.h"
 #include "ssdp/discovery.h"
 #include "tk/message.h"
-#include "tracking/addr.h"
 #include "tracking/device.h"
 #include "tracking/trackinghost.h"
 
 /// How long a daemon that is switched off stays resident. Units: ticks of 10 ms.
 constexpr std::uint32_t leaveTicks = 1000;
+
+/// One of the router's IPv4 addresses.
+struct Addr {
+    std::uint32_t address = 0;    // network order
+    std::uint32_t interface = 0;  // id of the interface that has it
+    bool stale = false;           // during a full walk: not seen yet; behind it: gone
+    bool disabled = false;        // tracked, but never used
+};
 
 /// Follows the router's interfaces and addresses, and starts and stops the role that an item gives an
 /// interface: internal ones get their sockets and adverts, external ones their WAN device and services.
@@ -84,6 +91,8 @@ public:
 private:
     using Devices = std::map<std::uint32_t, std::unique_ptr<Device>>;
 
+    /// The query for all objects of a handler.
+    static tk::message getAllFrom(const tk::Path& path);
     void clearDevices();
     void removeDevice(Devices::iterator entry);
     void addDevice(const contract::InterfaceRecord& record);

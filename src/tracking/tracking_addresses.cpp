@@ -5,7 +5,6 @@
 #include "tk/log.h"
 #include "tk/names.h"
 #include "tk/reget.h"
-#include "tracking/getall.h"
 #include "tracking/tracking.h"
 
 namespace {

@@ -8,7 +8,6 @@
 #include "tk/log.h"
 #include "tk/names.h"
 #include "tk/reget.h"
-#include "tracking/getall.h"
 #include "tracking/tracking.h"
 
 namespace {
@@ -20,11 +19,6 @@ std::string displayNameOf(const contract::InterfaceRecord& record) {
 }
 
 }  // namespace
-
-Tracking::Tracking(TrackingHost& host, Discovery& discovery, HTTPServer& server)
-    : host(host), discovery(discovery), server(server) {}
-
-Tracking::~Tracking() = default;
 
 void Tracking::getDevices() {
     if (!host.isEnabled())

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "upnp/upnpdevice.h"
-#include "upnp/upnpservicedescr.h"
+#include "upnp/upnpdevicedescr.h"
 
 /// The device tree of one external interface: its descriptions, which differ between interfaces by the
 /// interface's id.

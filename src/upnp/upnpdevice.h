@@ -1,11 +1,15 @@
 #pragma once
 
 #include <list>
+#include <map>
+#include <string>
 
-#include "upnp/adverttargets.h"
 #include "upnp/upnpdevicedescr.h"
-#include "upnp/upnpservicedescr.h"
 #include "xml/xmlnode.h"
+
+/// What discovery announces of a device tree: from notification type (NT) to unique service name (USN). One
+/// type may have several names.
+using AdvertTargets = std::multimap<std::string, std::string>;
 
 /// One device of the tree that the daemon presents, with its embedded devices and the entries of its
 /// services. Plain data: descriptions and announcements are made afresh whenever they are asked for. A copy

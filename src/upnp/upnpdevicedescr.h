@@ -1,9 +1,39 @@
 #pragma once
 
+#include <cstdint>
 #include <list>
 #include <string>
 
-#include "upnp/upnpicon.h"
+#include "xml/xmlnode.h"
+
+/// One entry of a device's icon list.
+struct UpnpIcon {
+    std::string mimetype;
+    std::int32_t width = 0;   // pixels
+    std::int32_t height = 0;  // pixels
+    std::int32_t depth = 0;   // bits of colour
+    std::string url;          // path on the daemon's HTTP server
+
+    /// The element "icon". The three numbers are written as unsigned ones.
+    XMLNode buildDescription() const;
+};
+
+/// The entry of one service in a device description.
+struct UpnpServiceDescr {
+    /// Derives all fields: for example of "upnp-org", "WANIPConnection:1", "WANIPConn1" and the one component
+    /// that is common to its three paths, "wanipconn-7".
+    UpnpServiceDescr(const std::string& domain, const std::string& type, const std::string& id,
+                     const std::string& name);
+
+    std::string serviceType;  // urn:schemas-upnp-org:service:WANIPConnection:1
+    std::string serviceId;    // urn:upnp-org:serviceId:WANIPConn1
+    std::string SCPDURL;      // /wanipconn-7.xml
+    std::string controlURL;   // /upnp/control/wanipconn-7
+    std::string eventSubURL;  // /upnp/event/wanipconn-7
+
+    /// The element "service".
+    XMLNode buildDescription() const;
+};
 
 /// The maker's web address, shown by control points.
 constexpr const char* manufacturerAddress = "http://www.vantorel.example/";

@@ -1,4 +1,4 @@
-#include "upnp/upnpservicedescr.h"
+#include "upnp/upnpdevicedescr.h"
 
 #include <gtest/gtest.h>
 
