@@ -31,43 +31,29 @@ const char* reasonOf(int statusCode) {
 
 }  // namespace
 
-std::string toUpper(std::string text) {
-    for (char& byte : text)
-        if (byte >= 'a' && byte <= 'z') byte = static_cast<char>(byte - 'a' + 'A');
-    return text;
-}
-
 HTTPMessage::HTTPMessage(int statusCode)
     : title("HTTP/1.1 " + ::toString(statusCode) + " " + reasonOf(statusCode)) {}
 
-HTTPMessage::HTTPMessage(std::string_view text) : complete(false) {
-    parse(text);
+HTTPMessage::HTTPMessage(std::string_view text) {
+    HTTPProgress progress;
+    for (auto part = progress.next(text); part.kind != Part::Kind::none; part = progress.next(text))
+        take(part);
+    complete = progress.look(text) == HTTPProgress::State::complete;
 }
 
-void HTTPMessage::parse(std::string_view text) {
-    std::size_t lineStart = 0;
-    std::size_t lineEnd = text.find('\r');
-    if (lineEnd == std::string_view::npos) return;
-    title = slice(text, 0, lineEnd);
-    for (lineStart = lineEnd + 2; firstByte(slice(text, lineStart)) != '\r'; lineStart = lineEnd + 2) {
-        lineEnd = text.find('\r', lineStart);
-        if (lineEnd == std::string_view::npos) return;
-        if (!addLine(slice(text, lineStart, lineEnd - lineStart))) return;
+void HTTPMessage::take(const Part& part) {
+    switch (part.kind) {
+        case Part::Kind::none:
+            return;
+        case Part::Kind::title:
+            title = part.text;
+            return;
+        case Part::Kind::header:
+            return add(std::string(part.name), std::string(part.text));
+        case Part::Kind::body:
+            body = part.text;
+            return;
     }
-    body = slice(text, lineStart + 2);
-    const std::string* const length = find("CONTENT-LENGTH");
-    complete = !length || toUnsigned(*length) == body.size();
-}
-
-/// Takes one header line. False when it has no colon.
-bool HTTPMessage::addLine(std::string_view line) {
-    const std::size_t colon = line.find(':');
-    if (colon == std::string_view::npos) return false;
-    std::size_t valueStart = colon + 1;
-    while (firstByte(slice(line, valueStart)) == ' ') ++valueStart;
-    names.push_back(toUpper(std::string(slice(line, 0, colon))));
-    values.emplace_back(slice(line, valueStart));
-    return true;
 }
 
 void HTTPMessage::add(std::string name, std::string value) {

@@ -5,6 +5,8 @@
 #include <string_view>
 #include <vector>
 
+#include "http/httpprogress.h"
+
 /// One message in the form of HTTP: a request, a response, or an SSDP datagram.
 /// A value: built, read or written, and dropped.
 struct HTTPMessage {
@@ -13,9 +15,8 @@ struct HTTPMessage {
     /// A response without headers and body. A status outside those that the daemon answers with (200, 400,
     /// 404, 412, 500, 501) gets an empty reason, behind its blank.
     explicit HTTPMessage(int statusCode);
-    /// Parses what was received so far. The text ends a line at each CR, and the byte behind a CR is taken to
-    /// be the LF without a look at it. Errors: none; what is malformed is left incomplete, with what was read
-    /// up to there.
+    /// Parses what was received so far, as HTTPProgress reads it.
+    /// Errors: none; what is malformed is left incomplete, with what was read up to there.
     explicit HTTPMessage(std::string_view text);
     explicit HTTPMessage(const std::string& text) : HTTPMessage(std::string_view(text)) {}
     explicit HTTPMessage(const char* text) : HTTPMessage(std::string_view(text)) {}
@@ -40,13 +41,11 @@ struct HTTPMessage {
         true;  // false while a parsed message lacks something, or has a body beyond CONTENT-LENGTH
 
 private:
-    void parse(std::string_view text);
-    bool addLine(std::string_view line);
+    using Part = HTTPProgress::Part;
+
+    void take(const Part& part);
     const std::string* find(std::string name) const;
 };
-
-/// The text in upper case, byte by byte, for ASCII letters.
-std::string toUpper(std::string text);
 
 /// The method in a request's start line: the text before the first blank, the whole line without one.
 std::string methodOf(const std::string& title);

@@ -3,17 +3,18 @@
 #include <algorithm>
 #include <string>
 
-#include "http/httpmessage.h"
 #include "net/convert.h"
 
 namespace {
+
+using Kind = HTTPProgress::Part::Kind;
 
 constexpr std::string_view lengthHeader = "CONTENT-LENGTH";
 
 }  // namespace
 
 HTTPProgress::State HTTPProgress::look(std::string_view buffer) {
-    while (advance(buffer)) {
+    while (next(buffer).kind != Kind::none) {
     }
     switch (phase) {
         case Phase::title:
@@ -28,54 +29,60 @@ HTTPProgress::State HTTPProgress::look(std::string_view buffer) {
     return State::never;
 }
 
-bool HTTPProgress::advance(std::string_view buffer) {
+HTTPProgress::Part HTTPProgress::next(std::string_view buffer) {
     switch (phase) {
         case Phase::title:
         case Phase::line:
             return finishLine(buffer);
         case Phase::lineStart:
-            if (buffer.size() <= lineStart) return false;
+            if (buffer.size() <= lineStart) return {};
             scanned = lineStart;
             colon = std::string_view::npos;
             phase = buffer[lineStart] == '\r' ? Phase::body : Phase::line;
-            return true;
+            return phase == Phase::line ? finishLine(buffer)
+                                        : Part{Kind::body, {}, slice(buffer, lineStart + 2)};
         case Phase::body:
         case Phase::broken:
-            return false;
+            return {};
     }
-    return false;
+    return {};
 }
 
-bool HTTPProgress::finishLine(std::string_view buffer) {
+HTTPProgress::Part HTTPProgress::finishLine(std::string_view buffer) {
     const std::size_t end = std::min(buffer.find('\r', scanned), buffer.size());
     if (colon == std::string_view::npos) {
         const std::size_t found = slice(buffer, 0, end).find(':', scanned);
         if (found != std::string_view::npos) colon = found;
     }
     scanned = end;
-    if (end == buffer.size()) return false;
-    if (phase == Phase::line && colon == std::string_view::npos) {
+    if (end == buffer.size()) return {};
+    const bool isTitle = phase == Phase::title;
+    if (!isTitle && colon == std::string_view::npos) {
         phase = Phase::broken;
-        return true;
+        return {};
     }
-    if (phase == Phase::line) takeHeader(slice(buffer, lineStart, end - lineStart), colon - lineStart);
-    lineStart = end + 2;  // the byte behind the CR is the LF, or taken for it
+    const std::size_t start = lineStart;
+    lineStart = end + 2;
     phase = Phase::lineStart;
-    return true;
+    const std::string_view line = slice(buffer, start, end - start);
+    return isTitle ? Part{Kind::title, {}, line} : takeHeader(line, colon - start);
 }
 
-void HTTPProgress::takeHeader(std::string_view line, std::size_t nameLength) {
-    if (hasLength || nameLength != lengthHeader.size()) return;
-    if (toUpper(std::string(slice(line, 0, nameLength))) != lengthHeader) return;
-    hasLength = true;
-    bodyLength =
-        toUnsigned(std::string(slice(line, nameLength + 1)));  // blanks before the number are skipped there
+HTTPProgress::Part HTTPProgress::takeHeader(std::string_view line, std::size_t nameLength) {
+    const std::string_view name = slice(line, 0, nameLength);
+    std::string_view value = slice(line, nameLength + 1);
+    value = slice(value, value.find_first_not_of(' '));
+    if (!hasLength && toUpper(std::string(name)) == lengthHeader) {
+        hasLength = true;
+        bodyLength = toUnsigned(std::string(value));
+    }
+    return {Kind::header, name, value};
 }
 
 HTTPProgress::State HTTPProgress::judgeBody(std::size_t received) const {
     if (!hasLength) return State::complete;
-    const std::size_t bodyStart =
-        lineStart + 2;  // one past the end while the LF is missing: the body is empty then
+    // One past the end while the LF is missing: the body is empty then.
+    const std::size_t bodyStart = lineStart + 2;
     const std::size_t bodyReceived = received > bodyStart ? received - bodyStart : 0;
     if (bodyReceived == bodyLength) return State::complete;
     return bodyReceived < bodyLength ? State::needMore : State::never;

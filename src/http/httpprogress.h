@@ -4,27 +4,41 @@
 #include <cstdint>
 #include <string_view>
 
-/// Follows a message that arrives in pieces: says, as the buffer grows, whether HTTPMessage would find it
-/// complete, without a second look at the bytes of an earlier call.
+/// Reads the framing of a message whose text may still grow: the title, the headers, where the body begins, and
+/// whether all of it is there. Nothing is looked at twice.
+///
+/// A line ends at its CR, and the byte after it is taken to be the LF without a look at it. The value of a header
+/// begins after the blanks that follow the colon; tabs, and white space at its end, belong to it.
 class HTTPProgress {
 public:
     enum class State : std::uint8_t {
         needMore,  // not complete yet
-        complete,  // HTTPMessage(buffer).complete is true
-        never,     // not complete, and no further byte can make it so
+        complete,  // without CONTENT-LENGTH, or with just as many bytes of body as the first one says
+        never,  // not complete, and no further byte can make it so: a header has no colon, or the body is too long
     };
 
     /// Looks at what was appended since the last call. `buffer` is everything received so far, and begins
     /// with what it held at the last call.
     [[nodiscard]] State look(std::string_view buffer);
 
+    /// One part of a message.
+    /// Lifetime: as long as the text from which it was read.
+    struct Part {
+        enum class Kind : std::uint8_t { none, title, header, body };
+
+        Kind kind = Kind::none;
+        std::string_view name = {};  // of a header, as it was written
+        std::string_view text = {};  // the title, the value of a header, or what is there of the body
+    };
+
+    /// The next part that has arrived whole; none when there is no further one, or not yet. `buffer` as above.
+    Part next(std::string_view buffer);
+
 private:
     enum class Phase : std::uint8_t { title, lineStart, line, body, broken };
 
-    /// Goes on in the buffer as far as the bytes reach. False when more are needed to go on.
-    bool advance(std::string_view buffer);
-    bool finishLine(std::string_view buffer);
-    void takeHeader(std::string_view line, std::size_t nameLength);
+    Part finishLine(std::string_view buffer);
+    Part takeHeader(std::string_view line, std::size_t nameLength);
     State judgeBody(std::size_t received) const;
 
     Phase phase = Phase::title;

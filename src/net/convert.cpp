@@ -112,3 +112,9 @@ char firstByte(std::string_view text) {
 char lastByte(std::string_view text) {
     return text.empty() ? '\0' : text.back();
 }
+
+std::string toUpper(std::string text) {
+    for (char& byte : text)
+        if (byte >= 'a' && byte <= 'z') byte = static_cast<char>(byte - 'a' + 'A');
+    return text;
+}

@@ -47,3 +47,6 @@ std::string_view slice(std::string_view text, std::size_t start, std::size_t len
 /// The first and the last byte of a text; '\0' when there is none.
 char firstByte(std::string_view text);
 char lastByte(std::string_view text);
+
+/// The text in upper case, byte by byte, for ASCII letters.
+std::string toUpper(std::string text);

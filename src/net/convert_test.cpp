@@ -133,4 +133,9 @@ TEST(Text, FirstAndLastByteOfNothingAreZero) {
     EXPECT_EQ(lastByte("<a>"), '>');
 }
 
+TEST(Text, UpperCaseTouchesTheLettersOfAsciiAlone) {
+    EXPECT_EQ(toUpper("Content-Length: az AZ 09 \xe4"), "CONTENT-LENGTH: AZ AZ 09 \xe4");
+    EXPECT_EQ(toUpper(""), "");
+}
+
 }  // namespace
