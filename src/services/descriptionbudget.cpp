@@ -1,15 +1,17 @@
 #include "services/descriptionbudget.h"
 
-const char* DescriptionBudget::refusal(const PortMap& added, const PortMap* replaced) const {
+tk::Status DescriptionBudget::roomFor(const PortMap& added, const PortMap* replaced) const {
     const std::size_t freed = replaced ? replaced->description.size() : 0;
     const auto share = shares.find(added.requester);
     std::size_t own = share == shares.end() ? 0 : share->second;
     if (replaced && replaced->requester == added.requester) own -= freed;
     const std::size_t size = added.description.size();
-    if (own + size > hostLimit) return "the descriptions of this host's mappings take too much memory";
+    if (own + size > hostLimit)
+        return tk::Status::failure("the descriptions of this host's mappings take too much memory");
     const std::size_t most = own + size <= hostFloor ? limitWithFloors : limit;
-    if (total - freed + size > most) return "the descriptions of all mappings take too much memory";
-    return nullptr;
+    if (total - freed + size > most)
+        return tk::Status::failure("the descriptions of all mappings take too much memory");
+    return {};
 }
 
 void DescriptionBudget::take(const PortMap& map) {

@@ -5,6 +5,7 @@
 #include <map>
 
 #include "services/portmap.h"
+#include "tk/status.h"
 
 /// How much memory the descriptions of mappings take: of those that one host asked for, and of all. So one
 /// host that fills its share leaves the others theirs. Units: bytes.
@@ -16,9 +17,8 @@ public:
     static constexpr std::size_t hostFloor = std::size_t{16} * 1024;
     static constexpr std::size_t limitWithFloors = 2 * limit;
 
-    /// Why there is no room for a mapping, in the place of `replaced` where that is not null. Null when there
-    /// is.
-    [[nodiscard]] const char* refusal(const PortMap& added, const PortMap* replaced) const;
+    /// Ok when there is room for a mapping, in the place of `replaced` where that is not null.
+    tk::Status roomFor(const PortMap& added, const PortMap* replaced) const;
     /// Counts the description of a mapping to the host that asked for it.
     void take(const PortMap& map);
     /// Gives that back.

@@ -19,45 +19,45 @@ PortMap mapOf(std::uint32_t requester, std::size_t size) {
 
 TEST(DescriptionBudget, HostMayFillItsShareAndNoMore) {
     DescriptionBudget budget;
-    EXPECT_EQ(budget.refusal(mapOf(1, hostLimit), nullptr), nullptr);
-    EXPECT_STREQ(budget.refusal(mapOf(1, hostLimit + 1), nullptr), fullShare);
+    EXPECT_TRUE(budget.roomFor(mapOf(1, hostLimit), nullptr).isOk());
+    EXPECT_EQ(budget.roomFor(mapOf(1, hostLimit + 1), nullptr).reason(), fullShare);
     budget.take(mapOf(1, hostLimit - 5));
-    EXPECT_EQ(budget.refusal(mapOf(1, 5), nullptr), nullptr);
-    EXPECT_STREQ(budget.refusal(mapOf(1, 6), nullptr), fullShare);
+    EXPECT_TRUE(budget.roomFor(mapOf(1, 5), nullptr).isOk());
+    EXPECT_EQ(budget.roomFor(mapOf(1, 6), nullptr).reason(), fullShare);
 }
 
 TEST(DescriptionBudget, FullShareHarmsItsOwnerAlone) {
     DescriptionBudget budget;
     budget.take(mapOf(1, hostLimit));
-    EXPECT_STREQ(budget.refusal(mapOf(1, 1), nullptr), fullShare);
-    EXPECT_EQ(budget.refusal(mapOf(2, hostLimit), nullptr), nullptr);
+    EXPECT_EQ(budget.roomFor(mapOf(1, 1), nullptr).reason(), fullShare);
+    EXPECT_TRUE(budget.roomFor(mapOf(2, hostLimit), nullptr).isOk());
 }
 
 TEST(DescriptionBudget, AllHostsTogetherHaveALimit) {
     DescriptionBudget budget;
     for (std::uint32_t host = 1; host <= 16; ++host) budget.take(mapOf(host, hostLimit));
-    EXPECT_STREQ(budget.refusal(mapOf(17, DescriptionBudget::hostFloor + 1), nullptr), fullAtAll);
+    EXPECT_EQ(budget.roomFor(mapOf(17, DescriptionBudget::hostFloor + 1), nullptr).reason(), fullAtAll);
     budget.giveBack(mapOf(3, hostLimit));
-    EXPECT_EQ(budget.refusal(mapOf(17, hostLimit), nullptr), nullptr);
+    EXPECT_TRUE(budget.roomFor(mapOf(17, hostLimit), nullptr).isOk());
 }
 
 TEST(DescriptionBudget, HostGetsALittleThoughOneWithManyAddressesHasTakenAll) {
     constexpr std::size_t floor = DescriptionBudget::hostFloor;
     DescriptionBudget budget;
     for (std::uint32_t host = 1; host <= 16; ++host) budget.take(mapOf(host, hostLimit));
-    EXPECT_EQ(budget.refusal(mapOf(17, floor), nullptr), nullptr);
+    EXPECT_TRUE(budget.roomFor(mapOf(17, floor), nullptr).isOk());
     budget.take(mapOf(17, floor));
-    EXPECT_STREQ(budget.refusal(mapOf(17, 1), nullptr), fullAtAll);
+    EXPECT_EQ(budget.roomFor(mapOf(17, 1), nullptr).reason(), fullAtAll);
     for (std::uint32_t host = 18; host <= 1040; ++host) budget.take(mapOf(host, floor));
-    EXPECT_STREQ(budget.refusal(mapOf(2000, 1), nullptr), fullAtAll);
+    EXPECT_EQ(budget.roomFor(mapOf(2000, 1), nullptr).reason(), fullAtAll);
 }
 
 TEST(DescriptionBudget, WhatIsReplacedCountsNoMore) {
     DescriptionBudget budget;
     const PortMap old = mapOf(1, hostLimit);
     budget.take(old);
-    EXPECT_EQ(budget.refusal(mapOf(1, hostLimit), &old), nullptr);
-    EXPECT_STREQ(budget.refusal(mapOf(1, hostLimit + 1), &old), fullShare);
+    EXPECT_TRUE(budget.roomFor(mapOf(1, hostLimit), &old).isOk());
+    EXPECT_EQ(budget.roomFor(mapOf(1, hostLimit + 1), &old).reason(), fullShare);
 }
 
 TEST(DescriptionBudget, MappingThatAnotherHostChangesCountsToThatHost) {
@@ -65,14 +65,14 @@ TEST(DescriptionBudget, MappingThatAnotherHostChangesCountsToThatHost) {
     const PortMap old = mapOf(1, hostLimit);
     budget.take(old);
     budget.take(mapOf(2, hostLimit));
-    EXPECT_STREQ(budget.refusal(mapOf(2, 1), &old), fullShare);
-    EXPECT_EQ(budget.refusal(mapOf(3, hostLimit), &old), nullptr);
+    EXPECT_EQ(budget.roomFor(mapOf(2, 1), &old).reason(), fullShare);
+    EXPECT_TRUE(budget.roomFor(mapOf(3, hostLimit), &old).isOk());
 }
 
 TEST(DescriptionBudget, WhatIsGivenBackIsThereAgain) {
     DescriptionBudget budget;
     for (int round = 0; round < 40; ++round) {
-        ASSERT_EQ(budget.refusal(mapOf(1, hostLimit), nullptr), nullptr) << round;
+        ASSERT_TRUE(budget.roomFor(mapOf(1, hostLimit), nullptr).isOk()) << round;
         budget.take(mapOf(1, hostLimit));
         budget.giveBack(mapOf(1, hostLimit));
     }

@@ -30,8 +30,43 @@ void answerValue(Arguments& out, const PortMap& map) {
                            map.enabled ? "1" : "0", map.description, toString(map.leaseDuration)});
 }
 
+/// The in-arguments that name a mapping, in their order.
+/// Lifetime: as long as the arguments.
+struct KeyArguments {
+    const std::string& remoteHost;
+    const std::string& externalPort;
+    const std::string& protocol;
+};
+
+KeyArguments readKey(const Arguments& in) {
+    return {in[0], in[1], in[2]};
+}
+
+/// The in-arguments of AddPortMapping that say what a mapping is; they follow those of its key. Lifetime: likewise.
+struct ValueArguments {
+    const std::string& internalPort;
+    const std::string& internalClient;
+    const std::string& enabled;
+    const std::string& description;
+    const std::string& leaseDuration;
+};
+
+ValueArguments readValue(const Arguments& in) {
+    return {in[3], in[4], in[5], in[6], in[7]};
+}
+
 bool isTrue(const std::string& text) {
     return text == "yes" || text == "1" || text == "true";
+}
+
+PortMap toPortMap(const ValueArguments& value) {
+    PortMap map;
+    map.internalPort = static_cast<std::uint16_t>(toUnsigned(value.internalPort));
+    map.internalClient = toAddress(value.internalClient);
+    map.enabled = isTrue(value.enabled);
+    map.description = value.description;
+    map.leaseDuration = toUnsigned(value.leaseDuration);
+    return map;
 }
 
 }  // namespace
@@ -42,37 +77,33 @@ void WANIPConnection::countMaps(bool withDummy) {
 }
 
 UPNPStatus WANIPConnection::addPortMapping(const Arguments& in, Arguments&) {
-    const std::string &remoteHost = in[0], &externalPort = in[1], &internalPort = in[3],
-                      &internalClient = in[4];
-    if (toAddress(remoteHost) != noAddress) {
-        tk::log("addPortMapping: REMOTE_ONLY_WILDCARD: '", remoteHost, "'");
+    const KeyArguments key = readKey(in);
+    const ValueArguments value = readValue(in);
+    if (toAddress(key.remoteHost) != noAddress) {
+        tk::log("addPortMapping: REMOTE_ONLY_WILDCARD: '", key.remoteHost, "'");
         return upnpstatus::remoteHostOnlySupportsWildcard;
     }
-    if (externalPort.empty()) {
+    if (key.externalPort.empty()) {
         tk::log("addPortMapping: EXT_PORT_NO_WILDCARD");
         return upnpstatus::wildcardNotPermittedInExtPort;
     }
-    const Id id = toId(externalPort, in[2]);
-    PortMap map;
-    map.internalPort = static_cast<std::uint16_t>(toUnsigned(internalPort));
-    map.internalClient = toAddress(internalClient);
-    map.enabled = isTrue(in[5]);
-    map.description = in[6];
-    map.leaseDuration = toUnsigned(in[7]);
+    PortMap map = toPortMap(value);
     map.requester = requester();
     if (map.leaseDuration != 0) {
         tk::log("addPortMapping: ONLY_PERM_LEASES");
         return upnpstatus::onlyPermanentLeasesSupported;
     }
+    const Id id = toId(key.externalPort, key.protocol);
     const auto existing = portMaps.find(id);
     const bool isNew = existing == portMaps.end();
-    tk::log(isNew ? "add map " : "set map ", externalPort, "->", internalPort, ", ", internalClient);
+    tk::log(isNew ? "add map " : "set map ", key.externalPort, "->", value.internalPort, ", ",
+            value.internalClient);
     return isNew ? addMap(id, std::move(map)) : changeMap(existing->second, std::move(map));
 }
 
 UPNPStatus WANIPConnection::addMap(const Id& id, PortMap map) {
-    if (const char* reason = descriptions.refusal(map, nullptr)) {
-        tk::log("add nat failed: ", reason);
+    if (const tk::Status room = descriptions.roomFor(map, nullptr); !room.isOk()) {
+        tk::log("add nat failed: ", room.reason());
         return upnpstatus::actionFailed;
     }
     const tk::message reply = createNatRule(id, map, externalAddress);
@@ -92,8 +123,8 @@ UPNPStatus WANIPConnection::changeMap(PortMap& existing, PortMap map) {
         tk::log("addPortMapping: CONFLICT_IN_ENTRY");
         return upnpstatus::conflictInMappingEntry;
     }
-    if (const char* reason = descriptions.refusal(map, &existing)) {
-        tk::log("set nat failed: ", reason);
+    if (const tk::Status room = descriptions.roomFor(map, &existing); !room.isOk()) {
+        tk::log("set nat failed: ", room.reason());
         return upnpstatus::actionFailed;
     }
     map.natId = existing.natId;
@@ -109,13 +140,13 @@ UPNPStatus WANIPConnection::changeMap(PortMap& existing, PortMap map) {
 }
 
 UPNPStatus WANIPConnection::deletePortMapping(const Arguments& in, Arguments&) {
-    const std::string& externalPort = in[1];
-    const auto existing = portMaps.find(toId(externalPort, in[2]));
+    const KeyArguments key = readKey(in);
+    const auto existing = portMaps.find(toId(key.externalPort, key.protocol));
     if (existing == portMaps.end()) {
         tk::log("deletePortMapping: NO_SUCH_ENTRY");
         return upnpstatus::noSuchEntryInArray;
     }
-    tk::log("del map ", externalPort);
+    tk::log("del map ", key.externalPort);
     const tk::message reply = removeNatRule(existing->second.natId);
     if (tk::isError(reply)) {
         tk::log("remove nat failed: ", tk::getError(reply));
@@ -128,7 +159,7 @@ UPNPStatus WANIPConnection::deletePortMapping(const Arguments& in, Arguments&) {
 }
 
 UPNPStatus WANIPConnection::getGenericPortMappingEntry(const Arguments& in, Arguments& out) {
-    std::uint32_t index = toUnsigned(in[0]);
+    std::uint32_t index = toUnsigned(in.front());  // NewPortMappingIndex alone
     if (showDummyRule && index == 0) {
         answerKey(out, Id{});
         answerValue(out, dummyMap());
@@ -143,13 +174,13 @@ UPNPStatus WANIPConnection::getGenericPortMappingEntry(const Arguments& in, Argu
 }
 
 UPNPStatus WANIPConnection::getSpecificPortMappingEntry(const Arguments& in, Arguments& out) {
-    const std::string &remoteHost = in[0], &externalPort = in[1], &protocol = in[2];
-    if (remoteHost.empty() && externalPort == "0" && protocol == "TCP") {
+    const KeyArguments key = readKey(in);
+    if (key.remoteHost.empty() && key.externalPort == "0" && key.protocol == "TCP") {
         answerValue(out, dummyMap());  // even before a real mapping of that port. On purpose.
         return upnpstatus::ok;
     }
-    if (!remoteHost.empty()) return upnpstatus::noSuchEntryInArray;
-    const auto existing = portMaps.find(toId(externalPort, protocol));
+    if (!key.remoteHost.empty()) return upnpstatus::noSuchEntryInArray;
+    const auto existing = portMaps.find(toId(key.externalPort, key.protocol));
     if (existing == portMaps.end()) return upnpstatus::noSuchEntryInArray;
     answerValue(out, existing->second);
     return upnpstatus::ok;
