@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 
 #include "upnp/upnpdevice.h"
 
@@ -20,7 +21,7 @@ public:
     virtual SSDPInterface findInterface(int ssdpSocket) = 0;
 };
 
-/// Answers the searches that arrive on the internal interfaces.
+/// Answers the searches that arrive on the internal interfaces, and keeps what it answers them with.
 class Discovery {
 public:
     /// Lifetime: the host outlives the object.
@@ -33,12 +34,14 @@ public:
     /// Architecture 1.0, 1.2.2 and 1.2.3.
     void ssdpRead(int socket, std::uint32_t events);
 
-    /// The notification types and unique service names of the whole device tree, between the moments in which
-    /// those of one WAN device are announced.
-    AdvertTargets advertTargets;
+    /// The notification types and unique service names of the whole device tree: what searches find.
+    const AdvertTargets& targets() const { return advertTargets; }
+    /// The device tree is another one now.
+    void setTargets(AdvertTargets targets) { advertTargets = std::move(targets); }
 
 private:
     SSDPHost& host;
+    AdvertTargets advertTargets;
 };
 
 /// Multicasts one NOTIFY for each entry of `table`, in order, from the interface's SSDP socket: ssdp:byebye

@@ -47,7 +47,7 @@ protected:
         client.reset(openUdpSocket("lo"));
         bindToLoopback(server, serverAddress);
         bindToLoopback(client, clientAddress);
-        discovery.advertTargets = table;
+        discovery.setTargets(table);
     }
     static void bindToLoopback(const tk::Fd& socket, sockaddr_in& address) {
         address = {};

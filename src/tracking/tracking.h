@@ -85,7 +85,7 @@ public:
     void stopExt(Device* device);
     /// Timer callback of a started internal role.
     void readvertise(Device* device);
-    /// Fills the table of what discovery announces from the whole device tree.
+    /// Tells discovery what the device tree consists of now.
     void rebuildAdvertTargets();
 
 private:

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <list>
+#include <utility>
 
 #include "tk/log.h"
 #include "tracking/tracking.h"
@@ -29,7 +30,7 @@ void Tracking::stopExt(Device* device) {
     if (wanDevice != wanDevices.end()) {
         advertiseSubtree(*wanDevice, true);
         wanDevices.erase(wanDevice);
-        rebuildAdvertTargets();  // behind the removal: between operations the table describes the whole tree
+        rebuildAdvertTargets();
     }
     removeServices(device);
     device->startedAs = Role::none;
@@ -55,15 +56,15 @@ void Tracking::removeServices(Device* device) {
 }
 
 void Tracking::advertiseSubtree(const UpnpDevice& subtree, bool byebye) {
-    discovery.advertTargets.clear();
-    subtree.collectAdvertTargets(discovery.advertTargets);
+    AdvertTargets targets;
+    subtree.collectAdvertTargets(targets);
     for (const auto& [id, device] : devices)
         if (device->startedAs == Role::internal)
-            sendAdverts({device->ssdpSocket, device->address, device->name()}, discovery.advertTargets,
-                        byebye);
+            sendAdverts({device->ssdpSocket, device->address, device->name()}, targets, byebye);
 }
 
 void Tracking::rebuildAdvertTargets() {
-    discovery.advertTargets.clear();
-    host.rootDevice().collectAdvertTargets(discovery.advertTargets);
+    AdvertTargets targets;
+    host.rootDevice().collectAdvertTargets(targets);
+    discovery.setTargets(std::move(targets));
 }

@@ -33,7 +33,7 @@ void Tracking::startInt(Device* device) {
     tk::log("start int: ", device->displayName(), " ", ipToString(device->address));
     openSockets(device);
     tk::getRunner()->addTimer<Device, &Device::readvertise>(device, advertiseTicks);
-    sendAdverts(ssdpInterface(*device), discovery.advertTargets, false);
+    sendAdverts(ssdpInterface(*device), discovery.targets(), false);
     device->startedAs = Role::internal;
 }
 
@@ -50,14 +50,14 @@ void Tracking::openSockets(Device* device) {
 }
 
 void Tracking::readvertise(Device* device) {
-    sendAdverts(ssdpInterface(*device), discovery.advertTargets, false);
+    sendAdverts(ssdpInterface(*device), discovery.targets(), false);
     tk::getRunner()->addTimer<Device, &Device::readvertise>(device, advertiseTicks);
 }
 
 void Tracking::stopInt(Device* device) {
     if (device->startedAs != Role::internal) return;
     tk::log("stop int: ", device->displayName());
-    sendAdverts(ssdpInterface(*device), discovery.advertTargets, true);
+    sendAdverts(ssdpInterface(*device), discovery.targets(), true);
     tk::getRunner()->removeTimer<Device, &Device::readvertise>(device);
     closeSocket(device->ssdpSocket);
     closeSocket(device->httpSocket);

@@ -141,7 +141,7 @@ TEST_F(Roles, ExternalStartAnnouncesOnlyItsOwnSubtree) {
               "initial external addr: 198.51.100.1\nsendAdverts\n");
     EXPECT_EQ(heard(), of("ssdp:alive", wanTypes));
     EXPECT_TRUE(device->isStarted());
-    EXPECT_EQ(discovery.advertTargets.size(), rootTypes.size() + wanTypes.size());  // the whole tree again
+    EXPECT_EQ(discovery.targets().size(), rootTypes.size() + wanTypes.size());  // the whole tree again
 }
 
 TEST_F(Roles, ExternalStopSaysByebyeForItsSubtreeAndForgetsIt) {
@@ -153,7 +153,7 @@ TEST_F(Roles, ExternalStopSaysByebyeForItsSubtreeAndForgetsIt) {
     tracking.stopExt(device);
     EXPECT_EQ(takeLog(), "stop ext: if8\nsendAdverts\n");
     EXPECT_EQ(heard(), of("ssdp:byebye", wanTypes));
-    EXPECT_EQ(discovery.advertTargets.size(), rootTypes.size());
+    EXPECT_EQ(discovery.targets().size(), rootTypes.size());
     EXPECT_TRUE(host.root.devices.empty());
     EXPECT_EQ(device->ipConnection, nullptr);
     EXPECT_EQ(device->commonConfig, nullptr);
