@@ -19,8 +19,8 @@ class HTTPServer;
 class HTTPConn final : public HTTPClient {
 public:
     /// Takes an accepted, non-blocking socket over, and watches it. `source` is the peer's address in network
-    /// order. `number` counts the accepted connections. Lifetime: the server owns the connection; the device
-    /// lives until the connection has ended.
+    /// order. `number` counts the accepted connections.
+    /// Lifetime: the server owns the connection; the device lives until the connection has ended.
     HTTPConn(HTTPServer& server, tk::Fd accepted, Device& device, std::uint32_t source, std::uint64_t number);
 
     /// What a read brought.
@@ -28,10 +28,12 @@ public:
 
     /// Reads once. Bytes that can never become a complete message are not kept.
     [[nodiscard]] Input read();
-    /// Sends the response in one piece. Errors: logged; the client has not got all of it then.
+    /// Sends the response in one piece.
+    /// Errors: logged; the client has not got all of it then.
     void write(const std::string& response);
     /// Keeps a complete request until it is answered, and does not look at what the client does meanwhile.
     void keepWaiting(std::unique_ptr<HTTPWait> with);
+    /// True while its request is kept waiting.
     bool isWaiting() const { return wait != nullptr; }
     /// True while it waits for this service.
     bool waitsFor(const HTTPService& service) const { return wait && wait->isFor(service); }

@@ -13,7 +13,7 @@ struct HTTPMessage {
     /// An empty message for the daemon's own requests; the title is set by the caller.
     HTTPMessage() = default;
     /// A response without headers and body. A status outside those that the daemon answers with (200, 400,
-    /// 404, 412, 500, 501) gets an empty reason, behind its blank.
+    /// 404, 412, 500, 501) gets an empty reason, after its blank.
     explicit HTTPMessage(int statusCode);
     /// Parses what was received so far, as HTTPProgress reads it.
     /// Errors: none; what is malformed is left incomplete, with what was read up to there.
@@ -27,7 +27,8 @@ struct HTTPMessage {
     bool has(std::string name) const;
     /// The value of the first header of this name, in whatever case; empty when there is none.
     std::string get(std::string name) const;
-    /// Appends the header DATE. Units: seconds since 1970, 0 for now.
+    /// Appends the header DATE.
+    /// Units: seconds since 1970, 0 for now.
     void addDate(std::time_t time);
 
     /// The message as it goes on the wire. CONTENT-LENGTH is the business of whoever sets a body.
@@ -37,8 +38,8 @@ struct HTTPMessage {
     std::vector<std::string> names;   // of the headers, in upper case
     std::vector<std::string> values;  // one for each name
     std::string body;
-    bool complete =
-        true;  // false while a parsed message lacks something, or has a body beyond CONTENT-LENGTH
+    // False while a parsed message lacks something, or has a body beyond CONTENT-LENGTH.
+    bool complete = true;
 
 private:
     using Part = HTTPProgress::Part;

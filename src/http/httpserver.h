@@ -12,7 +12,7 @@
 
 class Device;
 
-/// The address of the HTTP server on one interface, "http://" to the port, without a slash behind it.
+/// The address of the HTTP server on one interface, from "http://" to the port, without a slash at its end.
 /// Byte order: network.
 std::string baseUrl(std::uint32_t address);
 
@@ -22,7 +22,8 @@ public:
     virtual ~HTTPHost() = default;
     /// The interface whose HTTP listener this socket is; null when none owns it.
     virtual Device* listenerOwner(int listenSocket) = 0;
-    /// The address that the interface serves. Byte order: network.
+    /// The address that the interface serves.
+    /// Byte order: network.
     virtual std::uint32_t addressOf(const Device& device) const = 0;
     /// The root device description as an XML document, for clients that reach the gateway at `address`.
     virtual std::string describe(std::uint32_t address) = 0;
@@ -38,7 +39,8 @@ public:
 /// address that has most.
 class HTTPServer {
 public:
-    /// `directory` holds the static files, and ends in a slash. Lifetime: the host outlives the server.
+    /// `directory` holds the static files, and ends in a slash.
+    /// Lifetime: the host outlives the server.
     HTTPServer(HTTPHost& host, std::string directory);
     HTTPServer(const HTTPServer&) = delete;
     HTTPServer& operator=(const HTTPServer&) = delete;
@@ -63,7 +65,8 @@ public:
     /// A connection's time is up: it is closed without an answer.
     void timedOut(int socket);
 
-    /// True when one more request from this address may be kept waiting. Byte order: network.
+    /// True when one more request from this address may be kept waiting.
+    /// Byte order: network.
     bool mayWait(std::uint32_t source) const;
     /// The answer of a request that was kept waiting: it goes out, and the connection ends.
     void answered(HTTPConn& connection, const HTTPMessage& response);

@@ -12,7 +12,8 @@ class HTTPService;
 class HTTPClient {
 public:
     virtual ~HTTPClient() = default;
-    /// The address that it asks from. Byte order: network.
+    /// The address that it asks from.
+    /// Byte order: network.
     virtual std::uint32_t source() const = 0;
     /// True when one more request from its address may be kept waiting.
     virtual bool mayWait() const = 0;
@@ -34,8 +35,8 @@ public:
 using HTTPAnswer = std::variant<HTTPMessage, std::unique_ptr<HTTPWait>>;
 
 /// What the HTTP server needs of a UPnP service: answers to the three kinds of requests that are routed to
-/// one. The server has checked path and HOST before. Lifetime: the client outlives what its request waits
-/// with.
+/// one. The server has checked path and HOST before.
+/// Lifetime: the client outlives what its request waits with.
 class HTTPService {
 public:
     virtual ~HTTPService() = default;

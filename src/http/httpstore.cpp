@@ -19,7 +19,8 @@ std::string contentTypeOf(const std::string& fileName) {
                                                                                                 : "text/xml";
 }
 
-/// Reads a file's beginning into `content`. Errors: false, logged.
+/// Reads a file's beginning into `content`.
+/// Errors: false, logged.
 bool readStart(const std::string& path, std::string& content) {
     const tk::Fd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (!file.isOpen()) {

@@ -19,5 +19,5 @@ struct VariableRow {
 /// Adds the variable of one row to a service.
 void registerVariable(Service& service, const VariableRow& row);
 
-/// Two lists of names, one behind the other.
+/// Two lists of names, one after the other.
 std::vector<std::string> joined(std::vector<std::string> first, const std::vector<std::string>& second);

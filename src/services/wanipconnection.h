@@ -12,7 +12,8 @@
 /// The service of one external interface that maps ports and reports the connection.
 ///
 /// Mappings live here and in the firewall alone: they are never stored, never expire, and are removed from
-/// the firewall when the object is destroyed. Protocol: WANIPConnection:1 of the Internet Gateway Device 1.0.
+/// the firewall when the object is destroyed.
+/// Protocol: WANIPConnection:1 of the Internet Gateway Device 1.0.
 class WANIPConnection final : public Service {
 public:
     /// `deviceId` is the bus object of the external interface, `externalAddress` its address in network

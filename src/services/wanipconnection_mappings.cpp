@@ -42,7 +42,8 @@ KeyArguments readKey(const Arguments& in) {
     return {in[0], in[1], in[2]};
 }
 
-/// The in-arguments of AddPortMapping that say what a mapping is; they follow those of its key. Lifetime: likewise.
+/// The in-arguments of AddPortMapping that say what a mapping is; they follow those of its key.
+/// Lifetime: likewise.
 struct ValueArguments {
     const std::string& internalPort;
     const std::string& internalClient;

@@ -30,8 +30,8 @@ public:
     Discovery& operator=(const Discovery&) = delete;
 
     /// Callback of every SSDP socket: reads one datagram, and answers it when it is a search for something we
-    /// have. Replies go out at once and from a port of their own. Protocol: UPnP Device
-    /// Architecture 1.0, 1.2.2 and 1.2.3.
+    /// have. Replies go out at once and from a port of their own.
+    /// Protocol: UPnP Device Architecture 1.0, 1.2.2 and 1.2.3.
     void ssdpRead(int socket, std::uint32_t events);
 
     /// The notification types and unique service names of the whole device tree: what searches find.
@@ -45,6 +45,7 @@ private:
 };
 
 /// Multicasts one NOTIFY for each entry of `table`, in order, from the interface's SSDP socket: ssdp:byebye
-/// or ssdp:alive. Errors: logged, and the next one is sent. Protocol: UPnP Device Architecture 1.0, 1.1.2
-/// and 1.1.3.
+/// or ssdp:alive.
+/// Errors: logged, and the next one is sent.
+/// Protocol: UPnP Device Architecture 1.0, 1.1.2 and 1.1.3.
 void sendAdverts(const SSDPInterface& interface, const AdvertTargets& table, bool byebye);

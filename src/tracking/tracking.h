@@ -14,14 +14,15 @@
 #include "tracking/device.h"
 #include "tracking/trackinghost.h"
 
-/// How long a daemon that is switched off stays resident. Units: ticks of 10 ms.
+/// How long a daemon that is switched off stays resident.
+/// Units: ticks of 10 ms.
 constexpr std::uint32_t leaveTicks = 1000;
 
 /// One of the router's IPv4 addresses.
 struct Addr {
     std::uint32_t address = 0;    // network order
     std::uint32_t interface = 0;  // id of the interface that has it
-    bool stale = false;           // during a full walk: not seen yet; behind it: gone
+    bool stale = false;           // during a full walk: not seen yet; after it: gone
     bool disabled = false;        // tracked, but never used
 };
 
@@ -47,6 +48,7 @@ public:
     void deviceChanged(const tk::message& message);
     /// The status of interfaces: those that `msg` carries records of, or all of them when it carries none.
     void updateDeviceStatus(const tk::message& msg);
+    /// What one record says of the status of its interface.
     void applyDeviceStatus(const tk::message& message);
     /// The interface with that id; null when there is none.
     Device* deviceOf(std::uint32_t interface) const;
@@ -64,9 +66,11 @@ public:
     /// Changes of addresses: those that `msg` carries records of, or a walk over all of them when it carries
     /// none.
     void updateAddresses(const tk::message& msg);
+    /// One address was added, changed or deleted.
     void applyAddress(const tk::message& message);
     /// Adds an address to an interface, or removes it, and moves the interface to another address where that
-    /// follows. Byte order: network.
+    /// follows.
+    /// Byte order: network.
     void setDeviceAddress(std::uint32_t interface, std::uint32_t address, bool add);
 
     // Roles.
@@ -79,6 +83,7 @@ public:
     void startRole(Device* device);
     /// Stops the role that was started, whatever the device's type is now.
     void stopRole(Device* device);
+    /// The same for one role alone.
     void startInt(Device* device);
     void stopInt(Device* device);
     void startExt(Device* device);
@@ -110,7 +115,7 @@ private:
     Discovery& discovery;
     HTTPServer& server;
     Devices devices;  // by interface id
-    std::vector<std::unique_ptr<Device>>
-        retired;                              // dropped from the map while a connection still refers to them
+    // Dropped from the map while a connection still refers to them.
+    std::vector<std::unique_ptr<Device>> retired;
     std::map<std::uint32_t, Addr> addresses;  // by address object id
 };

@@ -25,6 +25,7 @@ public:
     virtual const std::string& identity() const = 0;
     /// All items, in the order of their ids.
     virtual std::vector<RoleItem> roleItems() const = 0;
+    /// The root of the device tree, into which external interfaces put theirs.
     virtual UpnpRootDevice& rootDevice() = 0;
     /// UPnP is being switched off: the services that stay without an interface let their subscribers go.
     virtual void dropRootSubscriptions() = 0;

@@ -12,6 +12,7 @@
 /// The unique device name of an interface's WANDevice, without "uuid:".
 std::string wanDeviceUDN(const std::string& identity, std::uint32_t interface);
 
+/// The entries of an interface's two services.
 UpnpServiceDescr commonConfigDescr(std::uint32_t interface);
 UpnpServiceDescr ipConnectionDescr(std::uint32_t interface);
 

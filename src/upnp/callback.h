@@ -12,7 +12,8 @@ public:
     virtual UPNPStatus operator()(const std::vector<std::string>& in, std::vector<std::string>& out) = 0;
 };
 
-/// An action that is a member function. Lifetime: the object outlives the callback.
+/// An action that is a member function.
+/// Lifetime: the object outlives the callback.
 template <typename T>
 class ActionCallback final : public ActionHandler {
 public:
@@ -35,7 +36,8 @@ public:
     virtual std::string operator()() = 0;
 };
 
-/// A value that is a member function. Lifetime: the object outlives the callback.
+/// A value that is a member function.
+/// Lifetime: the object outlives the callback.
 template <typename T>
 class MethodCallback final : public ValueGetter {
 public:

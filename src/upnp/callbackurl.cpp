@@ -8,8 +8,8 @@ namespace {
 
 constexpr std::string_view scheme = "http://";
 constexpr std::uint16_t defaultPort = 80;
-constexpr std::uint32_t noAddress =
-    0xFFFFFFFF;  // what an address does not read as; also the broadcast address
+// What a text reads as that is no address; also the broadcast address.
+constexpr std::uint32_t noAddress = 0xFFFFFFFF;
 
 bool hasControlCharacter(const std::string& text) {
     return std::any_of(text.begin(), text.end(), [](char byte) {

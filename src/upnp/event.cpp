@@ -27,10 +27,11 @@ constexpr std::ptrdiff_t subscriberLimit = 64;
 constexpr std::ptrdiff_t fairShare = 10;
 
 constexpr std::size_t replySize = 4096;  // what one read takes
-constexpr std::size_t statusOffset = 9;  // behind "HTTP/1.1 "
+constexpr std::size_t statusOffset = 9;  // after "HTTP/1.1 "
 constexpr std::size_t statusLength = 3;
 
-/// Starts to connect to a subscriber. Errors: none is held, logged.
+/// Starts to connect to a subscriber.
+/// Errors: none is held, logged.
 tk::Fd startConnecting(std::uint32_t address, std::uint16_t port) {
     tk::Fd socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!socket.isOpen()) {

@@ -19,8 +19,9 @@ class Subscription;
 class Service::Event {
 public:
     /// Takes over a socket that is connecting, and starts to wait. An empty variable name means all evented
-    /// variables. Lifetime: the service owns the event. Subscription and variable are known by name, for they
-    /// may be gone by then.
+    /// variables.
+    /// Lifetime: the service owns the event. Subscription and variable are known by name, for they may be
+    /// gone by then.
     Event(Service& service, tk::Fd connecting, std::string sid, std::string varName);
     Event(const Event&) = delete;
     Event& operator=(const Event&) = delete;

@@ -22,7 +22,7 @@ constexpr int internalServerError = 500;
 constexpr std::size_t subscriptionLimit = 100;   // per service
 constexpr std::uint32_t shortestSeconds = 1800;  // also where none or no number is asked for
 constexpr std::uint32_t longestSeconds = 86400;
-constexpr std::size_t uuidTextSize = 37;  // with the '\0' behind it
+constexpr std::size_t uuidTextSize = 37;  // with the '\0' at its end
 
 /// The duration that is asked for, 0 for none. A negative number counts as a huge one.
 std::uint32_t requestedSeconds(const std::string& timeout) {

@@ -13,7 +13,8 @@ namespace {
 constexpr int preconditionFailed = 412;
 
 /// What the resolver answered; its error is logged. An address that comes with one is taken all the same.
-/// Byte order: network. Errors: 0.
+/// Byte order: network.
+/// Errors: 0.
 std::uint32_t resolvedAddress(const tk::message& end) {
     if (tk::isError(end)) tk::log("resolving failed: ", tk::getError(end));
     return end.get_be32(contract::resolvefield::address, 0);

@@ -11,8 +11,8 @@
 /// client when that has ended. Only this client waits; whether there still is room for it is looked at then.
 class NamedSubscriber final : public HTTPWait, private tk::Inquiry::Owner {
 public:
-    /// Asks at once. `seconds` is what the subscription is granted. Lifetime: the service outlives the
-    /// client's answer, or the wait is given up first.
+    /// Asks at once. `seconds` is what the subscription is granted.
+    /// Lifetime: the service outlives the client's answer, or the wait is given up first.
     NamedSubscriber(Service& service, HTTPClient& client, Callback callback, std::uint32_t seconds);
 
     bool isFor(const HTTPService& candidate) const override { return &candidate == &service; }

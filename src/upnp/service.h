@@ -36,7 +36,8 @@ public:
     void addAct(const std::string& name, std::vector<std::string> outVars,
                 std::vector<std::string> outNames = {});
 
-    /// Adds an action that `method` of `obj` carries out. Lifetime: the object outlives the service.
+    /// Adds an action that `method` of `obj` carries out.
+    /// Lifetime: the object outlives the service.
     template <typename T>
     void addAct(const std::string& name, std::vector<std::string> inVars, std::vector<std::string> inNames,
                 std::vector<std::string> outVars, std::vector<std::string> outNames, T* obj,
@@ -67,7 +68,8 @@ public:
     std::map<int, std::unique_ptr<Event>> events;                        // by socket descriptor
 
 protected:
-    /// The address of the host whose action is being carried out. Byte order: network.
+    /// The address of the host whose action is being carried out.
+    /// Byte order: network.
     std::uint32_t requester() const { return requesterAddress; }
 
 private:

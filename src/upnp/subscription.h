@@ -10,7 +10,8 @@ class Service;
 /// One subscriber of a service's events. Ends itself when its time is over and it was not renewed.
 class Subscription {
 public:
-    /// Byte order: address in network order, port in host order. Lifetime: the service owns the subscription.
+    /// Byte order: address in network order, port in host order.
+    /// Lifetime: the service owns the subscription.
     Subscription(Service& service, std::string sid, std::uint32_t address, std::uint16_t port,
                  std::string path);
 

@@ -25,7 +25,8 @@ public:
     /// Gives the variable a fixed value; a getter is dropped for good.
     void setValue(std::string newValue);
 
-    /// Has the value computed whenever it is read. Lifetime: the object outlives the variable.
+    /// Has the value computed whenever it is read.
+    /// Lifetime: the object outlives the variable.
     template <typename T>
     void setValue(T* obj, std::string (T::*method)()) {
         hasValue = true;

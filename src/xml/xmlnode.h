@@ -19,7 +19,7 @@ struct XMLNode {
     explicit XMLNode(std::string name) : name(std::move(name)) {}
     XMLNode(std::string name, std::string value) : name(std::move(name)), value(std::move(value)) {}
 
-    /// Appends a child behind the others: one of a name and a text, or a whole subtree.
+    /// Appends a child after the others: one of a name and a text, or a whole subtree.
     void addSubNode(std::string childName, std::string childValue);
     void addSubNode(XMLNode child);
 

@@ -26,8 +26,8 @@ public:
     XMLParser(const XMLParser&) = delete;
     XMLParser& operator=(const XMLParser&) = delete;
 
-    /// What the tokeniser tells. `attributes` is a list of names and values in turn, with a null behind it.
-    /// Errors: false at a limit; nothing is to be told any more then.
+    /// What the tokeniser tells. `attributes` is a list of names and values in turn, with a null at its end.
+    /// Errors: false at a limit; nothing more is to be told then.
     [[nodiscard]] bool startElement(const char* name, const char** attributes);
     [[nodiscard]] bool endElement();
     void characterData(const char* bytes, std::size_t length);
@@ -44,6 +44,8 @@ private:
     std::size_t keptText = 0;
 
 public:
-    bool ok = false;  // true when the text was one well-formed document within the limits
-    XMLNode root;  // nameless; its one child is the document element, or what was read of it up to an error
+    /// True when the text was one well-formed document within the limits.
+    bool ok = false;
+    /// Nameless; its one child is the document element, or what was read of it up to an error.
+    XMLNode root;
 };

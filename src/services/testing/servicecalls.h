@@ -7,7 +7,7 @@
 
 #include "upnp/service.h"
 
-/// Calls an action's handler, as the control endpoint does behind its checks.
+/// Calls an action's handler, as the control endpoint does after its checks.
 inline UPNPStatus call(Service& service, const std::string& action, const std::vector<std::string>& in,
                        std::vector<std::string>& out) {
     const auto entry = service.actions.find(action);

@@ -33,7 +33,8 @@ public:
         return address;
     }
 
-    /// Takes one connection. Errors: none is held.
+    /// Takes one connection.
+    /// Errors: none is held.
     tk::Fd accept() const {
         await(listener);
         return tk::Fd(::accept(listener.get(), nullptr, nullptr));
