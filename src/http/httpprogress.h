@@ -4,17 +4,17 @@
 #include <cstdint>
 #include <string_view>
 
-/// Reads the framing of a message whose text may still grow: the title, the headers, where the body begins, and
-/// whether all of it is there. Nothing is looked at twice.
+/// Reads the framing of a message whose text may still grow: the title, the headers, where the body begins,
+/// and whether all of it is there. Nothing is looked at twice.
 ///
-/// A line ends at its CR, and the byte after it is taken to be the LF without a look at it. The value of a header
-/// begins after the blanks that follow the colon; tabs, and white space at its end, belong to it.
+/// A line ends at its CR, and the byte after it is taken to be the LF without a look at it. The value of a
+/// header begins after the blanks that follow the colon; tabs, and white space at its end, belong to it.
 class HTTPProgress {
 public:
     enum class State : std::uint8_t {
         needMore,  // not complete yet
         complete,  // without CONTENT-LENGTH, or with just as many bytes of body as the first one says
-        never,  // not complete, and no further byte can make it so: a header has no colon, or the body is too long
+        never,     // no further byte can make it so: a header has no colon, or the body is too long
     };
 
     /// Looks at what was appended since the last call. `buffer` is everything received so far, and begins
@@ -31,7 +31,8 @@ public:
         std::string_view text = {};  // the title, the value of a header, or what is there of the body
     };
 
-    /// The next part that has arrived whole; none when there is no further one, or not yet. `buffer` as above.
+    /// The next part that has arrived whole; none when there is no further one, or not yet. The body comes
+    /// with what is there of it. `buffer` is as above.
     Part next(std::string_view buffer);
 
 private:

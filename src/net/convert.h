@@ -30,8 +30,8 @@ std::int32_t toInt(const std::string& text);
 /// Errors: false also for a text that is not empty and holds no number.
 [[nodiscard]] bool isUnsigned(const std::string& text, std::uint32_t& value);
 
-/// The address that a dotted text means. As in inet_addr, fewer than four numbers, octal and hexadecimal ones, and
-/// words after a blank are understood.
+/// The address that a dotted text means. As in inet_addr, fewer than four numbers, octal and hexadecimal
+/// ones, and words after a blank are understood.
 /// Byte order: network.
 /// Errors: all ones (255.255.255.255) for an empty or malformed text.
 std::uint32_t toAddress(const std::string& text);
@@ -44,7 +44,8 @@ std::string uptimeString();
 /// Lifetime: as long as the name itself.
 std::string_view stripPrefix(std::string_view name);
 
-/// The part of `text` that begins at `start` and has at most `length` bytes; empty when `start` lies past the end.
+/// The part of `text` that begins at `start` and has at most `length` bytes; empty when `start` lies past its
+/// end.
 /// Lifetime: as long as the text itself.
 std::string_view slice(std::string_view text, std::size_t start, std::size_t length = std::string_view::npos);
 

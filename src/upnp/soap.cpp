@@ -1,6 +1,8 @@
 #include "upnp/soap.h"
 
 #include <utility>
+#include <variant>
+#include <vector>
 
 #include "net/convert.h"
 #include "net/sockets.h"
@@ -9,6 +11,8 @@
 #include "xml/xmlwriter.h"
 
 namespace {
+
+using Arguments = std::vector<std::string>;
 
 constexpr int ok = 200;
 constexpr int badRequest = 400;
@@ -58,37 +62,31 @@ HTTPMessage answerFromVariables(Service& service, const Action& action, XMLNode 
     return soapResponse(service, ok, std::move(result));
 }
 
-/// Collects the in-arguments in the action's order. False, with the fault in `fault`, when one does not pass.
-bool readArguments(Service& service, const Action& action, const XMLNode& call, std::vector<std::string>& in,
-                   HTTPMessage& fault) {
+/// The in-arguments in the action's order, or the fault when one does not pass.
+std::variant<Arguments, HTTPMessage> readArguments(Service& service, const Action& action,
+                                                   const XMLNode& call) {
+    Arguments in;
     for (std::size_t i = 0; i < action.inVars.size(); ++i) {
         const auto variable = service.variables.find(action.inVars[i]);
-        if (variable == service.variables.end()) {
-            fault = fail(service, upnpstatus::invalidAction, "POST: bad variable");
-            return false;
-        }
+        if (variable == service.variables.end())
+            return fail(service, upnpstatus::invalidAction, "POST: bad variable");
         const XMLNode* const argument = findChild(call, action.inNames[i]);
-        if (!argument) {
-            fault = fail(service, upnpstatus::invalidArgs,
-                         "POST: action xml doesn't have var: ", action.inNames[i]);
-            return false;
-        }
+        if (!argument)
+            return fail(service, upnpstatus::invalidArgs,
+                        "POST: action xml doesn't have var: ", action.inNames[i]);
         tk::log("arg: ", argument->name, ", val: ", argument->value);
-        if (!checkValue(*variable->second, argument->value)) {
-            fault = fail(service, upnpstatus::invalidArgs, "POST: action xml bad variable value");
-            return false;
-        }
+        if (!checkValue(*variable->second, argument->value))
+            return fail(service, upnpstatus::invalidArgs, "POST: action xml bad variable value");
         in.push_back(argument->value);
     }
-    return true;
+    return in;
 }
 
 HTTPMessage answerFromCallback(Service& service, const Action& action, const XMLNode& call, XMLNode result) {
-    std::vector<std::string> in;
-    HTTPMessage fault;
-    if (!readArguments(service, action, call, in, fault)) return fault;
-    std::vector<std::string> out;
-    const UPNPStatus status = (*action.callback)(in, out);
+    const auto in = readArguments(service, action, call);
+    if (const auto* const fault = std::get_if<HTTPMessage>(&in)) return *fault;
+    Arguments out;
+    const UPNPStatus status = (*action.callback)(std::get<Arguments>(in), out);
     if (status != upnpstatus::ok) return soapFault(service, status);
     if (out.size() != action.outVars.size()) return fail(service, upnpstatus::invalidAction, "bad ret");
     for (std::size_t i = 0; i < out.size(); ++i) addResult(result, action.outNames[i], out[i]);
