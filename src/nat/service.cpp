@@ -292,8 +292,8 @@ tk::message Service::cmdGetObj(const tk::message& request) {
 }
 
 tk::message Service::cmdGetAll(const tk::message& request) {
-    return router::pageOf(rules.all(), request, pageSize,
-                          [](std::uint32_t, const Rule& rule) { return rule.toMessage(); });
+    return tk::pageOf(rules.all(), request, pageSize,
+                      [](std::uint32_t, const Rule& rule) { return rule.toMessage(); });
 }
 
 tk::message Service::cmdGetCount(const tk::message&) {

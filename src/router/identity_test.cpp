@@ -38,7 +38,7 @@ TEST_F(IdentityTest, IsTheOneThatWasStoredEver) {
     tk::Store store(path, 1);
     tk::message entry;
     entry.insert_string(1, "046d544ff360ac1c48f172fd517b7b1e");
-    ASSERT_TRUE(store.set(0, entry));
+    ASSERT_TRUE(store.set(0, entry).isOk());
     EXPECT_EQ(digits(), "046d544ff360ac1c48f172fd517b7b1e");
 }
 

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <utility>
 
-#include "tk/clock.h"
+#include "tk/runner.h"
 #include "tk/timer.h"
 
 namespace tk {
