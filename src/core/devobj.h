@@ -6,6 +6,8 @@
 #include "contract/gateway.h"
 #include "tk/object.h"
 
+namespace gateway {
+
 /// One "upnp interface" item: which side of the gateway a router interface is.
 class DevObj final : public tk::Object, public contract::RoleItem {
 public:
@@ -13,3 +15,5 @@ public:
     void getConfig(tk::message& out, std::uint32_t options) const override;
     void setConfig(const tk::message& in, std::uint32_t options) override;
 };
+
+}  // namespace gateway

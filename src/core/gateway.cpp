@@ -11,6 +11,8 @@
 #include "upnp/subscription.h"
 #include "xml/xmlwriter.h"
 
+namespace gateway {
+
 namespace {
 
 constexpr const char* itemStore = "/store/upnp";
@@ -97,3 +99,5 @@ std::string Gateway::describe(std::uint32_t address) {
     root.addSubNode("URLBase", baseUrl(address));
     return toXmlDocument(root);
 }
+
+}  // namespace gateway

@@ -14,6 +14,8 @@
 #include "tracking/tracking.h"
 #include "upnp/upnprootdevice.h"
 
+namespace gateway {
+
 /// The gateway: the bus handler that holds the "upnp interface" items and the settings, and the root of the
 /// UPnP device tree. What happens on the LAN and with the router's interfaces it leaves to its parts, and
 /// answers what they ask.
@@ -80,3 +82,5 @@ private:
     contract::Settings current;
     std::string routerIdentity;
 };
+
+}  // namespace gateway

@@ -3,6 +3,8 @@
 #include "core/gateway.h"
 #include "tk/names.h"
 
+namespace gateway {
+
 std::vector<RoleItem> Gateway::roleItems() const {
     std::vector<RoleItem> items;
     forEach([&items](const DevObj& item) { items.push_back(item); });
@@ -53,3 +55,5 @@ void Gateway::dropRole(std::uint32_t interface) {
     tracking.stopRole(device);
     device->type = Role::none;
 }
+
+}  // namespace gateway

@@ -4,6 +4,8 @@
 
 #include "core/testing/gatewayfixture.h"
 
+namespace gateway {
+
 namespace {
 
 class Items : public GatewayTest {
@@ -241,3 +243,5 @@ TEST_F(Items, AreCalledUpnpInterfaceInTheUndoHistory) {
 }
 
 }  // namespace
+
+}  // namespace gateway

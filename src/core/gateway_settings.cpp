@@ -5,6 +5,8 @@
 #include "core/gateway.h"
 #include "tk/names.h"
 
+namespace gateway {
+
 namespace {
 
 constexpr std::uint32_t settingsEntry = 0;  // the one entry of the settings store
@@ -73,3 +75,5 @@ tk::message Gateway::cmdUnknown(const tk::message& received, std::uint32_t comma
         tracking.updateAddresses(received);
     return {};
 }
+
+}  // namespace gateway

@@ -3,6 +3,8 @@
 #include "core/testing/gatewayfixture.h"
 #include "tk/store.h"
 
+namespace gateway {
+
 namespace {
 
 class Settings : public GatewayTest {
@@ -268,3 +270,5 @@ TEST_F(Notifications, CannotBeMadeByARequest) {
 }
 
 }  // namespace
+
+}  // namespace gateway

@@ -6,6 +6,8 @@
 #include "core/testing/gatewayfixture.h"
 #include "tk/fd.h"
 
+namespace gateway {
+
 namespace {
 
 class WaitingSubscriber : public GatewayTest {
@@ -93,3 +95,5 @@ TEST_F(WaitingSubscriber, IsDroppedAtTheEnd) {
 }
 
 }  // namespace
+
+}  // namespace gateway

@@ -4,6 +4,8 @@
 #include "net/convert.h"
 #include "xml/xmlparser.h"
 
+namespace gateway {
+
 namespace {
 
 using GatewayStart = GatewayTest;
@@ -137,3 +139,5 @@ TEST_F(Description, FollowsTheAddressThatItIsAskedFor) {
 }
 
 }  // namespace
+
+}  // namespace gateway

@@ -25,7 +25,7 @@ int main() {
         tk::log("cannot join the bus at ", contract::busPath, ": ", joined.reason());
         return 1;
     }
-    auto gateway = std::make_unique<Gateway>();
+    auto gateway = std::make_unique<gateway::Gateway>();
     looper.addHandler(0, gateway.get());
     gateway->init();
     looper.run();

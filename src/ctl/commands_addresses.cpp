@@ -24,7 +24,7 @@ namespace {
 using Address = contract::AddressRecord;
 
 std::string textOf(const Address& entry) {
-    return ipToString(entry.address.value_or(0));
+    return gateway::ipToString(entry.address.value_or(0));
 }
 
 /// All addresses, in the service's order.

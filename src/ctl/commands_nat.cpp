@@ -29,16 +29,16 @@ Json ruleToJson(const NatRule& rule, const std::string& chain) {
     object["disabled"] = rule.disabled;
     object["dynamic"] = rule.dynamic;
     object["chain"] = chain;
-    object["dstAddress"] = ipToString(rule.key.destination);
+    object["dstAddress"] = gateway::ipToString(rule.key.destination);
     object["protocol"] = protocolText(rule.key.protocol);
     object["dstPort"] = rule.key.port;
-    object["toAddress"] = ipToString(rule.target.address);
+    object["toAddress"] = gateway::ipToString(rule.target.address);
     object["toPort"] = rule.target.port;
     return object;
 }
 
 std::string placeText(std::uint32_t address, std::uint16_t port) {
-    return ipToString(address) + ':' + std::to_string(port);
+    return gateway::ipToString(address) + ':' + std::to_string(port);
 }
 
 void listRules(Context& context) {

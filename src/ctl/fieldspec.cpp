@@ -84,7 +84,7 @@ struct ValueText {
     std::string operator()(std::uint32_t value) const { return std::to_string(value); }
     std::string operator()(bool value) const { return value ? "true" : "false"; }
     std::string operator()(const std::string& value) const { return lineOf(value); }
-    std::string operator()(tk::Be32 value) const { return ipToString(value.value); }
+    std::string operator()(tk::Be32 value) const { return gateway::ipToString(value.value); }
     std::string operator()(std::uint64_t value) const { return std::to_string(value); }
     std::string operator()(const std::vector<std::uint32_t>& values) const { return pathText(values); }
     std::string operator()(const std::vector<tk::message>& values) const {

@@ -19,7 +19,7 @@ struct ValueToJson {
     Json operator()(std::uint32_t value) const { return value; }
     Json operator()(bool value) const { return value; }
     Json operator()(const std::string& value) const { return value; }
-    Json operator()(tk::Be32 value) const { return ipToString(value.value); }
+    Json operator()(tk::Be32 value) const { return gateway::ipToString(value.value); }
     Json operator()(std::uint64_t value) const { return value; }
     Json operator()(const std::vector<std::uint32_t>& values) const { return values; }
     Json operator()(const std::vector<tk::message>& values) const {

@@ -9,6 +9,8 @@
 #include "net/sockets.h"
 #include "tk/log.h"
 
+namespace gateway {
+
 namespace {
 
 constexpr std::uint32_t requestTicks = 1000;                   // 10 s from accept for the whole request
@@ -64,3 +66,5 @@ void HTTPConn::answer(const HTTPMessage& response) {
 void HTTPConn::timeout() {
     server.timedOut(socket.get());  // deletes this connection: nothing may follow
 }
+
+}  // namespace gateway

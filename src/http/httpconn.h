@@ -10,6 +10,8 @@
 #include "tk/fd.h"
 #include "tk/timer.h"
 
+namespace gateway {
+
 class Device;
 class HTTPServer;
 
@@ -63,3 +65,5 @@ private:
     tk::Timer<HTTPConn, &HTTPConn::timeout> requestTimer{*this};
     std::unique_ptr<HTTPWait> wait;  // null while the request is not complete
 };
+
+}  // namespace gateway

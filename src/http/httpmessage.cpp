@@ -7,6 +7,8 @@
 #include "net/convert.h"
 #include "net/sockets.h"
 
+namespace gateway {
+
 namespace {
 
 struct Reason {
@@ -32,7 +34,7 @@ const char* reasonOf(int statusCode) {
 }  // namespace
 
 HTTPMessage::HTTPMessage(int statusCode)
-    : title("HTTP/1.1 " + ::toString(statusCode) + " " + reasonOf(statusCode)) {}
+    : title("HTTP/1.1 " + gateway::toString(statusCode) + " " + reasonOf(statusCode)) {}
 
 HTTPMessage::HTTPMessage(std::string_view text) {
     HTTPProgress progress;
@@ -103,3 +105,5 @@ std::string pathOf(const std::string& title) {
     if (protocol == std::string::npos) return title.substr(start);
     return protocol < start ? std::string() : title.substr(start, protocol - start);
 }
+
+}  // namespace gateway

@@ -7,6 +7,8 @@
 
 #include "http/httpprogress.h"
 
+namespace gateway {
+
 /// One message in the form of HTTP: a request, a response, or an SSDP datagram.
 /// A value: built, read or written, and dropped.
 struct HTTPMessage {
@@ -54,3 +56,5 @@ std::string methodOf(const std::string& title);
 /// The path in a request's start line: the text between the first blank and the first " HTTP/" after it, up
 /// to the end of the line where that is missing; empty without a blank. A query is part of it.
 std::string pathOf(const std::string& title);
+
+}  // namespace gateway

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+namespace gateway {
+
 namespace {
 
 using Texts = std::vector<std::string>;
@@ -247,3 +249,5 @@ INSTANTIATE_TEST_SUITE_P(Titles, Title, testing::ValuesIn(titles),
                          [](const auto& row) { return std::string(row.param.name); });
 
 }  // namespace
+
+}  // namespace gateway

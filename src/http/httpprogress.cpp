@@ -5,6 +5,8 @@
 
 #include "net/convert.h"
 
+namespace gateway {
+
 namespace {
 
 using Kind = HTTPProgress::Part::Kind;
@@ -87,3 +89,5 @@ HTTPProgress::State HTTPProgress::judgeBody(std::size_t received) const {
     if (bodyReceived == bodyLength) return State::complete;
     return bodyReceived < bodyLength ? State::needMore : State::never;
 }
+
+}  // namespace gateway

@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <string_view>
 
+namespace gateway {
+
 /// Reads the framing of a message whose text may still grow: the title, the headers, where the body begins,
 /// and whether all of it is there. Nothing is looked at twice.
 ///
@@ -49,3 +51,5 @@ private:
     bool hasLength = false;                      // CONTENT-LENGTH was seen; a second one does not count
     std::uint32_t bodyLength = 0;
 };
+
+}  // namespace gateway

@@ -7,6 +7,8 @@
 
 #include "http/httpmessage.h"
 
+namespace gateway {
+
 namespace {
 
 using State = HTTPProgress::State;
@@ -129,3 +131,5 @@ TEST(HTTPProgress, LongMessageInSmallPiecesTakesLinearTime) {
 }
 
 }  // namespace
+
+}  // namespace gateway

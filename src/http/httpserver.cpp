@@ -14,6 +14,8 @@
 #include "net/convert.h"
 #include "tk/log.h"
 
+namespace gateway {
+
 namespace {
 
 constexpr int notFound = 404;
@@ -175,3 +177,5 @@ bool HTTPServer::hasConnections(const Device& device) const {
         if (&connection->device() == &device) return true;
     return false;
 }
+
+}  // namespace gateway

@@ -10,6 +10,8 @@
 #include "http/httpstore.h"
 #include "tk/fd.h"
 
+namespace gateway {
+
 class Device;
 
 /// The address of the HTTP server on one interface, from "http://" to the port, without a slash at its end.
@@ -93,3 +95,5 @@ private:
     std::uint64_t accepts = 0;
     tk::Fd reserve;  // given up for a moment when no descriptor is left, to take and close a connection
 };
+
+}  // namespace gateway

@@ -5,6 +5,8 @@
 #include "net/convert.h"
 #include "tk/log.h"
 
+namespace gateway {
+
 namespace {
 
 using Services = std::map<std::string, HTTPService*>;
@@ -59,3 +61,5 @@ HTTPMessage HTTPServer::dispatchGet(const Device& device, const HTTPMessage& req
     const bool isDescription = path == "/gateway.xml";
     return serveGet(store, request, isDescription ? host.describe(host.addressOf(device)) : std::string());
 }
+
+}  // namespace gateway

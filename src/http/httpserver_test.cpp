@@ -13,6 +13,8 @@
 
 #include "tk/testing/testloop.h"
 
+namespace gateway {
+
 // The server knows interfaces only by reference.
 class Device {};
 
@@ -524,3 +526,5 @@ TEST(BaseUrl, NamesTheAddressAndThePort) {
 }
 
 }  // namespace
+
+}  // namespace gateway

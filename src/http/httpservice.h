@@ -6,6 +6,8 @@
 
 #include "http/httpmessage.h"
 
+namespace gateway {
+
 class HTTPService;
 
 /// The host that made a request, as a service sees it.
@@ -48,3 +50,5 @@ public:
     /// Answers an UNSUBSCRIBE to its event URL.
     virtual HTTPAnswer unsubscribe(const HTTPMessage& request, HTTPClient& client) = 0;
 };
+
+}  // namespace gateway

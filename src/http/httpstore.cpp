@@ -9,6 +9,8 @@
 #include "tk/fd.h"
 #include "tk/log.h"
 
+namespace gateway {
+
 namespace {
 
 constexpr std::size_t fileLimit = 16384;  // what one read takes, and so what is served of a larger file
@@ -59,3 +61,5 @@ HTTPMessage serveGet(const HTTPStore& store, const HTTPMessage& request, const s
     if (!readStart(store.directory + file->second, read)) return HTTPMessage(404);
     return respond(request, contentTypeOf(file->second), std::move(read));
 }
+
+}  // namespace gateway

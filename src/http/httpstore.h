@@ -5,6 +5,8 @@
 
 #include "http/httpmessage.h"
 
+namespace gateway {
+
 /// The static files that are served over HTTP: a folder, and which of its files answers which URL path.
 struct HTTPStore {
     std::string directory;  // ends in a slash
@@ -17,3 +19,5 @@ struct HTTPStore {
 /// Errors: a bare 404 for a path that is not in the store, and for a file that cannot be read (logged).
 [[nodiscard]] HTTPMessage serveGet(const HTTPStore& store, const HTTPMessage& request,
                                    const std::string& content);
+
+}  // namespace gateway

@@ -11,6 +11,8 @@
 
 #include "net/sockets.h"
 
+namespace gateway {
+
 namespace {
 
 class ServeGet : public testing::Test {
@@ -104,3 +106,5 @@ TEST_F(ServeGet, LogsAFileThatCannotBeRead) {
 }
 
 }  // namespace
+
+}  // namespace gateway

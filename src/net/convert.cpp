@@ -8,6 +8,8 @@
 
 #include "tk/platform.h"
 
+namespace gateway {
+
 namespace {
 
 /// A number as it is written: its sign and its magnitude, and how many bytes were taken for it.
@@ -118,3 +120,5 @@ std::string toUpper(std::string text) {
         if (byte >= 'a' && byte <= 'z') byte = static_cast<char>(byte - 'a' + 'A');
     return text;
 }
+
+}  // namespace gateway

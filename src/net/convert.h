@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+namespace gateway {
+
 /// Decimal text of a number.
 std::string toString(std::int32_t value);
 std::string toString(std::uint32_t value);
@@ -55,3 +57,5 @@ char lastByte(std::string_view text);
 
 /// The text in upper case, byte by byte, for ASCII letters.
 std::string toUpper(std::string text);
+
+}  // namespace gateway

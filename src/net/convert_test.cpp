@@ -6,6 +6,8 @@
 
 #include "tk/platform.h"
 
+namespace gateway {
+
 namespace {
 
 TEST(Convert, NumbersAreWrittenInDecimal) {
@@ -139,3 +141,5 @@ TEST(Text, UpperCaseTouchesTheLettersOfAsciiAlone) {
 }
 
 }  // namespace
+
+}  // namespace gateway

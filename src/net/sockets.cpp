@@ -13,6 +13,8 @@
 #include "tk/log.h"
 #include "tk/platform.h"
 
+namespace gateway {
+
 // No blank between the version and "UPnP/1.0": clients see exactly this text.
 const std::string serverString = "Quillnet/" + tk::getOSVersion() + "UPnP/1.0 Vantorel UPnP/1.0";
 
@@ -109,3 +111,5 @@ bool sendWhole(int socket, std::string_view text) {
     return ::send(socket, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL) ==
            static_cast<ssize_t>(text.size());
 }
+
+}  // namespace gateway

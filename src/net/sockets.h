@@ -4,6 +4,8 @@
 #include <string>
 #include <string_view>
 
+namespace gateway {
+
 /// Opens a UDP socket that is bound to one network device, and to no address.
 /// A null name counts as empty. The kernel sees 16 bytes of the name: one of 16 characters or more is cut.
 /// The descriptor is non-blocking and close-on-exec, like those of the other two; the caller closes it.
@@ -32,3 +34,5 @@ extern const std::string serverString;
 
 /// The line end of HTTP, SSDP and the XML writer. Made before main(), as above.
 extern const std::string crlf;
+
+}  // namespace gateway

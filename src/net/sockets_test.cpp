@@ -21,6 +21,8 @@
 #include "tk/platform.h"
 #include "tk/testing/capturedoutput.h"
 
+namespace gateway {
+
 namespace {
 
 constexpr int loopback = 1;  // the index of "lo" in every network namespace
@@ -297,3 +299,5 @@ TEST(ServerString, LinesEndInCarriageReturnAndLineFeed) {
 }
 
 }  // namespace
+
+}  // namespace gateway

@@ -35,11 +35,11 @@ bool isLabel(std::string_view label) {
 }  // namespace
 
 bool isHostName(std::string_view text) {
-    if (lastByte(text) == '.') text.remove_suffix(1);
+    if (gateway::lastByte(text) == '.') text.remove_suffix(1);
     if (text.size() > nameLimit) return false;
     for (;;) {
         const std::size_t dot = text.find('.');
-        const std::string_view label = slice(text, 0, dot);
+        const std::string_view label = gateway::slice(text, 0, dot);
         if (!isLabel(label)) return false;
         if (dot == std::string_view::npos) return !std::all_of(label.begin(), label.end(), isDigit);
         text.remove_prefix(dot + 1);

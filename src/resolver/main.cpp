@@ -55,7 +55,7 @@ int serve(const resolver::Settings& settings) {
 /// Errors: false for anything but a number of seconds in its range.
 bool readIdle(const std::string& text, std::uint32_t& ticks) {
     std::uint32_t seconds = 0;
-    if (!isUnsigned(text, seconds) || seconds < 1 || seconds > longestIdleSeconds) return false;
+    if (!gateway::isUnsigned(text, seconds) || seconds < 1 || seconds > longestIdleSeconds) return false;
     ticks = seconds * ticksPerSecond;
     return true;
 }

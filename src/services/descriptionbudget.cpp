@@ -1,5 +1,7 @@
 #include "services/descriptionbudget.h"
 
+namespace gateway {
+
 tk::Status DescriptionBudget::roomFor(const PortMap& added, const PortMap* replaced) const {
     const std::size_t freed = replaced ? replaced->description.size() : 0;
     const auto share = shares.find(added.requester);
@@ -27,3 +29,5 @@ void DescriptionBudget::giveBack(const PortMap& map) {
     if (share->second == 0) shares.erase(share);
     total -= map.description.size();
 }
+
+}  // namespace gateway

@@ -7,6 +7,8 @@
 #include "services/portmap.h"
 #include "tk/status.h"
 
+namespace gateway {
+
 /// How much memory the descriptions of mappings take: of those that one host asked for, and of all. So one
 /// host that fills its share leaves the others theirs.
 /// Units: bytes.
@@ -31,3 +33,5 @@ private:
     std::map<std::uint32_t, std::size_t> shares;  // by the host's address; none for those without bytes
     std::size_t total = 0;
 };
+
+}  // namespace gateway

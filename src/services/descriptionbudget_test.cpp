@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+namespace gateway {
+
 namespace {
 
 constexpr std::size_t hostLimit = DescriptionBudget::hostLimit;
@@ -79,3 +81,5 @@ TEST(DescriptionBudget, WhatIsGivenBackIsThereAgain) {
 }
 
 }  // namespace
+
+}  // namespace gateway

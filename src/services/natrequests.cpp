@@ -7,6 +7,8 @@
 #include "tk/looper.h"
 #include "tk/names.h"
 
+namespace gateway {
+
 namespace {
 
 tk::message exchange(const tk::message& fields, std::uint32_t command) {
@@ -44,3 +46,5 @@ tk::message removeNatRule(std::uint32_t natId) {
     fields.insert_u32(tk::field::objectId, natId);
     return exchange(fields, tk::command::removeObject);
 }
+
+}  // namespace gateway

@@ -5,6 +5,8 @@
 #include "services/portmap.h"
 #include "tk/message.h"
 
+namespace gateway {
+
 /// The destination NAT rules of the router's firewall, as requests over the bus. Each is one synchronous
 /// exchange.
 /// Errors: the error message of the firewall, or of a failed exchange (tk::isError).
@@ -19,3 +21,5 @@
 
 /// Removes a rule. One that is gone already is no error.
 [[nodiscard]] tk::message removeNatRule(std::uint32_t natId);
+
+}  // namespace gateway

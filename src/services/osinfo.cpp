@@ -4,6 +4,8 @@
 
 #include "services/registration.h"
 
+namespace gateway {
+
 namespace {
 
 constexpr const char* type = "urn:schemas-microsoft-com:service:OSInfo:1";
@@ -26,3 +28,5 @@ OSInfo::OSInfo() : Service(type) {
     };
     for (const VariableRow& row : rows) registerVariable(*this, row);
 }
+
+}  // namespace gateway

@@ -7,6 +7,8 @@
 
 #include "tk/testing/testloop.h"
 
+namespace gateway {
+
 namespace {
 
 /// Gives the calling thread a host name of its own, which no other process sees.
@@ -36,3 +38,5 @@ TEST(OSInfo, NamesTheMachineOnlyWithUpToThreeCharacters) {
 }
 
 }  // namespace
+
+}  // namespace gateway

@@ -4,6 +4,8 @@
 
 #include "net/convert.h"
 
+namespace gateway {
+
 namespace {
 
 constexpr std::int32_t tcp = 0;
@@ -22,3 +24,5 @@ Id toId(const std::string& externalPort, const std::string& protocol) {
 const char* protocolName(std::int32_t protocol) {
     return protocol == tcp ? "TCP" : "UDP";
 }
+
+}  // namespace gateway

@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <string>
 
+namespace gateway {
+
 /// The key of a port mapping. The remote host is not part of it.
 struct Id {
     std::uint16_t port = 0;     // external port
@@ -28,3 +30,5 @@ Id toId(const std::string& externalPort, const std::string& protocol);
 
 /// "TCP" or "UDP".
 const char* protocolName(std::int32_t protocol);
+
+}  // namespace gateway

@@ -1,5 +1,7 @@
 #include "services/registration.h"
 
+namespace gateway {
+
 void registerVariable(Service& service, const VariableRow& row) {
     auto variable = std::make_unique<Variable>(row.allowed, row.evented);
     variable->type = row.type;
@@ -11,3 +13,5 @@ std::vector<std::string> joined(std::vector<std::string> first, const std::vecto
     first.insert(first.end(), second.begin(), second.end());
     return first;
 }
+
+}  // namespace gateway

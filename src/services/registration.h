@@ -7,6 +7,8 @@
 
 #include "upnp/service.h"
 
+namespace gateway {
+
 /// One line of a service's table of state variables.
 struct VariableRow {
     const char* name;
@@ -21,3 +23,5 @@ void registerVariable(Service& service, const VariableRow& row);
 
 /// Two lists of names, one after the other.
 std::vector<std::string> joined(std::vector<std::string> first, const std::vector<std::string>& second);
+
+}  // namespace gateway

@@ -12,6 +12,8 @@
 #include "tk/testing/testloop.h"
 #include "xml/xmlparser.h"
 
+namespace gateway {
+
 namespace {
 
 std::string readDocument(const std::string& name) {
@@ -143,3 +145,5 @@ TEST(Icons, AreGifFilesOfTheirSizesWith8Bits) {
 }
 
 }  // namespace
+
+}  // namespace gateway

@@ -11,6 +11,8 @@
 #include "tk/names.h"
 #include "upnp/makevector.h"
 
+namespace gateway {
+
 namespace {
 
 constexpr const char* type = "urn:schemas-upnp-org:service:WANCommonInterfaceConfig:1";
@@ -121,3 +123,5 @@ std::string WANCommonInterfaceConfig::getTotalPacketsReceived() {
 std::string WANCommonInterfaceConfig::getUptime() {
     return uptimeString();
 }
+
+}  // namespace gateway

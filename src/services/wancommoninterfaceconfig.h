@@ -5,6 +5,8 @@
 #include "tk/message.h"
 #include "upnp/service.h"
 
+namespace gateway {
+
 /// The service of one external interface that reports its link and its traffic counters.
 /// Protocol: WANCommonInterfaceConfig:1 of the Internet Gateway Device 1.0.
 class WANCommonInterfaceConfig final : public Service {
@@ -28,3 +30,5 @@ private:
 
     tk::message device;
 };
+
+}  // namespace gateway

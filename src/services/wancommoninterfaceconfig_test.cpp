@@ -6,6 +6,8 @@
 #include "services/testing/soapcalls.h"
 #include "tk/testing/testloop.h"
 
+namespace gateway {
+
 namespace {
 
 const tk::Path interfaces = {20, 0};
@@ -158,3 +160,5 @@ TEST_F(CommonInterface, NamesTheStatisticsOfTheSharingActionWithoutPrefix) {
 }
 
 }  // namespace
+
+}  // namespace gateway

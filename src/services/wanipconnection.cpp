@@ -6,6 +6,8 @@
 #include "tk/looper.h"
 #include "tk/names.h"
 
+namespace gateway {
+
 namespace {
 
 constexpr const char* type = "urn:schemas-upnp-org:service:WANIPConnection:1";
@@ -83,3 +85,5 @@ UPNPStatus WANIPConnection::switchInterface(bool disable) {
 std::string WANIPConnection::getUptime() {
     return uptimeString();
 }
+
+}  // namespace gateway

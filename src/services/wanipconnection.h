@@ -9,6 +9,8 @@
 #include "services/portmap.h"
 #include "upnp/service.h"
 
+namespace gateway {
+
 /// The service of one external interface that maps ports and reports the connection.
 ///
 /// Mappings live here and in the firewall alone: they are never stored, never expire, and are removed from
@@ -61,3 +63,5 @@ private:
     bool showDummyRule = true;
     DescriptionBudget descriptions;
 };
+
+}  // namespace gateway

@@ -14,6 +14,8 @@
 #include "upnp/event.h"
 #include "upnp/testing/subscriber.h"
 
+namespace gateway {
+
 namespace {
 
 const tk::Path firewall = {20, 5};
@@ -126,3 +128,5 @@ TEST_F(ConnectionEvents, OfTheCountLeaveTheDummyEntryOutWhenItIsNotShown) {
 }
 
 }  // namespace
+
+}  // namespace gateway

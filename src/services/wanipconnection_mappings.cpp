@@ -6,6 +6,8 @@
 #include "tk/log.h"
 #include "tk/names.h"
 
+namespace gateway {
+
 namespace {
 
 constexpr std::uint32_t noAddress = 0xFFFFFFFF;  // what toAddress() gives for every text that is no address
@@ -194,3 +196,5 @@ void WANIPConnection::removeNatRules() {
     }
     portMaps.clear();
 }
+
+}  // namespace gateway

@@ -10,6 +10,8 @@
 #include "tk/names.h"
 #include "tk/testing/testloop.h"
 
+namespace gateway {
+
 namespace {
 
 using Texts = std::vector<std::string>;
@@ -409,3 +411,5 @@ TEST_F(PortMappings, DestructionRemovesEveryRuleInOrderAndGoesOnBehindAFailure) 
 }
 
 }  // namespace
+
+}  // namespace gateway

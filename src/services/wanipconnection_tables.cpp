@@ -8,6 +8,8 @@
 #include "services/wanipconnection.h"
 #include "upnp/makevector.h"
 
+namespace gateway {
+
 namespace {
 
 using Allowed = std::list<std::string>;
@@ -78,3 +80,5 @@ void WANIPConnection::registerMappingActions() {
                             &WANIPConnection::deletePortMapping);
     addAct("GetExternalIPAddress", makeVector(1, "ExternalIPAddress"));
 }
+
+}  // namespace gateway

@@ -9,6 +9,8 @@
 #include "tk/names.h"
 #include "tk/testing/testloop.h"
 
+namespace gateway {
+
 namespace {
 
 using Texts = std::vector<std::string>;
@@ -31,7 +33,7 @@ protected:
     }
     UPNPStatus call(const std::string& action, const Texts& in = {}) {
         Texts out;
-        return ::call(service, action, in, out);
+        return gateway::call(service, action, in, out);
     }
 
     tk::testing::TestLoop loop;
@@ -159,3 +161,5 @@ TEST_F(Connection, KeepsItsStatusWhenTheRouterRefuses) {
 }
 
 }  // namespace
+
+}  // namespace gateway

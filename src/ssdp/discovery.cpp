@@ -11,6 +11,8 @@
 #include "tk/fd.h"
 #include "tk/log.h"
 
+namespace gateway {
+
 namespace {
 
 constexpr std::size_t datagramLimit = 4096;
@@ -60,3 +62,5 @@ void Discovery::ssdpRead(int socket, std::uint32_t) {
     const tk::Fd responder(openUdpSocket(interface.deviceName.c_str()));
     for (auto target = first; target != last; ++target) sendAnswer(responder.get(), from, common, *target);
 }
+
+}  // namespace gateway

@@ -6,6 +6,8 @@
 
 #include "upnp/upnpdevice.h"
 
+namespace gateway {
+
 /// One internal interface as discovery sees it.
 struct SSDPInterface {
     int socket = 0;             // its SSDP socket
@@ -49,3 +51,5 @@ private:
 /// Errors: logged, and the next one is sent.
 /// Protocol: UPnP Device Architecture 1.0, 1.1.2 and 1.1.3.
 void sendAdverts(const SSDPInterface& interface, const AdvertTargets& table, bool byebye);
+
+}  // namespace gateway

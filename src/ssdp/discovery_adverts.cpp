@@ -11,6 +11,8 @@
 #include "ssdp/ssdpnames.h"
 #include "tk/log.h"
 
+namespace gateway {
+
 namespace {
 
 sockaddr_in groupAddress() {
@@ -49,3 +51,5 @@ void sendAdverts(const SSDPInterface& interface, const AdvertTargets& table, boo
         if (sent != static_cast<ssize_t>(text.size())) tk::log("advert sendto failed: ", tk::errorText());
     }
 }
+
+}  // namespace gateway

@@ -12,6 +12,8 @@
 #include "tk/testing/privatenetwork.h"
 #include "tk/testing/testloop.h"
 
+namespace gateway {
+
 namespace {
 
 const AdvertTargets table = {
@@ -233,3 +235,5 @@ TEST_F(Advert, LogsEachSendThatFailsAndGoesOn) {
 }
 
 }  // namespace
+
+}  // namespace gateway

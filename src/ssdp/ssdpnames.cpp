@@ -4,6 +4,8 @@
 #include "http/httpserver.h"
 #include "net/convert.h"
 
+namespace gateway {
+
 namespace {
 
 constexpr unsigned maxAgeSeconds = 3600;
@@ -21,3 +23,5 @@ std::string ssdpMaxAge() {
 std::string ssdpLocation(std::uint32_t address) {
     return baseUrl(address) + "/gateway.xml";
 }
+
+}  // namespace gateway

@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <string>
 
+namespace gateway {
+
 /// Where searches and adverts go.
 /// Protocol: UPnP Device Architecture 1.0, 1.
 constexpr const char* ssdpGroup = "239.255.255.250";
@@ -16,3 +18,5 @@ std::string ssdpMaxAge();
 /// The address of the description for clients of one interface.
 /// Byte order: network.
 std::string ssdpLocation(std::uint32_t address);
+
+}  // namespace gateway

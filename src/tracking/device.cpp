@@ -6,6 +6,8 @@
 
 #include "tracking/tracking.h"
 
+namespace gateway {
+
 bool NumericOrder::operator()(std::uint32_t left, std::uint32_t right) const {
     return ntohl(left) < ntohl(right);
 }
@@ -38,3 +40,5 @@ int Device::connectionStatus() const {
 void Device::readvertise() {
     tracking.readvertise(this);
 }
+
+}  // namespace gateway

@@ -11,6 +11,8 @@
 #include "services/wanipconnection.h"
 #include "tk/message.h"
 
+namespace gateway {
+
 class Tracking;
 
 /// Orders IPv4 addresses, which are in network order, by their numeric value: 10.0.0.5 stands
@@ -62,3 +64,5 @@ public:
 private:
     Tracking& tracking;
 };
+
+}  // namespace gateway

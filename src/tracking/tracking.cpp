@@ -2,6 +2,8 @@
 
 #include "tk/names.h"
 
+namespace gateway {
+
 Tracking::Tracking(TrackingHost& host, Discovery& discovery, HTTPServer& server)
     : host(host), discovery(discovery), server(server) {}
 
@@ -13,3 +15,5 @@ tk::message Tracking::getAllFrom(const tk::Path& path) {
     request.insert_u32(tk::field::command, tk::command::getAll);
     return request;
 }
+
+}  // namespace gateway

@@ -14,6 +14,8 @@
 #include "tracking/device.h"
 #include "tracking/trackinghost.h"
 
+namespace gateway {
+
 /// How long a daemon that is switched off stays resident.
 /// Units: ticks of 10 ms.
 constexpr std::uint32_t leaveTicks = 1000;
@@ -119,3 +121,5 @@ private:
     std::vector<std::unique_ptr<Device>> retired;
     std::map<std::uint32_t, Addr> addresses;  // by address object id
 };
+
+}  // namespace gateway

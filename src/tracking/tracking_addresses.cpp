@@ -7,6 +7,8 @@
 #include "tk/reget.h"
 #include "tracking/tracking.h"
 
+namespace gateway {
+
 namespace {
 
 void logAddress(std::uint32_t interface, const char* what, std::uint32_t address, std::uint32_t id) {
@@ -90,3 +92,5 @@ void Tracking::moveTo(Device* device, std::uint32_t address) {
     device->address = address;
     if (restarts && address != 0) startInt(device);
 }
+
+}  // namespace gateway

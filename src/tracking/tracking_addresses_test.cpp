@@ -2,6 +2,8 @@
 
 #include "tracking/testing/trackingfixture.h"
 
+namespace gateway {
+
 namespace {
 
 using Addresses = TrackingTest;
@@ -196,3 +198,5 @@ TEST_F(Addresses, WhileUpnpIsOffAnAddressIsStoredAndNothingStarts) {
 }
 
 }  // namespace
+
+}  // namespace gateway

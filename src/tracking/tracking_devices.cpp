@@ -10,6 +10,8 @@
 #include "tk/reget.h"
 #include "tracking/tracking.h"
 
+namespace gateway {
+
 namespace {
 
 constexpr std::uint32_t statusWalkTimeout = 3000;  // milliseconds
@@ -127,3 +129,5 @@ Device* Tracking::findListener(int socket) const {
         if (device->httpSocket == socket) return device.get();
     return nullptr;
 }
+
+}  // namespace gateway

@@ -6,6 +6,8 @@
 
 #include "tracking/testing/trackingfixture.h"
 
+namespace gateway {
+
 namespace {
 
 using Devices = TrackingTest;
@@ -302,3 +304,5 @@ TEST_F(DevicesDeathTest, ASearchOnASocketOfNoDeviceEndsTheProcess) {
 }
 
 }  // namespace
+
+}  // namespace gateway

@@ -8,6 +8,8 @@
 #include "tracking/tracking.h"
 #include "tracking/wandevice.h"
 
+namespace gateway {
+
 void Tracking::startExt(Device* device) {
     if (device->isStarted()) return;
     tk::log("start ext: ", device->displayName());
@@ -68,3 +70,5 @@ void Tracking::rebuildAdvertTargets() {
     host.rootDevice().collectAdvertTargets(targets);
     discovery.setTargets(std::move(targets));
 }
+
+}  // namespace gateway

@@ -11,6 +11,8 @@
 #include "tk/runner.h"
 #include "tracking/tracking.h"
 
+namespace gateway {
+
 namespace {
 
 constexpr std::uint32_t advertiseTicks = 357000;  // 3570 s: 30 s before the advertised max-age of 3600 s ends
@@ -63,3 +65,5 @@ void Tracking::stopInt(Device* device) {
     closeSocket(device->httpSocket);
     device->startedAs = Role::none;
 }
+
+}  // namespace gateway

@@ -6,6 +6,8 @@
 #include "tk/names.h"
 #include "tracking/tracking.h"
 
+namespace gateway {
+
 void Tracking::enable() {
     tk::log("enable");
     tk::getLooper()->setupLeave(0);
@@ -50,3 +52,5 @@ void Tracking::stopRole(Device* device) {
             return stopInt(device);
     }
 }
+
+}  // namespace gateway

@@ -2,6 +2,8 @@
 
 #include "tracking/testing/trackingfixture.h"
 
+namespace gateway {
+
 namespace {
 
 class Roles : public TrackingTest {
@@ -288,3 +290,5 @@ TEST_F(Roles, DisableStopsEverythingAndLeavesTheLoop10SecondsLater) {
 }
 
 }  // namespace
+
+}  // namespace gateway

@@ -9,6 +9,8 @@
 #include "tracking/device.h"
 #include "upnp/upnprootdevice.h"
 
+namespace gateway {
+
 using contract::RoleItem;
 
 /// What tracking asks of the gateway above it.
@@ -30,3 +32,5 @@ public:
     /// UPnP is being switched off: the services that stay without an interface let their subscribers go.
     virtual void dropRootSubscriptions() = 0;
 };
+
+}  // namespace gateway

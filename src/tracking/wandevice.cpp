@@ -3,6 +3,8 @@
 #include "net/convert.h"
 #include "upnp/upnpdevicedescr.h"
 
+namespace gateway {
+
 namespace {
 
 UpnpDeviceDescr describe(const char* deviceType, const char* friendlyName, const std::string& udn) {
@@ -43,3 +45,5 @@ UpnpDevice makeWanDevice(const std::string& identity, std::uint32_t interface) {
     wan.devices.push_back(connection);
     return wan;
 }
+
+}  // namespace gateway

@@ -6,6 +6,8 @@
 #include "upnp/upnpdevice.h"
 #include "upnp/upnpdevicedescr.h"
 
+namespace gateway {
+
 /// The device tree of one external interface: its descriptions, which differ between interfaces by the
 /// interface's id.
 
@@ -18,3 +20,5 @@ UpnpServiceDescr ipConnectionDescr(std::uint32_t interface);
 
 /// The WANDevice of an interface, with its service and, inside, the WANConnectionDevice with the other one.
 UpnpDevice makeWanDevice(const std::string& identity, std::uint32_t interface);
+
+}  // namespace gateway

@@ -3,6 +3,8 @@
 #include <cassert>
 #include <utility>
 
+namespace gateway {
+
 Action::Action(std::vector<std::string> outVars, std::vector<std::string> outNames)
     : Action({}, {}, std::move(outVars), std::move(outNames), nullptr) {}
 
@@ -17,3 +19,5 @@ Action::Action(std::vector<std::string> inVars, std::vector<std::string> inNames
     assert(this->inVars.size() == this->inNames.size());
     assert(this->outVars.size() == this->outNames.size());
 }
+
+}  // namespace gateway

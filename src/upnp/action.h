@@ -6,6 +6,8 @@
 
 #include "upnp/callback.h"
 
+namespace gateway {
+
 /// One SOAP action of a service. Each argument has the name of its element, and the state variable by which
 /// it is checked (in-arguments) or from which a getter action takes it (out-arguments); names and variables
 /// stand in pairs.
@@ -34,3 +36,5 @@ private:
            std::vector<std::string> outVars, std::vector<std::string> outNames,
            std::unique_ptr<ActionHandler> callback);
 };
+
+}  // namespace gateway

@@ -5,6 +5,8 @@
 
 #include "upnp/upnpstatus.h"
 
+namespace gateway {
+
 /// What carries an action out: takes the texts of the in-arguments, appends those of the out-arguments.
 class ActionHandler {
 public:
@@ -50,3 +52,5 @@ private:
     T* obj;
     Getter getter;
 };
+
+}  // namespace gateway

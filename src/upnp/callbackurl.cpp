@@ -4,6 +4,8 @@
 
 #include "net/convert.h"
 
+namespace gateway {
+
 namespace {
 
 constexpr std::string_view scheme = "http://";
@@ -37,3 +39,5 @@ bool parseCallbackUrl(const std::string& url, Callback& out) {
     out.path = slice(rest, slash);
     return true;
 }
+
+}  // namespace gateway

@@ -4,6 +4,8 @@
 #include <optional>
 #include <string>
 
+namespace gateway {
+
 /// Where a subscriber wants its events sent. A value.
 struct Callback {
     std::string host;                      // as the subscriber wrote it
@@ -17,3 +19,5 @@ struct Callback {
 /// no address is a name. The port is kept in 16 bits, unchecked.
 /// Errors: false for any other form; nothing is set then.
 [[nodiscard]] bool parseCallbackUrl(const std::string& url, Callback& out);
+
+}  // namespace gateway

@@ -4,6 +4,8 @@
 
 #include "net/convert.h"
 
+namespace gateway {
+
 namespace {
 
 class CallbackUrl : public testing::Test {
@@ -92,3 +94,5 @@ TEST_F(CallbackUrl, AddressOfZerosIsAnAddress) {
 }
 
 }  // namespace
+
+}  // namespace gateway

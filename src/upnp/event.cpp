@@ -16,6 +16,8 @@
 #include "upnp/subscription.h"
 #include "xml/xmlwriter.h"
 
+namespace gateway {
+
 namespace {
 
 constexpr std::uint32_t deliveryTicks = 3000;  // 30 s for connecting, sending and the reply
@@ -186,3 +188,5 @@ void Service::Event::timedOut() {
 void Service::Event::finish() {
     const auto own = service.events.extract(socket.get());  // deletes this at the end of the function
 }
+
+}  // namespace gateway

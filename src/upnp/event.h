@@ -8,6 +8,8 @@
 #include "upnp/service.h"
 #include "xml/xmlnode.h"
 
+namespace gateway {
+
 class Subscription;
 
 /// One NOTIFY on its way to one subscriber, over a connection of its own: connecting, then waiting for the
@@ -48,3 +50,5 @@ private:
     tk::Timer<Event, &Event::timedOut> deliveryTimer{*this};
     tk::Watch watch;  // leaves the loop before the descriptor closes
 };
+
+}  // namespace gateway

@@ -13,6 +13,8 @@
 #include "tk/testing/testloop.h"
 #include "upnp/testing/subscriber.h"
 
+namespace gateway {
+
 namespace {
 
 constexpr int waitMilliseconds = 5000;  // the most that a test waits for its own host
@@ -408,3 +410,5 @@ TEST_F(Notification, EndOfTheServiceDropsItWithoutALine) {
 }
 
 }  // namespace
+
+}  // namespace gateway

@@ -13,6 +13,8 @@
 #include "upnp/namedsubscriber.h"
 #include "upnp/subscription.h"
 
+namespace gateway {
+
 namespace {
 
 constexpr int ok = 200;
@@ -111,3 +113,5 @@ HTTPMessage unsubscribe(Service& service, const HTTPMessage& request) {
     service.subscriptions.erase(subscription);
     return HTTPMessage(ok);
 }
+
+}  // namespace gateway

@@ -7,6 +7,8 @@
 #include "upnp/callbackurl.h"
 #include "upnp/service.h"
 
+namespace gateway {
+
 /// Answers one SUBSCRIBE request: a new subscription when NT is present, else the renewal of SID. A new
 /// subscription is sent all evented variables; a renewal sends nothing, and does not look at CALLBACK. A host
 /// name in CALLBACK is asked of the resolver first, for which this client alone waits, 6 s at most.
@@ -23,3 +25,5 @@
 /// Answers one UNSUBSCRIBE request. Events that are on their way are dropped when they connect.
 /// Errors: 412 for an unknown SID.
 [[nodiscard]] HTTPMessage unsubscribe(Service& service, const HTTPMessage& request);
+
+}  // namespace gateway

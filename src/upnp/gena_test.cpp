@@ -9,6 +9,8 @@
 #include "upnp/event.h"
 #include "upnp/testing/fakeclient.h"
 
+namespace gateway {
+
 namespace {
 
 // Nobody listens there: the deliveries themselves are the subject of other tests.
@@ -45,7 +47,7 @@ protected:
         HTTPMessage request;
         request.add("SID", sid);
         const tk::testing::CapturedOutput output;
-        HTTPMessage response = ::unsubscribe(service, request);
+        HTTPMessage response = gateway::unsubscribe(service, request);
         log = output.text();
         return response;
     }
@@ -226,7 +228,9 @@ TEST_F(Gena, UnsubscribingEndsTheSubscriptionAndItsTimer) {
 TEST_F(Gena, UnsubscribingAnUnknownIdIsRefused) {
     EXPECT_EQ(unsubscribe("uuid:x").toString(), bare412);
     EXPECT_EQ(log, "");
-    EXPECT_EQ(::unsubscribe(service, HTTPMessage()).toString(), bare412);
+    EXPECT_EQ(gateway::unsubscribe(service, HTTPMessage()).toString(), bare412);
 }
 
 }  // namespace
+
+}  // namespace gateway

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+namespace gateway {
+
 /// Makes a container of the first `count` of the texts that follow; what is beyond them is dropped.
 template <typename Container, typename... Texts>
 Container makeContainer(std::size_t count, const Texts*... texts) {
@@ -20,3 +22,5 @@ template <typename... Texts>
 std::vector<std::string> makeVector(std::size_t count, const Texts*... texts) {
     return makeContainer<std::vector<std::string>>(count, texts...);
 }
+
+}  // namespace gateway

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+namespace gateway {
+
 namespace {
 
 using Texts = std::vector<std::string>;
@@ -31,3 +33,5 @@ TEST(MakeContainer, MakesAList) {
 }
 
 }  // namespace
+
+}  // namespace gateway

@@ -8,6 +8,8 @@
 #include "tk/names.h"
 #include "upnp/gena.h"
 
+namespace gateway {
+
 namespace {
 
 constexpr int preconditionFailed = 412;
@@ -36,3 +38,5 @@ void NamedSubscriber::inquiryEnded(const tk::message& end) {
     callback.address = address;
     client.answer(addSubscription(service, callback, seconds));  // deletes this
 }
+
+}  // namespace gateway

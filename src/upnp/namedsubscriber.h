@@ -7,6 +7,8 @@
 #include "upnp/callbackurl.h"
 #include "upnp/service.h"
 
+namespace gateway {
+
 /// One new subscription whose callback URL names its host: asks the resolver for the address, and answers the
 /// client when that has ended. Only this client waits; whether there still is room for it is looked at then.
 class NamedSubscriber final : public HTTPWait, private tk::Inquiry::Owner {
@@ -26,3 +28,5 @@ private:
     const std::uint32_t seconds;
     tk::Inquiry inquiry{*this};
 };
+
+}  // namespace gateway

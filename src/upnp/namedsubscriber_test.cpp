@@ -9,6 +9,8 @@
 #include "upnp/gena.h"
 #include "upnp/testing/fakeclient.h"
 
+namespace gateway {
+
 namespace {
 
 const tk::Path resolver = {14};
@@ -161,3 +163,5 @@ TEST_F(NamedSubscribers, WaitForTheirServiceAlone) {
 }
 
 }  // namespace
+
+}  // namespace gateway

@@ -4,6 +4,8 @@
 #include "upnp/gena.h"
 #include "upnp/soap.h"
 
+namespace gateway {
+
 Service::Service(std::string serviceType) : serviceType(std::move(serviceType)) {}
 
 Service::~Service() {
@@ -49,13 +51,15 @@ void Service::setVar(const std::string& name, const std::string& newValue) {
 
 HTTPAnswer Service::handlePost(const HTTPMessage& request, HTTPClient& client) {
     requesterAddress = client.source();
-    return ::handlePost(*this, request);
+    return gateway::handlePost(*this, request);
 }
 
 HTTPAnswer Service::subscribe(const HTTPMessage& request, HTTPClient& client) {
-    return ::subscribe(*this, request, client);
+    return gateway::subscribe(*this, request, client);
 }
 
 HTTPAnswer Service::unsubscribe(const HTTPMessage& request, HTTPClient&) {
-    return ::unsubscribe(*this, request);
+    return gateway::unsubscribe(*this, request);
 }
+
+}  // namespace gateway

@@ -12,6 +12,8 @@
 #include "upnp/subscription.h"
 #include "upnp/variable.h"
 
+namespace gateway {
+
 /// The runtime object of one UPnP service: its state variables, its actions, its subscribers and the events
 /// that are on their way to them. Concrete services derive from it, and fill the two tables in their
 /// constructors.
@@ -79,3 +81,5 @@ private:
     std::vector<std::unique_ptr<Variable>> replacedVariables;
     std::uint32_t requesterAddress = 0;
 };
+
+}  // namespace gateway

@@ -8,6 +8,8 @@
 #include "upnp/makevector.h"
 #include "upnp/testing/subscriber.h"
 
+namespace gateway {
+
 namespace {
 
 using Texts = std::vector<std::string>;
@@ -196,3 +198,5 @@ TEST(ServiceEnd, WithdrawsTheTimersOfItsSubscriptions) {
 }
 
 }  // namespace
+
+}  // namespace gateway

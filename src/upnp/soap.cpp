@@ -10,6 +10,8 @@
 #include "xml/xmlparser.h"
 #include "xml/xmlwriter.h"
 
+namespace gateway {
+
 namespace {
 
 using Arguments = std::vector<std::string>;
@@ -185,3 +187,5 @@ HTTPMessage soapFault(Service& service, UPNPStatus code) {
     fault.addSubNode(std::move(detail));
     return soapResponse(service, internalServerError, std::move(fault));
 }
+
+}  // namespace gateway

@@ -7,6 +7,8 @@
 #include "upnp/upnpstatus.h"
 #include "xml/xmlnode.h"
 
+namespace gateway {
+
 /// Answers a POST to a service's control URL: an action, or QueryStateVariable.
 /// Errors: a bare HTTP 400 for a request that is no SOAP call, else a SOAP fault; logged, but for the fault
 /// with an action's own status, of which the action speaks. An action runs only after all of its arguments
@@ -31,3 +33,5 @@ constexpr const char* controlNamespace = "urn:schemas-upnp-org:control-1-0";
 /// The response to a control request that failed: HTTP 500 with a fault that carries the code and its
 /// description.
 [[nodiscard]] HTTPMessage soapFault(Service& service, UPNPStatus code);
+
+}  // namespace gateway

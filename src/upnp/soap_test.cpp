@@ -6,6 +6,8 @@
 #include "tk/testing/capturedoutput.h"
 #include "upnp/makevector.h"
 
+namespace gateway {
+
 namespace {
 
 using Texts = std::vector<std::string>;
@@ -61,7 +63,7 @@ protected:
     }
     HTTPMessage send(const HTTPMessage& request) {
         const tk::testing::CapturedOutput output;
-        HTTPMessage response = ::handlePost(lamp, request);
+        HTTPMessage response = gateway::handlePost(lamp, request);
         log = output.text();
         return response;
     }
@@ -351,3 +353,5 @@ TEST(SoapResponse, FaultOfAnUnknownCodeHasNoDescription) {
 }
 
 }  // namespace
+
+}  // namespace gateway

@@ -5,6 +5,8 @@
 #include "tk/log.h"
 #include "upnp/service.h"
 
+namespace gateway {
+
 namespace {
 
 constexpr std::uint32_t ticksPerSecond = 100;
@@ -29,3 +31,5 @@ void Subscription::expired() {
     tk::log("subscription timeout: ", sid);
     const auto own = service.subscriptions.extract(sid);  // deletes this at the end of the function
 }
+
+}  // namespace gateway

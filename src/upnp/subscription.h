@@ -5,6 +5,8 @@
 
 #include "tk/timer.h"
 
+namespace gateway {
+
 class Service;
 
 /// One subscriber of a service's events. Ends itself when its time is over and it was not renewed.
@@ -33,3 +35,5 @@ private:
 
     tk::Timer<Subscription, &Subscription::expired> expiryTimer{*this};
 };
+
+}  // namespace gateway

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+namespace gateway {
+
 namespace {
 
 void addUnlessEmpty(XMLNode& node, const char* name, const std::string& value) {
@@ -63,3 +65,5 @@ void UpnpDevice::collectAdvertTargets(AdvertTargets& targets) const {
         targets.emplace(service.serviceType, uuid + "::" + service.serviceType);
     for (const UpnpDevice& embedded : devices) embedded.collectAdvertTargets(targets);
 }
+
+}  // namespace gateway

@@ -7,6 +7,8 @@
 #include "upnp/upnpdevicedescr.h"
 #include "xml/xmlnode.h"
 
+namespace gateway {
+
 /// What discovery announces of a device tree: from notification type (NT) to unique service name (USN). One
 /// type may have several names.
 using AdvertTargets = std::multimap<std::string, std::string>;
@@ -40,3 +42,5 @@ private:
     void addServices(XMLNode& device) const;
     void addDevices(XMLNode& device) const;
 };
+
+}  // namespace gateway

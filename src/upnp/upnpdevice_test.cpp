@@ -6,6 +6,8 @@
 
 #include "xml/xmlwriter.h"
 
+namespace gateway {
+
 namespace {
 
 using Pairs = std::vector<std::pair<std::string, std::string>>;
@@ -180,3 +182,5 @@ TEST(UpnpDevice, ACopyIsDeep) {
 }
 
 }  // namespace
+
+}  // namespace gateway

@@ -2,6 +2,8 @@
 
 #include "net/convert.h"
 
+namespace gateway {
+
 XMLNode UpnpIcon::buildDescription() const {
     XMLNode icon("icon");
     icon.addSubNode("mimetype", mimetype);
@@ -29,3 +31,5 @@ XMLNode UpnpServiceDescr::buildDescription() const {
     service.addSubNode("eventSubURL", eventSubURL);
     return service;
 }
+
+}  // namespace gateway

@@ -6,6 +6,8 @@
 
 #include "xml/xmlnode.h"
 
+namespace gateway {
+
 /// One entry of a device's icon list.
 struct UpnpIcon {
     std::string mimetype;
@@ -54,3 +56,5 @@ struct UpnpDeviceDescr {
     std::list<UpnpIcon> icons;
     std::string presentationURL;
 };
+
+}  // namespace gateway

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+namespace gateway {
+
 namespace {
 
 TEST(UpnpServiceDescr, DerivesTypeIdAndTheThreePaths) {
@@ -20,3 +22,5 @@ TEST(UpnpServiceDescr, DomainAppearsInTypeAndId) {
 }
 
 }  // namespace
+
+}  // namespace gateway

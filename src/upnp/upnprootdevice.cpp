@@ -2,6 +2,8 @@
 
 #include <utility>
 
+namespace gateway {
+
 XMLNode UpnpRootDevice::buildDescription() const {
     XMLNode version("specVersion");
     version.addSubNode("major", "1");
@@ -17,3 +19,5 @@ void UpnpRootDevice::collectAdvertTargets(AdvertTargets& targets) const {
     targets.emplace("upnp:rootdevice", "uuid:" + UDN + "::upnp:rootdevice");
     UpnpDevice::collectAdvertTargets(targets);
 }
+
+}  // namespace gateway

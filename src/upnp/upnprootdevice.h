@@ -2,6 +2,8 @@
 
 #include "upnp/upnpdevice.h"
 
+namespace gateway {
+
 /// The root of the device tree.
 class UpnpRootDevice : public UpnpDevice {
 public:
@@ -13,3 +15,5 @@ public:
     /// Adds the pair of the root device, then what every device adds.
     void collectAdvertTargets(AdvertTargets& targets) const override;
 };
+
+}  // namespace gateway

@@ -6,6 +6,8 @@
 
 #include "xml/xmlwriter.h"
 
+namespace gateway {
+
 namespace {
 
 using Pairs = std::vector<std::pair<std::string, std::string>>;
@@ -85,3 +87,5 @@ TEST(UpnpRootDevice, IsDescribedAndAnnouncedAsRootThroughItsBase) {
 }
 
 }  // namespace
+
+}  // namespace gateway

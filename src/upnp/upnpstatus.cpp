@@ -1,5 +1,7 @@
 #include "upnp/upnpstatus.h"
 
+namespace gateway {
+
 const char* errorDescription(UPNPStatus code) {
     switch (code) {
         case upnpstatus::invalidAction:
@@ -28,3 +30,5 @@ const char* errorDescription(UPNPStatus code) {
             return "";
     }
 }
+
+}  // namespace gateway

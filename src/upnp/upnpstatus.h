@@ -2,6 +2,8 @@
 
 #include <cstdint>
 
+namespace gateway {
+
 /// How an action ended: 0, or a UPnP error code, which the client gets in a SOAP fault. Codes other than
 /// those below may be sent too; they have no description.
 using UPNPStatus = std::int32_t;
@@ -23,3 +25,5 @@ constexpr UPNPStatus remoteHostOnlySupportsWildcard = 726;
 
 /// The text that goes with a code in a fault; empty for a code that is not among those above.
 const char* errorDescription(UPNPStatus code);
+
+}  // namespace gateway

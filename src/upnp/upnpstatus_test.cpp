@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+namespace gateway {
+
 namespace {
 
 TEST(UPNPStatus, EveryCodeHasItsDescription) {
@@ -30,3 +32,5 @@ TEST(UPNPStatus, OtherCodesHaveNone) {
 }
 
 }  // namespace
+
+}  // namespace gateway

@@ -5,6 +5,8 @@
 
 #include "net/convert.h"
 
+namespace gateway {
+
 namespace {
 
 constexpr std::uint64_t numberEnd = std::uint64_t{1} << 32;
@@ -57,3 +59,5 @@ bool checkValue(const Variable& variable, const std::string& text) {
     }
     return false;  // no code of a type
 }
+
+}  // namespace gateway

@@ -7,6 +7,8 @@
 
 #include "upnp/callback.h"
 
+namespace gateway {
+
 /// What kind of value a variable has, by its code.
 enum class VariableType : std::int32_t {
     ui4 = 0,  // unsigned number of 32 bits
@@ -52,3 +54,5 @@ public:
 /// "0", "true", "false", "yes" and "no" for a boolean, or a number within the range that is set. A port is
 /// below 65536. An empty text is the number 0, and -1 is the largest number.
 [[nodiscard]] bool checkValue(const Variable& variable, const std::string& text);
+
+}  // namespace gateway

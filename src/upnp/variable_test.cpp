@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+namespace gateway {
+
 namespace {
 
 struct Counter {
@@ -155,3 +157,5 @@ TEST(CheckValueAllowed, ListDoesNotApplyToNumbers) {
 }
 
 }  // namespace
+
+}  // namespace gateway

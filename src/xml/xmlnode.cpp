@@ -2,6 +2,8 @@
 
 #include <utility>
 
+namespace gateway {
+
 void XMLNode::addSubNode(std::string childName, std::string childValue) {
     children.emplace_back(std::move(childName), std::move(childValue));
 }
@@ -17,3 +19,5 @@ void XMLNode::addProperty(std::string propertyName, std::string propertyValue) {
 void XMLNode::setVal(std::string text) {
     value = std::move(text);
 }
+
+}  // namespace gateway

@@ -4,6 +4,8 @@
 #include <utility>
 #include <vector>
 
+namespace gateway {
+
 /// One attribute of an element.
 struct XMLProp {
     std::string name;
@@ -36,3 +38,5 @@ struct XMLNode {
     std::vector<XMLNode> children;    // in document order
     std::vector<XMLProp> properties;  // in document order
 };
+
+}  // namespace gateway

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+namespace gateway {
+
 namespace {
 
 TEST(XMLNode, ConstructorsFillNameAndValue) {
@@ -40,3 +42,5 @@ TEST(XMLNode, ACopyIsIndependentDownToItsLeaves) {
 }
 
 }  // namespace
+
+}  // namespace gateway

@@ -6,6 +6,8 @@
 #include <memory>
 #include <type_traits>
 
+namespace gateway {
+
 namespace {
 
 /// Hands the tokeniser's events to the tree, until a limit stops them. Expat delivers some events even after
@@ -53,8 +55,8 @@ XMLParser::XMLParser(const std::string& text) {
     if (!tokeniser || text.size() > INT_MAX) return;
     Feed feed{*this, tokeniser.get()};
     XML_SetUserData(tokeniser.get(), &feed);
-    XML_SetElementHandler(tokeniser.get(), ::startElement, ::endElement);
-    XML_SetCharacterDataHandler(tokeniser.get(), ::characterData);
+    XML_SetElementHandler(tokeniser.get(), gateway::startElement, gateway::endElement);
+    XML_SetCharacterDataHandler(tokeniser.get(), gateway::characterData);
     XML_SetEntityDeclHandler(tokeniser.get(), entityDeclared);
     stack.push_back(&root);
     ok = XML_Parse(tokeniser.get(), text.data(), static_cast<int>(text.size()), XML_TRUE) == XML_STATUS_OK;
@@ -95,3 +97,5 @@ bool XMLParser::keep(std::size_t textLength) {
     keptText += textLength;
     return nodes <= nodeLimit && keptText <= textLimit;
 }
+
+}  // namespace gateway

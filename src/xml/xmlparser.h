@@ -6,6 +6,8 @@
 
 #include "xml/xmlnode.h"
 
+namespace gateway {
+
 /// Reads one XML document into a tree of elements, attributes and the texts of leaf elements.
 ///
 /// Text is deliberately treated simply. Each piece that the tokeniser delivers replaces the one before it:
@@ -49,3 +51,5 @@ public:
     /// Nameless; its one child is the document element, or what was read of it up to an error.
     XMLNode root;
 };
+
+}  // namespace gateway

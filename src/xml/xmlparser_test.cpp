@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+namespace gateway {
+
 namespace {
 
 XMLNode rootElement(const std::string& text) {
@@ -160,3 +162,5 @@ TEST(XMLParser, NothingBehindADeclaredEntityIsRead) {
 }
 
 }  // namespace
+
+}  // namespace gateway

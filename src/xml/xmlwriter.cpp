@@ -2,6 +2,8 @@
 
 #include "net/sockets.h"
 
+namespace gateway {
+
 namespace {
 
 constexpr std::size_t indentation = 2;  // blanks a level
@@ -35,3 +37,5 @@ std::string toXml(const XMLNode& node) {
 std::string toXmlDocument(const XMLNode& node) {
     return "<?xml version=\"1.0\"?>" + crlf + toXml(node);
 }
+
+}  // namespace gateway

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+namespace gateway {
+
 namespace {
 
 TEST(XMLWriter, LeafSitsOnOneLineWithItsText) {
@@ -66,3 +68,5 @@ TEST(XMLWriter, WritingTwiceGivesTheSameText) {
 }
 
 }  // namespace
+
+}  // namespace gateway

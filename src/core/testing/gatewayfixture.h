@@ -11,6 +11,8 @@
 #include "tk/testing/testloop.h"
 #include "tracking/testing/recordmakers.h"
 
+namespace gateway {
+
 /// A gateway on a scripted bus, with its stores in a folder of its own and the loopback of a private network.
 class GatewayTest : public testing::Test {
 protected:
@@ -83,3 +85,5 @@ protected:
     std::unique_ptr<Gateway> gateway;
     bool captures = false;
 };
+
+}  // namespace gateway

@@ -7,6 +7,8 @@
 
 #include "upnp/service.h"
 
+namespace gateway {
+
 /// Calls an action's handler, as the control endpoint does after its checks.
 inline UPNPStatus call(Service& service, const std::string& action, const std::vector<std::string>& in,
                        std::vector<std::string>& out) {
@@ -17,3 +19,5 @@ inline UPNPStatus call(Service& service, const std::string& action, const std::v
     }
     return (*entry->second->callback)(in, out);
 }
+
+}  // namespace gateway

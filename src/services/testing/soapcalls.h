@@ -5,6 +5,8 @@
 #include "upnp/service.h"
 #include "upnp/testing/fakeclient.h"
 
+namespace gateway {
+
 /// Calls an action as a control point does, through the control endpoint. `arguments` is the XML inside of
 /// the action's element, `source` the control point's address.
 inline HTTPMessage soapCall(Service& service, const std::string& action, const std::string& arguments = {},
@@ -19,3 +21,5 @@ inline HTTPMessage soapCall(Service& service, const std::string& action, const s
     client.take(service.handlePost(request, client));
     return *client.answered;
 }
+
+}  // namespace gateway

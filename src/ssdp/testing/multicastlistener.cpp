@@ -9,6 +9,8 @@
 #include "contract/ports.h"
 #include "ssdp/ssdpnames.h"
 
+namespace gateway {
+
 MulticastListener::MulticastListener()
     : socket(::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
     const int on = 1;
@@ -46,3 +48,5 @@ std::vector<std::string> MulticastListener::texts() {
     for (Datagram& datagram : take()) heard.push_back(std::move(datagram.text));
     return heard;
 }
+
+}  // namespace gateway

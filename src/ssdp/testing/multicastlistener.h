@@ -5,6 +5,8 @@
 
 #include "tk/fd.h"
 
+namespace gateway {
+
 /// Hears what is multicast to the SSDP group on the loopback interface.
 class MulticastListener {
 public:
@@ -23,3 +25,5 @@ public:
 private:
     tk::Fd socket;
 };
+
+}  // namespace gateway

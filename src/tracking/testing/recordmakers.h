@@ -7,6 +7,8 @@
 
 #include "tk/message.h"
 
+namespace gateway {
+
 /// The bus record of a live interface, as the router reports it.
 inline tk::message interfaceRecord(std::uint32_t id, const std::string& name,
                                    const std::string& displayName = {}) {
@@ -53,3 +55,5 @@ inline tk::message carrying(std::vector<tk::message> records) {
     message.insert_message_array(0xFE0002, std::move(records));
     return message;
 }
+
+}  // namespace gateway

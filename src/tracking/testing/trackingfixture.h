@@ -13,6 +13,8 @@
 #include "tracking/testing/recordmakers.h"
 #include "tracking/tracking.h"
 
+namespace gateway {
+
 /// The gateway above tracking, as a script: items and settings are plain fields.
 class FakeGateway final : public TrackingHost, public SSDPHost, public HTTPHost {
 public:
@@ -87,3 +89,5 @@ protected:
     Tracking tracking{host, discovery, server};
     bool captures = false;
 };
+
+}  // namespace gateway

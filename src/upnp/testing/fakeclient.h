@@ -6,6 +6,8 @@
 
 #include "http/httpservice.h"
 
+namespace gateway {
+
 /// The client of one request, without a connection.
 class FakeClient final : public HTTPClient {
 public:
@@ -32,3 +34,5 @@ public:
 private:
     std::uint32_t address;
 };
+
+}  // namespace gateway

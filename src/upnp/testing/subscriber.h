@@ -11,6 +11,8 @@
 
 #include "tk/fd.h"
 
+namespace gateway {
+
 /// A subscriber on the loopback address: takes connections one after the other.
 class Subscriber {
 public:
@@ -62,3 +64,5 @@ public:
 private:
     tk::Fd listener;
 };
+
+}  // namespace gateway
