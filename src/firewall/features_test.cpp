@@ -20,7 +20,7 @@ protected:
     }
     static std::string tables() {
         bool failed = false;
-        return router::testing::run("nft list tables", failed);
+        return tk::testing::run("nft list tables", failed);
     }
 
     netlink::Socket socket;

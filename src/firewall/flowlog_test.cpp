@@ -14,7 +14,7 @@
 namespace firewall {
 namespace {
 
-using router::testing::address;
+using links::testing::address;
 using Packet = std::vector<char>;
 
 /// An IPv4 packet from 198.51.100.2 to 198.51.100.1, up to the ports 4660 and 53.

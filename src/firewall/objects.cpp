@@ -292,14 +292,12 @@ void changeHairpins(Batch& batch, Change change, std::span<const std::uint32_t> 
     });
 }
 
-void changeInside(Batch& batch, Change change, std::span<const router::AddressRange> ranges) {
-    changeSet(batch, change, nft::inside, ranges,
-              [](const SetObject& set, const router::AddressRange& range) {
-                  put(set, htonl(range.first));
-                  // The end is the first address after it; what reaches to the last one has none.
-                  if (range.last + 1 != 0)
-                      put(set, htonl(range.last + 1), nullptr, NFT_SET_ELEM_INTERVAL_END);
-              });
+void changeInside(Batch& batch, Change change, std::span<const links::AddressRange> ranges) {
+    changeSet(batch, change, nft::inside, ranges, [](const SetObject& set, const links::AddressRange& range) {
+        put(set, htonl(range.first));
+        // The end is the first address after it; what reaches to the last one has none.
+        if (range.last + 1 != 0) put(set, htonl(range.last + 1), nullptr, NFT_SET_ELEM_INTERVAL_END);
+    });
 }
 
 }  // namespace firewall

@@ -143,6 +143,6 @@ void changeElements(Batch& batch, Change change, std::span<const Element> elemen
 /// Interfaces, by index, in the set for hairpin connections.
 void changeHairpins(Batch& batch, Change change, std::span<const std::uint32_t> indexes);
 /// Ranges of inside addresses.
-void changeInside(Batch& batch, Change change, std::span<const router::AddressRange> ranges);
+void changeInside(Batch& batch, Change change, std::span<const links::AddressRange> ranges);
 
 }  // namespace firewall

@@ -212,7 +212,7 @@ void Table::guardUser(std::uint32_t user) {
     guarded.insert(user);
 }
 
-void Table::insideChanged(const router::Inside& now) {
+void Table::insideChanged(const links::Inside& now) {
     if (!socket.isOpen() || now == inside) return;
     insist(
         [&](Batch& batch) {

@@ -38,7 +38,7 @@ public:
 /// this object: nobody else can change them, and they go with the process, however that ends.
 ///
 /// A change whose outcome the kernel does not tell is settled by making the tables anew as they were.
-class Table final : public Kernel, public router::InsideWatcher {
+class Table final : public Kernel, public links::InsideWatcher {
 public:
     /// `checksTargets`: connections to targets that are not inside, or not any more, are ended.
     explicit Table(const GuardConfig& guard = {}, bool checksTargets = true)
@@ -66,7 +66,7 @@ public:
     void guardUser(std::uint32_t user);
     /// The guard lets its users send to these addresses alone, and a connection may come back through these
     /// interfaces alone.
-    void insideChanged(const router::Inside& now) override;
+    void insideChanged(const links::Inside& now) override;
 
 private:
     using Fill = std::function<void(Batch&)>;
@@ -89,7 +89,7 @@ private:
     const GuardConfig guard;
     const bool checksTargets;
     // What is in the table, and what it is made anew from.
-    router::Inside inside;
+    links::Inside inside;
     std::set<std::uint32_t> guarded;  // users
     const ElementOwner* owner = nullptr;
     bool endsFlows = false;

@@ -21,13 +21,13 @@
 namespace firewall {
 namespace {
 
-using router::testing::address;
+using links::testing::address;
 
 Element element(std::uint16_t port, const char* target = "192.0.2.2", std::uint16_t targetPort = 8080) {
     return {{address("198.51.100.1"), 6, port}, {address(target), targetPort}};
 }
 
-constexpr router::AddressRange lan{0xC0000200, 0xC00002FF};  // 192.0.2.0/24
+constexpr links::AddressRange lan{0xC0000200, 0xC00002FF};  // 192.0.2.0/24
 
 /// The rules that were committed.
 class Rules final : public ElementOwner {
@@ -63,7 +63,7 @@ protected:
     }
     static std::string nft(const std::string& arguments) {
         bool failed = false;
-        return router::testing::run("nft " + arguments + " 2>&1", failed);
+        return tk::testing::run("nft " + arguments + " 2>&1", failed);
     }
     void endFlows() { EXPECT_EQ(table->endFlows().reason(), ""); }
     /// The lines of the map's elements as nft lists them, and of what is live.
@@ -170,8 +170,8 @@ TEST_F(TableTest, ARefusedTransactionChangesNothing) {
 TEST_F(TableTest, NobodyElseCanChangeIt) {
     EXPECT_EQ(commit({}, {element(80)}), "");
     bool failed = false;
-    router::testing::run("nft flush ruleset", failed);
-    router::testing::run("nft delete table ip tk 2>/dev/null", failed);
+    tk::testing::run("nft flush ruleset", failed);
+    tk::testing::run("nft delete table ip tk 2>/dev/null", failed);
     EXPECT_TRUE(failed);
     EXPECT_EQ(mapText(), "elements = { 198.51.100.1 . tcp . 80 : 192.0.2.2 . 8080 }");
     Table second;
@@ -260,7 +260,7 @@ TEST_F(TableTest, ARefusalWhoseAnswerIsLostIsStillARefusal) {
 }
 
 TEST_F(TableTest, ThousandsOfInsideNetworksAreThereAndGoAgain) {
-    router::Inside many;
+    links::Inside many;
     for (std::uint32_t i = 0; i < 5000; ++i) {
         many.interfaces.insert(i + 1);
         many.addresses.push_back({0x0A000000 + i * 512, 0x0A000000 + i * 512 + 255});
@@ -335,7 +335,7 @@ TEST_F(TableTest, IsMadeAnewInPartsWhereItDoesNotFitOneTransaction) {
 }
 
 TEST_F(TableTest, ThousandsOfInterfacesFitAnySocket) {
-    router::Inside many;
+    links::Inside many;
     for (std::uint32_t index = 1; index <= 5000; ++index) many.interfaces.insert(index);
     table->insideChanged(many);
     limitSending(16384);
@@ -359,7 +359,7 @@ TEST(TableLimits, AreRulesOfTheInputChain) {
     Table table({false, 20, 30, 50});
     ASSERT_EQ(table.open().reason(), "");
     bool failed = false;
-    const std::string text = router::testing::run("nft list table ip tk", failed);
+    const std::string text = tk::testing::run("nft list table ip tk", failed);
     for (const char* line : {"limit rate over 20/second burst 20 packets } drop",
                              "limit rate over 30/second burst 30 packets } reject with tcp reset",
                              "ct count over 50 } reject with tcp reset"})
@@ -367,9 +367,9 @@ TEST(TableLimits, AreRulesOfTheInputChain) {
     EXPECT_EQ(text.find("skuid"), std::string::npos);
     EXPECT_EQ(text.find("chain daemon"), std::string::npos);
     table.insideChanged({{1}, {lan}});
-    EXPECT_NE(router::testing::run("nft list set ip tk hairpin", failed).find("\"lo\" . \"lo\""),
+    EXPECT_NE(tk::testing::run("nft list set ip tk hairpin", failed).find("\"lo\" . \"lo\""),
               std::string::npos);
-    EXPECT_EQ(router::testing::run("nft list tables", failed), "table ip tk\n");
+    EXPECT_EQ(tk::testing::run("nft list tables", failed), "table ip tk\n");
 }
 
 }  // namespace

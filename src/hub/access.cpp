@@ -12,7 +12,7 @@
 #include "tk/bus.h"
 #include "tk/names.h"
 
-namespace router {
+namespace hub {
 
 namespace {
 
@@ -197,4 +197,4 @@ bool Access::runsPrograms(uid_t user) const {
     return user == root || rights.isAdmin || !rights.programs.empty();
 }
 
-}  // namespace router
+}  // namespace hub

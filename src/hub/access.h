@@ -9,7 +9,7 @@
 #include "tk/message.h"
 #include "tk/status.h"
 
-namespace router {
+namespace hub {
 
 /// Tells the services of this process who asks.
 class Requester {
@@ -54,4 +54,4 @@ private:
     std::map<uid_t, UserRights> users;
 };
 
-}  // namespace router
+}  // namespace hub

@@ -9,7 +9,7 @@
 #include "tk/bus.h"
 #include "tk/names.h"
 
-namespace router {
+namespace hub {
 namespace {
 
 constexpr uid_t root = 0, gateway = 901, resolver = 902, member = 903, writer = 904, tracer = 905,
@@ -238,4 +238,4 @@ TEST(Access, RootAndUsersThatMayRegisterAProgramRunPrograms) {
 }
 
 }  // namespace
-}  // namespace router
+}  // namespace hub

@@ -10,7 +10,7 @@
 
 #include "tk/log.h"
 
-namespace router {
+namespace hub {
 
 namespace {
 
@@ -145,4 +145,4 @@ void Activation::askAgain() {
     }
 }
 
-}  // namespace router
+}  // namespace hub

@@ -17,7 +17,7 @@
 #include "tk/status.h"
 #include "tk/timer.h"
 
-namespace router {
+namespace hub {
 
 /// When a program that has crashed is started again: a second later if it had come to the bus before, else
 /// after twice the time of the last attempt, up to about a minute.
@@ -107,4 +107,4 @@ private:
     tk::Timer<Activation, &Activation::askAgain> askingAgain{*this};
 };
 
-}  // namespace router
+}  // namespace hub

@@ -8,7 +8,7 @@
 #include "hub/testing/fakeprocesses.h"
 #include "hub/testing/testhub.h"
 
-namespace router {
+namespace hub {
 namespace {
 
 constexpr std::uint32_t second = 100;  // ticks
@@ -122,4 +122,4 @@ TEST_F(RestartTest, NothingComesBackWhenTheRouterEnds) {
 }
 
 }  // namespace
-}  // namespace router
+}  // namespace hub

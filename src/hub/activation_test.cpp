@@ -11,7 +11,7 @@
 #include "tk/bus.h"
 #include "tk/names.h"
 
-namespace router {
+namespace hub {
 namespace {
 
 constexpr std::uint32_t command = 77;
@@ -92,4 +92,4 @@ TEST_F(ActivationTest, WhatCannotBeStartedIsTold) {
 }
 
 }  // namespace
-}  // namespace router
+}  // namespace hub

@@ -11,7 +11,7 @@
 #include "hub/testing/testhub.h"
 #include "tk/names.h"
 
-namespace router {
+namespace hub {
 namespace {
 
 using testing::codeOf;
@@ -213,4 +213,4 @@ TEST_F(UnitActivationTest, TheEndOfTheRouterAsksForNoneAndStopsNone) {
 }
 
 }  // namespace
-}  // namespace router
+}  // namespace hub

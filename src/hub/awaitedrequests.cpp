@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-namespace router {
+namespace hub {
 
 namespace {
 
@@ -52,4 +52,4 @@ void AwaitedRequests::forgetEmpty() {
     std::erase_if(requests, [](const auto& entry) { return entry.second.empty(); });
 }
 
-}  // namespace router
+}  // namespace hub

@@ -10,7 +10,7 @@
 
 #include "tk/budget.h"
 
-namespace router {
+namespace hub {
 
 /// The requests that wait for programs to register. They wait in their flat form: a request of many small parts
 /// takes more than ten times that once it is parsed.
@@ -53,4 +53,4 @@ private:
     std::map<std::uint32_t, std::deque<Request>> requests;  // by program; none of them is empty
 };
 
-}  // namespace router
+}  // namespace hub

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-namespace router {
+namespace hub {
 namespace {
 
 constexpr std::uint32_t first = 1000, second = 1001;  // peers
@@ -64,4 +64,4 @@ TEST_F(AwaitedRequestsTest, ArePaidForWhileTheyWait) {
 }
 
 }  // namespace
-}  // namespace router
+}  // namespace hub

@@ -10,7 +10,7 @@
 #include "tk/budget.h"
 #include "tk/frame.h"
 
-namespace router {
+namespace hub {
 
 /// What the hub keeps for others, in bytes: one account for each user over all its connections, and one for
 /// each connection of root.
@@ -40,4 +40,4 @@ private:
     std::map<Key, tk::Budget> budgets;
 };
 
-}  // namespace router
+}  // namespace hub

@@ -9,7 +9,7 @@
 #include "tk/names.h"
 #include "tk/testing/capturedoutput.h"
 
-namespace router {
+namespace hub {
 namespace {
 
 using testing::codeOf;
@@ -250,4 +250,4 @@ TEST_F(BudgetTest, WhatWasReadMakesRoomAgain) {
 }
 
 }  // namespace
-}  // namespace router
+}  // namespace hub

@@ -9,7 +9,7 @@
 #include "tk/frame.h"
 #include "tk/names.h"
 
-namespace router {
+namespace hub {
 
 namespace {
 
@@ -60,7 +60,7 @@ void Hub::close() {
     peers.clear();
 }
 
-void Hub::peerSent(HubPeer& peer, tk::message received) {
+void Hub::peerSent(Peer& peer, tk::message received) {
     peer.stampSender(received);
     // With the sender appended there may be one field more than a receiver accepts.
     if (received.fields().size() > tk::message::fieldLimit)
@@ -72,29 +72,29 @@ void Hub::peerSent(HubPeer& peer, tk::message received) {
 }
 
 /// True when what needs no answer is not passed on.
-bool Hub::isRefused(const HubPeer& from, const tk::message& sent) {
+bool Hub::isRefused(const Peer& from, const tk::message& sent) {
     const tk::Status allowed = access.check(from.user().uid, sent);
     if (!allowed.isOk()) noteRefused(from, "it " + allowed.reason());
     return !allowed.isOk();
 }
 
-void Hub::noteRefused(const HubPeer& from, const std::string& why) {
+void Hub::noteRefused(const Peer& from, const std::string& why) {
     const uid_t user = from.user().uid;
     refusedMessages.note("message of user " + std::to_string(user) + " refused", user, why);
 }
 
 /// A client that comes, asks and goes is no event; a program is, and so is a peer that had to be dropped.
-void Hub::tellEnd(const HubPeer& peer, const std::string& reason) {
+void Hub::tellEnd(const Peer& peer, const std::string& reason) {
     const std::string event = std::to_string(peer.identity()) + " left";
     if (peer.isProgram()) return leftPrograms.note(event, peer.user().uid, reason);
     if (peer.wasDropped()) droppedClients.note(event, peer.user().uid, reason);
 }
 
-void Hub::peerEnded(HubPeer& peer, const std::string& reason) {
+void Hub::peerEnded(Peer& peer, const std::string& reason) {
     const std::uint32_t number = peer.clientNumber();
     const std::uint32_t identity = peer.identity();
     tellEnd(peer, reason);
-    const std::unique_ptr<HubPeer> ended = peers.take(number);  // destroyed when all is cleaned up
+    const std::unique_ptr<Peer> ended = peers.take(number);  // destroyed when all is cleaned up
     subscriptions.drop(number);
     tracers.drop(number);
     pending.dropOfRequester(number);
@@ -106,19 +106,19 @@ void Hub::peerEnded(HubPeer& peer, const std::string& reason) {
         refuse(request, tk::error::disconnected, "the program left before it answered");
 }
 
-void Hub::takeRequest(HubPeer& from, const tk::message& request) {
+void Hub::takeRequest(Peer& from, const tk::message& request) {
     trace(request);
     route(from, request);
 }
 
-void Hub::takeEnd(HubPeer& from, const tk::message& end) {
+void Hub::takeEnd(Peer& from, const tk::message& end) {
     trace(end);
     const tk::Path& path = end.get_u32_array(tk::field::destination);
     if (tk::Handler* handler = services.find(path)) {
         if (pending.finish(ownRequester, from.clientNumber(), end)) (void)handler->handleReply(end);
         return;
     }
-    HubPeer* to = peers.findAt(path);
+    Peer* to = peers.findAt(path);
     if (to && pending.finish(to->clientNumber(), from.clientNumber(), end)) deliverEnd(*to, end);
 }
 
@@ -126,10 +126,10 @@ void Hub::sendEnd(const tk::message& end) {
     trace(end);
     if (tk::Handler* handler = services.find(end.get_u32_array(tk::field::destination)))
         return void(handler->handleReply(end));
-    if (HubPeer* to = peers.findAt(end.get_u32_array(tk::field::destination))) deliverEnd(*to, end);
+    if (Peer* to = peers.findAt(end.get_u32_array(tk::field::destination))) deliverEnd(*to, end);
 }
 
-void Hub::deliverEnd(HubPeer& to, const tk::message& end) {
+void Hub::deliverEnd(Peer& to, const tk::message& end) {
     if (to.send(end) || !to.isOpen()) return;
     const tk::message told = tooLarge(end);
     trace(told);
@@ -140,14 +140,14 @@ void Hub::publish(const tk::message& notification) {
     trace(notification);
     const tk::Path& from = notification.get_u32_array(tk::field::sender);
     for (const auto& [number, charge] : subscriptions.of(from, notification.get_u32(tk::field::command)))
-        if (HubPeer* to = peers.find(number)) (void)to->send(notification);
+        if (Peer* to = peers.find(number)) (void)to->send(notification);
 }
 
 void Hub::trace(const tk::message& passed) {
     if (!tracers.isActive()) return;
-    const tk::message shown = HubTrace::wrap(passed);
+    const tk::message shown = Trace::wrap(passed);
     for (const std::uint32_t number : tracers.peers())
-        if (HubPeer* to = peers.find(number)) (void)to->send(shown);
+        if (Peer* to = peers.find(number)) (void)to->send(shown);
 }
 
 tk::message Hub::exchange(const tk::message& request, const tk::Path& from, std::uint32_t command,
@@ -184,8 +184,8 @@ void Hub::sendOwn(tk::message request) {
     const tk::Path& to = request.get_u32_array(tk::field::destination);
     if (to.empty() || to.front() == tk::program::hub || services.has(to.front()))
         return refuse(request, tk::error::unreachable, nobodyThere);
-    if (HubPeer* callee = peers.findProgram(to.front())) return forward(ownRequester, *callee, request);
+    if (Peer* callee = peers.findProgram(to.front())) return forward(ownRequester, *callee, request);
     activate(ownRequester, request);
 }
 
-}  // namespace router
+}  // namespace hub

@@ -24,7 +24,7 @@
 #include "tk/status.h"
 #include "tk/timer.h"
 
-namespace router {
+namespace hub {
 
 /// Starts programs that a message is for and that are not on the bus.
 class Starter {
@@ -49,7 +49,7 @@ public:
 /// subscribers, and serves the handlers of its own process. It never waits for anybody.
 ///
 /// Every message passes one of the functions of hub.cpp that trace it; nothing is sent beside them.
-class Hub final : public tk::Bus, private HubPeer::Owner {
+class Hub final : public tk::Bus, private Peer::Owner {
 public:
     /// How many elements the paths of a subscription and of a request may have: they are kept, and must not
     /// cost what their maker likes.
@@ -117,42 +117,42 @@ public:
     void post(tk::message stamped) override;
 
 private:
-    void peerSent(HubPeer& peer, tk::message received) override;
-    void peerEnded(HubPeer& peer, const std::string& reason) override;
+    void peerSent(Peer& peer, tk::message received) override;
+    void peerEnded(Peer& peer, const std::string& reason) override;
 
-    [[nodiscard]] bool isRefused(const HubPeer& from, const tk::message& sent);
-    void tellEnd(const HubPeer& peer, const std::string& reason);
+    [[nodiscard]] bool isRefused(const Peer& from, const tk::message& sent);
+    void tellEnd(const Peer& peer, const std::string& reason);
 
     // What passes: each of these traces its message, then hands it on.
-    void takeRequest(HubPeer& from, const tk::message& request);
-    void takeEnd(HubPeer& from, const tk::message& end);
+    void takeRequest(Peer& from, const tk::message& request);
+    void takeEnd(Peer& from, const tk::message& end);
     void sendEnd(const tk::message& end);
     void sendOwn(tk::message request);
-    void deliverEnd(HubPeer& to, const tk::message& end);
+    void deliverEnd(Peer& to, const tk::message& end);
     void publish(const tk::message& notification);
     void trace(const tk::message& passed);
 
     // Where requests go (hub_routes.cpp).
-    void route(HubPeer& from, const tk::message& request);
-    void afterCommand(HubPeer& from, std::uint32_t command);
-    void forward(std::uint32_t from, HubPeer& to, const tk::message& request);
+    void route(Peer& from, const tk::message& request);
+    void afterCommand(Peer& from, std::uint32_t command);
+    void forward(std::uint32_t from, Peer& to, const tk::message& request);
     void activate(std::uint32_t from, const tk::message& request);
     void expireLater();
     void expire();
-    void releaseAwaited(HubPeer& program);
+    void releaseAwaited(Peer& program);
     void refuse(const tk::message& request, std::uint32_t code, const std::string& text);
     void refuseFull(std::uint32_t requester, const tk::message& request, const std::string& text);
-    void noteRefused(const HubPeer& from, const std::string& why);
+    void noteRefused(const Peer& from, const std::string& why);
 
     // The hub's own commands (hub_commands.cpp).
-    [[nodiscard]] tk::message command(HubPeer& from, const tk::message& request);
-    [[nodiscard]] tk::message registerProgram(HubPeer& from, const tk::message& request);
-    [[nodiscard]] tk::message unregisterProgram(const HubPeer& from, const tk::message& request) const;
-    void giveUp(HubPeer& from);
-    [[nodiscard]] tk::message subscribe(HubPeer& from, const tk::message& request);
-    [[nodiscard]] tk::message unsubscribe(HubPeer& from, const tk::message& request);
+    [[nodiscard]] tk::message command(Peer& from, const tk::message& request);
+    [[nodiscard]] tk::message registerProgram(Peer& from, const tk::message& request);
+    [[nodiscard]] tk::message unregisterProgram(const Peer& from, const tk::message& request) const;
+    void giveUp(Peer& from);
+    [[nodiscard]] tk::message subscribe(Peer& from, const tk::message& request);
+    [[nodiscard]] tk::message unsubscribe(Peer& from, const tk::message& request);
 
-    HubPeers peers;  // goes last: the others charge its budgets for what they keep
+    Peers peers;  // goes last: the others charge its budgets for what they keep
     LocalServices services;
     Starter* starter = nullptr;
     ProgramWatcher* watcher = nullptr;
@@ -163,11 +163,11 @@ private:
     Access access;
     PendingRequests pending;
     Subscriptions subscriptions;
-    HubTrace tracers;
+    Trace tracers;
     AwaitedRequests awaited;
     std::uint32_t ownNumbers = 0;  // of the requests that this process's handlers make
     bool expires = false;
     tk::Timer<Hub, &Hub::expire> expiry{*this};
 };
 
-}  // namespace router
+}  // namespace hub

@@ -10,7 +10,7 @@
 #include "tk/bus.h"
 #include "tk/names.h"
 
-namespace router {
+namespace hub {
 namespace {
 
 constexpr std::uint32_t command = 77;
@@ -252,4 +252,4 @@ TEST_F(AwaitedProgramTest, AClientThatLeftIsForgotten) {
 }
 
 }  // namespace
-}  // namespace router
+}  // namespace hub

@@ -8,7 +8,7 @@
 #include "tk/status.h"
 #include "tk/subscription.h"
 
-namespace router {
+namespace hub {
 
 namespace {
 
@@ -24,7 +24,7 @@ tk::Result<tk::Subscription> subscriptionIn(const tk::message& request) {
 
 }  // namespace
 
-tk::message Hub::command(HubPeer& from, const tk::message& request) {
+tk::message Hub::command(Peer& from, const tk::message& request) {
     if (request.get_u32_array(tk::field::destination).size() > 1)
         return tk::errorMsg(tk::error::unreachable, "no such handler");
     switch (request.get_u32(tk::field::command)) {
@@ -43,7 +43,7 @@ tk::message Hub::command(HubPeer& from, const tk::message& request) {
     }
 }
 
-tk::message Hub::registerProgram(HubPeer& from, const tk::message& request) {
+tk::message Hub::registerProgram(Peer& from, const tk::message& request) {
     const std::uint32_t program = request.get_u32(tk::hubfield::program);
     if (program == tk::program::hub || program >= tk::program::firstClient)
         return tk::errorMsg(tk::error::invalid, "a program number lies between 1 and " +
@@ -52,7 +52,7 @@ tk::message Hub::registerProgram(HubPeer& from, const tk::message& request) {
         return tk::errorMsg(tk::error::exists,
                             "this connection is registered as program " + std::to_string(from.identity()));
     if (from.isRetired()) return tk::errorMsg(tk::error::exists, "this connection has given its program up");
-    HubPeer* holder = peers.findProgram(program);
+    Peer* holder = peers.findProgram(program);
     if (holder == &from) return {};
     // The end of the former holder may be known to the kernel and not yet to the loop.
     if (holder && holder->hasHungUp()) peerEnded(*holder, "it closed the connection");
@@ -64,7 +64,7 @@ tk::message Hub::registerProgram(HubPeer& from, const tk::message& request) {
 }
 
 /// Whether a program may give its number up; it does so after the reply, which still goes to its name.
-tk::message Hub::unregisterProgram(const HubPeer& from, const tk::message& request) const {
+tk::message Hub::unregisterProgram(const Peer& from, const tk::message& request) const {
     const std::uint32_t program = request.get_u32(tk::hubfield::program);
     if (from.hasResigned(program)) return {};
     if (!from.isProgram() || from.identity() != program)
@@ -76,7 +76,7 @@ tk::message Hub::unregisterProgram(const HubPeer& from, const tk::message& reque
     return {};
 }
 
-void Hub::giveUp(HubPeer& from) {
+void Hub::giveUp(Peer& from) {
     if (!from.isProgram()) return;  // it had done so before
     const std::uint32_t program = from.identity();
     tellEnd(from, "it has given its number up");
@@ -84,7 +84,7 @@ void Hub::giveUp(HubPeer& from) {
     services.disconnected({program});
 }
 
-tk::message Hub::subscribe(HubPeer& from, const tk::message& request) {
+tk::message Hub::subscribe(Peer& from, const tk::message& request) {
     const tk::Result<tk::Subscription> wanted = subscriptionIn(request);
     if (!wanted.isOk()) return tk::errorMsg(wanted.status().code(), wanted.reason());
     if (!subscriptions.add(from.clientNumber(), *wanted, from.budget())) {
@@ -94,11 +94,11 @@ tk::message Hub::subscribe(HubPeer& from, const tk::message& request) {
     return {};
 }
 
-tk::message Hub::unsubscribe(HubPeer& from, const tk::message& request) {
+tk::message Hub::unsubscribe(Peer& from, const tk::message& request) {
     const tk::Result<tk::Subscription> wanted = subscriptionIn(request);
     if (!wanted.isOk()) return tk::errorMsg(wanted.status().code(), wanted.reason());
     subscriptions.remove(from.clientNumber(), *wanted);
     return {};
 }
 
-}  // namespace router
+}  // namespace hub

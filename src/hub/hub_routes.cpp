@@ -10,7 +10,7 @@
 #include "tk/bus.h"
 #include "tk/names.h"
 
-namespace router {
+namespace hub {
 
 namespace {
 
@@ -30,7 +30,7 @@ void Hub::refuse(const tk::message& request, std::uint32_t code, const std::stri
     sendEnd(tk::endOf(request, tk::errorMsg(code, text)));
 }
 
-void Hub::route(HubPeer& from, const tk::message& request) {
+void Hub::route(Peer& from, const tk::message& request) {
     const tk::Path& to = request.get_u32_array(tk::field::destination);
     if (to.empty()) return refuse(request, tk::error::invalid, "the request names no destination");
     if (to.size() > requestPathLimit || request.get_u32_array(tk::field::sender).size() > requestPathLimit)
@@ -51,12 +51,11 @@ void Hub::route(HubPeer& from, const tk::message& request) {
         if (!answer.has(tk::field::later)) sendEnd(tk::endOf(request, answer));
         return;
     }
-    if (HubPeer* callee = peers.findProgram(to.front()))
-        return forward(from.clientNumber(), *callee, request);
+    if (Peer* callee = peers.findProgram(to.front())) return forward(from.clientNumber(), *callee, request);
     activate(from.clientNumber(), request);
 }
 
-void Hub::afterCommand(HubPeer& from, std::uint32_t command) {
+void Hub::afterCommand(Peer& from, std::uint32_t command) {
     if (command == tk::command::hubTrace) tracers.add(from.clientNumber());
     if (command == tk::command::hubUnregister) giveUp(from);
     if (command != tk::command::hubRegister) return;
@@ -66,7 +65,7 @@ void Hub::afterCommand(HubPeer& from, std::uint32_t command) {
 
 /// A request that waits for its program to read it is paid for by whoever made it: nobody fills the account
 /// of a program but itself.
-void Hub::forward(std::uint32_t from, HubPeer& to, const tk::message& request) {
+void Hub::forward(std::uint32_t from, Peer& to, const tk::message& request) {
     using Added = PendingRequests::Added;
     tk::Budget& payer = peers.payer(from);
     const std::uint32_t number = request.get_u32(tk::field::number);
@@ -93,11 +92,11 @@ void Hub::activate(std::uint32_t from, const tk::message& request) {
 }
 
 void Hub::refuseFull(std::uint32_t requester, const tk::message& request, const std::string& text) {
-    if (const HubPeer* peer = peers.find(requester)) noteRefused(*peer, text);
+    if (const Peer* peer = peers.find(requester)) noteRefused(*peer, text);
     refuse(request, tk::error::busy, text);
 }
 
-void Hub::releaseAwaited(HubPeer& program) {
+void Hub::releaseAwaited(Peer& program) {
     for (auto& [requester, flat, charge, round] : awaited.take(program.identity())) {
         charge.set(0);  // it is charged anew where it waits next
         if (requester == ownRequester || peers.find(requester))
@@ -127,4 +126,4 @@ void Hub::programFailed(std::uint32_t program, const std::string& reason) {
         refuse(tk::message(waited.flat), tk::error::unreachable, reason);
 }
 
-}  // namespace router
+}  // namespace hub

@@ -8,7 +8,7 @@
 #include "tk/bus.h"
 #include "tk/names.h"
 
-namespace router {
+namespace hub {
 namespace {
 
 using testing::codeOf;
@@ -232,4 +232,4 @@ TEST_F(AskingHandlerTest, HearsInTheEndOfAProgramThatAnsweredSomebodyElse) {
 }
 
 }  // namespace
-}  // namespace router
+}  // namespace hub

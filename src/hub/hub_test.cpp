@@ -6,7 +6,7 @@
 #include "tk/bus.h"
 #include "tk/names.h"
 
-namespace router {
+namespace hub {
 namespace {
 
 using testing::codeOf;
@@ -347,4 +347,4 @@ TEST_F(HubTest, TwoHundredConnectionsAreServedAtOnce) {
 }
 
 }  // namespace
-}  // namespace router
+}  // namespace hub

@@ -9,7 +9,7 @@
 #include "tk/names.h"
 #include "tk/testing/capturedoutput.h"
 
-namespace router {
+namespace hub {
 namespace {
 
 using testing::codeOf;
@@ -184,4 +184,4 @@ TEST_F(HubUnregisterTest, TheLogTellsOfItOnce) {
 }
 
 }  // namespace
-}  // namespace router
+}  // namespace hub

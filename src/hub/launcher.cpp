@@ -15,7 +15,7 @@
 
 #include "tk/log.h"
 
-namespace router {
+namespace hub {
 
 namespace {
 
@@ -201,4 +201,4 @@ std::optional<int> Launcher::reap(pid_t process) {
     return answer.hasEnded ? std::optional<int>(answer.status) : std::nullopt;
 }
 
-}  // namespace router
+}  // namespace hub

@@ -7,7 +7,7 @@
 #include "tk/fd.h"
 #include "tk/status.h"
 
-namespace router {
+namespace hub {
 
 /// The processes are children of a small process of root's, which the router leaves behind before it gives up
 /// its privileges. It starts the programs and commands of the configuration, signals and reaps what it
@@ -29,4 +29,4 @@ private:
     tk::Fd socket;
 };
 
-}  // namespace router
+}  // namespace hub

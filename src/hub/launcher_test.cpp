@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-namespace router {
+namespace hub {
 namespace {
 
 class LauncherTest : public ::testing::Test {
@@ -60,4 +60,4 @@ TEST_F(LauncherTest, StartsNothingButWhatIsConfigured) {
 }
 
 }  // namespace
-}  // namespace router
+}  // namespace hub

@@ -15,7 +15,7 @@
 
 #include "tk/names.h"
 
-namespace router {
+namespace hub {
 
 namespace {
 
@@ -64,18 +64,18 @@ void makeFolderOf(const std::string& path) {
 
 }  // namespace
 
-BusListener::~BusListener() {
+Listener::~Listener() {
     close();
 }
 
-void BusListener::close() {
+void Listener::close() {
     watch.stop();
     socket.reset();
     if (!boundPath.empty()) ::unlink(boundPath.c_str());
     boundPath.clear();
 }
 
-tk::Status BusListener::checkFree(const std::string& path) {
+tk::Status Listener::checkFree(const std::string& path) {
     sockaddr_un address;
     if (!makeAddress(path, address)) return {};
     const tk::Fd probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
@@ -85,16 +85,15 @@ tk::Status BusListener::checkFree(const std::string& path) {
     return errno == ECONNREFUSED || errno == ENOENT ? tk::Status() : tk::Status::ofErrno(path, errno);
 }
 
-tk::Status BusListener::open(const std::string& path) {
+tk::Status Listener::open(const std::string& path) {
     if (tk::Status bound = bindTo(path); !bound.isOk()) return bound;
     boundPath = path;
     if (::listen(socket.get(), backlog) != 0) return tk::Status::ofErrno(path, errno);
-    watch.start<BusListener, &BusListener::ready>(socket.get(), *this, tk::readable,
-                                                  tk::Runner::Priority::urgent);
+    watch.start<Listener, &Listener::ready>(socket.get(), *this, tk::readable, tk::Runner::Priority::urgent);
     return {};
 }
 
-tk::Status BusListener::bindTo(const std::string& path) {
+tk::Status Listener::bindTo(const std::string& path) {
     sockaddr_un address;
     if (!makeAddress(path, address)) return tk::Status::failure(path + ": too long for a socket");
     makeFolderOf(path);
@@ -106,7 +105,7 @@ tk::Status BusListener::bindTo(const std::string& path) {
 }
 
 /// Puts the socket where it is reached, in the place of one that nobody serves.
-tk::Status BusListener::makeFile(const std::string& path, const sockaddr_un& address) {
+tk::Status Listener::makeFile(const std::string& path, const sockaddr_un& address) {
     struct stat old;
     if (::lstat(path.c_str(), &old) == 0 && S_ISSOCK(old.st_mode)) ::unlink(path.c_str());
     // mode 0660 from the start: never open for more, not even for a moment
@@ -120,11 +119,11 @@ tk::Status BusListener::makeFile(const std::string& path, const sockaddr_un& add
     return refused;
 }
 
-bool BusListener::mayCall(int peerSocket, const ucred& peer) const {
+bool Listener::mayCall(int peerSocket, const ucred& peer) const {
     return peer.uid == 0 || (group && isInGroup(peerSocket, peer, *group));
 }
 
-void BusListener::ready(int fd, std::uint32_t) {
+void Listener::ready(int fd, std::uint32_t) {
     for (int i = 0; i < acceptsPerTurn; ++i) {
         tk::Fd accepted(::accept4(fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (!accepted.isOpen()) return;
@@ -140,4 +139,4 @@ void BusListener::ready(int fd, std::uint32_t) {
     }
 }
 
-}  // namespace router
+}  // namespace hub

@@ -13,18 +13,18 @@
 struct sockaddr_un;
 struct ucred;
 
-namespace router {
+namespace hub {
 
 /// The socket file of the bus: made when the router is ready to serve, removed when it ends. Lets root and
 /// the members of the group "tk" in, and nobody else. The group's number is looked up once, at the opening:
 /// a slow directory service never stops the hub.
-class BusListener {
+class Listener {
 public:
     /// Lifetime: the hub outlives the listener.
-    explicit BusListener(Hub& hub) : hub(hub) {}
-    BusListener(const BusListener&) = delete;
-    BusListener& operator=(const BusListener&) = delete;
-    ~BusListener();
+    explicit Listener(Hub& hub) : hub(hub) {}
+    Listener(const Listener&) = delete;
+    Listener& operator=(const Listener&) = delete;
+    ~Listener();
 
     /// Does nobody accept connections at `path`?
     /// Errors: when some process does, or may do so.
@@ -49,4 +49,4 @@ private:
     tk::Watch watch;
 };
 
-}  // namespace router
+}  // namespace hub

@@ -13,7 +13,7 @@
 #include "hub/testing/testhub.h"
 #include "tk/testing/folder.h"
 
-namespace router {
+namespace hub {
 namespace {
 
 class BusListenerTest : public ::testing::Test {
@@ -27,7 +27,7 @@ protected:
             socket.reset();
         return socket;
     }
-    void openAt(BusListener& listener) const {
+    void openAt(Listener& listener) const {
         const tk::Status opened = listener.open(path);
         ASSERT_TRUE(opened.isOk()) << opened.reason();
     }
@@ -39,7 +39,7 @@ protected:
 
 TEST_F(BusListenerTest, MakesTheFileForItsGroupAloneAndRemovesItAtTheEnd) {
     {
-        BusListener listener(bus.hub);
+        Listener listener(bus.hub);
         openAt(listener);
         struct stat status;
         ASSERT_EQ(::stat(path.c_str(), &status), 0);
@@ -50,7 +50,7 @@ TEST_F(BusListenerTest, MakesTheFileForItsGroupAloneAndRemovesItAtTheEnd) {
 
 TEST_F(BusListenerTest, TakesConnectionsOfRoot) {
     if (::geteuid() != 0) GTEST_SKIP() << "needs root";
-    BusListener listener(bus.hub);
+    Listener listener(bus.hub);
     openAt(listener);
     const tk::Fd first = connect();
     const tk::Fd second = connect();
@@ -67,25 +67,25 @@ TEST_F(BusListenerTest, ReplacesAFileThatNobodyServes) {
         std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
         ASSERT_EQ(::bind(dead.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
     }
-    EXPECT_TRUE(BusListener::checkFree(path).isOk());
-    BusListener listener(bus.hub);
+    EXPECT_TRUE(Listener::checkFree(path).isOk());
+    Listener listener(bus.hub);
     openAt(listener);
-    EXPECT_EQ(BusListener::checkFree(path).reason(), path + ": another router is running");
+    EXPECT_EQ(Listener::checkFree(path).reason(), path + ": another router is running");
 }
 
 TEST_F(BusListenerTest, LeavesALiveOneAlone) {
-    BusListener listener(bus.hub);
+    Listener listener(bus.hub);
     openAt(listener);
     {
-        BusListener second(bus.hub);
+        Listener second(bus.hub);
         EXPECT_EQ(second.open(path).reason(), path + ": another router is running");
     }
-    EXPECT_EQ(BusListener::checkFree(path).reason(), path + ": another router is running");
+    EXPECT_EQ(Listener::checkFree(path).reason(), path + ": another router is running");
 }
 
 TEST_F(BusListenerTest, MakesTheFolderForEverybodyToPassThroughWhateverTheMask) {
     const mode_t mask = ::umask(0077);
-    BusListener listener(bus.hub);
+    Listener listener(bus.hub);
     const tk::Status opened = listener.open(path);
     EXPECT_EQ(::umask(mask), 0077U) << "the mask is as it was";
     ASSERT_TRUE(opened.isOk()) << opened.reason();
@@ -95,7 +95,7 @@ TEST_F(BusListenerTest, MakesTheFolderForEverybodyToPassThroughWhateverTheMask) 
 }
 
 TEST_F(BusListenerTest, OnceClosedItTakesNobodyInAndLeavesTheFileOfItsSuccessor) {
-    BusListener listener(bus.hub);
+    Listener listener(bus.hub);
     openAt(listener);
     const tk::Fd waiting = connect();
     listener.close();
@@ -103,10 +103,10 @@ TEST_F(BusListenerTest, OnceClosedItTakesNobodyInAndLeavesTheFileOfItsSuccessor)
     EXPECT_FALSE(connect().isOpen());
     bus.settle();
     EXPECT_EQ(bus.hub.peerCount(), 0U);
-    BusListener successor(bus.hub);
+    Listener successor(bus.hub);
     openAt(successor);
     listener.close();
-    EXPECT_EQ(BusListener::checkFree(path).reason(), path + ": another router is running");
+    EXPECT_EQ(Listener::checkFree(path).reason(), path + ": another router is running");
 }
 
 TEST_F(BusListenerTest, LeavesASocketAloneOfWhichItCannotTellWhetherItIsServed) {
@@ -117,8 +117,8 @@ TEST_F(BusListenerTest, LeavesASocketAloneOfWhichItCannotTellWhetherItIsServed) 
     address.sun_family = AF_UNIX;
     std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
     ASSERT_EQ(::bind(other.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    EXPECT_FALSE(BusListener::checkFree(path).isOk());
-    BusListener listener(bus.hub);
+    EXPECT_FALSE(Listener::checkFree(path).isOk());
+    Listener listener(bus.hub);
     EXPECT_EQ(listener.open(path).reason(), path + ": Protocol wrong type for socket");
     EXPECT_TRUE(std::filesystem::exists(path));
 }
@@ -126,10 +126,10 @@ TEST_F(BusListenerTest, LeavesASocketAloneOfWhichItCannotTellWhetherItIsServed) 
 TEST_F(BusListenerTest, NeverRemovesAFileThatIsNoSocket) {
     std::filesystem::create_directory(files.file("run"));
     files.write("run/bus", "precious");
-    BusListener listener(bus.hub);
+    Listener listener(bus.hub);
     EXPECT_EQ(listener.open(path).reason(), path + ": Address already in use");
     EXPECT_TRUE(std::filesystem::exists(path));
 }
 
 }  // namespace
-}  // namespace router
+}  // namespace hub

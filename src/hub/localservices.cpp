@@ -5,7 +5,7 @@
 #include "tk/log.h"
 #include "tk/names.h"
 
-namespace router {
+namespace hub {
 
 tk::Handler* LocalServices::find(const tk::Path& path) const {
     if (path.empty() || path.size() > 2) return nullptr;
@@ -30,4 +30,4 @@ void LocalServices::disconnected(const tk::Path& client) const {
                 tk::log("bus: clean-up after ", client.front(), " failed: ", text);
 }
 
-}  // namespace router
+}  // namespace hub

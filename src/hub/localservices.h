@@ -8,7 +8,7 @@
 #include "hub/access.h"
 #include "tk/handlertable.h"
 
-namespace router {
+namespace hub {
 
 /// The handlers that live in the hub's own process, by their paths.
 class LocalServices final : public Requester {
@@ -36,4 +36,4 @@ private:
     uid_t served = 0;  // the user of the request that is being served
 };
 
-}  // namespace router
+}  // namespace hub

@@ -7,20 +7,20 @@
 #include "tk/bus.h"
 #include "tk/runner.h"
 
-namespace router {
+namespace hub {
 
 namespace {
 
 tk::ChannelLimits limitsOf(uid_t user) {
     tk::ChannelLimits limits;
     if (user != 0) limits.receivedFrame = tk::memberFrameLimit;
-    limits.unread = HubPeer::unreadLimit;
+    limits.unread = Peer::unreadLimit;
     return limits;
 }
 
 }  // namespace
 
-HubPeer::HubPeer(tk::Fd socket, const Terms& terms, Owner& owner)
+Peer::Peer(tk::Fd socket, const Terms& terms, Owner& owner)
     : owner(owner),
       credentials(terms.user),
       number(terms.number),
@@ -28,16 +28,16 @@ HubPeer::HubPeer(tk::Fd socket, const Terms& terms, Owner& owner)
       connection(account, overhead),
       channel(*tk::getRunner(), std::move(socket), *this, account, limitsOf(terms.user.uid)) {}
 
-tk::Channel::Sent HubPeer::sendRequest(tk::Budget& payer, const tk::message& request) {
+tk::Channel::Sent Peer::sendRequest(tk::Budget& payer, const tk::message& request) {
     if (channel.queuedBytes() > requestLimit) return tk::Channel::Sent::noRoom;
     return channel.sendFor(payer, request);
 }
 
-void HubPeer::resign() {
+void Peer::resign() {
     formerNumber = std::exchange(programNumber, tk::program::hub);
 }
 
-void HubPeer::stampSender(tk::message& sent) const {
+void Peer::stampSender(tk::message& sent) const {
     const tk::Kind kind = tk::kindOf(sent);
     const bool isEnd = kind == tk::Kind::reply || kind == tk::Kind::error;
     const std::uint32_t name = isEnd && isRetired() ? formerNumber : identity();
@@ -47,17 +47,17 @@ void HubPeer::stampSender(tk::message& sent) const {
     sent.insert_u32_array(tk::field::sender, std::move(path));
 }
 
-bool HubPeer::hasHungUp() const {
+bool Peer::hasHungUp() const {
     pollfd state{channel.descriptor(), POLLRDHUP, 0};
     return ::poll(&state, 1, 0) == 1 && (state.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
 }
 
-void HubPeer::received(tk::message sent) {
+void Peer::received(tk::message sent) {
     owner.peerSent(*this, std::move(sent));
 }
 
-void HubPeer::broken(const std::string& reason) {
+void Peer::broken(const std::string& reason) {
     owner.peerEnded(*this, reason);  // destroys this peer: nothing may follow
 }
 
-}  // namespace router
+}  // namespace hub

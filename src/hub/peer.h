@@ -12,7 +12,7 @@
 #include "tk/message.h"
 #include "tk/names.h"
 
-namespace router {
+namespace hub {
 
 /// Who is at the other end of a bus connection, by the kernel's word.
 struct Credentials {
@@ -22,16 +22,16 @@ struct Credentials {
 };
 
 /// One connection to the hub: its channel, and what it is called on the bus.
-class HubPeer final : private tk::ChannelOwner {
+class Peer final : private tk::ChannelOwner {
 public:
     /// Takes what a peer sends, and hears of its end.
     class Owner {
     public:
         virtual ~Owner() = default;
         /// The peer has sent a message, as it made it.
-        virtual void peerSent(HubPeer& peer, tk::message received) = 0;
+        virtual void peerSent(Peer& peer, tk::message received) = 0;
         /// The connection is over; the owner destroys the peer.
-        virtual void peerEnded(HubPeer& peer, const std::string& reason) = 0;
+        virtual void peerEnded(Peer& peer, const std::string& reason) = 0;
     };
 
     /// How much of requests may wait for a program that does not read, whoever pays for them.
@@ -53,7 +53,7 @@ public:
     };
 
     /// Takes a connected, non-blocking socket over.
-    HubPeer(tk::Fd socket, const Terms& terms, Owner& owner);
+    Peer(tk::Fd socket, const Terms& terms, Owner& owner);
 
     /// The peer's own number, which it has for good.
     std::uint32_t clientNumber() const { return number; }
@@ -106,4 +106,4 @@ private:
     tk::Channel channel;
 };
 
-}  // namespace router
+}  // namespace hub

@@ -15,10 +15,10 @@
 #include "tk/names.h"
 #include "tk/status.h"
 
-namespace router {
+namespace hub {
 
 /// The connections to the hub by their client numbers, the programs among them, and what is kept for each.
-class HubPeers {
+class Peers {
 public:
     /// How many connections there may be.
     static constexpr std::size_t limit = 256;
@@ -30,25 +30,25 @@ public:
     /// Is there room for another connection of `user`, who runs programs or does not?
     tk::Status checkRoom(uid_t user, bool runsPrograms) const;
     /// Takes a connection over, and numbers it.
-    void add(tk::Fd socket, const Credentials& credentials, HubPeer::Owner& owner);
+    void add(tk::Fd socket, const Credentials& credentials, Peer::Owner& owner);
     /// Gives a connection up to the caller; what it was registered as is forgotten.
-    [[nodiscard]] std::unique_ptr<HubPeer> take(std::uint32_t number);
+    [[nodiscard]] std::unique_ptr<Peer> take(std::uint32_t number);
     /// Ends all connections.
     void clear();
 
     /// Registers a connection as `program`, which none is.
-    void enrol(HubPeer& peer, std::uint32_t program);
+    void enrol(Peer& peer, std::uint32_t program);
     /// A program gives its number up.
-    void resign(HubPeer& peer);
+    void resign(Peer& peer);
 
     /// The connection of this number; null where there is none, like the next two.
     /// Lifetime: until the connection ends.
-    HubPeer* find(std::uint32_t number) const;
+    Peer* find(std::uint32_t number) const;
     /// The connection that is this program.
-    HubPeer* findProgram(std::uint32_t program) const;
+    Peer* findProgram(std::uint32_t program) const;
     /// The connection that a path leads to. A program still hears what was asked for under its number as a
     /// client, before it registered.
-    HubPeer* findAt(const tk::Path& path) const;
+    Peer* findAt(const tk::Path& path) const;
 
     /// How many connections there are.
     std::size_t count() const { return peers.size(); }
@@ -67,8 +67,8 @@ private:
 
     Budgets budgets;
     std::uint32_t nextNumber = tk::program::firstClient;
-    std::map<std::uint32_t, std::uint32_t> programs;          // registered number to client number
-    std::map<std::uint32_t, std::unique_ptr<HubPeer>> peers;  // by client number
+    std::map<std::uint32_t, std::uint32_t> programs;       // registered number to client number
+    std::map<std::uint32_t, std::unique_ptr<Peer>> peers;  // by client number
 };
 
-}  // namespace router
+}  // namespace hub

@@ -15,7 +15,7 @@
 #include "tk/bus.h"
 #include "tk/names.h"
 
-namespace router {
+namespace hub {
 namespace {
 
 using testing::codeOf;
@@ -119,4 +119,4 @@ TEST_F(PeerLimitTest, ATurnedAwayPeerThatIsGoneAlreadyHarmsNobody) {
 }
 
 }  // namespace
-}  // namespace router
+}  // namespace hub

@@ -6,7 +6,7 @@
 #include "tk/bus.h"
 #include "tk/names.h"
 
-namespace router {
+namespace hub {
 
 PendingRequests::Added PendingRequests::add(std::uint32_t requester, std::uint32_t callee,
                                             const tk::message& request, tk::Budget& payer) {
@@ -73,4 +73,4 @@ void PendingRequests::dropOfRequester(std::uint32_t requester) {
     while (entry != entries.end() && entry->first.first == requester) entry = erase(entry);
 }
 
-}  // namespace router
+}  // namespace hub

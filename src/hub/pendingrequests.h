@@ -11,7 +11,7 @@
 #include "tk/budget.h"
 #include "tk/message.h"
 
-namespace router {
+namespace hub {
 
 /// The requests that passed the hub and did not end yet. Peers are named by their client numbers, which never
 /// change.
@@ -74,4 +74,4 @@ private:
     std::unordered_map<std::uint32_t, std::size_t> counts;  // by requester
 };
 
-}  // namespace router
+}  // namespace hub

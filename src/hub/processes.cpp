@@ -9,7 +9,7 @@
 
 #include <utility>
 
-namespace router {
+namespace hub {
 
 namespace {
 
@@ -97,4 +97,4 @@ std::optional<int> OwnProcesses::reap(pid_t process) {
     return ::waitpid(process, &status, WNOHANG) != 0 ? std::optional(status) : std::nullopt;
 }
 
-}  // namespace router
+}  // namespace hub

@@ -11,7 +11,7 @@
 #include "tk/fd.h"
 #include "tk/status.h"
 
-namespace router {
+namespace hub {
 
 /// A program that the router can start. A value.
 struct ProgramConfig {
@@ -57,4 +57,4 @@ public:
     [[nodiscard]] std::optional<int> reap(pid_t process) override;
 };
 
-}  // namespace router
+}  // namespace hub

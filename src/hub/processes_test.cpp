@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-namespace router {
+namespace hub {
 namespace {
 
 TEST(CommandOf, AUnitIsAskedForWithoutWaitingForIt) {
@@ -22,4 +22,4 @@ TEST(CommandOf, AnotherProgramHasItsOwn) {
 }
 
 }  // namespace
-}  // namespace router
+}  // namespace hub

@@ -4,7 +4,7 @@
 
 #include "tk/log.h"
 
-namespace router {
+namespace hub {
 
 void RefusalLog::note(const std::string& event, uid_t user, const std::string& why) {
     if (told >= atOnce) {
@@ -37,4 +37,4 @@ bool RefusalLog::tell() {
     return true;
 }
 
-}  // namespace router
+}  // namespace hub

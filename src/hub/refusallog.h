@@ -8,7 +8,7 @@
 
 #include "tk/timer.h"
 
-namespace router {
+namespace hub {
 
 /// Tells the log of what others can bring about as often as they like: of the first such events at once, and
 /// once a minute how many there were since. So nobody can fill the log.
@@ -43,4 +43,4 @@ private:
     tk::Timer<RefusalLog, &RefusalLog::intervalEnds> interval{*this};
 };
 
-}  // namespace router
+}  // namespace hub

@@ -9,7 +9,7 @@
 #include "tk/names.h"
 #include "tk/testing/capturedoutput.h"
 
-namespace router {
+namespace hub {
 namespace {
 
 constexpr std::uint32_t minute = RefusalLog::intervalTicks;
@@ -67,7 +67,7 @@ TEST_F(RefusalLogTest, TellsWhatIsLeftAtTheEnd) {
 
 TEST_F(RefusalLogTest, CountsWhomTheHubTurnsAway) {
     std::vector<std::unique_ptr<testing::TestClient>> clients;
-    for (std::size_t i = 0; i < HubPeers::limitPerUser + 3; ++i) clients.push_back(bus.connect(7));
+    for (std::size_t i = 0; i < Peers::limitPerUser + 3; ++i) clients.push_back(bus.connect(7));
     bus.advance(minute);
     EXPECT_EQ(output.text(),
               "bus: connection of user 7 refused: too many connections of one user\n"
@@ -129,4 +129,4 @@ TEST_F(RefusalLogTest, CountsProgramsThatComeAndGo) {
 }
 
 }  // namespace
-}  // namespace router
+}  // namespace hub

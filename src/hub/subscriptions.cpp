@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <iterator>
 
-namespace router {
+namespace hub {
 
 namespace {
 
@@ -46,4 +46,4 @@ const std::vector<Subscriptions::Subscriber>& Subscriptions::of(const tk::Path& 
     return entry == subscribers.end() ? none : entry->second;
 }
 
-}  // namespace router
+}  // namespace hub

@@ -10,7 +10,7 @@
 #include "tk/message.h"
 #include "tk/subscription.h"
 
-namespace router {
+namespace hub {
 
 /// Who wants to hear which notification: exact pairs of a sender's path and a command, without filters.
 /// Peers are named by their client numbers.
@@ -49,4 +49,4 @@ private:
     std::map<std::uint32_t, std::size_t> counts;  // by peer
 };
 
-}  // namespace router
+}  // namespace hub

@@ -7,7 +7,7 @@
 #include "tk/frame.h"
 #include "tk/names.h"
 
-namespace router {
+namespace hub {
 
 namespace {
 
@@ -35,11 +35,11 @@ tk::message routingOnly(const tk::message& passed) {
 
 }  // namespace
 
-tk::message HubTrace::wrap(const tk::message& passed) {
+tk::message Trace::wrap(const tk::message& passed) {
     tk::message shown;
     shown.insert_message_array(tk::hubfield::traced, {fits(passed) ? passed : routingOnly(passed)});
     tk::stamp(shown, {tk::program::hub}, 0, tk::Kind::notification, tk::command::hubTraced);
     return shown;
 }
 
-}  // namespace router
+}  // namespace hub

@@ -5,10 +5,10 @@
 
 #include "tk/message.h"
 
-namespace router {
+namespace hub {
 
 /// The peers that watch the traffic, and the form in which they see it.
-class HubTrace {
+class Trace {
 public:
     /// A peer watches, or does not any more.
     void add(std::uint32_t peer) { tracers.insert(peer); }
@@ -26,4 +26,4 @@ private:
     std::set<std::uint32_t> tracers;
 };
 
-}  // namespace router
+}  // namespace hub

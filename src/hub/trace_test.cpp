@@ -6,7 +6,7 @@
 #include "tk/bus.h"
 #include "tk/names.h"
 
-namespace router {
+namespace hub {
 namespace {
 
 using testing::TestClient;
@@ -90,7 +90,7 @@ TEST_F(HubTraceTest, AMessageThatIsTooDeepIsShownByItsRoutingFields) {
     tk::stamp(deep, {80}, 4, tk::Kind::request, command);
     tk::message out;
     ASSERT_TRUE(tk::message::parse(deep.serialise(), out));
-    const tk::message shown = HubTrace::wrap(deep);
+    const tk::message shown = Trace::wrap(deep);
     ASSERT_TRUE(tk::message::parse(shown.serialise(), out));
     tk::message expected;
     tk::stamp(expected, {80}, 4, tk::Kind::request, command);
@@ -98,4 +98,4 @@ TEST_F(HubTraceTest, AMessageThatIsTooDeepIsShownByItsRoutingFields) {
 }
 
 }  // namespace
-}  // namespace router
+}  // namespace hub

@@ -5,7 +5,7 @@
 #include "tk/names.h"
 #include "tk/page.h"
 
-namespace router {
+namespace links {
 
 namespace {
 
@@ -103,4 +103,4 @@ tk::message Addresses::cmdGetCount(const tk::message&) {
     return reply;
 }
 
-}  // namespace router
+}  // namespace links

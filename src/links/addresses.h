@@ -12,7 +12,7 @@
 #include "links/kernel.h"
 #include "tk/handler.h"
 
-namespace router {
+namespace links {
 
 /// The router's IPv4 addresses on the bus, at {20, 1}: one object for each address of an offered interface
 /// that is of global scope. An object's id stays while the address stays on its interface, and is never used
@@ -56,4 +56,4 @@ private:
     std::uint32_t lastId = 0;
 };
 
-}  // namespace router
+}  // namespace links

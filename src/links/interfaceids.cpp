@@ -7,7 +7,7 @@
 
 #include "tk/log.h"
 
-namespace router {
+namespace links {
 
 namespace {
 
@@ -105,4 +105,4 @@ void InterfaceIds::forgetSurplus(const std::function<bool(std::uint32_t id)>& is
     }
 }
 
-}  // namespace router
+}  // namespace links

@@ -9,7 +9,7 @@
 #include "tk/pacer.h"
 #include "tk/store.h"
 
-namespace router {
+namespace links {
 
 /// The ids of interfaces by their names. A name keeps its id over restarts and whatever became of the
 /// interface, for others name interfaces by id; and no id is ever given to another name. Of more names than
@@ -61,4 +61,4 @@ private:
     tk::Pacer<InterfaceIds, &InterfaceIds::storeNow> storing{*this};
 };
 
-}  // namespace router
+}  // namespace links

@@ -14,7 +14,7 @@
 #include "tk/testing/folder.h"
 #include "tk/testing/testloop.h"
 
-namespace router {
+namespace links {
 namespace {
 
 class InterfaceIdsTest : public ::testing::Test {
@@ -240,4 +240,4 @@ TEST_F(ForgottenIds, TheLastIdIsNotGivenAgainThoughItsInterfaceIsAbsent) {
 }
 
 }  // namespace
-}  // namespace router
+}  // namespace links

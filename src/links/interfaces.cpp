@@ -9,7 +9,7 @@
 #include "tk/names.h"
 #include "tk/page.h"
 
-namespace router {
+namespace links {
 
 namespace {
 
@@ -166,4 +166,4 @@ tk::message Interfaces::cmdSetObj(const tk::message& request) {
     return answerLater();
 }
 
-}  // namespace router
+}  // namespace links

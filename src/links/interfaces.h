@@ -14,7 +14,7 @@
 #include "links/zones.h"
 #include "tk/handler.h"
 
-namespace router {
+namespace links {
 
 /// Hears of interfaces in step with what is told on the bus.
 class InterfaceWatcher {
@@ -34,11 +34,11 @@ public:
     /// Lifetime: all outlive the handler.
     struct Setting {
         LinkSwitch& links;
-        const Requester& requester;
+        const hub::Requester& requester;
     };
 
     /// Lifetime: all outlive the handler.
-    Interfaces(InterfaceIds& ids, NetworkKernel& kernel, const Zones& zones, const Setting& setting)
+    Interfaces(InterfaceIds& ids, Kernel& kernel, const Zones& zones, const Setting& setting)
         : ids(ids), kernel(kernel), zones(zones), setting(setting) {}
     /// Lifetime: the watcher outlives the handler's use.
     void addWatcher(InterfaceWatcher& watcher) { watchers.push_back(&watcher); }
@@ -69,7 +69,7 @@ private:
     void tellStatus(std::uint32_t id);
 
     InterfaceIds& ids;
-    NetworkKernel& kernel;
+    Kernel& kernel;
     const Zones& zones;
     const Setting setting;
     std::vector<InterfaceWatcher*> watchers;
@@ -77,4 +77,4 @@ private:
     std::unordered_map<std::uint32_t, std::uint32_t> byIndex;  // the kernel's index to id
 };
 
-}  // namespace router
+}  // namespace links

@@ -13,7 +13,7 @@
 #include "tk/testing/scriptedbus.h"
 #include "tk/testing/testloop.h"
 
-namespace router {
+namespace links {
 namespace {
 
 using testing::address;
@@ -63,7 +63,7 @@ protected:
     tk::testing::TestLoop loop;
     tk::testing::ScriptedBus bus;
     testing::FakeNetwork network;
-    testing::FakeProcesses processes;
+    hub::testing::FakeProcesses processes;
     testing::FakeZones world;
     testing::FakeRequester requester;
     LinkSwitch links{{}, network, processes};
@@ -308,4 +308,4 @@ TEST_F(InterfacesTest, TellTheSideThatAnInterfaceStandsOn) {
 }
 
 }  // namespace
-}  // namespace router
+}  // namespace links

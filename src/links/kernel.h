@@ -7,7 +7,7 @@
 #include "contract/interfaces.h"
 #include "tk/status.h"
 
-namespace router {
+namespace links {
 
 /// A network interface as the kernel describes it. A value.
 struct Link {
@@ -49,9 +49,9 @@ private:
 };
 
 /// What the services ask of the kernel about interfaces. Replaced by a fake in tests.
-class NetworkKernel {
+class Kernel {
 public:
-    virtual ~NetworkKernel() = default;
+    virtual ~Kernel() = default;
     /// Reads one interface with its counters.
     /// Errors: the kernel's text and errno value.
     virtual tk::Result<Link> readLink(std::uint32_t index) = 0;
@@ -60,4 +60,4 @@ public:
     virtual tk::Status setLinkUp(std::uint32_t index, bool up) = 0;
 };
 
-}  // namespace router
+}  // namespace links

@@ -9,7 +9,7 @@
 #include "tk/log.h"
 #include "tk/names.h"
 
-namespace router {
+namespace links {
 
 namespace {
 
@@ -23,8 +23,8 @@ std::uint32_t numberOf(std::size_t place, bool up) {
 
 }  // namespace
 
-std::vector<ProgramConfig> stateCommands(const std::vector<InterfaceConfig>& interfaces) {
-    std::vector<ProgramConfig> commands;
+std::vector<hub::ProgramConfig> stateCommands(const std::vector<InterfaceConfig>& interfaces) {
+    std::vector<hub::ProgramConfig> commands;
     for (std::size_t place = 0; place < interfaces.size(); ++place) {
         commands.push_back({numberOf(place, false), interfaces[place].down});
         commands.push_back({numberOf(place, true), interfaces[place].up});
@@ -54,7 +54,7 @@ void LinkSwitch::Run::late() {
     std::exchange(done, nullptr)(tk::errorMsg(tk::error::failed, command + " still runs"));
 }
 
-LinkSwitch::LinkSwitch(std::vector<InterfaceConfig> configured, NetworkKernel& kernel, Processes& processes)
+LinkSwitch::LinkSwitch(std::vector<InterfaceConfig> configured, Kernel& kernel, hub::Processes& processes)
     : interfaces(std::move(configured)),
       commands(stateCommands(interfaces)),
       kernel(kernel),
@@ -78,7 +78,7 @@ std::optional<tk::message> LinkSwitch::set(const Link& link, bool up, uid_t user
     }
     const std::string event = "interface " + wish + " for user " + std::to_string(user);
     const std::size_t place = static_cast<std::size_t>(config - interfaces.begin());
-    const ProgramConfig* command = isKnown ? &commands[2 * place + (up ? 1 : 0)] : nullptr;
+    const hub::ProgramConfig* command = isKnown ? &commands[2 * place + (up ? 1 : 0)] : nullptr;
     if (!command || command->command.empty()) return setFlag(link, up, event);
     tk::message started = start(link, *command, event, done);
     if (tk::isError(started)) return started;
@@ -91,12 +91,12 @@ tk::message LinkSwitch::setFlag(const Link& link, bool up, const std::string& ev
     return outcome.isOk() ? tk::message() : tk::errorMsg(tk::error::failed, outcome.reason());
 }
 
-tk::message LinkSwitch::start(const Link& link, const ProgramConfig& command, const std::string& event,
+tk::message LinkSwitch::start(const Link& link, const hub::ProgramConfig& command, const std::string& event,
                               const Done& done) {
     if (const auto run = runs.find(link.name); run != runs.end())
         return tk::errorMsg(tk::error::busy, run->second->command + " still runs for " + link.name);
     const std::string& path = command.command.front();
-    tk::Result<Started> started = processes.start(command);
+    tk::Result<hub::Started> started = processes.start(command);
     if (!started.isOk()) {
         tk::log(event, ": ", started.reason());
         return tk::errorMsg(tk::error::failed, started.reason());
@@ -111,11 +111,11 @@ void LinkSwitch::reap(const std::string& name) {
     const auto run = runs.find(name);
     const std::optional<int> status = processes.reap(run->second->pid);
     if (!status) return;
-    const std::string text = run->second->command + " " + endText(*status);
+    const std::string text = run->second->command + " " + hub::endText(*status);
     tk::log("interface ", name, ": ", text);
     const Done done = std::move(run->second->done);
     runs.erase(run);
     if (done) done(*status == 0 ? tk::message() : tk::errorMsg(tk::error::failed, text));
 }
 
-}  // namespace router
+}  // namespace links

@@ -17,7 +17,7 @@
 #include "tk/message.h"
 #include "tk/timer.h"
 
-namespace router {
+namespace links {
 
 /// What the configuration says of setting one interface up and down over the bus. A value.
 struct InterfaceConfig {
@@ -32,7 +32,7 @@ struct InterfaceConfig {
 
 /// The commands that set interfaces up and down, in the form in which processes are started. Whoever starts
 /// them for the router has to know them beforehand. They run as that one does, and not as the router.
-[[nodiscard]] std::vector<ProgramConfig> stateCommands(const std::vector<InterfaceConfig>& interfaces);
+[[nodiscard]] std::vector<hub::ProgramConfig> stateCommands(const std::vector<InterfaceConfig>& interfaces);
 
 /// Sets interfaces up and down for others: root alone unless the configuration says otherwise, by the
 /// kernel's flag or by the command that the configuration names. What was asked for, and what became of it,
@@ -49,7 +49,7 @@ public:
     using Done = std::function<void(tk::message)>;
 
     /// Lifetime: kernel and processes outlive the object, and there is a loop.
-    LinkSwitch(std::vector<InterfaceConfig> interfaces, NetworkKernel& kernel, Processes& processes);
+    LinkSwitch(std::vector<InterfaceConfig> interfaces, Kernel& kernel, hub::Processes& processes);
     LinkSwitch(const LinkSwitch&) = delete;
     LinkSwitch& operator=(const LinkSwitch&) = delete;
     /// Leaves a command that still runs alone.
@@ -77,16 +77,16 @@ private:
     };
 
     [[nodiscard]] tk::message setFlag(const Link& link, bool up, const std::string& event);
-    [[nodiscard]] tk::message start(const Link& link, const ProgramConfig& command, const std::string& event,
-                                    const Done& done);
+    [[nodiscard]] tk::message start(const Link& link, const hub::ProgramConfig& command,
+                                    const std::string& event, const Done& done);
     void reap(const std::string& name);
 
     const std::vector<InterfaceConfig> interfaces;
-    const std::vector<ProgramConfig> commands;
-    NetworkKernel& kernel;
-    Processes& processes;
-    RefusalLog refusals{"interfaces", "requests refused"};
+    const std::vector<hub::ProgramConfig> commands;
+    Kernel& kernel;
+    hub::Processes& processes;
+    hub::RefusalLog refusals{"interfaces", "requests refused"};
     std::map<std::string, std::unique_ptr<Run>> runs;  // by interface
 };
 
-}  // namespace router
+}  // namespace links

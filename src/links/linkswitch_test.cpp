@@ -10,7 +10,7 @@
 #include "tk/testing/capturedoutput.h"
 #include "tk/testing/testloop.h"
 
-namespace router {
+namespace links {
 namespace {
 
 constexpr uid_t daemonUser = 998;
@@ -38,7 +38,7 @@ protected:
     tk::testing::TestLoop loop;
     const tk::testing::CapturedOutput output;
     testing::FakeNetwork network;
-    testing::FakeProcesses processes;
+    hub::testing::FakeProcesses processes;
     LinkSwitch links{{{"wan0", true, {}, {}},
                       {"wan1", false, {}, {}},
                       {"ppp0", true, {"/sbin/ifdown", "ppp0"}, {"/sbin/ifup", "ppp0"}},
@@ -139,7 +139,7 @@ TEST_F(LinkSwitchTest, ACommandThatCannotBeStartedIsAnError) {
 }
 
 TEST_F(LinkSwitchTest, CommandsHaveNumbersOfTheirOwn) {
-    const std::vector<ProgramConfig> commands =
+    const std::vector<hub::ProgramConfig> commands =
         stateCommands({{"ppp0", true, {"/sbin/ifdown", "ppp0"}, {"/sbin/ifup", "ppp0"}}});
     ASSERT_EQ(commands.size(), 2U);
     EXPECT_EQ(commands[0].command.front(), "/sbin/ifdown");
@@ -150,4 +150,4 @@ TEST_F(LinkSwitchTest, CommandsHaveNumbersOfTheirOwn) {
 }
 
 }  // namespace
-}  // namespace router
+}  // namespace links

@@ -6,7 +6,7 @@
 
 #include "tk/log.h"
 
-namespace router {
+namespace links {
 
 namespace {
 
@@ -88,4 +88,4 @@ void Monitor::addressHeard(const nlmsghdr& message, bool isThere) {
     addresses.remove(*address);
 }
 
-}  // namespace router
+}  // namespace links

@@ -11,7 +11,7 @@
 #include "tk/pacer.h"
 #include "tk/status.h"
 
-namespace router {
+namespace links {
 
 /// Keeps the zones, and the interfaces and addresses on the bus, in step with the kernel: listens first,
 /// reads everything second, and applies what was heard meanwhile third. When the kernel had to drop a
@@ -45,4 +45,4 @@ private:
     tk::Pacer<Monitor, &Monitor::readAgain> retry{*this};
 };
 
-}  // namespace router
+}  // namespace links

@@ -15,7 +15,7 @@
 #include "tk/testing/privatenetwork.h"
 #include "tk/testing/scriptedbus.h"
 
-namespace router {
+namespace links {
 namespace {
 
 class MonitorTest : public ::testing::Test {
@@ -33,11 +33,11 @@ protected:
     }
     void TearDown() override {
         bool failed = false;
-        testing::run("ip link del lan0 2>&1; ip link del wan0 2>&1", failed);  // either may be gone
+        tk::testing::run("ip link del lan0 2>&1; ip link del wan0 2>&1", failed);  // either may be gone
     }
     void shell(const std::string& command) {
         bool failed = false;
-        testing::run(command, failed);
+        tk::testing::run(command, failed);
         ASSERT_FALSE(failed) << command;
     }
     /// Serves what the kernel has told by now.
@@ -67,14 +67,14 @@ protected:
     using Texts = std::vector<std::string>;
 
     tk::SystemClock realClock;
-    testing::TestHub loop;
+    hub::testing::TestHub loop;
     tk::testing::ScriptedBus bus;
     tk::testing::Folder files;
     RtNetlink kernel;
     InterfaceIds ids{files.file("interfaces")};
     testing::IdleWatcher watcher;
     Zones zones;
-    testing::FakeProcesses processes;
+    hub::testing::FakeProcesses processes;
     testing::FakeRequester requester;
     LinkSwitch links{{}, kernel, processes};
     Interfaces interfaces{ids, kernel, zones, {links, requester}};
@@ -221,7 +221,7 @@ TEST_F(MonitorTest, TheZonesKnowWhatIsBelowWhat) {
 // A VLAN is told in the same way; not every kernel makes them.
 TEST_F(MonitorTest, TheLinkOfAnInterfaceIsBelowIt) {
     bool failed = false;
-    testing::run("ip link add link lan0 name lan0.7 type macvlan", failed);
+    tk::testing::run("ip link add link lan0 name lan0.7 type macvlan", failed);
     ASSERT_FALSE(failed);
     settle();
     zones.addExits({{recordOf("lan0.7").get_u32(0x10004), Prefix{}}});
@@ -230,4 +230,4 @@ TEST_F(MonitorTest, TheLinkOfAnInterfaceIsBelowIt) {
 }
 
 }  // namespace
-}  // namespace router
+}  // namespace links

@@ -7,7 +7,7 @@
 #include <iterator>
 #include <tuple>
 
-namespace router {
+namespace links {
 
 namespace {
 
@@ -117,4 +117,4 @@ bool contains(const std::vector<AddressRange>& ranges, std::uint32_t hostOrderAd
     return next != ranges.begin() && std::prev(next)->last >= hostOrderAddress;
 }
 
-}  // namespace router
+}  // namespace links

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-namespace router {
+namespace links {
 
 /// An IPv4 network. A value.
 /// Byte order: host.
@@ -60,4 +60,4 @@ struct SidedNetwork {
 /// Byte order: host.
 [[nodiscard]] bool contains(const std::vector<AddressRange>& ranges, std::uint32_t hostOrderAddress);
 
-}  // namespace router
+}  // namespace links

@@ -7,7 +7,7 @@
 
 #include "links/prefix.h"
 
-namespace router {
+namespace links {
 namespace {
 
 SidedNetwork network(const char* address, std::uint32_t length, bool isInside) {
@@ -95,4 +95,4 @@ TEST(InsideRanges, AgreeWithTheSmallestNetworkOfEachAddress) {
 }
 
 }  // namespace
-}  // namespace router
+}  // namespace links

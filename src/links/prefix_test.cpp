@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-namespace router {
+namespace links {
 namespace {
 
 Prefix prefix(const char* address, std::uint32_t length) {
@@ -65,4 +65,4 @@ INSTANTIATE_TEST_SUITE_P(Networks, PrivateRangesTest, ::testing::ValuesIn(cases)
                          [](const auto& row) { return std::string(row.param.name); });
 
 }  // namespace
-}  // namespace router
+}  // namespace links

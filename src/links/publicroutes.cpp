@@ -10,7 +10,7 @@
 #include "links/rtnetlink.h"
 #include "tk/log.h"
 
-namespace router {
+namespace links {
 
 namespace {
 
@@ -141,4 +141,4 @@ bool PublicRoutes::tell(const RouteExits& exits) {
     return fault.isOk();
 }
 
-}  // namespace router
+}  // namespace links

@@ -12,7 +12,7 @@
 #include "tk/pacer.h"
 #include "tk/status.h"
 
-namespace router {
+namespace links {
 
 /// Tells the zones which interfaces carry a route beyond the private ranges. A route without a metric counts
 /// as soon as it comes, for no other can take its place; whether one with a metric is the best one to its
@@ -60,4 +60,4 @@ private:
     tk::Pacer<PublicRoutes, &PublicRoutes::read> next{*this};
 };
 
-}  // namespace router
+}  // namespace links

@@ -12,14 +12,14 @@
 #include "contract/programs.h"
 #include "links/testing/fakekernel.h"
 #include "netlink/notifications.h"
-#include "tk/runner.h"
 #include "tk/looper.h"
+#include "tk/runner.h"
 #include "tk/testing/capturedoutput.h"
 #include "tk/testing/commands.h"
 #include "tk/testing/privatenetwork.h"
 #include "tk/testing/scriptedbus.h"
 
-namespace router {
+namespace links {
 namespace {
 
 using Names = std::set<std::string>;
@@ -59,20 +59,20 @@ protected:
     }
     void TearDown() override {
         bool failed = false;
-        testing::run("ip link del up0 2>&1; ip link del up1 2>&1; ip nexthop flush 2>&1", failed);
-        testing::run("ip route flush table all type blackhole; ip route flush table 100 2>&1", failed);
-        testing::run("sysctl -qw net.ipv4.nexthop_compat_mode=1", failed);
+        tk::testing::run("ip link del up0 2>&1; ip link del up1 2>&1; ip nexthop flush 2>&1", failed);
+        tk::testing::run("ip route flush table all type blackhole; ip route flush table 100 2>&1", failed);
+        tk::testing::run("sysctl -qw net.ipv4.nexthop_compat_mode=1", failed);
     }
     void start() { ASSERT_EQ(feed.start().reason(), ""); }
     static void shell(const std::string& command) {
         bool failed = false;
-        testing::run(command, failed);
+        tk::testing::run(command, failed);
         ASSERT_FALSE(failed) << command;
     }
     /// Lets the kernel show nexthop objects by their ids alone. False when it has none.
     static bool usesNextHops() {
         bool failed = false;
-        testing::run("sysctl -qw net.ipv4.nexthop_compat_mode=0 2>&1", failed);
+        tk::testing::run("sysctl -qw net.ipv4.nexthop_compat_mode=0 2>&1", failed);
         return !failed;
     }
     Names outside() const {
@@ -270,4 +270,4 @@ TEST_F(PublicRoutesTest, ManyRoutesOutOfAnInterfaceThatIsOutsideAreNotReadAgain)
 }
 
 }  // namespace
-}  // namespace router
+}  // namespace links

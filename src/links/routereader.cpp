@@ -5,7 +5,7 @@
 
 #include <utility>
 
-namespace router {
+namespace links {
 
 namespace {
 
@@ -96,4 +96,4 @@ void RouteReader::finish() {
     owner.routesRead(std::exchange(exits, {}), !answer.isInterrupted());
 }
 
-}  // namespace router
+}  // namespace links

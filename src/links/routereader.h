@@ -14,7 +14,7 @@
 #include "tk/status.h"
 #include "tk/timer.h"
 
-namespace router {
+namespace links {
 
 /// Where routes beyond the private ranges lead, each with one of the destinations. A value.
 struct RouteExits {
@@ -75,4 +75,4 @@ private:
     std::chrono::steady_clock::duration spent{};
 };
 
-}  // namespace router
+}  // namespace links

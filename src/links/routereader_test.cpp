@@ -12,13 +12,13 @@
 #include <gtest/gtest.h>
 
 #include "contract/programs.h"
-#include "tk/runner.h"
 #include "tk/looper.h"
+#include "tk/runner.h"
 #include "tk/testing/commands.h"
 #include "tk/testing/privatenetwork.h"
 #include "tk/testing/scriptedbus.h"
 
-namespace router {
+namespace links {
 namespace {
 
 Route route(std::vector<std::uint32_t> interfaces, bool leadsSomewhere = true) {
@@ -59,12 +59,12 @@ protected:
     }
     void TearDown() override {
         bool failed = false;
-        testing::run("ip link del up0 2>&1; ip link del up1 2>&1", failed);
-        testing::run("ip route flush type blackhole; ip route flush table 100 2>&1", failed);
+        tk::testing::run("ip link del up0 2>&1; ip link del up1 2>&1", failed);
+        tk::testing::run("ip route flush type blackhole; ip route flush table 100 2>&1", failed);
     }
     static void shell(const std::string& command) {
         bool failed = false;
-        testing::run(command, failed);
+        tk::testing::run(command, failed);
         ASSERT_FALSE(failed) << command;
     }
     static void addRoutes(int count) {
@@ -168,4 +168,4 @@ TEST_F(RouteReaderTest, OneHostOfTheInternetIsEnough) {
 }
 
 }  // namespace
-}  // namespace router
+}  // namespace links

@@ -15,7 +15,7 @@
 #include "netlink/attributes.h"
 #include "netlink/request.h"
 
-namespace router {
+namespace links {
 
 namespace {
 
@@ -278,4 +278,4 @@ tk::Result<std::vector<LinkAddress>> RtNetlink::readAddresses() {
     return listOf<LinkAddress>(socket, request.get(), &parseAddress);
 }
 
-}  // namespace router
+}  // namespace links

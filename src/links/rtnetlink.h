@@ -12,7 +12,7 @@
 #include "netlink/socket.h"
 #include "tk/status.h"
 
-namespace router {
+namespace links {
 
 /// Reads an RTM_NEWLINK or RTM_DELLINK message. Empty for one that describes no interface as a whole: a
 /// bridge port, or an event of a wireless driver.
@@ -57,7 +57,7 @@ struct NextHop {
 [[nodiscard]] NextHop parseNextHop(const nlmsghdr& message);
 
 /// The kernel's interfaces, addresses and nexthop objects over rtnetlink: requests that are answered at once.
-class RtNetlink final : public NetworkKernel {
+class RtNetlink final : public Kernel {
 public:
     /// Errors: there is no rtnetlink.
     tk::Status open();
@@ -81,4 +81,4 @@ private:
     netlink::Socket socket;
 };
 
-}  // namespace router
+}  // namespace links

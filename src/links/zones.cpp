@@ -10,7 +10,7 @@
 #include "tk/file.h"
 #include "tk/log.h"
 
-namespace router {
+namespace links {
 
 namespace {
 
@@ -241,4 +241,4 @@ bool Zones::isBroadcastAddress(std::uint32_t address) const {
            });
 }
 
-}  // namespace router
+}  // namespace links

@@ -11,7 +11,7 @@
 #include "links/kernel.h"
 #include "links/prefix.h"
 
-namespace router {
+namespace links {
 
 /// What the configuration says of the router's inside. A value.
 struct LanConfig {
@@ -110,4 +110,4 @@ private:
     Inside inside;                             // as it was told
 };
 
-}  // namespace router
+}  // namespace links

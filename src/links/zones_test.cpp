@@ -12,7 +12,7 @@
 #include "tk/testing/capturedoutput.h"
 #include "tk/testing/folder.h"
 
-namespace router {
+namespace links {
 namespace {
 
 using testing::address;
@@ -225,4 +225,4 @@ TEST_F(ZonesTest, SayWhyAnAddressIsNotInside) {
 }
 
 }  // namespace
-}  // namespace router
+}  // namespace links

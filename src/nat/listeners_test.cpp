@@ -17,7 +17,7 @@
 namespace nat {
 namespace {
 
-using router::testing::address;
+using links::testing::address;
 
 enum class Answer { nobody, somebody, unknown };
 
@@ -29,7 +29,7 @@ protected:
         if (!tk::testing::enterPrivateNetwork()) GTEST_SKIP() << "needs root";
         bool failed = false;
         if (::if_nametoindex("outside") == 0)
-            router::testing::run(
+            tk::testing::run(
                 "ip link add outside type veth peer name inside && ip link set outside up && "
                 "ip link set inside up && ip address add 198.51.100.1/24 dev outside && "
                 "ip address add 192.0.2.1/24 dev inside",

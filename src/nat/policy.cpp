@@ -41,13 +41,13 @@ tk::Status Policy::allows(const firewall::Element& element) const {
     if (tk::Status status = allowsPorts(element); !status.isOk()) return status;
     const std::string fault = config.checksTargets ? faultOfTarget(element.target.address) : std::string();
     if (fault.empty()) return {};
-    return refused("target " + router::addressText(element.target.address) + " refused: " + fault);
+    return refused("target " + links::addressText(element.target.address) + " refused: " + fault);
 }
 
 tk::Status Policy::allowsDestination(std::uint32_t address, bool isNew) const {
     if (!zones.outsideHoldersOf(address).empty()) return {};
     if (!isNew && !zones.isOwn(address)) return {};
-    return refused("destination " + router::addressText(address) +
+    return refused("destination " + links::addressText(address) +
                    " refused: it is no address of an outside interface of the router");
 }
 
@@ -74,7 +74,7 @@ tk::Status Policy::hasRoom(std::size_t total, std::size_t ofTarget, std::uint32_
         return tk::Status::failure(
             "there are " + std::to_string(total) + " rules already, as many as configured", tk::error::busy);
     if (config.limitPerTarget == 0 || ofTarget < config.limitPerTarget) return {};
-    return tk::Status::failure(std::to_string(ofTarget) + " rules lead to " + router::addressText(target) +
+    return tk::Status::failure(std::to_string(ofTarget) + " rules lead to " + links::addressText(target) +
                                    " already, as many as configured",
                                tk::error::busy);
 }

@@ -38,7 +38,7 @@ struct Config {
 class Policy {
 public:
     /// Lifetime: the zones outlive the policy.
-    explicit Policy(const router::Zones& zones, Config config = {})
+    explicit Policy(const links::Zones& zones, Config config = {})
         : zones(zones), config(std::move(config)) {}
 
     /// Whether the rule may be enabled.
@@ -62,7 +62,7 @@ private:
     tk::Status allowsPorts(const firewall::Element& element) const;
     [[nodiscard]] std::string faultOfTarget(std::uint32_t address) const;
 
-    const router::Zones& zones;
+    const links::Zones& zones;
     Config config;
 };
 

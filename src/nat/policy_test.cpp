@@ -7,7 +7,7 @@
 namespace nat {
 namespace {
 
-using router::testing::address;
+using links::testing::address;
 
 struct Case {
     const char* name;
@@ -34,7 +34,7 @@ constexpr Case cases[] = {
 
 class PolicyTest : public ::testing::Test {
 protected:
-    router::testing::FakeZones world;
+    links::testing::FakeZones world;
     Policy policy{world.zones};
 };
 

@@ -16,7 +16,7 @@ namespace nat {
 class RouterPorts {
 public:
     /// Lifetime: zones and listeners outlive the object.
-    RouterPorts(const router::Zones& zones, Listeners& listeners, std::vector<PortRange> configured = {})
+    RouterPorts(const links::Zones& zones, Listeners& listeners, std::vector<PortRange> configured = {})
         : zones(zones), listeners(listeners), configured(std::move(configured)) {}
 
     /// Whether a program may have a rule of this key.
@@ -24,7 +24,7 @@ public:
     tk::Status areFreeFor(const NatKey& key) const;
 
 private:
-    const router::Zones& zones;
+    const links::Zones& zones;
     Listeners& listeners;
     std::vector<PortRange> configured;
 };

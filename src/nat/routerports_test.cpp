@@ -9,24 +9,24 @@
 namespace nat {
 namespace {
 
-using router::testing::address;
+using links::testing::address;
 
 class RouterPortsTest : public ::testing::Test {
 protected:
     RouterPortsTest() {
-        router::Link link;
+        links::Link link;
         link.index = 6;
         link.name = "wan1";
         link.flags = IFF_UP | IFF_RUNNING;
         world.zones.apply(link);
-        world.zones.addExits({{6, router::Prefix{}}});
+        world.zones.addExits({{6, links::Prefix{}}});
         world.hold(6, "198.51.100.1", 24);
     }
     std::string refusal(std::uint8_t protocol, std::uint16_t port) const {
         return ports.areFreeFor({address("198.51.100.1"), protocol, port}).reason();
     }
 
-    router::testing::FakeZones world;
+    links::testing::FakeZones world;
     testing::FakeListeners listeners;
     RouterPorts ports{world.zones, listeners, {{53, 53}, {8000, 8010}}};
 };

@@ -139,7 +139,7 @@ tk::Result<Rule> changedRule(const Rule& former, const tk::message& request) {
 }
 
 std::string textOf(const NatKey& key) {
-    return (key.protocol == IPPROTO_TCP ? "tcp " : "udp ") + router::addressText(key.destination) + ":" +
+    return (key.protocol == IPPROTO_TCP ? "tcp " : "udp ") + links::addressText(key.destination) + ":" +
            std::to_string(key.port);
 }
 

@@ -9,7 +9,7 @@
 namespace nat {
 namespace {
 
-using router::testing::address;
+using links::testing::address;
 using testing::natRequest;
 
 TEST(NewRule, TakesTheGatewaysRequest) {

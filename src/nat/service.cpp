@@ -53,7 +53,7 @@ tk::message deletedRecord(std::uint32_t id) {
 }  // namespace
 
 Service::Service(const std::string& storePath, const Policy& policy, const RouterPorts& ports,
-                 firewall::Kernel& kernel, const router::Requester& requester, std::size_t storedLimit)
+                 firewall::Kernel& kernel, const hub::Requester& requester, std::size_t storedLimit)
     : store(storePath, storeRevision),
       policy(policy),
       ports(ports),

@@ -29,7 +29,7 @@ public:
     /// `storedLimit` is how many rules may be stored; more that were stored before are loaded all the same.
     /// Lifetime: all but the path outlive the handler.
     Service(const std::string& storePath, const Policy& policy, const RouterPorts& ports,
-            firewall::Kernel& kernel, const router::Requester& requester,
+            firewall::Kernel& kernel, const hub::Requester& requester,
             std::size_t storedLimit = usualStoredLimit);
 
     /// Puts the stored rules into the kernel. One that is refused is kept as disabled in memory, with a log
@@ -80,8 +80,8 @@ private:
     const RouterPorts& ports;
     const std::size_t storedLimit;
     firewall::Kernel& kernel;
-    const router::Requester& requester;
-    router::RefusalLog refusals{"nat", "rules refused"};
+    const hub::Requester& requester;
+    hub::RefusalLog refusals{"nat", "rules refused"};
     RuleSet rules;
     std::set<std::uint32_t> orphans;  // dynamic rules that outlived their client; some may be gone by now
     tk::Timer<Service, &Service::retryOrphans> orphanTimer{*this};

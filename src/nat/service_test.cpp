@@ -16,7 +16,7 @@
 namespace nat {
 namespace {
 
-using router::testing::address;
+using links::testing::address;
 using testing::natRequest;
 
 class ServiceTest : public ::testing::Test {
@@ -47,12 +47,12 @@ protected:
     tk::testing::Folder files;
     tk::testing::TestLoop loop;
     tk::testing::ScriptedBus& bus = loop.bus;
-    router::testing::FakeZones world;
+    links::testing::FakeZones world;
     testing::FakeNat kernel;
     Policy policy{world.zones};
     testing::FakeListeners listeners;
     RouterPorts ports{world.zones, listeners, {{51820, 51820}}};
-    router::testing::FakeRequester requester;
+    links::testing::FakeRequester requester;
     Service nat{files.file("nat"), policy, ports, kernel, requester};
 };
 
@@ -435,7 +435,7 @@ TEST_F(ProgramsServiceTest, AProgramsRuleMayChangeAfterItsAddressIsGoneButNotWhi
     tk::message change = from({80, 0}, ofId(id));
     change.insert_u32(contract::rulefield::toPortFirst, 8081);
     change.insert_u32(contract::rulefield::toPortLast, 8081);
-    const router::LinkAddress held{3, address("198.51.100.1"), address("198.51.100.1"), 24, true};
+    const links::LinkAddress held{3, address("198.51.100.1"), address("198.51.100.1"), 24, true};
     world.zones.remove(held);
     EXPECT_EQ(tk::getError(nat.cmdSetObj(change)), "");
     world.hold(2, "198.51.100.1", 24);

@@ -84,7 +84,7 @@ private:
     }
 
     [[nodiscard]] bool readProgram(const toml::table& table, Config& config) {
-        ProgramConfig& out = config.programs.emplace_back();
+        hub::ProgramConfig& out = config.programs.emplace_back();
         for (const auto& [key, value] : table) {
             if (key == "number") {
                 if (!values.read(key, value, 1, tk::program::firstClient - 1, out.number)) return false;
@@ -107,7 +107,7 @@ private:
     }
 
     /// What the keys of a program are to each other.
-    [[nodiscard]] bool checkProgram(const toml::table& table, const ProgramConfig& program) {
+    [[nodiscard]] bool checkProgram(const toml::table& table, const hub::ProgramConfig& program) {
         if (program.number == 0) return values.fail("number", table, "is missing");
         if (program.unit.empty() && program.command.empty())
             return values.fail("command", table, "is missing");
@@ -120,7 +120,7 @@ private:
 
     [[nodiscard]] bool readUser(const toml::table& table, Config& config) {
         std::optional<tk::Account> account;
-        UserRights out;
+        hub::UserRights out;
         for (const auto& [key, value] : table) {
             if (key == "name") {
                 if (!values.read(key, value, account)) return false;
@@ -155,7 +155,7 @@ private:
     }
 
     [[nodiscard]] bool readInterface(const toml::table& table, Config& config) {
-        InterfaceConfig& out = config.interfaces.emplace_back();
+        links::InterfaceConfig& out = config.interfaces.emplace_back();
         for (const auto& [key, value] : table) {
             if (key == "name") {
                 if (!values.readInterface(key, value, out.name)) return false;
@@ -224,7 +224,7 @@ tk::Result<Config> parseConfig(const std::string& text, const std::string& name)
 }
 
 void runAsRouter(Config& config) {
-    for (ProgramConfig& program : config.programs) {
+    for (hub::ProgramConfig& program : config.programs) {
         if (program.user || !program.unit.empty()) continue;
         program.user = config.user;
         config.users.push_back({config.user->uid, {program.number}});

@@ -19,10 +19,10 @@ namespace router {
 /// What the configuration file says. A value.
 struct Config {
     std::optional<tk::Account> user;  // whom the router runs as; none: as whoever started it
-    std::vector<ProgramConfig> programs;
-    std::vector<UserRights> users;
-    LanConfig lan;
-    std::vector<InterfaceConfig> interfaces;
+    std::vector<hub::ProgramConfig> programs;
+    std::vector<hub::UserRights> users;
+    links::LanConfig lan;
+    std::vector<links::InterfaceConfig> interfaces;
     nat::Config nat;
     firewall::GuardConfig guard;
 

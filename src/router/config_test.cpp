@@ -21,8 +21,8 @@ TEST(ParseConfig, ReadsPrograms) {
     const Config config = configIn(
         "[[program]]\nnumber = 80\ncommand = [\"/usr/sbin/upnpd\"]\nstart = true\n"
         "[[program]]\nnumber = 14\ncommand = [\"/usr/sbin/resolverd\", \"-v\"]\n");
-    EXPECT_EQ(config.programs, (std::vector<ProgramConfig>{{80, {"/usr/sbin/upnpd"}, true},
-                                                           {14, {"/usr/sbin/resolverd", "-v"}, false}}));
+    EXPECT_EQ(config.programs, (std::vector<hub::ProgramConfig>{{80, {"/usr/sbin/upnpd"}, true},
+                                                                {14, {"/usr/sbin/resolverd", "-v"}, false}}));
 }
 
 TEST(ParseConfig, AnEmptyTextStartsNothing) {
@@ -36,9 +36,10 @@ TEST(ParseConfig, ReadsUnits) {
         "[[program]]\nnumber = 14\nunit = 'A-z:0_9\\x2d@b.c.service'\n"
         "[[program]]\nnumber = 15\nunit = \"" +
         longest + "\"\n");
-    EXPECT_EQ(config.programs, (std::vector<ProgramConfig>{{80, {}, true, {}, "upnpd.service"},
-                                                           {14, {}, false, {}, "A-z:0_9\\x2d@b.c.service"},
-                                                           {15, {}, false, {}, longest}}));
+    EXPECT_EQ(config.programs,
+              (std::vector<hub::ProgramConfig>{{80, {}, true, {}, "upnpd.service"},
+                                               {14, {}, false, {}, "A-z:0_9\\x2d@b.c.service"},
+                                               {15, {}, false, {}, longest}}));
     EXPECT_TRUE(config.users.empty()) << "who may register is a matter of [[user]]";
 }
 
@@ -201,7 +202,7 @@ TEST(RunAsRouter, ProgramsWithoutAUserGetTheRoutersOwn) {
     ASSERT_TRUE(config.programs[0].user);
     EXPECT_EQ(config.programs[0].user->uid, 71U);
     EXPECT_EQ(config.programs[1].user->uid, 72U);
-    EXPECT_EQ(config.users, (std::vector<UserRights>{{71, {80}}})) << "it may be what it is started as";
+    EXPECT_EQ(config.users, (std::vector<hub::UserRights>{{71, {80}}})) << "it may be what it is started as";
 }
 
 TEST(RunAsRouter, AUnitNamesItsUserItself) {
@@ -218,9 +219,9 @@ TEST(UsualUser, MayBeTheProgramThatNobodyIsNamedFor) {
     Config config;
     config.users = {{71, {80}}};
     nameUsualUser(config, 80, "daemon");
-    EXPECT_EQ(config.users, (std::vector<UserRights>{{71, {80}}}));
+    EXPECT_EQ(config.users, (std::vector<hub::UserRights>{{71, {80}}}));
     nameUsualUser(config, 14, "daemon");
-    EXPECT_EQ(config.users, (std::vector<UserRights>{{71, {80}}, {daemon, {14}}}));
+    EXPECT_EQ(config.users, (std::vector<hub::UserRights>{{71, {80}}, {daemon, {14}}}));
 }
 
 TEST(UsualUser, ThatTheSystemDoesNotKnowIsNone) {

@@ -24,14 +24,14 @@ std::optional<std::uint32_t> numberOf(std::string_view text, std::uint32_t highe
     return value;
 }
 
-std::optional<Prefix> prefixNamed(std::string_view text) {
+std::optional<links::Prefix> prefixNamed(std::string_view text) {
     const std::size_t slash = text.find('/');
     if (slash == std::string_view::npos) return std::nullopt;
     const auto length = numberOf(text.substr(slash + 1), addressBits);
     in_addr address{};
     if (!length || ::inet_pton(AF_INET, std::string(text.substr(0, slash)).c_str(), &address) != 1)
         return std::nullopt;
-    const Prefix prefix = prefixOf(ntohl(address.s_addr), *length);
+    const links::Prefix prefix = links::prefixOf(ntohl(address.s_addr), *length);
     return prefix.network == ntohl(address.s_addr) ? std::optional(prefix) : std::nullopt;
 }
 
@@ -114,7 +114,7 @@ bool ConfigValues::read(std::string_view key, const toml::node& value, std::opti
     return out || fail(key, value, "there is no user \"" + value.as_string()->get() + "\"");
 }
 
-bool ConfigValues::read(std::string_view key, const toml::node& value, std::vector<Prefix>& out) {
+bool ConfigValues::read(std::string_view key, const toml::node& value, std::vector<links::Prefix>& out) {
     const toml::node* culprit = nullptr;
     return readList(value, &prefixNamed, out, culprit) ||
            fail(key, *culprit, "must be a list of networks, such as \"192.0.2.0/24\"");

@@ -38,7 +38,7 @@ public:
     /// The name of a user of the system.
     [[nodiscard]] bool read(std::string_view key, const toml::node& value, std::optional<tk::Account>& out);
     /// A list of networks, such as "192.0.2.0/24".
-    [[nodiscard]] bool read(std::string_view key, const toml::node& value, std::vector<Prefix>& out);
+    [[nodiscard]] bool read(std::string_view key, const toml::node& value, std::vector<links::Prefix>& out);
     /// A list of ports and ranges of them, such as 80 and "1024-65535".
     [[nodiscard]] bool read(std::string_view key, const toml::node& value, std::vector<nat::PortRange>& out);
     /// A list of paths of one or two numbers, such as "20,5".

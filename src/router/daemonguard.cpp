@@ -7,10 +7,11 @@
 
 namespace router {
 
-void DaemonGuard::start(const std::vector<ProgramConfig>& programs, const std::vector<UserRights>& users) {
-    for (const ProgramConfig& program : programs)
+void DaemonGuard::start(const std::vector<hub::ProgramConfig>& programs,
+                        const std::vector<hub::UserRights>& users) {
+    for (const hub::ProgramConfig& program : programs)
         if (program.user) programComes(program.number, program.user->uid);
-    for (const UserRights& user : users)
+    for (const hub::UserRights& user : users)
         if (std::find(user.programs.begin(), user.programs.end(), contract::program::gateway) !=
             user.programs.end())
             programComes(contract::program::gateway, user.uid);

@@ -31,7 +31,7 @@ TEST_F(DaemonGuardTest, SaysThatNothingGuardsRoot) {
 TEST_F(DaemonGuardTest, GuardsFromTheStartWhomTheConfigurationAllowsToBeTheDaemon) {
     tk::Account started;
     started.uid = 71;
-    const std::vector<ProgramConfig> programs = {
+    const std::vector<hub::ProgramConfig> programs = {
         {80, {"/upnpd"}, false, started}, {14, {"/resolverd"}, false, tk::Account{}}, {80, {"/upnpd"}}};
     guard.start(programs, {{72, {14}}, {73, {14, 80}}, {.uid = 74, .isAdmin = true}});
     EXPECT_EQ(guarded, (std::vector<uid_t>{71, 73}));

@@ -35,9 +35,9 @@ constexpr int failed = 1;
 constexpr int misuse = 2;
 
 /// Everything that is started for the router, by a process that has to know it beforehand.
-std::vector<router::ProgramConfig> startable(const router::Config& config) {
-    std::vector<router::ProgramConfig> all = config.programs;
-    for (router::ProgramConfig& command : router::stateCommands(config.interfaces))
+std::vector<hub::ProgramConfig> startable(const router::Config& config) {
+    std::vector<hub::ProgramConfig> all = config.programs;
+    for (hub::ProgramConfig& command : links::stateCommands(config.interfaces))
         all.push_back(std::move(command));
     return all;
 }
@@ -49,7 +49,7 @@ int fail(const std::string& reason) {
 }
 
 /// Leaves the launcher behind, and gives up what the router does not need.
-tk::Status becomeUser(const router::Config& config, const router::Paths& paths, router::Launcher& launcher) {
+tk::Status becomeUser(const router::Config& config, const router::Paths& paths, hub::Launcher& launcher) {
     if (tk::Status opened = launcher.open(startable(config)); !opened.isOk()) return opened;
     return router::dropPrivileges(*config.user, {paths.busFolder(), paths.stores});
 }
@@ -61,19 +61,18 @@ int serve(const std::string& configPath, bool mayBeAbsent) {
     router::Config config = read.take();
     const router::Paths paths{.bus = contract::busPath};
     // Before anything that another router uses is touched.
-    if (const tk::Status isFree = router::BusListener::checkFree(paths.bus); !isFree.isOk())
+    if (const tk::Status isFree = hub::Listener::checkFree(paths.bus); !isFree.isOk())
         return fail(isFree.reason());
     const bool drops = config.user && ::geteuid() == 0;
     if (drops) router::runAsRouter(config);
     router::nameUsualUser(config, contract::program::gateway, "upnpd");
     router::nameUsualUser(config, contract::program::resolver, "resolverd");
-    router::OwnProcesses own;
-    router::Launcher
-        launcher;  // of programs that run as other users, which this process cannot become any more
+    hub::OwnProcesses own;
+    hub::Launcher launcher;  // of programs that run as other users, which this process cannot become any more
     if (drops)
         if (const tk::Status became = becomeUser(config, paths, launcher); !became.isOk())
             return fail(became.reason());
-    router::Processes& processes = drops ? static_cast<router::Processes&>(launcher) : own;
+    hub::Processes& processes = drops ? static_cast<hub::Processes&>(launcher) : own;
     router::Router router(config, paths, processes);
     if (const tk::Status started = router.start(); !started.isOk()) return fail(started.reason());
     router.run();

@@ -19,7 +19,7 @@ std::uint64_t secondsSince1970() {
 
 }  // namespace
 
-Router::Router(const Config& config, const Paths& paths, Processes& processes)
+Router::Router(const Config& config, const Paths& paths, hub::Processes& processes)
     : paths(paths),
       programs(config.programs),
       users(config.users),
@@ -45,7 +45,7 @@ Router::Router(const Config& config, const Paths& paths, Processes& processes)
     hub.addService(history, {tk::program::history});
     hub.addService(identity, {contract::program::identity});
     table.setOwner(nat);
-    hub.setAccess(Access(config.users));
+    hub.setAccess(hub::Access(config.users));
     hub.setProgramWatcher(&guard);
 }
 

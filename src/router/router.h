@@ -44,7 +44,7 @@ struct Paths {
 class Router final {
 public:
     /// Lifetime: the processes outlive the router.
-    Router(const Config& config, const Paths& paths, Processes& processes);
+    Router(const Config& config, const Paths& paths, hub::Processes& processes);
     Router(const Router&) = delete;
     Router& operator=(const Router&) = delete;
     ~Router();
@@ -61,19 +61,19 @@ private:
     void turnWhile(const std::function<bool()>& condition, std::uint64_t milliseconds);
 
     Paths paths;
-    std::vector<ProgramConfig> programs;
-    std::vector<UserRights> users;
+    std::vector<hub::ProgramConfig> programs;
+    std::vector<hub::UserRights> users;
     tk::SystemClock clock;
-    Hub hub;
+    hub::Hub hub;
     tk::Looper looper;
-    RtNetlink kernel;
+    links::RtNetlink kernel;
     firewall::Table table;
     DaemonGuard guard;
-    Zones zones;
-    InterfaceIds interfaceIds;
-    LinkSwitch linkSwitch;
-    Interfaces interfaces;
-    Addresses addresses;
+    links::Zones zones;
+    links::InterfaceIds interfaceIds;
+    links::LinkSwitch linkSwitch;
+    links::Interfaces interfaces;
+    links::Addresses addresses;
     nat::Policy policy;
     firewall::FlowLog flows;
     nat::SocketListeners listeners;
@@ -81,9 +81,9 @@ private:
     nat::Service nat;
     Identity identity;
     History history;
-    Monitor monitor;
-    Activation activation;
-    BusListener listener;
+    links::Monitor monitor;
+    hub::Activation activation;
+    hub::Listener listener;
 };
 
 }  // namespace router

@@ -12,7 +12,7 @@
 
 #include "hub/processes.h"
 
-namespace router::testing {
+namespace hub::testing {
 
 /// Runs nothing: its processes end when and how a test says.
 class FakeProcesses final : public Processes {
@@ -44,4 +44,4 @@ private:
     tk::Fd running;
 };
 
-}  // namespace router::testing
+}  // namespace hub::testing

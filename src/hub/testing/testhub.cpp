@@ -10,7 +10,7 @@
 #include "tk/bus.h"
 #include "tk/names.h"
 
-namespace router::testing {
+namespace hub::testing {
 
 TestClient::TestClient(tk::Fd socket) : socket(std::move(socket)) {}
 
@@ -122,4 +122,4 @@ std::uint32_t codeOf(const tk::message& end) {
     return code;
 }
 
-}  // namespace router::testing
+}  // namespace hub::testing

@@ -13,7 +13,7 @@
 #include "tk/message.h"
 #include "tk/testing/manualclock.h"
 
-namespace router::testing {
+namespace hub::testing {
 
 /// The other end of a connection to the hub. It writes at once and reads what is there.
 class TestClient {
@@ -74,4 +74,4 @@ tk::message subscription(const tk::Path& path, std::uint32_t command);
 /// The code of an error, which `end` must be.
 std::uint32_t codeOf(const tk::message& end);
 
-}  // namespace router::testing
+}  // namespace hub::testing

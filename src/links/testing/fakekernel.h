@@ -12,7 +12,7 @@
 #include "links/kernel.h"
 #include "links/zones.h"
 
-namespace router::testing {
+namespace links::testing {
 
 /// An address in network order from its dotted form.
 inline std::uint32_t address(const char* text) {
@@ -20,7 +20,7 @@ inline std::uint32_t address(const char* text) {
 }
 
 /// Interfaces as a test wants them.
-class FakeNetwork final : public NetworkKernel {
+class FakeNetwork final : public Kernel {
 public:
     tk::Result<Link> readLink(std::uint32_t index) override {
         if (!links.contains(index)) return tk::Status::failure("No such device");
@@ -38,7 +38,7 @@ public:
 };
 
 /// Somebody who asks.
-class FakeRequester final : public Requester {
+class FakeRequester final : public hub::Requester {
 public:
     uid_t user() const override { return asker; }
 
@@ -77,4 +77,4 @@ struct FakeZones {
     Zones zones;
 };
 
-}  // namespace router::testing
+}  // namespace links::testing

@@ -32,7 +32,7 @@ public:
         return {};
     }
     const NatTarget* find(const char* destination, std::uint8_t protocol, std::uint16_t port) const {
-        const auto element = elements.find({router::testing::address(destination), protocol, port});
+        const auto element = elements.find({links::testing::address(destination), protocol, port});
         return element == elements.end() ? nullptr : &element->second;
     }
     /// True when the map has these elements and no others.

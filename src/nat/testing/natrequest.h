@@ -17,8 +17,8 @@ inline tk::message natRequest(std::uint32_t port, const char* target, std::uint3
     request.insert_bool(tk::field::disabled, false);
     request.insert_string(39, "dstnat");
     request.insert_bool(419, true);
-    request.insert_be32(52, router::testing::address("198.51.100.1"));
-    request.insert_be32(53, router::testing::address("198.51.100.1"));
+    request.insert_be32(52, links::testing::address("198.51.100.1"));
+    request.insert_be32(53, links::testing::address("198.51.100.1"));
     request.insert_bool(406, true);
     request.insert_u32(9, port);
     request.insert_u32(10, port);
@@ -26,8 +26,8 @@ inline tk::message natRequest(std::uint32_t port, const char* target, std::uint3
     request.insert_u32(11, protocol);
     request.insert_u32(40, 22);
     request.insert_bool(1006, true);
-    request.insert_be32(1000, router::testing::address(target));
-    request.insert_be32(1001, router::testing::address(target));
+    request.insert_be32(1000, links::testing::address(target));
+    request.insert_be32(1001, links::testing::address(target));
     request.insert_bool(1007, true);
     request.insert_u32(1002, targetPort);
     request.insert_u32(1003, targetPort);

@@ -5,7 +5,7 @@
 
 #include <string>
 
-namespace router::testing {
+namespace tk::testing {
 
 /// Runs a shell command in the test's network namespace and gives what it writes to standard output.
 /// `failed` is set when its status is not 0.
@@ -21,4 +21,4 @@ inline std::string run(const std::string& command, bool& failed) {
     return output;
 }
 
-}  // namespace router::testing
+}  // namespace tk::testing
