@@ -1,21 +1,27 @@
-"""The table of behaviours names tests: each of them must exist, and each whole-program test of behaviour must be named."""
+"""The page of behaviours names tests: each of them must exist, and each whole-program test of behaviour must be named."""
 import collections
 import pathlib
 import re
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 MAP = ROOT / "docs" / "behaviour.md"
-ROW = re.compile(r"^\| (?P<behaviour>[^|`]+) \| (?P<tests>`[^|]+`) \|$")
+NOT_OBSERVABLE = "## Not observable"
+BEHAVIOUR = re.compile(r"- (?P<text>[^`]+)")
+HELD_BY = re.compile(r"  - `(?P<test>[^`]+)`")
 
 
 def named():
-    """The tests that the table names, row by row."""
+    """The tests that the page names, behaviour by behaviour, up to the list of what cannot be observed."""
     rows = []
-    for line in MAP.read_text().splitlines():
-        if line.startswith("|") and line not in ("| behaviour | held by |", "|---|---|"):
-            row = ROW.match(line)
-            assert row, line
-            rows.append((row["behaviour"], re.findall(r"`([^`]+)`", row["tests"])))
+    for line in MAP.read_text().partition(NOT_OBSERVABLE)[0].splitlines():
+        if line.startswith("- "):
+            behaviour = BEHAVIOUR.fullmatch(line)
+            assert behaviour, line
+            rows.append((behaviour["text"], []))
+        elif line.startswith("  "):
+            test = HELD_BY.fullmatch(line)
+            assert test and rows, line
+            rows[-1][1].append(test["test"])
     return rows
 
 
