@@ -10,38 +10,38 @@
 
 namespace tk {
 
-/// A user of the system, as a process needs it to become that user. A value.
+/// A user of the system: all that a process needs to become that user. A value.
 struct Account {
     std::string name;
     uid_t uid = 0;
     gid_t gid = 0;
-    std::vector<gid_t> groups;  // all of them, the first one too
+    std::vector<gid_t> groups;  // all of them, `gid` included
 
     bool operator==(const Account&) const = default;
 };
 
-/// Looks a user up by name.
-/// Errors: none for one that the system does not know.
+/// Looks up a user by name.
+/// Errors: empty when the system does not know the user.
 [[nodiscard]] std::optional<Account> findAccount(const std::string& name);
 
-/// The account in the group of the bus too, "tk", where the system has it.
+/// The account, added to the bus's group, "tk", if the system has that group.
 [[nodiscard]] Account inBusGroup(Account account);
 
-/// Makes the calling process that user's for good.
-/// Errors: false, with errno set; the process may be half changed then, and has to end.
-/// Nothing but system calls happens here, so that it may stand between a fork and an exec.
+/// Makes the calling process run as that user, for good. Uses system calls only, so that it may be called
+/// between a fork and an exec.
+/// Errors: false, with errno set; the process may then be half changed, and has to end.
 [[nodiscard]] bool becomeAccount(const Account& account);
 
-/// Makes the folder at `path`, if it is absent, and the one above it, and gives it to `account`, with the
-/// files in it: what a program that ran as root has written there is read and replaced by one that runs as a
-/// user of its own. Links, folders in it, and files that have another name elsewhere stay whose they are.
+/// Gives the folder at `path`, and the files in it, to `account`; makes the folder and the one above it if
+/// they are absent. So a program that now runs as its own user can read and replace what it once wrote as
+/// root. Links, subfolders and files with a second hard link keep their owner.
 [[nodiscard]] Status giveFolder(const std::string& path, const Account& account);
 
-/// Makes a process that reads what strangers send one that can do nothing else, for good: one that root
-/// started becomes the system's user `name`, in that user's groups and that of the bus, and the folders are
-/// given to it before; where there is no such user it stays root's. A process of anybody else stays whose it
-/// is. Then it gives up every capability, and no program that it would start could get one back either.
-/// Errors: the process has to end then.
+/// Takes all rights, for good, from a process that reads what strangers send. A process that root started
+/// first gives the folders to the system's user `name`, then becomes that user, in that user's groups and the
+/// bus's; if there is no such user it stays root's. A process of any other user stays as it is. Each then
+/// gives up every capability, and no program that it starts could get one back.
+/// Errors: the process has to end.
 [[nodiscard]] Status giveUpRights(const std::string& name, const std::vector<std::string>& folders);
 
 }  // namespace tk

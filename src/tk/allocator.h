@@ -7,7 +7,7 @@
 
 namespace tk {
 
-/// Hands out ids from a range. An id that was freed comes back only when the range is used up.
+/// Hands out ids from a range. A freed id is given again only when the range is used up.
 class Allocator {
 public:
     /// Ids from `lowest` to `highest`, both inclusive.

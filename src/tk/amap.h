@@ -15,8 +15,8 @@ namespace tk {
 /// A handler that keeps a map of configuration objects, persisted in a store, and answers the commands on
 /// them: get, set, get all, add, remove, count.
 ///
-/// A change is first written beside the store's file, then offered to the hook that may refuse it, then put
-/// in place; so a change that cannot be written is refused before anything has happened.
+/// A change is first written beside the store's file, then offered to the hook, which may refuse it, then put
+/// in place. So a change that cannot be written is refused before anything has happened.
 class AMap : public Handler {
 public:
     using Objects = std::map<std::uint32_t, std::unique_ptr<Object>>;
@@ -28,12 +28,13 @@ public:
     /// Loads the objects from the store. Call once, before the loop runs.
     void init();
 
-    /// The ids of the objects, as of an Allocator.
+    /// The ids of the objects, handed out as by an Allocator.
     [[nodiscard]] std::uint32_t allocNewID() { return ids.allocNewID(); }
     [[nodiscard]] bool allocID(std::uint32_t id) { return ids.allocID(id); }
     void freeID(std::uint32_t id) { ids.freeID(id); }
     bool isAllocID(std::uint32_t id) const { return ids.isAllocID(id); }
 
+    /// The operations on objects, as declared by Handler.
     message cmdGetObj(const message& request) override;
     message cmdSetObj(const message& request) override;
     message cmdGetAll(const message& request) override;
@@ -54,8 +55,8 @@ protected:
     virtual message addHook(Object& added) = 0;
     virtual message setHook(Object& current, Object& changed) = 0;
     virtual message removeHook(Object& removed) = 0;
-    /// Consulted by init() for each stored object, in the order of their ids; what is refused is dropped from
-    /// the store too, with a log line.
+    /// Consulted by init() for each stored object, by id. A refused object is dropped, from the store too,
+    /// with a log line.
     virtual message loadHook(Object& loaded) = 0;
 
 private:

@@ -12,9 +12,9 @@ public:
     Budget(const Budget&) = delete;
     Budget& operator=(const Budget&) = delete;
 
-    /// True when so many bytes more are within the limit.
+    /// True when `bytes` more are within the limit.
     bool hasRoomFor(std::size_t bytes) const { return used <= limit && bytes <= limit - used; }
-    /// True when more is kept than the limit says: what cannot be refused any more is charged all the same.
+    /// True when more is kept than the limit allows: what can no longer be refused is charged all the same.
     bool isOver() const { return used > limit; }
     /// What is kept.
     /// Units: bytes.
@@ -30,7 +30,7 @@ private:
 /// Bytes of a budget that are in use, until this object ends. It moves, it never copies.
 class Charge {
 public:
-    /// Nothing, at nobody's expense.
+    /// No bytes, charged to nobody.
     Charge() = default;
     /// Lifetime: the budget outlives the charge.
     Charge(Budget& payer, std::size_t bytes) : payer(&payer) { set(bytes); }
@@ -40,8 +40,9 @@ public:
 
     /// Changes how many bytes are in use.
     void set(std::size_t bytes);
+    /// How many bytes are in use.
     std::size_t bytes() const { return held; }
-    /// True when these bytes are of that budget.
+    /// True when these bytes are charged to that budget.
     bool isOf(const Budget& budget) const { return payer == &budget; }
 
 private:

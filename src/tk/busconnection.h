@@ -13,33 +13,34 @@
 namespace tk {
 
 /// A program's connection to the hub.
-///
-/// What arrives during an exchange is kept, and handed on from the loop afterwards in the order of arrival.
-/// Where there is no room for more, a request is refused, and the connection is given up for anything else.
-/// The end of a request that nobody waits for any more is discarded; that of one which was only asked is
-/// handed on like the rest. A hub that does not take the connection says why in one error that carries no
-/// number, before anything else; that is the reason of the loss then.
+///  What arrives during an exchange is kept; the loop hands it on afterwards, in the order of arrival. When
+/// there is no room left, a request is refused; anything else costs the connection.
+/// The end of a request that was sent by ask() is handed on like the rest. An end that nobody waits for any
+/// more is discarded.
+/// A hub that turns the connection away first says why, in one error without a number. That is then the
+/// reason of the loss.
 class BusConnection final : public Bus, private ChannelOwner {
 public:
     /// Takes what the connection receives, from the loop.
     class Receiver {
     public:
         virtual ~Receiver() = default;
-        /// A message arrived that ends no exchange.
+        /// A message arrived that does not end an exchange.
         virtual void busReceived(const message& arrived) = 0;
         /// The connection ended; every exchange fails at once from now on.
         virtual void busLost(const std::string& reason) = 0;
     };
 
-    /// Connects to the hub. Without a receiver whatever is no end of an exchange is dropped.
+    /// Connects to the hub. Without a receiver everything but the ends of exchanges is dropped.
     /// Lifetime: `runner` and `receiver` outlive the connection.
     static Result<std::unique_ptr<BusConnection>> open(const std::string& socketPath, Runner& runner,
                                                        Receiver* receiver);
-    /// Takes over a socket that is connected to the hub, and non-blocking.
+    /// Takes over a non-blocking socket that is connected to the hub.
     /// Lifetime: as for open().
     BusConnection(Fd socket, Runner& runner, Receiver* receiver);
     ~BusConnection() override;
 
+    /// As declared by Bus.
     [[nodiscard]] message exchange(const message& request, const Path& from, std::uint32_t command,
                                    std::uint32_t timeout) override;
     [[nodiscard]] message ask(const message& request, const Path& from, std::uint32_t command,
@@ -64,10 +65,11 @@ private:
 
     Receiver* receiver;
     std::uint32_t numbers = 0;
-    std::set<std::uint32_t> asked;    // numbers of requests that the loop gets the end of
-    bool hasBegun = false;            // something has arrived
-    message refusal;                  // an error, when the hub did not take the connection
-    std::deque<std::string> waiting;  // arrived during an exchange, or behind what did; in their flat form
+    std::set<std::uint32_t> asked;  // requests whose end goes to the loop
+    bool hasBegun = false;          // something has arrived
+    message refusal;                // an error when the hub turned us away
+    // Messages that arrived during an exchange, and others after them, in flat form.
+    std::deque<std::string> waiting;
     std::size_t waitingBytes = 0;
     Timer<BusConnection, &BusConnection::handOn> handOnTimer;
     Budget budget;

@@ -27,27 +27,27 @@ public:
     virtual void broken(const std::string& reason) = 0;
 };
 
-/// What a channel takes and gives.
+/// The limits of a channel.
 /// Units: bytes.
 struct ChannelLimits {
     std::size_t receivedFrame = frameLimit;
     std::size_t sentFrame = frameLimit;
-    /// With so much unread of what it is sent, nothing more is taken from the peer until it has read on.
+    /// Once the peer leaves this much unread, nothing more is taken from it until it has read on.
     std::size_t unread = std::numeric_limits<std::size_t>::max();
     Runner::Priority priority = Runner::Priority::normal;
 };
 
-/// One end of a bus connection: frames over a non-blocking stream socket, with a queue of what the peer did
-/// not read yet. Frames that are not complete and frames that wait to be read are charged to the channel's
-/// budget, and a channel that takes it over its limit breaks.
+/// One end of a bus connection: frames over a non-blocking stream socket, with a queue of what the peer has
+/// not read yet. Incomplete frames and frames that wait to be read are charged to the channel's budget; the
+/// channel breaks when it takes the budget over its limit.
 ///
-/// A peer that ended is still served with what it sent before; one that was broken off, for a fault of its
-/// own or by the owner, is not.
+/// When a peer closes, what it sent before is still served. When a channel is broken off, for a fault of the
+/// peer's or by the owner, nothing more is.
 class Channel {
 public:
     enum class Sent : std::uint8_t { yes, no, noRoom };
 
-    /// Takes a connected, non-blocking socket over, and watches it from now on.
+    /// Takes over a connected, non-blocking socket, and watches it from now on.
     /// Lifetime: the runner, the owner and the budget outlive the channel.
     Channel(Runner& runner, Fd connected, ChannelOwner& owner, Budget& budget,
             const ChannelLimits& limits = {});
@@ -55,22 +55,22 @@ public:
     Channel& operator=(const Channel&) = delete;
     ~Channel();
 
-    /// Queues a message and writes as much as the peer takes now. False when the message cannot be sent,
-    /// because it is too large or nested too deep (the channel stays open then) or the channel is, or thereby
-    /// gets, broken; the owner hears of that from the loop, never from within this call.
+    /// Queues a message and writes as much as the peer takes now.
+    /// Errors: false when the message is too large or nested too deep (the channel then stays open), or when
+    /// the channel is or becomes broken. The owner hears of that from the loop, never from within this call.
     bool send(const message& source) { return sendFor(budget, source) == Sent::yes; }
-    /// The same at the expense of another budget, which never breaks the channel: a message for which it has
-    /// no room is not sent, `noRoom`.
+    /// The same at the expense of another budget. That never breaks the channel: a message for which the
+    /// budget has no room is not sent, and the answer is `noRoom`.
     /// Lifetime: the budget outlives what is queued.
     [[nodiscard]] Sent sendFor(Budget& payer, const message& source);
 
-    /// Waits, at most `milliseconds`, until something can be read or a part of the queue written, and does
-    /// so. For synchronous exchanges: nothing is handed to the owner. False when the channel is broken.
+    /// Waits at most `milliseconds` until it can read something or write a part of the queue, and does so.
+    /// For synchronous exchanges: nothing is handed to the owner. False when the channel is broken.
     [[nodiscard]] bool pump(int milliseconds);
     /// The next message that was read. False when there is none.
     [[nodiscard]] bool take(message& out);
 
-    /// Breaks the channel off for a reason of the owner's, who hears of it from the loop.
+    /// Breaks the channel for a reason of the owner's, which hears of it from the loop.
     void breakOff(const std::string& why);
 
     /// True until the channel breaks.
@@ -107,17 +107,18 @@ private:
     ChannelOwner& owner;
     Budget& budget;
     const ChannelLimits limits;
-    bool isBehind = false;  // what was received is not handed on yet, for it was the others' turn
+    // True while received messages wait because it was the others' turn.
+    bool isBehind = false;
     FrameReader reader;
     Charge unfinished;  // what the reader keeps
     std::deque<Frame> outgoing;
-    std::size_t written = 0;    // of the first one
-    std::size_t queued = 0;     // what all of them cost
-    std::size_t ownQueued = 0;  // what those cost that the channel's own budget pays for
+    std::size_t written = 0;    // of the first frame
+    std::size_t queued = 0;     // the cost of all frames
+    std::size_t ownQueued = 0;  // the channel's own budget's part of it
     Status state;               // why the channel is broken, once it is
-    bool isBrokenOff = false;   // on this side: what the peer sent does not count any more
+    bool isBrokenOff = false;   // by this side: what the peer sent is ignored
     std::uint32_t watched = 0;
-    bool* gone = nullptr;  // set by the destructor, for the call of the owner that is under way
+    bool* gone = nullptr;  // for a call of the owner: set by the destructor
     // For what arrived or broke while nobody was called.
     Timer<Channel, &Channel::deliver> delivery{*this, runner};
 };

@@ -13,17 +13,17 @@ struct Character {
 };
 
 /// The character at the front of a text that is not empty.
-/// Errors: length 0 where the bytes are no UTF-8.
+/// Errors: length 0 when the bytes are not UTF-8.
 [[nodiscard]] Character firstCharacter(std::string_view text);
 
-/// The text with what is not plain, and whatever is no UTF-8, written as \xNN, byte by byte.
+/// The text with all that is not plain or not UTF-8 written as \xNN, byte by byte.
 [[nodiscard]] std::string printable(std::string_view text);
 
-/// The same of as many characters as have room in `limit` bytes; they are taken from the text.
+/// The same for as many leading characters as fit into `limit` bytes; they are removed from `text`.
 [[nodiscard]] std::string takePrintable(std::string_view& text, std::size_t limit);
 
-/// True when the character is shown as itself and leaves its line as it is: no control character, no end of a
-/// line, and none of those that turn the direction in which the text around them is shown.
+/// True when the character shows as itself and leaves its line as it is: it is no control character, no line
+/// end, and none that turns the direction of the text around it.
 [[nodiscard]] bool isPlain(char32_t code);
 
 /// How many columns of a terminal the character takes: 0, 1 or 2.

@@ -8,13 +8,13 @@
 
 namespace tk {
 
-/// The handlers of one program, by their numbers: the second elements of their paths.
+/// The handlers of one program by number, which is the second element of their path.
 class HandlerTable {
 public:
-    /// Puts a handler in, in place of one with the same number.
-    /// Lifetime: it outlives its entry.
+    /// Adds a handler; it replaces one with the same number.
+    /// Lifetime: the handler outlives its entry.
     void add(std::uint32_t number, Handler& handler) { handlers[number] = &handler; }
-    /// Takes a handler out; an absent one is no error.
+    /// Removes a handler; an absent one is no error.
     void remove(std::uint32_t number) { handlers.erase(number); }
     /// The handler of a number.
     /// Errors: null when there is none.
@@ -22,7 +22,7 @@ public:
     /// All handlers, by number.
     const std::map<std::uint32_t, Handler*>& all() const { return handlers; }
 
-    /// What the handler that a request is addressed to answers, without routing fields.
+    /// The answer of the handler that a request is addressed to, without routing fields.
     [[nodiscard]] message answer(const message& request) const;
 
 private:

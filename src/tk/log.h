@@ -7,13 +7,13 @@
 
 namespace tk {
 
-/// Writes one log line to standard output: the text, as printable() makes it, and a line end. A line of more
+/// Writes one log line to standard output: the text as printable() makes it, and a line end. A line of more
 /// than 4 KiB is cut, and says so at its end.
 /// The line goes out whole and at once. A reader that stalls never stops the program: lines wait in a bounded
-/// queue, and those that find it full are dropped and counted in a line of their own once there is room.
+/// queue. Those that find it full are dropped; a line of its own gives their number once there is room.
 void logLine(std::string_view text);
 
-/// Tries again to write what waits. True when nothing waits any more.
+/// Tries again to write the lines that wait. True when none waits any more.
 bool flushLog();
 
 /// The text of the current errno.
@@ -43,8 +43,7 @@ inline void appendTo(std::string& line, std::uint64_t value) {
 }
 }  // namespace detail
 
-/// One event as one log line, made of its parts without separators. Booleans print as 0 or 1, numbers in
-/// decimal.
+/// Logs one event as one line: its parts, without separators. Booleans print as 0 or 1, numbers in decimal.
 template <typename... Parts>
 void log(const Parts&... parts) {
     std::string line;

@@ -16,11 +16,10 @@ namespace tk {
 class Inquiry;
 
 /// The loop of a process: its runner, its connection to the bus and its handlers. There is one at a time.
-/// As a handler itself it makes the requests of code that stands in no handler.
+/// It is a handler itself, and makes requests for code outside any handler.
 class Looper final : public Handler, private BusConnection::Receiver {
 public:
-    /// The platform's thirteen tuning numbers; 0 is the default of each, and the only value that has a
-    /// meaning here.
+    /// Takes the platform's thirteen tuning numbers; only 0, the default of each, has a meaning here.
     explicit Looper(std::uint32_t = 0, std::uint32_t = 0, std::uint32_t = 0, std::uint32_t = 0,
                     std::uint32_t = 0, std::uint32_t = 0, std::uint32_t = 0, std::uint32_t = 0,
                     std::uint32_t = 0, std::uint32_t = 0, std::uint32_t = 0, std::uint32_t = 0,
@@ -31,13 +30,13 @@ public:
     ~Looper() override;
 
     /// Connects to the hub at `socketPath` and registers as program number `program`.
-    /// Errors: why the hub is not reached or does not take the program; nothing is kept.
+    /// Errors: why the hub cannot be reached or refuses the program; nothing is kept.
     [[nodiscard]] Status join(std::uint32_t program, const std::string& socketPath);
 
-    /// Gives the program's number up, so that what is asked of the program from now on waits for its next
-    /// start. What was asked before has arrived when this returns; the loop hands it on, ahead of timers that
-    /// are armed from now on, and it is answered as ever.
-    /// Errors: false when the hub did not say that it has let the number go; calling again does no harm.
+    /// Gives up the program's number: requests made from now on wait for its next start. Earlier requests
+    /// have arrived when this returns; the loop hands them on before any timer that is armed from now on, and
+    /// they are answered as usual.
+    /// Errors: false when the hub did not confirm that it has let the number go; calling again does no harm.
     [[nodiscard]] bool resign();
 
     /// Serves `handler` under `number` at the path {program, number}.
@@ -56,17 +55,17 @@ public:
     /// Hands one received message to its handler, and sends the answer of a request.
     void dispatch(const message& received);
 
-    /// What an Inquiry does: sends its request from this loop's path, and hands it the end.
+    /// For Inquiry: sends its request from the loop's path, and hands it the end.
     /// Errors: as for Bus::ask().
     [[nodiscard]] message ask(const message& request, std::uint32_t command, Inquiry& inquiry,
                               std::uint32_t& number);
+    /// For Inquiry: gives up its request.
     void forget(std::uint32_t number);
 
-    /// Ends run() at the end of this turn, or before its first one.
+    /// Makes run() return after this turn, or before its first one.
     void leave() { leaving = true; }
 
-    /// Lets SIGTERM and SIGINT end the loop in order, and ignores SIGPIPE. The first constructor does so by
-    /// itself.
+    /// Makes SIGTERM and SIGINT end the loop in order, and ignores SIGPIPE. The first constructor calls it.
     void watchSignals();
 
     /// One turn of the loop: waits for the first event or timer, at most `limitMilliseconds` (-1: without
@@ -91,7 +90,7 @@ private:
     Fd signals;
     Watch signalWatch;
     std::unique_ptr<BusConnection> connection;
-    Bus* bus = nullptr;  // the connection above, or one that was handed in
+    Bus* bus = nullptr;  // the connection, or the bus handed in
     HandlerTable handlers;
     std::map<std::uint32_t, Inquiry*> inquiries;  // by the number of their request
     bool leaving = false;                         // asked by leave(), a signal or the bus

@@ -20,7 +20,7 @@ protected:
     virtual message set(T*, T*) { return errorMsg(error::refused, ""); }
     virtual message remove(T*) { return errorMsg(error::refused, ""); }
 
-    /// Consulted for each object that is loaded, in the order of their ids. An error drops it.
+    /// Consulted for each object as it is loaded, by id. An error drops the object.
     virtual message load(T*) { return {}; }
 
     /// Calls `visit(T&)` for every object, by id.

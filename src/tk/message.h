@@ -34,12 +34,12 @@ enum class FieldType : std::uint8_t {
 
 /// A typed record of the message bus: an ordered set of fields, each known by a 32-bit id.
 /// A value: copies are deep, equality is by content and order. Order of insertion is kept on the wire.
-/// A read names the type; a field of another type reads like an absent one.
+/// A read names the type; a field of another type reads as absent.
 class message {
 public:
     struct Field;
 
-    /// How deep messages may stand in one another. A deeper one would cost its sender the connection.
+    /// How deep messages may be nested. A deeper one would cost its sender the connection.
     static constexpr unsigned nestingLimit = 16;
     /// How many fields one message may have, so that the search for a repeated id stays cheap.
     static constexpr std::size_t fieldLimit = 1024;
@@ -52,13 +52,12 @@ public:
     ~message();
 
     /// Builds a message from its flat form.
-    /// Errors: whatever is malformed gives an empty message;
-    /// use parse() where that has to be told apart.
+    /// Errors: an empty message when the form is malformed; parse() tells the difference.
     explicit message(std::string_view flat);
 
-    /// Replaces `out` by the message in `flat`, which must be consumed to the last byte.
-    /// Errors: false for a bound that is exceeded, an unknown type, an id that appears twice, a bool above 1,
-    /// more than fieldLimit fields in one message or nesting beyond nestingLimit; `out` is empty then.
+    /// Replaces `out` by the message in `flat`, which must end with its last byte.
+    /// Errors: false for an exceeded bound, an unknown type, an id that appears twice, a bool above 1, more
+    /// than fieldLimit fields in one message, or nesting beyond nestingLimit; `out` is then empty.
     [[nodiscard]] static bool parse(std::string_view flat, message& out);
     /// The flat form: each field as u32 id, u8 type, value.
     /// Byte order: little-endian, be32 values in network order.
@@ -78,7 +77,7 @@ public:
     /// Lifetime: until this message changes.
     const std::vector<std::uint32_t>& get_u32_array(std::uint32_t id) const&;
     const std::vector<message>& get_message_array(std::uint32_t id) const&;
-    /// Of a message that is about to go: by value, so that a loop over the array holds on to it.
+    /// Of a temporary message: by value, so that a loop over the array keeps it alive.
     std::vector<std::uint32_t> get_u32_array(std::uint32_t id) &&;
     std::vector<message> get_message_array(std::uint32_t id) &&;
 
@@ -92,7 +91,7 @@ public:
     std::vector<std::uint32_t>& get_u32_array_ref(std::uint32_t id);
     std::vector<message>& get_message_array_ref(std::uint32_t id);
 
-    /// Sets a field: appended when it is new, else replaced where it stands.
+    /// Sets a field: a new one is appended, another is replaced where it stands.
     void insert_u32(std::uint32_t id, std::uint32_t value);
     void insert_bool(std::uint32_t id, bool value);
     void insert_string(std::uint32_t id, std::string value);
@@ -105,7 +104,7 @@ public:
 
     /// True when the field is there, whatever its type.
     bool has(std::uint32_t id) const;
-    /// True when a field of an array type is there, be it empty.
+    /// True when a field of an array type is there, even an empty one.
     bool has_array(std::uint32_t id) const;
     /// The number of messages in a message array, 0 where it is absent.
     std::size_t size_message_array(std::uint32_t id) const;

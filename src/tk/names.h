@@ -2,29 +2,30 @@
 
 #include <cstdint>
 
-/// The numbers of the bus that every program agrees on: fields, commands, errors, message kinds, programs.
+/// The numbers that all programs on the bus agree on: fields, commands, errors, message kinds, programs.
 namespace tk {
 
 namespace field {
-// Routing, appended by the platform behind a message's own fields (the destination stands where it was put).
+// Routing, appended by the platform after a message's own fields. The destination stays where it was put.
 constexpr std::uint32_t destination = 0xFF0001;  // u32[]: path of the receiver
 constexpr std::uint32_t sender = 0xFF0002;       // u32[]: path of the sender, stamped by the hub
 constexpr std::uint32_t number = 0xFF0003;       // u32: number of a request, repeated in its end
 constexpr std::uint32_t kind = 0xFF0005;         // u32: one of Kind
 constexpr std::uint32_t command = 0xFF0007;      // u32
-constexpr std::uint32_t errorCode = 0xFF0008;    // u32, in errors alone
-constexpr std::uint32_t errorText = 0xFF0009;    // string, in errors alone
-constexpr std::uint32_t later = 0xFF000A;        // bool, from handler to loop alone: the answer is to follow
+constexpr std::uint32_t errorCode = 0xFF0008;    // u32, only in errors
+constexpr std::uint32_t errorText = 0xFF0009;    // string, only in errors
+// bool, only from a handler to its loop: the answer follows later.
+constexpr std::uint32_t later = 0xFF000A;
 
 // Objects.
 constexpr std::uint32_t objectId = 0xFE0001;  // u32
-constexpr std::uint32_t objects = 0xFE0002;   // message[]: the objects that a notification or a reply carries
-constexpr std::uint32_t next = 0xFE0003;      // u32: where a paged reply goes on; absent in the last page
-constexpr std::uint32_t dynamic = 0xFE0007;   // bool: the object vanishes with the connection that made it
+constexpr std::uint32_t objects = 0xFE0002;   // message[], in notifications and replies
+constexpr std::uint32_t next = 0xFE0003;      // u32: the next page's start; absent on the last
+constexpr std::uint32_t dynamic = 0xFE0007;   // bool: goes with its maker's connection
 constexpr std::uint32_t disabled = 0xFE000A;  // bool
-constexpr std::uint32_t options = 0xFE000C;   // u32: what a get is to carry beyond the object's settings
-constexpr std::uint32_t count = 0xFE000F;     // u32: the number of objects, in the reply to command::getCount
-constexpr std::uint32_t deleted = 0xFE0013;   // u32: not 0 in a record that reports its object as deleted
+constexpr std::uint32_t options = 0xFE000C;   // u32: what a get adds to the settings
+constexpr std::uint32_t count = 0xFE000F;     // u32: of objects, in the reply to getCount
+constexpr std::uint32_t deleted = 0xFE0013;   // u32: not 0 when the object was deleted
 }  // namespace field
 
 namespace command {
@@ -43,12 +44,15 @@ constexpr std::uint32_t set = 0xFE000E;
 constexpr std::uint32_t getCount = 0xFE000F;
 
 // The hub's own, at path {0}.
-constexpr std::uint32_t hubRegister = 1;     // field 1 u32: the program's number
-constexpr std::uint32_t hubSubscribe = 2;    // field 1 u32[] path, 2 u32 command, 3 message[] filter
+constexpr std::uint32_t hubRegister = 1;  // field 1 u32: the program's number
+// Field 1 u32[] path, 2 u32 command, 3 message[] filter.
+constexpr std::uint32_t hubSubscribe = 2;
 constexpr std::uint32_t hubUnsubscribe = 3;  // the same
-constexpr std::uint32_t hubTrace = 4;        // every message from now on, each as a hubTraced notification
-constexpr std::uint32_t hubTraced = 5;       // notification of {0}: field 1 message[] with the one message
-constexpr std::uint32_t hubUnregister = 6;   // field 1 u32: the program's number, which is given up
+// From now on shows every message, each in a hubTraced notification.
+constexpr std::uint32_t hubTrace = 4;
+// Notification of {0}: field 1 message[] with the one message.
+constexpr std::uint32_t hubTraced = 5;
+constexpr std::uint32_t hubUnregister = 6;  // field 1 u32: the number to give up
 }  // namespace command
 
 // What the hub's commands carry.
@@ -57,7 +61,7 @@ constexpr std::uint32_t program = 1;  // u32, of a registration and of its end
 constexpr std::uint32_t path = 1;     // u32[], of a subscription
 constexpr std::uint32_t command = 2;  // u32, likewise
 constexpr std::uint32_t filter = 3;   // message[] with the one filter message, likewise
-constexpr std::uint32_t traced = 1;   // message[] with the one message, of a hubTraced notification
+constexpr std::uint32_t traced = 1;   // message[] with the one message, of hubTraced
 }  // namespace hubfield
 
 // An undo record, as a handler hands it in.
@@ -71,12 +75,12 @@ namespace error {
 constexpr std::uint32_t noSuchCommand = 0xFE0002;
 constexpr std::uint32_t refused = 0xFE0003;
 constexpr std::uint32_t noSuchObject = 0xFE0004;
-constexpr std::uint32_t invalid = 0xFE0006;       // a field is missing, out of range or of the wrong type
+constexpr std::uint32_t invalid = 0xFE0006;       // a field is missing, out of range or mistyped
 constexpr std::uint32_t failed = 0xFE0008;        // the system refused; the text says why
-constexpr std::uint32_t exists = 0xFE0009;        // what the request would make is there already
+constexpr std::uint32_t exists = 0xFE0009;        // the new object is there already
 constexpr std::uint32_t unreachable = 0xFE000C;   // nobody at the destination
-constexpr std::uint32_t timedOut = 0xFE000D;      // no end of the request within the requester's time-out
-constexpr std::uint32_t disconnected = 0xFE000E;  // the connection, ours or the callee's, ended first
+constexpr std::uint32_t timedOut = 0xFE000D;      // no end within the requester's time-out
+constexpr std::uint32_t disconnected = 0xFE000E;  // our or the callee's connection ended first
 constexpr std::uint32_t notAllowed = 0xFE000F;    // the caller's user may not do this
 constexpr std::uint32_t busy = 0xFE0010;          // a limit is reached
 }  // namespace error
@@ -86,11 +90,12 @@ enum class Kind : std::uint32_t { request = 1, reply = 2, error = 3, notificatio
 
 namespace program {
 constexpr std::uint32_t hub = 0;
-constexpr std::uint32_t history = 24;        // takes the undo records
-constexpr std::uint32_t firstClient = 1000;  // clients that register no program are numbered from here
+constexpr std::uint32_t history = 24;  // takes the undo records
+// Clients that register no program are numbered from here.
+constexpr std::uint32_t firstClient = 1000;
 }  // namespace program
 
-/// The id of an object that has none yet; as the id of a change it names a handler's settings.
+/// The id of an object that has none yet. As the id of a change it stands for a handler's settings.
 constexpr std::uint32_t unassigned = 0xFFFFFFFF;
 
 /// The time-out of the exchanges that a handler starts.

@@ -18,11 +18,11 @@ public:
     virtual bool isUndoable() const { return isStorable(); }
     /// True when its changes are told to subscribers.
     virtual bool needNotify() const { return true; }
-    /// What it is called in texts for people.
+    /// The object's name in texts for people.
     virtual std::string getName() const { return "item"; }
-    /// Writes the object's values into `out`; the options say what beyond its settings (0: nothing).
+    /// Writes the object's settings into `out`; the options say what else (0: nothing).
     virtual void getConfig([[maybe_unused]] message& out, [[maybe_unused]] std::uint32_t options) const {}
-    /// Reads the object's values; each keeps its current one where the field is absent.
+    /// Reads the object's values; one whose field is absent stays as it is.
     virtual void setConfig([[maybe_unused]] const message& in, [[maybe_unused]] std::uint32_t options) {}
 
     /// tk::unassigned until the map gives it one.

@@ -10,8 +10,8 @@
 
 namespace tk {
 
-/// Has its owner do something later: once, however often it is asked for meanwhile, and not before a rest that
-/// the last time has earned. Withdraws the call when it is destroyed.
+/// Calls its owner later: once, however often the call is asked for meanwhile, and never while the owner's
+/// last rest() lasts. Withdraws the call when it is destroyed.
 /// Units: ticks of 10 ms.
 template <typename Owner, void (Owner::*action)()>
 class Pacer {
@@ -20,17 +20,17 @@ public:
     Pacer(const Pacer&) = delete;
     Pacer& operator=(const Pacer&) = delete;
 
-    /// Calls the owner `ticks` from now, or when the rest is over if that is later. Where a call is due
-    /// already, that one serves.
+    /// Calls the owner `ticks` from now, or when the rest is over if that is later. Does nothing when a call
+    /// is already due.
     void call(std::uint32_t ticks) {
         if (!std::exchange(due, true)) timer.arm(std::max(ticks, restTicks()));
     }
-    /// Withdraws the call. That none is due is no error.
+    /// Withdraws the call, if one is due.
     void withdraw() {
         timer.disarm();
         due = false;
     }
-    /// Lets no call that is asked for from now on come before so much time has passed.
+    /// Holds back calls asked for from now on until `time` has passed.
     void rest(std::chrono::steady_clock::duration time) { restEnd = std::chrono::steady_clock::now() + time; }
     /// True when a call is due.
     bool isDue() const { return due; }

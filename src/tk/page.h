@@ -10,9 +10,9 @@
 
 namespace tk {
 
-/// One page of a list: the records of at most `size` objects from `object` on, and the id at which the next
-/// page starts; the last page has none. `objects` is ordered by id; `record(id, object)` makes the message of
-/// one.
+/// One page of a list: the records of at most `size` objects, starting at `object`, and the id at which the
+/// next page starts; the last page has no such id. `objects` is ordered by id; `record(id, object)` makes the
+/// message of one object.
 template <typename Objects, typename Record>
 [[nodiscard]] message pageFrom(const Objects& objects, typename Objects::const_iterator object,
                                std::size_t size, Record record) {
@@ -25,7 +25,8 @@ template <typename Objects, typename Record>
     return page;
 }
 
-/// The page that a request asks for: from the id on that its continuation names, from the first one without it.
+/// The page that a request asks for. It starts at the id in the request's `next` field, or at the first
+/// object when there is no such field.
 template <typename Objects, typename Record>
 [[nodiscard]] message pageOf(const Objects& objects, const message& request, std::size_t size,
                              Record record) {

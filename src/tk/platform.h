@@ -9,8 +9,7 @@ namespace tk {
 /// Units: seconds.
 std::uint32_t getUptime();
 
-/// The version text of the operating system: the kernel's release, for example "6.1.0-18-amd64", no blank
-/// behind it.
+/// The operating system's version: the kernel's release, such as "6.1.0-18-amd64", without a trailing blank.
 std::string getOSVersion();
 
 }  // namespace tk

@@ -9,10 +9,10 @@
 
 namespace tk {
 
-/// Follows a list from page to page, and ends where it leads back to a page that was read.
+/// Follows a list from page to page, and stops where it leads back to a page already read.
 class PageTrail {
 public:
-    /// True when the list goes on at `next`: it is not tk::unassigned, and was not there before.
+    /// True when the list goes on at `next`: it is not tk::unassigned, and did not occur before.
     [[nodiscard]] bool goesOn(std::uint32_t next) { return next != unassigned && seen.insert(next).second; }
 
 private:
@@ -32,8 +32,7 @@ public:
     /// The next object.
     /// Errors: an empty message when none is left.
     message pop();
-    /// True when a query of the walk was answered with an error, or with a page that leads back to one
-    /// before.
+    /// True when a query of the walk ended with an error, or with a page that leads back to an earlier one.
     bool failed() const { return queryFailed; }
 
     /// How long each query may take.
@@ -54,8 +53,7 @@ private:
     PageTrail trail;
 };
 
-/// Walks the objects of all replies: a reply that says where the list goes on is followed by the query for
-/// the rest.
+/// Walks the objects of all replies: when a reply says where the list goes on, it queries the rest.
 class FullReget final : public Reget {
 protected:
     bool more() override;

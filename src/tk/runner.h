@@ -17,7 +17,7 @@ namespace tk {
 /// Units: milliseconds.
 constexpr std::uint32_t tickMilliseconds = 10;
 
-/// The time that the timers go by. Replaced by a manual clock in tests.
+/// The clock of the timers. Tests replace it by a manual one.
 class Clock {
 public:
     virtual ~Clock() = default;
@@ -36,19 +36,17 @@ constexpr std::uint32_t readable = 1;
 constexpr std::uint32_t writable = 4;
 
 /// Watches sockets and runs timers, all on the caller's thread.
-///
-/// Callbacks may add and remove any registration, also their own, and may delete their own object. A
-/// registration that was removed, or whose descriptor was closed and used again, is never called for an event
-/// of its former life.
+///  Callbacks may add and remove any registration, including their own, and may delete their own object. Once
+/// a registration is removed, or its descriptor closed and used again, events from before reach nobody.
 class Runner {
 public:
     using SocketCallback = void (*)(void* object, int fd, std::uint32_t events);
     using TimerCallback = void (*)(void* object);
-    /// What is urgent is served before all else in each turn: the bus, signals, and listeners, whose queue in
-    /// the kernel is short.
+    /// In each turn urgent sockets are served before all others: the bus, signals, and listeners, whose queue
+    /// in the kernel is short.
     enum class Priority : std::uint8_t { urgent, normal };
 
-    /// Nothing is watched yet.
+    /// At first nothing is watched and no timer is armed.
     /// Lifetime: the clock outlives the runner.
     explicit Runner(const Clock& clock);
     Runner(const Runner&) = delete;
@@ -60,7 +58,7 @@ public:
     /// watched.
     void addSocket(int fd, void* object, SocketCallback callback, std::uint32_t events,
                    Priority priority = Priority::normal);
-    /// Forgets a descriptor; call before it is closed. An unknown one is no error.
+    /// Stops watching a descriptor; call before it is closed. An unknown one is no error.
     void removeSocket(int fd);
 
     /// Calls `callback` once, `ticks` from now. A timer of the same object and callback is replaced.
@@ -90,8 +88,8 @@ public:
     }
 
     /// One turn: waits for the first event or timer, at most `limitMilliseconds` (-1: without limit), then
-    /// calls everything that is due: sockets, then timers. A socket that is registered during the turn, and a
-    /// timer that another timer's callback arms, wait for the next one.
+    /// calls everything that is due: sockets, then timers. A socket that is registered during the turn waits
+    /// for the next one, and so does a timer that a timer's callback arms.
     void turn(int limitMilliseconds);
 
     /// The time by the runner's clock.
@@ -100,7 +98,7 @@ public:
     /// How many descriptors are watched and timers armed.
     std::size_t socketCount() const { return sockets.size(); }
     std::size_t timerCount() const { return timers.size(); }
-    /// Until the next timer is due, rounded up; -1 without timers.
+    /// The time until the next timer is due, rounded up; -1 without timers.
     /// Units: milliseconds.
     int untilNextTimer() const;
 
@@ -115,7 +113,7 @@ private:
     using TimerKey = std::pair<void*, TimerCallback>;
     struct Due {
         std::uint64_t time;
-        std::uint64_t order;  // of arming, for timers that are due together
+        std::uint64_t order;  // of arming: decides among equal times
         TimerKey key;
         bool operator<(const Due& other) const {
             return std::tie(time, order) < std::tie(other.time, other.order);
@@ -151,8 +149,7 @@ private:
     std::uint64_t orders = 0;
 };
 
-/// The runner of the process's loop.
-/// Errors: there must be a Looper.
+/// The runner of the process's loop. Call only while there is a Looper.
 Runner* getRunner();
 
 }  // namespace tk

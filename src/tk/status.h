@@ -8,29 +8,29 @@
 
 namespace tk {
 
-/// How something ended that can fail: well, or not, with the reason for people. A value.
+/// The outcome of something that can fail: success, or failure with a reason for people to read. A value.
 class [[nodiscard]] Status {
 public:
-    /// It went well.
+    /// Success.
     Status() = default;
-    /// It failed. `code` is an errno value or the code of a bus error, whichever the function says; 0 where
-    /// nobody decides by it.
+    /// A failure. `code` is an errno value or a bus error code, as the failing function documents; 0 where no
+    /// caller acts on it.
     static Status failure(std::string reason, std::uint32_t code = 0) {
         return Status(std::move(reason), code);
     }
     /// A system call failed with this errno value: the reason is `what`, a colon and the system's text.
     static Status ofErrno(const std::string& what, int error);
-    /// The same without words of the caller's.
+    /// The same, with the system's text alone.
     static Status ofErrno(int error);
 
-    /// True when it went well.
+    /// True when it succeeded.
     bool isOk() const { return !failed; }
     /// Why it failed; empty when it did not.
     const std::string& reason() const { return text; }
-    /// The code of the failure, as the function that failed says.
+    /// The code of the failure; 0 when there is none.
     std::uint32_t code() const { return number; }
 
-    /// The same failure, with words before its reason.
+    /// The same outcome; the reason of a failure gets `words` put before it.
     Status prefixed(const std::string& words) const;
 
     bool operator==(const Status&) const = default;
@@ -43,7 +43,7 @@ private:
     std::string text;
 };
 
-/// A value, or why there is none. A value, as far as T is one.
+/// A value, or the reason why there is none. Itself a value if T is one.
 template <typename T>
 class [[nodiscard]] Result {
 public:
@@ -52,16 +52,16 @@ public:
 
     /// True when there is a value.
     bool isOk() const { return content.has_value(); }
-    /// Why there is none.
+    /// Why there is no value.
     const Status& status() const { return outcome; }
     const std::string& reason() const { return outcome.reason(); }
 
-    // The value. Only when there is one.
+    /// The value. Call only when there is one.
     const T& operator*() const { return *content; }
     T& operator*() { return *content; }
     const T* operator->() const { return &*content; }
     T* operator->() { return &*content; }
-    /// Gives the value up to the caller.
+    /// Moves the value out. Call only when there is one.
     [[nodiscard]] T take() { return std::move(*content); }
 
 private:

@@ -7,17 +7,17 @@
 
 namespace tk {
 
-/// A wish to hear the notifications of one sender that carry one command, as the hub's commands subscribe and
-/// unsubscribe take it. A value.
+/// The notifications with one command from one sender, as the hub's commands subscribe and unsubscribe name
+/// them. A value.
 struct Subscription {
-    Path path;              // the sender's, the whole of it
+    Path path;              // the sender's whole path
     std::uint32_t command;  // of the notifications
     message filter = {};    // empty: all of them
 
-    /// What goes to the hub with the command.
+    /// The fields of the command to the hub.
     [[nodiscard]] message toMessage() const;
-    /// Reads what came with the command; of several filters, the last that asks for anything. None when path or
-    /// command is missing.
+    /// Reads the fields of the command. Of several filters the last one that is not empty counts.
+    /// Errors: empty when path or command is missing.
     [[nodiscard]] static std::optional<Subscription> fromMessage(const message& source);
 
     bool operator==(const Subscription&) const = default;

@@ -10,10 +10,10 @@ namespace tk {
 template <typename Owner, void (Owner::*onExpiry)()>
 class Timer {
 public:
-    /// Goes by the loop of the process.
+    /// Runs on the loop of the process.
     explicit Timer(Owner& owner) : owner(owner) {}
-    /// Goes by another runner.
-    /// Lifetime: it outlives the timer.
+    /// Runs on the given runner.
+    /// Lifetime: the runner outlives the timer.
     Timer(Owner& owner, Runner& runner) : owner(owner), runner(&runner) {}
     Timer(const Timer&) = delete;
     Timer& operator=(const Timer&) = delete;
@@ -24,7 +24,7 @@ public:
         whose().template addTimer<Owner, onExpiry>(&owner, ticks);
         armed = true;
     }
-    /// Withdraws the call. One that is not armed is no error.
+    /// Withdraws the call, if the timer is armed.
     void disarm() {
         if (armed) whose().template removeTimer<Owner, onExpiry>(&owner);
         armed = false;
@@ -35,17 +35,18 @@ private:
 
     Owner& owner;
     Runner* runner = nullptr;  // null: the loop's
-    bool armed = false;        // was armed at least once since the last disarm; the call itself may be over
+    // True when armed since the last disarm(); the call itself may be over.
+    bool armed = false;
 };
 
 /// Watches one descriptor for its owner, and stops when it is destroyed. Declare it after the descriptor, so
 /// that the watch ends before the descriptor closes.
 class Watch {
 public:
-    /// Watches by the loop of the process.
+    /// Runs on the loop of the process.
     Watch() = default;
-    /// Watches by another runner.
-    /// Lifetime: it outlives the watch.
+    /// Runs on the given runner.
+    /// Lifetime: the runner outlives the watch.
     explicit Watch(Runner& runner) : runner(&runner) {}
     Watch(const Watch&) = delete;
     Watch& operator=(const Watch&) = delete;

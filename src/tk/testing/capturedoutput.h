@@ -6,7 +6,7 @@
 
 namespace tk::testing {
 
-/// Takes what is written to standard output, log lines above all, until it is destroyed.
+/// Captures what is written to standard output, above all log lines, until it is destroyed.
 class CapturedOutput {
 public:
     CapturedOutput();
@@ -14,7 +14,7 @@ public:
     CapturedOutput& operator=(const CapturedOutput&) = delete;
     ~CapturedOutput();
 
-    /// All that was written so far.
+    /// Everything written so far.
     std::string text() const;
 
 private:

@@ -7,7 +7,7 @@
 
 namespace tk::testing {
 
-/// Runs a shell command in the test's network namespace and gives what it writes to standard output.
+/// Runs a shell command in the test's network namespace and returns what it writes to standard output.
 /// `failed` is set when its status is not 0.
 inline std::string run(const std::string& command, bool& failed) {
     FILE* pipe = ::popen(command.c_str(), "r");

@@ -11,15 +11,15 @@
 
 namespace tk::testing {
 
-/// The hub's side of one bus connection, by hand: a listening Unix socket, and blocking reads and writes of
-/// single messages on the connection that was accepted. No read waits longer than five seconds.
+/// The hub's side of one bus connection, played by hand: a listening Unix socket, and blocking reads and
+/// writes of single messages on the accepted connection. No read waits longer than five seconds.
 class FakeHub {
 public:
     FakeHub();
 
     /// Where it listens.
     std::string path() const { return folder.file("bus"); }
-    /// Takes the connection that waits, or the next one.
+    /// Accepts the connection that waits, or the next one.
     void accept();
 
     void send(const message& content);
@@ -33,7 +33,7 @@ public:
 
     /// The next message of the connected program. False when it closed, was silent or sent rubbish.
     [[nodiscard]] bool read(message& out);
-    /// True when the program closes, or has closed, the connection and sends nothing before.
+    /// True when the program closes, or has closed, the connection without sending anything more.
     [[nodiscard]] bool seesEnd();
     /// Closes the connection.
     void close() { connection.reset(); }

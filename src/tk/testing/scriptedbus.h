@@ -24,10 +24,11 @@ public:
     };
     using Answer = std::function<message(const message& request)>;
 
-    /// Answers every request of `command` to `path` from now on; an empty message where nothing is told.
+    /// Answers every request of `command` to `path` from now on. Requests without an answer get an empty
+    /// message.
     void answer(Path path, std::uint32_t command, Answer answer);
     void answer(Path path, std::uint32_t command, message reply);
-    /// Leaves requests that are only asked without an end, until the next answer() for them.
+    /// Gives requests sent by ask() no end, until the next answer() for them.
     void keepSilent(Path path, std::uint32_t command);
     /// Called for each request before it is answered.
     std::function<void(const Request&)> onRequest;
@@ -45,7 +46,7 @@ public:
 
     std::vector<Request> requests;
     std::vector<message> posted;           // replies and notifications
-    std::deque<message> ends;              // of requests that were asked, on their way to the loop
+    std::deque<message> ends;              // of asked requests, on their way
     std::vector<std::uint32_t> asked;      // their numbers
     std::vector<std::uint32_t> forgotten;  // those of them that were withdrawn
 

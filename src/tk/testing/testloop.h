@@ -20,16 +20,17 @@ struct TestLoop {
 
     /// Moves the clock on, and calls every timer that becomes due, each at its own time.
     void advance(std::uint32_t ticks);
-    /// Serves what is ready now, until nothing is: at most `limit` turns.
+    /// Serves what is ready until nothing is, for at most `limit` turns.
     void settle(int limit = 20);
-    /// Hands the loop the end of a request that was asked and got none.
+    /// Hands the loop the end of an asked request that got none.
     void end(std::uint32_t number, message content);
-    /// Connects to a port of the loopback, sends a request and lets the loop serve it; what was answered by
-    /// then.
+    /// Connects to a port on loopback, sends a request and lets the loop serve it. Returns what was answered
+    /// by then.
     std::string exchangeOverTcp(std::uint16_t port, const std::string& request);
     /// Hands a notification of `from` to the loop, as the hub would.
     void notify(const Path& from, std::uint32_t command, message content);
-    /// Hands a request for handler 0 to the loop; the answer as it was posted, without routing fields.
+    /// Hands a request for handler 0 to the loop. Returns the answer as it was posted, without routing
+    /// fields.
     message request(std::uint32_t command, message content);
 };
 
