@@ -25,7 +25,7 @@ tk::message AddressRecord::toMessage() const {
 AddressRecord AddressRecord::fromMessage(const tk::message& record) {
     AddressRecord out;
     out.id = record.get_u32(tk::field::objectId);
-    // An absent address reads as whatever it is to read as.
+    // Only an absent field reads as each of two defaults.
     const std::uint32_t address = record.get_be32(field::address, 0);
     if (address == record.get_be32(field::address, 1)) out.address = address;
     out.interface = record.get_u32(field::interface, record.get_u32(field::actualInterface));

@@ -19,37 +19,37 @@ constexpr std::uint32_t type = 2;       // u32: a Role
 
 /// The settings of the gateway. A value.
 struct Settings {
-    /// UPnP is switched on.
+    /// True when UPnP is switched on.
     bool enabled = false;
-    /// Control points may disable an external interface.
+    /// True when control points may disable an external interface.
     bool allowDisableExternal = true;
-    /// A mapping that does nothing is shown before all others, for clients that need one.
+    /// True when a mapping that does nothing is shown before all others, for clients that need one.
     bool showDummyRule = true;
 
-    /// All three, as a set carries them and a get answers.
+    /// All three fields, as a set carries them and a get returns them.
     [[nodiscard]] tk::message toMessage() const;
-    /// Reads them, each from `absent` where its field is.
+    /// Reads the settings; one whose field is absent is taken from `absent`.
     [[nodiscard]] static Settings fromMessage(const tk::message& source, const Settings& absent);
 
     bool operator==(const Settings&) const = default;
 };
 
-/// The side of the gateway that an interface is, with its number on the bus. A number from the bus may be
-/// none of these.
+/// Which side of the gateway an interface is, with its number on the bus. A number from the bus may be none
+/// of these.
 enum class Role : std::uint32_t { none = 0, external = 1, internal = 2 };
 
 /// One "upnp interface" item, without its id. A value.
 struct RoleItem {
     /// The id of the interface that it names.
     std::uint32_t interface = 0;
-    /// The side that the interface is.
+    /// Which side the interface is.
     Role type = Role::none;
-    /// The item is switched off.
+    /// True when the item is switched off.
     bool disabled = false;
 
     /// The fields of an item, in the order of its records.
     [[nodiscard]] tk::message toMessage() const;
-    /// Reads an item, each value from `absent` where its field is.
+    /// Reads an item; a value whose field is absent is taken from `absent`.
     [[nodiscard]] static RoleItem fromMessage(const tk::message& source, const RoleItem& absent);
 
     bool operator==(const RoleItem&) const = default;

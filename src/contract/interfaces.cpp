@@ -9,7 +9,7 @@ namespace {
 namespace field = interfacefield;
 
 std::optional<bool> flagOf(const tk::message& record, std::uint32_t id) {
-    // An absent one reads as whatever it is to read as.
+    // Only an absent field reads as each of two defaults.
     const bool value = record.get_bool(id, true);
     return value == record.get_bool(id, false) ? std::optional(value) : std::nullopt;
 }

@@ -8,7 +8,7 @@
 /// The destination NAT rules, at {20, 5}.
 namespace contract {
 
-// A has... flag says that the fields of its group are given.
+// A has... flag is true when the fields of its group are given.
 namespace rulefield {
 constexpr std::uint32_t dstPortFirst = 9;       // u32
 constexpr std::uint32_t dstPortLast = 10;       // u32
@@ -28,8 +28,8 @@ constexpr std::uint32_t hasToAddress = 1006;    // bool
 constexpr std::uint32_t hasToPort = 1007;       // bool
 }  // namespace rulefield
 constexpr const char* dstnatChain = "dstnat";
-constexpr std::uint32_t destinationNat = 22;  // the action that there is
-// Command: answers, with the fields of a new rule, whether a program would get it, and changes nothing.
+constexpr std::uint32_t destinationNat = 22;  // the only action
+// Command with the fields of a new rule: answers whether a program would get it, and changes nothing.
 constexpr std::uint32_t testRule = 2;
 
 /// What a rule matches: new connections to a port of an address. A value.
@@ -42,7 +42,7 @@ struct NatKey {
     auto operator<=>(const NatKey&) const = default;
 };
 
-/// Where a rule leads to. A value.
+/// Where a rule leads. A value.
 /// Byte order: the address in network order, the port in host order.
 struct NatTarget {
     std::uint32_t address = 0;
@@ -51,7 +51,7 @@ struct NatTarget {
     auto operator<=>(const NatTarget&) const = default;
 };
 
-/// A destination NAT rule as it travels. A value.
+/// A destination NAT rule as it is sent. A value.
 struct NatRule {
     std::uint32_t id = 0;  // 0: none yet
     bool dynamic = false;
@@ -61,15 +61,15 @@ struct NatRule {
 
     bool operator==(const NatRule&) const = default;
 
-    /// The rule as a record; without an id the fields of the request that makes it.
+    /// The rule as a record; without an id, the fields of the request that makes it.
     tk::message toMessage() const;
-    /// The fields of the request that gives the rule of this id its target and its disabled flag.
+    /// The fields of the request that sets the target and the disabled flag of the rule with this id.
     tk::message toChange() const;
-    /// The fields of the question for testRule: the fewest that make up a rule.
+    /// The fields of a testRule request: the fewest that make up a rule.
     tk::message toQuestion() const;
 
-    /// Reads a record. What it lacks is as in a rule by default; what a field holds beyond its value here is
-    /// cut off.
+    /// Reads a record. Absent fields keep their defaults; a number too large for its member is cut to its low
+    /// bits.
     static NatRule fromMessage(const tk::message& record);
     /// The rule with the key, the target and the disabled flag that a request names.
     NatRule changedBy(const tk::message& request) const;

@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-/// The ports on which the LAN finds the gateway, which the daemon opens and the firewall guards.
+/// The ports where the LAN finds the gateway; the daemon opens them and the firewall guards them.
 namespace contract {
 
 constexpr std::uint16_t ssdpPort = 1900;  // UDP

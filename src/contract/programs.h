@@ -10,7 +10,8 @@ namespace contract {
 
 namespace program {
 constexpr std::uint32_t resolver = 14;
-constexpr std::uint32_t network = 20;  // {20, 0} interfaces, {20, 1} addresses, {20, 5} destination NAT rules
+// {20, 0} interfaces, {20, 1} addresses, {20, 5} destination NAT rules.
+constexpr std::uint32_t network = 20;
 constexpr std::uint32_t identity = 65;
 constexpr std::uint32_t gateway = 80;
 }  // namespace program
