@@ -32,7 +32,7 @@ void Notifications::ready(int, std::uint32_t) {
 }
 
 void Notifications::discard() {
-    // What waits is older than what was lost: applied after the reading of everything, it would undo it.
+    // What waits is older than what was lost. Applied after everything is read again, it would undo that.
     for (int i = 0; i < queuedDatagrams; ++i)
         if (socket.receive(0, [this](const nlmsghdr& message) { owner.heard(message, true); }) ==
             Socket::Received::nothing)

@@ -10,27 +10,28 @@
 
 namespace netlink {
 
-/// What the kernel tells of its own accord.
+/// Receives what the kernel tells of its own accord.
 class Notifications {
 public:
-    /// Who wants to know.
+    /// Hears the notifications.
     class Owner {
     public:
         virtual ~Owner() = default;
-        /// `isStale`: something was lost after it. What is kept by such messages would be wrong for good.
+        /// A message arrived. `isStale` is true when something after it was lost: state built from such
+        /// messages would stay wrong.
         virtual void heard(const nlmsghdr& message, bool isStale) = 0;
-        /// Something was lost, and all that waited was heard: time to read everything again.
+        /// Something was lost, and all that waited has been heard: read everything again now.
         virtual void lost() = 0;
     };
 
     /// Lifetime: the owner outlives the object.
     explicit Notifications(Owner& owner) : owner(owner) {}
 
-    /// Joins the groups (a mask) of a netlink family. What is told from now on waits for start().
+    /// Joins the groups (a mask) of a netlink family. Messages from now on wait for start().
     /// Errors: the code is an errno value.
     tk::Status open(int family, std::uint32_t groups);
-    /// Hands over what waits and what comes.
-    /// Lifetime: there is a loop from now on until the object is gone.
+    /// Hands over the messages that wait and those that come.
+    /// Lifetime: a loop exists from now on until the object is gone.
     void start();
 
 private:

@@ -13,7 +13,7 @@ namespace {
 
 constexpr int dumpAttempts = 20;
 
-/// The kernel's own words in an error message, empty where it has none.
+/// The kernel's own words in an error message; empty when it has none.
 std::string kernelText(const nlmsghdr& message, const nlmsgerr& error) {
     if ((message.nlmsg_flags & NLM_F_ACK_TLVS) == 0) return {};
     std::size_t offset = sizeof error;
@@ -29,14 +29,14 @@ std::string kernelText(const nlmsghdr& message, const nlmsgerr& error) {
     return {};
 }
 
-/// What a finished dump says of itself: a negative errno value in newer kernels, nothing in older ones.
+/// What the end of a dump says: a negative errno value with newer kernels, nothing with older ones.
 tk::Status outcomeOfDone(const nlmsghdr& message) {
     if (mnl_nlmsg_get_payload_len(&message) < sizeof(int)) return {};
     const int status = *static_cast<const int*>(mnl_nlmsg_get_payload(&message));
     return status < 0 ? failure(-status) : tk::Status();
 }
 
-/// Sends what is to be answered, and waits for the end of that.
+/// Sends messages, and waits for the end of their answer.
 Answer ask(Socket& socket, std::span<const char> bytes, Answer answer, int milliseconds,
            const Visitor& visit) {
     if (tk::Status sent = socket.send(bytes.data(), bytes.size()); !sent.isOk()) answer.fail(std::move(sent));
@@ -76,7 +76,7 @@ tk::Status transact(Socket& socket, std::span<const char> messages, std::uint32_
 Answer::Answer(std::uint32_t first, std::uint32_t last) : first(first), last(last), isExpected(true) {}
 
 bool Answer::receive(Socket& socket, int milliseconds, const Visitor& visit) {
-    // After a loss only what still waits is read: an error may be among it, and room is needed for what comes.
+    // After a loss reads only what still waits: an error may be among it, and what comes next needs the room.
     const auto result = socket.receive(lossError == 0 ? milliseconds : 0,
                                        [&](const nlmsghdr& message) { take(message, visit); });
     switch (result) {
@@ -126,7 +126,8 @@ bool Answer::isPartial() const {
 }
 
 tk::Status Answer::outcome() const {
-    // One error is enough to know that nothing was done; success is known only when no error can be missing.
+    // One error is enough to know that nothing was done. Success is certain only when no error can be
+    // missing.
     if (lossError == 0 || !refusal.isOk()) return refusal;
     return tk::Status::failure(::strerror(lossError), unanswered);
 }

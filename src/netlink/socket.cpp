@@ -16,7 +16,7 @@ tk::Status Socket::open(int family, std::uint32_t groups) {
     socket.reset(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, family));
     if (!socket.isOpen()) return failure(errno);
     const int on = 1;
-    // Better texts, where it is known.
+    // Better error texts, where the kernel knows the option.
     (void)::setsockopt(socket.get(), SOL_NETLINK, NETLINK_EXT_ACK, &on, sizeof on);
     sockaddr_nl address{};
     address.nl_family = AF_NETLINK;
@@ -30,7 +30,7 @@ tk::Status Socket::open(int family, std::uint32_t groups) {
 void Socket::setBuffers(int sendSize, int receiveSize) {
     const auto set = [this](int force, int option, int size) {
         if (::setsockopt(socket.get(), SOL_SOCKET, force, &size, sizeof size) == 0) return;
-        // In a container: as much as the system allows to anybody, or the default.
+        // In a container: as much as the system allows everybody, or the default.
         (void)::setsockopt(socket.get(), SOL_SOCKET, option, &size, sizeof size);
     };
     set(SO_SNDBUFFORCE, SO_SNDBUF, sendSize);

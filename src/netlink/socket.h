@@ -11,36 +11,37 @@
 
 namespace netlink {
 
-/// Is called with one message from the kernel.
+/// Called with one message from the kernel.
 using Visitor = std::function<void(const nlmsghdr&)>;
-/// Where it does not matter what the kernel says.
+/// For callers that do not care what the kernel says.
 inline void ignore(const nlmsghdr&) {}
 
 /// A socket to the kernel. Takes datagrams only from the kernel itself (port 0), at their full size.
 class Socket {
 public:
-    /// What receive() found: `lost` when the kernel had no room for something, `failed` with errno set.
+    /// What receive() found. `lost`: the kernel had no room for a message. `failed`: errno is set.
     enum class Received : std::uint8_t { datagram, nothing, lost, failed };
 
-    /// Opens a socket of a netlink family, which joins the given groups (a mask).
+    /// Opens a socket of a netlink family, and joins the given groups (a mask).
     /// Errors: the code is an errno value.
     tk::Status open(int family, std::uint32_t groups = 0);
-    /// Leaves its groups, and what it owns.
+    /// Leaves the groups, and gives up what the socket owns in the kernel.
     void close() { socket.reset(); }
 
-    // The descriptor that becomes readable, and whether there is one.
+    /// The descriptor that becomes readable; -1 when there is none.
     int descriptor() const { return socket.get(); }
+    /// True when the socket is open.
     bool isOpen() const { return socket.isOpen(); }
-    /// Sequence numbers begin at 1: notifications carry 0.
+    /// The next sequence number. They begin at 1, as notifications carry 0.
     std::uint32_t nextSequence() { return ++sequence; }
-    /// Sets the socket's buffers, as large as the system allows at most.
+    /// Sets the sizes of the socket's buffers, at most what the system allows.
     /// Units: bytes.
     void setBuffers(int send, int receive);
 
     /// Sends bytes that hold one or more messages.
     /// Errors: the code is an errno value.
     tk::Status send(const void* bytes, std::size_t size);
-    /// Waits, at most `milliseconds`, for one datagram, and calls `visit` for each of its messages.
+    /// Waits at most `milliseconds` for one datagram, and calls `visit` for each of its messages.
     [[nodiscard]] Received receive(int milliseconds, const Visitor& visit);
 
 private:
@@ -52,7 +53,7 @@ private:
     std::size_t filled = 0;
 };
 
-/// What a failure with this errno value is called.
+/// The failure with this errno value, in words for people.
 tk::Status failure(int error);
 
 }  // namespace netlink
