@@ -18,8 +18,8 @@ namespace {
 
 constexpr uid_t root = 0;
 
-/// What is asked of whom; a cell of the table. The numbers are wider than those of a message, which can name
-/// none of the marks below.
+/// Who is asked what: a cell of the table. The numbers are wider than those of a message, which therefore
+/// cannot name the marks below.
 struct Cell {
     std::uint32_t program;
     std::uint64_t handler;
@@ -27,15 +27,15 @@ struct Cell {
 };
 
 constexpr std::uint64_t every = std::uint64_t{1} << 32;    // handler
-constexpr std::uint64_t looking = std::uint64_t{1} << 32;  // command: each that changes nothing
+constexpr std::uint64_t looking = std::uint64_t{1} << 32;  // commands that change nothing
 
-// What changes nothing, whoever is asked.
+// Commands that change nothing, whoever gets them.
 constexpr std::uint32_t readings[] = {tk::command::getPolicies, tk::command::getObject, tk::command::getAll,
                                       tk::command::get, tk::command::getCount};
 
 constexpr std::uint32_t resolveName = 3;  // of the resolver
 
-// What changes nothing of the commands that a handler has for itself.
+// Commands of single handlers that change nothing.
 constexpr Cell ownReadings[] = {
     {contract::program::network, 0, contract::listInterfaces},
     {contract::program::network, 0, contract::tellSide},
@@ -43,8 +43,8 @@ constexpr Cell ownReadings[] = {
     {contract::program::resolver, 0, resolveName},
 };
 
-// The user of the gateway daemon. Which rules are its own, and which interfaces may go down, is decided where
-// these are kept.
+// The user of the gateway daemon. The handlers of rules and interfaces decide which rules are its own, and
+// which interfaces may go down.
 constexpr Cell ofGateway[] = {
     {contract::program::network, every, looking},
     {contract::program::identity, every, looking},
@@ -56,7 +56,7 @@ constexpr Cell ofGateway[] = {
     {tk::program::history, 0, tk::command::addObject},
 };
 
-// Whoever is neither that user nor the resolver's, which may nothing.
+// Everybody else, except the resolver's user, which may do nothing.
 constexpr Cell ofOthers[] = {
     {contract::program::network, every, looking},
     {tk::program::history, every, looking},
@@ -64,7 +64,7 @@ constexpr Cell ofOthers[] = {
     {contract::program::gateway, every, looking},
 };
 
-/// What a command asks of a handler: a path of one element means handler 0.
+/// The cell of a command to a handler; a path of one element means handler 0.
 Cell cellOf(const tk::Path& path, std::uint32_t command) {
     return {path.front(), path.size() > 1 ? path[1] : 0, command};
 }
@@ -106,14 +106,14 @@ tk::Status unless(bool allowed, const std::string& refusal) {
     return allowed ? tk::Status() : tk::Status::failure(refusal);
 }
 
-/// A path as far as rights tell it apart.
+/// The part of a path that rights depend on.
 std::string textOf(const tk::Path& path) {
     return std::to_string(path.front()) + (path.size() > 1 ? "," + std::to_string(path[1]) : "");
 }
 
 tk::Status checkAsking(const UserRights& rights, const tk::Path& path, std::uint32_t command) {
     const Cell asked = cellOf(path, command);
-    // Somebody else's change is taken back: more than to write records.
+    // It takes back somebody else's change, which is more than writing records.
     if (asked.program == tk::program::history && command == contract::undoLast)
         return unless(rights.undoes, "may not undo changes: it needs undo = true");
     const std::string place = textOf(path);
@@ -127,7 +127,7 @@ tk::Status checkBeing(const UserRights& rights, const std::string& what, std::ui
                   "may not " + what + number + ": it needs programs = [" + number + "]");
 }
 
-/// What the hub itself is asked. The rest of its commands concern nobody but their sender.
+/// Decides about commands to the hub itself. The ones not named concern only their sender.
 tk::Status checkCommand(const UserRights& rights, const tk::message& request) {
     switch (request.get_u32(tk::field::command)) {
         case tk::command::hubRegister:
@@ -153,14 +153,14 @@ tk::Status checkRequest(const UserRights& rights, const tk::message& request) {
     if (to.empty()) return {};  // goes nowhere
     if (to.front() == tk::program::hub) return checkCommand(rights, request);
     const std::uint32_t command = request.get_u32(tk::field::command);
-    // A client's records would go with it, and push out those of others before.
+    // A client's records would go when it does, and before that push out those of others.
     if (to.front() == tk::program::history && command == tk::command::addObject && !isProgram(request) &&
         mayBe(rights, contract::program::gateway) && !mayWrite(rights, cellOf(to, command)))
         return tk::Status::failure("may not record changes: it is no program");
     return checkAsking(rights, to, command);
 }
 
-/// Notifications and answers come from programs, in their own name.
+/// Only programs send notifications and answers, and only in their own name.
 tk::Status checkSpeaking(const UserRights& rights, const tk::message& sent) {
     if (!isProgram(sent)) return tk::Status::failure("may not tell anything: it is no program");
     return checkBeing(rights, "speak as program ", sent.get_u32_array(tk::field::sender).front());

@@ -14,7 +14,7 @@ namespace hub {
 
 namespace {
 
-constexpr int killMilliseconds = 1000;  // for a killed process to be gone
+constexpr int killMilliseconds = 1000;  // until a killed process is gone
 
 }  // namespace
 
@@ -108,8 +108,8 @@ void Activation::reap(std::uint32_t program) {
         pending->second.crashed(hadRegistered);
 }
 
-/// Ends what waits for a program that did not come. One that left of its own accord is started again for what
-/// arrived after it had left the bus.
+/// Ends the requests that wait for a program that did not come. One that left of its own accord is started
+/// again for the requests that arrived after it had left the bus.
 void Activation::programEnded(std::uint32_t program, const std::string& how, bool hadRegistered) {
     tk::Status missing = tk::Status::failure("the program " + how + " before it came to the bus");
     if (hadRegistered && hub.awaits(program)) missing = start(program);
@@ -124,7 +124,7 @@ void Activation::startOrRetry(std::uint32_t program) {
         pending->second.crashed(false);
 }
 
-/// systemd has taken the unit on, or not. Its program comes to the bus later, or has done so meanwhile.
+/// systemd has accepted the unit, or not. Its program comes to the bus later, or has come already.
 void Activation::unitAsked(const ProgramConfig& program, int status) {
     if (WIFEXITED(status) && WEXITSTATUS(status) == 0) {
         if (!hub.awaits(program.number)) return;

@@ -19,11 +19,11 @@
 
 namespace hub {
 
-/// When a program that has crashed is started again: a second later if it had come to the bus before, else
-/// after twice the time of the last attempt, up to about a minute.
+/// Decides when a crashed program is started again: after a second if it had come to the bus, else after
+/// twice the previous wait, up to about a minute.
 class Restart {
 public:
-    /// The first time and the longest.
+    /// The first wait and the longest.
     /// Units: ticks of 10 ms.
     static constexpr std::uint32_t firstTicks = 100;
     static constexpr std::uint32_t mostTicks = 6400;
@@ -44,15 +44,14 @@ private:
     tk::Timer<Restart, &Restart::due> timer{*this};
 };
 
-/// Starts the programs of the configuration when the hub asks for them or the router starts, starts them again
+/// Starts the programs of the configuration when the hub asks for them or the router starts, restarts them
 /// after a crash, and ends them with the router.
+///  A unit belongs to systemd: a command asks for it, and the command's success is not the program's end.
+/// Until its process has ended, systemd considers a unit running even if the program has left the bus. So it
+/// is asked again, each second, for a program that is awaited and does not come.
 ///
-/// A program that is a unit is systemd's: it is only asked for, by a command whose good end is not the
-/// program's. systemd takes a unit whose program has left the bus for running until the process has ended; so
-/// it is asked again, each second, for a program that is awaited and does not come.
-///
-/// A command that is to run with the router comes back after a crash; one that left with status 0 meant it,
-/// and is started by the next message for it.
+/// A command that runs with the router is restarted after a crash. One that left with status 0 meant to; the
+/// next message for it starts it.
 class Activation final : public Starter {
 public:
     /// Starts from now on what the hub asks for.
@@ -65,15 +64,15 @@ public:
 
     tk::Status start(std::uint32_t program) override;
     void registered(std::uint32_t program) override;
-    /// Starts what is to run from the beginning. What cannot be started is logged, and a command tried again.
+    /// Starts what runs from the beginning. A failure is logged, and a command is tried again.
     void startConfigured();
-    /// Asks every started program to end, and starts none any more. Units are left to systemd.
+    /// Asks every started program to end, and starts no more. Units are left to systemd.
     void endAll();
     /// True while a started program has not ended.
     bool isRunning() const { return !children.empty(); }
 
 private:
-    /// A running program, or the command that asks for one: a process group of its own, watched by a
+    /// A running program, or the command that asks for one: its own process group, watched through a
     /// descriptor of the process.
     struct Child {
         Child(Activation& activation, std::uint32_t program, Started started);
@@ -102,8 +101,8 @@ private:
     Processes& processes;
     bool ending = false;
     std::map<std::uint32_t, std::unique_ptr<Child>> children;  // by program
-    std::map<std::uint32_t, Restart> restarts;                 // of commands that run with the router
-    std::set<std::uint32_t> coming;                            // units that were asked for, by program
+    std::map<std::uint32_t, Restart> restarts;                 // commands run with the router
+    std::set<std::uint32_t> coming;                            // units asked for, by program
     tk::Timer<Activation, &Activation::askAgain> askingAgain{*this};
 };
 

@@ -47,7 +47,7 @@ bool AwaitedRequests::hasOf(std::uint32_t requester) const {
     });
 }
 
-/// A program that nobody waits for is not asked for again.
+/// Drops programs without requests, so that they are not asked for again.
 void AwaitedRequests::forgetEmpty() {
     std::erase_if(requests, [](const auto& entry) { return entry.second.empty(); });
 }

@@ -12,16 +12,16 @@
 
 namespace hub {
 
-/// The requests that wait for programs to register. They wait in their flat form: a request of many small parts
-/// takes more than ten times that once it is parsed.
+/// The requests that wait for programs to register. They wait in flat form: a request of many small parts
+/// takes more than ten times as much once it is parsed.
 class AwaitedRequests {
 public:
-    /// One that waits, and what that costs.
+    /// A request that waits, and what that costs.
     struct Request {
         std::uint32_t requester;  // client number
         std::string flat;
         tk::Charge charge;
-        std::uint32_t round;  // of takeOld() that it came in
+        std::uint32_t round;  // of takeOld() in which it came
     };
 
     /// Lets a request wait for `program`, at the expense of `payer`.
@@ -29,10 +29,10 @@ public:
     /// Lifetime: the budget outlives the request.
     [[nodiscard]] bool add(std::uint32_t program, std::uint32_t requester, std::string_view flat,
                            tk::Budget& payer);
-    /// Takes out all that wait for `program`, in the order of arrival.
+    /// Takes out all requests for `program`, in the order of arrival.
     [[nodiscard]] std::deque<Request> take(std::uint32_t program);
-    /// Takes out what has waited since before the last call of this function, by program and then in the order
-    /// of arrival.
+    /// Takes out the requests that came before the last call of this function, by program and then in the
+    /// order of arrival.
     [[nodiscard]] std::vector<Request> takeOld();
     /// Forgets the requests of a peer.
     void drop(std::uint32_t requester);

@@ -12,11 +12,11 @@
 
 namespace hub {
 
-/// What the hub keeps for others, in bytes: one account for each user over all its connections, and one for
-/// each connection of root.
+/// The bytes that the hub keeps for others: one account per user for all its connections, and one per
+/// connection of root.
 class Budgets {
 public:
-    /// How much one user has over all its connections.
+    /// How much one user has for all its connections.
     /// Units: bytes.
     static constexpr std::size_t userLimit = std::size_t{16} * 1024 * 1024;
     /// How much one connection of root has: room for some frames of the largest size.
@@ -35,7 +35,7 @@ public:
     }
 
 private:
-    using Key = std::pair<uid_t, std::uint32_t>;  // the client number for root alone, else 0
+    using Key = std::pair<uid_t, std::uint32_t>;  // a client number for root, else 0
 
     std::map<Key, tk::Budget> budgets;
 };

@@ -13,7 +13,7 @@ namespace hub {
 
 namespace {
 
-/// What a requester is told in place of an end that has no room in a frame.
+/// What a requester gets instead of an end that does not fit into a frame.
 tk::message tooLarge(const tk::message& end) {
     tk::message told = tk::errorMsg(tk::error::failed, "the answer is too large");
     told.insert_u32_array(tk::field::destination, end.get_u32_array(tk::field::destination));
@@ -44,7 +44,7 @@ void Hub::turnAway(const tk::Fd& socket, uid_t user, std::uint32_t code, const s
     tk::stamp(told, {tk::program::hub}, 0, tk::Kind::error, 0);
     trace(told);
     std::string frame;
-    // The socket is new: the frame fits its buffer, or the peer is gone and misses nothing.
+    // The socket is new: either the frame fits its buffer, or the peer is gone and misses nothing.
     if (tk::appendFrame(frame, told))
         (void)::send(socket.get(), frame.data(), frame.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
 }
@@ -71,7 +71,7 @@ void Hub::peerSent(Peer& peer, tk::message received) {
     takeEnd(peer, received);
 }
 
-/// True when what needs no answer is not passed on.
+/// True when a message that needs no answer must not be passed on.
 bool Hub::isRefused(const Peer& from, const tk::message& sent) {
     const tk::Status allowed = access.check(from.user().uid, sent);
     if (!allowed.isOk()) noteRefused(from, "it " + allowed.reason());
@@ -83,7 +83,7 @@ void Hub::noteRefused(const Peer& from, const std::string& why) {
     refusedMessages.note("message of user " + std::to_string(user) + " refused", user, why);
 }
 
-/// A client that comes, asks and goes is no event; a program is, and so is a peer that had to be dropped.
+/// Logs that a program left or a peer had to be dropped. A client that comes, asks and goes is no event.
 void Hub::tellEnd(const Peer& peer, const std::string& reason) {
     const std::string event = std::to_string(peer.identity()) + " left";
     if (peer.isProgram()) return leftPrograms.note(event, peer.user().uid, reason);
@@ -99,7 +99,7 @@ void Hub::peerEnded(Peer& peer, const std::string& reason) {
     tracers.drop(number);
     pending.dropOfRequester(number);
     awaited.drop(number);
-    // What it made goes before anybody is told: whoever hears of its end finds nothing of it any more.
+    // What it made goes first: whoever hears of its end finds nothing of it any more.
     services.disconnected({number});
     if (identity != number) services.disconnected({identity});
     for (const tk::message& request : pending.takeOfCallee(number))
@@ -133,7 +133,7 @@ void Hub::deliverEnd(Peer& to, const tk::message& end) {
     if (to.send(end) || !to.isOpen()) return;
     const tk::message told = tooLarge(end);
     trace(told);
-    (void)to.send(told);  // a peer whose connection breaks now is served from the loop
+    (void)to.send(told);  // if the connection breaks now, the loop tells
 }
 
 void Hub::publish(const tk::message& notification) {

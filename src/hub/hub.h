@@ -26,12 +26,12 @@
 
 namespace hub {
 
-/// Starts programs that a message is for and that are not on the bus.
+/// Starts programs that are not on the bus when a message is for them.
 class Starter {
 public:
     virtual ~Starter() = default;
     /// Starts `program`, unless it was started already and is still running.
-    /// Errors: when it is not known how to start it, or the system refused.
+    /// Errors: nobody knows how to start it, or the system refused.
     virtual tk::Status start(std::uint32_t program) = 0;
     /// Hears that a program has registered.
     virtual void registered(std::uint32_t program) = 0;
@@ -41,29 +41,29 @@ public:
 class ProgramWatcher {
 public:
     virtual ~ProgramWatcher() = default;
-    /// A connection of `user` becomes `program`; called before it is told so.
+    /// A connection of `user` becomes `program`. Called before the connection is told so.
     virtual void programComes(std::uint32_t program, uid_t user) = 0;
 };
 
 /// The middle of the bus: carries requests to programs and their ends back, hands notifications to
 /// subscribers, and serves the handlers of its own process. It never waits for anybody.
 ///
-/// Every message passes one of the functions of hub.cpp that trace it; nothing is sent beside them.
+/// Every message passes through one of the functions in hub.cpp that trace it; nothing bypasses them.
 class Hub final : public tk::Bus, private Peer::Owner {
 public:
-    /// How many elements the paths of a subscription and of a request may have: they are kept, and must not
-    /// cost what their maker likes.
+    /// How many elements the path of a subscription and of a request may have. Paths are kept, so their cost
+    /// has to be bounded.
     static constexpr std::size_t subscriptionPathLimit = 16;
     static constexpr std::size_t requestPathLimit = 256;
-    /// A request ends with an error when nobody has answered it after this time, or up to twice that. It is
-    /// longer than any requester waits.
+    /// A request that nobody answers ends with an error after this time, or up to twice that. No requester
+    /// waits so long.
     /// Units: ticks of 10 ms.
     static constexpr std::uint32_t expiryTicks = 6100;
-    /// Stands for the handlers of this process where requesters are named by client number.
+    /// Stands for the handlers of this process among the client numbers of requesters.
     static constexpr std::uint32_t ownRequester = 0;
-    /// Why a request ends that leads nowhere.
+    /// Why a request that leads nowhere ends.
     static constexpr const char* nobodyThere = "nobody at this destination";
-    /// How many programs may leave within a minute before the log counts them.
+    /// How many programs leaving within a minute are logged one by one, before they are only counted.
     static constexpr std::size_t leavesAtOnce = 16;
 
     Hub();
@@ -74,28 +74,28 @@ public:
     /// Serves a handler of this process at `path`.
     /// Lifetime: the handler outlives the hub, or close() comes first.
     void addService(tk::Handler& handler, const tk::Path& path);
-    /// Who asks the handlers of this process.
-    /// Lifetime: the hub's.
+    /// Tells who makes the request that a handler of this process is serving.
+    /// Lifetime: that of the hub.
     const Requester& requester() const { return services; }
-    /// Whom to ask for programs that are not there; null (the start) for nobody.
+    /// Sets whom to ask for programs that are not there; null, as at first, for nobody.
     /// Lifetime: the starter outlives its use.
     void setStarter(Starter* target) { starter = target; }
 
-    /// Sets who may do what; at first that is root alone, beside what everybody may. Call before there are
-    /// connections: what was subscribed to stays.
+    /// Sets who may do what. At first only root may do more than everybody. Call before there are
+    /// connections: existing subscriptions stay.
     void setAccess(Access table) { access = std::move(table); }
     /// Sets the number that the next connection gets, if nobody has it.
     void setNextClient(std::uint32_t number) { peers.setNextNumber(number); }
-    /// Whom to tell of programs that come; null (the start) for nobody.
+    /// Sets whom to tell of programs that come; null, as at first, for nobody.
     /// Lifetime: the watcher outlives its use.
     void setProgramWatcher(ProgramWatcher* target) { watcher = target; }
 
-    /// Takes a new, non-blocking connection over. A peer over a limit is turned away.
+    /// Takes over a new, non-blocking connection. A peer over a limit is turned away.
     void adopt(tk::Fd socket, const Credentials& credentials);
-    /// Tells the peer of a new, non-blocking connection why it is not taken, in one error that carries no
-    /// number. The caller closes the connection, which was of this user.
+    /// Tells the peer of a new, non-blocking connection of `user` why it is not taken, in one error without a
+    /// number. The caller closes the connection.
     void turnAway(const tk::Fd& socket, uid_t user, std::uint32_t code, const std::string& why);
-    /// Ends the requests that wait for a program that was started and did not get as far as registering.
+    /// Ends the requests that wait for a program that was started but did not get as far as registering.
     void programFailed(std::uint32_t program, const std::string& reason);
     /// True when requests wait for `program` to register.
     bool awaits(std::uint32_t program) const { return awaited.has(program); }
@@ -104,16 +104,16 @@ public:
 
     /// How many connections there are.
     std::size_t peerCount() const { return peers.count(); }
-    /// What is kept for a user, and of root for one connection.
+    /// The account of a user, or of one connection of root.
     /// Lifetime: until the next connection comes.
     tk::Budget& budgetOf(uid_t user, std::uint32_t client) { return peers.budgetOf(user, client); }
 
-    /// For the handlers of this process.
+    /// Makes a request of a handler of this process to another one.
     /// Errors: error::refused for a request to another process: the hub waits for nobody.
     [[nodiscard]] tk::message exchange(const tk::message& request, const tk::Path& from,
                                        std::uint32_t command, std::uint32_t timeout) override;
-    /// A request of a handler of this process gets its number here; its end comes to the handler's
-    /// handleReply(), maybe before this returns.
+    /// Sends a message of a handler of this process. A request gets its number here; its end reaches the
+    /// handler's handleReply(), possibly before this returns.
     void post(tk::message stamped) override;
 
 private:
@@ -152,7 +152,7 @@ private:
     [[nodiscard]] tk::message subscribe(Peer& from, const tk::message& request);
     [[nodiscard]] tk::message unsubscribe(Peer& from, const tk::message& request);
 
-    Peers peers;  // goes last: the others charge its budgets for what they keep
+    Peers peers;  // destroyed last: the others charge its budgets
     LocalServices services;
     Starter* starter = nullptr;
     ProgramWatcher* watcher = nullptr;
@@ -165,7 +165,7 @@ private:
     Subscriptions subscriptions;
     Trace tracers;
     AwaitedRequests awaited;
-    std::uint32_t ownNumbers = 0;  // of the requests that this process's handlers make
+    std::uint32_t ownNumbers = 0;  // of the requests of our handlers
     bool expires = false;
     tk::Timer<Hub, &Hub::expire> expiry{*this};
 };

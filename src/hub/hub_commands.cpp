@@ -12,7 +12,7 @@ namespace hub {
 
 namespace {
 
-/// What a request subscribes to, or the bus error that refuses it.
+/// The subscription in a request, or the bus error that refuses it.
 tk::Result<tk::Subscription> subscriptionIn(const tk::message& request) {
     const std::optional<tk::Subscription> wanted = tk::Subscription::fromMessage(request);
     if (!wanted) return tk::Status::failure("a subscription names a path and a command", tk::error::invalid);
@@ -54,7 +54,7 @@ tk::message Hub::registerProgram(Peer& from, const tk::message& request) {
     if (from.isRetired()) return tk::errorMsg(tk::error::exists, "this connection has given its program up");
     Peer* holder = peers.findProgram(program);
     if (holder == &from) return {};
-    // The end of the former holder may be known to the kernel and not yet to the loop.
+    // The kernel may know of the former holder's end before the loop does.
     if (holder && holder->hasHungUp()) peerEnded(*holder, "it closed the connection");
     if (services.has(program) || peers.findProgram(program))
         return tk::errorMsg(tk::error::exists, "program " + std::to_string(program) + " is running already");
@@ -63,21 +63,22 @@ tk::message Hub::registerProgram(Peer& from, const tk::message& request) {
     return {};
 }
 
-/// Whether a program may give its number up; it does so after the reply, which still goes to its name.
+/// Decides whether a program may give up its number. It does so after the reply, which still goes to its
+/// name.
 tk::message Hub::unregisterProgram(const Peer& from, const tk::message& request) const {
     const std::uint32_t program = request.get_u32(tk::hubfield::program);
     if (from.hasResigned(program)) return {};
     if (!from.isProgram() || from.identity() != program)
         return tk::errorMsg(tk::error::invalid,
                             "this connection is not registered as program " + std::to_string(program));
-    // Their ends come to the program's name, under which there is nobody then, or another.
+    // Their ends go to the program's name, which nobody will have then, or somebody else.
     if (pending.hasOf(from.clientNumber()) || awaited.hasOf(from.clientNumber()))
         return tk::errorMsg(tk::error::busy, "requests of this program are under way");
     return {};
 }
 
 void Hub::giveUp(Peer& from) {
-    if (!from.isProgram()) return;  // it had done so before
+    if (!from.isProgram()) return;  // it did so before
     const std::uint32_t program = from.identity();
     tellEnd(from, "it has given its number up");
     peers.resign(from);

@@ -1,5 +1,5 @@
-// Where a request goes: to the hub itself, a handler of this process, a program that is there, or one to be
-// started.
+// Where requests go: to the hub itself, to a handler of this process, to a program on the bus, or to one that
+// has to be started.
 
 #include <algorithm>
 #include <string>
@@ -14,7 +14,7 @@ namespace hub {
 
 namespace {
 
-/// The routing of a request whose paths are too long, so that there is room for its end in a frame.
+/// The routing of a request whose paths are too long, cut so that its end fits into a frame.
 tk::message withShortPaths(const tk::message& request) {
     tk::message routing = tk::routingOf(request);
     for (const std::uint32_t id : {tk::field::destination, tk::field::sender}) {
@@ -63,8 +63,8 @@ void Hub::afterCommand(Peer& from, std::uint32_t command) {
     releaseAwaited(from);
 }
 
-/// A request that waits for its program to read it is paid for by whoever made it: nobody fills the account
-/// of a program but itself.
+/// Whoever makes a request pays for it while it waits for its program to read it: only a program itself can
+/// fill its account.
 void Hub::forward(std::uint32_t from, Peer& to, const tk::message& request) {
     using Added = PendingRequests::Added;
     tk::Budget& payer = peers.payer(from);
@@ -98,7 +98,7 @@ void Hub::refuseFull(std::uint32_t requester, const tk::message& request, const 
 
 void Hub::releaseAwaited(Peer& program) {
     for (auto& [requester, flat, charge, round] : awaited.take(program.identity())) {
-        charge.set(0);  // it is charged anew where it waits next
+        charge.set(0);  // charged anew where it waits next
         if (requester == ownRequester || peers.find(requester))
             forward(requester, program, tk::message(flat));
     }
@@ -108,7 +108,7 @@ void Hub::expireLater() {
     if (!std::exchange(expires, true)) expiry.arm(expiryTicks);
 }
 
-/// Ends what was never answered. Requesters have given it up long before; here it would hold its place.
+/// Ends requests that were never answered. Their requesters gave up long ago, but here they take up room.
 void Hub::expire() {
     const std::vector<tk::message> unanswered = pending.takeOld();
     const std::vector<AwaitedRequests::Request> awaiting = awaited.takeOld();

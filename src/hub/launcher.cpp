@@ -32,12 +32,12 @@ struct Request {
     std::int32_t number = 0;    // of the signal
 };
 
-/// What comes of it. The answer to a start brings a descriptor of the process.
+/// What the launcher answers. The answer to a start comes with a descriptor of the process.
 struct Answer {
-    pid_t process = 0;  // that was started, or -1
+    pid_t process = 0;  // the one started, or -1
     bool hasEnded = false;
     std::int32_t status = 0;  // of a process that has ended
-    char reason[256] = {};    // why nothing was started, a text that ends with 0
+    char reason[256] = {};    // why nothing was started; ends with 0
 };
 
 bool sendRequest(int socket, const Request& request) {
@@ -51,7 +51,7 @@ bool receiveRequest(int socket, Request& request) {
     return count == sizeof request;
 }
 
-/// Sends an answer, with a descriptor unless that is -1.
+/// Sends an answer, and the descriptor unless that is -1.
 bool sendAnswer(int socket, const Answer& answer, int descriptor) {
     Answer sent = answer;
     iovec part{&sent, sizeof sent};
@@ -96,7 +96,7 @@ bool exchange(int socket, const Request& request, Answer& answer, tk::Fd& descri
     return sendRequest(socket, request) && receiveAnswer(socket, answer, descriptor);
 }
 
-/// The launcher's own side. It knows the programs from before, and takes nothing but their numbers.
+/// The launcher's own side. It got the programs at the fork, and accepts nothing but their numbers.
 class Servant {
 public:
     explicit Servant(const std::vector<ProgramConfig>& programs) : programs(programs) {}
@@ -153,7 +153,7 @@ private:
     std::set<pid_t> started;
 };
 
-/// A signal to the whole group of the router is for the router, which ends the programs in order.
+/// Signals to the router's whole group are the router's business: it ends the programs in order.
 void ignoreEnds() {
     for (const int number : {SIGTERM, SIGINT, SIGHUP}) (void)::signal(number, SIG_IGN);
 }
@@ -170,7 +170,7 @@ tk::Status Launcher::open(const std::vector<ProgramConfig>& programs) {
     if (pid == 0) {
         socket.reset();
         ignoreEnds();
-        (void)::prctl(PR_SET_NAME, processName);  // to be told from the router; it works under any name
+        (void)::prctl(PR_SET_NAME, processName);  // only for people: any name works
         Servant(programs).serve(other.get());
         ::_exit(0);
     }
@@ -196,7 +196,7 @@ void Launcher::signal(pid_t process, int number) {
 std::optional<int> Launcher::reap(pid_t process) {
     Answer answer;
     tk::Fd none;
-    // Without the launcher nobody knows how it ended; that it did is what its descriptor says.
+    // Without the launcher nobody knows how it ended. Its descriptor says that it did.
     if (!exchange(socket.get(), {Request::What::reap, 0, process, 0}, answer, none)) return 0;
     return answer.hasEnded ? std::optional<int>(answer.status) : std::nullopt;
 }

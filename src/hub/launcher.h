@@ -9,16 +9,16 @@
 
 namespace hub {
 
-/// The processes are children of a small process of root's, which the router leaves behind before it gives up
-/// its privileges. It starts the programs and commands of the configuration, signals and reaps what it
-/// started, and does nothing else; it ends with the router.
+/// Starts processes as children of a small process that stays root when the router gives up its privileges.
+/// It starts the programs and commands of the configuration, signals and reaps what it started, and does
+/// nothing else. It ends with the router.
 class Launcher final : public Processes {
 public:
     Launcher() = default;
     Launcher(const Launcher&) = delete;
     Launcher& operator=(const Launcher&) = delete;
 
-    /// Leaves the small process behind, which will start these programs alone.
+    /// Forks the small process, which will start only these programs.
     tk::Status open(const std::vector<ProgramConfig>& programs);
 
     tk::Result<Started> start(const ProgramConfig& program) override;

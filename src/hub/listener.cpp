@@ -23,8 +23,8 @@ constexpr int backlog = 256;  // as many as there may be
 constexpr int acceptsPerTurn = 16;
 constexpr std::size_t groupLimit = 65536;  // the kernel's own limit of groups per process
 
-/// The group whose members may connect. It may be asked of a server of the network: never while the bus
-/// serves.
+/// The group whose members may connect. The lookup may go to a server on the network: never call it while the
+/// bus serves.
 std::optional<gid_t> busGroup() {
     const group* entry = ::getgrnam("tk");
     return entry ? std::optional<gid_t>(entry->gr_gid) : std::nullopt;
@@ -45,7 +45,7 @@ const sockaddr* generic(const sockaddr_un& address) {
 bool isInGroup(int socket, const ucred& peer, gid_t wanted) {
     if (peer.gid == wanted) return true;
     socklen_t size = 0;
-    (void)::getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, nullptr, &size);  // fails, and tells the size
+    (void)::getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, nullptr, &size);  // fails, and gives the size
     if (size > groupLimit * sizeof(gid_t)) return false;
     std::vector<gid_t> groups(size / sizeof(gid_t));
     if (groups.empty() || ::getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &size) != 0)
@@ -53,11 +53,11 @@ bool isInGroup(int socket, const ucred& peer, gid_t wanted) {
     return std::find(groups.begin(), groups.end(), wanted) != groups.end();
 }
 
-/// What fails here is told by the bind that follows.
+/// Reports no failure: the bind that follows does.
 void makeFolderOf(const std::string& path) {
     const std::size_t slash = path.rfind('/');
     if (slash == std::string::npos || slash == 0) return;
-    const mode_t mask = ::umask(0022);  // the group could not reach the bus below it whatever the mask is
+    const mode_t mask = ::umask(0022);  // else the group might not reach the bus
     (void)::mkdir(path.substr(0, slash).c_str(), 0755);
     ::umask(mask);
 }
@@ -98,13 +98,13 @@ tk::Status Listener::bindTo(const std::string& path) {
     if (!makeAddress(path, address)) return tk::Status::failure(path + ": too long for a socket");
     makeFolderOf(path);
     if (tk::Status isFree = checkFree(path); !isFree.isOk()) return isFree;
-    // What may fail or take its time comes before the file of the former process goes.
+    // First what may fail or take long, while the former process's file is still there.
     group = busGroup();
     socket.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     return socket.isOpen() ? makeFile(path, address) : tk::Status::ofErrno(path, errno);
 }
 
-/// Puts the socket where it is reached, in the place of one that nobody serves.
+/// Puts the socket in its place, where it replaces one that nobody serves.
 tk::Status Listener::makeFile(const std::string& path, const sockaddr_un& address) {
     struct stat old;
     if (::lstat(path.c_str(), &old) == 0 && S_ISSOCK(old.st_mode)) ::unlink(path.c_str());

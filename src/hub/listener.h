@@ -15,9 +15,9 @@ struct ucred;
 
 namespace hub {
 
-/// The socket file of the bus: made when the router is ready to serve, removed when it ends. Lets root and
-/// the members of the group "tk" in, and nobody else. The group's number is looked up once, at the opening:
-/// a slow directory service never stops the hub.
+/// The socket file of the bus: made when the router is ready to serve, removed when it ends. Admits root and
+/// the members of the group "tk", and nobody else. The group's number is looked up once, when the socket is
+/// opened: so a slow directory service never stops the hub.
 class Listener {
 public:
     /// Lifetime: the hub outlives the listener.
@@ -26,14 +26,14 @@ public:
     Listener& operator=(const Listener&) = delete;
     ~Listener();
 
-    /// Does nobody accept connections at `path`?
-    /// Errors: when some process does, or may do so.
+    /// Checks that nobody accepts connections at `path`.
+    /// Errors: some process does, or may.
     static tk::Status checkFree(const std::string& path);
-    /// Listens at `path`, whose folder is made when it is missing, for everybody to pass through. A file that
-    /// a former process left is replaced.
-    /// Errors: when another process listens there or may do so, or the system refuses.
+    /// Listens at `path`. Makes the folder if it is missing, open for everybody to enter. Replaces a file
+    /// that an earlier process left.
+    /// Errors: another process listens there or may, or the system refuses.
     tk::Status open(const std::string& path);
-    /// Takes no connections any more, and removes the file. The destructor does it too.
+    /// Takes no more connections, and removes the file. The destructor does so too.
     void close();
 
 private:
@@ -44,7 +44,7 @@ private:
 
     Hub& hub;
     std::string boundPath;
-    std::optional<gid_t> group;  // "tk", as it was when the listener was opened
+    std::optional<gid_t> group;  // "tk", as it was at open()
     tk::Fd socket;
     tk::Watch watch;
 };

@@ -16,7 +16,7 @@ tk::Handler* LocalServices::find(const tk::Path& path) const {
 tk::message LocalServices::serve(const tk::message& request, uid_t asker) {
     const auto program = programs.find(request.get_u32_array(tk::field::destination).front());
     if (program == programs.end()) return tk::errorMsg(tk::error::unreachable, "no such handler");
-    const uid_t outer = std::exchange(served, asker);  // a handler may ask another one meanwhile
+    const uid_t outer = std::exchange(served, asker);  // calls may be nested
     tk::message answer = program->second.answer(request);
     served = outer;
     return answer;

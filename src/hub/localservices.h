@@ -18,6 +18,7 @@ public:
     void add(tk::Handler& handler) {
         programs[handler.path().front()].add(tk::handlerNumber(handler.path()), handler);
     }
+    /// Forgets all handlers.
     void clear() { programs.clear(); }
 
     /// True when paths that begin with `program` lead to this process.
@@ -25,7 +26,7 @@ public:
     /// The handler at a path of one or two elements.
     /// Errors: null when there is none.
     tk::Handler* find(const tk::Path& path) const;
-    /// Serves one request of a user, to a program of this process. The answer carries no routing fields.
+    /// Serves a user's request to a program of this process. The answer carries no routing fields.
     [[nodiscard]] tk::message serve(const tk::message& request, uid_t asker);
     [[nodiscard]] uid_t user() const override { return served; }
     /// Tells every handler that a client is gone.
@@ -33,7 +34,7 @@ public:
 
 private:
     std::map<std::uint32_t, tk::HandlerTable> programs;
-    uid_t served = 0;  // the user of the request that is being served
+    uid_t served = 0;  // whose request is being served
 };
 
 }  // namespace hub

@@ -14,7 +14,7 @@
 
 namespace hub {
 
-/// Who is at the other end of a bus connection, by the kernel's word.
+/// Who is at the other end of a bus connection, as the kernel says.
 struct Credentials {
     pid_t pid = 0;
     uid_t uid = 0;
@@ -28,20 +28,20 @@ public:
     class Owner {
     public:
         virtual ~Owner() = default;
-        /// The peer has sent a message, as it made it.
+        /// The peer has sent this message; nothing in it has been changed.
         virtual void peerSent(Peer& peer, tk::message received) = 0;
         /// The connection is over; the owner destroys the peer.
         virtual void peerEnded(Peer& peer, const std::string& reason) = 0;
     };
 
-    /// How much of requests may wait for a program that does not read, whoever pays for them.
+    /// How many bytes of requests may wait for a program that does not read, whoever pays for them.
     /// Units: bytes.
     static constexpr std::size_t requestLimit = 4 * tk::frameLimit;
-    /// With so much unread of what is its own, a peer is not served: less than its budget, and enough for
-    /// many thousand small answers.
+    /// A peer that leaves this much of its own unread is not served. It is less than its budget, and enough
+    /// for many thousand small answers.
     /// Units: bytes.
     static constexpr std::size_t unreadLimit = std::size_t{4} * 1024 * 1024;
-    /// What a connection costs by itself, rather more than less.
+    /// What a connection costs by itself, estimated high.
     /// Units: bytes.
     static constexpr std::size_t overhead = 4096;
 
@@ -49,39 +49,39 @@ public:
     struct Terms {
         Credentials user;
         std::uint32_t number;  // the peer's own, from program::firstClient up
-        tk::Budget& budget;    // what is kept for it is charged to this; outlives the peer
+        tk::Budget& budget;    // pays for the peer; outlives it
     };
 
-    /// Takes a connected, non-blocking socket over.
+    /// Takes over a connected, non-blocking socket.
     Peer(tk::Fd socket, const Terms& terms, Owner& owner);
 
     /// The peer's own number, which it has for good.
     std::uint32_t clientNumber() const { return number; }
-    /// The first element of the paths that this peer sends from: its program's number, else its own.
+    /// The first element of this peer's paths as a sender: its program's number, else its own.
     std::uint32_t identity() const { return isProgram() ? programNumber : number; }
     /// True when the peer has registered a program.
     bool isProgram() const { return programNumber != tk::program::hub; }
     /// The peer has registered a program, and is named by its number from now on.
     void becomeProgram(std::uint32_t program) { programNumber = program; }
-    /// A program gives its number up, and is named by its own from now on. It answers what it was asked
-    /// before under the former one.
+    /// The peer gives up its program's number, and is named by its own from now on. It still answers earlier
+    /// requests under the former one.
     void resign();
-    /// True when the peer was this program, and has given it up.
+    /// True when the peer was this program, and has given up its number.
     bool hasResigned(std::uint32_t program) const { return isRetired() && formerNumber == program; }
-    /// True when the peer was a program, and has given it up.
+    /// True when the peer was a program, and has given up its number.
     bool isRetired() const { return formerNumber != tk::program::hub; }
-    /// Who the peer is, and what is kept for it.
+    /// Who the peer is, and the budget that pays for it.
     const Credentials& user() const { return credentials; }
     tk::Budget& budget() const { return account; }
 
-    /// Replaces the sender's first element by what the peer is called; the rest of the path is a program's
-    /// own.
+    /// Replaces the first element of the sender's path by what the peer is called. A program chooses the
+    /// rest; a client has none.
     void stampSender(tk::message& sent) const;
 
     /// Queues a message for the peer.
-    /// Errors: false when it cannot be sent: too large, or the connection is over.
+    /// Errors: false when it is too large, or the connection is over.
     bool send(const tk::message& source) { return channel.send(source); }
-    /// Queues a request, at the expense of whoever makes it.
+    /// Queues a request, at the expense of its maker.
     [[nodiscard]] tk::Channel::Sent sendRequest(tk::Budget& payer, const tk::message& request);
     /// Ends the connection for a fault of the peer's; the owner hears of it from the loop.
     void drop(const std::string& why) { channel.breakOff(why); }
@@ -89,7 +89,7 @@ public:
     bool isOpen() const { return channel.isOpen(); }
     /// True when the connection was ended for a fault of the peer's.
     bool wasDropped() const { return channel.wasBrokenOff(); }
-    /// True when the peer has closed its end, even if that was not served yet.
+    /// True when the peer has closed its end, even if the loop has not noticed yet.
     bool hasHungUp() const;
 
 private:
@@ -100,7 +100,7 @@ private:
     Credentials credentials;
     std::uint32_t number;
     std::uint32_t programNumber = tk::program::hub;  // the hub's own number: none
-    std::uint32_t formerNumber = tk::program::hub;   // of the program that was given up
+    std::uint32_t formerNumber = tk::program::hub;   // the program's, once given up
     tk::Budget& account;
     tk::Charge connection;
     tk::Channel channel;

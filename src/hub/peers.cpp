@@ -20,7 +20,7 @@ void Peers::add(tk::Fd socket, const Credentials& credentials, Peer::Owner& owne
     peers[number] = std::make_unique<Peer>(std::move(socket), terms, owner);
 }
 
-/// One that no connection has, also when all have been given out once.
+/// A number that no connection has, even after all have been given out once.
 std::uint32_t Peers::newNumber() {
     while (nextNumber < tk::program::firstClient || peers.contains(nextNumber))
         nextNumber = std::max(nextNumber + 1, tk::program::firstClient);

@@ -22,32 +22,32 @@ class Peers {
 public:
     /// How many connections there may be.
     static constexpr std::size_t limit = 256;
-    /// How many of them are kept for root and the users that run programs: no other gets the last ones.
+    /// How many of them are reserved for root and the users that run programs.
     static constexpr std::size_t reserved = 32;
-    /// How many connections one user may have that is not root.
+    /// How many connections one user other than root may have.
     static constexpr std::size_t limitPerUser = 64;
 
-    /// Is there room for another connection of `user`, who runs programs or does not?
+    /// Checks that there is room for another connection of `user`, who may run programs.
     tk::Status checkRoom(uid_t user, bool runsPrograms) const;
-    /// Takes a connection over, and numbers it.
+    /// Takes over a connection, and gives it a number.
     void add(tk::Fd socket, const Credentials& credentials, Peer::Owner& owner);
-    /// Gives a connection up to the caller; what it was registered as is forgotten.
+    /// Gives up a connection to the caller, and forgets which program it was.
     [[nodiscard]] std::unique_ptr<Peer> take(std::uint32_t number);
     /// Ends all connections.
     void clear();
 
-    /// Registers a connection as `program`, which none is.
+    /// Registers a connection as `program`, which no other connection is.
     void enrol(Peer& peer, std::uint32_t program);
-    /// A program gives its number up.
+    /// A program gives up its number.
     void resign(Peer& peer);
 
-    /// The connection of this number; null where there is none, like the next two.
+    /// The connection with this number; null when there is none, as in the next two.
     /// Lifetime: until the connection ends.
     Peer* find(std::uint32_t number) const;
     /// The connection that is this program.
     Peer* findProgram(std::uint32_t program) const;
-    /// The connection that a path leads to. A program still hears what was asked for under its number as a
-    /// client, before it registered.
+    /// The connection that a path leads to. A program is also found by its client number: so it still gets
+    /// what it asked for before it registered.
     Peer* findAt(const tk::Path& path) const;
 
     /// How many connections there are.
@@ -55,10 +55,10 @@ public:
     /// Sets the number that the next connection gets, if nobody has it.
     void setNextNumber(std::uint32_t number) { nextNumber = number; }
 
-    /// Who pays for what this connection asks; for what is no connection root does, as for the handlers of the
-    /// hub's process.
+    /// The budget that pays for the requests of this connection. For numbers without a connection, such as
+    /// that of the hub's own handlers, root pays.
     tk::Budget& payer(std::uint32_t number);
-    /// What is kept for a user, and of root for one connection.
+    /// The account of a user, or of one connection of root.
     /// Lifetime: until the next connection comes.
     tk::Budget& budgetOf(uid_t user, std::uint32_t number) { return budgets.of(user, number); }
 

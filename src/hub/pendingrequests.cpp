@@ -34,7 +34,7 @@ PendingRequests::Entries::iterator PendingRequests::erase(Entries::iterator entr
 bool PendingRequests::finish(std::uint32_t requester, std::uint32_t callee, const tk::message& end) {
     const auto entry = entries.find({requester, end.get_u32(tk::field::number)});
     if (entry == entries.end() || entry->second.callee != callee) return false;
-    // Another handler of the requester's may not be made to take it.
+    // It must not reach another handler of the requester's.
     if (entry->second.routing.get_u32_array(tk::field::sender) != end.get_u32_array(tk::field::destination))
         return false;
     erase(entry);
@@ -50,7 +50,7 @@ std::vector<tk::message> PendingRequests::takeOfCallee(std::uint32_t callee) {
     auto next = byCallee.lower_bound({callee, Key{0, 0}});
     while (next != byCallee.end() && next->first == callee) {
         const auto entry = entries.find(next->second);
-        ++next;  // the entry takes its own line of the index with it
+        ++next;  // erasing the entry erases its index line
         taken.push_back(std::move(entry->second.routing));
         erase(entry);
     }

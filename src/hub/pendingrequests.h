@@ -13,17 +13,17 @@
 
 namespace hub {
 
-/// The requests that passed the hub and did not end yet. Peers are named by their client numbers, which never
-/// change.
+/// The requests that passed the hub and have not ended yet. Peers are named by their client numbers, which
+/// never change.
 class PendingRequests {
 public:
     /// How many requests of one peer may be under way.
     static constexpr std::size_t limitPerPeer = 1024;
 
-    /// What came of add(): the last when the requester is at a limit.
+    /// The result of add(). `full`: the requester is at a limit.
     enum class Added : std::uint8_t { yes, duplicate, full };
 
-    /// What one request costs beside its paths, rather more than less.
+    /// What one request costs in addition to its paths, estimated high.
     /// Units: bytes.
     static constexpr std::size_t overhead = 1024;
 
@@ -33,18 +33,18 @@ public:
     [[nodiscard]] Added add(std::uint32_t requester, std::uint32_t callee, const tk::message& request,
                             tk::Budget& payer);
 
-    /// Ends the request that `end` of `callee` answers to the very path that asked. False when there is none:
-    /// it is late, was never asked, or somebody else asked for it.
+    /// Ends the request that `end` of `callee` answers, if its path is the very one that asked. False when
+    /// there is no such request: `end` is late, was never asked for, or was asked for by somebody else.
     [[nodiscard]] bool finish(std::uint32_t requester, std::uint32_t callee, const tk::message& end);
 
     /// Forgets a request.
     void drop(std::uint32_t requester, std::uint32_t number);
 
-    /// Takes out all requests that are with `callee`, in the order of requester and number; each as its
-    /// routing fields, to be ended with an error.
+    /// Takes out all requests that are with `callee`, by requester and number. Each is only its routing
+    /// fields, to be ended with an error.
     [[nodiscard]] std::vector<tk::message> takeOfCallee(std::uint32_t callee);
 
-    /// Takes out, like the former, what has been pending since before the last call of this function.
+    /// Takes out, in the same way, the requests that came before the last call of this function.
     [[nodiscard]] std::vector<tk::message> takeOld();
 
     /// Forgets what `requester` waits for.
@@ -62,7 +62,7 @@ private:
         std::uint32_t callee;
         tk::message routing;
         tk::Charge charge;
-        std::uint32_t round;  // of takeOld() that it came in
+        std::uint32_t round;  // of takeOld() in which it came
     };
     using Entries = std::map<Key, Entry>;
 

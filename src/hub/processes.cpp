@@ -16,7 +16,7 @@ namespace {
 constexpr const char* usualManager = "/usr/bin/systemctl";
 constexpr const char* otherManager = "/bin/systemctl";  // where /usr is no part of the root
 
-/// The child's side: system calls alone, for nothing else is sure to work after a fork.
+/// The child's side. System calls only: nothing else is sure to work after a fork.
 [[noreturn]] void become(const ProgramConfig& program, char* const* arguments, int report) {
     sigset_t none;
     sigemptyset(&none);
@@ -31,8 +31,8 @@ constexpr const char* otherManager = "/bin/systemctl";  // where /usr is no part
     ::_exit(127);
 }
 
-/// What the child says at the other end of the pipe, which closes when the command runs: 0 then, else the
-/// errno value that tells why it does not.
+/// What the child says through the pipe, which closes when the command runs: 0 then, else the errno value
+/// that says why it does not run.
 int faultOf(const tk::Fd& report) {
     int error = 0;
     ssize_t count = 0;
@@ -42,7 +42,8 @@ int faultOf(const tk::Fd& report) {
     return count == sizeof error ? error : EIO;
 }
 
-/// Starts a program. Errors: -1, with errno set.
+/// Starts a program.
+/// Errors: -1, with errno set.
 pid_t spawn(const ProgramConfig& program, std::vector<std::string> words) {
     std::vector<char*> arguments;
     arguments.reserve(words.size() + 1);

@@ -18,8 +18,8 @@ struct ProgramConfig {
     std::uint32_t number = 0;
     std::vector<std::string> command;  // the program's path, then its arguments
     bool startsWithRouter = false;
-    std::optional<tk::Account> user = {};  // whom it runs as; none: as the router itself
-    std::string unit = {};                 // the systemd service that it is, in place of a command
+    std::optional<tk::Account> user = {};  // that it runs as; none: the router's
+    std::string unit = {};                 // its systemd service, instead of a command
 
     bool operator==(const ProgramConfig&) const = default;
 };
@@ -27,21 +27,21 @@ struct ProgramConfig {
 /// The command that starts a program: its own, or the one that asks systemd for its unit.
 [[nodiscard]] std::vector<std::string> commandOf(const ProgramConfig& program);
 
-/// How a process ended, for people, by its status.
+/// How a process with this status ended, for people.
 [[nodiscard]] std::string endText(int status);
 
 /// A process that was started.
 struct Started {
     pid_t pid;
-    tk::Fd process;  // of the process itself; can be read when it has ended
+    tk::Fd process;  // readable once the process has ended
 };
 
 /// Starts and ends the processes of programs.
 class Processes {
 public:
     virtual ~Processes() = default;
-    /// Starts a program as its user, in a process group of its own, with no signal blocked or ignored.
-    /// Errors: why it could not become that user, or the command not be run.
+    /// Starts a program as its user, in its own process group, with no signal blocked or ignored.
+    /// Errors: why it could not become that user, or why the command could not be run.
     virtual tk::Result<Started> start(const ProgramConfig& program) = 0;
     /// Sends a signal to the group of a process that was started here and not reaped yet.
     virtual void signal(pid_t process, int number) = 0;
@@ -49,7 +49,7 @@ public:
     [[nodiscard]] virtual std::optional<int> reap(pid_t process) = 0;
 };
 
-/// The processes are children of this one.
+/// Starts processes as children of this one.
 class OwnProcesses final : public Processes {
 public:
     tk::Result<Started> start(const ProgramConfig& program) override;

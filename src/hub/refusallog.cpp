@@ -24,7 +24,7 @@ void RefusalLog::close() {
 }
 
 void RefusalLog::intervalEnds() {
-    // A line was written: whatever comes in the next interval is counted, too.
+    // A line was written, so the events of the next interval are counted, too.
     told = tell() ? atOnce : 0;
     if (told != 0) interval.arm(intervalTicks);
 }

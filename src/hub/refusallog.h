@@ -10,23 +10,23 @@
 
 namespace hub {
 
-/// Tells the log of what others can bring about as often as they like: of the first such events at once, and
-/// once a minute how many there were since. So nobody can fill the log.
+/// Logs events that others can cause as often as they like: the first ones at once, then once a minute how
+/// many there were since. So nobody can fill the log.
 class RefusalLog {
 public:
-    /// How often what is counted is told: once a minute.
+    /// How often the count is logged: once a minute.
     /// Units: ticks of 10 ms.
     static constexpr std::uint32_t intervalTicks = 6000;
 
-    /// `area` begins each line; `counted` says what is counted, such as "connections refused"; `atOnce` is
-    /// how many events are told at once before they are counted.
-    /// Lifetime: the texts' is the program's.
+    /// `area` begins each line. `counted` says what is counted, such as "connections refused". `atOnce` is
+    /// how many events are logged one by one before the rest is counted.
+    /// Lifetime: the texts live as long as the program.
     RefusalLog(const char* area, const char* counted, std::size_t atOnce = 1)
         : area(area), counted(counted), atOnce(atOnce) {}
 
-    /// Something happened that a connection of `user` brought about, such as "connection of user 7 refused".
+    /// A connection of `user` caused `event`, such as "connection of user 7 refused".
     void note(const std::string& event, uid_t user, const std::string& why);
-    /// Tells what is left to tell. Call while the loop still exists.
+    /// Logs what is left to log. Call while the loop still exists.
     void close();
 
 private:

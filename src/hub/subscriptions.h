@@ -19,15 +19,15 @@ public:
     /// How many subscriptions one peer may hold.
     static constexpr std::size_t limitPerPeer = 1024;
 
-    /// What one subscription costs beside its path, rather more than less.
+    /// What one subscription costs in addition to its path, estimated high.
     /// Units: bytes.
     static constexpr std::size_t overhead = 256;
 
-    /// Adds a subscription, at the expense of `payer`; a second one of the same peer is the same one.
-    /// Errors: false when the peer is at its limit, or the budget is.
+    /// Adds a subscription, at the expense of `payer`. Adding it again changes nothing.
+    /// Errors: false when the peer or the budget is at its limit.
     /// Lifetime: the budget outlives the subscription.
     [[nodiscard]] bool add(std::uint32_t peer, const tk::Subscription& wanted, tk::Budget& payer);
-    /// Ends a subscription; one that is not there is no error.
+    /// Ends a subscription; an absent one is no error.
     void remove(std::uint32_t peer, const tk::Subscription& unwanted);
     /// Ends all subscriptions of a peer.
     void drop(std::uint32_t peer);
@@ -38,7 +38,7 @@ public:
         tk::Charge charge;
     };
 
-    /// The subscribers of a notification, each once, in the order in which they subscribed.
+    /// The subscribers of a notification, each once, in the order of subscribing.
     /// Lifetime: until the next change.
     const std::vector<Subscriber>& of(const tk::Path& path, std::uint32_t command) const;
 

@@ -10,7 +10,7 @@ namespace hub {
 /// The peers that watch the traffic, and the form in which they see it.
 class Trace {
 public:
-    /// A peer watches, or does not any more.
+    /// A peer starts or stops watching.
     void add(std::uint32_t peer) { tracers.insert(peer); }
     void drop(std::uint32_t peer) { tracers.erase(peer); }
     /// True when anybody watches.
@@ -18,8 +18,8 @@ public:
     /// The watching peers, by client number.
     const std::set<std::uint32_t>& peers() const { return tracers; }
 
-    /// The notification of {0} that shows `passed` to a tracer. A message that has no room in another one,
-    /// for its size or its depth, is shown without its own fields.
+    /// The notification of {0} that shows `passed` to a tracer. A message too large or too deep to fit into
+    /// another one is shown without its own fields.
     static tk::message wrap(const tk::message& passed);
 
 private:

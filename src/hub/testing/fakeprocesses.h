@@ -14,7 +14,7 @@
 
 namespace hub::testing {
 
-/// Runs nothing: its processes end when and how a test says.
+/// Runs nothing: its processes end when and as a test says.
 class FakeProcesses final : public Processes {
 public:
     tk::Result<Started> start(const ProgramConfig& program) override {

@@ -20,7 +20,7 @@ class TestClient {
 public:
     explicit TestClient(tk::Fd socket);
 
-    /// Sends a request and gives its number.
+    /// Sends a request and returns its number.
     std::uint32_t request(const tk::Path& to, std::uint32_t command, tk::message content = {},
                           const tk::Path& from = {});
     /// Ends a request that this client received.
@@ -53,14 +53,14 @@ struct TestHub {
     tk::Looper looper{clock, hub, contract::program::network};
 
     std::unique_ptr<TestClient> connect(uid_t user = 0);
-    /// A client that has registered a program, which its user may.
+    /// A client that has registered a program, as its user may.
     std::unique_ptr<TestClient> connectProgram(std::uint32_t program, uid_t user = 0);
     /// Serves what is ready, until nothing is.
     void settle();
     void advance(std::uint32_t ticks);
-    /// What has arrived at a client when all is served.
+    /// What has arrived at a client once everything is served.
     std::vector<tk::message> arrivedAt(TestClient& client);
-    /// Sends a request and gives its end, which must be the only message that arrives.
+    /// Sends a request and returns its end, which must be the only message that arrives.
     tk::message ask(TestClient& client, const tk::Path& to, std::uint32_t command,
                     const tk::message& content = {});
 };
