@@ -18,7 +18,7 @@ contract::AddressRecord Addresses::recordOf(std::uint32_t id, const Published& o
 }
 
 bool Addresses::isOffered(const Place& place) const {
-    // One address may stand on an interface several times, with different prefixes: one object on the bus.
+    // An address may be on an interface several times, with different prefixes. It is one object on the bus.
     auto next = held.lower_bound(LinkAddress{place.first, place.second, 0, 0, false});
     for (; next != held.end() && next->index == place.first && next->address == place.second; ++next)
         if (next->isGlobal) return true;

@@ -14,24 +14,24 @@
 
 namespace links {
 
-/// The router's IPv4 addresses on the bus, at {20, 1}: one object for each address of an offered interface
-/// that is of global scope. An object's id stays while the address stays on its interface, and is never used
+/// The router's IPv4 addresses on the bus, at {20, 1}: one object for each address of global scope on an
+/// offered interface. An object keeps its id while the address stays on its interface; the id is never used
 /// again.
 class Addresses final : public tk::Handler, public InterfaceWatcher {
 public:
-    /// Takes over that the kernel has, or has no more, an address, and tells the changes.
+    /// The kernel has this address, or no longer has it; tells the changes.
     void apply(const LinkAddress& address);
     void remove(const LinkAddress& address);
-    /// Takes over a full list, and tells the differences.
+    /// Takes a full list, and tells the differences.
     void applyAll(const std::vector<LinkAddress>& addresses);
-    /// Forgets what is on an interface that is no more.
+    /// Forgets the addresses on an interface that no longer exists.
     void forget(std::uint32_t index);
 
-    // The addresses of an interface are offered as long as it is.
+    /// The addresses of an interface are offered as long as it is.
     void interfaceAdded(std::uint32_t index, std::uint32_t id) override;
     void interfaceGone(std::uint32_t index) override;
 
-    // What the bus asks for: the list, one record, how many there are.
+    /// Answer the bus: the list, one record, the number of records.
     tk::message cmdGetAll(const tk::message& request) override;
     tk::message cmdGetObj(const tk::message& request) override;
     tk::message cmdGetCount(const tk::message& request) override;
@@ -48,10 +48,10 @@ private:
     void publish(const LinkAddress& address);
     void withdraw(const Place& place);
 
-    std::set<LinkAddress> held;  // whatever the interface and the scope
-    // The kernel's index to the id of those offered.
+    std::set<LinkAddress> held;  // of any interface and any scope
+    // The ids of the offered interfaces, by the kernel's index.
     std::unordered_map<std::uint32_t, std::uint32_t> interfaces;
-    std::map<Place, std::uint32_t> ids;          // of what is published
+    std::map<Place, std::uint32_t> ids;          // of the published objects
     std::map<std::uint32_t, Published> objects;  // by id
     std::uint32_t lastId = 0;
 };

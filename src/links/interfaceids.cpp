@@ -12,9 +12,10 @@ namespace links {
 namespace {
 
 constexpr std::uint32_t storeRevision = 1;
-constexpr std::uint32_t nameField = 1;    // string, in the entry of an id
-constexpr std::uint32_t reservation = 0;  // no interface's id: the entry of the ids that may be given already
-constexpr std::uint32_t reservedField = 2;  // u32, there: the highest of them
+constexpr std::uint32_t nameField = 1;  // string, in the entry of an id
+// No interface's id: the entry for the ids that may already have been given.
+constexpr std::uint32_t reservation = 0;
+constexpr std::uint32_t reservedField = 2;  // u32, in that entry: the highest one
 constexpr std::uint32_t retryTicks = 6000;  // 1 min
 constexpr std::uint32_t firstFresh = 1U << 24;
 constexpr std::uint32_t freshIds = 1U << 31;
@@ -42,7 +43,7 @@ void InterfaceIds::remember(const std::string& name, std::uint32_t id) {
     names[id] = name;
 }
 
-/// An id of which nobody has heard: at random from so many that it never was given before, for all practice.
+/// An id that nobody has heard of: a random one of so many that in practice it was never given before.
 std::uint32_t InterfaceIds::freshId() const {
     for (;;) {
         std::uint32_t id = 0;
@@ -67,7 +68,7 @@ std::uint32_t InterfaceIds::idOf(const std::string& name) {
     return id;
 }
 
-/// Makes sure that an id is never given again, whatever becomes of this process.
+/// Makes sure that an id is never given again, even if this process crashes.
 tk::Status InterfaceIds::reserve(std::uint32_t id) {
     if (id <= reserved) return {};
     tk::Status stored = save(id + reservedAtOnce - 1);

@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::size_t pageSize = 64;
 
-static_assert(ARPHRD_ETHER == 1);  // the kernel's types of hardware are the bus's
+static_assert(ARPHRD_ETHER == 1);  // the bus uses the kernel's hardware types
 
 contract::InterfaceRecord recordOf(std::uint32_t id, const Link& link) {
     contract::InterfaceRecord record;
@@ -51,7 +51,7 @@ void Interfaces::apply(const Link& link) {
 void Interfaces::take(const Link& link) {
     if (link.isLoopback()) return;
     const std::uint32_t id = ids.idOf(link.name);
-    // A new name for an interface, or a new interface of an old name, is another interface to the bus.
+    // To the bus a renamed interface, or a new one with an old name, is another interface.
     const auto known = byIndex.find(link.index);
     if (known != byIndex.end() && known->second != id) withdraw(known->second);
     const auto named = links.find(id);
@@ -74,7 +74,7 @@ void Interfaces::applyAll(const std::vector<Link>& current) {
         if (!present.contains(link.index)) gone.push_back(id);
     for (const std::uint32_t id : gone) withdraw(id);
     for (const Link& link : current) take(link);
-    forgetAbsent();  // not before all that are present are known
+    forgetAbsent();  // once all present ones are known
     ids.storeWhatIsNew();
 }
 
@@ -86,7 +86,7 @@ void Interfaces::add(std::uint32_t id, const Link& link) {
     links[id] = link;
     byIndex[link.index] = id;
     tell(recordOf(id, link));
-    tellStatus(id);  // the record of an interface is not read for its status
+    tellStatus(id);  // a new record is not read for its status
     for (InterfaceWatcher* watcher : watchers) watcher->interfaceAdded(link.index, id);
 }
 

@@ -16,22 +16,22 @@
 
 namespace links {
 
-/// Hears of interfaces in step with what is told on the bus.
+/// Hears of interfaces in step with the announcements on the bus.
 class InterfaceWatcher {
 public:
     virtual ~InterfaceWatcher() = default;
-    /// Called following the announcement of an interface.
+    /// Called after an interface is announced.
     virtual void interfaceAdded(std::uint32_t index, std::uint32_t id) = 0;
-    /// Called before it is announced that an interface is gone.
+    /// Called before the end of an interface is announced.
     virtual void interfaceGone(std::uint32_t index) = 0;
 };
 
-/// The router's interfaces on the bus, at {20, 0}: lists them, tells of their changes, sets them up and down.
+/// The router's interfaces on the bus, at {20, 0}: lists them, announces changes, sets them up and down.
 /// Loopback is not offered.
 class Interfaces final : public tk::Handler {
 public:
-    /// What an interface is set up and down by, and for whom.
-    /// Lifetime: all outlive the handler.
+    /// Sets interfaces up and down, and tells for whom.
+    /// Lifetime: both outlive the handler.
     struct Setting {
         LinkSwitch& links;
         const hub::Requester& requester;
@@ -40,22 +40,23 @@ public:
     /// Lifetime: all outlive the handler.
     Interfaces(InterfaceIds& ids, Kernel& kernel, const Zones& zones, const Setting& setting)
         : ids(ids), kernel(kernel), zones(zones), setting(setting) {}
-    /// Lifetime: the watcher outlives the handler's use.
+    /// Adds a watcher.
+    /// Lifetime: the watcher outlives the use of the handler.
     void addWatcher(InterfaceWatcher& watcher) { watchers.push_back(&watcher); }
 
-    /// Takes over what the kernel says of one interface, and tells the changes.
+    /// Takes what the kernel says of one interface, and announces the changes.
     void apply(const Link& link);
-    /// The kernel has no interface of this index any more.
+    /// The kernel no longer has an interface with this index.
     void remove(std::uint32_t index);
-    /// Takes over a full list, and tells the differences.
+    /// Takes a full list, and announces the differences.
     void applyAll(const std::vector<Link>& links);
 
-    // What the bus asks for: the list, one record, a change of state, how many there are.
+    /// Answer the bus: the list, one record, a change of state, the number of records.
     tk::message cmdGetAll(const tk::message& request) override;
     tk::message cmdGetObj(const tk::message& request) override;
     tk::message cmdSetObj(const tk::message& request) override;
     tk::message cmdGetCount(const tk::message& request) override;
-    /// Command 1 is the paged list, 2 tells the side that an interface stands on.
+    /// Command 1 is the paged list, 2 tells which side an interface is on.
     tk::message cmdUnknown(const tk::message& received, std::uint32_t command) override;
 
 private:

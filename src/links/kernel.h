@@ -16,11 +16,13 @@ struct Link {
     std::string alias;
     std::uint32_t hardwareType = 0;  // ARPHRD_...
     std::uint32_t flags = 0;         // IFF_...
-    std::uint32_t lower = 0;         // index of the device that carries its packets; 0: none, or elsewhere
-    std::uint32_t master = 0;        // index of the bridge or bond that it is a member of; 0: none
+    // Index of the device that carries its packets; 0: none, or one in another network namespace.
+    std::uint32_t lower = 0;
+    // Index of the bridge or bond that it is a member of; 0: none.
+    std::uint32_t master = 0;
     contract::InterfaceCounters counters;
 
-    /// True for the interface of the router to itself.
+    /// True for the router's interface to itself.
     bool isLoopback() const;
     /// True when it is administratively up.
     bool isUp() const;
@@ -32,13 +34,13 @@ struct Link {
 /// Byte order: network.
 struct LinkAddress {
     std::uint32_t index = 0;    // of the interface
-    std::uint32_t address = 0;  // the router's own, also on a point-to-point link
-    std::uint32_t peer = 0;     // the other end on a point-to-point link, else the same
+    std::uint32_t address = 0;  // the router's own, even on a point-to-point link
+    std::uint32_t peer = 0;     // the other end of such a link, else `address`
     std::uint8_t prefixLength = 0;
-    bool isGlobal = true;         // false for one that has a meaning on its link or host alone
-    std::uint32_t broadcast = 0;  // the network's broadcast address as it was configured; 0: none
+    bool isGlobal = true;         // false: meaningful only on its link or host
+    std::uint32_t broadcast = 0;  // as configured for the network; 0: none
 
-    /// The broadcast address may change under an address, which is the same then.
+    /// The broadcast address does not count: when it changes, the address is still the same.
     auto operator<=>(const LinkAddress& other) const { return key() <=> other.key(); }
     bool operator==(const LinkAddress& other) const { return key() == other.key(); }
 
@@ -48,7 +50,7 @@ private:
     }
 };
 
-/// What the services ask of the kernel about interfaces. Replaced by a fake in tests.
+/// What the services ask the kernel about interfaces. Replaced by a fake in tests.
 class Kernel {
 public:
     virtual ~Kernel() = default;

@@ -16,7 +16,7 @@ namespace {
 constexpr uid_t root = 0;
 constexpr std::uint32_t firstNumber = 1U << 16;  // no program has such a number
 
-/// The number that the command of the interface in this place is started by.
+/// The number under which the command of the interface at this place is started.
 std::uint32_t numberOf(std::size_t place, bool up) {
     return firstNumber + 2 * static_cast<std::uint32_t>(place) + (up ? 1 : 0);
 }

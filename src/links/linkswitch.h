@@ -19,48 +19,48 @@
 
 namespace links {
 
-/// What the configuration says of setting one interface up and down over the bus. A value.
+/// What the configuration says about setting one interface up and down over the bus. A value.
 struct InterfaceConfig {
     std::string name;
-    bool terminate = false;  // programs may do it, too
-    // The commands that do it: a full path, then arguments. Empty: the kernel's flag is set.
+    bool terminate = false;  // true when programs may do so, too
+    // The commands for it: a full path, then arguments. Empty: the kernel's flag is set.
     std::vector<std::string> down;
     std::vector<std::string> up;
 
     bool operator==(const InterfaceConfig&) const = default;
 };
 
-/// The commands that set interfaces up and down, in the form in which processes are started. Whoever starts
-/// them for the router has to know them beforehand. They run as that one does, and not as the router.
+/// The commands that set interfaces up and down, in the form in which processes are started. The process that
+/// starts them for the router has to know them beforehand. They run as its user, not as the router's.
 [[nodiscard]] std::vector<hub::ProgramConfig> stateCommands(const std::vector<InterfaceConfig>& interfaces);
 
-/// Sets interfaces up and down for others: root alone unless the configuration says otherwise, by the
-/// kernel's flag or by the command that the configuration names. What was asked for, and what became of it,
-/// is logged.
+/// Sets interfaces up and down for others: only for root unless the configuration says otherwise, by the
+/// kernel's flag or by the configured command. Logs each request and its outcome.
 class LinkSwitch final {
 public:
-    /// How long a command may take before whoever waits for it is told that it still runs, which is within
-    /// the time that requesters wait, and before it is killed.
+    /// How long a command may take before its requester, who still waits then, is told that it goes on.
     /// Units: ticks of 10 ms.
     static constexpr std::uint32_t answerTicks = 500;
+    /// How long a command may take before it is killed.
+    /// Units: ticks of 10 ms.
     static constexpr std::uint32_t killTicks = 6000;
 
-    /// Gets an empty message, or the error that says why it was not done. Called once.
+    /// Called once with an empty message, or with the error that says why it was not done.
     using Done = std::function<void(tk::message)>;
 
-    /// Lifetime: kernel and processes outlive the object, and there is a loop.
+    /// Lifetime: kernel, processes and a loop outlive the object.
     LinkSwitch(std::vector<InterfaceConfig> interfaces, Kernel& kernel, hub::Processes& processes);
     LinkSwitch(const LinkSwitch&) = delete;
     LinkSwitch& operator=(const LinkSwitch&) = delete;
-    /// Leaves a command that still runs alone.
+    /// Lets a command that still runs go on.
     ~LinkSwitch();
 
-    /// Sets an interface up or down for a user, and gives the outcome, as `done` would get it. Empty when it
-    /// is not over: `done` is called when it is.
+    /// Sets an interface up or down for a user, and returns the outcome as `done` would get it. Returns
+    /// nothing when it takes longer: `done` is then called at the end.
     [[nodiscard]] std::optional<tk::message> set(const Link& link, bool up, uid_t user, const Done& done);
 
 private:
-    /// A command on its way.
+    /// A running command.
     struct Run {
         Run(LinkSwitch& owner, std::string name, std::string command, pid_t pid, tk::Fd opened, Done done);
         void ended(int fd, std::uint32_t events);
@@ -70,7 +70,7 @@ private:
         std::string name;     // of the interface
         std::string command;  // its path
         pid_t pid;
-        Done done;  // null when whoever waits was told that it takes longer
+        Done done;  // null once the requester was told that it takes longer
         tk::Fd process;
         tk::Watch watch;
         tk::Timer<Run, &Run::late> patience{*this};

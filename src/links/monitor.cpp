@@ -50,7 +50,7 @@ void Monitor::lost() {
 }
 
 void Monitor::heard(const nlmsghdr& message, bool isStale) {
-    // What is read of routes is not undone by what was told of them before.
+    // Even when stale: a notification of a route does not undo what was read later.
     if (zones.dependsOnRoutes()) routes.heard(message);
     if (isStale) return;
     switch (message.nlmsg_type) {

@@ -13,19 +13,20 @@
 
 namespace links {
 
-/// Keeps the zones, and the interfaces and addresses on the bus, in step with the kernel: listens first,
-/// reads everything second, and applies what was heard meanwhile third. When the kernel had to drop a
-/// notification, everything is read again. Listens to routes, too, where the zones depend on them.
+/// Keeps the zones, and the interfaces and addresses on the bus, in step with the kernel: first listens, then
+/// reads everything, then applies what was heard meanwhile. When the kernel had to drop a notification,
+/// everything is read again. Listens to routes, too, if the zones depend on them.
 ///
-/// All that follows when a link, an address or a route comes or goes begins here.
+/// Whatever happens when a link, an address or a route comes or goes begins here.
 class Monitor final : private netlink::Notifications::Owner {
 public:
     /// Lifetime: all outlive the monitor.
     Monitor(RtNetlink& kernel, Zones& zones, Interfaces& interfaces, Addresses& addresses)
         : kernel(kernel), zones(zones), interfaces(interfaces), addresses(addresses) {}
 
-    /// Returns when all of them know what the kernel has.
-    /// Errors: something cannot be read, routes included: the bus must not open to users who are not guarded.
+    /// Returns once all of them know what the kernel has.
+    /// Errors: something cannot be read, even routes only. The bus must then stay closed, as its users would
+    /// not be guarded.
     tk::Status start();
 
 private:
@@ -37,7 +38,7 @@ private:
     void readAgain();
 
     RtNetlink& kernel;
-    Zones& zones;  // which hear of everything first: what the bus tells is in force
+    Zones& zones;  // told first: what the bus announces is in force
     Interfaces& interfaces;
     Addresses& addresses;
     PublicRoutes routes{kernel, zones};

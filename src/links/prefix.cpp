@@ -17,7 +17,7 @@ constexpr std::uint32_t maskOf(std::uint32_t length) {
     return length == 0 ? 0 : ~std::uint32_t{0} << (addressBits - length);
 }
 
-// No two of them make up a larger network, so that a network is private where it lies in one of them.
+// No two of them make up a larger network, so a network is private only if it lies in one of them.
 constexpr Prefix privateRanges[] = {
     {0x0A000000, maskOf(8)},   // 10.0.0.0
     {0xAC100000, maskOf(12)},  // 172.16.0.0
@@ -32,7 +32,7 @@ constexpr Prefix privateRanges[] = {
     {0xFFFFFFFF, maskOf(32)},  // broadcast
 };
 
-/// Walks networks that lie beside or within each other, by rising address and from the larger to the smaller.
+/// Walks networks that lie side by side or within each other, by rising address, larger ones first.
 class Sweep {
 public:
     void enter(const SidedNetwork& network) {
@@ -57,7 +57,7 @@ private:
             open.pop_back();
         }
     }
-    /// What lies from here up to `limit` is the innermost network's.
+    /// The addresses from here up to `limit` belong to the innermost network.
     void give(std::uint64_t limit) {
         if (!open.back().isInside || at >= limit) return;
         const auto first = static_cast<std::uint32_t>(at);
@@ -68,7 +68,7 @@ private:
             ranges.push_back({first, last});
     }
 
-    std::vector<SidedNetwork> open;  // each one within the former
+    std::vector<SidedNetwork> open;  // each within the one before
     std::uint64_t at = 0;
     std::vector<AddressRange> ranges;
 };
@@ -101,7 +101,7 @@ bool isBeyondPrivateRanges(const Prefix& prefix) {
 
 std::vector<AddressRange> insideRanges(std::vector<SidedNetwork> networks) {
     std::sort(networks.begin(), networks.end(), [](const SidedNetwork& left, const SidedNetwork& right) {
-        // Of two of one size the outside one is the last, and so the innermost.
+        // Of two of the same size the outside one comes last, and so is the innermost.
         return std::tuple(left.prefix.network, left.prefix.mask, !left.isInside) <
                std::tuple(right.prefix.network, right.prefix.mask, !right.isInside);
     });

@@ -12,6 +12,7 @@ struct Prefix {
     std::uint32_t network = 0;
     std::uint32_t mask = 0;
 
+    /// True when an address lies in the network.
     bool contains(std::uint32_t hostOrderAddress) const { return (hostOrderAddress & mask) == network; }
     /// The highest address.
     std::uint32_t last() const { return network | ~mask; }
@@ -29,12 +30,12 @@ struct Prefix {
 /// Byte order: network.
 [[nodiscard]] std::string addressText(std::uint32_t address);
 
-/// "192.0.2.0/24".
+/// A network as text, such as "192.0.2.0/24".
 [[nodiscard]] std::string prefixText(const Prefix& prefix);
 
-/// True when a network has an address that a host beyond the networks of its owner may have: one that is
-/// neither private (RFC 1918, 100.64.0.0/10, 169.254.0.0/16, the documentation ranges) nor loopback,
-/// multicast or the broadcast address.
+/// True when a network has an address that a host outside its owner's networks may have: one that is neither
+/// private (RFC 1918, 100.64.0.0/10, 169.254.0.0/16, the documentation ranges) nor loopback, multicast or
+/// the broadcast address.
 [[nodiscard]] bool isBeyondPrivateRanges(const Prefix& prefix);
 
 /// IPv4 addresses from the first to the last. A value.
@@ -52,11 +53,11 @@ struct SidedNetwork {
     bool isInside = false;
 };
 
-/// The addresses that are inside, as ascending ranges that neither overlap nor touch. For each address the
-/// smallest network decides, and outside where two of one size differ; what lies in none is outside.
+/// The inside addresses, as ascending ranges that neither overlap nor touch. The smallest network around an
+/// address decides; if two of the same size differ, or there is none, the address is outside.
 [[nodiscard]] std::vector<AddressRange> insideRanges(std::vector<SidedNetwork> networks);
 
-/// True when an address lies in one of such ranges.
+/// True when an address lies in one of the ranges.
 /// Byte order: host.
 [[nodiscard]] bool contains(const std::vector<AddressRange>& ranges, std::uint32_t hostOrderAddress);
 

@@ -14,10 +14,10 @@ namespace links {
 
 namespace {
 
-constexpr std::uint32_t delayTicks = 1;    // 10 ms: a route that moves is a series of notifications
+constexpr std::uint32_t delayTicks = 1;    // 10 ms: moving a route takes several messages
 constexpr std::uint32_t retryTicks = 100;  // 1 s
-// All routes of a large router are some hundred milliseconds' work. So readings keep a distance, and together
-// take a small share of the time only.
+// Reading all routes of a large router takes some hundred milliseconds. So readings keep a distance, and
+// together take only a small share of the time.
 constexpr int distanceFactor = 10;
 
 constexpr std::uint32_t groupOf(unsigned number) {
@@ -48,9 +48,10 @@ void PublicRoutes::heard(const nlmsghdr& message) {
             known.interfaces.erase(parseLink(message).value_or(Link()).index);
             return somethingGoes();
         case RTM_NEWADDR:
-            return;  // takes no route away
+            return;  // removes no route
         default:
-            return somethingGoes();  // the kernel does not tell of all routes that go with something else
+            // The kernel does not tell of all routes that go with something else.
+            return somethingGoes();
     }
 }
 
@@ -69,7 +70,7 @@ bool PublicRoutes::isKnown(const Route& route) const {
                        [this](std::uint32_t index) { return known.interfaces.contains(index); });
 }
 
-/// An object may lead elsewhere now, and routes with it, where there still are any.
+/// An object may lead elsewhere now, and any routes by it, too.
 void PublicRoutes::nextHopComes(const nlmsghdr& message) {
     if (known.nextHops.empty()) return;
     const NextHop hop = parseNextHop(message);
@@ -77,7 +78,7 @@ void PublicRoutes::nextHopComes(const nlmsghdr& message) {
     if (!hop.members.empty() || (hop.interface != 0 && !isOut)) readAgain();
 }
 
-/// What goes matters only where a worse route may take its place.
+/// What goes matters only if a worse route may take its place.
 void PublicRoutes::somethingGoes() {
     const bool isNews =
         std::any_of(known.fallbacks.begin(), known.fallbacks.end(),
@@ -105,7 +106,7 @@ void PublicRoutes::keepDistance() {
 
 void PublicRoutes::routesRead(const RouteExits& exits, bool isComplete) {
     keepDistance();
-    // Objects to which no route leads any more are forgotten, else they might lead inside one day.
+    // Forget objects that no route leads to any more: they might lead inside one day.
     known.nextHops = coming.nextHops;
     known.fallbacks = exits.fallbacks;
     known.hasFallbackByNextHop = exits.hasFallbackByNextHop;
@@ -119,13 +120,13 @@ void PublicRoutes::routesUnread(const tk::Status& why) {
     next.call(retryTicks);
 }
 
-/// At the start it is the caller of start() that tells why.
+/// At the start the caller of start() tells why.
 void PublicRoutes::fail(const tk::Status& why) {
     fault = why;
     if (isStarted) tk::log("inside and outside: ", why.reason());
 }
 
-/// Errors: false when it is not known where some routes lead; the zones know of all others then.
+/// Errors: false when it is unknown where some routes lead; the zones then know of all others.
 bool PublicRoutes::tell(const RouteExits& exits) {
     fault = {};
     std::map<std::uint32_t, Prefix> out = exits.interfaces;

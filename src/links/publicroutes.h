@@ -15,23 +15,23 @@
 namespace links {
 
 /// Tells the zones which interfaces carry a route beyond the private ranges. A route without a metric counts
-/// as soon as it comes, for no other can take its place; whether one with a metric is the best one to its
-/// destination is learnt by reading them all. An interface that has carried one is outside for good: so the
-/// routes that come and go over such interfaces, be they very many, cost next to nothing.
+/// as soon as it comes, as no other can be better. A route with a metric counts if it is the best one to its
+/// destination, which takes a reading of all routes. An interface that has carried a route that counts is
+/// outside for good. So even very many routes that come and go over such interfaces cost next to nothing.
 class PublicRoutes final : private RouteReader::Owner {
 public:
-    /// Lifetime: both outlive the object.
+    /// Lifetime: the kernel and the zones outlive the object.
     PublicRoutes(RtNetlink& kernel, Zones& zones) : kernel(kernel), zones(zones) {}
 
-    /// The groups of rtnetlink whose notifications heard() has to hear.
+    /// The groups of rtnetlink whose notifications go to heard().
     static const std::uint32_t groups;
 
-    /// Returns when the zones know.
+    /// Returns once the zones know the routes.
     /// Errors: the routes, or where one of them leads, cannot be read.
     tk::Status start();
-    /// Takes up what the kernel tells.
+    /// Takes a notification from the kernel.
     void heard(const nlmsghdr& message);
-    /// Has everything read again, following the present reading.
+    /// Has everything read again, after the present reading.
     void readAgain();
 
     /// True while all routes are read, or are to be read soon.
@@ -52,11 +52,11 @@ private:
     RtNetlink& kernel;
     Zones& zones;
     RouteReader reader{*this};
-    RouteExits known;   // of what was told, and of what was read last
-    RouteExits coming;  // since the last reading began, which may have missed it
+    RouteExits known;   // from notifications and the last reading
+    RouteExits coming;  // new since a reading began, which may miss them
     tk::Status fault;   // why the last reading or telling failed
     bool isStarted = false;
-    bool isOutdated = false;  // what is being read: another reading follows
+    bool isOutdated = false;  // true: another reading follows the present one
     tk::Pacer<PublicRoutes, &PublicRoutes::read> next{*this};
 };
 

@@ -11,7 +11,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr int datagramsPerTurn = 8;  // of some dozens of routes each, a fraction of a millisecond
+constexpr int datagramsPerTurn = 8;  // with dozens of routes each: well below 1 ms
 
 }  // namespace
 
@@ -65,11 +65,11 @@ void RouteReader::complete() {
 }
 
 void RouteReader::ready(int, std::uint32_t) {
-    // After a loss, what still waits is read in one go: nothing may come that would wake this up again.
+    // After a loss, read all that still waits at once: nothing else may come to wake this up again.
     for (int i = 0; (i < datagramsPerTurn || answer.isPartial()) && step(); ++i) continue;
 }
 
-/// Takes one datagram, for which the kernel makes the next one. False when there is none.
+/// Takes one datagram, whereupon the kernel makes the next one. False when there is none.
 bool RouteReader::step() {
     const bool wasBusy = isBusy();
     const auto start = Clock::now();
@@ -83,7 +83,7 @@ void RouteReader::take(const nlmsghdr& message) {
     if (message.nlmsg_type == RTM_NEWROUTE) judge(parseRoute(message));
 }
 
-/// The kernel tells the routes of one destination one after the other, those of the lowest metric first.
+/// The kernel gives the routes of one destination in a row, those with the lowest metric first.
 void RouteReader::judge(const Route& route) {
     if (route.isRivalOf(best) && route.metric > best.metric) return exits.addFallback(route);
     best = route;

@@ -16,28 +16,32 @@
 
 namespace links {
 
-/// Where routes beyond the private ranges lead, each with one of the destinations. A value.
+/// Where routes beyond the private ranges lead, each with one of their destinations. A value.
 struct RouteExits {
-    std::map<std::uint32_t, Prefix> interfaces;  // by index, of routes that lead there by themselves
-    std::map<std::uint32_t, Prefix> nextHops;    // by id, of the objects that all others lead to
-    std::set<std::uint32_t> fallbacks;           // indexes, of routes whose place better ones take
+    // By index: of routes that name their interfaces.
+    std::map<std::uint32_t, Prefix> interfaces;
+    // By id: the nexthop objects of all other routes.
+    std::map<std::uint32_t, Prefix> nextHops;
+    // The indexes of interfaces of routes that have a better one before them.
+    std::set<std::uint32_t> fallbacks;
     bool hasFallbackByNextHop = false;
 
-    /// Takes a route up that is the best one to its destination, or one that is not.
+    /// Adds a route that is the best one to its destination, or one that is not.
     void add(const Route& route);
     void addFallback(const Route& route);
 };
 
-/// Reads where the IPv4 routes of all tables lead that lead beyond the private ranges, and are the best ones
-/// to their destinations. The kernel tells them only among all its routes, which may be very many: they are
-/// read in parts that leave the loop time for others, and none is kept.
+/// Reads where IPv4 routes lead: those of all tables that lead beyond the private ranges and are the best
+/// ones to their destinations. The kernel only gives all its routes, which may be very many. So they are read
+/// in parts that leave the loop time for others, and none is kept.
 class RouteReader final {
 public:
-    /// Who wants to know.
+    /// Hears what was read.
     class Owner {
     public:
         virtual ~Owner() = default;
-        /// A reading is over. Not `isComplete` when routes changed meanwhile, so that some may be missing.
+        /// A reading is over. `isComplete` is false when routes changed meanwhile, so that some may be
+        /// missing.
         virtual void routesRead(const RouteExits& exits, bool isComplete) = 0;
         /// A reading has failed.
         virtual void routesUnread(const tk::Status& why) = 0;
@@ -46,8 +50,9 @@ public:
     /// Lifetime: the owner outlives the object.
     explicit RouteReader(Owner& owner) : owner(owner) {}
 
+    /// Opens the socket.
     /// Errors: there is no rtnetlink.
-    /// Lifetime: there is a loop from now on until the object is gone.
+    /// Lifetime: a loop exists from now on until the object is gone.
     tk::Status open();
 
     /// Begins to read; one reading at a time. The owner is called when it is over.
@@ -56,7 +61,7 @@ public:
     void complete();
     /// True while a reading is under way.
     bool isBusy() const { return !answer.isComplete(); }
-    /// The time that the present reading, or else the last one, has kept others from the loop.
+    /// How long the present reading, or else the last one, has kept the loop from others.
     std::chrono::steady_clock::duration cost() const { return spent; }
 
 private:
@@ -70,7 +75,7 @@ private:
     netlink::Socket socket;
     tk::Watch watch;
     RouteExits exits;
-    Route best;              // of the destination that was read last
+    Route best;              // to the destination that was read last
     netlink::Answer answer;  // complete: no reading is under way
     std::chrono::steady_clock::duration spent{};
 };

@@ -47,7 +47,7 @@ contract::InterfaceCounters countersOf(const netlink::Attributes& attributes) {
     if (!attribute) return {};
     rtnl_link_stats64 stats{};
     const std::size_t size = mnl_attr_get_payload_len(attribute);
-    // It is unaligned there.
+    // It is not aligned there.
     ::memcpy(&stats, mnl_attr_get_payload(attribute), size < sizeof stats ? size : sizeof stats);
     return {stats.rx_packets, stats.tx_packets, stats.rx_bytes, stats.tx_bytes};
 }
@@ -59,7 +59,7 @@ int takeKind(const nlattr* attribute, void* kind) {
     return MNL_CB_OK;
 }
 
-/// What kind of interface it is, by the name of its driver; empty for a plain one.
+/// The kind of interface: the name of its driver; empty for a plain one.
 std::string kindOf(const netlink::Attributes& attributes) {
     std::string kind;
     if (const nlattr* info = attributes.find(IFLA_LINKINFO))
@@ -67,8 +67,8 @@ std::string kindOf(const netlink::Attributes& attributes) {
     return kind;
 }
 
-/// The device below. Of a pair the kernel names the other end there, which is no part of the interface, and
-/// of a device in another network namespace its index means nothing here.
+/// The device below. For a pair the kernel names the other end instead, which is no part of the interface.
+/// The index of a device in another network namespace means nothing here.
 std::uint32_t lowerOf(const netlink::Attributes& attributes, std::uint32_t index) {
     if (attributes.find(IFLA_LINK_NETNSID)) return 0;
     const std::uint32_t lower = attributes.u32(IFLA_LINK);
@@ -109,7 +109,7 @@ int takeRouteAttribute(const nlattr* attribute, void* data) {
     return MNL_CB_OK;
 }
 
-/// A request with a family's own header, and room for the few attributes that are sent here.
+/// A request with a family's own header, and room for the few attributes that go with it.
 template <typename Header>
 class Request {
 public:
@@ -129,7 +129,7 @@ private:
     Header* own;
 };
 
-/// All that the kernel lists and that can be read.
+/// Everything in a list of the kernel's that can be read.
 template <typename T>
 tk::Result<std::vector<T>> listOf(netlink::Socket& socket, nlmsghdr& request,
                                   std::optional<T> (*parse)(const nlmsghdr&)) {
@@ -154,7 +154,7 @@ bool Link::isUp() const {
 }
 
 bool Link::isRunning() const {
-    // The kernel sets IFF_RUNNING where the operational state is up, or unknown to the driver.
+    // The kernel sets IFF_RUNNING when the operational state is up, or the driver does not know it.
     return isUp() && (flags & IFF_RUNNING) != 0;
 }
 
@@ -244,7 +244,7 @@ tk::Status RtNetlink::setLinkUp(std::uint32_t index, bool up) {
     return netlink::request(socket, request.get());
 }
 
-/// One that leads nowhere where there is no such object.
+/// A nexthop object; one that leads nowhere when there is no such object.
 tk::Result<NextHop> RtNetlink::readNextHop(std::uint32_t id) {
     Request<nhmsg> request(RTM_GETNEXTHOP);
     mnl_attr_put_u32(&request.get(), NHA_ID, id);

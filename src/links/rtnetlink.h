@@ -14,8 +14,8 @@
 
 namespace links {
 
-/// Reads an RTM_NEWLINK or RTM_DELLINK message. Empty for one that describes no interface as a whole: a
-/// bridge port, or an event of a wireless driver.
+/// Reads an RTM_NEWLINK or RTM_DELLINK message. Empty when it does not describe a whole interface, but a
+/// bridge port or an event of a wireless driver.
 [[nodiscard]] std::optional<Link> parseLink(const nlmsghdr& message);
 
 /// Reads an RTM_NEWADDR or RTM_DELADDR message. Empty for all but IPv4 addresses.
@@ -23,31 +23,34 @@ namespace links {
 
 /// A route of the kernel's tables. A value.
 struct Route {
-    // Of the routes of one destination the kernel takes the one with the lowest metric.
+    // The first three are the destination: of its routes the kernel takes the one with the lowest metric.
     std::uint32_t table = 0;
     Prefix prefix;
-    std::uint8_t service = 0;  // that the packets ask for
+    std::uint8_t service = 0;  // the packets' type of service
     std::uint32_t metric = 0;
 
-    bool leadsSomewhere = false;  // false for one to the router itself, or that excludes
-    bool isOwnNetwork = false;    // it came with an address of the interface, and leads to its network
-    std::vector<std::uint32_t> interfaces;  // indexes; several with a multipath route
-    std::uint32_t nextHop = 0;  // the id of the object that says where it leads; 0: the route does
+    // False when it leads to the router itself, or excludes its destination.
+    bool leadsSomewhere = false;
+    // True when it came with an address of the interface, and leads to that address's network.
+    bool isOwnNetwork = false;
+    std::vector<std::uint32_t> interfaces;  // indexes; several for a multipath route
+    // The id of the object that says where the route leads; 0: the route itself does.
+    std::uint32_t nextHop = 0;
 
-    /// True when the other one has the same destination.
+    /// True when the other route has the same destination.
     bool isRivalOf(const Route& other) const {
         return table == other.table && prefix == other.prefix && service == other.service;
     }
-    /// True when it leads, or its nexthop object may lead, to an address beyond the private ranges.
+    /// True when the route or its nexthop object may lead to an address beyond the private ranges.
     bool leadsBeyond() const;
 };
 
-/// Reads an RTM_NEWROUTE or RTM_DELROUTE message of an IPv4 route. Where the kernel names a nexthop object,
-/// it may leave the interfaces out, and what becomes of packets there is not the route's to say.
+/// Reads an RTM_NEWROUTE or RTM_DELROUTE message of an IPv4 route. If the kernel names a nexthop object, it
+/// may leave out the interfaces, and the object decides what becomes of packets.
 [[nodiscard]] Route parseRoute(const nlmsghdr& message);
 
-/// Where a nexthop object leads: out of an interface, or wherever the members of a group lead. A blackhole
-/// has neither. A value.
+/// Where a nexthop object leads: out of an interface or, for a group, where its members lead. A blackhole has
+/// neither. A value.
 struct NextHop {
     std::uint32_t interface = 0;         // index; 0: none
     std::vector<std::uint32_t> members;  // ids
@@ -56,22 +59,23 @@ struct NextHop {
 /// Reads an RTM_NEWNEXTHOP message.
 [[nodiscard]] NextHop parseNextHop(const nlmsghdr& message);
 
-/// The kernel's interfaces, addresses and nexthop objects over rtnetlink: requests that are answered at once.
+/// The kernel's interfaces, addresses and nexthop objects over rtnetlink. The kernel answers at once.
 class RtNetlink final : public Kernel {
 public:
+    /// Opens the socket.
     /// Errors: there is no rtnetlink.
     tk::Status open();
 
-    // As every kernel does.
+    /// As declared by Kernel.
     tk::Result<Link> readLink(std::uint32_t index) override;
     tk::Status setLinkUp(std::uint32_t index, bool up) override;
 
-    /// Adds the indexes of the interfaces that a nexthop object leads out of: none for one that is no more,
-    /// and none with a kernel that has no such objects.
-    /// Errors: where not all members of a group can be read, those that could be are added.
+    /// Adds the indexes of the interfaces that a nexthop object leads out of. An object that no longer exists
+    /// has none, and so has a kernel without such objects.
+    /// Errors: when not all members of a group can be read, those that could be are still added.
     tk::Status addInterfacesOf(std::uint32_t nextHop, std::set<std::uint32_t>& out);
 
-    // Read all interfaces, or all IPv4 addresses.
+    /// Reads all interfaces, or all IPv4 addresses.
     tk::Result<std::vector<Link>> readLinks();
     tk::Result<std::vector<LinkAddress>> readAddresses();
 

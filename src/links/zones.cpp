@@ -15,7 +15,8 @@ namespace links {
 namespace {
 
 constexpr std::size_t sessionBytes = std::size_t{1024} * 1024;
-constexpr std::uint32_t longestWithEnds = 30;  // beyond it a network has no address to spare for its ends
+// A network with a longer prefix has no addresses to spare for its ends.
+constexpr std::uint32_t longestWithEnds = 30;
 
 Prefix networkOf(const LinkAddress& address) {
     return prefixOf(ntohl(address.peer), address.prefixLength);
@@ -39,12 +40,12 @@ std::string lowerDeviceOf(const Link& link) {
     return "it is the lower device of " + link.name;
 }
 
-/// True when the network leaves its first and its last address to no host.
+/// True when the network gives its first and its last address to no host.
 bool hasEnds(const Prefix& network) {
     return lengthOf(network) <= longestWithEnds;
 }
 
-/// True when nothing that decides about a side differs: carriers come and go all the time.
+/// True when nothing that decides a side differs. Carriers come and go all the time.
 bool standsAlike(const Link& left, const Link& right) {
     return left.index == right.index && left.name == right.name && left.isUp() == right.isUp() &&
            left.lower == right.lower && left.master == right.master &&
@@ -100,7 +101,7 @@ void Zones::addExits(const std::map<std::uint32_t, Prefix>& more) {
     settle();
 }
 
-/// Finds out what is inside now, and tells it where that is news.
+/// Finds out what is inside now, and tells the watcher if that is new.
 void Zones::settle() {
     if (!watcher) return;
     if (dependsOnRoutes()) {
@@ -133,7 +134,7 @@ void Zones::markExits() {
             (void)mark(link->second, "it carries, or has carried, a route to " + prefixText(destination));
 }
 
-/// One step down. True when it found something new, below which there may be more.
+/// Goes one step down. True when that found something new, with perhaps more below.
 bool Zones::markLowerDevices() {
     bool isNews = false;
     for (const auto& [index, link] : links) {
@@ -149,7 +150,7 @@ bool Zones::markBelow(const Link& link) {
     bool isNews = false;
     if (const auto lower = links.find(link.lower); lower != links.end()) isNews = mark(lower->second, why);
     if (link.hardwareType != ARPHRD_PPP) return isNews;
-    // Nobody tells which of the sessions is this interface's.
+    // Nothing tells which of the sessions belongs to this interface.
     const std::set<std::string> devices = pppoeDevices(pppoeSessions);
     for (const auto& [index, device] : links)
         if (devices.contains(device.name)) isNews = mark(device, why) || isNews;
@@ -163,7 +164,7 @@ std::vector<AddressRange> Zones::insideAddresses() const {
         const auto link = links.find(address.index);
         if (link == links.end()) continue;
         const Side side = sideOf(link->second);
-        // A network outside stays what it is while its interface is down.
+        // An outside network stays outside while its interface is down.
         if (side == Side::outside || (side == Side::inside && link->second.isUp()))
             networks.push_back({networkOf(address), side == Side::inside});
     }

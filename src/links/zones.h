@@ -13,15 +13,15 @@
 
 namespace links {
 
-/// What the configuration says of the router's inside. A value.
+/// What the configuration says about the router's inside. A value.
 struct LanConfig {
-    std::optional<std::vector<std::string>> interfaces;  // the inside ones; none given: routes tell
-    std::vector<Prefix> networks;                        // inside too, though not directly connected
+    std::optional<std::vector<std::string>> interfaces;  // inside; empty: routes decide
+    std::vector<Prefix> networks;                        // inside, not directly connected
 
     bool operator==(const LanConfig&) const = default;
 };
 
-/// The side of the router that an interface stands on, with its number on the bus.
+/// The side of the router that an interface is on, with its number on the bus.
 enum class Side : std::uint32_t { neither = 0, inside = 1, outside = 2 };
 
 /// What is inside: the interfaces, by index, and the addresses of the hosts. A value.
@@ -39,54 +39,54 @@ public:
     virtual void insideChanged(const Inside& inside) = 0;
 };
 
-/// Knows which interfaces and addresses are inside and which outside. Everybody who has to know asks here.
-///
-/// The configuration names the inside interfaces; all others are outside then. Where it names none, those are
-/// outside that carry, or once carried, a route beyond the private ranges, and the devices below them: an
-/// interface does not come inside because its routes went. They are remembered by name, for one that comes
-/// back does so under another index. Loopback is neither.
+/// Knows which interfaces and addresses are inside and which outside. Whoever has to know asks here.
+///  If the configuration names the inside interfaces, all others are outside. If it does not, an interface is
+/// outside when it carries, or once carried, a route beyond the private ranges, and so are the devices below
+/// it: an interface does not become inside because its routes went. These interfaces are remembered by name,
+/// as one that comes back has another index. Loopback is neither.
 ///
 /// Inside addresses are the networks of the inside interfaces that are up, and those of the configuration,
-/// less the smaller or equal networks of outside interfaces.
+/// except for smaller or equal networks of outside interfaces.
 class Zones {
 public:
     static constexpr const char* usualPppoeSessions = "/proc/net/pppoe";
 
-    /// `pppoeSessions` is the kernel's list, which names the Ethernet devices below.
+    /// `pppoeSessions` is the kernel's list of PPPoE sessions, which names the Ethernet devices below them.
     explicit Zones(LanConfig config = {}, std::string pppoeSessions = usualPppoeSessions);
 
-    /// True when routes have to be told.
+    /// True when the zones need to be told of routes.
     bool dependsOnRoutes() const { return !config.interfaces; }
-    /// Tells the watcher what is inside, and from now on all changes, before the functions below return.
+    /// Tells the watcher what is inside, and from now on each change, before the function that makes it
+    /// returns.
     /// Lifetime: the watcher outlives the use of the object.
     void start(InsideWatcher& watcher);
 
-    /// Takes over that the kernel has, or has no more, an interface or an address.
+    /// The kernel has this interface or address, or no longer has it.
     void apply(const Link& link);
     void removeLink(std::uint32_t index);
     void apply(const LinkAddress& address);
     void remove(const LinkAddress& address);
-    /// Takes over full lists.
+    /// Takes full lists.
     void applyAll(const std::vector<Link>& links, const std::vector<LinkAddress>& addresses);
-    /// Routes beyond the private ranges lead out of these interfaces: for each index one of their
+    /// Routes beyond the private ranges lead out of these interfaces; each index comes with one of their
     /// destinations. The interface itself may become known later.
     void addExits(const std::map<std::uint32_t, Prefix>& exits);
 
-    /// Neither for an interface that is not known.
+    /// The side of an interface; neither for an unknown one.
     [[nodiscard]] Side sideOf(std::uint32_t index) const;
-    /// Why it stands there, for people.
+    /// Why the interface is on that side, for people.
     [[nodiscard]] std::string whyOf(std::uint32_t index) const;
 
-    // Byte order of addresses: network.
-    /// True for the address of a host inside, or of the router in a network there.
+    // Byte order of the addresses below: network.
+    /// True for the address of an inside host, or of the router in an inside network.
     [[nodiscard]] bool isInside(std::uint32_t address) const;
     /// Why an address is not inside, for people.
     [[nodiscard]] std::string whyOutside(std::uint32_t address) const;
-    /// True for an address of the router, on whatever interface and of whatever scope.
+    /// True for an address of the router, on any interface and of any scope.
     [[nodiscard]] bool isOwn(std::uint32_t address) const;
-    /// The outside interfaces, by index, that hold an address of the router's.
+    /// The indexes of the outside interfaces that hold this address of the router.
     [[nodiscard]] std::vector<std::uint32_t> outsideHoldersOf(std::uint32_t address) const;
-    /// True for the first, or the last, address of a network that has addresses for neither.
+    /// True for the first, or the last, address of a network that gives these two to no host.
     [[nodiscard]] bool isNetworkAddress(std::uint32_t address) const;
     [[nodiscard]] bool isBroadcastAddress(std::uint32_t address) const;
 
@@ -105,9 +105,9 @@ private:
     InsideWatcher* watcher = nullptr;
     std::unordered_map<std::uint32_t, Link> links;  // by index
     std::set<LinkAddress> held;
-    std::map<std::uint32_t, Prefix> exits;     // by index: where a route of the interface leads
-    std::map<std::string, std::string> marks;  // why an interface of this name is outside, for good
-    Inside inside;                             // as it was told
+    std::map<std::uint32_t, Prefix> exits;     // by index: a route's destination
+    std::map<std::string, std::string> marks;  // by name: why it is outside for good
+    Inside inside;                             // as the watcher was told
 };
 
 }  // namespace links

@@ -19,7 +19,7 @@ inline std::uint32_t address(const char* text) {
     return ::inet_addr(text);
 }
 
-/// Interfaces as a test wants them.
+/// A kernel whose interfaces the test sets.
 class FakeNetwork final : public Kernel {
 public:
     tk::Result<Link> readLink(std::uint32_t index) override {
@@ -37,7 +37,7 @@ public:
     std::string fault;
 };
 
-/// Somebody who asks.
+/// A requester that is the user `asker`.
 class FakeRequester final : public hub::Requester {
 public:
     uid_t user() const override { return asker; }
@@ -45,7 +45,7 @@ public:
     uid_t asker = 0;
 };
 
-/// Nobody to whom it matters what is inside.
+/// A watcher that ignores what is inside.
 class IdleWatcher final : public InsideWatcher {
 public:
     void insideChanged(const Inside&) override {}
