@@ -24,15 +24,15 @@ struct CloseFolder {
     void operator()(DIR* folder) const { (void)::closedir(folder); }
 };
 
-/// Makes a folder that everybody may enter, whatever the umask is; one that is there stays as it is.
+/// Makes a folder that everybody may enter, whatever the umask. An existing one stays as it is.
 bool makeFolder(const std::string& path) {
     constexpr mode_t everybodyMayEnter = 0755;
     if (::mkdir(path.c_str(), everybodyMayEnter) != 0) return errno == EEXIST;
     return ::chmod(path.c_str(), everybodyMayEnter) == 0;
 }
 
-/// Whoever may write to the folder may have put a name of somebody else's file there: only a file without
-/// another name is given away, and by the descriptor that was looked at.
+/// Whoever may write to the folder may have linked somebody else's file into it. So only a file without a
+/// second name is given away, through the very descriptor that was checked.
 bool giveFile(int folder, const char* name, const Account& account) {
     const Fd file(::openat(folder, name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
     struct stat status {};
@@ -55,7 +55,7 @@ std::optional<Account> findAccount(const std::string& name) {
     if (!entry) return std::nullopt;
     Account account{name, entry->pw_uid, entry->pw_gid, {}};
     int count = 0;
-    (void)::getgrouplist(name.c_str(), account.gid, nullptr, &count);  // fails, and tells how many there are
+    (void)::getgrouplist(name.c_str(), account.gid, nullptr, &count);  // fails, and gives their number
     account.groups.resize(static_cast<std::size_t>(count));
     if (::getgrouplist(name.c_str(), account.gid, account.groups.data(), &count) < 0) return std::nullopt;
     account.groups.resize(static_cast<std::size_t>(count));
@@ -68,7 +68,7 @@ Account inBusGroup(Account account) {
 }
 
 bool becomeAccount(const Account& account) {
-    // The user last: without root's the other two would be refused.
+    // The user goes last: without root the other two would be refused.
     return ::setgroups(account.groups.size(), account.groups.data()) == 0 &&
            ::setresgid(account.gid, account.gid, account.gid) == 0 &&
            ::setresuid(account.uid, account.uid, account.uid) == 0;
@@ -102,7 +102,7 @@ Status becomeUser(const std::string& name, const std::vector<std::string>& folde
 Status giveUpRights(const std::string& name, const std::vector<std::string>& folders) {
     if (::geteuid() == 0)
         if (const Status changed = becomeUser(name, folders); !changed.isOk()) return changed;
-    // Capabilities that are not permitted leave the ambient set as well.
+    // Capabilities that are no longer permitted leave the ambient set, too.
     if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && setNoCapabilities()) return {};
     return Status::ofErrno("the capabilities", errno);
 }

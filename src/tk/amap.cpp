@@ -18,7 +18,7 @@ message noSuchObject() {
     return errorMsg(error::noSuchObject, "no such object");
 }
 
-/// The error that a change ends with which cannot be written; an empty message where it can.
+/// The error of a change that cannot be written; an empty message when it can.
 message errorOf(const Status& outcome) {
     return outcome.isOk() ? message() : errorMsg(error::failed, outcome.reason());
 }
@@ -33,7 +33,7 @@ AMap::~AMap() = default;
 void AMap::init() {
     const std::map<std::uint32_t, message> stored = store.all();
     for (const auto& [id, config] : stored) {
-        if (!ids.allocID(id)) continue;  // out of the range: of no use, but not ours to drop either
+        if (!ids.allocID(id)) continue;  // out of range: useless, but not ours to drop
         std::unique_ptr<Object> object = makeObject();
         object->setConfig(config, 0);
         object->id = id;
@@ -44,7 +44,7 @@ void AMap::init() {
     }
 }
 
-/// Else it would come to life when what it clashes with is removed.
+/// Drops an object from the store: else it would come to life once what it clashes with is removed.
 void AMap::drop(const Object& refused, const message& verdict) {
     log(refused.getName(), " ", refused.id, " dropped: ", getError(verdict));
     ids.freeID(refused.id);

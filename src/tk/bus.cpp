@@ -10,7 +10,7 @@ message Bus::ask(const message&, const Path&, std::uint32_t, std::uint32_t&) {
 void Bus::forget(std::uint32_t) {}
 
 void stamp(message& target, const Path& from, std::uint32_t number, Kind kind, std::uint32_t command) {
-    // Of a former life, or put in by hand: they belong behind the message's own fields.
+    // Left over, or put in by hand: they belong after the message's own fields.
     for (const std::uint32_t id : {field::sender, field::number, field::kind, field::command})
         target.remove(id);
     target.insert_u32_array(field::sender, from);

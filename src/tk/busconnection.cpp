@@ -12,11 +12,12 @@ namespace tk {
 
 namespace {
 
-// Of what the hub did not read yet, and of a frame that is arriving: room for some of the largest.
+// For what the hub has not read yet, and a frame that is arriving: room for some of the largest.
 constexpr std::size_t channelBytes = 4 * frameLimit;
-// Of what arrives during exchanges: flat, for a message of many small parts takes more than ten times that.
+// For what arrives during exchanges. It is kept flat: a message of many small parts takes more than ten times
+// as much.
 constexpr std::size_t waitingLimit = frameLimit;
-constexpr std::size_t waitingOverhead = 64;  // that one more costs beside its own bytes
+constexpr std::size_t waitingOverhead = 64;  // of each, in addition to its bytes
 
 /// What the hub takes of this process's user.
 ChannelLimits hubLimits() {
@@ -27,7 +28,7 @@ ChannelLimits hubLimits() {
 }
 
 /// A connected, non-blocking socket.
-/// Errors: none open, errno tells.
+/// Errors: the descriptor is not open, and errno is set.
 Fd connectTo(const std::string& socketPath) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -77,7 +78,8 @@ message BusConnection::ask(const message& request, const Path& from, std::uint32
     return failure;
 }
 
-/// Sends a request, and tells its number; an error when it cannot be sent.
+/// Sends a request, and gives it a number.
+/// Errors: an error message when it cannot be sent.
 message BusConnection::send(const message& request, const Path& from, std::uint32_t command,
                             std::uint32_t& number) {
     if (!channel.isOpen()) return gone();
@@ -108,8 +110,8 @@ message BusConnection::awaitEnd(std::uint32_t number, std::uint32_t timeout) {
     }
 }
 
-/// True when the hub does not take this connection, and says why: in the first message that arrives, an error
-/// for nothing that was asked. The connection is over then.
+/// True when the hub turns this connection away and says why: the first message that arrives is an error that
+/// answers no request. The connection is then over.
 bool BusConnection::noteRefusal(const message& arrived) {
     std::uint32_t code = 0;
     std::string text;
@@ -124,14 +126,13 @@ bool BusConnection::noteRefusal(const message& arrived) {
 
 /// What an exchange ends with when the connection is over.
 message BusConnection::gone() {
-    // A hub that closed at once may have said why, and nobody has read it yet.
+    // If the hub closed at once, its reason may still be unread.
     if (message first; !hasBegun && channel.take(first) && !noteRefusal(first)) keep(first);
     return isError(refusal) ? refusal : errorMsg(error::disconnected, "the bus is gone");
 }
 
 void BusConnection::post(message stamped) {
-    if (channel.send(stamped) || !channel.isOpen())
-        return;  // nobody waits for it who is not gone with the bus
+    if (channel.send(stamped) || !channel.isOpen()) return;  // whoever waits for it is gone with the bus
     if (kindOf(stamped) != Kind::reply) return;
     message refusal = errorMsg(error::failed, "the reply is too large");  // each request ends
     refusal.insert_u32_array(field::destination, stamped.get_u32_array(field::destination));
@@ -140,7 +141,7 @@ void BusConnection::post(message stamped) {
     (void)channel.send(refusal);
 }
 
-/// False for the end of a request that was not asked, or has had its end.
+/// False for an end of a request that ask() did not send, or that has already ended.
 bool BusConnection::isForTheLoop(const message& arrived) {
     const Kind kind = kindOf(arrived);
     if (kind == Kind::request || kind == Kind::notification) return true;
@@ -151,7 +152,7 @@ void BusConnection::keep(const message& arrived) {
     std::string flat = arrived.serialise();
     const std::size_t cost = flat.size() + waitingOverhead;
     const bool isRequest = kindOf(arrived) == Kind::request;
-    // Half of the room is for what cannot be refused.
+    // Half of the room is kept for what cannot be refused.
     const std::size_t room = isRequest ? waitingLimit / 2 : waitingLimit;
     if (waitingBytes + cost > room) {
         if (!isRequest) return channel.breakOff("too much arrived during one exchange");
@@ -165,12 +166,12 @@ void BusConnection::keep(const message& arrived) {
 void BusConnection::received(message arrived) {
     if (noteRefusal(arrived)) return;
     if (!isForTheLoop(arrived)) return;          // late: its requester gave up
-    if (!waiting.empty()) return keep(arrived);  // behind what came before it
+    if (!waiting.empty()) return keep(arrived);  // after what came earlier
     if (receiver) receiver->busReceived(arrived);
 }
 
 void BusConnection::handOn() {
-    // What is kept meanwhile, during the exchanges of a handler, has armed the timer for the next turn.
+    // Whatever a handler's exchanges keep meanwhile has armed the timer for the next turn.
     for (std::size_t count = waiting.size(); count > 0; --count) {
         const message arrived(waiting.front());
         waitingBytes -= waiting.front().size() + waitingOverhead;

@@ -16,10 +16,11 @@ namespace tk {
 namespace {
 
 constexpr std::size_t readSize = std::size_t{64} * 1024;
-constexpr int lastReads = 16;  // what a socket holds; a peer that takes nothing any more may still write on
+// As much as a socket holds: a peer that reads nothing any more may go on writing.
+constexpr int lastReads = 16;
 constexpr std::size_t framesPerWrite = 64;
-constexpr std::uint64_t turnMilliseconds = 2;  // for what one peer sent, while others wait
-constexpr std::size_t allocatorBytes = 32;     // that a frame of its own costs the allocator
+constexpr std::uint64_t turnMilliseconds = 2;  // for one peer, while others wait
+constexpr std::size_t allocatorBytes = 32;     // that each frame costs the allocator
 
 }  // namespace
 
@@ -56,7 +57,7 @@ void Channel::breakOff(const std::string& why) {
 void Channel::end(const std::string& why) {
     state = Status::failure(why);
     watch.stop();
-    outgoing.clear();  // at once, and not when the owner hears of it: others may need the room
+    outgoing.clear();  // now, before the owner hears: others may need the room
     written = queued = ownQueued = 0;
     delivery.arm(0);
 }
@@ -73,7 +74,7 @@ Channel::Sent Channel::sendFor(Budget& payer, const message& source) {
     return isOpen() ? Sent::yes : Sent::no;
 }
 
-/// Writes as much as the peer takes, and gives how much that was.
+/// Writes as much as the peer takes, and returns how much that was.
 std::size_t Channel::writeNow(std::string_view bytes) {
     std::size_t count = 0;
     while (count < bytes.size()) {
@@ -126,7 +127,7 @@ void Channel::dropWritten(std::size_t count) {
     }
 }
 
-/// The peer is gone, but what it sent before is still to be handed on.
+/// The peer is gone, but what it sent before must still be handed on.
 void Channel::endWriting() {
     const std::string why = errorText();
     for (int reads = 0; reads < lastReads && readSome(); ++reads) {
@@ -162,7 +163,7 @@ bool Channel::pump(int milliseconds) {
     if (hasQueue && (waiting.revents & POLLOUT)) flush();
     if (isOpen() && (waiting.revents & (POLLIN | POLLHUP | POLLERR)))
         (void)readSome();  // the caller waits again
-    delivery.arm(0);       // whatever is not taken now is the owner's
+    delivery.arm(0);       // the owner gets what is not taken now
     return isOpen();
 }
 
@@ -188,7 +189,7 @@ void Channel::deliver() {
     const bool goesOn = isBehind && !isBrokenOff;
     if (goesOn) delivery.arm(0);
     if (isOpen()) return watchWhatIsDue();
-    if (goesOn) return;  // what it sent before it went is still to be handed on
+    if (goesOn) return;  // first hand on what the peer sent before it went
     delivery.disarm();
     const std::string why = state.reason();  // outlives this channel
     owner.broken(why);                       // may destroy this channel: nothing may follow

@@ -36,7 +36,7 @@ bool isIn(const Range (&ranges)[count], char32_t code) {
                        [code](const Range& range) { return code >= range.first && code <= range.last; });
 }
 
-/// The bytes of a character, as its first one announces them; 0 for a byte that starts none.
+/// The length of a character, as its first byte announces it; 0 for a byte that starts none.
 std::size_t announcedLength(unsigned char first) {
     if (first < 0x80) return 1;
     if (first >= 0xC2 && first < 0xE0) return 2;
@@ -45,7 +45,7 @@ std::size_t announcedLength(unsigned char first) {
     return 0;
 }
 
-/// False for a code that has a shorter form, is one half of a surrogate pair, or lies beyond the last one.
+/// False for a code that has a shorter form, is half of a surrogate pair, or lies beyond the last one.
 bool isWellFormed(char32_t code, std::size_t length) {
     constexpr char32_t lowest[] = {0, 0, 0x80, 0x800, 0x10000};
     return code >= lowest[length] && code <= 0x10FFFF && (code < 0xD800 || code > 0xDFFF);

@@ -37,7 +37,7 @@ void allowDescriptors(unsigned count) {
     rlimit limit{};
     if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= count) return;
     limit.rlim_cur = std::min<rlim_t>(count, limit.rlim_max);
-    (void)::setrlimit(RLIMIT_NOFILE, &limit);  // where it is refused the old limit holds
+    (void)::setrlimit(RLIMIT_NOFILE, &limit);  // if refused, the old limit holds
 }
 
 }  // namespace tk

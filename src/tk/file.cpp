@@ -29,7 +29,7 @@ bool writeAll(int fd, std::string_view content) {
 }
 
 Fd createFile(const std::string& path) {
-    // Never through a link that somebody else put there: what is in the way goes, and the file must be new.
+    // Never write through somebody else's link: remove what is in the way, and insist on a new file.
     constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
     ::unlink(path.c_str());
     Fd file(::open(path.c_str(), flags, 0600));
@@ -77,10 +77,10 @@ Status writeSynced(const std::string& path, std::string_view content) {
 }
 
 Status replaceSynced(const std::string& from, const std::string& to) {
-    // Opened first: without a free descriptor nothing is replaced, as the caller is told.
+    // Opened first, so that nothing is replaced when there is no free descriptor.
     const Fd folder(::open(folderOf(to).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!folder.isOpen() || ::rename(from.c_str(), to.c_str()) != 0) return Status::ofErrno(to, errno);
-    // The file is in place: that a power cut may still undo it is no reason to say that it is not.
+    // The file is in place. A power cut might still undo that, but it is no failure.
     if (::fsync(folder.get()) != 0) log("cannot sync the folder of ", to, ": ", errorText());
     return {};
 }

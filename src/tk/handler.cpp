@@ -80,7 +80,8 @@ void Handler::sendUndo(const message& request, const message& inverse, const std
     record.insert_message_array(undofield::inverse, {inverse});
     record.insert_string(undofield::description, description);
     record.insert_u32_array(field::destination, {program::history});
-    (void)exchangeCmd(record, command::addObject, exchangeTimeout);  // a change stands without its record too
+    // A change stands even without its record.
+    (void)exchangeCmd(record, command::addObject, exchangeTimeout);
 }
 
 message Handler::answerLater() {
@@ -91,8 +92,8 @@ message Handler::answerLater() {
 
 void Handler::sendAnswer(const message& request, message answer) {
     message end = endOf(request, std::move(answer));
-    end.insert_u32_array(field::sender, ownPath);  // also when the request left the handler's number out
-    (void)sendMessage(std::move(end));             // without a bus its requester is gone, too
+    end.insert_u32_array(field::sender, ownPath);  // even if the request named no handler
+    (void)sendMessage(std::move(end));             // without a bus the requester is gone, too
 }
 
 message Handler::loadPermData() {

@@ -15,14 +15,15 @@ namespace tk {
 
 namespace {
 
-constexpr std::size_t waitingLimit = std::size_t{256} * 1024;  // bytes that may wait for a stalled reader
-constexpr int lastWaitMilliseconds = 1000;                     // for such a reader, when the process ends
+constexpr std::size_t waitingLimit = std::size_t{256} * 1024;  // bytes for a stalled reader
+constexpr int lastWaitMilliseconds = 1000;                     // for it when the process ends
 
-constexpr std::size_t lineLimit = PIPE_BUF - 1;  // bytes, with the line end what a pipe takes whole
+// Bytes: with the line end, what a pipe takes whole.
+constexpr std::size_t lineLimit = PIPE_BUF - 1;
 constexpr std::string_view cutMark = " [cut]";
 
-/// The text as it goes into the log. What others wrote must not make a line of its own, steer the terminal of
-/// who reads it, or fill the log.
+/// The text as it goes into the log. What others wrote must not start a new line, control the reader's
+/// terminal or fill the log.
 std::string lineOf(std::string_view text) {
     std::string_view rest = text;
     std::string line = takePrintable(rest, lineLimit);
@@ -33,7 +34,7 @@ std::string lineOf(std::string_view text) {
     return line;
 }
 
-/// What could not be written yet. Reached by function, so that no constructor runs before main.
+/// The lines not written yet. A function holds them, so that no constructor runs before main.
 struct Waiting {
     ~Waiting();
 
@@ -53,14 +54,14 @@ bool writable() {
     return ::poll(&target, 1, 0) == 1;
 }
 
-/// Writes the front of a line, at most PIPE_BUF bytes, which a pipe takes whole or not at all. False when it
+/// Writes the start of a line, at most PIPE_BUF bytes, which a pipe takes whole or not at all. False when it
 /// must wait.
 bool writeSome(std::string& line) {
     if (!writable()) return false;
     const ssize_t written = ::write(STDOUT_FILENO, line.data(), std::min<std::size_t>(line.size(), PIPE_BUF));
     if (written < 0) {
         if (errno == EAGAIN || errno == EINTR) return false;
-        line.clear();  // no reader any more: there is nobody to tell
+        line.clear();  // there is no reader any more
         return true;
     }
     line.erase(0, static_cast<std::size_t>(written));
@@ -79,7 +80,7 @@ void enqueue(std::string line) {
 
 }  // namespace
 
-/// The last lines of a process are worth a moment: a reader that only lags behind gets them.
+/// Waits a moment with the last lines of a process, so that a reader that is only slow still gets them.
 Waiting::~Waiting() {
     pollfd target{STDOUT_FILENO, POLLOUT, 0};
     while (!lines.empty() && ::poll(&target, 1, lastWaitMilliseconds) == 1) (void)flushLog();

@@ -14,7 +14,7 @@ namespace tk {
 
 namespace {
 
-// How often lines that a stalled reader left waiting are tried again.
+// How often to retry lines that wait for a stalled reader.
 constexpr int logRetryMilliseconds = 100;
 
 Looper* current = nullptr;
@@ -78,7 +78,7 @@ void Looper::watchSignals() {
 void Looper::signalled(int fd, std::uint32_t) {
     signalfd_siginfo info;
     if (::read(fd, &info, sizeof info) != sizeof info) return;
-    // The first signal ends the loop in order; the next one finds the default action, and ends the process.
+    // The first signal ends the loop in order. The next one finds the default action, and ends the process.
     signalWatch.stop();
     const sigset_t set = endSignals();
     sigprocmask(SIG_UNBLOCK, &set, nullptr);
@@ -185,7 +185,7 @@ void Looper::endInquiry(const message& end) {
 void Looper::notify(const message& notification) {
     const Path& from = notification.get_u32_array(field::sender);
     const std::uint32_t command = notification.get_u32(field::command);
-    const std::map<std::uint32_t, Handler*> targets = handlers.all();  // a handler may leave while it is told
+    const std::map<std::uint32_t, Handler*> targets = handlers.all();  // a call may remove handlers
     for (const auto& [id, handler] : targets) {
         const bool stays = handlers.find(id) == handler;
         if (stays && handler->isSubscribed(from, command))
@@ -197,7 +197,7 @@ void Looper::reply(const message& request) {
     message content = handlers.answer(request);
     if (content.has(field::later)) return;  // the handler ends the request itself
     message end = endOf(request, std::move(content));
-    // The handler's number is told also when the request left it out.
+    // The reply names the handler even if the request left out its number.
     end.insert_u32_array(field::sender, {program, handlerNumber(request.get_u32_array(field::destination))});
     bus->post(std::move(end));
 }

@@ -68,7 +68,7 @@ bool fits(const message& source, unsigned depth) {
     return true;
 }
 
-/// Reads values off the front of a text; each read answers false when the text is too short for it.
+/// Reads values from the front of a text. Each read returns false when the text is too short.
 class Reader {
 public:
     Reader(std::string_view text, unsigned depth) : rest(text), depth(depth) {}
@@ -169,7 +169,7 @@ bool Reader::readNumbers(std::uint32_t id, message& out) {
 
 bool Reader::readMessages(std::uint32_t id, message& out) {
     std::uint32_t count = 0;
-    // Each message takes at least its length: a count that the text cannot hold must not reserve memory.
+    // Each message takes at least its length field: a count too large for the text must not reserve memory.
     if (!integer(count) || rest.size() / sizeof count < count ||
         (count > 0 && depth == message::nestingLimit))
         return false;

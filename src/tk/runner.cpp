@@ -14,8 +14,8 @@ namespace {
 
 constexpr int eventsPerTurn = 256;
 
-// How long one turn serves sockets, in milliseconds. Behind it come timers, listeners and the bus; what was
-// not served still is ready in the next turn.
+// How long one turn serves sockets, in milliseconds. Then come timers, and in the next turn the urgent
+// sockets; what was not served is still ready then.
 constexpr std::uint64_t turnLimit = 100;
 
 }  // namespace
@@ -116,7 +116,7 @@ void Runner::callSockets() {
 
 void Runner::callTimers() {
     const std::uint64_t now = clock.now();
-    const std::uint64_t lastOrder = orders;  // a timer that is armed from here on waits for the next turn
+    const std::uint64_t lastOrder = orders;  // timers armed from here on wait for the next turn
     for (auto next = queue.begin(); next != queue.end() && next->time <= now;) {
         if (next->order > lastOrder) {
             ++next;

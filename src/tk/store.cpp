@@ -13,8 +13,8 @@ namespace tk {
 
 namespace {
 
-// The file: this text, then one flat message with the fields below. The checksum is that of the flat form of
-// a message that holds the entries field alone.
+// The file: this text, then one flat message with the fields below. The checksum covers the flat form of a
+// message with only the entries field.
 constexpr std::string_view magic = "tkstore1";
 constexpr std::uint32_t revisionField = 1;  // u32
 constexpr std::uint32_t checksumField = 2;  // u32
@@ -53,7 +53,7 @@ bool decode(std::string_view content, std::uint32_t revision, std::map<std::uint
     return true;
 }
 
-/// Errors: false when decode() would not read it again, for its nesting or its size.
+/// Errors: false when its nesting or its size would keep decode() from reading it.
 bool encode(const std::map<std::uint32_t, message>& entries, std::uint32_t revision, std::string& content) {
     const message list = listOf(entries);
     message file;
@@ -161,7 +161,7 @@ Status Store::commit() {
     return replaced;
 }
 
-/// Drops what is staged where it failed, and names the store and not the file beside it.
+/// Drops what is staged after a failure, and names the store in the reason, not the temporary file.
 Status Store::ownOutcome(const Status& outcome) {
     if (outcome.isOk()) return outcome;
     discard();

@@ -16,7 +16,7 @@ Folder::Folder() {
 }
 
 Folder::~Folder() {
-    std::error_code ignored;  // a test that removed its folder itself is none the worse
+    std::error_code ignored;  // a test may remove its folder itself
     std::filesystem::remove_all(path, ignored);
 }
 
