@@ -46,7 +46,7 @@ TEST_F(GiveFolder, MakesTheFolderThatIsAbsent) {
     EXPECT_EQ(ownerOf("/new"), account.uid);
 }
 
-TEST_F(GiveFolder, MakesTheOneAboveItToo) {
+TEST_F(GiveFolder, MakesTheFolderAboveItToo) {
     ASSERT_TRUE(giveFolder(base + "/new/store", account).isOk());
     EXPECT_EQ(ownerOf("/new/store"), account.uid);
     EXPECT_EQ(ownerOf("/new"), 0U);
@@ -112,7 +112,7 @@ bool isUser(uid_t wanted) {
            saved == wanted;
 }
 
-/// Whether it holds in a process of its own: the other tests keep their rights.
+/// True when it holds in a process of its own, so that the other tests keep their rights.
 bool holdsInAChild(const std::function<bool()>& check) {
     const pid_t child = ::fork();
     EXPECT_GE(child, 0);
@@ -146,7 +146,7 @@ TEST_F(GiveUpRights, BecomesTheUserWithItsGroup) {
     }));
 }
 
-TEST_F(GiveUpRights, GivesTheFoldersAndTheirFilesToTheUserBefore) {
+TEST_F(GiveUpRights, GivesTheFoldersAndTheirFilesToTheUserFirst) {
     const std::string store = folder.file("store");
     ASSERT_TRUE(writeSynced(store + "/settings", "of root").isOk());
     EXPECT_TRUE(holdsInAChild([&] {
@@ -163,7 +163,7 @@ TEST_F(GiveUpRights, FailsWhereAFolderCannotBeGiven) {
     }));
 }
 
-TEST_F(GiveUpRights, LeavesAnotherUserWhoItIs) {
+TEST_F(GiveUpRights, LeavesAnotherUserAsItIs) {
     EXPECT_TRUE(holdsInAChild([this] {
         return becomeAccount(*findAccount("daemon")) && giveUpRights("nobody", {"/proc/store"}).isOk() &&
                isUser(user) && hasNoCapability();

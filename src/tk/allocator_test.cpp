@@ -49,7 +49,7 @@ TEST(Allocator, RefusesIdsOutsideItsRange) {
     EXPECT_TRUE(ids.allocID(9));
 }
 
-TEST(Allocator, NewIdsGoOnBehindTheGivenOnes) {
+TEST(Allocator, NewIdsGoOnAfterTheGivenOnes) {
     Allocator ids(1, 9);
     ASSERT_TRUE(ids.allocID(4));
     EXPECT_EQ(ids.allocNewID(), 5U);

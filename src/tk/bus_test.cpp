@@ -28,11 +28,11 @@ message stamped(message content) {
     return content;
 }
 
-TEST(Stamp, AppendsTheRoutingFieldsBehindTheMessagesOwn) {
+TEST(Stamp, AppendsTheRoutingFieldsAfterTheMessagesOwn) {
     EXPECT_EQ(stamped(own()), stampedRequest());
 }
 
-TEST(Stamp, PutsRoutingFieldsThatWereThereBehindTheMessagesOwnToo) {
+TEST(Stamp, MovesRoutingFieldsThatWereThereAfterTheMessagesOwn) {
     message content;
     content.insert_u32(field::command, 0xFE0004);
     content.insert_u32(field::number, 3);

@@ -180,7 +180,7 @@ TEST_F(BusConnectionTest, HundredExchangesWithoutABusDoNotWait) {
     EXPECT_FALSE(connection->isOpen());
 }
 
-TEST_F(BusConnectionTest, LossIsToldFromTheLoopAlone) {
+TEST_F(BusConnectionTest, LossIsToldOnlyFromTheLoop) {
     hub.close();
     (void)exchange();
     EXPECT_EQ(lost, "");
@@ -258,7 +258,7 @@ TEST_F(BusConnectionTest, RequestThatIsTooLargeIsRefusedAndTheConnectionStays) {
     EXPECT_EQ(withoutRouting(exchange()), numbered(20));
 }
 
-/// A message of one mebibyte, nearly.
+/// A message of nearly one mebibyte.
 message large(std::uint32_t value) {
     message content = numbered(value);
     content.insert_string(2, std::string(1000000, 'x'));

@@ -269,7 +269,7 @@ TEST_F(ChannelTest, RefusesAMessageThatThePeerWouldTakeForMalformed) {
     EXPECT_EQ(peerReads(), "");
 }
 
-TEST_F(ChannelTest, DropsAPeerThatSendsAMalformedFrameBehindWhatItSentBefore) {
+TEST_F(ChannelTest, DropsAPeerAtAMalformedFrameAfterHandingOnWhatCameBefore) {
     const char malformed[] = {6, 0, 0, 0, 2, 0, 0, 0, 2, 2};
     peerSends(framed(numbered(1)) + std::string(malformed, sizeof malformed) + framed(numbered(2)));
     loop.settle();
@@ -288,7 +288,7 @@ TEST_F(ChannelTest, HandsOnWhatThePeerSentBeforeItClosed) {
     EXPECT_EQ(why, "it closed the connection");
 }
 
-TEST_F(ChannelTest, HandsOnWhatThePeerSentBeforeItClosedThoughItReadNothing) {
+TEST_F(ChannelTest, HandsOnWhatThePeerSentBeforeItClosedEvenIfItReadNothing) {
     for (int sent = 0; sent < 5; ++sent) ASSERT_TRUE(channel->send(numbered(1, 90000)));  // fills its buffer
     peerSends(framed(numbered(2)) + framed(numbered(3, 100000)));
     peer.reset();

@@ -77,8 +77,8 @@ TEST(Fd, ResetClosesTheOldDescriptorAndTakesTheNewOne) {
     EXPECT_FALSE(isOpenDescriptor(second));
 }
 
-/// In a child process: closes the standard descriptors in `closed`, reserves them, and tells by the status
-/// whether exactly those are the null device now and the next descriptor is above them.
+/// In a child process: closes the standard descriptors in `closed` and reserves them. The exit status tells
+/// whether exactly those are now the null device and the next descriptor is above them.
 [[noreturn]] void reserveAfterClosing(std::initializer_list<int> closed) {
     bool wasNull[3];
     for (int descriptor = 0; descriptor < 3; ++descriptor) wasNull[descriptor] = isNullDevice(descriptor);
@@ -103,8 +103,7 @@ TEST(StandardDescriptors, OneClosedIsReservedAndTheOthersAreLeftAlone) {
     EXPECT_EXIT(reserveAfterClosing({2}), ::testing::ExitedWithCode(0), "");
 }
 
-/// In a child process: the limit that allowing `count` descriptors leaves, where 20 of at most 40 are
-/// allowed.
+/// In a child process with a limit of 20 descriptors out of at most 40: the limit after allowing `count`.
 [[noreturn]] void allowOfForty(unsigned count) {
     const rlimit before{20, 40};
     rlimit after{};

@@ -28,7 +28,7 @@ TEST_F(FileTest, ReadsAWholeFileUpToTheLimit) {
 TEST_F(FileTest, ReadsRegularFilesOnly) {
     EXPECT_EQ(readFile(folder.path, 100).status(), Status::ofErrno(folder.path, EINVAL));
     ASSERT_EQ(::mkfifo(folder.file("pipe").c_str(), 0600), 0);
-    // And does not wait for a writer.
+    // It does not wait for a writer, either.
     EXPECT_EQ(readFile(folder.file("pipe"), 100).status(), Status::ofErrno(folder.file("pipe"), EINVAL));
     EXPECT_EQ(readFile(folder.file("none"), 100).status(), Status::ofErrno(folder.file("none"), ENOENT));
 }

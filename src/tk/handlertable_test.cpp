@@ -7,7 +7,7 @@
 namespace tk {
 namespace {
 
-/// Says what it was asked by.
+/// Answers with its name and the operation called.
 class Naming final : public Handler {
 public:
     explicit Naming(std::string name) : name(std::move(name)) {}
@@ -59,7 +59,7 @@ TEST_F(HandlerTableTest, AHandlerThatRefusesIsNotCalled) {
     EXPECT_EQ(ask({20, 5}), errorMsg(error::notAllowed, "five"));
 }
 
-TEST_F(HandlerTableTest, AnswersForWhoIsNotThere) {
+TEST_F(HandlerTableTest, AnswersForHandlersThatAreAbsent) {
     table.remove(5);
     EXPECT_EQ(table.find(5), nullptr);
     EXPECT_EQ(ask({20, 5}), errorMsg(error::unreachable, "no such handler"));

@@ -27,7 +27,7 @@ message text(const std::string& content) {
     return reply;
 }
 
-/// Notes the ends of its inquiries, and lets each go with its end.
+/// Notes the ends of its inquiries, and drops each one at its end.
 struct Asker final : Inquiry::Owner {
     void ask() {
         inquiry = std::make_unique<Inquiry>(*this);
@@ -129,7 +129,7 @@ protected:
     Ends received;
 };
 
-TEST_F(InquiriesOverTheHub, EndThatArrivesDuringAnExchangeIsHandedOnBehindIt) {
+TEST_F(InquiriesOverTheHub, EndThatArrivesDuringAnExchangeIsHandedOnAfterIt) {
     const std::uint32_t number = ask();
     hub.sendNotification({20, 0}, 1, text("before"));
     hub.sendEnd(number, text("answer"));

@@ -68,7 +68,7 @@ TEST(Log, ErrorTextIsThatOfTheSystem) {
 }
 
 /// Standard output as a pipe of one page, which nobody reads until the test does. A failed expectation would
-/// be written there too: expect only when this is gone.
+/// go there too, so expect only once this is gone.
 class StalledReader {
 public:
     StalledReader() : original(::dup(STDOUT_FILENO)) {
@@ -112,7 +112,7 @@ std::string line(int number) {
     return "line " + std::to_string(number) + " " + std::string(80, '.');
 }
 
-/// Writes that many lines while nobody reads, then reads them all.
+/// Writes so many lines while nobody reads, then reads them all.
 std::string readLate(int lines) {
     const StalledReader stalled;
     for (int number = 0; number < lines; ++number) log(line(number));
@@ -138,7 +138,7 @@ TEST(LogToAStalledReader, LinesBeyondTheLimitAreDroppedAndCounted) {
               std::to_string(written - kept) + " log lines dropped: nobody read them\n");
 }
 
-TEST(LogToAStalledReader, LinesGoOnBehindTheCount) {
+TEST(LogToAStalledReader, LinesGoOnAfterTheCount) {
     std::string content = readLate(10000);
     const std::string::size_type counted = content.find(" log lines dropped");
     ASSERT_NE(counted, std::string::npos);

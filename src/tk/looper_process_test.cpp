@@ -15,7 +15,7 @@
 namespace tk {
 namespace {
 
-/// Runs a loop that `number` is sent to, then ends with a status that only this way leads to.
+/// Runs a loop, sends it signal `number`, then ends with a status that is reached in no other way.
 [[noreturn]] void endBySignal(int number) {
     Looper looper;
     ::kill(::getpid(), number);

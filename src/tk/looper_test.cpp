@@ -47,7 +47,7 @@ public:
 
 class LooperTest : public ::testing::Test {
 protected:
-    /// Dispatches a `get` to the path; the end as it was posted.
+    /// Dispatches a `get` to the path, and returns the end as it was posted.
     message getFrom(const Path& to) {
         message request;
         request.insert_u32_array(field::destination, to);
@@ -175,7 +175,7 @@ TEST_F(LooperDispatch, UnknownHandlersAreAnError) {
     EXPECT_EQ(kindOf(loop.bus.posted.back()), Kind::error);
 }
 
-TEST_F(LooperDispatch, PathsThatGoOnBehindTheHandlerAreItsBusinessAndAnErrorByDefault) {
+TEST_F(LooperDispatch, PathsThatGoOnAfterTheHandlerAreItsBusinessAndAnErrorByDefault) {
     Noting zero(10);
     loop.looper.addHandler(0, &zero);
     EXPECT_EQ(answerOf({80, 0, 1}), error::unreachable);
@@ -356,7 +356,7 @@ TEST_F(LooperJoin, ResigningGivesTheProgramsNumberUp) {
     EXPECT_EQ(sent, expected);
 }
 
-TEST_F(LooperJoin, WhatWasAskedBeforeResigningIsServedAheadOfTimersThatAreArmedBehindIt) {
+TEST_F(LooperJoin, RequestsFromBeforeResigningAreServedAheadOfTimersArmedAfterwards) {
     struct Leaver {
         void leave() { servedBefore = handler.told.size(); }
         Noting handler;

@@ -129,7 +129,7 @@ const Malformed malformed[] = {
     {"InnerMessageMalformed", "\x01\0\0\0\x07\x01\0\0\0\x06\0\0\0\x02\0\0\0\x02\x02"s},
     {"RepeatedId", "\x01\0\0\0\x02\x01\x01\0\0\0\x02\x01"s},
     {"RepeatedIdOfAnotherType", "\x01\0\0\0\x02\x01\x01\0\0\0\x01\x01\0\0\0"s},
-    {"JunkBehind", "\x01\0\0\0\x02\x01\0"s},
+    {"JunkAtTheEnd", "\x01\0\0\0\x02\x01\0"s},
 };
 
 class WireParser : public ::testing::TestWithParam<Malformed> {};
@@ -173,7 +173,7 @@ TEST(Wire, HoldsAThousandAndTwentyFourFieldsAndNoMore) {
     EXPECT_FALSE(message::parse(full.serialise(), read));
 }
 
-TEST(Wire, WhateverIsReadFromMutatedBytesIsWrittenTheSameAgain) {
+TEST(Wire, WhatIsReadFromMutatedBytesIsWrittenBackUnchanged) {
     std::mt19937 random(20240607);  // a fixed seed: every run tries the same bytes
     const std::string whole = oneOfEach().serialise();
     int accepted = 0;
@@ -187,7 +187,7 @@ TEST(Wire, WhateverIsReadFromMutatedBytesIsWrittenTheSameAgain) {
         ++accepted;
         ASSERT_EQ(read.serialise(), flat) << "round " << round;
     }
-    EXPECT_GT(accepted, 1000);  // else the loop would try nothing but refusals
+    EXPECT_GT(accepted, 1000);  // else the loop would try only refusals
     EXPECT_LT(accepted, 49000);
 }
 

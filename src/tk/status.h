@@ -20,7 +20,7 @@ public:
     }
     /// A system call failed with this errno value: the reason is `what`, a colon and the system's text.
     static Status ofErrno(const std::string& what, int error);
-    /// The same, with the system's text alone.
+    /// The same, with only the system's text.
     static Status ofErrno(int error);
 
     /// True when it succeeded.

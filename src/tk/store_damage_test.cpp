@@ -1,4 +1,4 @@
-// A store whose file cannot be read, for whatever reason.
+// A store whose file cannot be read, for any reason.
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -135,7 +135,7 @@ TEST_F(StoreDamage, FileThatMayNotBeReadIsKeptAside) {
     const tk::testing::CapturedOutput output;
     const bool isRoot = ::geteuid() == 0;
     ASSERT_EQ(::chmod(path().c_str(), 0), 0);
-    if (isRoot) {  // root may read everything: act as somebody else who may write the folder
+    if (isRoot) {  // root reads everything: become a user who may write the folder
         ASSERT_EQ(::chown(folder.path.c_str(), 65534, 65534), 0);
         ASSERT_EQ(::seteuid(65534), 0);
     }

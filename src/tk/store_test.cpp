@@ -23,7 +23,7 @@ message named(const std::string& text) {
 class StoreTest : public ::testing::Test {
 protected:
     std::string path() const { return folder.file("store"); }
-    /// The entry as a new start would read it.
+    /// The entry as the next start would read it.
     message stored(std::uint32_t id) const { return Store(path(), 1).get(id); }
 
     tk::testing::Folder folder;

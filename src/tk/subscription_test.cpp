@@ -36,7 +36,7 @@ TEST(Subscription, NeedsAPathAndACommandButNoFilter) {
     EXPECT_FALSE(Subscription::fromMessage(pathAlone));
 }
 
-TEST(Subscription, OverlooksNoFilterBesideEmptyOnes) {
+TEST(Subscription, FindsAFilterAmongEmptyOnes) {
     message given = Subscription{{20}, 1}.toMessage();
     given.insert_message_array(3, {message(), withNumber(5), message()});
     EXPECT_EQ(Subscription::fromMessage(given), (Subscription{{20}, 1, withNumber(5)}));
