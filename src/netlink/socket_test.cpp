@@ -14,7 +14,7 @@
 namespace netlink {
 namespace {
 
-/// Has the process do without CAP_NET_ADMIN as long as it lives, as a process in a container does.
+/// Takes CAP_NET_ADMIN from the process while this object lives, as in a container.
 class WithoutAdministration {
 public:
     WithoutAdministration() {
@@ -23,7 +23,7 @@ public:
         fewer[0].effective &= ~(1U << CAP_NET_ADMIN);
         isDone = isDone && ::syscall(SYS_capset, &header, fewer.data()) == 0;
     }
-    ~WithoutAdministration() { (void)::syscall(SYS_capset, &header, before.data()); }  // it was so before
+    ~WithoutAdministration() { (void)::syscall(SYS_capset, &header, before.data()); }  // as it was
 
     bool isDone = false;
 
