@@ -60,7 +60,7 @@ tk::message subscriptionTo(const tk::Path& path) {
 
 const std::set<uid_t> everybody = {root, gateway, resolver, member, writer, tracer, undoer, admin, both};
 const std::set<uid_t> rootAlone = {root, admin};
-/// Whoever is neither of the two programs' users.
+/// Everybody but the users of the two programs.
 const std::set<uid_t> others = {root, admin, member, writer, tracer, undoer};
 
 std::set<uid_t> operator+(std::set<uid_t> left, const std::set<uid_t>& right) {
@@ -74,8 +74,8 @@ const std::set<uid_t> gateways = {gateway, both};
 struct Row {
     tk::Path path;
     std::set<uid_t> lookers;
-    std::map<std::uint32_t, std::set<uid_t>> others;  // who may send this command; of all else: the writers
-    std::set<uid_t> writers;
+    std::map<std::uint32_t, std::set<uid_t>> others;  // by command: who may send it
+    std::set<uid_t> writers;                          // who may send all other commands
 };
 
 const Row rows[] = {
@@ -130,7 +130,7 @@ std::string name(uid_t user, const tk::Path& path, std::uint32_t command) {
     return text;
 }
 
-TEST(Access, OfAClientThatIsNoProgramNoRecordIsTaken) {
+TEST(Access, AClientThatIsNoProgramRecordsNothing) {
     EXPECT_EQ(whyNotAsk(gateway, {24}, tk::command::addObject, {1000}),
               "may not record changes: it is no program");
     EXPECT_EQ(whyNotAsk(root, {24}, tk::command::addObject, {1000}), "");
@@ -177,7 +177,7 @@ TEST(Access, TheTraceIsForThoseWhoMayTrace) {
             << user;
 }
 
-TEST(Access, WhatConcernsTheSenderAloneIsEverybodys) {
+TEST(Access, EverybodyMaySendWhatConcernsOnlyTheSender) {
     for (const uid_t user : everybody) {
         EXPECT_EQ(whyNotCommand(user, tk::command::hubUnsubscribe, subscriptionTo({24})), "");
         EXPECT_EQ(whyNotCommand(user, tk::command::hubUnregister, programNumber(80)), "");

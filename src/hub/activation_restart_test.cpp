@@ -16,7 +16,7 @@ constexpr int good = 0;
 constexpr int status1 = 1 << 8;
 constexpr int killed = SIGKILL;
 
-/// Programs that are started as the configuration says, with nobody who asks for them.
+/// Programs that the configuration starts, without anybody asking for them.
 class RestartTest : public ::testing::Test {
 protected:
     ~RestartTest() override { bus.hub.close(); }
@@ -50,7 +50,7 @@ TEST_F(RestartTest, AProgramThatWasOnTheBusComesBackASecondAfterItsCrash) {
     }
 }
 
-TEST_F(RestartTest, OneThatNeverComesThereIsTriedMoreAndMoreSeldom) {
+TEST_F(RestartTest, OneThatNeverComesToTheBusIsTriedLessAndLessOften) {
     startAll();
     std::size_t attempts = 1;
     for (const std::uint32_t ticks : {100U, 200U, 400U, 800U, 1600U, 3200U, 6400U, 6400U}) {

@@ -21,7 +21,7 @@ class ActivationTest : public ::testing::Test {
 protected:
     ~ActivationTest() override { bus.hub.close(); }
 
-    /// Waits for the kernel to tell of an end: at most 10 s. Gives what the client hears of it.
+    /// Waits at most 10 s for the kernel to tell of an end. Returns what the client hears of it.
     std::vector<std::string> awaitEnd() {
         std::vector<std::string> ends;
         for (int i = 0; i < 1000 && ends.empty(); ++i) {

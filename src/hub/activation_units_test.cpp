@@ -29,13 +29,13 @@ class UnitActivationTest : public ::testing::Test {
 protected:
     ~UnitActivationTest() override { bus.hub.close(); }
 
-    /// Lets a client ask the program, and gives what has come back.
+    /// Lets a client ask the program, and returns what has come back.
     std::vector<tk::message> ask() {
         client->request({80}, command);
         bus.settle();
         return client->take();
     }
-    /// The program comes to the bus; gives the requests that it finds there after the reply to its own.
+    /// The program comes to the bus. Returns the requests that it finds there after the reply to its own.
     std::vector<tk::message> come() {
         program = bus.connect();
         tk::message content;
@@ -187,7 +187,7 @@ TEST_F(UnitActivationTest, AProgramThatNobodyAwaitsIsAskedForOnce) {
     EXPECT_EQ(processes.started, times(1));
 }
 
-TEST_F(UnitActivationTest, ARequestBehindSuchAStartAsksAtOnce) {
+TEST_F(UnitActivationTest, ARequestAfterSuchAStartAsksAtOnce) {
     EXPECT_TRUE(activation.start(80).isOk());
     endCommand(good);
     EXPECT_TRUE(ask().empty());

@@ -38,7 +38,7 @@ TEST(Budgets, ThoseInUseAreNotForgotten) {
     EXPECT_EQ(used.usedBytes(), 1U);
 }
 
-/// One user does what makes the hub keep bytes for it, while another one goes on as ever.
+/// One user makes the hub keep bytes for it, while another one goes on as usual.
 class BudgetTest : public ::testing::Test {
 protected:
     BudgetTest() {
@@ -51,7 +51,7 @@ protected:
         for (std::size_t i = 0; i < count; ++i) clients.push_back(bus.connect(hostile));
     }
     std::size_t keptFor(uid_t user) { return bus.hub.budgetOf(user, 0).usedBytes(); }
-    /// How many of the hostile connections are over, also where there is something left to read.
+    /// How many of the hostile connections are over, even if something is left to read.
     std::size_t closed() { return clients.size() + 2 - bus.hub.peerCount(); }
     /// The other user is served, and so is the program.
     void expectTheOthersGoOn() {

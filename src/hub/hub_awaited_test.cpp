@@ -108,7 +108,7 @@ TEST_F(AwaitedProgramTest, NoRequestOfSixtySecondsIsEndedBeforeItsRequesterGives
         client->request({80}, command);
         bus.settle();
         bus.advance(sixtySeconds);
-        EXPECT_TRUE(client->take().empty()) << before << " ticks behind another one";
+        EXPECT_TRUE(client->take().empty()) << before << " ticks after another one";
     }
 }
 
@@ -131,7 +131,7 @@ TEST_F(AwaitedProgramTest, AProgramThatEndsEarlyEndsTheRequests) {
     EXPECT_FALSE(bus.hub.awaits(80));
 }
 
-/// Lets requests wait until one more is refused. Gives how many bytes wait then.
+/// Lets requests wait until one more is refused. Returns how many bytes wait then.
 std::size_t fill(testing::TestHub& bus, const std::vector<testing::TestClient*>& clients) {
     const tk::message large = testing::text(std::string(200000, 'x'));
     for (std::size_t count = 0; count < 1000; ++count) {

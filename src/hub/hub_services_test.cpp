@@ -146,7 +146,7 @@ TEST_F(HubServicesTest, WhoeverIsNoProgramTellsAndAnswersNothing) {
     EXPECT_TRUE(bus.arrivedAt(*root).empty());
 }
 
-/// A handler of the hub's own process that asks a program, and answers when that has.
+/// A handler of the hub's own process that asks a program, and answers once the program has.
 class AskingHandler final : public tk::Handler {
 public:
     tk::message cmdUnknown(const tk::message& received, std::uint32_t) override {
@@ -172,7 +172,7 @@ protected:
     AskingHandler handler;
 };
 
-TEST_F(AskingHandlerTest, AnswersWhenTheProgramDid) {
+TEST_F(AskingHandlerTest, AnswersOnceTheProgramHas) {
     const auto program = bus.connectProgram(80);
     const auto client = bus.connect();
     client->request({24}, command);
@@ -218,7 +218,7 @@ TEST_F(AskingHandlerTest, HearsOfAnEndThatWasAddressedToItAlone) {
     EXPECT_EQ(bus.arrivedAt(*client).at(0).get_string(1), "answered");
 }
 
-TEST_F(AskingHandlerTest, HearsInTheEndOfAProgramThatAnsweredSomebodyElse) {
+TEST_F(AskingHandlerTest, GetsATimeOutFromAProgramThatAnsweredSomebodyElse) {
     const auto program = bus.connectProgram(80);
     const auto client = bus.connect();
     client->request({24}, command);

@@ -265,7 +265,7 @@ TEST_F(HubTest, PendingRequestsOfOnePeerAreBounded) {
     EXPECT_EQ(codeOf(bus.ask(*client, {80}, command)), tk::error::busy);
 }
 
-TEST_F(HubTest, OfPendingRequestsNothingButTheirRoutingIsKept) {
+TEST_F(HubTest, OnlyTheRoutingOfPendingRequestsIsKept) {
     tk::message request = text("large");
     request.insert_u32_array(tk::field::destination, {80});
     request.insert_string(0xFF0004, "a field that looks like routing");

@@ -117,7 +117,7 @@ TEST_F(HubUnregisterTest, AProgramKeepsItsNumberWhileItWaitsForEnds) {
     EXPECT_EQ(codeOf(unregister(*program)), tk::error::busy);
     other->answer(requests[0], {});
     EXPECT_EQ(bus.arrivedAt(*program).size(), 1U);
-    program->request({82}, command);  // is to be started
+    program->request({82}, command);  // a program to be started
     bus.settle();
     EXPECT_EQ(codeOf(unregister(*program)), tk::error::busy);
     bus.hub.programFailed(82, "it ended");

@@ -94,7 +94,7 @@ TEST_F(BusListenerTest, MakesTheFolderForEverybodyToPassThroughWhateverTheMask) 
     EXPECT_EQ(status.st_mode & 07777, 0755U);
 }
 
-TEST_F(BusListenerTest, OnceClosedItTakesNobodyInAndLeavesTheFileOfItsSuccessor) {
+TEST_F(BusListenerTest, OnceClosedItAdmitsNobodyAndLeavesItsSuccessorsFile) {
     Listener listener(bus.hub);
     openAt(listener);
     const tk::Fd waiting = connect();
@@ -109,9 +109,8 @@ TEST_F(BusListenerTest, OnceClosedItTakesNobodyInAndLeavesTheFileOfItsSuccessor)
     EXPECT_EQ(Listener::checkFree(path).reason(), path + ": another router is running");
 }
 
-TEST_F(BusListenerTest, LeavesASocketAloneOfWhichItCannotTellWhetherItIsServed) {
-    const tk::Fd other(
-        ::socket(AF_UNIX, SOCK_DGRAM, 0));  // connections of a stream fail otherwise than refused
+TEST_F(BusListenerTest, LeavesASocketAloneThatMayStillBeServed) {
+    const tk::Fd other(::socket(AF_UNIX, SOCK_DGRAM, 0));  // a stream connection fails, but not as refused
     std::filesystem::create_directory(files.file("run"));
     sockaddr_un address{};
     address.sun_family = AF_UNIX;

@@ -34,7 +34,7 @@ protected:
     std::vector<std::unique_ptr<TestClient>> clients;
 };
 
-TEST_F(ClientNumberTest, BeginsAnewAtAThousandBehindTheHighest) {
+TEST_F(ClientNumberTest, BeginsAnewAtAThousandAfterTheHighest) {
     bus.hub.setNextClient(0xFFFFFFFE);
     for (const std::uint32_t number : {0xFFFFFFFEU, 0xFFFFFFFFU, 1000U, 1001U}) EXPECT_EQ(next(), number);
     EXPECT_EQ(bus.hub.peerCount(), 4U);

@@ -72,7 +72,7 @@ TEST_F(HubTraceTest, ShowsTheHubsOwnErrors) {
 TEST_F(HubTraceTest, NeverShowsTheTraceItself) {
     const auto first = connectTracer();
     const auto second = connectTracer();
-    EXPECT_EQ(shownTo(*first).size(), 2U);  // how the second one began
+    EXPECT_EQ(shownTo(*first).size(), 2U);  // the second one's beginning
     EXPECT_TRUE(shownTo(*second).empty());
     const auto client = bus.connect();
     bus.ask(*client, {33}, command);
