@@ -35,8 +35,8 @@ public:
     ~InterfaceIds();
 
     /// The id of `name`; a new name gets the next one. When that cannot be reserved, this is logged and the
-    /// id is a random one, as another name would get the next one after a restart. If nothing was ever stored,
-    /// it is the next one all the same.
+    /// id is a random one, as another name would get the next one after a restart. If nothing was ever
+    /// stored, it is the next one all the same.
     std::uint32_t idOf(const std::string& name);
     /// Stores new names now.
     void storeWhatIsNew();

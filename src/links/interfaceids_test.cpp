@@ -19,7 +19,7 @@ namespace {
 
 class InterfaceIdsTest : public ::testing::Test {
 protected:
-    /// The ids as they are after the end of a process; a crash leaves what the store has now.
+    /// The ids after the end of a process; a crash leaves what the store has now.
     void restart() {
         ids.reset();
         ids = std::make_unique<InterfaceIds>(files.file("interfaces"));
@@ -30,7 +30,7 @@ protected:
         std::filesystem::rename(files.file("kept"), files.file("interfaces"));
         ids = std::make_unique<InterfaceIds>(files.file("interfaces"));
     }
-    /// How often the store was written: each time it is another file.
+    /// How often the store was written. Each write makes another file.
     bool isWrittenSince(ino_t& last) const {
         struct stat status {};
         EXPECT_EQ(::stat(files.file("interfaces").c_str(), &status), 0);
@@ -66,7 +66,7 @@ TEST_F(InterfaceIdsTest, SurviveACrashASecondAfterTheyWereGiven) {
     EXPECT_EQ(ids->idOf("lan0"), 1U);
 }
 
-TEST_F(InterfaceIdsTest, OneThatWasGivenAndNotStoredIsNeverAnotherNames) {
+TEST_F(InterfaceIdsTest, OneThatWasGivenButNotStoredNeverGoesToAnotherName) {
     for (const char* name : {"veth1", "veth2", "veth3"}) EXPECT_LE(ids->idOf(name), 3U);
     loop.advance(InterfaceIds::storeTicks - 1);
     crash();
@@ -91,7 +91,7 @@ TEST_F(InterfaceIdsTest, ManyNewNamesAreStoredTogether) {
     EXPECT_FALSE(isWrittenSince(file));
 }
 
-TEST_F(InterfaceIdsTest, MoreThanAreReservedAtOnceGetIdsAllTheSame) {
+TEST_F(InterfaceIdsTest, MoreNamesThanIdsReservedAtOnceAllGetIds) {
     std::set<std::uint32_t> given;
     for (std::uint32_t i = 0; i < 3 * InterfaceIds::reservedAtOnce; ++i)
         given.insert(ids->idOf("veth" + std::to_string(i)));
@@ -111,7 +111,7 @@ TEST(InterfaceIds, WorkWithoutAStore) {
     EXPECT_EQ(ids.idOf("lan0"), 1U);
 }
 
-constexpr std::uint32_t usualIds = 1U << 24;  // beyond them are those at random
+constexpr std::uint32_t usualIds = 1U << 24;  // random ids lie beyond them
 
 TEST(InterfaceIds, NoFormerIdIsGivenAgainWhenTheStoreIsDamaged) {
     const tk::testing::Folder files;
@@ -136,7 +136,7 @@ TEST(InterfaceIds, NoFormerIdIsGivenAgainWhenTheStoreIsDamaged) {
     EXPECT_EQ(ids.idOf("ppp0"), fresh + 2);
 }
 
-/// Lets no store be written in a folder as long as it exists.
+/// Keeps stores in a folder from being written while it exists.
 class InTheWay {
 public:
     explicit InTheWay(const tk::testing::Folder& files) : path(files.file("interfaces.new")) {

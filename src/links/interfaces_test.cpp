@@ -29,7 +29,7 @@ Link link(std::uint32_t index, const std::string& name, std::uint32_t flags = ru
     return made;
 }
 
-/// A notification as one line: for interfaces and their status, or for addresses.
+/// A notification as one line: of an interface, its status or an address.
 std::string asLine(const tk::message& notification) {
     const bool isRecord = notification.get_u32(tk::field::command) == 0x10004;
     const tk::message record =
@@ -293,7 +293,7 @@ TEST_F(InterfacesTest, SettingIsForRootUnlessTheConfigurationSaysOtherwise) {
     EXPECT_TRUE(network.switched.empty());
 }
 
-TEST_F(InterfacesTest, TellTheSideThatAnInterfaceStandsOn) {
+TEST_F(InterfacesTest, TellWhichSideAnInterfaceIsOn) {
     interfaces.apply(link(2, "lan0"));
     interfaces.apply(link(3, "wan0"));
     const auto side = [this](std::uint32_t id) {

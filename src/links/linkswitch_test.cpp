@@ -23,7 +23,7 @@ protected:
         made.name = name;
         return made;
     }
-    /// What came of it at once: "done", the error's text, or "later".
+    /// The immediate result: "done", the error's text, or "later".
     std::string set(const char* name, bool up, uid_t user = 0) {
         const auto done = [this](tk::message outcome) { later.push_back(textOf(outcome)); };
         const auto outcome = links.set(link(name), up, user, done);
@@ -96,7 +96,7 @@ TEST_F(LinkSwitchTest, ACommandTakesTheFlagsPlaceAndItsEndIsTheAnswer) {
               "interface ppp0: /sbin/ifup ended with status 1\n");
 }
 
-TEST_F(LinkSwitchTest, RootsWishesGoByTheCommandToo) {
+TEST_F(LinkSwitchTest, RootUsesTheCommandToo) {
     EXPECT_EQ(set("ppp1", false), "later");
     EXPECT_EQ(set("ppp1", true), "done") << "there is no command for this";
     EXPECT_EQ(network.switched, (Switched{{3, true}}));

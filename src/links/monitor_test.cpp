@@ -44,8 +44,8 @@ protected:
     void settle() {
         for (int i = 0; i < 50; ++i) loop.looper.turn(0);
     }
-    /// Serves what the kernel tells until the interface is running, or is not, for at most ten seconds: the
-    /// kernel finds out about a link in its own time, which is after the end of the command that changed it.
+    /// Serves what the kernel tells, for at most ten seconds, until the interface is running or not, as
+    /// wanted: the kernel notices a change of a link some time after the command that made it.
     bool becomesRunning(const std::string& name, bool running) {
         const std::uint64_t limit = realClock.now() + 10000;
         while (recordOf(name).get_bool(0x1000E) != running && realClock.now() < limit) loop.looper.turn(10);
@@ -145,7 +145,7 @@ TEST_F(MonitorTest, ReadsAgainWhenNotificationsWereLost) {
     settle();
     EXPECT_EQ(recordOf("lan0").get_string(0x10006), "a3999");
     EXPECT_EQ(addressesOf(recordOf("lan0").get_u32(tk::field::objectId)), (Texts{"192.0.2.1", "192.0.2.9"}));
-    EXPECT_LT(bus.posted.size(), 4000U);  // or nothing was lost, and this test shows nothing
+    EXPECT_LT(bus.posted.size(), 4000U);  // else nothing was lost, and the test is void
 }
 
 TEST_F(MonitorTest, SetsInterfacesUpAndDown) {

@@ -63,7 +63,7 @@ TEST_P(InsideRangesTest, AreAsTabled) {
 INSTANTIATE_TEST_SUITE_P(Networks, InsideRangesTest, ::testing::ValuesIn(cases),
                          [](const auto& row) { return std::string(row.param.name); });
 
-/// What the smallest network says, outside where two of one size differ.
+/// The side of the smallest network; outside if two of the same size differ.
 bool isInside(const std::vector<SidedNetwork>& networks, std::uint32_t address) {
     std::int64_t longest = -1;
     bool inside = false;

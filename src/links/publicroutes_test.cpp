@@ -24,7 +24,7 @@ namespace {
 
 using Names = std::set<std::string>;
 
-/// Has routes hear what the kernel tells.
+/// Passes on to the routes what the kernel tells.
 class Feed final : private netlink::Notifications::Owner {
 public:
     explicit Feed(PublicRoutes& routes) : routes(routes) {}
@@ -69,7 +69,7 @@ protected:
         tk::testing::run(command, failed);
         ASSERT_FALSE(failed) << command;
     }
-    /// Lets the kernel show nexthop objects by their ids alone. False when it has none.
+    /// Makes the kernel show nexthop objects only by their ids. False when it has none.
     static bool usesNextHops() {
         bool failed = false;
         tk::testing::run("sysctl -qw net.ipv4.nexthop_compat_mode=0 2>&1", failed);
@@ -81,13 +81,13 @@ protected:
             if (zones.sideOf(::if_nametoindex(name)) == Side::outside) names.insert(name);
         return names;
     }
-    /// Serves what the kernel has told by now, and next to nothing that follows from that. One turn is not
-    /// enough where a reading takes the time of the first one.
+    /// Serves what the kernel has told by now, and almost nothing that follows from it. One turn is not
+    /// enough: a reading may take up the first one.
     void serveWhatIsTold() {
         for (int i = 0; i < 5; ++i) looper.turn(0);
     }
-    /// Serves what the kernel tells until the zones are as wanted, for at most half a minute: how long a
-    /// reading takes, and with it the distance to the next one, is the machine's business.
+    /// Serves what the kernel tells until the zones are as wanted, for at most half a minute: the duration of
+    /// a reading, and so the distance to the next one, depends on the machine.
     Names outsideUntil(const Names& wanted) {
         const std::uint64_t limit = clock.now() + 30000;
         while (outside() != wanted && clock.now() < limit) looper.turn(5);
@@ -169,7 +169,7 @@ TEST_F(PublicRoutesTest, AFallbackCountsWhenTheInterfaceOfTheBetterRouteGoesDown
     shell("ip route add default via 198.51.100.2 metric 10");
     shell("ip route add default via 203.0.113.2 metric 1000");
     start();
-    shell("ip link set up0 down");  // the kernel tells of the link alone
+    shell("ip link set up0 down");  // the kernel tells only of the link
     EXPECT_EQ(outsideUntil({"up0", "up1"}), (Names{"up0", "up1"}));
 }
 
@@ -217,7 +217,7 @@ TEST_F(PublicRoutesTest, FollowANextHopObjectThatLedNowhere) {
 
 TEST_F(PublicRoutesTest, WhatIsKnownCountsWhileANextHopObjectCannotBeRead) {
     if (!usesNextHops()) GTEST_SKIP() << "this kernel has no nexthop objects";
-    RtNetlink closed;  // every request of it fails until it is opened
+    RtNetlink closed;  // each of its requests fails until it is opened
     PublicRoutes blind(closed, zones);
     Feed sight(blind);
     ASSERT_EQ(sight.start().reason(), "");

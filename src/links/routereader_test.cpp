@@ -147,7 +147,7 @@ TEST_F(RouteReaderTest, OnlyTheLowestMetricOfADestinationCounts) {
     EXPECT_EQ(namesOf(found.fallbacks), Names{});
 }
 
-TEST_F(RouteReaderTest, AFallbackBehindARouteThatLeadsNowhereIsOne) {
+TEST_F(RouteReaderTest, ARouteWorseThanOneThatLeadsNowhereIsAFallback) {
     shell("ip route add blackhole default metric 10 && ip route add default dev up1 metric 20");
     EXPECT_EQ(read(), Names{});
     EXPECT_EQ(namesOf(found.fallbacks), Names{"up1"});
