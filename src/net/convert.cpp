@@ -12,11 +12,11 @@ namespace gateway {
 
 namespace {
 
-/// A number as it is written: its sign and its magnitude, and how many bytes were taken for it.
+/// A number as written: its sign, its magnitude, and how many bytes were read.
 struct Written {
     bool negative = false;
     std::uint64_t magnitude = 0;  // stops growing above 32 bits
-    std::size_t length = 0;       // 0 where there is no number
+    std::size_t length = 0;       // 0 when there is no number
 };
 
 bool isSpace(char byte) {
@@ -27,11 +27,10 @@ bool isDigit(char byte) {
     return byte >= '0' && byte <= '9';
 }
 
-/// Reads white space, a sign and digits. By hand, for the numbers of the C library are wider than those
-/// wanted.
+/// Reads white space, a sign and digits. The C library would read wider numbers than these.
 Written readNumber(const std::string& text) {
     Written number;
-    const char* const start = text.c_str();  // ends in '\0', which is none of the characters looked for
+    const char* const start = text.c_str();  // ends in '\0', which stops each search
     const char* next = start;
     while (isSpace(*next)) ++next;
     if (*next == '-' || *next == '+') number.negative = *next++ == '-';

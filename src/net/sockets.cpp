@@ -25,9 +25,9 @@ namespace {
 constexpr const char* ssdpGroup = "239.255.255.250";
 constexpr unsigned char multicastTtl = 4;
 constexpr int listenQueue = 1;
-constexpr std::size_t nameSize = 16;  // what SO_BINDTODEVICE takes, not terminated when the name fills it
+constexpr std::size_t nameSize = 16;  // what SO_BINDTODEVICE takes; a full one has no '\0'
 
-/// Opens a socket that is never waited on and that no other program inherits.
+/// Opens a socket that never blocks and that no other program inherits.
 tk::Fd open(int type) {
     return tk::Fd(::socket(AF_INET, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
 }
@@ -63,13 +63,13 @@ bool setMulticastTtl(const tk::Fd& socket) {
     return ::setsockopt(socket.get(), IPPROTO_IP, IP_MULTICAST_TTL, &multicastTtl, sizeof multicastTtl) == 0;
 }
 
-/// Logs the failure of a system call; the half-made socket closes with its owner.
+/// Logs the failure of a system call. The half-made socket closes with its owner.
 int fail(const char* what) {
     tk::log(what, tk::errorText());
     return -1;
 }
 
-/// Makes room for `wanted` bytes. Of what the kernel reports, half is its own overhead.
+/// Makes room for `wanted` bytes. Half of what the kernel reports is its own overhead.
 void makeRoom(int socket, int wanted) {
     int room = 0;
     socklen_t size = sizeof room;

@@ -6,9 +6,10 @@
 
 namespace gateway {
 
-/// Opens a UDP socket that is bound to one network device, and to no address.
-/// A null name counts as empty. The kernel sees 16 bytes of the name: one of 16 characters or more is cut.
-/// The descriptor is non-blocking and close-on-exec, like those of the other two; the caller closes it.
+/// Opens a UDP socket that is bound to a network device but to no address. A null name counts as empty. The
+/// kernel sees 16 bytes of the name: 16 characters or more are cut.
+/// As with the next two functions, the descriptor is non-blocking and close-on-exec, and the caller closes
+/// it.
 /// Errors: -1, logged.
 [[nodiscard]] int openUdpSocket(const char* deviceName);
 
@@ -23,16 +24,16 @@ namespace gateway {
 /// Errors: -1, logged.
 [[nodiscard]] int openTcpListener(const char* deviceName, int port);
 
-/// Sends a whole text on a connected TCP socket, in one call that never waits for the peer: the socket's
-/// buffer is first made large enough for it.
-/// Errors: false when less went out; what is missing is not sent later.
+/// Sends a whole text on a connected TCP socket. It never waits for the peer: it makes the socket's buffer
+/// large enough, and sends once.
+/// Errors: false when less went out; the rest is not sent later.
 [[nodiscard]] bool sendWhole(int socket, std::string_view text);
 
-/// How the daemon calls itself in the SERVER header. Nothing may be sent before main(), for it is made only
-/// then.
+/// What the daemon calls itself in the SERVER header. It is constructed just before main(), so nothing may be
+/// sent earlier.
 extern const std::string serverString;
 
-/// The line end of HTTP, SSDP and the XML writer. Made before main(), as above.
+/// The line end of HTTP, SSDP and the XML writer. Constructed before main(), as above.
 extern const std::string crlf;
 
 }  // namespace gateway

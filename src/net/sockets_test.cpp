@@ -28,8 +28,8 @@ namespace {
 constexpr int loopback = 1;  // the index of "lo" in every network namespace
 const std::uint32_t loopbackAddress = htonl(INADDR_LOOPBACK);
 
-/// Puts the whole test into a network of its own, with nothing but its loopback interface: port 1900 is
-/// nobody else's there, and no datagram leaves it.
+/// Puts the whole test into a network of its own with only a loopback interface: nobody else uses port 1900
+/// there, and no datagram leaves it.
 void enterOwnNetwork() {
     ASSERT_EQ(unshare(CLONE_NEWNET), 0) << "this test needs root: " << strerror(errno);
     const tk::Fd control(::socket(AF_INET, SOCK_DGRAM, 0));
@@ -39,7 +39,7 @@ void enterOwnNetwork() {
     ASSERT_EQ(ioctl(control.get(), SIOCSIFFLAGS, &request), 0) << strerror(errno);
 }
 
-/// Every test of this file runs in that network.
+/// All tests of this file run in that network.
 class OwnNetwork : public testing::Test {
 protected:
     static void SetUpTestSuite() { enterOwnNetwork(); }
@@ -70,7 +70,7 @@ sockaddr_in boundTo(const tk::Fd& socket) {
     return address;
 }
 
-/// Gives an interface of the test's own network another name; it is up afterwards.
+/// Renames an interface of the test's own network, and brings it up.
 void renameInterface(const char* from, const char* to) {
     const tk::Fd control(::socket(AF_INET, SOCK_DGRAM, 0));
     ifreq request{};
@@ -92,7 +92,7 @@ unsigned queueOf(const tk::Fd& listener) {
     return info.tcpi_sacked;  // has this meaning while a socket listens
 }
 
-/// A port that nobody listens on at the moment.
+/// A port that nobody listens on at present.
 int freePort() {
     const tk::Fd probe(openTcpListener("lo", 0));
     return ntohs(boundTo(probe).sin_port);
@@ -286,7 +286,7 @@ TEST_F(SendWhole, ReportsWhatDoesNotFitWithoutWaiting) {
 
 TEST_F(SendWhole, ReportsAPeerThatIsGoneWithoutASignal) {
     receiver.reset();
-    (void)sendWhole(sender.get(), "x");  // what comes back tells the kernel that nobody is there
+    (void)sendWhole(sender.get(), "x");  // the reply tells the kernel that nobody is there
     EXPECT_FALSE(sendWhole(sender.get(), "x"));
 }
 
