@@ -13,19 +13,19 @@ struct XMLProp {
     bool operator==(const XMLProp&) const = default;
 };
 
-/// One element of an XML tree, with everything below it. A value: a copy copies the whole subtree.
-/// Namespace prefixes are part of the names and mean nothing here. The destructor recurses; trees that are
-/// read from the network are kept shallow by their parser.
+/// One element of an XML tree, with everything below it. A value: a copy includes the whole subtree.
+/// Namespace prefixes are part of the names and have no meaning here. The destructor recurses; the parser
+/// keeps trees from the network shallow.
 struct XMLNode {
     XMLNode() = default;
     explicit XMLNode(std::string name) : name(std::move(name)) {}
     XMLNode(std::string name, std::string value) : name(std::move(name)), value(std::move(value)) {}
 
-    /// Appends a child after the others: one of a name and a text, or a whole subtree.
+    /// Appends a child: a name with a text, or a whole subtree.
     void addSubNode(std::string childName, std::string childValue);
     void addSubNode(XMLNode child);
 
-    /// Appends an attribute. Duplicates are not looked for.
+    /// Appends an attribute, without checking for duplicates.
     void addProperty(std::string propertyName, std::string propertyValue);
 
     /// Replaces the text of the element.

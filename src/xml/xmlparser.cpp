@@ -10,8 +10,8 @@ namespace gateway {
 
 namespace {
 
-/// Hands the tokeniser's events to the tree, until a limit stops them. Expat delivers some events even after
-/// it was stopped, and those must not reach the tree.
+/// Hands the tokeniser's events to the tree until a limit stops them. Expat delivers some events even after
+/// it was stopped; those must not reach the tree.
 struct Feed {
     XMLParser& tree;
     XML_Parser tokeniser;
@@ -39,7 +39,7 @@ void characterData(void* user, const XML_Char* bytes, int length) {
     if (!feed.stopped) feed.tree.characterData(bytes, static_cast<std::size_t>(length));
 }
 
-/// A declared entity could make a few bytes cost as much work as the sender likes.
+/// With an entity of its own, a short document could cost any amount of work.
 void entityDeclared(void* user, const XML_Char*, int, const XML_Char*, int, const XML_Char*, const XML_Char*,
                     const XML_Char*, const XML_Char*) {
     static_cast<Feed*>(user)->check(false);
@@ -48,8 +48,7 @@ void entityDeclared(void* user, const XML_Char*, int, const XML_Char*, int, cons
 }  // namespace
 
 XMLParser::XMLParser(const std::string& text) {
-    static_assert(
-        std::is_nothrow_move_constructible_v<XMLNode>);  // children move, with theirs, as a list grows
+    static_assert(std::is_nothrow_move_constructible_v<XMLNode>);  // a growing list moves its elements
     const std::unique_ptr<XML_ParserStruct, decltype(&XML_ParserFree)> tokeniser(XML_ParserCreate("UTF-8"),
                                                                                  &XML_ParserFree);
     if (!tokeniser || text.size() > INT_MAX) return;

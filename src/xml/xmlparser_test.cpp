@@ -60,7 +60,7 @@ TEST(XMLParser, WhiteSpaceIsNotTrimmed) {
 }
 
 TEST(XMLParser, EmptyLeafTakesTheWhiteSpaceBeforeIt) {
-    // The line end and the indentation are two pieces for the tokeniser, and the last one stays.
+    // The tokeniser sees the line end and the indentation as two pieces; the last one stays.
     EXPECT_EQ(rootElement("<a>\n  <b></b></a>").children, (std::vector<XMLNode>{{"b", "  "}}));
     EXPECT_EQ(rootElement("<a>\n<b/></a>").children, (std::vector<XMLNode>{{"b", "\n"}}));
     EXPECT_EQ(rootElement("<a>  <b/></a>").children, (std::vector<XMLNode>{{"b", "  "}}));
@@ -118,7 +118,7 @@ TEST(XMLParser, NothingIsReadBehindALimit) {
     std::size_t depth = 0;
     for (; !innermost->children.empty(); ++depth) innermost = &innermost->children.front();
     EXPECT_EQ(depth, limit);
-    EXPECT_EQ(innermost->value, "");  // not even the end of the element that was one too many
+    EXPECT_EQ(innermost->value, "");  // not even the end of the element past the limit
 }
 
 TEST(XMLParser, NumberOfElementsIsLimited) {
@@ -152,7 +152,7 @@ TEST(XMLParser, ADocumentThatDeclaresAnEntityIsMalformed) {
           "<!ENTITY e SYSTEM \"a\" NDATA b>"})
         EXPECT_FALSE(XMLParser(std::string("<!DOCTYPE a [") + declaration + "]><a/>").ok) << declaration;
     EXPECT_TRUE(XMLParser("<!DOCTYPE a []><a/>").ok);
-    EXPECT_TRUE(XMLParser("<a>&lt;&amp;&#65;</a>").ok);  // those that need no declaration
+    EXPECT_TRUE(XMLParser("<a>&lt;&amp;&#65;</a>").ok);  // entities that need no declaration
 }
 
 TEST(XMLParser, NothingBehindADeclaredEntityIsRead) {

@@ -6,7 +6,7 @@ namespace gateway {
 
 namespace {
 
-constexpr std::size_t indentation = 2;  // blanks a level
+constexpr std::size_t indentation = 2;  // blanks per level
 
 void write(std::string& out, const XMLNode& node, std::size_t depth) {
     out.append("<").append(node.name);
