@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::uint32_t requestTicks = 1000;                   // 10 s from accept for the whole request
 constexpr std::size_t readSize = 4096;                         // what one read takes
-constexpr std::size_t requestLimit = std::size_t{128} * 1024;  // bytes of one request that are kept
+constexpr std::size_t requestLimit = std::size_t{128} * 1024;  // bytes kept of one request
 
 }  // namespace
 
@@ -49,8 +49,9 @@ void HTTPConn::write(const std::string& response) {
 }
 
 void HTTPConn::keepWaiting(std::unique_ptr<HTTPWait> with) {
-    requestTimer.disarm();  // it limits the request, which is here
-    watch.stop();           // a client that has said all may close its side, and is answered all the same
+    requestTimer.disarm();  // it limits only the arrival of the request
+    // A client may close its side after its request, and is answered all the same.
+    watch.stop();
     buffer = {};
     wait = std::move(with);
 }

@@ -15,32 +15,33 @@ namespace gateway {
 class Device;
 class HTTPServer;
 
-/// One accepted connection: its socket, the interface that it came in on, and what it has sent so far.
-/// Closes itself, without an answer, 10 s after it was accepted, whatever has arrived until then; but not
-/// when the request is complete, and waits for its answer.
+/// One accepted connection: its socket, the interface that it came in on, and what it has sent so far. It
+/// closes itself without an answer 10 s after it was accepted, unless its request is complete and waits for
+/// an answer.
 class HTTPConn final : public HTTPClient {
 public:
-    /// Takes an accepted, non-blocking socket over, and watches it. `source` is the peer's address in network
-    /// order. `number` counts the accepted connections.
+    /// Takes over an accepted, non-blocking socket and watches it. `source` is the peer's address. `number`
+    /// counts the accepted connections.
+    /// Byte order: network.
     /// Lifetime: the server owns the connection; the device lives until the connection has ended.
     HTTPConn(HTTPServer& server, tk::Fd accepted, Device& device, std::uint32_t source, std::uint64_t number);
 
-    /// What a read brought.
+    /// The outcome of a read.
     enum class Input : std::uint8_t { more, complete, ended };
 
     /// Reads once. Bytes that can never become a complete message are not kept.
     [[nodiscard]] Input read();
-    /// Sends the response in one piece.
-    /// Errors: logged; the client has not got all of it then.
+    /// Sends the response whole.
+    /// Errors: logged; the client did not get all of it.
     void write(const std::string& response);
-    /// Keeps a complete request until it is answered, and does not look at what the client does meanwhile.
+    /// Keeps a complete request until it is answered, and ignores what the client does meanwhile.
     void keepWaiting(std::unique_ptr<HTTPWait> with);
-    /// True while its request is kept waiting.
+    /// True while the request is kept waiting.
     bool isWaiting() const { return wait != nullptr; }
     /// True while it waits for this service.
     bool waitsFor(const HTTPService& service) const { return wait && wait->isFor(service); }
 
-    /// Everything received, the complete message after Input::complete.
+    /// Everything received so far; after Input::complete, the whole message.
     const std::string& received() const { return buffer; }
     Device& device() const { return owner; }
     std::uint32_t source() const override { return peer; }
@@ -60,7 +61,8 @@ private:
     std::uint32_t peer;
     std::uint64_t serial;
     HTTPProgress progress;
-    bool isHopeless = false;  // what came can never become complete; the time limit ends the connection
+    // What came can never become complete; the time limit ends the connection.
+    bool isHopeless = false;
     tk::Watch watch;
     tk::Timer<HTTPConn, &HTTPConn::timeout> requestTimer{*this};
     std::unique_ptr<HTTPWait> wait;  // null while the request is not complete

@@ -14,33 +14,33 @@ namespace gateway {
 struct HTTPMessage {
     /// An empty message for the daemon's own requests; the title is set by the caller.
     HTTPMessage() = default;
-    /// A response without headers and body. A status outside those that the daemon answers with (200, 400,
-    /// 404, 412, 500, 501) gets an empty reason, after its blank.
+    /// A response without headers or body. The daemon's own statuses (200, 400, 404, 412, 500, 501) have a
+    /// reason; any other ends in the blank before an empty one.
     explicit HTTPMessage(int statusCode);
-    /// Parses what was received so far, as HTTPProgress reads it.
-    /// Errors: none; what is malformed is left incomplete, with what was read up to there.
+    /// Parses what has been received so far, by the rules of HTTPProgress.
+    /// Errors: none; a malformed message stays incomplete, with what was read before the fault.
     explicit HTTPMessage(std::string_view text);
     explicit HTTPMessage(const std::string& text) : HTTPMessage(std::string_view(text)) {}
     explicit HTTPMessage(const char* text) : HTTPMessage(std::string_view(text)) {}
 
-    /// Appends a header, its name in upper case. Duplicates are not looked for.
+    /// Appends a header with its name in upper case, without checking for duplicates.
     void add(std::string name, std::string value);
-    /// True when there is a header of this name, in whatever case.
+    /// True when there is a header of this name, in any case.
     bool has(std::string name) const;
-    /// The value of the first header of this name, in whatever case; empty when there is none.
+    /// The value of the first header of this name, in any case; empty when there is none.
     std::string get(std::string name) const;
-    /// Appends the header DATE.
+    /// Appends a DATE header.
     /// Units: seconds since 1970, 0 for now.
     void addDate(std::time_t time);
 
-    /// The message as it goes on the wire. CONTENT-LENGTH is the business of whoever sets a body.
+    /// The message as it goes on the wire. Whoever sets a body adds CONTENT-LENGTH.
     std::string toString() const;
 
     std::string title;                // the start line
     std::vector<std::string> names;   // of the headers, in upper case
     std::vector<std::string> values;  // one for each name
     std::string body;
-    // False while a parsed message lacks something, or has a body beyond CONTENT-LENGTH.
+    // True unless a parsed message lacks something, or its body is longer than CONTENT-LENGTH.
     bool complete = true;
 
 private:
@@ -50,11 +50,11 @@ private:
     const std::string* find(std::string name) const;
 };
 
-/// The method in a request's start line: the text before the first blank, the whole line without one.
+/// The method in a request's start line: the text before the first blank, or the whole line if there is none.
 std::string methodOf(const std::string& title);
 
-/// The path in a request's start line: the text between the first blank and the first " HTTP/" after it, up
-/// to the end of the line where that is missing; empty without a blank. A query is part of it.
+/// The path in a request's start line, with its query: the text between the first blank and the next "
+/// HTTP/". Without " HTTP/" it ends with the line; without a blank it is empty.
 std::string pathOf(const std::string& title);
 
 }  // namespace gateway

@@ -128,7 +128,7 @@ TEST(HTTPMessageParse, BytesZeroAreBytesLikeOthers) {
 }
 
 TEST(HTTPMessageParse, TakesLinearTime) {
-    // With a cost that grows with the square this would be a matter of minutes.
+    // With quadratic cost this would take minutes.
     std::string text = "T\r\n";
     for (int i = 0; i < 200000; ++i) text += "A: 1\r\n";
     text += "\r\n" + std::string(1000000, ' ');

@@ -83,7 +83,7 @@ HTTPProgress::Part HTTPProgress::takeHeader(std::string_view line, std::size_t n
 
 HTTPProgress::State HTTPProgress::judgeBody(std::size_t received) const {
     if (!hasLength) return State::complete;
-    // One past the end while the LF is missing: the body is empty then.
+    // One past the end while the LF is missing; the body is empty then.
     const std::size_t bodyStart = lineStart + 2;
     const std::size_t bodyReceived = received > bodyStart ? received - bodyStart : 0;
     if (bodyReceived == bodyLength) return State::complete;

@@ -53,12 +53,11 @@ const std::string messages[] = {
     std::string("T\r\nA\0: \0\r\nContent-Length: 1\r\n\r\n\0\0", 33),
 };
 
-/// What a message is that has arrived so far, by trying what may follow: complete now, after some more bytes,
-/// or never.
+/// The state of a message that has arrived so far, found by trying what may follow: complete now, after more
+/// bytes, or never.
 State expected(const std::string& received) {
     if (HTTPMessage(received).complete) return State::complete;
-    // Every message of the table that can still be completed can be so by one of these and up to 64 bytes of
-    // body.
+    // If a message of the table can still be completed, one of these and up to 64 bytes of body do so.
     for (const char* rest :
          {"", "\n", "\r\n\r\n", ":\r\n\r\n", "\n\r\n", "\nA:\r\n\r\n", "0\r\n\r\n", ": 0\r\n\r\n"}) {
         std::string text = received + rest;
@@ -88,7 +87,7 @@ TEST_P(HTTPProgressOf, AgreesWithTheMessageHoweverItIsCut) {
 INSTANTIATE_TEST_SUITE_P(Chunks, HTTPProgressOf, testing::Values(1, 2, 3, 7, 4096));
 
 TEST(HTTPProgress, SaysNeverExactlyWhenNoFurtherByteHelps) {
-    const std::string huge = "429496729";  // a body that nobody waits for in a test
+    const std::string huge = "429496729";  // a body too long to wait for in a test
     for (const std::string& message : messages) {
         if (message.find(huge) != std::string::npos) continue;
         HTTPProgress progress;
@@ -121,7 +120,7 @@ TEST(HTTPProgress, BodyBeyondContentLengthCanNeverComplete) {
 }
 
 TEST(HTTPProgress, LongMessageInSmallPiecesTakesLinearTime) {
-    // With a second look at every earlier byte this would be a matter of hours.
+    // If each byte were looked at twice or more, this would take hours.
     const std::string head = "T\r\nA: " + std::string(1000000, 'x') + "\r\nContent-Length: 1000000\r\n\r\n";
     const std::string message = head + std::string(1000000, 'y');
     HTTPProgress progress;

@@ -23,7 +23,7 @@ constexpr int notFound = 404;
 constexpr std::size_t connectionLimit = 512;
 constexpr std::size_t sourceLimit = 128;  // connections from one address
 
-// Requests that are kept waiting: from one address, and in all.
+// The limits of requests that are kept waiting: from one address, and in all.
 constexpr std::size_t waitingSourceLimit = 16;
 constexpr std::size_t waitingLimit = 64;
 
@@ -104,7 +104,7 @@ std::size_t HTTPServer::countFrom(std::uint32_t source) const {
                       [source](const auto& entry) { return entry.second->source() == source; }));
 }
 
-/// So that a few hosts which hold connections open cannot keep all others out.
+/// A few hosts that hold connections open must not keep all others out.
 void HTTPServer::endOldestOfTheBusiest() {
     std::map<std::uint32_t, std::vector<const HTTPConn*>> bySource;
     for (const auto& [descriptor, connection] : connections)

@@ -14,7 +14,7 @@ namespace gateway {
 
 class Device;
 
-/// The address of the HTTP server on one interface, from "http://" to the port, without a slash at its end.
+/// The address of the HTTP server on one interface, from "http://" to the port, without a trailing slash.
 /// Byte order: network.
 std::string baseUrl(std::uint32_t address);
 
@@ -22,58 +22,59 @@ std::string baseUrl(std::uint32_t address);
 class HTTPHost {
 public:
     virtual ~HTTPHost() = default;
-    /// The interface whose HTTP listener this socket is; null when none owns it.
+    /// The interface that owns this HTTP listener; null when none does.
     virtual Device* listenerOwner(int listenSocket) = 0;
     /// The address that the interface serves.
     /// Byte order: network.
     virtual std::uint32_t addressOf(const Device& device) const = 0;
     /// The root device description as an XML document, for clients that reach the gateway at `address`.
+    /// Byte order: network.
     virtual std::string describe(std::uint32_t address) = 0;
-    /// A connection that was accepted on `device` ended.
+    /// A connection accepted on `device` has ended.
     virtual void connectionEnded(const Device& device) = 0;
 };
 
-/// Serves HTTP on the listeners of the internal interfaces: one request a connection, one response, then the
-/// end. A request whose answer takes somebody else's waits alone, and all others are served meanwhile.
+/// Serves HTTP on the listeners of the internal interfaces: each connection gets one request, one response,
+/// then it closes. A request whose answer depends on another program waits; all others are served meanwhile.
 ///
-/// Beside the time limit of each connection there are limits on their number. One too many from the same
-/// address is closed as soon as it is accepted; one too many in all takes the place of the oldest of the
-/// address that has most.
+/// Besides each connection's time limit there are limits on their number. At the limit of one address, a new
+/// connection from it is closed as soon as it is accepted. At the limit of all, a new one replaces the oldest
+/// connection of the address that has the most.
 class HTTPServer {
 public:
-    /// `directory` holds the static files, and ends in a slash.
+    /// `directory` holds the static files and ends in a slash.
     /// Lifetime: the host outlives the server.
     HTTPServer(HTTPHost& host, std::string directory);
     HTTPServer(const HTTPServer&) = delete;
     HTTPServer& operator=(const HTTPServer&) = delete;
     ~HTTPServer();
 
-    /// Serves the file `fileName` of the folder under `url`; an earlier entry is replaced.
+    /// Serves the folder's file `fileName` under `url`, in place of any earlier entry.
     void addFile(const std::string& url, const std::string& fileName);
 
-    /// Routes requests to a service by its two URLs; an earlier entry under the same URL is replaced.
+    /// Routes requests for two URLs to a service, in place of any earlier entry for the same URL.
     /// Lifetime: the service is removed before it is destroyed.
     void registerService(HTTPService* service, const std::string& eventURL, const std::string& controlURL);
-    /// Forgets the first entry, in the order of the URLs, of a service in each of the two tables; one that is
-    /// in neither is no error. Requests that wait for it are answered as if they came now: 404.
+    /// Removes a service's first entry, in the order of the URLs, from each of the two tables. An unknown
+    /// service is no error. Requests that wait for the service are answered as if they came now: 404.
     void removeService(const HTTPService* service);
 
-    /// Callback of every listener: takes one connection. The process ends when no interface owns the
+    /// Called when a listener is ready: accepts one connection. The process ends when no interface owns the
     /// listener.
     void accept(int listenSocket, std::uint32_t events);
-    /// Callback of every connection: reads what came, and answers once the request is complete. The process
-    /// ends when the descriptor belongs to no connection.
+    /// Called when a connection is ready: reads what came, and answers once the request is complete. The
+    /// process ends when the descriptor belongs to no connection.
     void connRead(int socket, std::uint32_t events);
-    /// A connection's time is up: it is closed without an answer.
+    /// A connection's time is up: closes it without an answer.
     void timedOut(int socket);
 
     /// True when one more request from this address may be kept waiting.
     /// Byte order: network.
     bool mayWait(std::uint32_t source) const;
-    /// The answer of a request that was kept waiting: it goes out, and the connection ends.
+    /// Sends the answer to a request that was kept waiting, and ends its connection.
     void answered(HTTPConn& connection, const HTTPMessage& response);
 
-    /// Closes the connections that were accepted on `device`, without an answer and a log line.
+    /// Closes the connections that were accepted on `device`, without an answer or a log line.
     void dropConnections(const Device& device);
     /// True while a connection refers to `device`.
     bool hasConnections(const Device& device) const;
@@ -93,7 +94,8 @@ private:
     std::map<std::string, HTTPService*> servicesByEventURL;
     std::map<std::string, HTTPService*> servicesByControlURL;
     std::uint64_t accepts = 0;
-    tk::Fd reserve;  // given up for a moment when no descriptor is left, to take and close a connection
+    // Given up for a moment when no descriptor is left, so that a connection can be accepted and closed.
+    tk::Fd reserve;
 };
 
 }  // namespace gateway

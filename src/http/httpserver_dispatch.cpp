@@ -1,4 +1,4 @@
-// Where a request goes: by method and path, then by HOST.
+// Decides where a request goes: by method and path, then by HOST.
 
 #include "contract/ports.h"
 #include "http/httpserver.h"
@@ -19,7 +19,7 @@ bool namesHost(const HTTPMessage& request, std::uint32_t address) {
     return host == own || host == own + ":" + toString(unsigned{contract::httpPort});
 }
 
-/// One kind of request that services answer.
+/// A kind of request that services answer.
 struct Route {
     const char* method;
     const Services& services;

@@ -64,7 +64,7 @@ public:
         HTTPClient& client;
     };
 
-    bool waits = false;  // subscribers wait for their answer
+    bool waits = false;  // true when subscribers wait for their answer
     std::vector<Wait*> waiting;
     std::string called;
     std::string body;
@@ -95,7 +95,7 @@ public:
         EXPECT_EQ(::send(socket.get(), text.data(), text.size(), MSG_NOSIGNAL),
                   static_cast<ssize_t>(text.size()));
     }
-    /// What has arrived by now.
+    /// What has arrived so far.
     std::string received() const {
         char bytes[4096];
         const ssize_t count = ::recv(socket.get(), bytes, sizeof bytes, MSG_DONTWAIT);
@@ -135,7 +135,7 @@ protected:
         logTaken = true;
         return testing::internal::GetCapturedStdout();
     }
-    /// Sends one request on a connection of its own; what was answered.
+    /// Sends one request on a connection of its own, and returns the answer.
     std::string exchange(const std::string& request) { return loop.exchangeOverTcp(port, request); }
 
     tk::testing::TestLoop loop;
@@ -273,7 +273,7 @@ TEST_F(Server, EndsAnUnfinishedRequestAfter10SecondsFromAcceptWithoutAnAnswer) {
     client.send("GET / HT");
     loop.settle();
     loop.advance(500);
-    client.send("TP/1.1\r\n");  // data does not start the time anew
+    client.send("TP/1.1\r\n");  // data does not restart the time limit
     loop.settle();
     loop.advance(499);
     EXPECT_FALSE(client.isClosed());
@@ -401,7 +401,7 @@ TEST_F(Server, RemovesOnlyTheFirstEntryOfAServiceThatIsRegisteredTwice) {
 }
 
 TEST_F(Server, LogsAnAcceptThatFailsAndServesTheNextClient) {
-    server.accept(listener.get(), tk::readable);  // nobody waits
+    server.accept(listener.get(), tk::readable);  // no client is waiting
     EXPECT_EQ(exchange("GET /unknown HTTP/1.1\r\n\r\n"), "HTTP/1.1 404 Not Found\r\n\r\n");
     EXPECT_EQ(log(), "accept failed\n");
 }
@@ -434,7 +434,7 @@ class WaitingRequests : public Server {
 protected:
     WaitingRequests() { service.waits = true; }
 
-    /// Subscribes over a connection of its own, and lets the loop take it.
+    /// Subscribes over a connection of its own, and lets the loop accept it.
     std::unique_ptr<Client> subscribe(std::uint32_t from = INADDR_LOOPBACK) {
         auto client = std::make_unique<Client>(port, from);
         client->send("SUBSCRIBE /upnp/event/osinfo HTTP/1.1\r\nHOST: 192.0.2.1\r\n\r\n");

@@ -10,44 +10,43 @@ namespace gateway {
 
 class HTTPService;
 
-/// The host that made a request, as a service sees it.
+/// The client that made a request, as a service sees it.
 class HTTPClient {
 public:
     virtual ~HTTPClient() = default;
-    /// The address that it asks from.
+    /// The address that the request came from.
     /// Byte order: network.
     virtual std::uint32_t source() const = 0;
-    /// True when one more request from its address may be kept waiting.
+    /// True when one more request from that address may be kept waiting.
     virtual bool mayWait() const = 0;
-    /// Answers a request that was kept waiting, and ends it: what it waited with is destroyed in here.
+    /// Answers a request that was kept waiting, and ends it. This destroys its HTTPWait.
     virtual void answer(const HTTPMessage& response) = 0;
 };
 
-/// What a request waits with whose answer takes somebody else's. Destroying it gives the request up: the
-/// client is not answered then.
+/// Held by a request while its answer depends on another program. Destroying it gives the request up, without
+/// an answer to the client.
 class HTTPWait {
 public:
     virtual ~HTTPWait() = default;
-    /// True when it is this service that the request waits for.
+    /// True when the request waits for this service.
     virtual bool isFor(const HTTPService& service) const = 0;
 };
 
-/// What a service does with a request: the response, or the wait for it, which ends with the client's
-/// answer().
+/// What a service returns for a request: the response, or a wait that the client's answer() ends.
 using HTTPAnswer = std::variant<HTTPMessage, std::unique_ptr<HTTPWait>>;
 
-/// What the HTTP server needs of a UPnP service: answers to the three kinds of requests that are routed to
-/// one. The server has checked path and HOST before.
-/// Lifetime: the client outlives what its request waits with.
+/// What the HTTP server needs of a UPnP service: answers to the three kinds of request that are routed to it.
+/// The server has already checked the path and HOST.
+/// Lifetime: the client outlives its request's HTTPWait.
 class HTTPService {
 public:
     virtual ~HTTPService() = default;
 
     /// Answers a POST to the service's control URL.
     virtual HTTPAnswer handlePost(const HTTPMessage& request, HTTPClient& client) = 0;
-    /// Answers a SUBSCRIBE to its event URL: a new subscription or a renewal.
+    /// Answers a SUBSCRIBE to the service's event URL: a new subscription or a renewal.
     virtual HTTPAnswer subscribe(const HTTPMessage& request, HTTPClient& client) = 0;
-    /// Answers an UNSUBSCRIBE to its event URL.
+    /// Answers an UNSUBSCRIBE to the service's event URL.
     virtual HTTPAnswer unsubscribe(const HTTPMessage& request, HTTPClient& client) = 0;
 };
 

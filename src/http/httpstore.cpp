@@ -13,7 +13,7 @@ namespace gateway {
 
 namespace {
 
-constexpr std::size_t fileLimit = 16384;  // what one read takes, and so what is served of a larger file
+constexpr std::size_t fileLimit = 16384;  // one read, and so all that is served of a larger file
 
 std::string contentTypeOf(const std::string& fileName) {
     const std::size_t dot = fileName.rfind('.');
@@ -21,7 +21,7 @@ std::string contentTypeOf(const std::string& fileName) {
                                                                                                 : "text/xml";
 }
 
-/// Reads a file's beginning into `content`.
+/// Reads the beginning of a file into `content`.
 /// Errors: false, logged.
 bool readStart(const std::string& path, std::string& content) {
     const tk::Fd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
