@@ -19,11 +19,11 @@ struct SSDPInterface {
 class SSDPHost {
 public:
     virtual ~SSDPHost() = default;
-    /// The interface whose SSDP socket this is. The process ends when there is none.
+    /// The interface that owns this SSDP socket. The process ends when there is none.
     virtual SSDPInterface findInterface(int ssdpSocket) = 0;
 };
 
-/// Answers the searches that arrive on the internal interfaces, and keeps what it answers them with.
+/// Answers the searches that arrive on the internal interfaces, and keeps the targets that they can find.
 class Discovery {
 public:
     /// Lifetime: the host outlives the object.
@@ -31,14 +31,14 @@ public:
     Discovery(const Discovery&) = delete;
     Discovery& operator=(const Discovery&) = delete;
 
-    /// Callback of every SSDP socket: reads one datagram, and answers it when it is a search for something we
-    /// have. Replies go out at once and from a port of their own.
+    /// Called when an SSDP socket is ready: reads one datagram, and answers it if it is a search for
+    /// something we have. Replies go out at once, from a port of their own.
     /// Protocol: UPnP Device Architecture 1.0, 1.2.2 and 1.2.3.
     void ssdpRead(int socket, std::uint32_t events);
 
-    /// The notification types and unique service names of the whole device tree: what searches find.
+    /// What searches find: the notification types and unique service names of the whole device tree.
     const AdvertTargets& targets() const { return advertTargets; }
-    /// The device tree is another one now.
+    /// Replaces the targets after the device tree has changed.
     void setTargets(AdvertTargets targets) { advertTargets = std::move(targets); }
 
 private:
@@ -47,8 +47,8 @@ private:
 };
 
 /// Multicasts one NOTIFY for each entry of `table`, in order, from the interface's SSDP socket: ssdp:byebye
-/// or ssdp:alive.
-/// Errors: logged, and the next one is sent.
+/// when `byebye` is true, else ssdp:alive.
+/// Errors: logged; the rest are still sent.
 /// Protocol: UPnP Device Architecture 1.0, 1.1.2 and 1.1.3.
 void sendAdverts(const SSDPInterface& interface, const AdvertTargets& table, bool byebye);
 

@@ -1,4 +1,4 @@
-// The adverts of discovery.h: what is multicast without having been asked for.
+// The adverts of discovery.h, which are multicast unasked.
 
 #include <netinet/in.h>
 #include <sys/socket.h>

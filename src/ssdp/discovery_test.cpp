@@ -59,7 +59,7 @@ protected:
         socklen_t length = sizeof address;
         ASSERT_EQ(::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &length), 0);
     }
-    /// Sends one datagram to discovery; what it answers.
+    /// Sends one datagram to discovery, and returns the answers.
     std::vector<std::string> ask(const std::string& datagram) {
         EXPECT_EQ(::sendto(client.get(), datagram.data(), datagram.size(), 0,
                            reinterpret_cast<sockaddr*>(&serverAddress), sizeof serverAddress),

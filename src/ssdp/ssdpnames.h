@@ -5,17 +5,17 @@
 
 namespace gateway {
 
-/// Where searches and adverts go.
+/// The multicast address of searches and adverts.
 /// Protocol: UPnP Device Architecture 1.0, 1.
 constexpr const char* ssdpGroup = "239.255.255.250";
 
 /// The value of HOST in searches and adverts: the group, a colon, the port.
 std::string ssdpHost();
 
-/// The value of CACHE-CONTROL: for how many seconds an advert holds.
+/// The value of CACHE-CONTROL: how many seconds an advert is valid.
 std::string ssdpMaxAge();
 
-/// The address of the description for clients of one interface.
+/// The URL of the description for clients of one interface.
 /// Byte order: network.
 std::string ssdpLocation(std::uint32_t address);
 

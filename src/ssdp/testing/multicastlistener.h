@@ -7,7 +7,7 @@
 
 namespace gateway {
 
-/// Hears what is multicast to the SSDP group on the loopback interface.
+/// Receives what is multicast to the SSDP group on the loopback interface.
 class MulticastListener {
 public:
     MulticastListener();
@@ -17,9 +17,9 @@ public:
         int ttl = 0;
         int sourcePort = 0;
     };
-    /// Everything heard since the last call, in order.
+    /// Everything received since the last call, in order.
     std::vector<Datagram> take();
-    /// The same, texts alone.
+    /// The texts of the same.
     std::vector<std::string> texts();
 
 private:
