@@ -8,15 +8,14 @@
 
 namespace gateway {
 
-/// One SOAP action of a service. Each argument has the name of its element, and the state variable by which
-/// it is checked (in-arguments) or from which a getter action takes it (out-arguments); names and variables
-/// stand in pairs.
+/// One SOAP action of a service. Each argument has an element name and a state variable, at the same index of
+/// two lists. The variable checks an in-argument; in a getter action it supplies an out-argument.
 class Action {
 public:
-    /// A getter action, which answers with the values of its variables.
+    /// A getter action: it answers with the values of its variables.
     Action(std::vector<std::string> outVars, std::vector<std::string> outNames);
 
-    /// An action that `method` of `obj` carries out; a getter action when one of them is null.
+    /// An action that `method` of `obj` carries out, or a getter action when either is null.
     /// Lifetime: the object outlives the action.
     template <typename T>
     Action(std::vector<std::string> inVars, std::vector<std::string> inNames,

@@ -7,14 +7,14 @@
 
 namespace gateway {
 
-/// What carries an action out: takes the texts of the in-arguments, appends those of the out-arguments.
+/// Carries out an action: takes the texts of the in-arguments, and appends those of the out-arguments.
 class ActionHandler {
 public:
     virtual ~ActionHandler() = default;
     virtual UPNPStatus operator()(const std::vector<std::string>& in, std::vector<std::string>& out) = 0;
 };
 
-/// An action that is a member function.
+/// Carries out an action by calling a member function.
 /// Lifetime: the object outlives the callback.
 template <typename T>
 class ActionCallback final : public ActionHandler {
@@ -31,14 +31,14 @@ private:
     Method method;
 };
 
-/// What computes the value of a variable each time it is read.
+/// Computes the value of a variable each time it is read.
 class ValueGetter {
 public:
     virtual ~ValueGetter() = default;
     virtual std::string operator()() = 0;
 };
 
-/// A value that is a member function.
+/// Computes a value by calling a member function.
 /// Lifetime: the object outlives the callback.
 template <typename T>
 class MethodCallback final : public ValueGetter {

@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::string_view scheme = "http://";
 constexpr std::uint16_t defaultPort = 80;
-// What a text reads as that is no address; also the broadcast address.
+// What a text that is not an address reads as; also the broadcast address.
 constexpr std::uint32_t noAddress = 0xFFFFFFFF;
 
 bool hasControlCharacter(const std::string& text) {

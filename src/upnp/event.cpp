@@ -22,8 +22,8 @@ namespace {
 
 constexpr std::uint32_t deliveryTicks = 3000;  // 30 s for connecting, sending and the reply
 
-// Deliveries on their way at once: the limit of a service, that of one subscriber, and what a subscriber may
-// have even when the others have taken all, so that dead ones do not keep events from those who live.
+// Deliveries on their way at once: the limits of a service and of one subscriber, and what a subscriber may
+// have even when others have taken all. So dead subscribers do not keep events from live ones.
 constexpr std::size_t deliveryLimit = 1000;
 constexpr std::ptrdiff_t subscriberLimit = 64;
 constexpr std::ptrdiff_t fairShare = 10;
@@ -33,7 +33,7 @@ constexpr std::size_t statusOffset = 9;  // after "HTTP/1.1 "
 constexpr std::size_t statusLength = 3;
 
 /// Starts to connect to a subscriber.
-/// Errors: none is held, logged.
+/// Errors: the result holds no descriptor; logged.
 tk::Fd startConnecting(std::uint32_t address, std::uint16_t port) {
     tk::Fd socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!socket.isOpen()) {
@@ -85,8 +85,8 @@ bool Service::mayDeliverTo(const Subscription& subscription) const {
     return own < (events.size() < deliveryLimit ? subscriberLimit : fairShare);
 }
 
-/// Those of subscriptions that are gone are dropped when they connect anyway; they must not crowd out the
-/// others.
+/// Drops the events whose subscription is gone. They would be dropped on connecting, but must not crowd out
+/// the others until then.
 void Service::dropOrphanedEvents() {
     std::erase_if(events, [this](const auto& entry) {
         if (subscriptions.contains(entry.second->subscriber())) return false;
@@ -117,7 +117,7 @@ void Service::Event::connected(int, std::uint32_t) {
     watch.start<Event, &Event::replied>(socket.get(), *this, tk::readable);
 }
 
-/// Builds the message and sends it. False when it cannot be built or has not gone out whole.
+/// Builds the message and sends it. True when all of it has gone out.
 bool Service::Event::sendNotify() {
     const auto subscription = service.subscriptions.find(sid);
     if (subscription == service.subscriptions.end()) return false;
@@ -155,7 +155,7 @@ void Service::Event::collectAll(XMLNode& set) const {
     }
 }
 
-/// Sends the whole message in one piece, which does not wait although the socket is a blocking one again.
+/// Sends the whole message at once. That does not wait, although the socket is blocking again.
 bool Service::Event::write(const std::string& text) {
     if (::fcntl(socket.get(), F_SETFL, 0) != 0) {
         tk::log("fcntl 0: ", tk::errorText());
@@ -171,7 +171,7 @@ void Service::Event::replied(int, std::uint32_t) {
     const ssize_t length = ::recv(socket.get(), bytes, sizeof bytes, MSG_DONTWAIT);
     if (length <= 0) {
         tk::log("notify reply read failed");
-        watch.stop();  // it would stay readable; the delivery timer ends the event
+        watch.stop();  // it would stay ready; the delivery timer ends the event
         return;
     }
     const HTTPMessage reply(std::string_view(bytes, static_cast<std::size_t>(length)));
@@ -184,7 +184,7 @@ void Service::Event::timedOut() {
     finish();  // deletes this
 }
 
-/// Leaves the service's table before the descriptor closes, and can be the key of another event.
+/// Leaves the service's table before the descriptor closes and can become another event's key.
 void Service::Event::finish() {
     const auto own = service.events.extract(socket.get());  // deletes this at the end of the function
 }

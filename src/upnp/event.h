@@ -12,23 +12,23 @@ namespace gateway {
 
 class Subscription;
 
-/// One NOTIFY on its way to one subscriber, over a connection of its own: connecting, then waiting for the
-/// reply. It ends itself with the reply, with a failure, or 30 s after its start. Whatever happens to it, the
-/// subscription stays.
+/// One NOTIFY on its way to one subscriber, over a connection of its own: it connects, sends, and waits for
+/// the reply. It ends itself on the reply, on a failure, or 30 s after its start. The subscription stays in
+/// any case.
 ///
-/// What is sent is put together only when the connection stands, and so is its SEQ number: numbers follow the
-/// order in which connections complete, and a delivery that never completes takes none.
+/// The message and its SEQ number are made only once the connection is up. So the numbers follow the order in
+/// which connections complete, and a delivery that never connects takes none.
 class Service::Event {
 public:
-    /// Takes over a socket that is connecting, and starts to wait. An empty variable name means all evented
+    /// Takes over a connecting socket, and starts to wait. An empty variable name means all evented
     /// variables.
-    /// Lifetime: the service owns the event. Subscription and variable are known by name, for they may be
-    /// gone by then.
+    /// Lifetime: the service owns the event. The subscription and the variable are kept by name, because they
+    /// may be gone when it connects.
     Event(Service& service, tk::Fd connecting, std::string sid, std::string varName);
     Event(const Event&) = delete;
     Event& operator=(const Event&) = delete;
 
-    /// The SID of the subscription that it is for.
+    /// The SID of its subscription.
     const std::string& subscriber() const { return sid; }
 
 private:

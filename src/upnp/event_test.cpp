@@ -17,7 +17,7 @@ namespace gateway {
 
 namespace {
 
-constexpr int waitMilliseconds = 5000;  // the most that a test waits for its own host
+constexpr int waitMilliseconds = 5000;  // the longest that a test waits for its own host
 
 void send(const tk::Fd& connection, const std::string& text) {
     EXPECT_EQ(::send(connection.get(), text.data(), text.size(), MSG_NOSIGNAL),
@@ -38,13 +38,13 @@ protected:
             service.addVar(name, std::make_unique<Variable>(std::list<std::string>{}, evented).release());
         if (value) variable.setValue(value);
     }
-    /// Starts one event; the lines that were logged.
+    /// Starts one event, and returns the logged lines.
     std::string start(const std::string& varName) {
         const tk::testing::CapturedOutput output;
         service.sendEvent(subscription(), varName);
         return output.text();
     }
-    /// One turn of the loop, which waits for its next event; the lines that were logged.
+    /// Lets the loop wait for its next event, and returns the logged lines.
     std::string turn(int limit = waitMilliseconds) {
         const tk::testing::CapturedOutput output;
         loop.looper.turn(limit);
@@ -68,7 +68,7 @@ protected:
             text += "  <e:property>\r\n    <" + name + ">" + value + "</" + name + ">\r\n  </e:property>\r\n";
         return text + "</e:propertyset>\r\n";
     }
-    /// True when no event is left, nor anything of it in the loop.
+    /// True when no event is left and the loop holds nothing of one.
     bool isOver() const {
         return service.events.empty() && tk::getRunner()->timerCount() == 0 && watched() == idleWatches;
     }
@@ -207,7 +207,7 @@ TEST_F(Notification, ConnectionThatEndsWithoutAReplyWaitsForTheTimer) {
 
 TEST_F(Notification, SubscriberThatNeverAcceptsCausesOneLineAfterThirtySeconds) {
     Subscriber busy(0);
-    tk::Fd waiting[4];  // they fill the queue, and the one that comes then gets no answer
+    tk::Fd waiting[4];  // they fill the queue; the next one gets no answer
     for (tk::Fd& socket : waiting) {
         socket.reset(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
         const sockaddr_in target = Subscriber::loopback(busy.port);
@@ -221,7 +221,7 @@ TEST_F(Notification, SubscriberThatNeverAcceptsCausesOneLineAfterThirtySeconds) 
     EXPECT_EQ(advance(1), "notify timeout\n");
     EXPECT_TRUE(isOver());
     EXPECT_EQ(service.subscriptions.size(), 1U);
-    EXPECT_EQ(subscription().seq, 0U);  // one that never connected took no number
+    EXPECT_EQ(subscription().seq, 0U);  // an event that never connected took no number
 }
 
 TEST_F(Notification, RefusedConnectionTakesItsNumberAndFailsToWrite) {
@@ -245,7 +245,8 @@ TEST_F(Notification, ConnectionThatFailsAtOnceLeavesNothing) {
 TEST_F(Notification, WithoutADescriptorNothingIsStarted) {
     rlimit before{};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
-    start("");  // once with descriptors: the sanitizers' first look at an object needs some as well
+    // Once with descriptors: the sanitizers' first look at an object needs some too.
+    start("");
     service.events.clear();
     const tk::testing::CapturedOutput output;
     const auto lowestFree = static_cast<rlim_t>(tk::Fd(dup(STDERR_FILENO)).get());
@@ -257,7 +258,7 @@ TEST_F(Notification, WithoutADescriptorNothingIsStarted) {
     EXPECT_TRUE(isOver());
 }
 
-/// Many descriptors, for the limits of deliveries; whether they were to be had.
+/// Raises the limit on descriptors, which the limits on deliveries need.
 class CrowdedNotification : public Notification {
 protected:
     void SetUp() override {
@@ -300,8 +301,8 @@ TEST_F(CrowdedNotification, SubscriptionsThatCameAndWentDoNotAddUp) {
 
 TEST_F(CrowdedNotification, DeadSubscribersThatFillTheServiceLeaveEveryOtherAShareOf10) {
     for (int i = 0; i < 20; ++i) startMany(subscribe("uuid:dead" + std::to_string(i)), 64);
-    EXPECT_EQ(service.events.size(),
-              1000U + 4 * 10U);  // 15 have 64, one has the rest of 1000, the last four their share
+    // 15 have 64, one has the rest of 1000, and the last four have their share.
+    EXPECT_EQ(service.events.size(), 1000U + 4 * 10U);
     EXPECT_EQ(startMany(subscribe("uuid:alive"), 20), 10U);
 }
 
@@ -329,7 +330,7 @@ TEST_F(Notification, VariableWithoutAValueIsNotSent) {
     EXPECT_TRUE(isOver());
 }
 
-/// A long line as the log has it.
+/// A long line as the log shows it.
 std::string asLogged(const std::string& line) {
     constexpr std::size_t most = 4095;
     const std::string mark = " [cut]";
@@ -340,7 +341,7 @@ TEST_F(Notification, LongOneGoesOutThoughTheSubscriberReadsNothing) {
     const std::string value(100000, 'x');
     addVariable("A", true, value.c_str());
     start("A");
-    const int small = 4096;  // the system's own choice differs from kernel to kernel
+    const int small = 4096;  // the default differs between kernels
     ASSERT_EQ(setsockopt(service.events.begin()->first, SOL_SOCKET, SO_SNDBUF, &small, sizeof small), 0);
     const tk::Fd connection = subscriber.accept();
     const std::string lines = turn();

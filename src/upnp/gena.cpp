@@ -22,11 +22,11 @@ constexpr int preconditionFailed = 412;
 constexpr int internalServerError = 500;
 
 constexpr std::size_t subscriptionLimit = 100;   // per service
-constexpr std::uint32_t shortestSeconds = 1800;  // also where none or no number is asked for
+constexpr std::uint32_t shortestSeconds = 1800;  // also when the request states none, or no number
 constexpr std::uint32_t longestSeconds = 86400;
-constexpr std::size_t uuidTextSize = 37;  // with the '\0' at its end
+constexpr std::size_t uuidTextSize = 37;  // with its '\0'
 
-/// The duration that is asked for, 0 for none. A negative number counts as a huge one.
+/// The requested duration; 0 for none. A negative number counts as a huge one.
 std::uint32_t requestedSeconds(const std::string& timeout) {
     constexpr std::string_view unit = "Second-";
     if (slice(timeout, 0, unit.size()) != unit) return 0;
@@ -39,7 +39,7 @@ std::uint32_t grantedSeconds(const HTTPMessage& request) {
     return std::clamp(requestedSeconds(request.get("TIMEOUT")), shortestSeconds, longestSeconds);
 }
 
-/// Reads the first URL of the list. False when it is none that events can be sent to.
+/// Reads the first URL of the list. True when events can be sent to it.
 bool readCallback(const HTTPMessage& request, Callback& callback) {
     const std::string list = request.get("CALLBACK");
     if (firstByte(list) != '<' || lastByte(list) != '>') return false;

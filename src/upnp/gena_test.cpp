@@ -13,7 +13,7 @@ namespace gateway {
 
 namespace {
 
-// Nobody listens there: the deliveries themselves are the subject of other tests.
+// Nobody listens there; other tests cover the deliveries.
 const std::string callbackUrl = "http://127.9.9.9:9/notify";
 const std::string bare412 = "HTTP/1.1 412 Precondition Failed\r\n\r\n";
 
@@ -36,7 +36,7 @@ protected:
         const tk::testing::CapturedOutput output;
         FakeClient client;
         client.take(service.subscribe(request, client));
-        if (client.wait) loop.settle();  // a name is asked for
+        if (client.wait) loop.settle();  // a name is being looked up
         HTTPMessage response = client.answered.value_or(HTTPMessage());
         log = output.text();
         started = service.events.size();
@@ -56,7 +56,7 @@ protected:
         loop.advance(ticks);
         return output.text();
     }
-    /// The answer that a subscriber got, in full but for its date.
+    /// The answer that a subscriber got, without its date.
     static std::string granted(const HTTPMessage& response, const std::string& seconds) {
         return "HTTP/1.1 200 OK\r\nDATE: " + response.get("DATE") + "\r\nSERVER: " + serverString +
                "\r\nSID: " + response.get("SID") + "\r\nTIMEOUT: Second-" + seconds + "\r\n\r\n";
@@ -65,7 +65,7 @@ protected:
     tk::testing::TestLoop loop;
     Service service{"urn:x"};
     std::string log;
-    std::size_t started = 0;  // events, by the last request
+    std::size_t started = 0;  // events started by the last request
 };
 
 TEST_F(Gena, SubscriptionIsAnsweredWithItsIdAndDuration) {
@@ -173,7 +173,7 @@ TEST_F(Gena, HundredAndFirstSubscriptionIsRefused) {
     for (int i = 0; i < 100; ++i)
         EXPECT_EQ(subscribeTo("<http://127.1.2." + std::to_string(i) + "/>").title, "HTTP/1.1 200 OK");
     EXPECT_EQ(subscribeTo("<http://127.1.1.1/>").toString(), "HTTP/1.1 500 Internal Server Error\r\n\r\n");
-    // The number is looked at before the address.
+    // The number is checked before the address.
     EXPECT_EQ(subscribeTo("<http://127.1.2.7/>").toString(), "HTTP/1.1 500 Internal Server Error\r\n\r\n");
     EXPECT_EQ(service.subscriptions.size(), 100U);
 }

@@ -8,7 +8,7 @@
 
 namespace gateway {
 
-/// Makes a container of the first `count` of the texts that follow; what is beyond them is dropped.
+/// Makes a container of the first `count` of the texts that follow, and ignores the rest.
 template <typename Container, typename... Texts>
 Container makeContainer(std::size_t count, const Texts*... texts) {
     const std::array<const char*, sizeof...(Texts)> all{texts...};

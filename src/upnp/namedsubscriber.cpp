@@ -14,7 +14,8 @@ namespace {
 
 constexpr int preconditionFailed = 412;
 
-/// What the resolver answered; its error is logged. An address that comes with one is taken all the same.
+/// The address that the resolver gave. An error is logged; an address that comes with it is taken all the
+/// same.
 /// Byte order: network.
 /// Errors: 0.
 std::uint32_t resolvedAddress(const tk::message& end) {

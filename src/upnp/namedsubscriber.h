@@ -9,12 +9,12 @@
 
 namespace gateway {
 
-/// One new subscription whose callback URL names its host: asks the resolver for the address, and answers the
-/// client when that has ended. Only this client waits; whether there still is room for it is looked at then.
+/// A new subscription whose callback URL holds a host name: asks the resolver for the address, then answers
+/// the client. Only this client waits. The limit on subscriptions is checked after the wait.
 class NamedSubscriber final : public HTTPWait, private tk::Inquiry::Owner {
 public:
-    /// Asks at once. `seconds` is what the subscription is granted.
-    /// Lifetime: the service outlives the client's answer, or the wait is given up first.
+    /// Asks at once. `seconds` is the duration granted to the subscription.
+    /// Lifetime: the service lives until the client is answered or the wait is given up.
     NamedSubscriber(Service& service, HTTPClient& client, Callback callback, std::uint32_t seconds);
 
     bool isFor(const HTTPService& candidate) const override { return &candidate == &service; }

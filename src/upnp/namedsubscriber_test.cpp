@@ -21,7 +21,7 @@ class NamedSubscribers : public testing::Test {
 protected:
     NamedSubscribers() { loop.bus.keepSilent(resolver, resolve); }
 
-    /// Subscribes with a callback URL, which may name its host.
+    /// Subscribes with a callback URL, which may hold a host name.
     void subscribeFor(FakeClient& subscriber, const std::string& url, const std::string& timeout = "") {
         HTTPMessage request;
         request.add("CALLBACK", "<" + url + ">");
@@ -29,7 +29,7 @@ protected:
         request.add("TIMEOUT", timeout);
         subscriber.take(service.subscribe(request, subscriber));
     }
-    /// The resolver answers the request of this number with an address; what is logged.
+    /// Lets the resolver answer the request of this number with an address, and returns what is logged.
     std::string answer(std::uint32_t number, const std::string& address) {
         tk::message reply;
         reply.insert_be32(4, toAddress(address));

@@ -42,7 +42,7 @@ void Service::setVar(const std::string& name, const std::string& newValue) {
     if (entry == variables.end()) return;
     Variable& variable = *entry->second;
     std::string old;
-    (void)variable.getValue(old);  // no value counts as the empty text
+    (void)variable.getValue(old);  // no value counts as an empty text
     const bool changed = newValue != old;
     variable.setValue(newValue);
     if (!variable.evented || !changed) return;

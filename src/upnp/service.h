@@ -14,27 +14,27 @@
 
 namespace gateway {
 
-/// The runtime object of one UPnP service: its state variables, its actions, its subscribers and the events
-/// that are on their way to them. Concrete services derive from it, and fill the two tables in their
+/// One UPnP service at run time: its state variables, actions, subscribers, and the events on their way to
+/// them. Concrete services derive from it, and fill the tables of variables and actions in their
 /// constructors.
 class Service : public HTTPService {
 public:
     /// One NOTIFY on its way (upnp/event.h).
     class Event;
 
-    /// A service without variables and actions. The type is the full one, "urn:schemas-upnp-org:service:...".
+    /// A service without variables or actions. The type is the full one, "urn:schemas-upnp-org:service:...".
     explicit Service(std::string serviceType);
     Service(const Service&) = delete;
     Service& operator=(const Service&) = delete;
     /// Drops subscriptions and events with their timers and sockets, without a log line.
     ~Service() override;
 
-    /// Takes a variable over under a name, and gives it back to be set up. One that had the name before is
-    /// not found any more, but lives as long as the service.
+    /// Takes over a variable under a name, and returns it to be set up. A variable that had the name before
+    /// is no longer found, but lives as long as the service.
     Variable& addVar(const std::string& name, Variable* variable);
 
-    /// Adds a getter action. Without names its out-arguments are called like the variables with "New" before
-    /// them.
+    /// Adds a getter action. Without names, each out-argument is named after its variable, with "New" before
+    /// it.
     void addAct(const std::string& name, std::vector<std::string> outVars,
                 std::vector<std::string> outNames = {});
 
@@ -48,14 +48,14 @@ public:
                                                  std::move(outNames), obj, method);
     }
 
-    /// The current value of a variable; empty when there is no such variable, or it has no value.
+    /// The current value of a variable; empty when the variable does not exist or has no value.
     std::string getVar(const std::string& name) const;
 
-    /// Gives a variable a fixed value, and sends an event to every subscriber when it is evented and the text
-    /// changed. An unknown name is no error.
+    /// Gives a variable a fixed value. If it is evented and its text changed, every subscriber is sent an
+    /// event. An unknown name is no error.
     void setVar(const std::string& name, const std::string& newValue);
 
-    /// Starts one delivery to a subscriber: of one variable, or of all evented ones when the name is empty.
+    /// Starts a delivery to a subscriber: of one variable, or of all evented ones when the name is empty.
     /// Errors: logged; nothing is sent then.
     void sendEvent(const Subscription& subscription, const std::string& varName);
 
@@ -70,7 +70,7 @@ public:
     std::map<int, std::unique_ptr<Event>> events;                        // by socket descriptor
 
 protected:
-    /// The address of the host whose action is being carried out.
+    /// The address of the host that called the current action.
     /// Byte order: network.
     std::uint32_t requester() const { return requesterAddress; }
 

@@ -33,7 +33,7 @@ public:
     int count = 0;
 };
 
-/// Tells when it is destroyed.
+/// Reports its destruction.
 class Mortal final : public ValueGetter {
 public:
     explicit Mortal(bool& dead) : dead(dead) {}
@@ -44,7 +44,7 @@ private:
     bool& dead;
 };
 
-/// A service whose only subscriber's address takes no connection, so that each event leaves one log line.
+/// A service whose only subscriber cannot be connected to, so that each event leaves one log line.
 struct Subscribed {
     Subscribed() {
         constexpr std::uint32_t broadcast = 0xFFFFFFFF;  // connecting to it fails at once
@@ -101,7 +101,7 @@ TEST(ServiceVariables, GetterIsCalledUntilAValueIsSet) {
     service.setVar("Count", "fixed");
     EXPECT_EQ(service.getVar("Count"), "fixed");
     EXPECT_EQ(service.getVar("Count"), "fixed");
-    EXPECT_EQ(service.count, 3);  // setVar compares with the value that was there
+    EXPECT_EQ(service.count, 3);  // setVar compares with the earlier value
 }
 
 TEST(ServiceEvents, ChangeOfANonEventedVariableStartsNone) {

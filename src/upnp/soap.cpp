@@ -22,7 +22,7 @@ constexpr int internalServerError = 500;
 constexpr const char* encodingStyle = "http://schemas.xmlsoap.org/soap/encoding/";
 constexpr const char* queryAction = "QueryStateVariable";  // of the control protocol's own namespace
 
-/// The first child with this name, whatever its prefix; null when there is none.
+/// The first child with this name and any prefix; null when there is none.
 const XMLNode* findChild(const XMLNode& node, std::string_view name) {
     for (const XMLNode& child : node.children)
         if (stripPrefix(child.name) == name) return &child;
@@ -64,7 +64,7 @@ HTTPMessage answerFromVariables(Service& service, const Action& action, XMLNode 
     return soapResponse(service, ok, std::move(result));
 }
 
-/// The in-arguments in the action's order, or the fault when one does not pass.
+/// The in-arguments in the action's order, or a fault if one fails its check.
 std::variant<Arguments, HTTPMessage> readArguments(Service& service, const Action& action,
                                                    const XMLNode& call) {
     Arguments in;
@@ -114,7 +114,7 @@ HTTPMessage handlePost(Service& service, const HTTPMessage& request) {
     if (header.empty()) return refuse("POST: with no SOAPACTION");
 
     std::string_view action = header;
-    // The last byte goes with the first, whatever it is.
+    // Removes the last byte with the first, whatever it is.
     if (firstByte(action) == '"') action = slice(action, 1, action.size() > 1 ? action.size() - 2 : 0);
     if (action == controlNamespace + std::string("#") + queryAction)
         return queryStateVariable(service, *body);

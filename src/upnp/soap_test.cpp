@@ -15,7 +15,7 @@ using Texts = std::vector<std::string>;
 const std::string type = "urn:schemas-upnp-org:service:Lamp:1";
 const std::string encoding = "http://schemas.xmlsoap.org/soap/encoding/";
 
-/// A lamp: one action with arguments and one without, and getter actions that work and that cannot.
+/// A lamp: an action with arguments and one without, and getter actions that work and that cannot.
 class Lamp : public Service {
 public:
     Lamp() : Service(type) {

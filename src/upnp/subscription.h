@@ -9,7 +9,7 @@ namespace gateway {
 
 class Service;
 
-/// One subscriber of a service's events. Ends itself when its time is over and it was not renewed.
+/// One subscriber to a service's events. Ends itself when its time is up.
 class Subscription {
 public:
     /// Byte order: address in network order, port in host order.
@@ -17,10 +17,10 @@ public:
     Subscription(Service& service, std::string sid, std::uint32_t address, std::uint16_t port,
                  std::string path);
 
-    /// Lets the subscription end `seconds` from now, whatever time was left.
+    /// Makes the subscription end `seconds` from now, whatever time was left.
     void expireIn(std::uint32_t seconds);
 
-    /// The number of the next NOTIFY; the one after it gets the next number.
+    /// Returns the number of the next NOTIFY, and counts on.
     std::uint32_t takeSeq();
 
     const std::string sid;        // "uuid:" and a UUID

@@ -44,7 +44,7 @@ void UpnpDevice::addIcons(XMLNode& device) const {
 }
 
 void UpnpDevice::addServices(XMLNode& device) const {
-    XMLNode list("serviceList");  // there even when it is empty
+    XMLNode list("serviceList");  // written even when empty
     for (const UpnpServiceDescr& service : services) list.addSubNode(service.buildDescription());
     device.addSubNode(std::move(list));
 }

@@ -31,7 +31,7 @@ TEST(UpnpDevice, DefaultsAreWrittenAndEmptyTextsAreNot) {
               "</device>\r\n");
 }
 
-/// A description without a field that has its default.
+/// A description in which no field has its default.
 UpnpDeviceDescr fullDescription() {
     UpnpDeviceDescr description;
     description.deviceType = "schemas-upnp-org:device:WANDevice:1";

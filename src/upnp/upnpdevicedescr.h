@@ -16,14 +16,14 @@ struct UpnpIcon {
     std::int32_t depth = 0;   // bits of colour
     std::string url;          // path on the daemon's HTTP server
 
-    /// The element "icon". The three numbers are written as unsigned ones.
+    /// The element "icon". Its three numbers are written as unsigned ones.
     XMLNode buildDescription() const;
 };
 
 /// The entry of one service in a device description.
 struct UpnpServiceDescr {
-    /// Derives all fields: for example of "upnp-org", "WANIPConnection:1", "WANIPConn1" and the one component
-    /// that is common to its three paths, "wanipconn-7".
+    /// Derives all fields from four texts: for example "upnp-org", "WANIPConnection:1", "WANIPConn1", and
+    /// "wanipconn-7", the component that its three paths share.
     UpnpServiceDescr(const std::string& domain, const std::string& type, const std::string& id,
                      const std::string& name);
 
@@ -40,7 +40,7 @@ struct UpnpServiceDescr {
 /// The maker's web address, shown by control points.
 constexpr const char* manufacturerAddress = "http://www.vantorel.example/";
 
-/// The descriptive texts of one device. Those that are empty are left out of the description, unless noted.
+/// The descriptive texts of one device. Unless noted, an empty one is left out of the description.
 struct UpnpDeviceDescr {
     std::string deviceType;                 // without "urn:", always written
     std::string friendlyName;               // always written

@@ -9,10 +9,10 @@ class UpnpRootDevice : public UpnpDevice {
 public:
     using UpnpDevice::UpnpDevice;
 
-    /// The element "root" of the whole description document. URLBase is added by whoever serves it.
+    /// The element "root" of the whole description document. Whoever serves it adds URLBase.
     XMLNode buildDescription() const override;
 
-    /// Adds the pair of the root device, then what every device adds.
+    /// Adds the root device's own pair, then what every device adds.
     void collectAdvertTargets(AdvertTargets& targets) const override;
 };
 

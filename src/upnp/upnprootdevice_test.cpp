@@ -12,7 +12,7 @@ namespace {
 
 using Pairs = std::vector<std::pair<std::string, std::string>>;
 
-/// A root R that holds a device W, which holds a device C; both have a service of the same type.
+/// A root R holds a device W, which holds a device C. Both have a service of the same type.
 UpnpRootDevice makeTree() {
     UpnpDevice connection;
     connection.UDN = "C";

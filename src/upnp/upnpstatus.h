@@ -4,8 +4,8 @@
 
 namespace gateway {
 
-/// How an action ended: 0, or a UPnP error code, which the client gets in a SOAP fault. Codes other than
-/// those below may be sent too; they have no description.
+/// How an action ended: 0, or a UPnP error code that the client gets in a SOAP fault. Codes other than those
+/// below may be sent too; they have no description.
 using UPNPStatus = std::int32_t;
 
 namespace upnpstatus {
@@ -23,7 +23,7 @@ constexpr UPNPStatus onlyPermanentLeasesSupported = 725;
 constexpr UPNPStatus remoteHostOnlySupportsWildcard = 726;
 }  // namespace upnpstatus
 
-/// The text that goes with a code in a fault; empty for a code that is not among those above.
+/// The description of a code in a fault; empty for a code not listed above.
 const char* errorDescription(UPNPStatus code);
 
 }  // namespace gateway

@@ -57,7 +57,7 @@ bool checkValue(const Variable& variable, const std::string& text) {
         case VariableType::ui2:
             return isNumber(variable, text, portEnd);
     }
-    return false;  // no code of a type
+    return false;  // not the code of a type
 }
 
 }  // namespace gateway

@@ -17,7 +17,7 @@ public:
     bool mayWait() const override { return mayBeKept; }
     void answer(const HTTPMessage& response) override {
         answered = response;
-        wait.reset();  // as the connection goes
+        wait.reset();  // as when the connection ends
     }
     /// Takes what a service returned: the response, or the wait for it.
     void take(HTTPAnswer answer) {

@@ -13,7 +13,7 @@
 
 namespace gateway {
 
-/// A subscriber on the loopback address: takes connections one after the other.
+/// A subscriber on the loopback address: accepts connections one at a time.
 class Subscriber {
 public:
     /// Units: `queue` is the backlog of its listener.
@@ -35,20 +35,20 @@ public:
         return address;
     }
 
-    /// Takes one connection.
-    /// Errors: none is held.
+    /// Accepts one connection.
+    /// Errors: the result holds no descriptor.
     tk::Fd accept() const {
         await(listener);
         return tk::Fd(::accept(listener.get(), nullptr, nullptr));
     }
 
-    /// Waits until something can be read; no longer than five seconds.
+    /// Waits until something can be read, for five seconds at most.
     static void await(const tk::Fd& socket) {
         pollfd target{socket.get(), POLLIN, 0};
         EXPECT_EQ(::poll(&target, 1, 5000), 1);
     }
 
-    /// What one read of a connection gives.
+    /// What one read of a connection returns.
     static std::string received(const tk::Fd& connection) {
         char bytes[65536];
         await(connection);
