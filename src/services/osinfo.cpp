@@ -10,7 +10,7 @@ namespace {
 
 constexpr const char* type = "urn:schemas-microsoft-com:service:OSInfo:1";
 
-/// The host name when it is shorter than four characters, else nothing: longer names are refused. On purpose.
+/// The host name if it is shorter than four characters, else nothing. On purpose.
 std::string machineName() {
     constexpr std::size_t limit = 4;
     char name[64] = {};

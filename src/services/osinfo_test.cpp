@@ -11,7 +11,7 @@ namespace gateway {
 
 namespace {
 
-/// Gives the calling thread a host name of its own, which no other process sees.
+/// Gives the calling thread its own host name, which no other process sees.
 bool setPrivateHostName(const std::string& name) {
     return ::unshare(CLONE_NEWUTS) == 0 && ::sethostname(name.data(), name.size()) == 0;
 }

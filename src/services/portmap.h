@@ -10,22 +10,22 @@ struct Id {
     std::uint16_t port = 0;     // external port
     std::int32_t protocol = 0;  // 0 TCP, 1 UDP
 
-    /// By port, then by protocol: TCP stands before UDP.
+    /// Orders by port, then by protocol: TCP before UDP.
     bool operator<(const Id& other) const;
 };
 
-/// One port mapping: a value, kept beside the NAT rule that it stands for.
+/// One port mapping, kept beside the NAT rule that it stands for. A value.
 struct PortMap {
     std::uint16_t internalPort = 0;
     std::uint32_t internalClient = 0;  // IPv4, network order
     bool enabled = false;
-    std::string description;          // the client's own; the firewall never gets it
+    std::string description;          // the client's text; the firewall never gets it
     std::uint32_t leaseDuration = 0;  // always 0: only permanent mappings are accepted
     std::uint32_t natId = 0;          // the bus object of the NAT rule
-    std::uint32_t requester = 0;      // the host that asked for it last; IPv4, network order
+    std::uint32_t requester = 0;      // the last host to ask for it; IPv4, network order
 };
 
-/// Reads a key from a client's texts: the port is cut to 16 bits, and everything but "TCP" is UDP.
+/// Reads a key from a client's texts. The port is cut to 16 bits, and anything but "TCP" is UDP.
 Id toId(const std::string& externalPort, const std::string& protocol);
 
 /// "TCP" or "UDP".

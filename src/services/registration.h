@@ -9,16 +9,16 @@
 
 namespace gateway {
 
-/// One line of a service's table of state variables.
+/// One row of a service's table of state variables.
 struct VariableRow {
     const char* name;
     VariableType type;
     bool evented;
     std::list<std::string> allowed;    // empty: any value
-    std::optional<std::string> value;  // none: no value, or a getter that is set afterwards
+    std::optional<std::string> value;  // none: no value, or a getter that is set later
 };
 
-/// Adds the variable of one row to a service.
+/// Adds one row's variable to a service.
 void registerVariable(Service& service, const VariableRow& row);
 
 /// Two lists of names, one after the other.

@@ -1,4 +1,4 @@
-// The service description documents that are served say exactly what the services register, both ways.
+// The served service descriptions say exactly what the services register: no more and no less.
 
 #include <algorithm>
 #include <fstream>
@@ -100,7 +100,7 @@ Lines registeredVariables(const Service& service) {
 void expectDescribed(const Service& service, const std::string& name) {
     const std::string text = readDocument(name);
     ASSERT_FALSE(text.empty()) << name;
-    EXPECT_LT(text.size(), 16384u) << name;  // what the server sends of a file
+    EXPECT_LT(text.size(), 16384u) << name;  // all that the server sends of a file
     const XMLParser parser(text);
     ASSERT_TRUE(parser.ok) << name;
     ASSERT_EQ(parser.root.children.size(), 1u);

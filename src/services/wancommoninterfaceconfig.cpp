@@ -20,12 +20,12 @@ constexpr const char* bitRate = "10000000";  // whatever the link is
 
 using Allowed = std::list<std::string>;
 
-/// The allowed values of WANAccessType: four of the five that it may have, without "Other". On purpose.
+/// The allowed values of WANAccessType: four of the five possible ones, without "Other". On purpose.
 Allowed allowedAccessTypes() {
     return makeContainer<Allowed>(4, "DSL", "POTS", "Cable", "Ethernet", "Other");
 }
 
-/// The traffic counters of an interface. Each keeps the low 32 bits of the router's counter, and so wraps at
+/// The traffic counters of an interface. Each is the low 32 bits of the router's counter, so it wraps at
 /// 2^32.
 struct DeviceStats {
     std::uint32_t rxPackets = 0;

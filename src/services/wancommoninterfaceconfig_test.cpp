@@ -83,7 +83,7 @@ TEST_F(CommonInterface, AnswersZeroWithOneLogLineWhenTheRouterRefuses) {
     testing::internal::CaptureStdout();
 }
 
-/// A response of the service, in full but for its date and its length.
+/// A response of the service without its date and length.
 std::string resultOf(const std::string& action, const std::string& content) {
     return "<?xml version=\"1.0\"?>\r\n"
            "<s:Envelope xmlns:s=\"http://schemas.xmlsoap.org/soap/envelope/\" "
@@ -105,7 +105,7 @@ TEST_F(CommonInterface, TellsControlPointsZeroWhenTheRouterRefuses) {
 }
 
 TEST_F(CommonInterface, AnswersTheSharingActionWithFourQueriesAndSixArgumentsInOrder) {
-    std::uint64_t queries = 0;  // each answer differs, so that one query cannot serve two arguments
+    std::uint64_t queries = 0;  // makes each answer differ: one query cannot serve two arguments
     loop.bus.answer(interfaces, 0xFE0002, [&](const tk::message&) {
         tk::message reply;
         ++queries;

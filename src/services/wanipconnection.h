@@ -11,10 +11,10 @@
 
 namespace gateway {
 
-/// The service of one external interface that maps ports and reports the connection.
+/// Maps ports on one external interface and reports its connection.
 ///
-/// Mappings live here and in the firewall alone: they are never stored, never expire, and are removed from
-/// the firewall when the object is destroyed.
+/// Mappings live only here and in the firewall. They are never stored, never expire, and leave the firewall
+/// when the object is destroyed.
 /// Protocol: WANIPConnection:1 of the Internet Gateway Device 1.0.
 class WANIPConnection final : public Service {
 public:
@@ -23,13 +23,12 @@ public:
     WANIPConnection(std::uint32_t deviceId, std::uint32_t externalAddress);
     ~WANIPConnection() override;
 
-    /// The external interface has another address; rules that exist keep the one they were made with.
+    /// Changes the external address for new rules; existing rules keep theirs.
     /// Byte order: network.
     void setExternalAddress(std::uint32_t address);
-    /// 1 is connecting, 2 connected, 3 disconnected, anything else unconfigured.
+    /// Sets ConnectionStatus: 1 is connecting, 2 connected, 3 disconnected, anything else unconfigured.
     void setConnectionStatus(int state);
-    /// Counts the dummy entry in PortMappingNumberOfEntries, or not any more; an unchanged setting changes
-    /// nothing.
+    /// Sets whether PortMappingNumberOfEntries counts the dummy entry. An unchanged setting has no effect.
     void setShowDummyRule(bool show);
 
     /// True when control points may enable and disable the external interface.

@@ -27,7 +27,7 @@ protected:
             service, "uuid:s", htonl(INADDR_LOOPBACK), subscriber.port, "/notify");
     }
 
-    /// What the subscriber is told because of a change, one line for each event.
+    /// What a change tells the subscriber, one line per event.
     template <typename Change>
     std::string eventsOf(Change change) {
         {
@@ -100,7 +100,7 @@ TEST_F(ConnectionEvents, OfTheAddressAreSentOncePerChange) {
 TEST_F(ConnectionEvents, OfTheCountFollowMappingsThatComeAndGo) {
     EXPECT_EQ(add("80"), "notify: PortMappingNumberOfEntries = '2'\n");
     EXPECT_EQ(add("81"), "notify: PortMappingNumberOfEntries = '3'\n");
-    EXPECT_EQ(add("81"), "");  // changes the mapping that is there
+    EXPECT_EQ(add("81"), "");  // changes the existing mapping
     EXPECT_EQ(remove("80"), "notify: PortMappingNumberOfEntries = '2'\n");
     EXPECT_EQ(remove("80", 714), "");
 }

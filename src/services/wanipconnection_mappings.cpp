@@ -10,9 +10,9 @@ namespace gateway {
 
 namespace {
 
-constexpr std::uint32_t noAddress = 0xFFFFFFFF;  // what toAddress() gives for every text that is no address
+constexpr std::uint32_t noAddress = 0xFFFFFFFF;  // toAddress() of a text that is not an address
 
-// Some control points want to see at least one entry; it exists in answers alone, and always stands first.
+// Some control points need to see at least one entry. This one exists only in answers, always as the first.
 constexpr const char* dummyDescription = "Dummy inactive rule for windows to work";
 
 using Arguments = std::vector<std::string>;
@@ -32,7 +32,7 @@ void answerValue(Arguments& out, const PortMap& map) {
                            map.enabled ? "1" : "0", map.description, toString(map.leaseDuration)});
 }
 
-/// The in-arguments that name a mapping, in their order.
+/// The in-arguments that name a mapping, in order.
 /// Lifetime: as long as the arguments.
 struct KeyArguments {
     const std::string& remoteHost;
@@ -44,8 +44,8 @@ KeyArguments readKey(const Arguments& in) {
     return {in[0], in[1], in[2]};
 }
 
-/// The in-arguments of AddPortMapping that say what a mapping is; they follow those of its key.
-/// Lifetime: likewise.
+/// The in-arguments of AddPortMapping that describe a mapping; they follow its key.
+/// Lifetime: as long as the arguments.
 struct ValueArguments {
     const std::string& internalPort;
     const std::string& internalClient;

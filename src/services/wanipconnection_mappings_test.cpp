@@ -45,7 +45,7 @@ protected:
         testing::internal::CaptureStdout();
         return log;
     }
-    /// The arguments of AddPortMapping in their order; what is not given is a plain TCP mapping of port 80.
+    /// The arguments of AddPortMapping in order. The defaults make a plain TCP mapping of port 80.
     struct Mapping {
         std::string remoteHost = "";
         std::string externalPort = "80";
@@ -66,7 +66,7 @@ protected:
         EXPECT_EQ(out, Texts());
         return status;
     }
-    /// The host of that address asks from now on.
+    /// From now on the host with that address asks.
     void askAs(std::uint32_t source) {
         EXPECT_EQ(soapCall(*service, "GetExternalIPAddress", "", source).title, "HTTP/1.1 200 OK");
         takeLog();
@@ -330,7 +330,7 @@ TEST_F(PortMappings, SpecificAnswersTheDummyForPort0OfTcpWhateverElseHolds) {
     Texts out;
     EXPECT_EQ(specific({"", "0", "TCP"}, out), 0);
     EXPECT_EQ(out, Texts(dummy.begin() + 3, dummy.end()));
-    EXPECT_EQ(specific({"", "00", "TCP"}, out), 0);  // not that text: the real one
+    EXPECT_EQ(specific({"", "00", "TCP"}, out), 0);  // another text: the real entry
     EXPECT_EQ(out[1], "192.0.2.2");
     EXPECT_EQ(specific({"", "0", "UDP"}, out), 714);
 }
@@ -359,7 +359,7 @@ TEST_F(PortMappings, RulesAddedAfterAnAddressChangeUseTheNewAddress) {
     addMapping({.externalPort = "81"});
     ASSERT_EQ(sent(tk::command::addObject).size(), 2u);
     EXPECT_EQ(sent(tk::command::addObject)[1].get_be32(52), inet_addr("198.51.100.9"));
-    EXPECT_TRUE(sent(tk::command::setObject).empty());  // the one before keeps its own
+    EXPECT_TRUE(sent(tk::command::setObject).empty());  // the earlier rule keeps its own
 }
 
 TEST_F(PortMappings, DescriptionsOfOneHostAreLimitedAndHarmNoOther) {

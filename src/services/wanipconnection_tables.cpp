@@ -32,9 +32,9 @@ void WANIPConnection::registerVariables() {
         {"RSIPAvailable", VariableType::boolean, false, {}, "0"},
         {"NATEnabled", VariableType::boolean, false, {}, "1"},
         {"ExternalIPAddress", VariableType::string, true, {}, ipToString(externalAddress)},
-        // 0 although the dummy entry is listed: the first change brings the number in line. On purpose.
+        // 0 although the dummy entry is listed; the first change corrects the number. On purpose.
         {"PortMappingNumberOfEntries", VariableType::ui2, true, {}, "0"},
-        // The related variables of the mapping actions' arguments, which never get a value.
+        // The variables that only describe arguments of the mapping actions. They never get a value.
         {"PortMappingEnabled", VariableType::boolean, false, {}, {}},
         {"PortMappingLeaseDuration", VariableType::ui4, false, {}, {}},
         {"RemoteHost", VariableType::string, false, {}, {}},

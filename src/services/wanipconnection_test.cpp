@@ -17,7 +17,7 @@ using Texts = std::vector<std::string>;
 
 const tk::Path interfaces = {20, 0};
 
-/// Captures what is logged from before the service is made until it is gone.
+/// Captures the log from before the service is made until it is gone.
 class CapturingTest : public testing::Test {
 protected:
     CapturingTest() { testing::internal::CaptureStdout(); }

@@ -7,8 +7,8 @@
 
 namespace gateway {
 
-/// Calls an action as a control point does, through the control endpoint. `arguments` is the XML inside of
-/// the action's element, `source` the control point's address.
+/// Calls an action as a control point does, through the control endpoint. `arguments` is the XML inside the
+/// action's element, `source` the control point's address.
 inline HTTPMessage soapCall(Service& service, const std::string& action, const std::string& arguments = {},
                             std::uint32_t source = 0) {
     HTTPMessage request;
