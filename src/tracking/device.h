@@ -15,16 +15,16 @@ namespace gateway {
 
 class Tracking;
 
-/// Orders IPv4 addresses, which are in network order, by their numeric value: 10.0.0.5 stands
-/// before 10.0.1.2.
+/// Orders IPv4 addresses by their numeric value: 10.0.0.5 comes before 10.0.1.2.
+/// Byte order: network.
 struct NumericOrder {
     bool operator()(std::uint32_t left, std::uint32_t right) const;
 };
 
 using contract::Role;
 
-/// One of the router's interfaces: what the router says of it, its addresses, its role, and what the started
-/// role needs. A role is stopped before its device goes.
+/// One of the router's interfaces: what the router reports of it, its addresses, its role, and what the
+/// started role needs. A role is stopped before its device is destroyed.
 class Device {
 public:
     /// Lifetime: `tracking`, which starts and stops the role, outlives the device.
@@ -38,14 +38,14 @@ public:
     bool disabled = false;
     bool running = false;
     std::set<std::uint32_t, NumericOrder> addresses;
-    std::uint32_t address = 0;    // the one that is used, in network order; 0: none
-    Role startedAs = Role::none;  // the role that is started, whatever `type` has become meanwhile
-    int ssdpSocket = 0;           // internal role; 0 while stopped, -1 when it could not be opened
+    std::uint32_t address = 0;    // the one in use, in network order; 0: none
+    Role startedAs = Role::none;  // the started role; `type` may have changed since
+    int ssdpSocket = 0;           // internal role; 0 while stopped, -1 if opening failed
     int httpSocket = 0;           // internal role: the listener; likewise
     std::unique_ptr<WANCommonInterfaceConfig> commonConfig;  // external role
     std::unique_ptr<WANIPConnection> ipConnection;           // external role
 
-    /// What the record says.
+    /// Values of the record.
     std::uint32_t id() const;
     std::uint32_t index() const;
     std::string name() const;
@@ -54,8 +54,7 @@ public:
     /// True while a role is started.
     bool isStarted() const { return startedAs != Role::none; }
 
-    /// The state that WANIPConnection reports: 3 when the interface is disabled, else 2 when it is running,
-    /// else 1.
+    /// The state for WANIPConnection: 3 when the interface is disabled, else 2 when it is running, else 1.
     int connectionStatus() const;
 
     /// Timer callback of the internal role.

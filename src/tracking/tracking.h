@@ -16,7 +16,7 @@
 
 namespace gateway {
 
-/// How long a daemon that is switched off stays resident.
+/// How long the daemon keeps running after UPnP is switched off.
 /// Units: ticks of 10 ms.
 constexpr std::uint32_t leaveTicks = 1000;
 
@@ -24,19 +24,17 @@ constexpr std::uint32_t leaveTicks = 1000;
 struct Addr {
     std::uint32_t address = 0;    // network order
     std::uint32_t interface = 0;  // id of the interface that has it
-    bool stale = false;           // during a full walk: not seen yet; after it: gone
-    bool disabled = false;        // tracked, but never used
+    bool stale = false;           // true during a full walk until seen; true after it when gone
+    bool disabled = false;        // true when tracked but never used
 };
 
-/// Follows the router's interfaces and addresses, and starts and stops the role that an item gives an
-/// interface: internal ones get their sockets and adverts, external ones their WAN device and services.
+/// Follows the router's interfaces and addresses, and starts and stops the roles that items give to
+/// interfaces. An internal interface gets sockets and adverts, an external one its WAN device and services.
 ///
-/// Roles are started only while UPnP is enabled. Starting a started role or stopping a stopped one does
-/// nothing. Sources by subject: tracking_devices, tracking_addresses, tracking_roles, tracking_internal,
-/// tracking_external.
+/// Roles start only while UPnP is enabled. Starting a started role or stopping a stopped one does nothing.
 class Tracking {
 public:
-    /// Lifetime: all three outlive the object's last use of a role.
+    /// Lifetime: all three live until no role is used any more.
     Tracking(TrackingHost& host, Discovery& discovery, HTTPServer& server);
     Tracking(const Tracking&) = delete;
     Tracking& operator=(const Tracking&) = delete;
@@ -44,55 +42,55 @@ public:
 
     // Interfaces.
 
-    /// UPnP was switched: on, reads the whole interface list and follows it; off, follows it no more.
+    /// UPnP was switched. When it is on, reads the whole interface list and follows changes; when off, stops
+    /// following.
     void getDevices();
-    /// One interface was added, changed or removed.
+    /// An interface was added, changed or removed.
     void deviceChanged(const tk::message& message);
-    /// The status of interfaces: those that `msg` carries records of, or all of them when it carries none.
+    /// Updates the status of the interfaces that `msg` has records of, or of all when it has none.
     void updateDeviceStatus(const tk::message& msg);
-    /// What one record says of the status of its interface.
+    /// Updates the status of one record's interface.
     void applyDeviceStatus(const tk::message& message);
     /// The interface with that id; null when there is none.
     Device* deviceOf(std::uint32_t interface) const;
-    /// The interface whose SSDP socket this is. The process ends when there is none.
+    /// The interface that owns this SSDP socket. The process ends when there is none.
     Device* findDevice(int socket) const;
-    /// The interface whose HTTP listener this is; null when there is none.
+    /// The interface that owns this HTTP listener; null when there is none.
     Device* findListener(int socket) const;
-    /// A connection of `device` ended: a device that only waited for that goes.
+    /// A connection of `device` ended. A removed device is destroyed with its last connection.
     void connectionEnded(const Device& device);
-    /// How many devices only wait for their last connection to end.
+    /// How many removed devices still wait for their last connection to end.
     std::size_t retiredCount() const { return retired.size(); }
 
     // Addresses.
 
-    /// Changes of addresses: those that `msg` carries records of, or a walk over all of them when it carries
-    /// none.
+    /// Updates the addresses that `msg` has records of, or walks over all of them when it has none.
     void updateAddresses(const tk::message& msg);
-    /// One address was added, changed or deleted.
+    /// An address was added, changed or deleted.
     void applyAddress(const tk::message& message);
-    /// Adds an address to an interface, or removes it, and moves the interface to another address where that
-    /// follows.
+    /// Adds an address to an interface when `add` is true, else removes it. Moves the interface to another
+    /// address if that changes the choice.
     /// Byte order: network.
     void setDeviceAddress(std::uint32_t interface, std::uint32_t address, bool add);
 
     // Roles.
 
-    /// UPnP was switched on: follows status and addresses, and starts every role.
+    /// UPnP was switched on: follows status and addresses, and starts all roles.
     void enable();
-    /// UPnP was switched off: stops every role; the process leaves in 10 s unless it is switched on again.
+    /// UPnP was switched off: stops all roles. The process ends after 10 s unless UPnP is switched on again.
     void disable();
-    /// Starts the role that the device's type gives it. Call only while UPnP is enabled.
+    /// Starts the role of the device's type. Call only while UPnP is enabled.
     void startRole(Device* device);
-    /// Stops the role that was started, whatever the device's type is now.
+    /// Stops the started role, whatever the device's type is now.
     void stopRole(Device* device);
-    /// The same for one role alone.
+    /// The same for one particular role.
     void startInt(Device* device);
     void stopInt(Device* device);
     void startExt(Device* device);
     void stopExt(Device* device);
     /// Timer callback of a started internal role.
     void readvertise(Device* device);
-    /// Tells discovery what the device tree consists of now.
+    /// Gives discovery the targets of the present device tree.
     void rebuildAdvertTargets();
 
 private:
@@ -117,7 +115,7 @@ private:
     Discovery& discovery;
     HTTPServer& server;
     Devices devices;  // by interface id
-    // Dropped from the map while a connection still refers to them.
+    // Removed devices that a connection still refers to.
     std::vector<std::unique_ptr<Device>> retired;
     std::map<std::uint32_t, Addr> addresses;  // by address object id
 };

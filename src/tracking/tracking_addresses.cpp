@@ -1,4 +1,4 @@
-// Addresses: the list, its changes, and which of them an interface uses.
+// Addresses: the list, its changes, and which address an interface uses.
 
 #include "contract/programs.h"
 #include "net/convert.h"
@@ -27,7 +27,7 @@ void Tracking::walkAddresses() {
     tk::FullReget walk;
     walk.setBase(getAllFrom(contract::path::addresses()));
     while (!walk.isEmpty()) applyAddress(walk.pop());
-    // Those that are gone stay in their devices' sets. On purpose.
+    // Addresses that are gone stay in their devices' sets. On purpose.
     std::erase_if(addresses, [](const auto& entry) { return entry.second.stale; });
 }
 
@@ -76,7 +76,7 @@ void Tracking::setDeviceAddress(std::uint32_t interface, std::uint32_t address, 
         device->addresses.insert(address);
     else
         device->addresses.erase(address);
-    std::uint32_t choice = device->address;  // the one in use stays as long as it is there
+    std::uint32_t choice = device->address;  // the one in use stays while it exists
     if (!device->addresses.contains(choice))
         choice = device->addresses.empty() ? 0 : *device->addresses.begin();
     if (choice == device->address) return;

@@ -1,4 +1,4 @@
-// Which addresses an interface has, and which of them it uses.
+// Which addresses an interface has, and which one it uses.
 
 #include "tracking/testing/trackingfixture.h"
 
@@ -131,7 +131,7 @@ TEST_F(Addresses, AreWalkedWhenAMessageCarriesNone) {
     loop.bus.answer({20, 1}, 0xFE0004, carrying({addressRecord(1, "10.0.0.5", 7)}));
     tracking.deviceChanged(interfaceRecord(7, "lo"));
     tracking.updateAddresses({});
-    tracking.updateAddresses(carrying({}));  // an empty array carries nothing either
+    tracking.updateAddresses(carrying({}));  // an empty array has no records either
     const auto walks = loop.bus.requestsTo({20, 1}, 0xFE0004);
     ASSERT_EQ(walks.size(), 2u);
     tk::message query;
@@ -149,7 +149,7 @@ TEST_F(Addresses, ThatAWalkMissesAreForgottenButStayInTheirDevicesSets) {
     tracking.updateAddresses({});
     EXPECT_EQ(tracking.deviceOf(7)->addresses.size(), 2u);
     takeLog();
-    tracking.applyAddress(deletedRecord(1));  // forgotten: unknown by now
+    tracking.applyAddress(deletedRecord(1));  // forgotten, so unknown by now
     EXPECT_EQ(takeLog(), "");
     EXPECT_EQ(dotted(tracking.deviceOf(7)), "10.0.0.5");
 }

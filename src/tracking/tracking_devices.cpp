@@ -1,4 +1,4 @@
-// Interfaces: the list, its changes, their status.
+// Interfaces: the list, its changes, and their status.
 
 #include <stdlib.h>
 

@@ -1,4 +1,4 @@
-// The list of interfaces, its changes and their status.
+// The list of interfaces, its changes, and their status.
 
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -214,7 +214,7 @@ TEST_F(Devices, RemovalStopsAStartedRoleBehindItsLogLine) {
     EXPECT_TRUE(host.root.devices.empty());
 }
 
-/// A client that connected to a device's listener and has sent the beginning of a request.
+/// A client that is connected to a device's listener and has sent the beginning of a request.
 class ConnectedDevice : public TrackingTest {
 protected:
     void connect() {

@@ -1,4 +1,4 @@
-// The internal role: sockets, adverts and their repetition.
+// The internal role: sockets, and adverts and their repetition.
 
 #include <arpa/inet.h>
 #include <unistd.h>
@@ -40,8 +40,8 @@ void Tracking::startInt(Device* device) {
 }
 
 void Tracking::openSockets(Device* device) {
-    // A socket that could not be opened is -1, which the runner never watches; the role counts as started all
-    // the same.
+    // A socket that failed to open is -1, which the runner never watches. The role counts as started all the
+    // same.
     tk::Runner& runner = *tk::getRunner();
     device->ssdpSocket =
         openSsdpSocket(device->name().c_str(), static_cast<int>(device->index()), device->address);

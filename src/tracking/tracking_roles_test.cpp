@@ -78,7 +78,7 @@ TEST_F(Roles, InternalStopSaysByebyeAndGivesEverythingBack) {
     heard();
     takeLog();
     tracking.stopInt(device);
-    tracking.stopInt(device);  // stopped already: nothing
+    tracking.stopInt(device);  // already stopped: nothing
     EXPECT_EQ(takeLog(), "stop int: if7\nsendAdverts\n");
     EXPECT_EQ(heard(), of("ssdp:byebye", rootTypes));
     EXPECT_EQ(device->ssdpSocket, 0);

@@ -8,8 +8,8 @@
 
 namespace gateway {
 
-/// The device tree of one external interface: its descriptions, which differ between interfaces by the
-/// interface's id.
+/// Describes the device tree of one external interface. The trees of two interfaces differ by the interface's
+/// id.
 
 /// The unique device name of an interface's WANDevice, without "uuid:".
 std::string wanDeviceUDN(const std::string& identity, std::uint32_t interface);
@@ -18,7 +18,8 @@ std::string wanDeviceUDN(const std::string& identity, std::uint32_t interface);
 UpnpServiceDescr commonConfigDescr(std::uint32_t interface);
 UpnpServiceDescr ipConnectionDescr(std::uint32_t interface);
 
-/// The WANDevice of an interface, with its service and, inside, the WANConnectionDevice with the other one.
+/// The WANDevice of an interface with its service and, inside it, the WANConnectionDevice with the other
+/// service.
 UpnpDevice makeWanDevice(const std::string& identity, std::uint32_t interface);
 
 }  // namespace gateway

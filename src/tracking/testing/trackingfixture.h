@@ -15,7 +15,7 @@
 
 namespace gateway {
 
-/// The gateway above tracking, as a script: items and settings are plain fields.
+/// A stand-in for the gateway above tracking: items and settings are plain fields.
 class FakeGateway final : public TrackingHost, public SSDPHost, public HTTPHost {
 public:
     explicit FakeGateway(tk::Looper& looper) : looper(looper) {
@@ -71,7 +71,7 @@ protected:
         testing::internal::CaptureStdout();
         return log;
     }
-    /// An interface with an address and a role, as tracking learns of it while UPnP is on.
+    /// Adds an interface with a role and perhaps an address, as tracking learns of it while UPnP is on.
     Device* addDevice(std::uint32_t id, Role role, const char* address = nullptr) {
         host.items.push_back({id, role});
         if (address) tracking.applyAddress(addressRecord(id * 10, address, id));
