@@ -8,7 +8,7 @@
 
 namespace gateway {
 
-/// One "upnp interface" item: which side of the gateway a router interface is.
+/// One "upnp interface" item: which side of the gateway a router interface is on.
 class DevObj final : public tk::Object, public contract::RoleItem {
 public:
     std::string getName() const override { return "upnp interface"; }

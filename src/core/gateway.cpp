@@ -59,7 +59,7 @@ void Gateway::queryIdentity() {
     tk::message request;
     request.insert_u32_array(tk::field::destination, contract::path::identity());
     const tk::message reply = exchangeCmd(request, tk::command::get, tk::exchangeTimeout);
-    routerIdentity = reply.get_string(identityText);  // without an answer the UDNs end in their prefixes
+    routerIdentity = reply.get_string(identityText);  // without an answer, UDNs have no suffix
 }
 
 void Gateway::describeRoot() {

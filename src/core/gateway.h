@@ -16,25 +16,24 @@
 
 namespace gateway {
 
-/// The gateway: the bus handler that holds the "upnp interface" items and the settings, and the root of the
-/// UPnP device tree. What happens on the LAN and with the router's interfaces it leaves to its parts, and
-/// answers what they ask.
+/// The bus handler that holds the "upnp interface" items and the settings, and the root of the UPnP device
+/// tree. It leaves the LAN and the router's interfaces to its parts, and answers what they ask.
 class Gateway final : public tk::Map<DevObj>,
                       public UpnpRootDevice,
                       private TrackingHost,
                       private SSDPHost,
                       private HTTPHost {
 public:
-    /// Does no bus traffic. `folder` holds the stores and the files that are served.
+    /// Sends nothing on the bus. `folder` holds the stores and the served files.
     explicit Gateway(const std::string& folder = "/tesk");
-    /// Switches UPnP off, if it is on: byebye, rules removed, "exit".
+    /// Switches UPnP off if it is on: says byebye, removes the rules, logs "exit".
     ~Gateway() override;
 
-    /// Reads the router's identity, builds the device tree, loads items and settings, and switches UPnP on
-    /// where the settings say so. Call once, when the handler is on the bus and before the loop runs.
+    /// Reads the router's identity, builds the device tree, loads items and settings, and switches UPnP on if
+    /// the settings say so. Call once, when the handler is on the bus and before the loop runs.
     void init();
 
-    /// The root device description, as it is served at `address`.
+    /// The root device description as served at `address`.
     std::string describe(std::uint32_t address) override;
 
     // Commands of the bus.

@@ -32,7 +32,7 @@ tk::message Gateway::load(DevObj* item) {
 tk::message Gateway::set(DevObj* old, DevObj* changed) {
     if (old->interface != changed->interface && isTaken(changed->interface, old->id))
         return tk::errorMsg(tk::error::exists, "Interface already set");
-    dropRole(old->interface);  // also when the interface stays: every edit announces it anew
+    dropRole(old->interface);  // also for the same interface: each edit announces it anew
     applyRole(*changed);
     return {};
 }

@@ -9,7 +9,7 @@ namespace gateway {
 
 namespace {
 
-constexpr std::uint32_t settingsEntry = 0;  // the one entry of the settings store
+constexpr std::uint32_t settingsEntry = 0;  // the settings store's only entry
 
 }  // namespace
 
@@ -32,7 +32,7 @@ tk::message Gateway::cmdSet(const tk::message& request) {
     const tk::message before = current.toMessage();
     for (const tk::message::Field& value : before.fields()) undo.insert(value);
 
-    // Stored as received, even when it is partial: what it leaves out reads as the default at the next start.
+    // Stored as received, even when incomplete: what is missing reads as the default at the next start.
     if (const tk::Status stored = settings.set(settingsEntry, request); !stored.isOk())
         return tk::errorMsg(tk::error::failed, stored.reason());
     const bool wasEnabled = current.enabled;

@@ -178,7 +178,8 @@ TEST_F(ExternalSettings, ReachTheServicesOfExternalInterfaces) {
 
 TEST_F(ExternalSettings, OfTheDummyEntryReachANewServiceOnlyWithTheNextChange) {
     set(settings(true, true, false));
-    change(2, item(2, 1));  // a new service object, which shows the dummy entry whatever the setting is
+    // A new service object, which shows the dummy entry whatever the setting is.
+    change(2, item(2, 1));
     set(settings(true, true, true));
     EXPECT_NE(query("PortMappingNumberOfEntries").find("<return>0</return>"), std::string::npos);
     set(settings(true, true, false));

@@ -1,4 +1,4 @@
-// Subscribers whose names are being asked for while the gateway changes.
+// Subscribers whose host names are being looked up while the gateway changes.
 
 #include <arpa/inet.h>
 #include <sys/socket.h>
@@ -22,7 +22,7 @@ protected:
         set(settings(true));
         takeLog();
     }
-    /// Sends a SUBSCRIBE whose callback names its host; the resolver is asked then.
+    /// Sends a SUBSCRIBE whose callback holds a host name, so that the resolver is asked.
     void subscribeTo(const std::string& service) {
         client.reset(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
         sockaddr_in address{};
@@ -43,7 +43,7 @@ protected:
         reply.insert_be32(4, htonl(INADDR_LOOPBACK));
         loop.end(1, reply);
     }
-    /// The title of the answer, or what became of the connection.
+    /// The title of the answer, or the fate of the connection.
     std::string outcome() const {
         char bytes[4096];
         const ssize_t length = ::recv(client.get(), bytes, sizeof bytes, MSG_DONTWAIT);

@@ -15,7 +15,7 @@ TEST_F(GatewayStart, WithAnEmptyStoreLeavesAfter10SecondsWithoutASocket) {
     EXPECT_EQ(sockets(), 0u);
     EXPECT_EQ(loop.looper.runner().untilNextTimer(), 10000);
     EXPECT_EQ(get(), settings(false));
-    ASSERT_EQ(loop.bus.requests.size(), 1u);  // the identity alone
+    ASSERT_EQ(loop.bus.requests.size(), 1u);  // only the identity
     EXPECT_FALSE(folder.has("store/upnpm"));  // nothing is written back
     EXPECT_EQ(takeLog(), "");
 }

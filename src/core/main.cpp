@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr unsigned descriptors = 8192;  // for what the limits on connections and deliveries add up to
+constexpr unsigned descriptors = 8192;  // enough for all connections and deliveries at their limits
 
 }  // namespace
 

@@ -13,7 +13,7 @@
 
 namespace gateway {
 
-/// A gateway on a scripted bus, with its stores in a folder of its own and the loopback of a private network.
+/// A gateway on a scripted bus, with its own folder of stores and the loopback of a private network.
 class GatewayTest : public testing::Test {
 protected:
     void SetUp() override {
@@ -34,7 +34,7 @@ protected:
         testing::internal::GetCapturedStdout();
     }
 
-    /// Starts a gateway as main() does; an earlier one ends first.
+    /// Starts a gateway as main() does, after ending any earlier one.
     void start() {
         stop();
         gateway = std::make_unique<Gateway>(folder.path);
