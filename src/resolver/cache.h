@@ -7,28 +7,28 @@
 
 namespace resolver {
 
-/// What is known of a name: its address, or why there is none. A value.
+/// What is known of a name: its address, or why it has none. A value.
 struct Answer {
     std::uint32_t address = 0;          // network order; 0: none
-    std::uint32_t lifetimeSeconds = 0;  // how long it may be used again; 0: not at all
-    std::uint32_t errorCode = 0;        // without an address: one of tk::error, and a text for people
+    std::uint32_t lifetimeSeconds = 0;  // how long it may be reused; 0: not at all
+    std::uint32_t errorCode = 0;        // without an address: one of tk::error
     std::string errorText;
 
     bool operator==(const Answer&) const = default;
 };
 
-/// Remembers answers, good and bad ones, for as long as they last. Bounded: at the limit the answer that
-/// would end first gives way.
+/// Remembers answers, good and bad, for their lifetime. At the limit, the answer that would end first makes
+/// room.
 class Cache {
 public:
     static constexpr std::size_t limit = 256;
 
-    /// The answer that is remembered for a name at the time `now`.
+    /// The remembered answer for a name at the time `now`.
     /// Errors: null when there is none.
     /// Units: milliseconds.
     /// Lifetime: until the cache changes.
     const Answer* find(const std::string& name, std::uint64_t now) const;
-    /// Remembers an answer, in place of an older one; one without a lifetime is not remembered.
+    /// Remembers an answer in place of an older one. An answer without a lifetime is not remembered.
     void insert(const std::string& name, const Answer& answer, std::uint64_t now);
     /// Forgets every answer.
     void clear() { entries.clear(); }
@@ -39,7 +39,7 @@ public:
 private:
     struct Entry {
         Answer answer;
-        std::uint64_t end;  // the time, in milliseconds, at which it is over
+        std::uint64_t end;  // in milliseconds
     };
 
     std::unordered_map<std::string, Entry> entries;

@@ -7,17 +7,17 @@
 
 namespace resolver {
 
-/// Sees when one of some files has been written, replaced, made or removed.
+/// Detects that one of some files was written, replaced, created or removed.
 class FileStamps {
 public:
-    /// Looks at the files, which may be absent, for the first time.
+    /// Takes the first look at the files, which may be absent.
     explicit FileStamps(std::vector<std::string> paths);
 
-    /// True when a file is no longer what it was at the call before, or when this was constructed.
+    /// True when a file has changed since the previous call, or since construction.
     [[nodiscard]] bool changed();
 
 private:
-    // Device, inode, size and the times of the last changes of content and inode; all 0 when there is none.
+    // Device, inode, size and the last change times of content and inode; all 0 for an absent file.
     using Stamp = std::tuple<std::uint64_t, std::uint64_t, std::int64_t, std::int64_t, std::int64_t>;
 
     static Stamp read(const std::string& path);

@@ -13,7 +13,7 @@ namespace resolver {
 
 namespace {
 
-// The first server is asked again, or the next one is, after a third of a second at the latest.
+// After this time the same server is asked again, or the next one.
 constexpr int tryMilliseconds = 300;
 constexpr int tries = 3;
 
@@ -29,7 +29,7 @@ std::uint32_t firstAddress(const ares_addrinfo& result) {
     return INADDR_ANY;
 }
 
-/// The shortest lifetime of all records that led to the address; 0 for one from the hosts file.
+/// The shortest lifetime of the records that led to the address; 0 for one from the hosts file.
 std::uint32_t lifetimeOf(const ares_addrinfo& result) {
     int shortest = static_cast<int>(Lookup::longestLifetime);
     for (const ares_addrinfo_node* node = result.nodes; node; node = node->ai_next)
@@ -68,7 +68,7 @@ Answer answerOf(int status, const ares_addrinfo* result, const std::string& name
 
 std::uint32_t ticksOf(const timeval& time) {
     const std::int64_t milliseconds = std::int64_t{time.tv_sec} * 1000 + time.tv_usec / 1000;
-    const std::int64_t ticks = milliseconds / tk::tickMilliseconds + 1;  // rather late than too early
+    const std::int64_t ticks = milliseconds / tk::tickMilliseconds + 1;  // late rather than early
     return static_cast<std::uint32_t>(std::min<std::int64_t>(ticks, Lookup::budgetTicks));
 }
 
@@ -100,7 +100,7 @@ void Lookup::start() {
     budgetTimer.arm(budgetTicks);
     ares_addrinfo_hints hints{};
     hints.ai_family = AF_INET;
-    hints.ai_flags = ARES_AI_NOSORT;  // sorting would connect a socket to each of the addresses
+    hints.ai_flags = ARES_AI_NOSORT;  // sorting would connect a socket to each address
     ares_getaddrinfo(channel.get(), name.c_str(), nullptr, &hints, &Lookup::answered, this);
     proceed();
 }
@@ -111,7 +111,7 @@ void Lookup::socketChanged(void* lookup, ares_socket_t socket, int wantsRead, in
     tk::getRunner()->addSocket<Lookup, &Lookup::ready>(socket, static_cast<Lookup*>(lookup), events);
 }
 
-/// Notes the answer alone: a channel must not be destroyed from within.
+/// Only notes the answer: a channel must not be destroyed from within.
 void Lookup::answered(void* lookup, int status, int, ares_addrinfo* result) {
     if (status != ARES_EDESTRUCTION) {  // else the lookup itself is being destroyed
         auto& own = *static_cast<Lookup*>(lookup);
@@ -135,7 +135,7 @@ void Lookup::process(ares_socket_t readableSocket, ares_socket_t writableSocket)
     proceed();  // may delete this
 }
 
-/// Waits for what the channel waits for, or ends the lookup.
+/// Waits as the channel asks, or ends the lookup.
 void Lookup::proceed() {
     if (hasAnswer) return end();  // deletes this
     timeval wait{};
@@ -147,9 +147,9 @@ void Lookup::expired() {
     end();  // deletes this
 }
 
-/// Tells the owner the answer that was noted.
+/// Tells the owner the noted answer.
 void Lookup::end() {
-    const std::string ownName = name;  // goes with the lookup, as the answer does
+    const std::string ownName = name;  // a copy: the lookup, its name and its answer go first
     const Answer given = std::move(answer);
     owner.lookupEnded(ownName, given);  // deletes this
 }

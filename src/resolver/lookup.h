@@ -11,39 +11,39 @@
 
 namespace resolver {
 
-/// One name on its way: through the hosts file, then the name servers, as the system's files say. It reads
-/// them anew each time, never waits for anybody, and ends within a second.
+/// Looks up one name in the hosts file, then at the name servers, as the system's files say. It reads those
+/// files anew each time, never blocks, and ends within a second.
 ///
-/// It has a channel of the resolver library to itself: with a lookup that is given up its sockets go too, and
-/// nothing of it is left; and each name is asked for from another port, which is hard to guess.
+/// Each lookup has its own channel of the resolver library. So a lookup that is given up takes its sockets
+/// with it, and each name is asked for from another port, which is hard to guess.
 class Lookup {
 public:
     /// How long a lookup may take.
     /// Units: ticks of 10 ms.
     static constexpr std::uint32_t budgetTicks = 100;
-    /// How long answers may be used again.
+    /// How long answers may be reused.
     /// Units: seconds.
     static constexpr std::uint32_t longestLifetime = 3600;
     static constexpr std::uint32_t unknownLifetime = 30;  // the name servers know no address
-    static constexpr std::uint32_t failureLifetime = 3;   // none of them has said anything useful
+    static constexpr std::uint32_t failureLifetime = 3;   // no name server gave a useful answer
 
-    /// Hears of the end.
+    /// Is told of the end.
     class Owner {
     public:
         virtual ~Owner() = default;
-        /// The lookup of `name` is over. The owner destroys the lookup in here.
+        /// The lookup of `name` has ended. The owner destroys the lookup here.
         virtual void lookupEnded(const std::string& name, const Answer& answer) = 0;
     };
 
-    /// `name` is a host name. `servers` are name servers with their ports, comma-separated, to be asked
-    /// instead of the system's, and without its search domains; empty for none.
+    /// `name` is a host name. `servers` lists name servers with their ports, separated by commas, to be asked
+    /// in place of the system's and without its search domains. Empty means the system's.
     Lookup(std::string name, std::string servers, Owner& owner);
     Lookup(const Lookup&) = delete;
     Lookup& operator=(const Lookup&) = delete;
-    /// Gives the lookup up, if it has not ended; the owner hears nothing then.
+    /// Gives up a lookup that has not ended, without telling the owner.
     ~Lookup() = default;
 
-    /// Begins. It may end in here, which deletes this: nothing may follow.
+    /// Begins. The lookup may end within the call, which deletes this: nothing may follow.
     void start();
 
 private:
@@ -69,7 +69,7 @@ private:
     Answer answer;
     tk::Timer<Lookup, &Lookup::retry> retryTimer{*this};
     tk::Timer<Lookup, &Lookup::expired> budgetTimer{*this};
-    std::unique_ptr<ares_channeldata, Close> channel;  // goes first: it tells of the sockets that it closes
+    std::unique_ptr<ares_channeldata, Close> channel;  // goes first: it reports the sockets that it closes
 };
 
 }  // namespace resolver

@@ -25,7 +25,7 @@ constexpr std::uint16_t addressType = 1;
 const std::uint32_t nas = ::inet_addr("192.0.2.7");
 const std::uint32_t other = ::inet_addr("192.0.2.8");
 
-/// Holds one lookup, and drops it when it has ended.
+/// Holds one lookup, and destroys it when it has ended.
 struct Asker final : Lookup::Owner {
     void ask(const std::string& name, const std::string& servers) {
         lookup = std::make_unique<Lookup>(name, servers, *this);
@@ -52,7 +52,7 @@ protected:
     }
 
     void ask(const std::string& name) { asker.ask(name, dns.address()); }
-    /// Serves the loop, in which time stands still, until the lookup has ended.
+    /// Runs the loop, in which time stands still, until the lookup has ended.
     const Answer& answer() {
         for (int turns = 0; !asker.answer && turns < 50; ++turns) loop.looper.turn(100);
         static const Answer none{0, 0, 0, "no answer"};

@@ -30,7 +30,7 @@ constexpr int misuse = 2;
 
 constexpr std::uint32_t ticksPerSecond = 1000 / tk::tickMilliseconds;
 constexpr std::uint32_t longestIdleSeconds = 86400;
-constexpr unsigned descriptors = 1024;  // all lookups at once have a handful each
+constexpr unsigned descriptors = 1024;  // a handful for each of all lookups at once
 
 int serve(const resolver::Settings& settings) {
     if (const tk::Status given = tk::giveUpRights("resolverd", {}); !given.isOk()) {
@@ -52,7 +52,7 @@ int serve(const resolver::Settings& settings) {
 }
 
 /// Reads the idle time.
-/// Errors: false for anything but a number of seconds in its range.
+/// Errors: false for anything but a number of seconds within the range.
 bool readIdle(const std::string& text, std::uint32_t& ticks) {
     std::uint32_t seconds = 0;
     if (!gateway::isUnsigned(text, seconds) || seconds < 1 || seconds > longestIdleSeconds) return false;

@@ -54,14 +54,14 @@ tk::message Resolver::lookUp(const std::string& name, const tk::message& request
     added.requests.push_back(tk::routingOf(request));
     Lookup::Owner& owner = *this;
     added.lookup = std::make_unique<Lookup>(name, settings.servers, owner);
-    added.lookup->start();  // may have ended, and be gone, when this returns
+    added.lookup->start();  // the lookup may be gone when this returns
     return answerLater();
 }
 
 void Resolver::lookupEnded(const std::string& name, const Answer& answer) {
     const auto ended = pending.extract(name);  // the lookup is destroyed at the end of the function
     if (files.changed())
-        cache.clear();  // and this answer may be of the files that were
+        cache.clear();  // this answer may come from the old files
     else
         cache.insert(name, answer, tk::getRunner()->now());
     for (const tk::message& request : ended.mapped().requests) sendAnswer(request, messageOf(answer));
@@ -75,7 +75,8 @@ void Resolver::startIdleTime() {
 void Resolver::idleTimeEnds() {
     if (hasResigned) return tk::getLooper()->leave();
     hasResigned = tk::getLooper()->resign();
-    startIdleTime();  // now, but behind what was asked meanwhile; or as ever, where the hub does not answer
+    // At once, but after what was asked meanwhile; or the usual time, if the hub did not answer.
+    startIdleTime();
 }
 
 }  // namespace resolver

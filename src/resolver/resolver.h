@@ -15,40 +15,41 @@
 
 namespace resolver {
 
-/// What a resolver goes by.
+/// The settings of a resolver.
 struct Settings {
     std::uint32_t idleTicks = 6000;  // how long it stays without a request: a minute
-    std::string servers;             // name servers to ask instead of the system's; see Lookup
-    // What is remembered depends on them.
+    std::string servers;             // name servers to ask in place of the system's; see Lookup
+    // The cache is cleared when one of them changes.
     std::vector<std::string> files = {"/etc/hosts", "/etc/resolv.conf"};
 };
 
-/// Turns host names into IPv4 addresses, for whoever asks on the bus. It asks for itself, one lookup for
-/// all who want the same name, remembers what it learned, and ends the process's loop when nobody asks any
-/// more. Before that it gives the program's number up and answers what was asked until then, so that no
-/// question meets a program that is about to end.
+/// Turns host names into IPv4 addresses for whoever asks on the bus. Requests for the same name share one
+/// lookup, and answers are remembered. After a time without requests it ends the process's loop. Before that
+/// it gives up the program's number and answers what was asked until then, so that no request meets a program
+/// that is about to end.
 class Resolver final : public tk::Handler, private Lookup::Owner {
 public:
-    /// How many names may be on their way, and how many requests may wait for one of them.
+    /// How many lookups may run at once, and how many requests may wait for one of them.
     static constexpr std::size_t lookupLimit = 64;
     static constexpr std::size_t waitingLimit = 64;
 
-    /// Its idle time begins at once.
+    /// The idle time begins at once.
     /// Lifetime: the loop outlives it.
     explicit Resolver(Settings settings);
     Resolver(const Resolver&) = delete;
     Resolver& operator=(const Resolver&) = delete;
     ~Resolver() override = default;
 
-    /// Errors, at once: error::noSuchCommand, error::invalid for what is no host name, error::busy at the
-    /// limits. Later, and from what is remembered: error::noSuchObject for a host that is unknown or has no
-    /// IPv4 address, error::failed when the name servers do not say.
+    /// Answers a request for the address of a name.
+    /// Errors: at once, error::noSuchCommand, error::invalid for a text that is not a host name, error::busy
+    /// at the limits. From a lookup or the cache, error::noSuchObject for a host that is unknown or has no
+    /// IPv4 address, error::failed when the name servers give no useful answer.
     tk::message cmdUnknown(const tk::message& received, std::uint32_t command) override;
 
 private:
     struct Pending {
         std::unique_ptr<Lookup> lookup;
-        std::vector<tk::message> requests;  // the routing of each: all that its answer needs
+        std::vector<tk::message> requests;  // only their routing, which is all that an answer needs
     };
 
     void lookupEnded(const std::string& name, const Answer& answer) override;
@@ -61,7 +62,7 @@ private:
     FileStamps files;
     Cache cache;
     std::map<std::string, Pending> pending;  // by name in lower case
-    bool hasResigned = false;                // nothing new is asked of this process
+    bool hasResigned = false;                // true when no new request can reach this process
     tk::Timer<Resolver, &Resolver::idleTimeEnds> idleTime{*this};
 };
 

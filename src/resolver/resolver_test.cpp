@@ -38,19 +38,19 @@ protected:
         tk::stamp(request, {1000}, ++numbers, tk::Kind::request, contract::resolveName);
         loop.looper.dispatch(request);
     }
-    /// The numbers of the requests that have ended, in that order.
+    /// The numbers of the requests that have ended, in the order of their ends.
     std::vector<std::uint32_t> ended() const {
         std::vector<std::uint32_t> found;
         for (const tk::message& end : loop.bus.posted) found.push_back(end.get_u32(tk::field::number));
         return found;
     }
-    /// Serves the loop, in which time stands still, until `count` requests have ended; the last end.
+    /// Runs the loop, in which time stands still, until `count` requests have ended. Returns the last end.
     tk::message endOf(std::size_t count) {
         for (int turns = 0; loop.bus.posted.size() < count && turns < 50; ++turns) loop.looper.turn(100);
         EXPECT_EQ(loop.bus.posted.size(), count);
         return loop.bus.posted.empty() ? tk::message() : tk::withoutRouting(loop.bus.posted.back());
     }
-    /// The ticks until the only timer that is armed.
+    /// The ticks until the only armed timer expires.
     std::uint32_t untilLeave() {
         EXPECT_EQ(loop.looper.runner().timerCount(), 1u);
         return static_cast<std::uint32_t>(loop.looper.runner().untilNextTimer()) / tk::tickMilliseconds;
@@ -207,14 +207,14 @@ TEST_F(ResolverTest, OneRequestTooManyForANameIsRefused) {
 }
 
 TEST_F(ResolverTest, LeavesAfterTheIdleTime) {
-    EXPECT_EQ(untilLeave(), idleTicks);  // also when nobody asks at all
+    EXPECT_EQ(untilLeave(), idleTicks);  // even when nobody asks at all
     ask("nas.example");
     dns.answer(dns.take(), {addressRecord(nas, 3600)});
     (void)endOf(1);
     EXPECT_EQ(untilLeave(), idleTicks);
     loop.advance(idleTicks - 1);
     EXPECT_EQ(untilLeave(), 1u);
-    ask("nas.example");  // an answer that is remembered counts like another
+    ask("nas.example");  // a remembered answer counts like any other
     EXPECT_EQ(untilLeave(), idleTicks);
     loop.advance(idleTicks);
     EXPECT_EQ(loop.looper.runner().timerCount(), 0u);
@@ -228,7 +228,7 @@ TEST_F(ResolverTest, GivesTheProgramsNumberUpBeforeItLeaves) {
     const auto requests = loop.bus.requestsTo({tk::program::hub}, tk::command::hubUnregister);
     ASSERT_EQ(requests.size(), 1u);
     EXPECT_EQ(requests.front().content.get_u32(1),
-              contract::program::gateway);  // as the loop of this test is called
+              contract::program::gateway);  // the name of this test's loop
     EXPECT_EQ(loop.bus.requests.size(), 1u);
     loop.looper.run();  // ends at once
 }

@@ -27,7 +27,7 @@ std::uint8_t byteAt(const std::string& packet, std::size_t offset) {
     return offset < packet.size() ? static_cast<std::uint8_t>(packet[offset]) : std::uint8_t{0};
 }
 
-/// The name at `offset`, which is moved behind it.
+/// Reads the name at `offset`, and moves `offset` past it.
 std::string readName(const std::string& packet, std::size_t& offset) {
     std::string name;
     while (const std::size_t length = byteAt(packet, offset)) {

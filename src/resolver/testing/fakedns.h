@@ -11,7 +11,7 @@
 
 namespace resolver::testing {
 
-/// Codes of answers.
+/// Response codes.
 constexpr std::uint8_t noError = 0;
 constexpr std::uint8_t serverFailure = 2;
 constexpr std::uint8_t nameError = 3;
@@ -24,7 +24,8 @@ struct Query {
     sockaddr_in from{};
 };
 
-/// One record of an answer, about the name that was asked for, or about the alias of the record before.
+/// One record of an answer. It belongs to the name that was asked for, or to the alias of the record before
+/// it.
 struct Record {
     std::uint16_t type = 0;
     std::uint32_t lifetimeSeconds = 0;
@@ -32,23 +33,23 @@ struct Record {
 };
 
 Record addressRecord(std::uint32_t address, std::uint32_t lifetimeSeconds);
-/// `alias` is the name that stands for the one before.
+/// Says that `alias` stands for the name before it.
 Record aliasRecord(const std::string& alias, std::uint32_t lifetimeSeconds);
 
-/// A name server on loopback, by hand. No wait is longer than five seconds.
+/// A name server on loopback that the test drives by hand. No wait is longer than five seconds.
 class FakeDns {
 public:
     FakeDns();
 
-    /// Where it listens, as the resolver is told.
+    /// Where it listens, in the form that the resolver takes.
     std::string address() const;
-    /// The next question.
-    /// Errors: one with an empty packet when none comes.
+    /// Takes the next question.
+    /// Errors: a query with an empty packet when none comes.
     Query take();
-    /// True when no question waits.
+    /// True when no question is waiting.
     bool isQuiet() const;
     void answer(const Query& query, const std::vector<Record>& records, std::uint8_t code = noError);
-    /// Sends bytes back to whoever asked.
+    /// Sends raw bytes to the sender of the query.
     void send(const Query& query, std::string_view bytes);
 
 private:
