@@ -50,7 +50,7 @@ Status fail(std::ostream& errors, const std::string& reason, Status status) {
     return status;
 }
 
-/// The command that was given, or the last word in front of one, behind all words that lead to it.
+/// The command that was given, or the last of the words that lead to one.
 std::vector<const CLI::App*> givenWords(const CLI::App& app) {
     std::vector<const CLI::App*> words{&app};
     for (auto given = app.get_subcommands(); !given.empty(); given = words.back()->get_subcommands())
@@ -58,7 +58,7 @@ std::vector<const CLI::App*> givenWords(const CLI::App& app) {
     return words;
 }
 
-/// The words that may follow one.
+/// The words that may follow another.
 std::string commandsBehind(const CLI::App& word) {
     std::string names;
     for (const CLI::App* command : word.get_subcommands({}))
@@ -71,7 +71,7 @@ std::string usageHint(const CLI::App& command) {
     return "; usage: " + usageOf(command) + (example.empty() ? "" : "; " + example) + hint;
 }
 
-/// What is wrong with a word that nothing takes.
+/// What is wrong with a word that nothing accepts.
 std::string unexpected(const CLI::App& behind, const std::string& text) {
     if (text.starts_with('-') && text != "-") return "unknown option '" + text + '\'' + hint;
     const std::string names = commandsBehind(behind);
@@ -79,7 +79,7 @@ std::string unexpected(const CLI::App& behind, const std::string& text) {
     return "unknown command '" + text + "'; there are: " + names + hint;
 }
 
-/// The argument that is missing from a command.
+/// The argument that a command lacks.
 std::string missingArgument(const CLI::App& command) {
     for (const CLI::Option* argument : command.get_options())
         if (argument->get_required() && argument->count() == 0)
@@ -87,7 +87,7 @@ std::string missingArgument(const CLI::App& command) {
     return {};
 }
 
-/// What is wrong with the command line, empty when it is not the number or the names of the words.
+/// What is wrong with the words of the command line; empty when the fault lies elsewhere.
 std::string misuseOf(const CLI::App& app) {
     const std::vector<const CLI::App*> words = givenWords(app);
     for (const CLI::App* word : words)
@@ -96,7 +96,7 @@ std::string misuseOf(const CLI::App& app) {
     return missingArgument(*words.back());
 }
 
-/// Sends the answer out to the last byte, or says why that fails.
+/// Flushes the answer, or says why that failed.
 Status finish(Context& context, std::ostream& errors) {
     errno = 0;
     context.out.flush();
@@ -120,7 +120,7 @@ CLI::App& addGroup(CLI::App& parent, Context& context, const std::string& name,
                    const std::string& description) {
     CLI::App& group = *parent.add_subcommand(name, description);
     addSharedOptions(group, context);
-    group.require_subcommand(-1);  // at most one, so that arguments may be spelt like a command
+    group.require_subcommand(-1);  // at most one, so an argument may look like a command
     return group;
 }
 
@@ -146,11 +146,11 @@ Status runCommandLine(std::vector<std::string> arguments, Context& context, std:
     addAllCommands(app, context);
     app.footer("tkctl COMMAND --help tells more about a command.");
     try {
-        std::reverse(arguments.begin(), arguments.end());  // the parser takes them from the back
+        std::reverse(arguments.begin(), arguments.end());  // the parser takes them from the end
         app.parse(std::move(arguments));
     } catch (const CLI::Success& wanted) {
         const std::string reason = misuseOf(app);
-        if (app.remaining_size(/*recurse=*/true) > 0)  // "nonsense --help": there is no help for that
+        if (app.remaining_size(/*recurse=*/true) > 0)  // "nonsense --help" has no help
             return fail(errors, reason, Status::misuse);
         app.exit(wanted, context.out, errors);  // help or version
         return finish(context, errors);

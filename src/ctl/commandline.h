@@ -14,24 +14,24 @@ class App;
 
 namespace ctl {
 
-/// Adds a word that stands in front of commands, such as "upnp" in "tkctl upnp get", with the options that
-/// all commands share.
+/// Adds a word that comes before commands, such as "upnp" in "tkctl upnp get", with the options that all
+/// commands share.
 /// Lifetime: the context outlives the parser.
 CLI::App& addGroup(CLI::App& parent, Context& context, const std::string& name,
                    const std::string& description);
 
-/// Adds a command, with the options that all commands share. `run` is kept in the context when the command is
-/// chosen.
+/// Adds a command with the options that all commands share. When the command is chosen, its `run` is stored
+/// in the context.
 /// Lifetime: the context outlives the parser.
 CLI::App& addCommand(CLI::App& parent, Context& context, const std::string& name,
                      const std::string& description, std::function<void()> run);
 
-/// Gives a command an example, shown in its help and when an argument is missing: what stands behind its
-/// name.
+/// Adds an example to a command: the arguments after its name. It is shown in the help, and when an argument
+/// is missing.
 void addExample(CLI::App& command, const std::string& arguments);
 
-/// Parses the arguments behind the program's name, runs the command, and writes the reason of a failure to
-/// `errors`. Returns how the program ends; help goes to the context's output and is done.
+/// Parses the arguments after the program's name, runs the command, and returns how the program ends. The
+/// reason for a failure goes to `errors`. Help goes to the context's output, and ends in Status::done.
 [[nodiscard]] Status runCommandLine(std::vector<std::string> arguments, Context& context,
                                     std::ostream& errors);
 

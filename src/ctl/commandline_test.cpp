@@ -1,4 +1,4 @@
-// Whole commands: what the administrator types, what the services are asked, what is printed.
+// Whole commands: what the administrator types, what the services are asked, and what is printed.
 
 #include "ctl/commandline.h"
 
@@ -42,12 +42,12 @@ struct CommandLineTest : testing::Test {
         Context context(out, &bus);
         return runCommandLine(arguments, context, errors);
     }
-    /// What a command prints that is to succeed.
+    /// The output of a command that must succeed.
     std::string print(const std::vector<std::string>& arguments) {
         EXPECT_EQ(run(arguments), Status::done) << errors.str();
         return out.str();
     }
-    /// The one request of a command to upnpd, without its destination.
+    /// A command's only request to upnpd, without its destination.
     tk::message sent(std::uint32_t command) {
         const auto requests = bus.requestsTo(contract::path::gateway(), command);
         EXPECT_EQ(requests.size(), 1U);

@@ -9,7 +9,7 @@ namespace ctl {
 
 class Context;
 
-// Each adds its commands below a word. Lifetime: the context outlives the parser.
+// Each function adds its commands below a word. The context outlives the parser.
 
 /// Adds "interface list".
 void addInterfaceCommands(CLI::App& app, Context& context);

@@ -18,7 +18,7 @@ namespace ctl {
 
 namespace {
 
-// The router ends by itself what nobody has answered a little later.
+// The router itself ends an unanswered request a little later.
 constexpr std::uint32_t longestTimeout = 60000;
 
 struct Arguments {

@@ -25,7 +25,8 @@ namespace ctl {
 
 namespace {
 
-/// Keeps the signals that end the trace from ending the process, from here on.
+/// Blocks the signals that end the trace, so that they no longer end the process. They make the descriptor
+/// readable.
 tk::Fd catchInterruption() {
     sigset_t set;
     sigemptyset(&set);
@@ -50,7 +51,7 @@ public:
 private:
     void interrupted(int, std::uint32_t) { end({}); }
     void readerLeft(int, std::uint32_t) { end({}); }
-    /// Ends the trace; an empty reason is a good end. What ended it first counts.
+    /// Ends the trace; an empty reason means success. Only the first call counts.
     void end(const std::string& reason);
 
     const bool json;
@@ -68,7 +69,8 @@ void Tracer::run(const std::string& socketPath) {
     output = &toReader;
     tk::Watch signalWatch(connection.runner());
     signalWatch.start<Tracer, &Tracer::interrupted>(interruption.get(), *this, tk::readable);
-    tk::Watch readerWatch(connection.runner());  // for no event: a reader that leaves is told in any case
+    // Asks for no event: the loss of the reader is reported in any case.
+    tk::Watch readerWatch(connection.runner());
     readerWatch.start<Tracer, &Tracer::readerLeft>(STDOUT_FILENO, *this, 0);
     while (!ended) connection.runner().turn(-1);
     if (!ended->empty()) throw Failure(*ended);

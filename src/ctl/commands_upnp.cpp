@@ -51,7 +51,7 @@ void setSettings(Context& context, const std::vector<std::string>& arguments) {
     const auto allowDisableExternal = wanted.flag(allowDisableExternalKey);
     const auto showDummyRule = wanted.flag(showDummyRuleKey);
 
-    // What is sent is stored as it is, in place of all settings: the others have to go along.
+    // The message replaces all settings, so it must hold the unchanged ones too.
     contract::Settings settings = readSettings(context.session());
     settings.enabled = enabled.value_or(settings.enabled);
     settings.allowDisableExternal = allowDisableExternal.value_or(settings.allowDisableExternal);

@@ -82,7 +82,7 @@ void printId(Context& context, std::uint32_t id, const std::string& text) {
     context.print(object, text);
 }
 
-/// A request about one item.
+/// Sends a request about one item.
 /// Errors: throws Failure.
 void requestForItem(Session& session, std::uint32_t command, const tk::message& item) {
     const tk::message end = session.exchange(contract::path::gateway(), command, item);
@@ -103,7 +103,8 @@ struct Arguments {
 
 constexpr const char* forceOption = "--force";
 
-/// Refuses to serve the LAN where the Internet is. A router that cannot tell the side has the say itself.
+/// Refuses to serve the LAN on an interface that faces the Internet. If the router cannot tell the side, it
+/// decides itself.
 void checkSide(Session& session, const RoleItem& item, bool isForced) {
     if (item.type != Role::internal || isForced) return;
     tk::message question;
@@ -115,7 +116,7 @@ void checkSide(Session& session, const RoleItem& item, bool isForced) {
                   " makes it internal all the same");
 }
 
-/// Asks the side of the interface that an item would have, where the change touches that.
+/// Asks for the side of the interface that an item would have, if the change concerns it.
 void checkSideOfChange(Session& session, const tk::message& change, bool isForced) {
     if (!change.has(contract::itemfield::interface) && !change.has(contract::itemfield::type)) return;
     for (const tk::message& record : session.list(contract::path::gateway()))
@@ -143,7 +144,7 @@ void setItem(Context& context, const Arguments& arguments) {
     const auto disabled = settings.flag("disabled");
     const auto name = settings.text("interface");
     const auto type = settings.text("type");
-    tk::message change;  // what is absent stays as it is
+    tk::message change;  // what is absent stays unchanged
     change.insert_u32(tk::field::objectId, id);
     if (disabled) change.insert_bool(tk::field::disabled, *disabled);
     if (type) change.insert_u32(contract::itemfield::type, static_cast<std::uint32_t>(roleNamed(*type)));

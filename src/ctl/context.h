@@ -14,26 +14,26 @@
 
 namespace ctl {
 
-/// What every command has at hand: the options that all share, the bus, and where its answer goes.
+/// What each command can use: the shared options, the bus, and the output.
 class Context {
 public:
-    /// Answers go to `out`. The requests go to `bus`, or, where it is null, to the hub, which is connected
-    /// when the first session is asked for.
+    /// Answers go to `out`. Requests go to `bus` or, when that is null, to the hub, which the first call of
+    /// session() connects to.
     /// Lifetime: both outlive the context.
     explicit Context(std::ostream& out, tk::Bus* bus = nullptr) : out(out), bus(bus) {}
 
-    /// The way to the services.
+    /// The session for requests to the services.
     /// Errors: throws Failure when the hub cannot be reached.
     Session& session();
 
-    /// Prints the answer: JSON as one line where it is asked for, else the text for people.
+    /// Prints the answer: one line of JSON if asked for, else the text for people.
     void print(const Json& value, const std::string& text);
 
     std::ostream& out;
     std::string socketPath = contract::busPath;
     bool json = false;
 
-    /// The command that was chosen, to be run when the command line is parsed.
+    /// The chosen command, to be run once the command line is parsed.
     std::function<void()> run;
 
 private:

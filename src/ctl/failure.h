@@ -8,18 +8,18 @@ namespace ctl {
 /// How tkctl ends.
 enum class Status : int { done = 0, failed = 1, misuse = 2 };
 
-/// Ends a command; its text is the reason that goes to standard error. Thrown within tkctl alone, never
+/// Ends a command; its text is the reason that goes to standard error. Thrown only within tkctl, never
 /// through the platform library, which is built without exceptions.
 class Failure : public std::runtime_error {
 public:
-    /// The reason goes to standard error after the program's name.
+    /// `reason` is printed after the program's name.
     explicit Failure(const std::string& reason, Status status = Status::failed)
         : std::runtime_error(reason), status(status) {}
 
     const Status status;
 };
 
-/// The failure of a command that was not called as it is meant to be.
+/// The failure of a command that was called wrongly.
 inline Failure misuse(const std::string& reason) {
     return Failure(reason, Status::misuse);
 }

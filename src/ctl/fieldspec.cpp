@@ -79,7 +79,7 @@ bool isRouting(std::uint32_t id) {
     return false;
 }
 
-/// All values on one line, as they stand behind FIELD:TYPE=.
+/// All values on one line, as they follow FIELD:TYPE=.
 struct ValueText {
     std::string operator()(std::uint32_t value) const { return std::to_string(value); }
     std::string operator()(bool value) const { return value ? "true" : "false"; }

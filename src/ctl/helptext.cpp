@@ -16,7 +16,7 @@ std::string placeholder(const CLI::Option& argument) {
     return argument.get_required() ? text : '[' + text + ']';
 }
 
-/// Lists what can be called below a word; `words` lead from the asked one to this one.
+/// Lists the commands below a word. `words` lead from the requested word to this one.
 void listCommands(std::ostream& out, const CLI::App& app, const std::string& words) {
     for (const CLI::App* command : app.get_subcommands({})) {
         const std::string called = words + command->get_name();

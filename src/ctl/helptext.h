@@ -7,14 +7,14 @@
 
 namespace ctl {
 
-/// The words that lead to a command and its own, for example "tkctl upnp interface remove".
+/// The words of a command, for example "tkctl upnp interface remove".
 [[nodiscard]] std::string wordsOf(const CLI::App& command);
 
-/// How a command is called, for example "tkctl upnp interface remove ID"; a word that only stands in front of
-/// commands has COMMAND behind it.
+/// The usage of a command, for example "tkctl upnp interface remove ID". A word that only comes before
+/// commands is followed by COMMAND.
 [[nodiscard]] std::string usageOf(const CLI::App& command);
 
-/// The text of --help: arguments are named as in the usage, and all commands below a word stand in one list.
+/// The text of --help. Arguments are named as in the usage, and all commands below a word are in one list.
 class HelpText final : public CLI::Formatter {
 public:
     HelpText() { label("Positionals", "Arguments"); }

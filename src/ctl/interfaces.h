@@ -23,12 +23,12 @@ struct Interface {
 /// Errors: throws Failure.
 [[nodiscard]] std::vector<Interface> readInterfaces(Session& session);
 
-/// The interface of a name.
-/// Errors: throws Failure that lists the names that there are.
+/// The interface with a name.
+/// Errors: throws Failure, which lists the known names.
 [[nodiscard]] const Interface& interfaceNamed(const std::vector<Interface>& interfaces,
                                               const std::string& name);
 
-/// The name of the interface with an id, empty where there is none now.
+/// The name of the interface with an id; empty when there is none.
 [[nodiscard]] std::string interfaceName(const std::vector<Interface>& interfaces, std::uint32_t id);
 
 }  // namespace ctl

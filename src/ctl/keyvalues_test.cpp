@@ -11,7 +11,7 @@ KeyValues parse(const std::vector<std::string>& arguments) {
     return KeyValues(arguments, {"enabled", "name"});
 }
 
-/// The reason of a refusal as misuse, empty when there was none.
+/// The reason of a refusal as misuse; empty when there was none.
 template <typename Action>
 std::string misuseOf(Action action) {
     try {

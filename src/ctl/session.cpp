@@ -13,7 +13,7 @@ namespace ctl {
 std::string reasonOf(const tk::message& error, const tk::Path& asked) {
     std::uint32_t code = 0;
     std::string text;
-    (void)tk::isError(error, &code, &text);  // the caller knows that it is one
+    (void)tk::isError(error, &code, &text);  // the caller knows that it is an error
     if (text.empty()) text = "refused with error " + hexText(code);
     const bool isAnswer = code != tk::error::unreachable && code != tk::error::timedOut;
     if (isAnswer || asked.empty()) return text;
@@ -34,7 +34,7 @@ tk::message Session::exchange(const tk::Path& path, std::uint32_t command, const
     for (const tk::message::Field& field : fields.fields()) request.insert(field);
     tk::message end = bus.exchange(request, {}, command, timeout);
     if (end.has(tk::field::kind)) return end;
-    // Made by our own end of the connection, which knows no more than that the request failed.
+    // Made by our end of the connection, which knows only that the request failed.
     tk::stamp(request, {}, 0, tk::Kind::request, command);
     return tk::endOf(request, end);
 }

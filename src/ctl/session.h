@@ -11,27 +11,27 @@
 
 namespace ctl {
 
-/// How long the end of a request is waited for: a program that has to be started first needs more than one
-/// that runs already.
+/// How long a request may take. A program that has to be started first needs longer than one that already
+/// runs.
 /// Units: milliseconds.
 constexpr std::uint32_t requestTimeout = 20000;
 
-/// An error's reason for people, also where it carries no text. When nobody answered, the program behind the
-/// path that was asked is named, unless the path is empty.
+/// The reason of an error for people, even if the error carries no text. When nobody answered, it names the
+/// program at the path `asked`, unless that is empty.
 [[nodiscard]] std::string reasonOf(const tk::message& error, const tk::Path& asked = {});
 
-/// tkctl's connection to the hub. No program is registered, and no signal is touched: a command that waits is
-/// ended by an interrupt like any other.
+/// tkctl's connection to the hub. It registers no program and handles no signal: an interrupt ends a waiting
+/// command like any other.
 class Connection {
 public:
-    /// Connects to the hub. Without a receiver a lost bus shows in the request that fails.
+    /// Connects to the hub. Without a receiver, a lost bus shows only when a request fails.
     /// Errors: throws Failure when the hub cannot be reached.
     /// Lifetime: `receiver` outlives the connection.
     explicit Connection(const std::string& socketPath, tk::BusConnection::Receiver* receiver = nullptr);
 
-    /// What requests go to.
+    /// The bus that requests go to.
     tk::Bus& bus() { return *connection; }
-    /// What is received is handed to the receiver in the turns of this runner.
+    /// The runner whose turns hand received messages to the receiver.
     tk::Runner& runner() { return events; }
 
 private:
@@ -40,24 +40,25 @@ private:
     std::unique_ptr<tk::BusConnection> connection;
 };
 
-/// Requests over the bus, as a client that has no path of its own.
+/// Sends requests over the bus, as a client without a path of its own.
 class Session {
 public:
     /// Lifetime: the bus outlives the session.
     explicit Session(tk::Bus& bus) : bus(bus) {}
 
-    /// Sends `fields` with `command` to `path`, the destination in front, and waits for the end of the
-    /// request. Returns what came, be it an error, with its routing fields.
+    /// Sends `fields` with `command` to `path`, the destination first, and waits for the end of the request.
+    /// Returns the reply or error with its routing fields.
+    /// Units: `timeout` is in milliseconds.
     [[nodiscard]] tk::message exchange(const tk::Path& path, std::uint32_t command,
                                        const tk::message& fields = {},
                                        std::uint32_t timeout = requestTimeout);
 
-    /// The same, for commands that need a reply.
+    /// The same for commands that need a reply.
     /// Errors: throws Failure with the error's text.
     tk::message request(const tk::Path& path, std::uint32_t command, const tk::message& fields = {});
 
-    /// All objects of the handler at `path`, over as many pages as it answers with.
-    /// Errors: throws Failure when a page is refused, or continues where an earlier one did.
+    /// All objects of the handler at `path`, from all pages of its answer.
+    /// Errors: throws Failure when a page is refused, or continues at the same place as an earlier one.
     [[nodiscard]] std::vector<tk::message> list(const tk::Path& path);
 
 private:

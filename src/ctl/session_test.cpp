@@ -12,7 +12,7 @@ namespace {
 
 const tk::Path service{20, 5};
 
-/// A page with one object, and where the list goes on.
+/// A page with one object, and where the list continues.
 tk::message page(std::uint32_t id, std::uint32_t next = tk::unassigned) {
     tk::message object;
     object.insert_u32(tk::field::objectId, id);
@@ -23,7 +23,7 @@ tk::message page(std::uint32_t id, std::uint32_t next = tk::unassigned) {
 }
 
 struct SessionTest : testing::Test {
-    /// The reason why request 5 to a service fails, empty when it does not.
+    /// Why request 5 to a service fails; empty when it does not.
     std::string failureOf(const tk::Path& path) {
         try {
             session.request(path, 5);

@@ -36,7 +36,7 @@ std::string Table::text() const {
     for (const Row& row : rows) {
         for (std::size_t column = 0; column < row.size(); ++column) {
             out += row[column];
-            if (column + 1 == row.size()) break;  // no blanks at the end of a line
+            if (column + 1 == row.size()) break;  // no trailing blanks
             out.append(widths[column] + columnGap - displayWidth(row[column]), ' ');
         }
         out += '\n';

@@ -6,8 +6,8 @@
 
 namespace ctl {
 
-/// A table for people: a line of headings, a line for each row, columns as wide as their widest cell.
-/// Cells are made printable, so that no text from the network moves the cursor or breaks a line.
+/// A table for people: a line of headings, then a line for each row. Each column is as wide as its widest
+/// cell. Cells are made printable, so that no text from the network moves the cursor or breaks a line.
 class Table {
 public:
     using Row = std::vector<std::string>;
@@ -15,10 +15,10 @@ public:
     /// A table without rows.
     explicit Table(Row headings);
 
-    /// Appends a row; it has as many cells as there are headings. An empty cell is shown as "-".
+    /// Appends a row of as many cells as there are headings. An empty cell is shown as "-".
     void add(Row cells);
 
-    /// The whole table, each line with its end.
+    /// The whole table, with an end to each line.
     [[nodiscard]] std::string text() const;
 
 private:

@@ -10,7 +10,7 @@
 
 namespace ctl {
 
-/// How many columns of a terminal a printable text takes.
+/// How many terminal columns a printable text takes.
 [[nodiscard]] std::size_t displayWidth(std::string_view text);
 
 /// "0x1a3": lower case, no leading zeros.
@@ -21,7 +21,7 @@ namespace ctl {
 
 /// "2026-01-02T03:04:05Z".
 /// Units: seconds since the epoch.
-/// Errors: a time that no calendar knows gives the number itself.
+/// Errors: a time outside the calendar gives the number itself.
 [[nodiscard]] std::string timeText(std::uint64_t seconds);
 
 /// "tcp", "udp", or the number of another IP protocol.
@@ -31,17 +31,17 @@ namespace ctl {
 [[nodiscard]] std::string yesNo(bool value);
 
 /// A decimal or 0x hexadecimal number; the whole text must be one.
-/// Errors: none when it is not, or is above `limit`.
+/// Errors: none when it is not one, or exceeds `limit`.
 [[nodiscard]] std::optional<std::uint64_t> parseNumber(std::string_view text, std::uint64_t limit);
 
 /// The same for 32 bits.
 [[nodiscard]] std::optional<std::uint32_t> parseU32(std::string_view text);
 
-/// A path: numbers with commas between them.
-/// Errors: none when there is no number or something else.
+/// A path: numbers separated by commas.
+/// Errors: none for an empty text or any other form.
 [[nodiscard]] std::optional<tk::Path> parsePath(std::string_view text);
 
-/// Four decimal numbers with dots between them.
+/// Four decimal numbers separated by dots.
 /// Byte order: network.
 /// Errors: none for any other form.
 [[nodiscard]] std::optional<std::uint32_t> parseAddress(const std::string& text);
@@ -49,7 +49,7 @@ namespace ctl {
 /// "u32", "bool", "string", "be32", "u64", "u32[]" or "message[]".
 [[nodiscard]] std::string_view typeName(tk::FieldType type);
 
-/// The type of such a name.
+/// The type with such a name.
 /// Errors: none for any other.
 [[nodiscard]] std::optional<tk::FieldType> typeNamed(std::string_view name);
 

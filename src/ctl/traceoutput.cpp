@@ -58,9 +58,9 @@ std::string traceText(const tk::message& traced) {
 TraceOutput::Result TraceOutput::write(std::string_view text) {
     while (!text.empty()) {
         pollfd watched[] = {{target, POLLOUT, 0}, {interruption, POLLIN, 0}};
-        if (::poll(watched, 2, -1) < 0) continue;  // a signal that is not ours
+        if (::poll(watched, 2, -1) < 0) continue;  // interrupted by a signal that is not ours
         if (watched[0].revents == 0) return Result::interrupted;
-        // A pipe that can be written to takes at least this much without waiting.
+        // A writable pipe takes at least this much without waiting.
         const ssize_t count = ::write(target, text.data(), std::min<std::size_t>(text.size(), PIPE_BUF));
         if (count >= 0) {
             text.remove_prefix(static_cast<std::size_t>(count));

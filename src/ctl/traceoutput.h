@@ -7,26 +7,26 @@
 
 namespace ctl {
 
-/// The message that a notification of the hub's trace carries.
+/// The message inside a notification of the hub's trace.
 /// Errors: null for anything else.
-/// Lifetime: that of `received`.
+/// Lifetime: as long as `received`.
 [[nodiscard]] const tk::message* tracedMessage(const tk::message& received);
 
 /// A message as one line for people: kind, from, to, command, number, an error's code and text, its own
 /// fields.
 [[nodiscard]] std::string traceText(const tk::message& traced);
 
-/// Writes lines to a descriptor at once, and never waits for a reader without watching for an interruption.
+/// Writes lines to a descriptor at once. While it waits for the reader, it watches for an interruption.
 class TraceOutput {
 public:
     enum class Result {
         written,
-        interrupted,  // the reader takes nothing, and the interruption came
-        closed,       // there is no reader any more
+        interrupted,  // interrupted while the reader took nothing
+        closed,       // the reader is gone
         failed,       // reason() tells
     };
 
-    /// `interruption` is readable once the program is to end.
+    /// `interruption` becomes readable when the program is to end.
     /// Lifetime: both descriptors outlive the object.
     TraceOutput(int target, int interruption) : target(target), interruption(interruption) {}
 

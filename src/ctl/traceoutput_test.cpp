@@ -54,7 +54,7 @@ TEST_F(TraceOutputTest, ALineStillGoesOutAfterTheInterruptionWhenThereIsRoom) {
 
 TEST_F(TraceOutputTest, AReaderThatTakesNothingDoesNotHoldUpTheInterruption) {
     interrupt();
-    const std::string more(1 << 20, 'x');  // than the pipe takes
+    const std::string more(1 << 20, 'x');  // more than the pipe takes
     EXPECT_EQ(output().write(more), TraceOutput::Result::interrupted);
 }
 
@@ -77,7 +77,7 @@ tk::message request() {
     return out;
 }
 
-/// The notification that brings a traced message.
+/// The notification that holds a traced message.
 tk::message traceOf(const std::vector<tk::message>& messages, const tk::Path& from = {0},
                     std::uint32_t command = tk::command::hubTraced) {
     tk::message out;
