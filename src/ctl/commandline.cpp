@@ -39,8 +39,7 @@ void addAllCommands(CLI::App& app, Context& context) {
     addUpnpItemCommands(upnp, context);
     addNatCommands(app, context);
     addHistoryCommands(app, context);
-    CLI::App& bus =
-        addGroup(app, context, "bus", "The messages between the programs of the router, for developers");
+    CLI::App& bus = addGroup(app, context, "bus", "Messages between the router's programs, for developers");
     addBusCallCommand(bus, context);
     addBusTraceCommand(bus, context);
 }

@@ -146,7 +146,7 @@ struct OutsideTest : CommandLineTest {
                bus.requestsTo(contract::path::gateway(), tk::command::setObject).size();
     }
     static constexpr const char* refusal =
-        "tkctl: list is outside: it carries a route to 0.0.0.0/0; --force makes it internal all the same\n";
+        "tkctl: list is outside: it carries a route to 0.0.0.0/0; --force makes it internal anyway\n";
 };
 
 TEST_F(OutsideTest, IsNotMadeInternal) {
@@ -222,8 +222,7 @@ TEST_F(CommandLineTest, AnItemThatIsNotThereIsNamed) {
     const tk::message gone = tk::errorMsg(tk::error::noSuchObject, "no such object");
     bus.answer({80, 0}, tk::command::removeObject, gone);
     bus.answer({80, 0}, tk::command::setObject, gone);
-    const std::string reason =
-        "tkctl: there is no item 99; \"tkctl upnp interface list\" shows those that there are\n";
+    const std::string reason = "tkctl: there is no item 99; \"tkctl upnp interface list\" lists the items\n";
     EXPECT_EQ(run({"upnp", "interface", "remove", "99"}), Status::failed);
     EXPECT_EQ(run({"upnp", "interface", "set", "99", "disabled=yes"}), Status::failed);
     EXPECT_EQ(errors.str(), reason + reason);
@@ -352,7 +351,7 @@ Options:
   -h,--help                   Print this text and end
   --json                      Print JSON instead of text for people
   --socket FILE               Socket of the bus, instead of /run/tk/bus
-  --force                     Make an interface internal although it is outside
+  --force                     Make the interface internal even if it is outside
 
 for example: tkctl upnp interface add lan0 internal
 )");
@@ -372,11 +371,11 @@ Options:
 
 Commands:
   get                     Show the settings
-  set                     Change settings; those that are not named stay as they are
+  set                     Change settings; the others stay unchanged
   interface list          List the interfaces that have a role
   interface add           Give an interface a role; prints the id of the new item
-  interface set           Change an item; what is not named stays as it is
-  interface remove        Take an interface's role away
+  interface set           Change an item; what is not named stays unchanged
+  interface remove        Take away an interface's role
 
 )");
 }

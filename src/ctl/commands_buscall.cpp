@@ -30,8 +30,7 @@ struct Arguments {
 
 void call(Context& context, const Arguments& arguments) {
     const auto path = parsePath(arguments.path);
-    if (!path)
-        throw misuse("'" + arguments.path + "': a path is numbers with commas between them, such as 20,5");
+    if (!path) throw misuse("'" + arguments.path + "': a path is numbers separated by commas, such as 20,5");
     const auto command = parseU32(arguments.command);
     if (!command) throw misuse("'" + arguments.command + "': a command is a number such as 1 or 0xFE0004");
     const auto timeout = parseNumber(arguments.timeout, longestTimeout);
@@ -56,10 +55,10 @@ void addBusCallCommand(CLI::App& bus, Context& context) {
     CLI::App& command = addCommand(bus, context, "call", "Send a request and print the reply",
                                    [&context, arguments] { call(context, *arguments); });
     addExample(command, "20,5 0xFE0004");
-    command.add_option("path", arguments->path, "Who is asked, for example 65 or 20,5")
+    command.add_option("path", arguments->path, "The path to ask, for example 65 or 20,5")
         ->type_name("PATH")
         ->required();
-    command.add_option("command", arguments->command, "What is asked, for example 0xFE0004")
+    command.add_option("command", arguments->command, "The number of the command, for example 0xFE0004")
         ->type_name("COMMAND")
         ->required();
     command

@@ -102,7 +102,7 @@ void Tracer::end(const std::string& reason) {
 
 void addBusTraceCommand(CLI::App& bus, Context& context) {
     addCommand(bus, context, "trace",
-               "Print every message as it passes the hub, one a line, until interrupted",
+               "Print each message that passes the hub, one per line, until interrupted",
                [&context] { Tracer(context.json).run(context.socketPath); });
 }
 

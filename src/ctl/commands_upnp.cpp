@@ -66,12 +66,11 @@ void addUpnpCommands(CLI::App& upnp, Context& context) {
     addCommand(upnp, context, "get", "Show the settings", [&context] { getSettings(context); });
 
     const auto arguments = std::make_shared<std::vector<std::string>>();
-    CLI::App& set =
-        addCommand(upnp, context, "set", "Change settings; those that are not named stay as they are",
-                   [&context, arguments] { setSettings(context, *arguments); });
+    CLI::App& set = addCommand(upnp, context, "set", "Change settings; the others stay unchanged",
+                               [&context, arguments] { setSettings(context, *arguments); });
     addExample(set, "enabled=yes");
     set.add_option("settings", *arguments,
-                   "enabled=yes|no: serve UPnP at all\n"
+                   "enabled=yes|no: serve UPnP\n"
                    "allow-disable-external=yes|no: let LAN hosts disconnect the external interface\n"
                    "show-dummy-rule=yes|no: show an inactive first mapping, which some clients need")
         ->type_name("KEY=VALUE")

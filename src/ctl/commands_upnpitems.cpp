@@ -89,7 +89,7 @@ void requestForItem(Session& session, std::uint32_t command, const tk::message& 
     std::uint32_t code = 0;
     if (tk::isError(end, &code) && code == tk::error::noSuchObject)
         throw Failure("there is no item " + std::to_string(item.get_u32(tk::field::objectId)) +
-                      "; \"tkctl upnp interface list\" shows those that there are");
+                      "; \"tkctl upnp interface list\" lists the items");
     if (tk::isError(end)) throw Failure(reasonOf(end, contract::path::gateway()));
 }
 
@@ -113,7 +113,7 @@ void checkSide(Session& session, const RoleItem& item, bool isForced) {
     if (tk::isError(reply) || reply.get_u32(contract::sidefield::side) != contract::outside) return;
     throw Failure(interfaceName(readInterfaces(session), item.interface) +
                   " is outside: " + reply.get_string(contract::sidefield::why) + "; " + forceOption +
-                  " makes it internal all the same");
+                  " makes it internal anyway");
 }
 
 /// Asks for the side of the interface that an item would have, if the change concerns it.
@@ -134,7 +134,7 @@ void addItem(Context& context, const Arguments& arguments) {
     const tk::message reply =
         session.request(contract::path::gateway(), tk::command::addObject, item.toMessage());
     const std::uint32_t id = reply.get_u32(tk::field::objectId, tk::unassigned);
-    if (id == tk::unassigned) throw Failure("the item was added, but the reply does not tell its id");
+    if (id == tk::unassigned) throw Failure("the item was added, but the reply does not give its id");
     printId(context, id, std::to_string(id) + '\n');
 }
 
@@ -164,7 +164,7 @@ void removeItem(Context& context, const Arguments& arguments) {
 }
 
 void addForce(CLI::App& command, const std::shared_ptr<Arguments>& arguments) {
-    command.add_flag(forceOption, arguments->isForced, "Make an interface internal although it is outside");
+    command.add_flag(forceOption, arguments->isForced, "Make the interface internal even if it is outside");
 }
 
 constexpr const char* idHelp = "The id of the item, as \"tkctl upnp interface list\" shows it";
@@ -189,13 +189,13 @@ void addAddCommand(CLI::App& group, Context& context) {
 
 void addSetCommand(CLI::App& group, Context& context) {
     const auto arguments = std::make_shared<Arguments>();
-    CLI::App& set = addCommand(group, context, "set", "Change an item; what is not named stays as it is",
+    CLI::App& set = addCommand(group, context, "set", "Change an item; what is not named stays unchanged",
                                [&context, arguments] { setItem(context, *arguments); });
     addExample(set, "1 disabled=yes");
     set.add_option("id", arguments->id, idHelp)->type_name("ID")->required();
     set.add_option("settings", arguments->settings,
                    "interface=NAME: another interface\ntype=internal|external: the other side\n"
-                   "disabled=yes|no: whether the interface is left unserved")
+                   "disabled=yes|no: leave the interface unserved")
         ->type_name("KEY=VALUE")
         ->required();
     addForce(set, arguments);
@@ -203,7 +203,7 @@ void addSetCommand(CLI::App& group, Context& context) {
 
 void addRemoveCommand(CLI::App& group, Context& context) {
     const auto arguments = std::make_shared<Arguments>();
-    CLI::App& remove = addCommand(group, context, "remove", "Take an interface's role away",
+    CLI::App& remove = addCommand(group, context, "remove", "Take away an interface's role",
                                   [&context, arguments] { removeItem(context, *arguments); });
     addExample(remove, "1");
     remove.add_option("id", arguments->id, idHelp)->type_name("ID")->required();
@@ -213,7 +213,7 @@ void addRemoveCommand(CLI::App& group, Context& context) {
 
 void addUpnpItemCommands(CLI::App& upnp, Context& context) {
     CLI::App& group =
-        addGroup(upnp, context, "interface", "The interfaces that UPnP serves, and on which side they are");
+        addGroup(upnp, context, "interface", "The interfaces that UPnP serves, and their sides");
     addCommand(group, context, "list", "List the interfaces that have a role",
                [&context] { listItems(context); });
     addAddCommand(group, context);

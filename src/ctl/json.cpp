@@ -37,7 +37,7 @@ std::uint64_t readNumber(const Json& value, std::uint64_t limit) {
         value.is_number_unsigned() || (value.is_number_integer() && value.get<std::int64_t>() >= 0);
     if (isNatural && value.get<std::uint64_t>() <= limit) number = value.get<std::uint64_t>();
     if (value.is_string()) number = parseNumber(value.get_ref<const std::string&>(), limit);
-    if (!number) throw misuse(lineOf(value) + " is no number from 0 to " + std::to_string(limit));
+    if (!number) throw misuse(lineOf(value) + " is not a number from 0 to " + std::to_string(limit));
     return *number;
 }
 
@@ -47,22 +47,21 @@ std::uint32_t readU32(const Json& value) {
 
 std::uint32_t readAddress(const Json& value) {
     const auto address = value.is_string() ? parseAddress(value.get<std::string>()) : std::nullopt;
-    if (!address) throw misuse(lineOf(value) + " is no IPv4 address");
+    if (!address) throw misuse(lineOf(value) + " is not an IPv4 address");
     return *address;
 }
 
 std::vector<std::uint32_t> readNumbers(const Json& value) {
-    if (!value.is_array()) throw misuse(lineOf(value) + " is no list of numbers");
+    if (!value.is_array()) throw misuse(lineOf(value) + " is not a list of numbers");
     std::vector<std::uint32_t> numbers;
     for (const Json& element : value) numbers.push_back(readU32(element));
     return numbers;
 }
 
 std::vector<tk::message> readMessages(const Json& value, unsigned depth) {
-    if (!value.is_array()) throw misuse(lineOf(value) + " is no list of messages");
+    if (!value.is_array()) throw misuse(lineOf(value) + " is not a list of messages");
     if (depth == tk::message::nestingLimit)
-        throw misuse("messages may not stand more than " + std::to_string(tk::message::nestingLimit) +
-                     " deep in one another");
+        throw misuse("messages may be nested at most " + std::to_string(tk::message::nestingLimit) + " deep");
     std::vector<tk::message> messages;
     for (const Json& element : value) messages.push_back(readFields(element, depth + 1));
     return messages;
@@ -76,7 +75,7 @@ tk::message::Field::Value readValue(tk::FieldType type, const Json& value, unsig
             if (!value.is_boolean()) throw misuse(lineOf(value) + " is neither true nor false");
             return value.get<bool>();
         case tk::FieldType::string:
-            if (!value.is_string()) throw misuse(lineOf(value) + " is no text");
+            if (!value.is_string()) throw misuse(lineOf(value) + " is not a text");
             return value.get<std::string>();
         case tk::FieldType::be32:
             return tk::Be32{readAddress(value)};
