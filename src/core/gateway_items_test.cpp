@@ -62,7 +62,7 @@ TEST_F(Items, ForAnUnknownInterfaceAreAcceptedAndStartNothing) {
     EXPECT_EQ(takeLog(), "add dev: late\nset type: 2 9\nintr: 0 0\n");
 }
 
-TEST_F(Items, OfOneInterfaceAreOneWhateverTheStoreHolds) {
+TEST_F(Items, AreOnePerInterfaceWhateverTheStoreHolds) {
     stop();
     {
         tk::Store store(folder.file("store/upnp"), 1);

@@ -93,7 +93,7 @@ TEST_F(Settings, AreToldAsTheyWereReceived) {
     EXPECT_EQ(loop.bus.posted[0].get_message_array(0xFE0002), std::vector<tk::message>{told});
 }
 
-TEST_F(Settings, AreReadFromAStoreOfRevision5Alone) {
+TEST_F(Settings, AreReadOnlyFromAStoreOfRevision5) {
     for (const std::uint32_t revision : {4u, 5u}) {
         stop();
         ASSERT_TRUE(

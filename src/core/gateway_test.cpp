@@ -117,7 +117,7 @@ TEST_F(GatewayStart, TeardownGivesBackSocketsTimersAndSubscriptions) {
 
 using Description = GatewayTest;
 
-TEST_F(Description, EndsInUrlBaseBehindTheDevice) {
+TEST_F(Description, EndsInUrlBaseAfterTheDevice) {
     start();
     const XMLParser parser(gateway->describe(toAddress("192.0.2.1")));
     ASSERT_TRUE(parser.ok);

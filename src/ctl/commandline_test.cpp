@@ -177,7 +177,7 @@ TEST_F(OutsideTest, AnItemIsNotMadeInternalByAChangeOfEitherHalf) {
     EXPECT_EQ(run({"upnp", "interface", "set", "4", "disabled=yes"}), Status::done);
 }
 
-TEST_F(OutsideTest, ARouterThatCannotTellIsNoHindrance) {
+TEST_F(OutsideTest, ARouterThatCannotTellDoesNotPreventIt) {
     bus.answer({20, 0}, 2, tk::errorMsg(tk::error::noSuchCommand, "no such command"));
     EXPECT_EQ(print({"upnp", "interface", "add", "list", "internal"}), "5\n");
 }
@@ -189,7 +189,7 @@ TEST_F(CommandLineTest, UpnpInterfaceAddTakesNamesThatAreSpeltLikeCommands) {
     EXPECT_EQ(sent(tk::command::addObject), parseFields({"0xFE000A:bool=yes", "1:u32=2", "2:u32=1"}));
 }
 
-TEST_F(CommandLineTest, UpnpInterfaceAddOfAnUnknownNameListsWhatThereIs) {
+TEST_F(CommandLineTest, UpnpInterfaceAddOfAnUnknownNameListsTheKnownOnes) {
     EXPECT_EQ(run({"upnp", "interface", "add", "eth9", "internal"}), Status::failed);
     EXPECT_EQ(errors.str(), "tkctl: there is no interface 'eth9'; there are: lan0, list\n");
     EXPECT_TRUE(bus.requestsTo(contract::path::gateway(), tk::command::addObject).empty());
@@ -386,7 +386,7 @@ TEST_F(CommandLineTest, HelpThatCannotBeWrittenIsAFailure) {
     EXPECT_EQ(errors.str(), "tkctl: cannot write the answer\n");
 }
 
-TEST_F(CommandLineTest, AMissingCommandIsAnsweredWithThoseThatThereAre) {
+TEST_F(CommandLineTest, AMissingCommandIsAnsweredWithTheKnownOnes) {
     EXPECT_EQ(run({"upnp", "interface"}), Status::misuse);
     EXPECT_EQ(errors.str(), "tkctl: expected one of: list, add, set, remove (--help tells more)\n");
 }

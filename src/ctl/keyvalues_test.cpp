@@ -47,7 +47,7 @@ TEST(KeyValues, SaysWhichKeysThereAre) {
     EXPECT_EQ(misuseOf([] { parse({"enable=yes"}); }), "unknown key 'enable'; there are: enabled, name");
 }
 
-TEST(KeyValues, RefusesWhatIsNoSetting) {
+TEST(KeyValues, RefusesWhatIsNotASetting) {
     EXPECT_EQ(misuseOf([] { parse({"enabled"}); }), "'enabled': expected KEY=VALUE; keys: enabled, name");
     EXPECT_EQ(misuseOf([] { parse({"name=a", "name=b"}); }), "'name' is given twice");
 }

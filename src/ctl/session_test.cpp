@@ -37,7 +37,7 @@ struct SessionTest : testing::Test {
     Session session{bus};
 };
 
-TEST_F(SessionTest, SendsTheDestinationInFrontOfTheFields) {
+TEST_F(SessionTest, SendsTheDestinationBeforeTheFields) {
     tk::message fields;
     fields.insert_u32(1, 7);
     session.request(service, 5, fields);
@@ -103,7 +103,7 @@ TEST_F(SessionTest, ARefusalWithoutTextTellsTheCode) {
     EXPECT_EQ(reasonOf(tk::errorMsg(tk::error::refused, "")), "refused with error 0xfe0003");
 }
 
-TEST_F(SessionTest, AnEndThatOurOwnSideMadeIsRoutedLikeAnyOther) {
+TEST_F(SessionTest, AnEndMadeOnOurSideIsRoutedLikeAnyOther) {
     bus.answer(service, 5, tk::errorMsg(tk::error::timedOut, "timed out"));
     const tk::message end = session.exchange(service, 5);
     EXPECT_EQ(tk::kindOf(end), tk::Kind::error);

@@ -31,7 +31,7 @@ TEST(HTTPMessageParse, TrailingWhiteSpaceIsKept) {
     EXPECT_EQ(HTTPMessage("T\r\nA: 1 \t\r\n\r\n").get("A"), "1 \t");
 }
 
-TEST(HTTPMessageParse, ValueOfBlanksAloneIsEmpty) {
+TEST(HTTPMessageParse, ValueOfOnlyBlanksIsEmpty) {
     const HTTPMessage message("T\r\nA:   \r\nB:\r\n\r\n");
     EXPECT_EQ(message.values, (Texts{"", ""}));
     EXPECT_TRUE(message.complete);
@@ -69,7 +69,7 @@ TEST(HTTPMessageParse, FirstOfTwoContentLengthsCounts) {
     EXPECT_FALSE(HTTPMessage("T\r\nCONTENT-LENGTH: 1\r\nCONTENT-LENGTH: 2\r\n\r\nab").complete);
 }
 
-TEST(HTTPMessageParse, ContentLengthIsReadAsANumberAtTheFront) {
+TEST(HTTPMessageParse, ContentLengthIsTheNumberAtTheStart) {
     EXPECT_TRUE(HTTPMessage("T\r\nCONTENT-LENGTH: 2x\r\n\r\nab").complete);
     EXPECT_TRUE(HTTPMessage("T\r\nCONTENT-LENGTH: many\r\n\r\n").complete);
     EXPECT_TRUE(HTTPMessage("T\r\nCONTENT-LENGTH:\r\n\r\n").complete);
@@ -92,7 +92,7 @@ TEST(HTTPMessageParse, WithoutACarriageReturnNothingIsRead) {
     }
 }
 
-TEST(HTTPMessageParse, ByteAfterACarriageReturnIsNotLookedAt) {
+TEST(HTTPMessageParse, ByteAfterACarriageReturnIsIgnored) {
     const HTTPMessage message("T\rxA: 1\ryB: 2\rz\r?body");
     EXPECT_EQ(message.title, "T");
     EXPECT_EQ(message.names, (Texts{"A", "B"}));
@@ -121,7 +121,7 @@ TEST(HTTPMessageParse, CompletesOnlyWithTheLastByte) {
     EXPECT_TRUE(HTTPMessage(request).complete);
 }
 
-TEST(HTTPMessageParse, BytesZeroAreBytesLikeOthers) {
+TEST(HTTPMessageParse, ZeroBytesAreBytesLikeAnyOther) {
     const std::string text("T\r\nA: x\0y\r\n\r\n\0", 14);
     EXPECT_EQ(HTTPMessage(text).get("A"), std::string("x\0y", 3));
     EXPECT_EQ(HTTPMessage(text).body, std::string("\0", 1));
@@ -209,7 +209,7 @@ TEST(HTTPMessageResponse, IsWrittenInOrderWithUpperCaseNames) {
     EXPECT_EQ(message.toString(), "HTTP/1.1 200 OK\r\nCONTENT-LENGTH: 4\r\nEXT: \r\n\r\nbody");
 }
 
-TEST(HTTPMessageResponse, SurvivesAWayThroughTheWire) {
+TEST(HTTPMessageResponse, SurvivesARoundTripOverTheWire) {
     HTTPMessage message(200);
     message.add("Content-Length", "4");
     message.body = "body";

@@ -158,7 +158,7 @@ TEST_F(Server, TakesADescriptionPathWithAQueryForAFile) {
     EXPECT_EQ(exchange("GET /gateway.xml?x HTTP/1.1\r\n\r\n"), "HTTP/1.1 404 Not Found\r\n\r\n");
 }
 
-TEST_F(Server, ClosesTheConnectionBehindOneResponse) {
+TEST_F(Server, ClosesTheConnectionAfterOneResponse) {
     Client client(port);
     client.send("GET /unknown HTTP/1.1\r\n\r\nGET /unknown HTTP/1.1\r\n\r\n");
     loop.settle();
@@ -205,7 +205,7 @@ struct HostCase {
 
 class HostCheck : public Server, public testing::WithParamInterface<HostCase> {};
 
-TEST_P(HostCheck, RefusesEveryOtherHostForEachMethodBehindThePath) {
+TEST_P(HostCheck, RefusesEveryOtherHostForEachMethodOnAKnownPath) {
     const std::pair<std::string, std::string> routes[] = {{"POST", "/upnp/control/osinfo"},
                                                           {"SUBSCRIBE", "/upnp/event/osinfo"},
                                                           {"UNSUBSCRIBE", "/upnp/event/osinfo"}};
@@ -345,7 +345,7 @@ TEST_F(Server, TakesNoMoreThan128ConnectionsOfOneAddress) {
     EXPECT_EQ(exchange("GET /unknown HTTP/1.1\r\n\r\n"), "HTTP/1.1 404 Not Found\r\n\r\n");
 }
 
-TEST_F(Server, AFullTableMakesRoomAtTheCostOfTheAddressThatHoldsMost) {
+TEST_F(Server, AFullTableDropsTheOldestOfTheAddressThatHoldsMost) {
     const rlimit enough{4096, 4096};
     if (::setrlimit(RLIMIT_NOFILE, &enough) != 0) GTEST_SKIP() << "needs 4096 descriptors";
     std::vector<std::unique_ptr<Client>> clients;

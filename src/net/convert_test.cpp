@@ -77,7 +77,7 @@ TEST_P(ToUnsigned, ReadsAsTabled) {
 INSTANTIATE_TEST_SUITE_P(Texts, ToUnsigned, testing::ValuesIn(unsignedCases),
                          [](const auto& row) { return std::string(row.param.name); });
 
-TEST(Convert, AByteZeroEndsTheNumberButNotTheText) {
+TEST(Convert, AZeroByteEndsTheNumberButNotTheText) {
     const std::string text("8\0000", 3);
     std::uint32_t value = 0;
     EXPECT_EQ(toUnsigned(text), 8U);
@@ -135,7 +135,7 @@ TEST(Text, FirstAndLastByteOfNothingAreZero) {
     EXPECT_EQ(lastByte("<a>"), '>');
 }
 
-TEST(Text, UpperCaseTouchesTheLettersOfAsciiAlone) {
+TEST(Text, UpperCaseChangesOnlyAsciiLetters) {
     EXPECT_EQ(toUpper("Content-Length: az AZ 09 \xe4"), "CONTENT-LENGTH: AZ AZ 09 \xe4");
     EXPECT_EQ(toUpper(""), "");
 }

@@ -210,7 +210,7 @@ TEST_F(SsdpSocket, PortThatIsTakenIsLogged) {
     EXPECT_EQ(output.text(), std::string("udp bind: ") + strerror(EADDRINUSE) + "\n");
 }
 
-TEST_F(SsdpSocket, MembershipOnAnInterfaceThatIsNotThereIsLogged) {
+TEST_F(SsdpSocket, MembershipOnAMissingInterfaceIsLogged) {
     const tk::testing::CapturedOutput output;
     EXPECT_EQ(openSsdpSocket("lo", 0x7FFFFFFF, loopbackAddress), -1);
     EXPECT_EQ(output.text(), std::string("setsockopt IP_ADD_MEMBERSHIP: ") + strerror(ENODEV) + "\n");

@@ -51,7 +51,7 @@ TEST_F(CacheTest, ANewerAnswerReplacesTheOldOne) {
     EXPECT_EQ(cache.size(), 1u);
 }
 
-TEST_F(CacheTest, AtTheLimitTheAnswerThatWouldEndFirstGivesWay) {
+TEST_F(CacheTest, AtTheLimitTheAnswerThatWouldEndFirstMakesRoom) {
     cache.insert("short.example", Answer{1, 10, 0, ""}, 0);
     for (std::size_t i = 1; i < Cache::limit; ++i) cache.insert("host" + std::to_string(i), known, 0);
     EXPECT_EQ(cache.size(), Cache::limit);

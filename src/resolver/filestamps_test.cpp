@@ -18,7 +18,7 @@ protected:
     tk::testing::Folder folder;
 };
 
-TEST_F(FileStampsTest, FilesThatStayAsTheyAreHaveNotChanged) {
+TEST_F(FileStampsTest, UntouchedFilesHaveNotChanged) {
     FileStamps stamps({folder.file("hosts"), folder.file("absent")});
     EXPECT_FALSE(stamps.changed());
     EXPECT_FALSE(stamps.changed());

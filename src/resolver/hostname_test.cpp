@@ -66,7 +66,7 @@ TEST_P(HostName, IsTakenAsTabled) {
 INSTANTIATE_TEST_SUITE_P(Names, HostName, ::testing::ValuesIn(cases()),
                          [](const auto& row) { return std::string(row.param.name); });
 
-TEST(LowerCase, ChangesLettersAlone) {
+TEST(LowerCase, ChangesOnlyLetters) {
     EXPECT_EQ(lowerCase("NAS-1.Example."), "nas-1.example.");
 }
 

@@ -94,7 +94,7 @@ TEST_F(LookupTest, LifetimesAreBounded) {
     EXPECT_EQ(answer(), (Answer{nas, Lookup::longestLifetime, 0, ""}));
 }
 
-TEST_F(LookupTest, AnAddressWithoutALifetimeIsForOnce) {
+TEST_F(LookupTest, AnAddressWithoutALifetimeIsUsedOnce) {
     ask("nas.example");
     dns.answer(dns.take(), {addressRecord(nas, 0)});
     EXPECT_EQ(answer(), (Answer{nas, 0, 0, ""}));
@@ -115,13 +115,13 @@ TEST_F(LookupTest, AHostWithoutAnAddressOfThisKindIsAnError) {
                                 "the host has no IPv4 address: six.example"}));
 }
 
-TEST_F(LookupTest, TheAddressOfNobodyIsNone) {
+TEST_F(LookupTest, AddressZeroCountsAsNone) {
     ask("blocked.example");
     dns.answer(dns.take(), {addressRecord(0, 60)});
     EXPECT_EQ(answer().errorText, "the host has no IPv4 address: blocked.example");
 }
 
-TEST_F(LookupTest, TheAddressOfNobodyIsPassedOver) {
+TEST_F(LookupTest, AddressZeroIsSkipped) {
     ask("nas.example");
     dns.answer(dns.take(), {addressRecord(0, 60), addressRecord(nas, 60)});
     EXPECT_EQ(answer(), (Answer{nas, 60, 0, ""}));
@@ -138,7 +138,7 @@ TEST_F(LookupTest, EndsWithinASecondWithoutAnAnswer) {
                                      "the name servers do not answer in time: nas.example"}));
 }
 
-TEST_F(LookupTest, WhatIsNoAnswerToTheQuestionIsIgnored) {
+TEST_F(LookupTest, IgnoresWhatIsNotAnAnswerToItsQuestion) {
     ask("nas.example");
     const Query query = dns.take();
     dns.send(query, "");
@@ -161,7 +161,7 @@ TEST_F(LookupTest, AnotherServerIsAskedWhenOneFails) {
     EXPECT_EQ(answer(), (Answer{nas, 60, 0, ""}));
 }
 
-TEST_F(LookupTest, AServerThatCannotBeReachedIsToldAtOnce) {
+TEST_F(LookupTest, AnUnreachableServerIsReportedAtOnce) {
     std::string gone;
     gone = FakeDns().address();  // nobody listens there any more
     asker.ask("nas.example", gone);
@@ -169,7 +169,7 @@ TEST_F(LookupTest, AServerThatCannotBeReachedIsToldAtOnce) {
                                 "no name server can be reached: nas.example"}));
 }
 
-TEST_F(LookupTest, ServersThatMakeNoSenseAreAnError) {
+TEST_F(LookupTest, MalformedServersAreAnError) {
     asker.ask("nas.example", "nonsense");
     ASSERT_TRUE(asker.answer);
     EXPECT_EQ(asker.answer->errorCode, tk::error::failed);

@@ -69,7 +69,7 @@ protected:
     std::uint32_t numbers = 0;
 };
 
-TEST_F(ResolverTest, KeepsOfAWaitingRequestOnlyWhatItsAnswerNeeds) {
+TEST_F(ResolverTest, KeepsOnlyTheRoutingOfAWaitingRequest) {
     constexpr std::size_t size = std::size_t{512} * 1024;
     const std::size_t before = ::mallinfo2().uordblks + ::mallinfo2().hblkhd;
     for (std::size_t i = 0; i < Resolver::waitingLimit; ++i) ask("nas.example", std::string(size, 'x'));
@@ -95,7 +95,7 @@ TEST_F(ResolverTest, UnknownNamesEndInAnError) {
     EXPECT_EQ(endOf(1), tk::errorMsg(tk::error::noSuchObject, "unknown host name: nosuch.example"));
 }
 
-TEST_F(ResolverTest, WhatIsNoHostNameIsRefusedAtOnceAndAsksNobody) {
+TEST_F(ResolverTest, ATextThatIsNotAHostNameIsRefusedAtOnceAndAsksNobody) {
     for (const char* text : {"", "192.0.2.1", "a b", "under_score.example", "-a.example"}) {
         loop.bus.posted.clear();
         ask(text);

@@ -28,7 +28,7 @@ TEST(DescriptionBudget, HostMayFillItsShareAndNoMore) {
     EXPECT_EQ(budget.roomFor(mapOf(1, 6), nullptr).reason(), fullShare);
 }
 
-TEST(DescriptionBudget, FullShareHarmsItsOwnerAlone) {
+TEST(DescriptionBudget, FullShareHarmsOnlyItsOwner) {
     DescriptionBudget budget;
     budget.take(mapOf(1, hostLimit));
     EXPECT_EQ(budget.roomFor(mapOf(1, 1), nullptr).reason(), fullShare);
@@ -43,7 +43,7 @@ TEST(DescriptionBudget, AllHostsTogetherHaveALimit) {
     EXPECT_TRUE(budget.roomFor(mapOf(17, hostLimit), nullptr).isOk());
 }
 
-TEST(DescriptionBudget, HostGetsALittleThoughOneWithManyAddressesHasTakenAll) {
+TEST(DescriptionBudget, HostGetsALittleEvenWhenOneWithManyAddressesHasTakenAll) {
     constexpr std::size_t floor = DescriptionBudget::hostFloor;
     DescriptionBudget budget;
     for (std::uint32_t host = 1; host <= 16; ++host) budget.take(mapOf(host, hostLimit));
@@ -54,7 +54,7 @@ TEST(DescriptionBudget, HostGetsALittleThoughOneWithManyAddressesHasTakenAll) {
     EXPECT_EQ(budget.roomFor(mapOf(2000, 1), nullptr).reason(), fullAtAll);
 }
 
-TEST(DescriptionBudget, WhatIsReplacedCountsNoMore) {
+TEST(DescriptionBudget, WhatIsReplacedNoLongerCounts) {
     DescriptionBudget budget;
     const PortMap old = mapOf(1, hostLimit);
     budget.take(old);
@@ -62,7 +62,7 @@ TEST(DescriptionBudget, WhatIsReplacedCountsNoMore) {
     EXPECT_EQ(budget.roomFor(mapOf(1, hostLimit + 1), &old).reason(), fullShare);
 }
 
-TEST(DescriptionBudget, MappingThatAnotherHostChangesCountsToThatHost) {
+TEST(DescriptionBudget, MappingThatAnotherHostChangesCountsForThatHost) {
     DescriptionBudget budget;
     const PortMap old = mapOf(1, hostLimit);
     budget.take(old);
@@ -71,7 +71,7 @@ TEST(DescriptionBudget, MappingThatAnotherHostChangesCountsToThatHost) {
     EXPECT_TRUE(budget.roomFor(mapOf(3, hostLimit), &old).isOk());
 }
 
-TEST(DescriptionBudget, WhatIsGivenBackIsThereAgain) {
+TEST(DescriptionBudget, WhatIsGivenBackIsFreeAgain) {
     DescriptionBudget budget;
     for (int round = 0; round < 40; ++round) {
         ASSERT_TRUE(budget.roomFor(mapOf(1, hostLimit), nullptr).isOk()) << round;

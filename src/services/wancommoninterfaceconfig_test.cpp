@@ -46,7 +46,7 @@ TEST_F(CommonInterface, ReportsFixedLinkProperties) {
     EXPECT_EQ(service.actions.size(), 6u);
 }
 
-TEST_F(CommonInterface, CallsEveryLinkButEthernetOtherWhichItsOwnListLacks) {
+TEST_F(CommonInterface, CallsEveryLinkButEthernetOtherThoughItsListLacksThat) {
     WANCommonInterfaceConfig other(record(512));
     EXPECT_EQ(other.getVar("WANAccessType"), "Other");
     EXPECT_EQ(other.variables.at("WANAccessType")->allowed,
@@ -134,7 +134,7 @@ TEST_F(CommonInterface, AnswersTheSharingActionWithFourQueriesAndSixArgumentsInO
     EXPECT_TRUE(known) << response.body;
 }
 
-TEST_F(CommonInterface, UsesANewRecordFromThenOnAndSetsTheBitRatesAnew) {
+TEST_F(CommonInterface, UsesANewRecordAndSetsTheBitRatesAnew) {
     service.setVar("Layer1UpstreamMaxBitRate", "1");
     service.setVar("Layer1DownstreamMaxBitRate", "2");
     tk::message second;

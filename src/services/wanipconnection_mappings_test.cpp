@@ -136,7 +136,7 @@ TEST_F(PortMappings, AddOfUdpCarriesItsProtocolNumber) {
     EXPECT_EQ(sent(tk::command::addObject), std::vector<tk::message>{createMessage(false, 53, 17, 5353)});
 }
 
-TEST_F(PortMappings, AnyOtherProtocolIsUdpLowerCaseTcpIncluded) {
+TEST_F(PortMappings, AnyOtherProtocolIsUdpEvenLowerCaseTcp) {
     EXPECT_EQ(addMapping({.protocol = "tcp"}), 0);
     EXPECT_EQ(sent(tk::command::addObject), std::vector<tk::message>{createMessage(false, 80, 17, 8080)});
     Texts out;
@@ -163,7 +163,7 @@ TEST_F(PortMappings, RemoteHostThatIsAnAddressIsRefused) {
     EXPECT_EQ(count(), "0");
 }
 
-TEST_F(PortMappings, RemoteHostThatIsNoAddressIsIgnored) {
+TEST_F(PortMappings, RemoteHostThatIsNotAnAddressIsIgnored) {
     int port = 1;
     for (const char* host : {"", "255.255.255.255", "host.example"})
         EXPECT_EQ(addMapping({.remoteHost = host, .externalPort = std::to_string(port++)}), 0) << host;
@@ -324,7 +324,7 @@ TEST_F(PortMappings, AreListedByPortAndTcpBeforeUdpWhateverTheOrderOfCreation) {
     EXPECT_EQ(count(), "5");
 }
 
-TEST_F(PortMappings, SpecificAnswersTheDummyForPort0OfTcpWhateverElseHolds) {
+TEST_F(PortMappings, SpecificAlwaysAnswersTheDummyForPort0OfTcp) {
     service->setShowDummyRule(false);
     addMapping({.externalPort = "0"});
     Texts out;
@@ -387,7 +387,7 @@ TEST_F(PortMappings, DescriptionsOfOneHostAreLimitedAndHarmNoOther) {
     EXPECT_EQ(addMapping({.externalPort = "83", .description = "x"}), 0);
 }
 
-TEST_F(PortMappings, DescriptionCountsToTheHostThatChangedItLast) {
+TEST_F(PortMappings, DescriptionCountsForTheHostThatChangedItLast) {
     const std::string large(std::size_t{1024} * 1024, 'x');
     askAs(client);
     EXPECT_EQ(addMapping({.description = large}), 0);
@@ -397,7 +397,7 @@ TEST_F(PortMappings, DescriptionCountsToTheHostThatChangedItLast) {
     EXPECT_EQ(addMapping({.externalPort = "81", .description = large}), 0);
 }
 
-TEST_F(PortMappings, DestructionRemovesEveryRuleInOrderAndGoesOnBehindAFailure) {
+TEST_F(PortMappings, DestructionRemovesEveryRuleInOrderAndGoesOnAfterAFailure) {
     addMapping({.externalPort = "90"});
     addMapping({.externalPort = "80"});
     takeLog();

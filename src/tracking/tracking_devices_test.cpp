@@ -121,7 +121,7 @@ tk::message page(std::vector<tk::message> records, std::uint32_t next) {
     return reply;
 }
 
-TEST_F(Devices, AreReadPageByPageAPageWithoutRecordsIncluded) {
+TEST_F(Devices, AreReadPageByPageEvenPastAPageWithoutRecords) {
     loop.bus.answer({20, 0}, 1, [](const tk::message& request) {
         switch (request.get_u32(0xFE0003, 0)) {
             case 0:
@@ -201,7 +201,7 @@ TEST_F(Devices, AreFoundByTheirSockets) {
     EXPECT_EQ(tracking.findListener(device->ssdpSocket), nullptr);
 }
 
-TEST_F(Devices, RemovalStopsAStartedRoleBehindItsLogLine) {
+TEST_F(Devices, RemovalStopsAStartedRoleAfterItsLogLine) {
     addDevice(7, Role::internal, "127.0.0.1");
     addDevice(8, Role::external, "198.51.100.1");
     takeLog();
@@ -253,7 +253,7 @@ TEST_F(ConnectedDevice, RemovalDropsItsConnectionsSilently) {
     EXPECT_EQ(takeLog(), "rem dev: if7\nstop int: if7\nsendAdverts\n");
 }
 
-TEST_F(ConnectedDevice, StoppingTheRoleAloneStillAnswersWhatIsOpen) {
+TEST_F(ConnectedDevice, StoppingOnlyTheRoleStillAnswersWhatIsOpen) {
     Device* device = addDevice(7, Role::internal, "127.0.0.1");
     connect();
     tracking.stopInt(device);

@@ -28,7 +28,7 @@ TEST_F(CallbackUrl, AddressPortAndPathAreTakenApart) {
     EXPECT_EQ(callback.path, "/notify");
 }
 
-TEST_F(CallbackUrl, PortIsEightyWhereNoneIsGiven) {
+TEST_F(CallbackUrl, PortIsEightyWhenNoneIsGiven) {
     EXPECT_TRUE(parse("http://192.0.2.9/"));
     EXPECT_EQ(callback.port, 80);
     EXPECT_EQ(callback.path, "/");
@@ -75,7 +75,7 @@ TEST_F(CallbackUrl, OtherBytesOfThePathStayAsTheyAre) {
     EXPECT_EQ(callback.path, "/ ~\x80\xff");
 }
 
-TEST_F(CallbackUrl, HostThatIsNoAddressIsAName) {
+TEST_F(CallbackUrl, HostThatIsNotAnAddressIsAName) {
     EXPECT_TRUE(parse("http://host.example:81/x"));
     EXPECT_EQ(callback.host, "host.example");
     EXPECT_EQ(callback.address, std::nullopt);

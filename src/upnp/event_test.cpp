@@ -125,7 +125,7 @@ TEST_F(Notification, NumberZeroIsNotUsedAgain) {
     EXPECT_EQ(received(second), notify("1", propertySet({{"A", "1"}})));
 }
 
-TEST_F(Notification, IsPutTogetherWhenTheConnectionStands) {
+TEST_F(Notification, IsBuiltOnceConnected) {
     addVariable("A", true, "old");
     start("A");
     addVariable("A", true, "new");

@@ -201,7 +201,7 @@ TEST_F(Gena, EmptyNotificationTypeIsNoRenewal) {
     EXPECT_EQ(send(request).toString(), bare412);
 }
 
-TEST_F(Gena, SubscriptionEndsWhenItsTimeIsOver) {
+TEST_F(Gena, SubscriptionEndsWhenItsTimeIsUp) {
     const std::string sid = subscribeTo("<" + callbackUrl + ">", "Second-2000").get("SID");
     EXPECT_EQ(advance(199999), "");
     EXPECT_EQ(service.subscriptions.size(), 1U);
@@ -209,7 +209,7 @@ TEST_F(Gena, SubscriptionEndsWhenItsTimeIsOver) {
     EXPECT_TRUE(service.subscriptions.empty());
 }
 
-TEST_F(Gena, RenewalLetsTheTimeBeginAnew) {
+TEST_F(Gena, RenewalRestartsTheTime) {
     const std::string sid = subscribeTo("<" + callbackUrl + ">", "Second-86400").get("SID");
     advance(100000);
     renew(sid, "Second-1800");

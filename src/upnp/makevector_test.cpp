@@ -24,7 +24,7 @@ TEST(MakeVector, NothingMakesAnEmptyOne) {
     EXPECT_EQ(makeVector(0), Texts());
 }
 
-TEST(MakeVector, CountAboveTheNumberOfTextsTakesThoseThatAreThere) {
+TEST(MakeVector, CountAboveTheNumberOfTextsTakesThemAll) {
     EXPECT_EQ(makeVector(3, "a"), Texts{"a"});
 }
 

@@ -154,7 +154,7 @@ TEST_F(NamedSubscribers, BeyondTheirHostsShareAreRefusedAndNotAsked) {
     EXPECT_TRUE(loop.bus.requests.empty());
 }
 
-TEST_F(NamedSubscribers, WaitForTheirServiceAlone) {
+TEST_F(NamedSubscribers, WaitOnlyForTheirService) {
     subscribeFor(client, "http://host.example/");
     const Service another{"urn:y"};
     ASSERT_TRUE(client.wait);

@@ -115,7 +115,7 @@ TEST_F(Soap, LastByteOfAQuotedSoapActionGoesWhateverItIs) {
     EXPECT_EQ(post("\"" + type + "#LightX", envelope(lightCall)).title, "HTTP/1.1 200 OK");
 }
 
-TEST_F(Soap, TypeInSoapActionIsNotLookedAt) {
+TEST_F(Soap, TypeInSoapActionIsIgnored) {
     EXPECT_EQ(post("urn:schemas-upnp-org:service:Door:1#Light", envelope(lightCall)).title,
               "HTTP/1.1 200 OK");
     EXPECT_EQ(post("Light", envelope(lightCall)).title, "HTTP/1.1 200 OK");
@@ -127,7 +127,7 @@ TEST_F(Soap, ActionNameBeginsAtTheFirstHash) {
                   "action: x#Light\nPOST: XML has no such action");
 }
 
-TEST_F(Soap, SoapActionOfQuotesAloneNamesNoAction) {
+TEST_F(Soap, SoapActionOfOnlyQuotesNamesNoAction) {
     for (const char* header : {"\"", "\"\""})
         expectBare400(post(header, envelope(lightCall)), "action: \nPOST: XML has no such action");
 }

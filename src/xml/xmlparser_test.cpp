@@ -70,7 +70,7 @@ TEST(XMLParser, EmptyLeafTakesTheTextOfTheLeafBeforeIt) {
     EXPECT_EQ(rootElement("<a><b>1</b><c></c></a>").children, (std::vector<XMLNode>{{"b", "1"}, {"c", "1"}}));
 }
 
-TEST(XMLParser, EmptyLeafBehindNoTextIsEmpty) {
+TEST(XMLParser, EmptyLeafWithoutTextBeforeItIsEmpty) {
     EXPECT_EQ(rootElement("<a><b></b></a>").children, (std::vector<XMLNode>{{"b", ""}}));
 }
 
@@ -110,7 +110,7 @@ TEST(XMLParser, NestingIsLimited) {
     EXPECT_FALSE(XMLParser(repeat("<a>", limit) + "<a/>" + repeat("</a>", limit)).ok);
 }
 
-TEST(XMLParser, NothingIsReadBehindALimit) {
+TEST(XMLParser, NothingIsReadPastALimit) {
     const std::size_t limit = XMLParser::depthLimit;
     const XMLParser parser(repeat("<a>", limit) + "text<b/>" + repeat("</a>", limit));
     EXPECT_FALSE(parser.ok);
@@ -155,7 +155,7 @@ TEST(XMLParser, ADocumentThatDeclaresAnEntityIsMalformed) {
     EXPECT_TRUE(XMLParser("<a>&lt;&amp;&#65;</a>").ok);  // entities that need no declaration
 }
 
-TEST(XMLParser, NothingBehindADeclaredEntityIsRead) {
+TEST(XMLParser, NothingAfterADeclaredEntityIsRead) {
     const XMLParser parser("<!DOCTYPE a [<!ENTITY e \"<b/>\"><!ATTLIST a c CDATA \"d\">]><a>&e;</a>");
     EXPECT_FALSE(parser.ok);
     EXPECT_TRUE(parser.root.children.empty());
