@@ -19,6 +19,7 @@ class HelpText final : public CLI::Formatter {
 public:
     HelpText() { label("Positionals", "Arguments"); }
 
+    /// The parts of the text, in the form that the parser asks for.
     std::string make_usage(const CLI::App* app, std::string name) const override;
     std::string make_subcommands(const CLI::App* app, CLI::AppFormatMode mode) const override;
     std::string make_footer(const CLI::App* app) const override;

@@ -14,8 +14,8 @@ namespace gateway {
 struct HTTPMessage {
     /// An empty message for the daemon's own requests; the title is set by the caller.
     HTTPMessage() = default;
-    /// A response without headers or body. The daemon's own statuses (200, 400, 404, 412, 500, 501) have a
-    /// reason; any other ends in the blank before an empty one.
+    /// A response without headers or body. The statuses that the daemon uses (200, 400, 404, 412, 500, 501)
+    /// have a reason; any other has an empty one, after its blank.
     explicit HTTPMessage(int statusCode);
     /// Parses what has been received so far, by the rules of HTTPProgress.
     /// Errors: none; a malformed message stays incomplete, with what was read before the fault.
@@ -53,8 +53,8 @@ private:
 /// The method in a request's start line: the text before the first blank, or the whole line if there is none.
 std::string methodOf(const std::string& title);
 
-/// The path in a request's start line, with its query: the text between the first blank and the next "
-/// HTTP/". Without " HTTP/" it ends with the line; without a blank it is empty.
+/// The path and query in a request's start line: the text between the first blank and the " HTTP/" after it,
+/// or the end of the line if that is missing. Empty without a blank.
 std::string pathOf(const std::string& title);
 
 }  // namespace gateway

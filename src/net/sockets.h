@@ -7,9 +7,8 @@
 namespace gateway {
 
 /// Opens a UDP socket that is bound to a network device but to no address. A null name counts as empty. The
-/// kernel sees 16 bytes of the name: 16 characters or more are cut.
-/// As with the next two functions, the descriptor is non-blocking and close-on-exec, and the caller closes
-/// it.
+/// kernel sees 16 bytes of the name: one of 16 characters or more is cut. The descriptor is non-blocking and
+/// close-on-exec, as in the next two functions. The caller closes it.
 /// Errors: -1, logged.
 [[nodiscard]] int openUdpSocket(const char* deviceName);
 

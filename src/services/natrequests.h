@@ -11,9 +11,9 @@ namespace gateway {
 /// exchange.
 /// Errors: the error message of the firewall or of a failed exchange (tk::isError).
 
-/// Creates the rule that forwards traffic for `externalAddress` (network order) and the key's port to the
-/// mapping's client and port. The reply carries the new rule's object id. The rule vanishes with this
-/// program's connection.
+/// Creates the rule that forwards traffic for `externalAddress` and the key's port to the mapping's client
+/// and port. The reply carries the new rule's object id. The rule vanishes with this program's connection.
+/// Byte order: network.
 [[nodiscard]] tk::message createNatRule(const Id& id, const PortMap& map, std::uint32_t externalAddress);
 
 /// Gives the rule `map.natId` the target and enabled flag of `map`.

@@ -162,7 +162,7 @@ UPNPStatus WANIPConnection::deletePortMapping(const Arguments& in, Arguments&) {
 }
 
 UPNPStatus WANIPConnection::getGenericPortMappingEntry(const Arguments& in, Arguments& out) {
-    std::uint32_t index = toUnsigned(in.front());  // NewPortMappingIndex alone
+    std::uint32_t index = toUnsigned(in.front());  // NewPortMappingIndex, the only argument
     if (showDummyRule && index == 0) {
         answerKey(out, Id{});
         answerValue(out, dummyMap());

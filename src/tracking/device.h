@@ -41,7 +41,7 @@ public:
     std::uint32_t address = 0;    // the one in use, in network order; 0: none
     Role startedAs = Role::none;  // the started role; `type` may have changed since
     int ssdpSocket = 0;           // internal role; 0 while stopped, -1 if opening failed
-    int httpSocket = 0;           // internal role: the listener; likewise
+    int httpSocket = 0;           // internal role: the listener; values as above
     std::unique_ptr<WANCommonInterfaceConfig> commonConfig;  // external role
     std::unique_ptr<WANIPConnection> ipConnection;           // external role
 

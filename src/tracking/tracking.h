@@ -32,6 +32,8 @@ struct Addr {
 /// interfaces. An internal interface gets sockets and adverts, an external one its WAN device and services.
 ///
 /// Roles start only while UPnP is enabled. Starting a started role or stopping a stopped one does nothing.
+/// Sources, by subject: tracking_devices, tracking_addresses, tracking_roles, tracking_internal,
+/// tracking_external.
 class Tracking {
 public:
     /// Lifetime: all three live until no role is used any more.

@@ -11,6 +11,7 @@ namespace gateway {
 class ActionHandler {
 public:
     virtual ~ActionHandler() = default;
+    /// Carries out the action once.
     virtual UPNPStatus operator()(const std::vector<std::string>& in, std::vector<std::string>& out) = 0;
 };
 
@@ -35,6 +36,7 @@ private:
 class ValueGetter {
 public:
     virtual ~ValueGetter() = default;
+    /// Computes the present value.
     virtual std::string operator()() = 0;
 };
 

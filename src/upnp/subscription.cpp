@@ -23,7 +23,7 @@ void Subscription::expireIn(std::uint32_t seconds) {
 
 std::uint32_t Subscription::takeSeq() {
     const std::uint32_t taken = seq;
-    if (++seq == 0) seq = 1;  // GENA: 0 is for the initial event alone
+    if (++seq == 0) seq = 1;  // GENA: 0 is only for the initial event
     return taken;
 }
 
