@@ -30,7 +30,7 @@ void Batch::add(std::uint16_t type, std::uint16_t flags, const Fill& fill, std::
 
 tk::Status Batch::commit() {
     if (lastOffset == 0) return {};  // nothing to do
-    // One acknowledgement is enough, that of the last message: errors come in any case, and before it.
+    // The acknowledgement of the last message is enough: errors come in any case, and come before it.
     reinterpret_cast<nlmsghdr*>(bytes.data() + lastOffset)->nlmsg_flags |= NLM_F_ACK;
     append(*nftnl_batch_end(scratch.data(), socket.nextSequence()));
     return netlink::transact(socket, bytes, firstSequence, lastSequence);

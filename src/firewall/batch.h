@@ -19,6 +19,7 @@ constexpr std::uint8_t ip6 = 10;
 /// One nf_tables transaction: messages that the kernel commits together or not at all.
 class Batch {
 public:
+    /// Writes the attributes of a message.
     using Fill = std::function<void(nlmsghdr&)>;
 
     /// Lifetime: the socket outlives the batch.
@@ -26,10 +27,12 @@ public:
 
     /// Appends a message for a family. `fill` writes its attributes, at most maximumMessage bytes.
     void add(std::uint16_t type, std::uint16_t flags, const Fill& fill, std::uint8_t family = nft::ip4);
-    /// Sends the transaction, and waits for the kernel to commit or refuse it. The first error counts.
-    /// Errors: netlink::unanswered when there is no answer: the kernel may have committed.
+    /// Sends the transaction, and waits for the kernel to commit or refuse it.
+    /// Errors: the kernel's first one; netlink::unanswered when no answer came, and the kernel may have
+    /// committed.
     tk::Status commit();
 
+    /// The size of the largest message.
     /// Units: bytes.
     static constexpr std::size_t maximumMessage = 128UL * 1024;
 
@@ -38,8 +41,8 @@ private:
 
     netlink::Socket& socket;
     std::uint32_t firstSequence;
-    std::uint32_t lastSequence;  // of the last message proper
-    std::size_t lastOffset = 0;  // where that one starts
+    std::uint32_t lastSequence;  // of the last message before the end marker
+    std::size_t lastOffset = 0;  // where that message starts
     std::vector<char> scratch;
     std::vector<char> bytes;
 };

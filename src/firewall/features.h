@@ -9,9 +9,9 @@
 
 namespace firewall {
 
-/// One thing that the router's table needs of the kernel, and a small table that has it. A value.
+/// Something that the router's table needs from the kernel, with a small table to try it. A value.
 struct Feature {
-    const char* name;          // for people, with the version that brought it
+    const char* name;          // for people, with the kernel version that introduced it
     std::uint32_t tableFlags;  // of the table
     const char* chainType;     // of its one chain
     std::uint32_t hook;
@@ -19,12 +19,12 @@ struct Feature {
     std::uint8_t family = nft::ip4;
 };
 
-/// What the table needs and a kernel may lack, be it too old or built without.
+/// What the table needs and a kernel may lack, because it is too old or was built without it.
 [[nodiscard]] std::span<const Feature> neededFeatures();
 
-/// The name of the first feature that the kernel does not have, empty when it has them all: each is tried for
-/// itself, in a transaction that leaves nothing behind. There must be no table of ours. Those of IPv6 are
-/// tried where `withIp6`.
+/// The name of the first feature that the kernel lacks; empty when it has them all. Each one is tried on its
+/// own, in a transaction that leaves nothing behind. Our table must not exist yet.
+/// `withIp6`: the features for IPv6 are tried too.
 [[nodiscard]] std::string missingFeature(netlink::Socket& socket, std::span<const Feature> features,
                                          bool withIp6);
 

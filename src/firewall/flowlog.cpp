@@ -22,10 +22,11 @@ namespace firewall {
 
 namespace {
 
-constexpr std::uint32_t shownBytes = 64;  // of each packet: the longest IPv4 header, and the ports after it
+// Of each packet: the longest IPv4 header, and the ports after it.
+constexpr std::uint32_t shownBytes = 64;
 constexpr int bufferBytes = 1024 * 1024;
 constexpr int datagramsPerTurn = 256;
-constexpr std::uint32_t wordBytes = 4;  // in which the length of an IPv4 header is told
+constexpr std::uint32_t wordBytes = 4;  // the unit of the length of an IPv4 header
 constexpr std::size_t requestBytes = 256;
 
 constexpr netlink::AttributeRule packetRules[] = {{NFULA_PAYLOAD, MNL_TYPE_UNSPEC, 0}};
@@ -87,14 +88,14 @@ tk::Status FlowLog::open() {
     return status;
 }
 
-/// True when the kernel would remove a flow: of one that nobody has it says so.
+/// True when the kernel can remove flows: asked to remove one that does not exist, it says so.
 bool FlowLog::removes() {
     std::array<char, requestBytes> buffer;
     const FlowTuple nobodys{{htonl(INADDR_LOOPBACK), IPPROTO_UDP, 0}, htonl(INADDR_LOOPBACK), 0};
     return netlink::request(socket, *putRemoval(buffer.data(), nobodys)).code() == ENOENT;
 }
 
-/// Asks for the beginning of each packet, at once.
+/// Asks for the beginning of each packet, without delay.
 tk::Status FlowLog::configure() {
     std::array<char, requestBytes> buffer;
     constexpr std::uint16_t type = NFNL_SUBSYS_ULOG << 8 | NFULNL_MSG_CONFIG;
@@ -110,7 +111,7 @@ tk::Status FlowLog::configure() {
     if (result.code() == EPERM)
         return tk::Status::failure("nfnetlink_log: no permission, or another process listens to group " +
                                    std::to_string(flowLogGroup));
-    // Old kernels say of a module that is not there that the message is not valid.
+    // When the module is missing, old kernels say that the message is not valid.
     if (result.code() == EINVAL || result.code() == EOPNOTSUPP)
         return tk::Status::failure("nfnetlink_log: this kernel lacks it (Linux 2.6.14)");
     return result.prefixed("nfnetlink_log: ");
@@ -119,7 +120,7 @@ tk::Status FlowLog::configure() {
 void FlowLog::ready(int, std::uint32_t) {
     for (int i = 0; i < datagramsPerTurn; ++i) {
         const auto result = socket.receive(0, [this](const nlmsghdr& message) { take(message); });
-        // What was lost is shown again with the flow's next packet.
+        // A flow whose packet was lost here is shown again with its next packet.
         if (result == netlink::Socket::Received::nothing || result == netlink::Socket::Received::failed)
             break;
     }
@@ -130,7 +131,7 @@ void FlowLog::take(const nlmsghdr& message) {
     if (message.nlmsg_type == NLMSG_ERROR) {
         const tk::Status result = netlink::outcomeOf(message);
         if (result.isOk() || result.code() == ENOENT || std::exchange(reported, true))
-            return;  // it may have ended
+            return;  // ENOENT: the flow may have ended
         return tk::log("nat: flows cannot be removed: ", result.reason());
     }
     if (message.nlmsg_type != (NFNL_SUBSYS_ULOG << 8 | NFULNL_MSG_PACKET)) return;

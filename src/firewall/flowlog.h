@@ -17,7 +17,7 @@ namespace firewall {
 
 using contract::NatKey;
 
-/// Whose packets are of one flow, as its first one was sent. A value.
+/// The two ends of a flow, as its first packet named them. A value.
 /// Byte order: the address in network order, the port in host order.
 struct FlowTuple {
     NatKey key;  // where it was sent to
@@ -27,16 +27,16 @@ struct FlowTuple {
     auto operator<=>(const FlowTuple&) const = default;
 };
 
-/// Reads the beginning of an IPv4 packet. Empty for all but TCP and UDP, and for what is cut off.
+/// Reads the beginning of an IPv4 packet. Empty unless it is TCP or UDP, and for a packet that is cut off.
 [[nodiscard]] std::optional<FlowTuple> parseFlow(std::span<const char> packet);
 
-/// Takes single flows out of the kernel's table of connections: those whose packets the router's table shows
-/// in the packet log. The next packet of such a flow then goes where the rules lead now. The table limits how
-/// many it shows in a second.
+/// Removes single flows from the kernel's table of connections: those whose packets the router's table shows
+/// in the packet log. The flow's next packet then goes where the rules lead now. The table limits how many
+/// packets it shows each second.
 class FlowLog {
 public:
-    /// Begins to listen.
-    /// Lifetime: there is a loop from now on until the object is gone.
+    /// Starts listening.
+    /// Lifetime: the loop outlives the object.
     tk::Status open();
 
 private:
@@ -48,8 +48,8 @@ private:
 
     netlink::Socket socket;
     tk::Watch watch;
-    std::set<FlowTuple> shown;  // several packets of one flow may be
-    bool reported = false;      // that a flow cannot be removed
+    std::set<FlowTuple> shown;  // a set, because a flow may show several packets
+    bool reported = false;      // the log says that a flow cannot be removed
 };
 
 }  // namespace firewall

@@ -18,7 +18,7 @@ namespace firewall {
 
 namespace {
 
-// The types of nft(8), six bits each: so it shows the elements as what they are.
+// The types of nft(8), six bits each. They make it show the elements in their own form.
 constexpr std::uint32_t typeAddress = 7;
 constexpr std::uint32_t typeProtocol = 12;
 constexpr std::uint32_t typePort = 13;
@@ -30,7 +30,8 @@ constexpr std::uint32_t targetType = typeAddress << typeBits | typePort;
 constexpr std::uint32_t liveType = keyType << 2 * typeBits | targetType;
 constexpr std::uint32_t hairpinType = typeInterface << typeBits | typeInterface;
 
-constexpr std::uint32_t mapNumber = 1;  // of the sets within their transaction
+// The numbers of the sets within their transaction.
+constexpr std::uint32_t mapNumber = 1;
 constexpr std::uint32_t hairpinNumber = 2;
 constexpr std::uint32_t insideNumber = 3;
 constexpr std::uint32_t usersNumber = 4;
@@ -39,14 +40,15 @@ constexpr std::uint32_t requestsNumber = 6;
 constexpr std::uint32_t connectionsNumber = 7;
 constexpr std::uint32_t liveNumber = 8;
 constexpr std::uint32_t usersNumberOfIp6 = 9;
-constexpr std::uint32_t sourceLimit = 65536;  // of a set of sources; those beyond it are not limited
+// The size of a set of sources. Sources beyond it are not limited.
+constexpr std::uint32_t sourceLimit = 65536;
 constexpr std::int32_t priorityAfterDstnat = -90;
 constexpr std::int32_t priorityBeforeFilter = -10;
 constexpr std::int32_t priorityFilter = 0;
 constexpr std::int32_t prioritySrcnat = 100;
-constexpr std::size_t entriesPerMessage = 512;  // well within the 64 KiB that a list may take
+constexpr std::size_t entriesPerMessage = 512;  // well within the 64 KiB of a list
 
-/// A key of the map as the kernel's registers hold it: each part in 32 bits of its own.
+/// A key of the map as the kernel's registers hold it: each part takes 32 bits.
 struct KeyBytes {
     std::uint32_t address;  // network order
     std::uint8_t protocol;
@@ -94,7 +96,7 @@ SetObject makeSet(const char* name, std::uint8_t family = nft::ip4) {
     return set;
 }
 
-/// A set that is to be made.
+/// A set to be made.
 SetObject makeSet(const char* name, std::uint32_t number, std::uint32_t keyType, std::size_t keyBytes,
                   std::uint8_t family = nft::ip4) {
     SetObject set = makeSet(name, family);
@@ -120,7 +122,8 @@ void addMap(Batch& batch) {
 
 void addUserSet(Batch& batch, std::uint32_t number, std::uint8_t family) {
     const SetObject set = makeSet(nft::guarded, number, typeUser, sizeof(std::uint32_t), family);
-    // A note for nft(8), which would else show the numbers with their bytes reversed: type, length, value.
+    // A note for nft(8), which would otherwise show the numbers with their bytes reversed: type, length,
+    // value.
     constexpr std::uint8_t hostOrder[] = {NFTNL_UDATA_SET_KEYBYTEORDER, 4, 1, 0, 0, 0};
     nftnl_set_set_data(set.get(), NFTNL_SET_USERDATA, hostOrder, sizeof hostOrder);
     addSet(batch, set, family);
@@ -162,7 +165,7 @@ TargetBytes bytesOf(const NatTarget& target) {
     return {target.address, htons(target.port), 0};
 }
 
-/// Puts a key among a set's elements, with a target where it is a map's.
+/// Puts a key among a set's elements, with a target when the set is a map.
 template <typename Key>
 void put(const SetObject& set, const Key& key, const TargetBytes* target = nullptr, std::uint32_t flags = 0) {
     nftnl_set_elem* entry = nftnl_set_elem_alloc();
@@ -172,7 +175,7 @@ void put(const SetObject& set, const Key& key, const TargetBytes* target = nullp
     nftnl_set_elem_add(set.get(), entry);  // the set owns it from now on
 }
 
-/// Appends one change of one set. `putEntry` puts what an entry stands for among the set's elements.
+/// Appends one change of one set. `putEntry` puts the elements of an entry into the set.
 template <typename Entry, typename PutEntry>
 void changeSet(Batch& batch, Change change, const char* name, std::span<const Entry> entries,
                PutEntry putEntry, std::uint8_t family = nft::ip4) {
@@ -213,7 +216,7 @@ void addChain(Batch& batch, const char* name, const char* type, std::uint32_t ho
 }
 
 void removeTable(Batch& batch, bool isOurs, std::uint8_t family) {
-    // To remove what may be absent, it is first made sure that it is there.
+    // The table may be absent, and then removing it would fail. So it is added first.
     addTable(batch, isOurs ? ownerFlag : 0, family);
     const TableObject table = makeTable(0, family);
     batch.add(
@@ -295,7 +298,7 @@ void changeHairpins(Batch& batch, Change change, std::span<const std::uint32_t> 
 void changeInside(Batch& batch, Change change, std::span<const links::AddressRange> ranges) {
     changeSet(batch, change, nft::inside, ranges, [](const SetObject& set, const links::AddressRange& range) {
         put(set, htonl(range.first));
-        // The end is the first address after it; what reaches to the last one has none.
+        // The end is the first address after the range. A range that reaches the last address has no end.
         if (range.last + 1 != 0) put(set, htonl(range.last + 1), nullptr, NFT_SET_ELEM_INTERVAL_END);
     });
 }

@@ -20,13 +20,12 @@ struct Element {
     bool operator==(const Element&) const = default;
 };
 
-/// What the configuration says of the guard around the gateway daemon. In the limits 0 stands for none.
-/// A value.
+/// What the configuration says about the guard around the gateway daemon. A limit of 0 means none. A value.
 struct GuardConfig {
-    bool limitsConnections = true;          // of the daemon: whatever it sends goes to hosts inside
+    bool limitsConnections = true;          // the daemon can send only to hosts inside
     std::uint32_t searchesPerSecond = 200;  // datagrams to UDP 1900 from one source
     std::uint32_t requestsPerSecond = 0;    // connections to TCP 2828 from one source
-    std::uint32_t connections = 0;          // that one source may have with TCP 2828 at once
+    std::uint32_t connections = 0;          // at once from one source to TCP 2828
 
     bool operator==(const GuardConfig&) const = default;
 };
@@ -69,7 +68,7 @@ struct GuardConfig {
 //         }
 //     }
 //
-// and, for the guard, what the configuration asks for of
+// and, for the guard, as far as the configuration asks for it,
 //
 //         set guarded { type uid }
 //         set inside { type ipv4_addr; flags interval }
@@ -103,46 +102,50 @@ struct GuardConfig {
 //         }
 //     }
 //
-// Our chain comes after those of the usual priority, so that a forward which somebody else made wins. What
-// it translates bears a label, and the chain at forward lets it pass only as long as its rule is live: flows
-// end with their rule, and those that a former process left end with the rule that they had. ended and missed
-// also tell which entries of the kernel's connection table must go for a next packet to find its way.
+// Our chain comes after those of the usual priority, so a forward that somebody else made wins. Connections
+// that our chain translates bear a label, and the chain at forward lets them pass only while their rule is
+// live. So flows end with their rule, and flows left by an earlier process end unless their rule is back. The
+// chains ended and missed also log which entries must leave the kernel's connection table, so that the next
+// packet takes the right way.
 //
-// The chain postrouting is for a host that reaches another one of its own network by the router's external
-// address: the answer must come back through the router. The set holds each inside interface paired with
-// itself. Outside no such host is: when its own network is down, the packets to a rule's target may be routed
-// there, and the router must not lend its address to what comes from outside and goes back there.
+// The chain postrouting serves a host that reaches another one in its own network by the router's external
+// address: the answer must come back through the router. The set hairpin pairs each inside interface with
+// itself. Outside interfaces are left out. When the network of a rule's target is down, packets to the target
+// may be routed outside, and the router must not lend its address to packets that come from outside and go
+// back there.
 
 /// NFT_TABLE_F_OWNER, newer than the headers may be: nobody else can change the table.
 constexpr std::uint32_t ownerFlag = 0x2;
 
-/// Appends the table by itself.
+/// Appends the table itself, with nothing in it.
 void addTable(Batch& batch, std::uint32_t flags, std::uint8_t family = nft::ip4);
-/// Appends a chain that packets come to at a hook.
+/// Appends a chain that a hook sends packets to.
 void addChain(Batch& batch, const char* name, const char* type, std::uint32_t hook, std::int32_t priority,
               std::uint8_t family = nft::ip4);
-/// Appends the removal of the table, whether it is there or not; `isOurs` when it is the socket's own.
+/// Appends the removal of the table, whether it exists or not.
+/// `isOurs`: true when the batch's socket owns the table.
 void removeTable(Batch& batch, bool isOurs, std::uint8_t family = nft::ip4);
-/// Appends the table with everything in it but elements, and with a chain at forward that is still empty:
-/// addFlowEnd() fills it, when the elements of all rules are there.
+/// Appends the table with everything in it except elements. The chain at forward stays empty until the
+/// elements of all rules are there; then addFlowEnd() fills it.
 void createTable(Batch& batch);
-/// Appends what the guard needs in the table, but no element.
+/// Appends what the guard needs in the table, except elements.
 void createGuard(Batch& batch, const GuardConfig& config);
 /// Appends the table for IPv6.
 void createGuardOfIp6(Batch& batch);
-/// Appends users to those whose packets are guarded; in the table for IPv6 as well where there is one.
+/// Appends users to those whose packets are guarded.
+/// `alsoIp6`: true when the table for IPv6 exists; the users are added there too.
 void addUsers(Batch& batch, std::span<const std::uint32_t> users, bool alsoIp6);
 
-/// What is done with what a set holds.
+/// What to do with the entries of a set.
 enum class Change : std::uint8_t { add, remove };
 
 // Append the addition or removal of entries of a set.
 
-/// Elements of the map, and of what is live.
+/// Elements of the map dstnat and of the set live.
 void changeElements(Batch& batch, Change change, std::span<const Element> elements);
-/// Interfaces, by index, in the set for hairpin connections.
+/// Interfaces in the set for hairpin connections, by index.
 void changeHairpins(Batch& batch, Change change, std::span<const std::uint32_t> indexes);
-/// Ranges of inside addresses.
+/// Ranges of addresses in the set inside.
 void changeInside(Batch& batch, Change change, std::span<const links::AddressRange> ranges);
 
 }  // namespace firewall

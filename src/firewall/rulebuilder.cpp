@@ -24,10 +24,10 @@ constexpr std::uint32_t portOffset = 2;         // of the destination port in a 
 constexpr std::uint32_t flagsOffset = 13;       // of the flags in a TCP header
 constexpr std::uint8_t connectionFlags = 0x17;  // FIN, SYN, RST, ACK
 constexpr std::uint8_t synFlag = 0x02;
-constexpr std::uint64_t rateMemory = 60000;  // milliseconds that a source is remembered for
-constexpr std::uint32_t overLimit = 1;       // of a limit or a count: match what is above it
+constexpr std::uint64_t rateMemory = 60000;  // milliseconds for which a source is remembered
+constexpr std::uint32_t overLimit = 1;       // of a limit or a count: match above it
 
-/// The labels of a connection as the kernel keeps them: bits in its own words.
+/// The labels of a connection as the kernel keeps them: bits of words in the host's byte order.
 using Labels = std::array<unsigned long, 16 / sizeof(unsigned long)>;
 
 Labels onlyLabel(std::uint32_t label) {

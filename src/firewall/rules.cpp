@@ -16,16 +16,15 @@ namespace firewall {
 
 namespace {
 
-
 constexpr std::uint8_t searchGroup[] = {239, 255, 255, 250};
 
 constexpr std::uint32_t portOffset = 2;  // of the destination port in a TCP or UDP header
 constexpr std::uint32_t addressOffset = offsetof(iphdr, daddr);
 constexpr std::uint32_t logsPerSecond = 1000;
 
-// Of the 128 labels that a connection can bear. Those who use labels number them from 0.
-constexpr std::uint32_t translatedLabel = 116;  // by the table's map
-constexpr std::uint32_t foreignLabel = 107;     // somebody else wants it to reach the router
+// Two of the 128 labels that a connection can bear. Others usually number theirs from 0.
+constexpr std::uint32_t translatedLabel = 116;  // the table's map translated it
+constexpr std::uint32_t foreignLabel = 107;     // another table made it reach the router
 
 constexpr auto firstPart = RuleBuilder::firstPart;
 constexpr auto secondPart = RuleBuilder::secondPart;
@@ -35,7 +34,7 @@ void loadDestination(RuleBuilder& rule) {
     rule.payload(NFT_PAYLOAD_NETWORK_HEADER, addressOffset, sizeof(std::uint32_t), firstPart);
 }
 
-/// Loads what the map is asked for.
+/// Loads the key to look up in the map.
 void loadMapKey(RuleBuilder& rule) {
     loadDestination(rule);
     rule.meta(NFT_META_L4PROTO, secondPart);
@@ -47,14 +46,14 @@ void writeDestination(RuleBuilder& rule) {
     rule.overwrite(NFT_PAYLOAD_TRANSPORT_HEADER, portOffset, sizeof(std::uint16_t), secondPart);
 }
 
-/// Begins a rule for the datagrams of flows to a mapped port that were begun from outside and are not
-/// translated. `isKnown`: those after the first one.
+/// Starts a rule for datagrams to a mapped port, of flows that began outside and are not translated.
+/// `isKnown`: true for the datagrams after the first one.
 RuleBuilder missedFlow(bool isKnown) {
     RuleBuilder rule(nft::missed);
     const std::uint8_t udp = IPPROTO_UDP;
     rule.meta(NFT_META_L4PROTO, firstPart);
     rule.equals(&udp, sizeof udp);
-    const std::uint16_t loopback = ARPHRD_LOOPBACK;  // the router's own are not translated on purpose
+    const std::uint16_t loopback = ARPHRD_LOOPBACK;  // the router's own are left untranslated on purpose
     rule.meta(NFT_META_IIFTYPE, firstPart);
     rule.differs(&loopback, sizeof loopback);
     rule.isOriginal();
@@ -72,7 +71,7 @@ RuleBuilder guardedPacket(std::uint8_t family) {
     return rule;
 }
 
-/// The set for hairpin connections has each inside interface, paired with itself.
+/// The set for hairpin connections pairs each inside interface with itself.
 void leavesInside(RuleBuilder& rule) {
     rule.meta(NFT_META_OIF, firstPart);
     rule.meta(NFT_META_OIF, secondPart);
@@ -143,7 +142,7 @@ void addHairpinReturn(Batch& batch) {
     rule.original(NFT_CT_DST_IP, firstPart);
     rule.meta(NFT_META_L4PROTO, secondPart);
     rule.original(NFT_CT_PROTO_DST, thirdPart);
-    rule.translate(nft::map);  // only to see that the connection is one of this table's
+    rule.translate(nft::map);  // only to see whether this table knows the connection
     rule.masquerade();
     rule.appendTo(batch);
 }
@@ -152,7 +151,7 @@ void addFlowEnd(Batch& batch) {
     RuleBuilder rule(nft::forward);
     rule.hasLabel(translatedLabel);
     rule.original(NFT_CT_DST_IP, firstPart);
-    // The connection's protocol, not the packet's: an ICMP error belongs to the flow that it tells of.
+    // The connection's protocol, not the packet's: an ICMP error belongs to the flow that it reports.
     rule.connection(NFT_CT_PROTOCOL, secondPart);
     rule.original(NFT_CT_PROTO_DST, thirdPart);
     rule.reply(NFT_CT_SRC_IP, RuleBuilder::fourthPart);
@@ -175,9 +174,9 @@ void addStrayEnd(Batch& batch) {
     own.appendTo(batch);
 }
 
-/// The kernel would keep the entry of a flow whose client goes on sending, and so lead it to the former
-/// target for ever. The log is to tell which entry must go. It shows the packet, not the entry, so the packet
-/// gets back the destination that it came with, and loses it again before it is answered.
+/// While a client keeps sending, the kernel would keep the flow's entry and lead the flow to the former
+/// target for ever. So the log shows which entry must go. It shows the packet rather than the entry: the
+/// packet gets back its original destination for the log, and loses it again before it is answered.
 void addFarewell(Batch& batch) {
     RuleBuilder log(nft::ended);
     log.isOriginal();
@@ -201,9 +200,9 @@ void addFarewell(Batch& batch) {
     rest.appendTo(batch);
 }
 
-/// A flow from before its port was mapped has an entry that leads to the router: the log tells that it is to
-/// go. One that begins while the port is mapped and comes here nevertheless was sent here by another table,
-/// which would do so again. Its label says that it is to be left alone.
+/// A flow that began before its port was mapped has an entry that leads to the router. The log shows that the
+/// entry must go. A flow that begins while the port is mapped, and still comes here, was sent by another
+/// table, which would send it here again. Its label says to leave it alone.
 void addMissedFlows(Batch& batch) {
     RuleBuilder foreign = missedFlow(false);
     loadMapKey(foreign);
@@ -232,8 +231,8 @@ void addGuardOfIp6(Batch& batch) {
     refuseAll(batch, [] { return guardedPacket(nft::ip6); });
 }
 
-/// Whoever is not inside would get no answer, but forged sources by the thousand would cost the others
-/// theirs.
+/// Hosts that are not inside would get no answer anyway, but thousands of forged sources would cost the other
+/// hosts theirs.
 void addSearchOrigin(Batch& batch) {
     RuleBuilder rule(nft::input);
     rule.isTo(IPPROTO_UDP, contract::ssdpPort);

@@ -19,7 +19,7 @@ constexpr const char* forward = "forward";
 constexpr const char* ended = "ended";
 constexpr const char* missed = "missed";
 
-// Of the guard.
+// For the guard.
 constexpr const char* guarded = "guarded";
 constexpr const char* inside = "inside";
 constexpr const char* daemon = "daemon";
@@ -31,21 +31,21 @@ constexpr const char* input = "input";
 
 }  // namespace nft
 
-/// The group of the kernel's packet log that tells of the flows whose entry is to go.
+/// The group of the kernel's packet log that shows the flows whose entries must go.
 constexpr std::uint16_t flowLogGroup = 29803;
 
-/// Appends the one rule of the prerouting chain: a connection to one of the router's addresses goes where the
-/// map says, and bears the table's label from then on.
+/// Appends the only rule of the prerouting chain: a connection to one of the router's addresses goes where
+/// the map says, and bears the table's label from then on.
 void addTranslation(Batch& batch);
 
-/// Appends the one rule of the postrouting chain: a translated connection that leaves by the interface it
+/// Appends the only rule of the postrouting chain: a translated connection that leaves by the interface it
 /// came in by gets the router's address as its source.
 void addHairpinReturn(Batch& batch);
 
-/// Appends the one rule of the forward chain: what bears the label and is not of a live rule has ended.
+/// Appends the rule of the forward chain that ends a connection with the label but without a live rule.
 void addFlowEnd(Batch& batch);
-/// Appends a rule to the forward and one to the input chain: a translated connection whose target is not
-/// inside any more, or has become the router itself, ends.
+/// Appends a rule to the forward chain and one to the input chain: a translated connection ends when its
+/// target is no longer inside, or has become the router itself.
 void addStrayEnd(Batch& batch);
 
 /// Appends the rules of the chain for flows that have ended.
@@ -54,14 +54,16 @@ void addFarewell(Batch& batch);
 /// Appends the rules of the chain for UDP flows that reach the router although their port is mapped.
 void addMissedFlows(Batch& batch);
 
-/// Appends the rules of the output chain, and of the one for what guarded users send: inside, and not to the
-/// router itself.
+/// Appends the rules of the output chain and of the chain for what guarded users send: they reach hosts
+/// inside, but not the router itself.
 void addGuard(Batch& batch);
 /// Appends the rules of the output chain for IPv6, in which nothing is inside.
 void addGuardOfIp6(Batch& batch);
 
-/// Append the rules of the input chain, each with the number that its set has in the transaction.
-/// `rate`: packets a second from one source. `limit`: connections of one source.
+/// Append the rules of the input chain.
+/// `setNumber`: the number of the rule's set in the transaction.
+/// `rate`: packets a second from one source.
+/// `limit`: connections of one source.
 void addSearchOrigin(Batch& batch);
 void addSearchLimit(Batch& batch, std::uint32_t setNumber, std::uint32_t rate);
 void addRequestLimit(Batch& batch, std::uint32_t setNumber, std::uint32_t rate);

@@ -19,15 +19,16 @@ namespace firewall {
 
 namespace {
 
-constexpr int bufferBytes = 32 * 1024 * 1024;  // for a transaction that removes all rules of a large table
-constexpr std::uint32_t retryTicks = 100;      // 1 s
-constexpr std::size_t pieceSize = 64;          // what the smallest of socket buffers takes
+// Enough for a transaction that removes all rules of a large table.
+constexpr int bufferBytes = 32 * 1024 * 1024;
+constexpr std::uint32_t retryTicks = 100;  // 1 s
+constexpr std::size_t pieceSize = 64;      // fits the smallest socket buffer
 
-// Why the table is made anew.
+// Why the table is made again.
 constexpr const char* changeUnanswered = "the kernel did not tell what became of a change";
 constexpr const char* changeRefused = "the kernel refused a change before";
 
-/// True unless the kernel knows nothing of IPv6, which nobody can send then.
+/// True when the kernel knows IPv6. If it does not, nobody can send IPv6.
 bool hasIp6() {
     const tk::Fd attempt(::socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     return attempt.isOpen() || errno != EAFNOSUPPORT;
@@ -39,7 +40,7 @@ Numbers listOf(const std::set<std::uint32_t>& numbers) {
     return {numbers.begin(), numbers.end()};
 }
 
-/// What `left` has and `right` has not. Both are sorted.
+/// What is in `left` but not in `right`. Both are sorted.
 template <typename List>
 auto without(const List& left, const List& right) {
     std::vector<typename List::value_type> out;
@@ -47,7 +48,7 @@ auto without(const List& left, const List& right) {
     return out;
 }
 
-/// Appends one piece for each so many of all.
+/// Appends a piece for every `pieceSize` entries.
 template <typename Entry, typename Append>
 void cut(std::span<const Entry> all, std::vector<std::function<void(Batch&)>>& out, Append append) {
     while (!all.empty()) {
@@ -59,7 +60,7 @@ void cut(std::span<const Entry> all, std::vector<std::function<void(Batch&)>>& o
     }
 }
 
-/// The same for what a set of the table is to hold.
+/// The same for the entries that a set of the table should hold.
 template <typename Entry>
 void cut(const std::vector<Entry>& all, std::vector<std::function<void(Batch&)>>& out,
          void (*change)(Batch&, Change, std::span<const Entry>)) {
@@ -100,8 +101,8 @@ void Table::addEnds(Batch& batch) const {
     if (checksTargets) addStrayEnd(batch);
 }
 
-/// What the table consists of, in the order in which it is made. Flows are looked at last, when all that
-/// they are compared with is there.
+/// What the table consists of, in the order in which it is made. The chains that end flows come last, when
+/// everything that flows are compared with is there.
 std::vector<Table::Fill> Table::pieces() const {
     std::vector<Fill> out;
     out.push_back([this](Batch& batch) {
@@ -112,7 +113,7 @@ std::vector<Table::Fill> Table::pieces() const {
         removeTable(batch, isMade, nft::ip6);
         createGuardOfIp6(batch);
     });
-    // The users first: they are never free to send.
+    // The users come first: they must never be free to send.
     if (guard.limitsConnections) {
         const Numbers users = listOf(guarded);
         cut<std::uint32_t>(users, out, [this](Batch& batch, std::span<const std::uint32_t> part) {
@@ -126,7 +127,7 @@ std::vector<Table::Fill> Table::pieces() const {
     return out;
 }
 
-/// Sends pieces in one transaction, or where the socket does not take that, in as many as it takes.
+/// Sends pieces in one transaction, or in several when one is too large for the socket.
 tk::Status Table::send(std::span<const Fill> fills) {
     Batch batch(socket);
     for (const Fill& fill : fills) fill(batch);
@@ -155,7 +156,7 @@ tk::Status Table::makeAnew() {
     return result;
 }
 
-/// Sends one change, to a table that is what it should be.
+/// Sends one change. If the table is in doubt, it is made again first.
 tk::Status Table::attempt(const Fill& fill) {
     if (doubt)
         if (tk::Status result = makeAnew(); !result.isOk()) return result;
@@ -166,8 +167,8 @@ tk::Status Table::attempt(const Fill& fill) {
     return result;
 }
 
-/// Brings a change about.
-/// Errors: the table is as it was before, or is made so as soon as that is possible.
+/// Makes a change.
+/// Errors: the table is as it was before, or is made so as soon as possible.
 tk::Status Table::change(const Fill& fill) {
     const bool wasSure = doubt == nullptr;
     tk::Status result = attempt(fill);
@@ -176,8 +177,8 @@ tk::Status Table::change(const Fill& fill) {
     return result;
 }
 
-/// Brings about what must be sooner or later. The caller notes it down, whatever the kernel says now: the
-/// table is made anew with it when the kernel refuses.
+/// Makes a change that must come into effect sooner or later. The caller records it even if the kernel
+/// refuses it now: the table is then made again with it.
 void Table::insist(const Fill& fill, const std::string& trouble) {
     const tk::Status result = change(fill);
     if (result.isOk()) return;

@@ -16,11 +16,11 @@
 
 namespace firewall {
 
-/// Whose rules are in the kernel. It is asked when they have to be put there anew.
+/// The owner of the rules in the kernel. It is asked when they must be put there again.
 class ElementOwner {
 public:
     virtual ~ElementOwner() = default;
-    /// The elements of all enabled rules: what was committed, less what was taken out.
+    /// The elements of all enabled rules: what was committed, without what was taken out.
     [[nodiscard]] virtual std::vector<Element> elements() const = 0;
 };
 
@@ -28,44 +28,44 @@ public:
 class Kernel {
 public:
     virtual ~Kernel() = default;
-    /// Takes elements out and puts others in, all or nothing; a key may be in both lists with another target.
-    /// The owner changes what it tells after a success, and before anything else.
-    /// Errors: the kernel's text; nothing has changed then, or it is undone as soon as that is possible.
+    /// Takes elements out and puts others in, all or nothing. A key may be in both lists with different
+    /// targets. After a success the owner first updates what its elements() returns.
+    /// Errors: the kernel's text; nothing has changed, or the change is undone as soon as possible.
     virtual tk::Status commit(std::span<const Element> removed, std::span<const Element> added) = 0;
 };
 
-/// The router's table in nf_tables, and the one that guards IPv6 beside it. They are owned by the socket of
-/// this object: nobody else can change them, and they go with the process, however that ends.
+/// The router's table in nf_tables, and the table that guards IPv6. This object's socket owns them: nobody
+/// else can change them, and they go when the process ends, however that happens.
 ///
-/// A change whose outcome the kernel does not tell is settled by making the tables anew as they were.
+/// When the kernel does not tell the outcome of a change, the tables are made again as they were before it.
 class Table final : public Kernel, public links::InsideWatcher {
 public:
-    /// `checksTargets`: connections to targets that are not inside, or not any more, are ended.
+    /// `checksTargets`: connections are ended when their target is not inside.
     explicit Table(const GuardConfig& guard = {}, bool checksTargets = true)
         : guard(guard), checksTargets(checksTargets) {}
     Table(const Table&) = delete;
     Table& operator=(const Table&) = delete;
 
-    /// Makes the table, in place of one that was left behind. Flows of rules are let pass, whosever they
-    /// were, until endFlows().
-    /// Errors: also when another process owns the table, and when the kernel lacks something that the table
-    /// needs.
+    /// Makes the table, and replaces one that was left behind. Until endFlows(), flows pass whether or not
+    /// their rule is present.
+    /// Errors: the kernel's text; also when another process owns the table, or the kernel lacks something
+    /// that the table needs.
     tk::Status open();
-    /// Says whose rules the table holds; without an owner none are put into a table that is made anew.
-    /// Lifetime: the owner is there as long as anything changes the table.
+    /// Sets the owner of the rules. Without one, a table that is made again has no rules.
+    /// Lifetime: the owner outlives every change of the table.
     void setOwner(const ElementOwner& rulesOwner) { owner = &rulesOwner; }
-    /// Ends the flows that are not of a present rule, from now on: those of a former process, and of each
-    /// rule that goes. Call once the rules are there whose flows shall live on.
+    /// From now on, ends the flows that have no present rule: those of an earlier process, and those of each
+    /// rule that goes. Call it once the rules whose flows should live on are there.
     tk::Status endFlows();
 
     tk::Status commit(std::span<const Element> removed, std::span<const Element> added) override;
 
-    // What the kernel refuses of these is logged, and tried again each second.
+    // When the kernel refuses one of these, that is logged, and it is tried again every second.
 
-    /// Limits what a user's processes send to hosts inside, from now on for as long as the table exists.
+    /// Lets a user's processes send only to hosts inside, for as long as the table exists.
     void guardUser(std::uint32_t user);
-    /// The guard lets its users send to these addresses alone, and a connection may come back through these
-    /// interfaces alone.
+    /// Lets guarded users send only to these addresses, and lets a connection leave by the interface it came
+    /// in by only where that is one of these interfaces.
     void insideChanged(const links::Inside& now) override;
 
 private:
@@ -88,14 +88,14 @@ private:
     bool guardsIp6 = false;
     const GuardConfig guard;
     const bool checksTargets;
-    // What is in the table, and what it is made anew from.
+    // What the table holds, and what it is made again from.
     links::Inside inside;
     std::set<std::uint32_t> guarded;  // users
     const ElementOwner* owner = nullptr;
     bool endsFlows = false;
-    const char* doubt = nullptr;  // why the table may be different from that; null when it is not
-    bool reported = false;        // that it cannot be made anew
-    bool isMending = false;       // as soon as the timer ends
+    const char* doubt = nullptr;  // why the table may differ from that; null when it does not
+    bool reported = false;        // the log says that the table cannot be made again
+    bool isMending = false;       // the timer runs, and then the table is made again
     tk::Timer<Table, &Table::mend> mendTimer{*this};
 };
 
