@@ -20,7 +20,7 @@ namespace {
 
 constexpr const char* loopback = "lo";
 
-/// Where a socket of our own listens, reached over loopback alone; 0 where that is not possible.
+/// Binds a socket of our own to loopback, and returns its port; 0 when that fails.
 std::uint16_t listen(const tk::Fd& socket, bool isTcp) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -33,9 +33,9 @@ std::uint16_t listen(const tk::Fd& socket, bool isTcp) {
     return ntohs(address.sin_port);
 }
 
-/// True when a socket has the UDP port that the look-up does not show, for it is connected to a peer of its
-/// own, as those of tunnels are.
-/// Errors: false, also when that cannot be tried.
+/// True when a socket has the UDP port but the look-up does not show it, because the socket is connected to a
+/// peer, as tunnels' sockets are.
+/// Errors: false when that cannot be tried.
 bool isBound(const NatKey& key, std::uint32_t interface) {
     const tk::Fd attempt(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     const int index = static_cast<int>(interface);
@@ -58,7 +58,7 @@ tk::Status SocketListeners::open() {
     return status.isOk() ? findsOwn(IPPROTO_UDP) : status;
 }
 
-/// A kernel that cannot look such sockets up answers as if there were none.
+/// A kernel without such look-ups answers as if there were no socket.
 tk::Status SocketListeners::findsOwn(std::uint8_t protocol) {
     const bool isTcp = protocol == IPPROTO_TCP;
     const tk::Fd own(::socket(AF_INET, (isTcp ? SOCK_STREAM : SOCK_DGRAM) | SOCK_CLOEXEC, protocol));
@@ -79,8 +79,8 @@ tk::Result<bool> SocketListeners::isTaken(const NatKey& key, std::uint32_t inter
         static_cast<inet_diag_req_v2*>(mnl_nlmsg_put_extra_header(message, sizeof(inet_diag_req_v2)));
     wanted->sdiag_family = AF_INET;
     wanted->sdiag_protocol = key.protocol;
-    // The packet came from nobody in particular. For UDP the kernel takes the two ends as those of the
-    // packet, for TCP as those of the socket.
+    // The packet has no particular source. For UDP the kernel reads the two ends as the packet's, for TCP as
+    // the socket's.
     const bool isTcp = key.protocol == IPPROTO_TCP;
     (isTcp ? wanted->id.idiag_src[0] : wanted->id.idiag_dst[0]) = key.destination;
     (isTcp ? wanted->id.idiag_sport : wanted->id.idiag_dport) = htons(key.port);

@@ -10,19 +10,21 @@ namespace nat {
 
 using contract::NatKey;
 
-/// Knows where programs of the router wait to be called. Replaced by a fake in tests.
+/// Knows on which ports programs of the router listen. Replaced by a fake in tests.
 class Listeners {
 public:
     virtual ~Listeners() = default;
-    /// Whether a socket takes what arrives for a key at an interface (its index).
+    /// True when a socket receives what arrives for a key at an interface, given by its index.
+    /// Errors: when the kernel cannot tell.
     virtual tk::Result<bool> isTaken(const NatKey& key, std::uint32_t interface) = 0;
 };
 
-/// Asks the kernel for the very socket that it would give the packet to: one look-up, whatever the number of
-/// sockets. What is bound to another interface or address, or connected to somebody, is not it.
+/// Asks the kernel which socket it would give a packet to. That is one look-up, however many sockets there
+/// are. It does not find sockets that are bound to another interface or address, or connected to a peer.
 class SocketListeners final : public Listeners {
 public:
-    /// Finds out whether the kernel can tell.
+    /// Opens the socket to the kernel.
+    /// Errors: when the kernel cannot do such look-ups.
     tk::Status open();
 
     tk::Result<bool> isTaken(const NatKey& key, std::uint32_t interface) override;

@@ -109,7 +109,8 @@ TEST_P(ListenersTest, AServiceForAnotherAddressOrInterfaceIsNotFound) {
 
 TEST_P(ListenersTest, ASocketThatIsConnectedToSomebodyTakesItsPortForUdpAlone) {
     const tk::Fd client = make();
-    if (!isTcp()) {  // a tunnel's end: whoever got the port would get what its peer sends
+    // The end of a tunnel: a host that got the port would get what the tunnel's peer sends.
+    if (!isTcp()) {
         serve(client, "198.51.100.1");
         sockaddr_in peer{AF_INET, htons(53), {address("198.51.100.2")}, {}};
         ASSERT_EQ(::connect(client.get(), reinterpret_cast<sockaddr*>(&peer), sizeof peer), 0);

@@ -12,7 +12,7 @@ namespace nat {
 
 namespace {
 
-/// What is wrong with an address by itself, null when nothing is.
+/// What is wrong with an address in itself; null when nothing is.
 /// Byte order: network.
 const char* faultOf(std::uint32_t address) {
     const std::uint32_t host = ntohl(address);
@@ -23,7 +23,7 @@ const char* faultOf(std::uint32_t address) {
     return nullptr;
 }
 
-/// True when the list names the port; an empty one names them all.
+/// True when the list names the port, or is empty.
 bool has(const std::vector<PortRange>& ranges, std::uint16_t port) {
     return ranges.empty() || std::any_of(ranges.begin(), ranges.end(),
                                          [port](const PortRange& range) { return range.contains(port); });
@@ -60,7 +60,7 @@ tk::Status Policy::allowsPorts(const firewall::Element& element) const {
                    " refused: it is not among those configured");
 }
 
-/// What is wrong with a target, empty when nothing is.
+/// What is wrong with a target; empty when nothing is.
 std::string Policy::faultOfTarget(std::uint32_t address) const {
     if (const char* fault = faultOf(address)) return fault;
     if (zones.isOwn(address)) return "it is an address of the router itself";

@@ -11,15 +11,15 @@
 
 namespace nat {
 
-/// Decides which ports are the router's own, and not to be had by a program: those that the configuration
-/// names, and those where a service of the router can be reached from outside.
+/// Decides which ports are the router's own, so that no program gets them: the ports that the configuration
+/// names, and those on which a service of the router can be reached from outside.
 class RouterPorts {
 public:
     /// Lifetime: zones and listeners outlive the object.
     RouterPorts(const links::Zones& zones, Listeners& listeners, std::vector<PortRange> configured = {})
         : zones(zones), listeners(listeners), configured(std::move(configured)) {}
 
-    /// Whether a program may have a rule of this key.
+    /// Success when a program may have a rule with this key.
     /// Errors: tk::error::refused.
     tk::Status areFreeFor(const NatKey& key) const;
 

@@ -15,7 +15,7 @@ namespace {
 namespace field = contract::rulefield;
 
 constexpr std::uint32_t highestPort = 65535;
-constexpr std::uint32_t firstObjectField = 0xFE0000;  // from here on fields are the bus's own
+constexpr std::uint32_t firstObjectField = 0xFE0000;  // from here on, fields belong to the bus
 
 constexpr std::uint32_t knownFields[] = {
     field::dstPortFirst, field::dstPortLast,     field::protocol,       field::chain,
@@ -24,7 +24,7 @@ constexpr std::uint32_t knownFields[] = {
     field::toPortFirst,  field::toPortLast,      field::hasToAddress,   field::hasToPort,
 };
 
-/// The two ends of a range, which must be one value, and the flag that says whether they count.
+/// The two ends of a range, which must be equal, and the flag that is true when they count.
 struct Range {
     const char* name;
     tk::FieldType type;  // be32 for an address, u32 for a port
@@ -44,12 +44,12 @@ constexpr Range aimedAt[] = {
     {"the target port", tk::FieldType::u32, field::hasToPort, field::toPortFirst, field::toPortLast},
 };
 
-/// Tells whether a request makes or changes a rule that fits one entry of the kernel's map.
+/// Checks that the rule a request makes or changes fits one entry of the kernel's map.
 class RequestCheck {
 public:
     RequestCheck(const tk::message& request, bool isNew) : request(request), isNew(isNew) {}
 
-    /// The first fault.
+    /// The first fault; success when there is none.
     [[nodiscard]] tk::Status result() const {
         tk::Status status = checkFields();
         if (status.isOk()) status = checkChain();
@@ -65,7 +65,7 @@ public:
 private:
     static tk::Status fault(const std::string& what) { return tk::Status::failure(what, tk::error::invalid); }
 
-    /// A condition that is not understood would make the rule match more than was asked for.
+    /// Ignoring an unknown condition would make the rule match more than was asked for.
     tk::Status checkFields() const {
         for (const tk::message::Field& given : request.fields())
             if (given.id < firstObjectField &&
@@ -96,7 +96,7 @@ private:
         return fault("protocol " + std::to_string(value) + " is not supported, only 6 (TCP) and 17 (UDP)");
     }
 
-    /// A range counts unless its flag says that it does not; a rule needs them all.
+    /// A range counts unless its flag says otherwise. A rule needs all ranges to count.
     tk::Status check(const Range& range) const {
         const std::string name = range.name;
         if (!request.get_bool(range.flag, true)) return fault(name + " cannot be left open");

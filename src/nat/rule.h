@@ -19,12 +19,12 @@ struct Rule : contract::NatRule {
     bool operator==(const Rule&) const = default;
 };
 
-/// The rule that a request makes, which must name everything that makes up one. It has no id and no owner yet.
-/// Errors: tk::error::invalid for whatever does not fit one entry of the kernel's map.
+/// The rule that a request makes. The request must name every part of it. The rule has no id or owner yet.
+/// Errors: tk::error::invalid for anything that does not fit one entry of the kernel's map.
 tk::Result<Rule> newRule(const tk::message& request);
 
-/// The rule after a request that changes it. Its id, owner and kind stay, as does what the request does not
-/// name.
+/// The rule after a request has changed it. Its id, owner and kind stay, and so does everything that the
+/// request does not name.
 /// Errors: as for newRule().
 tk::Result<Rule> changedRule(const Rule& former, const tk::message& request);
 

@@ -10,30 +10,30 @@
 
 namespace nat {
 
-/// The rules, and their indexes: by id, by what an enabled one matches, by target, and by the owner of a
-/// dynamic one. Ids go from 1 up and are never used again.
+/// The rules, with indexes by id, by what an enabled rule matches, by target, and by the owner of a dynamic
+/// rule. Ids start at 1 and are never used again.
 class RuleSet {
 public:
     /// All rules, by id.
     const std::map<std::uint32_t, Rule>& all() const { return rules; }
-    /// The rule of an id, null when there is none.
+    /// The rule with an id; null when there is none.
     /// Lifetime: until the next change.
     const Rule* find(std::uint32_t id) const;
-    /// The enabled rule of a key, null when there is none.
+    /// The enabled rule with a key; null when there is none.
     /// Lifetime: until the next change.
     const Rule* find(const NatKey& key) const;
-    /// The dynamic rules of an owner.
+    /// The ids of the dynamic rules of an owner.
     const std::set<std::uint32_t>& of(std::uint32_t owner) const;
 
-    /// How many rules lead to an address, whatever their kind.
+    /// How many rules of any kind lead to an address.
     /// Byte order: network.
     std::size_t countTo(std::uint32_t target) const;
-    /// How many rules are not dynamic, and so are stored.
+    /// How many rules are stored, because they are not dynamic.
     std::size_t countStored() const { return rules.size() - dynamicRules; }
 
     /// An id that no rule has had.
     [[nodiscard]] std::uint32_t newId() { return ++lastId; }
-    /// Adds a rule, or replaces the one of its id.
+    /// Adds a rule, or replaces the one with its id.
     void put(const Rule& rule);
     /// Removes a rule; an absent one is no error.
     void remove(std::uint32_t id);

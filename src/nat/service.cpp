@@ -17,11 +17,11 @@ namespace {
 constexpr std::uint32_t storeRevision = 1;
 constexpr std::size_t pageSize = 1024;
 constexpr std::size_t removedPerNotification = 1024;
-// A transaction has to fit the socket's buffer, which is small where the kernel refuses to make it larger.
+// A transaction must fit the socket's buffer, which stays small when the kernel refuses to enlarge it.
 constexpr std::size_t removedPerTransaction = 2048;
 constexpr std::uint32_t retryTicks = 100;  // 1 s
 
-/// The element of a rule in the kernel: none without a rule, or for a disabled one.
+/// The element of a rule in the kernel; none when there is no rule, or it is disabled.
 std::vector<firewall::Element> elementsOf(const Rule* rule) {
     if (!rule || rule->disabled) return {};
     return {{rule->key, rule->target}};
@@ -71,7 +71,7 @@ void Service::load() {
         Rule rule = stored.take();
         rule.id = id;
         rule.dynamic = false;
-        // The policy had its say when the rule was made; at this time of a start routes may still be missing.
+        // The policy was applied when the rule was made. Now, during a start, routes may still be missing.
         if (const tk::Status status = rule.disabled ? tk::Status() : kernel.commit({}, elementsOf(&rule));
             !status.isOk()) {
             tk::log("nat: stored rule ", id, " cannot be enabled: ", status.reason());
@@ -108,12 +108,12 @@ tk::Status Service::checkRoom(const Rule* former, const Rule& changed) const {
                                    tk::error::busy);
     std::size_t total = rules.all().size();
     const std::uint32_t target = changed.target.address;
-    if (former && former->target.address == target) return {};  // no rule more for anybody
+    if (former && former->target.address == target) return {};  // nobody gets another rule
     if (former) --total;
     return policy.hasRoom(total, rules.countTo(target), target);
 }
 
-/// What a program may ask for is less than what root may.
+/// The further checks for a program, which may do less than root.
 tk::Status Service::checkProgram(const Rule* former, const Rule& rule) const {
     if (!rule.dynamic) return notAllowed("only root may make a rule that is not dynamic");
     const std::uint32_t destination = rule.key.destination;
@@ -128,7 +128,7 @@ tk::Status Service::checkOwner(const Rule& rule, const tk::message& request) con
     return notAllowed("the rule is not yours");
 }
 
-/// Tells the log what a program asked for in vain.
+/// Logs the refusal when a program asked.
 tk::message Service::refuse(const tk::Status& refusal) {
     if (isAskedByProgram())
         refusals.note("rule of user " + std::to_string(requester.user()) + " refused", requester.user(),
@@ -141,7 +141,7 @@ tk::Status Service::check(const Rule* former, const Rule& rule, bool isProgram) 
     if (!status.isOk()) return status;
     const bool onlyDisables =
         rule.disabled && former && former->key == rule.key && former->target == rule.target;
-    if (onlyDisables) return {};  // always possible, whatever the policy has become
+    if (onlyDisables) return {};  // always possible, even if the policy has changed
     status = policy.allows({rule.key, rule.target});
     if (status.isOk() && isProgram) status = checkProgram(former, rule);
     if (!status.isOk() || rule.disabled) return status;
@@ -151,7 +151,7 @@ tk::Status Service::check(const Rule* former, const Rule& rule, bool isProgram) 
                                tk::error::exists);
 }
 
-/// Prepares what becomes of a stored rule.
+/// Prepares the change of a stored rule.
 tk::Status Service::stage(const Rule& known, const Rule* changed) {
     if (known.dynamic) return {};
     const tk::Status staged =
@@ -159,7 +159,7 @@ tk::Status Service::stage(const Rule& known, const Rule* changed) {
     return staged.isOk() ? tk::Status() : failed(staged.reason());
 }
 
-/// Keeps a rule as it is now; without `changed` it is gone.
+/// Records a rule as it is now. `changed` is null when the rule is gone.
 void Service::keep(const Rule* former, const Rule* changed) {
     if (changed)
         rules.put(*changed);
@@ -167,8 +167,8 @@ void Service::keep(const Rule* former, const Rule* changed) {
         rules.remove(former->id);
 }
 
-/// Brings one change about: the store is prepared first, then the kernel decides, then the store follows it.
-/// Neither rule is one of those in `rules`.
+/// Makes one change: first the store prepares it, then the kernel decides, then the store writes it.
+/// Neither argument refers into `rules`.
 tk::Status Service::apply(const Rule* former, const Rule* changed) {
     const bool isStored = !(changed ? changed : former)->dynamic;
     if (tk::Status status = stage(changed ? *changed : *former, changed); !status.isOk()) return status;
@@ -182,8 +182,7 @@ tk::Status Service::apply(const Rule* former, const Rule* changed) {
     keep(former, changed);
     const tk::Status stored = isStored ? store.commit() : tk::Status();
     if (stored.isOk()) return {};
-    // Not stored after all: the kernel goes back. Should it refuse that, its state is what the bus goes on
-    // telling.
+    // It could not be stored, so the kernel goes back. If it refuses, the bus tells what the kernel has.
     if (isInKernel && !kernel.commit(added, removed).isOk()) return {};
     keep(changed, former);
     return failed(stored.reason());
@@ -261,7 +260,7 @@ tk::Status Service::removeSomeOrphans() {
     std::vector<std::uint32_t> ids;
     auto next = orphans.begin();
     for (; next != orphans.end() && ids.size() < removedPerTransaction; ++next)
-        if (rules.find(*next)) ids.push_back(*next);  // else somebody removed it
+        if (rules.find(*next)) ids.push_back(*next);  // otherwise somebody has removed it
     if (tk::Status status = takeOut(ids); !status.isOk()) return status;
     orphans.erase(orphans.begin(), next);
     tellRemoved(ids);
@@ -269,7 +268,7 @@ tk::Status Service::removeSomeOrphans() {
 }
 
 void Service::retryOrphans() {
-    (void)removeOrphans();  // the refusal was logged when the client left
+    (void)removeOrphans();  // a refusal was logged when the client left
 }
 
 void Service::tellRemoved(const std::vector<std::uint32_t>& ids) {

@@ -18,31 +18,32 @@
 
 namespace nat {
 
-/// Destination NAT rules on the bus, at {20, 5}. A request is answered when the kernel has committed or
-/// refused it. Dynamic rules belong to the connection that made them and go with it; others are stored.
-/// Root may do everything. Any other user is a program: it makes dynamic rules alone, and has a say in its
-/// own alone.
+/// Destination NAT rules on the bus, at {20, 5}. A request is answered once the kernel has committed or
+/// refused it. A dynamic rule belongs to the connection that made it, and goes with it; others are stored.
+/// Root may do everything. Any other user is a program: it makes only dynamic rules, and changes or removes
+/// only its own.
 class Service final : public tk::Handler, public firewall::ElementOwner {
 public:
-    static constexpr std::size_t usualStoredLimit = 4096;  // each change writes them all
+    /// How many rules may be stored, unless said otherwise: each change writes all of them.
+    static constexpr std::size_t usualStoredLimit = 4096;
 
-    /// `storedLimit` is how many rules may be stored; more that were stored before are loaded all the same.
-    /// Lifetime: all but the path outlive the handler.
+    /// `storedLimit`: how many rules may be stored. If the store already has more, all of them are loaded.
+    /// Lifetime: everything except the path outlives the handler.
     Service(const std::string& storePath, const Policy& policy, const RouterPorts& ports,
             firewall::Kernel& kernel, const hub::Requester& requester,
             std::size_t storedLimit = usualStoredLimit);
 
-    /// Puts the stored rules into the kernel. One that is refused is kept as disabled in memory, with a log
-    /// line; what is stored stays as it is.
+    /// Puts the stored rules into the kernel. A rule that is refused is logged, and kept disabled in memory;
+    /// the store stays as it is.
     void load();
 
-    /// Takes all rules out of the kernel and forgets them, and leaves the store as it is: for the end of the
+    /// Takes all rules out of the kernel and forgets them; the store stays as it is. For the end of the
     /// router, when nobody can ask for rules any more.
     void withdraw();
 
     [[nodiscard]] std::vector<firewall::Element> elements() const override;
 
-    // The commands of the bus: rules are added, changed, removed and listed; testRule is answered too.
+    // The commands of the bus. cmdUnknown() answers testRule.
     tk::message cmdAddObj(const tk::message& request) override;
     tk::message cmdSetObj(const tk::message& request) override;
     tk::message cmdRemoveObj(const tk::message& request) override;
@@ -50,16 +51,16 @@ public:
     tk::message cmdGetAll(const tk::message& request) override;
     tk::message cmdGetCount(const tk::message& request) override;
     tk::message cmdUnknown(const tk::message& received, std::uint32_t command) override;
-    /// Removes the dynamic rules of a client. Those that the kernel refuses to take out stay listed, and it
-    /// is asked again each second. What a program makes that comes back under the client's number is not
-    /// among them.
+    /// Removes the dynamic rules of a client. Rules that the kernel refuses to take out stay listed, and it
+    /// is asked again every second. A program that comes back under the client's number keeps its new rules.
     tk::message cmdDisconnected(const tk::Path& client) override;
 
 private:
-    // What is checked and done for one request.
+    // The checks and steps of one request.
     // Errors: the code is that of the bus error.
 
-    /// May there be one rule more, or one that leads elsewhere? `former` is null for a new one.
+    /// Success when there is room for one more rule, or for one that leads elsewhere. `former` is null for a
+    /// new rule.
     tk::Status checkRoom(const Rule* former, const Rule& changed) const;
     tk::Status check(const Rule* former, const Rule& rule, bool isProgram) const;
     tk::Status checkProgram(const Rule* former, const Rule& rule) const;
@@ -83,7 +84,7 @@ private:
     const hub::Requester& requester;
     hub::RefusalLog refusals{"nat", "rules refused"};
     RuleSet rules;
-    std::set<std::uint32_t> orphans;  // dynamic rules that outlived their client; some may be gone by now
+    std::set<std::uint32_t> orphans;  // dynamic rules that outlived their client, or are gone
     tk::Timer<Service, &Service::retryOrphans> orphanTimer{*this};
 };
 

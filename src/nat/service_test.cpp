@@ -25,7 +25,7 @@ protected:
         nat.attach(bus, {20, 5});
         kernel.owner = &nat;
     }
-    /// Whenever the kernel is asked, it holds what its table would be made anew from.
+    /// Whenever a transaction comes, the kernel holds exactly what its table would be made again from.
     void TearDown() override { EXPECT_EQ(kernel.strayedOwner, 0); }
     std::uint32_t add(const tk::message& request) {
         const tk::message reply = nat.cmdAddObj(request);
@@ -102,7 +102,7 @@ TEST_F(ServiceTest, PolicyCountsForDisabledRulesToo) {
 
 TEST_F(ServiceTest, ARuleCanBeDisabledWhateverThePolicyHasBecome) {
     const std::uint32_t id = add(natRequest(80, "192.0.2.2", 8080));
-    world.zones.removeLink(2);  // no way there any more
+    world.zones.removeLink(2);  // nothing leads there any more
     tk::message change = ofId(id);
     change.insert_bool(tk::field::disabled, true);
     EXPECT_FALSE(tk::isError(nat.cmdSetObj(change)));
@@ -396,11 +396,11 @@ TEST_F(ServiceTest, ChangesAreTold) {
     EXPECT_EQ(removed.get_u32(tk::field::deleted), 1U);
 }
 
-/// A user other than root asks, from the connection of program 80 where nothing else is said.
+/// A user other than root asks, from the connection of program 80 unless a test says otherwise.
 class ProgramsServiceTest : public ServiceTest {
 protected:
     ProgramsServiceTest() { requester.asker = 64002; }
-    /// What becomes of a rule for this port: an empty text, or why not.
+    /// Why a rule for this port is refused; empty when it is not.
     std::string outcome(std::uint32_t port, std::uint32_t protocol = 6) {
         return tk::getError(nat.cmdAddObj(natRequest(port, "192.0.2.2", 8080, protocol)));
     }

@@ -16,7 +16,7 @@
 
 namespace nat::testing {
 
-/// A kernel's map of rules that refuses when it is told to.
+/// The kernel's map of rules. It refuses changes when a test says so.
 class FakeNat final : public firewall::Kernel {
 public:
     tk::Status commit(std::span<const firewall::Element> removed,
@@ -31,6 +31,7 @@ public:
         for (const firewall::Element& element : added) elements[element.key] = element.target;
         return {};
     }
+    /// The target of an element; null when there is none.
     const NatTarget* find(const char* destination, std::uint8_t protocol, std::uint16_t port) const {
         const auto element = elements.find({links::testing::address(destination), protocol, port});
         return element == elements.end() ? nullptr : &element->second;
@@ -44,14 +45,14 @@ public:
 
     std::map<NatKey, NatTarget> elements;
     const firewall::ElementOwner* owner = nullptr;  // asked at each transaction
-    int strayedOwner = 0;                           // how often it told something else than what the map has
+    int strayedOwner = 0;                           // how often its elements differed from the map's
     int transactions = 0;
     std::size_t largest = 60000;          // elements in a transaction
-    std::optional<int> transactionsLeft;  // before all are refused
+    std::optional<int> transactionsLeft;  // until all are refused
     std::string fault;
 };
 
-/// Services of the router as a test wants them.
+/// The services of the router that a test names.
 class FakeListeners final : public Listeners {
 public:
     using Place = std::pair<NatKey, std::uint32_t>;  // and the interface

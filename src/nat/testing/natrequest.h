@@ -8,7 +8,7 @@
 
 namespace nat::testing {
 
-/// The request that makes a rule, as the gateway daemon sends it.
+/// The request for a new rule, as the gateway daemon sends it.
 inline tk::message natRequest(std::uint32_t port, const char* target, std::uint32_t targetPort,
                               std::uint32_t protocol = 6, const tk::Path& from = {80, 0}) {
     tk::message request;
