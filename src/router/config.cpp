@@ -101,12 +101,12 @@ private:
             }
         }
         if (!checkProgram(table, out)) return false;
-        // Whom the router itself starts as the program may be the program.
+        // The user as whom the router starts the program may register it.
         if (out.user) config.users.push_back({out.user->uid, {out.number}});
         return true;
     }
 
-    /// What the keys of a program are to each other.
+    /// Checks how the keys of a program go together.
     [[nodiscard]] bool checkProgram(const toml::table& table, const hub::ProgramConfig& program) {
         if (program.number == 0) return values.fail("number", table, "is missing");
         if (program.unit.empty() && program.command.empty())
@@ -201,7 +201,7 @@ private:
     std::set<std::string> interfaceNames;
 };
 
-/// A file is not followed that others than root and whoever runs the router could have written.
+/// Refuses a file that could have been written by anybody other than root and the user who runs the router.
 tk::Status checkWriters(const tk::Fd& file) {
     struct stat status {};
     if (::fstat(file.get(), &status) != 0)

@@ -18,7 +18,7 @@ namespace router {
 
 /// What the configuration file says. A value.
 struct Config {
-    std::optional<tk::Account> user;  // whom the router runs as; none: as whoever started it
+    std::optional<tk::Account> user;  // the router's; none: that of whoever started it
     std::vector<hub::ProgramConfig> programs;
     std::vector<hub::UserRights> users;
     links::LanConfig lan;
@@ -29,22 +29,23 @@ struct Config {
     bool operator==(const Config&) const = default;
 };
 
-/// Gives the programs that name no user the router's own, for whoever starts them still is root. A unit names
-/// its user itself.
+/// Gives the router's user to each program that names none, because the process that starts them is still
+/// root. A unit names its own user.
 void runAsRouter(Config& config);
 
-/// Lets the user `name`, where the system has it, be the program of that number: a program that root starts
-/// may become a user of its own name. A number for which the configuration names somebody stays theirs.
+/// Lets the user `name` register the program, if the system has that user: a program that root starts may
+/// become the user of its own name. Does nothing when the configuration names somebody for the program.
 void nameUsualUser(Config& config, std::uint32_t program, const std::string& name);
 
-/// Reads the configuration text. `name` is the file's, for the texts of errors.
-/// Errors: for anything that is not TOML, unknown or out of range, and for a user that the system does not know;
-/// the reason names file, line and key.
+/// Reads the configuration text. `name` is the name of the file, for the texts of errors.
+/// Errors: for text that is not TOML, for anything unknown or out of range, and for a user that the system
+/// does not know. The reason names the file, line and key.
 tk::Result<Config> parseConfig(const std::string& text, const std::string& name);
 
-/// Reads the configuration file at `path`. One that is absent is an empty configuration when `mayBeAbsent`.
-/// Errors: as for parseConfig(), and for a file that others than root and whoever runs the router could have
-/// written: everybody, a group but root's, or its owner.
+/// Reads the configuration file at `path`.
+/// `mayBeAbsent`: true when an absent file means an empty configuration.
+/// Errors: as for parseConfig(). Also for a file that could have been written by anybody other than root and
+/// the user who runs the router: everybody, a group other than root's, or another owner.
 tk::Result<Config> readConfig(const std::string& path, bool mayBeAbsent);
 
 }  // namespace router

@@ -10,7 +10,7 @@
 namespace router {
 namespace {
 
-/// What a sound text says.
+/// The configuration of a text without faults.
 Config configIn(const std::string& text) {
     tk::Result<Config> read = parseConfig(text, "router.toml");
     EXPECT_TRUE(read.isOk()) << read.reason();
@@ -238,7 +238,7 @@ TEST(ReadConfig, OnlyTheDefaultFileMayBeAbsent) {
               "/nonexistent/router.toml: No such file or directory");
 }
 
-/// A file with another mode or owner.
+/// A file whose mode or owner is changed.
 class DistrustedConfig : public ::testing::Test {
 protected:
     DistrustedConfig() { folder.write("router.toml", "[nat]\nlimit = 5\n"); }

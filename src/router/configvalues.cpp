@@ -16,7 +16,7 @@ constexpr std::uint32_t highestPort = 65535;
 constexpr std::uint32_t addressBits = 32;
 constexpr std::size_t longestUnitName = 255;
 
-/// A decimal number of at most `highest`; the whole text must be one.
+/// A decimal number of at most `highest`, which is the whole text.
 std::optional<std::uint32_t> numberOf(std::string_view text, std::uint32_t highest) {
     std::uint32_t value = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
@@ -52,7 +52,7 @@ std::optional<tk::Path> pathOf(std::string_view text) {
     return handler ? std::optional(tk::Path{*program, *handler}) : std::nullopt;
 }
 
-/// True for a name that systemd takes, and not for an option of its commands.
+/// True for a name that systemd takes. False for an option of its commands.
 bool isUnitName(std::string_view name) {
     constexpr std::string_view suffix = ".service";
     constexpr std::string_view known =
@@ -61,13 +61,14 @@ bool isUnitName(std::string_view name) {
            name.front() != '-' && name.find_first_not_of(known) == std::string_view::npos;
 }
 
-/// The text of an entry: a word, or a number as it would be written.
+/// The text of an entry: a string, or a number as written.
 std::string textOf(const toml::node& entry) {
     if (const auto* number = entry.as_integer()) return std::to_string(number->get());
     return entry.is_string() ? entry.as_string()->get() : std::string();
 }
 
-/// Reads each entry of a list. False for what is no list; `culprit` is the entry that cannot be read then.
+/// Reads each entry of a list. False when the value is no list, or an entry cannot be read: `culprit` is that
+/// entry.
 template <typename Value>
 bool readList(const toml::node& value, std::optional<Value> (*parse)(std::string_view),
               std::vector<Value>& out, const toml::node*& culprit) {

@@ -19,15 +19,15 @@
 namespace router {
 
 /// Reads the values of a parsed configuration file, and keeps the last fault with its file, line and key.
-/// Errors: every reader gives false for a value that is not what the key wants, and notes that as the fault.
+/// Errors: every reader returns false and notes a fault when the value does not suit the key.
 class ConfigValues {
 public:
-    /// `name` is the file's.
+    /// `name` is the name of the file.
     explicit ConfigValues(std::string name) : name(std::move(name)) {}
 
-    /// The fault that was noted.
+    /// The last fault; success when there is none.
     const tk::Status& status() const { return fault; }
-    /// Notes a fault. Always false.
+    /// Notes a fault. Always returns false.
     bool fail(std::string_view key, const toml::node& where, std::string_view what);
 
     /// True or false.
@@ -43,8 +43,9 @@ public:
     [[nodiscard]] bool read(std::string_view key, const toml::node& value, std::vector<nat::PortRange>& out);
     /// A list of paths of one or two numbers, such as "20,5".
     [[nodiscard]] bool read(std::string_view key, const toml::node& value, std::vector<tk::Path>& out);
-    /// The name of an interface, and a list of them.
+    /// The name of an interface.
     [[nodiscard]] bool readInterface(std::string_view key, const toml::node& value, std::string& out);
+    /// A list of names of interfaces.
     [[nodiscard]] bool readInterfaces(std::string_view key, const toml::node& value,
                                       std::vector<std::string>& out);
     /// A command: a full path, then arguments.
@@ -52,7 +53,7 @@ public:
                                    std::vector<std::string>& out);
     /// The name of a systemd service.
     [[nodiscard]] bool readUnit(std::string_view key, const toml::node& value, std::string& out);
-    /// A list of the numbers of programs.
+    /// A list of program numbers.
     [[nodiscard]] bool readPrograms(std::string_view key, const toml::node& value,
                                     std::vector<std::uint32_t>& out);
 

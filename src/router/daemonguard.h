@@ -13,15 +13,16 @@
 
 namespace router {
 
-/// Has the users guarded that are the gateway daemon or may be: before they are, when they never are, and after
-/// they were, for leaving the bus sets nobody free.
+/// Makes sure that every user who is or may become the gateway daemon is guarded. The guard begins before the
+/// user registers, and leaving the bus does not end it.
 class DaemonGuard final : public hub::ProgramWatcher {
 public:
-    /// `guardUser` limits where a user's programs may connect; a user may be given to it several times.
+    /// `guardUser` limits where a user's programs may send. It may be called several times for a user.
     explicit DaemonGuard(std::function<void(uid_t)> guardUser) : guardUser(std::move(guardUser)) {}
 
-    /// Guards whoever the configuration allows to be the daemon.
+    /// Guards every user whom the configuration allows to be the daemon.
     void start(const std::vector<hub::ProgramConfig>& programs, const std::vector<hub::UserRights>& users);
+    /// Guards the user when the program is the daemon.
     void programComes(std::uint32_t program, uid_t user) override;
 
 private:

@@ -39,7 +39,8 @@ tk::message History::cmdAddObj(const tk::message& request) {
     return reply;
 }
 
-/// The oldest records go, but neither the new one nor the one that is being undone, which its end takes off.
+/// Removes the oldest records, but not the new one, nor the one that is being undone: the end of the undoing
+/// removes that.
 void History::makeRoom() {
     auto oldest = records.begin();
     while ((records.size() > limit || bytes > byteLimit) && oldest->first != lastId) {
@@ -70,8 +71,8 @@ tk::message History::undoLast(const tk::message& request) {
     return answerLater();
 }
 
-/// Sends the inverse to whoever recorded it. Its end, an error too, comes to handleReply(), maybe before this
-/// returns.
+/// Sends the inverse to the handler that recorded it. Its end, which may be an error, goes to handleReply(),
+/// perhaps before this returns.
 void History::send(const tk::message& inverse) {
     tk::message sent;
     sent.insert_u32_array(tk::field::destination, undoing.path);
@@ -90,7 +91,7 @@ tk::message History::cmdDisconnected(const tk::Path& client) {
     return {};
 }
 
-/// Whoever recorded it may have left, and the record with it.
+/// The client that recorded it may have left, and taken the record with it.
 void History::takeOff(std::uint32_t id) {
     if (const auto record = records.find(id); record != records.end()) erase(record);
     tk::message gone;
@@ -105,8 +106,8 @@ tk::message History::handleReply(const tk::message& end) {
     std::uint32_t code = 0;
     std::string text;
     const bool isUndone = !tk::isError(end, &code, &text);
-    // What nobody will ever undo must not stand before what lies below it. A program that is not there may
-    // come.
+    // A record that nobody will ever undo must not block those below it. A program that is absent may come
+    // back.
     const bool isOfMainHandler = change.path.size() < 2 || change.path[1] == 0;
     const bool isHopeless =
         code == tk::error::noSuchCommand || (code == tk::error::unreachable && !isOfMainHandler);

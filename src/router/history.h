@@ -11,11 +11,10 @@
 
 namespace router {
 
-/// The changes that can be undone, at {24}: programs hand in what was asked, what would undo it, and a
-/// description.
+/// The changes that can be undone, at {24}. Programs hand in the request, its inverse and a description.
 class History final : public tk::Handler {
 public:
-    /// How many records are kept, and how many bytes of them; the oldest ones go.
+    /// How many records are kept, and how many bytes of them. At a limit the oldest records go.
     static constexpr std::size_t limit = 100;
     static constexpr std::size_t byteLimit = std::size_t{1024} * 1024;
     /// Tells the time.
@@ -29,9 +28,9 @@ public:
     tk::message cmdGetAll(const tk::message& request) override;
     tk::message cmdGetCount(const tk::message& request) override;
     tk::message cmdUnknown(const tk::message& received, std::uint32_t command) override;
-    /// Forgets what a client that is no program recorded: its number is somebody else's when it comes back.
+    /// Forgets the records of a client that is no program: somebody else may get its number later.
     tk::message cmdDisconnected(const tk::Path& client) override;
-    /// Takes the end of the inverse.
+    /// Takes the reply or error that ends the inverse.
     tk::message handleReply(const tk::message& end) override;
 
 private:
@@ -52,7 +51,7 @@ private:
     std::size_t bytes = 0;  // of all records
     std::uint32_t lastId = 0;
     contract::UndoRecord undoing;  // the record that is being undone; its id is 0 when none is
-    tk::message undoRequest;       // who asked for that: routing fields
+    tk::message undoRequest;       // the routing fields of the request to undo it
 };
 
 }  // namespace router

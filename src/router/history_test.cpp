@@ -42,7 +42,7 @@ TEST(History, KeepsTheLastHundred) {
 
 TEST(History, KeepsTheLastMebibyte) {
     History history([] { return std::uint64_t{0}; });
-    const std::string text(History::byteLimit / 4, 'x');  // three fit, with what else is in a record
+    const std::string text(History::byteLimit / 4, 'x');  // three fit, with the rest of their records
     for (int i = 0; i < 5; ++i) EXPECT_FALSE(tk::isError(history.cmdAddObj(recordOf(text))));
     EXPECT_EQ(history.cmdGetCount({}).get_u32(tk::field::count), 3U);
     EXPECT_EQ(
@@ -81,7 +81,7 @@ protected:
         request.insert_u32_array(tk::field::sender, from);
         EXPECT_FALSE(tk::isError(history.cmdAddObj(request)));
     }
-    /// Asks as client 1000; the answer goes there when there is one.
+    /// Asks as client 1000; an answer goes there.
     tk::message undo() {
         bus.posted.clear();
         tk::message request;

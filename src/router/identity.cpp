@@ -14,7 +14,7 @@ constexpr std::uint32_t storeRevision = 1;
 constexpr std::uint32_t storeEntry = 0;
 constexpr std::size_t identityBytes = 16;
 
-/// Empty when the kernel has no random numbers.
+/// New digits; empty when the kernel has no random numbers.
 std::string randomDigits() {
     constexpr char digits[] = "0123456789abcdef";
     unsigned char bytes[identityBytes];

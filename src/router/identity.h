@@ -6,11 +6,11 @@
 
 namespace router {
 
-/// What tells this router from all others, at {65}: 32 hexadecimal digits, drawn by chance at the first start
-/// and kept from then on.
+/// What distinguishes this router from all others, at {65}: 32 hexadecimal digits, drawn at random at the
+/// first start and kept from then on.
 class Identity final : public tk::Handler {
 public:
-    /// Reads the digits from the store at `storePath`, or puts new ones there.
+    /// Reads the digits from the store at `storePath`, or stores new ones there.
     explicit Identity(const std::string& storePath);
 
     /// The digits.

@@ -34,7 +34,7 @@ constexpr int done = 0;
 constexpr int failed = 1;
 constexpr int misuse = 2;
 
-/// Everything that is started for the router, by a process that has to know it beforehand.
+/// Every command that is started for the router. The process that starts them must know them in advance.
 std::vector<hub::ProgramConfig> startable(const router::Config& config) {
     std::vector<hub::ProgramConfig> all = config.programs;
     for (hub::ProgramConfig& command : links::stateCommands(config.interfaces))
@@ -42,13 +42,13 @@ std::vector<hub::ProgramConfig> startable(const router::Config& config) {
     return all;
 }
 
-/// Says why the router cannot run.
+/// Logs why the router cannot run.
 int fail(const std::string& reason) {
     tk::log("routerd: ", reason);
     return failed;
 }
 
-/// Leaves the launcher behind, and gives up what the router does not need.
+/// Starts the launcher, and gives up the rights that the router does not need.
 tk::Status becomeUser(const router::Config& config, const router::Paths& paths, hub::Launcher& launcher) {
     if (tk::Status opened = launcher.open(startable(config)); !opened.isOk()) return opened;
     return router::dropPrivileges(*config.user, {paths.busFolder(), paths.stores});
@@ -60,7 +60,7 @@ int serve(const std::string& configPath, bool mayBeAbsent) {
     if (!read.isOk()) return fail(read.reason());
     router::Config config = read.take();
     const router::Paths paths{.bus = contract::busPath};
-    // Before anything that another router uses is touched.
+    // First of all, so that nothing is touched that another router uses.
     if (const tk::Status isFree = hub::Listener::checkFree(paths.bus); !isFree.isOk())
         return fail(isFree.reason());
     const bool drops = config.user && ::geteuid() == 0;
@@ -68,7 +68,8 @@ int serve(const std::string& configPath, bool mayBeAbsent) {
     router::nameUsualUser(config, contract::program::gateway, "upnpd");
     router::nameUsualUser(config, contract::program::resolver, "resolverd");
     hub::OwnProcesses own;
-    hub::Launcher launcher;  // of programs that run as other users, which this process cannot become any more
+    // Starts programs as other users, whom this process can no longer become.
+    hub::Launcher launcher;
     if (drops)
         if (const tk::Status became = becomeUser(config, paths, launcher); !became.isOk())
             return fail(became.reason());

@@ -6,14 +6,13 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-
 namespace router {
 
 namespace {
 
 constexpr unsigned long highestCapability = 63;
 
-/// Nothing that this process runs can ever have another capability.
+/// Makes sure that nothing this process runs can ever have another capability.
 bool limitCapabilities() {
     for (unsigned long capability = 0; capability <= highestCapability; ++capability)
         if (capability != CAP_NET_ADMIN && ::prctl(PR_CAPBSET_DROP, capability, 0, 0, 0) != 0 &&

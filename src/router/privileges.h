@@ -8,10 +8,10 @@
 
 namespace router {
 
-/// Gives up what root may do, for good: the process is the account's from now on, in its groups and in "tk",
-/// and has CAP_NET_ADMIN alone. The folders become that user's before. A process that is not root's is left as
-/// it is.
-/// Errors: when the system refuses; the process may be half changed then.
+/// Gives up root's rights for good. The folders are handed to the account first. Then the process becomes the
+/// account, in its groups and in "tk", and keeps only CAP_NET_ADMIN. A process that is not root's stays as it
+/// is.
+/// Errors: when the system refuses. The process may then be half changed.
 tk::Status dropPrivileges(const tk::Account& account, const std::vector<std::string>& folders);
 
 }  // namespace router

@@ -10,8 +10,8 @@ namespace router {
 
 namespace {
 
-constexpr std::uint64_t farewellMilliseconds = 5000;  // for started programs to end in
-constexpr std::uint64_t lastFlowMilliseconds = 100;   // in which flows that are alive send a packet, and end
+constexpr std::uint64_t farewellMilliseconds = 5000;  // for started programs to end
+constexpr std::uint64_t lastFlowMilliseconds = 100;   // for live flows to send a packet, and so end
 
 std::uint64_t secondsSince1970() {
     return static_cast<std::uint64_t>(::time(nullptr));
@@ -66,7 +66,7 @@ tk::Status Router::start() {
     return {};
 }
 
-/// Everything that the router has open towards the kernel, in the order in which it needs each other.
+/// Opens everything between the router and the kernel, in the order in which one part needs another.
 tk::Status Router::openKernel() {
     if (tk::Status opened = kernel.open(); !opened.isOk()) return opened;
     if (tk::Status opened = flows.open(); !opened.isOk()) return opened;
@@ -79,7 +79,7 @@ void Router::run() {
     looper.run();
     activation.endAll();
     turnWhile([this] { return activation.isRunning(); }, farewellMilliseconds);
-    listener.close();  // a hub without services must not be found by anybody
+    listener.close();  // nobody must find a hub without services
     hub.close();
     nat.withdraw();
     turnWhile([] { return true; }, lastFlowMilliseconds);  // the table goes a moment after the last rule

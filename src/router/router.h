@@ -34,9 +34,10 @@ namespace router {
 /// Where the router finds and keeps its files.
 struct Paths {
     std::string bus;
-    std::string stores = "/tesk/router";  // not the daemon's: what it writes must not become rules
+    // Not the daemon's folder: what the daemon writes must not become rules.
+    std::string stores = "/tesk/router";
 
-    /// The folder of the socket of the bus.
+    /// The folder of the bus socket.
     std::string busFolder() const { return bus.substr(0, bus.rfind('/')); }
 };
 
@@ -49,11 +50,11 @@ public:
     Router& operator=(const Router&) = delete;
     ~Router();
 
-    /// Makes everything ready, and opens the bus last.
-    /// Errors: when the kernel lacks what is needed, or the system refuses.
+    /// Prepares everything, and opens the bus last.
+    /// Errors: when the kernel lacks something that is needed, or the system refuses.
     tk::Status start();
-    /// Serves until SIGTERM or SIGINT; then ends the programs that were started, while it still serves them,
-    /// and after them all rules, with the flows that are alive.
+    /// Serves until SIGTERM or SIGINT. Then ends the programs that it started, serving them until they have
+    /// ended, and finally removes all rules and the flows that are alive.
     void run();
 
 private:
