@@ -118,7 +118,7 @@ void Activation::programEnded(std::uint32_t program, const std::string& how, boo
 
 void Activation::startOrRetry(std::uint32_t program) {
     const tk::Status started = start(program);
-    if (started.isOk()) return;  // or somebody's message has started it meanwhile
+    if (started.isOk()) return;  // or a message had started it already
     tk::log("program ", program, " cannot be started: ", started.reason());
     if (const auto pending = restarts.find(program); pending != restarts.end())
         pending->second.crashed(false);

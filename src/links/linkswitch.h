@@ -70,7 +70,7 @@ private:
         std::string name;     // of the interface
         std::string command;  // its path
         pid_t pid;
-        Done done;  // null once the requester was told that it takes longer
+        Done done;  // null once told that it takes longer
         tk::Fd process;
         tk::Watch watch;
         tk::Timer<Run, &Run::late> patience{*this};
