@@ -57,7 +57,7 @@ void Channel::breakOff(const std::string& why) {
 void Channel::end(const std::string& why) {
     state = Status::failure(why);
     watch.stop();
-    outgoing.clear();  // now, before the owner hears: others may need the room
+    outgoing.clear();  // at once: others may need the room
     written = queued = ownQueued = 0;
     delivery.arm(0);
 }

@@ -118,7 +118,8 @@ private:
     Status state;               // why the channel is broken, once it is
     bool isBrokenOff = false;   // by this side: what the peer sent is ignored
     std::uint32_t watched = 0;
-    bool* gone = nullptr;  // for a call of the owner: set by the destructor
+    // Set to true by the destructor, for a call of the owner that is under way.
+    bool* gone = nullptr;
     // For what arrived or broke while nobody was called.
     Timer<Channel, &Channel::deliver> delivery{*this, runner};
 };

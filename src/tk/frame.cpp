@@ -38,7 +38,8 @@ void FrameReader::append(std::string_view bytes) {
 FrameReader::Result FrameReader::next(message& out) {
     const std::string_view rest = std::string_view(buffer).substr(start);
     if (rest.empty()) {
-        std::string().swap(buffer);  // unlike an assignment, it gives back what a large frame took
+        // Unlike an assignment, this frees the memory that a large frame took.
+        std::string().swap(buffer);
         start = 0;
         return Result::needMore;
     }

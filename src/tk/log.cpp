@@ -104,7 +104,7 @@ bool flushLog() {
 
 void logLine(std::string_view text) {
     enqueue(lineOf(text) + '\n');
-    (void)flushLog();  // what waits goes out with the next line or turn of the loop
+    (void)flushLog();  // the rest goes out with the next line or turn
 }
 
 std::string errorText() {
