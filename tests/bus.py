@@ -1,4 +1,4 @@
-"""The bus as a test can speak it: messages, a client by hand, and a router that answers as a test wants it to.
+"""The bus for tests: its messages, a client, and a router that answers as a test says.
 
 A message is a list of fields, each a triple of id, type and value; values of message[] are lists of such lists. What
 a client receives comes as a dict of values by their ids, in which the order and the types are left out.
@@ -78,7 +78,7 @@ def value_at(data, at, kind):
 
 
 def unflat(data):
-    """The message that was serialised so."""
+    """The message with this serialised form."""
     message, at = [], 0
     while at < len(data):
         identifier, kind = struct.unpack_from("<IB", data, at)
@@ -88,7 +88,7 @@ def unflat(data):
 
 
 def by_id(message):
-    """The values of a message by their ids, and so those of the messages in it."""
+    """The values of a message by their ids, and likewise those of the messages in it."""
     return {identifier: [by_id(inner) for inner in value] if kind == MESSAGES else value
             for identifier, kind, value in message}
 
@@ -98,7 +98,7 @@ def value_of(message, wanted, default=None):
 
 
 def own_fields(message):
-    """The fields of a message without those that the platform puts behind them."""
+    """The fields of a message without those that the platform appends."""
     return [field for field in message if field[0] not in ROUTING]
 
 
@@ -219,10 +219,10 @@ class Client:
 
 
 class ScriptedRouter:
-    """A router on the bus of a lab that does as a test tells it, and remembers all that the daemon asks.
+    """A router on the bus of a lab that does what a test tells it, and remembers all that the daemon asks.
 
-    answers holds, by path and command, a message, a Refusal, or a function of the request that returns either. What is
-    not in it is answered with an empty message.
+    answers holds, by path and command, a message, a Refusal, or a function of the request that returns either. Any
+    other request is answered with an empty message.
     """
 
     def __init__(self, lab):
@@ -296,13 +296,13 @@ class ScriptedRouter:
                    (KIND, "u32", ERROR if refused else REPLY), (COMMAND, "u32", command)])
 
     def ask(self, command, fields=()):
-        """A request to the daemon, to its end: what it answers, an error as a Refusal's message."""
+        """Sends the daemon a request, and returns its answer: for an error, a Refusal's message."""
         self.send([*fields, (DESTINATION, "u32[]", [80, 0]), (SENDER, "u32[]", [1000]), (NUMBER, "u32", 1),
                    (KIND, "u32", REQUEST), (COMMAND, "u32", command)])
         return [field for field in own_fields(self.ends.get(timeout=PATIENCE)) if field[0] != DESTINATION]
 
     def notify(self, path, command, fields=()):
-        """A notification to the daemon; returns when it has been handled."""
+        """Sends the daemon a notification, and returns when it has been handled."""
         self.send([*fields, (SENDER, "u32[]", list(path)), (KIND, "u32", NOTIFICATION), (COMMAND, "u32", command)])
         self.ask(GET)
 

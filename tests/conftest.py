@@ -9,7 +9,7 @@ import labs
 def pytest_sessionstart(session):
     if os.geteuid() != 0:
         pytest.exit("these tests build network namespaces, which needs root", returncode=3)
-    if not hasattr(session.config, "workerinput"):  # the first process alone, where tests run in several
+    if not hasattr(session.config, "workerinput"):  # only the first process, if tests run in several
         labs.remove_leftovers()
 
 
@@ -23,7 +23,7 @@ def bare_lab(tmp_path):
 
 @pytest.fixture
 def fresh_lab(bare_lab):
-    """A serving gateway for one test, which may do to it what it likes."""
+    """A serving gateway for one test, which may change it at will."""
     return bare_lab.serve()
 
 

@@ -84,7 +84,7 @@ def post(path, body, soap_action, host_header=f"{ROUTER_LAN}:{PORT}", content_ty
 
 
 def call(host, path, action, arguments=(), service=CONNECTION):
-    """Calls an action; the whole answer."""
+    """Calls an action, and returns the whole answer."""
     return exchange(host, post(path, envelope(action_element(action, arguments, service)), f'"{service}#{action}"'))
 
 
@@ -148,7 +148,7 @@ def fault(code, description):
 
 
 def outputs(answer):
-    """The names and values of an answer whose values a test cannot know beforehand."""
+    """The names and values of an answer, for values that a test cannot know in advance."""
     return re.findall(r"^      <(\w+)>(.*)</\w+>\r$", answer, re.M)
 
 
@@ -182,7 +182,7 @@ def search_answer(target, usn, location=LOCATION):
 
 
 def advert(kind, target, usn, location=LOCATION):
-    """The whole datagram that announces, with the kind alive or byebye."""
+    """The whole datagram of an advert; the kind is alive or byebye."""
     alive = kind == "alive"
     return "\r\n".join([
         "NOTIFY * HTTP/1.1",
@@ -241,7 +241,7 @@ class Listener:
         return [self.next()[0] for _ in range(count)]
 
     def until(self, host, text):
-        """All that is heard before a datagram of our own, which is sent now and marks the end."""
+        """Sends a datagram of our own as a mark, and returns all that is heard before it."""
         end = b"end " + text.encode()
         with host.datagrams() as ours:
             ours.sendto(end, GROUP)
@@ -272,5 +272,5 @@ def wan_pairs(identity, interface):
 
 
 def table_order(*groups):
-    """Sorted by type; those of one type stay as they were added."""
+    """Sorted by type; those of one type stay in the order in which they were added."""
     return sorted((pair for group in groups for pair in group), key=lambda pair: pair[0])

@@ -26,7 +26,7 @@ WAN = "198.51.100.2"
 ROUTER_WAN2 = "203.0.113.1"
 WAN2 = "203.0.113.2"
 
-# What a router knows of its interfaces unless a test gives it a configuration of its own.
+# What a router knows about its interfaces, unless a test gives it a configuration.
 SIDES = """
 [lan]
 interfaces = ["lan0"]
@@ -40,7 +40,7 @@ name = "wan1"
 terminate = true
 """
 
-PATIENCE = 10  # seconds that a condition may take before a test gives up
+PATIENCE = 10  # seconds until a test gives up on a condition
 
 CLONE_NEWNET = 0x40000000
 libc = ctypes.CDLL(None, use_errno=True)
@@ -126,7 +126,7 @@ class Host:
 
     @contextlib.contextmanager
     def dropping(self, hook, match):
-        """Lets the host's kernel drop what matches, at its input or its output, as long as this lasts."""
+        """Makes the host's kernel drop packets that match, at its input or its output, until the block ends."""
         self.run("nft", f"add table ip gate; add chain ip gate {hook} {{ type filter hook {hook} priority 0; }}; "
                         f"add rule ip gate {hook} {match} drop")
         try:
@@ -141,7 +141,7 @@ class Host:
 
 
 class Program:
-    """A program on the router, with all that it writes to standard output."""
+    """A program on the router, with everything that it writes to standard output."""
 
     def __init__(self, lab, name, *words, wrapper=()):
         number = next(numbers)
@@ -168,7 +168,7 @@ class Program:
         return self.log[mark:].splitlines()
 
     def wait_for(self, text, mark=0, seconds=PATIENCE):
-        """Waits for a log line that holds the text, and fails at once when the program has ended without it."""
+        """Waits for a log line with the text, and fails at once if the program ends without it."""
         def found():
             ended = self.process.poll() is not None
             line = next((line for line in self.since(mark) if text in line), None)
@@ -263,7 +263,7 @@ class Lab:
         self.tkctl("upnp", "set", "enabled=no")
 
     def reconnect_wan(self):
-        """Makes a new wan0 where the router has lost its own; it has no address yet."""
+        """Makes a new wan0 when the router has lost its own. It has no address yet."""
         router, wan = f"gw-{self.name}-router", f"gw-{self.name}-wan"
         for words in (["link", "add", "wan0", "type", "veth", "peer", "name", "eth0", "netns", wan],
                       ["link", "set", "wan0", "up"]):
@@ -274,7 +274,7 @@ class Lab:
         return self.router.run(BIN / "tkctl", *words, check=check)
 
     def query(self, *words):
-        """What a command of tkctl answers as JSON."""
+        """The JSON answer of a tkctl command."""
         return json.loads(self.tkctl(*words, "--json").stdout)
 
     def interface_id(self, name):
@@ -285,18 +285,18 @@ class Lab:
         return next((field["value"] for field in reply["fields"] if field["id"] == "0x1"), "")
 
     def rules(self):
-        """The destination NAT rules as routerd tells them."""
+        """The destination NAT rules as routerd lists them."""
         return self.query("nat", "list")
 
     def table(self):
-        """Our table as the kernel shows it, without the sources that it remembers for its limits; empty where there is
+        """Our table as the kernel shows it, without the sources that it remembers for its limits; empty when there is
         none."""
         text = self.router.run("nft", "list", "table", "ip", "tk", check=False).stdout
         return re.sub(r"\tset (searches|requests|connections) {\n.*?\n\t}\n", "", text, flags=re.DOTALL)
 
 
 def remove_leftovers():
-    """Takes down the labs of test runs that did not end by themselves."""
+    """Takes down the labs that aborted test runs left behind."""
     for name in subprocess.run([LAB, "list"], capture_output=True, text=True, check=True).stdout.split():
         words = name.split("-")
         if words[0] == "test" and len(words) == 3 and not os.path.exists(f"/proc/{words[1]}"):

@@ -13,7 +13,7 @@ SID = re.compile(r"^SID: (uuid:[0-9a-f]{8}(?:-[0-9a-f]{4}){3}-[0-9a-f]{12})\r$",
 
 
 def subscribe(host, path, callback, timeout="Second-1800", nt="upnp:event", host_header=f"{ROUTER_LAN}:{PORT}", sid=None):
-    """The whole answer to a SUBSCRIBE; a header that is None is not sent."""
+    """Sends a SUBSCRIBE, and returns the whole answer. A header that is None is not sent."""
     headers = {"HOST": host_header, "CALLBACK": callback, "NT": nt, "SID": sid, "TIMEOUT": timeout}
     lines = [f"SUBSCRIBE {path} HTTP/1.1", *(f"{name}: {value}" for name, value in headers.items() if value is not None)]
     return exchange(host, "\r\n".join([*lines, "", ""]))
@@ -42,7 +42,7 @@ def sid_of(answer):
 
 
 def notification(sid, number, variables, address, port, path="/notify"):
-    """The whole NOTIFY that tells these names and values."""
+    """The whole NOTIFY with these names and values."""
     lines = ['<?xml version="1.0"?>']
     if variables:
         lines.append(f'<e:propertyset xmlns:e="{EVENT}">')

@@ -1,4 +1,4 @@
-"""The command that shows the system at work, on the interfaces of the machine that it runs on: here a lab's router."""
+"""The command that shows the system at work, on the interfaces of the machine it runs on: here a lab's router."""
 import os
 import pathlib
 import shutil
@@ -16,12 +16,12 @@ SERVES = "The gateway serves lan0, with wan0 as its external interface, until yo
 
 
 def heed_interrupts():
-    """A shell cannot trap a signal that it was started without, as what runs in the background often is."""
+    """A shell cannot trap a signal that was ignored when it started, as is common for background jobs."""
     signal.signal(signal.SIGINT, signal.SIG_DFL)
 
 
 class Gateway:
-    """./gateway on the router's own interfaces, with all that it writes."""
+    """./gateway on the router's own interfaces, with everything that it writes."""
 
     def __init__(self, lab, lan="lan0", wan="wan0"):
         self.lab = lab
@@ -100,7 +100,7 @@ def test_it_leaves_nothing_where_nothing_was(bare_lab, on_machine):
     assert gateway.end(signal.SIGTERM) == 128 + signal.SIGTERM
     assert not (bare_lab.root / "tesk").exists()
     assert not (bare_lab.root / "run" / "tk").exists()
-    assert {path.name for path in (bare_lab.root / "run").iterdir()} <= {"mount"}  # which mount makes for itself
+    assert {path.name for path in (bare_lab.root / "run").iterdir()} <= {"mount"}  # which mount makes for its own use
 
 
 def test_it_starts_the_resolver_when_it_is_asked_for(bare_lab, on_machine):

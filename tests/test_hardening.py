@@ -1,4 +1,4 @@
-"""What the compiler and the linker put into the programs against whoever finds a fault in them."""
+"""What the compiler and the linker put into the programs to make an exploit of a fault hard."""
 import platform
 import re
 import subprocess
@@ -48,7 +48,7 @@ def test_an_index_beyond_a_container_ends_the_program(program):
     assert "__glibcxx_assert_fail" in imports(program)
 
 
-# resolverd has no call whose bounds are left to the run time.
+# resolverd has no call whose bounds are checked only at run time.
 @pytest.mark.parametrize("program", sorted(set(PROGRAMS) - {"resolverd"}))
 def test_an_overflow_of_a_buffer_in_the_c_library_ends_the_program(program):
     assert re.search(r"__\w+_chk\b", imports(program).replace("__stack_chk_fail", ""))

@@ -1,4 +1,4 @@
-"""The lab itself: what all other whole-program tests stand on."""
+"""The lab itself, which all other whole-program tests need."""
 import os
 import subprocess
 import threading

@@ -1,4 +1,4 @@
-"""Starts, ends and changes of the programs and of what they stand on."""
+"""Starts, ends and changes of the programs and of what they depend on."""
 import subprocess
 import time
 
@@ -173,7 +173,7 @@ def test_an_internal_interface_without_address_is_not_served_until_it_has_one(fr
     fresh_lab.upnpd.wait_for("stop int: lan0", mark)
     fresh_lab.router.run("ip", "address", "add", f"{ROUTER_LAN}/24", "dev", "lan0")
     fresh_lab.upnpd.wait_for(f"start int: lan0 {ROUTER_LAN}", mark)
-    fresh_lab.tkctl("upnp", "get")  # answered when what that line begins is done
+    fresh_lab.tkctl("upnp", "get")  # answered when the work that this line begins is done
     assert serves(fresh_lab)
 
 

@@ -31,12 +31,12 @@ def delete(lab, path, external=80, protocol="TCP"):
 
 
 def upnpc(host, *words):
-    # -i: it doubts that a WAN with an address from a documentation range is connected.
+    # -i: otherwise upnpc doubts that a WAN with a documentation address is connected.
     return host.run("upnpc", "-i", "-m", host.address, *words).stdout
 
 
 def talk(client, server, port=80):
-    """A connection from the client to the router's external address; both its ends and who the server sees."""
+    """Connects the client to the router's external address; returns both ends, and the peer that the server sees."""
     near = client.connect(ROUTER_WAN, port)
     far, peer = server.accept()
     far.settimeout(10)
@@ -99,7 +99,7 @@ def test_nothing_passes_a_deleted_mapping_not_even_on_an_old_connection(lab, pat
             return far.recv(4) == b""
         except TimeoutError:
             return True
-        except OSError:  # reset, because the router itself has been asked
+        except OSError:  # reset, because the packet went to the router itself
             return True
     eventually(cut, "the old connection is cut")
     near.close()
@@ -274,5 +274,5 @@ def test_a_host_that_fills_its_share_of_descriptions_harms_no_other(lab, path):
                 mapping(external=1011, client=LAN2, description=text)) == result("AddPortMapping")
     for port in range(1001, 1012):
         delete(lab, path, port)
-    add(lab, path, external=1001, description=text)  # what is deleted counts no more
+    add(lab, path, external=1001, description=text)  # deleted mappings no longer count
     delete(lab, path, 1001)

@@ -1,4 +1,4 @@
-"""Every socket that the daemon makes, by the kernel's own record, while it does all that it can do."""
+"""Every socket that the daemon makes, as the kernel records them, while it does everything that it can."""
 import re
 
 import labs
@@ -51,16 +51,16 @@ def test_the_daemon_has_the_sockets_of_its_protocols_and_no_other(bare_lab):
 
     kinds = all_of(r"\bsocket\(([A-Z_]+, SOCK_[A-Z]+)")
     assert set(kinds) == {"AF_UNIX, SOCK_STREAM", "AF_INET, SOCK_DGRAM", "AF_INET, SOCK_STREAM"}
-    # The system's library asks its cache of users which one to become; then there is the bus and nothing else.
+    # The system's library asks its cache of users which one to become. After that there is only the bus.
     local = all_of(r"\bconnect\(.*sun_path=\"(.*?)\"")
     assert set(local[:-1]) <= {"/var/run/nscd/socket"} and local[-1] == "/run/tk/bus"
     assert kinds.count("AF_UNIX, SOCK_STREAM") == len(local)
-    # Bound are the two that listen, each to the interface; connected only the two notifications.
+    # The two that listen are bound, each to the interface. Only the two notifications are connected.
     assert all_of(r"\bbind\(.*htons\((\d+)\)") == ["1900", "2828"]
     assert len(all_of(r"\blisten\(")) == 1
     connected = all_of(r"\bconnect\(.*htons\((\d+)\), sin_addr=inet_addr\(\"(.*?)\"\)")
     assert connected == [("5000", LAN1)] * 2
-    # Notifications, the listener, and what SSDP says: all else goes to the bus.
+    # Notifications, the listener, and SSDP. Everything else goes to the bus.
     assert kinds.count("AF_INET, SOCK_STREAM") == 1 + len(connected)
     addressed = set(all_of(r"\bsendto\(.*htons\((\d+)\), sin_addr=inet_addr\(\"(.*?)\"\)"))
     assert {address for _, address in addressed} == {GROUP[0], LAN1}

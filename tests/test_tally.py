@@ -1,4 +1,4 @@
-"""The counting of test results: nothing that failed may be lost."""
+"""The counting of test results: no failure may be lost."""
 import pathlib
 import subprocess
 

@@ -1,4 +1,4 @@
-"""Whom the programs become that root starts."""
+"""Which users the programs become when root starts them."""
 import os
 import pathlib
 
@@ -18,7 +18,7 @@ WITHOUT_USERS = ("unshare", "--mount", "sh", "-euc",
 
 
 def status(name, lab):
-    """What the kernel says of the router's one process of that name."""
+    """What the kernel says about the router's only process of that name."""
     def found():
         for pid in lab.router.run("sh", "-c", f"grep -lx {name} /proc/[0-9]*/comm || true").stdout.split():
             process = pathlib.Path(pid).parent

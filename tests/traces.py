@@ -1,4 +1,4 @@
-"""What passes the bus, as `tkctl bus trace` shows it."""
+"""The messages on the bus, as `tkctl bus trace` shows them."""
 import json
 import queue
 import subprocess
@@ -10,7 +10,7 @@ ROUTING = (0xFF0002, 0xFF0003, 0xFF0005, 0xFF0007)
 
 
 class Trace:
-    """A running `tkctl bus trace`, whose lines are read as they come."""
+    """A running `tkctl bus trace`, with its lines as they come."""
 
     def __init__(self, lab, *options):
         self.lab = lab
@@ -51,7 +51,7 @@ class Trace:
 
 
 def fields(message):
-    """The fields of a message before those of the platform."""
+    """A message's own fields, without those of the platform."""
     own = []
     for field in message["fields"]:
         if int(field["id"], 16) in ROUTING:
@@ -61,15 +61,15 @@ def fields(message):
 
 
 def routing(message):
-    """The fields that the platform puts behind a message's own."""
+    """The fields that the platform appends to a message's own."""
     return [(field["id"], field["type"]) for field in message["fields"][len(fields(message)):]]
 
 
 def by_daemon(message):
-    """True for what the daemon asks."""
+    """True for a request of the daemon."""
     return message["kind"] == "request" and message["from"] == [80, 0]
 
 
 def asked(message):
-    """A request as path, command and fields, of message[] the lists of ids, types and values."""
+    """A request as path, command and fields; a message[] as lists of ids, types and values."""
     return message["to"], message["command"], fields(message)

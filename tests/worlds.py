@@ -1,4 +1,4 @@
-"""A daemon whose router does as a test tells it."""
+"""A daemon whose router does what a test tells it."""
 import pathlib
 
 import bus
@@ -37,13 +37,13 @@ class World:
         return self
 
     def start_under_the_name(self, name):
-        """The daemon serves on a machine of another host name."""
+        """The daemon serves on a machine with another host name."""
         script = 'hostname "$0"; exec "$@"'
         self.start(("unshare", "--uts", "sh", "-c", script, name))
         self.configure()
 
     def serve(self, *items):
-        """The daemon is enabled; without items lan0 is internal and wan0 external."""
+        """The daemon is enabled. Without items, lan0 is internal and wan0 external."""
         self.start()
         return self.configure(*items)
 
@@ -65,7 +65,7 @@ class World:
         return self.start()
 
     def log_of(self, *words):
-        """Asks the daemon this, and returns the log lines that it wrote meanwhile."""
+        """Sends the daemon this, and returns the log lines that it writes in the meantime."""
         mark = self.daemon.mark()
         self.router.ask(*words)
         return self.daemon.since(mark)
@@ -91,6 +91,6 @@ class World:
 
 
 def refused(answer):
-    """The code and the text of an answer that is an error, else nothing."""
+    """The code and the text of an answer that is an error; otherwise nothing."""
     code = bus.value_of(answer, bus.CODE)
     return None if code is None else (code, bus.value_of(answer, bus.TEXT))

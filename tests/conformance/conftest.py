@@ -1,4 +1,4 @@
-"""Labs for the daemon alone, whose router a test plays."""
+"""Labs with only the daemon; a test plays its router."""
 import pytest
 
 import labs

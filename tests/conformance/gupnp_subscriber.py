@@ -8,7 +8,7 @@ from gi.repository import GLib, GObject, GUPnP  # noqa: E402
 
 VARIABLES = {"ConnectionStatus": GObject.TYPE_STRING, "ExternalIPAddress": GObject.TYPE_STRING,
              "PortMappingNumberOfEntries": GObject.TYPE_STRING, "PossibleConnectionTypes": GObject.TYPE_STRING}
-kept = []  # what would otherwise be collected while it listens
+kept = []  # otherwise collected while it listens
 
 
 def told(_, variable, value):

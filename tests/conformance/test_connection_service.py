@@ -1,4 +1,4 @@
-"""The connection service beside its mappings: variables, status, address, connecting and disconnecting."""
+"""The connection service apart from its mappings: variables, status, address, connecting and disconnecting."""
 import pytest
 
 from bus import INTERFACES, OBJECT, SET, SET_OBJECT, Refusal, address, settings
@@ -53,7 +53,7 @@ def test_the_status_tells_the_uptime_of_now(world):
     assert answer == result("GetStatusInfo", [("NewConnectionStatus", "Connected"),
                                               ("NewLastConnectionError", "ERROR_NONE"), ("NewUptime", told)])
     eventually(lambda: uptime(world.lab) > told)
-    assert int(outputs(query(world.lab.lan1, PATH, "Uptime"))[0][1]) > told  # read anew, not kept
+    assert int(outputs(query(world.lab.lan1, PATH, "Uptime"))[0][1]) > told  # read again, not kept
 
 
 @pytest.mark.parametrize("value, answer", [

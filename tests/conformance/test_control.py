@@ -69,7 +69,7 @@ def test_a_content_type_that_holds_text_xml_anywhere_is_accepted(lab, path, cont
 
 
 def test_the_first_failing_check_decides(lab, path):
-    """Each body is bad in all that follows its own fault, too."""
+    """Each body is also bad in everything that follows its own fault."""
     for body, content_type, soap_action, line in [
             ("no xml", "text/plain", None, "POST method with bad CONTENT-TYPE: text/plain"),
             ("no xml", "text/xml", None, "POST: with bad xml"),
@@ -98,7 +98,7 @@ def test_an_odd_soap_action_names_what_follows_its_first_hash(lab, path, soap_ac
     GET_ADDRESS_ACTION, f"{CONNECTION}#GetExternalIPAddress", f'"{COMMON}#GetExternalIPAddress"', "GetExternalIPAddress",
     "#GetExternalIPAddress", '"GetExternalIPAddress"', '"urn:x#GetExternalIPAddress!'])
 def test_the_action_is_named_by_what_follows_the_hash(lab, path, soap_action):
-    """Quoted or not; of a quoted one the last byte goes whatever it is; the type before the hash is not looked at."""
+    """Quoted or not. When quoted, its last byte is cut off, whatever it is. The type before the hash is ignored."""
     assert answer_and_lines(lab, path, GET_ADDRESS, soap_action) == (
         ADDRESS, ["action: GetExternalIPAddress", f"ret: NewExternalIPAddress, val: {ROUTER_WAN}"])
 
@@ -254,7 +254,7 @@ def test_a_query_takes_any_prefix(lab, path):
 
 
 def test_an_empty_argument_takes_the_text_before_it(lab, path):
-    """White space between the elements is text, too: this remote host is no longer empty."""
+    """White space between the elements is also text: this remote host is no longer empty."""
     lines = ["<NewRemoteHost></NewRemoteHost>", "<NewExternalPort>0</NewExternalPort>", "<NewProtocol>TCP</NewProtocol>"]
     spaced = envelope("<GetSpecificPortMappingEntry>\n  " + "\n  ".join(lines) + "\n</GetSpecificPortMappingEntry>")
     close = envelope("<GetSpecificPortMappingEntry>" + "".join(lines) + "</GetSpecificPortMappingEntry>")

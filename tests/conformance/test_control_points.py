@@ -19,7 +19,7 @@ def path(lab):
 
 
 def python(lab, script):
-    """Runs a script with Debian's own interpreter, which knows Debian's own modules."""
+    """Runs a script with Debian's interpreter, which finds Debian's modules."""
     return lab.lan1.run("/usr/bin/python3", "-c", script).stdout.splitlines()
 
 
@@ -95,7 +95,7 @@ class GUPnP:
 
 @pytest.fixture
 def gupnp_lab(fresh_lab):
-    """A lab whose lan1 lets no connection in at first. This control point takes no event before it has read the answer
+    """A lab whose lan1 lets no connection in at first. This control point takes no event until it has read the answer
     to its request, and both are there at the same moment: the gateway's second attempt, a second later, finds it ready."""
     with fresh_lab.lan1.dropping("input", "tcp flags & (syn | ack) == syn"):
         point = GUPnP(fresh_lab)
@@ -113,7 +113,7 @@ def test_a_gupnp_subscriber_hears_the_first_event_and_the_changes(gupnp_lab):
     point.hears("PortMappingNumberOfEntries = 2")
     lab.wan.run("ip", "link", "set", "eth0", "down")
     point.hears("ConnectionStatus = Connecting")
-    assert lab.upnpd.lines.count(f"subscribe: {CONNECTION}") == 1  # it missed no number, else it would subscribe anew
+    assert lab.upnpd.lines.count(f"subscribe: {CONNECTION}") == 1  # no number was missed, or it would subscribe again
     assert not [line for line in lab.upnpd.lines if "notify reply" in line or "timeout" in line]
 
 
@@ -141,7 +141,7 @@ def packages(tmp_path_factory):
         pytest.skip("the registry of JavaScript packages does not answer")
     if done.returncode != 0:
         unreachable = re.search(r"EAI_AGAIN|ENOTFOUND|ECONNREFUSED|ETIMEDOUT|ENETUNREACH|ECONNRESET", done.stderr)
-        assert unreachable, done.stderr  # nothing but a registry out of reach excuses
+        assert unreachable, done.stderr  # only an unreachable registry is an excuse
         pytest.skip(f"the registry of JavaScript packages cannot be reached: {unreachable.group()}")
     return folder
 
@@ -186,7 +186,7 @@ client.portMapping({{ public: {{ port: 8081 }}, private: {{ host: '{LAN1}', port
 }});
 setTimeout(() => process.exit(2), 20000);
 """).stdout.splitlines()
-    # It asks for the first entry alone, which the dummy entry is.
+    # It asks only for the first entry, which is the dummy entry.
     assert told == [ROUTER_WAN, "0 0.0.0.0 0 Dummy inactive rule for windows to work", "done"]
     assert [line for line in lab.upnpd.since(mark) if " map " in line] == [f"add map 8081->8082, {LAN1}", "del map 8081"]
     assert query(lab.lan1, path, "PortMappingNumberOfEntries") == variable_answer("1")

@@ -109,7 +109,7 @@ def described(name):
 SERVICES = [("osinfo.xml", "osinfo", OSINFO), ("wancommonifcfg.xml", "wancommonifc-{}", COMMON),
             ("wanipconn.xml", "wanipconn-{}", CONNECTION)]
 
-# Variables that exist for the sake of arguments alone.
+# Variables that exist only for arguments.
 WITHOUT_VALUE = {"PortMappingEnabled", "PortMappingLeaseDuration", "RemoteHost", "ExternalPort", "InternalPort",
                  "PortMappingProtocol", "InternalClient", "PortMappingDescription"}
 
@@ -145,7 +145,7 @@ def test_every_described_argument_belongs_to_a_variable(document, name, service)
     actions, variables = described(document)
     for arguments in actions.values():
         directions = [direction for _, direction, _ in arguments]
-        assert directions == sorted(directions)  # all that goes in stands before all that comes out
+        assert directions == sorted(directions)  # all inputs come before all outputs
         assert all(variable in variables for _, _, variable in arguments)
     assert {kind for _, kind, _ in variables.values()} <= {"ui2", "ui4", "string", "boolean"}
     assert {evented for evented, _, _ in variables.values()} <= {"yes", "no"}

@@ -6,7 +6,7 @@ from control_point import (Listener, Searcher, advert, root_pairs, search, searc
 from labs import ROUTER_LAN, eventually
 from worlds import LAN, WAN2
 
-SENTINEL = "urn:schemas-upnp-org:device:WANDevice:1"  # has one answer: after it nothing of an earlier search is left
+SENTINEL = "urn:schemas-upnp-org:device:WANDevice:1"  # has one answer; after it, earlier searches are done
 
 
 @pytest.fixture
@@ -29,7 +29,7 @@ def listener(fresh_lab):
 
 
 def answers_before_the_sentinel(searcher, pairs, datagram):
-    """What a search brings: all that arrives before the answer to a second search."""
+    """The answers to a search: everything that arrives before the answer to a second search."""
     searcher.send(datagram)
     searcher.send(search(SENTINEL))
     last = search_answer(SENTINEL, dict(pairs)[SENTINEL])

@@ -59,12 +59,12 @@ def begin(world, subscriber, path=PATH, initial=INITIAL, **options):
 
 
 def change(world, running):
-    """Makes ConnectionStatus another."""
+    """Changes ConnectionStatus."""
     world.router.tell_status([(OBJECT, "u32", WAN), (0x1000E, "bool", running)])
 
 
 def settled(world, mark, lines):
-    """Waits until these are the log lines since the mark, and holds that they are all."""
+    """Waits until these are the log lines since the mark, and asserts that there are no others."""
     eventually(lambda: len(world.daemon.since(mark)) >= len(lines), f"{lines}: {world.daemon.since(mark)}")
     assert world.daemon.since(mark) == lines
 
@@ -90,7 +90,7 @@ def test_the_other_services_tell_their_evented_variables(world, subscriber):
 
 
 def test_the_answer_stands_on_the_wire_before_the_first_notification(world):
-    """The subscriber listens at once, so that its connection is ready while the answer is still to be written."""
+    """The subscriber listens at once, so its connection is ready before the answer is written."""
     world.serve()
     with world.lab.lan1.listen(5000) as listener, world.lab.lan1.connect("192.0.2.1", 2828) as request:
         request.sendall(f"SUBSCRIBE {PATH} HTTP/1.1\r\nHOST: 192.0.2.1\r\nNT: upnp:event\r\n"
@@ -329,7 +329,7 @@ def test_a_hundred_addresses_subscribe_and_the_next_one_is_refused(world):
         mark = world.daemon.mark()
         refused = bare("500 Internal Server Error")
         assert subscribe(lan1, PATH, f"<http://{addresses[100]}:5000/notify>") == refused
-        assert subscribe(lan1, PATH, f"<http://{addresses[0]}:5000/notify>") == refused  # the limit is looked at first
+        assert subscribe(lan1, PATH, f"<http://{addresses[0]}:5000/notify>") == refused  # the limit is checked first
         assert world.daemon.since(mark) == [f"callback addr: {one}, port: 5000, path: /notify"
                                             for one in (addresses[100], addresses[0])]
         change(world, False)
@@ -363,13 +363,13 @@ def test_a_bad_reply_is_logged_and_the_subscription_stays(world, subscriber, rep
     subscriber.reply = GOOD
     change(world, False)
     subscriber.expect(sid, 1, [("ConnectionStatus", "Connecting")])
-    for _ in range(2):  # the second is answered in a later turn than the replies, which are there by now
+    for _ in range(2):  # the second is answered in a later turn than the replies, which have come by now
         world.router.ask(GET)
     assert [told for told in world.daemon.since(mark) if told.startswith("bad notify reply")] == ([line] if line else [])
 
 
 class Raw:
-    """A subscriber that is nothing but a listening socket on lan1."""
+    """A subscriber that is only a listening socket on lan1."""
 
     callback = f"<http://{LAN1}:5000/notify>"
 
@@ -431,10 +431,10 @@ def test_a_subscriber_that_dies_in_the_middle_disturbs_nobody(world, raw, other)
     undisturbed(world, other, sid, 1, "Connecting")
     connection, heard = raw.accept()
     assert heard == notification(dead, 1, [("ConnectionStatus", "Connecting")], LAN1, 5000)
-    connection.close()  # at an end, without a reply
+    connection.close()  # ended, without a reply
     eventually(lambda: world.daemon.since(mark).count("notify reply read failed") == 2)
     undisturbed(world, other, sid, 2, "Connected")
-    assert world.daemon.since(mark).count("notify reply read failed") == 2  # told once each, not without end
+    assert world.daemon.since(mark).count("notify reply read failed") == 2  # told once each, not for ever
 
 
 def test_subscribers_that_never_reply_or_never_accept_are_given_up_after_thirty_seconds(world, raw, other):

@@ -169,7 +169,7 @@ def test_one_request_is_answered_and_the_connection_closed(lab):
 def test_what_never_completes_is_not_answered_but_kept(lab, unfinished):
     with lab.lan1.connect(ROUTER_LAN, PORT) as connection:
         connection.sendall(unfinished)
-        assert get(lab.lan2, "/osinfo.xml") == file_answer(OSINFO_TEXT)  # the daemon has gone on meanwhile
+        assert get(lab.lan2, "/osinfo.xml") == file_answer(OSINFO_TEXT)  # the daemon has gone on in the meantime
         connection.setblocking(False)
         with pytest.raises(BlockingIOError):
             connection.recv(1)
@@ -209,12 +209,12 @@ def test_a_request_that_never_ends_is_dropped_ten_seconds_after_the_accept_howev
             try:
                 received = connection.recv(1)
             except TimeoutError:
-                connection.sendall(b"x")  # would start another time limit anew
+                connection.sendall(b"x")  # would start another time limit again
             except ConnectionResetError:
                 received = b""
         assert received == b""
         assert 9.5 <= time.monotonic() - began <= 12
-    lab.upnpd.wait_for("http request timeout", mark)  # written behind the end of the connection
+    lab.upnpd.wait_for("http request timeout", mark)  # written after the end of the connection
     assert lab.upnpd.since(mark) == ["http request timeout"]
 
 
@@ -256,7 +256,7 @@ def file_of(world, name):
 
 @pytest.fixture
 def files(world):
-    """The served files of a world, which are put back at the end."""
+    """The served files of a world. They are put back at the end."""
     world.serve()
     yield world
     for name in ("osinfo.xml", "wanipconn.xml"):

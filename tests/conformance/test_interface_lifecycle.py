@@ -80,7 +80,7 @@ def test_enabled_again_at_once_it_serves_as_before(world):
     world.serve()
     world.router.ask(SET, settings(False))
     assert sockets(world) == []
-    # The addresses are known from before, so that both roles start as soon as their interface is read.
+    # The addresses are known already, so both roles start as soon as their interface is read.
     assert world.log_of(SET, settings(True)) == [
         "add dev: inside", "set type: 2 1", "intr: 0 3221225985", "start int: inside 192.0.2.1", "sendAdverts",
         "add dev: uplink", "set type: 1 2", "start ext: uplink", "initial external addr: 198.51.100.1", "sendAdverts",
@@ -168,7 +168,7 @@ def test_enabling_announces_the_whole_tree_and_disabling_takes_leave_of_it(world
 
 
 def test_the_goodbye_of_the_internal_side_is_for_what_the_tree_still_holds(world):
-    """Items are stopped in their order: an external one that stood first is not in the goodbye of the second."""
+    """Items are stopped in their order: an external one that comes first is not in the goodbye of the second."""
     listener = Listener(world.lab.lan1)
     world.serve(item(WAN, 1), item(LAN, 2))
     wan, root = table_order(wan_pairs(IDENTITY, WAN)), table_order(ROOT)
@@ -187,7 +187,7 @@ def test_each_internal_interface_announces_its_own_address(world):
     assert inside.receive(len(TREE)) == [advert("alive", *pair) for pair in TREE]
     location = "http://203.0.113.1:2828/gateway.xml"
     assert second.receive(len(TREE)) == [advert("alive", *pair, location) for pair in TREE]
-    # A WAN device that goes is told on both, and on each with its own address.
+    # A WAN device that goes is announced on both, on each with its own address.
     world.router.ask(SET_OBJECT, [(OBJECT, "u32", 2)])
     wan = table_order(wan_pairs(IDENTITY, WAN))
     for listener, place in ((inside, None), (second, location)):
@@ -204,7 +204,7 @@ def test_the_order_of_lines_when_rules_cannot_be_removed_at_the_end(world):
 
 
 def test_sockets_that_cannot_be_opened_are_logged_and_the_role_counts_as_started(world):
-    # The router tells a name that its kernel does not know.
+    # The router gives a name that its kernel does not know.
     world.router.interfaces.append([*world.wan2[:4], (0x10005, "string", "nosuch0"), *world.wan2[5:]])
     world.router.addresses.append(address(30, "203.0.113.1", WAN2))
     world.serve()

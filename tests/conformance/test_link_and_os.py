@@ -1,4 +1,4 @@
-"""The external link's properties and counters, and what is told of the system."""
+"""The external link's properties and counters, and what is told about the system."""
 import pytest
 
 from bus import GET_OBJECT, INTERFACES, OBJECT, Refusal, interface

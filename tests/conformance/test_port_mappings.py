@@ -1,4 +1,4 @@
-"""The table of mappings: each answer, each line and each rule as it is asked of the router, field by field."""
+"""The table of mappings: each answer, each log line and each rule as the router is asked for it, field by field."""
 import pytest
 
 from bus import ADD, NAT, OBJECT, REMOVE, SET, SET_OBJECT, Refusal, address, item, settings
@@ -235,7 +235,7 @@ def test_the_dummy_entry_is_looked_up_whether_shown_or_not_and_hides_tcp_port_0(
     assert add(serving, external=0, protocol="UDP") == ADDED
     serving.router.ask(SET, settings(True, True, shown))
     assert specific(serving, 0) == looked_up(DUMMY)
-    assert specific(serving, "00") == looked_up(entry())  # only the text 0 itself
+    assert specific(serving, "00") == looked_up(entry())  # only the exact text 0
     assert specific(serving, 0, "UDP") == looked_up(entry())
     assert specific(serving, 0, remote="none") == NO_ENTRY
 

@@ -30,7 +30,7 @@ def external_address(world, interface_id=WAN):
 
 
 def pages(*answers):
-    """The interface list in pages that a test writes down."""
+    """The interface list in the pages that a test gives."""
     by_request = {(): answers[0], **{(number,): answer for number, answer in enumerate(answers[1:], 1)}}
     return lambda request: by_request[tuple([value_of(request, NEXT)] if value_of(request, NEXT) is not None else [])]
 
@@ -64,7 +64,7 @@ def test_the_interface_list_is_read_page_by_page(world):
     world.start()
     world.router.answers[INTERFACES, 1] = pages(
         [(OBJECTS, "message[]", [world.lan]), (NEXT, "u32", 1)],
-        [(OBJECTS, "message[]", []), (NEXT, "u32", 2)],  # a page without records leads on too
+        [(OBJECTS, "message[]", []), (NEXT, "u32", 2)],  # a page without records also leads on
         [(OBJECTS, "message[]", [world.wan])])
     world.take_requests()
     mark = world.daemon.mark()
@@ -97,7 +97,7 @@ def test_an_interface_is_added_changed_and_removed_with_a_line_each(world):
     assert world.log_after(tell, record) == ["add dev: Tunnel"]
     assert world.log_after(tell, interface(9, "tun0", 99, display="Other")) == ["set dev: Other (9)"]
     assert world.log_after(tell, interface(9, "tun0", 99, flags=0x82)) == ["rem dev: tun0"]
-    assert world.log_after(tell, interface(9, "tun0", 99, flags=0x82)) == ["rem dev: tun0"]  # unknown: the line alone
+    assert world.log_after(tell, interface(9, "tun0", 99, flags=0x82)) == ["rem dev: tun0"]  # unknown: only the line
     assert world.log_after(tell, record) == ["add dev: Tunnel"]
 
 
@@ -262,7 +262,7 @@ def test_addresses_that_a_walk_misses_are_forgotten_but_stay_in_use(world):
     assert world.daemon.since(mark) == ["dev: 1 set address: 192.0.2.1 (10)"]
     assert external_address(world) == ROUTER_WAN
     gone = [*address(20, ROUTER_WAN, WAN), (DELETED, "u32", 1)]
-    assert world.log_after(world.router.tell_addresses, gone) == []  # nothing is known of it any more
+    assert world.log_after(world.router.tell_addresses, gone) == []  # nothing is known about it any more
 
 
 def test_a_walk_follows_every_page(world):

@@ -1,4 +1,4 @@
-"""What the clients may believe after a disturbed time: for each mapping, all the states that it can be in.
+"""What the clients may believe after a disturbance: for each mapping, all the states that it can be in.
 
 A request that was answered before a crash began, or asked after it ended, leaves one state. A request that ran beside the
 crash, or got no answer, leaves several; the router must then be in one of them.
@@ -15,7 +15,7 @@ DONE, NO_SUCH_ENTRY = 200, 714
 
 @dataclasses.dataclass
 class Span:
-    """A time in which something was not as usual, open until it is closed."""
+    """A time in which something was disturbed, open until it is closed."""
     begun: float
     ended: float = math.inf
     what: str = ""
@@ -26,7 +26,7 @@ class Span:
 
 @dataclasses.dataclass
 class Loss(Span):
-    """Somewhere in it all mappings of these places were lost."""
+    """At some moment in this time all mappings of these places were lost."""
     places: tuple = ()
 
 
@@ -51,7 +51,7 @@ class Request(Span):
 
 
 class Contradiction(AssertionError):
-    """Something was seen that can be in none of the possible states."""
+    """Something was seen that is possible in none of the states."""
 
 
 class Beliefs:
@@ -62,11 +62,11 @@ class Beliefs:
         self.requests, self.losses, self.disturbances, self.held = [], [], [], []
 
     def had(self, place, span):
-        """The addresses that a mapping may have got which was made in this time."""
+        """The addresses that a mapping made in this time may have got."""
         return {held.address for held in self.held if held.place == place and held.overlaps(span)}
 
     def settle(self, present):
-        """Compares with the state that each key really has, which is the only possible one from now on.
+        """Compares with the state that each key really has. From now on that is the only possible one.
 
         Returns how many keys were compared, and how many of them could have been in several states.
         """

@@ -1,4 +1,4 @@
-"""What is done to the router while others work with it: kills, and changes of what it stands on."""
+"""What is done to the router while others work with it: kills, and changes of what it depends on."""
 import os
 import pathlib
 import signal
@@ -15,7 +15,7 @@ ENDING_SECONDS = 5  # that a program which has lost its bus may take to leave
 
 
 class Router:
-    """A lab's router as the disturbed one: its programs by process number, and what must be mended."""
+    """A lab's router to be disturbed: its programs by process number, and what must be mended."""
 
     def __init__(self, lab, beliefs):
         self.lab, self.beliefs = lab, beliefs
@@ -51,7 +51,7 @@ class Router:
             self.beliefs.losses.append(Loss(span.begun, what=what, places=lost))
 
     def calm(self):
-        """Notes that all is as usual again."""
+        """Notes that everything is as usual again."""
         now = time.monotonic()
         for span in [*self.beliefs.disturbances, *self.beliefs.losses]:
             span.ended = min(span.ended, now)
@@ -73,7 +73,7 @@ class Router:
         return numbers
 
     def kill_upnpd(self, random):
-        """Sometimes while it writes its settings, which stay what they are."""
+        """Sometimes while it writes its settings, which do not change."""
         if random.random() < 0.5:
             self.ask_in_passing("upnp", "set", "enabled=yes")
             time.sleep(random.uniform(0, 0.02))
@@ -103,7 +103,7 @@ class Router:
         self.lab.start_routerd("--config", "/tesk/etc/lab.toml")
 
     def start_later(self, random):
-        """upnpd is started now and not waited for, or when all is mended."""
+        """upnpd is started now without waiting for it, or once everything is mended."""
         self.to_mend["upnpd"] = self.start_upnpd
         if random.random() < 0.5 and "routerd" not in self.to_mend:
             self.ask_in_passing("upnp", "get")
@@ -119,15 +119,15 @@ class Router:
             self.started = time.monotonic()
         self.lab.tkctl("upnp", "get")
 
-    # What they stand on
+    # What they depend on
 
     def present(self, random):
-        """An external interface that there is, if there is one."""
+        """An external interface that is present, if any."""
         names = [name for name in EXTERNALS if name not in self.to_mend]
         return random.choice(names) if names else None
 
     def flush(self, _):
-        """No disturbance: nobody may notice."""
+        """Not a disturbance: nobody may notice."""
         self.lab.router.run("nft", "flush", "ruleset")
         uplink.masquerade(self.lab)  # that was not ours to keep
 

@@ -1,4 +1,4 @@
-"""A router that lives through many rounds of work and crashes, and what must be true after each of them."""
+"""A router that goes through many rounds of work and crashes, and what must be true after each of them."""
 import collections
 import pathlib
 import random
@@ -24,7 +24,7 @@ ELEMENT = re.compile(r"([\d.]+) \. (tcp|udp|6|17) \. (\d+) : ([\d.]+) \. (\d+)")
 LIVE = re.compile(ELEMENT.pattern.replace(" : ", r" \. "))
 PROTOCOLS = {"6": "tcp", "17": "udp"}
 PROBE_PORTS = 4000
-FLOWS = 8  # that are kept from round to round
+FLOWS = 8  # kept from round to round
 FLOW_SECONDS = 1  # in which flows follow the rules
 
 
@@ -73,7 +73,7 @@ class World:
         self.lab.down()
 
     def play(self, number):
-        """One round: work that is disturbed, recovery, work that is not, and the reckoning."""
+        """One round: disturbed work, recovery, undisturbed work, and the reckoning."""
         chance = random.Random(f"{self.seed}/{number}")
         before = self.running()
         disturbed = self.work(f"{self.seed}/{number}/disturbed", 1000)
@@ -129,7 +129,7 @@ class World:
     # Recovery
 
     def settle(self):
-        """Waits until the router knows its links and addresses, and the daemon what the router has told it by then."""
+        """Waits until the router knows its links and addresses, and the daemon knows what the router has told it."""
         expected = sorted([labs.ROUTER_LAN, *self.router.addresses.values()])
         index = {name: int(self.lab.router.run("cat", f"/sys/class/net/{name}/ifindex").stdout) for name in EXTERNALS}
 
@@ -214,7 +214,7 @@ class World:
         return Key(places[0], *of_port)
 
     def compare_kernel(self, listed):
-        """The elements of the kernel's map are the enabled rules, no more and no less, and so is what is live."""
+        """The elements of the kernel's map and of its set of live rules are exactly the enabled rules."""
         text = self.lab.router.run("nft", "--numeric", "list", "map", "ip", "tk", "dstnat").stdout
         elements = sorted((address, PROTOCOLS.get(protocol, protocol), int(port), target, int(target_port))
                           for address, protocol, port, target, target_port in ELEMENT.findall(text))
@@ -230,7 +230,7 @@ class World:
 
     @staticmethod
     def compare_mappings(mappings, present):
-        """The mappings that control points list are those rules that are neither a program's nor stored."""
+        """The mappings that control points list are the rules that are neither a program's nor stored."""
         told = {(*key, *content) for key, content in mappings.items()}
         rules = {(*key, *state[1:]) for key, state in present.items() if key.place in EXTERNALS}
         assert told == rules, f"only the daemon's: {told - rules}, only the router's: {rules - told}"
@@ -243,7 +243,7 @@ class World:
         self.rules.unclear.clear()
 
     def pass_packets(self, present, chance):
-        """Packets go where one mapping leads, and nowhere where there is none."""
+        """Packets go where a mapping leads, and nowhere if there is no mapping."""
         passing = sorted(key for key, state in present.items() if key.protocol == "tcp" and state.enabled
                          and state.destination == self.router.addresses.get(key.place))
         if passing:
@@ -258,7 +258,7 @@ class World:
             assert found is None, f"{key} has no mapping, but leads to {found}"
 
     def follow_flows(self, present):
-        """Flows of former rounds go where the rules lead now, and nowhere where there is none."""
+        """Flows of earlier rounds go where the rules lead now, and nowhere if there is no rule."""
         for flow in list(self.flows):
             if self.router.addresses[flow.key.place] != flow.address:
                 continue  # nothing reaches the router there
@@ -277,7 +277,7 @@ class World:
                 flow.close()
 
     def begin_flows(self, present, chance):
-        """Begins flows through mappings that have none yet."""
+        """Starts flows through mappings that have none yet."""
         known = {(flow.key, flow.address) for flow in self.flows}
         fresh = sorted(key for key, state in present.items() if key.protocol == "udp" and state.enabled
                        and state.destination == self.router.addresses.get(key.place)
@@ -288,7 +288,7 @@ class World:
             assert flow.reaches(), f"nobody answers at {key}"
 
     def subscribe_anew(self, count):
-        """A subscriber whose name must be asked for hears the number of mappings that there are."""
+        """A subscriber whose name must be resolved hears the current number of mappings."""
         interface = self.interfaces["wan0"]
         sid = sid_in(subscribe(self.lab.lan2, interface, "watcher.home:5001"))
         assert sid, "a subscriber with a name is refused"

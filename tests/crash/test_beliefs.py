@@ -1,4 +1,4 @@
-"""The reckoning itself: what may be after which requests and crashes, and what it must not let pass."""
+"""The reckoning itself: what is possible after which requests and crashes, and what it must not let pass."""
 import pytest
 
 from beliefs import Beliefs, Contradiction, Held, Key, Loss, Request, Span, State
@@ -45,7 +45,7 @@ def beliefs(*requests, losses=(), disturbances=()):
     (beliefs(added(1, 2), added(5, 6, OTHER), losses=[(3, 4)]), {at(FIRST, OTHER)}),
     (beliefs(added(1, 3), added(4, 6, OTHER), losses=[(2, 5)]), {at(FIRST, OTHER), None}),
     (beliefs(added(1, 3), losses=[(2, 4), (5, 6)]), {None}),
-    # No answer, or a refusal, while something was not as usual.
+    # No answer, or a refusal, while something was disturbed.
     (beliefs(added(1, 3, status=None), disturbances=[(2, 4)]), {at(FIRST), None}),
     (beliefs(added(1, 3, status=501), disturbances=[(2, 4)]), {None}),
     (beliefs(added(1, 2), deleted(5, 6, None), disturbances=[(3, 6)]), {at(FIRST), None}),

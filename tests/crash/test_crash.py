@@ -1,4 +1,4 @@
-"""The short version of tests/crash/run, and proof that its checks see what they are for."""
+"""The short version of tests/crash/run, and proof that its checks find what they look for."""
 import os
 import random
 import signal
@@ -17,7 +17,7 @@ def test_thirty_rounds_leave_nothing_behind_and_lose_nothing(tmp_path):
 
 @pytest.fixture(scope="module")
 def shared_world(tmp_path_factory):
-    """A world after a round of nothing but calm work."""
+    """A world after a round of undisturbed work."""
     made = rounds.World(tmp_path_factory.mktemp("lab"), 1)
     try:
         made.up()
@@ -30,7 +30,7 @@ def shared_world(tmp_path_factory):
 
 @pytest.fixture
 def world(shared_world):
-    """A world that is in order before and after the test, though not meanwhile."""
+    """A world that is in order before and after the test, but not during it."""
     yield shared_world
     shared_world.reckon(random.Random(1))
 
@@ -95,6 +95,6 @@ def test_a_daemon_that_does_not_recover_is_seen(world):
             world.recover(1)
     finally:
         os.kill(number, signal.SIGCONT)
-    # The daemon answers late what it was asked meanwhile.
+    # The daemon answers late what it was asked in the meantime.
     rounds.delete_mapping(world.lab.lan1, world.interfaces["wan0"], rounds.PROBE_PORTS + 1, "tcp")
     rounds.labs.eventually(lambda: all(rule["dstPort"] != rounds.PROBE_PORTS + 1 for rule in world.lab.rules()))

@@ -26,7 +26,7 @@ NOTIFIED = re.compile(r"^SID: (\S+)\r\n(?:.*\r\n)*?SEQ: (\d+)\r$", re.M)
 
 
 def ask(host, request, address=ROUTER_LAN):
-    """The whole answer to a request, or nothing when none came; what is unsent then is never sent."""
+    """The whole answer to a request, or nothing when none came. The rest of the request is then never sent."""
     connection = None
     try:
         connection = host.connect(address, control_point.PORT, seconds=ANSWER_SECONDS)
@@ -151,7 +151,7 @@ class DatagramGreeter:
             try:
                 text, sender = self.socket.recvfrom(100)
                 self.socket.sendto(text + f" {self.host.address}:{self.port}".encode(), sender)
-            except OSError:  # nothing came, or there is no way back to whoever sent it
+            except OSError:  # nothing came, or there is no way back to the sender
                 continue
 
     def close(self):
@@ -169,7 +169,7 @@ class Flow:
         self.socket.settimeout(0.2)
 
     def reaches(self):
-        """Who answers a datagram of now, if anybody does."""
+        """Who answers a datagram sent now, if anybody does."""
         text = b"%d" % time.monotonic_ns()
         try:
             self.socket.sendto(text, (self.address, self.key.port))
@@ -185,7 +185,7 @@ class Flow:
 
 
 class EventSink(Listener):
-    """Takes the notifications of a host."""
+    """Receives the notifications to a host."""
 
     def __init__(self, host, port=5000):
         self.heard, self.counts = queue.Queue(), collections.Counter()
@@ -200,7 +200,7 @@ class EventSink(Listener):
 
 
 class Worker(threading.Thread):
-    """One that makes random requests until it is told to stop, at most a number of them."""
+    """Makes random requests until it is told to stop, up to a given number of them."""
 
     def __init__(self, seed, limit):
         super().__init__(daemon=True)
@@ -256,7 +256,7 @@ class ControlPoint(Worker):
         self.note(begun, key, wanted, status_of(answer))
 
     def subscribe(self, interface, sids):
-        """Subscribes, renews or unsubscribes; the callback is a name that resolverd is asked for, or an address."""
+        """Subscribes, renews or unsubscribes; the callback is a name for resolverd, or an address."""
         begun, known = time.monotonic(), sids.pop((self.host.name, interface), None)
         if known is None:
             callback = self.random.choice((f"{self.host.name}.home:5000", f"{self.host.address}:5000"))
@@ -286,7 +286,7 @@ class RuleMaker(Worker):
     def __init__(self, lab, rules, seed, limit):
         super().__init__(seed, limit)
         self.lab, self.rules = lab, rules
-        self.losses = []  # times in which it left the bus
+        self.losses = []  # times when it left the bus
 
     def step(self):
         if self.rules.client is None:

@@ -1,4 +1,4 @@
-"""A name server in a lab, and what the router goes by to find it."""
+"""A name server in a lab, and how the router finds it."""
 import queue
 import socket
 import struct
@@ -12,8 +12,8 @@ ADDRESS = 1  # the type of the records
 class NameServer:
     """Answers on UDP port 53 of a host.
 
-    records holds names and their addresses, other names are unknown. silent ones are never answered; long ones have no
-    room in a datagram, so that they must be asked for over TCP.
+    records holds names and their addresses; other names are unknown. silent ones are never answered. Answers to long
+    ones do not fit in a datagram, so they must be asked for over TCP.
     """
 
     def __init__(self, host, records, silent=(), long=(), lifetime=60):
@@ -82,7 +82,7 @@ def name_at(packet, at):
 
 
 def replace(lab, name, text):
-    """Gives the lab's router a file of its own in /etc; the machine's stays what it is."""
+    """Gives the lab's router a file of its own in /etc; the machine's is not changed."""
     own = lab.root / "run" / name
     is_new = not own.exists()
     own.write_text(text)

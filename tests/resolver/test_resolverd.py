@@ -47,7 +47,7 @@ def ask(lab, name, check=True):
 
 
 def resolve(lab, name):
-    """The fields of the reply that the platform does not add."""
+    """The fields of the reply, without those of the platform."""
     reply = json.loads(ask(lab, name).stdout)
     assert reply["kind"] == "reply" and reply["from"] == [14, 0]
     return [(field["id"], field["type"], field["value"]) for field in reply["fields"] if int(field["id"], 16) < 0xFF0000]

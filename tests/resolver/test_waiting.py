@@ -1,4 +1,4 @@
-"""Subscribers with names that nobody answers for, and everybody else."""
+"""Subscribers whose names nobody resolves, and everybody else."""
 import select
 import socket
 import struct
@@ -62,11 +62,11 @@ def send_subscribe(lab, number):
 
 
 def send_subscribes(lab, count):
-    """So many of these, and the longest that the other host waited for a description meanwhile."""
+    """Sends this many, and returns the longest that the other host meanwhile waited for a description."""
     connections, longest = [], 0
     for number in range(count):
         connections.append(send_subscribe(lab, number))
-        answer, took = timed(lambda: get(lab.lan2, "/gateway.xml"))  # behind it the listener's short queue is empty
+        answer, took = timed(lambda: get(lab.lan2, "/gateway.xml"))  # after it the listener's short queue is empty
         assert answer.startswith("HTTP/1.1 200 OK\r\n")
         longest = max(longest, took)
     return connections, longest
@@ -79,7 +79,7 @@ def timed(work):
 
 
 def slowest_description(lab, until):
-    """Gets the description from the other host over and over until the condition holds; the longest that it took."""
+    """Fetches the description from the other host until the condition holds; returns the longest time that took."""
     longest = 0
     deadline = time.monotonic() + 30
     while not until():

@@ -1,4 +1,4 @@
-"""The users of a lab's router, and what they are and may do there."""
+"""The users of a lab's router, and what they may do there."""
 import contextlib
 import os
 import pathlib
@@ -9,12 +9,12 @@ import labs
 from control_point import call
 
 ROUTER, DAEMON, OTHER = "routerd", "upnpd", "resolverd"  # the last two are in the group tk
-MEMBER = "member"  # of the group, and nothing else
+MEMBER = "member"  # in the group, and nothing else
 IDS = {ROUTER: 64001, DAEMON: 64002, OTHER: 64003, MEMBER: 64004}
 GROUP = 64000
 PROGRAM = "/tesk/bin/upnpd"  # a copy, where every user can reach it
 
-# The daemon runs as a user of its own, whom the guard is for.
+# The daemon runs as a user of its own, whom the guard limits.
 DAEMON_AS_ITSELF = f"""
 [[program]]
 number = 80
@@ -38,9 +38,9 @@ def run_as(lab, user, *words, check=False):
 
 
 def connect_as(lab, user, count):
-    """Connections to the bus that are the user's, for all that the kernel knows."""
+    """Connections to the bus that are the user's, as far as the kernel can tell."""
     with contextlib.ExitStack() as home:
-        # Root alone finds the way into the router's root; from within its folder the socket is everybody's to reach.
+        # Only root finds the way into the router's root. From inside the socket's folder everybody can reach it.
         home.callback(os.chdir, os.getcwd())
         os.chdir(lab.root / "run" / "tk")
         home.callback(os.setegid, os.getegid())
@@ -63,7 +63,7 @@ def processes(lab, name):
 
 
 def connection_path(lab):
-    """Where the daemon of a router that has just begun to serve takes actions for wan0."""
+    """The path at which the daemon takes actions for wan0, on a router that has just started to serve."""
     path = f"/upnp/control/wanipconn-{lab.interface_id('wan0')}"
 
     def answers():

@@ -1,4 +1,4 @@
-"""What one user can make the router keep for it, and that nobody else notices."""
+"""How much one user can make the router keep for it, without anybody else noticing."""
 import contextlib
 import os
 import pathlib
@@ -68,13 +68,13 @@ def text(size):
 
 
 def still_program(lab):
-    """A program 80 that reads nothing more."""
+    """A program 80 that has stopped reading."""
     program, = connect_as(lab, DAEMON, 1)
     program.register(80)
     return program
 
 
-# Each attack returns its connections, which have to stay.
+# Each attack returns its connections, which must stay open.
 
 def unfinished_frames(lab):
     clients = connect_as(lab, OTHER, CONNECTIONS), connect_as(lab, MEMBER, CONNECTIONS)
@@ -101,7 +101,7 @@ def subscribers_that_do_not_read(lab):
     for _ in range(16):
         program.send([text(1000000), (bus.SENDER, bus.U32S, [80, 0]), (bus.KIND, bus.U32, bus.NOTIFICATION),
                       (bus.COMMAND, bus.U32, bus.CHANGED)])
-    program.call([20, 0], bus.GET_COUNT)  # is served behind them
+    program.call([20, 0], bus.GET_COUNT)  # is served after them
     return clients, program
 
 
@@ -128,7 +128,7 @@ ATTACKS = [unfinished_frames, tracers_that_do_not_read, subscribers_that_do_not_
 
 @pytest.mark.parametrize("attack", ATTACKS, ids=lambda attack: attack.__name__)
 def test_what_one_user_can_make_the_router_keep_is_bounded(router, attack):
-    bus.Client(router).call([20, 0], bus.GET_COUNT, [text(1 << 20)])  # what one large message takes is there before
+    bus.Client(router).call([20, 0], bus.GET_COUNT, [text(1 << 20)])  # one large message has been there before
     reset(router)
     before = peak(router)
     kept = attack(router)
@@ -176,7 +176,7 @@ def test_what_slow_tracers_are_behind_costs_the_router_no_time(router):
         tracer.socket.setblocking(False)
     administrator = bus.Client(router)
     ask = lambda: administrator.call([20, 0], bus.GET_COUNT, [text(60000)])
-    for _ in range(700):  # each is now some 40 MiB behind
+    for _ in range(700):  # each has now some 40 MiB unread
         ask()
     began = processor_seconds(router)
     for _ in range(1000):

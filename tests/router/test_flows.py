@@ -1,4 +1,4 @@
-"""Flows end with the rule that began them, and nobody else's do; and the way back from inside."""
+"""Flows end with the rule that began them, and no other flows do; and the way back from inside."""
 import contextlib
 import os
 import pathlib
@@ -41,7 +41,7 @@ class Talk:
             self.socket.sendto(b"x", (ROUTER_WAN, self.port))
 
     def reaches(self, server):
-        """True when a datagram of now arrives at the server within a moment."""
+        """True when a datagram sent now arrives at the server within a moment."""
         text = b"%d" % time.monotonic_ns()
         server.settimeout(0.2)
         for _ in range(2):  # the first may meet the router's answer to an earlier one
@@ -69,7 +69,7 @@ def passes(near, far):
 
 
 def packets(host, match):
-    """Lets a host's kernel count what matches at its input; the function that comes back tells how many there were."""
+    """Makes a host's kernel count packets that match at its input; returns a function that gives the count."""
     host.run("nft", f"add table ip seen; add chain ip seen in {{ type filter hook input priority -300; }}; "
                     f"add rule ip seen in {match} counter")
 
@@ -94,7 +94,7 @@ def lead_to(target):
 
 
 def is_reset(end):
-    """True when the connection was reset, or is when it sends something; a former answer may wait before that."""
+    """True when the connection was reset, or is once it sends something; an earlier answer may still come first."""
     end.settimeout(0.2)
     try:
         end.sendall(b"x")
@@ -108,7 +108,7 @@ def is_reset(end):
 
 
 def go_on(near, far):
-    """True when both ends hear each other for as long as something could still come to end the connection."""
+    """True when both ends hear each other for as long as anything could still end the connection."""
     deadline = time.monotonic() + 0.3
     while time.monotonic() < deadline:
         if not passes(near, far) or not passes(far, near):
@@ -117,7 +117,7 @@ def go_on(near, far):
 
 
 def connection(lab, server, port=80, host="wan"):
-    """Both ends of a connection to a mapped port, which has passed something."""
+    """Both ends of a connection to a mapped port. Data has passed over it."""
     near = getattr(lab, host).connect(ROUTER_WAN, port)
     far, _ = server.accept()
     assert passes(near, far)
@@ -155,7 +155,7 @@ def test_a_udp_flow_follows_a_rule_that_leads_elsewhere_now(router, client):
 
 
 def keep_sending(client, sender, server, port=53):
-    """Sends without a pause from one source port until a datagram arrives, and tells how many it took at most."""
+    """Sends without a pause from one source port until a datagram arrives, and returns how many it took at most."""
     server.settimeout(0.01)
     for count in range(1, 200):
         with contextlib.suppress(ConnectionRefusedError):
@@ -234,7 +234,7 @@ def test_a_connection_goes_on_when_its_rule_is_changed_to_what_it_was(router, cl
 
 
 def test_an_icmp_error_passes_with_the_flow_that_it_tells_of(router, client):
-    """Else the path MTU, for one, would never be learnt through a mapping."""
+    """Otherwise the path MTU, for one, would never be learnt through a mapping."""
     client.add_rule(53, target_port=5353, protocol=bus.UDP)
     with router.lan1.datagrams(5353) as server:
         sender = router.wan.datagrams()
@@ -392,7 +392,7 @@ def test_flows_that_a_killed_router_left_end_at_its_next_start_and_no_others_do(
 
 @labs.tracing
 def test_the_table_of_connections_is_never_read(bare_lab):
-    """The router's system calls tell: it asks for the removal of single entries, and for nothing else."""
+    """The router's system calls show that it only asks for the removal of single entries."""
     record = bare_lab.directory / "calls"
     bare_lab.routerd = labs.Program(bare_lab, "routerd", wrapper=("strace", "-qq", "-yy", "-e", "trace=%network", "-o",
                                                                   record))
@@ -433,7 +433,7 @@ def test_a_rule_costs_the_same_whatever_the_table_of_connections_holds(router, c
 
 
 def fill_connections(lab, count):
-    """Lets the router's kernel track so many flows from inside to outside."""
+    """Makes the router's kernel track this many flows from inside to outside."""
     with lab.wan.dropping("input", "udp dport 1000-65535"), lab.lan1.datagrams() as sender:
         for port in range(count):
             sender.sendto(b"", (WAN, 20000 + port))
@@ -473,7 +473,7 @@ def test_a_target_port_of_zero_is_port_zero(router, client):
     def arrives():
         before = count()
         talk.socket.sendto(b"x", (ROUTER_WAN, 53))
-        time.sleep(0.05)  # on its way through two kernels, where there is one
+        time.sleep(0.05)  # the datagram, if there is one, passes two kernels
         return count() > before
     added = client.add_rule(53, target_port=0, protocol=bus.UDP)
     eventually(arrives, "the flow begins")
