@@ -1,4 +1,4 @@
-"""What the daemon's user sends goes to hosts inside and to nobody else."""
+"""What the daemon's user sends reaches hosts inside and nobody else."""
 import json
 import os
 import pathlib
@@ -24,9 +24,9 @@ EXPLICIT = """
 [lan]
 interfaces = ["lan0"]
 """
-IMPLICIT = ""  # routes tell
+IMPLICIT = ""  # routes decide
 
-# What comes of one attempt of a user, and how long that took: argv holds user, protocol, address, port, interface.
+# The outcome of one attempt of a user, and how long it took: argv holds user, protocol, address, port, interface.
 ATTEMPT = """
 import os, socket, struct, sys, time
 user, protocol, address, port, interface = sys.argv[1:]
@@ -129,7 +129,7 @@ def test_the_daemon_cannot_leave_the_lan_whatever_the_protocol(router, listeners
 
 
 def test_nothing_that_the_daemon_sends_arrives_outside(router):
-    """What the kernel answered to the sender is one thing; here the hosts listen."""
+    """Other tests look at what the kernel answers to the sender; here the hosts listen."""
     start(router, EXPLICIT + DAEMON_AS_ITSELF)
     with router.wan.datagrams(9000) as wan, router.wan2.datagrams(9000) as modem, router.lan1.datagrams(9000) as lan:
         for address in (WAN, WAN2, LAN1):
@@ -160,7 +160,7 @@ for kind in (socket.SOCK_STREAM, socket.SOCK_DGRAM):
 
 
 def test_an_address_inside_is_not_to_be_had_by_way_of_an_outside_interface(router):
-    """Any process may choose the interface, and a host outside take the address."""
+    """Any process may choose the interface, and a host outside may take the address."""
     start(router)
     router.wan.run("ip", "address", "add", "192.0.2.79/32", "dev", "eth0")
     with router.wan.socket() as server, router.wan.socket(socket.SOCK_DGRAM) as receiver:
@@ -175,14 +175,14 @@ def test_an_address_inside_is_not_to_be_had_by_way_of_an_outside_interface(route
 
 
 def test_the_user_that_may_be_the_daemon_is_guarded_before_it_is(router, listeners):
-    """With no configuration at all: whoever has taken it over need not register."""
+    """With no configuration at all. Somebody who has taken over the program need not register."""
     router.start_routerd()
     assert connect(router, DAEMON, WAN) == "ConnectionRefusedError"
     assert connect(router, OTHER, WAN) == "done"
 
 
 def test_the_daemon_sends_nothing_by_ipv6(router):
-    """Also to itself, and to the LAN: nothing of it needs that."""
+    """Not even to itself or to the LAN: it never needs to."""
     for name, interface, host in (("lan0", "fd00:1::1", router.lan1), ("wan0", "fd00:2::1", router.wan)):
         for each, device, address in ((router.router, name, interface), (host, "eth0", interface[:-1] + "2")):
             each.run("sysctl", "-qw", "net.ipv6.conf.all.disable_ipv6=0", f"net.ipv6.conf.{device}.disable_ipv6=0")
@@ -255,7 +255,7 @@ def test_inside_follows_addresses_and_links(router):
 
 
 def test_a_fallback_over_the_lan_takes_nothing_away(router):
-    """A default route with a bad metric over the LAN: events are delivered, and hairpin connections come back."""
+    """With a default route over the LAN of a bad metric, events are delivered and hairpin connections come back."""
     router.router.run("ip", "route", "add", "default", "via", "192.0.2.3", "metric", "1000")
     start(router)
     serve(router)
@@ -276,7 +276,7 @@ def serve(lab):
 
 
 def side(lab, name):
-    """What the router tells of an interface: its side and why."""
+    """What the router tells about an interface: its side and why."""
     told = lab.tkctl("bus", "call", "20,0", "2", f"1:u32={lab.interface_id(name)}", "--json").stdout
     return tuple(field["value"] for field in json.loads(told)["fields"] if field["id"] in ("0x1", "0x2"))
 
@@ -305,7 +305,7 @@ def test_what_is_outside_becomes_internal_by_force_alone(router):
 
 
 class Asking(threading.Thread):
-    """Asks the bus one question after another, and keeps the longest time that an answer took."""
+    """Asks the bus one question after another, and records the longest time that an answer took."""
 
     def __init__(self, lab):
         super().__init__(daemon=True)
@@ -326,7 +326,7 @@ class Asking(threading.Thread):
 
 
 def reading_all_routes(lab):
-    """How long it takes to do nothing but receive what the kernel tells of all routes."""
+    """How long it takes just to receive all routes from the kernel."""
     with labs.namespace(f"/run/netns/gw-{lab.name}-router"):
         netlink = socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, 0)
     with netlink:
@@ -352,13 +352,13 @@ def test_reading_a_large_table_of_routes_keeps_nobody_waiting(bare_lab):
         subprocess.run([*ip, "link", "set", link, "up"], check=True)
         eventually(lambda: link in bare_lab.tkctl("interface", "list").stdout, "the interface is there")
         asking = Asking(bare_lab)
-        # Whether it is the best one of its metric is learnt by reading all routes.
+        # The router learns whether it is the best of its metric only by reading all routes.
         subprocess.run([*ip, "route", "add", f"9.9.8.{number}", "dev", link, "metric", "5"], check=True)
         eventually(lambda: side(bare_lab, link)[0] == 2, "they have been read")
         longest, whole = asking.end(), reading_all_routes(bare_lab)
         quick.append(longest < min(whole / 2, 0.1))
         print(f"the longest answer {longest * 1000:.1f} ms, reading all routes {whole * 1000:.1f} ms")
-    # Something else may take the processor now and then, whereas a reading in one go would show each time.
+    # Something else may take the processor now and then, but a reading in one go would show every time.
     assert any(quick)
 
 
@@ -446,7 +446,7 @@ SEARCH = search("upnp:rootdevice").encode()
 
 
 def test_a_flood_of_searches_costs_the_others_no_answer(router):
-    """With the limit that there is without any configuration."""
+    """With the default limit."""
     start(router)
     serve(router)
     connection_path(router)

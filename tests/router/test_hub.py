@@ -79,7 +79,7 @@ def test_one_user_cannot_take_all_connections(bare_lab):
 
 def test_whoever_is_not_in_the_group_is_told_so(bare_lab):
     bare_lab.start_routerd()
-    bare_lab.router.run("chmod", "666", "/run/tk/bus")  # else the file itself keeps others out
+    bare_lab.router.run("chmod", "666", "/run/tk/bus")  # otherwise the file itself keeps others out
     reason = "only root and members of the group tk may use the bus"
     refused = bare_lab.router.run(*OUTSIDER, labs.BIN / "tkctl", "nat", "list", check=False)
     assert (refused.returncode, refused.stdout, refused.stderr) == (1, "", f"tkctl: {reason}\n")

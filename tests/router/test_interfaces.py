@@ -1,4 +1,4 @@
-"""Interfaces and addresses: what the bus says is what the kernel has, within a tenth of a second."""
+"""Interfaces and addresses: the bus tells what the kernel has, within a tenth of a second."""
 import os
 import signal
 import subprocess
@@ -22,7 +22,7 @@ def knows(*kind):
                           check=False).returncode == 0
 
 
-PLAIN = "dummy" if knows("dummy") else "ifb"  # an interface without another end, whose driver knows no state
+PLAIN = "dummy" if knows("dummy") else "ifb"  # an interface with no other end, whose driver knows no state
 
 
 @pytest.fixture(scope="module")
@@ -45,7 +45,7 @@ def client(lab):
 
 @pytest.fixture
 def ip(lab):
-    """Runs ip on the router; what it made is removed."""
+    """Runs ip on the router, and removes what it made."""
     def run(*words):
         return subprocess.run(["ip", "-n", f"gw-{lab.name}-router", *map(str, words)], check=True, text=True,
                               capture_output=True, timeout=10).stdout
@@ -57,7 +57,7 @@ def ip(lab):
 
 
 def told(client):
-    """The next thing told: its kind and its record."""
+    """The next notification: its kind and its record."""
     message = client.next_notification()
     if message[bus.COMMAND] == bus.INTERFACE_CHANGED:
         return "interface", message
@@ -66,7 +66,7 @@ def told(client):
 
 
 def changes(client, count):
-    """The next things told, in short."""
+    """The next notifications, in short."""
     out = []
     for _ in range(count):
         kind, record = told(client)
@@ -80,7 +80,7 @@ def changes(client, count):
 
 
 def status_within(client, wanted, seconds=AGREEMENT):
-    """Waits until the status of up and running is told, no longer than may pass."""
+    """Waits for the status of up and running, within the time allowed."""
     start = time.monotonic()
     while (change := changes(client, 1)[0]) != wanted:
         assert isinstance(change, tuple), change
@@ -147,7 +147,7 @@ def test_several_addresses_come_and_go_one_by_one(client, ip):
     assert changes(client, 1) == ["-203.0.113.9"]
     listed = [record[1] for record in client.call([20, 1], bus.GET_ALL)[bus.OBJECTS]]
     assert "203.0.113.10" in listed and "192.0.2.77" in listed and "203.0.113.9" not in listed
-    # A link address is none that a mapping could lead from.
+    # No mapping could lead from a link address.
     ip("address", "add", "169.254.7.7/16", "scope", "link", "dev", "t-many")
     nothing_more(client)
 
@@ -215,7 +215,7 @@ def test_vlans_are_offered(client, ip):
 def test_an_alias_is_the_display_name(client, ip):
     ip("link", "add", "t-alias", "type", PLAIN)
     changes(client, 2)
-    ip("link", "set", "t-alias", "up")  # of one that is down the kernel does not tell it
+    ip("link", "set", "t-alias", "up")  # the kernel does not tell it of one that is down
     status_within(client, (True, True))
     ip("link", "set", "t-alias", "alias", "the uplink")
     kind, record = told(client)
@@ -250,7 +250,7 @@ def test_a_long_list_has_several_pages(client, ip, lab):
 
 
 def test_lost_notifications_are_made_up_for(client, ip, lab):
-    """The router stands still while more happens than the kernel keeps for it; then it agrees again."""
+    """The router stands still while more happens than the kernel keeps for it. Afterwards they agree again."""
     ip("link", "add", "t-kept", "type", PLAIN)
     ip("link", "add", "t-lost", "type", PLAIN)
     changes(client, 4)

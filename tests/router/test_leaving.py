@@ -1,4 +1,4 @@
-"""A program that leaves while it is asked: resolverd, whose time without a question is over."""
+"""A program that leaves while it is asked: resolverd, when nobody has asked for long enough."""
 import contextlib
 import os
 import signal
@@ -26,7 +26,7 @@ def router(bare_lab):
 
 @contextlib.contextmanager
 def hub_stopped(lab):
-    """Keeps the hub from reading; what it is sent waits for it, in the order in which it was sent."""
+    """Keeps the hub from reading. What is sent to it waits, in the order of sending."""
     hub = processes(lab, "routerd")
     for process in hub:
         os.kill(process, signal.SIGSTOP)
@@ -38,13 +38,13 @@ def hub_stopped(lab):
 
 
 def is_unread(lab):
-    """True when a program of the router has told the hub something that it has not read."""
+    """True when a program of the router has sent the hub something that the hub has not read."""
     connections = [line.split() for line in lab.router.run("ss", "-Hx").stdout.splitlines()]
     return any(words[4] == "/run/tk/bus" and int(words[2]) > 0 for words in connections)
 
 
 def ask(client):
-    """Asks what needs neither a name server nor a file."""
+    """Asks something that needs neither a name server nor a file."""
     return client.request([14], 3, [(3, bus.STRING, "192.0.2.1")])
 
 

@@ -1,4 +1,4 @@
-"""What the router refuses, and that it says so beforehand."""
+"""What the router refuses, and that it says so in advance."""
 import contextlib
 import json
 import os
@@ -14,7 +14,7 @@ REFUSED, BUSY = 0xFE0003, 0xFE0010
 
 
 def ask(lab, target, port=80, target_port=8080, address=ROUTER_WAN, protocol="tcp"):
-    """What "nat test" answers: the reason of a refusal, empty for none."""
+    """What "nat test" answers: the reason of a refusal; empty for none."""
     done = lab.tkctl("nat", "test", address, port, protocol, target, target_port, check=False)
     assert done.returncode in (0, 1)
     assert done.returncode == 1 or done.stdout == "allowed\n"
@@ -71,7 +71,7 @@ def test_a_rule_for_no_address_is_refused(router):
 
 @contextlib.contextmanager
 def network(lab, *lines):
-    """Lets ip do each line on the router, and takes it back in the end, last first."""
+    """Lets ip do each line on the router, and undoes them at the end, last first."""
     done = []
     try:
         for line in lines:
@@ -84,7 +84,7 @@ def network(lab, *lines):
 
 
 def becomes(lab, target, fault, **words):
-    """Waits until a rule to the target is refused for this reason, empty for none, as soon as routerd has heard."""
+    """Waits until a rule to the target is refused for this reason (empty for none), once routerd has heard."""
     wanted = f"target {target} refused: {fault}" if fault else ""
     eventually(lambda: ask(lab, target, **words) == wanted, f"{target}: {fault or 'allowed'}", 2)
 
@@ -147,7 +147,7 @@ def test_networks_of_the_configuration_are_inside_but_for_what_is_connected_outs
 
 
 def test_without_names_routes_tell_what_is_outside(bare_lab):
-    """As where a second uplink carries what a VPN is for."""
+    """As when a second uplink carries the traffic that a VPN is for."""
     bare_lab.start_routerd(*configure(bare_lab, ""))
     assert ask(bare_lab, WAN).endswith("it is in the network of wan0, which is outside"), "the provider's gateway"
     assert ask(bare_lab, WAN2) == ""
@@ -157,7 +157,7 @@ def test_without_names_routes_tell_what_is_outside(bare_lab):
             becomes(bare_lab, target, fault)
     bare_lab.router.run("ip", "route", "del", "default")
     bare_lab.router.run("ip", "address", "add", "10.7.0.1/24", "dev", "lan0")
-    becomes(bare_lab, "10.7.0.2", "")  # by now the routes' end is known too
+    becomes(bare_lab, "10.7.0.2", "")  # by now the end of the routes is known too
     for target, name in ((WAN, "wan0"), (WAN2, "wan1")):
         assert ask(bare_lab, target) == f"target {target} refused: it is in the network of {name}, which is outside"
 
@@ -178,7 +178,7 @@ def test_a_route_by_a_nexthop_object_counts_where_the_object_leads(bare_lab, nex
 
 
 def test_the_network_above_a_lower_device_is_outside_and_so_is_the_one_below(bare_lab):
-    """As a modem is that is reached below the line which it carries."""
+    """As with a modem that is reached below the line that it carries."""
     bare_lab.start_routerd(*configure(bare_lab, ""))
     ip = lambda *words: bare_lab.router.run("ip", *words)
     ip("link", "add", "line0", "type", "bridge")

@@ -1,4 +1,4 @@
-"""What a program may do with rules, which is less than root may: tried as the daemon's user, with real sockets."""
+"""What a program may do with rules, which is less than root may. Tried as the daemon's user, with real sockets."""
 import contextlib
 import socket
 
@@ -44,7 +44,7 @@ def refusal(client, *words, **changed):
 
 @contextlib.contextmanager
 def service(lab, protocol=bus.TCP, port=22, address="", family=socket.AF_INET, interface=None, peer=None):
-    """A program of the router that waits to be called."""
+    """A program of the router that listens."""
     with labs.namespace(f"/run/netns/gw-{lab.name}-router"):
         made = socket.socket(family, socket.SOCK_STREAM if protocol == bus.TCP else socket.SOCK_DGRAM)
     with made:
@@ -136,7 +136,7 @@ def test_the_routers_ports_are_kept_for_services_that_are_not_there_yet(router, 
 
 
 def test_a_control_point_is_refused_a_port_of_the_routers(bare_lab):
-    """And a flow of the service goes on meanwhile."""
+    """Meanwhile a flow of the service goes on."""
     bare_lab.start_routerd(*configure(bare_lab, DAEMON_AS_ITSELF))
     for name, kind in (("lan0", "internal"), ("wan0", "external")):
         bare_lab.tkctl("upnp", "interface", "add", name, kind)

@@ -31,13 +31,13 @@ def refusal(client, path, command, fields=()):
 
 
 def state(lab):
-    """Everything that the attacks are after."""
+    """Everything that the attacks try to change."""
     return [lab.query(*words) for words in (("upnp", "get"), ("upnp", "interface", "list"), ("nat", "list"),
                                             ("history", "list"), ("interface", "list"))]
 
 
 def attacks(lab):
-    """What only the administrator may, by the right that it takes."""
+    """What only the administrator may do, by the right that it takes."""
     lan, wan = lab.interface_id("lan0"), lab.interface_id("wan1")
     item = [(0xFE0001, bus.U32, 0xFFFFFFFF), (1, bus.U32, wan), (2, bus.U32, 1)]
     forged = [(1, bus.MESSAGES, [[]]), (2, bus.MESSAGES, [[(bus.COMMAND, bus.U32, SETTINGS_SET)]]), (3, bus.STRING, "x")]
@@ -115,7 +115,7 @@ def test_a_client_cannot_speak_in_the_name_of_a_program(router):
         forger, = connect_as(router, user, 1)
         forger.send([(bus.SENDER, bus.U32S, [80, 0]), (bus.KIND, bus.U32, bus.NOTIFICATION),
                      (bus.COMMAND, bus.U32, bus.CHANGED), (77, bus.STRING, "forged")])
-        forger.call([20, 0], bus.GET_COUNT)  # is served behind it
+        forger.call([20, 0], bus.GET_COUNT)  # is served after it
     router.tkctl("upnp", "set", "show-dummy-rule=no")
     assert 77 not in listener.next_notification()
     assert listener.notifications == []
@@ -142,7 +142,7 @@ def test_refusals_are_counted(router):
 
 
 def recording(lab, inverse=SETTINGS_SET):
-    """A program 80 of a test's, which has recorded a change."""
+    """A program 80 of the test, which has recorded a change."""
     program, = connect_as(lab, DAEMON, 1)
     program.register(80)
     program.call([24], RECORD, [(1, bus.MESSAGES, [[]]), (2, bus.MESSAGES, [[(bus.COMMAND, bus.U32, inverse)]]),
@@ -166,7 +166,7 @@ def test_an_undoing_that_is_answered_to_somebody_else_comes_to_its_end(bare_rout
     program = recording(bare_router)
     undoing = root.request([24], UNDO)
     end_of(program, program.read(), [20, 5])
-    program.call([20, 0], bus.GET_COUNT)  # is served behind it
+    program.call([20, 0], bus.GET_COUNT)  # is served after it
     program.socket.close()
     end = root.end(undoing)
     assert (end[bus.KIND], end[bus.CODE]) == (bus.ERROR, DISCONNECTED)

@@ -17,7 +17,7 @@ def router(bare_lab):
 
 
 def elements(lab):
-    """How many rules the kernel has: each is in its map, and in its set of what is live."""
+    """How many rules the kernel has: each is in its map, and in its set of live rules."""
     mapped, live = (lab.router.run("nft", "list", *words, check=False).stdout.count(f"{ROUTER_WAN} . ")
                     for words in (("map", "ip", "tk", "dstnat"), ("set", "ip", "tk", "live")))
     assert mapped == live
@@ -71,8 +71,8 @@ def test_static_rules_are_back_after_a_restart_and_pass_packets(router):
 
 
 def test_many_rules_go_with_their_connection_in_a_container_too(bare_lab):
-    """Its root may not make the buffers of a socket larger than those of anybody."""
-    group = bare_lab.directory / "group"  # the one of the bus does not exist there
+    """Its root may not make a socket's buffers larger than anybody else may."""
+    group = bare_lab.directory / "group"  # the bus's own does not exist there
     group.write_text("root:x:0:\n")
     script = (f"mount --bind {group} /etc/group; ip link add lan0 type veth peer name lan1; ip link set lan1 up; "
               "ip address add 192.0.2.1/24 dev lan0; ip link set lan0 up; exec \"$0\"")
@@ -118,7 +118,7 @@ def test_another_firewall_comes_and_goes_beside_ours(router):
 
 
 def test_every_port_of_each_protocol_can_be_mapped_and_the_last_costs_what_the_first_did(router):
-    """Requests are sent in series of a thousand; the time of a series is that of its slowest part, the kernel."""
+    """Requests are sent in series of a thousand. The time of a series is that of its slowest part, the kernel."""
     def series(client, protocol, ports):
         start = time.monotonic()
         numbers = [client.request([20, 5], bus.ADD, bus.rule(port, protocol=protocol)) for port in ports]

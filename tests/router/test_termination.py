@@ -79,8 +79,8 @@ def test_where_it_is_allowed_the_flag_is_set(bare_lab):
         assert f"interface wan0 {state} for user {USER}\n" in bare_lab.routerd.log
 
 
-# Writes down who runs it and with which arguments, one a line, and does what it is for. Nobody but a shell would make
-# anything of the last argument.
+# Writes down who runs it and with which arguments, one a line, and does its work. Only a shell would do anything with
+# the last argument.
 SCRIPT = """#!/bin/sh
 { id -u; printf '%s\\n' "$@"; } >>/tesk/commands
 ip link set "$1" "$2"

@@ -1,4 +1,4 @@
-"""Programs that are units of systemd, which a script stands in for."""
+"""Programs that are units of systemd. A script stands in for systemctl."""
 import os
 import signal
 import time
