@@ -51,7 +51,7 @@ TEST(ParseFlow, TakesNothingThatIsCutOffOrOfAnotherKind) {
     EXPECT_FALSE(parseFlow(other)) << "a header shorter than there is";
 }
 
-TEST(FlowLog, IsHeardByOneAlone) {
+TEST(FlowLog, OnlyOneProcessCanListen) {
     if (!tk::testing::enterPrivateNetwork()) GTEST_SKIP() << "needs root";
     const tk::testing::TestLoop loop;
     auto first = std::make_unique<FlowLog>();

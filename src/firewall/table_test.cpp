@@ -154,7 +154,7 @@ TEST_F(TableTest, AddsChangesAndRemovesElements) {
     EXPECT_EQ(mapText(), "");
 }
 
-TEST_F(TableTest, PortZeroIsTheKernelsToDecide) {
+TEST_F(TableTest, TheKernelDecidesAboutPortZero) {
     EXPECT_EQ(commit({}, {element(0, "192.0.2.2", 0)}), "");
     EXPECT_EQ(mapText(), "elements = { 198.51.100.1 . tcp . 0 : 192.0.2.2 . 0 }");
 }
@@ -239,7 +239,7 @@ TEST_F(TableTest, AChangeWhoseAnswerIsLostIsMadeOnce) {
     EXPECT_EQ(mapText(), "");
 }
 
-TEST_F(TableTest, WhatWasRefusedForWantOfAnAnswerIsNotThereASecondLater) {
+TEST_F(TableTest, AChangeRefusedForWantOfAnAnswerIsUndoneASecondLater) {
     table->insideChanged({manyIndexes(), {}});
     limitSending(1);  // the least that there is, too little to make the table anew at once
     fillSocket();
@@ -282,7 +282,7 @@ TEST_F(TableTest, AChangeOfTheInsideWhoseAnswerIsLostIsMadeOnce) {
     EXPECT_NE(nft("list set ip tk inside").find("elements = { 192.0.2.0/24 }"), std::string::npos);
 }
 
-TEST_F(TableTest, AnInsideAndUsersThatTheKernelRefusesAreSetASecondLater) {
+TEST_F(TableTest, RefusedInsideAddressesAndUsersAreSetASecondLater) {
     limitSending(1);
     table->insideChanged({manyIndexes(), {lan}});
     table->guardUser(64001);

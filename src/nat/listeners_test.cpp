@@ -107,7 +107,7 @@ TEST_P(ListenersTest, AServiceForAnotherAddressOrInterfaceIsNotFound) {
     EXPECT_EQ(find(), Answer::nobody);
 }
 
-TEST_P(ListenersTest, ASocketThatIsConnectedToSomebodyTakesItsPortForUdpAlone) {
+TEST_P(ListenersTest, AConnectedSocketTakesItsPortOnlyForUdp) {
     const tk::Fd client = make();
     // The end of a tunnel: a host that got the port would get what the tunnel's peer sends.
     if (!isTcp()) {

@@ -91,7 +91,7 @@ TEST_F(ConfiguredPolicyTest, PortsAreThoseOfTheLists) {
     EXPECT_EQ(answer("192.0.2.2", 1024, 23), "internal port 23 refused: it is not among those configured");
 }
 
-TEST_F(ConfiguredPolicyTest, WithoutTheCheckAnyTargetWillDo) {
+TEST_F(ConfiguredPolicyTest, WithoutTheCheckAnyTargetIsAllowed) {
     config.checksTargets = false;
     EXPECT_EQ(answer("127.0.0.1"), "");
     EXPECT_EQ(answer("1.1.1.1"), "");

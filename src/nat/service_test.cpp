@@ -299,7 +299,7 @@ TEST_F(ServiceTest, AProgramThatComesBackKeepsItsNewRulesWhenTheOldOnesGo) {
     EXPECT_FALSE(kernel.find("198.51.100.1", 6, 1));
 }
 
-TEST_F(ServiceTest, RulesThatOutlivedTheirOwnerAreRemovedAsTheyAreByThen) {
+TEST_F(ServiceTest, RulesThatOutlivedTheirOwnerAreRemovedInTheirLatestForm) {
     const std::uint32_t removed = add(natRequest(1, "192.0.2.2", 1));
     const std::uint32_t disabled = add(natRequest(2, "192.0.2.2", 2));
     const std::uint32_t moved = add(natRequest(3, "192.0.2.2", 3));
@@ -348,7 +348,7 @@ TEST_F(ServiceTest, AStoreThatCannotBeWrittenRefusesBeforeTheKernelIsAsked) {
     EXPECT_FALSE(tk::isError(blocked.cmdAddObj(natRequest(80, "192.0.2.2", 8080))));
 }
 
-TEST_F(ServiceTest, ARuleThatIsNotStoredAfterAllIsTakenBack) {
+TEST_F(ServiceTest, ARuleThatCannotBeStoredIsTakenBack) {
     ASSERT_EQ(::mkdir(files.file("nat").c_str(), 0700), 0);  // takes the place of the file
     std::uint32_t code = 0;
     EXPECT_TRUE(tk::isError(nat.cmdAddObj(lasting(80)), &code));
@@ -442,7 +442,7 @@ TEST_F(ProgramsServiceTest, AProgramsRuleMayChangeAfterItsAddressIsGoneButNotWhi
     EXPECT_NE(tk::getError(nat.cmdSetObj(change)), "");
 }
 
-TEST_F(ProgramsServiceTest, AProgramMakesDynamicRulesAlone) {
+TEST_F(ProgramsServiceTest, AProgramMakesOnlyDynamicRules) {
     std::uint32_t code = 0;
     std::string text;
     EXPECT_TRUE(tk::isError(nat.cmdAddObj(lasting(80)), &code, &text));
@@ -478,12 +478,12 @@ TEST_F(ProgramsServiceTest, RemovingWhatRootRemovedBeforeSucceeds) {
     EXPECT_FALSE(tk::isError(nat.cmdRemoveObj(from({80, 0}, ofId(id)))));
 }
 
-TEST_F(ProgramsServiceTest, AStoredRuleIsNotAProgramsThatHasTheNumberOfNobody) {
+TEST_F(ProgramsServiceTest, AStoredRuleIsNotThatOfAProgramWithTheNumberOfNobody) {
     const std::uint32_t id = addAsRoot(lasting(1));
     EXPECT_TRUE(tk::isError(nat.cmdRemoveObj(from({0}, ofId(id)))));
 }
 
-TEST_F(ProgramsServiceTest, APortOfTheRoutersOwnIsNotToBeHad) {
+TEST_F(ProgramsServiceTest, NoProgramGetsAPortOfTheRoutersOwn) {
     listeners.heard.insert({{address("198.51.100.1"), 6, 22}, 3});
     EXPECT_EQ(outcome(22), "tcp 198.51.100.1:22 refused: a service of the router listens there");
     EXPECT_EQ(outcome(22, 17), "");
@@ -508,7 +508,7 @@ TEST_F(ProgramsServiceTest, ADisabledRuleGetsNoPortOfTheRoutersOwnEither) {
     EXPECT_TRUE(tk::isError(nat.cmdAddObj(request)));
 }
 
-TEST_F(ProgramsServiceTest, RootsTestIsThatOfAProgram) {
+TEST_F(ProgramsServiceTest, RootsTestAnswersAsForAProgram) {
     requester.asker = 0;
     const tk::message answer = nat.cmdUnknown(natRequest(51820, "192.0.2.2", 80), contract::testRule);
     EXPECT_EQ(tk::getError(answer), "external port 51820 refused: it is one of the router's own");

@@ -28,7 +28,7 @@ TEST_F(DaemonGuardTest, SaysThatNothingGuardsRoot) {
               "program 80 runs as root: what it asks for is not checked, and nothing guards it\n");
 }
 
-TEST_F(DaemonGuardTest, GuardsFromTheStartWhomTheConfigurationAllowsToBeTheDaemon) {
+TEST_F(DaemonGuardTest, GuardsUsersWhoMayBecomeTheDaemonFromTheStart) {
     tk::Account started;
     started.uid = 71;
     const std::vector<hub::ProgramConfig> programs = {

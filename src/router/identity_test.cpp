@@ -34,7 +34,7 @@ TEST_F(IdentityTest, DiffersBetweenRouters) {
     EXPECT_NE(digits(), first) << "one that lost its store is another router";
 }
 
-TEST_F(IdentityTest, IsTheOneThatWasStoredEver) {
+TEST_F(IdentityTest, IsTheStoredOne) {
     tk::Store store(path, 1);
     tk::message entry;
     entry.insert_string(1, "046d544ff360ac1c48f172fd517b7b1e");
