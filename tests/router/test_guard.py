@@ -159,7 +159,7 @@ for kind in (socket.SOCK_STREAM, socket.SOCK_DGRAM):
 """
 
 
-def test_an_address_inside_is_not_to_be_had_by_way_of_an_outside_interface(router):
+def test_an_outside_interface_does_not_lead_to_an_inside_address(router):
     """Any process may choose the interface, and a host outside may take the address."""
     start(router)
     router.wan.run("ip", "address", "add", "192.0.2.79/32", "dev", "eth0")
@@ -200,7 +200,7 @@ def test_the_daemon_sends_nothing_by_ipv6(router):
         each.close()
 
 
-def test_adverts_leave_by_inside_interfaces_alone(router):
+def test_adverts_leave_only_by_inside_interfaces(router):
     start(router, EXPLICIT + DAEMON_AS_ITSELF)
     for user in (DAEMON, OTHER):
         assert attempt(router, user, "udp", *SEARCH_GROUP, "lan0") == "done"
@@ -291,7 +291,7 @@ def test_the_router_tells_which_side_an_interface_stands_on(router):
     assert side(router, "wan1") == (2, "it is not among the interfaces of [lan] in router.toml")
 
 
-def test_what_is_outside_becomes_internal_by_force_alone(router):
+def test_an_interface_that_is_outside_becomes_internal_only_with_force(router):
     start(router)
     refused = router.tkctl("upnp", "interface", "add", "wan0", "internal", check=False)
     assert (refused.returncode, refused.stdout) == (1, "")

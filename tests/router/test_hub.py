@@ -77,7 +77,7 @@ def test_one_user_cannot_take_all_connections(bare_lab):
     eventually(lambda: run_as(bare_lab, MEMBER, tkctl, "nat", "list").returncode == 0, "there is room again")
 
 
-def test_whoever_is_not_in_the_group_is_told_so(bare_lab):
+def test_a_user_who_is_not_in_the_group_is_told_so(bare_lab):
     bare_lab.start_routerd()
     bare_lab.router.run("chmod", "666", "/run/tk/bus")  # otherwise the file itself keeps others out
     reason = "only root and members of the group tk may use the bus"

@@ -72,7 +72,7 @@ def test_what_is_asked_around_its_leave_is_answered(router):
         assert leaving not in processes(router, "resolverd")
 
 
-def test_who_asks_a_program_that_left_without_a_word_is_told_so(router):
+def test_a_requester_is_told_that_its_program_left_without_a_word(router):
     with bus.Client(router) as client:
         expect_answer(client, ask(client))
         resolver, = processes(router, "resolverd")

@@ -91,7 +91,7 @@ def becomes(lab, target, fault, **words):
 
 @pytest.mark.parametrize("route", [
     f"10.9.0.0/16 via {WAN2}", "10.9.0.0/16 via 192.0.2.3", "unreachable 10.9.0.0/16", f"10.0.0.0/8 via {WAN2} table 100"])
-def test_routes_make_no_target(router, route):
+def test_a_route_does_not_make_a_target_inside(router, route):
     with network(router, f"ip route add {route}"):
         assert ask(router, "10.9.0.1") == "target 10.9.0.1 refused: it is in no network inside"
         assert ask(router, "192.0.2.2") == ""
@@ -133,7 +133,7 @@ def test_a_lan_that_is_down_has_no_hosts(bare_lab):
     becomes(bare_lab, "192.0.2.2", "")
 
 
-def test_networks_of_the_configuration_are_inside_but_for_what_is_connected_outside(bare_lab):
+def test_networks_of_the_configuration_are_inside_except_those_connected_outside(bare_lab):
     bare_lab.start_routerd(*configure(bare_lab, """
         [lan]
         interfaces = ["lan0"]

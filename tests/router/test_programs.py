@@ -91,7 +91,7 @@ def test_root_removes_a_programs_rule_and_the_program_does_not_mind(router, prog
     program.call([20, 5], bus.REMOVE, [(bus.OBJECT, bus.U32, added)])
 
 
-def test_the_port_of_a_tunnel_of_the_router_is_not_to_be_had(router, program):
+def test_no_program_gets_the_port_of_a_tunnel_of_the_router(router, program):
     """Its socket is connected to the peer, which may be the one that sends first."""
     with service(router, bus.UDP, address=ROUTER_WAN, peer=(labs.WAN, 53)):
         why = f"udp {ROUTER_WAN}:22 refused: a service of the router listens there"
@@ -102,7 +102,7 @@ def test_the_port_of_a_tunnel_of_the_router_is_not_to_be_had(router, program):
 @pytest.mark.parametrize("protocol", [bus.TCP, bus.UDP])
 @pytest.mark.parametrize("place", [{"address": ""}, {"address": ROUTER_WAN}, {"address": "", "interface": "wan0"},
                                    {"address": "::", "family": socket.AF_INET6}])
-def test_a_port_on_which_the_router_can_be_reached_from_outside_is_not_to_be_had(router, program, protocol, place):
+def test_no_program_gets_a_port_on_which_the_router_can_be_reached_from_outside(router, program, protocol, place):
     name = "tcp" if protocol == bus.TCP else "udp"
     why = f"{name} {ROUTER_WAN}:22 refused: a service of the router listens there"
     with service(router, protocol, **place):

@@ -71,7 +71,7 @@ def expect_refused(lab, user, names):
     assert state(lab) == before
 
 
-def test_the_resolver_may_nothing_but_resolve(router):
+def test_the_resolver_may_only_resolve(router):
     router.tkctl("bus", "call", "14", "3", "3:string=localhost")
     expect_refused(router, OTHER, [name for name in attacks(router) if name != "resolver"])
     client, = connect_as(router, OTHER, 1)
@@ -80,7 +80,7 @@ def test_the_resolver_may_nothing_but_resolve(router):
         assert "may not look at" in refusal(client, [0], SUBSCRIBE, [(1, bus.U32S, path), (2, bus.U32, bus.CHANGED)]), name
 
 
-def test_the_daemon_may_what_its_row_says_and_no_more(router):
+def test_the_daemon_may_do_what_its_row_says_and_no_more(router):
     expect_refused(router, DAEMON, ["role", "settings", "undo", "trace", "resolver"])
     client, = connect_as(router, DAEMON, 1)
     for name in ("history", "settings", "items"):
@@ -161,7 +161,7 @@ def end_of(program, request, to):
                   (bus.KIND, bus.U32, bus.REPLY), (bus.COMMAND, bus.U32, request[bus.COMMAND])])
 
 
-def test_an_undoing_that_is_answered_to_somebody_else_comes_to_its_end(bare_router):
+def test_an_undoing_ends_although_its_answer_goes_to_somebody_else(bare_router):
     root = bus.Client(bare_router)
     program = recording(bare_router)
     undoing = root.request([24], UNDO)
