@@ -10,24 +10,30 @@ namespace contract {
 
 namespace program {
 constexpr std::uint32_t resolver = 14;
-// {20, 0} interfaces, {20, 1} addresses, {20, 5} destination NAT rules.
 constexpr std::uint32_t network = 20;
 constexpr std::uint32_t identity = 65;
 constexpr std::uint32_t gateway = 80;
 }  // namespace program
+
+// The handlers of program::network; those of all other programs are number 0.
+namespace handler {
+constexpr std::uint32_t interfaces = 0;
+constexpr std::uint32_t addresses = 1;
+constexpr std::uint32_t nat = 5;  // the destination NAT rules
+}  // namespace handler
 
 namespace path {
 inline tk::Path hub() {
     return {tk::program::hub};
 }
 inline tk::Path interfaces() {
-    return {program::network, 0};
+    return {program::network, handler::interfaces};
 }
 inline tk::Path addresses() {
-    return {program::network, 1};
+    return {program::network, handler::addresses};
 }
 inline tk::Path nat() {
-    return {program::network, 5};
+    return {program::network, handler::nat};
 }
 inline tk::Path history() {
     return {tk::program::history};

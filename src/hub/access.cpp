@@ -9,6 +9,7 @@
 #include "contract/interfaces.h"
 #include "contract/natrules.h"
 #include "contract/programs.h"
+#include "contract/resolver.h"
 #include "tk/bus.h"
 #include "tk/names.h"
 
@@ -33,14 +34,12 @@ constexpr std::uint64_t looking = std::uint64_t{1} << 32;  // commands that chan
 constexpr std::uint32_t readings[] = {tk::command::getPolicies, tk::command::getObject, tk::command::getAll,
                                       tk::command::get, tk::command::getCount};
 
-constexpr std::uint32_t resolveName = 3;  // of the resolver
-
 // Commands of single handlers that change nothing.
 constexpr Cell ownReadings[] = {
-    {contract::program::network, 0, contract::listInterfaces},
-    {contract::program::network, 0, contract::tellSide},
-    {contract::program::network, 5, contract::testRule},
-    {contract::program::resolver, 0, resolveName},
+    {contract::program::network, contract::handler::interfaces, contract::listInterfaces},
+    {contract::program::network, contract::handler::interfaces, contract::tellSide},
+    {contract::program::network, contract::handler::nat, contract::testRule},
+    {contract::program::resolver, 0, contract::resolveName},
 };
 
 // The user of the gateway daemon. The handlers of rules and interfaces decide which rules are its own, and
@@ -49,10 +48,10 @@ constexpr Cell ofGateway[] = {
     {contract::program::network, every, looking},
     {contract::program::identity, every, looking},
     {contract::program::resolver, every, looking},
-    {contract::program::network, 5, tk::command::addObject},
-    {contract::program::network, 5, tk::command::setObject},
-    {contract::program::network, 5, tk::command::removeObject},
-    {contract::program::network, 0, tk::command::setObject},
+    {contract::program::network, contract::handler::nat, tk::command::addObject},
+    {contract::program::network, contract::handler::nat, tk::command::setObject},
+    {contract::program::network, contract::handler::nat, tk::command::removeObject},
+    {contract::program::network, contract::handler::interfaces, tk::command::setObject},
     {tk::program::history, 0, tk::command::addObject},
 };
 

@@ -4,7 +4,6 @@
 
 #include "contract/programs.h"
 #include "tk/log.h"
-#include "tk/names.h"
 
 namespace router {
 
@@ -39,11 +38,11 @@ Router::Router(const Config& config, const Paths& paths, hub::Processes& process
       activation(config.programs, hub, processes),
       listener(hub) {
     interfaces.addWatcher(addresses);
-    hub.addService(interfaces, {contract::program::network, 0});
-    hub.addService(addresses, {contract::program::network, 1});
-    hub.addService(nat, {contract::program::network, 5});
-    hub.addService(history, {tk::program::history});
-    hub.addService(identity, {contract::program::identity});
+    hub.addService(interfaces, contract::path::interfaces());
+    hub.addService(addresses, contract::path::addresses());
+    hub.addService(nat, contract::path::nat());
+    hub.addService(history, contract::path::history());
+    hub.addService(identity, contract::path::identity());
     table.setOwner(nat);
     hub.setAccess(hub::Access(config.users));
     hub.setProgramWatcher(&guard);

@@ -90,7 +90,7 @@ Status Looper::join(std::uint32_t number, const std::string& socketPath) {
     if (!opened.isOk()) return opened.status();
     connection = opened.take();
     message request;
-    request.insert_u32(1, number);
+    request.insert_u32(hubfield::program, number);
     request.insert_u32_array(field::destination, {program::hub});
     const message reply = connection->exchange(request, {number, 0}, command::hubRegister, exchangeTimeout);
     if (std::uint32_t code = 0; isError(reply, &code)) {
@@ -106,7 +106,7 @@ Status Looper::join(std::uint32_t number, const std::string& socketPath) {
 
 bool Looper::resign() {
     message request;
-    request.insert_u32(1, program);
+    request.insert_u32(hubfield::program, program);
     request.insert_u32_array(field::destination, {program::hub});
     return !isError(bus->exchange(request, {program, 0}, command::hubUnregister, exchangeTimeout));
 }
