@@ -56,4 +56,17 @@ InterfaceRecord InterfaceRecord::fromMessage(const tk::message& record) {
     return out;
 }
 
+tk::message SideReply::toMessage() const {
+    tk::message reply;
+    reply.insert_u32(sidefield::side, static_cast<std::uint32_t>(side));
+    reply.insert_string(sidefield::why, why);
+    return reply;
+}
+
+SideReply SideReply::fromMessage(const tk::message& reply) {
+    const std::uint32_t number = reply.get_u32(sidefield::side);
+    const bool isKnown = number <= static_cast<std::uint32_t>(Side::outside);
+    return {isKnown ? static_cast<Side>(number) : Side::neither, reply.get_string(sidefield::why)};
+}
+
 }  // namespace contract

@@ -66,10 +66,23 @@ constexpr std::uint32_t interfaceChanged = 0x10004;  // notification: it is the 
 // The side of the router that an interface is on.
 namespace sidefield {
 constexpr std::uint32_t interface = 1;  // u32, in the request: the interface's id
-constexpr std::uint32_t side = 1;       // u32, in the reply: 1 inside, 2 outside, 0 none
+constexpr std::uint32_t side = 1;       // u32, in the reply: one of Side
 constexpr std::uint32_t why = 2;        // string, in the reply: for people
 }  // namespace sidefield
 constexpr std::uint32_t tellSide = 2;  // command
-constexpr std::uint32_t outside = 2;
+
+enum class Side : std::uint32_t { neither = 0, inside = 1, outside = 2 };
+
+/// What the router answers to tellSide. A value.
+struct SideReply {
+    Side side = Side::neither;
+    std::string why;  // for people
+
+    tk::message toMessage() const;
+    /// A number that is no side reads as neither.
+    static SideReply fromMessage(const tk::message& reply);
+
+    bool operator==(const SideReply&) const = default;
+};
 
 }  // namespace contract

@@ -53,5 +53,26 @@ TEST(InterfaceRecord, EveryBitOfTheFlagsSaysThatItIsGone) {
     }
 }
 
+TEST(SideReply, ComesBackAsItWasSent) {
+    for (const Side side : {Side::neither, Side::inside, Side::outside}) {
+        const SideReply reply{side, "it carries a route to 0.0.0.0/0"};
+        EXPECT_EQ(SideReply::fromMessage(reply.toMessage()), reply);
+    }
+}
+
+TEST(SideReply, TravelsInTheseFields) {
+    tk::message expected;
+    expected.insert_u32(1, 2);
+    expected.insert_string(2, "why");
+    EXPECT_EQ((SideReply{Side::outside, "why"}.toMessage()), expected);
+}
+
+TEST(SideReply, ReadsANumberThatIsNoSideAsNeither) {
+    tk::message reply;
+    EXPECT_EQ(SideReply::fromMessage(reply), SideReply());
+    reply.insert_u32(1, 3);
+    EXPECT_EQ(SideReply::fromMessage(reply), SideReply());
+}
+
 }  // namespace
 }  // namespace contract

@@ -110,10 +110,11 @@ void checkSide(Session& session, const RoleItem& item, bool isForced) {
     tk::message question;
     question.insert_u32(contract::sidefield::interface, item.interface);
     const tk::message reply = session.exchange(contract::path::interfaces(), contract::tellSide, question);
-    if (tk::isError(reply) || reply.get_u32(contract::sidefield::side) != contract::outside) return;
-    throw Failure(interfaceName(readInterfaces(session), item.interface) +
-                  " is outside: " + reply.get_string(contract::sidefield::why) + "; " + forceOption +
-                  " makes it internal anyway");
+    if (tk::isError(reply)) return;
+    const auto answer = contract::SideReply::fromMessage(reply);
+    if (answer.side != contract::Side::outside) return;
+    throw Failure(interfaceName(readInterfaces(session), item.interface) + " is outside: " + answer.why +
+                  "; " + forceOption + " makes it internal anyway");
 }
 
 /// Asks for the side of the interface that an item would have, if the change concerns it.

@@ -130,10 +130,8 @@ tk::message Interfaces::tellSide(const tk::message& request) const {
     const std::uint32_t id = request.get_u32(contract::sidefield::interface);
     const auto link = links.find(id);
     if (link == links.end()) return noSuchInterface(id);
-    tk::message reply;
-    reply.insert_u32(contract::sidefield::side, static_cast<std::uint32_t>(zones.sideOf(link->second.index)));
-    reply.insert_string(contract::sidefield::why, zones.whyOf(link->second.index));
-    return reply;
+    const std::uint32_t index = link->second.index;
+    return contract::SideReply{zones.sideOf(index), zones.whyOf(index)}.toMessage();
 }
 
 tk::message Interfaces::cmdGetCount(const tk::message&) {

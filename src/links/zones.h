@@ -8,6 +8,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "contract/interfaces.h"
 #include "links/kernel.h"
 #include "links/prefix.h"
 
@@ -21,8 +22,7 @@ struct LanConfig {
     bool operator==(const LanConfig&) const = default;
 };
 
-/// The side of the router that an interface is on, with its number on the bus.
-enum class Side : std::uint32_t { neither = 0, inside = 1, outside = 2 };
+using contract::Side;
 
 /// What is inside: the interfaces, by index, and the addresses of the hosts. A value.
 struct Inside {
