@@ -1,5 +1,6 @@
 #include "contract/addresses.h"
 
+#include "tk/answer.h"
 #include "tk/names.h"
 
 namespace contract {
@@ -7,8 +8,6 @@ namespace contract {
 namespace {
 
 namespace field = addressfield;
-
-constexpr std::uint32_t deletedMark = 1;
 
 }  // namespace
 
@@ -18,7 +17,7 @@ tk::message AddressRecord::toMessage() const {
     if (address) record.insert_be32(field::address, *address);
     record.insert_u32(field::interface, interface);
     record.insert_bool(tk::field::disabled, disabled);
-    if (isDeleted) record.insert_u32(tk::field::deleted, deletedMark);
+    if (isDeleted) tk::markDeleted(record);
     return record;
 }
 

@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "tk/answer.h"
 #include "tk/names.h"
 #include "tk/page.h"
 
@@ -98,9 +99,7 @@ tk::message Addresses::cmdGetObj(const tk::message& request) {
 }
 
 tk::message Addresses::cmdGetCount(const tk::message&) {
-    tk::message reply;
-    reply.insert_u32(tk::field::count, static_cast<std::uint32_t>(objects.size()));
-    return reply;
+    return tk::countReply(objects.size());
 }
 
 }  // namespace links

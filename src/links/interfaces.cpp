@@ -5,6 +5,7 @@
 #include <set>
 #include <utility>
 
+#include "tk/answer.h"
 #include "tk/bus.h"
 #include "tk/names.h"
 #include "tk/page.h"
@@ -135,9 +136,7 @@ tk::message Interfaces::tellSide(const tk::message& request) const {
 }
 
 tk::message Interfaces::cmdGetCount(const tk::message&) {
-    tk::message reply;
-    reply.insert_u32(tk::field::count, static_cast<std::uint32_t>(links.size()));
-    return reply;
+    return tk::countReply(links.size());
 }
 
 tk::message Interfaces::cmdGetObj(const tk::message& request) {

@@ -6,6 +6,7 @@
 #include <optional>
 #include <utility>
 
+#include "tk/answer.h"
 #include "tk/log.h"
 #include "tk/names.h"
 
@@ -88,7 +89,7 @@ std::optional<tk::message> LinkSwitch::set(const Link& link, bool up, uid_t user
 tk::message LinkSwitch::setFlag(const Link& link, bool up, const std::string& event) {
     const tk::Status outcome = kernel.setLinkUp(link.index, up);
     tk::log(event, outcome.isOk() ? "" : ": ", outcome.reason());
-    return outcome.isOk() ? tk::message() : tk::errorMsg(tk::error::failed, outcome.reason());
+    return tk::answerOf(outcome, tk::error::failed);
 }
 
 tk::message LinkSwitch::start(const Link& link, const hub::ProgramConfig& command, const std::string& event,

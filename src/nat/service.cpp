@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "contract/natrules.h"
+#include "tk/answer.h"
 #include "tk/bus.h"
 #include "tk/log.h"
 #include "tk/names.h"
@@ -27,10 +28,6 @@ std::vector<firewall::Element> elementsOf(const Rule* rule) {
     return {{rule->key, rule->target}};
 }
 
-tk::message answerOf(const tk::Status& status) {
-    return status.isOk() ? tk::message() : tk::errorMsg(status.code(), status.reason());
-}
-
 tk::Status notAllowed(const std::string& reason) {
     return tk::Status::failure(reason, tk::error::notAllowed);
 }
@@ -46,7 +43,7 @@ tk::Status noSuchRule(std::uint32_t id) {
 tk::message deletedRecord(std::uint32_t id) {
     tk::message record;
     record.insert_u32(tk::field::objectId, id);
-    record.insert_u32(tk::field::deleted, 1);
+    tk::markDeleted(record);
     return record;
 }
 
@@ -133,7 +130,7 @@ tk::message Service::refuse(const tk::Status& refusal) {
     if (isAskedByProgram())
         refusals.note("rule of user " + std::to_string(requester.user()) + " refused", requester.user(),
                       refusal.reason());
-    return answerOf(refusal);
+    return tk::answerOf(refusal);
 }
 
 tk::Status Service::check(const Rule* former, const Rule& rule, bool isProgram) const {
@@ -190,13 +187,13 @@ tk::Status Service::apply(const Rule* former, const Rule* changed) {
 
 tk::message Service::cmdAddObj(const tk::message& request) {
     tk::Result<Rule> asked = newRule(request);
-    if (!asked.isOk()) return answerOf(asked.status());
+    if (!asked.isOk()) return tk::answerOf(asked.status());
     Rule rule = asked.take();
     if (rule.dynamic) rule.owner = request.get_u32_array(tk::field::sender).front();
     if (const tk::Status status = check(nullptr, rule, isAskedByProgram()); !status.isOk())
         return refuse(status);
     rule.id = rules.newId();
-    if (const tk::Status status = apply(nullptr, &rule); !status.isOk()) return answerOf(status);
+    if (const tk::Status status = apply(nullptr, &rule); !status.isOk()) return tk::answerOf(status);
     notifyChange(rule.id, rule.toMessage());
     tk::message reply;
     reply.insert_u32(tk::field::objectId, rule.id);
@@ -206,14 +203,14 @@ tk::message Service::cmdAddObj(const tk::message& request) {
 tk::message Service::cmdSetObj(const tk::message& request) {
     const std::uint32_t id = request.get_u32(tk::field::objectId);
     const Rule* found = rules.find(id);
-    if (!found) return answerOf(noSuchRule(id));
+    if (!found) return tk::answerOf(noSuchRule(id));
     const Rule known = *found;
     if (const tk::Status status = checkOwner(known, request); !status.isOk()) return refuse(status);
     const tk::Result<Rule> changed = changedRule(known, request);
-    if (!changed.isOk()) return answerOf(changed.status());
+    if (!changed.isOk()) return tk::answerOf(changed.status());
     if (const tk::Status status = check(&known, *changed, isAskedByProgram()); !status.isOk())
         return refuse(status);
-    if (const tk::Status status = apply(&known, &*changed); !status.isOk()) return answerOf(status);
+    if (const tk::Status status = apply(&known, &*changed); !status.isOk()) return tk::answerOf(status);
     notifyChange(id, changed->toMessage());
     return {};
 }
@@ -225,7 +222,7 @@ tk::message Service::cmdRemoveObj(const tk::message& request) {
     if (!found) return {};  // it is gone, as was asked for
     const Rule known = *found;
     if (const tk::Status status = checkOwner(known, request); !status.isOk()) return refuse(status);
-    if (const tk::Status status = apply(&known, nullptr); !status.isOk()) return answerOf(status);
+    if (const tk::Status status = apply(&known, nullptr); !status.isOk()) return tk::answerOf(status);
     tellRemoved({known.id});
     return {};
 }
@@ -234,7 +231,7 @@ tk::message Service::cmdDisconnected(const tk::Path& client) {
     const std::set<std::uint32_t>& owned = rules.of(client.front());
     if (owned.empty()) return {};
     orphans.insert(owned.begin(), owned.end());
-    return answerOf(removeOrphans());
+    return tk::answerOf(removeOrphans());
 }
 
 /// Takes rules out of the kernel in one transaction, and forgets them.
@@ -287,7 +284,7 @@ void Service::tellRemoved(const std::vector<std::uint32_t>& ids) {
 tk::message Service::cmdGetObj(const tk::message& request) {
     const std::uint32_t id = request.get_u32(tk::field::objectId);
     const Rule* rule = rules.find(id);
-    return rule ? rule->toMessage() : answerOf(noSuchRule(id));
+    return rule ? rule->toMessage() : tk::answerOf(noSuchRule(id));
 }
 
 tk::message Service::cmdGetAll(const tk::message& request) {
@@ -296,15 +293,13 @@ tk::message Service::cmdGetAll(const tk::message& request) {
 }
 
 tk::message Service::cmdGetCount(const tk::message&) {
-    tk::message reply;
-    reply.insert_u32(tk::field::count, static_cast<std::uint32_t>(rules.all().size()));
-    return reply;
+    return tk::countReply(rules.all().size());
 }
 
 tk::message Service::cmdUnknown(const tk::message& received, std::uint32_t command) {
     if (command != contract::testRule) return Handler::cmdUnknown(received, command);
     const tk::Result<Rule> rule = newRule(received);
-    return answerOf(rule.isOk() ? check(nullptr, *rule, /*isProgram=*/true) : rule.status());
+    return tk::answerOf(rule.isOk() ? check(nullptr, *rule, /*isProgram=*/true) : rule.status());
 }
 
 }  // namespace nat

@@ -4,6 +4,7 @@
 #include <string>
 #include <utility>
 
+#include "tk/answer.h"
 #include "tk/bus.h"
 #include "tk/names.h"
 #include "tk/page.h"
@@ -95,7 +96,7 @@ tk::message History::cmdDisconnected(const tk::Path& client) {
 void History::takeOff(std::uint32_t id) {
     if (const auto record = records.find(id); record != records.end()) erase(record);
     tk::message gone;
-    gone.insert_u32(tk::field::deleted, 1);
+    tk::markDeleted(gone);
     notifyChange(id, gone);
 }
 
@@ -136,9 +137,7 @@ tk::message History::cmdGetAll(const tk::message& request) {
 }
 
 tk::message History::cmdGetCount(const tk::message&) {
-    tk::message reply;
-    reply.insert_u32(tk::field::count, static_cast<std::uint32_t>(records.size()));
-    return reply;
+    return tk::countReply(records.size());
 }
 
 }  // namespace router

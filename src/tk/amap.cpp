@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "tk/answer.h"
 #include "tk/log.h"
 #include "tk/page.h"
 
@@ -16,11 +17,6 @@ constexpr std::size_t pageSize = 1024;
 
 message noSuchObject() {
     return errorMsg(error::noSuchObject, "no such object");
-}
-
-/// The error of a change that cannot be written; an empty message when it can.
-message errorOf(const Status& outcome) {
-    return outcome.isOk() ? message() : errorMsg(error::failed, outcome.reason());
 }
 
 }  // namespace
@@ -70,9 +66,7 @@ message AMap::getObject(std::uint32_t id) {
 }
 
 message AMap::getObjectCount() {
-    message reply;
-    reply.insert_u32(field::count, static_cast<std::uint32_t>(objects.size()));
-    return reply;
+    return countReply(objects.size());
 }
 
 message AMap::cmdGetObj(const message& request) {
@@ -94,12 +88,12 @@ message AMap::refuse(bool staged, message verdict) {
 }
 
 message AMap::commit(bool staged) {
-    return staged ? errorOf(store.commit()) : message();
+    return staged ? answerOf(store.commit(), error::failed) : message();
 }
 
 message AMap::storeAndAdd(Object& added, std::uint32_t id) {
     const bool storable = added.isStorable();
-    message failure = storable ? errorOf(store.stage(id, configOf(added))) : message();
+    message failure = storable ? answerOf(store.stage(id, configOf(added)), error::failed) : message();
     if (isError(failure)) return failure;
     message verdict = addHook(added);
     if (isError(verdict)) return refuse(storable, std::move(verdict));
@@ -137,7 +131,8 @@ message AMap::cmdSetObj(const message& request) {
     const std::unique_ptr<Object> changed = copyObject(current);
     changed->setConfig(request, 0);
     const bool storable = changed->isStorable();
-    message failure = storable ? errorOf(store.stage(changed->id, configOf(*changed))) : message();
+    message failure =
+        storable ? answerOf(store.stage(changed->id, configOf(*changed)), error::failed) : message();
     if (isError(failure)) return failure;
     message verdict = setHook(current, *changed);
     if (isError(verdict)) return refuse(storable, std::move(verdict));
@@ -157,7 +152,7 @@ message AMap::cmdRemoveObj(const message& request) {
     if (entry == objects.end()) return noSuchObject();
     Object& current = *entry->second;
     const bool storable = current.isStorable();
-    message failure = storable ? errorOf(store.stageRemoval(current.id)) : message();
+    message failure = storable ? answerOf(store.stageRemoval(current.id), error::failed) : message();
     if (isError(failure)) return failure;
     message verdict = removeHook(current);
     if (isError(verdict)) return refuse(storable, std::move(verdict));
@@ -178,7 +173,7 @@ void AMap::tellChange(const Object& object, bool deleted) {
     if (!object.needNotify() || isError(shouldNotify(object.id))) return;
     message data;
     object.getConfig(data, 0);
-    if (deleted) data.insert_u32(field::deleted, 1);
+    if (deleted) markDeleted(data);
     notifyChange(object.id, data);
     (void)notifiesSent();  // the base has nothing to say
 }
