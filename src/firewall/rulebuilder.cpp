@@ -20,7 +20,6 @@ namespace firewall {
 
 namespace {
 
-constexpr std::uint32_t portOffset = 2;         // of the destination port in a TCP or UDP header
 constexpr std::uint32_t flagsOffset = 13;       // of the flags in a TCP header
 constexpr std::uint8_t connectionFlags = 0x17;  // FIN, SYN, RST, ACK
 constexpr std::uint8_t synFlag = 0x02;

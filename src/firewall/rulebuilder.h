@@ -24,6 +24,9 @@ public:
     static constexpr std::uint32_t fourthPart = NFT_REG32_03;
     static constexpr std::uint32_t fifthPart = NFT_REG32_04;
 
+    /// Of the destination port in a TCP or UDP header.
+    static constexpr std::uint32_t portOffset = 2;
+
     /// Starts a rule of a chain.
     explicit RuleBuilder(const char* chain, std::uint8_t family = nft::ip4);
 

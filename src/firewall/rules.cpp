@@ -18,7 +18,6 @@ namespace {
 
 constexpr std::uint8_t searchGroup[] = {239, 255, 255, 250};
 
-constexpr std::uint32_t portOffset = 2;  // of the destination port in a TCP or UDP header
 constexpr std::uint32_t addressOffset = offsetof(iphdr, daddr);
 constexpr std::uint32_t logsPerSecond = 1000;
 
@@ -26,6 +25,7 @@ constexpr std::uint32_t logsPerSecond = 1000;
 constexpr std::uint32_t translatedLabel = 116;  // the table's map translated it
 constexpr std::uint32_t foreignLabel = 107;     // another table made it reach the router
 
+constexpr auto portOffset = RuleBuilder::portOffset;
 constexpr auto firstPart = RuleBuilder::firstPart;
 constexpr auto secondPart = RuleBuilder::secondPart;
 constexpr auto thirdPart = RuleBuilder::thirdPart;

@@ -17,12 +17,12 @@ struct Reason {
 };
 
 constexpr Reason reasons[] = {
-    {200, "OK"},
-    {400, "Bad Request"},
-    {404, "Not Found"},
-    {412, "Precondition Failed"},
-    {500, "Internal Server Error"},
-    {501, "Not Implemented"},
+    {httpstatus::ok, "OK"},
+    {httpstatus::badRequest, "Bad Request"},
+    {httpstatus::notFound, "Not Found"},
+    {httpstatus::preconditionFailed, "Precondition Failed"},
+    {httpstatus::internalServerError, "Internal Server Error"},
+    {httpstatus::notImplemented, "Not Implemented"},
 };
 
 const char* reasonOf(int statusCode) {

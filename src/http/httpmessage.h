@@ -9,13 +9,23 @@
 
 namespace gateway {
 
+/// The statuses that the daemon answers with.
+namespace httpstatus {
+constexpr int ok = 200;
+constexpr int badRequest = 400;
+constexpr int notFound = 404;
+constexpr int preconditionFailed = 412;
+constexpr int internalServerError = 500;
+constexpr int notImplemented = 501;
+}  // namespace httpstatus
+
 /// One message in the form of HTTP: a request, a response, or an SSDP datagram.
 /// A value: built, read or written, and dropped.
 struct HTTPMessage {
     /// An empty message for the daemon's own requests; the title is set by the caller.
     HTTPMessage() = default;
-    /// A response without headers or body. The statuses that the daemon uses (200, 400, 404, 412, 500, 501)
-    /// have a reason; any other has an empty one, after its blank.
+    /// A response without headers or body. A status that is none of httpstatus gets an empty reason, after its
+    /// blank.
     explicit HTTPMessage(int statusCode);
     /// Parses what has been received so far, by the rules of HTTPProgress.
     /// Errors: none; a malformed message stays incomplete, with what was read before the fault.

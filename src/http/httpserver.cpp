@@ -18,8 +18,6 @@ namespace gateway {
 
 namespace {
 
-constexpr int notFound = 404;
-
 constexpr std::size_t connectionLimit = 512;
 constexpr std::size_t sourceLimit = 128;  // connections from one address
 
@@ -67,7 +65,7 @@ void HTTPServer::removeService(const HTTPService* service) {
     std::vector<HTTPConn*> waiting;
     for (const auto& [descriptor, connection] : connections)
         if (connection->waitsFor(*service)) waiting.push_back(connection.get());
-    for (HTTPConn* connection : waiting) answered(*connection, HTTPMessage(notFound));
+    for (HTTPConn* connection : waiting) answered(*connection, HTTPMessage(httpstatus::notFound));
 }
 
 void HTTPServer::accept(int listenSocket, std::uint32_t) {

@@ -30,10 +30,10 @@ struct Route {
 HTTPAnswer callService(const Route& route, const std::string& path, const HTTPMessage& request,
                        std::uint32_t address, HTTPClient& client) {
     const auto service = route.services.find(path);
-    if (service == route.services.end()) return HTTPMessage(404);
+    if (service == route.services.end()) return HTTPMessage(httpstatus::notFound);
     if (!namesHost(request, address)) {
         tk::log(route.method, ": host mismatch '", request.get("HOST"), "'");
-        return HTTPMessage(400);
+        return HTTPMessage(httpstatus::badRequest);
     }
     return (service->second->*route.answer)(request, client);
 }
@@ -53,7 +53,7 @@ HTTPAnswer HTTPServer::dispatch(HTTPConn& connection, const HTTPMessage& request
         if (method == route.method)
             return callService(route, path, request, host.addressOf(device), connection);
     tk::log("what is this: '", method, "'");
-    return HTTPMessage(501);
+    return HTTPMessage(httpstatus::notImplemented);
 }
 
 HTTPMessage HTTPServer::dispatchGet(const Device& device, const HTTPMessage& request,

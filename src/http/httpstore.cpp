@@ -40,7 +40,7 @@ bool readStart(const std::string& path, std::string& content) {
 }
 
 HTTPMessage respond(const HTTPMessage& request, const std::string& contentType, std::string content) {
-    HTTPMessage response(200);
+    HTTPMessage response(httpstatus::ok);
     if (request.has("ACCEPT-LANGUAGE")) response.add("CONTENT-LANGUAGE", "en-us");
     response.add("CONTENT-TYPE", contentType);
     response.add("CONTENT-LENGTH", toString(static_cast<unsigned>(content.size())));
@@ -56,9 +56,9 @@ HTTPMessage respond(const HTTPMessage& request, const std::string& contentType, 
 HTTPMessage serveGet(const HTTPStore& store, const HTTPMessage& request, const std::string& content) {
     if (!content.empty()) return respond(request, "text/xml", content);
     const auto file = store.files.find(pathOf(request.title));
-    if (file == store.files.end()) return HTTPMessage(404);
+    if (file == store.files.end()) return HTTPMessage(httpstatus::notFound);
     std::string read;
-    if (!readStart(store.directory + file->second, read)) return HTTPMessage(404);
+    if (!readStart(store.directory + file->second, read)) return HTTPMessage(httpstatus::notFound);
     return respond(request, contentTypeOf(file->second), std::move(read));
 }
 

@@ -11,8 +11,6 @@ namespace links {
 
 namespace {
 
-constexpr std::uint32_t addressBits = 32;
-
 constexpr std::uint32_t maskOf(std::uint32_t length) {
     return length == 0 ? 0 : ~std::uint32_t{0} << (addressBits - length);
 }

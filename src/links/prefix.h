@@ -6,6 +6,9 @@
 
 namespace links {
 
+/// The length of an IPv4 address.
+constexpr std::uint32_t addressBits = 32;
+
 /// An IPv4 network. A value.
 /// Byte order: host.
 struct Prefix {

@@ -22,7 +22,6 @@ const std::string crlf = "\r\n";
 
 namespace {
 
-constexpr const char* ssdpGroup = "239.255.255.250";
 constexpr unsigned char multicastTtl = 4;
 constexpr int listenQueue = 1;
 constexpr std::size_t nameSize = 16;  // what SO_BINDTODEVICE takes; a full one has no '\0'
@@ -53,7 +52,7 @@ bool bindToPort(const tk::Fd& socket, int port) {
 
 bool joinGroup(const tk::Fd& socket, int interfaceIndex, std::uint32_t interfaceAddress) {
     ip_mreqn membership{};
-    membership.imr_multiaddr.s_addr = toAddress(ssdpGroup);
+    membership.imr_multiaddr.s_addr = toAddress(contract::ssdpGroup);
     membership.imr_address.s_addr = interfaceAddress;
     membership.imr_ifindex = interfaceIndex;
     return ::setsockopt(socket.get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership) == 0;

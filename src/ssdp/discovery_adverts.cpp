@@ -19,7 +19,7 @@ sockaddr_in groupAddress() {
     sockaddr_in group{};
     group.sin_family = AF_INET;
     group.sin_port = htons(contract::ssdpPort);
-    group.sin_addr.s_addr = toAddress(ssdpGroup);
+    group.sin_addr.s_addr = toAddress(contract::ssdpGroup);
     return group;
 }
 

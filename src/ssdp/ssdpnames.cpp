@@ -13,7 +13,7 @@ constexpr unsigned maxAgeSeconds = 3600;
 }  // namespace
 
 std::string ssdpHost() {
-    return std::string(ssdpGroup) + ":" + toString(unsigned{contract::ssdpPort});
+    return std::string(contract::ssdpGroup) + ":" + toString(unsigned{contract::ssdpPort});
 }
 
 std::string ssdpMaxAge() {

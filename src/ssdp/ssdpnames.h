@@ -5,10 +5,6 @@
 
 namespace gateway {
 
-/// The multicast address of searches and adverts.
-/// Protocol: UPnP Device Architecture 1.0, 1.
-constexpr const char* ssdpGroup = "239.255.255.250";
-
 /// The value of HOST in searches and adverts: the group, a colon, the port.
 std::string ssdpHost();
 

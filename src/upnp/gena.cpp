@@ -17,10 +17,6 @@ namespace gateway {
 
 namespace {
 
-constexpr int ok = 200;
-constexpr int preconditionFailed = 412;
-constexpr int internalServerError = 500;
-
 constexpr std::size_t subscriptionLimit = 100;   // per service
 constexpr std::uint32_t shortestSeconds = 1800;  // also when the request states none, or no number
 constexpr std::uint32_t longestSeconds = 86400;
@@ -62,7 +58,7 @@ std::string newSid() {
 
 HTTPMessage grant(Subscription& subscription, std::uint32_t seconds) {
     subscription.expireIn(seconds);
-    HTTPMessage response(ok);
+    HTTPMessage response(httpstatus::ok);
     response.addDate(0);
     response.add("SERVER", serverString);
     response.add("SID", subscription.sid);
@@ -73,12 +69,12 @@ HTTPMessage grant(Subscription& subscription, std::uint32_t seconds) {
 HTTPAnswer subscribeAnew(Service& service, const HTTPMessage& request, HTTPClient& client) {
     Callback callback;
     if (request.get("NT") != "upnp:event" || !readCallback(request, callback))
-        return HTTPMessage(preconditionFailed);
+        return HTTPMessage(httpstatus::preconditionFailed);
     const std::uint32_t seconds = grantedSeconds(request);
     if (callback.address) return addSubscription(service, callback, seconds);
     if (client.mayWait()) return std::make_unique<NamedSubscriber>(service, client, callback, seconds);
     tk::log("resolving failed: too many requests wait for names");
-    return HTTPMessage(preconditionFailed);
+    return HTTPMessage(httpstatus::preconditionFailed);
 }
 
 }  // namespace
@@ -87,8 +83,9 @@ HTTPMessage addSubscription(Service& service, const Callback& callback, std::uin
     const std::uint32_t address = callback.address.value_or(0);
     tk::log("callback addr: ", ipToString(address), ", port: ", std::uint32_t{callback.port},
             ", path: ", callback.path);
-    if (service.subscriptions.size() >= subscriptionLimit) return HTTPMessage(internalServerError);
-    if (hasSubscriptionFrom(service, address)) return HTTPMessage(preconditionFailed);
+    if (service.subscriptions.size() >= subscriptionLimit)
+        return HTTPMessage(httpstatus::internalServerError);
+    if (hasSubscriptionFrom(service, address)) return HTTPMessage(httpstatus::preconditionFailed);
 
     auto created = std::make_unique<Subscription>(service, newSid(), address, callback.port, callback.path);
     Subscription& subscription = *created;
@@ -101,17 +98,17 @@ HTTPMessage addSubscription(Service& service, const Callback& callback, std::uin
 HTTPAnswer subscribe(Service& service, const HTTPMessage& request, HTTPClient& client) {
     if (request.has("NT")) return subscribeAnew(service, request, client);
     const auto subscription = service.subscriptions.find(request.get("SID"));
-    if (subscription == service.subscriptions.end()) return HTTPMessage(preconditionFailed);
+    if (subscription == service.subscriptions.end()) return HTTPMessage(httpstatus::preconditionFailed);
     tk::log("resubscribe: ", service.serviceType);
     return grant(*subscription->second, grantedSeconds(request));
 }
 
 HTTPMessage unsubscribe(Service& service, const HTTPMessage& request) {
     const auto subscription = service.subscriptions.find(request.get("SID"));
-    if (subscription == service.subscriptions.end()) return HTTPMessage(preconditionFailed);
+    if (subscription == service.subscriptions.end()) return HTTPMessage(httpstatus::preconditionFailed);
     tk::log("unsubscribe");
     service.subscriptions.erase(subscription);
-    return HTTPMessage(ok);
+    return HTTPMessage(httpstatus::ok);
 }
 
 }  // namespace gateway

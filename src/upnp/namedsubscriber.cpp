@@ -12,8 +12,6 @@ namespace gateway {
 
 namespace {
 
-constexpr int preconditionFailed = 412;
-
 /// The address that the resolver gave. An error is logged; an address that comes with it is taken all the
 /// same.
 /// Byte order: network.
@@ -35,7 +33,7 @@ NamedSubscriber::NamedSubscriber(Service& service, HTTPClient& client, Callback 
 
 void NamedSubscriber::inquiryEnded(const tk::message& end) {
     const std::uint32_t address = resolvedAddress(end);
-    if (address == 0) return client.answer(HTTPMessage(preconditionFailed));  // deletes this
+    if (address == 0) return client.answer(HTTPMessage(httpstatus::preconditionFailed));  // deletes this
     callback.address = address;
     client.answer(addSubscription(service, callback, seconds));  // deletes this
 }

@@ -16,9 +16,6 @@ namespace {
 
 using Arguments = std::vector<std::string>;
 
-constexpr int ok = 200;
-constexpr int badRequest = 400;
-constexpr int internalServerError = 500;
 constexpr const char* encodingStyle = "http://schemas.xmlsoap.org/soap/encoding/";
 constexpr const char* queryAction = "QueryStateVariable";  // of the control protocol's own namespace
 
@@ -38,7 +35,7 @@ const XMLProp* findProperty(const XMLNode& node, std::string_view name) {
 template <typename... Parts>
 HTTPMessage refuse(const Parts&... parts) {
     tk::log(parts...);
-    return HTTPMessage(badRequest);
+    return HTTPMessage(httpstatus::badRequest);
 }
 
 template <typename... Parts>
@@ -61,7 +58,7 @@ HTTPMessage answerFromVariables(Service& service, const Action& action, XMLNode 
         if (!variable->second->getValue(value)) return fail(service, upnpstatus::invalidAction, "bad val");
         addResult(result, action.outNames[i], value);
     }
-    return soapResponse(service, ok, std::move(result));
+    return soapResponse(service, httpstatus::ok, std::move(result));
 }
 
 /// The in-arguments in the action's order, or a fault if one fails its check.
@@ -92,7 +89,7 @@ HTTPMessage answerFromCallback(Service& service, const Action& action, const XML
     if (status != upnpstatus::ok) return soapFault(service, status);
     if (out.size() != action.outVars.size()) return fail(service, upnpstatus::invalidAction, "bad ret");
     for (std::size_t i = 0; i < out.size(); ++i) addResult(result, action.outNames[i], out[i]);
-    return soapResponse(service, ok, std::move(result));
+    return soapResponse(service, httpstatus::ok, std::move(result));
 }
 
 }  // namespace
@@ -152,7 +149,7 @@ HTTPMessage queryStateVariable(Service& service, const XMLNode& body) {
     XMLNode result("u:QueryStateVariableResponse");
     result.addProperty("xmlns:u", controlNamespace);
     result.addSubNode("return", value);
-    return soapResponse(service, ok, std::move(result));
+    return soapResponse(service, httpstatus::ok, std::move(result));
 }
 
 HTTPMessage soapResponse(Service&, int httpStatus, XMLNode content) {
@@ -185,7 +182,7 @@ HTTPMessage soapFault(Service& service, UPNPStatus code) {
     fault.addSubNode("faultCode", "s:Client");  // capital C and S on purpose: clients see these names
     fault.addSubNode("faultString", "UPnPError");
     fault.addSubNode(std::move(detail));
-    return soapResponse(service, internalServerError, std::move(fault));
+    return soapResponse(service, httpstatus::internalServerError, std::move(fault));
 }
 
 }  // namespace gateway

@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include "contract/ports.h"
-#include "ssdp/ssdpnames.h"
 
 namespace gateway {
 
@@ -19,7 +18,7 @@ MulticastListener::MulticastListener()
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(contract::ssdpPort);
-    address.sin_addr.s_addr = inet_addr(ssdpGroup);
+    address.sin_addr.s_addr = inet_addr(contract::ssdpGroup);
     EXPECT_EQ(::bind(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
     ip_mreqn group{address.sin_addr, {htonl(INADDR_LOOPBACK)}, 1};
     EXPECT_EQ(::setsockopt(socket.get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, &group, sizeof group), 0);
