@@ -7,7 +7,7 @@
 
 #include "http/httpmessage.h"
 #include "net/sockets.h"
-#include "ssdp/ssdpnames.h"
+#include "ssdp/names.h"
 #include "tk/fd.h"
 #include "tk/log.h"
 

@@ -8,7 +8,7 @@
 #include "net/convert.h"
 #include "net/sockets.h"
 #include "ssdp/discovery.h"
-#include "ssdp/ssdpnames.h"
+#include "ssdp/names.h"
 #include "tk/log.h"
 
 namespace gateway {

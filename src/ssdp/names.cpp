@@ -1,4 +1,4 @@
-#include "ssdp/ssdpnames.h"
+#include "ssdp/names.h"
 
 #include "contract/ports.h"
 #include "http/httpserver.h"
