@@ -5,16 +5,24 @@
 #include <vector>
 
 #include "contract/gateway.h"
-#include "core/devobj.h"
 #include "http/httpserver.h"
 #include "services/osinfo.h"
 #include "ssdp/discovery.h"
 #include "tk/map.h"
+#include "tk/object.h"
 #include "tk/store.h"
 #include "tracking/tracking.h"
 #include "upnp/upnprootdevice.h"
 
 namespace gateway {
+
+/// One "upnp interface" item: which side of the gateway a router interface is.
+class DevObj final : public tk::Object, public contract::RoleItem {
+public:
+    std::string getName() const override { return "upnp interface"; }
+    void getConfig(tk::message& out, std::uint32_t options) const override;
+    void setConfig(const tk::message& in, std::uint32_t options) override;
+};
 
 /// The bus handler that holds the "upnp interface" items and the settings, and the root of the UPnP device
 /// tree. It leaves the LAN and the router's interfaces to its parts, and answers what they ask.

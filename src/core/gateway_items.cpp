@@ -5,6 +5,15 @@
 
 namespace gateway {
 
+void DevObj::getConfig(tk::message& out, std::uint32_t) const {
+    const tk::message values = toMessage();
+    for (const tk::message::Field& value : values.fields()) out.insert(value);
+}
+
+void DevObj::setConfig(const tk::message& in, std::uint32_t) {
+    static_cast<RoleItem&>(*this) = fromMessage(in, *this);
+}
+
 std::vector<RoleItem> Gateway::roleItems() const {
     std::vector<RoleItem> items;
     forEach([&items](const DevObj& item) { items.push_back(item); });
