@@ -8,7 +8,6 @@
 #include "tk/log.h"
 #include "tk/looper.h"
 #include "tk/names.h"
-#include "upnp/subscription.h"
 #include "xml/xmlwriter.h"
 
 namespace gateway {

@@ -9,7 +9,6 @@
 #include "ctl/commandline.h"
 #include "ctl/commands.h"
 #include "ctl/context.h"
-#include "ctl/failure.h"
 #include "ctl/json.h"
 #include "ctl/keyvalues.h"
 #include "ctl/table.h"

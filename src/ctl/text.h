@@ -5,8 +5,8 @@
 #include <string>
 #include <string_view>
 
-#include "tk/bus.h"
 #include "tk/message.h"
+#include "tk/names.h"
 
 namespace ctl {
 

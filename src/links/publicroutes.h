@@ -3,8 +3,6 @@
 #include <linux/netlink.h>
 
 #include <cstdint>
-#include <map>
-#include <string>
 
 #include "links/routereader.h"
 #include "links/rtnetlink.h"

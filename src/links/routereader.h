@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <map>
 #include <set>
-#include <string>
 
 #include "links/rtnetlink.h"
 #include "netlink/request.h"

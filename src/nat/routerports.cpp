@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "nat/rule.h"
 #include "tk/names.h"
 
 namespace nat {

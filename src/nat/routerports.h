@@ -6,7 +6,6 @@
 #include "links/zones.h"
 #include "nat/listeners.h"
 #include "nat/policy.h"
-#include "nat/rule.h"
 #include "tk/status.h"
 
 namespace nat {

@@ -3,7 +3,6 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <string>
 #include <utility>
 
 #include "contract/history.h"

@@ -14,7 +14,6 @@
 #include <memory>
 
 #include "tk/fd.h"
-#include "tk/log.h"
 
 namespace tk {
 

@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <map>
-#include <memory>
 #include <set>
 #include <tuple>
 #include <unordered_map>

@@ -13,6 +13,7 @@
 #include "firewall/table.h"
 #include "links/testing/fakekernel.h"
 #include "nat/listeners.h"
+#include "nat/rule.h"
 
 namespace nat::testing {
 
