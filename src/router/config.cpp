@@ -19,10 +19,28 @@ namespace router {
 namespace {
 
 constexpr std::size_t sizeLimit = std::size_t{1024} * 1024;
-constexpr std::int64_t highestNumber = std::numeric_limits<std::uint32_t>::max();
-constexpr std::int64_t highestRate = 1000000;
+constexpr std::uint32_t highestNumber = std::numeric_limits<std::uint32_t>::max();
+constexpr std::uint32_t highestRate = 1000000;
 constexpr uid_t root = 0;
 constexpr gid_t rootGroup = 0;
+
+/// Keeps what was read in its place.
+/// Errors: why it was not.
+template <typename Place, typename Value>
+tk::Status keep(Place& place, tk::Result<Value> read) {
+    if (!read.isOk()) return read.status();
+    place = read.take();
+    return {};
+}
+
+/// Hands each key of a table on with its value.
+/// Errors: the first that there is; the keys after it are not read.
+template <typename Read>
+tk::Status readKeys(const toml::table& table, const Read& read) {
+    for (const auto& [key, value] : table)
+        if (tk::Status result = read(key.str(), value); !result.isOk()) return result;
+    return {};
+}
 
 /// Walks a parsed file section by section, and stops at the first error.
 class Reader {
@@ -31,32 +49,26 @@ public:
 
     tk::Result<Config> configIn(const toml::table& root) {
         Config config;
-        return read(root, config) ? tk::Result<Config>(std::move(config)) : values.status();
+        tk::Status result =
+            readKeys(root, [&](auto key, const auto& value) { return readPart(key, value, config); });
+        return result.isOk() ? tk::Result<Config>(std::move(config)) : result;
     }
 
 private:
-    [[nodiscard]] bool read(const toml::table& root, Config& out) {
-        for (const auto& [key, value] : root) {
-            if (key == "program") {
-                if (!readEach(key, value, &Reader::readProgram, out)) return false;
-            } else if (key == "user") {
-                if (!readEach(key, value, &Reader::readUser, out)) return false;
-            } else if (key == "interface") {
-                if (!readEach(key, value, &Reader::readInterface, out)) return false;
-            } else if (const auto section = sectionNamed(key)) {
-                const toml::table* table = value.as_table();
-                if (!table)
-                    return values.fail(key, value, "must be written as [" + std::string(key.str()) + "]");
-                if (!readSection(*table, section, out)) return false;
-            } else {
-                return values.fail(key, value, "unknown key");
-            }
-        }
-        return true;
-    }
+    using Entry = tk::Status (Reader::*)(const toml::table& table, Config& out);
+    using Section = tk::Status (Reader::*)(std::string_view key, const toml::node& value, Config& out);
 
-    using Entry = bool (Reader::*)(const toml::table& table, Config& out);
-    using Section = bool (Reader::*)(std::string_view key, const toml::node& value, Config& out);
+    tk::Status readPart(std::string_view key, const toml::node& value, Config& out) {
+        if (key == "program") return readEach(key, value, &Reader::readProgram, out);
+        if (key == "user") return readEach(key, value, &Reader::readUser, out);
+        if (key == "interface") return readEach(key, value, &Reader::readInterface, out);
+        const Section section = sectionNamed(key);
+        if (!section) return unknown(key, value);
+        const toml::table* table = value.as_table();
+        if (!table) return values.fault(key, value, "must be written as [" + std::string(key) + "]");
+        return readKeys(*table,
+                        [&](auto name, const auto& entry) { return (this->*section)(name, entry, out); });
+    }
 
     static Section sectionNamed(std::string_view key) {
         if (key == "router") return &Reader::readRouter;
@@ -65,138 +77,133 @@ private:
         return key == "guard" ? &Reader::readGuard : nullptr;
     }
 
-    [[nodiscard]] bool readEach(std::string_view key, const toml::node& value, Entry read, Config& out) {
+    tk::Status readEach(std::string_view key, const toml::node& value, Entry read, Config& out) {
         const std::string wanted = "must be written as [[" + std::string(key) + "]]";
         const toml::array* list = value.as_array();
-        if (!list) return values.fail(key, value, wanted);
+        if (!list) return values.fault(key, value, wanted);
         for (const toml::node& entry : *list) {
             const toml::table* table = entry.as_table();
-            if (!table) return values.fail(key, entry, wanted);
-            if (!(this->*read)(*table, out)) return false;
+            if (!table) return values.fault(key, entry, wanted);
+            if (tk::Status result = (this->*read)(*table, out); !result.isOk()) return result;
         }
-        return true;
+        return {};
     }
 
-    [[nodiscard]] bool readSection(const toml::table& table, Section read, Config& out) {
-        return std::all_of(table.begin(), table.end(), [&](const auto& entry) {
-            return (this->*read)(entry.first.str(), entry.second, out);
-        });
-    }
-
-    [[nodiscard]] bool readProgram(const toml::table& table, Config& config) {
+    tk::Status readProgram(const toml::table& table, Config& config) {
         hub::ProgramConfig& out = config.programs.emplace_back();
-        for (const auto& [key, value] : table) {
-            if (key == "number") {
-                if (!values.read(key, value, 1, tk::program::firstClient - 1, out.number)) return false;
-            } else if (key == "command") {
-                if (!values.readCommand(key, value, out.command)) return false;
-            } else if (key == "unit") {
-                if (!values.readUnit(key, value, out.unit)) return false;
-            } else if (key == "start") {
-                if (!values.read(key, value, out.startsWithRouter)) return false;
-            } else if (key == "user") {
-                if (!values.read(key, value, out.user)) return false;
-            } else {
-                return values.fail(key, value, "unknown key");
-            }
-        }
-        if (!checkProgram(table, out)) return false;
+        tk::Status result =
+            readKeys(table, [&](auto key, const auto& value) { return readProgramKey(key, value, out); });
+        if (result.isOk()) result = checkProgram(table, out);
         // The user as whom the router starts the program may register it.
-        if (out.user) config.users.push_back({out.user->uid, {out.number}});
-        return true;
+        if (result.isOk() && out.user) config.users.push_back({out.user->uid, {out.number}});
+        return result;
+    }
+
+    tk::Status readProgramKey(std::string_view key, const toml::node& value, hub::ProgramConfig& out) {
+        if (key == "number") return keep(out.number, values.program(key, value));
+        if (key == "command") return keep(out.command, values.command(key, value));
+        if (key == "unit") return keep(out.unit, values.unit(key, value));
+        if (key == "start") return keep(out.startsWithRouter, values.flag(key, value));
+        if (key == "user") return keep(out.user, values.account(key, value));
+        return unknown(key, value);
     }
 
     /// Checks how the keys of a program go together.
-    [[nodiscard]] bool checkProgram(const toml::table& table, const hub::ProgramConfig& program) {
-        if (program.number == 0) return values.fail("number", table, "is missing");
+    tk::Status checkProgram(const toml::table& table, const hub::ProgramConfig& program) {
+        if (program.number == 0) return values.fault("number", table, "is missing");
         if (program.unit.empty() && program.command.empty())
-            return values.fail("command", table, "is missing");
+            return values.fault("command", table, "is missing");
         if (!program.unit.empty() && !program.command.empty())
-            return values.fail("unit", *table.get("unit"), "stands beside command");
+            return values.fault("unit", *table.get("unit"), "stands beside command");
         if (!program.unit.empty() && program.user)
-            return values.fail("user", *table.get("user"), "stands beside unit, which names its user itself");
-        return numbers.insert(program.number).second || values.fail("number", table, "stands twice");
+            return values.fault("user", *table.get("user"),
+                                "stands beside unit, which names its user itself");
+        return once(numbers.insert(program.number).second, "number", table);
     }
 
-    [[nodiscard]] bool readUser(const toml::table& table, Config& config) {
+    tk::Status readUser(const toml::table& table, Config& config) {
         std::optional<tk::Account> account;
         hub::UserRights out;
-        for (const auto& [key, value] : table) {
-            if (key == "name") {
-                if (!values.read(key, value, account)) return false;
-            } else if (key == "programs") {
-                if (!values.readPrograms(key, value, out.programs)) return false;
-            } else if (key == "writes") {
-                if (!values.read(key, value, out.writes)) return false;
-            } else if (key == "trace") {
-                if (!values.read(key, value, out.traces)) return false;
-            } else if (key == "undo") {
-                if (!values.read(key, value, out.undoes)) return false;
-            } else if (key == "admin") {
-                if (!values.read(key, value, out.isAdmin)) return false;
-            } else {
-                return values.fail(key, value, "unknown key");
-            }
-        }
-        if (!account) return values.fail("name", table, "is missing");
+        tk::Status result = readKeys(table, [&](auto key, const auto& value) {
+            return key == "name" ? keep(account, values.account(key, value)) : readRight(key, value, out);
+        });
+        if (!result.isOk()) return result;
+        if (!account) return values.fault("name", table, "is missing");
         out.uid = account->uid;
         config.users.push_back(out);
-        return true;
+        return {};
     }
 
-    [[nodiscard]] bool readRouter(std::string_view key, const toml::node& value, Config& out) {
-        return key == "user" ? values.read(key, value, out.user) : values.fail(key, value, "unknown key");
+    tk::Status readRight(std::string_view key, const toml::node& value, hub::UserRights& out) {
+        if (key == "programs") return keep(out.programs, values.programs(key, value));
+        if (key == "writes") return keep(out.writes, values.paths(key, value));
+        if (key == "trace") return keep(out.traces, values.flag(key, value));
+        if (key == "undo") return keep(out.undoes, values.flag(key, value));
+        if (key == "admin") return keep(out.isAdmin, values.flag(key, value));
+        return unknown(key, value);
     }
 
-    [[nodiscard]] bool readLan(std::string_view key, const toml::node& value, Config& out) {
-        if (key == "interfaces") return values.readInterfaces(key, value, out.lan.interfaces.emplace());
-        if (key == "networks") return values.read(key, value, out.lan.networks);
-        return values.fail(key, value, "unknown key");
+    tk::Status readRouter(std::string_view key, const toml::node& value, Config& out) {
+        return key == "user" ? keep(out.user, values.account(key, value)) : unknown(key, value);
     }
 
-    [[nodiscard]] bool readInterface(const toml::table& table, Config& config) {
+    tk::Status readLan(std::string_view key, const toml::node& value, Config& out) {
+        if (key == "interfaces") return keep(out.lan.interfaces, values.interfaces(key, value));
+        if (key == "networks") return keep(out.lan.networks, values.networks(key, value));
+        return unknown(key, value);
+    }
+
+    tk::Status readInterface(const toml::table& table, Config& config) {
         links::InterfaceConfig& out = config.interfaces.emplace_back();
-        for (const auto& [key, value] : table) {
-            if (key == "name") {
-                if (!values.readInterface(key, value, out.name)) return false;
-            } else if (key == "terminate") {
-                if (!values.read(key, value, out.terminate)) return false;
-            } else if (key == "down") {
-                if (!values.readCommand(key, value, out.down)) return false;
-            } else if (key == "up") {
-                if (!values.readCommand(key, value, out.up)) return false;
-            } else {
-                return values.fail(key, value, "unknown key");
-            }
-        }
-        if (out.name.empty()) return values.fail("name", table, "is missing");
-        return interfaceNames.insert(out.name).second || values.fail("name", table, "stands twice");
+        tk::Status result =
+            readKeys(table, [&](auto key, const auto& value) { return readInterfaceKey(key, value, out); });
+        if (!result.isOk()) return result;
+        if (out.name.empty()) return values.fault("name", table, "is missing");
+        return once(interfaceNames.insert(out.name).second, "name", table);
     }
 
-    [[nodiscard]] bool readNat(std::string_view key, const toml::node& value, Config& out) {
+    tk::Status readInterfaceKey(std::string_view key, const toml::node& value, links::InterfaceConfig& out) {
+        if (key == "name") return keep(out.name, values.interface(key, value));
+        if (key == "terminate") return keep(out.terminate, values.flag(key, value));
+        if (key == "down") return keep(out.down, values.command(key, value));
+        if (key == "up") return keep(out.up, values.command(key, value));
+        return unknown(key, value);
+    }
+
+    tk::Status readNat(std::string_view key, const toml::node& value, Config& out) {
         nat::Config& nat = out.nat;
-        if (key == "check-targets") return values.read(key, value, nat.checksTargets);
-        if (key == "internal-prefixes") return values.fail(key, value, "is now \"networks\" in [lan]");
-        if (key == "external-ports") return values.read(key, value, nat.externalPorts);
-        if (key == "internal-ports") return values.read(key, value, nat.internalPorts);
-        if (key == "router-ports") return values.read(key, value, nat.routerPorts);
-        if (key == "limit-per-client") return values.read(key, value, 0, highestNumber, nat.limitPerTarget);
-        if (key == "limit") return values.read(key, value, 0, highestNumber, nat.limit);
-        return values.fail(key, value, "unknown key");
+        if (key == "check-targets") return keep(nat.checksTargets, values.flag(key, value));
+        if (key == "internal-prefixes") return values.fault(key, value, "is now \"networks\" in [lan]");
+        if (key == "external-ports") return keep(nat.externalPorts, values.ports(key, value));
+        if (key == "internal-ports") return keep(nat.internalPorts, values.ports(key, value));
+        if (key == "router-ports") return keep(nat.routerPorts, values.ports(key, value));
+        if (key == "limit-per-client")
+            return keep(nat.limitPerTarget, values.number(key, value, 0, highestNumber));
+        if (key == "limit") return keep(nat.limit, values.number(key, value, 0, highestNumber));
+        return unknown(key, value);
     }
 
-    [[nodiscard]] bool readGuard(std::string_view key, const toml::node& value, Config& out) {
+    tk::Status readGuard(std::string_view key, const toml::node& value, Config& out) {
         firewall::GuardConfig& guard = out.guard;
-        if (key == "limit-connections") return values.read(key, value, guard.limitsConnections);
+        if (key == "limit-connections") return keep(guard.limitsConnections, values.flag(key, value));
         if (key == "searches-per-second")
-            return values.read(key, value, 0, highestRate, guard.searchesPerSecond);
+            return keep(guard.searchesPerSecond, values.number(key, value, 0, highestRate));
         if (key == "requests-per-second")
-            return values.read(key, value, 0, highestRate, guard.requestsPerSecond);
-        if (key == "connections") return values.read(key, value, 0, highestRate, guard.connections);
-        return values.fail(key, value, "unknown key");
+            return keep(guard.requestsPerSecond, values.number(key, value, 0, highestRate));
+        if (key == "connections") return keep(guard.connections, values.number(key, value, 0, highestRate));
+        return unknown(key, value);
     }
 
-    ConfigValues values;
+    tk::Status unknown(std::string_view key, const toml::node& value) const {
+        return values.fault(key, value, "unknown key");
+    }
+
+    /// Checks that no other entry of a list has the same name.
+    tk::Status once(bool isFirst, std::string_view key, const toml::table& entry) const {
+        return isFirst ? tk::Status() : values.fault(key, entry, "stands twice");
+    }
+
+    const ConfigValues values;
     std::set<std::uint32_t> numbers;
     std::set<std::string> interfaceNames;
 };

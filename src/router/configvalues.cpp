@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 #include <net/if.h>
 
-#include <algorithm>
 #include <charconv>
 
 #include "tk/names.h"
@@ -67,113 +66,123 @@ std::string textOf(const toml::node& entry) {
     return entry.is_string() ? entry.as_string()->get() : std::string();
 }
 
-/// Reads each entry of a list. False when the value is no list, or an entry cannot be read: `culprit` is that
-/// entry.
-template <typename Value>
-bool readList(const toml::node& value, std::optional<Value> (*parse)(std::string_view),
-              std::vector<Value>& out, const toml::node*& culprit) {
-    culprit = &value;
+/// Reads each entry of a list; `wrong` makes the fault of a value that cannot be read.
+template <typename Value, typename Wrong>
+tk::Result<std::vector<Value>> listIn(const toml::node& value,
+                                      std::optional<Value> (*parse)(std::string_view), const Wrong& wrong) {
     const toml::array* list = value.as_array();
-    if (!list) return false;
-    out.clear();
+    if (!list) return wrong(value);
+    std::vector<Value> values;
     for (const toml::node& entry : *list) {
-        culprit = &entry;
         const auto parsed = parse(textOf(entry));
-        if (!parsed) return false;
-        out.push_back(*parsed);
+        if (!parsed) return wrong(entry);
+        values.push_back(*parsed);
     }
-    return true;
+    return values;
+}
+
+/// Reads each entry of a list; `read` says what is wrong with one.
+template <typename Value, typename Read>
+tk::Result<std::vector<Value>> eachIn(const toml::array& list, const Read& read) {
+    std::vector<Value> values;
+    for (const toml::node& entry : list) {
+        tk::Result<Value> value = read(entry);
+        if (!value.isOk()) return value.status();
+        values.push_back(value.take());
+    }
+    return values;
 }
 
 }  // namespace
 
-bool ConfigValues::fail(std::string_view key, const toml::node& where, std::string_view what) {
-    fault = tk::Status::failure(name + ":" + std::to_string(where.source().begin.line) + ": " +
-                                std::string(key) + ": " + std::string(what));
-    return false;
+tk::Status ConfigValues::fault(std::string_view key, const toml::node& where, std::string_view what) const {
+    return tk::Status::failure(name + ":" + std::to_string(where.source().begin.line) + ": " +
+                               std::string(key) + ": " + std::string(what));
 }
 
-bool ConfigValues::read(std::string_view key, const toml::node& value, bool& out) {
-    if (!value.is_boolean()) return fail(key, value, "must be true or false");
-    out = value.as_boolean()->get();
-    return true;
+tk::Result<bool> ConfigValues::flag(std::string_view key, const toml::node& value) const {
+    if (!value.is_boolean()) return fault(key, value, "must be true or false");
+    return value.as_boolean()->get();
 }
 
-bool ConfigValues::read(std::string_view key, const toml::node& value, std::int64_t lowest,
-                        std::int64_t highest, std::uint32_t& out) {
+tk::Result<std::uint32_t> ConfigValues::number(std::string_view key, const toml::node& value,
+                                               std::uint32_t lowest, std::uint32_t highest) const {
     const toml::value<std::int64_t>* number = value.as_integer();
     if (!number || number->get() < lowest || number->get() > highest)
-        return fail(key, value,
-                    "must be a number from " + std::to_string(lowest) + " to " + std::to_string(highest));
-    out = static_cast<std::uint32_t>(number->get());
-    return true;
+        return fault(key, value,
+                     "must be a number from " + std::to_string(lowest) + " to " + std::to_string(highest));
+    return static_cast<std::uint32_t>(number->get());
 }
 
-bool ConfigValues::read(std::string_view key, const toml::node& value, std::optional<tk::Account>& out) {
-    if (!value.is_string()) return fail(key, value, "must be the name of a user");
-    out = tk::findAccount(value.as_string()->get());
-    return out || fail(key, value, "there is no user \"" + value.as_string()->get() + "\"");
+tk::Result<tk::Account> ConfigValues::account(std::string_view key, const toml::node& value) const {
+    if (!value.is_string()) return fault(key, value, "must be the name of a user");
+    const std::string& user = value.as_string()->get();
+    if (std::optional<tk::Account> found = tk::findAccount(user)) return *std::move(found);
+    return fault(key, value, "there is no user \"" + user + "\"");
 }
 
-bool ConfigValues::read(std::string_view key, const toml::node& value, std::vector<links::Prefix>& out) {
-    const toml::node* culprit = nullptr;
-    return readList(value, &prefixNamed, out, culprit) ||
-           fail(key, *culprit, "must be a list of networks, such as \"192.0.2.0/24\"");
-}
-
-bool ConfigValues::read(std::string_view key, const toml::node& value, std::vector<nat::PortRange>& out) {
-    const toml::node* culprit = nullptr;
-    return readList(value, &portsOf, out, culprit) ||
-           fail(key, *culprit, "must be a list of ports, such as 80 and \"1024-65535\"");
-}
-
-bool ConfigValues::read(std::string_view key, const toml::node& value, std::vector<tk::Path>& out) {
-    const toml::node* culprit = nullptr;
-    return readList(value, &pathOf, out, culprit) ||
-           fail(key, *culprit, "must be a list of paths, such as \"20,5\"");
-}
-
-bool ConfigValues::readInterface(std::string_view key, const toml::node& value, std::string& out) {
-    const std::string name = value.is_string() ? value.as_string()->get() : std::string();
-    if (name.empty() || name.size() >= IF_NAMESIZE)
-        return fail(key, value, "must be the name of an interface, such as \"eth0\"");
-    out = name;
-    return true;
-}
-
-bool ConfigValues::readInterfaces(std::string_view key, const toml::node& value,
-                                  std::vector<std::string>& out) {
-    const toml::array* list = value.as_array();
-    if (!list) return fail(key, value, "must be a list of interfaces, such as \"lan0\"");
-    return std::all_of(list->begin(), list->end(), [&](const toml::node& entry) {
-        return readInterface(key, entry, out.emplace_back());
+tk::Result<std::vector<links::Prefix>> ConfigValues::networks(std::string_view key,
+                                                              const toml::node& value) const {
+    return listIn(value, &prefixNamed, [&](const toml::node& culprit) {
+        return fault(key, culprit, "must be a list of networks, such as \"192.0.2.0/24\"");
     });
 }
 
-bool ConfigValues::readCommand(std::string_view key, const toml::node& value, std::vector<std::string>& out) {
+tk::Result<std::vector<nat::PortRange>> ConfigValues::ports(std::string_view key,
+                                                            const toml::node& value) const {
+    return listIn(value, &portsOf, [&](const toml::node& culprit) {
+        return fault(key, culprit, "must be a list of ports, such as 80 and \"1024-65535\"");
+    });
+}
+
+tk::Result<std::vector<tk::Path>> ConfigValues::paths(std::string_view key, const toml::node& value) const {
+    return listIn(value, &pathOf, [&](const toml::node& culprit) {
+        return fault(key, culprit, "must be a list of paths, such as \"20,5\"");
+    });
+}
+
+tk::Result<std::string> ConfigValues::interface(std::string_view key, const toml::node& value) const {
+    const std::string interface = value.is_string() ? value.as_string()->get() : std::string();
+    if (interface.empty() || interface.size() >= IF_NAMESIZE)
+        return fault(key, value, "must be the name of an interface, such as \"eth0\"");
+    return interface;
+}
+
+tk::Result<std::vector<std::string>> ConfigValues::interfaces(std::string_view key,
+                                                              const toml::node& value) const {
     const toml::array* list = value.as_array();
-    if (!list || list->empty()) return fail(key, value, "must be a list of texts");
+    if (!list) return fault(key, value, "must be a list of interfaces, such as \"lan0\"");
+    return eachIn<std::string>(*list, [&](const toml::node& entry) { return interface(key, entry); });
+}
+
+tk::Result<std::vector<std::string>> ConfigValues::command(std::string_view key,
+                                                           const toml::node& value) const {
+    const toml::array* list = value.as_array();
+    if (!list || list->empty()) return fault(key, value, "must be a list of texts");
+    std::vector<std::string> words;
     for (const toml::node& word : *list) {
-        if (!word.is_string()) return fail(key, word, "must be a list of texts");
-        out.push_back(word.as_string()->get());
+        if (!word.is_string()) return fault(key, word, "must be a list of texts");
+        words.push_back(word.as_string()->get());
     }
-    return out.front().starts_with('/') || fail(key, value, "must begin with a full path");
+    if (!words.front().starts_with('/')) return fault(key, value, "must begin with a full path");
+    return words;
 }
 
-bool ConfigValues::readUnit(std::string_view key, const toml::node& value, std::string& out) {
+tk::Result<std::string> ConfigValues::unit(std::string_view key, const toml::node& value) const {
     if (!value.is_string() || !isUnitName(value.as_string()->get()))
-        return fail(key, value, "must be the name of a service, such as \"upnpd.service\"");
-    out = value.as_string()->get();
-    return true;
+        return fault(key, value, "must be the name of a service, such as \"upnpd.service\"");
+    return value.as_string()->get();
 }
 
-bool ConfigValues::readPrograms(std::string_view key, const toml::node& value,
-                                std::vector<std::uint32_t>& out) {
+tk::Result<std::uint32_t> ConfigValues::program(std::string_view key, const toml::node& value) const {
+    return number(key, value, 1, tk::program::firstClient - 1);
+}
+
+tk::Result<std::vector<std::uint32_t>> ConfigValues::programs(std::string_view key,
+                                                              const toml::node& value) const {
     const toml::array* list = value.as_array();
-    if (!list) return fail(key, value, "must be a list of numbers");
-    for (const toml::node& entry : *list)
-        if (!read(key, entry, 1, tk::program::firstClient - 1, out.emplace_back())) return false;
-    return true;
+    if (!list) return fault(key, value, "must be a list of numbers");
+    return eachIn<std::uint32_t>(*list, [&](const toml::node& entry) { return program(key, entry); });
 }
 
 }  // namespace router

@@ -18,48 +18,42 @@
 
 namespace router {
 
-/// Reads the values of a parsed configuration file, and keeps the last fault with its file, line and key.
-/// Errors: every reader returns false and notes a fault when the value does not suit the key.
+/// Reads the values of a parsed configuration file.
+/// Errors: the reason names the file, the line and the key, and says what the key wants.
 class ConfigValues {
 public:
     /// `name` is the name of the file.
     explicit ConfigValues(std::string name) : name(std::move(name)) {}
 
-    /// The last fault; success when there is none.
-    const tk::Status& status() const { return fault; }
-    /// Notes a fault. Always returns false.
-    bool fail(std::string_view key, const toml::node& where, std::string_view what);
+    /// What is wrong at a place in the file.
+    tk::Status fault(std::string_view key, const toml::node& where, std::string_view what) const;
 
     /// True or false.
-    [[nodiscard]] bool read(std::string_view key, const toml::node& value, bool& out);
+    tk::Result<bool> flag(std::string_view key, const toml::node& value) const;
     /// A number from `lowest` to `highest`.
-    [[nodiscard]] bool read(std::string_view key, const toml::node& value, std::int64_t lowest,
-                            std::int64_t highest, std::uint32_t& out);
+    tk::Result<std::uint32_t> number(std::string_view key, const toml::node& value, std::uint32_t lowest,
+                                     std::uint32_t highest) const;
     /// The name of a user of the system.
-    [[nodiscard]] bool read(std::string_view key, const toml::node& value, std::optional<tk::Account>& out);
+    tk::Result<tk::Account> account(std::string_view key, const toml::node& value) const;
     /// A list of networks, such as "192.0.2.0/24".
-    [[nodiscard]] bool read(std::string_view key, const toml::node& value, std::vector<links::Prefix>& out);
+    tk::Result<std::vector<links::Prefix>> networks(std::string_view key, const toml::node& value) const;
     /// A list of ports and ranges of them, such as 80 and "1024-65535".
-    [[nodiscard]] bool read(std::string_view key, const toml::node& value, std::vector<nat::PortRange>& out);
+    tk::Result<std::vector<nat::PortRange>> ports(std::string_view key, const toml::node& value) const;
     /// A list of paths of one or two numbers, such as "20,5".
-    [[nodiscard]] bool read(std::string_view key, const toml::node& value, std::vector<tk::Path>& out);
-    /// The name of an interface.
-    [[nodiscard]] bool readInterface(std::string_view key, const toml::node& value, std::string& out);
-    /// A list of names of interfaces.
-    [[nodiscard]] bool readInterfaces(std::string_view key, const toml::node& value,
-                                      std::vector<std::string>& out);
+    tk::Result<std::vector<tk::Path>> paths(std::string_view key, const toml::node& value) const;
+    /// The name of an interface, and a list of them.
+    tk::Result<std::string> interface(std::string_view key, const toml::node& value) const;
+    tk::Result<std::vector<std::string>> interfaces(std::string_view key, const toml::node& value) const;
     /// A command: a full path, then arguments.
-    [[nodiscard]] bool readCommand(std::string_view key, const toml::node& value,
-                                   std::vector<std::string>& out);
+    tk::Result<std::vector<std::string>> command(std::string_view key, const toml::node& value) const;
     /// The name of a systemd service.
-    [[nodiscard]] bool readUnit(std::string_view key, const toml::node& value, std::string& out);
-    /// A list of program numbers.
-    [[nodiscard]] bool readPrograms(std::string_view key, const toml::node& value,
-                                    std::vector<std::uint32_t>& out);
+    tk::Result<std::string> unit(std::string_view key, const toml::node& value) const;
+    /// The number of a program, and a list of them.
+    tk::Result<std::uint32_t> program(std::string_view key, const toml::node& value) const;
+    tk::Result<std::vector<std::uint32_t>> programs(std::string_view key, const toml::node& value) const;
 
 private:
     std::string name;
-    tk::Status fault;
 };
 
 }  // namespace router
