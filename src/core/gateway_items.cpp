@@ -1,6 +1,7 @@
 // The "upnp interface" items: which changes are accepted, and what they start and stop.
 
 #include "core/gateway.h"
+
 #include "tk/names.h"
 
 namespace gateway {

@@ -1,8 +1,9 @@
 // The three settings, and the notifications of the router.
 
+#include "core/gateway.h"
+
 #include "contract/interfaces.h"
 #include "contract/programs.h"
-#include "core/gateway.h"
 #include "tk/names.h"
 
 namespace gateway {

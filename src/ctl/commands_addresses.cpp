@@ -1,3 +1,5 @@
+#include "ctl/commands.h"
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -7,7 +9,6 @@
 #include "contract/addresses.h"
 #include "contract/programs.h"
 #include "ctl/commandline.h"
-#include "ctl/commands.h"
 #include "ctl/context.h"
 #include "ctl/interfaces.h"
 #include "ctl/json.h"

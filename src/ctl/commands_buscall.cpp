@@ -1,3 +1,5 @@
+#include "ctl/commands.h"
+
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -7,7 +9,6 @@
 #include <CLI/App.hpp>
 
 #include "ctl/commandline.h"
-#include "ctl/commands.h"
 #include "ctl/context.h"
 #include "ctl/failure.h"
 #include "ctl/fieldspec.h"

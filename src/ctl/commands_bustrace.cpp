@@ -1,3 +1,5 @@
+#include "ctl/commands.h"
+
 #include <signal.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -10,7 +12,6 @@
 
 #include "contract/programs.h"
 #include "ctl/commandline.h"
-#include "ctl/commands.h"
 #include "ctl/context.h"
 #include "ctl/failure.h"
 #include "ctl/json.h"

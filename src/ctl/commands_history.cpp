@@ -1,9 +1,10 @@
+#include "ctl/commands.h"
+
 #include <CLI/App.hpp>
 
 #include "contract/history.h"
 #include "contract/programs.h"
 #include "ctl/commandline.h"
-#include "ctl/commands.h"
 #include "ctl/context.h"
 #include "ctl/json.h"
 #include "ctl/table.h"

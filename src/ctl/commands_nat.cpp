@@ -1,3 +1,5 @@
+#include "ctl/commands.h"
+
 #include <netinet/in.h>
 
 #include <memory>
@@ -8,7 +10,6 @@
 #include "contract/natrules.h"
 #include "contract/programs.h"
 #include "ctl/commandline.h"
-#include "ctl/commands.h"
 #include "ctl/context.h"
 #include "ctl/failure.h"
 #include "ctl/json.h"

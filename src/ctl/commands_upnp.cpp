@@ -1,3 +1,5 @@
+#include "ctl/commands.h"
+
 #include <memory>
 #include <string>
 #include <vector>
@@ -7,7 +9,6 @@
 #include "contract/gateway.h"
 #include "contract/programs.h"
 #include "ctl/commandline.h"
-#include "ctl/commands.h"
 #include "ctl/context.h"
 #include "ctl/json.h"
 #include "ctl/keyvalues.h"

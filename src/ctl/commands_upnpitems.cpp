@@ -1,3 +1,5 @@
+#include "ctl/commands.h"
+
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -10,7 +12,6 @@
 #include "contract/interfaces.h"
 #include "contract/programs.h"
 #include "ctl/commandline.h"
-#include "ctl/commands.h"
 #include "ctl/context.h"
 #include "ctl/failure.h"
 #include "ctl/interfaces.h"

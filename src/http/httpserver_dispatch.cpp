@@ -1,7 +1,8 @@
 // Decides where a request goes: by method and path, then by HOST.
 
-#include "contract/ports.h"
 #include "http/httpserver.h"
+
+#include "contract/ports.h"
 #include "net/convert.h"
 #include "tk/log.h"
 

@@ -1,10 +1,11 @@
 // What comes back after a crash.
 
+#include "hub/activation.h"
+
 #include <signal.h>
 
 #include <gtest/gtest.h>
 
-#include "hub/activation.h"
 #include "hub/testing/fakeprocesses.h"
 #include "hub/testing/testhub.h"
 

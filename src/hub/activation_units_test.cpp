@@ -1,12 +1,13 @@
 // Programs that are systemd units.
 
+#include "hub/activation.h"
+
 #include <memory>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "hub/activation.h"
 #include "hub/testing/fakeprocesses.h"
 #include "hub/testing/testhub.h"
 #include "tk/names.h"

@@ -1,11 +1,12 @@
 // The requests that wait for a program that is being started.
 
+#include "hub/hub.h"
+
 #include <memory>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "hub/hub.h"
 #include "hub/testing/testhub.h"
 #include "tk/bus.h"
 #include "tk/names.h"

@@ -1,9 +1,10 @@
 // The hub's own commands, at path {0}.
 
+#include "hub/hub.h"
+
 #include <optional>
 #include <string>
 
-#include "hub/hub.h"
 #include "tk/names.h"
 #include "tk/status.h"
 #include "tk/subscription.h"

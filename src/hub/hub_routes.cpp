@@ -1,12 +1,13 @@
 // Where requests go: to the hub itself, to a handler of this process, to a program on the bus, or to one that
 // has to be started.
 
+#include "hub/hub.h"
+
 #include <algorithm>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "hub/hub.h"
 #include "tk/bus.h"
 #include "tk/names.h"
 

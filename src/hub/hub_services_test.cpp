@@ -1,9 +1,10 @@
 // The handlers of the hub's own process: how they serve, what they may ask, and who may make them change
 // something.
 
+#include "hub/hub.h"
+
 #include <gtest/gtest.h>
 
-#include "hub/hub.h"
 #include "hub/testing/testhub.h"
 #include "tk/bus.h"
 #include "tk/names.h"

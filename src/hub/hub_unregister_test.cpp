@@ -1,8 +1,9 @@
 // Programs that give their number up while they are still there.
 
+#include "hub/hub.h"
+
 #include <gtest/gtest.h>
 
-#include "hub/hub.h"
 #include "hub/testing/testhub.h"
 #include "tk/bus.h"
 #include "tk/handler.h"

@@ -1,11 +1,11 @@
+#include "links/prefix.h"
+
 #include <arpa/inet.h>
 
 #include <random>
 #include <string>
 
 #include <gtest/gtest.h>
-
-#include "links/prefix.h"
 
 namespace links {
 namespace {

@@ -1,5 +1,7 @@
 // What a subscriber of WANIPConnection is told, and when.
 
+#include "services/wanipconnection.h"
+
 #include <arpa/inet.h>
 
 #include <algorithm>
@@ -7,7 +9,6 @@
 #include <gtest/gtest.h>
 
 #include "services/testing/servicecalls.h"
-#include "services/wanipconnection.h"
 #include "tk/names.h"
 #include "tk/testing/capturedoutput.h"
 #include "tk/testing/testloop.h"

@@ -1,8 +1,9 @@
 // The port mapping table of WANIPConnection and the four actions on it.
 
+#include "services/wanipconnection.h"
+
 #include "net/convert.h"
 #include "services/natrequests.h"
-#include "services/wanipconnection.h"
 #include "tk/log.h"
 #include "tk/names.h"
 

@@ -1,12 +1,13 @@
 // The port mapping actions of WANIPConnection, against a scripted firewall.
 
+#include "services/wanipconnection.h"
+
 #include <arpa/inet.h>
 
 #include <gtest/gtest.h>
 
 #include "services/testing/servicecalls.h"
 #include "services/testing/soapcalls.h"
-#include "services/wanipconnection.h"
 #include "tk/names.h"
 #include "tk/testing/testloop.h"
 

@@ -1,11 +1,12 @@
 // What WANIPConnection registers: its state variables and actions, in the order of the service description.
 
+#include "services/wanipconnection.h"
+
 #include <list>
 #include <memory>
 
 #include "net/convert.h"
 #include "services/registration.h"
-#include "services/wanipconnection.h"
 #include "upnp/makevector.h"
 
 namespace gateway {

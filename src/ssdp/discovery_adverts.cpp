@@ -1,5 +1,7 @@
 // The adverts of discovery.h, which are multicast unasked.
 
+#include "ssdp/discovery.h"
+
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -7,7 +9,6 @@
 #include "http/httpmessage.h"
 #include "net/convert.h"
 #include "net/sockets.h"
-#include "ssdp/discovery.h"
 #include "ssdp/names.h"
 #include "tk/log.h"
 

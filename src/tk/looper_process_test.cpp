@@ -1,5 +1,7 @@
 // What the loop does to its whole process: signals and standard descriptors. Each test is a child process.
 
+#include "tk/looper.h"
+
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -9,8 +11,6 @@
 #include <cerrno>
 
 #include <gtest/gtest.h>
-
-#include "tk/looper.h"
 
 namespace tk {
 namespace {

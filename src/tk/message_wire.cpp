@@ -1,9 +1,9 @@
 // The flat form of messages. See message.h for the contract.
 
+#include "tk/message.h"
+
 #include <bit>
 #include <cstring>
-
-#include "tk/message.h"
 
 namespace tk {
 

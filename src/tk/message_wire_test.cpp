@@ -1,10 +1,10 @@
+#include "tk/message.h"
+
 #include <cstring>
 #include <random>
 #include <set>
 
 #include <gtest/gtest.h>
-
-#include "tk/message.h"
 
 namespace tk {
 namespace {

@@ -1,5 +1,7 @@
 // The runner's sockets. Its timers are in runner_test.cpp.
 
+#include "tk/runner.h"
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -8,7 +10,6 @@
 
 #include <gmock/gmock.h>
 
-#include "tk/runner.h"
 #include "tk/testing/runnertest.h"
 
 namespace tk {

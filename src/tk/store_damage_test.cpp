@@ -1,5 +1,7 @@
 // A store whose file cannot be read, for any reason.
 
+#include "tk/store.h"
+
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -7,7 +9,6 @@
 
 #include <gtest/gtest.h>
 
-#include "tk/store.h"
 #include "tk/testing/capturedoutput.h"
 #include "tk/testing/folder.h"
 

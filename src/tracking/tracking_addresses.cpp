@@ -1,11 +1,12 @@
 // Addresses: the list, its changes, and which address an interface uses.
 
+#include "tracking/tracking.h"
+
 #include "contract/programs.h"
 #include "net/convert.h"
 #include "tk/log.h"
 #include "tk/names.h"
 #include "tk/reget.h"
-#include "tracking/tracking.h"
 
 namespace gateway {
 

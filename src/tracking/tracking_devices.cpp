@@ -1,5 +1,7 @@
 // Interfaces: the list, its changes, and their status.
 
+#include "tracking/tracking.h"
+
 #include <stdlib.h>
 
 #include <utility>
@@ -8,7 +10,6 @@
 #include "tk/log.h"
 #include "tk/names.h"
 #include "tk/reget.h"
-#include "tracking/tracking.h"
 
 namespace gateway {
 

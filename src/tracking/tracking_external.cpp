@@ -1,11 +1,12 @@
 // The external role: the WAN device in the tree, its services, and its adverts on the internal interfaces.
 
+#include "tracking/tracking.h"
+
 #include <algorithm>
 #include <list>
 #include <utility>
 
 #include "tk/log.h"
-#include "tracking/tracking.h"
 #include "tracking/wandevice.h"
 
 namespace gateway {

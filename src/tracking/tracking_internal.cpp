@@ -1,5 +1,7 @@
 // The internal role: sockets, and adverts and their repetition.
 
+#include "tracking/tracking.h"
+
 #include <arpa/inet.h>
 #include <unistd.h>
 
@@ -9,7 +11,6 @@
 #include "net/sockets.h"
 #include "tk/log.h"
 #include "tk/runner.h"
-#include "tracking/tracking.h"
 
 namespace gateway {
 

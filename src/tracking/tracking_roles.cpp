@@ -1,10 +1,11 @@
 // Switching UPnP on and off as a whole, and what both roles share.
 
+#include "tracking/tracking.h"
+
 #include "contract/programs.h"
 #include "tk/log.h"
 #include "tk/looper.h"
 #include "tk/names.h"
-#include "tracking/tracking.h"
 
 namespace gateway {
 
