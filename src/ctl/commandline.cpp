@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <optional>
 #include <utility>
 
 #include <CLI/CLI.hpp>
@@ -79,15 +80,15 @@ std::string unexpected(const CLI::App& behind, const std::string& text) {
 }
 
 /// The argument that a command lacks.
-std::string missingArgument(const CLI::App& command) {
+std::optional<std::string> missingArgument(const CLI::App& command) {
     for (const CLI::Option* argument : command.get_options())
         if (argument->get_required() && argument->count() == 0)
             return argument->get_type_name() + " is missing" + usageHint(command);
-    return {};
+    return std::nullopt;
 }
 
-/// What is wrong with the words of the command line; empty when the fault lies elsewhere.
-std::string misuseOf(const CLI::App& app) {
+/// What is wrong with the words of the command line, unless the fault lies elsewhere.
+std::optional<std::string> misuseOf(const CLI::App& app) {
     const std::vector<const CLI::App*> words = givenWords(app);
     for (const CLI::App* word : words)
         if (const std::vector<std::string> left = word->remaining(); !left.empty())
@@ -148,14 +149,13 @@ Status runCommandLine(std::vector<std::string> arguments, Context& context, std:
         std::reverse(arguments.begin(), arguments.end());  // the parser takes them from the end
         app.parse(std::move(arguments));
     } catch (const CLI::Success& wanted) {
-        const std::string reason = misuseOf(app);
-        if (app.remaining_size(/*recurse=*/true) > 0)  // "nonsense --help" has no help
-            return fail(errors, reason, Status::misuse);
+        const auto misuse = misuseOf(app);
+        // "nonsense --help" has no help
+        if (misuse && app.remaining_size(/*recurse=*/true) > 0) return fail(errors, *misuse, Status::misuse);
         app.exit(wanted, context.out, errors);  // help or version
         return finish(context, errors);
     } catch (const CLI::ParseError& error) {
-        const std::string reason = misuseOf(app);
-        return fail(errors, reason.empty() ? error.what() + std::string(hint) : reason, Status::misuse);
+        return fail(errors, misuseOf(app).value_or(error.what() + std::string(hint)), Status::misuse);
     }
     if (!context.run)
         return fail(errors, "expected one of: " + commandsBehind(*givenWords(app).back()) + hint,

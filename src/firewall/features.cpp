@@ -48,7 +48,8 @@ std::span<const Feature> neededFeatures() {
     return features;
 }
 
-std::string missingFeature(netlink::Socket& socket, std::span<const Feature> wanted, bool withIp6) {
+std::optional<std::string> missingFeature(netlink::Socket& socket, std::span<const Feature> wanted,
+                                          bool withIp6) {
     for (const Feature& feature : wanted) {
         if (feature.family == nft::ip6 && !withIp6) continue;
         Batch batch(socket);
@@ -61,7 +62,7 @@ std::string missingFeature(netlink::Socket& socket, std::span<const Feature> wan
         removeTable(batch, feature.tableFlags == ownerFlag, feature.family);
         if (!batch.commit().isOk()) return feature.name;
     }
-    return {};
+    return std::nullopt;
 }
 
 }  // namespace firewall

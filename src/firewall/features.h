@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 
@@ -22,10 +23,10 @@ struct Feature {
 /// What the table needs and a kernel may lack, because it is too old or was built without it.
 [[nodiscard]] std::span<const Feature> neededFeatures();
 
-/// The name of the first feature that the kernel lacks; empty when it has them all. Each one is tried on its
+/// The name of the first feature that the kernel lacks; none when it has them all. Each one is tried on its
 /// own, in a transaction that leaves nothing behind. Our table must not exist yet.
 /// `withIp6`: the features for IPv6 are tried too.
-[[nodiscard]] std::string missingFeature(netlink::Socket& socket, std::span<const Feature> features,
-                                         bool withIp6);
+[[nodiscard]] std::optional<std::string> missingFeature(netlink::Socket& socket,
+                                                        std::span<const Feature> features, bool withIp6);
 
 }  // namespace firewall

@@ -27,7 +27,7 @@ protected:
 };
 
 TEST_F(FeaturesTest, AKernelThatHasThemAllLacksNone) {
-    EXPECT_EQ(missingFeature(socket, neededFeatures(), true), "");
+    EXPECT_EQ(missingFeature(socket, neededFeatures(), true), std::nullopt);
     EXPECT_EQ(tables(), "");
 }
 

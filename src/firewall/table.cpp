@@ -85,9 +85,9 @@ tk::Status Table::open() {
 tk::Status Table::whyNotMade(const tk::Status& result) {
     if (result.code() == EPERM)
         return tk::Status::failure("nf_tables: no permission, or another process owns the table \"ip tk\"");
-    const std::string missing = missingFeature(socket, neededFeatures(), guardsIp6);
-    if (missing.empty()) return result.prefixed("nf_tables: ");
-    return tk::Status::failure("nf_tables: this kernel lacks " + missing);
+    const auto missing = missingFeature(socket, neededFeatures(), guardsIp6);
+    if (!missing) return result.prefixed("nf_tables: ");
+    return tk::Status::failure("nf_tables: this kernel lacks " + *missing);
 }
 
 tk::Status Table::endFlows() {
