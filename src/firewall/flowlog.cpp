@@ -121,8 +121,7 @@ void FlowLog::ready(int, std::uint32_t) {
     for (int i = 0; i < datagramsPerTurn; ++i) {
         const auto result = socket.receive(0, [this](const nlmsghdr& message) { take(message); });
         // A flow whose packet was lost here is shown again with its next packet.
-        if (result == netlink::Socket::Received::nothing || result == netlink::Socket::Received::failed)
-            break;
+        if (!result.isOk() || *result == netlink::Socket::Received::nothing) break;
     }
     removeShown();
 }

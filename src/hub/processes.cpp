@@ -31,37 +31,35 @@ constexpr const char* otherManager = "/bin/systemctl";  // where /usr is no part
     ::_exit(127);
 }
 
-/// What the child says through the pipe, which closes when the command runs: 0 then, else the errno value
-/// that says why it does not run.
-int faultOf(const tk::Fd& report) {
+/// What the child says through the pipe, which closes when the command runs.
+/// Errors: why the command does not run.
+tk::Status outcomeOf(const tk::Fd& report) {
     int error = 0;
     ssize_t count = 0;
     while ((count = ::read(report.get(), &error, sizeof error)) < 0 && errno == EINTR) {
     }
-    if (count == 0) return 0;
-    return count == sizeof error ? error : EIO;
+    if (count == 0) return {};
+    return tk::Status::ofErrno(count == sizeof error ? error : EIO);
 }
 
 /// Starts a program.
-/// Errors: -1, with errno set.
-pid_t spawn(const ProgramConfig& program, std::vector<std::string> words) {
+tk::Result<pid_t> spawn(const ProgramConfig& program, std::vector<std::string> words) {
     std::vector<char*> arguments;
     arguments.reserve(words.size() + 1);
     for (std::string& word : words) arguments.push_back(word.data());
     arguments.push_back(nullptr);
     int ends[2];
-    if (::pipe2(ends, O_CLOEXEC) != 0) return -1;
+    if (::pipe2(ends, O_CLOEXEC) != 0) return tk::Status::ofErrno(errno);
     const tk::Fd reading(ends[0]);
     tk::Fd writing(ends[1]);
     const pid_t pid = ::fork();
     if (pid == 0) become(program, arguments.data(), writing.get());
-    if (pid < 0) return -1;
+    if (pid < 0) return tk::Status::ofErrno(errno);
     writing.reset();
-    const int fault = faultOf(reading);
-    if (fault == 0) return pid;
+    tk::Status outcome = outcomeOf(reading);
+    if (outcome.isOk()) return pid;
     (void)::waitpid(pid, nullptr, 0);
-    errno = fault;
-    return -1;
+    return outcome;
 }
 
 }  // namespace
@@ -79,14 +77,14 @@ std::string endText(int status) {
 
 tk::Result<Started> OwnProcesses::start(const ProgramConfig& program) {
     const std::vector<std::string> words = commandOf(program);
-    const pid_t pid = spawn(program, words);
-    if (pid < 0) return tk::Status::ofErrno(words.front(), errno);
-    tk::Fd process(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
-    if (process.isOpen()) return Started{pid, std::move(process)};
-    const int error = errno;
-    ::kill(-pid, SIGKILL);
-    (void)::waitpid(pid, nullptr, 0);
-    return tk::Status::ofErrno(words.front(), error);
+    const tk::Result<pid_t> pid = spawn(program, words);
+    if (!pid.isOk()) return pid.status().prefixed(words.front() + ": ");
+    tk::Fd process(static_cast<int>(::syscall(SYS_pidfd_open, *pid, 0)));
+    if (process.isOpen()) return Started{*pid, std::move(process)};
+    tk::Status failure = tk::Status::ofErrno(words.front(), errno);
+    ::kill(-*pid, SIGKILL);
+    (void)::waitpid(*pid, nullptr, 0);
+    return failure;
 }
 
 void OwnProcesses::signal(pid_t process, int number) {

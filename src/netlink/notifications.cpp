@@ -24,8 +24,8 @@ void Notifications::ready(int, std::uint32_t) {
     for (int i = 0; i < datagramsPerTurn; ++i) {
         const auto result =
             socket.receive(0, [this](const nlmsghdr& message) { owner.heard(message, false); });
-        if (result == Socket::Received::nothing) return;
-        if (result == Socket::Received::datagram) continue;
+        if (result.isOk() && *result == Socket::Received::nothing) return;
+        if (result.isOk() && *result == Socket::Received::datagram) continue;
         discard();
         return owner.lost();
     }
@@ -33,10 +33,11 @@ void Notifications::ready(int, std::uint32_t) {
 
 void Notifications::discard() {
     // What waits is older than what was lost. Applied after everything is read again, it would undo that.
-    for (int i = 0; i < queuedDatagrams; ++i)
-        if (socket.receive(0, [this](const nlmsghdr& message) { owner.heard(message, true); }) ==
-            Socket::Received::nothing)
-            return;
+    for (int i = 0; i < queuedDatagrams; ++i) {
+        const auto result =
+            socket.receive(0, [this](const nlmsghdr& message) { owner.heard(message, true); });
+        if (result.isOk() && *result == Socket::Received::nothing) return;
+    }
 }
 
 }  // namespace netlink

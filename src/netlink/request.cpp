@@ -33,7 +33,7 @@ std::string kernelText(const nlmsghdr& message, const nlmsgerr& error) {
 tk::Status outcomeOfDone(const nlmsghdr& message) {
     if (mnl_nlmsg_get_payload_len(&message) < sizeof(int)) return {};
     const int status = *static_cast<const int*>(mnl_nlmsg_get_payload(&message));
-    return status < 0 ? failure(-status) : tk::Status();
+    return status < 0 ? tk::Status::ofErrno(-status) : tk::Status();
 }
 
 /// Sends messages, and waits for the end of their answer.
@@ -66,7 +66,7 @@ tk::Status dump(Socket& socket, nlmsghdr& message, const std::function<void()>& 
         if (!answer.isInterrupted() && !answer.isPartial()) return answer.outcome();
     }
     tk::Status outcome = answer.outcome();
-    return outcome.isOk() ? failure(EINTR) : outcome;
+    return outcome.isOk() ? tk::Status::ofErrno(EINTR) : outcome;
 }
 
 tk::Status transact(Socket& socket, std::span<const char> messages, std::uint32_t first, std::uint32_t last) {
@@ -79,7 +79,11 @@ bool Answer::receive(Socket& socket, int milliseconds, const Visitor& visit) {
     // After a loss reads only what still waits: an error may be among it, and what comes next needs the room.
     const auto result = socket.receive(lossError == 0 ? milliseconds : 0,
                                        [&](const nlmsghdr& message) { take(message, visit); });
-    switch (result) {
+    if (!result.isOk()) {
+        lose(static_cast<int>(result.status().code()));
+        return false;
+    }
+    switch (*result) {
         case Socket::Received::datagram:
             return true;
         case Socket::Received::lost:
@@ -87,9 +91,6 @@ bool Answer::receive(Socket& socket, int milliseconds, const Visitor& visit) {
             return true;
         case Socket::Received::nothing:
             if (lossError != 0) isExpected = false;
-            return false;
-        case Socket::Received::failed:
-            lose(errno);
             return false;
     }
     return false;
@@ -133,12 +134,12 @@ tk::Status Answer::outcome() const {
 }
 
 tk::Status outcomeOf(const nlmsghdr& message) {
-    if (mnl_nlmsg_get_payload_len(&message) < sizeof(nlmsgerr)) return failure(EBADMSG);
+    if (mnl_nlmsg_get_payload_len(&message) < sizeof(nlmsgerr)) return tk::Status::ofErrno(EBADMSG);
     const auto* error = static_cast<const nlmsgerr*>(mnl_nlmsg_get_payload(&message));
     if (error->error == 0) return {};
     const int number = error->error < 0 ? -error->error : error->error;
     const std::string text = kernelText(message, *error);
-    if (text.empty()) return failure(number);
+    if (text.empty()) return tk::Status::ofErrno(number);
     return tk::Status::failure(std::string(::strerror(number)) + " (" + text + ")",
                                static_cast<std::uint32_t>(number));
 }

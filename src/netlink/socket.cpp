@@ -3,18 +3,13 @@
 #include <errno.h>
 #include <libmnl/libmnl.h>
 #include <poll.h>
-#include <string.h>
 #include <sys/socket.h>
 
 namespace netlink {
 
-tk::Status failure(int error) {
-    return tk::Status::failure(::strerror(error), static_cast<std::uint32_t>(error));
-}
-
 tk::Status Socket::open(int family, std::uint32_t groups) {
     socket.reset(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, family));
-    if (!socket.isOpen()) return failure(errno);
+    if (!socket.isOpen()) return tk::Status::ofErrno(errno);
     const int on = 1;
     // Better error texts, where the kernel knows the option.
     (void)::setsockopt(socket.get(), SOL_NETLINK, NETLINK_EXT_ACK, &on, sizeof on);
@@ -22,7 +17,7 @@ tk::Status Socket::open(int family, std::uint32_t groups) {
     address.nl_family = AF_NETLINK;
     address.nl_groups = groups;
     if (::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return {};
-    tk::Status refused = failure(errno);
+    tk::Status refused = tk::Status::ofErrno(errno);
     socket.reset();
     return refused;
 }
@@ -42,14 +37,15 @@ tk::Status Socket::send(const void* bytes, std::size_t size) {
     kernel.nl_family = AF_NETLINK;
     const ssize_t sent =
         ::sendto(socket.get(), bytes, size, 0, reinterpret_cast<const sockaddr*>(&kernel), sizeof kernel);
-    return sent < 0 ? failure(errno) : tk::Status();
+    return sent < 0 ? tk::Status::ofErrno(errno) : tk::Status();
 }
 
-Socket::Received Socket::read() {
+tk::Result<Socket::Received> Socket::read() {
     const ssize_t size = ::recv(socket.get(), nullptr, 0, MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT);
     if (size < 0) {
         if (errno == EAGAIN || errno == EINTR) return Received::nothing;
-        return errno == ENOBUFS ? Received::lost : Received::failed;
+        if (errno == ENOBUFS) return Received::lost;
+        return tk::Status::ofErrno(errno);
     }
     buffer.resize(static_cast<std::size_t>(size));
     sockaddr_nl from{};
@@ -61,11 +57,11 @@ Socket::Received Socket::read() {
     return Received::datagram;
 }
 
-Socket::Received Socket::receive(int milliseconds, const Visitor& visit) {
+tk::Result<Socket::Received> Socket::receive(int milliseconds, const Visitor& visit) {
     pollfd waiting{socket.get(), POLLIN, 0};
     if (::poll(&waiting, 1, milliseconds) == 0) return Received::nothing;
-    const Received result = read();
-    if (result != Received::datagram) return result;
+    tk::Result<Received> result = read();
+    if (!result.isOk() || *result != Received::datagram) return result;
     auto left = static_cast<int>(filled);
     const auto* message = reinterpret_cast<const nlmsghdr*>(buffer.data());
     while (mnl_nlmsg_ok(message, left)) {

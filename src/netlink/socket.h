@@ -19,8 +19,8 @@ inline void ignore(const nlmsghdr&) {}
 /// A socket to the kernel. Takes datagrams only from the kernel itself (port 0), at their full size.
 class Socket {
 public:
-    /// What receive() found. `lost`: the kernel had no room for a message. `failed`: errno is set.
-    enum class Received : std::uint8_t { datagram, nothing, lost, failed };
+    /// What receive() found. `lost`: the kernel had no room for a message.
+    enum class Received : std::uint8_t { datagram, nothing, lost };
 
     /// Opens a socket of a netlink family, and joins the given groups (a mask).
     /// Errors: the code is an errno value.
@@ -42,18 +42,16 @@ public:
     /// Errors: the code is an errno value.
     tk::Status send(const void* bytes, std::size_t size);
     /// Waits at most `milliseconds` for one datagram, and calls `visit` for each of its messages.
-    [[nodiscard]] Received receive(int milliseconds, const Visitor& visit);
+    /// Errors: the code is an errno value.
+    tk::Result<Received> receive(int milliseconds, const Visitor& visit);
 
 private:
-    [[nodiscard]] Received read();
+    tk::Result<Received> read();
 
     tk::Fd socket;
     std::uint32_t sequence = 0;
     std::vector<char> buffer;
     std::size_t filled = 0;
 };
-
-/// The failure with this errno value, in words for people.
-tk::Status failure(int error);
 
 }  // namespace netlink

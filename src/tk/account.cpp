@@ -24,20 +24,23 @@ struct CloseFolder {
 };
 
 /// Makes a folder that everybody may enter, whatever the umask. An existing one stays as it is.
-bool makeFolder(const std::string& path) {
+Status makeFolder(const std::string& path) {
     constexpr mode_t everybodyMayEnter = 0755;
-    if (::mkdir(path.c_str(), everybodyMayEnter) != 0) return errno == EEXIST;
-    return ::chmod(path.c_str(), everybodyMayEnter) == 0;
+    if (::mkdir(path.c_str(), everybodyMayEnter) != 0)
+        return errno == EEXIST ? Status() : Status::ofErrno(errno);
+    return ::chmod(path.c_str(), everybodyMayEnter) == 0 ? Status() : Status::ofErrno(errno);
 }
 
 /// Whoever may write to the folder may have linked somebody else's file into it. So only a file without a
 /// second name is given away, through the very descriptor that was checked.
-bool giveFile(int folder, const char* name, const Account& account) {
+Status giveFile(int folder, const char* name, const Account& account) {
     const Fd file(::openat(folder, name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
     struct stat status {};
-    if (!file.isOpen() || ::fstat(file.get(), &status) != 0) return errno == ENOENT;
-    if (!S_ISREG(status.st_mode) || status.st_nlink != 1) return true;
-    return ::fchownat(file.get(), "", account.uid, account.gid, AT_EMPTY_PATH) == 0;
+    if (!file.isOpen() || ::fstat(file.get(), &status) != 0)
+        return errno == ENOENT ? Status() : Status::ofErrno(errno);
+    if (!S_ISREG(status.st_mode) || status.st_nlink != 1) return {};
+    const bool isGiven = ::fchownat(file.get(), "", account.uid, account.gid, AT_EMPTY_PATH) == 0;
+    return isGiven ? Status() : Status::ofErrno(errno);
 }
 
 bool setNoCapabilities() {
@@ -73,17 +76,29 @@ bool becomeAccount(const Account& account) {
            ::setresuid(account.uid, account.uid, account.uid) == 0;
 }
 
-Status giveFolder(const std::string& path, const Account& account) {
-    const auto failure = [&path] { return Status::ofErrno("folder " + path, errno); };
-    if (!makeFolder(path.substr(0, path.rfind('/'))) || !makeFolder(path)) return failure();
+namespace {
+
+/// Gives away a folder that is there, with the files in it.
+Status giveContent(const std::string& path, const Account& account) {
     Fd opened(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!opened.isOpen() || ::fchown(opened.get(), account.uid, account.gid) != 0) return failure();
+    if (!opened.isOpen() || ::fchown(opened.get(), account.uid, account.gid) != 0)
+        return Status::ofErrno(errno);
     const std::unique_ptr<DIR, CloseFolder> folder(::fdopendir(opened.get()));
-    if (!folder) return failure();
+    if (!folder) return Status::ofErrno(errno);
     (void)opened.release();  // the stream closes it
     while (const dirent* entry = ::readdir(folder.get()))
-        if (!giveFile(::dirfd(folder.get()), entry->d_name, account)) return failure();
+        if (Status given = giveFile(::dirfd(folder.get()), entry->d_name, account); !given.isOk())
+            return given;
     return {};
+}
+
+}  // namespace
+
+Status giveFolder(const std::string& path, const Account& account) {
+    Status given = makeFolder(path.substr(0, path.rfind('/')));
+    if (given.isOk()) given = makeFolder(path);
+    if (given.isOk()) given = giveContent(path, account);
+    return given.prefixed("folder " + path + ": ");
 }
 
 namespace {

@@ -28,7 +28,7 @@ struct Account {
 [[nodiscard]] Account inBusGroup(Account account);
 
 /// Makes the calling process run as that user, for good. Uses system calls only, so that it may be called
-/// between a fork and an exec.
+/// between a fork and an exec: it returns no Status, whose text takes memory.
 /// Errors: false, with errno set; the process may then be half changed, and has to end.
 [[nodiscard]] bool becomeAccount(const Account& account);
 

@@ -28,22 +28,16 @@ ChannelLimits hubLimits() {
 }
 
 /// A connected, non-blocking socket.
-/// Errors: the descriptor is not open, and errno is set.
-Fd connectTo(const std::string& socketPath) {
+/// Errors: the code is an errno value.
+Result<Fd> connectTo(const std::string& socketPath) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    if (socketPath.size() >= sizeof address.sun_path) {
-        errno = ENAMETOOLONG;
-        return Fd();
-    }
+    if (socketPath.size() >= sizeof address.sun_path) return Status::ofErrno(ENAMETOOLONG);
     std::memcpy(address.sun_path, socketPath.c_str(), socketPath.size() + 1);
     Fd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (socket.isOpen() &&
-        ::connect(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-        const int error = errno;
-        socket.reset();
-        errno = error;
-    }
+    if (!socket.isOpen() ||
+        ::connect(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+        return Status::ofErrno(errno);
     return socket;
 }
 
@@ -51,9 +45,9 @@ Fd connectTo(const std::string& socketPath) {
 
 Result<std::unique_ptr<BusConnection>> BusConnection::open(const std::string& socketPath, Runner& runner,
                                                            Receiver* receiver) {
-    Fd socket = connectTo(socketPath);
-    if (!socket.isOpen()) return Status::ofErrno(errno);
-    return std::make_unique<BusConnection>(std::move(socket), runner, receiver);
+    Result<Fd> socket = connectTo(socketPath);
+    if (!socket.isOk()) return socket.status();
+    return std::make_unique<BusConnection>(socket.take(), runner, receiver);
 }
 
 BusConnection::BusConnection(Fd socket, Runner& runner, Receiver* receiver)
