@@ -153,7 +153,8 @@ void Hub::trace(const tk::message& passed) {
 tk::message Hub::exchange(const tk::message& request, const tk::Path& from, std::uint32_t command,
                           std::uint32_t) {
     tk::message sent = request;
-    tk::stamp(sent, from, ++ownNumbers, tk::Kind::request, command);
+    ownNumbers = tk::nextNumber(ownNumbers);
+    tk::stamp(sent, from, ownNumbers, tk::Kind::request, command);
     trace(sent);
     const tk::Path& to = sent.get_u32_array(tk::field::destination);
     const bool isLocal = !to.empty() && services.has(to.front());
@@ -178,7 +179,7 @@ void Hub::post(tk::message stamped) {
 
 void Hub::sendOwn(tk::message request) {
     const tk::Path from = request.get_u32_array(tk::field::sender);
-    if (++ownNumbers == 0) ownNumbers = 1;  // 0 stands for "no number"
+    ownNumbers = tk::nextNumber(ownNumbers);
     tk::stamp(request, from, ownNumbers, tk::Kind::request, request.get_u32(tk::field::command));
     trace(request);
     const tk::Path& to = request.get_u32_array(tk::field::destination);

@@ -38,6 +38,11 @@ public:
 /// in notifications.
 void stamp(message& target, const Path& from, std::uint32_t number, Kind kind, std::uint32_t command);
 
+/// The number of the request after the one numbered `last`: never 0, which stands for "no number".
+constexpr std::uint32_t nextNumber(std::uint32_t last) {
+    return last + 1 == 0 ? 1 : last + 1;
+}
+
 /// Only the routing fields of a request: all that endOf() needs of it.
 message routingOf(const message& request);
 

@@ -92,5 +92,12 @@ TEST(WithoutRouting, LeavesTheMessagesOwnFieldsInOrder) {
     EXPECT_EQ(withoutRouting(stampedRequest()), expected);
 }
 
+TEST(NextNumber, GoesUpByOneAndNeverTo0) {
+    EXPECT_EQ(nextNumber(0), 1U);
+    EXPECT_EQ(nextNumber(1), 2U);
+    EXPECT_EQ(nextNumber(0xFFFFFFFE), 0xFFFFFFFF);
+    EXPECT_EQ(nextNumber(0xFFFFFFFF), 1U);
+}
+
 }  // namespace
 }  // namespace tk

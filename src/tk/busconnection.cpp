@@ -77,8 +77,7 @@ message BusConnection::ask(const message& request, const Path& from, std::uint32
 message BusConnection::send(const message& request, const Path& from, std::uint32_t command,
                             std::uint32_t& number) {
     if (!channel.isOpen()) return gone();
-    if (++numbers == 0) numbers = 1;  // 0 stands for "no number"
-    number = numbers;
+    number = numbers = nextNumber(numbers);
     message stamped = request;
     stamp(stamped, from, number, Kind::request, command);
     if (channel.send(stamped)) return {};
