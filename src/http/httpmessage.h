@@ -24,8 +24,8 @@ constexpr int notImplemented = 501;
 struct HTTPMessage {
     /// An empty message for the daemon's own requests; the title is set by the caller.
     HTTPMessage() = default;
-    /// A response without headers or body. A status that is none of httpstatus gets an empty reason, after its
-    /// blank.
+    /// A response without headers or body. A status that is none of httpstatus gets an empty reason, after
+    /// its blank.
     explicit HTTPMessage(int statusCode);
     /// Parses what has been received so far, by the rules of HTTPProgress.
     /// Errors: none; a malformed message stays incomplete, with what was read before the fault.

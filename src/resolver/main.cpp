@@ -1,6 +1,7 @@
 #include <getopt.h>
 
 #include <cstdio>
+#include <optional>
 #include <string>
 
 #include "contract/programs.h"
@@ -52,12 +53,13 @@ int serve(const resolver::Settings& settings) {
 }
 
 /// Reads the idle time.
-/// Errors: false for anything but a number of seconds within the range.
-bool readIdle(const std::string& text, std::uint32_t& ticks) {
+/// Reads the idle time: seconds in the text, ticks in the answer.
+/// Errors: none for anything but a number of seconds within the range.
+std::optional<std::uint32_t> idleTicksIn(const std::string& text) {
     std::uint32_t seconds = 0;
-    if (!gateway::isUnsigned(text, seconds) || seconds < 1 || seconds > longestIdleSeconds) return false;
-    ticks = seconds * ticksPerSecond;
-    return true;
+    if (!gateway::isUnsigned(text, seconds) || seconds < 1 || seconds > longestIdleSeconds)
+        return std::nullopt;
+    return seconds * ticksPerSecond;
 }
 
 int misused() {
@@ -77,8 +79,11 @@ int main(int count, char** arguments) {
     for (int given = 0; (given = ::getopt_long(count, arguments, "", options, nullptr)) != -1;)
         switch (given) {
             case idleOption:
-                if (!readIdle(optarg, settings.idleTicks)) return misused();
-                break;
+                if (const auto ticks = idleTicksIn(optarg)) {
+                    settings.idleTicks = *ticks;
+                    break;
+                }
+                return misused();
             case helpOption:
                 std::fputs(usage, stdout);
                 return done;
