@@ -59,7 +59,7 @@ std::vector<const CLI::App*> givenWords(const CLI::App& app) {
 }
 
 /// The words that may follow another.
-std::string commandsBehind(const CLI::App& word) {
+std::string commandsUnder(const CLI::App& word) {
     std::string names;
     for (const CLI::App* command : word.get_subcommands({}))
         names += (names.empty() ? "" : ", ") + command->get_name();
@@ -72,10 +72,10 @@ std::string usageHint(const CLI::App& command) {
 }
 
 /// What is wrong with a word that nothing accepts.
-std::string unexpected(const CLI::App& behind, const std::string& text) {
+std::string unexpected(const CLI::App& word, const std::string& text) {
     if (text.starts_with('-') && text != "-") return "unknown option '" + text + '\'' + hint;
-    const std::string names = commandsBehind(behind);
-    if (names.empty()) return "unexpected argument '" + text + '\'' + usageHint(behind);
+    const std::string names = commandsUnder(word);
+    if (names.empty()) return "unexpected argument '" + text + '\'' + usageHint(word);
     return "unknown command '" + text + "'; there are: " + names + hint;
 }
 
@@ -158,7 +158,7 @@ Status runCommandLine(std::vector<std::string> arguments, Context& context, std:
         return fail(errors, misuseOf(app).value_or(error.what() + std::string(hint)), Status::misuse);
     }
     if (!context.run)
-        return fail(errors, "expected one of: " + commandsBehind(*givenWords(app).back()) + hint,
+        return fail(errors, "expected one of: " + commandsUnder(*givenWords(app).back()) + hint,
                     Status::misuse);
     return runChosen(context, errors);
 }
