@@ -296,7 +296,7 @@ def test_an_interface_that_is_outside_becomes_internal_only_with_force(router):
     refused = router.tkctl("upnp", "interface", "add", "wan0", "internal", check=False)
     assert (refused.returncode, refused.stdout) == (1, "")
     assert refused.stderr == ("tkctl: wan0 is outside: it carries, or has carried, a route to 0.0.0.0/0; --force makes it "
-                              "internal all the same\n")
+                              "internal anyway\n")
     item = router.tkctl("upnp", "interface", "add", "wan0", "external").stdout.strip()
     assert router.tkctl("upnp", "interface", "set", item, "type=internal", check=False).returncode == 1
     assert router.query("upnp", "interface", "list")[0]["type"] == "external"
