@@ -66,7 +66,7 @@ std::optional<FlowTuple> parseFlow(std::span<const char> packet) {
     std::array<std::uint16_t, 2> ports;
     if (packet.size() < sizeof header) return std::nullopt;
     ::memcpy(&header, packet.data(), sizeof header);
-    const std::size_t length = header.ihl * wordBytes;
+    const std::size_t length = std::size_t{header.ihl} * wordBytes;
     const bool isKnown = header.protocol == IPPROTO_TCP || header.protocol == IPPROTO_UDP;
     if (header.version != IPVERSION || length < sizeof header || !isKnown) return std::nullopt;
     if (packet.size() < length + sizeof ports) return std::nullopt;

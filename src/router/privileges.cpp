@@ -35,7 +35,7 @@ tk::Status dropPrivileges(const tk::Account& account, const std::vector<std::str
     if (::geteuid() != 0) return {};
     const tk::Account wanted = tk::inBusGroup(account);
     for (const std::string& folder : folders)
-        if (const tk::Status given = tk::giveFolder(folder, account); !given.isOk()) return given;
+        if (tk::Status given = tk::giveFolder(folder, account); !given.isOk()) return given;
     if (!limitCapabilities()) return tk::Status::ofErrno("the capabilities cannot be limited", errno);
     if (::prctl(PR_SET_KEEPCAPS, 1, 0, 0, 0) != 0 || !tk::becomeAccount(wanted))
         return tk::Status::ofErrno("user " + account.name, errno);
