@@ -14,18 +14,20 @@ namespace bench {
 
 namespace {
 
-constexpr int patience = 40'000;                       // milliseconds until a server counts as dead
+constexpr std::int64_t patience = 10'000'000'000;      // nanoseconds until a server counts as dead
+constexpr int lookMilliseconds = 5;                    // how often lost connections are looked for
+constexpr std::int64_t lookAfter = 5'000'000;          // the same in nanoseconds
+constexpr std::int64_t connectingLimit = 10'000'000;   // nanoseconds; a handshake waits for no program
 constexpr std::int64_t soonestRepetition = 1'000'000;  // nanoseconds; no segment is sent again sooner
 constexpr double nanosecondsInSecond = 1e9;
 constexpr char good[] = "HTTP/1.1 200";
 constexpr std::size_t shown = 4096;  // of an answer that failed
 
-/// True when a segment had to be sent again: in practice the SYN, as the listener's queue was full.
-bool metALoss(const tk::Fd& socket) {
+tcp_info stateOf(const tk::Fd& socket) {
     tcp_info info{};
     socklen_t length = sizeof info;
     if (::getsockopt(socket.get(), IPPROTO_TCP, TCP_INFO, &info, &length) != 0) fail("TCP_INFO");
-    return info.tcpi_total_retrans > 0;
+    return info;
 }
 
 }  // namespace
@@ -44,17 +46,18 @@ void HTTPLoad::keepInFlight(std::size_t count) {
 }
 
 void HTTPLoad::burst() {
-    for (Connection& connection : connections) open(connection);
+    for (Connection& connection : connections) {
+        connection.request = requests.next();
+        open(connection);
+    }
     for (Connection& connection : connections) connect(connection);
     for (const Connection& connection : connections) watch(connection);
     serveUntilNoneIsOpen();
 }
 
 void HTTPLoad::start(Connection& connection) {
-    if (--unstarted == 0) {
-        fullCount = times.count();
-        fullUntil = now();
-    }
+    --unstarted;
+    connection.request = requests.next();
     open(connection);
     connect(connection);
     watch(connection);
@@ -63,10 +66,8 @@ void HTTPLoad::start(Connection& connection) {
 void HTTPLoad::open(Connection& connection) {
     connection.socket.reset(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (!connection.socket.isOpen()) fail("socket");
-    connection.request = requests.next();
     connection.isSent = false;
     connection.answer.clear();
-    connection.begun = now();
     ++openCount;
 }
 
@@ -86,15 +87,31 @@ void HTTPLoad::watch(const Connection& connection) const {
 
 void HTTPLoad::serveUntilNoneIsOpen() {
     std::array<epoll_event, 64> events;
-    while (openCount > 0) {
-        const int count = ::epoll_wait(epoll.get(), events.data(), int{events.size()}, patience);
-        if (count <= 0) fail("no answer");
+    for (std::int64_t heard = now(); openCount > 0;) {
+        const int count = ::epoll_wait(epoll.get(), events.data(), int{events.size()}, lookMilliseconds);
         for (int i = 0; i < count; ++i) {
             const epoll_event& event = events[static_cast<std::size_t>(i)];
             serve(connections[event.data.u64], event.events);
         }
+        const std::int64_t time = now();
+        if (count > 0) heard = time;
+        if (time - heard > patience) fail("no answer");
+        if (time - looked > lookAfter) replaceLost(time);
     }
     ended = now();
+}
+
+void HTTPLoad::replaceLost(std::int64_t time) {
+    looked = time;
+    for (Connection& connection : connections) {
+        if (!connection.socket.isOpen() || time - connection.begun < connectingLimit) continue;
+        if (stateOf(connection.socket).tcpi_state != TCP_SYN_SENT) continue;
+        ++lost;
+        --openCount;
+        open(connection);  // closes the old one
+        connect(connection);
+        watch(connection);
+    }
 }
 
 void HTTPLoad::serve(Connection& connection, std::uint32_t events) {
@@ -124,7 +141,7 @@ bool HTTPLoad::read(Connection& connection, bool isLast) {
 void HTTPLoad::finish(Connection& connection) {
     const std::int64_t duration = now() - connection.begun;
     times.add(duration);
-    countIfLost(connection, duration);
+    if (duration > soonestRepetition && stateOf(connection.socket).tcpi_total_retrans > 0) ++lost;
     connection.socket.reset();
     --openCount;
     if (!connection.answer.starts_with(good) && failed++ == 0)
@@ -132,18 +149,11 @@ void HTTPLoad::finish(Connection& connection) {
     if (unstarted > 0) start(connection);
 }
 
-void HTTPLoad::countIfLost(const Connection& connection, std::int64_t duration) {
-    if (duration > soonestRepetition && metALoss(connection.socket)) ++lost;
-}
-
 void HTTPLoad::print() const {
     const double seconds = static_cast<double>(ended - begun) / nanosecondsInSecond;
-    const double fullSeconds = static_cast<double>(fullUntil - begun) / nanosecondsInSecond;
-    const double rate = fullCount > 0 ? static_cast<double>(fullCount) / fullSeconds
-                                      : static_cast<double>(times.count()) / seconds;
     ::printf(
         "{\"seconds\": %.6f, \"count\": %zu, \"failed\": %zu, \"lost\": %zu, \"requestsPerSecond\": %.1f, ",
-        seconds, times.count(), failed, lost, rate);
+        seconds, times.count(), failed, lost, static_cast<double>(times.count()) / seconds);
     times.print();
     ::printf("}\n");
 }

@@ -15,7 +15,9 @@
 namespace bench {
 
 /// Sends requests, each on a connection of its own, and times them from the connect to the end of the answer.
-/// It costs as little as it can, so that what it measures is the server.
+/// It costs as little as it can, so that what it measures is the server. A connection whose SYN is lost, as the
+/// listener's queue was full, counts as lost and is begun anew: waiting for the second SYN would leave the
+/// server with fewer connections than are asked for, and none to lose.
 class HTTPLoad {
 public:
     /// `expected` is about how many requests there will be, `slots` how many connections there are at once.
@@ -42,11 +44,11 @@ private:
     void watch(const Connection& connection) const;
     void start(Connection& connection);
     void serveUntilNoneIsOpen();
+    void replaceLost(std::int64_t time);
     void serve(Connection& connection, std::uint32_t events);
     /// True when the answer has ended.
     bool read(Connection& connection, bool isLast);
     void finish(Connection& connection);
-    void countIfLost(const Connection& connection, std::int64_t duration);
 
     const sockaddr_in to;
     Requests& requests;
@@ -59,9 +61,7 @@ private:
     std::size_t lost = 0;
     std::int64_t begun = 0;
     std::int64_t ended = 0;
-    // How far it had come when the last request was started. From then on not all slots are in use.
-    std::size_t fullCount = 0;
-    std::int64_t fullUntil = 0;
+    std::int64_t looked = 0;  // for lost connections
 };
 
 }  // namespace bench
