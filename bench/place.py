@@ -2,6 +2,7 @@
 import contextlib
 import itertools
 import json
+import os
 import pathlib
 import subprocess
 import sys
@@ -13,6 +14,11 @@ import control_point as cp  # noqa: E402
 import labs  # noqa: E402
 
 PROGRAMS = labs.ROOT / "build" / "release" / "bin"  # of the client and the floors, whatever GATEWAY_BIN says
+
+# A client is another machine, so it has a core to itself where there are two. Where the scheduler may choose, it puts
+# client and server now on one core and now on two, and a time is three times the other.
+CORES = sorted(os.sched_getaffinity(0))
+CLIENT_CORES, ROUTER_CORES = CORES[-1:], CORES[:-1] or CORES
 
 # Every program runs as its own user, as installed. One host measures for many, so its searches are not limited.
 CONFIGURATION = '[router]\nuser = "routerd"\n' + labs.SIDES + "\n[guard]\nsearches-per-second = 0\n"
@@ -67,7 +73,7 @@ class Place:
     def load(self, *words, host=None):
         """Runs the client to its end, and returns the figures that it prints."""
         command = (host or self.lab.lan1).command(PROGRAMS / "load", *words)
-        done = subprocess.run(command, capture_output=True, text=True, timeout=600)
+        done = subprocess.run(command, capture_output=True, text=True, timeout=600, preexec_fn=stay_on(CLIENT_CORES))
         assert done.returncode == 0, f"{words}: {done.stdout}{done.stderr}"
         figures = json.loads(done.stdout)
         assert not figures.get("failed"), f"{words}: {figures} {done.stderr}"
@@ -95,7 +101,7 @@ class Place:
         """The least of a server, on the router unless a host is given; yields its process."""
         host = host or self.lab.router
         process = subprocess.Popen(host.command(PROGRAMS / "floor", kind, "--port", port, "--answer", self.file(answer),
-                                                *words))
+                                                *words), preexec_fn=stay_on(ROUTER_CORES))
         try:
             listing = "ss", "-Hln", "-u" if kind == "udp" else "-t", "sport", "=", f":{port}"
             labs.eventually(lambda: host.run(*listing).stdout.strip(), f"floor {kind} serves")
@@ -103,6 +109,11 @@ class Place:
         finally:
             process.terminate()
             process.wait(labs.PATIENCE)
+
+
+def stay_on(cores):
+    """Binds the process that calls the result, and what it becomes, to the cores."""
+    return lambda: os.sched_setaffinity(0, cores)
 
 
 def spelled(options):
@@ -129,6 +140,8 @@ def serving(configuration=CONFIGURATION, routerd_wrapper=(), upnpd_wrapper=()):
             lab.tkctl("upnp", "interface", "add", "lan0", "internal")
             lab.tkctl("upnp", "interface", "add", "wan0", "external")
             lab.enable()
+            for program in (lab.routerd, lab.upnpd):
+                os.sched_setaffinity(program.process.pid, ROUTER_CORES)
             yield Place(lab)
         finally:
             lab.down()
