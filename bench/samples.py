@@ -103,7 +103,7 @@ def limit_in_words(figure):
 
 def row(figure):
     floor = f"{spread_in_words(figure.floor)}, {figure.against}" if figure.floor else ""
-    ratio = spread_in_words(figure.ratio) if figure.ratio else ""
+    ratio = spread_in_words(figure.ratio) if figure.ratio and not figure.absolute else ""
     limit = limit_in_words(figure) + (" **over**" if figure.is_over else "")
     return f"| {figure.name} | {spread_in_words(figure.ours, figure.unit)} | {floor} | {ratio} | {limit} |"
 
