@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <vector>
 
 #include "netlink/socket.h"
@@ -34,7 +35,7 @@ public:
 
     /// The size of the largest message.
     /// Units: bytes.
-    static constexpr std::size_t maximumMessage = 128UL * 1024;
+    static constexpr std::size_t maximumMessage = std::size_t{16} * 1024;
 
 private:
     void append(const nlmsghdr& message);
@@ -43,7 +44,7 @@ private:
     std::uint32_t firstSequence;
     std::uint32_t lastSequence;  // of the last message before the end marker
     std::size_t lastOffset = 0;  // where that message starts
-    std::vector<char> scratch;
+    std::unique_ptr<char[]> scratch;  // for one message
     std::vector<char> bytes;
 };
 

@@ -46,7 +46,8 @@ constexpr std::int32_t priorityAfterDstnat = -90;
 constexpr std::int32_t priorityBeforeFilter = -10;
 constexpr std::int32_t priorityFilter = 0;
 constexpr std::int32_t prioritySrcnat = 100;
-constexpr std::size_t entriesPerMessage = 512;  // well within the 64 KiB of a list
+// An entry takes less than 100 bytes: well within a message of a batch.
+constexpr std::size_t entriesPerMessage = 128;
 
 /// A key of the map as the kernel's registers hold it: each part takes 32 bits.
 struct KeyBytes {

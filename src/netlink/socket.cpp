@@ -10,6 +10,8 @@ namespace netlink {
 tk::Status Socket::open(int family, std::uint32_t groups) {
     socket.reset(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, family));
     if (!socket.isOpen()) return tk::Status::ofErrno(errno);
+    // Only the pages that datagrams reach are ever used.
+    if (!buffer) buffer = std::make_unique_for_overwrite<char[]>(datagramLimit);
     const int on = 1;
     // Better error texts, where the kernel knows the option.
     (void)::setsockopt(socket.get(), SOL_NETLINK, NETLINK_EXT_ACK, &on, sizeof on);
@@ -41,29 +43,30 @@ tk::Status Socket::send(const void* bytes, std::size_t size) {
 }
 
 tk::Result<Socket::Received> Socket::read() {
-    const ssize_t size = ::recv(socket.get(), nullptr, 0, MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT);
+    sockaddr_nl from{};
+    socklen_t length = sizeof from;
+    const ssize_t size = ::recvfrom(socket.get(), buffer.get(), datagramLimit, MSG_TRUNC | MSG_DONTWAIT,
+                                    reinterpret_cast<sockaddr*>(&from), &length);
     if (size < 0) {
         if (errno == EAGAIN || errno == EINTR) return Received::nothing;
         if (errno == ENOBUFS) return Received::lost;
         return tk::Status::ofErrno(errno);
     }
-    buffer.resize(static_cast<std::size_t>(size));
-    sockaddr_nl from{};
-    socklen_t length = sizeof from;
-    const ssize_t count = ::recvfrom(socket.get(), buffer.data(), buffer.size(), MSG_DONTWAIT,
-                                     reinterpret_cast<sockaddr*>(&from), &length);
-    if (count < 0) return errno == ENOBUFS ? Received::lost : Received::nothing;
-    filled = from.nl_pid == 0 ? static_cast<std::size_t>(count) : 0;  // another process is not the kernel
-    return Received::datagram;
+    const bool isKernel = from.nl_pid == 0;  // others may send, too
+    filled = isKernel ? static_cast<std::size_t>(size) : 0;
+    return filled > datagramLimit ? Received::lost : Received::datagram;
 }
 
 tk::Result<Socket::Received> Socket::receive(int milliseconds, const Visitor& visit) {
-    pollfd waiting{socket.get(), POLLIN, 0};
-    if (::poll(&waiting, 1, milliseconds) == 0) return Received::nothing;
+    // The kernel answers most requests before they are sent, so there is mostly nothing to wait for.
     tk::Result<Received> result = read();
+    pollfd waiting{socket.get(), POLLIN, 0};
+    if (milliseconds != 0 && result.isOk() && *result == Received::nothing &&
+        ::poll(&waiting, 1, milliseconds) != 0)
+        result = read();
     if (!result.isOk() || *result != Received::datagram) return result;
     auto left = static_cast<int>(filled);
-    const auto* message = reinterpret_cast<const nlmsghdr*>(buffer.data());
+    const auto* message = reinterpret_cast<const nlmsghdr*>(buffer.get());
     while (mnl_nlmsg_ok(message, left)) {
         visit(*message);
         message = mnl_nlmsg_next(message, &left);

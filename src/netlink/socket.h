@@ -4,7 +4,7 @@
 
 #include <cstdint>
 #include <functional>
-#include <vector>
+#include <memory>
 
 #include "tk/fd.h"
 #include "tk/status.h"
@@ -19,7 +19,12 @@ inline void ignore(const nlmsghdr&) {}
 /// A socket to the kernel. Takes datagrams only from the kernel itself (port 0), at their full size.
 class Socket {
 public:
-    /// What receive() found. `lost`: the kernel had no room for a message.
+    /// The size of the largest datagram that is taken. No list is told in larger ones than 32 KiB, no attribute
+    /// has more than 64 KiB, and an error repeats at most one message of ours.
+    /// Units: bytes.
+    static constexpr std::size_t datagramLimit = std::size_t{256} * 1024;
+
+    /// What receive() found. `lost`: there was no room for a message, in the kernel or here.
     enum class Received : std::uint8_t { datagram, nothing, lost };
 
     /// Opens a socket of a netlink family, and joins the given groups (a mask).
@@ -50,7 +55,7 @@ private:
 
     tk::Fd socket;
     std::uint32_t sequence = 0;
-    std::vector<char> buffer;
+    std::unique_ptr<char[]> buffer;
     std::size_t filled = 0;
 };
 
