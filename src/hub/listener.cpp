@@ -1,7 +1,6 @@
 #include "hub/listener.h"
 
 #include <errno.h>
-#include <grp.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -9,10 +8,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <optional>
 #include <utility>
 #include <vector>
 
+#include "tk/account.h"
 #include "tk/names.h"
 
 namespace hub {
@@ -22,13 +21,6 @@ namespace {
 constexpr int backlog = 256;  // as many as there may be
 constexpr int acceptsPerTurn = 16;
 constexpr std::size_t groupLimit = 65536;  // the kernel's own limit of groups per process
-
-/// The group whose members may connect. The lookup may go to a server on the network: never call it while the
-/// bus serves.
-std::optional<gid_t> busGroup() {
-    const group* entry = ::getgrnam("tk");
-    return entry ? std::optional<gid_t>(entry->gr_gid) : std::nullopt;
-}
 
 [[nodiscard]] bool makeAddress(const std::string& path, sockaddr_un& address) {
     if (path.size() >= sizeof address.sun_path) return false;
@@ -99,7 +91,7 @@ tk::Status Listener::bindTo(const std::string& path) {
     makeFolderOf(path);
     if (tk::Status isFree = checkFree(path); !isFree.isOk()) return isFree;
     // First what may fail or take long, while the former process's file is still there.
-    group = busGroup();
+    group = tk::findBusGroup();  // may take long: never while the bus serves
     socket.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     return socket.isOpen() ? makeFile(path, address) : tk::Status::ofErrno(path, errno);
 }

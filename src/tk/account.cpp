@@ -9,6 +9,7 @@
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <memory>
@@ -52,20 +53,79 @@ bool setNoCapabilities() {
 
 }  // namespace
 
-std::optional<Account> findAccount(const std::string& name) {
-    const passwd* entry = ::getpwnam(name.c_str());
-    if (!entry) return std::nullopt;
-    Account account{name, entry->pw_uid, entry->pw_gid, {}};
+namespace {
+
+using Ids = std::vector<gid_t>;
+static_assert(sizeof(uid_t) == sizeof(gid_t));
+
+/// A user's id, then its groups' ids, of which its own comes first; nothing for an unknown user.
+Ids askForUser(const char* name) {
+    const passwd* entry = ::getpwnam(name);
+    if (!entry) return {};
+    const uid_t user = entry->pw_uid;
+    const gid_t own = entry->pw_gid;
     int count = 0;
-    (void)::getgrouplist(name.c_str(), account.gid, nullptr, &count);  // fails, and gives their number
-    account.groups.resize(static_cast<std::size_t>(count));
-    if (::getgrouplist(name.c_str(), account.gid, account.groups.data(), &count) < 0) return std::nullopt;
-    account.groups.resize(static_cast<std::size_t>(count));
-    return account;
+    (void)::getgrouplist(name, own, nullptr, &count);  // fails, and gives their number
+    Ids ids(static_cast<std::size_t>(count) + 1, user);
+    if (::getgrouplist(name, own, ids.data() + 1, &count) < 0) return {};
+    ids.resize(static_cast<std::size_t>(count) + 1);
+    return ids;
+}
+
+Ids askForGroup(const char* name) {
+    const group* entry = ::getgrnam(name);
+    return entry ? Ids{entry->gr_gid} : Ids();
+}
+
+bool writeAll(const Fd& target, const Ids& ids) {
+    const auto* bytes = reinterpret_cast<const char*>(ids.data());
+    for (std::size_t left = ids.size() * sizeof ids[0]; left > 0;) {
+        const ssize_t count = ::write(target.get(), bytes, left);
+        if (count < 0) return false;
+        bytes += count;
+        left -= static_cast<std::size_t>(count);
+    }
+    return true;
+}
+
+Ids readAll(const Fd& source) {
+    Ids ids;
+    gid_t id = 0;
+    while (::read(source.get(), &id, sizeof id) == ssize_t{sizeof id}) ids.push_back(id);
+    return ids;
+}
+
+/// Asks in a child: the libraries in which the system looks names up would stay in this process, and take up
+/// more memory than much of its own code.
+Ids askInChild(Ids (*ask)(const char*), const std::string& name) {
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0) return ask(name.c_str());
+    const Fd source(ends[0]);
+    Fd target(ends[1]);
+    const pid_t child = ::fork();
+    if (child == 0) ::_exit(writeAll(target, ask(name.c_str())) ? 0 : 1);
+    target.reset();
+    Ids ids = readAll(source);
+    int status = 0;
+    const bool hasEnded = child > 0 && ::waitpid(child, &status, 0) == child;
+    return hasEnded && status == 0 ? ids : ask(name.c_str());
+}
+
+}  // namespace
+
+std::optional<Account> findAccount(const std::string& name) {
+    const Ids ids = askInChild(&askForUser, name);
+    if (ids.size() < 2) return std::nullopt;
+    return Account{name, ids[0], ids[1], {ids.begin() + 1, ids.end()}};
+}
+
+std::optional<gid_t> findBusGroup() {
+    const Ids ids = askInChild(&askForGroup, "tk");
+    return ids.empty() ? std::nullopt : std::optional(ids.front());
 }
 
 Account inBusGroup(Account account) {
-    if (const group* bus = ::getgrnam("tk")) account.groups.push_back(bus->gr_gid);
+    if (const std::optional<gid_t> bus = findBusGroup()) account.groups.push_back(*bus);
     return account;
 }
 

@@ -20,11 +20,16 @@ struct Account {
     bool operator==(const Account&) const = default;
 };
 
+// These two look names up in a child process, and wait for it. That may take long: the system may ask a server.
+
 /// Looks up a user by name.
 /// Errors: empty when the system does not know the user.
 [[nodiscard]] std::optional<Account> findAccount(const std::string& name);
+/// The bus's group, "tk", whose members may connect to it.
+/// Errors: empty when the system does not have that group.
+[[nodiscard]] std::optional<gid_t> findBusGroup();
 
-/// The account, added to the bus's group, "tk", if the system has that group.
+/// The account, added to the bus's group if the system has that group.
 [[nodiscard]] Account inBusGroup(Account account);
 
 /// Makes the calling process run as that user, for good. Uses system calls only, so that it may be called

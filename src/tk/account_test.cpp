@@ -1,13 +1,16 @@
 #include "tk/account.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -120,6 +123,27 @@ bool holdsInAChild(const std::function<bool()>& check) {
     int outcome = -1;
     EXPECT_EQ(::waitpid(child, &outcome, 0), child);
     return outcome == 0;
+}
+
+// What these ask the system itself, they ask in a child, too.
+
+TEST(FindAccount, TellsTheUserWithItsGroups) {
+    EXPECT_TRUE(holdsInAChild([] {
+        const passwd* root = ::getpwnam("root");
+        std::array<gid_t, 64> groups{};
+        int count = groups.size();
+        if (::getgrouplist("root", root->pw_gid, groups.data(), &count) < 0) return false;
+        return findAccount("root") ==
+               Account{"root", root->pw_uid, root->pw_gid, {groups.begin(), groups.begin() + count}};
+    }));
+}
+
+TEST(FindAccount, LeavesNoLibraryForNamesInTheProcess) {
+    (void)findAccount("no-such-user");
+    (void)findBusGroup();
+    std::ifstream maps("/proc/self/maps");
+    const std::string text(std::istreambuf_iterator<char>(maps), {});
+    EXPECT_EQ(text.find("libnss_"), std::string::npos);
 }
 
 /// Tests that start as root does.
