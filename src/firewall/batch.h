@@ -42,8 +42,8 @@ private:
 
     netlink::Socket& socket;
     std::uint32_t firstSequence;
-    std::uint32_t lastSequence;  // of the last message before the end marker
-    std::size_t lastOffset = 0;  // where that message starts
+    std::uint32_t lastSequence;       // of the last message before the end marker
+    std::size_t lastOffset = 0;       // where that message starts
     std::unique_ptr<char[]> scratch;  // for one message
     std::vector<char> bytes;
 };

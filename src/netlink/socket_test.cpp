@@ -1,11 +1,14 @@
 #include "netlink/socket.h"
 
 #include <linux/capability.h>
+#include <linux/rtnetlink.h>
+#include <string.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <array>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -54,6 +57,59 @@ TEST(SocketBuffers, AreAsLargeAsTheSystemAllowsWhereTheyCannotBeLarger) {
     socket.setBuffers(large, large);
     EXPECT_EQ(bufferOf(socket, SO_SNDBUF), 2 * limitOf("wmem_max"));
     EXPECT_EQ(bufferOf(socket, SO_RCVBUF), 2 * limitOf("rmem_max"));
+}
+
+/// The kernel repeats what it refuses, so that its answers can be made as large as a test wants.
+class SocketReceive : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (::geteuid() != 0) GTEST_SKIP() << "only root gets buffers of this size";
+        ASSERT_TRUE(socket.open(NETLINK_ROUTE).isOk());
+        socket.setBuffers(1024 * 1024, 1024 * 1024);
+    }
+    /// Makes the kernel refuse a message of so many bytes.
+    void provoke(std::size_t bytes) {
+        std::vector<char> message(bytes);
+        const nlmsghdr header{static_cast<std::uint32_t>(bytes), unknownType, NLM_F_REQUEST, 0, 0};
+        ::memcpy(message.data(), &header, sizeof header);
+        ASSERT_TRUE(socket.send(message.data(), message.size()).isOk());
+    }
+    /// What is received, with the sizes of its messages in `sizes`.
+    Socket::Received receive() {
+        const auto result =
+            socket.receive(0, [this](const nlmsghdr& message) { sizes.push_back(message.nlmsg_len); });
+        EXPECT_TRUE(result.isOk());
+        return *result;
+    }
+    static constexpr std::uint16_t unknownType = RTM_MAX + 4;
+    static constexpr std::size_t overhead = sizeof(nlmsghdr) + sizeof(int);  // of the refusal
+
+    Socket socket;
+    std::vector<std::size_t> sizes;
+};
+
+TEST_F(SocketReceive, TakesADatagramOfAnySizeUpToTheLimit) {
+    for (const std::size_t size :
+         {std::size_t{1000}, std::size_t{100} * 1024, Socket::datagramLimit - 1000}) {
+        provoke(size);
+        EXPECT_EQ(receive(), Socket::Received::datagram);
+        ASSERT_EQ(sizes.size(), 1U);
+        EXPECT_GE(sizes[0], size + overhead);  // what is repeated, and perhaps why it is refused
+        sizes.clear();
+    }
+}
+
+TEST_F(SocketReceive, LosesALargerDatagramAlone) {
+    provoke(Socket::datagramLimit);
+    provoke(1000);
+    EXPECT_EQ(receive(), Socket::Received::lost);
+    EXPECT_TRUE(sizes.empty()) << "the start of a datagram is no message";
+    EXPECT_EQ(receive(), Socket::Received::datagram);
+    EXPECT_EQ(sizes.size(), 1U);
+}
+
+TEST_F(SocketReceive, FindsNothingWhereTheKernelHasSaidNothing) {
+    EXPECT_EQ(receive(), Socket::Received::nothing);
 }
 
 }  // namespace
