@@ -137,7 +137,7 @@ void Channel::endWriting() {
 
 /// True when there was something to read, so that there may be more.
 bool Channel::readSome() {
-    char bytes[readSize];
+    static char bytes[readSize];  // on the stack each of its pages would be touched
     const ssize_t count = ::recv(socket.get(), bytes, sizeof bytes, MSG_DONTWAIT);
     if (count > 0)
         reader.append(std::string_view(bytes, static_cast<std::size_t>(count)));

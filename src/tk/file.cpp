@@ -12,6 +12,8 @@ namespace tk {
 
 namespace {
 
+constexpr std::size_t readSize = 4096;
+
 std::string folderOf(const std::string& path) {
     const std::size_t slash = path.rfind('/');
     if (slash == std::string::npos) return ".";
@@ -56,7 +58,7 @@ Result<std::string> readFile(const Fd& file, std::size_t limit) {
     if (::fstat(file.get(), &status) != 0) return Status::ofErrno(errno);
     if (!S_ISREG(status.st_mode)) return Status::ofErrno(EINVAL);
     std::string content;
-    char bytes[64 * 1024];
+    char bytes[readSize];
     for (;;) {
         const ssize_t count = ::read(file.get(), bytes, sizeof bytes);
         if (count < 0 && errno == EINTR) continue;
