@@ -14,15 +14,15 @@ struct Id {
     bool operator<(const Id& other) const;
 };
 
-/// One port mapping, kept beside the NAT rule that it stands for. A value.
+/// One port mapping, kept beside the NAT rule that it stands for. A value. There are many: the members stand
+/// so that no room is lost between them.
 struct PortMap {
-    std::uint16_t internalPort = 0;
+    std::string description;           // the client's text; the firewall never gets it
     std::uint32_t internalClient = 0;  // IPv4, network order
+    std::uint32_t natId = 0;           // the bus object of the NAT rule
+    std::uint32_t requester = 0;       // the last host to ask for it; IPv4, network order
+    std::uint16_t internalPort = 0;
     bool enabled = false;
-    std::string description;          // the client's text; the firewall never gets it
-    std::uint32_t leaseDuration = 0;  // always 0: only permanent mappings are accepted
-    std::uint32_t natId = 0;          // the bus object of the NAT rule
-    std::uint32_t requester = 0;      // the last host to ask for it; IPv4, network order
 };
 
 /// Reads a key from a client's texts. The port is cut to 16 bits, and anything but "TCP" is UDP.

@@ -1,12 +1,12 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <string>
 #include <vector>
 
 #include "services/descriptionbudget.h"
 #include "services/portmap.h"
+#include "services/portmaptable.h"
 #include "upnp/service.h"
 
 namespace gateway {
@@ -57,7 +57,7 @@ private:
     void removeNatRules();
 
     std::uint32_t deviceId;
-    std::map<Id, PortMap> portMaps;
+    PortMapTable portMaps;
     std::uint32_t externalAddress;
     bool showDummyRule = true;
     DescriptionBudget descriptions;

@@ -13,6 +13,8 @@ namespace {
 
 constexpr std::uint32_t noAddress = 0xFFFFFFFF;  // toAddress() of a text that is not an address
 
+constexpr const char* permanent = "0";  // the lease of every mapping
+
 // Some control points need to see at least one entry. This one exists only in answers, always as the first.
 constexpr const char* dummyDescription = "Dummy inactive rule for windows to work";
 
@@ -30,7 +32,7 @@ void answerKey(Arguments& out, const Id& id) {
 
 void answerValue(Arguments& out, const PortMap& map) {
     out.insert(out.end(), {toString(unsigned{map.internalPort}), ipToString(map.internalClient),
-                           map.enabled ? "1" : "0", map.description, toString(map.leaseDuration)});
+                           map.enabled ? "1" : "0", map.description, permanent});
 }
 
 /// The in-arguments that name a mapping, in order.
@@ -69,7 +71,6 @@ PortMap toPortMap(const ValueArguments& value) {
     map.internalClient = toAddress(value.internalClient);
     map.enabled = isTrue(value.enabled);
     map.description = value.description;
-    map.leaseDuration = toUnsigned(value.leaseDuration);
     return map;
 }
 
@@ -93,16 +94,15 @@ UPNPStatus WANIPConnection::addPortMapping(const Arguments& in, Arguments&) {
     }
     PortMap map = toPortMap(value);
     map.requester = requester();
-    if (map.leaseDuration != 0) {
+    if (toUnsigned(value.leaseDuration) != 0) {
         tk::log("addPortMapping: ONLY_PERM_LEASES");
         return upnpstatus::onlyPermanentLeasesSupported;
     }
     const Id id = toId(key.externalPort, key.protocol);
-    const auto existing = portMaps.find(id);
-    const bool isNew = existing == portMaps.end();
-    tk::log(isNew ? "add map " : "set map ", key.externalPort, "->", value.internalPort, ", ",
+    PortMap* const existing = portMaps.find(id);
+    tk::log(existing ? "set map " : "add map ", key.externalPort, "->", value.internalPort, ", ",
             value.internalClient);
-    return isNew ? addMap(id, std::move(map)) : changeMap(existing->second, std::move(map));
+    return existing ? changeMap(*existing, std::move(map)) : addMap(id, std::move(map));
 }
 
 UPNPStatus WANIPConnection::addMap(const Id& id, PortMap map) {
@@ -117,7 +117,7 @@ UPNPStatus WANIPConnection::addMap(const Id& id, PortMap map) {
     }
     map.natId = reply.get_u32(tk::field::objectId);
     descriptions.take(map);
-    portMaps[id] = std::move(map);
+    portMaps.add(id, std::move(map));
     countMaps(showDummyRule);
     return upnpstatus::ok;
 }
@@ -145,19 +145,20 @@ UPNPStatus WANIPConnection::changeMap(PortMap& existing, PortMap map) {
 
 UPNPStatus WANIPConnection::deletePortMapping(const Arguments& in, Arguments&) {
     const KeyArguments key = readKey(in);
-    const auto existing = portMaps.find(toId(key.externalPort, key.protocol));
-    if (existing == portMaps.end()) {
+    const Id id = toId(key.externalPort, key.protocol);
+    const PortMap* const existing = portMaps.find(id);
+    if (!existing) {
         tk::log("deletePortMapping: NO_SUCH_ENTRY");
         return upnpstatus::noSuchEntryInArray;
     }
     tk::log("del map ", key.externalPort);
-    const tk::message reply = removeNatRule(existing->second.natId);
+    const tk::message reply = removeNatRule(existing->natId);
     if (tk::isError(reply)) {
         tk::log("remove nat failed: ", tk::getError(reply));
         return upnpstatus::actionFailed;
     }
-    descriptions.giveBack(existing->second);
-    portMaps.erase(existing);
+    descriptions.giveBack(*existing);
+    portMaps.erase(id);
     countMaps(showDummyRule);
     return upnpstatus::ok;
 }
@@ -171,9 +172,9 @@ UPNPStatus WANIPConnection::getGenericPortMappingEntry(const Arguments& in, Argu
     }
     if (showDummyRule) --index;
     if (index >= portMaps.size()) return upnpstatus::specifiedArrayIndexInvalid;
-    const auto entry = std::next(portMaps.begin(), static_cast<std::ptrdiff_t>(index));
-    answerKey(out, entry->first);
-    answerValue(out, entry->second);
+    const auto& [id, map] = portMaps.at(index);
+    answerKey(out, id);
+    answerValue(out, map);
     return upnpstatus::ok;
 }
 
@@ -184,14 +185,14 @@ UPNPStatus WANIPConnection::getSpecificPortMappingEntry(const Arguments& in, Arg
         return upnpstatus::ok;
     }
     if (!key.remoteHost.empty()) return upnpstatus::noSuchEntryInArray;
-    const auto existing = portMaps.find(toId(key.externalPort, key.protocol));
-    if (existing == portMaps.end()) return upnpstatus::noSuchEntryInArray;
-    answerValue(out, existing->second);
+    const PortMap* const existing = portMaps.find(toId(key.externalPort, key.protocol));
+    if (!existing) return upnpstatus::noSuchEntryInArray;
+    answerValue(out, *existing);
     return upnpstatus::ok;
 }
 
 void WANIPConnection::removeNatRules() {
-    for (const auto& [id, map] : portMaps) {
+    for (const auto& [id, map] : portMaps.entries()) {
         const tk::message reply = removeNatRule(map.natId);
         if (tk::isError(reply)) tk::log("on cleanup remove nat failed: ", tk::getError(reply));
     }
