@@ -1,6 +1,7 @@
 #include "xml/xmlparser.h"
 
 #include <expat.h>
+#include <sys/random.h>
 
 #include <climits>
 #include <memory>
@@ -45,6 +46,17 @@ void entityDeclared(void* user, const XML_Char*, int, const XML_Char*, int, cons
     static_cast<Feed*>(user)->check(false);
 }
 
+/// Keys the tokeniser's tables, so that no peer can choose names that collide. One key for all documents: the
+/// tokeniser would ask the kernel for each. 0 means that it asks.
+unsigned long secretKey() {
+    static const unsigned long key = [] {
+        unsigned long bytes = 0;
+        const bool isWhole = ::getrandom(&bytes, sizeof bytes, 0) == ssize_t{sizeof bytes};
+        return isWhole ? bytes : 0;
+    }();
+    return key;
+}
+
 }  // namespace
 
 XMLParser::XMLParser(const std::string& text) {
@@ -53,6 +65,7 @@ XMLParser::XMLParser(const std::string& text) {
                                                                                  &XML_ParserFree);
     if (!tokeniser || text.size() > INT_MAX) return;
     Feed feed{*this, tokeniser.get()};
+    (void)XML_SetHashSalt(tokeniser.get(), secretKey());  // fails only when parsing has begun
     XML_SetUserData(tokeniser.get(), &feed);
     XML_SetElementHandler(tokeniser.get(), gateway::startElement, gateway::endElement);
     XML_SetCharacterDataHandler(tokeniser.get(), gateway::characterData);
