@@ -4,7 +4,7 @@
 #include <net/if_arp.h>
 
 #include <algorithm>
-#include <sstream>
+#include <string_view>
 #include <utility>
 
 #include "tk/file.h"
@@ -22,17 +22,19 @@ Prefix networkOf(const LinkAddress& address) {
     return prefixOf(ntohl(address.peer), address.prefixLength);
 }
 
-/// The devices that carry PPPoE sessions: a title, then lines of a number, a hardware address and a name.
+/// The devices that carry PPPoE sessions: a title, then lines of a number, a hardware address and, at
+/// their end, a name.
 std::set<std::string> pppoeDevices(const std::string& path) {
     std::set<std::string> devices;
     const tk::Result<std::string> text = tk::readFile(path, sessionBytes);
     if (!text.isOk()) return devices;  // a kernel without it has no sessions
-    std::istringstream lines(*text);
-    std::string number;
-    std::string hardwareAddress;
-    std::string device;
-    std::getline(lines, device);
-    while (lines >> number >> hardwareAddress >> device) devices.insert(device);
+    std::string_view rest = *text;
+    for (bool isTitle = true; !rest.empty(); isTitle = false) {
+        const std::string_view line = rest.substr(0, rest.find('\n'));
+        rest.remove_prefix(std::min(line.size() + 1, rest.size()));
+        const std::size_t blank = line.rfind(' ');
+        if (!isTitle && blank != std::string_view::npos) devices.emplace(line.substr(blank + 1));
+    }
     return devices;
 }
 

@@ -14,6 +14,9 @@
 #include "tk/status.h"
 
 #define TOML_EXCEPTIONS 0
+// Without streams: they bring all locales of the C++ library into the program.
+#define TOML_FLOAT_CHARCONV 1
+#define TOML_ENABLE_FORMATTERS 0
 #include <toml++/toml.h>
 
 namespace router {
