@@ -51,6 +51,13 @@ bool isWellFormed(char32_t code, std::size_t length) {
     return code >= lowest[length] && code <= 0x10FFFF && (code < 0xD800 || code > 0xDFFF);
 }
 
+/// How many bytes at the front are plain and of ASCII, as nearly all are.
+std::size_t plainRun(std::string_view text) {
+    const auto end =
+        std::find_if(text.begin(), text.end(), [](unsigned char byte) { return byte < 0x20 || byte > 0x7E; });
+    return static_cast<std::size_t>(end - text.begin());
+}
+
 constexpr std::size_t escapeLength = 4;  // of one byte, as \xNN
 
 void appendEscaped(std::string& out, std::string_view bytes) {
@@ -82,7 +89,11 @@ Character firstCharacter(std::string_view text) {
 std::string takePrintable(std::string_view& text, std::size_t limit) {
     std::string out;
     out.reserve(std::min(text.size(), limit));
-    while (!text.empty()) {
+    for (;;) {
+        const std::size_t run = std::min(plainRun(text), limit - out.size());
+        out += text.substr(0, run);
+        text.remove_prefix(run);
+        if (text.empty()) break;
         const Character character = firstCharacter(text);
         const std::size_t length = std::max<std::size_t>(character.length, 1);
         const bool plain = character.length > 0 && isPlain(character.code);

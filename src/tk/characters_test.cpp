@@ -94,6 +94,15 @@ TEST_P(PrintableTest, EscapesAsTabled) {
 INSTANTIATE_TEST_SUITE_P(Texts, PrintableTest, ::testing::ValuesIn(printables),
                          [](const auto& row) { return std::string(row.param.name); });
 
+TEST(TakePrintable, CutsARunOfPlainCharactersWhereTheRoomEnds) {
+    std::string_view text = "abcdef\xc3\xbc~\x7f gh";
+    EXPECT_EQ(takePrintable(text, 4), "abcd");
+    EXPECT_EQ(takePrintable(text, 2), "ef");
+    EXPECT_EQ(takePrintable(text, 1), "");
+    EXPECT_EQ(takePrintable(text, 8), "\xc3\xbc~\\x7f ");
+    EXPECT_EQ(takePrintable(text, 2), "gh");
+}
+
 TEST(TakePrintable, TakesWholeCharactersAsFarAsThereIsRoom) {
     std::string_view text =
         "ab\x1b\xc3\xbc"
