@@ -14,7 +14,7 @@ PortMap* PortMapTable::find(const Id& id) {
 void PortMapTable::add(const Id& id, PortMap map) {
     const bool isNew = maps.try_emplace(id, std::move(map)).second;
     assert(isNew);
-    counts[id.port / portsOfGroup] += isNew;
+    if (isNew) ++counts[id.port / portsOfGroup];
 }
 
 void PortMapTable::erase(const Id& id) {
