@@ -1,21 +1,25 @@
 """What the programs take: system calls and instructions a request, memory, room on the disk, and time to start and end."""
+import contextlib
 import os
 import pathlib
 import re
 import signal
+import socket
 import statistics
 import subprocess
 import tempfile
 import time
 
-import bus
-import control_point as cp
-import fresh
-import labs
+import place as places
 from samples import Sample
+
+import bus
+import labs
 
 COUNTED = 200     # requests for each figure
 MAPPINGS = 10000
+FIRST_PORT = 1024
+DESCRIPTION = "libutp 10.0.0.5:51413 UDP"  # of the usual length
 STARTS = 5
 IDLE_SECONDS = 60
 DAEMON = 64002    # the user that upnpd becomes in a lab
@@ -38,59 +42,61 @@ def measure(place):
     for program in ("upnpd", "routerd", "resolverd", "tkctl"):
         yield Sample(f"stripped size, {program}", "KiB", stripped_size(program) / 1024)
     yield Sample("from start to the first answer", "ms", start_time() * 1000)
-    yield from memory_and_teardown()
+    with alone(place):
+        yield from memory_and_teardown()
     if not wake_ups_known:
         wake_ups_known = True
         for program, count in wake_ups().items():
             yield Sample(f"wake-ups a minute, idle, {program}", "times", count, limit=0)
 
 
-def process_of(gateway, program):
-    return getattr(gateway.lab, program).process.pid
+def process_of(place, program):
+    return getattr(place.lab, program).process.pid
 
 
-def requests(gateway):
-    """What is counted: `COUNTED` requests each, AddPortMapping from the 20th mapping on."""
+def requests(place):
+    """What is counted, each as a request and the client's options."""
     return {
-        "description": [fresh.description_request()] * COUNTED,
-        "GetExternalIPAddress": [gateway.action("GetExternalIPAddress")] * COUNTED,
-        "AddPortMapping": [gateway.add(20 + number) for number in range(COUNTED)],
+        "description": (places.get("/gateway.xml"), {}),
+        "GetExternalIPAddress": (places.soap(place.control, "GetExternalIPAddress"), {}),
+        "AddPortMapping": (places.add_mapping(place.control, description=DESCRIPTION),
+                           {"ports": f"{FIRST_PORT}-{FIRST_PORT + COUNTED - 1}"}),
     }
 
 
-def warm(gateway):
+def warm(place):
     """The first requests of a process do what is done once."""
-    gateway.ask([fresh.description_request(), gateway.action("GetExternalIPAddress")] * 20)
-    gateway.map(0, 20)
+    for request, _ in requests(place).values():
+        place.http(request, ports="1-20", count=20)
 
 
 def system_calls():
     """The calls a request by their names, for each kind of request and program that does any."""
     found = {}
-    with fresh.gateway() as gateway:
-        warm(gateway)
-        for request, asked in requests(gateway).items():
-            for program, calls in counted(gateway, asked).items():
+    with places.serving() as place:
+        warm(place)
+        for name, (request, options) in requests(place).items():
+            for program, calls in counted(place, request, options).items():
                 if calls:
-                    found[request, program] = calls
+                    found[name, program] = calls
     return found
 
 
-def counted(gateway, asked):
+def counted(place, request, options):
     """The system calls of both programs while requests are answered. What happens less than once in ten requests, such
     as growing the heap, is left out."""
     with tempfile.TemporaryDirectory() as directory:
         results = {program: pathlib.Path(directory, program) for program in ("upnpd", "routerd")}
-        tracers = [tracer(process_of(gateway, program), result) for program, result in results.items()]
-        gateway.ask(asked)
+        tracers = [tracer(process_of(place, program), result) for program, result in results.items()]
+        place.http(request, count=COUNTED, **options)
         time.sleep(SETTLED)
         for running in tracers:
             running.terminate()
             running.communicate()
         totals = {program: result.read_text() for program, result in results.items()}
-    return {program: {name: round(int(calls) / len(asked), 1)
+    return {program: {name: round(int(calls) / COUNTED, 1)
                       for calls, name in re.findall(r"^ *(\d+) (\w+)$", text, re.M)
-                      if name != "total" and int(calls) >= len(asked) / 10}
+                      if name != "total" and int(calls) >= COUNTED / 10}
             for program, text in totals.items()}
 
 
@@ -110,18 +116,22 @@ def instructions():
             for request in ("description", "GetExternalIPAddress", "AddPortMapping")}
 
 
-def instructions_of(request):
+def instructions_of(kind):
     """The instructions of a whole process, from its start to the requests of this kind."""
-    counter = ("valgrind", "-q", "--tool=callgrind", "--vgdb=no", "--callgrind-out-file={directory}/counted")
-    with fresh.gateway(counter) as gateway:
-        result = gateway.lab.directory / "counted"
-        os.chown(result, DAEMON, DAEMON)  # it is made before the daemon gives up root's rights, and written after
-        warm(gateway)
-        gateway.ask(requests(gateway).get(request, []))
-        time.sleep(SETTLED)
-        gateway.lab.upnpd.process.send_signal(signal.SIGALRM)  # ends it without the teardown of its mappings
-        gateway.lab.upnpd.wait()
-        return int(re.search(r"^totals: (\d+)$", result.read_text(), re.M)[1])
+    with tempfile.TemporaryDirectory() as directory:
+        result = pathlib.Path(directory, "counted")
+        counter = ("valgrind", "-q", "--tool=callgrind", "--vgdb=no", f"--callgrind-out-file={result}")
+        with places.serving(upnpd_wrapper=counter) as place:
+            for path in (directory, result):  # made before the daemon gives up root's rights, and written after
+                os.chown(path, DAEMON, DAEMON)
+            warm(place)
+            if kind:
+                request, options = requests(place)[kind]
+                place.http(request, count=COUNTED, **options)
+            time.sleep(SETTLED)
+            place.lab.upnpd.process.send_signal(signal.SIGALRM)  # ends it without the teardown of its mappings
+            place.lab.upnpd.wait()
+            return int(re.search(r"^totals: (\d+)$", result.read_text(), re.M)[1])
 
 
 def stripped_size(program):
@@ -131,20 +141,41 @@ def stripped_size(program):
 
 
 def memory(process):
-    """Units: bytes, the proportional set size."""
-    text = pathlib.Path("/proc", str(process), "smaps_rollup").read_text()
-    return int(re.search(r"^Pss: +(\d+) kB$", text, re.M)[1]) * 1024
+    """What a program takes, with the process that it keeps for what it may not do itself.
+    Units: bytes, the proportional set size."""
+    own = pathlib.Path("/proc", str(process))
+    children = [pathlib.Path("/proc", child) for child in (own / "task" / own.name / "children").read_text().split()]
+    name = (own / "comm").read_text().strip()
+    return sum(proportional_size(each) for each in (own, *children) if (each / "comm").read_text().startswith(name))
+
+
+def proportional_size(process):
+    return int(re.search(r"^Pss: +(\d+) kB$", (process / "smaps_rollup").read_text(), re.M)[1]) * 1024
+
+
+@contextlib.contextmanager
+def alone(place):
+    """Ends the programs of the place until the block ends: pages that they share would count by half."""
+    place.lab.upnpd.stop()
+    place.lab.routerd.stop()
+    try:
+        yield
+    finally:
+        place.lab.start_routerd()
+        place.lab.start_upnpd()
+        place.lab.upnpd.wait_for(f"start int: lan0 {labs.ROUTER_LAN}")
 
 
 def memory_and_teardown():
-    with fresh.gateway() as gateway:
-        idle = {program: memory(process_of(gateway, program)) for program in IDLE_LIMITS}
-        gateway.map(0, MAPPINGS)
+    with places.serving() as place:
+        idle = {program: memory(process_of(place, program)) for program in IDLE_LIMITS}
+        place.http(places.add_mapping(place.control, description=DESCRIPTION),
+                   ports=f"{FIRST_PORT}-{FIRST_PORT + MAPPINGS - 1}")
         for program, before in idle.items():
-            mapping = (memory(process_of(gateway, program)) - before) / MAPPINGS
+            mapping = (memory(process_of(place, program)) - before) / MAPPINGS
             yield Sample(f"memory, idle, {program}", "MiB", before / 2**20, limit=IDLE_LIMITS[program])
-            yield Sample(f"memory a mapping, {program}", "bytes", mapping, limit=MAPPING_LIMITS[program])
-        yield Sample(f"teardown with {MAPPINGS:,} mappings", "s", teardown(gateway.lab), limit=0.5)
+            yield Sample(f"memory of a mapping, {program}", "bytes", mapping, limit=MAPPING_LIMITS[program])
+        yield Sample(f"teardown with {MAPPINGS:,} mappings", "s", teardown(place.lab), limit=0.5)
 
 
 def teardown(lab):
@@ -162,12 +193,12 @@ def teardown(lab):
 
 def start_time():
     """How long it takes from the start of routerd until upnpd, started when the bus opens, answers for the first time."""
-    with fresh.gateway() as gateway:
+    with places.serving() as place:
         times = []
         for _ in range(STARTS):
-            gateway.lab.upnpd.stop()
-            gateway.lab.routerd.stop()
-            times.append(start(gateway.lab))
+            place.lab.upnpd.stop()
+            place.lab.routerd.stop()
+            times.append(start(place.lab))
         return statistics.median(times)
 
 
@@ -211,18 +242,18 @@ def soon(attempt):
 
 
 def first_answer():
-    with fresh.connection() as made:
-        made.sendall(fresh.description_request())
-        return cp.read_to_end(made)
+    with socket.create_connection((labs.ROUTER_LAN, places.cp.PORT), timeout=labs.PATIENCE) as connection:
+        connection.sendall(places.get("/gateway.xml").encode())
+        return places.cp.read_to_end(connection)
 
 
 def wake_ups():
     """How often each program runs in a minute in which nobody wants anything."""
-    with fresh.gateway() as gateway:
+    with places.serving() as place:
         time.sleep(5)  # the adverts of the start, and what the start left for later
-        before = {program: switches(process_of(gateway, program)) for program in IDLE_LIMITS}
+        before = {program: switches(process_of(place, program)) for program in IDLE_LIMITS}
         time.sleep(IDLE_SECONDS)
-        return {program: switches(process_of(gateway, program)) - count for program, count in before.items()}
+        return {program: switches(process_of(place, program)) - count for program, count in before.items()}
 
 
 def switches(process):
