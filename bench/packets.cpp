@@ -107,8 +107,7 @@ int main(int argc, char** argv) {
     CLI11_PARSE(app, argc, argv);
 
     const tk::Fd receiver = socketIn(settings.receiverSpace, settings.listen);
-    const Times times =
-        settings.firstSource > 0 ? newFlows(settings, receiver) : oneFlow(settings, receiver);
+    const Times times = settings.firstSource > 0 ? newFlows(settings, receiver) : oneFlow(settings, receiver);
     ::printf("{");
     times.print();
     ::printf("}\n");
