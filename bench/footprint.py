@@ -164,6 +164,8 @@ def alone(place):
         place.lab.start_routerd()
         place.lab.start_upnpd()
         place.lab.upnpd.wait_for(f"start int: lan0 {labs.ROUTER_LAN}")
+        for program in IDLE_LIMITS:
+            os.sched_setaffinity(process_of(place, program), places.ROUTER_CORES)
 
 
 def memory_and_teardown():

@@ -87,6 +87,7 @@ def datagrams(lab, *words):
     spaces = (f"/run/netns/gw-{lab.name}-{host}" for host in ("wan", "lan1"))
     command = [places.PROGRAMS / "packets", "--from", next(spaces), "--at", next(spaces),
                "--to", f"{labs.ROUTER_WAN}:{PORT}", "--listen", PORT, *words]
-    done = subprocess.run([str(word) for word in command], capture_output=True, text=True, timeout=60)
+    done = subprocess.run([str(word) for word in command], capture_output=True, text=True, timeout=60,
+                          preexec_fn=places.stay_on(places.CLIENT_CORES))
     assert done.returncode == 0, done.stderr
     return json.loads(done.stdout)["p50"]
