@@ -21,6 +21,7 @@ MAPPINGS = 10000
 FIRST_PORT = 1024
 DESCRIPTION = "libutp 10.0.0.5:51413 UDP"  # of the usual length
 STARTS = 5
+UNTIL_IDLE = 65   # seconds: the interval in which refusals are counted, those of the start too, is a minute
 IDLE_SECONDS = 60
 DAEMON = 64002    # the user that upnpd becomes in a lab
 SETTLED = 0.2     # seconds after which nothing more comes of a request
@@ -29,7 +30,7 @@ CALL_LIMITS = {("description", "upnpd"): 7, ("AddPortMapping", "upnpd"): 12, ("A
 IDLE_LIMITS = {"upnpd": 1.0, "routerd": 1.5}    # MiB
 MAPPING_LIMITS = {"upnpd": 200, "routerd": 300}  # bytes
 
-wake_ups_known = False  # they take a minute, and are exact: one round is enough
+wake_ups_known = False  # they take two minutes, and are exact: one round is enough
 
 
 def measure(place):
@@ -252,7 +253,7 @@ def first_answer():
 def wake_ups():
     """How often each program runs in a minute in which nobody wants anything."""
     with places.serving() as place:
-        time.sleep(5)  # the adverts of the start, and what the start left for later
+        time.sleep(UNTIL_IDLE)
         before = {program: switches(process_of(place, program)) for program in IDLE_LIMITS}
         time.sleep(IDLE_SECONDS)
         return {program: switches(process_of(place, program)) - count for program, count in before.items()}
