@@ -106,6 +106,7 @@ int openTcpListener(const char* deviceName, int port) {
 }
 
 bool sendWhole(int socket, std::string_view text) {
+    (void)tk::flushLog();
     makeRoom(socket, static_cast<int>(text.size()));
     return ::send(socket, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL) ==
            static_cast<ssize_t>(text.size());

@@ -38,6 +38,7 @@ HTTPMessage commonPart(std::uint32_t address, bool byebye) {
 
 void sendAdverts(const SSDPInterface& interface, const AdvertTargets& table, bool byebye) {
     tk::log("sendAdverts");
+    (void)tk::flushLog();
     const sockaddr_in group = groupAddress();
     const HTTPMessage common = commonPart(interface.address, byebye);
     for (const auto& [type, name] : table) {

@@ -67,6 +67,7 @@ Channel::Sent Channel::sendFor(Budget& payer, const message& source) {
     if (!isOpen() || !appendFrame(frame, source, limits.sentFrame)) return Sent::no;
     const bool isOwn = &payer == &budget;
     if (!isOwn && !outgoing.empty() && !payer.hasRoomFor(frame.size())) return Sent::noRoom;
+    (void)flushLog();  // what the peer does next may depend on the lines
     const std::size_t count = outgoing.empty() ? writeNow(frame) : 0;
     if (!isOpen()) return Sent::no;
     if (count < frame.size()) queue(std::string_view(frame).substr(count), payer);

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <deque>
 
 #include "tk/characters.h"
 
@@ -16,6 +15,7 @@ namespace tk {
 namespace {
 
 constexpr std::size_t waitingLimit = std::size_t{256} * 1024;  // bytes for a stalled reader
+constexpr std::size_t keptBytes = 4096;                        // of the buffer, while no line waits
 constexpr int lastWaitMilliseconds = 1000;                     // for it when the process ends
 
 // Bytes: with the line end, what a pipe takes whole.
@@ -38,9 +38,9 @@ std::string lineOf(std::string_view text) {
 struct Waiting {
     ~Waiting();
 
-    std::deque<std::string> lines;
-    std::size_t bytes = 0;
+    std::string text;  // with their line ends; the first line may have lost its start
     std::uint32_t dropped = 0;
+    unsigned batches = 0;  // those that exist
 };
 
 Waiting& waiting() {
@@ -54,28 +54,32 @@ bool writable() {
     return ::poll(&target, 1, 0) == 1;
 }
 
-/// Writes the start of a line, at most PIPE_BUF bytes, which a pipe takes whole or not at all. False when it
-/// must wait.
-bool writeSome(std::string& line) {
+/// As many whole lines as a pipe takes whole or not at all.
+std::size_t writeLength(const std::string& text) {
+    if (text.size() <= PIPE_BUF) return text.size();
+    return text.rfind('\n', PIPE_BUF - 1) + 1;
+}
+
+/// Writes some of the lines. False when they must wait.
+bool writeSome(std::string& text) {
     if (!writable()) return false;
-    const ssize_t written = ::write(STDOUT_FILENO, line.data(), std::min<std::size_t>(line.size(), PIPE_BUF));
+    const ssize_t written = ::write(STDOUT_FILENO, text.data(), writeLength(text));
     if (written < 0) {
         if (errno == EAGAIN || errno == EINTR) return false;
-        line.clear();  // there is no reader any more
+        text.clear();  // there is no reader any more
         return true;
     }
-    line.erase(0, static_cast<std::size_t>(written));
+    text.erase(0, static_cast<std::size_t>(written));
     return true;
 }
 
-void enqueue(std::string line) {
+void enqueue(const std::string& line) {
     Waiting& queue = waiting();
-    if (!queue.lines.empty() && queue.bytes + line.size() > waitingLimit) {
+    if (!queue.text.empty() && queue.text.size() + line.size() > waitingLimit) {
         ++queue.dropped;
         return;
     }
-    queue.bytes += line.size();
-    queue.lines.push_back(std::move(line));
+    queue.text.append(line).append("\n");
 }
 
 }  // namespace
@@ -83,28 +87,35 @@ void enqueue(std::string line) {
 /// Waits a moment with the last lines of a process, so that a reader that is only slow still gets them.
 Waiting::~Waiting() {
     pollfd target{STDOUT_FILENO, POLLOUT, 0};
-    while (!lines.empty() && ::poll(&target, 1, lastWaitMilliseconds) == 1) (void)flushLog();
+    while (!text.empty() && ::poll(&target, 1, lastWaitMilliseconds) == 1) (void)flushLog();
 }
 
 bool flushLog() {
     Waiting& queue = waiting();
-    while (!queue.lines.empty()) {
-        std::string& line = queue.lines.front();
-        const std::size_t before = line.size();
-        if (!writeSome(line)) return false;
-        queue.bytes -= before - line.size();
-        if (line.empty()) queue.lines.pop_front();
-        if (queue.lines.empty() && queue.dropped > 0) {
-            enqueue(std::to_string(queue.dropped) + " log lines dropped: nobody read them\n");
+    while (!queue.text.empty()) {
+        if (!writeSome(queue.text)) return false;
+        if (queue.text.empty() && queue.dropped > 0) {
+            enqueue(std::to_string(queue.dropped) + " log lines dropped: nobody read them");
             queue.dropped = 0;
         }
     }
+    if (queue.text.capacity() > keptBytes) queue.text = {};
     return true;
 }
 
+LogBatch::LogBatch() {
+    ++waiting().batches;
+}
+
+LogBatch::~LogBatch() {
+    if (--waiting().batches == 0) (void)flushLog();  // the rest goes out with the next line or turn
+}
+
 void logLine(std::string_view text) {
-    enqueue(lineOf(text) + '\n');
-    (void)flushLog();  // the rest goes out with the next line or turn
+    enqueue(lineOf(text));
+    // A batch saves nothing beyond what one write takes, and must not fill the queue.
+    const bool isGathered = waiting().batches > 0 && waiting().text.size() < PIPE_BUF;
+    if (!isGathered) (void)flushLog();  // the rest goes out with the next line or turn
 }
 
 std::string errorText() {

@@ -9,12 +9,23 @@ namespace tk {
 
 /// Writes one log line to standard output: the text as printable() makes it, and a line end. A line of more
 /// than 4 KiB is cut, and says so at its end.
-/// The line goes out whole and at once. A reader that stalls never stops the program: lines wait in a bounded
+/// The line goes out whole, at once or with its batch. A reader that stalls never stops the program: lines wait in a bounded
 /// queue. Those that find it full are dropped; a line of its own gives their number once there is room.
 void logLine(std::string_view text);
 
-/// Tries again to write the lines that wait. True when none waits any more.
+/// Writes the lines that wait, as far as the reader takes them. True when none waits any more. Call it before
+/// something leaves the process by which others can tell that a line is due.
 bool flushLog();
+
+/// Gathers the lines that are logged while it exists, so that many cost one write. They go out at its end, or
+/// with flushLog().
+class LogBatch {
+public:
+    LogBatch();
+    LogBatch(const LogBatch&) = delete;
+    LogBatch& operator=(const LogBatch&) = delete;
+    ~LogBatch();
+};
 
 /// The text of the current errno.
 std::string errorText();

@@ -67,6 +67,43 @@ TEST(Log, ErrorTextIsThatOfTheSystem) {
     EXPECT_EQ(errorText(), "No such file or directory");
 }
 
+TEST(LogBatch, KeepsLinesUntilTheLastBatchEnds) {
+    const tk::testing::CapturedOutput output;
+    {
+        const LogBatch outer;
+        {
+            const LogBatch inner;
+            log("first");
+        }
+        log("second");
+        EXPECT_EQ(output.text(), "");
+    }
+    EXPECT_EQ(output.text(), "first\nsecond\n");
+    log("third");
+    EXPECT_EQ(output.text(), "first\nsecond\nthird\n");
+}
+
+TEST(LogBatch, LosesNoLinesHoweverManyItHas) {
+    const tk::testing::CapturedOutput output;
+    std::string expected;
+    const LogBatch batch;
+    for (int number = 0; number < 1000; ++number) {
+        const std::string text = std::to_string(number) + std::string(1000, '.');
+        log(text);
+        expected += text + "\n";
+    }
+    EXPECT_TRUE(flushLog());
+    EXPECT_TRUE(output.text() == expected);
+}
+
+TEST(LogBatch, GivesItsLinesWhenSomethingDependsOnThem) {
+    const tk::testing::CapturedOutput output;
+    const LogBatch batch;
+    log("before the answer");
+    EXPECT_TRUE(flushLog());
+    EXPECT_EQ(output.text(), "before the answer\n");
+}
+
 /// Standard output as a pipe of one page, which nobody reads until the test does. A failed expectation would
 /// go there too, so expect only once this is gone.
 class StalledReader {
@@ -136,6 +173,22 @@ TEST(LogToAStalledReader, LinesBeyondTheLimitAreDroppedAndCounted) {
     EXPECT_LT(expected.size(), 262U * 1024);
     EXPECT_EQ(content.substr(expected.size()),
               std::to_string(written - kept) + " log lines dropped: nobody read them\n");
+}
+
+TEST(LogToAStalledReader, ABatchComesOutInWholeLines) {
+    std::string content, expected;
+    {
+        const StalledReader stalled;
+        for (int number = 0; number < 100; ++number) expected += line(number) + "\n";
+        {
+            const LogBatch batch;
+            for (int number = 0; number < 100; ++number) log(line(number));
+        }
+        content = stalled.read();  // as much as the pipe took at once
+        EXPECT_TRUE(content.ends_with('\n'));
+        content += stalled.readAll();
+    }
+    EXPECT_EQ(content, expected);
 }
 
 TEST(LogToAStalledReader, LinesGoOnAfterTheCount) {

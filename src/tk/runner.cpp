@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <cassert>
 
+#include "tk/log.h"
+
 namespace tk {
 
 static_assert(readable == EPOLLIN && writable == EPOLLOUT);
@@ -110,6 +112,7 @@ void Runner::callSockets() {
         const auto registration = sockets.find(event.fd);
         if (registration == sockets.end() || registration->second.generation != event.generation) continue;
         const Registration target = registration->second;
+        const LogBatch lines;
         target.callback(target.object, event.fd, event.events);
     }
 }
@@ -125,7 +128,10 @@ void Runner::callTimers() {
         const TimerKey key = next->key;
         queue.erase(next);
         timers.erase(key);
-        key.second(key.first);
+        {
+            const LogBatch lines;
+            key.second(key.first);
+        }
         next = queue.begin();
     }
 }
