@@ -26,6 +26,10 @@ HTTPConn::HTTPConn(HTTPServer& server, tk::Fd accepted, Device& device, std::uin
     requestTimer.arm(requestTicks);
 }
 
+HTTPConn::~HTTPConn() {
+    watch.endWithSocket();
+}
+
 HTTPConn::Input HTTPConn::read() {
     char bytes[readSize];
     const ssize_t length = ::recv(socket.get(), bytes, sizeof bytes, MSG_DONTWAIT);

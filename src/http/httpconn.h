@@ -25,6 +25,7 @@ public:
     /// Byte order: network.
     /// Lifetime: the server owns the connection; the device lives until the connection has ended.
     HTTPConn(HTTPServer& server, tk::Fd accepted, Device& device, std::uint32_t source, std::uint64_t number);
+    ~HTTPConn() override;
 
     /// The outcome of a read.
     enum class Input : std::uint8_t { more, complete, ended };

@@ -68,12 +68,10 @@ int fail(const char* what) {
     return -1;
 }
 
-/// Makes room for `wanted` bytes. Half of what the kernel reports is its own overhead.
-void makeRoom(int socket, int wanted) {
-    int room = 0;
-    socklen_t size = sizeof room;
-    if (::getsockopt(socket, SOL_SOCKET, SO_SNDBUF, &room, &size) == 0 && room / 2 >= wanted) return;
-    (void)::setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &wanted, sizeof wanted);  // at worst less goes out
+/// Sends as much as the socket takes, and returns how much that was.
+std::size_t sendSome(int socket, std::string_view text) {
+    const ssize_t sent = ::send(socket, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    return sent < 0 ? 0 : static_cast<std::size_t>(sent);
 }
 
 }  // namespace
@@ -107,9 +105,13 @@ int openTcpListener(const char* deviceName, int port) {
 
 bool sendWhole(int socket, std::string_view text) {
     (void)tk::flushLog();
-    makeRoom(socket, static_cast<int>(text.size()));
-    return ::send(socket, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL) ==
-           static_cast<ssize_t>(text.size());
+    const std::size_t sent = sendSome(socket, text);
+    if (sent == text.size()) return true;
+    // The kernel keeps twice this for the text and its own overhead.
+    const int room = static_cast<int>(text.size());
+    (void)::setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &room, sizeof room);  // at worst less goes out
+    const std::string_view rest = text.substr(sent);
+    return sendSome(socket, rest) == rest.size();
 }
 
 }  // namespace gateway

@@ -23,8 +23,8 @@ namespace gateway {
 /// Errors: -1, logged.
 [[nodiscard]] int openTcpListener(const char* deviceName, int port);
 
-/// Sends a whole text on a connected TCP socket. It never waits for the peer: it makes the socket's buffer
-/// large enough, and sends once.
+/// Sends a whole text on a connected TCP socket, after the log lines that were gathered. It never waits for
+/// the peer: if the socket's buffer does not take all, it is made large enough for the rest.
 /// Errors: false when less went out; the rest is not sent later.
 [[nodiscard]] bool sendWhole(int socket, std::string_view text);
 

@@ -59,6 +59,9 @@ public:
                    Priority priority = Priority::normal);
     /// Stops watching a descriptor; call before it is closed. An unknown one is no error.
     void removeSocket(int fd);
+    /// The same for a descriptor that is closed at once, which makes the kernel stop. No other descriptor of any
+    /// process may refer to the same socket.
+    void forgetSocket(int fd) { sockets.erase(fd); }
 
     /// Calls `callback` once, `ticks` from now. A timer of the same object and callback is replaced.
     /// Units: ticks of 10 ms.
