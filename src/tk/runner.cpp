@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <utility>
 
 #include "tk/log.h"
 
@@ -20,6 +21,11 @@ constexpr int eventsPerTurn = 256;
 // sockets; what was not served is still ready then.
 constexpr std::uint64_t turnLimit = 100;
 
+/// Adds a descriptor to a set, or changes it there.
+void put(const Fd& set, int fd, epoll_event& event) {
+    if (epoll_ctl(set.get(), EPOLL_CTL_ADD, fd, &event) != 0) epoll_ctl(set.get(), EPOLL_CTL_MOD, fd, &event);
+}
+
 }  // namespace
 
 std::uint64_t SystemClock::now() const {
@@ -29,8 +35,9 @@ std::uint64_t SystemClock::now() const {
            static_cast<std::uint64_t>(time.tv_nsec) / 1000000;
 }
 
-Runner::Runner(const Clock& clock) : clock(clock), epoll(epoll_create1(EPOLL_CLOEXEC)) {
-    assert(epoll.isOpen());
+Runner::Runner(const Clock& clock)
+    : clock(clock), epoll(epoll_create1(EPOLL_CLOEXEC)), urgent(epoll_create1(EPOLL_CLOEXEC)) {
+    assert(epoll.isOpen() && urgent.isOpen());
 }
 
 Runner::~Runner() = default;
@@ -43,13 +50,16 @@ void Runner::addSocket(int fd, void* object, SocketCallback callback, std::uint3
     epoll_event event{};
     event.events = events;
     event.data.u64 = static_cast<std::uint64_t>(generation) << 32 | static_cast<std::uint32_t>(fd);
-    if (epoll_ctl(epoll.get(), EPOLL_CTL_ADD, fd, &event) != 0)
-        epoll_ctl(epoll.get(), EPOLL_CTL_MOD, fd, &event);
+    put(epoll, fd, event);
+    if (priority == Priority::urgent) put(urgent, fd, event);
 }
 
 void Runner::removeSocket(int fd) {
-    if (sockets.erase(fd) == 0) return;
+    const auto registration = sockets.extract(fd);
+    if (registration.empty()) return;
     epoll_ctl(epoll.get(), EPOLL_CTL_DEL, fd, nullptr);
+    if (registration.mapped().priority == Priority::urgent)
+        epoll_ctl(urgent.get(), EPOLL_CTL_DEL, fd, nullptr);
 }
 
 void Runner::addTimer(void* object, TimerCallback callback, std::uint32_t ticks) {
@@ -82,15 +92,14 @@ int Runner::untilNextTimer() const {
 void Runner::turn(int limitMilliseconds) {
     int wait = untilNextTimer();
     if (wait < 0 || (limitMilliseconds >= 0 && limitMilliseconds < wait)) wait = limitMilliseconds;
-    collect(wait);
-    callSockets();
+    callSockets(readySockets(epoll, wait));
     callTimers();
 }
 
-void Runner::collect(int limitMilliseconds) {
+std::vector<Runner::Event> Runner::readySockets(const Fd& set, int limitMilliseconds) const {
     epoll_event events[eventsPerTurn];
-    const int count = epoll_wait(epoll.get(), events, eventsPerTurn, limitMilliseconds);
-    collected.clear();
+    const int count = epoll_wait(set.get(), events, eventsPerTurn, limitMilliseconds);
+    std::vector<Event> ready;
     for (int i = 0; i < count; ++i) {
         const auto fd = static_cast<int>(static_cast<std::uint32_t>(events[i].data.u64));
         const auto generation = static_cast<std::uint32_t>(events[i].data.u64 >> 32);
@@ -98,23 +107,31 @@ void Runner::collect(int limitMilliseconds) {
         if (registration == sockets.end() || registration->second.generation != generation) continue;
         const bool broken = (events[i].events & (EPOLLERR | EPOLLHUP)) != 0;
         const std::uint32_t wanted = registration->second.events;
-        collected.push_back(
+        ready.push_back(
             {fd, generation, broken ? wanted : events[i].events & wanted, registration->second.priority});
     }
-    std::stable_sort(collected.begin(), collected.end(),
-                     [](const Event& left, const Event& right) { return left.priority < right.priority; });
+    return ready;
 }
 
-void Runner::callSockets() {
+/// Urgent sockets come first, and are looked at again before each other one but the first.
+void Runner::callSockets(std::vector<Event> ready) {
+    std::stable_sort(ready.begin(), ready.end(),
+                     [](const Event& left, const Event& right) { return left.priority < right.priority; });
     const std::uint64_t limit = clock.now() + turnLimit;
-    for (std::size_t i = 0; i < collected.size() && (i == 0 || clock.now() < limit); ++i) {
-        const Event event = collected[i];
-        const auto registration = sockets.find(event.fd);
-        if (registration == sockets.end() || registration->second.generation != event.generation) continue;
-        const Registration target = registration->second;
-        const LogBatch lines;
-        target.callback(target.object, event.fd, event.events);
+    bool isFirst = true;
+    for (std::size_t i = 0; i < ready.size() && (i == 0 || clock.now() < limit); ++i) {
+        if (ready[i].priority == Priority::normal && !std::exchange(isFirst, false))
+            for (const Event& event : readySockets(urgent, 0)) call(event);
+        call(ready[i]);
     }
+}
+
+void Runner::call(const Event& event) {
+    const auto registration = sockets.find(event.fd);
+    if (registration == sockets.end() || registration->second.generation != event.generation) return;
+    const Registration target = registration->second;
+    const LogBatch lines;
+    target.callback(target.object, event.fd, event.events);
 }
 
 void Runner::callTimers() {

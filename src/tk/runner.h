@@ -41,8 +41,8 @@ class Runner {
 public:
     using SocketCallback = void (*)(void* object, int fd, std::uint32_t events);
     using TimerCallback = void (*)(void* object);
-    /// In each turn urgent sockets are served before all others: the bus, signals, and listeners, whose queue
-    /// in the kernel is short.
+    /// Whatever is urgent is served before any other socket: the bus, signals, and listeners, whose queue in the
+    /// kernel is short.
     enum class Priority : std::uint8_t { urgent, normal };
 
     /// At first nothing is watched and no timer is armed.
@@ -137,15 +137,16 @@ private:
         (static_cast<T*>(object)->*member)();
     }
 
-    void collect(int limitMilliseconds);
-    void callSockets();
+    std::vector<Event> readySockets(const Fd& set, int limitMilliseconds) const;
+    void callSockets(std::vector<Event> ready);
+    void call(const Event& event);
     void callTimers();
 
     const Clock& clock;
-    Fd epoll;
+    Fd epoll;   // all sockets
+    Fd urgent;  // the urgent ones once more, to look at them alone
     std::unordered_map<int, Registration> sockets;
     std::uint32_t generations = 0;
-    std::vector<Event> collected;
     std::map<TimerKey, Due> timers;
     std::set<Due> queue;
     std::uint64_t orders = 0;

@@ -10,6 +10,8 @@
 
 #include <gmock/gmock.h>
 
+#include "tk/log.h"
+#include "tk/testing/capturedoutput.h"
 #include "tk/testing/runnertest.h"
 
 namespace tk {
@@ -100,8 +102,71 @@ TEST_F(RunnerSockets, WhatIsUrgentIsServedFirst) {
     watch(pairs[2].near.get(), first);
     watch(pairs[3].near.get(), third, Runner::Priority::urgent);
     for (const Pair& pair : pairs) pair.feed();
+    second.then = [this] { runner.removeSocket(second.descriptor); };
+    third.then = [this] { runner.removeSocket(third.descriptor); };
     runner.turn(0);
     EXPECT_THAT(calls, ElementsAre("second", "third", "first", "first"));
+}
+
+TEST_F(RunnerSockets, WhatGetsUrgentMeanwhileIsServedBetweenTwoOthers) {
+    const Pair listener, pairs[3];
+    watch(listener.near.get(), second, Runner::Priority::urgent);
+    for (const Pair& pair : pairs) {
+        watch(pair.near.get(), first);
+        pair.feed();
+    }
+    first.then = [&] {
+        runner.removeSocket(first.descriptor);
+        if (calls.size() == 1) listener.feed();
+    };
+    second.then = [&] { runner.removeSocket(listener.near.get()); };
+    runner.turn(0);
+    EXPECT_THAT(calls, ElementsAre("first", "second", "first", "first"));
+}
+
+TEST_F(RunnerSockets, ThatAreNoLongerUrgentAreCalledOnceATurn) {
+    const Pair former, pairs[2];
+    watch(former.near.get(), second, Runner::Priority::urgent);
+    watch(former.near.get(), second);
+    former.feed();
+    for (const Pair& pair : pairs) {
+        watch(pair.near.get(), first);
+        pair.feed();
+    }
+    runner.turn(0);
+    EXPECT_THAT(calls, ElementsAre("second", "first", "first"));
+}
+
+TEST_F(RunnerSockets, ForgottenJustBeforeTheyCloseAreNotCalled) {
+    Pair pair;
+    watch(pair.near.get(), first);
+    pair.feed();
+    runner.forgetSocket(pair.near.get());
+    EXPECT_EQ(runner.socketCount(), 0U);
+    pair.near.reset();
+    runner.turn(0);
+    EXPECT_TRUE(calls.empty());
+}
+
+TEST_F(RunnerSockets, LinesOfACallGoOutAtItsEnd) {
+    const Pair pairs[2];
+    for (const Pair& pair : pairs) {
+        watch(pair.near.get(), first);
+        pair.feed();
+    }
+    std::string before, between;
+    const tk::testing::CapturedOutput output;
+    first.then = [&] {
+        runner.removeSocket(first.descriptor);
+        if (calls.size() == 2) between = output.text();
+        log("one");
+        log("two");
+        if (calls.size() == 1) before = output.text();
+    };
+    runner.turn(0);
+    EXPECT_EQ(before, "");
+    EXPECT_EQ(between, "one\ntwo\n");
+    EXPECT_EQ(output.text(), "one\ntwo\none\ntwo\n");
 }
 
 TEST_F(RunnerSockets, ThatTakeLongLeaveTheRestOfTheTurnToTimersAndTheNextTurnToTheOthers) {
