@@ -111,6 +111,28 @@ class Place:
             process.wait(labs.PATIENCE)
 
 
+@contextlib.contextmanager
+def awake():
+    """Keeps all cores from halting until the block ends, by a loop on each that yields to every other program. What it
+    takes to wake a halted virtual core is the host's affair: it depends on how long the core has slept, and is more than
+    all that is measured here."""
+    loops = [subprocess.Popen([sys.executable, "-c", "while True: pass"], preexec_fn=idle_on(core)) for core in CORES]
+    try:
+        yield
+    finally:
+        for loop in loops:
+            loop.terminate()
+            loop.wait()
+
+
+def idle_on(core):
+    """Binds the process that calls the result to a core, where it runs only when nothing else does."""
+    def become():
+        os.sched_setaffinity(0, [core])
+        os.sched_setscheduler(0, os.SCHED_IDLE, os.sched_param(0))
+    return become
+
+
 def stay_on(cores):
     """Binds the process that calls the result, and what it becomes, to the cores."""
     return lambda: os.sched_setaffinity(0, cores)
