@@ -285,6 +285,9 @@ void changeElements(Batch& batch, Change change, std::span<const Element> elemen
         const TargetBytes target = bytesOf(element.target);
         put(set, bytesOf(element.key), change == Change::add ? &target : nullptr);  // a removal names the key
     });
+}
+
+void changeLive(Batch& batch, Change change, std::span<const Element> elements) {
     changeSet(batch, change, nft::live, elements, [](const SetObject& set, const Element& element) {
         put(set, LiveBytes{bytesOf(element.key), bytesOf(element.target)});
     });

@@ -46,7 +46,6 @@ struct GuardConfig {
 //             type filter hook forward priority filter - 10
 //             ct label 116 ct original ip daddr . ct protocol . ct original proto-dst .
 //                 ct reply ip saddr . ct reply proto-src != @live goto ended
-//             ct label 116 ct reply ip saddr != @inside goto ended
 //         }
 //         chain ended {
 //             ct direction original limit rate 1000/second <destination as it came>
@@ -104,9 +103,10 @@ struct GuardConfig {
 //
 // Our chain comes after those of the usual priority, so a forward that somebody else made wins. Connections
 // that our chain translates bear a label, and the chain at forward lets them pass only while their rule is
-// live. So flows end with their rule, and flows left by an earlier process end unless their rule is back. The
-// chains ended and missed also log which entries must leave the kernel's connection table, so that the next
-// packet takes the right way.
+// live. So flows end with their rule, and flows left by an earlier process end unless their rule is back.
+// Where targets are checked, only rules whose target is inside are live: each packet of a flow passes here,
+// and one look-up is enough. The chains ended and missed also log which entries must leave the kernel's
+// connection table, so that the next packet takes the right way.
 //
 // The chain postrouting serves a host that reaches another one in its own network by the router's external
 // address: the answer must come back through the router. The set hairpin pairs each inside interface with
@@ -141,8 +141,10 @@ enum class Change : std::uint8_t { add, remove };
 
 // Append the addition or removal of entries of a set.
 
-/// Elements of the map dstnat and of the set live.
+/// Elements of the map dstnat.
 void changeElements(Batch& batch, Change change, std::span<const Element> elements);
+/// Elements of the set live.
+void changeLive(Batch& batch, Change change, std::span<const Element> elements);
 /// Interfaces in the set for hairpin connections, by index.
 void changeHairpins(Batch& batch, Change change, std::span<const std::uint32_t> indexes);
 /// Ranges of addresses in the set inside.

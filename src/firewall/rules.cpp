@@ -162,16 +162,10 @@ void addFlowEnd(Batch& batch) {
 }
 
 void addStrayEnd(Batch& batch) {
-    RuleBuilder outside(nft::forward);
-    outside.hasLabel(translatedLabel);
-    outside.reply(NFT_CT_SRC_IP, firstPart);
-    outside.isNotIn(nft::inside);
-    outside.goTo(nft::ended);
-    outside.appendTo(batch);
-    RuleBuilder own(nft::missed);
-    own.hasLabel(translatedLabel);
-    own.goTo(nft::ended);
-    own.appendTo(batch);
+    RuleBuilder rule(nft::missed);
+    rule.hasLabel(translatedLabel);
+    rule.goTo(nft::ended);
+    rule.appendTo(batch);
 }
 
 /// While a client keeps sending, the kernel would keep the flow's entry and lead the flow to the former

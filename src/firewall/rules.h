@@ -44,8 +44,8 @@ void addHairpinReturn(Batch& batch);
 
 /// Appends the rule of the forward chain that ends a connection with the label but without a live rule.
 void addFlowEnd(Batch& batch);
-/// Appends a rule to the forward chain and one to the input chain: a translated connection ends when its
-/// target is no longer inside, or has become the router itself.
+/// Appends the rule of the input chain that ends a translated connection whose target has become the router
+/// itself.
 void addStrayEnd(Batch& batch);
 
 /// Appends the rules of the chain for flows that have ended.

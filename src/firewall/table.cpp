@@ -1,5 +1,6 @@
 #include "firewall/table.h"
 
+#include <arpa/inet.h>
 #include <errno.h>
 #include <linux/netlink.h>
 #include <sys/socket.h>
@@ -45,6 +46,15 @@ template <typename List>
 auto without(const List& left, const List& right) {
     std::vector<typename List::value_type> out;
     std::set_difference(left.begin(), left.end(), right.begin(), right.end(), std::back_inserter(out));
+    return out;
+}
+
+/// The elements whose target is in the ranges, or those whose target is not.
+std::vector<Element> leading(bool isInside, std::span<const Element> elements,
+                             const std::vector<links::AddressRange>& ranges) {
+    std::vector<Element> out;
+    for (const Element& element : elements)
+        if (links::contains(ranges, ntohl(element.target.address)) == isInside) out.push_back(element);
     return out;
 }
 
@@ -101,6 +111,12 @@ void Table::addEnds(Batch& batch) const {
     if (checksTargets) addStrayEnd(batch);
 }
 
+/// The elements whose flows may go on. As packets are compared with these alone, they follow what is inside.
+std::vector<Element> Table::live(std::span<const Element> elements) const {
+    if (!checksTargets) return {elements.begin(), elements.end()};
+    return leading(true, elements, inside.addresses);
+}
+
 /// What the table consists of, in the order in which it is made. The chains that end flows come last, when
 /// everything that flows are compared with is there.
 std::vector<Table::Fill> Table::pieces() const {
@@ -122,7 +138,11 @@ std::vector<Table::Fill> Table::pieces() const {
     }
     cut(listOf(inside.interfaces), out, &changeHairpins);
     cut(inside.addresses, out, &changeInside);
-    if (owner) cut(owner->elements(), out, &changeElements);
+    if (owner) {
+        const std::vector<Element> all = owner->elements();
+        cut(all, out, &changeElements);
+        cut(live(all), out, &changeLive);
+    }
     if (endsFlows) out.emplace_back([this](Batch& batch) { addEnds(batch); });
     return out;
 }
@@ -200,6 +220,8 @@ tk::Status Table::commit(std::span<const Element> removed, std::span<const Eleme
     return change([&](Batch& batch) {
         changeElements(batch, Change::remove, removed);
         changeElements(batch, Change::add, added);
+        changeLive(batch, Change::remove, live(removed));
+        changeLive(batch, Change::add, live(added));
     });
 }
 
@@ -213,16 +235,22 @@ void Table::guardUser(std::uint32_t user) {
     guarded.insert(user);
 }
 
+void Table::addInside(Batch& batch, const links::Inside& now) const {
+    changeHairpins(batch, Change::remove, without(inside.interfaces, now.interfaces));
+    changeHairpins(batch, Change::add, without(now.interfaces, inside.interfaces));
+    changeInside(batch, Change::remove, without(inside.addresses, now.addresses));
+    changeInside(batch, Change::add, without(now.addresses, inside.addresses));
+    if (!checksTargets || !owner) return;
+    const std::vector<Element> all = owner->elements();
+    const std::vector<Element> lost = leading(false, leading(true, all, inside.addresses), now.addresses);
+    const std::vector<Element> gained = leading(true, leading(false, all, inside.addresses), now.addresses);
+    changeLive(batch, Change::remove, lost);
+    changeLive(batch, Change::add, gained);
+}
+
 void Table::insideChanged(const links::Inside& now) {
     if (!socket.isOpen() || now == inside) return;
-    insist(
-        [&](Batch& batch) {
-            changeHairpins(batch, Change::remove, without(inside.interfaces, now.interfaces));
-            changeHairpins(batch, Change::add, without(now.interfaces, inside.interfaces));
-            changeInside(batch, Change::remove, without(inside.addresses, now.addresses));
-            changeInside(batch, Change::add, without(now.addresses, inside.addresses));
-        },
-        "nat: what is inside cannot be set");
+    insist([&](Batch& batch) { addInside(batch, now); }, "nat: what is inside cannot be set");
     inside = now;
 }
 

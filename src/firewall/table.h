@@ -40,7 +40,8 @@ public:
 /// When the kernel does not tell the outcome of a change, the tables are made again as they were before it.
 class Table final : public Kernel, public links::InsideWatcher {
 public:
-    /// `checksTargets`: connections are ended when their target is not inside.
+    /// `checksTargets`: connections are ended when their target is not inside, or has become the
+    /// router itself.
     explicit Table(const GuardConfig& guard = {}, bool checksTargets = true)
         : guard(guard), checksTargets(checksTargets) {}
     Table(const Table&) = delete;
@@ -64,8 +65,9 @@ public:
 
     /// Lets a user's processes send only to hosts inside, for as long as the table exists.
     void guardUser(std::uint32_t user);
-    /// Lets guarded users send only to these addresses, and lets a connection leave by the interface it came
-    /// in by only where that is one of these interfaces.
+    /// Lets guarded users send only to these addresses, ends the flows that lead elsewhere where targets are
+    /// checked, and lets a connection leave by the interface it came in by only where that is one of these
+    /// interfaces.
     void insideChanged(const links::Inside& now) override;
 
 private:
@@ -73,6 +75,8 @@ private:
 
     tk::Status whyNotMade(const tk::Status& result);
     void addEnds(Batch& batch) const;
+    void addInside(Batch& batch, const links::Inside& now) const;
+    [[nodiscard]] std::vector<Element> live(std::span<const Element> elements) const;
     [[nodiscard]] std::vector<Fill> pieces() const;
     tk::Status send(std::span<const Fill> fills);
     tk::Status make();

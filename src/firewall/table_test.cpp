@@ -135,6 +135,7 @@ TEST_F(TableTest, LetsFlowsPassUntilItIsToldToEndThem) {
 }
 
 TEST_F(TableTest, WhatIsLiveIsWhatIsMapped) {
+    table->insideChanged({{}, {lan}});
     EXPECT_EQ(commit({}, {element(80)}), "");
     EXPECT_EQ(liveText(), "elements = { 198.51.100.1 . tcp . 80 . 192.0.2.2 . 8080 }");
     EXPECT_EQ(commit({element(80)}, {element(80, "192.0.2.3", 81)}), "");
@@ -142,6 +143,53 @@ TEST_F(TableTest, WhatIsLiveIsWhatIsMapped) {
     EXPECT_EQ(commit({}, {element(81), element(80)}), "File exists");
     EXPECT_EQ(liveText(), "elements = { 198.51.100.1 . tcp . 80 . 192.0.2.3 . 81 }");
     EXPECT_EQ(commit({element(80, "192.0.2.3", 81)}, {}), "");
+    EXPECT_EQ(liveText(), "");
+}
+
+TEST_F(TableTest, OnlyWhatLeadsInsideIsLive) {
+    const std::string first = "elements = { 198.51.100.1 . tcp . 80 . 192.0.2.2 . 8080 }";
+    const std::string second = "elements = { 198.51.100.1 . tcp . 81 . 10.0.0.2 . 8080 }";
+    EXPECT_EQ(commit({}, {element(80), element(81, "10.0.0.2")}), "");
+    EXPECT_EQ(liveText(), "");
+    table->insideChanged({{}, {lan}});
+    EXPECT_EQ(liveText(), first);
+    table->insideChanged({{}, {{0x0A000000, 0x0A0000FF}}});
+    EXPECT_EQ(liveText(), second);
+    EXPECT_EQ(commit({element(80)}, {element(80, "10.0.0.3")}), "");
+    EXPECT_EQ(count(liveText(), " . tcp . "), 2);
+    EXPECT_EQ(commit({element(80, "10.0.0.3")}, {element(80)}), "");
+    EXPECT_EQ(liveText(), second);
+    fillSocket();
+    table->insideChanged({{}, {lan}});
+    EXPECT_EQ(liveText(), first);
+    table->insideChanged({});
+    EXPECT_EQ(liveText(), "");
+    EXPECT_EQ(commit({element(80), element(81, "10.0.0.2")}, {}), "");
+    EXPECT_EQ(mapText(), "");
+}
+
+TEST_F(TableTest, WhatIsLiveFollowsASecondLaterWhereTheKernelRefusedIt) {
+    EXPECT_EQ(commit({}, {element(80)}), "");
+    limitSending(1);
+    table->insideChanged({manyIndexes(), {lan}});
+    limitSending(1024 * 1024);
+    EXPECT_EQ(liveText(), "");
+    loop.advance(100);
+    EXPECT_EQ(liveText(), "elements = { 198.51.100.1 . tcp . 80 . 192.0.2.2 . 8080 }");
+}
+
+TEST_F(TableTest, EverythingIsLiveWhereTargetsAreNotChecked) {
+    table = nullptr;
+    table = std::make_unique<Table>(GuardConfig{}, /*checksTargets=*/false);
+    table->setOwner(rules);
+    ASSERT_EQ(table->open().reason(), "");
+    const std::string all = "elements = { 198.51.100.1 . tcp . 80 . 192.0.2.2 . 8080 }";
+    EXPECT_EQ(commit({}, {element(80)}), "");
+    EXPECT_EQ(liveText(), all);
+    table->insideChanged({{}, {lan}});
+    table->insideChanged({});
+    EXPECT_EQ(liveText(), all);
+    EXPECT_EQ(commit({element(80)}, {}), "");
     EXPECT_EQ(liveText(), "");
 }
 
