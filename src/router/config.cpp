@@ -230,6 +230,16 @@ tk::Result<Config> parseConfig(const std::string& text, const std::string& name)
                                std::string(parsed.error().description()));
 }
 
+namespace {
+
+bool isNamed(const Config& config, std::uint32_t program) {
+    return std::any_of(config.users.begin(), config.users.end(), [program](const auto& rights) {
+        return std::find(rights.programs.begin(), rights.programs.end(), program) != rights.programs.end();
+    });
+}
+
+}  // namespace
+
 void runAsRouter(Config& config) {
     for (hub::ProgramConfig& program : config.programs) {
         if (program.user || !program.unit.empty()) continue;
@@ -238,13 +248,13 @@ void runAsRouter(Config& config) {
     }
 }
 
-void nameUsualUser(Config& config, std::uint32_t program, const std::string& name) {
-    const bool isNamed = std::any_of(config.users.begin(), config.users.end(), [program](const auto& rights) {
-        return std::find(rights.programs.begin(), rights.programs.end(), program) != rights.programs.end();
-    });
-    const std::optional<tk::Account> user = tk::findAccount(name);
-    if (isNamed || !user) return;
-    config.users.push_back({user->uid, {program}});
+void nameUsualUsers(Config& config, const std::vector<UsualUser>& usual) {
+    std::vector<std::string> names;
+    for (const UsualUser& each : usual) names.push_back(each.name);
+    const std::vector<std::optional<uid_t>> found = tk::findUsers(names);
+    for (std::size_t i = 0; i < usual.size(); ++i)
+        if (found[i] && !isNamed(config, usual[i].program))
+            config.users.push_back({*found[i], {usual[i].program}});
 }
 
 tk::Result<Config> readConfig(const std::string& path, bool mayBeAbsent) {

@@ -33,9 +33,15 @@ struct Config {
 /// root. A unit names its own user.
 void runAsRouter(Config& config);
 
-/// Lets the user `name` register the program, if the system has that user: a program that root starts may
-/// become the user of its own name. Does nothing when the configuration names somebody for the program.
-void nameUsualUser(Config& config, std::uint32_t program, const std::string& name);
+/// A program's number, and the name of the user that it may become when root starts it.
+struct UsualUser {
+    std::uint32_t program = 0;
+    std::string name;
+};
+
+/// Lets each of the users that the system has register its program. Leaves out programs for which the
+/// configuration names somebody.
+void nameUsualUsers(Config& config, const std::vector<UsualUser>& usual);
 
 /// Reads the configuration text. `name` is the name of the file, for the texts of errors.
 /// Errors: for text that is not TOML, for anything unknown or out of range, and for a user that the system

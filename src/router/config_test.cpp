@@ -218,15 +218,13 @@ TEST(UsualUser, MayBeTheProgramThatNobodyIsNamedFor) {
     const uid_t daemon = tk::findAccount("daemon")->uid;
     Config config;
     config.users = {{71, {80}}};
-    nameUsualUser(config, 80, "daemon");
-    EXPECT_EQ(config.users, (std::vector<hub::UserRights>{{71, {80}}}));
-    nameUsualUser(config, 14, "daemon");
+    nameUsualUsers(config, {{80, "root"}, {14, "daemon"}});
     EXPECT_EQ(config.users, (std::vector<hub::UserRights>{{71, {80}}, {daemon, {14}}}));
 }
 
 TEST(UsualUser, ThatTheSystemDoesNotKnowIsNone) {
     Config config;
-    nameUsualUser(config, 80, "no-such-user");
+    nameUsualUsers(config, {{80, "no-such-user"}});
     EXPECT_TRUE(config.users.empty());
 }
 

@@ -65,8 +65,8 @@ int serve(const std::string& configPath, bool mayBeAbsent) {
         return fail(isFree.reason());
     const bool drops = config.user && ::geteuid() == 0;
     if (drops) router::runAsRouter(config);
-    router::nameUsualUser(config, contract::program::gateway, "upnpd");
-    router::nameUsualUser(config, contract::program::resolver, "resolverd");
+    router::nameUsualUsers(
+        config, {{contract::program::gateway, "upnpd"}, {contract::program::resolver, "resolverd"}});
     hub::OwnProcesses own;
     // Starts programs as other users, whom this process can no longer become.
     hub::Launcher launcher;

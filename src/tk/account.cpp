@@ -55,26 +55,49 @@ bool setNoCapabilities() {
 
 namespace {
 
+using Names = std::vector<std::string>;
 using Ids = std::vector<gid_t>;
 static_assert(sizeof(uid_t) == sizeof(gid_t));
+constexpr gid_t none = static_cast<gid_t>(-1);
+constexpr const char* busGroup = "tk";
 
-/// A user's id, then its groups' ids, of which its own comes first; nothing for an unknown user.
-Ids askForUser(const char* name) {
+std::optional<gid_t> known(gid_t id) {
+    return id == none ? std::nullopt : std::optional(id);
+}
+
+Ids askForUsers(const Names& names) {
+    Ids ids;
+    for (const std::string& name : names) {
+        const passwd* entry = ::getpwnam(name.c_str());
+        ids.push_back(entry ? entry->pw_uid : none);
+    }
+    return ids;
+}
+
+Ids askForGroups(const Names& names) {
+    Ids ids;
+    for (const std::string& name : names) {
+        const group* entry = ::getgrnam(name.c_str());
+        ids.push_back(entry ? entry->gr_gid : none);
+    }
+    return ids;
+}
+
+/// The id of the one user, that of the bus's group, and then those of the user's groups, of which its own
+/// comes first; nothing for an unknown user.
+Ids askForAccount(const Names& names) {
+    const char* const name = names.front().c_str();
     const passwd* entry = ::getpwnam(name);
     if (!entry) return {};
     const uid_t user = entry->pw_uid;
     const gid_t own = entry->pw_gid;
     int count = 0;
     (void)::getgrouplist(name, own, nullptr, &count);  // fails, and gives their number
-    Ids ids(static_cast<std::size_t>(count) + 1, user);
-    if (::getgrouplist(name, own, ids.data() + 1, &count) < 0) return {};
-    ids.resize(static_cast<std::size_t>(count) + 1);
+    Ids groups(static_cast<std::size_t>(count));
+    if (::getgrouplist(name, own, groups.data(), &count) < 0) return {};
+    Ids ids = {user, askForGroups({busGroup}).front()};
+    ids.insert(ids.end(), groups.begin(), groups.begin() + count);
     return ids;
-}
-
-Ids askForGroup(const char* name) {
-    const group* entry = ::getgrnam(name);
-    return entry ? Ids{entry->gr_gid} : Ids();
 }
 
 bool writeAll(const Fd& target, const Ids& ids) {
@@ -97,35 +120,42 @@ Ids readAll(const Fd& source) {
 
 /// Asks in a child: the libraries in which the system looks names up would stay in this process, and take up
 /// more memory than much of its own code.
-Ids askInChild(Ids (*ask)(const char*), const std::string& name) {
+Ids askInChild(Ids (*ask)(const Names&), const Names& names) {
     int ends[2];
-    if (::pipe2(ends, O_CLOEXEC) != 0) return ask(name.c_str());
+    if (::pipe2(ends, O_CLOEXEC) != 0) return ask(names);
     const Fd source(ends[0]);
     Fd target(ends[1]);
     const pid_t child = ::fork();
-    if (child == 0) ::_exit(writeAll(target, ask(name.c_str())) ? 0 : 1);
+    if (child == 0) ::_exit(writeAll(target, ask(names)) ? 0 : 1);
     target.reset();
     Ids ids = readAll(source);
     int status = 0;
     const bool hasEnded = child > 0 && ::waitpid(child, &status, 0) == child;
-    return hasEnded && status == 0 ? ids : ask(name.c_str());
+    return hasEnded && status == 0 ? ids : ask(names);
 }
 
 }  // namespace
 
 std::optional<Account> findAccount(const std::string& name) {
-    const Ids ids = askInChild(&askForUser, name);
-    if (ids.size() < 2) return std::nullopt;
-    return Account{name, ids[0], ids[1], {ids.begin() + 1, ids.end()}};
+    const Ids ids = askInChild(&askForAccount, {name});
+    if (ids.size() < 3) return std::nullopt;
+    return Account{name, ids[0], ids[2], {ids.begin() + 2, ids.end()}, known(ids[1])};
+}
+
+std::vector<std::optional<uid_t>> findUsers(const std::vector<std::string>& names) {
+    std::vector<std::optional<uid_t>> users;
+    for (const uid_t id : askInChild(&askForUsers, names)) users.push_back(known(id));
+    users.resize(names.size());
+    return users;
 }
 
 std::optional<gid_t> findBusGroup() {
-    const Ids ids = askInChild(&askForGroup, "tk");
-    return ids.empty() ? std::nullopt : std::optional(ids.front());
+    const Ids ids = askInChild(&askForGroups, {busGroup});
+    return ids.empty() ? std::nullopt : known(ids.front());
 }
 
 Account inBusGroup(Account account) {
-    if (const std::optional<gid_t> bus = findBusGroup()) account.groups.push_back(*bus);
+    if (account.busGroup) account.groups.push_back(*account.busGroup);
     return account;
 }
 

@@ -15,21 +15,26 @@ struct Account {
     std::string name;
     uid_t uid = 0;
     gid_t gid = 0;
-    std::vector<gid_t> groups;  // all of them, `gid` included
+    std::vector<gid_t> groups;      // all of them, `gid` included
+    std::optional<gid_t> busGroup;  // that of findBusGroup(), as it was when the user was found
 
     bool operator==(const Account&) const = default;
 };
 
-// These two look names up in a child process, and wait for it. That may take long: the system may ask a server.
+// These look names up in a child process, one for each call, and wait for it. That may take long: the system
+// may ask a server.
 
 /// Looks up a user by name.
 /// Errors: empty when the system does not know the user.
 [[nodiscard]] std::optional<Account> findAccount(const std::string& name);
+/// Looks up the ids of users by their names: one for each, in order, and empty for one that the system does not
+/// know. Costs less than findAccount(), as the groups of a user are looked up in more places than the user.
+[[nodiscard]] std::vector<std::optional<uid_t>> findUsers(const std::vector<std::string>& names);
 /// The bus's group, "tk", whose members may connect to it.
 /// Errors: empty when the system does not have that group.
 [[nodiscard]] std::optional<gid_t> findBusGroup();
 
-/// The account, added to the bus's group if the system has that group.
+/// The account, added to the bus's group if the system had that group when the user was found.
 [[nodiscard]] Account inBusGroup(Account account);
 
 /// Makes the calling process run as that user, for good. Uses system calls only, so that it may be called

@@ -133,13 +133,28 @@ TEST(FindAccount, TellsTheUserWithItsGroups) {
         std::array<gid_t, 64> groups{};
         int count = groups.size();
         if (::getgrouplist("root", root->pw_gid, groups.data(), &count) < 0) return false;
-        return findAccount("root") ==
-               Account{"root", root->pw_uid, root->pw_gid, {groups.begin(), groups.begin() + count}};
+        return findAccount("root") == Account{"root",
+                                              root->pw_uid,
+                                              root->pw_gid,
+                                              {groups.begin(), groups.begin() + count},
+                                              findBusGroup()};
     }));
+}
+
+TEST(FindUsers, TellsWhichAreKnownInTheOrderOfTheNames) {
+    EXPECT_EQ(findUsers({"no-such-user", "root", "daemon"}),
+              (std::vector<std::optional<uid_t>>{std::nullopt, 0, findAccount("daemon")->uid}));
+    EXPECT_TRUE(findUsers({}).empty());
+}
+
+TEST(InBusGroup, AddsTheGroupThatWasFoundWithTheUser) {
+    EXPECT_EQ(inBusGroup({"a", 1, 2, {2}, 3}).groups, (std::vector<gid_t>{2, 3}));
+    EXPECT_EQ(inBusGroup({"a", 1, 2, {2}, {}}).groups, std::vector<gid_t>{2});
 }
 
 TEST(FindAccount, LeavesNoLibraryForNamesInTheProcess) {
     (void)findAccount("no-such-user");
+    (void)findUsers({"no-such-user"});
     (void)findBusGroup();
     std::ifstream maps("/proc/self/maps");
     const std::string text(std::istreambuf_iterator<char>(maps), {});
