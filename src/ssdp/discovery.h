@@ -44,6 +44,8 @@ public:
 private:
     SSDPHost& host;
     AdvertTargets advertTargets;
+    std::string answersBegin;          // kept, as it changes only with the address
+    std::uint32_t answersAddress = 0;  // for which that is
 };
 
 /// Multicasts one NOTIFY for each entry of `table`, in order, from the interface's SSDP socket: ssdp:byebye

@@ -25,15 +25,15 @@ const AdvertTargets table = {
 
 class FakeHost final : public SSDPHost {
 public:
-    SSDPInterface findInterface(int socket) override { return {socket, inet_addr("192.0.2.1"), deviceName}; }
+    SSDPInterface findInterface(int socket) override { return {socket, inet_addr(address), deviceName}; }
 
+    const char* address = "192.0.2.1";
     std::string deviceName = "lo";
 };
 
-std::string answer(const std::string& st, const std::string& usn) {
-    return "HTTP/1.1 200 OK\r\nCACHE-CONTROL: max-age=3600\r\nEXT: \r\n"
-           "LOCATION: http://192.0.2.1:2828/gateway.xml\r\nSERVER: " +
-           serverString + "\r\nST: " + st + "\r\nUSN: " + usn + "\r\n\r\n";
+std::string answer(const std::string& st, const std::string& usn, const std::string& address = "192.0.2.1") {
+    return "HTTP/1.1 200 OK\r\nCACHE-CONTROL: max-age=3600\r\nEXT: \r\nLOCATION: http://" + address +
+           ":2828/gateway.xml\r\nSERVER: " + serverString + "\r\nST: " + st + "\r\nUSN: " + usn + "\r\n\r\n";
 }
 
 std::string search(const std::string& st) {
@@ -99,6 +99,13 @@ TEST_F(Search, ForOneTypeAnswersExactlyItsEntries) {
     EXPECT_EQ(ask(search("upnp:rootdevice")),
               std::vector<std::string>{answer("upnp:rootdevice", "uuid:R::upnp:rootdevice")});
     EXPECT_EQ(ask(search("urn:schemas-upnp-org:service:B:1")).size(), 2u);
+}
+
+TEST_F(Search, IsAnsweredWithTheAddressOfTheInterfaceThatItCameFrom) {
+    for (const char* address : {"192.0.2.1", "192.0.2.129", "192.0.2.1"}) {
+        host.address = address;
+        EXPECT_EQ(ask(search("uuid:R")), std::vector<std::string>{answer("uuid:R", "uuid:R", address)});
+    }
 }
 
 TEST_F(Search, ForAnUnknownTypeAnswersNothing) {
