@@ -6,6 +6,7 @@
 #include <grp.h>
 #include <linux/capability.h>
 #include <pwd.h>
+#include <signal.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -50,10 +51,6 @@ bool setNoCapabilities() {
     const __user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3] = {};
     return ::syscall(SYS_capset, &header, none) == 0;
 }
-
-}  // namespace
-
-namespace {
 
 using Names = std::vector<std::string>;
 using Ids = std::vector<gid_t>;
@@ -103,7 +100,7 @@ Ids askForAccount(const Names& names) {
 bool writeAll(const Fd& target, const Ids& ids) {
     const auto* bytes = reinterpret_cast<const char*>(ids.data());
     for (std::size_t left = ids.size() * sizeof ids[0]; left > 0;) {
-        const ssize_t count = ::write(target.get(), bytes, left);
+        const ssize_t count = TEMP_FAILURE_RETRY(::write(target.get(), bytes, left));
         if (count < 0) return false;
         bytes += count;
         left -= static_cast<std::size_t>(count);
@@ -114,8 +111,28 @@ bool writeAll(const Fd& target, const Ids& ids) {
 Ids readAll(const Fd& source) {
     Ids ids;
     gid_t id = 0;
-    while (::read(source.get(), &id, sizeof id) == ssize_t{sizeof id}) ids.push_back(id);
+    while (TEMP_FAILURE_RETRY(::read(source.get(), &id, sizeof id)) == ssize_t{sizeof id}) ids.push_back(id);
     return ids;
+}
+
+/// Makes a forked child that only looks names up let go of everything of its parent's: a socket that it kept
+/// would live on with it, should a server of names never answer. It ends with its parent, and by any signal.
+void standAlone(pid_t parent, const Fd& kept) {
+    constexpr unsigned firstOther = STDERR_FILENO + 1;
+    const auto number = static_cast<unsigned>(kept.get());
+    if (number > firstOther) (void)::close_range(firstOther, number - 1, 0);
+    (void)::close_range(number + 1, ~0U, 0);
+    sigset_t nothing;
+    sigemptyset(&nothing);
+    (void)::sigprocmask(SIG_SETMASK, &nothing, nullptr);
+    (void)::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (::getppid() != parent) ::_exit(1);  // it ended before that was in force
+}
+
+[[noreturn]] void answerAsChild(pid_t parent, const Fd& target, Ids (*ask)(const Names&),
+                                const Names& names) {
+    standAlone(parent, target);
+    ::_exit(writeAll(target, ask(names)) ? 0 : 1);
 }
 
 /// Asks in a child: the libraries in which the system looks names up would stay in this process, and take up
@@ -125,12 +142,13 @@ Ids askInChild(Ids (*ask)(const Names&), const Names& names) {
     if (::pipe2(ends, O_CLOEXEC) != 0) return ask(names);
     const Fd source(ends[0]);
     Fd target(ends[1]);
+    const pid_t parent = ::getpid();
     const pid_t child = ::fork();
-    if (child == 0) ::_exit(writeAll(target, ask(names)) ? 0 : 1);
+    if (child == 0) answerAsChild(parent, target, ask, names);
     target.reset();
     Ids ids = readAll(source);
     int status = 0;
-    const bool hasEnded = child > 0 && ::waitpid(child, &status, 0) == child;
+    const bool hasEnded = child > 0 && TEMP_FAILURE_RETRY(::waitpid(child, &status, 0)) == child;
     return hasEnded && status == 0 ? ids : ask(names);
 }
 

@@ -21,8 +21,8 @@ struct Account {
     bool operator==(const Account&) const = default;
 };
 
-// These look names up in a child process, one for each call, and wait for it. That may take long: the system
-// may ask a server.
+// The next three look names up in a child process, one for each call, or in this one where that fails. They
+// wait for it, which may take long: the system may ask a server.
 
 /// Looks up a user by name.
 /// Errors: empty when the system does not know the user.
