@@ -45,13 +45,18 @@ Runner::~Runner() = default;
 void Runner::addSocket(int fd, void* object, SocketCallback callback, std::uint32_t events,
                        Priority priority) {
     if (fd < 0) return;
+    const auto former = sockets.find(fd);
+    const bool wasUrgent = former != sockets.end() && former->second.priority == Priority::urgent;
     const std::uint32_t generation = ++generations;
     sockets.insert_or_assign(fd, Registration{generation, object, callback, events, priority});
     epoll_event event{};
     event.events = events;
     event.data.u64 = static_cast<std::uint64_t>(generation) << 32 | static_cast<std::uint32_t>(fd);
     put(epoll, fd, event);
-    if (priority == Priority::urgent) put(urgent, fd, event);
+    if (priority == Priority::urgent)
+        put(urgent, fd, event);
+    else if (wasUrgent)
+        epoll_ctl(urgent.get(), EPOLL_CTL_DEL, fd, nullptr);
 }
 
 void Runner::removeSocket(int fd) {

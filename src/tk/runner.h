@@ -41,8 +41,8 @@ class Runner {
 public:
     using SocketCallback = void (*)(void* object, int fd, std::uint32_t events);
     using TimerCallback = void (*)(void* object);
-    /// Whatever is urgent is served before any other socket: the bus, signals, and listeners, whose queue in the
-    /// kernel is short.
+    /// Whatever is urgent is served before any other socket, and so perhaps several times a turn: the bus,
+    /// signals, and listeners, whose queue in the kernel is short.
     enum class Priority : std::uint8_t { urgent, normal };
 
     /// At first nothing is watched and no timer is armed.
@@ -59,8 +59,8 @@ public:
                    Priority priority = Priority::normal);
     /// Stops watching a descriptor; call before it is closed. An unknown one is no error.
     void removeSocket(int fd);
-    /// The same for a descriptor that is closed at once, which makes the kernel stop. No other descriptor of any
-    /// process may refer to the same socket.
+    /// The same for a descriptor that is closed before the next turn, which makes the kernel stop. No other
+    /// descriptor of any process may refer to the same socket.
     void forgetSocket(int fd) { sockets.erase(fd); }
 
     /// Calls `callback` once, `ticks` from now. A timer of the same object and callback is replaced.
@@ -91,7 +91,7 @@ public:
 
     /// One turn: waits for the first event or timer, at most `limitMilliseconds` (-1: without limit), then
     /// calls everything that is due: sockets, then timers. A socket that is registered during the turn waits
-    /// for the next one, and so does a timer that a timer's callback arms.
+    /// for the next one, unless it is urgent, and so does a timer that a timer's callback arms.
     void turn(int limitMilliseconds);
 
     /// The time by the runner's clock.

@@ -67,7 +67,7 @@ public:
         watched = -1;
     }
 
-    /// The same just before the descriptor is closed, at less cost; see Runner::forgetSocket().
+    /// Ends the watch of a descriptor that is closed next, at less cost; see Runner::forgetSocket().
     void endWithSocket() {
         if (watched >= 0) whose().forgetSocket(watched);
         watched = -1;
