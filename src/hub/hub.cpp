@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "tk/frame.h"
+#include "tk/log.h"
 #include "tk/names.h"
 
 namespace hub {
@@ -44,6 +45,7 @@ void Hub::turnAway(const tk::Fd& socket, uid_t user, std::uint32_t code, const s
     tk::stamp(told, {tk::program::hub}, 0, tk::Kind::error, 0);
     trace(told);
     std::string frame;
+    (void)tk::flushLog();
     // The socket is new: either the frame fits its buffer, or the peer is gone and misses nothing.
     if (tk::appendFrame(frame, told))
         (void)::send(socket.get(), frame.data(), frame.size(), MSG_NOSIGNAL | MSG_DONTWAIT);

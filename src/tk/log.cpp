@@ -63,13 +63,11 @@ std::size_t writeLength(const std::string& text) {
 /// Writes some of the lines. False when they must wait.
 bool writeSome(std::string& text) {
     if (!writable()) return false;
-    const ssize_t written = ::write(STDOUT_FILENO, text.data(), writeLength(text));
-    if (written < 0) {
-        if (errno == EAGAIN || errno == EINTR) return false;
-        text.clear();  // there is no reader any more
-        return true;
-    }
-    text.erase(0, static_cast<std::size_t>(written));
+    const std::size_t length = writeLength(text);
+    const ssize_t written = ::write(STDOUT_FILENO, text.data(), length);
+    if (written < 0 && (errno == EAGAIN || errno == EINTR)) return false;
+    // After any other error these lines are lost: the reader is gone, or a disk is full.
+    text.erase(0, written < 0 ? length : static_cast<std::size_t>(written));
     return true;
 }
 

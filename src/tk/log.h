@@ -9,16 +9,16 @@ namespace tk {
 
 /// Writes one log line to standard output: the text as printable() makes it, and a line end. A line of more
 /// than 4 KiB is cut, and says so at its end.
-/// The line goes out whole, at once or with its batch. A reader that stalls never stops the program: lines wait in a bounded
-/// queue. Those that find it full are dropped; a line of its own gives their number once there is room.
+/// The line goes out whole, at once or with its batch. A reader that stalls never stops the program: lines
+/// wait in a bounded queue. Those that find it full are dropped; a line of its own gives their number once there is room.
 void logLine(std::string_view text);
 
 /// Writes the lines that wait, as far as the reader takes them. True when none waits any more. Call it before
 /// something leaves the process by which others can tell that a line is due.
 bool flushLog();
 
-/// Gathers the lines that are logged while it exists, so that many cost one write. They go out at its end, or
-/// with flushLog().
+/// Gathers the lines that are logged while it exists, so that many cost one write. They go out at its end, with
+/// flushLog(), or when there are more than one write takes. A process that is killed loses those of its batch.
 class LogBatch {
 public:
     LogBatch();

@@ -48,6 +48,7 @@ tk::Fd startConnecting(std::uint32_t address, std::uint16_t port) {
     target.sin_family = AF_INET;
     target.sin_port = htons(port);
     target.sin_addr.s_addr = address;
+    (void)tk::flushLog();
     if (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&target), sizeof target) == 0)
         return socket;
     if (errno == EINPROGRESS) return socket;
@@ -176,6 +177,7 @@ void Service::Event::replied(int, std::uint32_t) {
     }
     const HTTPMessage reply(std::string_view(bytes, static_cast<std::size_t>(length)));
     if (slice(reply.title, statusOffset, statusLength) != "200") tk::log("bad notify reply: ", reply.title);
+    (void)tk::flushLog();
     finish();  // deletes this
 }
 
