@@ -47,13 +47,12 @@ void entityDeclared(void* user, const XML_Char*, int, const XML_Char*, int, cons
 }
 
 /// Keys the tokeniser's tables, so that no peer can choose names that collide. One key for all documents: the
-/// tokeniser would ask the kernel for each. 0 means that it asks.
+/// tokeniser would ask the kernel for each. 0 means that it asks, as long as the kernel has no random numbers
+/// without waiting.
 unsigned long secretKey() {
-    static const unsigned long key = [] {
-        unsigned long bytes = 0;
-        const bool isWhole = ::getrandom(&bytes, sizeof bytes, 0) == ssize_t{sizeof bytes};
-        return isWhole ? bytes : 0;
-    }();
+    static unsigned long key = 0;
+    unsigned long drawn = 0;
+    if (key == 0 && ::getrandom(&drawn, sizeof drawn, GRND_NONBLOCK) == ssize_t{sizeof drawn}) key = drawn;
     return key;
 }
 
