@@ -80,6 +80,7 @@ def system_calls():
             for program, calls in counted(place, request, options).items():
                 if calls:
                     found[name, program] = calls
+    assert found.keys() >= CALL_LIMITS.keys(), f"nothing was counted for {CALL_LIMITS.keys() - found.keys()}"
     return found
 
 

@@ -98,7 +98,7 @@ def limit_in_words(figure):
     if figure.limit is None:
         return ""
     limit = in_words(figure.limit)
-    return f"{limit} x" if figure.is_limited_by_ratio else f"{limit} {figure.unit}"
+    return f"{limit} x" if figure.is_limited_by_ratio else f"{limit} {figure.unit}".strip()
 
 
 def row(figure):
