@@ -20,6 +20,8 @@ ACTIONS = ("AddPortMapping", "GetSpecificPortMappingEntry", "DeletePortMapping")
 
 
 def measure(_):
+    with gateway(1) as alone:
+        yield against_plain_request(alone)
     with gateway(1) as one, gateway(1) as busy, gateway(0) as many:
         filled = 0
         for count in COUNTS:
@@ -27,7 +29,6 @@ def measure(_):
             filled = count
             yield from compare(f"at {count:,} mappings", many, one, limited=count == COUNTS[-1])
             yield enumeration(many, count)
-        yield against_plain_request(one)
         track(busy, CONNECTIONS)
         yield from compare(f"with {CONNECTIONS:,} connections", busy, one, limited=True)
         track(many, CONNECTIONS)
