@@ -10,7 +10,8 @@ namespace tk {
 /// Writes one log line to standard output: the text as printable() makes it, and a line end. A line of more
 /// than 4 KiB is cut, and says so at its end.
 /// The line goes out whole, at once or with its batch. A reader that stalls never stops the program: lines
-/// wait in a bounded queue. Those that find it full are dropped; a line of its own gives their number once there is room.
+/// wait in a bounded queue. Those that find it full are dropped; a line of its own gives their number once
+/// there is room.
 void logLine(std::string_view text);
 
 /// Writes the lines that wait, as far as the reader takes them. True when none waits any more. Call it before
