@@ -11,7 +11,7 @@ import labs
 from control_point import call, mapping, result
 
 GATEWAY = labs.ROOT / "gateway"
-ENVIRONMENT = {**os.environ, "GATEWAY_BIN": str(labs.BIN)}
+ENVIRONMENT = {**os.environ, "GATEWAY_BIN": str(labs.BIN), "LC_ALL": "C.UTF-8"}
 SERVES = "The gateway serves lan0, with wan0 as its external interface, until you interrupt it."
 
 
@@ -128,5 +128,10 @@ def test_it_does_not_start_without_its_interfaces(bare_lab, on_machine):
 def test_the_tour_sees_every_step():
     done = subprocess.run([GATEWAY, "--once"], env=ENVIRONMENT, capture_output=True, text=True, timeout=120)
     assert (done.returncode, done.stderr) == (0, ""), done.stdout + done.stderr
-    assert "✗" not in done.stdout
-    assert len([line for line in done.stdout.splitlines() if "✓" in line]) == 12
+    steps = [line for line in done.stdout.splitlines() if line.startswith("  ") and not line.startswith("      ")]
+    assert len(steps) == 12
+    assert all(line.startswith("  ✓ ") for line in steps), done.stdout
+    for shown in ["wan$ lab/greeting hear 198.51.100.1 80\n      hello 198.51.100.2, this is the LAN",
+                  "external 198.51.100.1:80 TCP is redirected to internal 192.0.2.2:8080"]:
+        assert shown in done.stdout
+    assert "\x1b" not in done.stdout
