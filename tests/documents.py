@@ -9,6 +9,7 @@ In a block, a line that begins with "$ " is a command, and what follows is what 
 line is a command, whose output is not looked at; text after two blanks and a "#" is a remark. A command that prints
 "tkctl: ..." last, and so fails, is expected to fail. Times match any time, and a line that is "..." any lines."""
 import re
+import textwrap
 from dataclasses import dataclass, field
 
 MARK = re.compile(r"<!-- (?:on (?P<host>\w+)|not run: (?P<reason>.+)) -->")
@@ -56,7 +57,7 @@ def blocks_of(text):
             if not inside:
                 found = MARK.fullmatch(mark or "")
                 blocks.append(Block(number, [], *(found.group("host") or "", found.group("reason") or "") if found else ()))
-            blocks[-1].lines.append(line if fence else line[4:])
+            blocks[-1].lines.append(line)
             inside, before = True, line
             continue
         if inside and not line:
@@ -64,10 +65,9 @@ def blocks_of(text):
             continue
         inside, before = False, line
         if line:
-            mark = line
+            mark = line.strip()
     for block in blocks:
-        while block.lines and not block.lines[-1]:
-            block.lines.pop()
+        block.lines = textwrap.dedent("\n".join(block.lines)).rstrip("\n").split("\n")
     return blocks
 
 
