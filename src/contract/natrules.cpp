@@ -25,6 +25,7 @@ tk::message NatRule::toMessage() const {
     record.insert_bool(rulefield::hasToPort, true);
     record.insert_u32(rulefield::toPortFirst, target.port);
     record.insert_u32(rulefield::toPortLast, target.port);
+    if (owner != 0) record.insert_u32(rulefield::owner, owner);
     return record;
 }
 
@@ -57,6 +58,7 @@ NatRule NatRule::fromMessage(const tk::message& record) {
     NatRule rule;
     rule.id = record.get_u32(tk::field::objectId);
     rule.dynamic = record.get_bool(tk::field::dynamic);
+    rule.owner = record.get_u32(rulefield::owner, 0);
     return rule.changedBy(record);
 }
 
@@ -72,6 +74,15 @@ NatRule NatRule::changedBy(const tk::message& request) const {
     changed.target.address = request.get_be32(rulefield::toAddressFirst, target.address);
     changed.target.port = port(rulefield::toPortFirst, target.port);
     return changed;
+}
+
+void NatTraffic::addTo(tk::message& record) const {
+    record.insert_u64(rulefield::packets, packets);
+    record.insert_u64(rulefield::bytes, bytes);
+}
+
+NatTraffic NatTraffic::fromMessage(const tk::message& record) {
+    return {record.get_u64(rulefield::packets, 0), record.get_u64(rulefield::bytes, 0)};
 }
 
 }  // namespace contract

@@ -26,11 +26,15 @@ constexpr std::uint32_t toPortFirst = 1002;     // u32
 constexpr std::uint32_t toPortLast = 1003;      // u32
 constexpr std::uint32_t hasToAddress = 1006;    // bool
 constexpr std::uint32_t hasToPort = 1007;       // bool
+constexpr std::uint32_t packets = 1100;         // u64
+constexpr std::uint32_t bytes = 1101;           // u64
+constexpr std::uint32_t owner = 1102;           // u32, in records of dynamic rules
 }  // namespace rulefield
 constexpr const char* dstnatChain = "dstnat";
 constexpr std::uint32_t destinationNat = 22;  // the only action
 // Command with the fields of a new rule: answers whether a program would get it, and changes nothing.
 constexpr std::uint32_t testRule = 2;
+constexpr std::uint32_t withTraffic = 256;  // option of a get: adds the traffic
 
 /// What a rule matches: new connections to a port of an address. A value.
 /// Byte order: the address in network order, the port in host order.
@@ -58,10 +62,11 @@ struct NatRule {
     bool disabled = false;
     NatKey key;
     NatTarget target;
+    std::uint32_t owner = 0;  // of a dynamic rule: the number of the program or client that made it
 
     bool operator==(const NatRule&) const = default;
 
-    /// The rule as a record; without an id, the fields of the request that makes it.
+    /// The rule as a record; without an id and an owner, the fields of the request that makes it.
     tk::message toMessage() const;
     /// The fields of the request that sets the target and the disabled flag of the rule with this id.
     tk::message toChange() const;
@@ -73,6 +78,19 @@ struct NatRule {
     static NatRule fromMessage(const tk::message& record);
     /// The rule with the key, the target and the disabled flag that a request names.
     NatRule changedBy(const tk::message& request) const;
+};
+
+/// What has passed by a rule, in both directions, since it took effect. A value.
+struct NatTraffic {
+    std::uint64_t packets = 0;
+    std::uint64_t bytes = 0;
+
+    bool operator==(const NatTraffic&) const = default;
+
+    /// Adds the traffic to a rule's record.
+    void addTo(tk::message& record) const;
+    /// The traffic in a rule's record; 0 when it has none.
+    static NatTraffic fromMessage(const tk::message& record);
 };
 
 }  // namespace contract

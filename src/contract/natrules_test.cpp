@@ -48,6 +48,25 @@ TEST(NatRule, ARecordBeginsWithTheId) {
     EXPECT_EQ(rule(7).toMessage().fields(), expected);
 }
 
+TEST(NatRule, ARecordOfADynamicRuleEndsWithItsOwner) {
+    NatRule owned = rule(7);
+    owned.owner = 1003;
+    EXPECT_EQ(owned.toMessage().fields().back(), (tk::message::Field{1102, std::uint32_t{1003}}));
+    EXPECT_EQ(NatRule::fromMessage(owned.toMessage()), owned);
+}
+
+TEST(NatTraffic, IsAddedToARecordAndReadFromIt) {
+    const NatTraffic traffic{12, 5000000000};
+    tk::message record = rule(7).toMessage();
+    EXPECT_EQ(NatTraffic::fromMessage(record), NatTraffic());
+    traffic.addTo(record);
+    const Fields& fields = record.fields();
+    EXPECT_EQ(Fields(fields.end() - 2, fields.end()),
+              (Fields{{1100, std::uint64_t{12}}, {1101, std::uint64_t{5000000000}}}));
+    EXPECT_EQ(NatTraffic::fromMessage(record), traffic);
+    EXPECT_EQ(NatRule::fromMessage(record), rule(7));
+}
+
 TEST(NatRule, IsChangedByARequestThatNamesItsTarget) {
     EXPECT_EQ(rule(7).toChange().fields(), (Fields{{0xFE0001, std::uint32_t{7}},
                                                    {0xFE000A, false},

@@ -34,6 +34,8 @@ constexpr Feature features[] = {
      [](RuleBuilder& rule) { rule.setLabel(anyLabel); }},
     {"the expression reject (Linux 3.14)", 0, "filter", NF_INET_FORWARD,
      [](RuleBuilder& rule) { rule.rejectWithReset(); }},
+    {"the expression counter (Linux 3.13)", 0, "filter", NF_INET_FORWARD,
+     [](RuleBuilder& rule) { rule.count(); }},
     {"the expression limit (Linux 3.13)", 0, "filter", NF_INET_FORWARD,
      [](RuleBuilder& rule) { rule.limit(anyRate); }},
     {"the expression log, and nfnetlink_log (Linux 3.13)", 0, "filter", NF_INET_FORWARD,

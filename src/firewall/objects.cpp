@@ -2,6 +2,8 @@
 
 #include <arpa/inet.h>
 #include <libnftnl/chain.h>
+#include <libnftnl/common.h>
+#include <libnftnl/expr.h>
 #include <libnftnl/set.h>
 #include <libnftnl/table.h>
 #include <libnftnl/udata.h>
@@ -13,6 +15,7 @@
 #include <memory>
 
 #include "firewall/rules.h"
+#include "netlink/request.h"
 
 namespace firewall {
 
@@ -121,6 +124,13 @@ void addMap(Batch& batch) {
     addSet(batch, map);
 }
 
+/// The kernel gives each element a counter of its own.
+void addLiveSet(Batch& batch) {
+    const SetObject set = makeSet(nft::live, liveNumber, liveType, sizeof(LiveBytes));
+    nftnl_set_add_expr(set.get(), nftnl_expr_alloc("counter"));  // the set owns it from now on
+    addSet(batch, set);
+}
+
 void addUserSet(Batch& batch, std::uint32_t number, std::uint8_t family) {
     const SetObject set = makeSet(nft::guarded, number, typeUser, sizeof(std::uint32_t), family);
     // A note for nft(8), which would otherwise show the numbers with their bytes reversed: type, length,
@@ -166,6 +176,10 @@ TargetBytes bytesOf(const NatTarget& target) {
     return {target.address, htons(target.port), 0};
 }
 
+LiveBytes bytesOf(const Element& element) {
+    return {bytesOf(element.key), bytesOf(element.target)};
+}
+
 /// Puts a key among a set's elements, with a target when the set is a map.
 template <typename Key>
 void put(const SetObject& set, const Key& key, const TargetBytes* target = nullptr, std::uint32_t flags = 0) {
@@ -198,6 +212,47 @@ void addUsersOf(Batch& batch, std::span<const std::uint32_t> users, std::uint8_t
         [](const SetObject& set, std::uint32_t user) { put(set, user); }, family);
 }
 
+/// Reads the counters of elements, whose answers come one by one in the order of the request.
+class TrafficReader {
+public:
+    /// Lifetime: both outlive the reader.
+    TrafficReader(std::span<const Element> elements, std::span<NatTraffic> traffic)
+        : elements(elements), traffic(traffic) {}
+
+    void take(const nlmsghdr& message) {
+        const SetObject set(nftnl_set_alloc(), &nftnl_set_free);
+        if (nftnl_set_elems_nlmsg_parse(&message, set.get()) == 0)
+            nftnl_set_elem_foreach(set.get(), &entry, this);
+    }
+
+private:
+    static int entry(nftnl_set_elem* entry, void* reader) {
+        static_cast<TrafficReader*>(reader)->take(*entry);
+        return 0;
+    }
+
+    void take(nftnl_set_elem& entry) {
+        std::uint32_t size = 0;
+        const void* key = nftnl_set_elem_get(&entry, NFTNL_SET_ELEM_KEY, &size);
+        while (next < elements.size() && !isKeyOf(elements[next], key, size)) ++next;
+        const auto* counter =
+            static_cast<const nftnl_expr*>(nftnl_set_elem_get(&entry, NFTNL_SET_ELEM_EXPR, &size));
+        if (next == elements.size() || !counter) return;
+        traffic[next] = {nftnl_expr_get_u64(counter, NFTNL_EXPR_CTR_PACKETS),
+                         nftnl_expr_get_u64(counter, NFTNL_EXPR_CTR_BYTES)};
+        ++next;
+    }
+
+    static bool isKeyOf(const Element& element, const void* key, std::uint32_t size) {
+        const LiveBytes wanted = bytesOf(element);
+        return key && size == sizeof wanted && ::memcmp(key, &wanted, sizeof wanted) == 0;
+    }
+
+    std::span<const Element> elements;
+    std::span<NatTraffic> traffic;
+    std::size_t next = 0;
+};
+
 }  // namespace
 
 void addTable(Batch& batch, std::uint32_t flags, std::uint8_t family) {
@@ -228,7 +283,7 @@ void removeTable(Batch& batch, bool isOurs, std::uint8_t family) {
 void createTable(Batch& batch) {
     addTable(batch, ownerFlag);
     addMap(batch);
-    addSet(batch, makeSet(nft::live, liveNumber, liveType, sizeof(LiveBytes)));
+    addLiveSet(batch);
     addSet(batch, makeSet(nft::hairpin, hairpinNumber, hairpinType, sizeof(HairpinBytes)));
     addInsideSet(batch);
     addChain(batch, nft::prerouting, "nat", NF_INET_PRE_ROUTING, priorityAfterDstnat);
@@ -288,9 +343,8 @@ void changeElements(Batch& batch, Change change, std::span<const Element> elemen
 }
 
 void changeLive(Batch& batch, Change change, std::span<const Element> elements) {
-    changeSet(batch, change, nft::live, elements, [](const SetObject& set, const Element& element) {
-        put(set, LiveBytes{bytesOf(element.key), bytesOf(element.target)});
-    });
+    changeSet(batch, change, nft::live, elements,
+              [](const SetObject& set, const Element& element) { put(set, bytesOf(element)); });
 }
 
 void changeHairpins(Batch& batch, Change change, std::span<const std::uint32_t> indexes) {
@@ -305,6 +359,24 @@ void changeInside(Batch& batch, Change change, std::span<const links::AddressRan
         // The end is the first address after the range. A range that reaches the last address has no end.
         if (range.last + 1 != 0) put(set, htonl(range.last + 1), nullptr, NFT_SET_ELEM_INTERVAL_END);
     });
+}
+
+std::vector<NatTraffic> readTraffic(netlink::Socket& socket, std::span<const Element> elements) {
+    std::vector<NatTraffic> traffic(elements.size());
+    std::vector<char> buffer(Batch::maximumMessage);
+    // The kernel puts each element into an answer of its own: as many as fit the smallest socket buffer.
+    for (std::size_t from = 0; from < elements.size(); from += entriesPerMessage) {
+        const auto part = elements.subspan(from, std::min(elements.size() - from, entriesPerMessage));
+        const SetObject set = makeSet(nft::live);
+        for (const Element& element : part) put(set, bytesOf(element));
+        nlmsghdr* message = nftnl_nlmsg_build_hdr(buffer.data(), NFT_MSG_GETSETELEM, nft::ip4, 0, 0);
+        nftnl_set_elems_nlmsg_build_payload(message, set.get());
+        TrafficReader reader(part, std::span(traffic).subspan(from));
+        const tk::Status read =
+            netlink::request(socket, *message, [&reader](const nlmsghdr& answer) { reader.take(answer); });
+        if (!read.isOk()) break;
+    }
+    return traffic;
 }
 
 }  // namespace firewall

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <span>
+#include <vector>
 
 #include "contract/natrules.h"
 #include "firewall/batch.h"
@@ -11,6 +12,7 @@ namespace firewall {
 
 using contract::NatKey;
 using contract::NatTarget;
+using contract::NatTraffic;
 
 /// What the kernel holds for one enabled rule. A value.
 struct Element {
@@ -35,7 +37,10 @@ struct GuardConfig {
 //     table ip tk {
 //         flags owner
 //         map dstnat { type ipv4_addr . inet_proto . inet_service : ipv4_addr . inet_service }
-//         set live { type ipv4_addr . inet_proto . inet_service . ipv4_addr . inet_service }
+//         set live {
+//             type ipv4_addr . inet_proto . inet_service . ipv4_addr . inet_service
+//             counter
+//         }
 //         set hairpin { type iface_index . iface_index }
 //         chain prerouting {
 //             type nat hook prerouting priority dstnat + 10
@@ -44,8 +49,10 @@ struct GuardConfig {
 //         }
 //         chain forward {
 //             type filter hook forward priority filter - 10
-//             ct label 116 ct original ip daddr . ct protocol . ct original proto-dst .
-//                 ct reply ip saddr . ct reply proto-src != @live goto ended
+//             ct label ! 116 accept
+//             ct original ip daddr . ct protocol . ct original proto-dst .
+//                 ct reply ip saddr . ct reply proto-src @live accept
+//             goto ended
 //         }
 //         chain ended {
 //             ct direction original limit rate 1000/second <destination as it came>
@@ -105,7 +112,8 @@ struct GuardConfig {
 // that our chain translates bear a label, and the chain at forward lets them pass only while their rule is
 // live. So flows end with their rule, and flows left by an earlier process end unless their rule is back.
 // Where targets are checked, only rules whose target is inside are live: each packet of a flow passes here,
-// and one look-up is enough. The chains ended and missed also log which entries must leave the kernel's
+// and one look-up is enough. The element that it finds counts the packet; a look-up that is inverted would
+// not count. Other tables may still drop what is accepted here. The chains ended and missed also log which entries must leave the kernel's
 // connection table, so that the next packet takes the right way.
 //
 // The chain postrouting serves a host that reaches another one in its own network by the router's external
@@ -149,5 +157,9 @@ void changeLive(Batch& batch, Change change, std::span<const Element> elements);
 void changeHairpins(Batch& batch, Change change, std::span<const std::uint32_t> indexes);
 /// Ranges of addresses in the set inside.
 void changeInside(Batch& batch, Change change, std::span<const links::AddressRange> ranges);
+
+/// What the elements of the set live have counted, in their order. All of them must be in the set.
+/// Errors: 0 for an element of which the kernel does not tell.
+[[nodiscard]] std::vector<NatTraffic> readTraffic(netlink::Socket& socket, std::span<const Element> elements);
 
 }  // namespace firewall

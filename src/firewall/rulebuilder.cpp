@@ -199,6 +199,10 @@ void RuleBuilder::addToSet(const char* set, std::uint32_t setNumber, std::uint64
     nftnl_expr_set(change, NFTNL_EXPR_DYNSET_EXPR, condition, 0);  // belongs to the expression from now on
 }
 
+void RuleBuilder::count() {
+    add("counter");
+}
+
 void RuleBuilder::limit(std::uint32_t rate) {
     nftnl_expr* limit = add("limit");
     nftnl_expr_set_u64(limit, NFTNL_EXPR_LIMIT_RATE, rate);

@@ -72,6 +72,8 @@ public:
     /// Goes on only when the packet's source has more than `limit` connections.
     void exceedsConnections(const char* set, std::uint32_t setNumber, std::uint32_t limit);
 
+    /// Counts the packet.
+    void count();
     /// Goes on only for `rate` packets a second.
     void limit(std::uint32_t rate);
 

@@ -148,17 +148,23 @@ void addHairpinReturn(Batch& batch) {
 }
 
 void addFlowEnd(Batch& batch) {
-    RuleBuilder rule(nft::forward);
-    rule.hasLabel(translatedLabel);
-    rule.original(NFT_CT_DST_IP, firstPart);
+    RuleBuilder foreign(nft::forward);
+    foreign.lacksLabel(translatedLabel);
+    foreign.accept();
+    foreign.appendTo(batch);
+    RuleBuilder live(nft::forward);
+    live.original(NFT_CT_DST_IP, firstPart);
     // The connection's protocol, not the packet's: an ICMP error belongs to the flow that it reports.
-    rule.connection(NFT_CT_PROTOCOL, secondPart);
-    rule.original(NFT_CT_PROTO_DST, thirdPart);
-    rule.reply(NFT_CT_SRC_IP, RuleBuilder::fourthPart);
-    rule.reply(NFT_CT_PROTO_SRC, RuleBuilder::fifthPart);
-    rule.isNotIn(nft::live);
-    rule.goTo(nft::ended);
-    rule.appendTo(batch);
+    live.connection(NFT_CT_PROTOCOL, secondPart);
+    live.original(NFT_CT_PROTO_DST, thirdPart);
+    live.reply(NFT_CT_SRC_IP, RuleBuilder::fourthPart);
+    live.reply(NFT_CT_PROTO_SRC, RuleBuilder::fifthPart);
+    live.lookUp(nft::live);  // not isNotIn(): the kernel counts only what a look-up is to find
+    live.accept();
+    live.appendTo(batch);
+    RuleBuilder rest(nft::forward);
+    rest.goTo(nft::ended);
+    rest.appendTo(batch);
 }
 
 void addStrayEnd(Batch& batch) {

@@ -42,7 +42,8 @@ void addTranslation(Batch& batch);
 /// came in by gets the router's address as its source.
 void addHairpinReturn(Batch& batch);
 
-/// Appends the rule of the forward chain that ends a connection with the label but without a live rule.
+/// Appends the rules of the forward chain, which end a connection with the label but without a live rule, and
+/// count the packets of the others with the label.
 void addFlowEnd(Batch& batch);
 /// Appends the rule of the input chain that ends a translated connection whose target has become the router
 /// itself.

@@ -225,6 +225,16 @@ tk::Status Table::commit(std::span<const Element> removed, std::span<const Eleme
     });
 }
 
+std::vector<NatTraffic> Table::traffic(std::span<const Element> elements) {
+    const std::vector<Element> counting = live(elements);  // in the same order
+    const std::vector<NatTraffic> counted = readTraffic(socket, counting);
+    std::vector<NatTraffic> all(elements.size());
+    std::size_t next = 0;
+    for (std::size_t i = 0; i < elements.size() && next < counting.size(); ++i)
+        if (elements[i] == counting[next]) all[i] = counted[next++];
+    return all;
+}
+
 void Table::guardUser(std::uint32_t user) {
     if (!guard.limitsConnections || !socket.isOpen() || guarded.contains(user)) return;
     insist(

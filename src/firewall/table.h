@@ -32,6 +32,9 @@ public:
     /// targets. After a success the owner first updates what its elements() returns.
     /// Errors: the kernel's text; nothing has changed, or the change is undone as soon as possible.
     virtual tk::Status commit(std::span<const Element> removed, std::span<const Element> added) = 0;
+    /// What has passed by each of these elements, in their order, since it was put in.
+    /// Errors: 0 for an element that lets nothing pass, and where the kernel does not tell.
+    [[nodiscard]] virtual std::vector<NatTraffic> traffic(std::span<const Element> elements) = 0;
 };
 
 /// The router's table in nf_tables, and the table that guards IPv6. This object's socket owns them: nobody
@@ -60,6 +63,7 @@ public:
     tk::Status endFlows();
 
     tk::Status commit(std::span<const Element> removed, std::span<const Element> added) override;
+    [[nodiscard]] std::vector<NatTraffic> traffic(std::span<const Element> elements) override;
 
     // When the kernel refuses one of these, that is logged, and it is tried again every second.
 

@@ -68,7 +68,13 @@ protected:
     void endFlows() { EXPECT_EQ(table->endFlows().reason(), ""); }
     /// The lines of the map's elements as nft lists them, and of what is live.
     static std::string mapText() { return elementsOf("map ip tk dstnat"); }
-    static std::string liveText() { return elementsOf("set ip tk live"); }
+    static std::string liveText() {
+        std::string text = elementsOf("set ip tk live");
+        const std::string unused = " counter packets 0 bytes 0";
+        for (std::size_t at = text.find(unused); at != std::string::npos; at = text.find(unused))
+            text.erase(at, unused.size());
+        return text;
+    }
     static std::string elementsOf(const std::string& name) {
         const std::string text = nft("list " + name);
         const std::size_t start = text.find("elements");
@@ -128,10 +134,41 @@ TEST_F(TableTest, IsWhatItIsMeantToBe) {
 TEST_F(TableTest, LetsFlowsPassUntilItIsToldToEndThem) {
     EXPECT_EQ(nft("list chain ip tk forward").find("ended"), std::string::npos);
     endFlows();
-    EXPECT_NE(nft("list chain ip tk forward")
-                  .find("ct label 116 ct original ip daddr . ct protocol . ct original proto-dst . "
-                        "ct reply ip saddr . ct reply proto-src != @live goto ended"),
-              std::string::npos);
+    const std::string text = nft("list chain ip tk forward");
+    EXPECT_NE(text.find("ct label ! 116 accept\n\t\t"
+                        "ct original ip daddr . ct protocol . ct original proto-dst . "
+                        "ct reply ip saddr . ct reply proto-src @live accept\n\t\t"
+                        "goto ended\n"),
+              std::string::npos)
+        << text;
+}
+
+TEST_F(TableTest, CountsForEachElement) {
+    table->insideChanged({{}, {lan}});
+    EXPECT_EQ(commit({}, {element(80)}), "");
+    EXPECT_NE(nft("list set ip tk live").find(". 8080 counter packets 0 bytes 0"), std::string::npos);
+}
+
+TEST_F(TableTest, TellsTheTrafficOfElementsInAnyOrderAndNumber) {
+    table->insideChanged({{}, {lan}});
+    EXPECT_TRUE(table->traffic({}).empty());
+    Elements many;
+    for (std::uint16_t port = 1; port <= 1024; ++port) many.push_back(element(port));
+    EXPECT_EQ(commit({}, many), "");
+    const Elements some = {element(1000), element(5000), element(80), element(1, "10.0.0.2")};
+    EXPECT_EQ(table->traffic(some), std::vector<NatTraffic>(4));
+    EXPECT_EQ(table->traffic(many), std::vector<NatTraffic>(1024));
+    EXPECT_EQ(commit(many, {}), "");  // nothing of the answers is left
+}
+
+TEST_F(TableTest, TheTrafficIsZeroWhereTheKernelDoesNotTell) {
+    table->insideChanged({{}, {lan}});
+    EXPECT_EQ(commit({}, {element(80)}), "");
+    fillSocket();
+    EXPECT_EQ(table->traffic(Elements{element(80)}), std::vector<NatTraffic>(1));
+    EXPECT_EQ(commit({element(80)}, {element(81)}), "");
+    table = std::make_unique<Table>();
+    EXPECT_EQ(table->traffic(Elements{element(80)}), std::vector<NatTraffic>(1));
 }
 
 TEST_F(TableTest, WhatIsLiveIsWhatIsMapped) {

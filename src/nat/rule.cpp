@@ -128,14 +128,14 @@ private:
 
 tk::Result<Rule> newRule(const tk::message& request) {
     if (tk::Status status = RequestCheck(request, true).result(); !status.isOk()) return status;
-    Rule rule{contract::NatRule::fromMessage(request)};
+    Rule rule = Rule::fromMessage(request);
     rule.id = 0;
     return rule;
 }
 
 tk::Result<Rule> changedRule(const Rule& former, const tk::message& request) {
     if (tk::Status status = RequestCheck(request, false).result(); !status.isOk()) return status;
-    return Rule{former.changedBy(request), former.owner};
+    return former.changedBy(request);
 }
 
 std::string textOf(const NatKey& key) {

@@ -12,12 +12,7 @@ namespace nat {
 using contract::NatKey;
 using contract::NatTarget;
 
-/// A destination NAT rule as the router keeps it. A value.
-struct Rule : contract::NatRule {
-    std::uint32_t owner = 0;  // who made a dynamic rule: the first element of its path
-
-    bool operator==(const Rule&) const = default;
-};
+using Rule = contract::NatRule;
 
 /// The rule that a request makes. The request must name every part of it. The rule has no id or owner yet.
 /// Errors: tk::error::invalid for anything that does not fit one entry of the kernel's map.

@@ -81,6 +81,7 @@ constexpr Case cases[] = {
      "the target address: ranges are not supported"},
     {"TargetPortRange", [](tk::message& r) { r.insert_u32(1003, 9); },
      "the target port: ranges are not supported"},
+    {"Owner", [](tk::message& r) { r.insert_u32(1102, 80); }, "field 1102 is not supported"},
     {"UnknownCondition", [](tk::message& r) { r.insert_string(60, "wan0"); }, "field 60 is not supported"},
 };
 

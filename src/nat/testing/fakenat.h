@@ -32,6 +32,12 @@ public:
         for (const firewall::Element& element : added) elements[element.key] = element.target;
         return {};
     }
+    std::vector<contract::NatTraffic> traffic(std::span<const firewall::Element> asked) override {
+        ++readings;
+        std::vector<contract::NatTraffic> found;
+        for (const firewall::Element& element : asked) found.push_back(counted[element.key]);
+        return found;
+    }
     /// The target of an element; null when there is none.
     const NatTarget* find(const char* destination, std::uint8_t protocol, std::uint16_t port) const {
         const auto element = elements.find({links::testing::address(destination), protocol, port});
@@ -48,6 +54,8 @@ public:
     const firewall::ElementOwner* owner = nullptr;  // asked at each transaction
     int strayedOwner = 0;                           // how often its elements differed from the map's
     int transactions = 0;
+    std::map<NatKey, contract::NatTraffic> counted;
+    int readings = 0;                     // how often traffic was asked for
     std::size_t largest = 60000;          // elements in a transaction
     std::optional<int> transactionsLeft;  // until all are refused
     std::string fault;
