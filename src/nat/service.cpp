@@ -40,6 +40,10 @@ tk::Status noSuchRule(std::uint32_t id) {
     return tk::Status::failure("no rule " + std::to_string(id), tk::error::noSuchObject);
 }
 
+bool asksForTraffic(const tk::message& request) {
+    return (request.get_u32(tk::field::options) & contract::withTraffic) != 0;
+}
+
 tk::message deletedRecord(std::uint32_t id) {
     tk::message record;
     record.insert_u32(tk::field::objectId, id);
@@ -284,12 +288,29 @@ void Service::tellRemoved(const std::vector<std::uint32_t>& ids) {
 tk::message Service::cmdGetObj(const tk::message& request) {
     const std::uint32_t id = request.get_u32(tk::field::objectId);
     const Rule* rule = rules.find(id);
-    return rule ? rule->toMessage() : tk::answerOf(noSuchRule(id));
+    if (!rule) return tk::answerOf(noSuchRule(id));
+    tk::message record = rule->toMessage();
+    if (asksForTraffic(request)) addTraffic({&record, 1});
+    return record;
 }
 
 tk::message Service::cmdGetAll(const tk::message& request) {
-    return tk::pageOf(rules.all(), request, pageSize,
-                      [](std::uint32_t, const Rule& rule) { return rule.toMessage(); });
+    tk::message page = tk::pageOf(rules.all(), request, pageSize,
+                                  [](std::uint32_t, const Rule& rule) { return rule.toMessage(); });
+    if (asksForTraffic(request)) addTraffic(page.get_message_array_ref(tk::field::objects));
+    return page;
+}
+
+/// Asks the kernel once for all records. A disabled rule is not in the kernel.
+void Service::addTraffic(std::span<tk::message> records) {
+    std::vector<firewall::Element> elements;
+    for (const tk::message& record : records)
+        for (const firewall::Element& element : elementsOf(rules.find(record.get_u32(tk::field::objectId))))
+            elements.push_back(element);
+    const std::vector<contract::NatTraffic> traffic = kernel.traffic(elements);
+    auto next = traffic.begin();
+    for (tk::message& record : records)
+        (record.get_bool(tk::field::disabled) ? contract::NatTraffic() : *next++).addTo(record);
 }
 
 tk::message Service::cmdGetCount(const tk::message&) {

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <set>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -75,6 +76,7 @@ private:
     tk::Status removeSomeOrphans();
     void retryOrphans();
     void tellRemoved(const std::vector<std::uint32_t>& ids);
+    void addTraffic(std::span<tk::message> records);
 
     tk::Store store;
     const Policy& policy;

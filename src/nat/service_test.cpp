@@ -42,6 +42,11 @@ protected:
         request.remove(tk::field::dynamic);
         return request;
     }
+    static tk::message withOptions(tk::message request, std::uint32_t options) {
+        request.insert_u32(tk::field::options, options);
+        return request;
+    }
+    static NatKey keyOf(std::uint16_t port) { return {address("198.51.100.1"), 6, port}; }
     std::uint32_t count() { return nat.cmdGetCount({}).get_u32(tk::field::count); }
 
     tk::testing::Folder files;
@@ -375,6 +380,44 @@ TEST_F(ServiceTest, TheListComesInPages) {
     const tk::message second = nat.cmdGetAll(rest);
     EXPECT_EQ(second.size_message_array(tk::field::objects), 1U);
     EXPECT_FALSE(second.has(tk::field::next));
+}
+
+TEST_F(ServiceTest, RecordsOfDynamicRulesNameTheirOwner) {
+    EXPECT_EQ(nat.cmdGetObj(ofId(add(natRequest(1, "192.0.2.2", 1)))).get_u32(1102), 80U);
+    EXPECT_EQ(nat.cmdGetObj(ofId(add(natRequest(2, "192.0.2.2", 2, 6, {1003})))).get_u32(1102), 1003U);
+    EXPECT_FALSE(nat.cmdGetObj(ofId(add(lasting(3)))).has(1102));
+}
+
+TEST_F(ServiceTest, TrafficIsToldOnlyWhenItIsAskedFor) {
+    const std::uint32_t id = add(natRequest(80, "192.0.2.2", 8080));
+    EXPECT_FALSE(nat.cmdGetObj(ofId(id)).has(1100));
+    EXPECT_FALSE(nat.cmdGetAll(withOptions({}, 255)).get_message_array(tk::field::objects)[0].has(1100));
+    EXPECT_EQ(kernel.readings, 0);
+    kernel.counted[keyOf(80)] = {12, 3456};
+    const tk::message record = nat.cmdGetObj(withOptions(ofId(id), 256));
+    EXPECT_EQ(record.get_u64(1100), 12U);
+    EXPECT_EQ(record.get_u64(1101), 3456U);
+    EXPECT_EQ(contract::NatRule::fromMessage(record).key, keyOf(80));
+}
+
+TEST_F(ServiceTest, AListAsksTheKernelOnceForTheTrafficOfAPage) {
+    for (std::uint16_t port = 1; port <= 1025; ++port) {
+        add(natRequest(port, "192.0.2.2", port));
+        kernel.counted[keyOf(port)] = {port, 100U * port};
+    }
+    tk::message disable = ofId(2);
+    disable.insert_bool(tk::field::disabled, true);
+    EXPECT_FALSE(tk::isError(nat.cmdSetObj(disable)));
+    const tk::message page = nat.cmdGetAll(withOptions({}, 256));
+    EXPECT_EQ(kernel.readings, 1);
+    for (const tk::message& record : page.get_message_array(tk::field::objects)) {
+        const std::uint32_t port = record.get_u32(contract::rulefield::dstPortFirst);
+        EXPECT_EQ(record.get_u64(1100), port == 2 ? 0 : port);
+        EXPECT_EQ(record.get_u64(1101, 1), port == 2 ? 0 : 100U * port);
+    }
+    tk::message rest = withOptions({}, 256);
+    rest.insert_u32(tk::field::next, page.get_u32(tk::field::next));
+    EXPECT_EQ(nat.cmdGetAll(rest).get_message_array(tk::field::objects)[0].get_u64(1100), 1025U);
 }
 
 TEST_F(ServiceTest, TestingARuleChangesNothing) {
