@@ -221,7 +221,9 @@ def test_the_rule_is_told_to_the_administrator(lab, path):
     add(lab, path)
     rules = lab.rules()
     assert rules == [{"id": rules[0]["id"], "disabled": False, "dynamic": True, "chain": "dstnat",
-                      "dstAddress": ROUTER_WAN, "protocol": "tcp", "dstPort": 80, "toAddress": LAN1, "toPort": 8080}]
+                      "dstAddress": ROUTER_WAN, "protocol": "tcp", "dstPort": 80, "toAddress": LAN1, "toPort": 8080,
+                      "owner": 80, "packets": 0, "bytes": 0}]
+    assert "upnpd" in lab.tkctl("nat", "list").stdout
     delete(lab, path)
 
 

@@ -207,7 +207,7 @@ def test_a_call_takes_fields_of_every_type(lab):
     identifier = next(field["value"] for field in reply["fields"] if field["id"] == "0xfe0001")
     assert lab.rules() == [{"id": identifier, "disabled": False, "dynamic": False, "chain": "dstnat",
                             "dstAddress": ROUTER_WAN, "protocol": "tcp", "dstPort": 81, "toAddress": LAN1,
-                            "toPort": 8080}]
+                            "toPort": 8080, "packets": 0, "bytes": 0}]
     assert LAN1 in lab.tkctl("nat", "list").stdout
     lab.tkctl("bus", "call", "20,5", "0xFE0006", f"0xFE0001:u32={identifier}")
     assert lab.rules() == []

@@ -229,19 +229,35 @@ TEST_F(CommandLineTest, AnItemThatIsNotThereIsNamed) {
 }
 
 TEST_F(CommandLineTest, NatList) {
+    const auto record = [](bool isDynamic, const std::vector<std::string>& more) {
+        std::vector<std::string> fields = {"0xFE0001:u32=1",
+                                           std::string("0xFE0007:bool=") + (isDynamic ? "yes" : "no"),
+                                           "0xFE000A:bool=no",
+                                           "39:string=dstnat",
+                                           "52:be32=198.51.100.1",
+                                           "9:u32=80",
+                                           "11:u32=6",
+                                           "1000:be32=192.0.2.2",
+                                           "1002:u32=8080"};
+        fields.insert(fields.end(), more.begin(), more.end());
+        return parseFields(fields);
+    };
     bus.answer({20, 5}, tk::command::getAll,
-               listOf({parseFields({"0xFE0001:u32=1", "0xFE0007:bool=yes", "0xFE000A:bool=no",
-                                    "39:string=dstnat", "52:be32=198.51.100.1", "53:be32=198.51.100.1",
-                                    "9:u32=80", "10:u32=80", "11:u32=6", "40:u32=22", "1000:be32=192.0.2.2",
-                                    "1001:be32=192.0.2.2", "1002:u32=8080", "1003:u32=8080"})}));
-    EXPECT_EQ(print({"nat", "list", "--json"}),
-              R"([{"id":1,"disabled":false,"dynamic":true,"chain":"dstnat","dstAddress":"198.51.100.1",)"
-              R"("protocol":"tcp","dstPort":80,"toAddress":"192.0.2.2","toPort":8080}])"
-              "\n");
+               listOf({record(true, {"1102:u32=80", "1100:u64=12", "1101:u64=5000000000"}),
+                       record(false, {"1100:u64=0", "1101:u64=0"})}));
+    const std::string place = R"("chain":"dstnat","dstAddress":"198.51.100.1","protocol":"tcp","dstPort":80,)"
+                              R"("toAddress":"192.0.2.2","toPort":8080,)";
+    EXPECT_EQ(print({"nat", "list", "--json"}), R"([{"id":1,"disabled":false,"dynamic":true,)" + place +
+                                                    R"("owner":80,"packets":12,"bytes":5000000000},)" +
+                                                    R"({"id":1,"disabled":false,"dynamic":false,)" + place +
+                                                    R"("packets":0,"bytes":0}])" + "\n");
     out.str("");
     EXPECT_EQ(print({"nat", "list"}),
-              "ID  PROTOCOL  FROM             TO              CHAIN   DISABLED  DYNAMIC\n"
-              "1   tcp       198.51.100.1:80  192.0.2.2:8080  dstnat  no        yes\n");
+              "ID  PROTOCOL  FROM             TO              DISABLED  OWNER  PACKETS  BYTES\n"
+              "1   tcp       198.51.100.1:80  192.0.2.2:8080  no        upnpd  12       5000000000\n"
+              "1   tcp       198.51.100.1:80  192.0.2.2:8080  no        -      0        0\n");
+    for (const auto& request : bus.requestsTo({20, 5}, tk::command::getAll))
+        EXPECT_EQ(request.content.get_u32(tk::field::options), 256U);
 }
 
 TEST_F(CommandLineTest, NatTestAsksAndChangesNothing) {

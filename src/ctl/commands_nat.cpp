@@ -23,8 +23,9 @@ namespace ctl {
 namespace {
 
 using contract::NatRule;
+using contract::NatTraffic;
 
-Json ruleToJson(const NatRule& rule, const std::string& chain) {
+Json ruleToJson(const NatRule& rule, const std::string& chain, const NatTraffic& traffic) {
     Json object;
     object["id"] = rule.id;
     object["disabled"] = rule.disabled;
@@ -35,6 +36,9 @@ Json ruleToJson(const NatRule& rule, const std::string& chain) {
     object["dstPort"] = rule.key.port;
     object["toAddress"] = gateway::ipToString(rule.target.address);
     object["toPort"] = rule.target.port;
+    if (rule.owner != 0) object["owner"] = rule.owner;
+    object["packets"] = traffic.packets;
+    object["bytes"] = traffic.bytes;
     return object;
 }
 
@@ -43,16 +47,20 @@ std::string placeText(std::uint32_t address, std::uint16_t port) {
 }
 
 void listRules(Context& context) {
+    tk::message query;
+    query.insert_u32(tk::field::options, contract::withTraffic);
     Json list = Json::array();
-    Table table({"ID", "PROTOCOL", "FROM", "TO", "CHAIN", "DISABLED", "DYNAMIC"});
-    for (const tk::message& record : context.session().list(contract::path::nat())) {
+    // Without what says nothing: the chain is always the same, and a rule with an owner is dynamic.
+    Table table({"ID", "PROTOCOL", "FROM", "TO", "DISABLED", "OWNER", "PACKETS", "BYTES"});
+    for (const tk::message& record : context.session().list(contract::path::nat(), query)) {
         const NatRule rule = NatRule::fromMessage(record);
-        const std::string chain = record.get_string(contract::rulefield::chain);
-        list.push_back(ruleToJson(rule, chain));
+        const NatTraffic traffic = NatTraffic::fromMessage(record);
+        list.push_back(ruleToJson(rule, record.get_string(contract::rulefield::chain), traffic));
         table.add({std::to_string(rule.id), protocolText(rule.key.protocol),
                    placeText(rule.key.destination, rule.key.port),
-                   placeText(rule.target.address, rule.target.port), chain, yesNo(rule.disabled),
-                   yesNo(rule.dynamic)});
+                   placeText(rule.target.address, rule.target.port), yesNo(rule.disabled),
+                   rule.owner != 0 ? programText(rule.owner) : "", std::to_string(traffic.packets),
+                   std::to_string(traffic.bytes)});
     }
     context.print(list, table.text());
 }

@@ -45,10 +45,9 @@ tk::message Session::request(const tk::Path& path, std::uint32_t command, const 
     return end;
 }
 
-std::vector<tk::message> Session::list(const tk::Path& path) {
+std::vector<tk::message> Session::list(const tk::Path& path, tk::message query) {
     std::vector<tk::message> objects;
     std::set<std::uint32_t> continuations;
-    tk::message query;
     for (;;) {
         const tk::message page = request(path, tk::command::getAll, query);
         const auto& records = page.get_message_array(tk::field::objects);

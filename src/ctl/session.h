@@ -57,9 +57,9 @@ public:
     /// Errors: throws Failure with the error's text.
     tk::message request(const tk::Path& path, std::uint32_t command, const tk::message& fields = {});
 
-    /// All objects of the handler at `path`, from all pages of its answer.
+    /// All objects of the handler at `path`, from all pages of its answer. `query` is what each request says.
     /// Errors: throws Failure when a page is refused, or continues at the same place as an earlier one.
-    [[nodiscard]] std::vector<tk::message> list(const tk::Path& path);
+    [[nodiscard]] std::vector<tk::message> list(const tk::Path& path, tk::message query = {});
 
 private:
     tk::Bus& bus;

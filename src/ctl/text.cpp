@@ -7,6 +7,7 @@
 #include <charconv>
 #include <limits>
 
+#include "contract/programs.h"
 #include "tk/characters.h"
 
 namespace ctl {
@@ -29,6 +30,17 @@ constexpr TypeName typeNames[] = {
     {tk::FieldType::u64, "u64"},
     {tk::FieldType::u32Array, "u32[]"},
     {tk::FieldType::messageArray, "message[]"},
+};
+
+struct ProgramName {
+    std::uint32_t number;
+    const char* name;
+};
+
+constexpr ProgramName programNames[] = {
+    {contract::program::gateway, "upnpd"},   {contract::program::resolver, "resolverd"},
+    {contract::program::network, "routerd"}, {contract::program::identity, "routerd"},
+    {tk::program::history, "routerd"},       {tk::program::hub, "routerd"},
 };
 
 }  // namespace
@@ -71,6 +83,13 @@ std::string protocolText(std::uint32_t protocol) {
     if (protocol == tcp) return "tcp";
     if (protocol == udp) return "udp";
     return std::to_string(protocol);
+}
+
+std::string programText(std::uint32_t number) {
+    if (number >= tk::program::firstClient) return "client " + std::to_string(number);
+    for (const ProgramName& entry : programNames)
+        if (entry.number == number) return entry.name;
+    return "program " + std::to_string(number);
 }
 
 std::string yesNo(bool value) {

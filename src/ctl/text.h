@@ -27,6 +27,9 @@ namespace ctl {
 /// "tcp", "udp", or the number of another IP protocol.
 [[nodiscard]] std::string protocolText(std::uint32_t protocol);
 
+/// Who has a number on the bus: "upnpd", "program 81" for one without a name, "client 1003".
+[[nodiscard]] std::string programText(std::uint32_t number);
+
 /// "yes" or "no".
 [[nodiscard]] std::string yesNo(bool value);
 

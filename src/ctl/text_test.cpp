@@ -37,6 +37,14 @@ TEST(Text, ProtocolsHaveTheirUsualNames) {
     EXPECT_EQ(protocolText(132), "132");
 }
 
+TEST(Text, WhoIsOnTheBusIsNamed) {
+    EXPECT_EQ(programText(80), "upnpd");
+    EXPECT_EQ(programText(14), "resolverd");
+    EXPECT_EQ(programText(24), "routerd");
+    EXPECT_EQ(programText(999), "program 999");
+    EXPECT_EQ(programText(1000), "client 1000");
+}
+
 struct Number {
     const char* name;
     const char* text;
