@@ -116,6 +116,7 @@ bool isPlain(char32_t code) {
 }
 
 std::size_t columnsOf(char32_t code) {
+    if (code < narrow[0].first) return 1;  // nearly all
     if (isIn(narrow, code)) return 0;
     return isIn(wide, code) ? 2 : 1;
 }
