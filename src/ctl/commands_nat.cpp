@@ -25,12 +25,14 @@ namespace {
 using contract::NatRule;
 using contract::NatTraffic;
 
-Json ruleToJson(const NatRule& rule, const std::string& chain, const NatTraffic& traffic) {
+Json ruleToJson(const tk::message& record) {
+    const NatRule rule = NatRule::fromMessage(record);
+    const NatTraffic traffic = NatTraffic::fromMessage(record);
     Json object;
     object["id"] = rule.id;
     object["disabled"] = rule.disabled;
     object["dynamic"] = rule.dynamic;
-    object["chain"] = chain;
+    object["chain"] = record.get_string(contract::rulefield::chain);
     object["dstAddress"] = gateway::ipToString(rule.key.destination);
     object["protocol"] = protocolText(rule.key.protocol);
     object["dstPort"] = rule.key.port;
@@ -46,22 +48,31 @@ std::string placeText(std::uint32_t address, std::uint16_t port) {
     return gateway::ipToString(address) + ':' + std::to_string(port);
 }
 
+/// Without what says nothing: the chain is always the same, and a rule with an owner is dynamic.
+Table::Row ruleToRow(const tk::message& record) {
+    const NatRule rule = NatRule::fromMessage(record);
+    const NatTraffic traffic = NatTraffic::fromMessage(record);
+    return {std::to_string(rule.id),
+            protocolText(rule.key.protocol),
+            placeText(rule.key.destination, rule.key.port),
+            placeText(rule.target.address, rule.target.port),
+            yesNo(rule.disabled),
+            rule.owner != 0 ? programText(rule.owner) : "",
+            std::to_string(traffic.packets),
+            std::to_string(traffic.bytes)};
+}
+
+/// Makes only what is printed: there may be tens of thousands of rules.
 void listRules(Context& context) {
     tk::message query;
     query.insert_u32(tk::field::options, contract::withTraffic);
     Json list = Json::array();
-    // Without what says nothing: the chain is always the same, and a rule with an owner is dynamic.
     Table table({"ID", "PROTOCOL", "FROM", "TO", "DISABLED", "OWNER", "PACKETS", "BYTES"});
-    for (const tk::message& record : context.session().list(contract::path::nat(), query)) {
-        const NatRule rule = NatRule::fromMessage(record);
-        const NatTraffic traffic = NatTraffic::fromMessage(record);
-        list.push_back(ruleToJson(rule, record.get_string(contract::rulefield::chain), traffic));
-        table.add({std::to_string(rule.id), protocolText(rule.key.protocol),
-                   placeText(rule.key.destination, rule.key.port),
-                   placeText(rule.target.address, rule.target.port), yesNo(rule.disabled),
-                   rule.owner != 0 ? programText(rule.owner) : "", std::to_string(traffic.packets),
-                   std::to_string(traffic.bytes)});
-    }
+    for (const tk::message& record : context.session().list(contract::path::nat(), query))
+        if (context.json)
+            list.push_back(ruleToJson(record));
+        else
+            table.add(ruleToRow(record));
     context.print(list, table.text());
 }
 
