@@ -15,11 +15,14 @@ constexpr std::uint32_t identity = 65;
 constexpr std::uint32_t gateway = 80;
 }  // namespace program
 
-// The handlers of program::network; those of all other programs are number 0.
+// The handlers; those that are not named are number 0.
 namespace handler {
+// Of program::network.
 constexpr std::uint32_t interfaces = 0;
 constexpr std::uint32_t addresses = 1;
 constexpr std::uint32_t nat = 5;  // the destination NAT rules
+// Of program::gateway.
+constexpr std::uint32_t mappings = 1;
 }  // namespace handler
 
 namespace path {
@@ -43,6 +46,9 @@ inline tk::Path identity() {
 }
 inline tk::Path gateway() {
     return {program::gateway, 0};
+}
+inline tk::Path mappings() {
+    return {program::gateway, handler::mappings};
 }
 }  // namespace path
 
