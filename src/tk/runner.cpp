@@ -35,6 +35,10 @@ std::uint64_t SystemClock::now() const {
            static_cast<std::uint64_t>(time.tv_nsec) / 1000000;
 }
 
+std::uint64_t SystemClock::date() const {
+    return static_cast<std::uint64_t>(::time(nullptr));
+}
+
 Runner::Runner(const Clock& clock)
     : clock(clock), epoll(epoll_create1(EPOLL_CLOEXEC)), urgent(epoll_create1(EPOLL_CLOEXEC)) {
     assert(epoll.isOpen() && urgent.isOpen());

@@ -16,18 +16,22 @@ namespace tk {
 /// Units: milliseconds.
 constexpr std::uint32_t tickMilliseconds = 10;
 
-/// The clock of the timers. Tests replace it by a manual one.
+/// The clock of the timers, and the date. Tests replace it by a manual one.
 class Clock {
 public:
     virtual ~Clock() = default;
     /// Units: milliseconds since an arbitrary start; never goes back.
     virtual std::uint64_t now() const = 0;
+    /// What the calendar says. It goes back and forth when the system's time is set.
+    /// Units: seconds since 1970.
+    virtual std::uint64_t date() const = 0;
 };
 
-/// CLOCK_MONOTONIC.
+/// CLOCK_MONOTONIC and, for the date, CLOCK_REALTIME.
 class SystemClock final : public Clock {
 public:
     std::uint64_t now() const override;
+    std::uint64_t date() const override;
 };
 
 /// What a socket is watched for, and what was seen on it. The values are those of poll(2).
@@ -51,6 +55,10 @@ public:
     Runner(const Runner&) = delete;
     Runner& operator=(const Runner&) = delete;
     ~Runner();
+
+    /// The date of the clock.
+    /// Units: seconds since 1970.
+    std::uint64_t date() const { return clock.date(); }
 
     /// Calls `callback` whenever `fd` is ready for one of `events`; an error or a hang-up counts as ready for
     /// them. A second call for the same descriptor replaces the first. A negative descriptor is never
