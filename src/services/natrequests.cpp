@@ -1,7 +1,5 @@
 #include "services/natrequests.h"
 
-#include <netinet/in.h>
-
 #include "contract/natrules.h"
 #include "contract/programs.h"
 #include "tk/looper.h"
@@ -30,8 +28,7 @@ contract::NatRule ruleOf(const PortMap& map) {
 
 tk::message createNatRule(const Id& id, const PortMap& map, std::uint32_t externalAddress) {
     contract::NatRule rule = ruleOf(map);
-    rule.key = {externalAddress, static_cast<std::uint8_t>(id.protocol == 0 ? IPPROTO_TCP : IPPROTO_UDP),
-                id.port};
+    rule.key = {externalAddress, ipProtocol(id), id.port};
     return exchange(rule.toMessage(), tk::command::addObject);
 }
 

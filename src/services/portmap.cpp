@@ -1,5 +1,7 @@
 #include "services/portmap.h"
 
+#include <netinet/in.h>
+
 #include <tuple>
 
 #include "net/convert.h"
@@ -23,6 +25,10 @@ Id toId(const std::string& externalPort, const std::string& protocol) {
 
 const char* protocolName(std::int32_t protocol) {
     return protocol == tcp ? "TCP" : "UDP";
+}
+
+std::uint8_t ipProtocol(const Id& id) {
+    return id.protocol == tcp ? IPPROTO_TCP : IPPROTO_UDP;
 }
 
 }  // namespace gateway

@@ -21,6 +21,7 @@ struct PortMap {
     std::uint32_t internalClient = 0;  // IPv4, network order
     std::uint32_t natId = 0;           // the bus object of the NAT rule
     std::uint32_t requester = 0;       // the last host to ask for it; IPv4, network order
+    std::uint32_t since = 0;           // when it was made; seconds since 1970, up to 2106
     std::uint16_t internalPort = 0;
     bool enabled = false;
 };
@@ -30,5 +31,8 @@ Id toId(const std::string& externalPort, const std::string& protocol);
 
 /// "TCP" or "UDP".
 const char* protocolName(std::int32_t protocol);
+
+/// The number of the key's IP protocol.
+std::uint8_t ipProtocol(const Id& id);
 
 }  // namespace gateway

@@ -117,7 +117,8 @@ protected:
 };
 
 TEST_F(ServiceDescription, OfWANIPConnectionMatchesItsRegistry) {
-    const WANIPConnection service(1, 0);
+    RefusedMappings refused;
+    const WANIPConnection service(1, 0, refused);
     expectDescribed(service, "wanipconn.xml");
 }
 

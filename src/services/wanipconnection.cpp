@@ -27,8 +27,9 @@ const char* statusText(int state) {
 
 }  // namespace
 
-WANIPConnection::WANIPConnection(std::uint32_t deviceId, std::uint32_t externalAddress)
-    : Service(type), deviceId(deviceId), externalAddress(externalAddress) {
+WANIPConnection::WANIPConnection(std::uint32_t deviceId, std::uint32_t externalAddress,
+                                 RefusedMappings& refused)
+    : Service(type), deviceId(deviceId), externalAddress(externalAddress), refused(refused) {
     tk::log("initial external addr: ", ipToString(externalAddress));
     registerVariables();
     registerConnectionActions();

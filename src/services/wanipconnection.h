@@ -7,6 +7,8 @@
 #include "services/descriptionbudget.h"
 #include "services/portmap.h"
 #include "services/portmaptable.h"
+#include "services/refusedmappings.h"
+#include "tk/status.h"
 #include "upnp/service.h"
 
 namespace gateway {
@@ -19,8 +21,8 @@ namespace gateway {
 class WANIPConnection final : public Service {
 public:
     /// `deviceId` is the bus object of the external interface, `externalAddress` its address in network
-    /// order.
-    WANIPConnection(std::uint32_t deviceId, std::uint32_t externalAddress);
+    /// order. What control points ask for and do not get goes to `refused`.
+    WANIPConnection(std::uint32_t deviceId, std::uint32_t externalAddress, RefusedMappings& refused);
     ~WANIPConnection() override;
 
     /// Changes the external address for new rules; existing rules keep theirs.
@@ -30,6 +32,9 @@ public:
     void setConnectionStatus(int state);
     /// Sets whether PortMappingNumberOfEntries counts the dummy entry. An unchanged setting has no effect.
     void setShowDummyRule(bool show);
+
+    /// The mappings in the order of their keys, without the dummy entry.
+    const PortMapTable::Entries& mappings() const { return portMaps.entries(); }
 
     /// True when control points may enable and disable the external interface.
     bool allowDisableExternal = true;
@@ -51,8 +56,10 @@ private:
     UPNPStatus deletePortMapping(const Arguments& in, Arguments& out);
     UPNPStatus getGenericPortMappingEntry(const Arguments& in, Arguments& out);
     UPNPStatus getSpecificPortMappingEntry(const Arguments& in, Arguments& out);
-    [[nodiscard]] UPNPStatus addMap(const Id& id, PortMap map);
-    [[nodiscard]] UPNPStatus changeMap(PortMap& existing, PortMap map);
+    [[nodiscard]] tk::Status mapPort(const Arguments& in);
+    [[nodiscard]] tk::Status addMap(const Id& id, PortMap map);
+    [[nodiscard]] tk::Status changeMap(PortMap& existing, PortMap map);
+    void noteRefusal(const Arguments& in, const tk::Status& refusal);
     void countMaps(bool withDummy);
     void removeNatRules();
 
@@ -61,6 +68,7 @@ private:
     std::uint32_t externalAddress;
     bool showDummyRule = true;
     DescriptionBudget descriptions;
+    RefusedMappings& refused;
 };
 
 }  // namespace gateway

@@ -70,7 +70,8 @@ protected:
     const tk::testing::CapturedOutput quiet;
     tk::testing::TestLoop loop;
     const Subscriber subscriber{64};
-    WANIPConnection service{7, inet_addr("198.51.100.1")};
+    RefusedMappings refused;
+    WANIPConnection service{7, inet_addr("198.51.100.1"), refused};
 };
 
 TEST_F(ConnectionEvents, OfTheStatusAreSentOncePerChange) {

@@ -2,10 +2,13 @@
 
 #include "services/wanipconnection.h"
 
+#include <utility>
+
 #include "net/convert.h"
 #include "services/natrequests.h"
 #include "tk/log.h"
 #include "tk/names.h"
+#include "tk/runner.h"
 
 namespace gateway {
 
@@ -74,6 +77,11 @@ PortMap toPortMap(const ValueArguments& value) {
     return map;
 }
 
+/// The outcome of a request that is answered with a fault.
+tk::Status refusal(UPNPStatus code, const std::string& reason) {
+    return tk::Status::failure(reason, static_cast<std::uint32_t>(code));
+}
+
 }  // namespace
 
 void WANIPConnection::countMaps(bool withDummy) {
@@ -82,21 +90,31 @@ void WANIPConnection::countMaps(bool withDummy) {
 }
 
 UPNPStatus WANIPConnection::addPortMapping(const Arguments& in, Arguments&) {
+    const tk::Status outcome = mapPort(in);
+    if (outcome.isOk()) return upnpstatus::ok;
+    noteRefusal(in, outcome);
+    return static_cast<UPNPStatus>(outcome.code());
+}
+
+/// Carries out AddPortMapping. The code of a failure is the one that the fault gives.
+tk::Status WANIPConnection::mapPort(const Arguments& in) {
     const KeyArguments key = readKey(in);
     const ValueArguments value = readValue(in);
     if (toAddress(key.remoteHost) != noAddress) {
         tk::log("addPortMapping: REMOTE_ONLY_WILDCARD: '", key.remoteHost, "'");
-        return upnpstatus::remoteHostOnlySupportsWildcard;
+        return refusal(upnpstatus::remoteHostOnlySupportsWildcard,
+                       "a mapping for one remote host alone is not supported");
     }
     if (key.externalPort.empty()) {
         tk::log("addPortMapping: EXT_PORT_NO_WILDCARD");
-        return upnpstatus::wildcardNotPermittedInExtPort;
+        return refusal(upnpstatus::wildcardNotPermittedInExtPort, "no external port was given");
     }
     PortMap map = toPortMap(value);
     map.requester = requester();
     if (toUnsigned(value.leaseDuration) != 0) {
         tk::log("addPortMapping: ONLY_PERM_LEASES");
-        return upnpstatus::onlyPermanentLeasesSupported;
+        return refusal(upnpstatus::onlyPermanentLeasesSupported,
+                       "a mapping for a limited time is not supported");
     }
     const Id id = toId(key.externalPort, key.protocol);
     PortMap* const existing = portMaps.find(id);
@@ -105,42 +123,61 @@ UPNPStatus WANIPConnection::addPortMapping(const Arguments& in, Arguments&) {
     return existing ? changeMap(*existing, std::move(map)) : addMap(id, std::move(map));
 }
 
-UPNPStatus WANIPConnection::addMap(const Id& id, PortMap map) {
+tk::Status WANIPConnection::addMap(const Id& id, PortMap map) {
     if (const tk::Status room = descriptions.roomFor(map, nullptr); !room.isOk()) {
         tk::log("add nat failed: ", room.reason());
-        return upnpstatus::actionFailed;
+        return refusal(upnpstatus::actionFailed, room.reason());
     }
     const tk::message reply = createNatRule(id, map, externalAddress);
     if (tk::isError(reply)) {
         tk::log("add nat failed: ", tk::getError(reply));
-        return upnpstatus::actionFailed;
+        return refusal(upnpstatus::actionFailed, tk::getError(reply));
     }
     map.natId = reply.get_u32(tk::field::objectId);
+    map.since = static_cast<std::uint32_t>(tk::getRunner()->date());
     descriptions.take(map);
     portMaps.add(id, std::move(map));
     countMaps(showDummyRule);
-    return upnpstatus::ok;
+    return {};
 }
 
-UPNPStatus WANIPConnection::changeMap(PortMap& existing, PortMap map) {
+tk::Status WANIPConnection::changeMap(PortMap& existing, PortMap map) {
     if (map.internalClient != existing.internalClient) {
         tk::log("addPortMapping: CONFLICT_IN_ENTRY");
-        return upnpstatus::conflictInMappingEntry;
+        return refusal(upnpstatus::conflictInMappingEntry,
+                       "the port is mapped to " + ipToString(existing.internalClient) + " already");
     }
     if (const tk::Status room = descriptions.roomFor(map, &existing); !room.isOk()) {
         tk::log("set nat failed: ", room.reason());
-        return upnpstatus::actionFailed;
+        return refusal(upnpstatus::actionFailed, room.reason());
     }
     map.natId = existing.natId;
+    map.since = existing.since;
     const tk::message reply = changeNatRule(map);
     if (tk::isError(reply)) {
         tk::log("set nat failed: ", tk::getError(reply));
-        return upnpstatus::actionFailed;
+        return refusal(upnpstatus::actionFailed, tk::getError(reply));
     }
     descriptions.giveBack(existing);
     descriptions.take(map);
     existing = std::move(map);
-    return upnpstatus::ok;
+    return {};
+}
+
+void WANIPConnection::noteRefusal(const Arguments& in, const tk::Status& refusal) {
+    const KeyArguments key = readKey(in);
+    const PortMap wanted = toPortMap(readValue(in));
+    const Id id = toId(key.externalPort, key.protocol);
+    const bool isExplained = !refusal.reason().empty();
+    refused.add({.time = tk::getRunner()->date(),
+                 .requester = requester(),
+                 .externalPort = id.port,
+                 .protocol = ipProtocol(id),
+                 .internalClient = wanted.internalClient,
+                 .internalPort = wanted.internalPort,
+                 .code = refusal.code(),
+                 .reason = isExplained ? refusal.reason()
+                                       : errorDescription(static_cast<UPNPStatus>(refusal.code()))});
 }
 
 UPNPStatus WANIPConnection::deletePortMapping(const Arguments& in, Arguments&) {

@@ -4,6 +4,9 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
+#include <iterator>
+
 #include <gtest/gtest.h>
 
 #include "services/testing/servicecalls.h"
@@ -17,6 +20,7 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
+constexpr std::uint64_t firstDate = tk::testing::ManualClock::firstDate;
 const tk::Path firewall = {20, 5};
 const std::uint32_t externalAddress = inet_addr("198.51.100.1");
 const std::uint32_t client = inet_addr("192.0.2.2");
@@ -33,7 +37,7 @@ protected:
         testing::internal::CaptureStdout();
         loop.bus.answer(firewall, tk::command::addObject,
                         [this](const tk::message&) { return reply(++lastRule); });
-        service = std::make_unique<WANIPConnection>(7, externalAddress);
+        service = std::make_unique<WANIPConnection>(7, externalAddress, refused);
         takeLog();
     }
     ~PortMappings() override {
@@ -97,6 +101,7 @@ protected:
 
     tk::testing::TestLoop loop;
     std::uint32_t lastRule = 40;
+    RefusedMappings refused;
     std::unique_ptr<WANIPConnection> service;
 };
 
@@ -396,6 +401,61 @@ TEST_F(PortMappings, DescriptionCountsForTheHostThatChangedItLast) {
     EXPECT_EQ(addMapping({}), 0);
     askAs(client);
     EXPECT_EQ(addMapping({.externalPort = "81", .description = large}), 0);
+}
+
+TEST_F(PortMappings, KnowWhoAskedForThemAndSinceWhenTheyExist) {
+    askAs(client);
+    addMapping({});
+    loop.advance(6000);  // a minute
+    askAs(inet_addr("192.0.2.9"));
+    addMapping({.description = "again"});
+    addMapping({.externalPort = "81"});
+    const PortMap& changed = service->mappings().at({80, 0});
+    EXPECT_EQ(changed.requester, inet_addr("192.0.2.9"));
+    EXPECT_EQ(changed.since, firstDate);
+    EXPECT_EQ(service->mappings().at({81, 0}).since, firstDate + 60);
+}
+
+TEST_F(PortMappings, ThatAreDeletedAndMadeAgainAreNew) {
+    addMapping({});
+    loop.advance(100);
+    deleteMapping({"", "80", "TCP"});
+    addMapping({});
+    EXPECT_EQ(service->mappings().at({80, 0}).since, firstDate + 1);
+}
+
+TEST_F(PortMappings, ThatAreRefusedAreKeptWithTheReasonOfEachCode) {
+    askAs(inet_addr("192.0.2.9"));
+    addMapping({.remoteHost = "10.0.0.1"});
+    addMapping({.externalPort = "", .internalClient = "nowhere"});
+    addMapping({.protocol = "UDP", .lease = "3600"});
+    addMapping({});
+    addMapping({.internalClient = "192.0.2.3"});
+    loop.bus.answer(firewall, tk::command::setObject, tk::errorMsg(1, "no change today"));
+    addMapping({});
+    loop.bus.answer(firewall, tk::command::addObject, tk::errorMsg(1, "no room"));
+    addMapping({.externalPort = "81"});
+    loop.bus.answer(firewall, tk::command::addObject, tk::errorMsg(1, ""));
+    addMapping({.externalPort = "81"});
+
+    const std::uint32_t asker = inet_addr("192.0.2.9");
+    const contract::MappingRefusal expected[] = {
+        {firstDate, asker, 80, 6, client, 8080, 726, "a mapping for one remote host alone is not supported"},
+        {firstDate, asker, 0, 6, 0xFFFFFFFF, 8080, 716, "no external port was given"},
+        {firstDate, asker, 80, 17, client, 8080, 725, "a mapping for a limited time is not supported"},
+        {firstDate, asker, 80, 6, inet_addr("192.0.2.3"), 8080, 718,
+         "the port is mapped to 192.0.2.2 already"},
+        {firstDate, asker, 80, 6, client, 8080, 501, "no change today"},
+        {firstDate, asker, 81, 6, client, 8080, 501, "no room"},
+        {firstDate, asker, 81, 6, client, 8080, 501, "Action Failed"},
+    };
+    EXPECT_TRUE(
+        std::equal(refused.all().begin(), refused.all().end(), std::begin(expected), std::end(expected)));
+}
+
+TEST_F(PortMappings, DeletingWhatIsNotThereIsNoRefusedMapping) {
+    EXPECT_EQ(deleteMapping({"", "80", "TCP"}), 714);
+    EXPECT_TRUE(refused.all().empty());
 }
 
 TEST_F(PortMappings, DestructionRemovesEveryRuleInOrderAndGoesOnAfterAFailure) {

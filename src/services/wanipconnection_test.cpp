@@ -37,7 +37,8 @@ protected:
     }
 
     tk::testing::TestLoop loop;
-    WANIPConnection service{7, inet_addr("198.51.100.1")};
+    RefusedMappings refused;
+    WANIPConnection service{7, inet_addr("198.51.100.1"), refused};
 };
 
 TEST_F(Connection, LogsItsInitialAddress) {
@@ -83,7 +84,7 @@ TEST_F(Connection, ReadsTheUptimeAtEachQuery) {
 }
 
 TEST_F(Connection, ReportsNoAddressAsZeros) {
-    const WANIPConnection without(8, 0);
+    const WANIPConnection without(8, 0, refused);
     EXPECT_EQ(const_cast<WANIPConnection&>(without).getVar("ExternalIPAddress"), "0.0.0.0");
 }
 

@@ -53,6 +53,8 @@ public:
     void updateDeviceStatus(const tk::message& msg);
     /// Updates the status of one record's interface.
     void applyDeviceStatus(const tk::message& message);
+    /// The interfaces with a started external role, by id.
+    std::vector<const Device*> externalDevices() const;
     /// The interface with that id; null when there is none.
     Device* deviceOf(std::uint32_t interface) const;
     /// The interface that owns this SSDP socket. The process ends when there is none.
@@ -94,6 +96,8 @@ public:
     void readvertise(Device* device);
     /// Gives discovery the targets of the present device tree.
     void rebuildAdvertTargets();
+    /// The mappings that external interfaces refused, also those whose role has ended since.
+    const RefusedMappings& refusedMappings() const { return refused; }
 
 private:
     using Devices = std::map<std::uint32_t, std::unique_ptr<Device>>;
@@ -116,6 +120,7 @@ private:
     TrackingHost& host;
     Discovery& discovery;
     HTTPServer& server;
+    RefusedMappings refused;
     Devices devices;  // by interface id
     // Removed devices that a connection still refers to.
     std::vector<std::unique_ptr<Device>> retired;

@@ -45,7 +45,7 @@ void Tracking::addServices(Device* device) {
     server.addFile(commonConfig.SCPDURL, "wancommonifcfg.xml");
     server.addFile(ipConnection.SCPDURL, "wanipconn.xml");
     device->commonConfig = std::make_unique<WANCommonInterfaceConfig>(device->record.toMessage());
-    device->ipConnection = std::make_unique<WANIPConnection>(device->id(), device->address);
+    device->ipConnection = std::make_unique<WANIPConnection>(device->id(), device->address, refused);
     device->ipConnection->allowDisableExternal = host.allowsDisableExternal();
     server.registerService(device->commonConfig.get(), commonConfig.eventSubURL, commonConfig.controlURL);
     server.registerService(device->ipConnection.get(), ipConnection.eventSubURL, ipConnection.controlURL);
@@ -56,6 +56,13 @@ void Tracking::removeServices(Device* device) {
     server.removeService(device->ipConnection.get());
     device->commonConfig.reset();
     device->ipConnection.reset();  // removes its port mappings
+}
+
+std::vector<const Device*> Tracking::externalDevices() const {
+    std::vector<const Device*> found;
+    for (const auto& [id, device] : devices)
+        if (device->ipConnection) found.push_back(device.get());
+    return found;
 }
 
 void Tracking::advertiseSubtree(const UpnpDevice& subtree, bool byebye) {
