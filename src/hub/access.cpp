@@ -7,6 +7,7 @@
 
 #include "contract/history.h"
 #include "contract/interfaces.h"
+#include "contract/mappings.h"
 #include "contract/natrules.h"
 #include "contract/programs.h"
 #include "contract/resolver.h"
@@ -40,6 +41,7 @@ constexpr Cell ownReadings[] = {
     {contract::program::network, contract::handler::interfaces, contract::tellSide},
     {contract::program::network, contract::handler::nat, contract::testRule},
     {contract::program::resolver, 0, contract::resolveName},
+    {contract::program::gateway, contract::handler::mappings, contract::recentRefusals},
 };
 
 // The user of the gateway daemon. The handlers of rules and interfaces decide which rules are its own, and

@@ -111,7 +111,7 @@ const Row rows[] = {
     {{65}, others + gateways, {}, rootAlone},
     {{80}, others, {}, rootAlone + std::set<uid_t>{writer}},
     {{80, 0}, others, {}, rootAlone + std::set<uid_t>{writer}},
-    {{80, 1}, others, {}, rootAlone + std::set<uid_t>{writer}},
+    {{80, 1}, others, {{2, others}}, rootAlone + std::set<uid_t>{writer}},
     {{14}, rootAlone + gateways, {{3, rootAlone + gateways}}, rootAlone},
     {{33}, rootAlone, {}, rootAlone},
     {{999, 3}, rootAlone, {}, rootAlone},
