@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "contract/gateway.h"
+#include "core/mappinglist.h"
 #include "http/httpserver.h"
 #include "services/osinfo.h"
 #include "ssdp/discovery.h"
@@ -43,6 +44,9 @@ public:
 
     /// The root device description as served at `address`.
     std::string describe(std::uint32_t address) override;
+
+    /// The handler that lists the port mappings, to be served beside this one.
+    tk::Handler& mappingList() { return mappings; }
 
     // Commands of the bus.
     tk::message cmdGet(const tk::message& request) override;
@@ -83,6 +87,7 @@ private:
 
     tk::Store settings;
     Tracking tracking;
+    MappingList mappings{tracking};
     Discovery discovery;
     HTTPServer server;
     OSInfo osInfo;

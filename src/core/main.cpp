@@ -27,6 +27,7 @@ int main() {
     }
     auto gateway = std::make_unique<gateway::Gateway>();
     looper.addHandler(0, gateway.get());
+    looper.addHandler(contract::handler::mappings, &gateway->mappingList());
     gateway->init();
     looper.run();
     gateway.reset();
