@@ -50,7 +50,7 @@ Json addressesToJson(const std::vector<Address>& addresses) {
     return list;
 }
 
-std::string addressTable(Session& session, const std::vector<Address>& addresses) {
+Table addressTable(Session& session, const std::vector<Address>& addresses) {
     const std::vector<Interface> interfaces = readInterfaces(session);
     Table table({"ID", "ADDRESS", "INTERFACE", "DISABLED"});
     for (const Address& entry : addresses) {
@@ -58,7 +58,7 @@ std::string addressTable(Session& session, const std::vector<Address>& addresses
         table.add({std::to_string(entry.id), textOf(entry),
                    name.empty() ? std::to_string(entry.interface) : name, yesNo(entry.disabled)});
     }
-    return table.text();
+    return table;
 }
 
 void listAddresses(Context& context) {
@@ -67,7 +67,7 @@ void listAddresses(Context& context) {
     if (context.json)
         context.out << lineOf(addressesToJson(addresses)) << '\n';
     else
-        context.out << addressTable(session, addresses);
+        context.out << addressTable(session, addresses).textWithin(context.terminal);
 }
 
 }  // namespace

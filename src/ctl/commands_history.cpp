@@ -28,7 +28,7 @@ void listHistory(Context& context) {
         table.add({entry["id"].dump(), entry["time"], entry["program"].dump(), entry["description"]});
         list.push_back(entry);
     }
-    context.print(list, table.text());
+    context.print(list, table);
 }
 
 void undoLast(Context& context) {

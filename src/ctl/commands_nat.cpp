@@ -73,7 +73,7 @@ void listRules(Context& context) {
             list.push_back(ruleToJson(record));
         else
             table.add(ruleToRow(record));
-    context.print(list, table.text());
+    context.print(list, table);
 }
 
 /// What "nat test" was called with.

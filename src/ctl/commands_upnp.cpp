@@ -42,7 +42,7 @@ void getSettings(Context& context) {
     table.add({enabledKey, yesNo(settings.enabled)});
     table.add({allowDisableExternalKey, yesNo(settings.allowDisableExternal)});
     table.add({showDummyRuleKey, yesNo(settings.showDummyRule)});
-    context.print(settingsToJson(settings), table.text());
+    context.print(settingsToJson(settings), table);
 }
 
 void setSettings(Context& context, const std::vector<std::string>& arguments) {

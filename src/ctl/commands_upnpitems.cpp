@@ -74,7 +74,7 @@ void listItems(Context& context) {
         table.add({std::to_string(id), name.empty() ? std::to_string(item.interface) + " (absent)" : name,
                    role, yesNo(item.disabled)});
     }
-    context.print(list, table.text());
+    context.print(list, table);
 }
 
 void printId(Context& context, std::uint32_t id, const std::string& text) {

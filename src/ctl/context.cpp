@@ -18,4 +18,8 @@ void Context::print(const Json& value, const std::string& text) {
         out << text;
 }
 
+void Context::print(const Json& value, const Table& table) {
+    print(value, json ? std::string() : table.textWithin(terminal));
+}
+
 }  // namespace ctl

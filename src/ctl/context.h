@@ -10,6 +10,7 @@
 #include "ctl/json.h"
 #include "ctl/session.h"
 #include "ctl/table.h"
+#include "ctl/terminal.h"
 #include "tk/bus.h"
 
 namespace ctl {
@@ -29,7 +30,12 @@ public:
     /// Prints the answer: one line of JSON if asked for, else the text for people.
     void print(const Json& value, const std::string& text);
 
+    /// The same with a table, which is made to fit the terminal.
+    void print(const Json& value, const Table& table);
+
     std::ostream& out;
+    /// Who reads the output.
+    Terminal terminal;
     std::string socketPath = contract::busPath;
     bool json = false;
 

@@ -37,5 +37,46 @@ TEST(Table, NoCellBreaksALineOrReachesTheTerminal) {
     EXPECT_EQ(table.text(), "A\none\\x0atwo\\x1b[2J\n");
 }
 
+struct NarrowTable : testing::Test {
+    NarrowTable() {
+        terminal.isTerminal = true;
+        terminal.isUnicode = true;
+        table.add({"1", "192.0.2.1:65535", "a long description of it all"});
+    }
+    std::string within(std::size_t width) {
+        terminal.width = width;
+        return table.textWithin(terminal);
+    }
+
+    Terminal terminal;
+    Table table{{"ID", "TO", "DESCRIPTION"}};
+};
+
+TEST_F(NarrowTable, KeepsItsTextsWhereThereIsRoom) {
+    EXPECT_EQ(within(49), table.text());
+}
+
+TEST_F(NarrowTable, ShortensTheTextBeforeTheFigures) {
+    EXPECT_EQ(within(40),
+              "ID  TO               DESCRIPTION\n"
+              "1   192.0.2.1:65535  a long description…\n");
+    EXPECT_EQ(within(24),
+              "ID  TO          DESCRIP…\n"
+              "1   192.0.2.1…  a long …\n");
+}
+
+TEST_F(NarrowTable, IsAtLeastReadable) {
+    EXPECT_EQ(within(1),
+              "ID  TO    DESCRIP…\n"
+              "1   192…  a long …\n");
+}
+
+TEST_F(NarrowTable, EndsACutTextInAsciiWhereTheLocaleIsNoUnicode) {
+    terminal.isUnicode = false;
+    EXPECT_EQ(within(32),
+              "ID  TO               DESCRIPTION\n"
+              "1   192.0.2.1:65535  a long des~\n");
+}
+
 }  // namespace
 }  // namespace ctl

@@ -55,6 +55,19 @@ std::size_t displayWidth(std::string_view text) {
     return width;
 }
 
+std::string shortened(std::string_view text, std::size_t width, std::string_view ellipsis) {
+    if (displayWidth(text) <= width) return std::string(text);
+    if (width == 0) return {};
+    std::size_t kept = 0;
+    for (std::size_t used = 0;;) {
+        const tk::Character character = tk::firstCharacter(text.substr(kept));
+        used += character.length > 0 ? tk::columnsOf(character.code) : 1;
+        if (used >= width) break;
+        kept += std::max<std::size_t>(character.length, 1);
+    }
+    return std::string(text.substr(0, kept)).append(ellipsis);
+}
+
 std::string hexText(std::uint32_t value) {
     char digits[2 * sizeof value];
     const auto end = std::to_chars(digits, digits + sizeof digits, value, 16);

@@ -13,6 +13,9 @@ namespace ctl {
 /// How many terminal columns a printable text takes.
 [[nodiscard]] std::size_t displayWidth(std::string_view text);
 
+/// A printable text cut to `width` columns; a cut text ends in `ellipsis`, which takes one of them.
+[[nodiscard]] std::string shortened(std::string_view text, std::size_t width, std::string_view ellipsis);
+
 /// "0x1a3": lower case, no leading zeros.
 [[nodiscard]] std::string hexText(std::uint32_t value);
 
