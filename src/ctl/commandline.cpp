@@ -35,9 +35,10 @@ void addSharedOptions(CLI::App& app, Context& context) {
 void addAllCommands(CLI::App& app, Context& context) {
     addInterfaceCommands(app, context);
     addAddressCommands(app, context);
-    CLI::App& upnp = addGroup(app, context, "upnp", "Settings of UPnP, and the interfaces that it serves");
+    CLI::App& upnp = addGroup(app, context, "upnp", "Settings of UPnP, the interfaces that it serves, and the ports that it maps");
     addUpnpCommands(upnp, context);
     addUpnpItemCommands(upnp, context);
+    addUpnpMappingsCommand(upnp, context);
     addNatCommands(app, context);
     addHistoryCommands(app, context);
     CLI::App& bus = addGroup(app, context, "bus", "Messages between the router's programs, for developers");

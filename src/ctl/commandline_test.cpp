@@ -376,7 +376,7 @@ for example: tkctl upnp interface add lan0 internal
 
 TEST_F(CommandLineTest, HelpOfAGroupListsAllCommandsBelowIt) {
     EXPECT_EQ(print({"upnp", "--help"}),
-              R"(Settings of UPnP, and the interfaces that it serves
+              R"(Settings of UPnP, the interfaces that it serves, and the ports that it maps
 
 Usage: tkctl upnp COMMAND [OPTIONS]
 
@@ -392,6 +392,7 @@ Commands:
   interface add           Give an interface a role; prints the id of the new item
   interface set           Change an item; what is not named stays unchanged
   interface remove        Take away an interface's role
+  mappings                List the ports that hosts in the LAN have mapped, and the traffic that used them
 
 )");
 }

@@ -19,6 +19,8 @@ void addAddressCommands(CLI::App& app, Context& context);
 void addUpnpCommands(CLI::App& upnp, Context& context);
 /// Adds "interface list", "add", "set" and "remove", below "upnp".
 void addUpnpItemCommands(CLI::App& upnp, Context& context);
+/// Adds "mappings", below "upnp".
+void addUpnpMappingsCommand(CLI::App& upnp, Context& context);
 /// Adds "nat list" and "nat test".
 void addNatCommands(CLI::App& app, Context& context);
 /// Adds "history list" and "history undo".

@@ -1,14 +1,24 @@
 #include "ctl/mappings.h"
 
 #include <algorithm>
+#include <string>
+#include <string_view>
 #include <tuple>
 #include <unordered_map>
 #include <utility>
 
+#include <CLI/App.hpp>
+
 #include "contract/interfaces.h"
 #include "contract/programs.h"
+#include "ctl/commandline.h"
+#include "ctl/commands.h"
+#include "ctl/context.h"
+#include "ctl/interfaces.h"
+#include "ctl/table.h"
 #include "ctl/text.h"
 #include "net/convert.h"
+#include "tk/characters.h"
 #include "tk/names.h"
 
 namespace ctl {
@@ -26,8 +36,10 @@ struct Traffic {
 
 /// What each rule has carried, by its id.
 std::unordered_map<std::uint32_t, Traffic> trafficOfRules(Session& session) {
+    tk::message query;
+    query.insert_u32(tk::field::options, contract::withCounters);
     std::unordered_map<std::uint32_t, Traffic> traffic;
-    for (const tk::message& rule : session.list(contract::path::nat(), contract::withCounters))
+    for (const tk::message& rule : session.list(contract::path::nat(), query))
         traffic[rule.get_u32(tk::field::objectId)] = {rule.get_u64(packetsField), rule.get_u64(bytesField)};
     return traffic;
 }
@@ -35,6 +47,32 @@ std::unordered_map<std::uint32_t, Traffic> trafficOfRules(Session& session) {
 bool comesBefore(const Mapping& left, const Mapping& right) {
     return std::tie(left.interface, left.externalPort, left.protocol) <
            std::tie(right.interface, right.externalPort, right.protocol);
+}
+
+/// As much of a control point's text as a line has room for.
+std::string beginningOf(std::string_view text) {
+    constexpr std::size_t longest = 60;  // bytes
+    const std::string beginning = tk::takePrintable(text, longest);
+    return text.empty() ? beginning : beginning + "...";
+}
+
+void listMappings(Context& context) {
+    Session& session = context.session();
+    const std::vector<Interface> interfaces = readInterfaces(session);
+    Json list = Json::array();
+    Table table({"INTERFACE", "PROTOCOL", "PORT", "TO", "ENABLED", "DESCRIPTION", "ASKED BY", "SINCE",
+                 "PACKETS", "BYTES"});
+    for (const Mapping& mapping : mappingsOf(session)) {
+        list.push_back(mappingToJson(mapping));
+        const std::string name = interfaceName(interfaces, mapping.interface);
+        table.add({name.empty() ? std::to_string(mapping.interface) : name, protocolText(mapping.protocol),
+                   std::to_string(mapping.externalPort),
+                   gateway::ipToString(mapping.internalClient) + ':' + std::to_string(mapping.internalPort),
+                   yesNo(mapping.enabled), beginningOf(mapping.description),
+                   gateway::ipToString(mapping.requestedBy), timeText(mapping.since),
+                   std::to_string(mapping.packets), std::to_string(mapping.bytes)});
+    }
+    context.print(list, table);
 }
 
 }  // namespace
@@ -77,6 +115,12 @@ Json mappingToJson(const Mapping& mapping) {
     object["packets"] = mapping.packets;
     object["bytes"] = mapping.bytes;
     return object;
+}
+
+void addUpnpMappingsCommand(CLI::App& upnp, Context& context) {
+    addCommand(upnp, context, "mappings",
+               "List the ports that hosts in the LAN have mapped, and the traffic that used them",
+               [&context] { listMappings(context); });
 }
 
 }  // namespace ctl

@@ -44,6 +44,7 @@ def attacks(lab):
     stored = bus.rule(8443, dynamic=False)
     return {
         "role": ([80, 0], bus.ADD, item, 'change {80,0}: it needs writes = ["80,0"]'),
+        "mapping": ([80, 1], bus.REMOVE, [(bus.OBJECT, bus.U32, 1)], 'change {80,1}: it needs writes = ["80,1"]'),
         "settings": ([80], SETTINGS_SET, [(1, bus.BOOL, False)], 'change {80}: it needs writes = ["80"]'),
         "undo": ([24], UNDO, [], "undo changes: it needs undo = true"),
         "record": ([24], RECORD, forged, 'change {24}: it needs writes = ["24"]'),
@@ -59,7 +60,7 @@ def attacks(lab):
 
 LOOKS = {"interfaces": ([20, 0], bus.GET_ALL), "addresses": ([20, 1], bus.GET_ALL), "rules": ([20, 5], bus.GET_ALL),
          "history": ([24], bus.GET_ALL), "identity": ([65], SETTINGS_GET), "settings": ([80], SETTINGS_GET),
-         "items": ([80, 0], bus.GET_ALL)}
+         "items": ([80, 0], bus.GET_ALL), "mappings": ([80, 1], bus.GET_ALL), "refused mappings": ([80, 1], 2)}
 
 
 def expect_refused(lab, user, names):
@@ -81,9 +82,9 @@ def test_the_resolver_may_only_resolve(router):
 
 
 def test_the_daemon_may_do_what_its_row_says_and_no_more(router):
-    expect_refused(router, DAEMON, ["role", "settings", "undo", "trace", "resolver"])
+    expect_refused(router, DAEMON, ["role", "mapping", "settings", "undo", "trace", "resolver"])
     client, = connect_as(router, DAEMON, 1)
-    for name in ("history", "settings", "items"):
+    for name in ("history", "settings", "items", "mappings", "refused mappings"):
         assert "may not look at" in refusal(client, *LOOKS[name]), name
     for name in ("interfaces", "addresses", "rules", "identity"):
         client.call(*LOOKS[name])
@@ -100,7 +101,7 @@ def test_a_member_of_the_group_looks_and_changes_nothing(router):
         client.call(path, command)
         client.subscribe(path, bus.CHANGED)
     assert "may not look at" in refusal(client, [14], 3, [(3, bus.STRING, "localhost")])
-    for words in (("upnp", "get"), ("interface", "list"), ("history", "list"),
+    for words in (("upnp", "get"), ("upnp", "mappings"), ("interface", "list"), ("history", "list"),
                   ("nat", "test", ROUTER_WAN, "80", "tcp", LAN1, "8080")):
         assert run_as(router, MEMBER, labs.BIN / "tkctl", *words).returncode == 0, words
     undone = run_as(router, MEMBER, labs.BIN / "tkctl", "history", "undo")
