@@ -14,6 +14,7 @@ MAPPINGS = [80, 1]
 INTERFACE, PORT, PROTOCOL, CLIENT, CLIENT_PORT, ENABLED, DESCRIPTION, REQUESTED_BY, SINCE = range(1, 10)
 REFUSALS = 2
 NO_SUCH_COMMAND = 0xFE0002
+HEADERS = 28  # bytes of IP and UDP before the payload
 
 
 @pytest.fixture(scope="module")
@@ -84,6 +85,19 @@ def test_each_mapping_names_its_rule_and_who_asked_last(served):
         assert client.call(MAPPINGS, bus.GET_COUNT)[bus.COUNT] == 1
     assert record[bus.OBJECT] == served.rules()[0]["id"]
     assert (record[DESCRIPTION], record[REQUESTED_BY]) == ("again", LAN2)
+
+
+def test_the_traffic_of_each_mapping_is_counted_both_ways(served):
+    add(served, "wan0", external=53, protocol="UDP", internal=5353)
+    add(served, "wan0", external=54, protocol="UDP", internal=5354)
+    with served.wan.datagrams() as near, served.lan1.datagrams(5353) as server:
+        for _ in range(3):
+            near.sendto(bytes(100), (ROUTER_WAN, 53))
+            _, peer = server.recvfrom(2000)
+        server.sendto(bytes(10), peer)
+        near.recvfrom(2000)
+    used = {one["externalPort"]: (one["packets"], one["bytes"]) for one in served.query("upnp", "mappings")}
+    assert used == {53: (4, 3 * (HEADERS + 100) + HEADERS + 10), 54: (0, 0)}
 
 
 def test_a_thousand_mappings_are_listed_while_others_come_and_go(served):

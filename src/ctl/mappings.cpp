@@ -9,7 +9,7 @@
 
 #include <CLI/App.hpp>
 
-#include "contract/interfaces.h"
+#include "contract/natrules.h"
 #include "contract/programs.h"
 #include "ctl/commandline.h"
 #include "ctl/commands.h"
@@ -25,22 +25,15 @@ namespace ctl {
 
 namespace {
 
-// Of a rule's record, with the option contract::withCounters.
-constexpr std::uint32_t packetsField = 1100;  // u64
-constexpr std::uint32_t bytesField = 1101;    // u64
+using contract::NatTraffic;
 
-struct Traffic {
-    std::uint64_t packets = 0;
-    std::uint64_t bytes = 0;
-};
-
-/// What each rule has carried, by its id.
-std::unordered_map<std::uint32_t, Traffic> trafficOfRules(Session& session) {
+/// What has passed by each rule, by its id.
+std::unordered_map<std::uint32_t, NatTraffic> trafficOfRules(Session& session) {
     tk::message query;
-    query.insert_u32(tk::field::options, contract::withCounters);
-    std::unordered_map<std::uint32_t, Traffic> traffic;
+    query.insert_u32(tk::field::options, contract::withTraffic);
+    std::unordered_map<std::uint32_t, NatTraffic> traffic;
     for (const tk::message& rule : session.list(contract::path::nat(), query))
-        traffic[rule.get_u32(tk::field::objectId)] = {rule.get_u64(packetsField), rule.get_u64(bytesField)};
+        traffic[rule.get_u32(tk::field::objectId)] = NatTraffic::fromMessage(rule);
     return traffic;
 }
 
