@@ -15,6 +15,7 @@
 #include "router/router.h"
 #include "tk/fd.h"
 #include "tk/log.h"
+#include "tk/servicemanager.h"
 #include "tk/status.h"
 
 namespace {
@@ -42,27 +43,21 @@ std::vector<hub::ProgramConfig> startable(const router::Config& config) {
     return all;
 }
 
-/// Logs why the router cannot run.
-int fail(const std::string& reason) {
-    tk::log("routerd: ", reason);
-    return failed;
-}
-
 /// Starts the launcher, and gives up the rights that the router does not need.
 tk::Status becomeUser(const router::Config& config, const router::Paths& paths, hub::Launcher& launcher) {
     if (tk::Status opened = launcher.open(startable(config)); !opened.isOk()) return opened;
     return router::dropPrivileges(*config.user, {paths.busFolder(), paths.stores});
 }
 
-int serve(const std::string& configPath, bool mayBeAbsent) {
-    tk::reserveStandardDescriptors();
+/// Runs the router until it is to end.
+/// Errors: why it cannot run.
+tk::Status serve(const std::string& configPath, bool mayBeAbsent, const tk::ServiceManager& manager) {
     tk::Result<router::Config> read = router::readConfig(configPath, mayBeAbsent);
-    if (!read.isOk()) return fail(read.reason());
+    if (!read.isOk()) return read.status();
     router::Config config = read.take();
     const router::Paths paths{.bus = contract::busPath};
     // First of all, so that nothing is touched that another router uses.
-    if (const tk::Status isFree = hub::Listener::checkFree(paths.bus); !isFree.isOk())
-        return fail(isFree.reason());
+    if (tk::Status isFree = hub::Listener::checkFree(paths.bus); !isFree.isOk()) return isFree;
     const bool drops = config.user && ::geteuid() == 0;
     if (drops) router::runAsRouter(config);
     router::nameUsualUsers(
@@ -71,13 +66,12 @@ int serve(const std::string& configPath, bool mayBeAbsent) {
     // Starts programs as other users, whom this process can no longer become.
     hub::Launcher launcher;
     if (drops)
-        if (const tk::Status became = becomeUser(config, paths, launcher); !became.isOk())
-            return fail(became.reason());
+        if (tk::Status became = becomeUser(config, paths, launcher); !became.isOk()) return became;
     hub::Processes& processes = drops ? static_cast<hub::Processes&>(launcher) : own;
     router::Router router(config, paths, processes);
-    if (const tk::Status started = router.start(); !started.isOk()) return fail(started.reason());
-    router.run();
-    return done;
+    if (tk::Status started = router.start(); !started.isOk()) return started;
+    router.run(manager);
+    return {};
 }
 
 }  // namespace
@@ -110,5 +104,11 @@ int main(int count, char** arguments) {
         std::fputs(usage, stderr);
         return misuse;
     }
-    return serve(configPath, isDefault);
+    tk::reserveStandardDescriptors();
+    const tk::ServiceManager manager;
+    const tk::Status served = serve(configPath, isDefault, manager);
+    if (served.isOk()) return done;
+    tk::log("routerd: ", served.reason());
+    manager.tellStatus(served.reason());
+    return failed;
 }

@@ -74,8 +74,11 @@ tk::Status Router::openKernel() {
     return monitor.start();
 }
 
-void Router::run() {
+void Router::run(const tk::ServiceManager& manager) {
+    const tk::ServiceManager::Watchdog watchdog(manager);
+    manager.tellReady("serving " + paths.bus);
     looper.run();
+    manager.tellStopping();
     activation.endAll();
     turnWhile([this] { return activation.isRunning(); }, farewellMilliseconds);
     listener.close();  // nobody must find a hub without services

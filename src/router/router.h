@@ -27,6 +27,7 @@
 #include "router/identity.h"
 #include "tk/looper.h"
 #include "tk/runner.h"
+#include "tk/servicemanager.h"
 #include "tk/status.h"
 
 namespace router {
@@ -54,8 +55,8 @@ public:
     /// Errors: when the kernel lacks something that is needed, or the system refuses.
     tk::Status start();
     /// Serves until SIGTERM or SIGINT. Then ends the programs that it started, serving them until they have
-    /// ended, and finally removes all rules and the flows that are alive.
-    void run();
+    /// ended, and finally removes all rules and the flows that are alive. The manager hears of all that.
+    void run(const tk::ServiceManager& manager);
 
 private:
     tk::Status openKernel();
