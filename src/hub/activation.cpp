@@ -16,6 +16,12 @@ namespace {
 
 constexpr int killMilliseconds = 1000;  // until a killed process is gone
 
+/// What starts the program, for people.
+const std::string& wayOf(const ProgramConfig& program) {
+    if (!program.trigger.empty()) return program.trigger;
+    return program.unit.empty() ? program.command.front() : program.unit;
+}
+
 }  // namespace
 
 void Restart::crashed(bool hadRegistered) {
@@ -60,12 +66,17 @@ tk::Status Activation::start(std::uint32_t program) {
     if (ending) return tk::Status::failure("the router is ending");
     if (children.contains(program) || coming.contains(program)) return {};
     if (tk::Status launched = launch(config->second); !launched.isOk()) return launched;
-    const bool isUnit = !config->second.unit.empty();
-    tk::log("program ", program, " started: ", isUnit ? config->second.unit : config->second.command.front());
+    const bool isOnlyAsked = !config->second.trigger.empty();
+    tk::log("program ", program, isOnlyAsked ? " asked for: " : " started: ", wayOf(config->second));
     return {};
 }
 
 tk::Status Activation::launch(const ProgramConfig& program) {
+    if (!program.trigger.empty()) {
+        if (tk::Status pulled = pullTrigger(program.trigger); !pulled.isOk()) return pulled;
+        expect(program.number);
+        return {};
+    }
     tk::Result<Started> started = processes.start(program);
     if (!started.isOk()) return started.status();
     children[program.number] = std::make_unique<Child>(*this, program.number, started.take());
@@ -76,6 +87,8 @@ void Activation::registered(std::uint32_t program) {
     if (const auto child = children.find(program); child != children.end())
         child->second->hasRegistered = true;
     coming.erase(program);
+    const auto pending = restarts.find(program);
+    if (pending != restarts.end() && !programs[program].trigger.empty()) pending->second.cancel();
 }
 
 void Activation::startConfigured() {
@@ -118,8 +131,9 @@ void Activation::programEnded(std::uint32_t program, const std::string& how, boo
 
 void Activation::startOrRetry(std::uint32_t program) {
     const tk::Status started = start(program);
-    if (started.isOk()) return;  // or a message had started it already
-    tk::log("program ", program, " cannot be started: ", started.reason());
+    if (!started.isOk()) tk::log("program ", program, " cannot be started: ", started.reason());
+    const bool isKnownToStart = started.isOk() && programs[program].trigger.empty();
+    if (isKnownToStart) return;  // or a message had started it already
     if (const auto pending = restarts.find(program); pending != restarts.end())
         pending->second.crashed(false);
 }
@@ -127,14 +141,18 @@ void Activation::startOrRetry(std::uint32_t program) {
 /// systemd has accepted the unit, or not. Its program comes to the bus later, or has come already.
 void Activation::unitAsked(const ProgramConfig& program, int status) {
     if (WIFEXITED(status) && WEXITSTATUS(status) == 0) {
-        if (!hub.awaits(program.number)) return;
-        if (coming.empty()) askingAgain.arm(askAgainTicks);
-        coming.insert(program.number);
+        if (hub.awaits(program.number)) expect(program.number);
         return;
     }
     const std::string reason = program.unit + " could not be started: systemctl " + endText(status);
     tk::log("program ", program.number, ": ", reason);
     hub.programFailed(program.number, reason);
+}
+
+/// The program has been asked for, and comes to the bus unless nobody listened.
+void Activation::expect(std::uint32_t program) {
+    if (coming.empty()) askingAgain.arm(askAgainTicks);
+    coming.insert(program);
 }
 
 void Activation::askAgain() {

@@ -48,7 +48,8 @@ private:
 /// after a crash, and ends them with the router.
 ///  A unit belongs to systemd: a command asks for it, and the command's success is not the program's end.
 /// Until its process has ended, systemd considers a unit running even if the program has left the bus. So it
-/// is asked again, each second, for a program that is awaited and does not come.
+/// is asked again, each second, for a program that is awaited and does not come. A trigger asks likewise, but
+/// nobody tells whether it was heard: for a program that runs with the router it is pulled until that comes.
 ///
 /// A command that runs with the router is restarted after a crash. One that left with status 0 meant to; the
 /// next message for it starts it.
@@ -66,7 +67,7 @@ public:
     void registered(std::uint32_t program) override;
     /// Starts what runs from the beginning. A failure is logged, and a command is tried again.
     void startConfigured();
-    /// Asks every started program to end, and starts no more. Units are left to systemd.
+    /// Asks every started program to end, and starts no more. Managed ones are left to their manager.
     void endAll();
     /// True while a started program has not ended.
     bool isRunning() const { return !children.empty(); }
@@ -86,7 +87,7 @@ private:
         tk::Watch watch;
     };
 
-    /// How long a unit's program may take to come to the bus before systemd is asked again.
+    /// How long a managed program may take to come to the bus before it is asked for again.
     static constexpr std::uint32_t askAgainTicks = 100;  // 1 s
 
     tk::Status launch(const ProgramConfig& program);
@@ -94,6 +95,7 @@ private:
     void startOrRetry(std::uint32_t program);
     void programEnded(std::uint32_t program, const std::string& how, bool hadRegistered);
     void unitAsked(const ProgramConfig& program, int status);
+    void expect(std::uint32_t program);
     void askAgain();
 
     std::map<std::uint32_t, ProgramConfig> programs;
@@ -101,8 +103,8 @@ private:
     Processes& processes;
     bool ending = false;
     std::map<std::uint32_t, std::unique_ptr<Child>> children;  // by program
-    std::map<std::uint32_t, Restart> restarts;                 // commands run with the router
-    std::set<std::uint32_t> coming;                            // units asked for, by program
+    std::map<std::uint32_t, Restart> restarts;                 // commands and triggers run with the router
+    std::set<std::uint32_t> coming;                            // managed programs asked for
     tk::Timer<Activation, &Activation::askAgain> askingAgain{*this};
 };
 

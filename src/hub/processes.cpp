@@ -3,10 +3,12 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <string_view>
 #include <utility>
 
 namespace hub {
@@ -15,6 +17,15 @@ namespace {
 
 constexpr const char* usualManager = "/usr/bin/systemctl";
 constexpr const char* otherManager = "/bin/systemctl";  // where /usr is no part of the root
+
+/// Opens a trigger to be written: never through a link, and never waiting for a reader.
+tk::Fd openTrigger(const std::string& path) {
+    constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    tk::Fd file(::open(path.c_str(), flags, 0644));
+    if (file.isOpen() || errno != ENOENT) return file;
+    if (::mkdir(path.substr(0, path.rfind('/')).c_str(), 0755) != 0) return file;
+    return tk::Fd(::open(path.c_str(), flags, 0644));
+}
 
 /// The child's side. System calls only: nothing else is sure to work after a fork.
 [[noreturn]] void become(const ProgramConfig& program, char* const* arguments, int report) {
@@ -70,6 +81,16 @@ std::vector<std::string> commandOf(const ProgramConfig& program) {
     return {isUsual ? usualManager : otherManager, "start", "--no-block", program.unit};
 }
 
+tk::Status pullTrigger(const std::string& path) {
+    constexpr std::string_view text = "start\n";
+    const mode_t mask = ::umask(0022);  // else nobody might be able to watch it
+    const tk::Fd file = openTrigger(path);
+    ::umask(mask);  // cannot fail, and leaves errno alone
+    if (!file.isOpen() || ::write(file.get(), text.data(), text.size()) < 0)
+        return tk::Status::ofErrno(path, errno);
+    return {};
+}
+
 std::string endText(int status) {
     if (WIFSIGNALED(status)) return "ended by signal " + std::to_string(WTERMSIG(status));
     return "ended with status " + std::to_string(WEXITSTATUS(status));
@@ -77,6 +98,7 @@ std::string endText(int status) {
 
 tk::Result<Started> OwnProcesses::start(const ProgramConfig& program) {
     const std::vector<std::string> words = commandOf(program);
+    if (words.empty()) return tk::Status::failure("there is no command that starts it");
     const tk::Result<pid_t> pid = spawn(program, words);
     if (!pid.isOk()) return pid.status().prefixed(words.front() + ": ");
     tk::Fd process(static_cast<int>(::syscall(SYS_pidfd_open, *pid, 0)));

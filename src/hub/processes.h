@@ -20,12 +20,22 @@ struct ProgramConfig {
     bool startsWithRouter = false;
     std::optional<tk::Account> user = {};  // that it runs as; none: the router's
     std::string unit = {};                 // its systemd service, instead of a command
+    std::string trigger = {};              // the file that asks for it, instead of either
+
+    /// True when a service manager runs the program and decides on its user: the router only asks for it.
+    [[nodiscard]] bool isManaged() const { return !unit.empty() || !trigger.empty(); }
 
     bool operator==(const ProgramConfig&) const = default;
 };
 
 /// The command that starts a program: its own, or the one that asks systemd for its unit.
 [[nodiscard]] std::vector<std::string> commandOf(const ProgramConfig& program);
+
+/// Asks for a program by its trigger: makes the file unless it is there, and writes to it. Whoever watches it
+/// starts the program. Makes the folder first if that is missing (one level). Only the user of the process may
+/// write to either, and everybody may watch them.
+/// Errors: why the file could not be written.
+[[nodiscard]] tk::Status pullTrigger(const std::string& path);
 
 /// How a process with this status ended, for people.
 [[nodiscard]] std::string endText(int status);

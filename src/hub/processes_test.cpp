@@ -1,8 +1,11 @@
 #include "hub/processes.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+
+#include "tk/testing/folder.h"
 
 namespace hub {
 namespace {
@@ -19,6 +22,58 @@ TEST(CommandOf, AUnitIsAskedForWithoutWaitingForIt) {
 
 TEST(CommandOf, AnotherProgramHasItsOwn) {
     EXPECT_EQ(commandOf({80, {"/bin/echo", "one"}}), (std::vector<std::string>{"/bin/echo", "one"}));
+}
+
+TEST(OwnProcesses, StartsNothingWithoutACommand) {
+    EXPECT_EQ(OwnProcesses().start({80, {}}).reason(), "there is no command that starts it");
+}
+
+class PullTrigger : public ::testing::Test {
+protected:
+    static mode_t modeOf(const std::string& path) {
+        struct stat status {};
+        EXPECT_EQ(::lstat(path.c_str(), &status), 0) << path;
+        return status.st_mode;
+    }
+
+    const tk::testing::Folder folder;
+    const std::string place = folder.file("start");
+    const std::string trigger = place + "/upnpd";
+};
+
+TEST_F(PullTrigger, MakesTheFolderAndTheFileForEverybodyToWatch) {
+    const mode_t mask = ::umask(0077);
+    EXPECT_EQ(pullTrigger(trigger).reason(), "");
+    EXPECT_EQ(::umask(mask), 0077U);
+    EXPECT_EQ(modeOf(place), S_IFDIR | 0755U);
+    EXPECT_EQ(modeOf(trigger), S_IFREG | 0644U);
+    EXPECT_EQ(folder.read("start/upnpd"), "start\n");
+}
+
+TEST_F(PullTrigger, WritesAnewEachTime) {
+    folder.write("upnpd", "from another time");
+    EXPECT_EQ(pullTrigger(folder.file("upnpd")).reason(), "");
+    EXPECT_EQ(folder.read("upnpd"), "start\n");
+}
+
+TEST_F(PullTrigger, FollowsNoLink) {
+    folder.write("other", "as it was");
+    ASSERT_EQ(::symlink(folder.file("other").c_str(), folder.file("upnpd").c_str()), 0);
+    EXPECT_EQ(pullTrigger(folder.file("upnpd")).reason(),
+              folder.file("upnpd") + ": Too many levels of symbolic links");
+    EXPECT_EQ(folder.read("other"), "as it was");
+}
+
+TEST_F(PullTrigger, WaitsForNoReader) {
+    ASSERT_EQ(::mkfifo(folder.file("upnpd").c_str(), 0600), 0);
+    EXPECT_EQ(pullTrigger(folder.file("upnpd")).reason(),
+              folder.file("upnpd") + ": No such device or address");
+}
+
+TEST_F(PullTrigger, MakesOneFolderOnly) {
+    EXPECT_EQ(pullTrigger(place + "/below/upnpd").reason(),
+              place + "/below/upnpd: No such file or directory");
+    EXPECT_FALSE(folder.has("start"));
 }
 
 }  // namespace

@@ -42,6 +42,21 @@ tk::Status readKeys(const toml::table& table, const Read& read) {
     return {};
 }
 
+/// A key of a program that must not stand beside another.
+struct Exclusion {
+    std::string_view key;
+    std::string_view other;
+    std::string_view reason;
+};
+
+constexpr Exclusion exclusions[] = {
+    {"unit", "command", "stands beside command"},
+    {"trigger", "command", "stands beside command"},
+    {"trigger", "unit", "stands beside unit"},
+    {"user", "unit", "stands beside unit, which names its user itself"},
+    {"user", "trigger", "stands beside trigger, whose service names its user itself"},
+};
+
 /// Walks a parsed file section by section, and stops at the first error.
 class Reader {
 public:
@@ -103,6 +118,7 @@ private:
         if (key == "number") return keep(out.number, values.program(key, value));
         if (key == "command") return keep(out.command, values.command(key, value));
         if (key == "unit") return keep(out.unit, values.unit(key, value));
+        if (key == "trigger") return keep(out.trigger, values.file(key, value));
         if (key == "start") return keep(out.startsWithRouter, values.flag(key, value));
         if (key == "user") return keep(out.user, values.account(key, value));
         return unknown(key, value);
@@ -111,13 +127,11 @@ private:
     /// Checks how the keys of a program go together.
     tk::Status checkProgram(const toml::table& table, const hub::ProgramConfig& program) {
         if (program.number == 0) return values.fault("number", table, "is missing");
-        if (program.unit.empty() && program.command.empty())
+        if (!program.isManaged() && program.command.empty())
             return values.fault("command", table, "is missing");
-        if (!program.unit.empty() && !program.command.empty())
-            return values.fault("unit", *table.get("unit"), "stands beside command");
-        if (!program.unit.empty() && program.user)
-            return values.fault("user", *table.get("user"),
-                                "stands beside unit, which names its user itself");
+        for (const Exclusion& each : exclusions)
+            if (table.contains(each.key) && table.contains(each.other))
+                return values.fault(each.key, *table.get(each.key), each.reason);
         return once(numbers.insert(program.number).second, "number", table);
     }
 
@@ -242,10 +256,24 @@ bool isNamed(const Config& config, std::uint32_t program) {
 
 void runAsRouter(Config& config) {
     for (hub::ProgramConfig& program : config.programs) {
-        if (program.user || !program.unit.empty()) continue;
+        if (program.user || program.isManaged()) continue;
         program.user = config.user;
         config.users.push_back({config.user->uid, {program.number}});
     }
+}
+
+tk::Status runAsStarted(Config& config, uid_t self) {
+    if (config.user && config.user->uid != self)
+        return tk::Status::failure("[router] user: only root can start it as " + config.user->name);
+    for (hub::ProgramConfig& program : config.programs) {
+        if (program.user && program.user->uid != self)
+            return tk::Status::failure("program " + std::to_string(program.number) +
+                                       ": user: only root can start it as " + program.user->name +
+                                       "; give it a trigger in place of command and user");
+        if (!program.user && !program.isManaged()) config.users.push_back({self, {program.number}});
+        program.user.reset();
+    }
+    return {};
 }
 
 void nameUsualUsers(Config& config, const std::vector<UsualUser>& usual) {

@@ -30,8 +30,13 @@ struct Config {
 };
 
 /// Gives the router's user to each program that names none, because the process that starts them is still
-/// root. A unit names its own user.
+/// root. What a service manager runs has a user already.
 void runAsRouter(Config& config);
+
+/// Fits the configuration to a router that was not started by root but by the user `self`: it starts programs
+/// as that user, who may register them, and as nobody else.
+/// Errors: for a configuration that names another user for the router or for a program.
+tk::Status runAsStarted(Config& config, uid_t self);
 
 /// A program's number, and the name of the user that it may become when root starts it.
 struct UsualUser {

@@ -49,6 +49,14 @@ TEST(ParseConfig, AUnitOfMoreThan255CharactersIsRefused) {
               "r.toml:2: unit: must be the name of a service, such as \"upnpd.service\"");
 }
 
+TEST(ParseConfig, ReadsTriggers) {
+    const Config config =
+        configIn("[[program]]\nnumber = 80\ntrigger = \"/run/tk/start/upnpd\"\nstart = true\n");
+    EXPECT_EQ(config.programs,
+              (std::vector<hub::ProgramConfig>{{80, {}, true, {}, {}, "/run/tk/start/upnpd"}}));
+    EXPECT_TRUE(config.users.empty()) << "who may register is a matter of [[user]]";
+}
+
 TEST(ParseConfig, ReadsEveryKey) {
     const Config config = configIn(
         "[router]\nuser = \"nobody\"\n"
@@ -123,6 +131,22 @@ constexpr Case cases[] = {
      "r.toml:3: unit: must be the name of a service, such as \"upnpd.service\""},
     {"UnitLikeAnOption", "[[program]]\nnumber = 80\nunit = \"--now.service\"\n",
      "r.toml:3: unit: must be the name of a service, such as \"upnpd.service\""},
+    {"TriggerBesideCommand", "[[program]]\nnumber = 80\ntrigger = \"/a\"\ncommand = [\"/a\"]\n",
+     "r.toml:3: trigger: stands beside command"},
+    {"TriggerBesideUnit", "[[program]]\nnumber = 80\nunit = \"a.service\"\ntrigger = \"/a\"\n",
+     "r.toml:4: trigger: stands beside unit"},
+    {"TriggerBesideUser", "[[program]]\nnumber = 80\ntrigger = \"/a\"\nuser = \"daemon\"\n",
+     "r.toml:4: user: stands beside trigger, whose service names its user itself"},
+    {"TriggerAsList", "[[program]]\nnumber = 80\ntrigger = [\"/a\"]\n",
+     "r.toml:3: trigger: must be the full path of a file, such as \"/run/tk/start/upnpd\""},
+    {"TriggerEmpty", "[[program]]\nnumber = 80\ntrigger = \"\"\n",
+     "r.toml:3: trigger: must be the full path of a file, such as \"/run/tk/start/upnpd\""},
+    {"TriggerWithoutAFullPath", "[[program]]\nnumber = 80\ntrigger = \"start/upnpd\"\n",
+     "r.toml:3: trigger: must be the full path of a file, such as \"/run/tk/start/upnpd\""},
+    {"TriggerLikeAFolder", "[[program]]\nnumber = 80\ntrigger = \"/run/tk/start/\"\n",
+     "r.toml:3: trigger: must be the full path of a file, such as \"/run/tk/start/upnpd\""},
+    {"TriggerWithAControlCharacter", "[[program]]\nnumber = 80\ntrigger = \"/a\\u0000b\"\n",
+     "r.toml:3: trigger: must be the full path of a file, such as \"/run/tk/start/upnpd\""},
     {"StartAsNumber", "[[program]]\nnumber = 80\ncommand = [\"/a\"]\nstart = 1\n",
      "r.toml:4: start: must be true or false"},
     {"UserOfNobody", "[[program]]\nnumber = 80\nuser = \"no-such-user\"\n",
@@ -212,6 +236,56 @@ TEST(RunAsRouter, AUnitNamesItsUserItself) {
     runAsRouter(config);
     EXPECT_FALSE(config.programs[0].user);
     EXPECT_TRUE(config.users.empty());
+}
+
+TEST(RunAsRouter, WhatATriggerStartsHasItsUser) {
+    Config config;
+    config.user = tk::Account{};
+    config.programs = {{80, {}, false, {}, {}, "/run/tk/start/upnpd"}};
+    runAsRouter(config);
+    EXPECT_FALSE(config.programs[0].user);
+    EXPECT_TRUE(config.users.empty());
+}
+
+constexpr uid_t self = 71;
+
+tk::Account account(const char* name, uid_t user) {
+    tk::Account account;
+    account.name = name;
+    account.uid = user;
+    return account;
+}
+
+TEST(RunAsStarted, StartsItsProgramsAsItselfAndLetsThemRegister) {
+    Config config;
+    config.user = account("router", self);
+    config.programs = {{80, {"/bin/one"}}, {81, {"/bin/two"}, false, account("router", self)}};
+    config.users = {{self, {81}}};  // as the file is read
+    EXPECT_EQ(runAsStarted(config, self).reason(), "");
+    EXPECT_EQ(config.programs, (std::vector<hub::ProgramConfig>{{80, {"/bin/one"}}, {81, {"/bin/two"}}}));
+    EXPECT_EQ(config.users, (std::vector<hub::UserRights>{{self, {81}}, {self, {80}}}));
+}
+
+TEST(RunAsStarted, GivesNoRightToWhatAServiceManagerRuns) {
+    Config config;
+    config.programs = {{80, {}, false, {}, "upnpd.service"},
+                       {14, {}, false, {}, {}, "/run/tk/start/resolverd"}};
+    EXPECT_TRUE(runAsStarted(config, self).isOk());
+    EXPECT_TRUE(config.users.empty());
+}
+
+TEST(RunAsStarted, RefusesToBecomeAnother) {
+    Config config;
+    config.user = account("other", 72);
+    EXPECT_EQ(runAsStarted(config, self).reason(), "[router] user: only root can start it as other");
+}
+
+TEST(RunAsStarted, RefusesAProgramOfAnother) {
+    Config config;
+    config.programs = {{80, {"/bin/one"}, false, account("other", 72)}};
+    EXPECT_EQ(
+        runAsStarted(config, self).reason(),
+        "program 80: user: only root can start it as other; give it a trigger in place of command and user");
 }
 
 TEST(UsualUser, MayBeTheProgramThatNobodyIsNamedFor) {

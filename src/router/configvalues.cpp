@@ -1,10 +1,12 @@
 #include "router/configvalues.h"
 
 #include <arpa/inet.h>
+#include <limits.h>
 #include <net/if.h>
 
 #include <charconv>
 
+#include "tk/characters.h"
 #include "tk/names.h"
 
 namespace router {
@@ -172,6 +174,14 @@ tk::Result<std::string> ConfigValues::unit(std::string_view key, const toml::nod
     if (!value.is_string() || !isUnitName(value.as_string()->get()))
         return fault(key, value, "must be the name of a service, such as \"upnpd.service\"");
     return value.as_string()->get();
+}
+
+tk::Result<std::string> ConfigValues::file(std::string_view key, const toml::node& value) const {
+    const std::string path = value.is_string() ? value.as_string()->get() : std::string();
+    const bool isFile = path.starts_with('/') && !path.ends_with('/') && path.size() < PATH_MAX;
+    if (!isFile || tk::printable(path) != path)
+        return fault(key, value, "must be the full path of a file, such as \"/run/tk/start/upnpd\"");
+    return path;
 }
 
 tk::Result<std::uint32_t> ConfigValues::program(std::string_view key, const toml::node& value) const {

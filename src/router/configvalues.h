@@ -51,6 +51,8 @@ public:
     tk::Result<std::vector<std::string>> command(std::string_view key, const toml::node& value) const;
     /// The name of a systemd service.
     tk::Result<std::string> unit(std::string_view key, const toml::node& value) const;
+    /// The full path of a file.
+    tk::Result<std::string> file(std::string_view key, const toml::node& value) const;
     /// The number of a program, and a list of them.
     tk::Result<std::uint32_t> program(std::string_view key, const toml::node& value) const;
     tk::Result<std::vector<std::uint32_t>> programs(std::string_view key, const toml::node& value) const;

@@ -58,8 +58,12 @@ tk::Status serve(const std::string& configPath, bool mayBeAbsent, const tk::Serv
     const router::Paths paths{.bus = contract::busPath};
     // First of all, so that nothing is touched that another router uses.
     if (tk::Status isFree = hub::Listener::checkFree(paths.bus); !isFree.isOk()) return isFree;
-    const bool drops = config.user && ::geteuid() == 0;
+    const bool isRoot = ::geteuid() == 0;
+    const bool drops = config.user && isRoot;
     if (drops) router::runAsRouter(config);
+    if (!isRoot)
+        if (tk::Status fits = router::runAsStarted(config, ::geteuid()); !fits.isOk())
+            return fits.prefixed(configPath + ": ");
     router::nameUsualUsers(
         config, {{contract::program::gateway, "upnpd"}, {contract::program::resolver, "resolverd"}});
     hub::OwnProcesses own;
