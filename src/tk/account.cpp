@@ -13,6 +13,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <iterator>
 #include <memory>
 
 #include "tk/fd.h"
@@ -45,9 +47,17 @@ Status giveFile(int folder, const char* name, const Account& account) {
     return isGiven ? Status() : Status::ofErrno(errno);
 }
 
+bool isNone(const __user_cap_data_struct& data) {
+    return data.effective == 0 && data.permitted == 0 && data.inheritable == 0;
+}
+
+/// A service manager that has taken all capabilities may forbid the system call that gives them up, too.
 bool setNoCapabilities() {
     __user_cap_header_struct header{};
     header.version = _LINUX_CAPABILITY_VERSION_3;
+    __user_cap_data_struct held[_LINUX_CAPABILITY_U32S_3] = {};
+    if (::syscall(SYS_capget, &header, held) == 0 && std::all_of(std::begin(held), std::end(held), isNone))
+        return true;
     const __user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3] = {};
     return ::syscall(SYS_capset, &header, none) == 0;
 }

@@ -2,12 +2,18 @@
 
 #include <fcntl.h>
 #include <grp.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <pwd.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
+#include <cstddef>
 #include <fstream>
 #include <functional>
 #include <iterator>
@@ -206,6 +212,30 @@ TEST_F(GiveUpRights, LeavesAnotherUserAsItIs) {
     EXPECT_TRUE(holdsInAChild([this] {
         return becomeAccount(*findAccount("daemon")) && giveUpRights("nobody", {"/proc/store"}).isOk() &&
                isUser(user) && hasNoCapability();
+    }));
+}
+
+/// Makes the kernel refuse a system call to this process from now on.
+bool forbid(unsigned call) {
+    sock_filter filter[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+                            BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, call, 0, 1),
+                            BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
+                            BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+    const sock_fprog program{std::size(filter), filter};
+    return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+           ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+}
+
+TEST_F(GiveUpRights, NeedsNoSystemCallForCapabilitiesThatAProcessDoesNotHave) {
+    EXPECT_TRUE(holdsInAChild([] {
+        return giveUpRights("daemon", {}).isOk() && forbid(SYS_capset) && giveUpRights("nobody", {}).isOk();
+    }));
+}
+
+TEST_F(GiveUpRights, FailsWhereCapabilitiesCannotBeGivenUp) {
+    EXPECT_TRUE(holdsInAChild([] {
+        return forbid(SYS_capset) &&
+               giveUpRights("no-such-user", {}).reason() == "the capabilities: Operation not permitted";
     }));
 }
 
