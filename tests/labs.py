@@ -143,13 +143,13 @@ class Host:
 class Program:
     """A program on the router, with everything that it writes to standard output."""
 
-    def __init__(self, lab, name, *words, wrapper=()):
+    def __init__(self, lab, name, *words, wrapper=(), folder=BIN):
         number = next(numbers)
         self.name = name
         self.path = lab.directory / f"{number:02}-{name}.log"
         self.errors = self.path.with_suffix(".err")
         with open(self.path, "wb") as out, open(self.errors, "wb") as err:
-            self.process = subprocess.Popen(lab.router.command(*wrapper, BIN / name, *words), stdin=subprocess.DEVNULL,
+            self.process = subprocess.Popen(lab.router.command(*wrapper, folder / name, *words), stdin=subprocess.DEVNULL,
                                             stdout=out, stderr=err)
 
     @property

@@ -45,6 +45,13 @@ bool isInGroup(int socket, const ucred& peer, gid_t wanted) {
     return std::find(groups.begin(), groups.end(), wanted) != groups.end();
 }
 
+/// The file may be the group's already: by the process's own group, or by that of a folder which hands it on.
+bool giveToGroup(const std::string& path, gid_t group) {
+    struct stat made {};
+    if (::lstat(path.c_str(), &made) == 0 && made.st_gid == group) return true;
+    return ::chown(path.c_str(), static_cast<uid_t>(-1), group) == 0;
+}
+
 /// Reports no failure: the bind that follows does.
 void makeFolderOf(const std::string& path) {
     const std::size_t slash = path.rfind('/');
@@ -105,8 +112,9 @@ tk::Status Listener::makeFile(const std::string& path, const sockaddr_un& addres
     const bool isBound = ::bind(socket.get(), generic(address), sizeof address) == 0;
     ::umask(mask);  // cannot fail, and leaves errno alone
     if (!isBound) return tk::Status::ofErrno(path, errno);
-    if (!group || ::chown(path.c_str(), static_cast<uid_t>(-1), *group) == 0) return {};
-    tk::Status refused = tk::Status::ofErrno(path, errno);
+    if (!group || giveToGroup(path, *group)) return {};
+    tk::Status refused = tk::Status::ofErrno(
+        path + " cannot be given to the group tk, in which the router's user has to be", errno);
     ::unlink(path.c_str());
     return refused;
 }

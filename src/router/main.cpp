@@ -71,6 +71,7 @@ tk::Status serve(const std::string& configPath, bool mayBeAbsent, const tk::Serv
     hub::Launcher launcher;
     if (drops)
         if (tk::Status became = becomeUser(config, paths, launcher); !became.isOk()) return became;
+    if (tk::Status may = router::checkPrivileges(); !may.isOk()) return may;
     hub::Processes& processes = drops ? static_cast<hub::Processes&>(launcher) : own;
     router::Router router(config, paths, processes);
     if (tk::Status started = router.start(); !started.isOk()) return started;

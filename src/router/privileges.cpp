@@ -44,4 +44,13 @@ tk::Status dropPrivileges(const tk::Account& account, const std::vector<std::str
     return {};
 }
 
+tk::Status checkPrivileges() {
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct held[_LINUX_CAPABILITY_U32S_3]{};
+    if (::syscall(SYS_capget, &header, held) != 0) return tk::Status::ofErrno("the capabilities", errno);
+    if ((held[CAP_TO_INDEX(CAP_NET_ADMIN)].effective & CAP_TO_MASK(CAP_NET_ADMIN)) != 0) return {};
+    return tk::Status::failure(
+        "it lacks CAP_NET_ADMIN: start it as root, or as a service with AmbientCapabilities=CAP_NET_ADMIN");
+}
+
 }  // namespace router

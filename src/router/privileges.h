@@ -14,4 +14,8 @@ namespace router {
 /// Errors: when the system refuses. The process may then be half changed.
 tk::Status dropPrivileges(const tk::Account& account, const std::vector<std::string>& folders);
 
+/// Checks that the process may change the network.
+/// Errors: it may not; the reason says what to do.
+tk::Status checkPrivileges();
+
 }  // namespace router
