@@ -49,7 +49,8 @@ public:
 /// except for smaller or equal networks of outside interfaces.
 class Zones {
 public:
-    static constexpr const char* usualPppoeSessions = "/proc/net/pppoe";
+    // Not /proc/net, which is absent where /proc shows nothing but processes.
+    static constexpr const char* usualPppoeSessions = "/proc/self/net/pppoe";
 
     /// `pppoeSessions` is the kernel's list of PPPoE sessions, which names the Ethernet devices below them.
     explicit Zones(LanConfig config = {}, std::string pppoeSessions = usualPppoeSessions);
