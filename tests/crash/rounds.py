@@ -7,7 +7,7 @@ import sys
 import time
 
 FOLDER = pathlib.Path(__file__).resolve().parent
-sys.path += [str(FOLDER.parent / name) for name in (".", "router", "resolver")]
+sys.path += [str(FOLDER.parent / name) for name in (".", "router")]
 
 import labs  # noqa: E402
 import nameserver  # noqa: E402

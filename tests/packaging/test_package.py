@@ -1,0 +1,108 @@
+"""The package: what is in it, and its way onto a system and off it."""
+import os
+import pathlib
+import re
+import subprocess
+
+import pytest
+
+import installation
+import labs
+from control_point import call, mapping, result
+from labs import LAN2, ROOT, ROUTER_WAN, WAN
+
+FILES = pathlib.Path(__file__).parent / "files"
+
+
+def listed():
+    """The files that an installation has, and their modes."""
+    return sorted(line for line in FILES.read_text().splitlines() if line and not line.startswith("#"))
+
+
+def shown(*words):
+    return subprocess.run(words, check=True, capture_output=True, text=True, timeout=60).stdout
+
+
+def field(package, name):
+    return shown("dpkg-deb", "--field", package, name).strip()
+
+
+def install(folder):
+    """Installs the build below a folder, as a packager does."""
+    subprocess.run(["cmake", "--install", labs.BIN.parent, "--prefix", "/usr"], check=True, capture_output=True, timeout=60,
+                   env={**os.environ, "DESTDIR": str(folder)})
+
+
+def found(folder):
+    return sorted(f"{path.stat().st_mode & 0o7777:04o} /{path.relative_to(folder)}"
+                  for path in folder.rglob("*") if path.is_file())
+
+
+def test_an_installation_has_these_files(tmp_path):
+    install(tmp_path)
+    assert found(tmp_path) == listed()
+
+
+def test_an_installation_keeps_the_configuration_of_the_administrator(tmp_path):
+    own = tmp_path / "tesk" / "etc" / "router.toml"
+    own.parent.mkdir(parents=True)
+    own.write_text("# mine\n")
+    install(tmp_path)
+    assert own.read_text() == "# mine\n"
+
+
+def test_the_package_has_the_same_files(package, tmp_path):
+    shown("dpkg-deb", "--extract", package, tmp_path)
+    assert found(tmp_path) == listed()
+
+
+def test_two_packages_of_one_build_are_equal(package, tmp_path):
+    assert installation.build_package(tmp_path).read_bytes() == package.read_bytes()
+
+
+def test_no_program_names_the_folder_that_it_was_built_in(package, tmp_path):
+    shown("dpkg-deb", "--extract", package, tmp_path)
+    for program in (tmp_path / "usr" / "sbin").iterdir():
+        assert str(ROOT).encode() not in program.read_bytes(), program.name
+
+
+def test_the_package_says_what_it_needs(package):
+    depends = {re.split(r"[ (]", each)[0] for each in field(package, "Depends").split(", ")}
+    assert depends == {"systemd", "init-system-helpers", "libc6", "libc-ares2", "libexpat1", "libmnl0", "libnftnl11",
+                       "libuuid1"}
+    assert field(package, "Recommends") == "nftables, iproute2"
+    assert shown("dpkg-deb", "--info", package, "conffiles").split() == ["/tesk/etc/router.toml"]
+
+
+def test_the_changelog_is_of_the_version_that_is_built(package):
+    version = shown("dpkg-parsechangelog", "-l", ROOT / "packaging" / "debian" / "changelog", "-S", "Version").strip()
+    assert version == field(package, "Version")
+    assert f"project(gateway VERSION {version} " in (ROOT / "CMakeLists.txt").read_text()
+
+
+def tree(root):
+    return {path.relative_to(root) for path in root.rglob("*")}
+
+
+def test_a_package_is_installed_used_and_purged_and_nothing_of_it_stays(package, bare_lab):
+    made = installation.Installation(bare_lab, package)
+    before = tree(bare_lab.root / "tesk")
+    made.install()
+    wants = bare_lab.root / "etc" / "systemd" / "system"
+    assert os.readlink(wants / "multi-user.target.wants" / "routerd.service") == "/lib/systemd/system/routerd.service"
+    made.start()
+    made.serve()
+    answer = call(bare_lab.lan2, made.wan_path(), "AddPortMapping", mapping(client=LAN2))
+    assert answer == result("AddPortMapping")
+    with bare_lab.lan2.listen(8080) as listener, bare_lab.wan.connect(ROUTER_WAN, 80):
+        connection, peer = listener.accept()
+        connection.close()
+        assert peer[0] == WAN
+    assert set(made.manager.stop().values()) == {0}
+    made.purge()
+    assert tree(bare_lab.root / "tesk") == before == set()
+    assert not (bare_lab.root / "run" / "tk").exists()
+    assert list(made.left("usr")) == []
+    users = {"passwd", "group", "shadow", "gshadow"}  # which stay, and what guards the change
+    assert {pathlib.Path(path).name.rstrip("-") for path in made.left("etc")} <= users | {".pwd.lock"}
+    assert [path for path in made.left("var") if not path.startswith(("var/lib/dpkg/", "var/log/dpkg.log"))] == []

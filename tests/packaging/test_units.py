@@ -1,0 +1,36 @@
+"""What systemd says about the units, and which of their lines the tests know."""
+import re
+import subprocess
+
+import pytest
+
+from labs import PATIENCE
+from unitfile import UNITS, Unit
+
+SERVICES = {"routerd": 2.5, "upnpd": 1.5, "resolverd": 1.5}  # and the most that each may be exposed, of 10
+FILES = sorted(path.name for path in UNITS.iterdir())
+
+
+def test_every_program_that_the_router_starts_has_a_service_and_a_path():
+    assert FILES == ["resolverd.path", "resolverd.service", "routerd.service", "upnpd.path", "upnpd.service"]
+
+
+@pytest.mark.parametrize("service", SERVICES)
+def test_a_service_is_exposed_to_little(service):
+    done = subprocess.run(["systemd-analyze", "security", "--offline=true", "--no-pager", UNITS / f"{service}.service"],
+                          capture_output=True, text=True, timeout=PATIENCE)
+    exposure = float(re.search(r"Overall exposure level for \S+: (\d+\.\d+)", done.stdout).group(1))
+    print(f"{service}: {exposure}")
+    assert exposure <= SERVICES[service], done.stdout
+
+
+@pytest.mark.parametrize("name", FILES)
+def test_the_tests_know_every_line_of_a_unit(name):
+    assert Unit(UNITS / name).unknown() == set()
+
+
+def test_systemd_finds_no_fault_with_the_units(installed):
+    done = installed.lab.router.run("systemd-analyze", "verify", "--man=no",
+                                    *(f"/usr/lib/systemd/system/{name}" for name in FILES), check=False)
+    faults = [line for line in done.stderr.splitlines() if re.search(r"routerd|upnpd|resolverd|gateway", line)]
+    assert (faults, done.returncode) == ([], 0), done.stderr
