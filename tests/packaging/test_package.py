@@ -29,8 +29,8 @@ def field(package, name):
 
 def install(folder):
     """Installs the build below a folder, as a packager does."""
-    subprocess.run(["cmake", "--install", labs.BIN.parent, "--prefix", "/usr"], check=True, capture_output=True, timeout=60,
-                   env={**os.environ, "DESTDIR": str(folder)})
+    subprocess.run(["cmake", "--install", labs.BIN.parent, "--prefix", "/usr"], check=True, capture_output=True,
+                   timeout=60, env={**os.environ, "DESTDIR": str(folder)})
 
 
 def found(folder):

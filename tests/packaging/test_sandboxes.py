@@ -16,9 +16,19 @@ NET_ADMIN = "0000000000001000"
 NOTHING = "0" * 16
 
 
+# The work is that of another unit, which waits for the file.
+HANDED_ON = """
+[[interface]]
+name = "wan1"
+down = ["/usr/bin/touch", "/run/tk/wan1-down"]
+"""
+
+
 @pytest.fixture(scope="module")
 def running(installed):
     """The router as it is a moment after its start, with a gateway that serves."""
+    with open(installed.lab.root / "tesk" / "etc" / "router.toml", "a") as configuration:
+        configuration.write(HANDED_ON)
     nameserver.replace(installed.lab, "resolv.conf", f"nameserver {WAN}\n")
     installed.start()
     installed.serve()
@@ -98,6 +108,13 @@ def test_the_daemon_comes_back_when_it_is_asked_for(running):
     assert running.manager.end("upnpd.service") == 0
     assert running.query("upnp", "get")["enabled"]
     assert running.manager.runs("upnpd.service")
+
+
+def test_a_command_of_the_administrator_can_hand_its_work_to_another_unit(running):
+    wan1, = (record["id"] for record in running.query("interface", "list") if record["name"] == "wan1")
+    running.tkctl("bus", "call", "20,0", "0xFE0003", f"0xFE0001:u32={wan1}", "0xFE000A:bool=yes")
+    written = running.lab.root / "run" / "tk" / "wan1-down"
+    assert str(written.stat().st_uid) == ids(running, "passwd")["routerd"]
 
 
 def test_the_router_shows_that_it_is_alive(running):
