@@ -39,6 +39,12 @@ def test_the_daemon_needs_no_library_but_those_for_xml_and_uuids_and_c():
 
 
 @pytest.mark.parametrize("program", PROGRAMS)
+def test_the_version_stands_in_the_file_of_each_program(program):
+    version = shown(BIN / "tkctl", "--version").strip()
+    assert re.findall(rb"@\(#\)gateway ([^\0]+)\0", (BIN / program).read_bytes()) == [version.encode()]
+
+
+@pytest.mark.parametrize("program", PROGRAMS)
 def test_a_program_is_loaded_at_a_random_address(program):
     assert re.search(r"FLAGS_1.*\bPIE\b", shown("readelf", "-dW", BIN / program))
 

@@ -13,6 +13,7 @@
 #include "ctl/helptext.h"
 #include "tk/characters.h"
 #include "tk/log.h"
+#include "tk/version.h"
 
 namespace ctl {
 
@@ -142,7 +143,7 @@ Status runCommandLine(std::vector<std::string> arguments, Context& context, std:
     app.formatter(std::make_shared<HelpText>());
     app.require_subcommand(-1);
     app.set_help_flag("-h,--help", "Print this text and end");
-    app.set_version_flag("--version", TKCTL_VERSION, "Print the version and end");
+    app.set_version_flag("--version", tk::version(), "Print the version and end");
     addSharedOptions(app, context);
     addAllCommands(app, context);
     app.footer("tkctl COMMAND --help tells more about a command.");

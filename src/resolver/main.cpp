@@ -12,6 +12,7 @@
 #include "tk/log.h"
 #include "tk/looper.h"
 #include "tk/names.h"
+#include "tk/version.h"
 
 namespace {
 
@@ -88,7 +89,7 @@ int main(int count, char** arguments) {
                 std::fputs(usage, stdout);
                 return done;
             case versionOption:
-                std::puts("resolverd " GATEWAY_VERSION);
+                std::printf("resolverd %s\n", tk::version());
                 return done;
             default:
                 return misused();

@@ -17,6 +17,7 @@
 #include "tk/log.h"
 #include "tk/servicemanager.h"
 #include "tk/status.h"
+#include "tk/version.h"
 
 namespace {
 
@@ -99,7 +100,7 @@ int main(int count, char** arguments) {
                 std::fputs(usage, stdout);
                 return done;
             case versionOption:
-                std::puts("routerd " GATEWAY_VERSION);
+                std::printf("routerd %s\n", tk::version());
                 return done;
             default:
                 std::fputs(usage, stderr);
