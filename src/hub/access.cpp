@@ -135,6 +135,8 @@ tk::Status checkCommand(const UserRights& rights, const tk::message& request) {
             return checkBeing(rights, "register program ", request.get_u32(tk::hubfield::program));
         case tk::command::hubTrace:
             return unless(rights.traces, "may not trace: it needs trace = true");
+        case tk::command::hubReload:
+            return tk::Status::failure("may not reload the configuration: it needs admin = true");
         case tk::command::hubSubscribe: {
             const tk::Path& path = request.get_u32_array(tk::hubfield::path);
             return path.empty() ? tk::Status() : checkAsking(rights, path, tk::command::get);

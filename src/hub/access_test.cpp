@@ -181,6 +181,7 @@ TEST(Access, EverybodyMaySendWhatConcernsOnlyTheSender) {
     for (const uid_t user : everybody) {
         EXPECT_EQ(whyNotCommand(user, tk::command::hubUnsubscribe, subscriptionTo({24})), "");
         EXPECT_EQ(whyNotCommand(user, tk::command::hubUnregister, programNumber(80)), "");
+        EXPECT_EQ(whyNotCommand(user, tk::command::hubPrograms), "");
         EXPECT_EQ(whyNotAsk(user, {}, tk::command::set), "") << "it goes nowhere";
     }
 }

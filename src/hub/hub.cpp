@@ -33,6 +33,37 @@ void Hub::addService(tk::Handler& handler, const tk::Path& path) {
     services.add(handler);
 }
 
+void Hub::setAccess(Access table) {
+    access = std::move(table);
+    for (Peer* peer : peers.all()) withdrawRights(*peer);
+}
+
+/// True when the peer might make a request of the hub itself now that it made before.
+bool Hub::mayStill(const Peer& peer, std::uint32_t command, tk::message content) const {
+    content.insert_u32_array(tk::field::destination, {tk::program::hub});
+    tk::stamp(content, {peer.identity()}, 0, tk::Kind::request, command);
+    return access.check(peer.user().uid, content).isOk();
+}
+
+/// Takes from a peer what it once got and would not get now.
+void Hub::withdrawRights(Peer& peer) {
+    const std::uint32_t number = peer.clientNumber();
+    subscriptions.dropIf(number, [this, &peer](const tk::Subscription& held) {
+        return !mayStill(peer, tk::command::hubSubscribe, held.toMessage());
+    });
+    if (!mayStill(peer, tk::command::hubTrace, {})) tracers.drop(number);
+    if (!peer.isProgram()) return;
+    tk::message registration;
+    registration.insert_u32(tk::hubfield::program, peer.identity());
+    if (!mayStill(peer, tk::command::hubRegister, registration))
+        peer.drop("its user may not be this program any more");
+}
+
+std::optional<uid_t> Hub::userOf(std::uint32_t program) const {
+    const Peer* peer = peers.findProgram(program);
+    return peer ? std::optional(peer->user().uid) : std::nullopt;
+}
+
 void Hub::adopt(tk::Fd socket, const Credentials& credentials) {
     const tk::Status room = peers.checkRoom(credentials.uid, access.runsPrograms(credentials.uid));
     if (!room.isOk()) return turnAway(socket, credentials.uid, tk::error::busy, room.reason());
@@ -58,6 +89,7 @@ void Hub::close() {
     services.clear();
     starter = nullptr;
     watcher = nullptr;
+    reloader = nullptr;
     awaited.clear();
     peers.clear();
 }

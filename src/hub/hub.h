@@ -4,8 +4,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "hub/access.h"
 #include "hub/awaitedrequests.h"
@@ -45,6 +47,16 @@ public:
     virtual void programComes(std::uint32_t program, uid_t user) = 0;
 };
 
+/// Reads the configuration of the hub's process again.
+class Reloader {
+public:
+    virtual ~Reloader() = default;
+    /// Puts into force what has changed, and returns the names of the changed sections: none when there are
+    /// none.
+    /// Errors: nothing has changed; the reason is one line for people.
+    virtual tk::Result<std::vector<std::string>> reload() = 0;
+};
+
 /// The middle of the bus: carries requests to programs and their ends back, hands notifications to
 /// subscribers, and serves the handlers of its own process. It never waits for anybody.
 ///
@@ -81,14 +93,18 @@ public:
     /// Lifetime: the starter outlives its use.
     void setStarter(Starter* target) { starter = target; }
 
-    /// Sets who may do what. At first only root may do more than everybody. Call before there are
-    /// connections: existing subscriptions stay.
-    void setAccess(Access table) { access = std::move(table); }
+    /// Sets who may do what. At first only root may do more than everybody. Connections that are open lose
+    /// the subscriptions, and the sight of the traffic, that they may not have any more. A program whose user
+    /// may not be that program any more is disconnected, from the loop.
+    void setAccess(Access table);
     /// Sets the number that the next connection gets, if nobody has it.
     void setNextClient(std::uint32_t number) { peers.setNextNumber(number); }
     /// Sets whom to tell of programs that come; null, as at first, for nobody.
     /// Lifetime: the watcher outlives its use.
     void setProgramWatcher(ProgramWatcher* target) { watcher = target; }
+    /// Sets whom to ask to read the configuration again; null, as at first, for nobody.
+    /// Lifetime: the reloader outlives its use.
+    void setReloader(Reloader* target) { reloader = target; }
 
     /// Takes over a new, non-blocking connection. A peer over a limit is turned away.
     void adopt(tk::Fd socket, const Credentials& credentials);
@@ -104,6 +120,8 @@ public:
 
     /// How many connections there are.
     std::size_t peerCount() const { return peers.count(); }
+    /// The user of the connection that is this program; none when no connection is.
+    [[nodiscard]] std::optional<uid_t> userOf(std::uint32_t program) const;
     /// The account of a user, or of one connection of root.
     /// Lifetime: until the next connection comes.
     tk::Budget& budgetOf(uid_t user, std::uint32_t client) { return peers.budgetOf(user, client); }
@@ -121,6 +139,8 @@ private:
     void peerEnded(Peer& peer, const std::string& reason) override;
 
     [[nodiscard]] bool isRefused(const Peer& from, const tk::message& sent);
+    [[nodiscard]] bool mayStill(const Peer& peer, std::uint32_t command, tk::message content) const;
+    void withdrawRights(Peer& peer);
     void tellEnd(const Peer& peer, const std::string& reason);
 
     // What passes: each of these traces its message, then hands it on.
@@ -151,11 +171,14 @@ private:
     void giveUp(Peer& from);
     [[nodiscard]] tk::message subscribe(Peer& from, const tk::message& request);
     [[nodiscard]] tk::message unsubscribe(Peer& from, const tk::message& request);
+    [[nodiscard]] tk::message listPrograms() const;
+    [[nodiscard]] tk::message reload() const;
 
     Peers peers;  // destroyed last: the others charge its budgets
     LocalServices services;
     Starter* starter = nullptr;
     ProgramWatcher* watcher = nullptr;
+    Reloader* reloader = nullptr;
     RefusalLog refusedConnections{"bus", "connections refused"};
     RefusalLog refusedMessages{"bus", "messages refused"};
     RefusalLog droppedClients{"bus", "connections dropped"};

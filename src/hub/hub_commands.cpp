@@ -2,9 +2,13 @@
 
 #include "hub/hub.h"
 
+#include <unistd.h>
+
 #include <optional>
 #include <string>
+#include <vector>
 
+#include "contract/programs.h"
 #include "tk/names.h"
 #include "tk/status.h"
 #include "tk/subscription.h"
@@ -23,6 +27,14 @@ tk::Result<tk::Subscription> subscriptionIn(const tk::message& request) {
     return *wanted;
 }
 
+tk::message programRecord(std::uint32_t number, const Credentials& user) {
+    tk::message record;
+    record.insert_u32(tk::hubfield::number, number);
+    record.insert_u32(tk::hubfield::pid, static_cast<std::uint32_t>(user.pid));
+    record.insert_u32(tk::hubfield::uid, user.uid);
+    return record;
+}
+
 }  // namespace
 
 tk::message Hub::command(Peer& from, const tk::message& request) {
@@ -39,6 +51,10 @@ tk::message Hub::command(Peer& from, const tk::message& request) {
             return unsubscribe(from, request);
         case tk::command::hubTrace:
             return {};  // begins after its own reply
+        case tk::command::hubPrograms:
+            return listPrograms();
+        case tk::command::hubReload:
+            return reload();
         default:
             return tk::errorMsg(tk::error::noSuchCommand, "no such command");
     }
@@ -101,6 +117,27 @@ tk::message Hub::unsubscribe(Peer& from, const tk::message& request) {
     if (!wanted.isOk()) return tk::errorMsg(wanted.status().code(), wanted.reason());
     subscriptions.remove(from.clientNumber(), *wanted);
     return {};
+}
+
+tk::message Hub::listPrograms() const {
+    tk::message reply;
+    std::vector<tk::message>& records = reply.get_message_array_ref(tk::field::objects);
+    records.push_back(programRecord(contract::program::network, {::getpid(), ::geteuid(), ::getegid()}));
+    for (const Peer* peer : peers.all())
+        if (peer->isProgram()) records.push_back(programRecord(peer->identity(), peer->user()));
+    return reply;
+}
+
+tk::message Hub::reload() const {
+    if (!reloader) return tk::errorMsg(tk::error::failed, "there is no configuration to read");
+    const tk::Result<std::vector<std::string>> changed = reloader->reload();
+    if (!changed.isOk()) return tk::errorMsg(tk::error::failed, changed.reason());
+    std::vector<tk::message> sections;
+    for (const std::string& name : *changed)
+        sections.emplace_back().insert_string(tk::hubfield::section, name);
+    tk::message reply;
+    if (!sections.empty()) reply.insert_message_array(tk::hubfield::sections, std::move(sections));
+    return reply;
 }
 
 }  // namespace hub

@@ -65,6 +65,12 @@ Peer* Peers::findAt(const tk::Path& path) const {
     return client ? client : findProgram(path.front());
 }
 
+std::vector<Peer*> Peers::all() const {
+    std::vector<Peer*> list;
+    for (const auto& [number, peer] : peers) list.push_back(peer.get());
+    return list;
+}
+
 tk::Budget& Peers::payer(std::uint32_t number) {
     const Peer* peer = find(number);
     return peer ? peer->budget() : budgets.of(0, number);

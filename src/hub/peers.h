@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <vector>
 
 #include "hub/budgets.h"
 #include "hub/peer.h"
@@ -49,6 +50,10 @@ public:
     /// The connection that a path leads to. A program is also found by its client number: so it still gets
     /// what it asked for before it registered.
     Peer* findAt(const tk::Path& path) const;
+
+    /// All connections, in the order of their numbers.
+    /// Lifetime: of each, until it ends.
+    [[nodiscard]] std::vector<Peer*> all() const;
 
     /// How many connections there are.
     std::size_t count() const { return peers.size(); }

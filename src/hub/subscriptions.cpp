@@ -39,6 +39,16 @@ void Subscriptions::drop(std::uint32_t peer) {
     }
 }
 
+void Subscriptions::dropIf(std::uint32_t peer,
+                           const std::function<bool(const tk::Subscription&)>& isUnwanted) {
+    std::vector<tk::Subscription> unwanted;
+    for (const auto& [key, peers] : subscribers)
+        if (std::any_of(peers.begin(), peers.end(), isOf(peer)))
+            if (tk::Subscription held{key.first, key.second}; isUnwanted(held))
+                unwanted.push_back(std::move(held));
+    for (const tk::Subscription& each : unwanted) remove(peer, each);
+}
+
 const std::vector<Subscriptions::Subscriber>& Subscriptions::of(const tk::Path& path,
                                                                 std::uint32_t command) const {
     static const std::vector<Subscriber> none;

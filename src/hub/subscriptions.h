@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <utility>
 #include <vector>
@@ -29,8 +30,9 @@ public:
     [[nodiscard]] bool add(std::uint32_t peer, const tk::Subscription& wanted, tk::Budget& payer);
     /// Ends a subscription; an absent one is no error.
     void remove(std::uint32_t peer, const tk::Subscription& unwanted);
-    /// Ends all subscriptions of a peer.
+    /// Ends all subscriptions of a peer, or those that `isUnwanted` names.
     void drop(std::uint32_t peer);
+    void dropIf(std::uint32_t peer, const std::function<bool(const tk::Subscription&)>& isUnwanted);
 
     /// A peer that subscribed, and what that costs.
     struct Subscriber {

@@ -53,6 +53,9 @@ constexpr std::uint32_t hubTrace = 4;
 // Notification of {0}: field 1 message[] with the one message.
 constexpr std::uint32_t hubTraced = 5;
 constexpr std::uint32_t hubUnregister = 6;  // field 1 u32: the number to give up
+// The programs that are registered, the hub's own first: records in field::objects.
+constexpr std::uint32_t hubPrograms = 7;
+constexpr std::uint32_t hubReload = 8;  // the router reads its configuration again
 }  // namespace command
 
 // What the hub's commands carry.
@@ -62,6 +65,12 @@ constexpr std::uint32_t path = 1;     // u32[], of a subscription
 constexpr std::uint32_t command = 2;  // u32, likewise
 constexpr std::uint32_t filter = 3;   // message[] with the one filter message, likewise
 constexpr std::uint32_t traced = 1;   // message[] with the one message, of hubTraced
+constexpr std::uint32_t number = 1;   // u32, of a record of hubPrograms
+constexpr std::uint32_t pid = 2;      // u32, likewise
+constexpr std::uint32_t uid = 3;      // u32, likewise
+// message[] with a string 1 each, of hubReload: the names of the sections that have changed.
+constexpr std::uint32_t sections = 1;
+constexpr std::uint32_t section = 1;
 }  // namespace hubfield
 
 // An undo record, as a handler hands it in.
