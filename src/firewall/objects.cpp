@@ -4,6 +4,7 @@
 #include <libnftnl/chain.h>
 #include <libnftnl/common.h>
 #include <libnftnl/expr.h>
+#include <libnftnl/rule.h>
 #include <libnftnl/set.h>
 #include <libnftnl/table.h>
 #include <libnftnl/udata.h>
@@ -253,6 +254,78 @@ private:
     std::size_t next = 0;
 };
 
+void flushChain(Batch& batch, const char* name) {
+    const std::unique_ptr<nftnl_rule, decltype(&nftnl_rule_free)> all(nftnl_rule_alloc(), &nftnl_rule_free);
+    nftnl_rule_set_u32(all.get(), NFTNL_RULE_FAMILY, nft::ip4);
+    nftnl_rule_set_str(all.get(), NFTNL_RULE_TABLE, nft::table);
+    nftnl_rule_set_str(all.get(), NFTNL_RULE_CHAIN, name);
+    batch.add(NFT_MSG_DELRULE, 0,
+              [&all](nlmsghdr& message) { nftnl_rule_nlmsg_build_payload(&message, all.get()); });
+}
+
+void removeChain(Batch& batch, const char* name) {
+    const ChainObject chain = makeChain(name);
+    batch.add(NFT_MSG_DELCHAIN, 0,
+              [&chain](nlmsghdr& message) { nftnl_chain_nlmsg_build_payload(&message, chain.get()); });
+}
+
+void removeSet(Batch& batch, const char* name) {
+    const SetObject set = makeSet(name);
+    batch.add(NFT_MSG_DELSET, 0,
+              [&set](nlmsghdr& message) { nftnl_set_nlmsg_build_payload(&message, set.get()); });
+}
+
+void createDaemonChains(Batch& batch) {
+    addUserSet(batch, usersNumber, nft::ip4);
+    addChain(batch, nft::output, "filter", NF_INET_LOCAL_OUT, priorityFilter);
+    addChain(batch, makeChain(nft::daemon));
+    addGuard(batch);
+}
+
+void removeDaemonChains(Batch& batch) {
+    for (const char* chain : {nft::output, nft::daemon}) flushChain(batch, chain);
+    for (const char* chain : {nft::output, nft::daemon}) removeChain(batch, chain);
+    removeSet(batch, nft::guarded);
+}
+
+/// True when the guard has rules in the input chain.
+bool hasInput(const GuardConfig& guard) {
+    return guard != noGuard;
+}
+
+/// A limit on what each source sends, and the set that remembers the sources.
+struct SourceLimit {
+    std::uint32_t GuardConfig::*value;  // 0: there is neither
+    const char* set;
+    std::uint32_t setNumber;
+    std::uint32_t setFlags;
+    void (*addRule)(Batch& batch, std::uint32_t setNumber, std::uint32_t value);
+};
+
+constexpr SourceLimit sourceLimits[] = {
+    {&GuardConfig::searchesPerSecond, nft::searches, searchesNumber, NFT_SET_TIMEOUT, &addSearchLimit},
+    {&GuardConfig::requestsPerSecond, nft::requests, requestsNumber, NFT_SET_TIMEOUT, &addRequestLimit},
+    {&GuardConfig::connections, nft::connections, connectionsNumber, 0, &addConnectionLimit},
+};
+
+/// Removes the sets whose limit changes: they remember the sources with it.
+void removeSourceSets(Batch& batch, const GuardConfig& from, const GuardConfig& to) {
+    for (const SourceLimit& limit : sourceLimits)
+        if (from.*limit.value != 0 && from.*limit.value != to.*limit.value) removeSet(batch, limit.set);
+}
+
+void addSourceSets(Batch& batch, const GuardConfig& from, const GuardConfig& to) {
+    for (const SourceLimit& limit : sourceLimits)
+        if (to.*limit.value != 0 && from.*limit.value != to.*limit.value)
+            addSourceSet(batch, limit.set, limit.setNumber, limit.setFlags);
+}
+
+void addInputRules(Batch& batch, const GuardConfig& guard) {
+    if (guard.limitsConnections) addSearchOrigin(batch);
+    for (const SourceLimit& limit : sourceLimits)
+        if (guard.*limit.value != 0) limit.addRule(batch, limit.setNumber, guard.*limit.value);
+}
+
 }  // namespace
 
 void addTable(Batch& batch, std::uint32_t flags, std::uint8_t family) {
@@ -297,30 +370,21 @@ void createTable(Batch& batch) {
     addMissedFlows(batch);
 }
 
-void createGuard(Batch& batch, const GuardConfig& config) {
-    if (config.limitsConnections) {
-        addUserSet(batch, usersNumber, nft::ip4);
-        addChain(batch, nft::output, "filter", NF_INET_LOCAL_OUT, priorityFilter);
-        addChain(batch, makeChain(nft::daemon, nft::ip4), nft::ip4);
-        addGuard(batch);
-    }
-    if (!config.limitsConnections && config.searchesPerSecond == 0 && config.requestsPerSecond == 0 &&
-        config.connections == 0)
-        return;
-    addChain(batch, nft::input, "filter", NF_INET_LOCAL_IN, priorityFilter);
-    if (config.limitsConnections) addSearchOrigin(batch);
-    if (config.searchesPerSecond != 0) {
-        addSourceSet(batch, nft::searches, searchesNumber, NFT_SET_TIMEOUT);
-        addSearchLimit(batch, searchesNumber, config.searchesPerSecond);
-    }
-    if (config.requestsPerSecond != 0) {
-        addSourceSet(batch, nft::requests, requestsNumber, NFT_SET_TIMEOUT);
-        addRequestLimit(batch, requestsNumber, config.requestsPerSecond);
-    }
-    if (config.connections != 0) {
-        addSourceSet(batch, nft::connections, connectionsNumber, 0);
-        addConnectionLimit(batch, connectionsNumber, config.connections);
-    }
+void changeGuard(Batch& batch, const GuardConfig& from, const GuardConfig& to) {
+    if (from.limitsConnections && !to.limitsConnections) removeDaemonChains(batch);
+    if (!from.limitsConnections && to.limitsConnections) createDaemonChains(batch);
+    if (hasInput(from)) flushChain(batch, nft::input);  // lets go of the sets
+    removeSourceSets(batch, from, to);
+    if (hasInput(from) && !hasInput(to)) removeChain(batch, nft::input);
+    if (!hasInput(from) && hasInput(to))
+        addChain(batch, nft::input, "filter", NF_INET_LOCAL_IN, priorityFilter);
+    addSourceSets(batch, from, to);
+    addInputRules(batch, to);
+}
+
+void resetMissedFlows(Batch& batch) {
+    flushChain(batch, nft::missed);
+    addMissedFlows(batch);
 }
 
 void createGuardOfIp6(Batch& batch) {

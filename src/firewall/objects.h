@@ -136,8 +136,14 @@ void removeTable(Batch& batch, bool isOurs, std::uint8_t family = nft::ip4);
 /// Appends the table with everything in it except elements. The chain at forward stays empty until the
 /// elements of all rules are there; then addFlowEnd() fills it.
 void createTable(Batch& batch);
-/// Appends what the guard needs in the table, except elements.
-void createGuard(Batch& batch, const GuardConfig& config);
+/// A table without a guard.
+constexpr GuardConfig noGuard{false, 0, 0, 0};
+/// Appends what turns one guard of the table into another, except elements. What both have stays, with its
+/// elements: in one transaction no packet finds the guard open. The set of users is new, and empty, when
+/// only `to` limits connections.
+void changeGuard(Batch& batch, const GuardConfig& from, const GuardConfig& to);
+/// Appends the rules of the chain missed in the place of those that it has.
+void resetMissedFlows(Batch& batch);
 /// Appends the table for IPv6.
 void createGuardOfIp6(Batch& batch);
 /// Appends users to those whose packets are guarded.

@@ -111,6 +111,12 @@ void Table::addEnds(Batch& batch) const {
     if (checksTargets) addStrayEnd(batch);
 }
 
+/// Makes the table for IPv6 anew, or removes it.
+void Table::addGuardOfIp6(Batch& batch, bool isWanted) const {
+    if (isWanted || ownsIp6) removeTable(batch, ownsIp6, nft::ip6);
+    if (isWanted) createGuardOfIp6(batch);
+}
+
 /// The elements whose flows may go on. As packets are compared with these alone, they follow what is inside.
 std::vector<Element> Table::live(std::span<const Element> elements) const {
     if (!checksTargets) return {elements.begin(), elements.end()};
@@ -124,10 +130,8 @@ std::vector<Table::Fill> Table::pieces() const {
     out.push_back([this](Batch& batch) {
         removeTable(batch, isMade);
         createTable(batch);
-        createGuard(batch, guard);
-        if (!guardsIp6) return;
-        removeTable(batch, isMade, nft::ip6);
-        createGuardOfIp6(batch);
+        changeGuard(batch, noGuard, guard);
+        addGuardOfIp6(batch, guardsIp6);
     });
     // The users come first: they must never be free to send.
     if (guard.limitsConnections) {
@@ -161,6 +165,7 @@ tk::Status Table::send(std::span<const Fill> fills) {
 tk::Status Table::make() {
     tk::Status result = send(pieces());
     isMade = isMade || result.isOk();
+    if (result.isOk()) ownsIp6 = guardsIp6;
     return result;
 }
 
@@ -236,13 +241,44 @@ std::vector<NatTraffic> Table::traffic(std::span<const Element> elements) {
 }
 
 void Table::guardUser(std::uint32_t user) {
-    if (!guard.limitsConnections || !socket.isOpen() || guarded.contains(user)) return;
-    insist(
-        [this, user](Batch& batch) {
-            addUsers(batch, {&user, 1}, guardsIp6);
-        },
-        "guard: what user " + std::to_string(user) + " sends cannot be limited");
+    if (!socket.isOpen() || guarded.contains(user)) return;
+    if (guard.limitsConnections)
+        insist(
+            [this, user](Batch& batch) {
+                addUsers(batch, {&user, 1}, guardsIp6);
+            },
+            "guard: what user " + std::to_string(user) + " sends cannot be limited");
     guarded.insert(user);
+}
+
+tk::Status Table::setGuard(const GuardConfig& wanted) {
+    const bool wantsIp6 = wanted.limitsConnections && hasIp6();
+    const tk::Status result = change([&](Batch& batch) {
+        changeGuard(batch, guard, wanted);
+        if (wanted.limitsConnections == guard.limitsConnections) return;
+        addGuardOfIp6(batch, wantsIp6);
+        ownsIp6 = ownsIp6 || wantsIp6;  // perhaps: the kernel may not tell
+        if (wanted.limitsConnections) addUsers(batch, listOf(guarded), wantsIp6);
+    });
+    if (!result.isOk()) return result.prefixed("guard: nf_tables: ");
+    guard = wanted;
+    guardsIp6 = ownsIp6 = wantsIp6;
+    return {};
+}
+
+void Table::setChecksTargets(bool checks) {
+    if (checks == checksTargets) return;
+    insist([this, checks](Batch& batch) { addCheck(batch, checks); },
+           "nat: the check of targets cannot be changed");
+    checksTargets = checks;
+}
+
+void Table::addCheck(Batch& batch, bool checks) const {
+    if (owner)
+        changeLive(batch, checks ? Change::remove : Change::add,
+                   leading(false, owner->elements(), inside.addresses));
+    resetMissedFlows(batch);
+    if (checks && endsFlows) addStrayEnd(batch);
 }
 
 void Table::addInside(Batch& batch, const links::Inside& now) const {

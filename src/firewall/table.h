@@ -65,9 +65,18 @@ public:
     tk::Status commit(std::span<const Element> removed, std::span<const Element> added) override;
     [[nodiscard]] std::vector<NatTraffic> traffic(std::span<const Element> elements) override;
 
+    /// Changes the guard in place, in one transaction: rules, flows and users stay, and no packet passes
+    /// meanwhile that both guards would stop.
+    /// Errors: the kernel's text; the guard is the former one.
+    tk::Status setGuard(const GuardConfig& wanted);
+
     // When the kernel refuses one of these, that is logged, and it is tried again every second.
 
-    /// Lets a user's processes send only to hosts inside, for as long as the table exists.
+    /// Begins or ceases to check the targets of connections.
+    void setChecksTargets(bool checks);
+
+    /// Lets a user's processes send only to hosts inside, for as long as the table exists and its guard limits
+    /// connections.
     void guardUser(std::uint32_t user);
     /// Lets guarded users send only to these addresses, ends the flows that lead elsewhere where targets are
     /// checked, and lets a connection leave by the interface it came in by only where that is one of these
@@ -80,6 +89,8 @@ private:
     tk::Status whyNotMade(const tk::Status& result);
     void addEnds(Batch& batch) const;
     void addInside(Batch& batch, const links::Inside& now) const;
+    void addCheck(Batch& batch, bool checks) const;
+    void addGuardOfIp6(Batch& batch, bool isWanted) const;
     [[nodiscard]] std::vector<Element> live(std::span<const Element> elements) const;
     [[nodiscard]] std::vector<Fill> pieces() const;
     tk::Status send(std::span<const Fill> fills);
@@ -94,8 +105,9 @@ private:
     netlink::Socket socket;
     bool isMade = false;
     bool guardsIp6 = false;
-    const GuardConfig guard;
-    const bool checksTargets;
+    bool ownsIp6 = false;  // the table for IPv6 was made, and may be there
+    GuardConfig guard;
+    bool checksTargets;
     // What the table holds, and what it is made again from.
     links::Inside inside;
     std::set<std::uint32_t> guarded;  // users

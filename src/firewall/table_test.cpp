@@ -439,6 +439,94 @@ TEST_F(TableTest, TheGuardIsMadeAnewToo) {
     EXPECT_NE(nft("list set ip tk inside").find("elements = { 192.0.2.0/24 }"), std::string::npos);
 }
 
+TEST_F(TableTest, TheGuardChangesInPlace) {
+    table->guardUser(64001);
+    EXPECT_EQ(commit({}, {element(80)}), "");
+    table->insideChanged({{1}, {lan}});
+    endFlows();
+    const std::string before = identity();
+    EXPECT_EQ(table->setGuard({true, 0, 30, 50}).reason(), "");
+    EXPECT_EQ(identity(), before) << "it is the same table";
+    const std::string text = nft("list table ip tk");
+    for (const char* line : {"meta skuid @guarded jump daemon", "ip saddr != @inside drop",
+                             "limit rate over 30/second burst 30 packets } reject with tcp reset",
+                             "ct count over 50 } reject with tcp reset", "goto ended"})
+        EXPECT_NE(text.find(line), std::string::npos) << line << " is not in\n" << text;
+    EXPECT_EQ(text.find("searches"), std::string::npos);
+    EXPECT_NE(nft("list set ip tk guarded").find("elements = { 64001 }"), std::string::npos);
+    EXPECT_EQ(count(mapText(), " : "), 1);
+    EXPECT_EQ(commit({element(80)}, {}), "");
+    EXPECT_EQ(table->setGuard({}).reason(), "");
+    EXPECT_EQ(count(nft("list chain ip tk input"), "\n\t\t"), 3) << "the type, and two rules as at first";
+}
+
+TEST_F(TableTest, ALimitThatStaysRemembersItsSources) {
+    bool failed = false;
+    tk::testing::run("ip link set lo up && bash -c 'echo search >/dev/udp/127.0.0.1/1900'", failed);
+    ASSERT_FALSE(failed);
+    const auto remembered = [] {
+        return nft("list set ip tk searches").find("127.0.0.1") != std::string::npos;
+    };
+    ASSERT_TRUE(remembered());
+    EXPECT_EQ(table->setGuard({true, 200, 0, 50}).reason(), "");
+    EXPECT_TRUE(remembered());
+    EXPECT_EQ(table->setGuard({true, 100, 0, 50}).reason(), "");
+    EXPECT_FALSE(remembered()) << "it remembered them with their former limit";
+}
+
+TEST_F(TableTest, AGuardThatComesLaterKnowsTheUsers) {
+    EXPECT_EQ(table->setGuard(noGuard).reason(), "");
+    EXPECT_EQ(nft("list tables"), "table ip tk\n");
+    for (const char* chain : {"output", "daemon", "input"})
+        EXPECT_EQ(nft("list table ip tk").find(std::string("chain ") + chain), std::string::npos) << chain;
+    table->guardUser(64001);
+    table->insideChanged({{1}, {lan}});
+    EXPECT_EQ(table->setGuard({}).reason(), "");
+    for (const char* family : {"ip", "ip6"})
+        EXPECT_NE(nft(std::string("list set ") + family + " tk guarded").find("elements = { 64001 }"),
+                  std::string::npos);
+    EXPECT_NE(nft("list chain ip tk output").find("@guarded jump daemon"), std::string::npos);
+    EXPECT_EQ(table->setGuard(noGuard).reason(), "");
+    EXPECT_EQ(nft("list tables"), "table ip tk\n");
+}
+
+TEST_F(TableTest, AGuardWhoseChangeTheKernelDoesNotTellOfIsMadeNonetheless) {
+    for (const GuardConfig& wanted : {noGuard, GuardConfig(), GuardConfig{false, 0, 7, 0}, GuardConfig()}) {
+        fillSocket();
+        EXPECT_EQ(table->setGuard(wanted).reason(), "");
+        const bool limits = wanted.limitsConnections;
+        EXPECT_EQ(nft("list tables"), limits ? "table ip tk\ntable ip6 tk\n" : "table ip tk\n");
+        EXPECT_EQ(nft("list table ip tk").find("skuid") != std::string::npos, limits);
+    }
+}
+
+TEST_F(TableTest, AGuardThatIsRefusedLeavesTheFormerOne) {
+    EXPECT_EQ(table->setGuard(noGuard).reason(), "");
+    limitSending(1);  // the kernel has a least of its own
+    EXPECT_EQ(table->setGuard({true, 1, 2, 3}).reason(), "guard: nf_tables: Message too long");
+    EXPECT_EQ(nft("list table ip tk").find("chain input"), std::string::npos);
+    limitSending(1000000);
+    EXPECT_EQ(table->setGuard({true, 1, 2, 3}).reason(), "");
+}
+
+TEST_F(TableTest, TargetsMayBeCheckedLater) {
+    const Element outside = element(81, "203.0.113.9");
+    table->insideChanged({{1}, {lan}});
+    EXPECT_EQ(commit({}, {element(80), outside}), "");
+    endFlows();
+    const std::string before = identity();
+    EXPECT_EQ(count(liveText(), " . tcp . "), 1);
+    table->setChecksTargets(false);
+    EXPECT_EQ(count(liveText(), " . tcp . "), 2);
+    EXPECT_EQ(count(nft("list chain ip tk missed"), "goto ended"), 0);
+    table->setChecksTargets(true);
+    EXPECT_EQ(count(liveText(), " . tcp . "), 1);
+    EXPECT_EQ(count(nft("list chain ip tk missed"), "goto ended"), 1);
+    EXPECT_EQ(count(nft("list chain ip tk missed"), "log group"), 1);
+    EXPECT_EQ(identity(), before);
+    EXPECT_EQ(commit({element(80), outside}, {}), "");
+}
+
 TEST(TableLimits, AreRulesOfTheInputChain) {
     if (!tk::testing::enterPrivateNetwork()) GTEST_SKIP() << "needs root";
     Table table({false, 20, 30, 50});

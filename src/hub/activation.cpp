@@ -30,24 +30,45 @@ void Restart::crashed(bool hadRegistered) {
     nextTicks = std::min(2 * nextTicks, mostTicks);
 }
 
-Activation::Child::Child(Activation& activation, std::uint32_t program, Started started)
-    : activation(activation), program(program), pid(started.pid), process(std::move(started.process)) {
+Activation::Child::Child(Activation& activation, ProgramConfig program, Started started)
+    : activation(activation),
+      program(std::move(program)),
+      pid(started.pid),
+      process(std::move(started.process)) {
     watch.start<Child, &Child::ended>(process.get(), *this, tk::readable);
 }
 
 void Activation::Child::ended(int, std::uint32_t) {
-    activation.reap(program);  // destroys this child: nothing may follow
+    activation.reap(program.number);  // destroys this child: nothing may follow
 }
 
 Activation::Activation(const std::vector<ProgramConfig>& configured, Hub& hub, Processes& processes)
     : hub(hub), processes(processes) {
-    for (const ProgramConfig& program : configured) {
-        const std::uint32_t number = program.number;
-        programs[number] = program;
-        if (program.startsWithRouter && program.unit.empty())
-            restarts.try_emplace(number, [this, number] { startOrRetry(number); });
-    }
+    take(configured);
     hub.setStarter(this);
+}
+
+void Activation::take(const std::vector<ProgramConfig>& configured) {
+    programs.clear();
+    for (const ProgramConfig& program : configured) programs[program.number] = program;
+    std::erase_if(restarts, [this](const auto& entry) { return !comesBack(entry.first); });
+    for (const auto& [each, program] : programs)
+        if (comesBack(each)) restarts.try_emplace(each, [this, number = each] { startOrRetry(number); });
+}
+
+/// True for a command that is started again after a crash.
+bool Activation::comesBack(std::uint32_t program) const {
+    const auto config = programs.find(program);
+    return config != programs.end() && config->second.startsWithRouter && config->second.unit.empty();
+}
+
+void Activation::setConfig(const std::vector<ProgramConfig>& configured) {
+    std::set<std::uint32_t> known;
+    for (const auto& [number, program] : programs)
+        if (program.startsWithRouter) known.insert(number);
+    take(configured);
+    for (const auto& [number, program] : programs)
+        if (program.startsWithRouter && !known.contains(number) && !hub.userOf(number)) startOrRetry(number);
 }
 
 Activation::~Activation() {
@@ -79,7 +100,7 @@ tk::Status Activation::launch(const ProgramConfig& program) {
     }
     tk::Result<Started> started = processes.start(program);
     if (!started.isOk()) return started.status();
-    children[program.number] = std::make_unique<Child>(*this, program.number, started.take());
+    children[program.number] = std::make_unique<Child>(*this, program, started.take());
     return {};
 }
 
@@ -107,9 +128,9 @@ void Activation::reap(std::uint32_t program) {
     const std::optional<int> status = processes.reap(child->second->pid);
     if (!status) return;
     const bool hadRegistered = child->second->hasRegistered;
+    const ProgramConfig config = child->second->program;
     children.erase(child);
-    if (const ProgramConfig& config = programs[program]; !config.unit.empty())
-        return unitAsked(config, *status);
+    if (!config.unit.empty()) return unitAsked(config, *status);
     const std::string how = endText(*status);
     tk::log("program ", program, " ", how);
     programEnded(program, how, hadRegistered);
@@ -158,8 +179,10 @@ void Activation::expect(std::uint32_t program) {
 void Activation::askAgain() {
     for (const std::uint32_t program : std::exchange(coming, {})) {
         if (ending || !hub.awaits(program)) continue;
-        if (const tk::Status launched = launch(programs[program]); !launched.isOk())
-            hub.programFailed(program, launched.reason());
+        const auto config = programs.find(program);
+        const tk::Status launched =
+            config == programs.end() ? tk::Status::failure(Hub::nobodyThere) : launch(config->second);
+        if (!launched.isOk()) hub.programFailed(program, launched.reason());
     }
 }
 

@@ -57,11 +57,15 @@ class Activation final : public Starter {
 public:
     /// Starts from now on what the hub asks for.
     /// Lifetime: hub and processes outlive the object.
-    Activation(const std::vector<ProgramConfig>& programs, Hub& hub, Processes& processes);
+    Activation(const std::vector<ProgramConfig>& configured, Hub& hub, Processes& processes);
     Activation(const Activation&) = delete;
     Activation& operator=(const Activation&) = delete;
     /// Kills whatever still runs.
     ~Activation() override;
+
+    /// Starts these programs from now on, and at once those that run with the router and did not before. What
+    /// runs goes on, even if it is not among them.
+    void setConfig(const std::vector<ProgramConfig>& configured);
 
     tk::Status start(std::uint32_t program) override;
     void registered(std::uint32_t program) override;
@@ -71,16 +75,18 @@ public:
     void endAll();
     /// True while a started program has not ended.
     bool isRunning() const { return !children.empty(); }
+    /// True while this program was started and has not ended.
+    bool isRunning(std::uint32_t program) const { return children.contains(program); }
 
 private:
     /// A running program, or the command that asks for one: its own process group, watched through a
     /// descriptor of the process.
     struct Child {
-        Child(Activation& activation, std::uint32_t program, Started started);
+        Child(Activation& activation, ProgramConfig program, Started started);
         void ended(int fd, std::uint32_t events);
 
         Activation& activation;
-        std::uint32_t program;
+        const ProgramConfig program;  // as it was when it was started
         pid_t pid;
         bool hasRegistered = false;
         tk::Fd process;
@@ -90,6 +96,8 @@ private:
     /// How long a managed program may take to come to the bus before it is asked for again.
     static constexpr std::uint32_t askAgainTicks = 100;  // 1 s
 
+    void take(const std::vector<ProgramConfig>& configured);
+    [[nodiscard]] bool comesBack(std::uint32_t program) const;
     tk::Status launch(const ProgramConfig& program);
     void reap(std::uint32_t program);
     void startOrRetry(std::uint32_t program);

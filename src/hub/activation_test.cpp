@@ -85,6 +85,49 @@ TEST_F(ActivationTest, StartsAProgramAgainForWhatArrivedAfterItHadLeftTheBus) {
     EXPECT_EQ(tk::getError(ends[0]), "the program ended with status 0 before it came to the bus");
 }
 
+/// Programs that end when a test says so, and a configuration that changes.
+class ChangedActivation : public ActivationTest {
+protected:
+    using Texts = std::vector<std::string>;
+
+    testing::FakeProcesses fakes;
+    Activation activation{{{80, {"/upnpd"}, true}, {14, {"/resolverd"}}}, bus.hub, fakes};
+};
+
+TEST_F(ChangedActivation, NewProgramsCanBeStartedAndFormerOnesNot) {
+    activation.setConfig({{80, {"/upnpd"}, true}, {81, {"/new"}}});
+    EXPECT_EQ(activation.start(14).reason(), "nobody at this destination");
+    EXPECT_EQ(activation.start(81).reason(), "");
+    EXPECT_EQ(fakes.started, Texts{"/new"});
+}
+
+TEST_F(ChangedActivation, WhatRunsWithTheRouterNowIsStartedUnlessItRuns) {
+    const auto program = bus.connectProgram(82);
+    activation.setConfig({{80, {"/upnpd"}, true}, {81, {"/new"}, true}, {82, {"/there"}, true}});
+    EXPECT_EQ(fakes.started, Texts{"/new"}) << "80 ran with the router before, and may have left on purpose";
+}
+
+TEST_F(ChangedActivation, WhatRunsGoesOnAndIsNotStartedAgainIfItIsNotThereAnyMore) {
+    EXPECT_EQ(activation.start(80).reason(), "");
+    activation.setConfig({});
+    EXPECT_TRUE(activation.isRunning(80));
+    EXPECT_TRUE(fakes.signals.empty());
+    fakes.end(1);
+    bus.settle();
+    EXPECT_FALSE(activation.isRunning(80));
+    bus.advance(Restart::mostTicks);
+    EXPECT_EQ(fakes.started, Texts{"/upnpd"});
+}
+
+TEST_F(ChangedActivation, ARestartThatIsDueIsGivenUp) {
+    EXPECT_EQ(activation.start(80).reason(), "");
+    fakes.end(1);
+    bus.settle();
+    activation.setConfig({{80, {"/upnpd"}}});
+    bus.advance(Restart::mostTicks);
+    EXPECT_EQ(fakes.started, Texts{"/upnpd"}) << "it runs when it is asked from now on";
+}
+
 TEST_F(ActivationTest, WhatCannotBeStartedIsTold) {
     Activation activation({{80, {"/nonexistent/program"}, false}}, bus.hub, processes);
     EXPECT_EQ(activation.start(81).reason(), "nobody at this destination");

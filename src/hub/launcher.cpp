@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <functional>
 #include <set>
 #include <string>
 #include <utility>
@@ -20,16 +21,19 @@ namespace hub {
 namespace {
 
 constexpr const char* gone = "the process that starts programs has ended";
+constexpr const char* changedMeanwhile =
+    "the programs in the configuration changed while it was read: try again";
 constexpr const char* processName = "routerd-start";  // the kernel shows 15 characters
 
 /// What the router asks of its launcher.
 struct Request {
-    enum class What : std::uint32_t { start = 1, signal = 2, reap = 3 };
+    enum class What : std::uint32_t { start = 1, signal = 2, reap = 3, prepare = 4, adopt = 5 };
 
     What what = What::start;
     std::uint32_t program = 0;  // to be started: its number
     pid_t process = 0;          // to be signalled or reaped
     std::int32_t number = 0;    // of the signal
+    std::size_t digest = 0;     // of the programs that the router has read
 };
 
 /// What the launcher answers. The answer to a start comes with a descriptor of the process.
@@ -37,8 +41,30 @@ struct Answer {
     pid_t process = 0;  // the one started, or -1
     bool hasEnded = false;
     std::int32_t status = 0;  // of a process that has ended
-    char reason[256] = {};    // why nothing was started; ends with 0
+    char reason[1024] = {};   // why nothing was started or prepared; ends with 0
 };
+
+std::string reasonIn(const Answer& answer) {
+    return {answer.reason, ::strnlen(answer.reason, sizeof answer.reason)};
+}
+
+void putReason(Answer& answer, const std::string& reason) {
+    (void)reason.copy(answer.reason, sizeof answer.reason - 1);
+}
+
+/// Tells lists of programs apart. The two sides are the same program, so any hash does.
+std::size_t digestOf(const std::vector<ProgramConfig>& programs) {
+    std::string text;
+    const auto add = [&text](const std::string& word) { text.append(word).push_back('\0'); };
+    for (const ProgramConfig& program : programs) {
+        add(std::to_string(program.number));
+        add(program.unit);
+        add(program.user ? std::to_string(program.user->uid) : std::string());
+        add(std::to_string(program.command.size()));
+        for (const std::string& word : program.command) add(word);
+    }
+    return std::hash<std::string>()(text);
+}
 
 bool sendRequest(int socket, const Request& request) {
     return ::send(socket, &request, sizeof request, MSG_NOSIGNAL) == sizeof request;
@@ -96,10 +122,12 @@ bool exchange(int socket, const Request& request, Answer& answer, tk::Fd& descri
     return sendRequest(socket, request) && receiveAnswer(socket, answer, descriptor);
 }
 
-/// The launcher's own side. It got the programs at the fork, and accepts nothing but their numbers.
+/// The launcher's own side. It got the programs at the fork or read them itself, and accepts nothing but their
+/// numbers.
 class Servant {
 public:
-    explicit Servant(const std::vector<ProgramConfig>& programs) : programs(programs) {}
+    Servant(const std::vector<ProgramConfig>& programs, Launcher::Reread reread)
+        : programs(programs), prepared(programs), reread(std::move(reread)) {}
 
     void serve(int socket) {
         Request request;
@@ -120,6 +148,11 @@ private:
                 break;
             case Request::What::reap:
                 return reap(request.process);
+            case Request::What::prepare:
+                return prepare(request.digest);
+            case Request::What::adopt:
+                programs = prepared;
+                break;
         }
         return {};
     }
@@ -132,7 +165,7 @@ private:
             program == programs.end() ? tk::Status::failure("no such program") : processes.start(*program);
         Answer answer;
         answer.process = done.isOk() ? done->pid : -1;
-        done.reason().copy(answer.reason, sizeof answer.reason - 1);
+        putReason(answer, done.reason());
         if (!done.isOk()) return answer;
         process = std::move(done->process);
         started.insert(answer.process);
@@ -148,7 +181,21 @@ private:
         return answer;
     }
 
-    const std::vector<ProgramConfig>& programs;
+    Answer prepare(std::size_t digest) {
+        tk::Result<std::vector<ProgramConfig>> read = reread();
+        Answer answer;
+        if (!read.isOk())
+            putReason(answer, read.reason());
+        else if (digestOf(*read) != digest)
+            putReason(answer, changedMeanwhile);
+        else
+            prepared = read.take();
+        return answer;
+    }
+
+    std::vector<ProgramConfig> programs;
+    std::vector<ProgramConfig> prepared;
+    const Launcher::Reread reread;
     OwnProcesses processes;
     std::set<pid_t> started;
 };
@@ -160,7 +207,7 @@ void ignoreEnds() {
 
 }  // namespace
 
-tk::Status Launcher::open(const std::vector<ProgramConfig>& programs) {
+tk::Status Launcher::open(const std::vector<ProgramConfig>& programs, Reread reread) {
     int ends[2];
     if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0)
         return tk::Status::ofErrno("launcher", errno);
@@ -171,7 +218,7 @@ tk::Status Launcher::open(const std::vector<ProgramConfig>& programs) {
         socket.reset();
         ignoreEnds();
         (void)::prctl(PR_SET_NAME, processName);  // only for people: any name works
-        Servant(programs).serve(other.get());
+        Servant(programs, std::move(reread)).serve(other.get());
         ::_exit(0);
     }
     return pid > 0 ? tk::Status() : tk::Status::ofErrno("launcher", errno);
@@ -184,21 +231,38 @@ tk::Result<Started> Launcher::start(const ProgramConfig& program) {
     tk::Fd process;
     if (!exchange(socket.get(), request, answer, process)) return tk::Status::failure(gone);
     if (process.isOpen()) return Started{answer.process, std::move(process)};
-    return tk::Status::failure({answer.reason, ::strnlen(answer.reason, sizeof answer.reason)});
+    return tk::Status::failure(reasonIn(answer));
 }
 
 void Launcher::signal(pid_t process, int number) {
     Answer answer;
     tk::Fd none;
-    if (!exchange(socket.get(), {Request::What::signal, 0, process, number}, answer, none)) tk::log(gone);
+    if (!exchange(socket.get(), {Request::What::signal, 0, process, number, 0}, answer, none)) tk::log(gone);
 }
 
 std::optional<int> Launcher::reap(pid_t process) {
     Answer answer;
     tk::Fd none;
     // Without the launcher nobody knows how it ended. Its descriptor says that it did.
-    if (!exchange(socket.get(), {Request::What::reap, 0, process, 0}, answer, none)) return 0;
+    if (!exchange(socket.get(), {Request::What::reap, 0, process, 0, 0}, answer, none)) return 0;
     return answer.hasEnded ? std::optional<int>(answer.status) : std::nullopt;
+}
+
+tk::Status Launcher::prepare(const std::vector<ProgramConfig>& programs) {
+    Request request;
+    request.what = Request::What::prepare;
+    request.digest = digestOf(programs);
+    Answer answer;
+    tk::Fd none;
+    if (!exchange(socket.get(), request, answer, none)) return tk::Status::failure(gone);
+    const std::string reason = reasonIn(answer);
+    return reason.empty() ? tk::Status() : tk::Status::failure(reason);
+}
+
+void Launcher::adopt() {
+    Answer answer;
+    tk::Fd none;
+    if (!exchange(socket.get(), {Request::What::adopt, 0, 0, 0, 0}, answer, none)) tk::log(gone);
 }
 
 }  // namespace hub

@@ -6,13 +6,16 @@
 
 #include <gtest/gtest.h>
 
+#include "tk/file.h"
+#include "tk/testing/folder.h"
+
 namespace hub {
 namespace {
 
 class LauncherTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        const tk::Status opened = launcher.open(programs);
+        const tk::Status opened = launcher.open(programs, [this] { return reread(); });
         ASSERT_TRUE(opened.isOk()) << opened.reason();
     }
     static bool hasEnded(const tk::Fd& process) {
@@ -20,6 +23,15 @@ protected:
         return ::poll(&ended, 1, 5000) == 1;
     }
 
+    /// What the launcher's own process reads: the file says which of two lists, or nothing.
+    tk::Result<std::vector<ProgramConfig>> reread() const {
+        const tk::Result<std::string> text = tk::readFile(folder.file("list"), 100);
+        if (!text.isOk()) return tk::Status::failure("nothing to read");
+        return *text == "new" ? later : programs;
+    }
+
+    const tk::testing::Folder folder;
+    const std::vector<ProgramConfig> later = {{90, {"/bin/true"}}};
     const std::vector<ProgramConfig> programs = {
         {80, {"/bin/sh", "-c", "exit 3"}}, {81, {"/bin/sleep", "60"}}, {82, {"/nonexistent/program"}}};
     Launcher launcher;
@@ -57,6 +69,39 @@ TEST_F(LauncherTest, SaysWhyAProgramCannotBeStarted) {
 
 TEST_F(LauncherTest, StartsNothingButWhatIsConfigured) {
     EXPECT_EQ(launcher.start({83, {"/bin/true"}}).reason(), "no such program");
+}
+
+TEST_F(LauncherTest, StartsWhatItHasReadItselfOnceThatIsAdopted) {
+    folder.write("list", "new");
+    EXPECT_EQ(launcher.prepare(later).reason(), "");
+    EXPECT_EQ(launcher.start(later[0]).reason(), "no such program") << "not yet";
+    launcher.adopt();
+    EXPECT_EQ(launcher.start(later[0]).reason(), "");
+    EXPECT_EQ(launcher.start(programs[0]).reason(), "no such program");
+}
+
+TEST_F(LauncherTest, TakesNoProgramFromTheRouter) {
+    folder.write("list", "new");
+    EXPECT_EQ(launcher.prepare({{90, {"/bin/false"}}}).reason(),
+              "the programs in the configuration changed while it was read: try again");
+    launcher.adopt();
+    EXPECT_EQ(launcher.start({90, {"/bin/false"}}).reason(), "no such program");
+    EXPECT_EQ(launcher.start(programs[0]).reason(), "") << "all is as before";
+}
+
+TEST_F(LauncherTest, TellsWhyItCannotRead) {
+    EXPECT_EQ(launcher.prepare(later).reason(), "nothing to read");
+}
+
+TEST_F(LauncherTest, WhatItStartedStaysItsOwn) {
+    const auto started = launcher.start(programs[1]);
+    ASSERT_TRUE(started.isOk()) << started.reason();
+    folder.write("list", "new");
+    EXPECT_EQ(launcher.prepare(later).reason(), "");
+    launcher.adopt();
+    launcher.signal(started->pid, SIGTERM);
+    ASSERT_TRUE(hasEnded(started->process));
+    EXPECT_TRUE(launcher.reap(started->pid));
 }
 
 }  // namespace

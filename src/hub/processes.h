@@ -57,6 +57,14 @@ public:
     virtual void signal(pid_t process, int number) = 0;
     /// Takes the status of a process that has ended; none while it runs.
     [[nodiscard]] virtual std::optional<int> reap(pid_t process) = 0;
+
+    // The programs that may be started change in two steps, as the rest of the configuration comes in between.
+
+    /// Makes ready to start these programs, and no others.
+    /// Errors: why they may not be started; the former ones still are.
+    virtual tk::Status prepare(const std::vector<ProgramConfig>&) { return {}; }
+    /// From now on starts what was last prepared.
+    virtual void adopt() {}
 };
 
 /// Starts processes as children of this one.

@@ -56,10 +56,14 @@ void LinkSwitch::Run::late() {
 }
 
 LinkSwitch::LinkSwitch(std::vector<InterfaceConfig> configured, Kernel& kernel, hub::Processes& processes)
-    : interfaces(std::move(configured)),
-      commands(stateCommands(interfaces)),
-      kernel(kernel),
-      processes(processes) {}
+    : kernel(kernel), processes(processes) {
+    setConfig(std::move(configured));
+}
+
+void LinkSwitch::setConfig(std::vector<InterfaceConfig> configured) {
+    interfaces = std::move(configured);
+    commands = stateCommands(interfaces);
+}
 
 LinkSwitch::~LinkSwitch() {
     refusals.close();

@@ -55,6 +55,9 @@ public:
     /// Lets a command that still runs go on.
     ~LinkSwitch();
 
+    /// Follows this configuration from now on. A command that runs goes on.
+    void setConfig(std::vector<InterfaceConfig> configured);
+
     /// Sets an interface up or down for a user, and returns the outcome as `done` would get it. Returns
     /// nothing when it takes longer: `done` is then called at the end.
     [[nodiscard]] std::optional<tk::message> set(const Link& link, bool up, uid_t user, const Done& done);
@@ -81,8 +84,8 @@ private:
                                     const std::string& event, const Done& done);
     void reap(const std::string& name);
 
-    const std::vector<InterfaceConfig> interfaces;
-    const std::vector<hub::ProgramConfig> commands;
+    std::vector<InterfaceConfig> interfaces;
+    std::vector<hub::ProgramConfig> commands;
     Kernel& kernel;
     hub::Processes& processes;
     hub::RefusalLog refusals{"interfaces", "requests refused"};

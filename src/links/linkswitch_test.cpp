@@ -122,6 +122,19 @@ TEST_F(LinkSwitchTest, ACommandThatTakesLongIsAnsweredBeforeItsEnd) {
     EXPECT_EQ(set("ppp0", true, daemonUser), "later");
 }
 
+TEST_F(LinkSwitchTest, FollowsAnotherConfigurationWhileACommandRuns) {
+    EXPECT_EQ(set("ppp0", false), "later");
+    links.setConfig({{"wan1", true, {}, {}}, {"ppp1", false, {"/sbin/other", "ppp1"}, {}}});
+    EXPECT_EQ(set("wan1", false, daemonUser), "done");
+    EXPECT_EQ(set("wan0", false, daemonUser),
+              "user 998 may not set wan0 down: no [[interface]] with terminate allows it");
+    processes.end(0);
+    for (int i = 0; i < 5; ++i) loop.looper.turn(0);
+    EXPECT_EQ(later, Texts{"done"});
+    EXPECT_EQ(set("ppp1", false), "later");
+    EXPECT_EQ(processes.started, (Texts{"/sbin/ifdown", "/sbin/other"}));
+}
+
 TEST_F(LinkSwitchTest, ACommandThatNeverEndsIsKilled) {
     EXPECT_EQ(set("ppp0", false, daemonUser), "later");
     loop.advance(LinkSwitch::killTicks - 1);

@@ -15,15 +15,23 @@ constexpr std::uint32_t retryTicks = 100;  // 1 s
 }  // namespace
 
 tk::Status Monitor::start() {
-    const std::uint32_t groups =
-        RTMGRP_LINK | RTMGRP_IPV4_IFADDR | (zones.dependsOnRoutes() ? PublicRoutes::groups : 0);
-    if (tk::Status opened = notifications.open(NETLINK_ROUTE, groups); !opened.isOk())
+    if (tk::Status opened = notifications.open(NETLINK_ROUTE, RTMGRP_LINK | RTMGRP_IPV4_IFADDR);
+        !opened.isOk())
         return opened.prefixed("rtnetlink: ");
     if (tk::Status read = readAll(); !read.isOk()) return read;
     if (zones.dependsOnRoutes())
-        if (tk::Status read = routes.start(); !read.isOk()) return read;
+        if (tk::Status read = followRoutes(); !read.isOk()) return read;
     notifications.start();
     return {};
+}
+
+tk::Status Monitor::followRoutes() {
+    if (routes) return {};
+    if (tk::Status joined = notifications.join(PublicRoutes::groups); !joined.isOk())
+        return joined.prefixed("rtnetlink: ");
+    tk::Status read = routes.emplace(kernel, zones).start();
+    if (!read.isOk()) routes.reset();
+    return read;
 }
 
 tk::Status Monitor::readAll() {
@@ -45,13 +53,13 @@ void Monitor::readAgain() {
 }
 
 void Monitor::lost() {
-    if (zones.dependsOnRoutes()) routes.readAgain();
+    if (routes) routes->readAgain();
     readAgain();
 }
 
 void Monitor::heard(const nlmsghdr& message, bool isStale) {
     // Even when stale: a notification of a route does not undo what was read later.
-    if (zones.dependsOnRoutes()) routes.heard(message);
+    if (routes) routes->heard(message);
     if (isStale) return;
     switch (message.nlmsg_type) {
         case RTM_NEWLINK:

@@ -2,6 +2,8 @@
 
 #include <linux/netlink.h>
 
+#include <optional>
+
 #include "links/addresses.h"
 #include "links/interfaces.h"
 #include "links/publicroutes.h"
@@ -29,6 +31,11 @@ public:
     /// not be guarded.
     tk::Status start();
 
+    /// Tells the zones of the routes from now on, also while they do not depend on them. Returns once they know
+    /// them.
+    /// Errors: the routes cannot be read; they are not followed.
+    tk::Status followRoutes();
+
 private:
     void heard(const nlmsghdr& message, bool isStale) override;
     void lost() override;
@@ -41,7 +48,7 @@ private:
     Zones& zones;  // told first: what the bus announces is in force
     Interfaces& interfaces;
     Addresses& addresses;
-    PublicRoutes routes{kernel, zones};
+    std::optional<PublicRoutes> routes;  // none: they are not followed
     netlink::Notifications notifications{*this};
     tk::Pacer<Monitor, &Monitor::readAgain> retry{*this};
 };

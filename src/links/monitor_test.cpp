@@ -208,6 +208,29 @@ TEST_F(MonitorTest, TheZonesHearOfRoutes) {
     EXPECT_EQ(zones.sideOf(recordOf("lan0").get_u32(0x10004)), Side::outside);
 }
 
+TEST_F(MonitorTest, RoutesCanBeFollowedLater) {
+    LanConfig named;
+    named.interfaces = {{"lan0"}};
+    Zones others(named);
+    Monitor later(kernel, others, interfaces, addresses);
+    ASSERT_EQ(later.start().reason(), "");
+    others.start(watcher);
+    shell("ip link set lan0 up && ip link set far0 up && ip link add wan0 type veth peer name far1");
+    shell("ip link set wan0 up && ip link set far1 up");
+    shell("ip route add default dev lan0");
+    settle();
+    const std::uint32_t lan = recordOf("lan0").get_u32(0x10004);
+    const std::uint32_t wan = recordOf("wan0").get_u32(0x10004);
+    EXPECT_EQ(later.followRoutes().reason(), "");
+    others.setConfig({});
+    EXPECT_EQ(others.sideOf(lan), Side::outside) << "a route that was there";
+    EXPECT_EQ(others.sideOf(wan), Side::inside);
+    shell("ip route add 203.0.113.0/24 dev wan0 && ip route add 9.9.9.0/24 dev wan0");
+    settle();
+    EXPECT_EQ(others.sideOf(wan), Side::outside) << "and one that came";
+    EXPECT_EQ(later.followRoutes().reason(), "");
+}
+
 TEST_F(MonitorTest, TheZonesKnowWhatIsBelowWhat) {
     shell("ip link add br0 type bridge && ip link set far0 master br0 && ip link set br0 up");
     settle();

@@ -59,6 +59,11 @@ bool standsAlike(const Link& left, const Link& right) {
 Zones::Zones(LanConfig config, std::string pppoeSessions)
     : config(std::move(config)), pppoeSessions(std::move(pppoeSessions)) {}
 
+void Zones::setConfig(LanConfig configured) {
+    config = std::move(configured);
+    settle();
+}
+
 void Zones::start(InsideWatcher& target) {
     watcher = &target;
     inside = {};

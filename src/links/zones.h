@@ -55,6 +55,9 @@ public:
     /// `pppoeSessions` is the kernel's list of PPPoE sessions, which names the Ethernet devices below them.
     explicit Zones(LanConfig config = {}, std::string pppoeSessions = usualPppoeSessions);
 
+    /// Follows this configuration from now on. If it names no interfaces, the zones have to be told of the routes
+    /// first.
+    void setConfig(LanConfig configured);
     /// True when the zones need to be told of routes.
     bool dependsOnRoutes() const { return !config.interfaces; }
     /// Tells the watcher what is inside, and from now on each change, before the function that makes it
@@ -101,7 +104,7 @@ private:
     [[nodiscard]] std::vector<AddressRange> insideAddresses() const;
     void settle();
 
-    const LanConfig config;
+    LanConfig config;
     const std::string pppoeSessions;
     InsideWatcher* watcher = nullptr;
     std::unordered_map<std::uint32_t, Link> links;  // by index

@@ -149,6 +149,20 @@ TEST_F(ZonesTest, TheConfigurationNamesWhatIsInside) {
     EXPECT_EQ(zones->sideOf(2), Side::inside);
 }
 
+TEST_F(ZonesTest, FollowAnotherConfigurationAtOnce) {
+    start();
+    zones->addExits({{3, everything}});
+    EXPECT_EQ(told.interfaces, Indexes{2});
+    LanConfig config;
+    config.interfaces = {{"wan0"}};
+    zones->setConfig(config);
+    EXPECT_EQ(told.interfaces, Indexes{3});
+    EXPECT_EQ(ranges(), "198.51.100.0-198.51.100.255");
+    zones->addExits({{2, everything}});
+    zones->setConfig({});
+    EXPECT_EQ(told.interfaces, Indexes{}) << "what was told of routes meanwhile counts";
+}
+
 TEST_F(ZonesTest, ConfiguredNetworksAreInsideLessThoseOfOutsideInterfaces) {
     LanConfig config;
     config.interfaces = {{"lan0"}};

@@ -42,6 +42,9 @@ public:
     explicit Policy(const links::Zones& zones, Config config = {})
         : zones(zones), config(std::move(config)) {}
 
+    /// Follows this configuration from now on. Rules that are there stay.
+    void setConfig(Config configured) { config = std::move(configured); }
+
     /// Success when the rule may be enabled.
     /// Errors: tk::error::refused.
     tk::Status allows(const firewall::Element& element) const;

@@ -18,6 +18,9 @@ public:
     RouterPorts(const links::Zones& zones, Listeners& listeners, std::vector<PortRange> configured = {})
         : zones(zones), listeners(listeners), configured(std::move(configured)) {}
 
+    /// From now on the configuration names these ports. Rules that are there stay.
+    void setConfigured(std::vector<PortRange> ports) { configured = std::move(ports); }
+
     /// Success when a program may have a rule with this key.
     /// Errors: tk::error::refused.
     tk::Status areFreeFor(const NatKey& key) const;

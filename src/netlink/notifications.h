@@ -30,6 +30,9 @@ public:
     /// Joins the groups (a mask) of a netlink family. Messages from now on wait for start().
     /// Errors: the code is an errno value.
     tk::Status open(int family, std::uint32_t groups);
+    /// Joins further groups. Messages that wait are kept.
+    /// Errors: the code is an errno value.
+    tk::Status join(std::uint32_t groups) { return socket.join(groups); }
     /// Hands over the messages that wait and those that come.
     /// Lifetime: a loop exists from now on until the object is gone.
     void start();

@@ -24,6 +24,15 @@ tk::Status Socket::open(int family, std::uint32_t groups) {
     return refused;
 }
 
+tk::Status Socket::join(std::uint32_t groups) {
+    sockaddr_nl address{};
+    socklen_t length = sizeof address;
+    auto* generic = reinterpret_cast<sockaddr*>(&address);
+    if (::getsockname(socket.get(), generic, &length) != 0) return tk::Status::ofErrno(errno);
+    address.nl_groups |= groups;  // the kernel leaves out those that it does not know
+    return ::bind(socket.get(), generic, sizeof address) == 0 ? tk::Status() : tk::Status::ofErrno(errno);
+}
+
 void Socket::setBuffers(int sendSize, int receiveSize) {
     const auto set = [this](int force, int option, int size) {
         if (::setsockopt(socket.get(), SOL_SOCKET, force, &size, sizeof size) == 0) return;

@@ -30,6 +30,9 @@ public:
     /// Opens a socket of a netlink family, and joins the given groups (a mask).
     /// Errors: the code is an errno value.
     tk::Status open(int family, std::uint32_t groups = 0);
+    /// Joins further groups (a mask) on an open socket.
+    /// Errors: the code is an errno value.
+    tk::Status join(std::uint32_t groups);
     /// Leaves the groups, and gives up what the socket owns in the kernel.
     void close() { socket.reset(); }
 
