@@ -2,7 +2,6 @@
 
 #include <errno.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <limits>
@@ -110,7 +109,7 @@ private:
             readKeys(table, [&](auto key, const auto& value) { return readProgramKey(key, value, out); });
         if (result.isOk()) result = checkProgram(table, out);
         // The user as whom the router starts the program may register it.
-        if (result.isOk() && out.user) config.users.push_back({out.user->uid, {out.number}});
+        if (result.isOk() && out.user) config.runners.push_back({out.user->uid, {out.number}});
         return result;
     }
 
@@ -222,15 +221,15 @@ private:
     std::set<std::string> interfaceNames;
 };
 
-/// Refuses a file that could have been written by anybody other than root and the user who runs the router.
-tk::Status checkWriters(const tk::Fd& file) {
+/// Refuses a file that could have been written by anybody other than root and its owner.
+tk::Status checkWriters(const tk::Fd& file, uid_t owner) {
     struct stat status {};
     if (::fstat(file.get(), &status) != 0)
         return tk::Status::failure("it cannot be told who may write this file");
     if ((status.st_mode & S_IWOTH) != 0) return tk::Status::failure("everybody may write this file");
     if ((status.st_mode & S_IWGRP) != 0 && status.st_gid != rootGroup)
         return tk::Status::failure("group " + std::to_string(status.st_gid) + " may write this file");
-    if (status.st_uid != root && status.st_uid != ::geteuid())
+    if (status.st_uid != root && status.st_uid != owner)
         return tk::Status::failure("this file belongs to user " + std::to_string(status.st_uid));
     return {};
 }
@@ -246,8 +245,8 @@ tk::Result<Config> parseConfig(const std::string& text, const std::string& name)
 
 namespace {
 
-bool isNamed(const Config& config, std::uint32_t program) {
-    return std::any_of(config.users.begin(), config.users.end(), [program](const auto& rights) {
+bool isNamedIn(const std::vector<hub::UserRights>& users, std::uint32_t program) {
+    return std::any_of(users.begin(), users.end(), [program](const auto& rights) {
         return std::find(rights.programs.begin(), rights.programs.end(), program) != rights.programs.end();
     });
 }
@@ -258,7 +257,7 @@ void runAsRouter(Config& config) {
     for (hub::ProgramConfig& program : config.programs) {
         if (program.user || program.isManaged()) continue;
         program.user = config.user;
-        config.users.push_back({config.user->uid, {program.number}});
+        config.runners.push_back({config.user->uid, {program.number}});
     }
 }
 
@@ -270,10 +269,32 @@ tk::Status runAsStarted(Config& config, uid_t self) {
             return tk::Status::failure("program " + std::to_string(program.number) +
                                        ": user: only root can start it as " + program.user->name +
                                        "; give it a trigger in place of command and user");
-        if (!program.user && !program.isManaged()) config.users.push_back({self, {program.number}});
+        if (!program.user && !program.isManaged()) config.runners.push_back({self, {program.number}});
         program.user.reset();
     }
     return {};
+}
+
+std::vector<hub::ProgramConfig> commandsIn(const Config& config) {
+    std::vector<hub::ProgramConfig> all = config.programs;
+    for (hub::ProgramConfig& command : links::stateCommands(config.interfaces))
+        all.push_back(std::move(command));
+    return all;
+}
+
+std::vector<std::string> changedSections(const Config& before, const Config& after) {
+    const std::pair<const char*, bool> sections[] = {
+        {"program", before.programs != after.programs || before.runners != after.runners},
+        {"user", before.users != after.users},
+        {"lan", before.lan != after.lan},
+        {"interface", before.interfaces != after.interfaces},
+        {"nat", before.nat != after.nat},
+        {"guard", before.guard != after.guard},
+    };
+    std::vector<std::string> changed;
+    for (const auto& [name, differs] : sections)
+        if (differs) changed.emplace_back(name);
+    return changed;
 }
 
 void nameUsualUsers(Config& config, const std::vector<UsualUser>& usual) {
@@ -281,15 +302,16 @@ void nameUsualUsers(Config& config, const std::vector<UsualUser>& usual) {
     for (const UsualUser& each : usual) names.push_back(each.name);
     const std::vector<std::optional<uid_t>> found = tk::findUsers(names);
     for (std::size_t i = 0; i < usual.size(); ++i)
-        if (found[i] && !isNamed(config, usual[i].program))
-            config.users.push_back({*found[i], {usual[i].program}});
+        if (const std::uint32_t program = usual[i].program;
+            found[i] && !isNamedIn(config.users, program) && !isNamedIn(config.runners, program))
+            config.runners.push_back({*found[i], {program}});
 }
 
-tk::Result<Config> readConfig(const std::string& path, bool mayBeAbsent) {
+tk::Result<Config> readConfig(const std::string& path, bool mayBeAbsent, uid_t owner) {
     const tk::Fd file = tk::openToRead(path);
     if (!file.isOpen() && errno == ENOENT && mayBeAbsent) return Config();
     if (!file.isOpen()) return tk::Status::ofErrno(path, errno);
-    if (const tk::Status trust = checkWriters(file); !trust.isOk())
+    if (const tk::Status trust = checkWriters(file, owner); !trust.isOk())
         return tk::Status::failure(path + ": " + trust.reason() + ", so it is not followed");
     const tk::Result<std::string> text = tk::readFile(file, sizeLimit);
     return text.isOk() ? parseConfig(*text, path) : text.status().prefixed(path + ": ");

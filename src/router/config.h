@@ -20,7 +20,8 @@ namespace router {
 struct Config {
     std::optional<tk::Account> user;  // the router's; none: that of whoever started it
     std::vector<hub::ProgramConfig> programs;
-    std::vector<hub::UserRights> users;
+    std::vector<hub::UserRights> runners;  // users who run these programs, and so may be them
+    std::vector<hub::UserRights> users;    // all other users
     links::LanConfig lan;
     std::vector<links::InterfaceConfig> interfaces;
     nat::Config nat;
@@ -28,6 +29,13 @@ struct Config {
 
     bool operator==(const Config&) const = default;
 };
+
+/// Every command that is started for the router: for the programs, and for the interfaces.
+[[nodiscard]] std::vector<hub::ProgramConfig> commandsIn(const Config& config);
+
+/// The names of the sections in which two configurations differ, except "router", in the order of the
+/// documentation. That of the programs includes who runs them.
+[[nodiscard]] std::vector<std::string> changedSections(const Config& before, const Config& after);
 
 /// Gives the router's user to each program that names none, because the process that starts them is still
 /// root. What a service manager runs has a user already.
@@ -55,8 +63,9 @@ tk::Result<Config> parseConfig(const std::string& text, const std::string& name)
 
 /// Reads the configuration file at `path`.
 /// `mayBeAbsent`: true when an absent file means an empty configuration.
-/// Errors: as for parseConfig(). Also for a file that could have been written by anybody other than root and
-/// the user who runs the router: everybody, a group other than root's, or another owner.
-tk::Result<Config> readConfig(const std::string& path, bool mayBeAbsent);
+/// `owner`: who may write the file, besides root.
+/// Errors: as for parseConfig(). Also for a file that could have been written by anybody else: everybody, a
+/// group other than root's, or another owner. The code is an errno value when the file cannot be opened.
+tk::Result<Config> readConfig(const std::string& path, bool mayBeAbsent, uid_t owner);
 
 }  // namespace router

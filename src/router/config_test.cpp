@@ -40,7 +40,7 @@ TEST(ParseConfig, ReadsUnits) {
               (std::vector<hub::ProgramConfig>{{80, {}, true, {}, "upnpd.service"},
                                                {14, {}, false, {}, "A-z:0_9\\x2d@b.c.service"},
                                                {15, {}, false, {}, longest}}));
-    EXPECT_TRUE(config.users.empty()) << "who may register is a matter of [[user]]";
+    EXPECT_TRUE(config.runners.empty()) << "who may register is a matter of [[user]]";
 }
 
 TEST(ParseConfig, AUnitOfMoreThan255CharactersIsRefused) {
@@ -76,7 +76,8 @@ TEST(ParseConfig, ReadsEveryKey) {
     wanted.user = tk::findAccount("nobody");
     wanted.programs = {{80, {"/a"}, false, tk::findAccount("daemon")}};
     const uid_t daemon = tk::findAccount("daemon")->uid;
-    wanted.users = {{daemon, {80}}, {daemon, {80, 81}, {{20, 5}, {20}, {21}}, true, true, true}};
+    wanted.runners = {{daemon, {80}}};
+    wanted.users = {{daemon, {80, 81}, {{20, 5}, {20}, {21}}, true, true, true}};
     wanted.lan.interfaces = {{"lan0", "br-lan"}};
     wanted.lan.networks = {{0x0A000000, 0xFF000000}, {0xC0000201, 0xFFFFFFFF}, {0, 0}};
     wanted.interfaces = {{"ppp0", true, {"/sbin/ifdown", "ppp0"}, {"/sbin/ifup", "ppp0"}}};
@@ -226,7 +227,8 @@ TEST(RunAsRouter, ProgramsWithoutAUserGetTheRoutersOwn) {
     ASSERT_TRUE(config.programs[0].user);
     EXPECT_EQ(config.programs[0].user->uid, 71U);
     EXPECT_EQ(config.programs[1].user->uid, 72U);
-    EXPECT_EQ(config.users, (std::vector<hub::UserRights>{{71, {80}}})) << "it may be what it is started as";
+    EXPECT_EQ(config.runners, (std::vector<hub::UserRights>{{71, {80}}}))
+        << "it may be what it is started as";
 }
 
 TEST(RunAsRouter, AUnitNamesItsUserItself) {
@@ -235,7 +237,7 @@ TEST(RunAsRouter, AUnitNamesItsUserItself) {
     config.programs = {{80, {}, false, {}, "upnpd.service"}};
     runAsRouter(config);
     EXPECT_FALSE(config.programs[0].user);
-    EXPECT_TRUE(config.users.empty());
+    EXPECT_TRUE(config.runners.empty());
 }
 
 TEST(RunAsRouter, WhatATriggerStartsHasItsUser) {
@@ -293,20 +295,44 @@ TEST(UsualUser, MayBeTheProgramThatNobodyIsNamedFor) {
     Config config;
     config.users = {{71, {80}}};
     nameUsualUsers(config, {{80, "root"}, {14, "daemon"}});
-    EXPECT_EQ(config.users, (std::vector<hub::UserRights>{{71, {80}}, {daemon, {14}}}));
+    EXPECT_EQ(config.runners, (std::vector<hub::UserRights>{{daemon, {14}}}));
 }
 
 TEST(UsualUser, ThatTheSystemDoesNotKnowIsNone) {
     Config config;
     nameUsualUsers(config, {{80, "no-such-user"}});
-    EXPECT_TRUE(config.users.empty());
+    EXPECT_TRUE(config.runners.empty());
+}
+
+TEST(ChangedSections, AreNamedEachOnce) {
+    const Config before = configIn("[router]\nuser = \"nobody\"\n");
+    EXPECT_EQ(changedSections(before, before), std::vector<std::string>{});
+    const Config after = configIn(
+        "[guard]\nconnections = 1\n[nat]\nlimit = 1\nlimit-per-client = 1\n[lan]\nnetworks = []\n"
+        "interfaces = []\n[[interface]]\nname = \"a\"\n[[user]]\nname = \"daemon\"\n"
+        "[[program]]\nnumber = 80\ncommand = [\"/a\"]\n");
+    EXPECT_EQ(changedSections(before, after),
+              (std::vector<std::string>{"program", "user", "lan", "interface", "nat", "guard"}));
+    Config others = before;
+    others.runners = {{71, {80}}};
+    EXPECT_EQ(changedSections(before, others), std::vector<std::string>{"program"});
+}
+
+TEST(CommandsIn, AreThoseOfProgramsAndOfInterfaces) {
+    const auto commands =
+        commandsIn(configIn("[[program]]\nnumber = 80\ncommand = [\"/a\"]\n"
+                            "[[interface]]\nname = \"ppp0\"\ndown = [\"/b\"]\nup = [\"/c\"]\n"));
+    ASSERT_EQ(commands.size(), 3U);
+    EXPECT_EQ(commands[0].command, std::vector<std::string>{"/a"});
+    EXPECT_EQ(commands[1].command, std::vector<std::string>{"/b"});
+    EXPECT_EQ(commands[2].command, std::vector<std::string>{"/c"});
 }
 
 TEST(ReadConfig, OnlyTheDefaultFileMayBeAbsent) {
-    const auto absent = readConfig("/nonexistent/router.toml", true);
+    const auto absent = readConfig("/nonexistent/router.toml", true, ::geteuid());
     ASSERT_TRUE(absent.isOk()) << absent.reason();
     EXPECT_EQ(*absent, Config());
-    EXPECT_EQ(readConfig("/nonexistent/router.toml", false).reason(),
+    EXPECT_EQ(readConfig("/nonexistent/router.toml", false, ::geteuid()).reason(),
               "/nonexistent/router.toml: No such file or directory");
 }
 
@@ -316,7 +342,7 @@ protected:
     DistrustedConfig() { folder.write("router.toml", "[nat]\nlimit = 5\n"); }
     tk::Result<Config> read(mode_t mode) {
         EXPECT_EQ(::chmod(path.c_str(), mode), 0);
-        return readConfig(path, false);
+        return readConfig(path, false, ::geteuid());
     }
     void give(uid_t user, gid_t group) { EXPECT_EQ(::chown(path.c_str(), user, group), 0); }
 
@@ -355,7 +381,7 @@ TEST_F(DistrustedConfig, AFileOfRootsOrOfWhoeverRunsTheRouterIsFollowed) {
     ASSERT_EQ(::chmod(path.c_str(), 0644), 0);
     const auto faultAs = [this](uid_t user) {
         EXPECT_EQ(::seteuid(user), 0);
-        const auto config = readConfig(path, false);
+        const auto config = readConfig(path, false, ::geteuid());
         EXPECT_EQ(::seteuid(0), 0);
         return config.reason();
     };

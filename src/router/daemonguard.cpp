@@ -7,10 +7,7 @@
 
 namespace router {
 
-void DaemonGuard::start(const std::vector<hub::ProgramConfig>& programs,
-                        const std::vector<hub::UserRights>& users) {
-    for (const hub::ProgramConfig& program : programs)
-        if (program.user) programComes(program.number, program.user->uid);
+void DaemonGuard::setUsers(const std::vector<hub::UserRights>& users) {
     for (const hub::UserRights& user : users)
         if (std::find(user.programs.begin(), user.programs.end(), contract::program::gateway) !=
             user.programs.end())

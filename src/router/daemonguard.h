@@ -9,7 +9,6 @@
 
 #include "hub/access.h"
 #include "hub/hub.h"
-#include "hub/processes.h"
 
 namespace router {
 
@@ -20,8 +19,8 @@ public:
     /// `guardUser` limits where a user's programs may send. It may be called several times for a user.
     explicit DaemonGuard(std::function<void(uid_t)> guardUser) : guardUser(std::move(guardUser)) {}
 
-    /// Guards every user whom the configuration allows to be the daemon.
-    void start(const std::vector<hub::ProgramConfig>& programs, const std::vector<hub::UserRights>& users);
+    /// Guards every user who may be the daemon, from now on.
+    void setUsers(const std::vector<hub::UserRights>& users);
     /// Guards the user when the program is the daemon.
     void programComes(std::uint32_t program, uid_t user) override;
 

@@ -28,13 +28,9 @@ TEST_F(DaemonGuardTest, SaysThatNothingGuardsRoot) {
               "program 80 runs as root: what it asks for is not checked, and nothing guards it\n");
 }
 
-TEST_F(DaemonGuardTest, GuardsUsersWhoMayBecomeTheDaemonFromTheStart) {
-    tk::Account started;
-    started.uid = 71;
-    const std::vector<hub::ProgramConfig> programs = {
-        {80, {"/upnpd"}, false, started}, {14, {"/resolverd"}, false, tk::Account{}}, {80, {"/upnpd"}}};
-    guard.start(programs, {{72, {14}}, {73, {14, 80}}, {.uid = 74, .isAdmin = true}});
-    EXPECT_EQ(guarded, (std::vector<uid_t>{71, 73}));
+TEST_F(DaemonGuardTest, GuardsUsersWhoMayBecomeTheDaemonBeforeTheyDo) {
+    guard.setUsers({{72, {14}}, {73, {14, 80}}, {.uid = 74, .isAdmin = true}, {71, {80}}});
+    EXPECT_EQ(guarded, (std::vector<uid_t>{73, 71}));
 }
 
 }  // namespace

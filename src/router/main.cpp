@@ -1,16 +1,14 @@
 #include <getopt.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "contract/programs.h"
 #include "hub/launcher.h"
 #include "hub/listener.h"
-#include "links/linkswitch.h"
 #include "router/config.h"
+#include "router/configfile.h"
 #include "router/privileges.h"
 #include "router/router.h"
 #include "tk/fd.h"
@@ -36,45 +34,34 @@ constexpr int done = 0;
 constexpr int failed = 1;
 constexpr int misuse = 2;
 
-/// Every command that is started for the router. The process that starts them must know them in advance.
-std::vector<hub::ProgramConfig> startable(const router::Config& config) {
-    std::vector<hub::ProgramConfig> all = config.programs;
-    for (hub::ProgramConfig& command : links::stateCommands(config.interfaces))
-        all.push_back(std::move(command));
-    return all;
-}
-
 /// Starts the launcher, and gives up the rights that the router does not need.
-tk::Status becomeUser(const router::Config& config, const router::Paths& paths, hub::Launcher& launcher) {
-    if (tk::Status opened = launcher.open(startable(config)); !opened.isOk()) return opened;
+tk::Status becomeUser(const router::ConfigFile& file, const router::Config& config,
+                      const router::Paths& paths, hub::Launcher& launcher) {
+    const auto reread = [&file]() -> tk::Result<std::vector<hub::ProgramConfig>> {
+        const tk::Result<router::Config> read = file.readAgain();
+        return read.isOk() ? tk::Result(router::commandsIn(*read)) : read.status();
+    };
+    if (tk::Status opened = launcher.open(router::commandsIn(config), reread); !opened.isOk()) return opened;
     return router::dropPrivileges(*config.user, {paths.busFolder(), paths.stores});
 }
 
 /// Runs the router until it is to end.
 /// Errors: why it cannot run.
 tk::Status serve(const std::string& configPath, bool mayBeAbsent, const tk::ServiceManager& manager) {
-    tk::Result<router::Config> read = router::readConfig(configPath, mayBeAbsent);
-    if (!read.isOk()) return read.status();
-    router::Config config = read.take();
+    router::ConfigFile file(configPath, mayBeAbsent);
+    const tk::Result<router::Config> config = file.read();
+    if (!config.isOk()) return config.status();
     const router::Paths paths{.bus = contract::busPath};
     // First of all, so that nothing is touched that another router uses.
     if (tk::Status isFree = hub::Listener::checkFree(paths.bus); !isFree.isOk()) return isFree;
-    const bool isRoot = ::geteuid() == 0;
-    const bool drops = config.user && isRoot;
-    if (drops) router::runAsRouter(config);
-    if (!isRoot)
-        if (tk::Status fits = router::runAsStarted(config, ::geteuid()); !fits.isOk())
-            return fits.prefixed(configPath + ": ");
-    router::nameUsualUsers(
-        config, {{contract::program::gateway, "upnpd"}, {contract::program::resolver, "resolverd"}});
     hub::OwnProcesses own;
     // Starts programs as other users, whom this process can no longer become.
     hub::Launcher launcher;
-    if (drops)
-        if (tk::Status became = becomeUser(config, paths, launcher); !became.isOk()) return became;
+    if (file.givesUpRoot())
+        if (tk::Status became = becomeUser(file, *config, paths, launcher); !became.isOk()) return became;
     if (tk::Status may = router::checkPrivileges(); !may.isOk()) return may;
-    hub::Processes& processes = drops ? static_cast<hub::Processes&>(launcher) : own;
-    router::Router router(config, paths, processes);
+    hub::Processes& processes = file.givesUpRoot() ? static_cast<hub::Processes&>(launcher) : own;
+    router::Router router(file, *config, paths, processes);
     if (tk::Status started = router.start(); !started.isOk()) return started;
     router.run(manager);
     return {};

@@ -2,6 +2,8 @@
 
 #include <time.h>
 
+#include <utility>
+
 #include "contract/programs.h"
 #include "tk/log.h"
 
@@ -18,10 +20,11 @@ std::uint64_t secondsSince1970() {
 
 }  // namespace
 
-Router::Router(const Config& config, const Paths& paths, hub::Processes& processes)
-    : paths(paths),
-      programs(config.programs),
-      users(config.users),
+Router::Router(ConfigFile file, const Config& initial, const Paths& paths, hub::Processes& processes)
+    : file(std::move(file)),
+      config(initial),
+      paths(paths),
+      processes(processes),
       looper(clock, hub, contract::program::network),
       table(config.guard, config.nat.checksTargets),
       guard([this](uid_t user) { table.guardUser(user); }),
@@ -44,8 +47,8 @@ Router::Router(const Config& config, const Paths& paths, hub::Processes& process
     hub.addService(history, contract::path::history());
     hub.addService(identity, contract::path::identity());
     table.setOwner(nat);
-    hub.setAccess(hub::Access(config.users));
     hub.setProgramWatcher(&guard);
+    hub.setReloader(this);
 }
 
 Router::~Router() {
@@ -54,9 +57,10 @@ Router::~Router() {
 
 tk::Status Router::start() {
     looper.watchSignals();
+    watchHangups();
     if (tk::Status opened = openKernel(); !opened.isOk()) return opened;
     zones.start(table);
-    guard.start(programs, users);
+    setRights();
     nat.load();
     if (tk::Status ended = table.endFlows(); !ended.isOk()) return ended;
     if (tk::Status opened = listener.open(paths.bus); !opened.isOk()) return opened;

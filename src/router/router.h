@@ -22,13 +22,16 @@
 #include "nat/routerports.h"
 #include "nat/service.h"
 #include "router/config.h"
+#include "router/configfile.h"
 #include "router/daemonguard.h"
 #include "router/history.h"
 #include "router/identity.h"
+#include "tk/fd.h"
 #include "tk/looper.h"
 #include "tk/runner.h"
 #include "tk/servicemanager.h"
 #include "tk/status.h"
+#include "tk/timer.h"
 
 namespace router {
 
@@ -43,13 +46,14 @@ struct Paths {
 };
 
 /// The whole of routerd: the hub, the services around it, and the programs that it starts.
-class Router final {
+class Router final : private hub::Reloader {
 public:
+    /// `file`: where `initial` was read, and will be read again.
     /// Lifetime: the processes outlive the router.
-    Router(const Config& config, const Paths& paths, hub::Processes& processes);
+    Router(ConfigFile file, const Config& initial, const Paths& paths, hub::Processes& processes);
     Router(const Router&) = delete;
     Router& operator=(const Router&) = delete;
-    ~Router();
+    ~Router() override;
 
     /// Prepares everything, and opens the bus last.
     /// Errors: when the kernel lacks something that is needed, or the system refuses.
@@ -62,9 +66,19 @@ private:
     tk::Status openKernel();
     void turnWhile(const std::function<bool()>& condition, std::uint64_t milliseconds);
 
+    // The configuration changes (router_reload.cpp).
+    void watchHangups();
+    void hungUp(int fd, std::uint32_t events);
+    tk::Result<std::vector<std::string>> reload() override;
+    tk::Status follow(Config next);
+    void keepRunners(const Config& next);
+    void setRights();
+
+    const ConfigFile file;
+    Config config;                               // in force
+    std::vector<hub::UserRights> formerRunners;  // of programs that run as an earlier one said
     Paths paths;
-    std::vector<hub::ProgramConfig> programs;
-    std::vector<hub::UserRights> users;
+    hub::Processes& processes;
     tk::SystemClock clock;
     hub::Hub hub;
     tk::Looper looper;
@@ -86,6 +100,8 @@ private:
     links::Monitor monitor;
     hub::Activation activation;
     hub::Listener listener;
+    tk::Fd hangup;  // SIGHUP has come
+    tk::Watch hangupWatch;
 };
 
 }  // namespace router

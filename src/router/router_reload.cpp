@@ -1,0 +1,110 @@
+// The configuration changes while the router runs.
+
+#include "router/router.h"
+
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "tk/log.h"
+
+namespace router {
+
+namespace {
+
+sigset_t hangups() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGHUP);
+    return set;
+}
+
+std::string listOf(const std::vector<std::string>& sections) {
+    std::string text;
+    for (const std::string& section : sections) text += (text.empty() ? "" : ", ") + section;
+    return text.empty() ? "nothing has changed" : "changed: " + text;
+}
+
+/// True when one of the users may be the programs of `runner`, which is one user with one program.
+bool has(const std::vector<hub::UserRights>& users, const hub::UserRights& runner) {
+    return std::any_of(users.begin(), users.end(), [&runner](const hub::UserRights& each) {
+        return each.uid == runner.uid && std::find(each.programs.begin(), each.programs.end(),
+                                                   runner.programs.front()) != each.programs.end();
+    });
+}
+
+}  // namespace
+
+/// Takes SIGHUP, which would end the process otherwise.
+void Router::watchHangups() {
+    const sigset_t set = hangups();
+    sigprocmask(SIG_BLOCK, &set, nullptr);
+    hangup.reset(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
+    hangupWatch.start<Router, &Router::hungUp>(hangup.get(), *this, tk::readable);
+}
+
+void Router::hungUp(int fd, std::uint32_t) {
+    signalfd_siginfo info;
+    if (::read(fd, &info, sizeof info) != sizeof info) return;
+    if (const auto changed = reload(); !changed.isOk())
+        tk::log("routerd: nothing has changed: ", changed.reason());
+}
+
+tk::Result<std::vector<std::string>> Router::reload() {
+    tk::Result<Config> read = file.readAgain();
+    if (!read.isOk()) return read.status();
+    std::vector<std::string> changed = changedSections(config, *read);
+    if (!changed.empty())
+        if (const tk::Status done = follow(read.take()); !done.isOk()) return done;
+    tk::log("routerd: read ", file.name(), " again: ", listOf(changed));
+    return changed;
+}
+
+/// Puts another configuration into force: first what can fail, each so that it changes nothing if it does.
+tk::Status Router::follow(Config next) {
+    const std::vector<hub::ProgramConfig> commands = commandsIn(next);
+    const bool startsOthers = commands != commandsIn(config);
+    if (startsOthers)
+        if (tk::Status prepared = processes.prepare(commands); !prepared.isOk()) return prepared;
+    if (!next.lan.interfaces)
+        if (tk::Status followed = monitor.followRoutes(); !followed.isOk()) return followed;
+    if (tk::Status changed = table.setGuard(next.guard); !changed.isOk()) return changed;
+    if (startsOthers) processes.adopt();
+    // Whoever is inside before and after must not be cut off in between.
+    if (!next.nat.checksTargets) table.setChecksTargets(false);
+    zones.setConfig(next.lan);
+    table.setChecksTargets(next.nat.checksTargets);
+    policy.setConfig(next.nat);
+    ports.setConfigured(next.nat.routerPorts);
+    linkSwitch.setConfig(next.interfaces);
+    keepRunners(next);
+    config = std::move(next);
+    setRights();
+    activation.setConfig(config.programs);
+    return {};
+}
+
+/// Whoever runs a program goes on with it, even if the configuration names another user now, or nobody.
+void Router::keepRunners(const Config& next) {
+    formerRunners.insert(formerRunners.end(), config.runners.begin(), config.runners.end());
+    std::vector<hub::UserRights> kept;
+    for (const hub::UserRights& runner : formerRunners) {
+        const std::uint32_t program = runner.programs.front();
+        const bool runs = hub.userOf(program) == runner.uid || activation.isRunning(program);
+        if (runs && !has(next.runners, runner) && !has(kept, runner)) kept.push_back(runner);
+    }
+    formerRunners = std::move(kept);
+}
+
+void Router::setRights() {
+    std::vector<hub::UserRights> rights = config.users;
+    for (const auto* runners : {&config.runners, &formerRunners})
+        rights.insert(rights.end(), runners->begin(), runners->end());
+    guard.setUsers(rights);  // first: nobody becomes the daemon unguarded
+    hub.setAccess(hub::Access(rights));
+}
+
+}  // namespace router
