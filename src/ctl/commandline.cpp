@@ -42,6 +42,7 @@ void addAllCommands(CLI::App& app, Context& context) {
     addUpnpMappingsCommand(upnp, context);
     addNatCommands(app, context);
     addHistoryCommands(app, context);
+    addReloadCommand(app, context);
     CLI::App& bus = addGroup(app, context, "bus", "Messages between the router's programs, for developers");
     addBusCallCommand(bus, context);
     addBusTraceCommand(bus, context);

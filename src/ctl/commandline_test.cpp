@@ -283,6 +283,21 @@ TEST_F(CommandLineTest, NatTestAsksForPort0Too) {
     EXPECT_EQ(errors.str(), "");
 }
 
+TEST_F(CommandLineTest, ReloadNamesWhatHasChanged) {
+    bus.answer({0}, tk::command::hubReload, tk::message());
+    EXPECT_EQ(print({"reload"}), "nothing has changed\n");
+    out.str("");
+    EXPECT_EQ(print({"reload", "--json"}), "{\"changed\":[]}\n");
+    out.str("");
+    bus.answer({0}, tk::command::hubReload,
+               parseFields({R"(1:message[]=[[{"id":1,"type":"string","value":"lan"}],)"
+                            R"([{"id":1,"type":"string","value":"nat"}]])"}));
+    EXPECT_EQ(print({"reload"}), "changed: lan, nat\n");
+    out.str("");
+    EXPECT_EQ(print({"reload", "--json"}), R"({"changed":["lan","nat"]})"
+                                           "\n");
+}
+
 TEST_F(CommandLineTest, HistoryUndo) {
     bus.answer({24}, 2, parseFields({"0xFE0001:u32=7", "3:string=upnp config changed"}));
     EXPECT_EQ(print({"history", "undo"}), "undone: upnp config changed\n");
@@ -416,7 +431,7 @@ struct Slip {
 const Slip slips[] = {
     {"UnknownGroup",
      {"nosuch", "list"},
-     "unknown command 'nosuch'; there are: interface, address, upnp, nat, history, bus"},
+     "unknown command 'nosuch'; there are: interface, address, upnp, nat, history, reload, bus"},
     {"UnknownCommand", {"nat", "nosuch"}, "unknown command 'nosuch'; there are: list, test"},
     {"UnknownCommandWithHelp",
      {"nat", "nosuch", "--help"},

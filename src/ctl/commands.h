@@ -25,6 +25,8 @@ void addUpnpMappingsCommand(CLI::App& upnp, Context& context);
 void addNatCommands(CLI::App& app, Context& context);
 /// Adds "history list" and "history undo".
 void addHistoryCommands(CLI::App& app, Context& context);
+/// Adds "reload".
+void addReloadCommand(CLI::App& app, Context& context);
 /// Adds "call", below "bus".
 void addBusCallCommand(CLI::App& bus, Context& context);
 /// Adds "trace", below "bus".
