@@ -262,10 +262,10 @@ TEST(RunAsStarted, StartsItsProgramsAsItselfAndLetsThemRegister) {
     Config config;
     config.user = account("router", self);
     config.programs = {{80, {"/bin/one"}}, {81, {"/bin/two"}, false, account("router", self)}};
-    config.users = {{self, {81}}};  // as the file is read
+    config.runners = {{self, {81}}};  // as the file is read
     EXPECT_EQ(runAsStarted(config, self).reason(), "");
     EXPECT_EQ(config.programs, (std::vector<hub::ProgramConfig>{{80, {"/bin/one"}}, {81, {"/bin/two"}}}));
-    EXPECT_EQ(config.users, (std::vector<hub::UserRights>{{self, {81}}, {self, {80}}}));
+    EXPECT_EQ(config.runners, (std::vector<hub::UserRights>{{self, {81}}, {self, {80}}}));
 }
 
 TEST(RunAsStarted, GivesNoRightToWhatAServiceManagerRuns) {
@@ -273,7 +273,7 @@ TEST(RunAsStarted, GivesNoRightToWhatAServiceManagerRuns) {
     config.programs = {{80, {}, false, {}, "upnpd.service"},
                        {14, {}, false, {}, {}, "/run/tk/start/resolverd"}};
     EXPECT_TRUE(runAsStarted(config, self).isOk());
-    EXPECT_TRUE(config.users.empty());
+    EXPECT_TRUE(config.users.empty() && config.runners.empty());
 }
 
 TEST(RunAsStarted, RefusesToBecomeAnother) {
