@@ -54,7 +54,7 @@ TEST(ParseConfig, ReadsTriggers) {
         configIn("[[program]]\nnumber = 80\ntrigger = \"/run/tk/start/upnpd\"\nstart = true\n");
     EXPECT_EQ(config.programs,
               (std::vector<hub::ProgramConfig>{{80, {}, true, {}, {}, "/run/tk/start/upnpd"}}));
-    EXPECT_TRUE(config.users.empty()) << "who may register is a matter of [[user]]";
+    EXPECT_TRUE(config.runners.empty()) << "who may register is a matter of [[user]]";
 }
 
 TEST(ParseConfig, ReadsEveryKey) {
@@ -246,7 +246,7 @@ TEST(RunAsRouter, WhatATriggerStartsHasItsUser) {
     config.programs = {{80, {}, false, {}, {}, "/run/tk/start/upnpd"}};
     runAsRouter(config);
     EXPECT_FALSE(config.programs[0].user);
-    EXPECT_TRUE(config.users.empty());
+    EXPECT_TRUE(config.runners.empty());
 }
 
 constexpr uid_t self = 71;
@@ -273,7 +273,7 @@ TEST(RunAsStarted, GivesNoRightToWhatAServiceManagerRuns) {
     config.programs = {{80, {}, false, {}, "upnpd.service"},
                        {14, {}, false, {}, {}, "/run/tk/start/resolverd"}};
     EXPECT_TRUE(runAsStarted(config, self).isOk());
-    EXPECT_TRUE(config.users.empty() && config.runners.empty());
+    EXPECT_TRUE(config.runners.empty());
 }
 
 TEST(RunAsStarted, RefusesToBecomeAnother) {

@@ -74,6 +74,19 @@ TEST_F(ConfigFileTest, OnlyItsFormerOwnerMayHaveWrittenIt) {
     EXPECT_EQ(again.reason(), path + ": this file belongs to user 64001, so it is not followed");
 }
 
+TEST_F(ConfigFileTest, OfARouterThatRootDidNotStartNamesNobodyElse) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root";
+    write("[[program]]\nnumber = 80\ncommand = [\"/a\"]\nuser = \"nobody\"\n");
+    ASSERT_EQ(::chmod(folder.path.c_str(), 0755), 0);
+    ASSERT_EQ(::seteuid(64001), 0);
+    ConfigFile own(path, false);
+    const auto read = own.read();
+    ASSERT_EQ(::seteuid(0), 0);
+    EXPECT_EQ(read.reason(), path +
+                                 ": program 80: user: only root can start it as nobody; give it a trigger in "
+                                 "place of command and user");
+}
+
 TEST_F(ConfigFileTest, TellsWhoMustBeAbleToReadIt) {
     if (::geteuid() != 0) GTEST_SKIP() << "needs root";
     write("[router]\nuser = \"nobody\"\n");

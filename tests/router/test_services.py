@@ -100,6 +100,19 @@ def test_a_daemon_that_runs_with_the_router_is_asked_for_until_somebody_listens(
         assert prepared.routerd.stop() == 0
 
 
+def test_a_router_that_root_did_not_start_reads_its_configuration_again(prepared):
+    router = start_router(prepared, CONFIGURATION)
+    router.wait_for("serving")
+    file = prepared.root / "tesk" / "etc" / "router.toml"
+    for text, line in ((CONFIGURATION + "[nat]\nlimit = 5\n", "read /tesk/etc/router.toml again: changed: nat"),
+                       (CONFIGURATION.replace(f'trigger = "{START}/resolverd"', 'command = ["/a"]\nuser = "upnpd"'),
+                        "nothing has changed: /tesk/etc/router.toml: program 14: user: only root can start it as upnpd")):
+        file.write_text(text)
+        router.process.send_signal(signal.SIGHUP)
+        router.wait_for("routerd: " + line)
+    assert router.stop() == 0
+
+
 @pytest.mark.parametrize("abstract", [False, True], ids=["a_file", "no_file"])
 def test_the_manager_hears_when_the_bus_is_open_that_the_loop_turns_and_that_it_ends(prepared, abstract):
     with Manager(prepared, abstract) as manager:
