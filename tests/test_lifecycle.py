@@ -4,6 +4,7 @@ import time
 
 import pytest
 
+import bus
 import labs
 from control_point import (Listener, advert, call, get, mapping, query, result, root_pairs, table_order,
                            variable_answer, wan_pairs)
@@ -126,20 +127,27 @@ def test_a_killed_routers_socket_does_not_hinder_the_next(fresh_lab):
 def test_a_second_router_refuses_to_start(fresh_lab):
     second = labs.Program(fresh_lab, "routerd")
     assert second.wait() == 1
+    assert second.log == "routerd: /run/tk/bus: another router is running; end that one first\n"
     assert fresh_lab.routerd.running() and fresh_lab.bus_answers()
 
 
 def test_a_second_daemon_says_so_and_ends(fresh_lab):
     second = labs.Program(fresh_lab, "upnpd")
     assert second.wait() == 1
-    assert second.log.count("\n") == 1
+    with bus.Client(fresh_lab) as client:
+        router, daemon = client.call([0], 7)[bus.OBJECTS]
+    assert (router[1], daemon[1]) == (20, 80)
+    process = daemon[2]
+    assert second.log == ("cannot join the bus at /run/tk/bus: program 80 is running already, "
+                          f"as process {process}: end that one first\n")
     assert serves(fresh_lab)
 
 
 def test_without_a_bus_the_daemon_says_so_and_ends(bare_lab):
     daemon = labs.Program(bare_lab, "upnpd")
     assert daemon.wait() == 1
-    assert daemon.log.count("\n") == 1 and daemon.errors.read_text() == ""
+    assert daemon.log == "cannot join the bus at /run/tk/bus: No such file or directory: start routerd first\n"
+    assert daemon.errors.read_text() == ""
 
 
 def test_the_internal_side_moves_with_its_address(fresh_lab):

@@ -80,7 +80,8 @@ tk::Status Listener::checkFree(const std::string& path) {
     const tk::Fd probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     const bool isServed = probe.isOpen() && ::connect(probe.get(), generic(address), sizeof address) == 0;
     // A listener whose queue is full answers EAGAIN: it is alive.
-    if (isServed || errno == EAGAIN) return tk::Status::failure(path + ": another router is running");
+    if (isServed || errno == EAGAIN)
+        return tk::Status::failure(path + ": another router is running; end that one first");
     return errno == ECONNREFUSED || errno == ENOENT ? tk::Status() : tk::Status::ofErrno(path, errno);
 }
 

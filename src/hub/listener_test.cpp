@@ -70,7 +70,7 @@ TEST_F(BusListenerTest, ReplacesAFileThatNobodyServes) {
     EXPECT_TRUE(Listener::checkFree(path).isOk());
     Listener listener(bus.hub);
     openAt(listener);
-    EXPECT_EQ(Listener::checkFree(path).reason(), path + ": another router is running");
+    EXPECT_EQ(Listener::checkFree(path).reason(), path + ": another router is running; end that one first");
 }
 
 TEST_F(BusListenerTest, LeavesALiveOneAlone) {
@@ -78,9 +78,9 @@ TEST_F(BusListenerTest, LeavesALiveOneAlone) {
     openAt(listener);
     {
         Listener second(bus.hub);
-        EXPECT_EQ(second.open(path).reason(), path + ": another router is running");
+        EXPECT_EQ(second.open(path).reason(), path + ": another router is running; end that one first");
     }
-    EXPECT_EQ(Listener::checkFree(path).reason(), path + ": another router is running");
+    EXPECT_EQ(Listener::checkFree(path).reason(), path + ": another router is running; end that one first");
 }
 
 TEST_F(BusListenerTest, MakesTheFolderForEverybodyToPassThroughWhateverTheMask) {
@@ -106,7 +106,7 @@ TEST_F(BusListenerTest, OnceClosedItAdmitsNobodyAndLeavesItsSuccessorsFile) {
     Listener successor(bus.hub);
     openAt(successor);
     listener.close();
-    EXPECT_EQ(Listener::checkFree(path).reason(), path + ": another router is running");
+    EXPECT_EQ(Listener::checkFree(path).reason(), path + ": another router is running; end that one first");
 }
 
 TEST_F(BusListenerTest, LeavesASocketAloneThatMayStillBeServed) {

@@ -1,5 +1,6 @@
 #include "tk/looper.h"
 
+#include <errno.h>
 #include <signal.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -25,6 +26,12 @@ sigset_t endSignals() {
     sigaddset(&set, SIGTERM);
     sigaddset(&set, SIGINT);
     return set;
+}
+
+/// Adds what to do where nobody serves the bus.
+Status whyNotOpened(const Status& failure) {
+    const bool isServed = failure.code() != ENOENT && failure.code() != ECONNREFUSED;
+    return isServed ? failure : Status::failure(failure.reason() + ": start routerd first", failure.code());
 }
 
 /// Takes the standard descriptors before the runner opens its own.
@@ -87,7 +94,7 @@ void Looper::signalled(int fd, std::uint32_t) {
 
 Status Looper::join(std::uint32_t number, const std::string& socketPath) {
     Result<std::unique_ptr<BusConnection>> opened = BusConnection::open(socketPath, events, this);
-    if (!opened.isOk()) return opened.status();
+    if (!opened.isOk()) return whyNotOpened(opened.status());
     connection = opened.take();
     message request;
     request.insert_u32(hubfield::program, number);
