@@ -56,7 +56,8 @@ void Activation::take(const std::vector<ProgramConfig>& configured) {
         if (comesBack(each)) restarts.try_emplace(each, [this, number = each] { startOrRetry(number); });
 }
 
-/// True for a command that is started again after a crash.
+/// True for a command that is started again after a crash, and for a trigger that is pulled until its program
+/// comes.
 bool Activation::comesBack(std::uint32_t program) const {
     const auto config = programs.find(program);
     return config != programs.end() && config->second.startsWithRouter && config->second.unit.empty();

@@ -27,6 +27,13 @@ tk::Result<tk::Subscription> subscriptionIn(const tk::message& request) {
     return *wanted;
 }
 
+/// Why a program cannot be registered. `holder` is null for a service of this process.
+std::string isRunning(std::uint32_t program, const Peer* holder) {
+    const std::string what = "program " + std::to_string(program) + " is running already";
+    return holder ? what + ", as process " + std::to_string(holder->user().pid) + ": end that one first"
+                  : what;
+}
+
 tk::message programRecord(std::uint32_t number, const Credentials& user) {
     tk::message record;
     record.insert_u32(tk::hubfield::number, number);
@@ -74,7 +81,7 @@ tk::message Hub::registerProgram(Peer& from, const tk::message& request) {
     // The kernel may know of the former holder's end before the loop does.
     if (holder && holder->hasHungUp()) peerEnded(*holder, "it closed the connection");
     if (services.has(program) || peers.findProgram(program))
-        return tk::errorMsg(tk::error::exists, "program " + std::to_string(program) + " is running already");
+        return tk::errorMsg(tk::error::exists, isRunning(program, peers.findProgram(program)));
     if (watcher) watcher->programComes(program, from.user().uid);
     peers.enrol(from, program);
     return {};
