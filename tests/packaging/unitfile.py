@@ -7,7 +7,7 @@ UNITS = ROOT / "packaging" / "systemd"
 
 # Lines that say how systemd treats the unit, not what the program meets.
 ABOUT = {"Description", "Documentation", "Requires", "PartOf", "After", "Before", "WantedBy", "StartLimitIntervalSec",
-         "Restart", "RestartSec", "TimeoutStopSec", "NotifyAccess", "ExecReload"}
+         "Restart", "RestartSec", "TimeoutStopSec", "NotifyAccess", "ExecReload", "RuntimeDirectoryPreserve"}
 
 # Lines that need systemd itself, and why.
 UNTRIED = {
@@ -15,6 +15,7 @@ UNTRIED = {
     "MemoryMax": "a control group",
     "TasksMax": "a control group",
     "DevicePolicy": "a control group; PrivateDevices is tried",
+    "RemoveIPC": "what systemd clears away after the end; SystemCallFilter leaves nothing to clear away",
     "LogRateLimitIntervalSec": "the journal",
     "LogRateLimitBurst": "the journal",
 }
@@ -24,9 +25,9 @@ TRIED = {
     "Type", "ExecStart", "WatchdogSec", "PathModified",
     "User", "Group", "SupplementaryGroups", "CapabilityBoundingSet", "AmbientCapabilities", "NoNewPrivileges",
     "PrivateUsers", "KeyringMode", "UMask", "ProtectSystem", "ReadWritePaths", "NoExecPaths", "ExecPaths",
-    "RuntimeDirectory", "RuntimeDirectoryMode", "RuntimeDirectoryPreserve", "ProtectHome", "PrivateTmp",
+    "RuntimeDirectory", "RuntimeDirectoryMode", "ProtectHome", "PrivateTmp",
     "PrivateDevices", "PrivateMounts", "ProtectProc", "ProcSubset", "ProtectClock", "ProtectControlGroups",
-    "ProtectHostname", "ProtectKernelLogs", "ProtectKernelModules", "ProtectKernelTunables", "PrivateIPC", "RemoveIPC",
+    "ProtectHostname", "ProtectKernelLogs", "ProtectKernelModules", "ProtectKernelTunables", "PrivateIPC",
     "RestrictAddressFamilies", "RestrictNamespaces", "RestrictRealtime", "RestrictSUIDSGID", "LockPersonality",
     "MemoryDenyWriteExecute", "SystemCallArchitectures", "SystemCallErrorNumber", "SystemCallFilter", "LimitNOFILE",
     "LimitCORE",
