@@ -49,10 +49,10 @@ struct GuardConfig {
 //         }
 //         chain forward {
 //             type filter hook forward priority filter - 10
-//             ct label ! 116 accept
+//             ct status ! dnat accept
 //             ct original ip daddr . ct protocol . ct original proto-dst .
 //                 ct reply ip saddr . ct reply proto-src @live accept
-//             goto ended
+//             ct label 116 goto ended
 //         }
 //         chain ended {
 //             ct direction original limit rate 1000/second <destination as it came>
@@ -113,7 +113,9 @@ struct GuardConfig {
 // live. So flows end with their rule, and flows left by an earlier process end unless their rule is back.
 // Where targets are checked, only rules whose target is inside are live: each packet of a flow passes here,
 // and one look-up is enough. The element that it finds counts the packet; a look-up that is inverted would
-// not count. Other tables may still drop what is accepted here. The chains ended and missed also log which entries must leave the kernel's
+// not count. The label is looked at only afterwards, as that costs more than the status: so a connection that
+// another table translates to where a live rule leads counts for that rule. Other tables may still drop what
+// is accepted here. The chains ended and missed also log which entries must leave the kernel's
 // connection table, so that the next packet takes the right way.
 //
 // The chain postrouting serves a host that reaches another one in its own network by the router's external

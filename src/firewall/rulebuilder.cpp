@@ -149,11 +149,19 @@ void RuleBuilder::masked(std::uint32_t mask, std::uint32_t size) {
     nftnl_expr_set(bits, NFTNL_EXPR_BITWISE_XOR, &none, size);
 }
 
-void RuleBuilder::isTranslated() {
+void RuleBuilder::compareTranslation(std::uint32_t operation) {
     const std::uint32_t none = 0;
     connection(NFT_CT_STATUS, firstPart);
     masked(IPS_DST_NAT, sizeof none);
-    differs(&none, sizeof none);
+    compare(operation, &none, sizeof none);
+}
+
+void RuleBuilder::isTranslated() {
+    compareTranslation(NFT_CMP_NEQ);
+}
+
+void RuleBuilder::isNotTranslated() {
+    compareTranslation(NFT_CMP_EQ);
 }
 
 void RuleBuilder::isFirstOfTcp() {

@@ -57,6 +57,8 @@ public:
     void lacksLabel(std::uint32_t label);
     /// Goes on only for connections whose destination was translated.
     void isTranslated();
+    /// Goes on only for connections whose destination was not translated.
+    void isNotTranslated();
     /// Goes on only for the first packet of a TCP connection.
     void isFirstOfTcp();
     /// Goes on only for packets of a protocol that go to a port.
@@ -111,6 +113,7 @@ private:
     nftnl_expr* decide(std::uint32_t verdict);
     void loadConnection(nft_ct_keys key, std::uint8_t direction, std::uint32_t into);
     void compare(std::uint32_t operation, const void* bytes, std::uint32_t size);
+    void compareTranslation(std::uint32_t operation);
     void compareLabel(std::uint32_t operation, std::uint32_t label);
     void addToSet(const char* set, std::uint32_t setNumber, std::uint64_t timeoutMilliseconds,
                   nftnl_expr* condition);

@@ -148,10 +148,10 @@ void addHairpinReturn(Batch& batch) {
 }
 
 void addFlowEnd(Batch& batch) {
-    RuleBuilder foreign(nft::forward);
-    foreign.lacksLabel(translatedLabel);
-    foreign.accept();
-    foreign.appendTo(batch);
+    RuleBuilder other(nft::forward);
+    other.isNotTranslated();
+    other.accept();
+    other.appendTo(batch);
     RuleBuilder live(nft::forward);
     live.original(NFT_CT_DST_IP, firstPart);
     // The connection's protocol, not the packet's: an ICMP error belongs to the flow that it reports.
@@ -162,9 +162,10 @@ void addFlowEnd(Batch& batch) {
     live.lookUp(nft::live);  // not isNotIn(): the kernel counts only what a look-up is to find
     live.accept();
     live.appendTo(batch);
-    RuleBuilder rest(nft::forward);
-    rest.goTo(nft::ended);
-    rest.appendTo(batch);
+    RuleBuilder ended(nft::forward);
+    ended.hasLabel(translatedLabel);
+    ended.goTo(nft::ended);
+    ended.appendTo(batch);
 }
 
 void addStrayEnd(Batch& batch) {

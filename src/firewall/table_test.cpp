@@ -135,10 +135,10 @@ TEST_F(TableTest, LetsFlowsPassUntilItIsToldToEndThem) {
     EXPECT_EQ(nft("list chain ip tk forward").find("ended"), std::string::npos);
     endFlows();
     const std::string text = nft("list chain ip tk forward");
-    EXPECT_NE(text.find("ct label ! 116 accept\n\t\t"
+    EXPECT_NE(text.find("ct status ! dnat accept\n\t\t"
                         "ct original ip daddr . ct protocol . ct original proto-dst . "
                         "ct reply ip saddr . ct reply proto-src @live accept\n\t\t"
-                        "goto ended\n"),
+                        "ct label 116 goto ended\n"),
               std::string::npos)
         << text;
 }

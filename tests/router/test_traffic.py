@@ -140,6 +140,19 @@ def test_packets_that_are_turned_away_do_not_count(router, client):
         assert traffic(client, rule) == (0, 0)
 
 
+def test_connections_that_another_table_leads_to_the_same_place_count_too(router, client):
+    rule = add(client, 1011)
+    router.router.run("nft", "add table ip other; add chain ip other in { type nat hook prerouting priority dstnat; }; "
+                             f"add rule ip other in ip daddr {ROUTER_WAN} udp dport 1011 dnat to {LAN1}:5353; "
+                             f"add rule ip other in ip daddr {ROUTER_WAN} udp dport 1012 dnat to {LAN1}:5353")
+    try:
+        exchange(router, 1011, there=2, back=1)
+        exchange(router, 1012, there=2, back=1)
+    finally:
+        router.router.run("nft", "delete table ip other")
+    assert traffic(client, rule)[0] == 3
+
+
 def test_each_of_many_rules_has_its_own_count(router, client):
     ports = {add(client, port): port for port in range(3000, 4100)}  # more than a page
     for port, count in ((3000, 4), (3500, 2), (4099, 3)):
