@@ -45,14 +45,16 @@ contract::MappingRecord recordOf(std::uint32_t interface, const Id& id, const Po
 /// One page of the list while it is filled.
 class Page {
 public:
-    /// True when there is room for one more mapping.
-    bool hasRoomFor(const PortMap& map) const {
-        return records.empty() || (records.size() < MappingList::pageSize &&
-                                   bytes + map.description.size() <= MappingList::pageBytes);
-    }
-    void add(const contract::MappingRecord& record) {
-        bytes += record.description.size();
-        records.push_back(record.toMessage());
+    using Place = PortMapTable::Entries::const_iterator;
+
+    /// Adds the mappings of an interface from `place` to `end`, as far as there is room. Returns the place of
+    /// the first that found none, else `end`.
+    Place fill(std::uint32_t interface, Place place, Place end) {
+        for (; place != end && hasRoomFor(place->second); ++place) {
+            bytes += place->second.description.size();
+            records.push_back(recordOf(interface, place->first, place->second).toMessage());
+        }
+        return place;
     }
     /// The page as the answer to get-all. Call once.
     tk::message toMessage() {
@@ -62,6 +64,11 @@ public:
     }
 
 private:
+    bool hasRoomFor(const PortMap& map) const {
+        return records.empty() || (records.size() < MappingList::pageSize &&
+                                   bytes + map.description.size() <= MappingList::pageBytes);
+    }
+
     std::vector<tk::message> records;
     std::size_t bytes = 0;  // of the descriptions
 };
@@ -87,16 +94,12 @@ tk::message MappingList::cmdGetAll(const tk::message& request) {
     Page page;
     for (auto seat = seats.lower_bound(seatIn(from)); seat != seats.end(); ++seat) {
         const PortMapTable::Entries& maps = tracking.deviceOf(seat->second)->ipConnection->mappings();
-        auto entry = seat->first == seatIn(from) ? maps.lower_bound(keyIn(from)) : maps.begin();
-        for (; entry != maps.end(); ++entry) {
-            const auto& [id, map] = *entry;
-            if (!page.hasRoomFor(map)) {
-                tk::message reply = page.toMessage();
-                reply.insert_u32(tk::field::next, numberOf(seat->first, id));
-                return reply;
-            }
-            page.add(recordOf(seat->second, id, map));
-        }
+        const auto start = seat->first == seatIn(from) ? maps.lower_bound(keyIn(from)) : maps.begin();
+        const auto left = page.fill(seat->second, start, maps.end());
+        if (left == maps.end()) continue;
+        tk::message reply = page.toMessage();
+        reply.insert_u32(tk::field::next, numberOf(seat->first, left->first));
+        return reply;
     }
     return page.toMessage();
 }

@@ -155,7 +155,7 @@ TEST_F(MappingListTest, NeitherRepeatsNorSkipsWhatStaysWhileMappingsComeAndGo) {
     // Where the second page would start, and on both sides of it.
     const std::vector<Place> listed = walk([this] {
         if (tracking.deviceOf(8)->ipConnection->mappings().contains({1256, 0})) {
-            for (const std::uint32_t port : {1000, 1255, 1256, 1257}) unmap(8, port);
+            for (const std::uint32_t port : {1000U, 1255U, 1256U, 1257U}) unmap(8, port);
             map(8, 10);
             map(8, 1256, "UDP");
         }
@@ -164,7 +164,7 @@ TEST_F(MappingListTest, NeitherRepeatsNorSkipsWhatStaysWhileMappingsComeAndGo) {
 }
 
 TEST_F(MappingListTest, NeitherRepeatsNorSkipsWhatStaysWhileInterfacesComeAndGo) {
-    for (const std::uint32_t interface : {3, 5, 9}) {
+    for (const std::uint32_t interface : {3U, 5U, 9U}) {
         addDevice(interface, Role::external, "198.51.100.1");
         mapAll(interface, 1, 300);
     }

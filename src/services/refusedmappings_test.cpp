@@ -20,7 +20,7 @@ TEST(RefusedMappings, AreNoneAtFirst) {
 
 TEST(RefusedMappings, EqualOnesInARowAreCountedWithTheTimeOfTheLast) {
     RefusedMappings refused;
-    for (const std::uint64_t time : {5, 6, 9}) refused.add(refusalOf(80, time));
+    for (const std::uint64_t time : {5U, 6U, 9U}) refused.add(refusalOf(80, time));
     MappingRefusal expected = refusalOf(80, 9);
     expected.count = 3;
     EXPECT_EQ(refused.all(), std::deque<MappingRefusal>{expected});
@@ -64,7 +64,7 @@ TEST(RefusedMappings, ALongReasonIsCutBetweenTwoCharacters) {
     RefusedMappings refused;
     refused.add(refusalOf(80, 5, std::string(199, 'x') + "\u00e9"));
     EXPECT_EQ(refused.all().front().reason, std::string(199, 'x'));
-    for (const std::uint64_t time : {6, 7}) refused.add(refusalOf(80, time, std::string(300, 'y')));
+    for (const std::uint64_t time : {6U, 7U}) refused.add(refusalOf(80, time, std::string(300, 'y')));
     EXPECT_EQ(refused.all().back().reason, std::string(200, 'y'));
     EXPECT_EQ(refused.all().back().count, 2u) << "compared as it is kept";
 }
