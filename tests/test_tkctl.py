@@ -181,7 +181,7 @@ def test_without_a_daemon_its_commands_fail_at_once(bare_lab):
     done = bare_lab.tkctl("upnp", "get", check=False)
     assert time.monotonic() - began < 2
     assert (done.returncode, done.stdout) == (1, "")
-    assert done.stderr == "tkctl: upnpd does not answer: nobody at this destination\n"
+    assert done.stderr == "tkctl: upnpd does not answer: nobody at this destination; start it: upnpd\n"
     assert bare_lab.query("nat", "list") == []
 
 

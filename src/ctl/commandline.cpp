@@ -10,7 +10,9 @@
 #include <CLI/CLI.hpp>
 
 #include "ctl/commands.h"
+#include "ctl/completion.h"
 #include "ctl/helptext.h"
+#include "ctl/nearestword.h"
 #include "tk/characters.h"
 #include "tk/log.h"
 #include "tk/version.h"
@@ -31,21 +33,6 @@ void addSharedOptions(CLI::App& app, Context& context) {
         ->type_name("FILE")
         ->take_last()
         ->check([](const std::string& path) { return path.empty() ? "expected a FILE" : ""; });
-}
-
-void addAllCommands(CLI::App& app, Context& context) {
-    addInterfaceCommands(app, context);
-    addAddressCommands(app, context);
-    CLI::App& upnp = addGroup(app, context, "upnp", "Settings of UPnP, the interfaces that it serves, and the ports that it maps");
-    addUpnpCommands(upnp, context);
-    addUpnpItemCommands(upnp, context);
-    addUpnpMappingsCommand(upnp, context);
-    addNatCommands(app, context);
-    addHistoryCommands(app, context);
-    addReloadCommand(app, context);
-    CLI::App& bus = addGroup(app, context, "bus", "Messages between the router's programs, for developers");
-    addBusCallCommand(bus, context);
-    addBusTraceCommand(bus, context);
 }
 
 Status fail(std::ostream& errors, const std::string& reason, Status status) {
@@ -70,16 +57,75 @@ std::string commandsUnder(const CLI::App& word) {
 }
 
 std::string usageHint(const CLI::App& command) {
+    const std::string usage = usageOf(command);
+    const bool takesArguments = usage != wordsOf(command);
     const std::string& example = command.get_footer();
-    return "; usage: " + usageOf(command) + (example.empty() ? "" : "; " + example) + hint;
+    return "; usage: " + usage + (takesArguments && !example.empty() ? "; " + example : "") + hint;
+}
+
+std::string suggestion(const std::string& word) {
+    return "; did you mean '" + word + "'?" + hint;
+}
+
+std::string unknownOption(const CLI::App& word, const std::string& text) {
+    std::vector<std::string> options;
+    for (const CLI::Option* option : word.get_options())
+        for (const std::string& name : option->get_lnames()) options.push_back("--" + name);
+    const std::string nearest = nearestWord(text, options);
+    return "unknown option '" + text + '\'' + (nearest.empty() ? hint : suggestion(nearest));
+}
+
+std::string unknownCommand(const CLI::App& word, const std::string& text) {
+    std::vector<std::string> names;
+    for (const CLI::App* command : word.get_subcommands({})) names.push_back(command->get_name());
+    const std::string nearest = nearestWord(text, names);
+    return "unknown command '" + text + '\'' +
+           (nearest.empty() ? "; there are: " + commandsUnder(word) + hint : suggestion(nearest));
 }
 
 /// What is wrong with a word that nothing accepts.
 std::string unexpected(const CLI::App& word, const std::string& text) {
-    if (text.starts_with('-') && text != "-") return "unknown option '" + text + '\'' + hint;
-    const std::string names = commandsUnder(word);
-    if (names.empty()) return "unexpected argument '" + text + '\'' + usageHint(word);
-    return "unknown command '" + text + "'; there are: " + names + hint;
+    if (text.starts_with('-') && text != "-") return unknownOption(word, text);
+    if (commandsUnder(word).empty()) return "unexpected argument '" + text + '\'' + usageHint(word);
+    return unknownCommand(word, text);
+}
+
+/// Prints the help of the command that the words lead to.
+void tellOf(const CLI::App& app, Context& context, const std::vector<std::string>& words) {
+    const CLI::App* command = &app;
+    for (const std::string& word : words) {
+        const CLI::App* next = commandBelow(*command, word);
+        if (!next) throw misuse(unexpected(*command, word));
+        command = next;
+    }
+    context.out << helpOf(*command);
+}
+
+void addHelpCommand(CLI::App& app, Context& context) {
+    const auto words = std::make_shared<std::vector<std::string>>();
+    CLI::App& command = addCommand(app, context, "help", "Tell about a command, as --help does",
+                                   [&app, &context, words] { tellOf(app, context, *words); });
+    addExample(command, "upnp set");
+    command.add_option("command", *words, "The words of the command")->type_name("COMMAND");
+}
+
+void addAllCommands(CLI::App& app, Context& context) {
+    addStatusCommand(app, context);
+    addWatchCommand(app, context);
+    addInterfaceCommands(app, context);
+    addAddressCommands(app, context);
+    CLI::App& upnp =
+        addGroup(app, context, "upnp", "Settings of UPnP, the interfaces that it serves, and the ports that it maps");
+    addUpnpCommands(upnp, context);
+    addUpnpItemCommands(upnp, context);
+    addUpnpMappingsCommand(upnp, context);
+    addNatCommands(app, context);
+    addHistoryCommands(app, context);
+    addReloadCommand(app, context);
+    CLI::App& bus = addGroup(app, context, "bus", "Messages between the router's programs, for developers");
+    addBusCallCommand(bus, context);
+    addBusTraceCommand(bus, context);
+    addHelpCommand(app, context);
 }
 
 /// The argument that a command lacks.
@@ -136,7 +182,7 @@ CLI::App& addCommand(CLI::App& parent, Context& context, const std::string& name
 }
 
 void addExample(CLI::App& command, const std::string& arguments) {
-    command.footer("for example: " + wordsOf(command) + ' ' + arguments);
+    command.footer("for example: " + wordsOf(command) + (arguments.empty() ? "" : ' ' + arguments));
 }
 
 Status runCommandLine(std::vector<std::string> arguments, Context& context, std::ostream& errors) {
@@ -148,6 +194,11 @@ Status runCommandLine(std::vector<std::string> arguments, Context& context, std:
     addSharedOptions(app, context);
     addAllCommands(app, context);
     app.footer("tkctl COMMAND --help tells more about a command.");
+    if (!arguments.empty() && arguments.front() == completionWord) {
+        arguments.erase(arguments.begin());
+        complete(app, context, std::move(arguments));
+        return finish(context, errors);
+    }
     try {
         std::reverse(arguments.begin(), arguments.end());  // the parser takes them from the end
         app.parse(std::move(arguments));

@@ -10,6 +10,7 @@
 
 #include "contract/programs.h"
 #include "ctl/fieldspec.h"
+#include "ctl/startadvice.h"
 #include "tk/names.h"
 #include "tk/testing/scriptedbus.h"
 
@@ -423,15 +424,135 @@ TEST_F(CommandLineTest, AMissingCommandIsAnsweredWithTheKnownOnes) {
     EXPECT_EQ(errors.str(), "tkctl: expected one of: list, add, set, remove (--help tells more)\n");
 }
 
+TEST_F(CommandLineTest, AnUnknownWordIsAnsweredWithTheKnownOnes) {
+    EXPECT_EQ(run({"zzzzzz", "list"}), Status::misuse);
+    EXPECT_EQ(errors.str().substr(0, 61), "tkctl: unknown command 'zzzzzz'; there are: status, watch, in");
+}
+
+TEST_F(CommandLineTest, ASlipOfTheFingerIsAnsweredWithTheNearestWord) {
+    EXPECT_EQ(run({"upnp", "interfcae", "list"}), Status::misuse);
+    EXPECT_EQ(run({"stauts"}), Status::misuse);
+    EXPECT_EQ(run({"nat", "list", "--jsno"}), Status::misuse);
+    EXPECT_EQ(errors.str(),
+              "tkctl: unknown command 'interfcae'; did you mean 'interface'? (--help tells more)\n"
+              "tkctl: unknown command 'stauts'; did you mean 'status'? (--help tells more)\n"
+              "tkctl: unknown option '--jsno'; did you mean '--json'? (--help tells more)\n");
+}
+
+/// The words that may follow others, as completion offers them.
+struct CompletionTest : CommandLineTest {
+    std::vector<std::string> offered(std::vector<std::string> words) {
+        words.insert(words.begin(), "__complete");
+        out.str("");
+        EXPECT_EQ(run(words), Status::done) << errors.str();
+        std::vector<std::string> found;
+        std::istringstream lines(out.str());
+        for (std::string line; std::getline(lines, line);) found.push_back(line.substr(0, line.find('\t')));
+        return found;
+    }
+    using Words = std::vector<std::string>;
+};
+
+TEST_F(CompletionTest, OffersTheWordsOfAGroup) {
+    EXPECT_EQ(offered({"upnp", "interface", ""}), (Words{"list", "add", "set", "remove"}));
+    EXPECT_EQ(offered({"upnp", "interface", "l"}), Words{"list"});
+    EXPECT_EQ(offered({"st"}), Words{"status"});
+    EXPECT_EQ(offered({"--json", "st"}), Words{"status"});
+    EXPECT_EQ(offered({"help", "upnp", "s"}), Words{"set"});
+}
+
+TEST_F(CompletionTest, OffersOptionsOnceADashIsTyped) {
+    EXPECT_EQ(offered({"upnp", "interface", "add", "--"}),
+              (Words{"--help", "--json", "--socket", "--force"}));
+    EXPECT_EQ(offered({"upnp", "interface", "add", "--f"}), Words{"--force"});
+}
+
+TEST_F(CompletionTest, OffersTheRoutersInterfaces) {
+    EXPECT_EQ(offered({"upnp", "interface", "add", ""}), (Words{"lan0", "list"}));
+    EXPECT_EQ(offered({"upnp", "interface", "add", "--force", "la"}), Words{"lan0"});
+    EXPECT_EQ(offered({"upnp", "interface", "set", "4", "interface="}),
+              (Words{"interface=lan0", "interface=list"}));
+}
+
+TEST_F(CompletionTest, OffersWhatAnArgumentCanBe) {
+    EXPECT_EQ(offered({"upnp", "interface", "add", "lan0", ""}), (Words{"internal", "external"}));
+    EXPECT_EQ(offered({"upnp", "interface", "add", "lan0", "internal", ""}),
+              (Words{"disabled=yes", "disabled=no"}));
+    EXPECT_EQ(offered({"upnp", "set", "enabled=yes", "show-dummy-rule=n"}), Words{"show-dummy-rule=no"});
+    EXPECT_EQ(offered({"nat", "test", "198.51.100.1", "80", ""}), (Words{"tcp", "udp"}));
+}
+
+TEST_F(CompletionTest, OffersNothingWhereNothingIsKnown) {
+    EXPECT_EQ(offered({"bus", "call", ""}), Words{});
+    EXPECT_EQ(offered({"nonsense", ""}), Words{});
+    EXPECT_EQ(offered({"nat", "list", ""}), Words{});
+    EXPECT_EQ(offered({"upnp", "--socket", ""}), Words{});
+}
+
+TEST_F(CompletionTest, SaysWhatACommandDoes) {
+    EXPECT_EQ(run({"__complete", "upnp", "g"}), Status::done);
+    EXPECT_EQ(out.str(), "get\tShow the settings\n");
+}
+
+TEST_F(CompletionTest, FailsSilentlyWithoutARouter) {
+    std::ostringstream printed;
+    Context lonely(printed);
+    EXPECT_EQ(runCommandLine({"__complete", "--socket", "/nowhere/bus", "upnp", "interface", "add", ""},
+                             lonely, errors),
+              Status::done);
+    EXPECT_EQ(printed.str() + errors.str(), "");
+}
+
+TEST_F(CompletionTest, EveryCommandHasAnExampleInItsHelp) {
+    std::vector<Words> left{{}};
+    std::size_t commands = 0;
+    while (!left.empty()) {
+        Words words = left.back();
+        left.pop_back();
+        words.push_back("");
+        const Words below = offered(words);
+        words.pop_back();
+        out.str("");
+        Words help = words;
+        help.push_back("--help");
+        ASSERT_EQ(run(help), Status::done) << errors.str();
+        const std::string text = out.str();
+        if (text.find(" COMMAND [OPTIONS]") != std::string::npos) {
+            for (const std::string& word : below) {
+                left.push_back(words);
+                left.back().push_back(word);
+            }
+            continue;
+        }
+        ++commands;
+        std::string called = "tkctl";
+        for (const std::string& word : words) called += ' ' + word;
+        EXPECT_NE(text.find("\nfor example: " + called), std::string::npos) << text;
+    }
+    EXPECT_GE(commands, 16U);
+}
+
+TEST_F(CommandLineTest, HelpTellsOfACommand) {
+    const std::string asked = print({"upnp", "set", "--help"});
+    out.str("");
+    EXPECT_EQ(print({"help", "upnp", "set"}), asked);
+    out.str("");
+    EXPECT_EQ(print({"help"}), [this] {
+        std::ostringstream whole;
+        Context context(whole, &bus);
+        (void)runCommandLine({"--help"}, context, errors);
+        return whole.str();
+    }());
+    EXPECT_EQ(run({"help", "upnp", "sett"}), Status::misuse);
+    EXPECT_EQ(errors.str(), "tkctl: unknown command 'sett'; did you mean 'set'? (--help tells more)\n");
+}
+
 struct Slip {
     const char* name;
     std::vector<std::string> arguments;
     const char* reason;
 };
 const Slip slips[] = {
-    {"UnknownGroup",
-     {"nosuch", "list"},
-     "unknown command 'nosuch'; there are: interface, address, upnp, nat, history, reload, bus"},
     {"UnknownCommand", {"nat", "nosuch"}, "unknown command 'nosuch'; there are: list, test"},
     {"UnknownCommandWithHelp",
      {"nat", "nosuch", "--help"},
@@ -521,7 +642,8 @@ TEST(CommandLine, SaysWhereRouterdWasLookedFor) {
     Context context(out);
     EXPECT_EQ(runCommandLine({"--socket", "/nowhere/bus", "interface", "list"}, context, errors),
               Status::failed);
-    EXPECT_EQ(errors.str(), "tkctl: cannot reach routerd at /nowhere/bus: No such file or directory\n");
+    EXPECT_EQ(errors.str(), "tkctl: cannot reach routerd at /nowhere/bus: it is not running; " +
+                                startAdvice("routerd") + "\n");
 }
 
 TEST(CommandLine, TheLastSocketCounts) {
@@ -532,7 +654,8 @@ TEST(CommandLine, TheLastSocketCounts) {
                   {"--socket", "/a", "nat", "--socket", "/b", "list", "--socket", "/c", "--socket", "/d"},
                   context, errors),
               Status::failed);
-    EXPECT_EQ(errors.str(), "tkctl: cannot reach routerd at /d: No such file or directory\n");
+    EXPECT_EQ(errors.str(),
+              "tkctl: cannot reach routerd at /d: it is not running; " + startAdvice("routerd") + "\n");
 }
 
 }  // namespace

@@ -11,6 +11,10 @@ class Context;
 
 // Each function adds its commands below a word. The context outlives the parser.
 
+/// Adds "status".
+void addStatusCommand(CLI::App& app, Context& context);
+/// Adds "watch".
+void addWatchCommand(CLI::App& app, Context& context);
 /// Adds "interface list".
 void addInterfaceCommands(CLI::App& app, Context& context);
 /// Adds "address list".

@@ -74,8 +74,10 @@ void listAddresses(Context& context) {
 
 void addAddressCommands(CLI::App& app, Context& context) {
     CLI::App& group = addGroup(app, context, "address", "The router's IPv4 addresses");
-    addCommand(group, context, "list", "List the IPv4 addresses and the interfaces that hold them",
-               [&context] { listAddresses(context); });
+    CLI::App& list =
+        addCommand(group, context, "list", "List the IPv4 addresses and the interfaces that hold them",
+                   [&context] { listAddresses(context); });
+    addExample(list, "--json");
 }
 
 }  // namespace ctl

@@ -102,9 +102,10 @@ void Tracer::end(const std::string& reason) {
 }  // namespace
 
 void addBusTraceCommand(CLI::App& bus, Context& context) {
-    addCommand(bus, context, "trace",
-               "Print each message that passes the hub, one per line, until interrupted",
-               [&context] { Tracer(context.json).run(context.socketPath); });
+    CLI::App& trace = addCommand(bus, context, "trace",
+                                 "Print each message that passes the hub, one per line, until interrupted",
+                                 [&context] { Tracer(context.json).run(context.socketPath); });
+    addExample(trace, "--json");
 }
 
 }  // namespace ctl

@@ -45,8 +45,12 @@ void undoLast(Context& context) {
 void addHistoryCommands(CLI::App& app, Context& context) {
     CLI::App& group =
         addGroup(app, context, "history", "The changes of the configuration that can be undone");
-    addCommand(group, context, "list", "List the recorded changes", [&context] { listHistory(context); });
-    addCommand(group, context, "undo", "Undo the last recorded change", [&context] { undoLast(context); });
+    CLI::App& list =
+        addCommand(group, context, "list", "List the recorded changes", [&context] { listHistory(context); });
+    addExample(list, "--json");
+    CLI::App& undo = addCommand(group, context, "undo", "Undo the last recorded change",
+                                [&context] { undoLast(context); });
+    addExample(undo, "");
 }
 
 }  // namespace ctl

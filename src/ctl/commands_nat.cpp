@@ -137,8 +137,10 @@ void addTest(CLI::App& group, Context& context) {
 
 void addNatCommands(CLI::App& app, Context& context) {
     CLI::App& group = addGroup(app, context, "nat", "The router's destination NAT rules");
-    addCommand(group, context, "list", "List the rules that lead connections from outside to hosts inside",
-               [&context] { listRules(context); });
+    CLI::App& list = addCommand(group, context, "list",
+                                "List the rules that lead connections from outside to hosts inside",
+                                [&context] { listRules(context); });
+    addExample(list, "--json");
     addTest(group, context);
 }
 

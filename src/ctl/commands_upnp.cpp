@@ -63,7 +63,9 @@ void setSettings(Context& context, const std::vector<std::string>& arguments) {
 }  // namespace
 
 void addUpnpCommands(CLI::App& upnp, Context& context) {
-    addCommand(upnp, context, "get", "Show the settings", [&context] { getSettings(context); });
+    CLI::App& get =
+        addCommand(upnp, context, "get", "Show the settings", [&context] { getSettings(context); });
+    addExample(get, "--json");
 
     const auto arguments = std::make_shared<std::vector<std::string>>();
     CLI::App& set = addCommand(upnp, context, "set", "Change settings; the others stay unchanged",

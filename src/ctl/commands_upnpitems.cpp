@@ -216,8 +216,9 @@ void addRemoveCommand(CLI::App& group, Context& context) {
 void addUpnpItemCommands(CLI::App& upnp, Context& context) {
     CLI::App& group =
         addGroup(upnp, context, "interface", "The interfaces that UPnP serves, and their sides");
-    addCommand(group, context, "list", "List the interfaces that have a role",
-               [&context] { listItems(context); });
+    CLI::App& list = addCommand(group, context, "list", "List the interfaces that have a role",
+                                [&context] { listItems(context); });
+    addExample(list, "--json");
     addAddCommand(group, context);
     addSetCommand(group, context);
     addRemoveCommand(group, context);

@@ -42,6 +42,16 @@ std::string usageOf(const CLI::App& command) {
     return command.get_subcommands({}).empty() ? text : text + " COMMAND";
 }
 
+const CLI::App* commandBelow(const CLI::App& word, const std::string& name) {
+    for (const CLI::App* command : word.get_subcommands({}))
+        if (command->get_name() == name) return command;
+    return nullptr;
+}
+
+std::string helpOf(const CLI::App& command) {
+    return command.get_formatter()->make_help(&command, "", CLI::AppFormatMode::Normal);
+}
+
 std::string HelpText::make_usage(const CLI::App* app, std::string) const {
     return "\nUsage: " + usageOf(*app) + " [OPTIONS]\n";
 }

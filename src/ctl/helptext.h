@@ -14,6 +14,12 @@ namespace ctl {
 /// commands is followed by COMMAND.
 [[nodiscard]] std::string usageOf(const CLI::App& command);
 
+/// The command, or the group of commands, with a name right below a word; null when there is none.
+[[nodiscard]] const CLI::App* commandBelow(const CLI::App& word, const std::string& name);
+
+/// The text of --help of a command, whichever command was given.
+[[nodiscard]] std::string helpOf(const CLI::App& command);
+
 /// The text of --help. Arguments are named as in the usage, and all commands below a word are in one list.
 class HelpText final : public CLI::Formatter {
 public:

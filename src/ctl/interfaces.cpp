@@ -76,8 +76,10 @@ std::string interfaceName(const std::vector<Interface>& interfaces, std::uint32_
 
 void addInterfaceCommands(CLI::App& app, Context& context) {
     CLI::App& group = addGroup(app, context, "interface", "The router's network interfaces");
-    addCommand(group, context, "list", "List the network interfaces that can be given a role",
-               [&context] { listInterfaces(context); });
+    CLI::App& list =
+        addCommand(group, context, "list", "List the network interfaces that can be given a role",
+                   [&context] { listInterfaces(context); });
+    addExample(list, "--json");
 }
 
 }  // namespace ctl

@@ -5,6 +5,7 @@
 
 #include "contract/programs.h"
 #include "ctl/failure.h"
+#include "ctl/startadvice.h"
 #include "ctl/text.h"
 #include "tk/names.h"
 
@@ -15,15 +16,17 @@ std::string reasonOf(const tk::message& error, const tk::Path& asked) {
     std::string text;
     (void)tk::isError(error, &code, &text);  // the caller knows that it is an error
     if (text.empty()) text = "refused with error " + hexText(code);
-    const bool isAnswer = code != tk::error::unreachable && code != tk::error::timedOut;
-    if (isAnswer || asked.empty()) return text;
-    return (asked.front() == contract::program::gateway ? "upnpd" : "routerd") +
-           (" does not answer: " + text);
+    if (asked.empty()) return text;
+    const std::string program = asked.front() == contract::program::gateway ? "upnpd" : "routerd";
+    const std::string reason = program + " does not answer: " + text;
+    if (code == tk::error::unreachable) return reason + "; " + startAdvice(program);
+    if (code == tk::error::timedOut) return reason + "; " + restartAdvice(program);
+    return text;
 }
 
 Connection::Connection(const std::string& socketPath, tk::BusConnection::Receiver* receiver) {
     auto opened = tk::BusConnection::open(socketPath, events, receiver);
-    if (!opened.isOk()) throw Failure("cannot reach routerd at " + socketPath + ": " + opened.reason());
+    if (!opened.isOk()) throw Failure(unreachableBus(socketPath, static_cast<int>(opened.status().code())));
     connection = opened.take();
 }
 

@@ -44,14 +44,23 @@ private:
 class Session {
 public:
     /// Lifetime: the bus outlives the session.
-    explicit Session(tk::Bus& bus) : bus(bus) {}
+    /// Units: `timeout`, for requests that name none, is in milliseconds.
+    explicit Session(tk::Bus& bus, std::uint32_t timeout = requestTimeout)
+        : bus(bus), usualTimeout(timeout) {}
+
+    /// A session over the same bus with another time-out.
+    [[nodiscard]] Session waiting(std::uint32_t timeout) const { return Session(bus, timeout); }
 
     /// Sends `fields` with `command` to `path`, the destination first, and waits for the end of the request.
     /// Returns the reply or error with its routing fields.
     /// Units: `timeout` is in milliseconds.
+    [[nodiscard]] tk::message exchange(const tk::Path& path, std::uint32_t command, const tk::message& fields,
+                                       std::uint32_t timeout);
+    /// The same with the session's time-out.
     [[nodiscard]] tk::message exchange(const tk::Path& path, std::uint32_t command,
-                                       const tk::message& fields = {},
-                                       std::uint32_t timeout = requestTimeout);
+                                       const tk::message& fields = {}) {
+        return exchange(path, command, fields, usualTimeout);
+    }
 
     /// The same for commands that need a reply.
     /// Errors: throws Failure with the error's text.
@@ -63,6 +72,7 @@ public:
 
 private:
     tk::Bus& bus;
+    std::uint32_t usualTimeout;
 };
 
 }  // namespace ctl

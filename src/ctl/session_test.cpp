@@ -4,6 +4,7 @@
 
 #include "contract/programs.h"
 #include "ctl/failure.h"
+#include "ctl/startadvice.h"
 #include "tk/names.h"
 #include "tk/testing/scriptedbus.h"
 
@@ -95,8 +96,9 @@ TEST_F(SessionTest, AProgramThatDoesNotAnswerIsNamed) {
     bus.answer(contract::path::gateway(), 5,
                tk::errorMsg(tk::error::unreachable, "nobody at this destination"));
     bus.answer(service, 5, tk::errorMsg(tk::error::timedOut, "timed out"));
-    EXPECT_EQ(failureOf(contract::path::gateway()), "upnpd does not answer: nobody at this destination");
-    EXPECT_EQ(failureOf(service), "routerd does not answer: timed out");
+    EXPECT_EQ(failureOf(contract::path::gateway()),
+              "upnpd does not answer: nobody at this destination; " + startAdvice("upnpd"));
+    EXPECT_EQ(failureOf(service), "routerd does not answer: timed out; " + restartAdvice("routerd"));
 }
 
 TEST_F(SessionTest, ARefusalWithoutTextTellsTheCode) {

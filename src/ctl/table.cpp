@@ -44,30 +44,57 @@ void Table::append(Row cells) {
     rows.push_back(std::move(cells));
 }
 
-bool Table::isText(std::size_t column) const {
-    return std::any_of(rows.begin() + 1, rows.end(), [&](const Row& row) { return !isFigure(row[column]); });
+void Table::keepWhole(const std::string& heading) {
+    whole.insert(heading);
 }
 
-std::vector<std::size_t> Table::fittingWidths(std::size_t limit) const {
-    std::vector<std::size_t> fitting = widths;
-    const auto shorten = [&](bool texts, std::size_t shortest) {
-        while (totalWidth(fitting) > limit) {
+void Table::dropToFit(const Terminal& terminal, std::initializer_list<std::string_view> headings) {
+    for (const std::string_view heading : headings) {
+        if (terminal.width == 0 || !shortenedTo(terminal.width).isFiguresToo) return;
+        const Row& names = rows.front();
+        const auto found = std::find(names.begin(), names.end(), heading);
+        if (found != names.end()) drop(static_cast<std::size_t>(found - names.begin()));
+    }
+}
+
+void Table::drop(std::size_t column) {
+    const auto place = static_cast<std::ptrdiff_t>(column);
+    for (Row& row : rows) row.erase(row.begin() + place);
+    widths.erase(widths.begin() + place);
+}
+
+Table::Kind Table::kindOf(std::size_t column) const {
+    if (whole.contains(rows.front()[column])) return Kind::whole;
+    const bool isText =
+        std::any_of(rows.begin() + 1, rows.end(), [&](const Row& row) { return !isFigure(row[column]); });
+    return isText ? Kind::text : Kind::figure;
+}
+
+Table::Shortening Table::shortenedTo(std::size_t limit) const {
+    std::vector<Kind> kinds;
+    for (std::size_t column = 0; column < widths.size(); ++column) kinds.push_back(kindOf(column));
+    Shortening fitting{widths, false};
+    const auto shorten = [&](Kind kind, std::size_t shortest) {
+        while (totalWidth(fitting.widths) > limit) {
             std::size_t* widest = nullptr;
-            for (std::size_t column = 0; column < fitting.size(); ++column)
-                if (isText(column) == texts && fitting[column] > shortest &&
-                    (!widest || fitting[column] > *widest))
-                    widest = &fitting[column];
+            for (std::size_t column = 0; column < kinds.size(); ++column) {
+                std::size_t& width = fitting.widths[column];
+                if (kinds[column] == kind && width > shortest && (!widest || width > *widest))
+                    widest = &width;
+            }
             if (!widest) return;
             --*widest;
         }
     };
-    shorten(/*texts=*/true, shortestText);
-    shorten(/*texts=*/false, shortestFigure);
+    shorten(Kind::text, shortestText);
+    fitting.isFiguresToo = totalWidth(fitting.widths) > limit;
+    shorten(Kind::figure, shortestFigure);
     return fitting;
 }
 
 std::vector<Line> Table::linesWithin(const Terminal& terminal) const {
-    const std::vector<std::size_t> fitting = terminal.width == 0 ? widths : fittingWidths(terminal.width);
+    const std::vector<std::size_t> fitting =
+        terminal.width == 0 ? widths : shortenedTo(terminal.width).widths;
     std::vector<Line> lines;
     for (const Row& row : rows) {
         std::string text;

@@ -1,7 +1,11 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
+#include <initializer_list>
+#include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "ctl/terminal.h"
@@ -20,6 +24,16 @@ public:
     /// Appends a row of as many cells as there are headings. An empty cell is shown as "-".
     void add(Row cells);
 
+    /// Never shortens the column with a heading.
+    void keepWhole(const std::string& heading);
+
+    /// Removes the columns with the headings, one after another, until the rest fits the terminal when only
+    /// texts are shortened.
+    void dropToFit(const Terminal& terminal, std::initializer_list<std::string_view> headings);
+
+    /// How many rows there are below the headings.
+    std::size_t rowCount() const { return rows.size() - 1; }
+
     /// The whole table, with an end to each line.
     [[nodiscard]] std::string text() const { return textWithin(Terminal{}); }
     /// The same for a reader. Where it is wider than a terminal, the widest columns are shortened: those of
@@ -30,12 +44,19 @@ public:
 
 private:
     void append(Row cells);
-    /// The columns' widths on a terminal.
-    [[nodiscard]] std::vector<std::size_t> fittingWidths(std::size_t limit) const;
-    [[nodiscard]] bool isText(std::size_t column) const;
+    enum class Kind { text, figure, whole };
+    [[nodiscard]] Kind kindOf(std::size_t column) const;
+    /// The columns' widths when texts are shortened, and figures too if that is not enough.
+    struct Shortening {
+        std::vector<std::size_t> widths;
+        bool isFiguresToo = false;
+    };
+    [[nodiscard]] Shortening shortenedTo(std::size_t limit) const;
+    void drop(std::size_t column);
 
     std::vector<Row> rows;
     std::vector<std::size_t> widths;
+    std::set<std::string, std::less<>> whole;  // headings
 };
 
 }  // namespace ctl

@@ -71,6 +71,26 @@ TEST_F(NarrowTable, IsAtLeastReadable) {
               "1   192…  a long …\n");
 }
 
+TEST_F(NarrowTable, KeepsAColumnWholeThatIsToStay) {
+    table.keepWhole("DESCRIPTION");
+    EXPECT_EQ(within(36),
+              "ID  TO    DESCRIPTION\n"
+              "1   192…  a long description of it all\n");
+}
+
+TEST_F(NarrowTable, DropsColumnsUntilTheRestFits) {
+    terminal.width = 29;
+    table.dropToFit(terminal, {"ID", "TO"});
+    EXPECT_EQ(within(29),
+              "ID  TO               DESCRIP…\n"
+              "1   192.0.2.1:65535  a long …\n");
+    terminal.width = 28;
+    table.dropToFit(terminal, {"ID", "TO"});
+    EXPECT_EQ(within(28),
+              "TO               DESCRIPTION\n"
+              "192.0.2.1:65535  a long des…\n");
+}
+
 TEST_F(NarrowTable, EndsACutTextInAsciiWhereTheLocaleIsNoUnicode) {
     terminal.isUnicode = false;
     EXPECT_EQ(within(32),

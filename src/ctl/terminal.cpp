@@ -52,7 +52,8 @@ Terminal Terminal::of(int descriptor, const Variable& variable) {
     terminal.isTerminal = ::isatty(descriptor) == 1;
     if (!terminal.isTerminal) return terminal;
     const std::string_view kind = valueOf(variable, "TERM");
-    terminal.hasColours = !kind.empty() && kind != "dumb" && valueOf(variable, "NO_COLOR").empty();
+    terminal.hasCursor = !kind.empty() && kind != "dumb";
+    terminal.hasColours = terminal.hasCursor && valueOf(variable, "NO_COLOR").empty();
     winsize size{};
     if (::ioctl(descriptor, TIOCGWINSZ, &size) != 0) size = {};
     terminal.width = sizeOf(size.ws_col, valueOf(variable, "COLUMNS"), usualWidth);

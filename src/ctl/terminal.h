@@ -30,6 +30,8 @@ struct Terminal {
 
     /// True when people read it.
     bool isTerminal = false;
+    /// True when it is a terminal whose cursor can be moved.
+    bool hasCursor = false;
     /// True when colours may be used: only on a terminal, and never with NO_COLOR or TERM=dumb.
     bool hasColours = false;
     /// True when the locale is one of UTF-8.

@@ -60,8 +60,10 @@ TEST_F(TerminalTest, HasColoursUnlessSomebodySaysNo) {
     EXPECT_TRUE(seen(slave.get()).hasColours) << "an empty NO_COLOR says nothing";
     variables["NO_COLOR"] = "1";
     EXPECT_FALSE(seen(slave.get()).hasColours);
+    EXPECT_TRUE(seen(slave.get()).hasCursor);
     variables = {{"TERM", "dumb"}};
     EXPECT_FALSE(seen(slave.get()).hasColours);
+    EXPECT_FALSE(seen(slave.get()).hasCursor);
     variables = {};
     EXPECT_FALSE(seen(slave.get()).hasColours);
 }

@@ -1,0 +1,137 @@
+#include "ctl/overview.h"
+
+#include <pwd.h>
+
+#include <algorithm>
+
+#include "contract/addresses.h"
+#include "contract/ports.h"
+#include "contract/programs.h"
+#include "ctl/failure.h"
+#include "ctl/interfaces.h"
+#include "net/convert.h"
+#include "tk/names.h"
+
+namespace ctl {
+
+namespace {
+
+using contract::Role;
+
+/// Nobody waits longer than this to see that something hangs.
+/// Units: milliseconds.
+constexpr std::uint32_t patience = 3000;
+
+/// The programs on the bus.
+/// Errors: none when the router does not know the question; throws Failure when it does not answer.
+std::optional<std::vector<RunningProgram>> readPrograms(Session& session) {
+    const tk::message end = session.exchange(contract::path::hub(), tk::command::hubPrograms, {}, patience);
+    std::uint32_t code = 0;
+    if (tk::isError(end, &code) && code == tk::error::noSuchCommand) return std::nullopt;
+    if (tk::isError(end)) throw Failure(reasonOf(end, contract::path::hub()));
+    std::vector<RunningProgram> programs;
+    for (const tk::message& record : end.get_message_array(tk::field::objects))
+        programs.push_back({record.get_u32(tk::hubfield::number), record.get_u32(tk::hubfield::pid),
+                            record.get_u32(tk::hubfield::uid)});
+    return programs;
+}
+
+bool isThere(const std::vector<RunningProgram>& programs, std::uint32_t number) {
+    return std::any_of(programs.begin(), programs.end(),
+                       [&](const RunningProgram& program) { return program.number == number; });
+}
+
+/// Which side an interface is on; neither when the router does not tell.
+contract::SideReply sideOf(Session& session, std::uint32_t interface) {
+    tk::message question;
+    question.insert_u32(contract::sidefield::interface, interface);
+    const tk::message reply = session.exchange(contract::path::interfaces(), contract::tellSide, question);
+    return tk::isError(reply) ? contract::SideReply{} : contract::SideReply::fromMessage(reply);
+}
+
+/// The interfaces with a role, as the daemon has them.
+std::vector<ServedInterface> readItems(Session& session) {
+    std::vector<ServedInterface> served;
+    for (const tk::message& record : session.list(contract::path::gateway())) {
+        const auto item = contract::RoleItem::fromMessage(record, {});
+        ServedInterface entry;
+        entry.item = record.get_u32(tk::field::objectId);
+        entry.interface = item.interface;
+        entry.role = item.type;
+        entry.isDisabled = item.disabled;
+        served.push_back(std::move(entry));
+    }
+    return served;
+}
+
+/// What the router knows of the interfaces with a role.
+void describe(Session& session, std::vector<ServedInterface>& served) {
+    const std::vector<Interface> interfaces = readInterfaces(session);
+    const std::vector<tk::message> addresses = session.list(contract::path::addresses());
+    for (ServedInterface& entry : served) {
+        for (const Interface& candidate : interfaces)
+            if (candidate.id == entry.interface) {
+                entry.name = candidate.name;
+                entry.isRunning = candidate.running;
+            }
+        for (const tk::message& record : addresses) {
+            const auto address = contract::AddressRecord::fromMessage(record);
+            if (address.interface == entry.interface && address.address && !address.disabled)
+                entry.addresses.push_back(*address.address);
+        }
+        if (!entry.name.empty()) entry.side = sideOf(session, entry.interface);
+    }
+}
+
+/// Asks the daemon, as far as it answers.
+void askGateway(Session& session, Overview& overview) {
+    try {
+        overview.settings =
+            contract::Settings::fromMessage(session.request(contract::path::gateway(), tk::command::get), {});
+        overview.served = readItems(session);
+        overview.mappings = mappingsOf(session);
+        overview.refusals = refusalsOf(session);
+    } catch (const Failure& failure) {
+        overview.gatewayFailure = failure.what();
+    }
+}
+
+}  // namespace
+
+Overview readOverview(Session& patientSession) {
+    Session session = patientSession.waiting(patience);
+    Overview overview;
+    overview.programs = readPrograms(session);
+    overview.isGatewayThere = !overview.programs || isThere(*overview.programs, contract::program::gateway);
+    if (overview.isGatewayThere) askGateway(session, overview);
+    describe(session, overview.served);
+    return overview;
+}
+
+std::vector<const ServedInterface*> inForce(const Overview& overview, Role role) {
+    std::vector<const ServedInterface*> found;
+    if (!overview.settings || !overview.settings->enabled) return found;
+    for (const ServedInterface& entry : overview.served)
+        if (entry.role == role && !entry.isDisabled && entry.isRunning && !entry.addresses.empty())
+            found.push_back(&entry);
+    return found;
+}
+
+std::string descriptionUrl(std::uint32_t address) {
+    return "http://" + gateway::ipToString(address) + ':' + std::to_string(contract::httpPort) +
+           "/gateway.xml";
+}
+
+std::string programName(std::uint32_t number) {
+    if (number == contract::program::network) return "routerd";
+    if (number == contract::program::gateway) return "upnpd";
+    if (number == contract::program::resolver) return "resolverd";
+    return "program " + std::to_string(number);
+}
+
+std::string userName(std::uint32_t uid) {
+    const passwd* user = ::getpwuid(uid);
+    return user ? user->pw_name : std::to_string(uid);
+}
+
+}  // namespace ctl

@@ -1,0 +1,104 @@
+// What is wrong, as far as an overview shows it.
+
+#include "ctl/overview.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+
+#include "contract/programs.h"
+#include "net/convert.h"
+
+namespace ctl {
+
+namespace {
+
+using contract::Role;
+
+/// A network whose addresses do not reach the router from the Internet.
+/// Byte order: host.
+struct InnerNetwork {
+    std::uint32_t first;
+    unsigned prefix;
+    const char* kind;
+};
+
+constexpr InnerNetwork innerNetworks[] = {
+    {0x0A000000, 8, "private"}, {0xAC100000, 12, "private"},    {0xC0A80000, 16, "private"},
+    {0x64400000, 10, "shared"}, {0xA9FE0000, 16, "link-local"},
+};
+
+/// What kind of address that the Internet does not reach; null for any other.
+const char* innerKind(std::uint32_t address) {
+    for (const InnerNetwork& network : innerNetworks)
+        if ((ntohl(address) ^ network.first) >> (32 - network.prefix) == 0) return network.kind;
+    return nullptr;
+}
+
+std::string roleText(const ServedInterface& entry) {
+    return entry.role == Role::internal ? "internal" : "external";
+}
+
+/// Why clients that ask for the outer address learn one that nobody reaches from outside; empty when they do
+/// not.
+std::string innerAddressOf(const ServedInterface& entry) {
+    if (entry.role != Role::external || entry.addresses.empty()) return {};
+    for (const std::uint32_t address : entry.addresses)
+        if (!innerKind(address)) return {};
+    const std::uint32_t address = entry.addresses.front();
+    return entry.name + " has the " + innerKind(address) + " address " + gateway::ipToString(address) +
+           ": another router is in front; map the ports there too";
+}
+
+/// What is wrong with one interface that has a role; empty when nothing is.
+std::string problemOf(const ServedInterface& entry) {
+    const std::string item = std::to_string(entry.item);
+    if (entry.name.empty())
+        return "the " + roleText(entry) + " interface of item " + item +
+               " is missing; if it is gone for good: tkctl upnp interface remove " + item;
+    if (entry.isDisabled)
+        return entry.name + " is not served; to serve it: tkctl upnp interface set " + item + " disabled=no";
+    if (!entry.isRunning) return entry.name + " (" + roleText(entry) + ") is down, or has no link";
+    if (entry.addresses.empty()) return entry.name + " (" + roleText(entry) + ") has no IPv4 address";
+    if (entry.role == Role::internal && entry.side.side == contract::Side::outside)
+        return entry.name + " is internal, but outside: " + entry.side.why;
+    return innerAddressOf(entry);
+}
+
+void addMissingRole(const Overview& overview, Role role, const std::string& text,
+                    std::vector<std::string>& problems) {
+    if (std::none_of(overview.served.begin(), overview.served.end(),
+                     [&](const ServedInterface& entry) { return entry.role == role; }))
+        problems.push_back(text);
+}
+
+/// What is wrong with the daemon as a whole; empty when nothing is.
+std::string gatewayProblem(const Overview& overview) {
+    if (!overview.isGatewayThere)
+        return "upnpd is not running: it is switched off, or failed; to start it: tkctl upnp set enabled=yes";
+    if (!overview.gatewayFailure.empty()) return overview.gatewayFailure;
+    if (!overview.settings->enabled)
+        return "UPnP is switched off; to switch it on: tkctl upnp set enabled=yes";
+    return {};
+}
+
+}  // namespace
+
+std::vector<std::string> problemsOf(const Overview& overview) {
+    std::vector<std::string> problems;
+    if (!overview.routerFailure.empty()) return {overview.routerFailure};
+    if (std::string problem = gatewayProblem(overview); !problem.empty())
+        problems.push_back(std::move(problem));
+    if (!overview.settings) return problems;
+    addMissingRole(overview, Role::internal,
+                   "no interface is internal, so no host finds the gateway; tkctl setup proposes roles",
+                   problems);
+    addMissingRole(overview, Role::external,
+                   "no interface is external, so nothing can be mapped; tkctl setup proposes roles",
+                   problems);
+    for (const ServedInterface& entry : overview.served)
+        if (std::string problem = problemOf(entry); !problem.empty()) problems.push_back(std::move(problem));
+    return problems;
+}
+
+}  // namespace ctl

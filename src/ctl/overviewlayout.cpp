@@ -1,0 +1,291 @@
+#include "ctl/overviewlayout.h"
+
+#include <time.h>
+
+#include <algorithm>
+#include <iterator>
+#include <limits>
+#include <map>
+#include <set>
+
+#include "contract/programs.h"
+#include "ctl/table.h"
+#include "ctl/text.h"
+#include "net/convert.h"
+#include "tk/characters.h"
+
+namespace ctl {
+
+namespace {
+
+using contract::Role;
+using Lines = std::vector<Line>;
+
+constexpr std::size_t refusalRows = 3;  // where the room is limited
+constexpr std::size_t noLimit = std::numeric_limits<std::size_t>::max();
+constexpr const char* indent = "  ";
+constexpr const char* historyHeading = "LAST MINUTE";
+
+/// "01-02 21:04" by the local clock.
+std::string momentText(std::uint64_t seconds) {
+    tm broken{};
+    const auto time = static_cast<time_t>(seconds);
+    char text[32];
+    if (!::localtime_r(&time, &broken)) return timeText(seconds);
+    return std::string(text, ::strftime(text, sizeof text, "%m-%d %H:%M", &broken));
+}
+
+std::string portText(std::uint32_t protocol, std::uint32_t port) {
+    return protocolText(protocol) + ' ' + std::to_string(port);
+}
+
+std::string placeText(std::uint32_t address, std::uint32_t port) {
+    return gateway::ipToString(address) + ':' + std::to_string(port);
+}
+
+std::string counted(std::size_t count, const std::string& what) {
+    return std::to_string(count) + ' ' + what + (count == 1 ? "" : "s");
+}
+
+void append(Lines& lines, Lines more) {
+    std::move(more.begin(), more.end(), std::back_inserter(lines));
+}
+
+/// Lays out one overview.
+class Layout {
+public:
+    Layout(const Overview& overview, const Terminal& terminal, const TrafficHistory* history)
+        : overview(overview), terminal(terminal), history(history) {
+        inner = terminal;
+        if (inner.width > 0) inner.width = std::max<std::size_t>(inner.width, 3) - 2;
+    }
+
+    Lines lines();
+
+private:
+    Lines headline() const;
+    Lines problems() const;
+    Lines places() const;
+    Lines mappings(std::size_t room) const;
+    Lines refusals(std::size_t rows) const;
+    Lines programs() const;
+
+    std::vector<std::string> mappingHeadings() const;
+    std::vector<std::string> mappingRow(const Mapping& mapping) const;
+    Table mappingTable() const;
+    Table hostTable(std::size_t rows) const;
+    std::string historyOf(const TrafficHistory::Slots& slots) const {
+        return historyLine(slots, terminal.isUnicode);
+    }
+    TrafficHistory::Slots slotsOf(const Mapping& mapping) const {
+        return history ? history->of(mapping) : TrafficHistory::Slots{};
+    }
+    bool hasSeveralOutside() const { return inForce(overview, Role::external).size() > 1; }
+    /// One line, cut where the terminal ends.
+    Line line(const std::string& text, Style style = Style::plain) const;
+    /// A table, indented.
+    Lines indented(const Table& table) const;
+
+    const Overview& overview;
+    const Terminal& terminal;
+    const TrafficHistory* history;
+    Terminal inner;  // what is left beside the indentation
+};
+
+Line Layout::line(const std::string& text, Style style) const {
+    const std::size_t width = terminal.width == 0 ? noLimit : terminal.width;
+    return {{shortened(tk::printable(text), width, terminal.ellipsis()), style}};
+}
+
+Lines Layout::indented(const Table& table) const {
+    Lines lines = table.linesWithin(inner);
+    for (Line& row : lines) row.insert(row.begin(), {indent});
+    return lines;
+}
+
+Lines Layout::headline() const {
+    if (!overview.routerFailure.empty())
+        return {line("routerd does not answer: nothing is known of the gateway.", Style::bad)};
+    if (!overview.settings) return {line("Nobody tells whether UPnP is on.", Style::warning)};
+    if (!overview.settings->enabled) return {line("UPnP is off: nothing is mapped.", Style::warning)};
+    return {line("UPnP is on.", Style::good)};
+}
+
+Lines Layout::problems() const {
+    Lines lines;
+    for (const std::string& problem : problemsOf(overview))
+        lines.push_back(line("! " + problem, Style::warning));
+    if (!lines.empty() && overview.routerFailure.empty())
+        lines.push_back(line(std::string(indent) + "tkctl doctor tells more"));
+    return lines;
+}
+
+Lines Layout::places() const {
+    Lines lines;
+    const auto inside = inForce(overview, Role::internal);
+    const auto outside = inForce(overview, Role::external);
+    for (const ServedInterface* entry : inside)
+        for (const std::uint32_t address : entry->addresses)
+            lines.push_back(line("Discoverable on " + entry->name + " at " + descriptionUrl(address)));
+    for (const ServedInterface* entry : outside)
+        for (const std::uint32_t address : entry->addresses)
+            lines.push_back(line("Clients see " + gateway::ipToString(address) + " (" + entry->name + ')'));
+    return lines;
+}
+
+std::vector<std::string> Layout::mappingHeadings() const {
+    std::vector<std::string> headings{"PORT", "LEADS TO", "DESCRIPTION", "PACKETS", "BYTES"};
+    if (hasSeveralOutside()) headings.insert(headings.begin(), "ON");
+    headings.push_back(history ? historyHeading : "SINCE");
+    return headings;
+}
+
+std::vector<std::string> Layout::mappingRow(const Mapping& mapping) const {
+    std::string description = mapping.description;
+    if (mapping.requestedBy != mapping.internalClient)
+        description += " (asked by " + gateway::ipToString(mapping.requestedBy) + ')';
+    if (!mapping.enabled) description.insert(0, "(disabled) ");
+    std::vector<std::string> row{portText(mapping.protocol, mapping.externalPort),
+                                 placeText(mapping.internalClient, mapping.internalPort), description,
+                                 quantityText(mapping.packets, ""), quantityText(mapping.bytes, "B")};
+    if (hasSeveralOutside()) {
+        std::string name = std::to_string(mapping.interface);
+        for (const ServedInterface& entry : overview.served)
+            if (entry.interface == mapping.interface) name = entry.name;
+        row.insert(row.begin(), std::move(name));
+    }
+    row.push_back(history ? historyOf(slotsOf(mapping)) : momentText(mapping.since));
+    return row;
+}
+
+Table Layout::mappingTable() const {
+    Table table(mappingHeadings());
+    for (const Mapping& mapping : overview.mappings) table.add(mappingRow(mapping));
+    table.keepWhole(historyHeading);
+    table.dropToFit(inner, {"PACKETS", "SINCE", "DESCRIPTION", historyHeading});
+    return table;
+}
+
+/// What leads to one host.
+struct HostUse {
+    std::uint32_t host = 0;
+    std::size_t mappings = 0;
+    std::uint64_t packets = 0;
+    std::uint64_t bytes = 0;
+    TrafficHistory::Slots slots{};
+};
+
+Table Layout::hostTable(std::size_t rows) const {
+    std::map<std::uint32_t, HostUse> byHost;
+    for (const Mapping& mapping : overview.mappings) {
+        HostUse& use = byHost[mapping.internalClient];
+        use.host = mapping.internalClient;
+        ++use.mappings;
+        use.packets += mapping.packets;
+        use.bytes += mapping.bytes;
+        addTo(use.slots, slotsOf(mapping));
+    }
+    std::vector<HostUse> uses;
+    for (const auto& [host, use] : byHost) uses.push_back(use);
+    std::stable_sort(uses.begin(), uses.end(),
+                     [](const HostUse& left, const HostUse& right) { return left.bytes > right.bytes; });
+    if (uses.size() > rows) uses.resize(rows);
+    std::vector<std::string> headings{"HOST", "MAPPINGS", "PACKETS", "BYTES"};
+    if (history) headings.push_back(historyHeading);
+    Table table(headings);
+    for (const HostUse& use : uses) {
+        std::vector<std::string> row{gateway::ipToString(use.host), std::to_string(use.mappings),
+                                     quantityText(use.packets, ""), quantityText(use.bytes, "B")};
+        if (history) row.push_back(historyOf(use.slots));
+        table.add(row);
+    }
+    table.keepWhole(historyHeading);
+    table.dropToFit(inner, {"PACKETS", historyHeading});
+    return table;
+}
+
+Lines Layout::mappings(std::size_t room) const {
+    constexpr std::size_t headings = 2;
+    if (overview.mappings.empty()) return {line("Nothing is mapped.")};
+    std::set<std::uint32_t> hosts;
+    for (const Mapping& mapping : overview.mappings) hosts.insert(mapping.internalClient);
+    const std::string title =
+        counted(overview.mappings.size(), "mapping") + " for " + counted(hosts.size(), "host");
+    const bool isWhole = overview.mappings.size() + headings <= room;
+    Lines lines{line(isWhole ? title : title + "; tkctl upnp mappings lists them", Style::strong)};
+    append(lines, indented(isWhole ? mappingTable() : hostTable(std::max(room, headings + 1) - headings)));
+    return lines;
+}
+
+Lines Layout::refusals(std::size_t rows) const {
+    if (overview.refusals.empty()) return {};
+    Table table({"LAST", "HOST", "PORT", "TIMES", "REASON"});
+    const std::size_t shown = std::min(rows, overview.refusals.size());
+    for (auto refusal = overview.refusals.rbegin(); table.rowCount() < shown; ++refusal)
+        table.add({momentText(refusal->time), gateway::ipToString(refusal->requester),
+                   portText(refusal->protocol, refusal->externalPort), std::to_string(refusal->count),
+                   std::to_string(refusal->code) + ": " + refusal->reason});
+    table.dropToFit(inner, {"LAST", "TIMES"});
+    Lines lines{line("Refused lately", Style::strong)};
+    append(lines, indented(table));
+    return lines;
+}
+
+Lines Layout::programs() const {
+    if (!overview.programs) return {};
+    std::string text;
+    std::set<std::uint32_t> missing{contract::program::gateway, contract::program::resolver};
+    for (const RunningProgram& program : *overview.programs) {
+        missing.erase(program.number);
+        text += (text.empty() ? "" : ", ") + programName(program.number) + " (" +
+                std::to_string(program.pid) + ", " + userName(program.uid) + ')';
+    }
+    for (const std::uint32_t number : missing)
+        text += ", " + programName(number) +
+                (number == contract::program::resolver ? " (starts when needed)" : " (not running)");
+    return {line("Programs: " + text)};
+}
+
+Lines Layout::lines() {
+    const bool isLimited = terminal.height > 0;
+    Lines top = headline();
+    append(top, problems());
+    append(top, places());
+    Lines bottom;
+    for (Lines section : {refusals(isLimited ? refusalRows : noLimit), programs()}) {
+        if (section.empty()) continue;
+        bottom.push_back({});
+        append(bottom, std::move(section));
+    }
+    if (overview.settings && overview.settings->enabled) {
+        const std::size_t used =
+            top.size() + bottom.size() + 2;  // a blank line, and the last of the terminal
+        top.push_back({});
+        append(top, mappings(!isLimited ? noLimit : terminal.height > used ? terminal.height - used : 0));
+    }
+    append(top, std::move(bottom));
+    return top;
+}
+
+}  // namespace
+
+std::vector<Line> layOut(const Overview& overview, const Terminal& terminal, const TrafficHistory* history) {
+    return Layout(overview, terminal, history).lines();
+}
+
+std::string quantityText(std::uint64_t value, const std::string& unit) {
+    constexpr std::uint64_t thousand = 1000;
+    constexpr const char* prefixes[] = {"", "k", "M", "G", "T", "P", "E"};
+    std::uint64_t divisor = 1;
+    std::size_t step = 0;
+    while (value / divisor >= thousand) {
+        divisor *= thousand;
+        ++step;
+    }
+    std::string text = std::to_string(value / divisor);
+    if (step > 0 && text.size() == 1) text += '.' + std::to_string(value / (divisor / 10) % 10);
+    const std::string suffix = prefixes[step] + unit;
+    return suffix.empty() ? text : text + ' ' + suffix;
+}
+
+}  // namespace ctl

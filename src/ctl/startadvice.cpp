@@ -1,0 +1,36 @@
+#include "ctl/startadvice.h"
+
+#include <errno.h>
+#include <unistd.h>
+
+#include <cstring>
+
+namespace ctl {
+
+namespace {
+
+bool hasSystemd() {
+    return ::access("/run/systemd/system", F_OK) == 0;
+}
+
+}  // namespace
+
+std::string startAdvice(const std::string& program) {
+    return "start it: " + (hasSystemd() ? "systemctl start " + program : program);
+}
+
+std::string restartAdvice(const std::string& program) {
+    if (hasSystemd()) return "start it again: systemctl restart " + program;
+    return "if that lasts, end " + program + " and start it again";
+}
+
+std::string unreachableBus(const std::string& socketPath, int error) {
+    const std::string what = "cannot reach routerd at " + socketPath + ": ";
+    if (error == ENOENT || error == ECONNREFUSED)
+        return what + "it is not running; " + startAdvice("routerd");
+    if (error == EACCES)
+        return what + "only root and members of the group tk may; usermod -aG tk USER adds one";
+    return what + std::strerror(error);
+}
+
+}  // namespace ctl

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <string>
+
+namespace ctl {
+
+/// How to start a program of the router: with systemd where that runs.
+[[nodiscard]] std::string startAdvice(const std::string& program);
+
+/// How to start a program again that hangs.
+[[nodiscard]] std::string restartAdvice(const std::string& program);
+
+/// Why the bus cannot be reached, and what to do.
+/// Units: `error` is an errno value.
+[[nodiscard]] std::string unreachableBus(const std::string& socketPath, int error);
+
+}  // namespace ctl
