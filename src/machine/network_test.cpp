@@ -1,0 +1,57 @@
+#include "machine/network.h"
+
+#include <arpa/inet.h>
+
+#include <gtest/gtest.h>
+
+namespace machine {
+namespace {
+
+std::uint32_t ip(const char* text) {
+    return parseIPv4(text).value();
+}
+
+Network net(const char* text) {
+    return parseNetwork(text).value();
+}
+
+TEST(Network, IsReadAndWrittenAsText) {
+    EXPECT_EQ(net("192.0.2.0/24").text(), "192.0.2.0/24");
+    EXPECT_EQ(net("192.0.2.7/24"), net("192.0.2.0/24")) << "the bits after the prefix do not count";
+    EXPECT_EQ(net("192.0.2.7").text(), "192.0.2.7/32");
+    EXPECT_EQ(net("default").text(), "0.0.0.0/0");
+}
+
+TEST(Network, AnythingElseIsNone) {
+    for (const char* text :
+         {"", "192.0.2", "192.0.2.0/", "192.0.2.0/33", "192.0.2.0/2x", "/24", "2001:db8::/32"})
+        EXPECT_EQ(parseNetwork(text), std::nullopt) << text;
+}
+
+TEST(Network, ContainsItsAddressesAndSmallerNetworks) {
+    EXPECT_TRUE(net("192.0.2.0/24").contains(ip("192.0.2.255")));
+    EXPECT_FALSE(net("192.0.2.0/24").contains(ip("192.0.3.0")));
+    EXPECT_TRUE(net("default").contains(ip("255.255.255.255")));
+    EXPECT_TRUE(net("10.0.0.0/8").contains(net("10.1.0.0/16")));
+    EXPECT_FALSE(net("10.1.0.0/16").contains(net("10.0.0.0/8")));
+}
+
+TEST(Reach, IsThatOfTheRange) {
+    EXPECT_EQ(reachOf(ip("8.8.8.8")), Reach::everywhere);
+    EXPECT_EQ(reachOf(ip("172.31.255.255")), Reach::site);
+    EXPECT_EQ(reachOf(ip("172.32.0.0")), Reach::everywhere);
+    EXPECT_EQ(reachOf(ip("100.64.0.1")), Reach::shared);
+    EXPECT_EQ(reachOf(ip("169.254.9.9")), Reach::link);
+    EXPECT_EQ(reachOf(ip("198.51.100.1")), Reach::reserved);
+    EXPECT_EQ(reachOf(ip("239.255.255.250")), Reach::reserved);
+}
+
+TEST(Reach, ANetworkIsPrivateWhenAllOfItIs) {
+    EXPECT_TRUE(isPrivate(net("192.168.7.0/24")));
+    EXPECT_TRUE(isPrivate(net("100.64.0.0/10")));
+    EXPECT_FALSE(isPrivate(net("172.0.0.0/8")));
+    EXPECT_FALSE(isPrivate(net("default")));
+}
+
+}  // namespace
+}  // namespace machine
