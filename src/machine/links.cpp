@@ -65,6 +65,7 @@ void readAddresses(const Json& entry, std::vector<Address>& out) {
         address.peer = addressIn(info, "address");
         address.network = networkOf(address.peer.value_or(*local), info.at("prefixlen").get<unsigned>());
         address.scope = textIn(info, "scope");
+        address.isLeased = info.value("dynamic", false);
     }
 }
 

@@ -32,6 +32,7 @@ struct Address {
     Network network;            // that is directly connected: of the other end on a point-to-point link
     std::optional<std::uint32_t> peer;  // the other end of a point-to-point link, in network order
     std::string scope;                  // "global", "link", "host"
+    bool isLeased = false;              // true when it ends unless it is renewed, as DHCP gives it
 
     bool operator==(const Address&) const = default;
 };

@@ -45,6 +45,14 @@ TEST(AddressesOfIp, TellTheNetworkThatIsDirectlyConnected) {
             Address{"tun0", *parseIPv4("10.9.0.1"), net("10.9.0.2/32"), parseIPv4("10.9.0.2"), "global"}));
 }
 
+TEST(AddressesOfIp, TellWhetherTheyAreLeased) {
+    const auto addresses = parseAddresses(
+        R"([{"ifname":"wan0","addr_info":[{"family":"inet","local":"192.0.2.7","prefixlen":24,)"
+        R"("scope":"global","dynamic":true,"valid_life_time":3585,"preferred_life_time":3585}]}])");
+    ASSERT_TRUE(addresses.isOk()) << addresses.reason();
+    EXPECT_TRUE(addresses->front().isLeased);
+}
+
 TEST(RoutesOfIp, TellDestinationTableDeviceAndMetric) {
     const auto routes = parseRoutes(recordedRoutes);
     ASSERT_TRUE(routes.isOk()) << routes.reason();
