@@ -110,6 +110,7 @@ void addHelpCommand(CLI::App& app, Context& context) {
 }
 
 void addAllCommands(CLI::App& app, Context& context) {
+    addSetupCommand(app, context);
     addStatusCommand(app, context);
     addWatchCommand(app, context);
     addInterfaceCommands(app, context);

@@ -27,6 +27,8 @@ void addUpnpItemCommands(CLI::App& upnp, Context& context);
 void addUpnpMappingsCommand(CLI::App& upnp, Context& context);
 /// Adds "nat list" and "nat test".
 void addNatCommands(CLI::App& app, Context& context);
+/// Adds "setup".
+void addSetupCommand(CLI::App& app, Context& context);
 /// Adds "history list" and "history undo".
 void addHistoryCommands(CLI::App& app, Context& context);
 /// Adds "reload".
@@ -35,5 +37,8 @@ void addReloadCommand(CLI::App& app, Context& context);
 void addBusCallCommand(CLI::App& bus, Context& context);
 /// Adds "trace", below "bus".
 void addBusTraceCommand(CLI::App& bus, Context& context);
+
+/// Prints what "upnp interface list" prints.
+void listRoles(Context& context);
 
 }  // namespace ctl

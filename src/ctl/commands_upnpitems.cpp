@@ -53,30 +53,6 @@ std::uint32_t itemId(const std::string& text) {
     return *id;
 }
 
-void listItems(Context& context) {
-    Session& session = context.session();
-    const std::vector<tk::message> records = session.list(contract::path::gateway());
-    const std::vector<Interface> interfaces = readInterfaces(session);
-    Json list = Json::array();
-    Table table({"ID", "INTERFACE", "TYPE", "DISABLED"});
-    for (const tk::message& record : records) {
-        const std::uint32_t id = record.get_u32(tk::field::objectId);
-        const RoleItem item = RoleItem::fromMessage(record, {});
-        const std::string name = interfaceName(interfaces, item.interface);
-        const std::string role = roleName(item.type);
-        Json object;
-        object["id"] = id;
-        object["interface"] = item.interface;
-        object["name"] = name;
-        object["type"] = role;
-        object["disabled"] = item.disabled;
-        list.push_back(object);
-        table.add({std::to_string(id), name.empty() ? std::to_string(item.interface) + " (absent)" : name,
-                   role, yesNo(item.disabled)});
-    }
-    context.print(list, table);
-}
-
 void printId(Context& context, std::uint32_t id, const std::string& text) {
     Json object;
     object["id"] = id;
@@ -213,11 +189,35 @@ void addRemoveCommand(CLI::App& group, Context& context) {
 
 }  // namespace
 
+void listRoles(Context& context) {
+    Session& session = context.session();
+    const std::vector<tk::message> records = session.list(contract::path::gateway());
+    const std::vector<Interface> interfaces = readInterfaces(session);
+    Json list = Json::array();
+    Table table({"ID", "INTERFACE", "TYPE", "DISABLED"});
+    for (const tk::message& record : records) {
+        const std::uint32_t id = record.get_u32(tk::field::objectId);
+        const RoleItem item = RoleItem::fromMessage(record, {});
+        const std::string name = interfaceName(interfaces, item.interface);
+        const std::string role = roleName(item.type);
+        Json object;
+        object["id"] = id;
+        object["interface"] = item.interface;
+        object["name"] = name;
+        object["type"] = role;
+        object["disabled"] = item.disabled;
+        list.push_back(object);
+        table.add({std::to_string(id), name.empty() ? std::to_string(item.interface) + " (absent)" : name,
+                   role, yesNo(item.disabled)});
+    }
+    context.print(list, table);
+}
+
 void addUpnpItemCommands(CLI::App& upnp, Context& context) {
     CLI::App& group =
         addGroup(upnp, context, "interface", "The interfaces that UPnP serves, and their sides");
     CLI::App& list = addCommand(group, context, "list", "List the interfaces that have a role",
-                                [&context] { listItems(context); });
+                                [&context] { listRoles(context); });
     addExample(list, "--json");
     addAddCommand(group, context);
     addSetCommand(group, context);

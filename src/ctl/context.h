@@ -24,7 +24,7 @@ public:
     explicit Context(std::ostream& out, tk::Bus* bus = nullptr) : out(out), bus(bus) {}
 
     /// The session for requests to the services.
-    /// Errors: throws Failure when the hub cannot be reached.
+    /// Errors: throws Unreachable when the hub cannot be reached.
     Session& session();
 
     /// Prints the answer: one line of JSON if asked for, else the text for people.

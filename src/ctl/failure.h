@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <stdexcept>
 #include <string>
 
@@ -17,6 +18,14 @@ public:
         : std::runtime_error(reason), status(status) {}
 
     const Status status;
+};
+
+/// The hub cannot be reached; `error` is the errno value that says why.
+class Unreachable : public Failure {
+public:
+    Unreachable(const std::string& reason, std::uint32_t error) : Failure(reason), error(error) {}
+
+    const std::uint32_t error;
 };
 
 /// The failure of a command that was called wrongly.

@@ -26,7 +26,9 @@ std::string reasonOf(const tk::message& error, const tk::Path& asked) {
 
 Connection::Connection(const std::string& socketPath, tk::BusConnection::Receiver* receiver) {
     auto opened = tk::BusConnection::open(socketPath, events, receiver);
-    if (!opened.isOk()) throw Failure(unreachableBus(socketPath, static_cast<int>(opened.status().code())));
+    if (!opened.isOk())
+        throw Unreachable(unreachableBus(socketPath, static_cast<int>(opened.status().code())),
+                          opened.status().code());
     connection = opened.take();
 }
 

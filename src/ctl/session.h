@@ -25,7 +25,7 @@ constexpr std::uint32_t requestTimeout = 20000;
 class Connection {
 public:
     /// Connects to the hub. Without a receiver, a lost bus shows only when a request fails.
-    /// Errors: throws Failure when the hub cannot be reached.
+    /// Errors: throws Unreachable when the hub cannot be reached.
     /// Lifetime: `receiver` outlives the connection.
     explicit Connection(const std::string& socketPath, tk::BusConnection::Receiver* receiver = nullptr);
 

@@ -11,7 +11,9 @@
 
 #include <array>
 #include <chrono>
+#include <filesystem>
 #include <optional>
+#include <system_error>
 #include <utility>
 
 #include "tk/fd.h"
@@ -176,6 +178,13 @@ std::string findTool(const std::string& name) {
     for (const char* folder : folders)
         if (const std::string path = folder + name; ::access(path.c_str(), X_OK) == 0) return path;
     return {};
+}
+
+std::string findBeside(const std::string& name) {
+    std::error_code error;
+    const auto own = std::filesystem::read_symlink("/proc/self/exe", error);
+    const std::string path = own.parent_path() / name;
+    return !error && ::access(path.c_str(), X_OK) == 0 ? path : findTool(name);
 }
 
 tk::Result<ToolEnd> runTool(const std::vector<std::string>& arguments, const ToolLimits& limits) {

@@ -41,4 +41,8 @@ struct ToolEnd {
 /// The full path of a tool in the system's folders; empty when there is none.
 [[nodiscard]] std::string findTool(const std::string& name);
 
+/// The full path of a program that came with the one that runs, so it is beside it, or else in the system's folders;
+/// empty when there is none.
+[[nodiscard]] std::string findBeside(const std::string& name);
+
 }  // namespace machine

@@ -55,6 +55,11 @@ TEST(Tool, TheCallersPathIsNotSearched) {
     ::setenv("PATH", before.c_str(), 1);
 }
 
+TEST(Tool, OneThatCameWithThisProgramIsFoundBesideIt) {
+    EXPECT_TRUE(findBeside("machine_test").ends_with("/test/machine_test"));
+    EXPECT_EQ(findBeside("sh"), findTool("sh"));
+}
+
 TEST(Tool, ItsFirstLineOfErrorsIsTheReasonOfAFailure) {
     EXPECT_EQ(outputOf({"sh", "-c", "echo first >&2; echo second >&2; exit 1"}).reason(), "sh: first");
     EXPECT_EQ(outputOf({"sh", "-c", "exit 4"}).reason(), "sh: ended with status 4");

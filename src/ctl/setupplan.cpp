@@ -1,0 +1,228 @@
+#include "ctl/setupplan.h"
+
+#include <errno.h>
+#include <unistd.h>
+
+#include <utility>
+
+#include "contract/gateway.h"
+#include "contract/programs.h"
+#include "ctl/failure.h"
+#include "ctl/interfaces.h"
+#include "ctl/table.h"
+#include "machine/links.h"
+#include "machine/tool.h"
+#include "setup/difference.h"
+#include "setup/routertoml.h"
+#include "tk/account.h"
+#include "tk/file.h"
+#include "tk/names.h"
+
+namespace ctl {
+
+namespace {
+
+constexpr std::size_t fileLimit = std::size_t{1024} * 1024;
+constexpr const char* forwarding = "/proc/sys/net/ipv4/ip_forward";
+constexpr std::size_t forwardingLimit = 16;
+
+// What is added where the file says nothing. Ports below 1024 are those of well-known services, which nobody should
+// open by accident. Busy hosts keep some dozens of mappings, so the limits stop only what is out of hand; and a client
+// that lists a thousand mappings makes a connection for each.
+const setup::Setting usualSettings[] = {
+    {"nat", "external-ports", R"(["1024-65535"])"},
+    {"nat", "limit-per-client", "128"},
+    {"nat", "limit", "1024"},
+    {"guard", "requests-per-second", "200"},
+    {"guard", "connections", "64"},
+};
+
+struct UsualProgram {
+    std::uint32_t number;
+    const char* name;
+    bool startsWithRouter;
+};
+constexpr UsualProgram usualPrograms[] = {{contract::program::gateway, "upnpd", true},
+                                          {contract::program::resolver, "resolverd", false}};
+
+template <typename Value>
+Value valueOf(tk::Result<Value> result) {
+    if (!result.isOk()) throw Failure(result.reason());
+    return result.take();
+}
+
+setup::RouterToml readFile(const std::string& file, SetupPlan& plan) {
+    const tk::Result<std::string> text = tk::readFile(file, fileLimit);
+    plan.fileExists = text.isOk();
+    if (!text.isOk() && text.status().code() != ENOENT) throw Failure(text.reason());
+    if (plan.fileExists) plan.before = *text;
+    return valueOf(setup::RouterToml::parse(plan.before, file));
+}
+
+/// The items of the gateway with the names of their interfaces.
+std::vector<setup::Item> readItems(Session& session) {
+    const std::vector<Interface> interfaces = readInterfaces(session);
+    std::vector<setup::Item> items;
+    for (const tk::message& record : session.list(contract::path::gateway())) {
+        const auto item = contract::RoleItem::fromMessage(record, {});
+        items.push_back({record.get_u32(tk::field::objectId), interfaceName(interfaces, item.interface),
+                         item.type, item.disabled});
+    }
+    return items;
+}
+
+/// Asks upnpd, which may not be there.
+/// Errors: throws Failure when it refuses.
+std::vector<setup::Item> askGateway(Context& context, SetupPlan& plan) {
+    if (!plan.isRunning) return {};
+    const tk::message end = context.session().exchange(contract::path::gateway(), tk::command::get);
+    std::uint32_t code = 0;
+    if (tk::isError(end, &code)) {
+        if (code == tk::error::unreachable || code == tk::error::timedOut) return {};
+        throw Failure(reasonOf(end, contract::path::gateway()));
+    }
+    plan.knowsItems = true;
+    plan.isEnabled = contract::Settings::fromMessage(end, {}).enabled;
+    return readItems(context.session());
+}
+
+/// How routerd starts a program: by the unit that came with it, else by its command.
+std::string startOf(const UsualProgram& program) {
+    const std::string name = program.name;
+    const std::string unit = "/systemd/system/" + name + ".path";
+    const bool hasUnit =
+        ::access(("/usr/lib" + unit).c_str(), F_OK) == 0 || ::access(("/lib" + unit).c_str(), F_OK) == 0;
+    std::string text;
+    if (hasUnit && ::access("/run/systemd/system", F_OK) == 0) {
+        text = "trigger = \"/run/tk/start/" + name + "\"\n";
+    } else {
+        const std::string found = machine::findBeside(name);
+        text = "command = [\"" + (found.empty() ? "/usr/sbin/" + name : found) + "\"]\n";
+        if (tk::findAccount(name)) text += "user = \"" + name + "\"\n";
+    }
+    return program.startsWithRouter ? text + "start = true\n" : text;
+}
+
+std::string changedText(const setup::RouterToml& file, const SetupPlan& plan) {
+    std::vector<setup::Setting> settings;
+    if (valueOf(file.lanInterfaces()) != plan.proposal.lanInterfaces)
+        settings.push_back({"lan", "interfaces", setup::listText(plan.proposal.lanInterfaces)});
+    for (const setup::Setting& setting : usualSettings)
+        if (!file.has(setting.section, setting.key)) settings.push_back(setting);
+    std::vector<setup::Program> programs;
+    for (const UsualProgram& program : usualPrograms)
+        if (!plan.knowsItems && !file.hasProgram(program.number))
+            programs.push_back({program.number, startOf(program)});
+    return valueOf(file.with(settings, programs));
+}
+
+std::vector<std::string> notesOn(const SetupPlan& plan, const std::vector<setup::Item>& items) {
+    std::vector<std::string> notes;
+    for (const setup::Item& item : items)
+        if (item.disabled && !item.interface.empty())
+            notes.push_back("item " + std::to_string(item.id) + " (" + item.interface +
+                            ") is disabled; to use it: tkctl upnp interface set " + std::to_string(item.id) +
+                            " disabled=no");
+    // Whether a machine forwards at all is a decision of its own, which opens more than mapped ports.
+    const auto forwards = tk::readFile(forwarding, forwardingLimit);
+    if (forwards.isOk() && forwards->starts_with('0'))
+        notes.emplace_back(
+            "the kernel forwards nothing, so mapped ports lead nowhere; to make this machine a router: "
+            "echo net.ipv4.ip_forward=1 >/etc/sysctl.d/60-router.conf && sysctl -p "
+            "/etc/sysctl.d/60-router.conf");
+    if (!plan.proposal.leftOut.empty())
+        notes.emplace_back("--lan NAME and --wan NAME choose other interfaces");
+    return notes;
+}
+
+std::string rolesText(const setup::Proposal& proposal) {
+    Table table({"INTERFACE", "ROLE", "BECAUSE"});
+    for (const setup::Choice& choice : proposal.roles)
+        table.add({choice.interface, setup::roleName(choice.role), choice.why});
+    for (const setup::Choice& choice : proposal.leftOut) table.add({choice.interface, "", choice.why});
+    return table.text();
+}
+
+std::string differenceOf(const SetupPlan& plan, const std::string& file) {
+    return setup::difference(plan.before, plan.after, plan.fileExists ? file : "/dev/null", file);
+}
+
+Json choicesToJson(const std::vector<setup::Choice>& choices) {
+    Json list = Json::array();
+    for (const setup::Choice& choice : choices) {
+        Json object;
+        object["interface"] = choice.interface;
+        object["type"] = setup::roleName(choice.role);
+        object["why"] = choice.why;
+        list.push_back(object);
+    }
+    return list;
+}
+
+Json changesToJson(const std::vector<setup::ItemChange>& changes) {
+    Json list = Json::array();
+    for (const setup::ItemChange& change : changes) {
+        using Kind = setup::ItemChange::Kind;
+        Json object;
+        object["action"] = change.kind == Kind::add      ? "add"
+                           : change.kind == Kind::change ? "change"
+                                                         : "remove";
+        object["interface"] = change.interface;
+        object["type"] = setup::roleName(change.role);
+        list.push_back(object);
+    }
+    return list;
+}
+
+}  // namespace
+
+bool isRouterRunning(Context& context) {
+    try {
+        (void)context.session();  // asked only whether there is one
+        return true;
+    } catch (const Unreachable& failure) {
+        if (failure.error == ENOENT || failure.error == ECONNREFUSED) return false;
+        throw;
+    }
+}
+
+SetupPlan planSetup(Context& context, const SetupOptions& options) {
+    SetupPlan plan;
+    const setup::RouterToml file = readFile(options.file, plan);
+    const machine::Links machine = valueOf(machine::readLinks());
+    plan.isRunning = isRouterRunning(context);
+    const std::vector<setup::Item> items = askGateway(context, plan);
+    plan.proposal = valueOf(setup::propose(machine, {valueOf(file.lanInterfaces()), items}, options.wishes));
+    plan.changes = setup::itemChanges(items, plan.proposal);
+    plan.after = changedText(file, plan);
+    plan.notes = notesOn(plan, items);
+    return plan;
+}
+
+std::string textOf(const SetupPlan& plan, const std::string& file) {
+    std::string text = rolesText(plan.proposal);
+    if (plan.before != plan.after) text += '\n' + differenceOf(plan, file);
+    std::string steps;
+    if (!plan.isRunning) steps += "start routerd\n";
+    for (const setup::ItemChange& change : plan.changes) steps += setup::describe(change) + '\n';
+    if (!plan.isEnabled) steps += "switch UPnP on\n";
+    if (!steps.empty()) text += '\n' + steps;
+    for (const std::string& note : plan.notes) text += "\nNote: " + note + '\n';
+    return text;
+}
+
+Json toJson(const SetupPlan& plan, const std::string& file, bool isApplied) {
+    Json object;
+    object["roles"] = choicesToJson(plan.proposal.roles);
+    object["leftOut"] = choicesToJson(plan.proposal.leftOut);
+    object["file"] = file;
+    object["difference"] = differenceOf(plan, file);
+    object["start"] = !plan.isRunning;
+    object["items"] = changesToJson(plan.changes);
+    object["enable"] = !plan.isEnabled;
+    object["notes"] = plan.notes;
+    object["applied"] = isApplied;
+    return object;
+}
+
+}  // namespace ctl
