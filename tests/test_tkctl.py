@@ -127,7 +127,8 @@ def test_misuse_has_status_2(lab, words):
 
 
 @pytest.mark.parametrize("words, reason", [
-    (("nosuch",), "unknown command 'nosuch'; there are: interface, address, upnp, nat, history, reload, bus"),
+    (("nosuch",), "unknown command 'nosuch'; there are: setup, status, watch, doctor, reload, upnp, interface, address, nat, "
+                  "history, bus, help"),
     (("upnp", "set"), "KEY=VALUE is missing; usage: tkctl upnp set KEY=VALUE...; for example: "
                       "tkctl upnp set enabled=yes"),
     (("nat", "test"), "ADDRESS is missing; usage: tkctl nat test ADDRESS PORT PROTOCOL TARGET TARGETPORT; "

@@ -113,16 +113,17 @@ void addAllCommands(CLI::App& app, Context& context) {
     addSetupCommand(app, context);
     addStatusCommand(app, context);
     addWatchCommand(app, context);
-    addInterfaceCommands(app, context);
-    addAddressCommands(app, context);
+    addDoctorCommand(app, context);
+    addReloadCommand(app, context);
     CLI::App& upnp =
         addGroup(app, context, "upnp", "Settings of UPnP, the interfaces that it serves, and the ports that it maps");
     addUpnpCommands(upnp, context);
-    addUpnpItemCommands(upnp, context);
     addUpnpMappingsCommand(upnp, context);
+    addUpnpItemCommands(upnp, context);
+    addInterfaceCommands(app, context);
+    addAddressCommands(app, context);
     addNatCommands(app, context);
     addHistoryCommands(app, context);
-    addReloadCommand(app, context);
     CLI::App& bus = addGroup(app, context, "bus", "Messages between the router's programs, for developers");
     addBusCallCommand(bus, context);
     addBusTraceCommand(bus, context);
@@ -161,7 +162,8 @@ Status runChosen(Context& context, std::ostream& errors) {
     } catch (const Failure& failure) {
         return fail(errors, failure.what(), failure.status);
     }
-    return finish(context, errors);
+    const Status written = finish(context, errors);
+    return written == Status::done ? context.status : written;
 }
 
 }  // namespace

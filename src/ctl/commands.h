@@ -33,6 +33,8 @@ void addSetupCommand(CLI::App& app, Context& context);
 void addHistoryCommands(CLI::App& app, Context& context);
 /// Adds "reload".
 void addReloadCommand(CLI::App& app, Context& context);
+/// Adds "doctor".
+void addDoctorCommand(CLI::App& app, Context& context);
 /// Adds "call", below "bus".
 void addBusCallCommand(CLI::App& bus, Context& context);
 /// Adds "trace", below "bus".

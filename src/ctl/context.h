@@ -7,6 +7,7 @@
 #include <string>
 
 #include "contract/programs.h"
+#include "ctl/failure.h"
 #include "ctl/json.h"
 #include "ctl/session.h"
 #include "ctl/table.h"
@@ -41,6 +42,8 @@ public:
 
     /// The chosen command, to be run once the command line is parsed.
     std::function<void()> run;
+    /// How the program ends when the command has run without a failure.
+    Status status = Status::done;
 
 private:
     tk::Bus* bus;

@@ -1,0 +1,101 @@
+#include "ctl/busfacts.h"
+
+#include <arpa/inet.h>
+
+#include "contract/gateway.h"
+#include "contract/interfaces.h"
+#include "contract/natrules.h"
+#include "contract/programs.h"
+#include "ctl/failure.h"
+#include "ctl/interfaces.h"
+#include "doctor/collect.h"
+#include "tk/names.h"
+#include "tk/version.h"
+
+namespace ctl {
+
+namespace {
+
+contract::SideReply sideOf(Session& session, std::uint32_t interface) {
+    tk::message question;
+    question.insert_u32(contract::sidefield::interface, interface);
+    return contract::SideReply::fromMessage(
+        session.request(contract::path::interfaces(), contract::tellSide, question));
+}
+
+void readRules(Session& session, doctor::BusFacts& facts) {
+    tk::message query;
+    query.insert_u32(tk::field::options, contract::withTraffic);
+    for (const tk::message& record : session.list(contract::path::nat(), query)) {
+        const auto rule = contract::NatRule::fromMessage(record);
+        if (rule.disabled) continue;
+        facts.mappedPackets += contract::NatTraffic::fromMessage(record).packets;
+        doctor::MappedFlow flow;
+        flow.externalAddress = ntohl(rule.key.destination);
+        flow.externalPort = rule.key.port;
+        flow.protocol = rule.key.protocol;
+        flow.client = ntohl(rule.target.address);
+        flow.clientPort = rule.target.port;
+        facts.flows.push_back(flow);
+    }
+}
+
+void readPrograms(Session& session, doctor::BusFacts& facts) {
+    const tk::message reply = session.request(contract::path::hub(), tk::command::hubPrograms);
+    for (const tk::message& record : reply.get_message_array(tk::field::objects)) {
+        doctor::ProgramFact program;
+        program.number = record.get_u32(tk::hubfield::number);
+        program.pid = record.get_u32(tk::hubfield::pid);
+        program.user = record.get_u32(tk::hubfield::uid);
+        program.version = doctor::versionOfProcess(program.pid);
+        facts.programs.push_back(program);
+    }
+}
+
+void readRouter(Session& session, doctor::BusFacts& facts) {
+    for (const Interface& interface : readInterfaces(session))
+        facts.interfaces.push_back({interface.id, interface.name, sideOf(session, interface.id)});
+    readRules(session, facts);
+    facts.routerAnswers = true;
+}
+
+void readDaemon(Session& session, doctor::BusFacts& facts) {
+    facts.settings =
+        contract::Settings::fromMessage(session.request(contract::path::gateway(), tk::command::get), {});
+    for (const tk::message& record : session.list(contract::path::gateway())) {
+        const auto item = contract::RoleItem::fromMessage(record, {});
+        doctor::RoleFact role{record.get_u32(tk::field::objectId), item.interface, "", item.type,
+                              item.disabled};
+        for (const doctor::InterfaceFact& interface : facts.interfaces)
+            if (interface.id == item.interface) role.name = interface.name;
+        facts.roles.push_back(role);
+    }
+    facts.daemonAnswers = true;
+}
+
+/// Why the questions failed; empty when they did not.
+template <typename Questions>
+std::string failureOf(const Questions& ask) {
+    try {
+        ask();
+    } catch (const Failure& failure) {
+        return failure.what();
+    }
+    return {};
+}
+
+}  // namespace
+
+doctor::BusFacts readBusFacts(Context& context) {
+    doctor::BusFacts facts;
+    facts.ownVersion = tk::version();
+    facts.routerSilence = failureOf([&] { readRouter(context.session(), facts); });
+    if (!facts.routerAnswers) return facts;
+    facts.daemonSilence = failureOf([&] { readDaemon(context.session(), facts); });
+    // Last, for the question to the daemon may have started it.
+    (void)failureOf(
+        [&] { readPrograms(context.session(), facts); });  // then nobody tells, and nothing is judged
+    return facts;
+}
+
+}  // namespace ctl

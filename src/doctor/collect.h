@@ -1,0 +1,44 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "doctor/facts.h"
+
+namespace doctor {
+
+/// Asks the machine: what the kernel, its tools and the files say. What cannot be looked at is noted in `unseen`.
+/// It takes a second and a half, in which other gateways may answer; they are asked once.
+/// Lifetime: the facts from the bus, because the roles say where to look.
+[[nodiscard]] MachineFacts lookAtMachine(const BusFacts& bus);
+
+/// The version that the file of a running program carries.
+/// Errors: empty when there is none, or it cannot be read.
+[[nodiscard]] std::string versionOfProcess(std::uint32_t pid);
+
+// Each of these looks at one part of the machine, once its links are known.
+
+/// The tables of the packet filter, and whom the guard holds.
+void lookAtRules(MachineFacts& machine);
+/// The kernel's settings, and how answers leave.
+void lookAtForwarding(const BusFacts& bus, MachineFacts& machine);
+/// The holders of the gateway's ports.
+void lookAtSockets(MachineFacts& machine);
+/// The bridges, and who asks for members of groups there.
+void lookAtBridges(MachineFacts& machine);
+/// The stores, router.toml and the clock.
+void lookAtFiles(const BusFacts& bus, MachineFacts& machine);
+
+// What the tools print.
+
+/// What "ss -Hlntup" prints about the gateway's ports.
+[[nodiscard]] std::vector<SocketFact> parseSockets(const std::string& text);
+/// What "ip -j -d link show type bridge" and "bridge -j -d mdb show" print.
+/// Errors: when a text is not of that form.
+[[nodiscard]] tk::Result<std::vector<BridgeFact>> parseBridges(const std::string& links,
+                                                               const std::string& groups);
+/// What router.toml says.
+/// Errors: when it is no TOML.
+[[nodiscard]] tk::Result<ConfigFacts> parseConfig(const std::string& text, const std::string& path);
+
+}  // namespace doctor

@@ -1,0 +1,107 @@
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <time.h>
+#include <toml++/toml.h>
+
+#include <algorithm>
+#include <filesystem>
+
+#include "contract/programs.h"
+#include "doctor/collect.h"
+#include "tk/file.h"
+
+namespace doctor {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* usualConfig = "/tesk/etc/router.toml";
+constexpr std::size_t configLimit = std::size_t{1024} * 1024;
+
+constexpr struct {
+    const char* folder;
+    std::uint32_t program;
+} folders[] = {{"/tesk/router", contract::program::network}, {"/tesk/store", contract::program::gateway}};
+
+StoreFact lookAtStore(const char* folder, std::uint32_t program) {
+    StoreFact store;
+    store.folder = folder;
+    store.program = program;
+    struct stat about {};
+    struct statvfs room {};
+    store.exists = ::stat(folder, &about) == 0 && S_ISDIR(about.st_mode) && ::statvfs(folder, &room) == 0;
+    if (!store.exists) return store;
+    store.owner = about.st_uid;
+    store.ownerMayWrite = (about.st_mode & S_IWUSR) != 0 && (about.st_mode & S_IXUSR) != 0;
+    store.isReadOnly = (room.f_flag & ST_RDONLY) != 0;
+    store.freeBytes = std::uint64_t{room.f_bavail} * room.f_frsize;
+    std::error_code ignored;  // a folder that closes meanwhile has no more files
+    for (const auto& entry : fs::directory_iterator(folder, ignored)) {
+        const std::string path = entry.path().string();
+        if (path.ends_with(".damaged")) store.damaged.push_back(path);
+        if (::stat(path.c_str(), &about) == 0)
+            store.newest = std::max<std::int64_t>(store.newest, about.st_mtime);
+    }
+    std::sort(store.damaged.begin(), store.damaged.end());
+    return store;
+}
+
+/// The file that routerd was told to read.
+std::string configPath(const BusFacts& bus) {
+    constexpr std::size_t limit = 65536;
+    constexpr std::string_view option = "--config";
+    for (const ProgramFact& program : bus.programs) {
+        if (program.number != contract::program::network) continue;
+        const auto words = tk::readFile("/proc/" + std::to_string(program.pid) + "/cmdline", limit);
+        if (!words.isOk()) break;
+        const std::size_t at = words->find(std::string(1, '\0') + std::string(option));
+        if (at == std::string::npos) break;
+        const std::size_t start = at + 1 + option.size() + 1;  // behind a zero or '='
+        return start < words->size() ? words->substr(start, words->find('\0', start) - start) : usualConfig;
+    }
+    return usualConfig;
+}
+
+void lookAtConfig(const BusFacts& bus, MachineFacts& machine) {
+    machine.config.path = configPath(bus);
+    const auto text = tk::readFile(machine.config.path, configLimit);
+    if (!text.isOk() && text.status().code() == ENOENT) return;  // as if it were empty
+    const auto config = text.isOk() ? parseConfig(*text, machine.config.path) : text.status();
+    if (config.isOk())
+        machine.config = *config;
+    else
+        machine.unseen.push_back({machine.config.path, config.reason(), ""});
+}
+
+std::int64_t timeOfOwnFile() {
+    struct stat about {};
+    return ::stat("/proc/self/exe", &about) == 0 ? about.st_mtime : 0;
+}
+
+}  // namespace
+
+void lookAtFiles(const BusFacts& bus, MachineFacts& machine) {
+    for (const auto& one : folders) machine.stores.push_back(lookAtStore(one.folder, one.program));
+    lookAtConfig(bus, machine);
+    machine.now = ::time(nullptr);
+    machine.builtAfter = timeOfOwnFile();
+}
+
+tk::Result<ConfigFacts> parseConfig(const std::string& text, const std::string& path) {
+    try {
+        const toml::table root = toml::parse(text);
+        ConfigFacts config;
+        config.path = path;
+        if (const toml::array* interfaces = root["interface"].as_array())
+            for (const toml::node& node : *interfaces)
+                if (const toml::table* interface = node.as_table();
+                    interface && (*interface)["terminate"].value_or(false))
+                    config.terminable.push_back((*interface)["name"].value_or(std::string()));
+        return config;
+    } catch (const toml::parse_error& error) {
+        return tk::Status::failure(std::string(error.description()));
+    }
+}
+
+}  // namespace doctor

@@ -1,0 +1,143 @@
+#include <algorithm>
+
+#include "doctor/judgements.h"
+
+namespace doctor {
+
+namespace {
+
+using contract::Role;
+
+const char* roleName(Role role) {
+    return role == Role::internal ? "internal" : "external";
+}
+
+const InterfaceFact* interfaceWith(const BusFacts& bus, std::uint32_t id) {
+    for (const InterfaceFact& interface : bus.interfaces)
+        if (interface.id == id) return &interface;
+    return nullptr;
+}
+
+/// The name of an interface that could take the role, as far as one can tell.
+std::string candidate(const BusFacts& bus, Role role) {
+    const auto wanted = role == Role::internal ? contract::Side::inside : contract::Side::outside;
+    for (const InterfaceFact& interface : bus.interfaces)
+        if (interface.side.side == wanted) return interface.name;
+    return "NAME";
+}
+
+void judgeLack(const Facts& facts, Role role, Findings& findings) {
+    const auto hasRole = [&](const RoleFact& fact) { return fact.role == role && !fact.isDisabled; };
+    if (std::any_of(facts.bus.roles.begin(), facts.bus.roles.end(), hasRole)) return;
+    const bool isInternal = role == Role::internal;
+    findings.push_back({isInternal ? "no-internal-role" : "no-external-role",
+                        Severity::error,
+                        roleName(role),
+                        std::string("No interface has the role ") + roleName(role) + '.',
+                        isInternal ? "The gateway is announced and served on internal interfaces alone."
+                                   : "Mappings lead from the address of an external interface to the LAN.",
+                        {"tkctl upnp interface add " + candidate(facts.bus, role) + ' ' + roleName(role)}});
+}
+
+void judgeDisabled(const RoleFact& role, Findings& findings) {
+    findings.push_back({"role-disabled",
+                        Severity::note,
+                        role.name,
+                        "The role of " + role.name + " is disabled.",
+                        "The interface is not served.",
+                        {"tkctl upnp interface set " + std::to_string(role.id) + " disabled=no"}});
+}
+
+void judgeMissing(const RoleFact& role, Findings& findings) {
+    const std::string id = std::to_string(role.id);
+    findings.push_back(
+        {"role-on-missing-interface",
+         Severity::error,
+         "item " + id,
+         std::string("The ") + roleName(role.role) + " item " + id + " names an interface that is not there.",
+         "It takes effect only when the interface comes back under its former name.",
+         {"tkctl upnp interface remove " + id}});
+}
+
+/// The bridge or bond that an interface is a member of; empty when it is none.
+std::string masterOf(const machine::Links& links, const std::string& name) {
+    const machine::Link* link = links.find(name);
+    const machine::Link* master = link ? links.find(link->master) : nullptr;
+    const bool isOfInterest =
+        master && (master->kind == "bridge" || master->kind == "bond" || master->kind == "team");
+    return isOfInterest ? master->name : std::string();
+}
+
+void judgeMember(const RoleFact& role, const std::string& master, Findings& findings) {
+    findings.push_back({"role-on-member",
+                        Severity::error,
+                        role.name,
+                        role.name + " has a role, but is a member of " + master + '.',
+                        "Packets of a member reach the router by " + master + ", which also has the address.",
+                        {"tkctl upnp interface set " + std::to_string(role.id) + " interface=" + master}});
+}
+
+void judgeSide(const Facts& facts, const RoleFact& role, Findings& findings) {
+    const InterfaceFact* interface = interfaceWith(facts.bus, role.interface);
+    if (!interface) return;
+    const contract::SideReply& side = interface->side;
+    if (role.role == Role::internal && side.side == contract::Side::outside)
+        findings.push_back({"internal-role-outside",
+                            Severity::error,
+                            role.name,
+                            role.name + " is internal, but lies outside: " + side.why + '.',
+                            "The gateway must not be served to the Internet, so searches there are dropped.",
+                            {"# if it is the LAN, name it in [lan] interfaces of " +
+                                 facts.machine.config.path + " and restart routerd; otherwise:",
+                             "tkctl upnp interface remove " + std::to_string(role.id)}});
+    if (role.role == Role::external && side.side == contract::Side::inside)
+        findings.push_back(
+            {"external-role-inside",
+             Severity::error,
+             role.name,
+             role.name + " is external, but lies inside: " + side.why + '.',
+             "Mappings lead from addresses outside alone; each one is refused here.",
+             {"# name the interfaces of the LAN, without " + role.name + ", in [lan] interfaces of " +
+              facts.machine.config.path + " and restart routerd"}});
+}
+
+void judgeRole(const Facts& facts, const RoleFact& role, Findings& findings) {
+    if (role.name.empty()) return judgeMissing(role, findings);
+    if (role.isDisabled) return judgeDisabled(role, findings);
+    if (const std::string master = masterOf(facts.machine.links, role.name); !master.empty())
+        judgeMember(role, master, findings);
+    judgeSide(facts, role, findings);
+}
+
+void judgeTermination(const Facts& facts, Findings& findings) {
+    if (!facts.bus.settings.allowDisableExternal) return;
+    const auto& terminable = facts.machine.config.terminable;
+    for (const RoleFact& role : facts.rolesOf(Role::external))
+        if (std::find(terminable.begin(), terminable.end(), role.name) != terminable.end())
+            findings.push_back(
+                {"lan-may-disconnect",
+                 Severity::warning,
+                 role.name,
+                 "Every host in the LAN can take " + role.name + " down.",
+                 "allow-disable-external is on, and router.toml lets programs do it (terminate).",
+                 {"tkctl upnp set allow-disable-external=no"}});
+}
+
+}  // namespace
+
+void judgeRoles(const Facts& facts, Findings& findings) {
+    if (!facts.bus.daemonAnswers) return;
+    if (!facts.bus.settings.enabled)
+        findings.push_back({"switched-off",
+                            Severity::error,
+                            "upnpd",
+                            "UPnP is switched off.",
+                            "Nobody in the LAN finds the gateway, and there are no mappings.",
+                            {"tkctl upnp set enabled=yes"}});
+    judgeLack(facts, Role::internal, findings);
+    judgeLack(facts, Role::external, findings);
+    for (const RoleFact& role : facts.bus.roles) judgeRole(facts, role, findings);
+    judgeTermination(facts, findings);
+}
+
+}  // namespace doctor
