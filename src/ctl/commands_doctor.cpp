@@ -1,9 +1,12 @@
 #include "ctl/commands.h"
 
+#include <memory>
+
 #include <CLI/App.hpp>
 
 #include "ctl/busfacts.h"
 #include "ctl/commandline.h"
+#include "ctl/commands.h"
 #include "ctl/context.h"
 #include "ctl/failure.h"
 #include "ctl/json.h"
@@ -26,10 +29,10 @@ Json findingToJson(const doctor::Finding& finding) {
     return object;
 }
 
-void examine(Context& context) {
+void examine(Context& context, bool searches) {
     doctor::Facts facts;
     facts.bus = readBusFacts(context);
-    facts.machine = doctor::lookAtMachine(facts.bus);
+    facts.machine = doctor::lookAtMachine(facts.bus, searches);
     const doctor::Findings findings = doctor::judge(facts);
     Json list = Json::array();
     for (const doctor::Finding& finding : findings) list.push_back(findingToJson(finding));
@@ -41,12 +44,14 @@ void examine(Context& context) {
 }  // namespace
 
 void addDoctorCommand(CLI::App& app, Context& context) {
-    CLI::App& command =
-        addCommand(app, context, "doctor",
-                   "Find what would keep mappings from working, and how to mend it; status 1 when there is "
-                   "anything",
-                   [&context] { examine(context); });
+    auto isQuiet = std::make_shared<bool>(false);
+    CLI::App& command = addCommand(
+        app, context, "doctor",
+        "Find what would keep mappings from working, and how to mend it. Status 1: there is something",
+        [&context, isQuiet] { examine(context, !*isQuiet); });
     addExample(command, "--json");
+    command.add_flag("--no-search", *isQuiet,
+                     "Send nothing into the LAN: other gateways there are not found");
 }
 
 }  // namespace ctl

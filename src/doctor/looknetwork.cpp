@@ -1,4 +1,5 @@
 #include <arpa/inet.h>
+#include <netinet/in.h>
 
 #include <algorithm>
 #include <charconv>
@@ -95,6 +96,7 @@ void lookAtForwarding(const BusFacts& bus, MachineFacts& machine) {
     Facts facts{bus, machine};
     facts.bus.flows.clear();  // the made-up ones lead from each side to each other
     for (const MappedFlow& flow : facts.flowsToTry()) {
+        if (flow.protocol != IPPROTO_TCP) continue;  // routes are the same for all protocols
         const AnswerRoute answer{flow.external,
                                  answersLeaveBy(gateway::ipToString(htonl(flow.client)), flow.internal)};
         if (std::find(machine.answers.begin(), machine.answers.end(), answer) == machine.answers.end())

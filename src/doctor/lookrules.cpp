@@ -26,8 +26,9 @@ struct TableName {
 
 tk::Result<std::vector<TableName>> parseTableNames(const std::string& text) {
     try {
+        const Json root = Json::parse(text);
         std::vector<TableName> names;
-        for (const Json& object : Json::parse(text).at("nftables"))
+        for (const Json& object : root.at("nftables"))
             if (object.contains("table"))
                 names.push_back({object["table"].at("family"), object["table"].at("name")});
         return names;
@@ -113,8 +114,9 @@ void lookAtNft(MachineFacts& machine) {
 }
 
 std::vector<std::uint32_t> parseUsers(const std::string& text) {
+    const Json root = Json::parse(text);
     std::vector<std::uint32_t> users;
-    for (const Json& object : Json::parse(text).at("nftables"))
+    for (const Json& object : root.at("nftables"))
         if (object.contains("set"))
             for (const Json& user : object["set"].value("elem", Json::array()))
                 if (user.is_number_unsigned()) users.push_back(user);
