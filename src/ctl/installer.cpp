@@ -26,7 +26,7 @@ using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
 constexpr mode_t usualMode = 0644;
-constexpr auto patience = 20s;
+constexpr auto patience = 10s;
 constexpr auto pause = 50ms;
 constexpr machine::ToolLimits unitLimits{.milliseconds = 90000};
 constexpr const char* unit = "routerd.service";
@@ -69,7 +69,7 @@ void writeFile(const std::string& file, const std::string& text) {
 std::string startLine(const std::string& file) {
     const std::string found = machine::findBeside("routerd");
     return "setsid " + (found.empty() ? "routerd" : found) +
-           (file == usualConfiguration ? "" : " --config " + file) +
+           (file == usualConfiguration ? "" : " --config " + std::filesystem::absolute(file).string()) +
            " </dev/null >>/var/log/routerd.log 2>&1 &";
 }
 
@@ -129,19 +129,24 @@ void Installer::changeFile(const SetupPlan& plan) {
     done.push_back(options.file + " is written");
 }
 
+/// Also when setup changes nothing in the file: somebody else may have done so.
 void Installer::readAgain(const SetupPlan& plan) {
-    if (plan.before == plan.after) return;
     try {
         context.session().request(contract::path::hub(), tk::command::hubReload);
     } catch (const Failure& failure) {
-        if (plan.fileExists) writeFile(options.file, plan.before);
-        if (!plan.fileExists && ::unlink(options.file.c_str()) != 0)
-            throw Failure(options.file +
-                          " cannot be removed again: " + std::generic_category().message(errno));
-        done.clear();
+        if (plan.before == plan.after) throw;
+        putBack(plan);
         throw Failure("routerd refuses the new file, so the old one is back: " + std::string(failure.what()));
     }
-    done.emplace_back("routerd has read it");
+    if (!done.empty()) done.emplace_back("routerd has read it");
+}
+
+void Installer::putBack(const SetupPlan& plan) {
+    if (plan.fileExists)
+        writeFile(options.file, plan.before);
+    else if (::unlink(options.file.c_str()) != 0)
+        check(tk::Status::ofErrno(options.file, errno));
+    done.clear();
 }
 
 void Installer::startRouter() {

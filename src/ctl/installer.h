@@ -8,21 +8,22 @@
 
 namespace ctl {
 
-/// Carries out what "tkctl setup" proposes: writes the configuration file, has routerd read it or starts it, gives
-/// the interfaces their roles and switches UPnP on.
+/// Carries out what "tkctl setup" proposes: writes the configuration file, has routerd read it or starts it,
+/// gives the interfaces their roles and switches UPnP on.
 class Installer {
 public:
     /// Lifetime: both outlive the installer.
     Installer(Context& context, const SetupOptions& options) : context(context), options(options) {}
 
     /// Returns once everything is in force.
-    /// Errors: throws Failure, which says what has been done and what has not. A file that routerd refuses is put
-    /// back as it was.
+    /// Errors: throws Failure, which says what has been done. A file that routerd refuses is put back as it
+    /// was.
     void apply(const SetupPlan& plan);
 
 private:
     void changeFile(const SetupPlan& plan);
     void readAgain(const SetupPlan& plan);
+    void putBack(const SetupPlan& plan);
     void startRouter();
     void give(const std::vector<setup::ItemChange>& changes);
     void switchOn();

@@ -26,9 +26,9 @@ constexpr std::size_t fileLimit = std::size_t{1024} * 1024;
 constexpr const char* forwarding = "/proc/sys/net/ipv4/ip_forward";
 constexpr std::size_t forwardingLimit = 16;
 
-// What is added where the file says nothing. Ports below 1024 are those of well-known services, which nobody should
-// open by accident. Busy hosts keep some dozens of mappings, so the limits stop only what is out of hand; and a client
-// that lists a thousand mappings makes a connection for each.
+// What is added where the file says nothing. Ports below 1024 are those of well-known services, which nobody
+// should open by accident. Busy hosts keep some dozens of mappings, so the limits stop only what is out of
+// hand. The rate leaves room for a client that lists all mappings: each takes it a connection.
 const setup::Setting usualSettings[] = {
     {"nat", "external-ports", R"(["1024-65535"])"},
     {"nat", "limit-per-client", "128"},

@@ -66,8 +66,8 @@ struct Links {
     bool operator==(const Links&) const = default;
 };
 
-// What the tool ip prints about links with "-j -d", about addresses and routes with "-4 -j", and the kernel in
-// /proc/net/pppoe.
+// Read what the tool ip prints about links with "-j -d" and about addresses and routes with "-4 -j", and what
+// the kernel tells in /proc/net/pppoe.
 // Errors: when the text is not of that form.
 
 [[nodiscard]] tk::Result<std::vector<Link>> parseLinks(const std::string& text);

@@ -52,8 +52,8 @@ struct Stream {
     }
 };
 
-/// How the child is started: its descriptors, its signals, and a process group of its own, so that all of it can
-/// be killed.
+/// How the child is started: its descriptors, its signals, and a process group of its own, so that all of it
+/// can be killed.
 class Spawning {
 public:
     Spawning() {
@@ -69,6 +69,7 @@ public:
         ::posix_spawnattr_setflags(&attributes,
                                    POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
         ::posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+        ::posix_spawn_file_actions_addchdir_np(&actions, "/");
     }
     Spawning(const Spawning&) = delete;
     Spawning& operator=(const Spawning&) = delete;

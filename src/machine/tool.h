@@ -6,7 +6,8 @@
 
 #include "tk/status.h"
 
-/// What this machine is: its tools, and what they tell of it. For the administrator's programs, which may wait.
+/// What this machine is: its tools, and what they tell of it. For the administrator's programs, which may
+/// wait.
 namespace machine {
 
 /// What a tool may use up.
@@ -25,9 +26,9 @@ struct ToolEnd {
     bool isOk() const { return status == 0; }
 };
 
-/// Runs a tool to its end, without a shell and without input, in the C locale. `arguments` begin with its name,
-/// which is looked for in the system's folders alone, or with its full path. What the tool itself started is
-/// not waited for.
+/// Runs a tool to its end, without a shell and without input, in the C locale and the root folder.
+/// `arguments` begin with its name, which is looked for in the system's folders alone, or with its full path.
+/// What the tool itself started is not waited for.
 /// Errors: code ENOENT when there is no such tool, ETIMEDOUT and EFBIG when it went over a limit: it has been
 /// killed then; otherwise the errno value of what failed.
 [[nodiscard]] tk::Result<ToolEnd> runTool(const std::vector<std::string>& arguments,
@@ -41,8 +42,8 @@ struct ToolEnd {
 /// The full path of a tool in the system's folders; empty when there is none.
 [[nodiscard]] std::string findTool(const std::string& name);
 
-/// The full path of a program that came with the one that runs, so it is beside it, or else in the system's folders;
-/// empty when there is none.
+/// The full path of a program that came with the one that runs: it is beside it, or else in the system's
+/// folders. Empty when there is none.
 [[nodiscard]] std::string findBeside(const std::string& name);
 
 }  // namespace machine

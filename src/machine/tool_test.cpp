@@ -31,7 +31,7 @@ TEST(Tool, GetsItsArgumentsAsTheyAre) {
 
 TEST(Tool, HasNoInputAndAPlainEnvironment) {
     ::setenv("SECRET", "1", 1);
-    EXPECT_EQ(*outputOf({"sh", "-c", "cat; echo $LC_ALL $SECRET"}), "C\n");
+    EXPECT_EQ(*outputOf({"sh", "-c", "cat; echo $LC_ALL $SECRET; pwd"}), "C\n/\n");
 }
 
 TEST(Tool, MoreOutputThanAPipeHoldsArrivesWhole) {

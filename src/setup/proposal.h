@@ -9,8 +9,8 @@
 #include "machine/links.h"
 #include "tk/status.h"
 
-/// How a router is to be set up: the roles of its interfaces and its configuration file. For the administrator's
-/// programs.
+/// How a router is to be set up: the roles of its interfaces and its configuration file. For the
+/// administrator's programs.
 namespace setup {
 
 using contract::Role;
@@ -58,7 +58,8 @@ struct Proposal {
 
 /// Proposes the roles of a machine's interfaces. The uplinks are the interfaces of the default route with the
 /// lowest metric. The LAN is what the configuration names, otherwise each network of hosts with private
-/// addresses; containers, tunnels and other uplinks are left out. Roles that exist are kept if they make sense.
+/// addresses; containers, tunnels and other uplinks are left out. Roles that exist are kept if they make
+/// sense.
 /// Errors: no uplink or no LAN is found; a wish names no interface, or makes an outside one internal without
 /// force. The reason says what to do.
 [[nodiscard]] tk::Result<Proposal> propose(const machine::Links& machine, const Present& present,
@@ -75,7 +76,8 @@ struct ItemChange {
     bool operator==(const ItemChange&) const = default;
 };
 
-/// What makes the gateway's items those of a proposal, removals first. Items of absent interfaces stay.
+/// What makes the gateway's items those of a proposal, removals first. Items of absent interfaces stay as
+/// they are.
 [[nodiscard]] std::vector<ItemChange> itemChanges(const std::vector<Item>& items, const Proposal& proposal);
 
 /// "add lan0 as internal".

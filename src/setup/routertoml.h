@@ -46,10 +46,10 @@ public:
     /// True when a [[program]] has the number.
     [[nodiscard]] bool hasProgram(std::uint32_t number) const;
 
-    /// The text with other values. A key that is absent goes below a comment that shows it, or to the end of its
-    /// section; a section that is absent goes to the end of the file, and so do the programs.
-    /// Errors: when a section is written in a way that cannot be added to; when the result would not mean what
-    /// it is meant to mean, and nothing else than before.
+    /// The text with other values. A key that is absent goes below a comment that shows it, or to the end of
+    /// its section; a section that is absent goes to the end of the file, and so do the programs.
+    /// Errors: when a section is written in a way that cannot be added to, or when the result would mean
+    /// something else.
     [[nodiscard]] tk::Result<std::string> with(const std::vector<Setting>& settings,
                                                const std::vector<Program>& programs) const;
 

@@ -1,0 +1,298 @@
+"""tkctl setup: from nothing to a gateway, and what it refuses."""
+import json
+import os
+import pty
+import re
+import shutil
+import subprocess
+
+import pytest
+
+import labs
+from control_point import LOCATION
+from labs import LAN1, ROUTER_WAN, eventually
+
+FORWARD = ("ip", "route", "add", "default", "via", "203.0.113.2", "dev", "wan1", "metric", "100")
+
+
+def file_of(lab):
+    return lab.root / "tesk" / "etc" / "router.toml"
+
+
+def set_up(lab, *words, check=False):
+    return lab.tkctl("setup", *words, check=check)
+
+
+def items(lab):
+    return [(item["name"], item["type"]) for item in lab.query("upnp", "interface", "list")]
+
+
+def state(lab):
+    """All that setup could change."""
+    file = file_of(lab)
+    return (file.read_text(), file.stat().st_ino, lab.query("upnp", "interface", "list"), lab.query("upnp", "get"),
+            lab.query("history", "list"))
+
+
+@pytest.fixture(scope="module")
+def shared_router(tmp_path_factory):
+    """A router whose second uplink is a fallback, so that nothing but lan0 is a LAN."""
+    lab = labs.Lab(tmp_path_factory.mktemp("lab"))
+    try:
+        lab.router.run(*FORWARD)
+        lab.start_routerd()
+        lab.start_upnpd()
+        yield lab
+    finally:
+        lab.down()
+
+
+@pytest.fixture
+def router(shared_router):
+    """That router before any set-up: each test leaves the two programs running."""
+    lab = shared_router
+    file_of(lab).write_text(labs.SIDES)
+    for item in lab.query("upnp", "interface", "list"):
+        lab.tkctl("upnp", "interface", "remove", item["id"])
+    lab.disable()
+    lab.tkctl("bus", "call", "0", "8")
+    yield lab
+    assert lab.routerd.running() and lab.upnpd.running()
+
+
+@pytest.fixture
+def new_router(bare_lab):
+    """A router on which nothing runs and nothing is configured. Its programs lie together, where all users can run
+    them."""
+    bare_lab.router.run(*FORWARD)
+    file_of(bare_lab).unlink()
+    for name in ("tkctl", "routerd"):
+        shutil.copy(labs.BIN / name, bare_lab.root / "tesk" / "bin" / name)
+    return bare_lab
+
+
+def own_tkctl(lab, *words):
+    return lab.router.run("/tesk/bin/tkctl", *words, check=False)
+
+
+def end_programs(lab):
+    """Ends the router that a line of the shell started, with all that it runs."""
+    left = lab.query("bus", "call", "0", "7")["fields"]
+    programs = next(field["value"] for field in left if field["id"] == "0xfe0002")
+    numbers = [next(field["value"] for field in program if field["id"] == "0x2") for program in programs]
+    os.kill(numbers[0], 15)
+    for number in numbers:
+        eventually(lambda: not os.path.exists(f"/proc/{number}"), f"program {number} ends")
+
+
+def test_leads_from_nothing_to_a_mapped_port(new_router):
+    lab = new_router
+    first = own_tkctl(lab, "setup", "--yes")
+    assert first.returncode == 1
+    line = re.search(r'run "(setsid /tesk/bin/routerd .*&)" and then tkctl setup again', first.stderr).group(1)
+    lab.router.run("sh", "-c", line.replace("/var/log", str(lab.directory)))
+    eventually(lambda: (lab.root / "run/tk/bus").exists(), "routerd serves the bus")
+    try:
+        second = own_tkctl(lab, "setup", "--yes")
+        assert (second.stderr, second.returncode) == ("", 0)
+        assert items(lab) == [("lan0", "internal"), ("wan0", "external")]
+        lab.lan1.run("upnpc", "-i", "-u", LOCATION, "-e", "web", "-a", LAN1, 8080, 1080, "TCP")
+        with lab.lan1.listen(8080) as server, lab.wan.connect(ROUTER_WAN, 1080):
+            server.accept()[0].close()
+        assert "Everything is set up already." in own_tkctl(lab, "setup").stdout
+    finally:
+        end_programs(lab)
+
+
+def test_starts_the_unit_where_systemd_runs_and_says_how_far_it_came_when_that_fails(new_router):
+    lab = new_router
+    if not os.path.exists("/usr/bin/systemctl"):
+        pytest.skip("there is no systemctl to put a script in the place of")
+    calls, script = lab.directory / "calls", lab.directory / "systemctl"
+    script.write_text("#!/bin/sh\necho 'Failed to enable unit' >&2\nexit 5\n")
+    script.chmod(0o755)
+    lab.router.run("mount", "--bind", script, "/usr/bin/systemctl")
+    (lab.root / "run/systemd/system").mkdir(parents=True)
+    failed = own_tkctl(lab, "setup", "--yes")
+    assert (failed.returncode, failed.stderr) == (
+        1, "tkctl: systemctl: Failed to enable unit; journalctl -u routerd.service tells more; done so far: "
+           "/tesk/etc/router.toml is written; the rest is not done\n")
+    script.write_text(f"#!/bin/sh\necho \"$*\" >>{calls}\nsetsid /tesk/bin/routerd >/dev/null 2>&1 &\n")
+    done = own_tkctl(lab, "setup", "--yes")
+    try:
+        assert (done.stderr, done.returncode) == ("", 0)
+        assert calls.read_text() == "enable --now routerd.service\n"
+        assert items(lab) == [("lan0", "internal"), ("wan0", "external")]
+        assert lab.query("upnp", "get")["enabled"] is True
+    finally:
+        end_programs(lab)
+
+
+def test_shows_what_it_would_change_and_changes_nothing_without_a_terminal(router):
+    before = state(router)
+    shown = set_up(router)
+    assert (shown.stderr, shown.returncode) == ("tkctl: nothing has been changed: --yes applies this\n", 1)
+    assert shown.stdout == """\
+INTERFACE  ROLE      BECAUSE
+lan0       internal  named in [lan] interfaces
+wan0       external  it carries the default route
+wan1       -         it carries a default route that is not the best one
+
+--- /tesk/etc/router.toml
++++ /tesk/etc/router.toml
+@@ -9,3 +9,12 @@
+ [[interface]]
+ name = "wan1"
+ terminate = true
++
++[nat]
++external-ports = ["1024-65535"]
++limit-per-client = 128
++limit = 1024
++
++[guard]
++requests-per-second = 200
++connections = 64
+
+add lan0 as internal
+add wan0 as external
+switch UPnP on
+
+Note: --lan NAME and --wan NAME choose other interfaces
+"""
+    assert state(router) == before
+
+
+def test_tells_the_proposal_as_json(router):
+    shown = set_up(router, "--json")
+    assert shown.returncode == 1
+    proposal = json.loads(shown.stdout)
+    assert [(role["interface"], role["type"]) for role in proposal["roles"]] == [("lan0", "internal"),
+                                                                                ("wan0", "external")]
+    assert (proposal["applied"], proposal["start"], proposal["enable"]) == (False, False, True)
+    applied = json.loads(set_up(router, "--json", "--yes", check=True).stdout)
+    assert applied == {**proposal, "applied": True}
+    settled = json.loads(set_up(router, "--json", check=True).stdout)
+    assert (settled["difference"], settled["items"], settled["enable"]) == ("", [], False)
+
+
+def test_applied_twice_it_changes_nothing_the_second_time(router):
+    done = set_up(router, "--yes", check=True)
+    assert re.search(r"\nDone. .*\n\d+ +lan0 +internal +no\n\d+ +wan0 +external +no\n$", done.stdout, re.DOTALL)
+    before = state(router)
+    assert before[0].startswith(labs.SIDES) and before[3]["enabled"]
+    again = set_up(router, "--yes", check=True)
+    assert again.stdout.endswith("\nEverything is set up already.\n")
+    assert state(router) == before
+
+
+def answer(lab, text):
+    """Runs setup on a terminal, gives an answer, and returns its status with all that it showed."""
+    ours, theirs = pty.openpty()
+    with subprocess.Popen(lab.router.command(labs.BIN / "tkctl", "setup"), stdin=theirs, stdout=theirs, stderr=theirs,
+                          start_new_session=True) as process:
+        os.close(theirs)
+        os.write(ours, text.encode())
+        shown = b""
+        try:
+            while chunk := os.read(ours, 65536):
+                shown += chunk
+        except OSError:  # the terminal has lost its last user
+            pass
+        os.close(ours)
+        return process.wait(labs.PATIENCE), shown.decode()
+
+
+def test_asks_once_on_a_terminal(router):
+    before = state(router)
+    status, shown = answer(router, "no\n")
+    assert status == 1 and shown.count("Apply? [y/N]") == 1 and "nothing has been changed" in shown
+    assert state(router) == before
+    status, shown = answer(router, "y\n")
+    assert status == 0 and shown.count("Apply? [y/N]") == 1
+    assert items(router) == [("lan0", "internal"), ("wan0", "external")]
+
+
+def test_an_outside_interface_becomes_internal_only_by_force(router):
+    router.router.run("ip", "route", "add", "8.0.0.0/8", "via", "203.0.113.2")
+    try:
+        before = state(router)
+        words = ("--yes", "--lan", "lan0", "--lan", "wan1")
+        refused = set_up(router, *words)
+        assert (refused.returncode, refused.stderr) == (
+            1, "tkctl: wan1 (named with --lan) is outside: it carries a route to 8.0.0.0/8; --force makes it internal "
+               "anyway\n")
+        assert state(router) == before
+        set_up(router, *words, "--force", check=True)
+        assert items(router) == [("lan0", "internal"), ("wan1", "internal"), ("wan0", "external")]
+        assert 'interfaces = ["lan0", "wan1"]\n' in file_of(router).read_text()
+    finally:
+        router.router.run("ip", "route", "del", "8.0.0.0/8")
+
+
+def test_a_file_that_routerd_refuses_is_put_back(router):
+    file = file_of(router)
+    wrong = "# mine\n[nat]\nlimitt = 7\n" + labs.SIDES
+    file.write_text(wrong)
+    file.chmod(0o640)
+    before = state(router)[2:]
+    refused = set_up(router, "--yes")
+    assert (refused.returncode, refused.stderr) == (
+        1, "tkctl: routerd refuses the new file, so the old one is back: /tesk/etc/router.toml:3: limitt: unknown key; "
+           "nothing has been changed\n")
+    assert file.read_text() == wrong and file.stat().st_mode & 0o777 == 0o640
+    assert state(router)[2:] == before
+    assert sorted(path.name for path in file.parent.glob("router*")) == ["router.toml"]
+    file.chmod(0o644)
+
+
+def test_a_broken_file_is_named_with_its_line(router):
+    file_of(router).write_text("[lan]\ninterfaces = lan0\n")
+    broken = set_up(router, "--yes")
+    assert broken.returncode == 1 and broken.stdout == ""
+    assert broken.stderr.startswith("tkctl: /tesk/etc/router.toml:2: ")
+
+
+def test_mends_roles_that_are_on_the_wrong_interface(router):
+    router.tkctl("upnp", "interface", "add", "lanp1", "internal", "--force")
+    router.tkctl("upnp", "interface", "add", "wan0", "internal", "--force")
+    shown = set_up(router, "--yes", check=True).stdout
+    assert "remove lanp1 (internal)\n" in shown and "change wan0 to external\n" in shown
+    assert items(router) == [("wan0", "external"), ("lan0", "internal")]
+
+
+def test_a_member_of_the_group_sees_the_proposal_and_applies_nothing(router):
+    before = state(router)
+    shown = router.router.run("setpriv", "--reuid", 64004, "--regid", 64004, "--groups", 64000, labs.BIN / "tkctl",
+                              "setup", "--yes", check=False)
+    assert (shown.returncode, shown.stderr) == (1, "tkctl: nothing has been changed: only root may apply this\n")
+    assert "switch UPnP on\n" in shown.stdout and state(router) == before
+
+
+@pytest.mark.parametrize("words, reason", [
+    (("--lan", "lan9"), "there is no interface 'lan9' that can have a role; there are: lan0, wan0, wan1"),
+    (("--lan", "lanp1"), "lanp1 is a member of lan0: name lan0 instead"),
+    (("--wan", "lo"), "there is no interface 'lo' that can have a role; there are: lan0, wan0, wan1"),
+])
+def test_a_slip_is_answered_by_one_line(router, words, reason):
+    refused = set_up(router, "--yes", *words)
+    assert (refused.stdout, refused.stderr, refused.returncode) == ("", f"tkctl: {reason}\n", 1)
+
+
+def test_a_file_that_cannot_be_written_is_named(router):
+    before = state(router)
+    refused = set_up(router, "--yes", "--config", "/sys/router.toml")
+    assert refused.returncode == 1
+    assert re.fullmatch(r"tkctl: /sys/router.toml.new: .*; nothing has been changed\n", refused.stderr)
+    assert state(router) == before
+
+
+def test_without_a_default_route_it_says_so(router):
+    router.router.run("ip", "route", "flush", "default")
+    try:
+        refused = set_up(router)
+        assert refused.stderr == ("tkctl: there is no default route, so there is no uplink: bring it up, or name it "
+                                  "with --wan NAME\n")
+    finally:
+        router.router.run("ip", "route", "add", "default", "via", "198.51.100.2")
+        router.router.run(*FORWARD)
