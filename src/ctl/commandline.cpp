@@ -115,8 +115,8 @@ void addAllCommands(CLI::App& app, Context& context) {
     addWatchCommand(app, context);
     addDoctorCommand(app, context);
     addReloadCommand(app, context);
-    CLI::App& upnp =
-        addGroup(app, context, "upnp", "Settings of UPnP, the interfaces that it serves, and the ports that it maps");
+    CLI::App& upnp = addGroup(app, context, "upnp",
+                              "Settings of UPnP, the interfaces that it serves, and the ports that it maps");
     addUpnpCommands(upnp, context);
     addUpnpMappingsCommand(upnp, context);
     addUpnpItemCommands(upnp, context);

@@ -404,11 +404,11 @@ Options:
 Commands:
   get                     Show the settings
   set                     Change settings; the others stay unchanged
+  mappings                List the ports that hosts in the LAN have mapped, and the traffic that used them
   interface list          List the interfaces that have a role
   interface add           Give an interface a role; prints the id of the new item
   interface set           Change an item; what is not named stays unchanged
   interface remove        Take away an interface's role
-  mappings                List the ports that hosts in the LAN have mapped, and the traffic that used them
 
 )");
 }
@@ -426,7 +426,7 @@ TEST_F(CommandLineTest, AMissingCommandIsAnsweredWithTheKnownOnes) {
 
 TEST_F(CommandLineTest, AnUnknownWordIsAnsweredWithTheKnownOnes) {
     EXPECT_EQ(run({"zzzzzz", "list"}), Status::misuse);
-    EXPECT_EQ(errors.str().substr(0, 61), "tkctl: unknown command 'zzzzzz'; there are: status, watch, in");
+    EXPECT_EQ(errors.str().substr(0, 61), "tkctl: unknown command 'zzzzzz'; there are: setup, status, wa");
 }
 
 TEST_F(CommandLineTest, ASlipOfTheFingerIsAnsweredWithTheNearestWord) {

@@ -111,9 +111,11 @@ Json mappingToJson(const Mapping& mapping) {
 }
 
 void addUpnpMappingsCommand(CLI::App& upnp, Context& context) {
-    addCommand(upnp, context, "mappings",
-               "List the ports that hosts in the LAN have mapped, and the traffic that used them",
-               [&context] { listMappings(context); });
+    CLI::App& command =
+        addCommand(upnp, context, "mappings",
+                   "List the ports that hosts in the LAN have mapped, and the traffic that used them",
+                   [&context] { listMappings(context); });
+    addExample(command, "--json");
 }
 
 }  // namespace ctl

@@ -288,7 +288,8 @@ TEST_F(LooperJoin, FailsWithTheHubsReasonWhenTheNumberIsTaken) {
 }
 
 TEST_F(LooperJoin, FailsWithTheSystemsReasonWithoutAHub) {
-    EXPECT_EQ(loop.looper.join(80, hub.path() + "none"), Status::ofErrno(ENOENT));
+    EXPECT_EQ(loop.looper.join(80, hub.path() + "none"),
+              Status::failure("No such file or directory: start routerd first", ENOENT));
 }
 
 TEST_F(LooperJoin, ServesRequestsOfTheHubThroughTheLoop) {
