@@ -1,13 +1,13 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <time.h>
-#include <toml++/toml.h>
 
 #include <algorithm>
 #include <filesystem>
 
 #include "contract/programs.h"
 #include "doctor/collect.h"
+#include "machine/toml.h"
 #include "tk/file.h"
 
 namespace doctor {
@@ -89,19 +89,16 @@ void lookAtFiles(const BusFacts& bus, MachineFacts& machine) {
 }
 
 tk::Result<ConfigFacts> parseConfig(const std::string& text, const std::string& path) {
-    try {
-        const toml::table root = toml::parse(text);
-        ConfigFacts config;
-        config.path = path;
-        if (const toml::array* interfaces = root["interface"].as_array())
-            for (const toml::node& node : *interfaces)
-                if (const toml::table* interface = node.as_table();
-                    interface && (*interface)["terminate"].value_or(false))
-                    config.terminable.push_back((*interface)["name"].value_or(std::string()));
-        return config;
-    } catch (const toml::parse_error& error) {
-        return tk::Status::failure(std::string(error.description()));
-    }
+    const toml::parse_result parsed = toml::parse(text);
+    if (!parsed) return tk::Status::failure(std::string(parsed.error().description()));
+    ConfigFacts config;
+    config.path = path;
+    if (const toml::array* interfaces = parsed.table()["interface"].as_array())
+        for (const toml::node& node : *interfaces)
+            if (const toml::table* interface = node.as_table();
+                interface && (*interface)["terminate"].value_or(false))
+                config.terminable.push_back((*interface)["name"].value_or(std::string()));
+    return config;
 }
 
 }  // namespace doctor

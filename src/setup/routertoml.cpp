@@ -4,10 +4,7 @@
 #include <string_view>
 #include <utility>
 
-#define TOML_EXCEPTIONS 0
-#define TOML_FLOAT_CHARCONV 1
-#define TOML_ENABLE_FORMATTERS 0
-#include <toml++/toml.h>
+#include "machine/toml.h"
 
 namespace setup {
 
