@@ -134,7 +134,7 @@ Lines Layout::places() const {
 }
 
 std::vector<std::string> Layout::mappingHeadings() const {
-    std::vector<std::string> headings{"PORT", "LEADS TO", "DESCRIPTION", "PACKETS", "BYTES"};
+    std::vector<std::string> headings{"PORT", "LEADS TO", "DESCRIPTION", "PACKETS", "TRAFFIC"};
     if (hasSeveralOutside()) headings.insert(headings.begin(), "ON");
     headings.push_back(history ? historyHeading : "SINCE");
     return headings;
@@ -190,7 +190,7 @@ Table Layout::hostTable(std::size_t rows) const {
     std::stable_sort(uses.begin(), uses.end(),
                      [](const HostUse& left, const HostUse& right) { return left.bytes > right.bytes; });
     if (uses.size() > rows) uses.resize(rows);
-    std::vector<std::string> headings{"HOST", "MAPPINGS", "PACKETS", "BYTES"};
+    std::vector<std::string> headings{"HOST", "MAPPINGS", "PACKETS", "TRAFFIC"};
     if (history) headings.push_back(historyHeading);
     Table table(headings);
     for (const HostUse& use : uses) {
@@ -242,7 +242,7 @@ Lines Layout::programs() const {
     }
     for (const std::uint32_t number : missing)
         text += ", " + programName(number) +
-                (number == contract::program::resolver ? " (starts when needed)" : " (not running)");
+                (number == contract::program::resolver ? " (when needed)" : " (not running)");
     return {line("Programs: " + text)};
 }
 

@@ -77,14 +77,14 @@ TEST_F(OverviewLayout, FitsAnUsualHomeOnAnUsualTerminal) {
               "Clients see 198.51.100.1 (wan0)\n"
               "\n"
               "1 mapping for 1 host\n"
-              "  PORT    LEADS TO        DESCRIPTION  PACKETS  BYTES   SINCE\n"
-              "  tcp 80  192.0.2.2:8080  web          34       3.4 kB  01-02 03:04\n"
+              "  PORT    LEADS TO        DESCRIPTION  PACKETS  TRAFFIC  SINCE\n"
+              "  tcp 80  192.0.2.2:8080  web          34       3.4 kB   01-02 03:04\n"
               "\n"
               "Refused lately\n"
               "  LAST         HOST       PORT    TIMES  REASON\n"
               "  01-02 03:04  192.0.2.3  tcp 22  3      501: destination port 22 refused: the …\n"
               "\n"
-              "Programs: routerd (100, root), upnpd (101, root), resolverd (starts when needed)\n");
+              "Programs: routerd (100, root), upnpd (101, root), resolverd (when needed)\n");
 }
 
 TEST_F(OverviewLayout, IsShortenedOnANarrowTerminal) {
@@ -95,7 +95,7 @@ TEST_F(OverviewLayout, IsShortenedOnANarrowTerminal) {
               "Clients see 198.51.100.1 (wan0)\n"
               "\n"
               "1 mapping for 1 host\n"
-              "  PORT    LEADS TO        BYTES\n"
+              "  PORT    LEADS TO        TRAFFIC\n"
               "  tcp 80  192.0.2.2:8080  3.4 kB\n"
               "\n"
               "Refused lately\n"
@@ -144,11 +144,11 @@ TEST_F(OverviewLayout, GroupsManyMappingsByTheirHosts) {
               "Clients see 198.51.100.1 (wan0)\n"
               "\n"
               "30 mappings for 2 hosts; tkctl upnp mappings lists them\n"
-              "  HOST       MAPPINGS  PACKETS  BYTES\n"
+              "  HOST       MAPPINGS  PACKETS  TRAFFIC\n"
               "  192.0.2.3  20        200      20 kB\n"
               "  192.0.2.2  10        100      10 kB\n"
               "\n"
-              "Programs: routerd (100, root), upnpd (101, root), resolverd (starts when needed)\n");
+              "Programs: routerd (100, root), upnpd (101, root), resolverd (when needed)\n");
 }
 
 TEST_F(OverviewLayout, TellsWhatIsUnusualInAMapping) {
@@ -158,8 +158,8 @@ TEST_F(OverviewLayout, TellsWhatIsUnusualInAMapping) {
     overview.mappings[0].requestedBy = inet_addr("192.0.2.9");
     EXPECT_NE(
         text().find(
-            "  ON    PORT    LEADS TO        DESCRIPTION                          PACKETS  BYTES   SINCE\n"
-            "  wan0  tcp 80  192.0.2.2:8080  (disabled) web (asked by 192.0.2.9)  34       3.4 kB  01-02 "
+            "  ON    PORT    LEADS TO        DESCRIPTION                          PACKETS  TRAFFIC  SINCE\n"
+            "  wan0  tcp 80  192.0.2.2:8080  (disabled) web (asked by 192.0.2.9)  34       3.4 kB   01-02 "
             "03:04\n"),
         std::string::npos)
         << text();
@@ -177,7 +177,7 @@ TEST_F(OverviewLayout, SaysWhatIsWrongRightAtTheTop) {
               "\n"
               "Nothing is mapped.\n"
               "\n"
-              "Programs: routerd (100, root), upnpd (101, root), resolverd (starts when needed)\n");
+              "Programs: routerd (100, root), upnpd (101, root), resolverd (when needed)\n");
 }
 
 TEST_F(OverviewLayout, SaysSoWhenTheDaemonIsNotThere) {
@@ -190,7 +190,7 @@ TEST_F(OverviewLayout, SaysSoWhenTheDaemonIsNotThere) {
         "! upnpd is not running: it is switched off, or failed; to start it: tkctl upnp set enabled=yes\n"
         "  tkctl doctor tells more\n"
         "\n"
-        "Programs: routerd (100, root), resolverd (starts when needed), upnpd (not running)\n");
+        "Programs: routerd (100, root), resolverd (when needed), upnpd (not running)\n");
 }
 
 TEST_F(OverviewLayout, NoTextFromTheNetworkReachesTheTerminal) {
@@ -207,8 +207,8 @@ TEST_F(OverviewLayout, AHistoryStandsBesideItsMapping) {
     history.note({mapped("192.0.2.2", 80, "web", 3156)}, 0);
     history.note(overview.mappings, 1000);
     const std::string shown = Terminal{}.render(layOut(overview, terminal, &history));
-    EXPECT_NE(shown.find("BYTES   LAST MINUTE\n"), std::string::npos) << shown;
-    EXPECT_NE(shown.find("3.4 kB                     ▂\n"), std::string::npos) << shown;
+    EXPECT_NE(shown.find("TRAFFIC  LAST MINUTE\n"), std::string::npos) << shown;
+    EXPECT_NE(shown.find("3.4 kB                      ▂\n"), std::string::npos) << shown;
 }
 
 TEST(QuantityText, HasAFewDigits) {
