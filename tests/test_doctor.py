@@ -3,7 +3,6 @@ import contextlib
 import json
 import os
 import socket
-import struct
 import threading
 import time
 
@@ -34,10 +33,11 @@ class Clinic:
             codes.setdefault(one["code"], []).append(one)
         return codes
 
-    def mend(self, finding, *wrapper, **options):
-        """Runs the lines as they stand."""
+    def mend(self, finding, tools="/nowhere", wrapper=()):
+        """Runs the lines as they stand; `tools` is a folder of programs that come first."""
         script = "\n".join(finding["mend"])
-        self.lab.router.run(*wrapper, "env", f"PATH={labs.BIN}:{os.environ['PATH']}", "sh", "-ec", script, **options)
+        path = f"PATH={tools}:{labs.BIN}:{os.environ['PATH']}"
+        self.lab.router.run(*wrapper, "env", path, "sh", "-ec", script)
 
     def run(self, *lines):
         for line in lines:
@@ -110,7 +110,9 @@ table inet filter {
 END"""
 NFT_RULE = """nft -f - <<'END'
 table ip mine {
-    chain check { ct state new counter reject with icmp admin-prohibited }
+    chain check {
+        ct state new counter reject with icmp admin-prohibited
+    }
     chain forward {
         type filter hook forward priority 10; policy accept;
         ct state vmap { established : accept, related : accept }
@@ -212,7 +214,7 @@ case "$*" in
     "--permanent --policy=mappings --add-rich-rule=rule family=\"ipv4\" destination address="*" accept")
         network=${3#*address=\"}; echo "nft add rule inet firewalld filter_FORWARD_POLICIES_pre ip daddr ${network%%\"*} accept" >"$state" ;;
     "--permanent --direct --add-rule ipv4 filter FORWARD 0 "*)
-        shift 6; echo "iptables-nft -I FORWARD_direct $*" >"$state" ;;
+        shift 7; echo "iptables-nft -I FORWARD_direct $*" >"$state" ;;
     "--reload") sh -e "$state" ;;
     *) echo "firewall-cmd: $*" >&2; exit 2 ;;
 esac
@@ -249,12 +251,306 @@ def test_a_chain_that_drops_is_named_and_mended(clinic, server, tmp_path, fault,
     try:
         assert not arrives(clinic.lab.wan)
         found = clinic.examine()
-        assert list(found) == ["forward-drop"]
+        assert list(found) == ["forward-drop"], json.dumps(found)
         finding, = found["forward-drop"]
         assert (finding["severity"], finding["subject"], finding["mend"][0]) == ("error", subject, line)
         assert f"such as tcp {ROUTER_WAN}:80 to {LAN1}:8080" in finding["what"]
-        clinic.mend(finding, "env", f"PATH={tmp_path}:{os.environ['PATH']}", "env")
+        clinic.mend(finding, tools=tmp_path)
         assert arrives(clinic.lab.wan)
         assert clinic.examine() == {}
     finally:
         clinic.run(LEGACY_CLEANUP if "legacy" in fault else NFT_CLEANUP)
+
+
+def test_ufw_is_mended_in_its_own_file(clinic, server, tmp_path):
+    """The file is /etc/ufw/before.rules, in a copy of /etc that only the lines see."""
+    rules = tmp_path / "ufw" / "before.rules"
+    rules.parent.mkdir()
+    rules.write_text("*filter\n:ufw-before-forward - [0:0]\n:ufw-not-local - [0:0]\n# End required lines\nCOMMIT\n")
+    clinic.run(UFW)
+    try:
+        assert not arrives(clinic.lab.wan)
+        finding, = clinic.examine()["forward-drop"]
+        assert finding["mend"][0] == "iptables -I ufw-before-forward -m conntrack --ctstate DNAT -j ACCEPT"
+        clinic.mend(finding, wrapper=("unshare", "-m", "sh", "-ec",
+                                      'mount -t tmpfs tmpfs /mnt; mkdir /mnt/ufw /mnt/alternatives; '
+                                      'mount --bind /etc/alternatives /mnt/alternatives; mount --bind "$0" /mnt/ufw; '
+                                      'mount --rbind /mnt /etc; exec "$@"',
+                                      rules.parent))
+        assert arrives(clinic.lab.wan)
+        assert clinic.examine() == {}
+        assert rules.read_text().splitlines()[2:4] == [
+            ":ufw-not-local - [0:0]", "-A ufw-before-forward -m conntrack --ctstate DNAT -j ACCEPT"]
+    finally:
+        clinic.run(NFT_CLEANUP)
+
+
+def test_the_counter_proves_a_drop(clinic, server):
+    clinic.run(IPTABLES.format(tool="iptables-nft"))
+    try:
+        assert not arrives(clinic.lab.wan)
+        finding, = clinic.examine()["forward-drop"]
+        assert "It has dropped " in finding["what"] and "and the mappings had " in finding["what"]
+    finally:
+        clinic.run(NFT_CLEANUP)
+
+
+def test_a_rule_that_nobody_can_judge_is_a_warning(clinic):
+    clinic.run("nft 'add table ip odd; add chain ip odd forward { type filter hook forward priority 0; }; "
+               "add rule ip odd forward meta hour \"03:00\"-\"04:00\" drop'")
+    try:
+        found = clinic.examine()
+        assert list(found) == ["forward-may-drop"]
+        assert found["forward-may-drop"][0]["severity"] == "warning"
+        assert "meta hour" in found["forward-may-drop"][0]["why"]
+        clinic.mend(found["forward-may-drop"][0])
+        assert clinic.examine() == {}
+    finally:
+        clinic.run("nft delete table ip odd")
+
+
+def test_a_flowtable_past_the_rules_is_a_warning(clinic):
+    made = clinic.lab.router.run("sh", "-ec", """nft -f - <<'END'
+table ip fast {
+    flowtable f {
+        hook ingress priority 0; devices = { lan0, wan0 };
+    }
+    chain forward {
+        type filter hook forward priority 0; policy accept;
+        ct state established flow add @f
+    }
+}
+END""", check=False)
+    if made.returncode != 0:
+        pytest.skip("the kernel has no flowtables")
+    try:
+        found = clinic.examine()
+        assert list(found) == ["flowtable-bypass"]
+        clinic.mend(found["flowtable-bypass"][0])
+        assert clinic.examine() == {}
+    finally:
+        clinic.run("nft delete table ip fast")
+
+
+def test_forwarding_that_is_off(clinic):
+    clinic.run("sysctl -qw net.ipv4.ip_forward=0")
+    assert list(clinic.examine()) == ["ip-forward-off"]
+    clinic.run("sysctl -qw net.ipv4.ip_forward=1 net.ipv4.conf.wan0.forwarding=0")
+    finding, = clinic.examine()["ip-forward-off"]
+    assert finding["subject"] == "wan0"
+    clinic.run(finding["mend"][0])
+
+
+# Roles, interfaces, addresses
+
+@contextlib.contextmanager
+def role(lab, name, kind, *options):
+    identifier = lab.tkctl("upnp", "interface", "add", name, kind, *options).stdout.strip()
+    try:
+        yield identifier
+    finally:
+        lab.tkctl("upnp", "interface", "remove", identifier)
+
+
+def test_missing_roles(clinic):
+    items = clinic.lab.query("upnp", "interface", "list")
+    for item in items:
+        clinic.lab.tkctl("upnp", "interface", "remove", item["id"])
+    found = clinic.examine()
+    assert set(found) == {"no-internal-role", "no-external-role"}
+    assert found["no-internal-role"][0]["mend"] == ["tkctl upnp interface add lan0 internal"]
+    clinic.mend(found["no-internal-role"][0])
+    clinic.mend(found["no-external-role"][0])  # the first that is outside: wan0
+
+
+def test_a_role_on_an_interface_that_is_gone(clinic):
+    clinic.run("ip link add gone0 type dummy")
+    eventually(lambda: "gone0" in clinic.lab.tkctl("interface", "list").stdout)
+    clinic.lab.tkctl("upnp", "interface", "add", "gone0", "external")
+    clinic.run("ip link delete gone0")
+    eventually(lambda: "gone0" not in clinic.lab.tkctl("interface", "list").stdout)
+    found = clinic.examine()
+    assert list(found) == ["role-on-missing-interface"]
+    clinic.mend(found["role-on-missing-interface"][0])
+
+
+def test_a_role_on_a_member_of_a_bridge(clinic):
+    with role(clinic.lab, "lanp1", "external"):
+        finding, = clinic.examine()["role-on-member"]
+        assert finding["subject"] == "lanp1" and "interface=lan0" in finding["mend"][0]
+
+
+def test_a_role_on_the_wrong_side(clinic):
+    with role(clinic.lab, "wan1", "internal", "--force"):
+        assert list(clinic.examine()) == ["internal-role-outside"]
+    inside = clinic.lab.query("upnp", "interface", "list")[0]
+    clinic.lab.tkctl("upnp", "interface", "set", inside["id"], "type=external")
+    assert {"external-role-inside", "no-internal-role"} <= set(clinic.examine())
+    clinic.lab.tkctl("upnp", "interface", "set", inside["id"], "type=internal")
+
+
+def test_a_link_that_is_down_and_an_interface_without_address(clinic):
+    with role(clinic.lab, "wan1", "external"):
+        clinic.run("ip link set wan1 down; ip address flush dev wan1")
+        found = clinic.examine()
+        assert {one["subject"] for one in found["link-down"] + found["no-address"]} == {"wan1"}
+        clinic.mend(found["link-down"][0])
+        clinic.run(f"ip address add {ROUTER_WAN2}/24 broadcast + dev wan1")
+        clinic.lab.wan2.run("ip", "link", "set", "eth0", "down")
+        assert "nothing is connected" in clinic.examine()["link-down"][0]["what"]
+        clinic.lab.wan2.run("ip", "link", "set", "eth0", "up")
+        assert not {"link-down", "no-address"} & set(clinic.examine())
+
+
+def test_an_address_that_the_internet_does_not_reach(clinic):
+    clinic.run("ip route add default via 203.0.113.2 dev wan1 metric 500")
+    with role(clinic.lab, "wan1", "external"):
+        clinic.run(*(f"ip address add {address} dev wan1" for address in
+                     ("192.168.77.2/24", "100.64.0.5/24", "169.254.7.7/16")))
+        found = clinic.examine()
+        assert {"address-private", "address-shared", "address-link-local"} <= set(found)
+        assert "203.0.113.2" in found["address-private"][0]["mend"][0]
+        clinic.run("ip address del 192.168.77.2/24 dev wan1; ip address del 100.64.0.5/24 dev wan1; "
+                   "ip address del 169.254.7.7/16 dev wan1; ip route del default dev wan1")
+
+
+def test_answers_that_leave_by_the_wrong_uplink(clinic, server):
+    """The lines that are printed lead the answers of a real connection back by the uplink that it came by."""
+    clinic.lab.wan2.run("ip", "address", "add", BEYOND + "/32", "dev", "lo")
+    with role(clinic.lab, "wan1", "external"):
+        path = f"/upnp/control/wanipconn-{clinic.lab.interface_id('wan1')}"
+        assert call(clinic.lab.lan1, path, "AddPortMapping", mapping()) == result("AddPortMapping")
+        clinic.run("sysctl -qw net.ipv4.conf.wan1.rp_filter=1")
+        found = clinic.examine()
+        assert set(found) == {"answers-leave-elsewhere", "rp-filter-drops"}
+        assert not arrives(clinic.lab.wan2, ROUTER_WAN2, BEYOND)
+        clinic.run(found["rp-filter-drops"][0]["mend"][0])
+        assert list(clinic.examine()) == ["answers-leave-elsewhere"]
+        assert not arrives(clinic.lab.wan2, ROUTER_WAN2, BEYOND)
+        clinic.mend(found["answers-leave-elsewhere"][0])
+        assert arrives(clinic.lab.wan2, ROUTER_WAN2, BEYOND, seconds=3)
+        assert clinic.examine() == {}
+    clinic.run("nft delete table ip uplinks; ip rule del fwmark $(ip rule | sed -n 's/.*fwmark \\(0x[0-9a-f]*\\).*/\\1/p'); "
+               "sysctl -qw net.ipv4.conf.wan1.rp_filter=0")
+
+
+def test_a_router_without_a_way_out(clinic):
+    clinic.run("ip route del default")
+    assert list(clinic.examine()) == ["no-way-out"]
+    clinic.run("ip route add default via 198.51.100.2")
+
+
+# Discovery
+
+def test_ports_that_another_program_holds(clinic):
+    clinic.lab.tkctl("upnp", "set", "enabled=no")
+    with clinic.lab.router.socket() as stranger, clinic.lab.router.socket(socket.SOCK_DGRAM) as second:
+        stranger.bind(("", 2828))
+        stranger.listen()
+        second.bind(("", 1900))
+        clinic.lab.tkctl("upnp", "set", "enabled=yes")
+        found = clinic.examine()
+        assert {one["subject"] for one in found["port-taken"]} == {"TCP 2828", "UDP 1900"}
+        assert f"process {os.getpid()}" in found["port-taken"][0]["what"]
+    clinic.mend(found["port-taken"][0])
+
+
+def test_another_gateway_in_the_lan_is_named(clinic):
+    answer = ("HTTP/1.1 200 OK\r\nST: urn:schemas-upnp-org:device:InternetGatewayDevice:1\r\n"
+              "SERVER: Box\x1b[2J/1.0\r\nLOCATION: http://192.0.2.3:80/\r\n\r\n").encode()
+    with clinic.lab.lan2.socket(socket.SOCK_DGRAM) as other:
+        other.bind(("", 1900))
+        other.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP,
+                         socket.inet_aton("239.255.255.250") + socket.inet_aton(LAN2))
+        heard = []
+
+        def serve():
+            text, peer = other.recvfrom(2000)
+            heard.append(text)
+            other.sendto(answer, peer)
+
+        thread = threading.Thread(target=serve)
+        thread.start()
+        finding, = clinic.examine("--json")["other-gateway"]
+        thread.join()
+    assert heard[0].startswith(b"M-SEARCH * HTTP/1.1\r\n")
+    assert finding["subject"] == "lan0"
+    assert f'{LAN2}, "Box\\x1b[2J/1.0"' in finding["what"]
+
+
+def test_snooping_without_a_querier(clinic):
+    clinic.run("ip link set lan0 type bridge mcast_snooping 1")
+    found = clinic.examine()
+    assert list(found) == ["snooping-without-querier"]
+    clinic.mend(found["snooping-without-querier"][0])
+    assert clinic.examine() == {}
+    clinic.run("ip link set lan0 type bridge mcast_snooping 0 mcast_querier 0")
+
+
+# Programs, rights, stores
+
+def test_what_may_not_be_looked_at_is_noted(clinic):
+    tool = clinic.lab.root / "tesk" / "tkctl"
+    labs.shutil.copy(labs.BIN / "tkctl", tool)
+    done = clinic.lab.router.run("setpriv", "--reuid", "64002", "--regid", "64002", "--groups", "64000", "/tesk/tkctl",
+                                 "doctor", "--no-search", "--json", check=False)
+    assert "not-seen" in {one["code"] for one in json.loads(done.stdout)}, done.stderr
+
+
+def test_a_tool_that_is_missing_is_noted(clinic):
+    done = clinic.lab.router.run("unshare", "-m", "sh", "-c", f"mount --bind /dev/null $(command -v nft); "
+                                 f"exec {labs.BIN}/tkctl doctor --no-search --json", check=False)
+    notes = [one for one in json.loads(done.stdout) if one["code"] == "not-seen"]
+    assert [one["subject"] for one in notes] == ["the rules of nftables"]
+    assert done.returncode == 0
+
+
+def test_programs_that_do_not_answer(bare_lab):
+    clinic = Clinic(bare_lab)
+    assert clinic.examine()["router-silent"][0]["severity"] == "error"
+    bare_lab.start_routerd()
+    found = clinic.examine()
+    assert "daemon-silent" in found and "router-silent" not in found
+    text = bare_lab.tkctl("doctor", "--no-search", check=False).stdout
+    assert text.startswith("error: upnpd does not answer: nobody at this destination.\n") and text.endswith("1 problem, 1 warning\n")
+
+
+def test_root_and_disconnection(lab):
+    """The usual lab of the tests: its routerd runs as root, and its hosts may disconnect."""
+    clinic = Clinic(lab)
+    found = clinic.examine()
+    assert [one["subject"] for one in found["runs-as-root"]] == ["routerd"]
+    assert [one["subject"] for one in found["lan-may-disconnect"]] == ["wan0"]
+    clinic.mend(found["lan-may-disconnect"][0])
+    assert "lan-may-disconnect" not in clinic.examine()
+    lab.tkctl("upnp", "set", "allow-disable-external=yes")
+
+
+def test_guard_versions_stores_and_clock(bare_lab):
+    clinic = Clinic(bare_lab)
+    tesk = bare_lab.root / "tesk"
+    config = tesk / "etc" / "lab.toml"
+    config.write_text(config.read_text() + "\n[guard]\nlimit-connections = false\n")
+    program = tesk / "bin" / "upnpd"
+    version = bare_lab.tkctl("--version").stdout.strip().encode()
+    whole = program.read_bytes()
+    assert b"@(#)gateway " + version in whole
+    program.write_bytes(whole.replace(b"@(#)gateway " + version, b"@(#)gateway " + b"9" * len(version)))
+    bare_lab.start_routerd("--config", "/tesk/etc/lab.toml")
+    bare_lab.tkctl("upnp", "interface", "add", "lan0", "internal")
+    found = clinic.examine()
+    assert [one["subject"] for one in found["guard-off"]] == ["upnpd"]
+    assert [one["subject"] for one in found["version-differs"]] == ["upnpd"]
+    assert [one["subject"] for one in found["switched-off"]] == ["upnpd"]
+    assert not {"store-damaged", "store-closed", "clock-wrong"} & set(found)
+    damaged = tesk / "store" / "upnp.damaged"
+    damaged.write_text("x")
+    os.utime(damaged, (time.time() + 86400,) * 2)
+    os.chown(tesk / "store", 0, 0)
+    found = clinic.examine()
+    assert [one["subject"] for one in found["store-damaged"]] == ["/tesk/store/upnp.damaged"]
+    assert [one["subject"] for one in found["store-closed"]] == ["/tesk/store"]
+    assert "clock-wrong" in found
+    clinic.mend(found["store-damaged"][0])
+    clinic.mend(found["store-closed"][0])
+    assert not {"store-damaged", "store-closed", "clock-wrong"} & set(clinic.examine())

@@ -49,7 +49,7 @@ struct ProgramFact {
 /// What the router's programs tell. A value.
 struct BusFacts {
     bool routerAnswers = false;
-    std::string routerSilence;  // why it does not
+    std::string routerSilence;  // a sentence that says why not, without its full stop
     bool daemonAnswers = false;
     std::string daemonSilence;
     contract::Settings settings;

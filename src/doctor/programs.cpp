@@ -21,7 +21,7 @@ void judgeAnswers(const BusFacts& bus, Findings& findings) {
         findings.push_back({"router-silent",
                             Severity::error,
                             "routerd",
-                            "routerd does not answer: " + bus.routerSilence + '.',
+                            bus.routerSilence + '.',
                             "Without routerd there is no gateway and no mapping.",
                             {"systemctl restart routerd", "# without systemd: start routerd as root"}});
     else if (!bus.daemonAnswers)
@@ -29,7 +29,7 @@ void judgeAnswers(const BusFacts& bus, Findings& findings) {
             {"daemon-silent",
              Severity::error,
              "upnpd",
-             "upnpd does not answer: " + bus.daemonSilence + '.',
+             bus.daemonSilence + '.',
              "Nobody in the LAN finds the gateway, and all mappings are gone.",
              {"systemctl restart upnpd",
               "# without systemd: name upnpd in a [[program]] of router.toml, or start it as root"}});

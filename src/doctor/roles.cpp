@@ -18,12 +18,29 @@ const InterfaceFact* interfaceWith(const BusFacts& bus, std::uint32_t id) {
     return nullptr;
 }
 
-/// The name of an interface that could take the role, as far as one can tell.
-std::string candidate(const BusFacts& bus, Role role) {
+/// How well an interface would do for the role; 0: not at all.
+int fitness(const Facts& facts, const InterfaceFact& interface, Role role) {
     const auto wanted = role == Role::internal ? contract::Side::inside : contract::Side::outside;
-    for (const InterfaceFact& interface : bus.interfaces)
-        if (interface.side.side == wanted) return interface.name;
-    return "NAME";
+    const machine::Link* link = facts.machine.links.find(interface.name);
+    if (interface.side.side != wanted || !link || !link->master.empty()) return 0;
+    const auto leadsOut = [&](const machine::Route& route) {
+        return route.isDefault() && route.device == interface.name;
+    };
+    const auto& routes = facts.machine.links.routes;
+    const bool isUplink = role == Role::external && std::any_of(routes.begin(), routes.end(), leadsOut);
+    return 1 + (facts.addressesOf(interface.name).empty() ? 0 : 1) + (isUplink ? 2 : 0);
+}
+
+/// The name of the interface that is best for the role, as far as one can tell.
+std::string candidate(const Facts& facts, Role role) {
+    int best = 0;
+    std::string name = "NAME";
+    for (const InterfaceFact& interface : facts.bus.interfaces) {
+        const int fit = fitness(facts, interface, role);
+        if (fit > best) name = interface.name;
+        best = std::max(best, fit);
+    }
+    return name;
 }
 
 void judgeLack(const Facts& facts, Role role, Findings& findings) {
@@ -36,7 +53,7 @@ void judgeLack(const Facts& facts, Role role, Findings& findings) {
                         std::string("No interface has the role ") + roleName(role) + '.',
                         isInternal ? "The gateway is announced and served on internal interfaces alone."
                                    : "Mappings lead from the address of an external interface to the LAN.",
-                        {"tkctl upnp interface add " + candidate(facts.bus, role) + ' ' + roleName(role)}});
+                        {"tkctl upnp interface add " + candidate(facts, role) + ' ' + roleName(role)}});
 }
 
 void judgeDisabled(const RoleFact& role, Findings& findings) {
