@@ -13,8 +13,8 @@ import textwrap
 from dataclasses import dataclass, field
 
 MARK = re.compile(r"<!-- (?:on (?P<host>\w+)|not run: (?P<reason>.+)) -->")
-COMMAND = re.compile(r"(\$ )?(sudo |tkctl|routerd|upnpd|resolverd|apt|cmake|dpkg|systemctl|journalctl|ip |nft |sysctl|"
-                     r"upnpc|lab/|bench/|tests/|\./|build/|man |git |groupadd|useradd)")
+COMMAND = re.compile(r"(\$ )?(sudo |tkctl|routerd|upnpd|resolverd|apt |cmake -|dpkg|systemctl|journalctl|ip |nft |sysctl|"
+                     r"upnpc|lab/\w|bench/\w|tests/\w|\./\w|build/\w|man |git |groupadd|useradd)")
 TIME = re.compile(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ")
 
 
