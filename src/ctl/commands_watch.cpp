@@ -93,7 +93,7 @@ private:
     tk::Runner runner{clock};
     tk::Fd signalSource = catchSignals();
     TraceOutput plainOutput{STDOUT_FILENO, signalSource.get()};
-    WatchTerminal terminal{STDIN_FILENO, STDOUT_FILENO, signalSource.get()};
+    std::optional<WatchTerminal> terminal;  // where the view is live
     Screen screen;
     TrafficHistory history;
     std::optional<Overview> last;
@@ -117,12 +117,12 @@ void Watcher::run() {
     // Asks for no event: the loss of the reader is reported in any case.
     tk::Watch readerWatch(runner);
     readerWatch.start<Watcher, &Watcher::readerLeft>(STDOUT_FILENO, *this, 0);
-    if (isLive) terminal.enter();
+    if (isLive) terminal.emplace(STDIN_FILENO, STDOUT_FILENO, signalSource.get()).enter();
     while (!ended) {
         if (isDue) refresh();
         if (!ended) runner.turn(-1);
     }
-    terminal.leave();
+    terminal.reset();
     if (!ended->empty()) throw Failure(*ended);
 }
 
@@ -196,7 +196,7 @@ void Watcher::showLive(const Overview& overview) {
     std::vector<Line> frame = layOut(overview, seen, &history);
     frame.resize(std::max<std::size_t>(seen.height, 1));
     frame.back() = {{footer, Style::faint}};
-    check(terminal.write(screen.draw(frame)), terminal.reason());
+    check(terminal->write(screen.draw(frame)), terminal->reason());
 }
 
 void Watcher::redraw() {
@@ -233,9 +233,9 @@ void Watcher::signalled(int descriptor, std::uint32_t) {
 
 /// Stops like any program, with the terminal as it was.
 void Watcher::pause() {
-    terminal.leave();
+    if (terminal) terminal->leave();
     ::raise(SIGSTOP);
-    if (isLive) terminal.enter();
+    if (terminal) terminal->enter();
     redraw();
 }
 

@@ -106,6 +106,7 @@ Lines Layout::indented(const Table& table) const {
 Lines Layout::headline() const {
     if (!overview.routerFailure.empty())
         return {line("routerd does not answer: nothing is known of the gateway.", Style::bad)};
+    if (!overview.isGatewayThere) return {line("UPnP is not served.", Style::warning)};
     if (!overview.settings) return {line("Nobody tells whether UPnP is on.", Style::warning)};
     if (!overview.settings->enabled) return {line("UPnP is off: nothing is mapped.", Style::warning)};
     return {line("UPnP is on.", Style::good)};

@@ -186,11 +186,33 @@ TEST_F(OverviewLayout, SaysSoWhenTheDaemonIsNotThere) {
     overview = without;
     EXPECT_EQ(
         text(),
-        "Nobody tells whether UPnP is on.\n"
+        "UPnP is not served.\n"
         "! upnpd is not running: it is switched off, or failed; to start it: tkctl upnp set enabled=yes\n"
         "  tkctl doctor tells more\n"
         "\n"
         "Programs: routerd (100, root), resolverd (when needed), upnpd (not running)\n");
+}
+
+TEST_F(OverviewLayout, SaysSoWhenTheDaemonDoesNotAnswer) {
+    overview.settings.reset();
+    overview.served.clear();
+    overview.mappings.clear();
+    overview.refusals.clear();
+    overview.gatewayFailure = "upnpd does not answer: no answer";
+    EXPECT_EQ(text(),
+              "Nobody tells whether UPnP is on.\n"
+              "! upnpd does not answer: no answer\n"
+              "  tkctl doctor tells more\n"
+              "\n"
+              "Programs: routerd (100, root), upnpd (101, root), resolverd (when needed)\n");
+}
+
+TEST_F(OverviewLayout, SaysSoWhenTheRouterDoesNotAnswer) {
+    overview = {};
+    overview.routerFailure = "cannot reach routerd";
+    EXPECT_EQ(text(),
+              "routerd does not answer: nothing is known of the gateway.\n"
+              "! cannot reach routerd\n");
 }
 
 TEST_F(OverviewLayout, NoTextFromTheNetworkReachesTheTerminal) {
