@@ -4,6 +4,7 @@ A block of code that has commands stands below a line that only the source shows
 
     <!-- on HOST -->           its commands run on this host of a lab, one after another
     <!-- not run: REASON -->   they do not, because ...
+    <!-- forms -->             these are no commands, but the forms that commands have
 
 In a block, a line that begins with "$ " is a command, and what follows is what it prints. Without such a line every
 line is a command, whose output is not looked at; text after two blanks and a "#" is a remark. A command that prints
@@ -12,7 +13,7 @@ import re
 import textwrap
 from dataclasses import dataclass, field
 
-MARK = re.compile(r"<!-- (?:on (?P<host>\w+)|not run: (?P<reason>.+)) -->")
+MARK = re.compile(r"<!-- (?:on (?P<host>\w+)|not run: (?P<reason>.+)|(?P<forms>forms)) -->")
 COMMAND = re.compile(r"(\$ )?(sudo |tkctl|routerd|upnpd|resolverd|apt |cmake -|dpkg|systemctl|journalctl|ip |nft |sysctl|"
                      r"upnpc|lab/\w|bench/\w|tests/\w|\./\w|build/\w|man |git |groupadd|useradd)")
 TIME = re.compile(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ")
@@ -56,7 +57,7 @@ def blocks_of(text):
         if fence or (line.startswith("    ") and (inside or before == "")):
             if not inside:
                 found = MARK.fullmatch(mark or "")
-                blocks.append(Block(number, [], *(found.group("host") or "", found.group("reason") or "") if found else ()))
+                blocks.append(Block(number, [], *(found.group("host") or "", found.group("reason") or found.group("forms") or "") if found else ()))
             blocks[-1].lines.append(line)
             inside, before = True, line
             continue

@@ -35,7 +35,7 @@ def run(lab, host, command):
     done = getattr(lab, host).run("sh", "-c", command.text, check=False, cwd=labs.ROOT,
                                   env={**os.environ, "PATH": PATH, "COLUMNS": "200"})
     printed = (done.stdout + done.stderr).rstrip("\n").splitlines()
-    fails = bool(command.output) and re.match(r"\w+: ", command.output[-1]) is not None
+    fails = bool(command.output) and re.match(r"tkctl: ", command.output[-1]) is not None
     assert (done.returncode != 0) == fails, f"{command.text}: status {done.returncode}\n{done.stdout}{done.stderr}"
     if command.output is not None:
         expected = "\n".join(command.output).rstrip("\n").splitlines()
