@@ -117,6 +117,19 @@ def test_a_command_of_the_administrator_can_hand_its_work_to_another_unit(runnin
     assert str(written.stat().st_uid) == ids(running, "passwd")["routerd"]
 
 
+def test_the_router_reads_its_configuration_again(running):
+    file = running.lab.root / "tesk" / "etc" / "router.toml"
+    before = file.read_text()
+    process = running.manager.running["routerd.service"].pid
+    for text, told in ((before + '[[user]]\nname = "nobody"\ntrace = true\n', "changed: user"),
+                       (before + "[nat\n", "router.toml:"), (before, "changed: user")):
+        mark = len(running.manager.log("routerd.service"))
+        file.write_text(text)
+        subprocess.run(["/bin/kill", "-HUP", str(process)], check=True)  # as ExecReload= has it
+        eventually(lambda: told in running.manager.log("routerd.service")[mark:], told)
+    assert running.manager.running["routerd.service"].pid == process and running.manager.runs("routerd.service")
+
+
 def test_the_router_shows_that_it_is_alive(running):
     seen = running.manager.signs.count("WATCHDOG=1")
     eventually(lambda: running.manager.signs.count("WATCHDOG=1") > seen + 1, "signs of life")
