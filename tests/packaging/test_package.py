@@ -1,4 +1,5 @@
 """The package: what is in it, and its way onto a system and off it."""
+import json
 import os
 import pathlib
 import re
@@ -9,7 +10,7 @@ import pytest
 import installation
 import labs
 from control_point import call, mapping, result
-from labs import LAN2, ROOT, ROUTER_WAN, WAN
+from labs import LAN1, LAN2, ROOT, ROUTER_WAN, WAN, WAN2
 
 FILES = pathlib.Path(__file__).parent / "files"
 
@@ -107,3 +108,42 @@ def test_a_package_is_installed_used_and_purged_and_nothing_of_it_stays(package,
     assert {pathlib.Path(path).name.rstrip("-") for path in made.left("etc")} <= users | {".pwd.lock"}
     others = ("var/lib/dpkg/", "var/log/dpkg.log", "var/cache/man/")  # dpkg's own, and man's, which indexes all pages
     assert [path for path in made.left("var") if not path.startswith(others)] == []
+
+
+DROPS = """
+table inet filter {
+    chain input { type filter hook input priority filter; policy accept; }
+    chain forward { type filter hook forward priority filter; policy drop; iifname "lan0" accept; ct state established accept; }
+}
+"""
+
+
+def is_reached(lab, listener):
+    """True when a host of the WAN reaches the listener by the router's port 8080."""
+    try:
+        with lab.wan.connect(ROUTER_WAN, 8080, seconds=1):
+            listener.accept()[0].close()
+            return True
+    except OSError:
+        return False
+
+
+def test_from_the_package_to_a_mapped_port_past_a_firewall_that_drops(package, bare_lab):
+    made = installation.Installation(bare_lab, package)
+    lab = bare_lab
+    lab.router.run("nft", "-f", "-", input=DROPS)
+    lab.router.run("ip", "route", "add", "default", "via", WAN2, "metric", "100")  # the second uplink is a fallback
+    made.install()
+    made.start()
+    made.tkctl("setup", "--yes")
+    mapped = lab.lan1.run("upnpc", "-i", "-m", "eth0", "-a", LAN1, "8080", "8080", "TCP")
+    assert f"external {ROUTER_WAN}:8080 TCP is redirected to internal {LAN1}:8080" in mapped.stdout
+    with lab.lan1.listen(8080) as listener:
+        assert not is_reached(lab, listener)
+        doctor = lab.router.run("/usr/sbin/tkctl", "doctor", "--json", check=False)
+        problems = [finding for finding in json.loads(doctor.stdout) if finding["severity"] == "error"]
+        assert (doctor.returncode, [finding["code"] for finding in problems]) == (1, ["forward-drop"]), doctor.stdout
+        lab.router.run("sh", "-c", problems[0]["mend"][0])
+        assert is_reached(lab, listener)
+    assert [finding["packets"] > 0 for finding in made.query("upnp", "mappings")] == [True]
+    assert lab.router.run("/usr/sbin/tkctl", "doctor").returncode == 0
