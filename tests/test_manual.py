@@ -34,6 +34,17 @@ def test_the_page_of_tkctl_names_every_command():
     assert [command for command in commands if f" {command} " not in page] == []
 
 
+def test_the_page_of_tkctl_names_every_option():
+    told = subprocess.run([labs.BIN / "tkctl", "--help"], capture_output=True, text=True, check=True).stdout
+    commands = re.findall(r"^  ([a-z]+(?: [a-z]+)*)  +", told.split("Commands:")[1], re.MULTILINE)
+    page = text_of(labs.ROOT / "packaging" / "man" / "tkctl.8")
+    for command in commands:
+        told = subprocess.run([labs.BIN / "tkctl", *command.split(), "--help"], capture_output=True, text=True).stdout
+        options = set(re.findall(r"^  (?:-\w,)?(--[a-z-]+)", told, re.MULTILINE)) - {"--help"}
+        assert options >= {"--json", "--socket"}, told
+        assert [option for option in sorted(options) if option not in page] == [], command
+
+
 def test_the_page_of_the_configuration_names_every_key():
     keys = set(re.findall(r'key == "([a-z-]+)"', (labs.ROOT / "src" / "router" / "config.cpp").read_text()))
     assert {"limit", "terminate"} <= keys
