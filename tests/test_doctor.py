@@ -364,7 +364,7 @@ def test_missing_roles(clinic):
 
 
 def test_a_role_on_an_interface_that_is_gone(clinic):
-    clinic.run("ip link add gone0 type dummy")
+    clinic.run("ip link add gone0 type veth peer name gone1")
     eventually(lambda: "gone0" in clinic.lab.tkctl("interface", "list").stdout)
     clinic.lab.tkctl("upnp", "interface", "add", "gone0", "external")
     clinic.run("ip link delete gone0")
@@ -445,6 +445,7 @@ def test_a_router_without_a_way_out(clinic):
 def test_ports_that_another_program_holds(clinic):
     clinic.lab.tkctl("upnp", "set", "enabled=no")
     with clinic.lab.router.socket() as stranger, clinic.lab.router.socket(socket.SOCK_DGRAM) as second:
+        stranger.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
         stranger.bind(("", 2828))
         stranger.listen()
         second.bind(("", 1900))

@@ -7,8 +7,8 @@
 
 namespace ctl {
 
-/// The findings for people: what, why, and the lines that mend it, indented so that they can be copied. A last
-/// line counts them.
+/// The findings for people: what, why, and the lines that mend it, indented so that they can be copied. A
+/// last line counts them.
 [[nodiscard]] std::string reportText(const doctor::Findings& findings, const Terminal& terminal = {});
 
 }  // namespace ctl

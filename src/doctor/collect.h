@@ -7,9 +7,10 @@
 
 namespace doctor {
 
-/// Asks the machine: what the kernel, its tools and the files say, where the roles tell to look. What cannot be
-/// looked at is noted in `unseen`.
-/// `searches`: true when other gateways in the LAN are asked for, once; they have a second and a half to answer.
+/// Asks the machine: what the kernel, its tools and the files say, where the roles tell to look. What cannot
+/// be looked at is noted in `unseen`.
+/// `searches`: true when other gateways in the LAN are asked for, once; they have a second and a half to
+/// answer.
 [[nodiscard]] MachineFacts lookAtMachine(const BusFacts& bus, bool searches);
 
 /// The version that the file of a running program carries.

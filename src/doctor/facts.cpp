@@ -59,7 +59,7 @@ std::vector<MappedFlow> Facts::flowsToTry() const {
         for (const RoleFact& internal : rolesOf(contract::Role::internal))
             for (const machine::Address& from : addressesOf(external.name))
                 for (const machine::Address& to : addressesOf(internal.name))
-                    for (const std::uint8_t protocol : {IPPROTO_TCP, IPPROTO_UDP})
+                    for (const std::uint8_t protocol : {std::uint8_t{IPPROTO_TCP}, std::uint8_t{IPPROTO_UDP}})
                         flows.push_back({external.name, internal.name, ntohl(from.address), madeUpPort,
                                          protocol, someHost(to), madeUpPort});
     return flows;

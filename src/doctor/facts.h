@@ -170,8 +170,8 @@ struct Facts {
     [[nodiscard]] const ProgramFact* program(std::uint32_t number) const;
     /// The IPv4 addresses of an interface that can be reached from other hosts.
     [[nodiscard]] std::vector<machine::Address> addressesOf(const std::string& interface) const;
-    /// The connections that the chains are tried with: those of the mappings; without any, made-up ones from each
-    /// external to each internal interface.
+    /// The connections that the chains are tried with: those of the mappings; without any, made-up ones from
+    /// each external to each internal interface.
     [[nodiscard]] std::vector<MappedFlow> flowsToTry() const;
 };
 

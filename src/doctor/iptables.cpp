@@ -236,10 +236,10 @@ private:
         if (option == "--mark") return onMark(take());
         if (isOneOf(option, {"--dst-type", "--pkt-type"}))
             return onNames(Subject::destinationType, split(lower(take()), ','));
-        if (isOneOf(option, {"--limit", "--hashlimit-upto", "--connlimit-upto"}))
-            return (void)take(), onRate(false);
-        if (isOneOf(option, {"--hashlimit-above", "--connlimit-above"})) return (void)take(), onRate(true);
+        const bool isAbove = isOneOf(option, {"--hashlimit-above", "--connlimit-above"});
         skipValues();
+        if (isAbove || isOneOf(option, {"--limit", "--hashlimit-upto", "--connlimit-upto"}))
+            return onRate(isAbove);
         return {};
     }
 

@@ -125,12 +125,11 @@ const Case cases[] = {
      "role-on-missing-interface", Severity::error, "item 3", "tkctl upnp interface remove 3"},
     {"InternalRoleOutside", [](Facts& facts) { facts.bus.interfaces[0].side.side = Side::outside; },
      "internal-role-outside", Severity::error, "lan0",
-     "# if it is the LAN, name it in [lan] interfaces of /tesk/etc/router.toml and restart routerd; "
+     "# if it is the LAN, name it in [lan] interfaces of /tesk/etc/router.toml, then: tkctl reload; "
      "otherwise:"},
     {"ExternalRoleInside", [](Facts& facts) { facts.bus.interfaces[1].side.side = Side::inside; },
      "external-role-inside", Severity::error, "wan0",
-     "# name the interfaces of the LAN, without wan0, in [lan] interfaces of /tesk/etc/router.toml and "
-     "restart routerd"},
+     "# name the interfaces of the LAN, without wan0, in [lan] interfaces of /tesk/etc/router.toml; then:"},
     {"RoleOnMember",
      [](Facts& facts) {
          facts.machine.links.links[0].master = "br9";
@@ -284,7 +283,7 @@ const Case cases[] = {
      "# give it a user of its own: [[program]] user, or [router] user for routerd, in router.toml; then "
      "restart routerd"},
     {"GuardOff", [](Facts& facts) { facts.machine.guardedUsers->clear(); }, "guard-off", Severity::warning,
-     "upnpd", "# in /tesk/etc/router.toml: [guard] limit-connections = true; then restart routerd"},
+     "upnpd", "# in /tesk/etc/router.toml: [guard] limit-connections = true; then:"},
     {"VersionDiffers", [](Facts& facts) { facts.bus.programs[1].version = "0.9"; }, "version-differs",
      Severity::warning, "upnpd", "systemctl restart upnpd"},
     {"StoreOfAnotherUser", [](Facts& facts) { facts.machine.stores[1].owner = 5; }, "store-closed",

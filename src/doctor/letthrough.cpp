@@ -12,8 +12,8 @@ using Lines = std::vector<std::string>;
 
 constexpr const char* iptablesRule = "-m conntrack --ctstate DNAT -j ACCEPT";
 
-/// What mends a chain is a rule that accepts connections with translated destinations, at the head of it or of a
-/// chain that it leads to.
+/// What mends a chain is a rule that accepts connections with translated destinations, at the head of it or
+/// of a chain that it leads to.
 Rule acceptingRule() {
     Condition translated;
     translated.subject = Subject::status;

@@ -215,15 +215,25 @@ private:
         if (statement.is_string()) return readWord(statement, rule);
         const std::string kind = statement.begin().key();
         const Json& content = statement.begin().value();
-        if (kind == "match") return addMatch(content, rule), true;
-        if (kind == "vmap") return addBranches(content, rule), true;
-        if (kind == "counter") return addCounter(content, rule), true;
-        if (kind == "limit" || kind == "ct count") return addLimit(content, rule), true;
-        if (kind == "mangle") return noteMark(content), true;
-        if (kind == "xt") return rule.conditions.emplace_back(), true;
-        if (kind == "set") return addUpdate(content, rule), true;
-        if (kind == "flow") return addOffload(content, rule), true;
-        return readVerdict(kind, content, rule);
+        if (kind == "match")
+            addMatch(content, rule);
+        else if (kind == "vmap")
+            addBranches(content, rule);
+        else if (kind == "counter")
+            addCounter(content, rule);
+        else if (kind == "limit" || kind == "ct count")
+            addLimit(content, rule);
+        else if (kind == "mangle")
+            noteMark(content);
+        else if (kind == "xt")
+            rule.conditions.emplace_back();
+        else if (kind == "set")
+            addUpdate(content, rule);
+        else if (kind == "flow")
+            addOffload(content, rule);
+        else
+            return readVerdict(kind, content, rule);
+        return true;
     }
 
     static bool readWord(const std::string& word, Rule& rule) {

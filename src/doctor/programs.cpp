@@ -60,7 +60,8 @@ void judgeGuard(const Facts& facts, const ProgramFact& daemon, Findings& finding
          "upnpd",
          "Nothing limits where upnpd can connect.",
          "Hosts in the LAN can make it send to addresses that they choose, on the Internet too.",
-         {"# in " + facts.machine.config.path + ": [guard] limit-connections = true; then restart routerd"}});
+         {"# in " + facts.machine.config.path + ": [guard] limit-connections = true; then:",
+          "tkctl reload"}});
 }
 
 void judgeVersion(const ProgramFact& program, const char* name, const std::string& ownVersion,

@@ -105,17 +105,17 @@ void judgeSide(const Facts& facts, const RoleFact& role, Findings& findings) {
                             role.name + " is internal, but lies outside: " + side.why + '.',
                             "The gateway must not be served to the Internet, so searches there are dropped.",
                             {"# if it is the LAN, name it in [lan] interfaces of " +
-                                 facts.machine.config.path + " and restart routerd; otherwise:",
+                                 facts.machine.config.path + ", then: tkctl reload; otherwise:",
                              "tkctl upnp interface remove " + std::to_string(role.id)}});
     if (role.role == Role::external && side.side == contract::Side::inside)
-        findings.push_back(
-            {"external-role-inside",
-             Severity::error,
-             role.name,
-             role.name + " is external, but lies inside: " + side.why + '.',
-             "Mappings lead from addresses outside alone; each one is refused here.",
-             {"# name the interfaces of the LAN, without " + role.name + ", in [lan] interfaces of " +
-              facts.machine.config.path + " and restart routerd"}});
+        findings.push_back({"external-role-inside",
+                            Severity::error,
+                            role.name,
+                            role.name + " is external, but lies inside: " + side.why + '.',
+                            "Mappings lead from addresses outside alone; each one is refused here.",
+                            {"# name the interfaces of the LAN, without " + role.name +
+                                 ", in [lan] interfaces of " + facts.machine.config.path + "; then:",
+                             "tkctl reload"}});
 }
 
 void judgeRole(const Facts& facts, const RoleFact& role, Findings& findings) {

@@ -23,12 +23,12 @@ struct SearchPlace {
 /// One search for gateways, which its destructor ends.
 class GatewaySearch {
 public:
-    /// Sends the search from each place. It leaves by that interface alone, and is not heard by programs of the
-    /// router itself.
+    /// Sends the search from each place. It leaves by that interface alone, and is not heard by programs of
+    /// the router itself.
     explicit GatewaySearch(const std::vector<SearchPlace>& places);
 
-    /// Waits until a second and a half after the search, and returns who answered, each once for each interface.
-    /// Answers from the `own` addresses do not count.
+    /// Waits until a second and a half after the search, and returns who answered, each once for each
+    /// interface. Answers from the `own` addresses do not count.
     [[nodiscard]] std::vector<OtherGateway> finish(const std::vector<machine::Address>& own);
 
 private:
