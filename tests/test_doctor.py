@@ -513,7 +513,7 @@ def test_programs_that_do_not_answer(bare_lab):
     found = clinic.examine()
     assert "daemon-silent" in found and "router-silent" not in found
     text = bare_lab.tkctl("doctor", "--no-search", check=False).stdout
-    assert text.startswith("error: upnpd does not answer: nobody at this destination.\n") and text.endswith("1 problem, 1 warning\n")
+    assert text.startswith("error: upnpd does not answer: nobody at this destination; start it: upnpd.\n") and text.endswith("1 problem, 1 warning\n")
 
 
 def test_root_and_disconnection(lab):
