@@ -48,6 +48,7 @@ unmap_port() { upnpc -d 80 TCP | shows "^UPNP_DeletePortMapping\(\) returned : 0
 
 interfaces_have_roles() { on router tkctl upnp interface list | shows "wan0 +external"; }
 mapping_is_listed() { on router tkctl upnp mappings | shows " 80 +192\.0\.2\.2:8080 .* tour "; }
+mapping_was_used() { on router tkctl upnp mappings | shows " tour .*Z +[1-9][0-9]* +[1-9][0-9]*$"; }
 no_mapping_is_listed() {
     local text
     text=$(on router tkctl upnp mappings) && printf '%s\n' "$text" && ! grep -q "192\.0\.2\.2:8080" <<<"$text"
@@ -77,6 +78,7 @@ lab_tour() {
     step "the administrator sees who mapped what" mapping_is_listed
     step "the WAN host reaches the server through the mapping" greeted wan 198.51.100.1 80
     step "lan2 reaches it by the external address too" greeted lan2 198.51.100.1 80
+    step "the administrator sees how much it was used" mapping_was_used
     step "the control point deletes the mapping" unmap_port
     step "the administrator sees that it is gone" no_mapping_is_listed
     step "the WAN host does not reach the server any more" refused wan 198.51.100.1 80

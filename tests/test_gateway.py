@@ -129,7 +129,7 @@ def test_the_tour_sees_every_step():
     done = subprocess.run([GATEWAY, "--once"], env=ENVIRONMENT, capture_output=True, text=True, timeout=120)
     assert (done.returncode, done.stderr) == (0, ""), done.stdout + done.stderr
     steps = [line for line in done.stdout.splitlines() if line.startswith("  ") and not line.startswith("      ")]
-    assert len(steps) == 12
+    assert len(steps) == 13
     assert all(line.startswith("  ✓ ") for line in steps), done.stdout
     for shown in ["wan$ lab/greeting hear 198.51.100.1 80\n      hello 198.51.100.2, this is the LAN",
                   "external 198.51.100.1:80 TCP is redirected to internal 192.0.2.2:8080"]:
