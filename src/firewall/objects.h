@@ -1,26 +1,10 @@
 #pragma once
 
 #include <cstdint>
-#include <span>
-#include <vector>
 
-#include "contract/natrules.h"
 #include "firewall/batch.h"
-#include "links/prefix.h"
 
 namespace firewall {
-
-using contract::NatKey;
-using contract::NatTarget;
-using contract::NatTraffic;
-
-/// What the kernel holds for one enabled rule. A value.
-struct Element {
-    NatKey key;
-    NatTarget target;
-
-    bool operator==(const Element&) const = default;
-};
 
 /// What the configuration says about the guard around the gateway daemon. A limit of 0 means none. A value.
 struct GuardConfig {
@@ -148,26 +132,5 @@ void changeGuard(Batch& batch, const GuardConfig& from, const GuardConfig& to);
 void resetMissedFlows(Batch& batch);
 /// Appends the table for IPv6.
 void createGuardOfIp6(Batch& batch);
-/// Appends users to those whose packets are guarded.
-/// `alsoIp6`: true when the table for IPv6 exists; the users are added there too.
-void addUsers(Batch& batch, std::span<const std::uint32_t> users, bool alsoIp6);
-
-/// What to do with the entries of a set.
-enum class Change : std::uint8_t { add, remove };
-
-// Append the addition or removal of entries of a set.
-
-/// Elements of the map dstnat.
-void changeElements(Batch& batch, Change change, std::span<const Element> elements);
-/// Elements of the set live.
-void changeLive(Batch& batch, Change change, std::span<const Element> elements);
-/// Interfaces in the set for hairpin connections, by index.
-void changeHairpins(Batch& batch, Change change, std::span<const std::uint32_t> indexes);
-/// Ranges of addresses in the set inside.
-void changeInside(Batch& batch, Change change, std::span<const links::AddressRange> ranges);
-
-/// What the elements of the set live have counted, in their order. All of them must be in the set.
-/// Errors: 0 for an element of which the kernel does not tell.
-[[nodiscard]] std::vector<NatTraffic> readTraffic(netlink::Socket& socket, std::span<const Element> elements);
 
 }  // namespace firewall

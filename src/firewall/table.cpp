@@ -12,6 +12,7 @@
 #include "firewall/features.h"
 #include "firewall/objects.h"
 #include "firewall/rules.h"
+#include "firewall/sets.h"
 #include "netlink/request.h"
 #include "tk/fd.h"
 #include "tk/log.h"

@@ -9,6 +9,7 @@
 
 #include "firewall/batch.h"
 #include "firewall/objects.h"
+#include "firewall/sets.h"
 #include "links/zones.h"
 #include "netlink/socket.h"
 #include "tk/status.h"

@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "firewall/objects.h"
+#include "firewall/sets.h"
 #include "links/zones.h"
 #include "tk/status.h"
 
