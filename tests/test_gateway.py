@@ -125,6 +125,13 @@ def test_it_does_not_start_without_its_interfaces(bare_lab, on_machine):
     assert gateway.lines == ["gateway: no interface nosuch0 on this machine"]
 
 
+def test_it_does_not_serve_the_interface_that_leads_to_the_internet(bare_lab, on_machine):
+    gateway = on_machine("wan0", "lan0")
+    assert gateway.wait() == 1
+    assert gateway.lines == [
+        "gateway: wan0 carries the default route, so it is no LAN; are --lan and --wan swapped?"]
+
+
 def test_the_tour_sees_every_step():
     done = subprocess.run([GATEWAY, "--once"], env=ENVIRONMENT, capture_output=True, text=True, timeout=120)
     assert (done.returncode, done.stderr) == (0, ""), done.stdout + done.stderr

@@ -1,4 +1,5 @@
 """Starts, ends and changes of the programs and of what they depend on."""
+import re
 import subprocess
 import time
 
@@ -277,3 +278,14 @@ def test_a_bad_configuration_is_told_by_file_and_line(bare_lab, text, line):
 def test_a_router_without_the_named_configuration_does_not_start(bare_lab):
     assert labs.Program(bare_lab, "routerd", "--config", "/nosuch.toml").wait() == 1
     assert labs.Program(bare_lab, "routerd", "--nosuch").wait() == 2
+
+
+@pytest.mark.parametrize("words, status, told", [
+    (["--version"], 0, r"upnpd \d+\.\d+\.\d+\n"),
+    (["--help"], 0, r"usage: upnpd\n.*"),
+    (["--config", "router.toml"], 2, r"usage: upnpd\n.*"),
+], ids=["version", "help", "misuse"])
+def test_a_daemon_that_is_given_an_argument_does_not_begin_to_serve(bare_lab, words, status, told):
+    done = bare_lab.router.run(labs.BIN / "upnpd", *words, check=False)
+    assert done.returncode == status
+    assert re.fullmatch(told, done.stdout, re.DOTALL), done.stdout

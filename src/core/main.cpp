@@ -1,18 +1,41 @@
+#include <cstdio>
 #include <memory>
+#include <string_view>
 
 #include "contract/programs.h"
 #include "core/gateway.h"
 #include "tk/account.h"
 #include "tk/log.h"
 #include "tk/looper.h"
+#include "tk/version.h"
 
 namespace {
 
 constexpr unsigned descriptors = 8192;  // enough for all connections and deliveries at their limits
 
+constexpr const char* usage =
+    "usage: upnpd\n"
+    "\n"
+    "The UPnP gateway daemon. It learns everything over the bus of routerd, and takes no argument.\n"
+    "\n"
+    "  --help     write this text\n"
+    "  --version  write the version\n";
+
+/// Answers a call with arguments, and returns the status to end with.
+int refuseArguments(int count, char** arguments) {
+    const std::string_view first = arguments[1];
+    if (count == 2 && first == "--version") {
+        std::printf("upnpd %s\n", tk::version());
+        return 0;
+    }
+    std::fputs(usage, stdout);
+    return count == 2 && first == "--help" ? 0 : 2;
+}
+
 }  // namespace
 
-int main() {
+int main(int count, char** arguments) {
+    if (count > 1) return refuseArguments(count, arguments);
     // Before anything is read.
     if (const tk::Status given = tk::giveUpRights("upnpd", {"/tesk/store"}); !given.isOk()) {
         tk::log("cannot give up root's rights: ", given.reason());
