@@ -225,7 +225,7 @@ Status becomeUser(const std::string& name, const std::vector<std::string>& folde
     const std::optional<Account> account = findAccount(name);
     if (!account) return {};
     for (const std::string& folder : folders)
-        if (const Status given = giveFolder(folder, *account); !given.isOk()) return given;
+        if (Status given = giveFolder(folder, *account); !given.isOk()) return given;
     return becomeAccount(inBusGroup(*account)) ? Status() : Status::ofErrno("user " + name, errno);
 }
 
@@ -233,7 +233,7 @@ Status becomeUser(const std::string& name, const std::vector<std::string>& folde
 
 Status giveUpRights(const std::string& name, const std::vector<std::string>& folders) {
     if (::geteuid() == 0)
-        if (const Status changed = becomeUser(name, folders); !changed.isOk()) return changed;
+        if (Status changed = becomeUser(name, folders); !changed.isOk()) return changed;
     // Capabilities that are no longer permitted leave the ambient set, too.
     if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && setNoCapabilities()) return {};
     return Status::ofErrno("the capabilities", errno);
