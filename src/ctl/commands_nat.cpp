@@ -97,7 +97,7 @@ std::uint16_t portNamed(const std::string& text) {
 }
 
 std::uint8_t protocolNamed(const std::string& text) {
-    for (const std::uint8_t protocol : {IPPROTO_TCP, IPPROTO_UDP})
+    for (const std::uint8_t protocol : {std::uint8_t{IPPROTO_TCP}, std::uint8_t{IPPROTO_UDP}})
         if (text == protocolText(protocol)) return protocol;
     throw misuse("'" + text + "': the protocol is tcp or udp");
 }

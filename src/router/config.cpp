@@ -299,6 +299,7 @@ std::vector<std::string> changedSections(const Config& before, const Config& aft
 
 void nameUsualUsers(Config& config, const std::vector<UsualUser>& usual) {
     std::vector<std::string> names;
+    names.reserve(usual.size());
     for (const UsualUser& each : usual) names.push_back(each.name);
     const std::vector<std::optional<uid_t>> found = tk::findUsers(names);
     for (std::size_t i = 0; i < usual.size(); ++i)
