@@ -42,11 +42,16 @@ message routingOf(const message& request) {
     return routing;
 }
 
+bool isRouting(std::uint32_t id) {
+    return id == field::destination || id == field::sender || id == field::number || id == field::kind ||
+           id == field::command;
+}
+
 message withoutRouting(const message& source) {
-    message own = source;
-    for (const std::uint32_t id :
-         {field::destination, field::sender, field::number, field::kind, field::command})
-        own.remove(id);
+    message own;
+    own.reserve(source.fields().size());
+    for (const message::Field& field : source.fields())
+        if (!isRouting(field.id)) own.insert(field);
     return own;
 }
 

@@ -53,6 +53,9 @@ Kind kindOf(const message& received);
 /// is addressed to the requester.
 message endOf(const message& request, message answer);
 
+/// True for the fields that stamp() appends, and for the destination.
+[[nodiscard]] bool isRouting(std::uint32_t id);
+
 /// Copies a message without its routing fields (sender, number, kind, command, destination).
 message withoutRouting(const message& source);
 

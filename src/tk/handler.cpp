@@ -63,13 +63,12 @@ bool Handler::isSubscribed(const Path& path, std::uint32_t command) const {
 }
 
 void Handler::notifyChange(std::uint32_t id, const message& data) {
-    message record;
-    record.insert_u32(field::objectId, id);
-    const message own = withoutRouting(data);
-    for (const message::Field& field : own.fields())
-        if (field.id != field::objectId) record.insert(field);
     message notification;
-    notification.insert_message_array(field::objects, {record});
+    message& record = notification.get_message_array_ref(field::objects).emplace_back();
+    record.reserve(data.fields().size() + 1);
+    record.insert_u32(field::objectId, id);
+    for (const message::Field& field : data.fields())
+        if (field.id != field::objectId && !isRouting(field.id)) record.insert(field);
     stamp(notification, ownPath, 0, Kind::notification, command::objectsChanged);
     (void)sendMessage(std::move(notification));  // nobody waits for a notification
 }

@@ -1,5 +1,6 @@
 #include "tk/message.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "tk/names.h"
@@ -120,6 +121,10 @@ std::vector<std::uint32_t>& message::get_u32_array_ref(std::uint32_t id) {
 
 std::vector<message>& message::get_message_array_ref(std::uint32_t id) {
     return reference<std::vector<message>>(id);
+}
+
+void message::reserve(std::size_t count) {
+    content.reserve(std::min(count, fieldLimit));
 }
 
 void message::insert_u32(std::uint32_t id, std::uint32_t value) {

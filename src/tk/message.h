@@ -91,6 +91,8 @@ public:
     std::vector<std::uint32_t>& get_u32_array_ref(std::uint32_t id);
     std::vector<message>& get_message_array_ref(std::uint32_t id);
 
+    /// Makes room for so many fields, at most fieldLimit: only saves time.
+    void reserve(std::size_t count);
     /// Sets a field: a new one is appended, another is replaced where it stands.
     void insert_u32(std::uint32_t id, std::uint32_t value);
     void insert_bool(std::uint32_t id, bool value);

@@ -36,6 +36,14 @@ TEST(Message, StartsEmpty) {
     EXPECT_EQ(empty, message());
 }
 
+TEST(Message, RoomForFieldsIsNoField) {
+    message roomy;
+    roomy.reserve(20);
+    roomy.reserve(static_cast<std::size_t>(-1));
+    EXPECT_TRUE(roomy.empty());
+    EXPECT_EQ(roomy, message());
+}
+
 TEST(Message, AbsentFieldsReadAsTheDefaultThatIsPassed) {
     const message empty;
     EXPECT_EQ(empty.get_u32(1, 9), 9U);

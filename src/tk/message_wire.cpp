@@ -9,6 +9,9 @@ namespace tk {
 
 namespace {
 
+// Units: bytes. Most fields take 6 to 9, some far more.
+constexpr std::size_t usualFieldSize = 10;
+
 template <typename T>
 void putInteger(std::string& out, T value) {
     for (std::size_t i = 0; i < sizeof value; ++i) out.push_back(static_cast<char>(value >> (8 * i)));
@@ -104,6 +107,7 @@ private:
 };
 
 bool Reader::readMessage(message& out) {
+    out.reserve(rest.size() / usualFieldSize);
     while (!rest.empty()) {
         std::uint32_t id = 0;
         std::uint8_t type = 0;
