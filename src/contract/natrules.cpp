@@ -5,7 +5,9 @@
 namespace contract {
 
 tk::message NatRule::toMessage() const {
+    constexpr std::size_t mostFields = 24;  // the traffic's or the routing included
     tk::message record;
+    record.reserve(mostFields);
     if (id != 0) record.insert_u32(tk::field::objectId, id);
     record.insert_bool(tk::field::dynamic, dynamic);
     record.insert_bool(tk::field::disabled, disabled);
