@@ -117,9 +117,10 @@ tk::Status checkAsking(const UserRights& rights, const tk::Path& path, std::uint
     // It takes back somebody else's change, which is more than writing records.
     if (asked.program == tk::program::history && command == contract::undoLast)
         return unless(rights.undoes, "may not undo changes: it needs undo = true");
+    if (mayAsk(rights, asked)) return {};
     const std::string place = textOf(path);
-    return unless(mayAsk(rights, asked), (isReading(asked) ? "may not look at {" : "may not change {") +
-                                             place + "}: it needs writes = [\"" + place + "\"]");
+    return tk::Status::failure((isReading(asked) ? "may not look at {" : "may not change {") + place +
+                               "}: it needs writes = [\"" + place + "\"]");
 }
 
 tk::Status checkBeing(const UserRights& rights, const std::string& what, std::uint32_t program) {
