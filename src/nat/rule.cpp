@@ -98,15 +98,15 @@ private:
 
     /// A range counts unless its flag says otherwise. A rule needs all ranges to count.
     tk::Status check(const Range& range) const {
-        const std::string name = range.name;
-        if (!request.get_bool(range.flag, true)) return fault(name + " cannot be left open");
+        if (!request.get_bool(range.flag, true))
+            return fault(std::string(range.name) + " cannot be left open");
         if (!request.has(range.first) && !request.has(range.last) && !isNew) return {};
-        if (!isType(range.first, range.type)) return fault(name + " is missing");
+        if (!isType(range.first, range.type)) return fault(std::string(range.name) + " is missing");
         const std::uint32_t value = read(range.first, range.type, 0);
         if (request.has(range.last) && read(range.last, range.type, ~value) != value)
-            return fault(name + ": ranges are not supported");
+            return fault(std::string(range.name) + ": ranges are not supported");
         if (range.type == tk::FieldType::u32 && value > highestPort)
-            return fault(name + " " + std::to_string(value) + " is above 65535");
+            return fault(std::string(range.name) + " " + std::to_string(value) + " is above 65535");
         return {};
     }
 
