@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <vector>
 
 #include "netlink/socket.h"
@@ -42,9 +41,8 @@ private:
 
     netlink::Socket& socket;
     std::uint32_t firstSequence;
-    std::uint32_t lastSequence;       // of the last message before the end marker
-    std::size_t lastOffset = 0;       // where that message starts
-    std::unique_ptr<char[]> scratch;  // for one message
+    std::uint32_t lastSequence;  // of the last message before the end marker
+    std::size_t lastOffset = 0;  // where that message starts
     std::vector<char> bytes;
 };
 
