@@ -1,5 +1,6 @@
 """What systemd says about the units, and which of their lines the tests know."""
 import re
+import shutil
 import subprocess
 
 import pytest
@@ -27,6 +28,15 @@ def test_a_service_is_exposed_to_little(service):
 @pytest.mark.parametrize("name", FILES)
 def test_the_tests_know_every_line_of_a_unit(name):
     assert Unit(UNITS / name).unknown() == set()
+
+
+def test_who_enables_the_router_enables_what_starts_the_others(tmp_path):
+    shutil.copytree(UNITS, tmp_path / "usr" / "lib" / "systemd" / "system")
+    subprocess.run(["systemctl", f"--root={tmp_path}", "enable", "routerd.service"], check=True, timeout=PATIENCE)
+    links = (tmp_path / "etc" / "systemd" / "system").rglob("*.*.wants/*")
+    assert sorted(f"{link.parent.name}/{link.name}" for link in links) == [
+        "multi-user.target.wants/routerd.service", "routerd.service.wants/resolverd.path",
+        "routerd.service.wants/upnpd.path"]
 
 
 def test_systemd_finds_no_fault_with_the_units(installed):

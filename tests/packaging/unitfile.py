@@ -6,8 +6,9 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 UNITS = ROOT / "packaging" / "systemd"
 
 # Lines that say how systemd treats the unit, not what the program meets.
-ABOUT = {"Description", "Documentation", "Requires", "PartOf", "After", "Before", "WantedBy", "StartLimitIntervalSec",
-         "Restart", "RestartSec", "TimeoutStopSec", "NotifyAccess", "ExecReload", "RuntimeDirectoryPreserve"}
+ABOUT = {"Description", "Documentation", "Requires", "PartOf", "After", "Before", "WantedBy", "Also",
+         "StartLimitIntervalSec", "Restart", "RestartSec", "TimeoutStopSec", "NotifyAccess", "ExecReload",
+         "RuntimeDirectoryPreserve"}
 
 # Lines that need systemd itself, and why.
 UNTRIED = {
