@@ -121,12 +121,14 @@ def test_the_router_reads_its_configuration_again(running):
     file = running.lab.root / "tesk" / "etc" / "router.toml"
     before = file.read_text()
     process = running.manager.running["routerd.service"].pid
-    for text, told in ((before + '[[user]]\nname = "nobody"\ntrace = true\n', "changed: user"),
-                       (before + "[nat\n", "router.toml:"), (before, "changed: user")):
-        mark = len(running.manager.log("routerd.service"))
+    faulty = before + "limitt = 1\n"
+    for text, status, output, errors in (
+            (before + '[[user]]\nname = "nobody"\ntrace = true\n', 0, "changed: user\n", ""),
+            (faulty, 1, "", f"tkctl: /tesk/etc/router.toml:{faulty.count(chr(10))}: limitt: unknown key\n"),
+            (before, 0, "changed: user\n", "")):
         file.write_text(text)
-        subprocess.run(["/bin/kill", "-HUP", str(process)], check=True)  # as ExecReload= has it
-        eventually(lambda: told in running.manager.log("routerd.service")[mark:], told)
+        done = running.manager.reload("routerd.service")
+        assert (done.returncode, done.stdout, done.stderr) == (status, output, errors)
     assert running.manager.running["routerd.service"].pid == process and running.manager.runs("routerd.service")
 
 

@@ -7,7 +7,7 @@ UNITS = ROOT / "packaging" / "systemd"
 
 # Lines that say how systemd treats the unit, not what the program meets.
 ABOUT = {"Description", "Documentation", "Requires", "PartOf", "After", "Before", "WantedBy", "Also",
-         "StartLimitIntervalSec", "Restart", "RestartSec", "TimeoutStopSec", "NotifyAccess", "ExecReload",
+         "StartLimitIntervalSec", "Restart", "RestartSec", "TimeoutStopSec", "NotifyAccess",
          "RuntimeDirectoryPreserve"}
 
 # Lines that need systemd itself, and why.
@@ -23,7 +23,7 @@ UNTRIED = {
 
 # Lines that sandbox.py puts into force, or that the stand-in for systemd in installation.py heeds.
 TRIED = {
-    "Type", "ExecStart", "WatchdogSec", "PathModified",
+    "Type", "ExecStart", "ExecReload", "WatchdogSec", "PathModified",
     "User", "Group", "SupplementaryGroups", "CapabilityBoundingSet", "AmbientCapabilities", "NoNewPrivileges",
     "PrivateUsers", "KeyringMode", "UMask", "ProtectSystem", "ReadWritePaths", "NoExecPaths", "ExecPaths",
     "RuntimeDirectory", "RuntimeDirectoryMode", "ProtectHome", "PrivateTmp",
