@@ -42,7 +42,7 @@ tk::Status becomeUser(const router::ConfigFile& file, const router::Config& conf
         return read.isOk() ? tk::Result(router::commandsIn(*read)) : read.status();
     };
     if (tk::Status opened = launcher.open(router::commandsIn(config), reread); !opened.isOk()) return opened;
-    return router::dropPrivileges(*config.user, {paths.busFolder(), paths.stores});
+    return router::dropPrivileges(*config.user, paths.busFolder(), paths.stores);
 }
 
 /// Runs the router until it is to end.

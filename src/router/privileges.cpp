@@ -31,11 +31,12 @@ bool keepNetAdmin() {
 
 }  // namespace
 
-tk::Status dropPrivileges(const tk::Account& account, const std::vector<std::string>& folders) {
+tk::Status dropPrivileges(const tk::Account& account, const std::string& bus, const std::string& stores) {
     if (::geteuid() != 0) return {};
     const tk::Account wanted = tk::inBusGroup(account);
-    for (const std::string& folder : folders)
-        if (tk::Status given = tk::giveFolder(folder, account); !given.isOk()) return given;
+    tk::Status given = tk::giveFolder(bus, account, tk::sharedFolder);
+    if (given.isOk()) given = tk::giveFolder(stores, account, tk::ownFolder);
+    if (!given.isOk()) return given;
     if (!limitCapabilities()) return tk::Status::ofErrno("the capabilities cannot be limited", errno);
     if (::prctl(PR_SET_KEEPCAPS, 1, 0, 0, 0) != 0 || !tk::becomeAccount(wanted))
         return tk::Status::ofErrno("user " + account.name, errno);

@@ -27,12 +27,10 @@ struct CloseFolder {
     void operator()(DIR* folder) const { (void)::closedir(folder); }
 };
 
-/// Makes a folder that everybody may enter, whatever the umask. An existing one stays as it is.
-Status makeFolder(const std::string& path) {
-    constexpr mode_t everybodyMayEnter = 0755;
-    if (::mkdir(path.c_str(), everybodyMayEnter) != 0)
-        return errno == EEXIST ? Status() : Status::ofErrno(errno);
-    return ::chmod(path.c_str(), everybodyMayEnter) == 0 ? Status() : Status::ofErrno(errno);
+/// Makes a folder with that mode, whatever the umask. An existing one stays as it is.
+Status makeFolder(const std::string& path, mode_t mode) {
+    if (::mkdir(path.c_str(), mode) != 0) return errno == EEXIST ? Status() : Status::ofErrno(errno);
+    return ::chmod(path.c_str(), mode) == 0 ? Status() : Status::ofErrno(errno);
 }
 
 /// Whoever may write to the folder may have linked somebody else's file into it. So only a file without a
@@ -212,9 +210,9 @@ Status giveContent(const std::string& path, const Account& account) {
 
 }  // namespace
 
-Status giveFolder(const std::string& path, const Account& account) {
-    Status given = makeFolder(path.substr(0, path.rfind('/')));
-    if (given.isOk()) given = makeFolder(path);
+Status giveFolder(const std::string& path, const Account& account, mode_t mode) {
+    Status given = makeFolder(path.substr(0, path.rfind('/')), sharedFolder);
+    if (given.isOk()) given = makeFolder(path, mode);
     if (given.isOk()) given = giveContent(path, account);
     return given.prefixed("folder " + path + ": ");
 }
@@ -225,7 +223,7 @@ Status becomeUser(const std::string& name, const std::vector<std::string>& folde
     const std::optional<Account> account = findAccount(name);
     if (!account) return {};
     for (const std::string& folder : folders)
-        if (Status given = giveFolder(folder, *account); !given.isOk()) return given;
+        if (Status given = giveFolder(folder, *account, ownFolder); !given.isOk()) return given;
     return becomeAccount(inBusGroup(*account)) ? Status() : Status::ofErrno("user " + name, errno);
 }
 

@@ -42,13 +42,17 @@ struct Account {
 /// Errors: false, with errno set; the process may then be half changed, and has to end.
 [[nodiscard]] bool becomeAccount(const Account& account);
 
-/// Gives the folder at `path`, and the files in it, to `account`; makes the folder and the one above it if
-/// they are absent. So a program that now runs as its own user can read and replace what it once wrote as
-/// root. Links, subfolders and files with a second hard link keep their owner.
-[[nodiscard]] Status giveFolder(const std::string& path, const Account& account);
+/// The mode of a folder that only its owner may enter, and that of one that everybody may.
+constexpr mode_t ownFolder = 0700;
+constexpr mode_t sharedFolder = 0755;
+
+/// Gives the folder at `path`, and the files in it, to `account`; makes the folder, with that mode, and the one
+/// above it, which everybody may enter, if they are absent. So a program that now runs as its own user can read
+/// and replace what it once wrote as root. Links, subfolders and files with a second hard link keep their owner.
+[[nodiscard]] Status giveFolder(const std::string& path, const Account& account, mode_t mode);
 
 /// Takes all rights, for good, from a process that reads what strangers send. A process that root started
-/// first gives the folders to the system's user `name`, then becomes that user, in that user's groups and the
+/// first gives the folders, its own, to the system's user `name`, then becomes that user, in that user's groups and the
 /// bus's; if there is no such user it stays root's. A process of any other user stays as it is. Each then
 /// gives up every capability, and no program that it starts could get one back.
 /// Errors: the process has to end.

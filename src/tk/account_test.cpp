@@ -46,33 +46,40 @@ protected:
         return status.st_uid;
     }
 
+    mode_t modeOf(const std::string& name) const {
+        struct stat status {};
+        EXPECT_EQ(::stat((base + name).c_str(), &status), 0) << name;
+        return status.st_mode & 07777;
+    }
+
     std::string base;
     Account account;
 };
 
 TEST_F(GiveFolder, MakesTheFolderThatIsAbsent) {
-    ASSERT_TRUE(giveFolder(base + "/new", account).isOk());
+    ASSERT_TRUE(giveFolder(base + "/new", account, ownFolder).isOk());
     EXPECT_EQ(ownerOf("/new"), account.uid);
 }
 
 TEST_F(GiveFolder, MakesTheFolderAboveItToo) {
-    ASSERT_TRUE(giveFolder(base + "/new/store", account).isOk());
+    ASSERT_TRUE(giveFolder(base + "/new/store", account, ownFolder).isOk());
     EXPECT_EQ(ownerOf("/new/store"), account.uid);
     EXPECT_EQ(ownerOf("/new"), 0U);
 }
 
-TEST_F(GiveFolder, LetsEverybodyEnterAFolderThatItMade) {
+TEST_F(GiveFolder, MakesItWithTheModeThatIsWantedWhateverTheUmask) {
     const mode_t before = ::umask(077);
-    ASSERT_TRUE(giveFolder(base + "/new", account).isOk());
+    ASSERT_TRUE(giveFolder(base + "/shared", account, sharedFolder).isOk());
+    ASSERT_TRUE(giveFolder(base + "/above/own", account, ownFolder).isOk());
     (void)::umask(before);
-    struct stat status {};
-    ASSERT_EQ(::stat((base + "/new").c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777, 0755U);
+    EXPECT_EQ(modeOf("/shared"), 0755U);
+    EXPECT_EQ(modeOf("/above"), 0755U);
+    EXPECT_EQ(modeOf("/above/own"), 0700U);
 }
 
 TEST_F(GiveFolder, GivesTheFilesInTheFolderToo) {
     write("/folder/nat");
-    ASSERT_TRUE(giveFolder(base + "/folder", account).isOk());
+    ASSERT_TRUE(giveFolder(base + "/folder", account, ownFolder).isOk());
     EXPECT_EQ(ownerOf("/folder"), account.uid);
     EXPECT_EQ(ownerOf("/folder/nat"), account.uid);
 }
@@ -81,7 +88,7 @@ TEST_F(GiveFolder, LeavesAFileThatHasAnotherNameElsewhere) {
     write("/secret");
     write("/folder/nat");
     ASSERT_EQ(::link((base + "/secret").c_str(), (base + "/folder/trap").c_str()), 0);
-    ASSERT_TRUE(giveFolder(base + "/folder", account).isOk());
+    ASSERT_TRUE(giveFolder(base + "/folder", account, ownFolder).isOk());
     EXPECT_EQ(ownerOf("/secret"), 0U);
 }
 
@@ -89,16 +96,16 @@ TEST_F(GiveFolder, FollowsNoLink) {
     write("/secret");
     write("/folder/nat");
     ASSERT_EQ(::symlink((base + "/secret").c_str(), (base + "/folder/trap").c_str()), 0);
-    ASSERT_TRUE(giveFolder(base + "/folder", account).isOk());
+    ASSERT_TRUE(giveFolder(base + "/folder", account, ownFolder).isOk());
     EXPECT_EQ(ownerOf("/secret"), 0U);
 
     ASSERT_EQ(::symlink(base.c_str(), (base + "/link").c_str()), 0);
-    EXPECT_FALSE(giveFolder(base + "/link", account).isOk());
+    EXPECT_FALSE(giveFolder(base + "/link", account, ownFolder).isOk());
     EXPECT_EQ(ownerOf(""), 0U);
 }
 
 TEST_F(GiveFolder, FailsWhereTheFolderCannotBeMade) {
-    EXPECT_FALSE(giveFolder(base + "/no/such/folder", account).isOk());
+    EXPECT_FALSE(giveFolder(base + "/no/such/folder", account, ownFolder).isOk());
 }
 
 /// The value of a line of /proc/self/status.

@@ -91,6 +91,7 @@ def test_a_package_is_installed_used_and_purged_and_nothing_of_it_stays(package,
     made.install()
     wants = bare_lab.root / "etc" / "systemd" / "system"
     assert os.readlink(wants / "multi-user.target.wants" / "routerd.service") == "/lib/systemd/system/routerd.service"
+    assert {oct((bare_lab.root / "tesk" / store).stat().st_mode & 0o7777) for store in ("router", "store")} == {"0o700"}
     made.start()
     made.serve()
     answer = call(bare_lab.lan2, made.wan_path(), "AddPortMapping", mapping(client=LAN2))
@@ -108,6 +109,16 @@ def test_a_package_is_installed_used_and_purged_and_nothing_of_it_stays(package,
     assert {pathlib.Path(path).name.rstrip("-") for path in made.left("etc")} <= users | {".pwd.lock"}
     others = ("var/lib/dpkg/", "var/log/dpkg.log", "var/cache/man/")  # dpkg's own, and man's, which indexes all pages
     assert [path for path in made.left("var") if not path.startswith(others)] == []
+
+
+def test_a_unit_that_does_not_stop_keeps_nobody_from_removing_the_package(package, bare_lab):
+    made = installation.Installation(bare_lab, package)
+    made.install()
+    (bare_lab.root / "run" / "systemd" / "system").mkdir(parents=True)
+    for tool, outcome in (("deb-systemd-invoke", "false"), ("systemctl", "true")):
+        bare_lab.router.run("mount", "--bind", f"/bin/{outcome}", f"/usr/bin/{tool}")
+    bare_lab.router.run("dpkg", "--remove", "gateway")
+    assert list(made.left("usr")) == []
 
 
 DROPS = """

@@ -52,6 +52,10 @@ def test_the_bus_belongs_to_the_router_and_the_group(router):
     assert told == f"660 {IDS[ROUTER]} {GROUP} socket\n"
 
 
+def test_nobody_else_may_look_into_the_stores_of_the_router(router):
+    assert router.router.run("stat", "-c", "%a %u", "/tesk/router").stdout == f"700 {IDS[ROUTER]}\n"
+
+
 def test_everything_works_as_before(router):
     router.tkctl("upnp", "interface", "add", "lan0", "internal")
     router.tkctl("upnp", "interface", "add", "wan0", "external")
