@@ -211,6 +211,10 @@ void Hub::post(tk::message stamped) {
     }
 }
 
+bool Hub::isHeard(const tk::Path& from, std::uint32_t command) const {
+    return tracers.isActive() || !subscriptions.of(from, command).empty();
+}
+
 void Hub::sendOwn(tk::message request) {
     const tk::Path from = request.get_u32_array(tk::field::sender);
     ownNumbers = tk::nextNumber(ownNumbers);

@@ -133,6 +133,7 @@ public:
     /// Sends a message of a handler of this process. A request gets its number here; its end reaches the
     /// handler's handleReply(), possibly before this returns.
     void post(tk::message stamped) override;
+    [[nodiscard]] bool isHeard(const tk::Path& from, std::uint32_t command) const override;
 
 private:
     void peerSent(Peer& peer, tk::message received) override;

@@ -45,6 +45,23 @@ protected:
     testing::TestHub bus;
 };
 
+TEST_F(HubServicesTest, ChangesAreHeardWhileSomebodySubscribesOrTraces) {
+    LocalHandler handler;
+    EXPECT_FALSE(handler.areChangesHeard());
+    bus.hub.addService(handler, {20, 0});
+    EXPECT_FALSE(handler.areChangesHeard());
+    const auto client = bus.connect();
+    subscribe(*client, {20, 1}, tk::command::objectsChanged);
+    EXPECT_FALSE(handler.areChangesHeard());
+    subscribe(*client, {20, 0}, tk::command::objectsChanged);
+    EXPECT_TRUE(handler.areChangesHeard());
+    EXPECT_FALSE(tk::isError(bus.ask(*client, {0}, tk::command::hubUnsubscribe,
+                                     testing::subscription({20, 0}, tk::command::objectsChanged))));
+    EXPECT_FALSE(handler.areChangesHeard());
+    EXPECT_FALSE(tk::isError(bus.ask(*client, {0}, tk::command::hubTrace)));
+    EXPECT_TRUE(handler.areChangesHeard());
+}
+
 TEST_F(HubServicesTest, LocalServicesAnswerUnderTheirPaths) {
     LocalHandler interfaces;
     LocalHandler history;

@@ -32,6 +32,9 @@ public:
     /// Sends a stamped message that nobody waits for: a reply, an error or a notification. It is dropped when
     /// it cannot be sent: the receiver or the bus is gone.
     virtual void post(message stamped) = 0;
+
+    /// False when it is certain that nobody would see the notification `command` of `from`.
+    [[nodiscard]] virtual bool isHeard(const Path& from, std::uint32_t command) const;
 };
 
 /// Appends the routing fields to a message, replacing any that it has. With `number` 0 it gets no number, as

@@ -62,6 +62,10 @@ bool Handler::isSubscribed(const Path& path, std::uint32_t command) const {
     return std::find(subscriptions.begin(), subscriptions.end(), wanted) != subscriptions.end();
 }
 
+bool Handler::areChangesHeard() const {
+    return bus && bus->isHeard(ownPath, command::objectsChanged);
+}
+
 void Handler::notifyChange(std::uint32_t id, const message& data) {
     message notification;
     message& record = notification.get_message_array_ref(field::objects).emplace_back();

@@ -43,6 +43,8 @@ public:
     /// True while subscribed to the notifications `command` of `path`.
     bool isSubscribed(const Path& path, std::uint32_t command) const;
 
+    /// False when it is certain that nobody would see the changes that are told: a record need not be made.
+    [[nodiscard]] bool areChangesHeard() const;
     /// Tells the subscribers that object `id` changed to `data`.
     void notifyChange(std::uint32_t id, const message& data);
 
