@@ -198,7 +198,7 @@ tk::message Service::cmdAddObj(const tk::message& request) {
         return refuse(status);
     rule.id = rules.newId();
     if (const tk::Status status = apply(nullptr, &rule); !status.isOk()) return tk::answerOf(status);
-    notifyChange(rule.id, rule.toMessage());
+    tellChanged(rule);
     tk::message reply;
     reply.insert_u32(tk::field::objectId, rule.id);
     return reply;
@@ -215,7 +215,7 @@ tk::message Service::cmdSetObj(const tk::message& request) {
     if (const tk::Status status = check(&known, *changed, isAskedByProgram()); !status.isOk())
         return refuse(status);
     if (const tk::Status status = apply(&known, &*changed); !status.isOk()) return tk::answerOf(status);
-    notifyChange(id, changed->toMessage());
+    tellChanged(*changed);
     return {};
 }
 
@@ -272,7 +272,12 @@ void Service::retryOrphans() {
     (void)removeOrphans();  // a refusal was logged when the client left
 }
 
+void Service::tellChanged(const Rule& rule) {
+    if (areChangesHeard()) notifyChange(rule.id, rule.toMessage());
+}
+
 void Service::tellRemoved(const std::vector<std::uint32_t>& ids) {
+    if (!areChangesHeard()) return;
     std::span<const std::uint32_t> left(ids);
     while (!left.empty()) {
         const auto part = left.first(std::min(left.size(), removedPerNotification));

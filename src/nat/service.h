@@ -75,6 +75,7 @@ private:
     tk::Status removeOrphans();
     tk::Status removeSomeOrphans();
     void retryOrphans();
+    void tellChanged(const Rule& rule);
     void tellRemoved(const std::vector<std::uint32_t>& ids);
     void addTraffic(std::span<tk::message> records);
 
