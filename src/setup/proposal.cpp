@@ -47,8 +47,9 @@ bool isOfContainers(const std::string& name) {
 std::string whyNoLan(const Address& address) {
     switch (machine::reachOf(address.network.address)) {
         case machine::Reach::site:
-        case machine::Reach::reserved:
             return address.isLeased ? "its address is leased, as by an uplink" : "";
+        case machine::Reach::reserved:
+            return "its network " + address.network.text() + " is for documentation";
         case machine::Reach::shared:
             return "its network " + address.network.text() + " is a provider's";
         case machine::Reach::link:
@@ -150,11 +151,34 @@ private:
     }
 
     void findLan() {
-        for (const Link& link : machine.links) {
-            if (isIn(wishes.wan, link.name) || hasItem(link.name, Role::external)) continue;
-            if (!whyNoLan(link).empty()) continue;
-            take(lan, link.name, "its network " + networksOf(link) + " is private");
-        }
+        for (const Link& link : machine.links)
+            if (mayBeLan(link) && whyNoLan(link).empty())
+                take(lan, link.name, "its network " + networksOf(link) + " is private");
+        if (lan.empty()) findLanToTry();
+    }
+
+    bool mayBeLan(const Link& link) const {
+        return !isIn(wishes.wan, link.name) && !hasItem(link.name, Role::external);
+    }
+
+    /// Networks for documentation are those of a router that is only tried, and of its uplinks as well.
+    void findLanToTry() {
+        std::vector<const Link*> found;
+        for (const Link& link : machine.links)
+            if (mayBeLan(link) && whyNoHosts(link).empty() && hasOnlyDocumentation(link))
+                found.push_back(&link);
+        const std::string others = found.size() > 1 ? "; --lan NAME leaves others out" : "";
+        for (const Link* link : found)
+            take(lan, link->name,
+                 "no LAN is private, and " + addressesOf(*link).front().network.text() +
+                     " is for documentation" + others);
+    }
+
+    bool hasOnlyDocumentation(const Link& link) const {
+        const std::vector<Address> addresses = addressesOf(link);
+        return !addresses.empty() && std::all_of(addresses.begin(), addresses.end(), [](const Address& a) {
+            return !a.isLeased && machine::reachOf(a.network.address) == machine::Reach::reserved;
+        });
     }
 
     bool hasItem(const std::string& name, Role role) const {
@@ -164,6 +188,15 @@ private:
 
     /// Why an interface is not taken for a LAN; empty when it is.
     std::string whyNoLan(const Link& link) const {
+        if (const std::string why = whyNoHosts(link); !why.empty()) return why;
+        std::string why = "it has no address";
+        for (const Address& address : addressesOf(link))
+            if (why = setup::whyNoLan(address); why.empty()) return why;
+        return why;
+    }
+
+    /// Why no hosts of a LAN are expected at an interface, whatever its addresses are.
+    std::string whyNoHosts(const Link& link) const {
         if (const Link& owner = ownerOf(machine, link); &owner != &link)
             return "it is a member of " + owner.name;
         if (isTunnel(link)) return "it is a tunnel";
@@ -171,11 +204,7 @@ private:
         if (link.type != "ether") return "it is no network of hosts";
         if (isOfContainers(link.name)) return "it is a network of containers or virtual machines";
         if (uplinks.isFallback(link.name)) return "it carries a default route that is not the best one";
-        if (!link.isUp) return "it is down";
-        std::string why = "it has no address";
-        for (const Address& address : addressesOf(link))
-            if (why = setup::whyNoLan(address); why.empty()) return why;
-        return why;
+        return link.isUp ? "" : "it is down";
     }
 
     std::vector<Address> addressesOf(const Link& link) const {

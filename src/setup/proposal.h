@@ -58,8 +58,8 @@ struct Proposal {
 
 /// Proposes the roles of a machine's interfaces. The uplinks are the interfaces of the default route with the
 /// lowest metric. The LAN is what the configuration names, otherwise each network of hosts with private
-/// addresses; containers, tunnels and other uplinks are left out. Roles that exist are kept if they make
-/// sense.
+/// addresses, and without any each that has only addresses for documentation; containers, tunnels and other
+/// uplinks are left out. Roles that exist are kept if they make sense.
 /// Errors: no uplink or no LAN is found; a wish names no interface, or makes an outside one internal without
 /// force. The reason says what to do.
 [[nodiscard]] tk::Result<Proposal> propose(const machine::Links& machine, const Present& present,

@@ -199,6 +199,19 @@ const Case cases[] = {
      "lan0=internal wan0=external - dmz cgn"},
     {"ALanThatIsDown", home().link("lan1").has("192.168.3.1/24").down(),
      "lan0=internal wan0=external - lan1"},
+    {"AnIdleUplinkWithADocumentationNetwork", home().link("wan1").has("203.0.113.1/24"),
+     "lan0=internal wan0=external - wan1"},
+    {"OnlyNetworksForDocumentation",
+     World()
+         .link("lan0")
+         .has("192.0.2.1/24")
+         .link("both")
+         .has("203.0.113.1/24")
+         .has("8.8.8.8/24")
+         .link("wan0")
+         .has("198.51.100.7/24")
+         .leads(),
+     "lan0=internal wan0=external - both"},
     {"UplinkWithAPrivateAddress",
      World().link("eth0").has("192.168.178.2/24").leads().link("eth1").has("192.168.1.1/24"),
      "eth1=internal eth0=external -"},
@@ -234,6 +247,18 @@ TEST(Proposal, SaysWhy) {
                                     {"wan0", Role::external, "it carries the default route"}},
                                    {{"wg0", Role::none, "it is a tunnel"}},
                                    {"lan0"}}));
+}
+
+TEST(Proposal, SaysThatALanIsGuessed) {
+    World world = World().link("wan0").has("198.51.100.7/24").leads().link("lan0").has("192.0.2.1/24");
+    EXPECT_EQ(setup::propose(world.machine, {}, {})->roles.front().why,
+              "no LAN is private, and 192.0.2.0/24 is for documentation");
+    world.link("wan1").has("203.0.113.1/24");
+    EXPECT_EQ(setup::propose(world.machine, {}, {})->roles.front().why,
+              "no LAN is private, and 192.0.2.0/24 is for documentation; --lan NAME leaves others out");
+    EXPECT_EQ(propose(world, {}, {std::nullopt, {{1, "lan0", Role::internal}}}),
+              "lan0=internal wan0=external - wan1")
+        << "a LAN that is there already is no guess";
 }
 
 TEST(Proposal, WishesStandInPlaceOfWhatIsFound) {
