@@ -14,6 +14,7 @@
 #include "contract/programs.h"
 #include "ctl/failure.h"
 #include "ctl/interfaces.h"
+#include "ctl/startadvice.h"
 #include "machine/tool.h"
 #include "tk/file.h"
 #include "tk/names.h"
@@ -150,7 +151,7 @@ void Installer::putBack(const SetupPlan& plan) {
 }
 
 void Installer::startRouter() {
-    if (::access("/run/systemd/system", F_OK) != 0)
+    if (!hasSystemd())
         throw Failure("routerd is not running, and there is no systemd to start it; run \"" +
                       startLine(options.file) + "\" and then tkctl setup again");
     const auto started = machine::outputOf({"systemctl", "enable", "--now", unit}, unitLimits);

@@ -9,6 +9,7 @@
 #include "contract/programs.h"
 #include "ctl/failure.h"
 #include "ctl/interfaces.h"
+#include "ctl/startadvice.h"
 #include "ctl/table.h"
 #include "machine/links.h"
 #include "machine/tool.h"
@@ -86,6 +87,16 @@ std::vector<setup::Item> askGateway(Context& context, SetupPlan& plan) {
     return readItems(context.session());
 }
 
+std::string triggerOf(const UsualProgram& program) {
+    return std::string("/run/tk/start/") + program.name;
+}
+
+setup::Command commandOf(const UsualProgram& program) {
+    const std::string found = machine::findBeside(program.name);
+    return {program.number, found.empty() ? std::string("/usr/sbin/") + program.name : found,
+            tk::findAccount(program.name) ? program.name : ""};
+}
+
 /// How routerd starts a program: by the unit that came with it, else by its command.
 std::string startOf(const UsualProgram& program) {
     const std::string name = program.name;
@@ -93,27 +104,41 @@ std::string startOf(const UsualProgram& program) {
     const bool hasUnit =
         ::access(("/usr/lib" + unit).c_str(), F_OK) == 0 || ::access(("/lib" + unit).c_str(), F_OK) == 0;
     std::string text;
-    if (hasUnit && ::access("/run/systemd/system", F_OK) == 0) {
-        text = "trigger = \"/run/tk/start/" + name + "\"\n";
+    if (hasUnit && hasSystemd()) {
+        text = "trigger = \"" + triggerOf(program) + "\"\n";
     } else {
-        const std::string found = machine::findBeside(name);
-        text = "command = [\"" + (found.empty() ? "/usr/sbin/" + name : found) + "\"]\n";
-        if (tk::findAccount(name)) text += "user = \"" + name + "\"\n";
+        const setup::Command command = commandOf(program);
+        text = "command = " + setup::listText({command.command}) + '\n';
+        if (!command.user.empty()) text += "user = \"" + command.user + "\"\n";
     }
     return program.startsWithRouter ? text + "start = true\n" : text;
 }
 
+/// Only systemd looks at the triggers that came with the package.
+std::vector<setup::Command> commandsInPlaceOfTriggers(const setup::RouterToml& file) {
+    std::vector<setup::Command> commands;
+    for (const UsualProgram& program : usualPrograms)
+        if (!hasSystemd() && file.hasTrigger(program.number, triggerOf(program)))
+            commands.push_back(commandOf(program));
+    return commands;
+}
+
 std::string changedText(const setup::RouterToml& file, const SetupPlan& plan) {
-    std::vector<setup::Setting> settings;
+    setup::Changes changes;
+    auto& settings = changes.settings;
     if (valueOf(file.lanInterfaces()) != plan.proposal.lanInterfaces)
         settings.push_back({"lan", "interfaces", setup::listText(plan.proposal.lanInterfaces)});
     for (const setup::Setting& setting : usualSettings)
         if (!file.has(setting.section, setting.key)) settings.push_back(setting);
-    std::vector<setup::Program> programs;
+    // A router that runs cannot change its user any more. Units name it themselves.
+    if (!plan.isRunning && !hasSystemd() && !file.has("router", "user") && tk::findAccount("routerd"))
+        settings.push_back({"router", "user", "\"routerd\""});
+    // What starts a daemon that answers is left alone.
+    if (plan.knowsItems) return valueOf(file.with(changes));
     for (const UsualProgram& program : usualPrograms)
-        if (!plan.knowsItems && !file.hasProgram(program.number))
-            programs.push_back({program.number, startOf(program)});
-    return valueOf(file.with(settings, programs));
+        if (!file.hasProgram(program.number)) changes.programs.push_back({program.number, startOf(program)});
+    changes.commands = commandsInPlaceOfTriggers(file);
+    return valueOf(file.with(changes));
 }
 
 std::vector<std::string> notesOn(const SetupPlan& plan, const std::vector<setup::Item>& items) {
@@ -130,7 +155,7 @@ std::vector<std::string> notesOn(const SetupPlan& plan, const std::vector<setup:
             "the kernel forwards nothing, so mapped ports lead nowhere; to make this machine a router: "
             "echo net.ipv4.ip_forward=1 >/etc/sysctl.d/60-router.conf && sysctl -p "
             "/etc/sysctl.d/60-router.conf");
-    if (!plan.proposal.leftOut.empty())
+    if (!plan.proposal.leftOut.empty() && !plan.isEmpty())
         notes.emplace_back("--lan NAME and --wan NAME choose other interfaces");
     return notes;
 }

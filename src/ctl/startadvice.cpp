@@ -7,13 +7,9 @@
 
 namespace ctl {
 
-namespace {
-
 bool hasSystemd() {
     return ::access("/run/systemd/system", F_OK) == 0;
 }
-
-}  // namespace
 
 std::string startAdvice(const std::string& program) {
     return "start it: " + (hasSystemd() ? "systemctl start " + program : program);

@@ -4,6 +4,9 @@
 
 namespace ctl {
 
+/// True when systemd runs this machine.
+[[nodiscard]] bool hasSystemd();
+
 /// How to start a program of the router: with systemd where that runs.
 [[nodiscard]] std::string startAdvice(const std::string& program);
 

@@ -65,6 +65,17 @@ bool showsKey(std::string_view line, const std::string& key) {
     return line.starts_with('=');
 }
 
+/// The [[program]] with a number; null when there is none.
+template <typename Root>
+auto programOf(Root& root, std::uint32_t number) -> decltype(root.as_table()) {
+    auto* list = root["program"].as_array();
+    for (std::size_t i = 0; list && i < list->size(); ++i)
+        if (auto* program = list->get(i)->as_table();
+            program && (*program)["number"].template value<std::int64_t>() == std::int64_t{number})
+            return program;
+    return nullptr;
+}
+
 /// Changes one text, value by value. Each change parses the text again, so that places stay right.
 class Editor {
 public:
@@ -80,14 +91,17 @@ public:
         if (!found) return addSection(setting);
         const toml::table* section = found->as_table();
         if (!section || !hasHeader(*section))
-            return tk::Status::failure(name + ":" + std::to_string(found->source().begin.line) + ": " +
-                                       setting.section + ": write it as [" + setting.section +
-                                       "] with its keys below, so that it can be changed");
-        if (const toml::node* value = section->get(setting.key))
-            replace(value->source(), setting.value);
-        else
-            insert(placeFor(*section, setting.key), lineOf(setting));
+            return unchangeable(*found, setting.section, "[" + setting.section + "]");
+        put(*section, setting);
         return {};
+    }
+
+    tk::Status set(const Command& command) {
+        tk::Status status = dropTrigger(command.number);
+        if (status.isOk()) status = setInProgram(command.number, "command", listText({command.command}));
+        if (status.isOk() && !command.user.empty())
+            status = setInProgram(command.number, "user", '"' + command.user + '"');
+        return status;
     }
 
     void add(const Program& program) {
@@ -100,6 +114,39 @@ public:
     std::string text() const { return joined(lines); }
 
 private:
+    tk::Status unchangeable(const toml::node& node, const std::string& key, const std::string& header) const {
+        return tk::Status::failure(name + ":" + std::to_string(node.source().begin.line) + ": " + key +
+                                   ": write it as " + header +
+                                   " with its keys below, so that it can be changed");
+    }
+
+    void put(const toml::table& section, const Setting& setting) {
+        if (const toml::node* value = section.get(setting.key))
+            replace(value->source(), setting.value);
+        else
+            insert(placeFor(section, setting.key), lineOf(setting));
+    }
+
+    tk::Status setInProgram(std::uint32_t number, const std::string& key, const std::string& value) {
+        const tk::Result<toml::table> root = parseToml(joined(lines), name);
+        if (!root.isOk()) return root.status();
+        const toml::table* program = programOf(*root, number);
+        if (program) put(*program, {"program", key, value});
+        return {};
+    }
+
+    tk::Status dropTrigger(std::uint32_t number) {
+        const tk::Result<toml::table> root = parseToml(joined(lines), name);
+        if (!root.isOk()) return root.status();
+        const toml::table* program = programOf(*root, number);
+        const toml::node* trigger = program ? program->get("trigger") : nullptr;
+        if (!trigger) return {};
+        if (!hasHeader(*program)) return unchangeable(*program, "program", "[[program]]");
+        std::string& line = lines[trigger->source().begin.line - 1];
+        line = '#' + line;
+        return {};
+    }
+
     std::string lineOf(const Setting& setting) const { return setting.key + " = " + setting.value + lineEnd; }
 
     /// Inline tables and dotted keys have none.
@@ -163,6 +210,16 @@ private:
     std::string lineEnd;
 };
 
+void putInto(toml::table& root, const std::vector<Command>& commands) {
+    for (const Command& command : commands) {
+        toml::table* program = programOf(root, command.number);
+        if (!program) continue;
+        program->erase("trigger");
+        program->insert_or_assign("command", toml::array{command.command});
+        if (!command.user.empty()) program->insert_or_assign("user", command.user);
+    }
+}
+
 /// Puts the settings into a parsed table.
 /// Errors: a value is not TOML.
 tk::Status putInto(toml::table& root, const std::vector<Setting>& settings, const std::string& name) {
@@ -219,23 +276,27 @@ bool RouterToml::has(const std::string& section, const std::string& key) const {
 
 bool RouterToml::hasProgram(std::uint32_t number) const {
     const tk::Result<toml::table> root = parseToml(content, name);
-    const toml::array* list = root.isOk() ? (*root)["program"].as_array() : nullptr;
-    return list && std::any_of(list->begin(), list->end(), [number](const toml::node& entry) {
-               const toml::table* program = entry.as_table();
-               return program && (*program)["number"].value<std::int64_t>() == std::int64_t{number};
-           });
+    return root.isOk() && programOf(*root, number);
 }
 
-tk::Result<std::string> RouterToml::with(const std::vector<Setting>& settings,
-                                         const std::vector<Program>& programs) const {
+bool RouterToml::hasTrigger(std::uint32_t number, const std::string& trigger) const {
+    const tk::Result<toml::table> root = parseToml(content, name);
+    const toml::table* program = root.isOk() ? programOf(*root, number) : nullptr;
+    return program && (*program)["trigger"].value<std::string>() == trigger;
+}
+
+tk::Result<std::string> RouterToml::with(const Changes& changes) const {
     Editor editor(content, name);
-    for (const Setting& setting : settings)
+    for (const Setting& setting : changes.settings)
         if (tk::Status status = editor.set(setting); !status.isOk()) return status;
-    for (const Program& program : programs) editor.add(program);
+    for (const Command& command : changes.commands)
+        if (tk::Status status = editor.set(command); !status.isOk()) return status;
+    for (const Program& program : changes.programs) editor.add(program);
     tk::Result<toml::table> wanted = parseToml(content, name);
     if (!wanted.isOk()) return wanted.status();
-    tk::Status status = putInto(*wanted, settings, name);
-    if (status.isOk()) status = putInto(*wanted, programs, name);
+    putInto(*wanted, changes.commands);
+    tk::Status status = putInto(*wanted, changes.settings, name);
+    if (status.isOk()) status = putInto(*wanted, changes.programs, name);
     if (!status.isOk()) return status;
     const tk::Result<toml::table> made = parseToml(editor.text(), name);
     if (made.isOk() && *made == *wanted) return editor.text();

@@ -27,6 +27,22 @@ struct Program {
     bool operator==(const Program&) const = default;
 };
 
+/// How a [[program]] is to be started from now on. A value.
+struct Command {
+    std::uint32_t number = 0;
+    std::string command;  // a full path
+    std::string user;     // empty: the router's
+
+    bool operator==(const Command&) const = default;
+};
+
+/// What is to change in the configuration file. A value.
+struct Changes {
+    std::vector<Setting> settings;
+    std::vector<Program> programs;  // that are added
+    std::vector<Command> commands;  // each in place of the program's trigger
+};
+
 /// The text of router.toml: tells what it says, and changes single values in it, so that comments, order and
 /// everything else stay as they are.
 class RouterToml {
@@ -45,13 +61,15 @@ public:
     [[nodiscard]] bool has(const std::string& section, const std::string& key) const;
     /// True when a [[program]] has the number.
     [[nodiscard]] bool hasProgram(std::uint32_t number) const;
+    /// True when the [[program]] with the number is started by that trigger.
+    [[nodiscard]] bool hasTrigger(std::uint32_t number, const std::string& trigger) const;
 
-    /// The text with other values. A key that is absent goes below a comment that shows it, or to the end of
-    /// its section; a section that is absent goes to the end of the file, and so do the programs.
+    /// The text with changes. A key that is absent goes below a comment that shows it, or to the end of its
+    /// section; a section that is absent goes to the end of the file, and so do added programs. A trigger
+    /// becomes a comment.
     /// Errors: when a section is written in a way that cannot be added to, or when the result would mean
     /// something else.
-    [[nodiscard]] tk::Result<std::string> with(const std::vector<Setting>& settings,
-                                               const std::vector<Program>& programs) const;
+    [[nodiscard]] tk::Result<std::string> with(const Changes& changes) const;
 
 private:
     RouterToml(std::string content, std::string name) : content(std::move(content)), name(std::move(name)) {}

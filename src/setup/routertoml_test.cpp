@@ -15,7 +15,7 @@ RouterToml parsed(const std::string& text) {
 /// The text with both settings, or the reason why there is none.
 std::string edited(const std::string& text, const std::vector<Setting>& settings = {lan, ports},
                    const std::vector<Program>& programs = {}) {
-    const auto result = parsed(text).with(settings, programs);
+    const auto result = parsed(text).with({settings, programs, {}});
     return result.isOk() ? *result : "failure: " + result.reason();
 }
 
@@ -92,6 +92,31 @@ TEST(RouterToml, ProgramsWrittenAsOneListAreLeftToTheAdministrator) {
                     .starts_with("failure: router.toml: cannot be changed"));
 }
 
+/// The text with upnpd started by a command, or the reason why there is none.
+std::string withCommand(const std::string& text) {
+    const auto result = parsed(text).with({{}, {}, {{80, "/usr/sbin/upnpd", "upnpd"}}});
+    return result.isOk() ? *result : "failure: " + result.reason();
+}
+
+TEST(RouterToml, ACommandTakesThePlaceOfATrigger) {
+    EXPECT_EQ(
+        withCommand("[[program]]\nnumber = 14\ntrigger = \"/r\"\n\n[[program]]\nnumber = 80\ntrigger = "
+                    "\"/u\"  # why\nstart = true\n#command = [\"/a\"] # what\n\n#user = \"u\"\n[lan]\n"),
+        "[[program]]\nnumber = 14\ntrigger = \"/r\"\n\n[[program]]\nnumber = 80\n#trigger = \"/u\"  # why\n"
+        "start = true\n#command = [\"/a\"] # what\ncommand = [\"/usr/sbin/upnpd\"]\n\n#user = \"u\"\n"
+        "user = \"upnpd\"\n[lan]\n");
+    EXPECT_EQ(withCommand("[[program]]\ntrigger = \"/u\"\nnumber = 80"),
+              "[[program]]\n#trigger = \"/u\"\nnumber = 80\ncommand = [\"/usr/sbin/upnpd\"]\n"
+              "user = \"upnpd\"\n");
+}
+
+TEST(RouterToml, ATriggerInAListOfOneLineIsLeftToTheAdministrator) {
+    EXPECT_EQ(
+        withCommand("program = [{number = 80, trigger = \"/u\"}]\n"),
+        "failure: router.toml:1: program: write it as [[program]] with its keys below, so that it can be "
+        "changed");
+}
+
 TEST(RouterToml, TellsWhatItSays) {
     const RouterToml file = parsed("[lan]\ninterfaces = [\"a\", \"b\"]\n[[program]]\nnumber = 80\n");
     EXPECT_EQ(**file.lanInterfaces(), (std::vector<std::string>{"a", "b"}));
@@ -100,6 +125,10 @@ TEST(RouterToml, TellsWhatItSays) {
     EXPECT_FALSE(file.has("nat", "limit"));
     EXPECT_TRUE(file.hasProgram(80));
     EXPECT_FALSE(file.hasProgram(14));
+    const RouterToml other = parsed("[[program]]\nnumber = 80\ntrigger = \"/u\"\n");
+    EXPECT_TRUE(other.hasTrigger(80, "/u"));
+    EXPECT_FALSE(other.hasTrigger(80, "/v"));
+    EXPECT_FALSE(other.hasTrigger(14, "/u"));
     EXPECT_EQ(*parsed("").lanInterfaces(), std::nullopt);
     EXPECT_FALSE(parsed("").hasProgram(80));
 }
