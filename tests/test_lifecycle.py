@@ -273,6 +273,15 @@ def test_a_bad_configuration_is_told_by_file_and_line(bare_lab, text, line):
     assert router.wait() == 1
     assert line in router.log and router.log.count("\n") == 1
     assert router.errors.read_text() == ""
+    check = labs.Program(bare_lab, "routerd", "--check")
+    assert check.wait() == 1
+    assert "routerd: " + check.log == router.log and check.errors.read_text() == ""
+
+
+def test_a_check_of_a_good_configuration_writes_nothing(bare_lab):
+    check = labs.Program(bare_lab, "routerd", "--check")
+    assert (check.wait(), check.log, check.errors.read_text()) == (0, "", "")
+    assert labs.Program(bare_lab, "routerd", "--check", "--config", "/nosuch.toml").wait() == 1
 
 
 def test_a_router_without_the_named_configuration_does_not_start(bare_lab):

@@ -21,18 +21,28 @@ namespace {
 
 constexpr const char* defaultConfig = "/tesk/etc/router.toml";
 constexpr const char* usage =
-    "usage: routerd [--config FILE]\n"
+    "usage: routerd [--config FILE] [--check]\n"
     "\n"
     "The router around the gateway daemon: carries the messages of the bus, and offers the interfaces, the\n"
     "addresses and the destination NAT of the kernel on it.\n"
     "\n"
     "  --config FILE  read this configuration (default /tesk/etc/router.toml, which may be absent)\n"
+    "  --check        only check the configuration: nothing is written when it is good, otherwise what is\n"
+    "                 wrong, and the status is 1; to be run as the user who starts routerd\n"
     "  --help         write this text\n"
     "  --version      write the version\n";
 
 constexpr int done = 0;
 constexpr int failed = 1;
 constexpr int misuse = 2;
+
+/// Reads the configuration as a start would.
+int check(const std::string& configPath, bool mayBeAbsent) {
+    const tk::Result<router::Config> config = router::ConfigFile(configPath, mayBeAbsent).read();
+    if (config.isOk()) return done;
+    std::printf("%s\n", config.reason().c_str());
+    return failed;
+}
 
 /// Starts the launcher, and gives up the rights that the router does not need.
 tk::Status becomeUser(const router::ConfigFile& file, const router::Config& config,
@@ -70,18 +80,23 @@ tk::Status serve(const std::string& configPath, bool mayBeAbsent, const tk::Serv
 }  // namespace
 
 int main(int count, char** arguments) {
-    enum Option : int { configOption = 1, helpOption, versionOption };
+    enum Option : int { configOption = 1, checkOption, helpOption, versionOption };
     static const option options[] = {{"config", required_argument, nullptr, configOption},
+                                     {"check", no_argument, nullptr, checkOption},
                                      {"help", no_argument, nullptr, helpOption},
                                      {"version", no_argument, nullptr, versionOption},
                                      {nullptr, 0, nullptr, 0}};
     std::string configPath = defaultConfig;
     bool isDefault = true;
+    bool onlyChecks = false;
     for (int given = 0; (given = ::getopt_long(count, arguments, "", options, nullptr)) != -1;)
         switch (given) {
             case configOption:
                 configPath = optarg;
                 isDefault = false;
+                break;
+            case checkOption:
+                onlyChecks = true;
                 break;
             case helpOption:
                 std::fputs(usage, stdout);
@@ -98,6 +113,7 @@ int main(int count, char** arguments) {
         return misuse;
     }
     tk::reserveStandardDescriptors();
+    if (onlyChecks) return check(configPath, isDefault);
     const tk::ServiceManager manager;
     const tk::Status served = serve(configPath, isDefault, manager);
     if (served.isOk()) return done;
