@@ -341,6 +341,18 @@ def test_forwarding_that_is_off(clinic):
     clinic.run(finding["mend"][0])
 
 
+def test_forwarding_of_an_interface_whose_name_has_dots(clinic):
+    clinic.run("ip link add wan0.7 type veth peer name other")
+    eventually(lambda: "wan0.7" in clinic.lab.tkctl("interface", "list").stdout)
+    with role(clinic.lab, "wan0.7", "external"):
+        clinic.run("sysctl -qw net/ipv4/conf/wan0.7/forwarding=0")
+        finding, = clinic.examine()["ip-forward-off"]
+        assert finding["subject"] == "wan0.7"
+        clinic.run(finding["mend"][0])
+        assert "ip-forward-off" not in clinic.examine()
+    clinic.run("ip link delete wan0.7")
+
+
 # Roles, interfaces, addresses
 
 @contextlib.contextmanager
@@ -513,7 +525,46 @@ def test_programs_that_do_not_answer(bare_lab):
     found = clinic.examine()
     assert "daemon-silent" in found and "router-silent" not in found
     text = bare_lab.tkctl("doctor", "--no-search", check=False).stdout
-    assert text.startswith("error: upnpd does not answer: nobody at this destination; start it: upnpd.\n") and text.endswith("1 problem, 1 warning\n")
+    assert text.startswith("error: upnpd does not answer: nobody at this destination.\n") and text.endswith("1 problem, 1 warning\n")
+
+
+def test_a_broken_configuration_is_told_by_line(bare_lab):
+    clinic = Clinic(bare_lab)
+    config = bare_lab.root / "tesk" / "etc" / "router.toml"
+    good = config.read_text()
+    for text, what in ((f"{good}\n[nat]\ncolour = 1\n", ": colour: "), (f"{good}\n[[program]\n", "")):
+        config.write_text(text)
+        line = text.count("\n")
+        found = clinic.examine()
+        broken, = found["config-broken"]
+        assert broken["what"].startswith(f"/tesk/etc/router.toml:{line}{what}"), broken
+        assert broken["mend"][1] in found["router-silent"][0]["mend"]
+        assert "not-seen" not in found
+    check = broken["mend"][1]
+    assert bare_lab.router.run("sh", "-c", check, check=False).returncode == 1
+    config.write_text(good)
+    assert bare_lab.router.run("sh", "-c", check).returncode == 0
+    assert "config-broken" not in clinic.examine()
+    bare_lab.start_routerd()
+    config.write_text(text)
+    found = clinic.examine()
+    assert "router-silent" not in found and found["config-broken"][0]["mend"][-1] == "tkctl reload"
+    config.write_text(good)
+    clinic.mend(found["config-broken"][0])
+    assert "config-broken" not in clinic.examine()
+
+
+def test_a_member_of_the_group_gets_no_false_alarm(clinic):
+    """Without root, ss tells no holders, and nft tells nothing."""
+    tool = clinic.lab.root / "tesk" / "tkctl"
+    labs.shutil.copy(labs.BIN / "tkctl", tool)
+    command = ("setpriv", "--reuid", "64002", "--regid", "64002", "--groups", "64000", "/tesk/tkctl", "doctor",
+               "--no-search")
+    found = json.loads(clinic.lab.router.run(*command, "--json").stdout)
+    assert "the settings and roles" in {one["subject"] for one in found}  # which routerd does not let it read
+    assert {one["code"] for one in found} == {"not-seen"}, found
+    assert not any(line.startswith("apt ") for one in found for line in one["mend"])
+    assert clinic.lab.router.run(*command).stdout.endswith("\nNothing found, but not everything could be looked at.\n")
 
 
 def test_root_and_disconnection(lab):

@@ -1,6 +1,7 @@
 #include "ctl/busfacts.h"
 
 #include <arpa/inet.h>
+#include <errno.h>
 
 #include "contract/gateway.h"
 #include "contract/interfaces.h"
@@ -16,11 +17,12 @@ namespace ctl {
 
 namespace {
 
+/// Which side an interface is on; neither when the router does not tell, as when it is gone by now.
 contract::SideReply sideOf(Session& session, std::uint32_t interface) {
     tk::message question;
     question.insert_u32(contract::sidefield::interface, interface);
-    return contract::SideReply::fromMessage(
-        session.request(contract::path::interfaces(), contract::tellSide, question));
+    const tk::message reply = session.exchange(contract::path::interfaces(), contract::tellSide, question);
+    return tk::isError(reply) ? contract::SideReply{} : contract::SideReply::fromMessage(reply);
 }
 
 void readRules(Session& session, doctor::BusFacts& facts) {
@@ -55,13 +57,19 @@ void readPrograms(Session& session, doctor::BusFacts& facts) {
 void readRouter(Session& session, doctor::BusFacts& facts) {
     for (const Interface& interface : readInterfaces(session))
         facts.interfaces.push_back({interface.id, interface.name, sideOf(session, interface.id)});
-    readRules(session, facts);
     facts.routerAnswers = true;
 }
 
 void readDaemon(Session& session, doctor::BusFacts& facts) {
-    facts.settings =
-        contract::Settings::fromMessage(session.request(contract::path::gateway(), tk::command::get), {});
+    const tk::message reply = session.exchange(contract::path::gateway(), tk::command::get);
+    std::uint32_t code = 0;
+    if (tk::isError(reply, &code)) {
+        const Failure failure = failureFrom(reply, contract::path::gateway());
+        if (code != tk::error::notAllowed) throw failure;
+        facts.daemonRefusal = failure.reason;
+        return;
+    }
+    facts.settings = contract::Settings::fromMessage(reply, {});
     for (const tk::message& record : session.list(contract::path::gateway())) {
         const auto item = contract::RoleItem::fromMessage(record, {});
         doctor::RoleFact role{record.get_u32(tk::field::objectId), item.interface, "", item.type,
@@ -79,23 +87,34 @@ std::string failureOf(const Questions& ask) {
     try {
         ask();
     } catch (const Failure& failure) {
-        return failure.what();
+        return failure.reason;
     }
     return {};
 }
 
 }  // namespace
 
-doctor::BusFacts readBusFacts(Context& context) {
+doctor::BusFacts readBusFacts(Session& session) {
     doctor::BusFacts facts;
     facts.ownVersion = tk::version();
-    facts.routerSilence = failureOf([&] { readRouter(context.session(), facts); });
+    facts.routerSilence = failureOf([&] { readRouter(session, facts); });
     if (!facts.routerAnswers) return facts;
-    facts.daemonSilence = failureOf([&] { readDaemon(context.session(), facts); });
+    facts.rulesSilence = failureOf([&] { readRules(session, facts); });
+    facts.daemonSilence = failureOf([&] { readDaemon(session, facts); });
     // Last, for the question to the daemon may have started it.
-    (void)failureOf(
-        [&] { readPrograms(context.session(), facts); });  // then nobody tells, and nothing is judged
+    (void)failureOf([&] { readPrograms(session, facts); });  // then nobody tells, and nothing is judged
     return facts;
+}
+
+doctor::BusFacts readBusFacts(Context& context) {
+    try {
+        return readBusFacts(context.session());
+    } catch (const Unreachable& failure) {
+        doctor::BusFacts facts;
+        facts.mayAsk = failure.error != EACCES;
+        facts.routerSilence = failure.reason;
+        return facts;
+    }
 }
 
 }  // namespace ctl

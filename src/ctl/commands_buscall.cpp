@@ -46,7 +46,7 @@ void call(Context& context, const Arguments& arguments) {
     context.print(toJson(end), failed ? "" : fieldLines(end));
     if (!failed) return;
     context.out.flush();  // the object first, then the reason
-    throw Failure(reasonOf(end));
+    throw failureFrom(end);
 }
 
 }  // namespace

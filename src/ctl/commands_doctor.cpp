@@ -47,7 +47,8 @@ void addDoctorCommand(CLI::App& app, Context& context) {
     auto isQuiet = std::make_shared<bool>(false);
     CLI::App& command = addCommand(
         app, context, "doctor",
-        "Find what would keep mappings from working, and how to mend it. Status 1: there is something",
+        "Find what would keep mappings from working, and how to mend it. Status 1: something keeps mappings "
+        "from working",
         [&context, isQuiet] { examine(context, !*isQuiet); });
     addExample(command, "--json");
     command.add_flag("--no-search", *isQuiet,

@@ -67,7 +67,7 @@ void requestForItem(Session& session, std::uint32_t command, const tk::message& 
     if (tk::isError(end, &code) && code == tk::error::noSuchObject)
         throw Failure("there is no item " + std::to_string(item.get_u32(tk::field::objectId)) +
                       "; \"tkctl upnp interface list\" lists the items");
-    if (tk::isError(end)) throw Failure(reasonOf(end, contract::path::gateway()));
+    if (tk::isError(end)) throw failureFrom(end, contract::path::gateway());
 }
 
 struct Arguments {

@@ -128,8 +128,7 @@ void Watcher::run() {
 
 void Watcher::connect() {
     auto opened = tk::BusConnection::open(context.socketPath, runner, this);
-    if (!opened.isOk())
-        throw Failure(unreachableBus(context.socketPath, static_cast<int>(opened.status().code())));
+    if (!opened.isOk()) throw unreachableBus(context.socketPath, opened.status().code());
     bus = opened.take();
     history.clear();
     Session session(*bus);

@@ -28,7 +28,7 @@ std::optional<std::vector<RunningProgram>> readPrograms(Session& session) {
     const tk::message end = session.exchange(contract::path::hub(), tk::command::hubPrograms, {}, patience);
     std::uint32_t code = 0;
     if (tk::isError(end, &code) && code == tk::error::noSuchCommand) return std::nullopt;
-    if (tk::isError(end)) throw Failure(reasonOf(end, contract::path::hub()));
+    if (tk::isError(end)) throw failureFrom(end, contract::path::hub());
     std::vector<RunningProgram> programs;
     for (const tk::message& record : end.get_message_array(tk::field::objects))
         programs.push_back({record.get_u32(tk::hubfield::number), record.get_u32(tk::hubfield::pid),

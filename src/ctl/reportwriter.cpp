@@ -47,6 +47,9 @@ std::string reportText(const doctor::Findings& findings, const Terminal& termina
                       warnings = countOf(findings, doctor::Severity::warning);
     if (problems + warnings > 0)
         return text + numberOf(problems, "problem") + ", " + numberOf(warnings, "warning") + '\n';
+    const auto isUnseen = [](const doctor::Finding& finding) { return finding.code == "not-seen"; };
+    if (std::any_of(findings.begin(), findings.end(), isUnseen))
+        return text + "Nothing found, but not everything could be looked at.\n";
     return text + terminal.paint(Style::good, "Nothing found that would keep mappings from working.") + '\n';
 }
 

@@ -31,6 +31,11 @@ TEST(ReportText, WithoutProblemsSaysSo) {
     EXPECT_EQ(reportText({}), "Nothing found that would keep mappings from working.\n");
 }
 
+TEST(ReportText, WithoutASightOfEverythingThereIsNoAllClear) {
+    EXPECT_EQ(reportText({{"not-seen", Severity::note, "x", "Not seen.", "Why.", {}}}),
+              "note: Not seen.\n  Why.\n\nNothing found, but not everything could be looked at.\n");
+}
+
 TEST(ReportText, TextFromTheNetworkCannotSteerTheTerminal) {
     const std::string text = reportText({{"x", Severity::warning, "x", "a\x1b[2J", "b\nc", {"d\r"}}});
     EXPECT_EQ(text,

@@ -11,24 +11,22 @@
 
 namespace ctl {
 
-std::string reasonOf(const tk::message& error, const tk::Path& asked) {
+Failure failureFrom(const tk::message& error, const tk::Path& asked) {
     std::uint32_t code = 0;
     std::string text;
     (void)tk::isError(error, &code, &text);  // the caller knows that it is an error
     if (text.empty()) text = "refused with error " + hexText(code);
-    if (asked.empty()) return text;
+    if (asked.empty()) return Failure(text);
     const std::string program = asked.front() == contract::program::gateway ? "upnpd" : "routerd";
     const std::string reason = program + " does not answer: " + text;
-    if (code == tk::error::unreachable) return reason + "; " + startAdvice(program);
-    if (code == tk::error::timedOut) return reason + "; " + restartAdvice(program);
-    return text;
+    if (code == tk::error::unreachable) return {reason, startAdvice(program)};
+    if (code == tk::error::timedOut) return {reason, restartAdvice(program)};
+    return Failure(text);
 }
 
 Connection::Connection(const std::string& socketPath, tk::BusConnection::Receiver* receiver) {
     auto opened = tk::BusConnection::open(socketPath, events, receiver);
-    if (!opened.isOk())
-        throw Unreachable(unreachableBus(socketPath, static_cast<int>(opened.status().code())),
-                          opened.status().code());
+    if (!opened.isOk()) throw unreachableBus(socketPath, opened.status().code());
     connection = opened.take();
 }
 
@@ -46,7 +44,7 @@ tk::message Session::exchange(const tk::Path& path, std::uint32_t command, const
 
 tk::message Session::request(const tk::Path& path, std::uint32_t command, const tk::message& fields) {
     tk::message end = exchange(path, command, fields);
-    if (tk::isError(end)) throw Failure(reasonOf(end, path));
+    if (tk::isError(end)) throw failureFrom(end, path);
     return end;
 }
 

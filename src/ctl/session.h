@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "ctl/failure.h"
 #include "tk/bus.h"
 #include "tk/busconnection.h"
 #include "tk/runner.h"
@@ -16,9 +17,9 @@ namespace ctl {
 /// Units: milliseconds.
 constexpr std::uint32_t requestTimeout = 20000;
 
-/// The reason of an error for people, even if the error carries no text. When nobody answered, it names the
-/// program at the path `asked`, unless that is empty.
-[[nodiscard]] std::string reasonOf(const tk::message& error, const tk::Path& asked = {});
+/// What an error means for people, even if the error carries no text. When nobody answered, it names the
+/// program at the path `asked`, unless that is empty, and advises how to start it.
+[[nodiscard]] Failure failureFrom(const tk::message& error, const tk::Path& asked = {});
 
 /// tkctl's connection to the hub. It registers no program and handles no signal: an interrupt ends a waiting
 /// command like any other.

@@ -102,7 +102,7 @@ TEST_F(SessionTest, AProgramThatDoesNotAnswerIsNamed) {
 }
 
 TEST_F(SessionTest, ARefusalWithoutTextTellsTheCode) {
-    EXPECT_EQ(reasonOf(tk::errorMsg(tk::error::refused, "")), "refused with error 0xfe0003");
+    EXPECT_STREQ(failureFrom(tk::errorMsg(tk::error::refused, "")).what(), "refused with error 0xfe0003");
 }
 
 TEST_F(SessionTest, AnEndMadeOnOurSideIsRoutedLikeAnyOther) {

@@ -80,7 +80,7 @@ std::vector<setup::Item> askGateway(Context& context, SetupPlan& plan) {
     std::uint32_t code = 0;
     if (tk::isError(end, &code)) {
         if (code == tk::error::unreachable || code == tk::error::timedOut) return {};
-        throw Failure(reasonOf(end, contract::path::gateway()));
+        throw failureFrom(end, contract::path::gateway());
     }
     plan.knowsItems = true;
     plan.isEnabled = contract::Settings::fromMessage(end, {}).enabled;

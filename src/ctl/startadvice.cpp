@@ -20,13 +20,13 @@ std::string restartAdvice(const std::string& program) {
     return "if that lasts, end " + program + " and start it again";
 }
 
-std::string unreachableBus(const std::string& socketPath, int error) {
+Unreachable unreachableBus(const std::string& socketPath, std::uint32_t error) {
     const std::string what = "cannot reach routerd at " + socketPath + ": ";
     if (error == ENOENT || error == ECONNREFUSED)
-        return what + "it is not running; " + startAdvice("routerd");
+        return {what + "it is not running", startAdvice("routerd"), error};
     if (error == EACCES)
-        return what + "only root and members of the group tk may; usermod -aG tk USER adds one";
-    return what + std::strerror(error);
+        return {what + "only root and members of the group tk may", "usermod -aG tk USER adds one", error};
+    return {what + std::strerror(static_cast<int>(error)), "", error};
 }
 
 }  // namespace ctl

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
+
+#include "ctl/failure.h"
 
 namespace ctl {
 
@@ -15,6 +18,6 @@ namespace ctl {
 
 /// Why the bus cannot be reached, and what to do.
 /// Units: `error` is an errno value.
-[[nodiscard]] std::string unreachableBus(const std::string& socketPath, int error);
+[[nodiscard]] Unreachable unreachableBus(const std::string& socketPath, std::uint32_t error);
 
 }  // namespace ctl

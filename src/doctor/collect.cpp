@@ -1,6 +1,7 @@
 #include "doctor/collect.h"
 
 #include <arpa/inet.h>
+#include <errno.h>
 #include <unistd.h>
 
 #include "doctor/search.h"
@@ -35,8 +36,7 @@ MachineFacts lookAtMachine(const BusFacts& bus, bool searches) {
     if (links.isOk())
         machine.links = links.take();
     else
-        machine.unseen.push_back(
-            {"interfaces, addresses and routes", links.reason(), "apt install iproute2"});
+        machine.unseen.push_back(unseenBy(links.status(), "interfaces, addresses and routes", "iproute2"));
     GatewaySearch search(searches ? placesToSearch(bus, machine.links) : std::vector<SearchPlace>());
     lookAtRules(machine);
     lookAtForwarding(bus, machine);
@@ -45,6 +45,10 @@ MachineFacts lookAtMachine(const BusFacts& bus, bool searches) {
     lookAtFiles(bus, machine);
     machine.gateways = search.finish(machine.links.addresses);
     return machine;
+}
+
+Unseen unseenBy(const tk::Status& failure, const std::string& what, const std::string& package) {
+    return {what, failure.reason(), failure.code() == ENOENT ? "apt install " + package : ""};
 }
 
 std::string versionOfProcess(std::uint32_t pid) {

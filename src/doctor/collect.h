@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "doctor/facts.h"
+#include "tk/status.h"
 
 namespace doctor {
 
@@ -16,6 +17,9 @@ namespace doctor {
 /// The version that the file of a running program carries.
 /// Errors: empty when there is none, or it cannot be read.
 [[nodiscard]] std::string versionOfProcess(std::uint32_t pid);
+
+/// What a tool could not show; to be mended by its Debian package when the tool is not installed.
+[[nodiscard]] Unseen unseenBy(const tk::Status& failure, const std::string& what, const std::string& package);
 
 // Each of these looks at one part of the machine, once its links are known.
 

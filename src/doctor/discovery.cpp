@@ -13,14 +13,14 @@ bool covers(const SocketFact& socket, const std::string& interface) {
     return socket.device.empty() || socket.device == interface;
 }
 
-/// True when the socket is the gateway daemon's.
-bool isDaemons(const Facts& facts, const SocketFact& socket) {
+/// True when the socket is, or may be, the gateway daemon's: only root is told who holds a socket.
+bool mayBeDaemons(const Facts& facts, const SocketFact& socket) {
+    if (socket.pid == 0) return true;
     const ProgramFact* daemon = facts.program(contract::program::gateway);
     return daemon ? socket.pid == daemon->pid : socket.program == "upnpd";
 }
 
 std::string holderText(const SocketFact& socket) {
-    if (socket.program.empty()) return "another program";
     return socket.program + " (process " + std::to_string(socket.pid) + ')';
 }
 
@@ -30,7 +30,7 @@ void judgePort(const Facts& facts, const std::string& interface, bool isTcp, Fin
     const SocketFact* other = nullptr;
     for (const SocketFact& socket : facts.machine.sockets) {
         if (socket.isTcp != isTcp || !covers(socket, interface)) continue;
-        (isDaemons(facts, socket) ? own : other) = &socket;
+        (mayBeDaemons(facts, socket) ? own : other) = &socket;
     }
     const std::string port =
         isTcp ? "TCP " + std::to_string(contract::httpPort) : "UDP " + std::to_string(contract::ssdpPort);

@@ -49,9 +49,12 @@ struct ProgramFact {
 /// What the router's programs tell. A value.
 struct BusFacts {
     bool routerAnswers = false;
+    bool mayAsk = true;         // false: only the right to ask is missing
     std::string routerSilence;  // a sentence that says why not, without its full stop
+    std::string rulesSilence;   // why the rules could not be read; empty when they were
     bool daemonAnswers = false;
     std::string daemonSilence;
+    std::string daemonRefusal;  // why this user may not ask it; empty otherwise
     contract::Settings settings;
     std::vector<InterfaceFact> interfaces;
     std::vector<RoleFact> roles;
@@ -126,6 +129,8 @@ struct StoreFact {
 struct ConfigFacts {
     std::string path;
     std::vector<std::string> terminable;  // interfaces with terminate
+    std::string fault;    // why routerd would not start with it; empty when it would, or nobody can tell
+    std::string command;  // that checks it
 
     bool operator==(const ConfigFacts&) const = default;
 };
@@ -153,6 +158,7 @@ struct MachineFacts {
     std::vector<BridgeFact> bridges;
     std::vector<OtherGateway> gateways;
     std::vector<StoreFact> stores;
+    bool hasFolderRules = false;  // systemd runs, and the package told it which stores there are
     ConfigFacts config;
     std::int64_t now = 0;         // seconds since 1970
     std::int64_t builtAfter = 0;  // a time that has certainly passed

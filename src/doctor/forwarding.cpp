@@ -24,7 +24,7 @@ void judgeSettings(const Facts& facts, Findings& findings) {
         const auto settings = facts.machine.settings.find(role.name);
         if (role.isDisabled || settings == facts.machine.settings.end() || settings->second.forwards)
             continue;
-        const std::string key = "net.ipv4.conf." + role.name + ".forwarding=1";
+        const std::string key = "net/ipv4/conf/" + role.name + "/forwarding=1";  // names may have dots
         findings.push_back(
             {"ip-forward-off",
              Severity::error,

@@ -100,6 +100,24 @@ struct Case {
 const Case cases[] = {
     {"RouterSilent", [](Facts& facts) { facts.bus = {}; }, "router-silent", Severity::error, "routerd",
      "systemctl restart routerd"},
+    {"NotAllowedToAsk",
+     [](Facts& facts) {
+         facts.bus = {};
+         facts.bus.mayAsk = false;
+     },
+     "router-silent", Severity::error, "routerd", "sudo tkctl doctor"},
+    {"ConfigBroken", [](Facts& facts) { facts.machine.config.fault = "router.toml:3: x: unknown key"; },
+     "config-broken", Severity::error, "/tesk/etc/router.toml",
+     "# mend /tesk/etc/router.toml; this prints nothing when it is good:"},
+    {"RulesNotRead", [](Facts& facts) { facts.bus.rulesSilence = "timed out"; }, "not-seen", Severity::note,
+     "the mappings", nullptr},
+    {"DaemonNotToBeAsked",
+     [](Facts& facts) {
+         facts.bus.daemonAnswers = false;
+         facts.bus.daemonRefusal = "may not look";
+         facts.bus.roles.clear();
+     },
+     "not-seen", Severity::note, "the settings and roles", "sudo tkctl doctor"},
     {"DaemonSilent",
      [](Facts& facts) {
          facts.bus.daemonAnswers = false;
@@ -125,8 +143,7 @@ const Case cases[] = {
      "role-on-missing-interface", Severity::error, "item 3", "tkctl upnp interface remove 3"},
     {"InternalRoleOutside", [](Facts& facts) { facts.bus.interfaces[0].side.side = Side::outside; },
      "internal-role-outside", Severity::error, "lan0",
-     "# if it is the LAN, name it in [lan] interfaces of /tesk/etc/router.toml, then: tkctl reload; "
-     "otherwise:"},
+     "# if it is the LAN, name it in [lan] interfaces of /tesk/etc/router.toml; then:"},
     {"ExternalRoleInside", [](Facts& facts) { facts.bus.interfaces[1].side.side = Side::inside; },
      "external-role-inside", Severity::error, "wan0",
      "# name the interfaces of the LAN, without wan0, in [lan] interfaces of /tesk/etc/router.toml; then:"},
@@ -168,7 +185,7 @@ const Case cases[] = {
     {"IpForwardOff", [](Facts& facts) { facts.machine.forwards = false; }, "ip-forward-off", Severity::error,
      "kernel", "sysctl -w net.ipv4.ip_forward=1"},
     {"IpForwardOffAtOneInterface", [](Facts& facts) { facts.machine.settings["wan0"].forwards = false; },
-     "ip-forward-off", Severity::error, "wan0", "sysctl -w net.ipv4.conf.wan0.forwarding=1"},
+     "ip-forward-off", Severity::error, "wan0", "sysctl -w net/ipv4/conf/wan0/forwarding=1"},
     {"NftPolicy", [](Facts& facts) { facts.machine.tables = {nftTable("filter", {}, true)}; }, "forward-drop",
      Severity::error, "inet filter forward", "nft insert rule inet filter forward ct status dnat accept"},
     {"NftRule",
@@ -246,13 +263,13 @@ const Case cases[] = {
          facts.machine.answers[0].leavesBy = "wan1";
      },
      "answers-leave-elsewhere", Severity::error, "wan0",
-     "ip route add default via 198.51.100.2 dev wan0 table 103"},
+     "ip route add default via 198.51.100.2 dev wan0 table 1003"},
     {"RpFilterDrops",
      [](Facts& facts) {
          facts.machine.marksChooseRoutes = true;
          facts.machine.answers[0].leavesBy = "wan1";
      },
-     "rp-filter-drops", Severity::error, "wan0", "sysctl -w net.ipv4.conf.wan0.rp_filter=2"},
+     "rp-filter-drops", Severity::error, "wan0", "sysctl -w net/ipv4/conf/wan0/rp_filter=2"},
     {"PortTaken",
      [](Facts& facts) {
          facts.machine.sockets[1] = {true, "", "0.0.0.0", "other", 99};
@@ -279,9 +296,10 @@ const Case cases[] = {
      },
      "lan-may-disconnect", Severity::warning, "wan0", "tkctl upnp set allow-disable-external=no"},
     {"RunsAsRoot", [](Facts& facts) { facts.bus.programs[2].user = 0; }, "runs-as-root", Severity::warning,
-     "resolverd",
-     "# give it a user of its own: [[program]] user, or [router] user for routerd, in router.toml; then "
-     "restart routerd"},
+     "resolverd", "# give it a user of its own: user in its [[program]] in /tesk/etc/router.toml; then:"},
+    {"RouterRunsAsRoot", [](Facts& facts) { facts.bus.programs[0].user = 0; }, "runs-as-root",
+     Severity::warning, "routerd",
+     "# give it a user of its own: [router] user in /tesk/etc/router.toml; then:"},
     {"GuardOff", [](Facts& facts) { facts.machine.guardedUsers->clear(); }, "guard-off", Severity::warning,
      "upnpd", "# in /tesk/etc/router.toml: [guard] limit-connections = true; then:"},
     {"VersionDiffers", [](Facts& facts) { facts.bus.programs[1].version = "0.9"; }, "version-differs",
@@ -290,6 +308,12 @@ const Case cases[] = {
      Severity::warning, "/tesk/store", "chown -R 64002 /tesk/store"},
     {"StoreMissing", [](Facts& facts) { facts.machine.stores[1].exists = false; }, "store-closed",
      Severity::warning, "/tesk/store", "mkdir -p /tesk/store"},
+    {"StoreOfThePackageMissing",
+     [](Facts& facts) {
+         facts.machine.stores[1].exists = false;
+         facts.machine.hasFolderRules = true;
+     },
+     "store-closed", Severity::warning, "/tesk/store", "systemd-tmpfiles --create gateway.conf"},
     {"StoreFull", [](Facts& facts) { facts.machine.stores[1].freeBytes = 100; }, "store-closed",
      Severity::warning, "/tesk/store", "# make room: df /tesk/store"},
     {"StoreReadOnly", [](Facts& facts) { facts.machine.stores[1].isReadOnly = true; }, "store-closed",
@@ -323,6 +347,37 @@ TEST_P(Judgement, FindsExactlyWhatIsWrong) {
 }
 INSTANTIATE_TEST_SUITE_P(Faults, Judgement, testing::ValuesIn(cases),
                          [](const auto& row) { return std::string(row.param.name); });
+
+TEST(Judgement, ASocketWithoutAKnownHolderProvesNothing) {
+    Facts facts = healthy();
+    for (SocketFact& socket : facts.machine.sockets) {
+        socket.program.clear();
+        socket.pid = 0;
+    }
+    EXPECT_EQ(judge(facts), Findings());
+    facts.machine.sockets.push_back({true, "", "0.0.0.0", "own", 99});
+    const Findings findings = judge(facts);
+    ASSERT_EQ(findings.size(), 1U);
+    EXPECT_EQ(findings[0].code, "port-shared");
+}
+
+TEST(Judgement, ABrokenFileIsMendedBeforeTheRouterIsStarted) {
+    Facts facts = healthy();
+    facts.bus = {};
+    facts.bus.routerSilence = "it is not running";
+    facts.machine.config.fault = "/tesk/etc/router.toml:3: colour: unknown key";
+    facts.machine.config.command = "/usr/sbin/routerd --check";
+    const Findings findings = judge(facts);
+    ASSERT_EQ(findings.size(), 2U);
+    EXPECT_EQ(findings[0].what, "/tesk/etc/router.toml:3: colour: unknown key.");
+    EXPECT_EQ(findings[0].mend.back(), "/usr/sbin/routerd --check");
+    EXPECT_EQ(findings[1].code, "router-silent");
+    EXPECT_EQ(
+        findings[1].mend,
+        (std::vector<std::string>{"# first mend /tesk/etc/router.toml; this prints nothing when it is good:",
+                                  "/usr/sbin/routerd --check", "systemctl restart routerd",
+                                  "# without systemd: start routerd as root"}));
+}
 
 TEST(Judgement, ErrorsComeFirst) {
     Facts facts = healthy();

@@ -1,6 +1,7 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -8,6 +9,7 @@
 #include "contract/programs.h"
 #include "doctor/collect.h"
 #include "machine/toml.h"
+#include "machine/tool.h"
 #include "tk/file.h"
 
 namespace doctor {
@@ -47,30 +49,75 @@ StoreFact lookAtStore(const char* folder, std::uint32_t program) {
     return store;
 }
 
-/// The file that routerd was told to read.
-std::string configPath(const BusFacts& bus) {
+/// The folder in /proc of the routerd that runs; empty when none is known.
+std::string processFolder(const BusFacts& bus) {
+    for (const ProgramFact& program : bus.programs)
+        if (program.number == contract::program::network) return "/proc/" + std::to_string(program.pid);
+    return {};
+}
+
+/// The file that routerd was told to read; empty when it was told none.
+std::string givenConfig(const std::string& process) {
     constexpr std::size_t limit = 65536;
     constexpr std::string_view option = "--config";
-    for (const ProgramFact& program : bus.programs) {
-        if (program.number != contract::program::network) continue;
-        const auto words = tk::readFile("/proc/" + std::to_string(program.pid) + "/cmdline", limit);
-        if (!words.isOk()) break;
-        const std::size_t at = words->find(std::string(1, '\0') + std::string(option));
-        if (at == std::string::npos) break;
-        const std::size_t start = at + 1 + option.size() + 1;  // behind a zero or '='
-        return start < words->size() ? words->substr(start, words->find('\0', start) - start) : usualConfig;
-    }
-    return usualConfig;
+    const auto words = tk::readFile(process + "/cmdline", limit);
+    if (process.empty() || !words.isOk()) return {};
+    const std::size_t at = words->find(std::string(1, '\0') + std::string(option));
+    if (at == std::string::npos) return {};
+    const std::size_t start = at + 1 + option.size() + 1;  // behind a zero or '='
+    return start < words->size() ? words->substr(start, words->find('\0', start) - start) : std::string();
+}
+
+/// The file of the routerd that runs, or else of the one that came with this program.
+std::string routerProgram(const std::string& process) {
+    std::error_code error;
+    const std::string running = fs::read_symlink(process + "/exe", error).string();
+    // After an installation the running file is gone, and the next start is of another one.
+    return !error && ::access(running.c_str(), X_OK) == 0 ? running : machine::findBeside("routerd");
+}
+
+/// The user as whom systemd starts routerd; empty when it starts it as root, or not at all.
+std::string starter() {
+    if (::access("/run/systemd/system", F_OK) != 0) return {};
+    const auto user =
+        machine::outputOf({"systemctl", "show", "--property=User", "--value", "routerd.service"});
+    return user.isOk() ? user->substr(0, user->find('\n')) : std::string();
+}
+
+std::vector<std::string> checkCommand(const std::string& program, const std::string& given) {
+    std::vector<std::string> words;
+    if (const std::string user = starter(); !user.empty())
+        words = {"setpriv", "--reuid", user, "--regid", user, "--init-groups"};
+    words.insert(words.end(), {program, "--check"});
+    if (!given.empty()) words.insert(words.end(), {"--config", given});
+    return words;
+}
+
+/// Lets routerd itself judge its file. Only root can do so as whoever starts routerd.
+void checkConfig(const std::string& process, const std::string& given, MachineFacts& machine) {
+    const std::string program = routerProgram(process);
+    if (::geteuid() != 0 || program.empty()) return;
+    const std::vector<std::string> words = checkCommand(program, given);
+    const auto end = machine::runTool(words);
+    constexpr int refused = 1;
+    if (!end.isOk())
+        machine.unseen.push_back({machine.config.path, end.reason(), ""});
+    else if (end->status == refused)
+        machine.config.fault = end->output.substr(0, end->output.find('\n'));
+    for (const std::string& word : words)
+        machine.config.command += (machine.config.command.empty() ? "" : " ") + word;
 }
 
 void lookAtConfig(const BusFacts& bus, MachineFacts& machine) {
-    machine.config.path = configPath(bus);
+    const std::string process = processFolder(bus), given = givenConfig(process);
+    machine.config.path = given.empty() ? usualConfig : given;
+    checkConfig(process, given, machine);
     const auto text = tk::readFile(machine.config.path, configLimit);
     if (!text.isOk() && text.status().code() == ENOENT) return;  // as if it were empty
     const auto config = text.isOk() ? parseConfig(*text, machine.config.path) : text.status();
     if (config.isOk())
-        machine.config = *config;
-    else
+        machine.config.terminable = config->terminable;
+    else if (machine.config.fault.empty())
         machine.unseen.push_back({machine.config.path, config.reason(), ""});
 }
 
@@ -83,6 +130,8 @@ std::int64_t timeOfOwnFile() {
 
 void lookAtFiles(const BusFacts& bus, MachineFacts& machine) {
     for (const auto& one : folders) machine.stores.push_back(lookAtStore(one.folder, one.program));
+    machine.hasFolderRules =
+        ::access("/run/systemd/system", F_OK) == 0 && ::access("/usr/lib/tmpfiles.d/gateway.conf", F_OK) == 0;
     lookAtConfig(bus, machine);
     machine.now = ::time(nullptr);
     machine.builtAfter = timeOfOwnFile();
@@ -90,7 +139,9 @@ void lookAtFiles(const BusFacts& bus, MachineFacts& machine) {
 
 tk::Result<ConfigFacts> parseConfig(const std::string& text, const std::string& path) {
     const toml::parse_result parsed = toml::parse(text);
-    if (!parsed) return tk::Status::failure(std::string(parsed.error().description()));
+    if (!parsed)
+        return tk::Status::failure("line " + std::to_string(parsed.error().source().begin.line) + ": " +
+                                   std::string(parsed.error().description()));
     ConfigFacts config;
     config.path = path;
     if (const toml::array* interfaces = parsed.table()["interface"].as_array())

@@ -111,15 +111,14 @@ void lookAtSockets(MachineFacts& machine) {
     if (text.isOk())
         machine.sockets = parseSockets(*text);
     else
-        machine.unseen.push_back({"the holders of ports", text.reason(), "apt install iproute2"});
+        machine.unseen.push_back(unseenBy(text.status(), "the holders of ports", "iproute2"));
 }
 
 void lookAtBridges(MachineFacts& machine) {
     const auto links = machine::outputOf({"ip", "-j", "-d", "link", "show", "type", "bridge"});
     const auto groups = machine::outputOf({"bridge", "-j", "-d", "mdb", "show"});
     if (!links.isOk() || !groups.isOk()) {
-        machine.unseen.push_back(
-            {"bridges", (links.isOk() ? groups : links).reason(), "apt install iproute2"});
+        machine.unseen.push_back(unseenBy((links.isOk() ? groups : links).status(), "bridges", "iproute2"));
         return;
     }
     auto bridges = parseBridges(*links, *groups);

@@ -1,5 +1,7 @@
 // What the tools print about ports and bridges, and what router.toml says.
 
+#include <errno.h>
+
 #include <gtest/gtest.h>
 
 #include "doctor/collect.h"
@@ -51,8 +53,16 @@ TEST(ConfigFacts, NameTheInterfacesThatProgramsMayTakeDown) {
     const auto config = parseConfig(
         "[[interface]]\nname = \"wan0\"\nterminate = true\n[[interface]]\nname = \"wan1\"\n", "/x");
     ASSERT_TRUE(config.isOk()) << config.reason();
-    EXPECT_EQ(*config, (ConfigFacts{"/x", {"wan0"}}));
-    EXPECT_FALSE(parseConfig("[[interface]\n", "/x").isOk());
+    EXPECT_EQ(*config, (ConfigFacts{"/x", {"wan0"}, "", ""}));
+    const auto broken = parseConfig("\n[[interface]\n", "/x");
+    EXPECT_TRUE(broken.reason().starts_with("line 2: ")) << broken.reason();
+}
+
+TEST(UnseenBy, AdvisesToInstallOnlyWhatIsMissing) {
+    EXPECT_EQ(unseenBy(tk::Status::failure("nft is not installed", ENOENT), "rules", "nftables"),
+              (Unseen{"rules", "nft is not installed", "apt install nftables"}));
+    EXPECT_EQ(unseenBy(tk::Status::failure("nft: Operation not permitted"), "rules", "nftables"),
+              (Unseen{"rules", "nft: Operation not permitted", ""}));
 }
 
 }  // namespace

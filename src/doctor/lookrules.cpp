@@ -67,7 +67,7 @@ void lookAtLegacy(MachineFacts& machine) {
     if (!names.isOk() || names->empty()) return;
     const auto text = saved({"iptables-legacy-save", "iptables-save"});
     if (!text.isOk()) {
-        machine.unseen.push_back({"the rules of the older iptables", text.reason(), "apt install iptables"});
+        machine.unseen.push_back(unseenBy(text.status(), "the rules of the older iptables", "iptables"));
         return;
     }
     for (Table& table : readIptables(*text, Keeper::iptablesLegacy))
@@ -94,7 +94,7 @@ std::vector<Table> tablesOfIptables(const std::vector<TableName>& names) {
 void lookAtNft(MachineFacts& machine) {
     const auto list = machine::outputOf({"nft", "list", "tables"});
     if (!list.isOk()) {
-        machine.unseen.push_back({"the rules of nftables", list.reason(), "apt install nftables"});
+        machine.unseen.push_back(unseenBy(list.status(), "the rules of nftables", "nftables"));
         return;
     }
     const std::vector<TableName> names = parseTableNames(*list);

@@ -16,15 +16,43 @@ constexpr Known known[] = {{contract::program::network, "routerd"},
                            {contract::program::gateway, "upnpd"},
                            {contract::program::resolver, "resolverd"}};
 
-void judgeAnswers(const BusFacts& bus, Findings& findings) {
-    if (!bus.routerAnswers)
+void judgeConfig(const Facts& facts, Findings& findings) {
+    const ConfigFacts& config = facts.machine.config;
+    if (config.fault.empty()) return;
+    const bool runs = facts.bus.routerAnswers;
+    std::vector<std::string> mend{"# mend " + config.path + "; this prints nothing when it is good:",
+                                  config.command};
+    if (runs) mend.emplace_back("tkctl reload");
+    findings.push_back({"config-broken", Severity::error, config.path, config.fault + '.',
+                        runs ? "routerd goes on with what it read before, but would not start again."
+                             : "routerd does not start with it.",
+                        mend});
+}
+
+/// The mend begins with the file where that keeps routerd from starting.
+void judgeRouter(const Facts& facts, Findings& findings) {
+    if (!facts.bus.mayAsk) {
         findings.push_back({"router-silent",
                             Severity::error,
                             "routerd",
-                            bus.routerSilence + '.',
-                            "Without routerd there is no gateway and no mapping.",
-                            {"systemctl restart routerd", "# without systemd: start routerd as root"}});
-    else if (!bus.daemonAnswers)
+                            facts.bus.routerSilence + '.',
+                            "Nothing that routerd and upnpd tell is known here.",
+                            {"sudo tkctl doctor", "# or, as root, for good: usermod -aG tk USER"}});
+        return;
+    }
+    std::vector<std::string> mend;
+    if (const ConfigFacts& config = facts.machine.config; !config.fault.empty())
+        mend = {"# first mend " + config.path + "; this prints nothing when it is good:", config.command};
+    mend.insert(mend.end(), {"systemctl restart routerd", "# without systemd: start routerd as root"});
+    findings.push_back({"router-silent", Severity::error, "routerd", facts.bus.routerSilence + '.',
+                        "Without routerd there is no gateway and no mapping.", mend});
+}
+
+void judgeAnswers(const Facts& facts, Findings& findings) {
+    const BusFacts& bus = facts.bus;
+    if (!bus.routerAnswers)
+        judgeRouter(facts, findings);
+    else if (!bus.daemonAnswers && bus.daemonRefusal.empty())
         findings.push_back(
             {"daemon-silent",
              Severity::error,
@@ -35,19 +63,25 @@ void judgeAnswers(const BusFacts& bus, Findings& findings) {
               "# without systemd: name upnpd in a [[program]] of router.toml, or start it as root"}});
 }
 
-void judgeUser(const ProgramFact& program, const char* name, Findings& findings) {
+std::vector<std::string> mendUser(const Facts& facts, const ProgramFact& program, const char* name) {
+    const std::string file = facts.machine.config.path;
+    if (program.number == contract::program::network)
+        return {"# give it a user of its own: [router] user in " + file + "; then:",
+                "systemctl restart routerd", "# without systemd: end routerd and start it again"};
+    return {"# give it a user of its own: user in its [[program]] in " + file + "; then:", "tkctl reload",
+            std::string("# then end ") + name + " (process " + std::to_string(program.pid) +
+                "): its next start is as that user"};
+}
+
+void judgeUser(const Facts& facts, const ProgramFact& program, const char* name, Findings& findings) {
     const bool isDaemon = program.number == contract::program::gateway;
     if (program.user != 0) return;
     findings.push_back(
-        {"runs-as-root",
-         Severity::warning,
-         name,
-         std::string(name) + " runs as root.",
+        {"runs-as-root", Severity::warning, name, std::string(name) + " runs as root.",
          isDaemon ? "It reads what any host in the LAN sends. As root it is not guarded, and hosts in the "
                     "LAN can map the router's own ports."
                   : "A fault in it would give away the whole router.",
-         {"# give it a user of its own: [[program]] user, or [router] user for routerd, in router.toml; "
-          "then restart routerd"}});
+         mendUser(facts, program, name)});
 }
 
 void judgeGuard(const Facts& facts, const ProgramFact& daemon, Findings& findings) {
@@ -79,11 +113,12 @@ void judgeVersion(const ProgramFact& program, const char* name, const std::strin
 }  // namespace
 
 void judgePrograms(const Facts& facts, Findings& findings) {
-    judgeAnswers(facts.bus, findings);
+    judgeConfig(facts, findings);
+    judgeAnswers(facts, findings);
     for (const Known& one : known) {
         const ProgramFact* program = facts.program(one.number);
         if (!program) continue;
-        judgeUser(*program, one.name, findings);
+        judgeUser(facts, *program, one.name, findings);
         judgeVersion(*program, one.name, facts.bus.ownVersion, findings);
     }
     if (const ProgramFact* daemon = facts.program(contract::program::gateway))

@@ -99,14 +99,14 @@ void judgeSide(const Facts& facts, const RoleFact& role, Findings& findings) {
     if (!interface) return;
     const contract::SideReply& side = interface->side;
     if (role.role == Role::internal && side.side == contract::Side::outside)
-        findings.push_back({"internal-role-outside",
-                            Severity::error,
-                            role.name,
-                            role.name + " is internal, but lies outside: " + side.why + '.',
-                            "The gateway must not be served to the Internet, so searches there are dropped.",
-                            {"# if it is the LAN, name it in [lan] interfaces of " +
-                                 facts.machine.config.path + ", then: tkctl reload; otherwise:",
-                             "tkctl upnp interface remove " + std::to_string(role.id)}});
+        findings.push_back(
+            {"internal-role-outside",
+             Severity::error,
+             role.name,
+             role.name + " is internal, but lies outside: " + side.why + '.',
+             "The gateway must not be served to the Internet, so searches there are dropped.",
+             {"# if it is the LAN, name it in [lan] interfaces of " + facts.machine.config.path + "; then:",
+              "tkctl reload", "# otherwise:", "tkctl upnp interface remove " + std::to_string(role.id)}});
     if (role.role == Role::external && side.side == contract::Side::inside)
         findings.push_back({"external-role-inside",
                             Severity::error,

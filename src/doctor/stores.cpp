@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <string>
 
+#include "contract/programs.h"
 #include "doctor/judgements.h"
 
 namespace doctor {
@@ -21,10 +22,21 @@ std::string obstacle(const Facts& facts, const StoreFact& store) {
     return store.ownerMayWrite ? "" : "is closed to its own owner";
 }
 
+/// A program that started without its store has to be started again, for its sandbox has no such folder.
+std::vector<std::string> makeStore(const Facts& facts, const StoreFact& store) {
+    const ProgramFact* program = facts.program(store.program);
+    if (facts.machine.hasFolderRules)
+        return {"systemd-tmpfiles --create gateway.conf", store.program == contract::program::network
+                                                              ? "systemctl restart routerd"
+                                                              : "systemctl restart upnpd"};
+    if (!program)
+        return {"mkdir -p " + store.folder, "# then give it with chown to the user who runs the program"};
+    return {"mkdir -p " + store.folder, "chown " + std::to_string(program->user) + ' ' + store.folder};
+}
+
 std::vector<std::string> mendStore(const Facts& facts, const StoreFact& store) {
     const ProgramFact* program = facts.program(store.program);
-    if (!store.exists)
-        return {"mkdir -p " + store.folder, "# then restart routerd and upnpd as root, who hand it over"};
+    if (!store.exists) return makeStore(facts, store);
     if (store.isReadOnly)
         return {"mount -o remount,rw \"$(findmnt -no TARGET --target " + store.folder + ")\""};
     if (store.freeBytes < leastRoom) return {"# make room: df " + store.folder};

@@ -108,7 +108,8 @@ void judgeAnswer(const Facts& facts, const AnswerRoute& answer, Findings& findin
     if (answer.leavesBy == answer.external || facts.machine.marksChooseRoutes) return;
     const std::string upstream = gatewayBehind(facts, answer.external);
     const std::string& name = answer.external;
-    const std::string table = std::to_string(100 + facts.machine.links.find(name)->index);
+    constexpr std::uint32_t firstTable = 1000;  // past 253 to 255, which are the kernel's own
+    const std::string table = std::to_string(firstTable + facts.machine.links.find(name)->index);
     findings.push_back(
         {"answers-leave-elsewhere",
          Severity::error,
@@ -131,7 +132,7 @@ void judgeFilter(const Facts& facts, const AnswerRoute& answer, Findings& findin
     const auto settings = facts.machine.settings.find(answer.external);
     if (settings == facts.machine.settings.end() || settings->second.reversePathFilter != strict) return;
     if (answer.leavesBy == answer.external || answer.leavesBy.empty()) return;
-    const std::string key = "net.ipv4.conf." + answer.external + ".rp_filter=2";
+    const std::string key = "net/ipv4/conf/" + answer.external + "/rp_filter=2";  // names may have dots
     findings.push_back(
         {"rp-filter-drops",
          Severity::error,
