@@ -85,9 +85,16 @@ def end_programs(lab):
         eventually(lambda: not os.path.exists(f"/proc/{number}"), f"program {number} ends")
 
 
-def test_leads_from_nothing_to_a_mapped_port(new_router):
+@pytest.mark.parametrize("packaged", [False, True])
+def test_leads_from_nothing_or_the_package_to_a_mapped_port(new_router, packaged):
     lab = new_router
+    if packaged:  # its triggers are for systemd
+        shutil.copy(labs.ROOT / "packaging" / "router.toml", file_of(lab))
     first = own_tkctl(lab, "setup", "--yes")
+    for line in ('+user = "routerd"\n', '+command = ["/tesk/bin/upnpd"]\n', '+user = "upnpd"\n',
+                 '+command = ["/tesk/bin/resolverd"]\n', '+user = "resolverd"\n'):
+        assert line in first.stdout
+    assert first.stdout.count('+#trigger = "/run/tk/start/') == (2 if packaged else 0)
     assert first.returncode == 1
     line = re.search(r'run "(setsid /tesk/bin/routerd .*&)" and then tkctl setup again', first.stderr).group(1)
     lab.router.run("sh", "-c", line.replace("/var/log", str(lab.directory)))
@@ -99,9 +106,20 @@ def test_leads_from_nothing_to_a_mapped_port(new_router):
         lab.lan1.run("upnpc", "-i", "-u", LOCATION, "-e", "web", "-a", LAN1, 8080, 1080, "TCP")
         with lab.lan1.listen(8080) as server, lab.wan.connect(ROUTER_WAN, 1080):
             server.accept()[0].close()
-        assert "Everything is set up already." in own_tkctl(lab, "setup").stdout
+        again = own_tkctl(lab, "setup").stdout
+        assert again.endswith("\nEverything is set up already.\n") and "Note:" not in again
     finally:
         end_programs(lab)
+
+
+def test_a_daemon_that_does_not_run_is_told(new_router):
+    lab = new_router
+    file_of(lab).write_text(labs.SIDES + '[[program]]\nnumber = 80\ncommand = ["/bin/false"]\n')
+    lab.start_routerd()
+    refused = own_tkctl(lab, "setup", "--yes")
+    assert refused.returncode == 1 and refused.stderr.endswith(
+        "tkctl: upnpd does not run; start it: setsid /tesk/bin/upnpd </dev/null >>/var/log/upnpd.log 2>&1 &; done so "
+        "far: /tesk/etc/router.toml is written, routerd has read it; the rest is not done\n")
 
 
 def test_starts_the_unit_where_systemd_runs_and_says_how_far_it_came_when_that_fails(new_router):
@@ -230,16 +248,41 @@ def test_an_outside_interface_becomes_internal_only_by_force(router):
         router.router.run("ip", "route", "del", "8.0.0.0/8")
 
 
+def test_a_file_that_routerd_would_not_start_with_is_left_as_it_is(new_router):
+    lab = new_router
+    wrong = "# mine\n[nat]\nlimitt = 7\n" + labs.SIDES
+    file_of(lab).write_text(wrong)
+    refused = own_tkctl(lab, "setup", "--yes")
+    assert (refused.returncode, refused.stdout, refused.stderr) == (
+        1, "", "tkctl: /tesk/etc/router.toml:3: limitt: unknown key; mend the file, and then run tkctl setup again\n")
+    assert file_of(lab).read_text() == wrong
+
+
+def test_what_routerd_would_not_start_with_is_not_written(new_router):
+    """The present file is absent, so only what would be written is judged."""
+    lab = new_router
+    words = ("--yes", "--config", "/run/own/router.toml")
+    (lab.root / "run/own").mkdir(exist_ok=True)
+    script = lab.root / "run/own/routerd"
+    shutil.copy(labs.BIN / "tkctl", lab.root / "run/own/tkctl")
+    script.write_text("#!/bin/sh\necho \"$3:7: limit: refused\"; exit 1\n")
+    script.chmod(0o755)
+    refused = lab.router.run("/run/own/tkctl", "setup", *words, check=False)
+    assert (refused.returncode, refused.stderr) == (
+        1, "tkctl: /run/own/router.toml:7: limit: refused; nothing has been changed\n")
+    assert sorted(path.name for path in script.parent.iterdir()) == ["routerd", "tkctl"]
+
+
 def test_a_file_that_routerd_refuses_is_put_back(router):
     file = file_of(router)
-    wrong = "# mine\n[nat]\nlimitt = 7\n" + labs.SIDES
+    wrong = "# mine\n[router]\nuser = \"upnpd\"\n" + labs.SIDES
     file.write_text(wrong)
     file.chmod(0o640)
     before = state(router)[2:]
     refused = set_up(router, "--yes")
     assert (refused.returncode, refused.stderr) == (
-        1, "tkctl: routerd refuses the new file, so the old one is back: /tesk/etc/router.toml:3: limitt: unknown key; "
-           "nothing has been changed\n")
+        1, "tkctl: routerd refuses the new file, so the old one is back: /tesk/etc/router.toml: user in [router] has "
+           "changed: that needs a restart of routerd; nothing has been changed\n")
     assert file.read_text() == wrong and file.stat().st_mode & 0o777 == 0o640
     assert state(router)[2:] == before
     assert sorted(path.name for path in file.parent.glob("router*")) == ["router.toml"]

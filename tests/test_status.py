@@ -187,7 +187,8 @@ def test_status_without_a_router_tells_what_to_do(bare_lab):
     done = bare_lab.tkctl("status", check=False)
     assert done.returncode == 1
     assert done.stdout == "routerd does not answer: nothing is known of the gateway.\n"
-    assert done.stderr == "tkctl: cannot reach routerd at /run/tk/bus: it is not running; start it: routerd\n"
+    assert done.stderr == ("tkctl: cannot reach routerd at /run/tk/bus: it is not running; start it: setsid "
+                           f"{labs.BIN}/routerd </dev/null >>/var/log/routerd.log 2>&1 &\n")
     told = json.loads(bare_lab.tkctl("status", "--json", check=False).stdout)
     assert (told["running"], told["problems"]) == (False, [done.stderr.removeprefix("tkctl: ").strip()])
 
@@ -316,7 +317,7 @@ def test_watch_as_json_is_one_object_a_line(lab, path):
 def test_watch_without_a_router_fails_at_once(bare_lab):
     done = bare_lab.tkctl("watch", check=False)
     assert (done.returncode, done.stdout) == (1, "")
-    assert "start it: routerd" in done.stderr
+    assert f"start it: setsid {labs.BIN}/routerd " in done.stderr
 
 
 def test_who_may_not_connect_is_told_how_to(lab):

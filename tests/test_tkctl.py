@@ -182,7 +182,8 @@ def test_without_a_daemon_its_commands_fail_at_once(bare_lab):
     done = bare_lab.tkctl("upnp", "get", check=False)
     assert time.monotonic() - began < 2
     assert (done.returncode, done.stdout) == (1, "")
-    assert done.stderr == "tkctl: upnpd does not answer: nobody at this destination; start it: upnpd\n"
+    assert done.stderr == ("tkctl: upnpd does not answer: nobody at this destination; start it: setsid "
+                           f"{labs.BIN}/upnpd </dev/null >>/var/log/upnpd.log 2>&1 &\n")
     assert bare_lab.query("nat", "list") == []
 
 

@@ -39,7 +39,7 @@ void getConsent(Context& context, const SetupOptions& options) {
 }
 
 void setUp(Context& context, const SetupOptions& options) {
-    const SetupPlan plan = planSetup(context, options);
+    const SetupPlan plan = planSetup(context, options, Wait::moment);
     if (plan.isEmpty()) {
         context.print(toJson(plan, options.file, false),
                       textOf(plan, options.file) + "\nEverything is set up already.\n");

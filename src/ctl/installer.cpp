@@ -12,6 +12,7 @@
 #include "contract/gateway.h"
 #include "contract/interfaces.h"
 #include "contract/programs.h"
+#include "ctl/configcheck.h"
 #include "ctl/failure.h"
 #include "ctl/interfaces.h"
 #include "ctl/startadvice.h"
@@ -47,8 +48,11 @@ void check(const tk::Status& status) {
     if (!status.isOk()) throw Failure(status.reason());
 }
 
+enum class Judge { nobody, router };
+
 /// Replaces a file at once; it keeps its owner and mode, and links lead where they led.
-void writeFile(const std::string& file, const std::string& text) {
+/// Errors: throws Failure when the judge refuses it; nothing has changed then.
+void writeFile(const std::string& file, const std::string& text, Judge judge) {
     std::error_code ignored;
     const std::filesystem::path real = std::filesystem::weakly_canonical(file, ignored);
     const std::string path = ignored ? file : real.string();
@@ -58,20 +62,16 @@ void writeFile(const std::string& file, const std::string& text) {
     const std::string fresh = path + ".new";
     check(tk::writeSynced(fresh, text));
     const bool isOwned = !exists || ::chown(fresh.c_str(), present.st_uid, present.st_gid) == 0;
-    if (!isOwned || ::chmod(fresh.c_str(), exists ? present.st_mode & 07777 : usualMode) != 0) {
-        const tk::Status failure = tk::Status::ofErrno(fresh, errno);
+    std::string fault;
+    if (!isOwned || ::chmod(fresh.c_str(), exists ? present.st_mode & 07777 : usualMode) != 0)
+        fault = tk::Status::ofErrno(fresh, errno).reason();
+    else if (judge == Judge::router)
+        fault = refusalOf(fresh, file);
+    if (!fault.empty()) {
         ::unlink(fresh.c_str());
-        check(failure);
+        throw Failure(fault);
     }
     check(tk::replaceSynced(fresh, path));
-}
-
-/// The line that starts routerd where there is no systemd.
-std::string startLine(const std::string& file) {
-    const std::string found = machine::findBeside("routerd");
-    return "setsid " + (found.empty() ? "routerd" : found) +
-           (file == usualConfiguration ? "" : " --config " + std::filesystem::absolute(file).string()) +
-           " </dev/null >>/var/log/routerd.log 2>&1 &";
 }
 
 std::uint32_t idOf(Session& session, const std::string& interface) {
@@ -108,7 +108,8 @@ void Installer::apply(const SetupPlan& plan) {
         if (plan.isRunning) readAgain(plan);
         if (!plan.isRunning) startRouter();
         // A gateway that was not there before has told its items to nobody yet.
-        const SetupPlan now = plan.knowsItems ? plan : planSetup(context, options);
+        const SetupPlan now = plan.knowsItems ? plan : planSetup(context, options, Wait::start);
+        if (!now.knowsItems) throw Failure(now.silence);
         give(now.changes);
         if (!now.isEnabled) switchOn();
         waitUntilInside(now.proposal);
@@ -126,7 +127,7 @@ std::string Installer::explain(const std::string& reason) const {
 
 void Installer::changeFile(const SetupPlan& plan) {
     if (plan.before == plan.after) return;
-    writeFile(options.file, plan.after);
+    writeFile(options.file, plan.after, Judge::router);
     done.push_back(options.file + " is written");
 }
 
@@ -144,16 +145,19 @@ void Installer::readAgain(const SetupPlan& plan) {
 
 void Installer::putBack(const SetupPlan& plan) {
     if (plan.fileExists)
-        writeFile(options.file, plan.before);
+        writeFile(options.file, plan.before, Judge::nobody);
     else if (::unlink(options.file.c_str()) != 0)
         check(tk::Status::ofErrno(options.file, errno));
     done.clear();
 }
 
 void Installer::startRouter() {
+    const std::string words = options.file == usualConfiguration
+                                  ? ""
+                                  : "--config " + std::filesystem::absolute(options.file).string();
     if (!hasSystemd())
         throw Failure("routerd is not running, and there is no systemd to start it; run \"" +
-                      startLine(options.file) + "\" and then tkctl setup again");
+                      startLine("routerd", words) + "\" and then tkctl setup again");
     const auto started = machine::outputOf({"systemctl", "enable", "--now", unit}, unitLimits);
     if (!started.isOk()) throw Failure(started.reason() + "; journalctl -u " + unit + " tells more");
     if (!becomesTrue([this] { return isRouterRunning(context); }))

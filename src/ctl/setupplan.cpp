@@ -3,10 +3,12 @@
 #include <errno.h>
 #include <unistd.h>
 
+#include <iostream>
 #include <utility>
 
 #include "contract/gateway.h"
 #include "contract/programs.h"
+#include "ctl/configcheck.h"
 #include "ctl/failure.h"
 #include "ctl/interfaces.h"
 #include "ctl/startadvice.h"
@@ -56,8 +58,12 @@ setup::RouterToml readFile(const std::string& file, SetupPlan& plan) {
     const tk::Result<std::string> text = tk::readFile(file, fileLimit);
     plan.fileExists = text.isOk();
     if (!text.isOk() && text.status().code() != ENOENT) throw Failure(text.reason());
-    if (plan.fileExists) plan.before = *text;
-    return valueOf(setup::RouterToml::parse(plan.before, file));
+    if (!plan.fileExists) return valueOf(setup::RouterToml::parse("", file));
+    plan.before = *text;
+    setup::RouterToml parsed = valueOf(setup::RouterToml::parse(plan.before, file));
+    if (const std::string refusal = refusalOf(file, file); !refusal.empty())
+        throw Failure(refusal + "; mend the file, and then run tkctl setup again");
+    return parsed;
 }
 
 /// The items of the gateway with the names of their interfaces.
@@ -74,12 +80,15 @@ std::vector<setup::Item> readItems(Session& session) {
 
 /// Asks upnpd, which may not be there.
 /// Errors: throws Failure when it refuses.
-std::vector<setup::Item> askGateway(Context& context, SetupPlan& plan) {
+std::vector<setup::Item> askGateway(Context& context, Wait wait, SetupPlan& plan) {
     if (!plan.isRunning) return {};
-    const tk::message end = context.session().exchange(contract::path::gateway(), tk::command::get);
+    const tk::message end = askSettings(context.session(), wait, std::cerr);
     std::uint32_t code = 0;
     if (tk::isError(end, &code)) {
-        if (code == tk::error::unreachable || code == tk::error::timedOut) return {};
+        if (code == tk::error::unreachable || code == tk::error::timedOut) {
+            plan.silence = whySilent(context.session());
+            return {};
+        }
         throw failureFrom(end, contract::path::gateway());
     }
     plan.knowsItems = true;
@@ -211,12 +220,12 @@ bool isRouterRunning(Context& context) {
     }
 }
 
-SetupPlan planSetup(Context& context, const SetupOptions& options) {
+SetupPlan planSetup(Context& context, const SetupOptions& options, Wait wait) {
     SetupPlan plan;
     const setup::RouterToml file = readFile(options.file, plan);
     const machine::Links machine = valueOf(machine::readLinks());
     plan.isRunning = isRouterRunning(context);
-    const std::vector<setup::Item> items = askGateway(context, plan);
+    const std::vector<setup::Item> items = askGateway(context, wait, plan);
     plan.proposal = valueOf(setup::propose(machine, {valueOf(file.lanInterfaces()), items}, options.wishes));
     plan.changes = setup::itemChanges(items, plan.proposal);
     plan.after = changedText(file, plan);

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "ctl/context.h"
+#include "ctl/daemonanswer.h"
 #include "ctl/json.h"
 #include "setup/proposal.h"
 
@@ -27,6 +28,7 @@ struct SetupPlan {
     std::string after;
     bool isRunning = false;   // routerd serves the bus
     bool knowsItems = false;  // upnpd tells its items and settings
+    std::string silence;      // why it does not, and what to do
     bool isEnabled = false;   // UPnP is switched on
     std::vector<setup::ItemChange> changes;
     std::vector<std::string> notes;  // what setup leaves to the administrator
@@ -37,9 +39,9 @@ struct SetupPlan {
     }
 };
 
-/// Finds out what has to be done.
+/// Finds out what has to be done. `wait` is for an upnpd that does not answer at once.
 /// Errors: throws Failure; nothing has been changed.
-[[nodiscard]] SetupPlan planSetup(Context& context, const SetupOptions& options);
+[[nodiscard]] SetupPlan planSetup(Context& context, const SetupOptions& options, Wait wait);
 
 /// The plan for people.
 [[nodiscard]] std::string textOf(const SetupPlan& plan, const std::string& file);

@@ -5,14 +5,22 @@
 
 #include <cstring>
 
+#include "machine/tool.h"
+
 namespace ctl {
 
 bool hasSystemd() {
     return ::access("/run/systemd/system", F_OK) == 0;
 }
 
+std::string startLine(const std::string& program, const std::string& words) {
+    const std::string found = machine::findBeside(program);
+    return "setsid " + (found.empty() ? program : found) + (words.empty() ? "" : ' ' + words) +
+           " </dev/null >>/var/log/" + program + ".log 2>&1 &";
+}
+
 std::string startAdvice(const std::string& program) {
-    return "start it: " + (hasSystemd() ? "systemctl start " + program : program);
+    return "start it: " + (hasSystemd() ? "systemctl start " + program : startLine(program));
 }
 
 std::string restartAdvice(const std::string& program) {

@@ -10,6 +10,10 @@ namespace ctl {
 /// True when systemd runs this machine.
 [[nodiscard]] bool hasSystemd();
 
+/// The line of the shell that starts a program of the router where there is no systemd.
+/// `words`, if any, are its arguments.
+[[nodiscard]] std::string startLine(const std::string& program, const std::string& words = {});
+
 /// How to start a program of the router: with systemd where that runs.
 [[nodiscard]] std::string startAdvice(const std::string& program);
 
