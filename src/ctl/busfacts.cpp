@@ -17,6 +17,10 @@ namespace ctl {
 
 namespace {
 
+/// Nobody waits longer than this to learn that something hangs.
+/// Units: milliseconds.
+constexpr std::uint32_t patience = 3000;
+
 /// Which side an interface is on; neither when the router does not tell, as when it is gone by now.
 contract::SideReply sideOf(Session& session, std::uint32_t interface) {
     tk::message question;
@@ -94,7 +98,8 @@ std::string failureOf(const Questions& ask) {
 
 }  // namespace
 
-doctor::BusFacts readBusFacts(Session& session) {
+doctor::BusFacts readBusFacts(Session& patientSession) {
+    Session session = patientSession.waiting(patience);
     doctor::BusFacts facts;
     facts.ownVersion = tk::version();
     facts.routerSilence = failureOf([&] { readRouter(session, facts); });

@@ -36,6 +36,12 @@ struct BusFactsTest : testing::Test {
     tk::testing::ScriptedBus bus;
 };
 
+TEST_F(BusFactsTest, NoQuestionTakesLongerThanPeopleWait) {
+    (void)read();  // only the questions count
+    ASSERT_FALSE(bus.requests.empty());
+    for (const auto& request : bus.requests) EXPECT_EQ(request.timeout, 3000U);
+}
+
 TEST_F(BusFactsTest, AnInterfaceThatVanishesMeanwhileHasNoSide) {
     bus.answer(interfaces, contract::tellSide, tk::errorMsg(tk::error::noSuchObject, "no such interface"));
     const doctor::BusFacts facts = read();

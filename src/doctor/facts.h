@@ -159,6 +159,8 @@ struct MachineFacts {
     std::vector<OtherGateway> gateways;
     std::vector<StoreFact> stores;
     bool hasFolderRules = false;  // systemd runs, and the package told it which stores there are
+    bool hasSystemd = false;
+    std::string programFolder;  // where the router's programs are
     ConfigFacts config;
     std::int64_t now = 0;         // seconds since 1970
     std::int64_t builtAfter = 0;  // a time that has certainly passed

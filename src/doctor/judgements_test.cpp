@@ -67,6 +67,8 @@ Facts healthy() {
     machine.bridges = {{"lan0", true, true, false}};
     machine.stores = {{"/tesk/router", 20, true, 64001, true, false, 1U << 30, {}, 1000},
                       {"/tesk/store", 80, true, daemonUser, true, false, 1U << 30, {}, 1000}};
+    machine.hasSystemd = true;
+    machine.programFolder = "/usr/sbin";
     machine.config.path = "/tesk/etc/router.toml";
     machine.now = machine.builtAfter = 2000;
     return facts;
@@ -348,6 +350,56 @@ TEST_P(Judgement, FindsExactlyWhatIsWrong) {
 INSTANTIATE_TEST_SUITE_P(Faults, Judgement, testing::ValuesIn(cases),
                          [](const auto& row) { return std::string(row.param.name); });
 
+/// The only finding on a router whose daemon does not answer.
+Finding silentDaemon(bool isRunning, bool hasSystemd) {
+    Facts facts = healthy();
+    facts.machine.hasSystemd = hasSystemd;
+    facts.bus.daemonAnswers = false;
+    facts.bus.roles.clear();
+    facts.machine.answers.clear();
+    if (!isRunning) facts.bus.programs.erase(facts.bus.programs.begin() + 1);
+    const Findings findings = judge(facts);
+    return findings.size() == 1 ? findings[0] : Finding();
+}
+
+TEST(Judgement, ADaemonThatHangsLeavesTheMappings) {
+    EXPECT_EQ(silentDaemon(true, true).why,
+              "Nobody in the LAN finds the gateway, and mappings cannot be changed; those that exist go on.");
+    EXPECT_EQ(silentDaemon(true, false).mend,
+              (std::vector<std::string>{"kill -KILL 11", "tkctl upnp get  # routerd starts it for this"}));
+    EXPECT_EQ(silentDaemon(false, true).why,
+              "Nobody in the LAN finds the gateway, and all mappings are gone.");
+    EXPECT_EQ(silentDaemon(false, false).mend,
+              (std::vector<std::string>{"setsid /usr/sbin/upnpd </dev/null >>/var/log/upnpd.log 2>&1 &"}));
+}
+
+TEST(Judgement, WithoutSystemdNoLineNamesIt) {
+    Facts facts = healthy();
+    facts.machine.hasSystemd = false;
+    for (ProgramFact& program : facts.bus.programs) {
+        program.user = 0;
+        program.version = "0.9";
+    }
+    Findings findings = judge(facts);
+    EXPECT_EQ(findings.size(), 6U);
+    facts.bus = {};
+    for (const Finding& finding : judge(facts)) findings.push_back(finding);
+    for (const Finding& finding : findings)
+        for (const std::string& line : finding.mend)
+            EXPECT_EQ(line.find("systemctl"), std::string::npos) << line;
+    EXPECT_EQ(findings.back().mend.back(),
+              "setsid /usr/sbin/routerd </dev/null >>/var/log/routerd.log 2>&1 &");
+}
+
+TEST(Judgement, AStoreIsNotMissedBeforeTheFirstStart) {
+    Facts facts = healthy();
+    facts.machine.stores[1].exists = false;
+    facts.bus.programs.erase(facts.bus.programs.begin() + 1);
+    EXPECT_EQ(judge(facts), Findings());
+    facts.machine.hasFolderRules = true;
+    EXPECT_EQ(judge(facts).size(), 1U);
+}
+
 TEST(Judgement, ASocketWithoutAKnownHolderProvesNothing) {
     Facts facts = healthy();
     for (SocketFact& socket : facts.machine.sockets) {
@@ -375,8 +427,7 @@ TEST(Judgement, ABrokenFileIsMendedBeforeTheRouterIsStarted) {
     EXPECT_EQ(
         findings[1].mend,
         (std::vector<std::string>{"# first mend /tesk/etc/router.toml; this prints nothing when it is good:",
-                                  "/usr/sbin/routerd --check", "systemctl restart routerd",
-                                  "# without systemd: start routerd as root"}));
+                                  "/usr/sbin/routerd --check", "systemctl restart routerd"}));
 }
 
 TEST(Judgement, ErrorsComeFirst) {

@@ -129,9 +129,10 @@ std::int64_t timeOfOwnFile() {
 }  // namespace
 
 void lookAtFiles(const BusFacts& bus, MachineFacts& machine) {
+    machine.hasSystemd = ::access("/run/systemd/system", F_OK) == 0;
+    machine.programFolder = fs::path(machine::findBeside("routerd")).parent_path().string();
     for (const auto& one : folders) machine.stores.push_back(lookAtStore(one.folder, one.program));
-    machine.hasFolderRules =
-        ::access("/run/systemd/system", F_OK) == 0 && ::access("/usr/lib/tmpfiles.d/gateway.conf", F_OK) == 0;
+    machine.hasFolderRules = machine.hasSystemd && ::access("/usr/lib/tmpfiles.d/gateway.conf", F_OK) == 0;
     lookAtConfig(bus, machine);
     machine.now = ::time(nullptr);
     machine.builtAfter = timeOfOwnFile();

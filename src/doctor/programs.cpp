@@ -16,6 +16,30 @@ constexpr Known known[] = {{contract::program::network, "routerd"},
                            {contract::program::gateway, "upnpd"},
                            {contract::program::resolver, "resolverd"}};
 
+/// Starts a program of the router; systemd ends one that hangs first.
+std::string startLine(const MachineFacts& machine, const std::string& name) {
+    if (machine.hasSystemd) return "systemctl restart " + name;
+    const std::string folder = machine.programFolder.empty() ? "/usr/sbin" : machine.programFolder;
+    return "setsid " + folder + '/' + name + " </dev/null >>/var/log/" + name + ".log 2>&1 &";
+}
+
+/// Starts a program again that runs.
+std::string restartLine(const MachineFacts& machine, const std::string& name) {
+    return machine.hasSystemd ? "systemctl restart " + name : "# end " + name + " and start it again";
+}
+
+void judgeSilentDaemon(const Facts& facts, Findings& findings) {
+    const ProgramFact* daemon = facts.program(contract::program::gateway);
+    std::vector<std::string> mend{startLine(facts.machine, "upnpd")};
+    if (daemon && !facts.machine.hasSystemd)
+        mend = {"kill -KILL " + std::to_string(daemon->pid), "tkctl upnp get  # routerd starts it for this"};
+    findings.push_back({"daemon-silent", Severity::error, "upnpd", facts.bus.daemonSilence + '.',
+                        daemon ? "Nobody in the LAN finds the gateway, and mappings cannot be changed; those "
+                                 "that exist go on."
+                               : "Nobody in the LAN finds the gateway, and all mappings are gone.",
+                        mend});
+}
+
 void judgeConfig(const Facts& facts, Findings& findings) {
     const ConfigFacts& config = facts.machine.config;
     if (config.fault.empty()) return;
@@ -43,7 +67,8 @@ void judgeRouter(const Facts& facts, Findings& findings) {
     std::vector<std::string> mend;
     if (const ConfigFacts& config = facts.machine.config; !config.fault.empty())
         mend = {"# first mend " + config.path + "; this prints nothing when it is good:", config.command};
-    mend.insert(mend.end(), {"systemctl restart routerd", "# without systemd: start routerd as root"});
+    if (!facts.machine.hasSystemd) mend.emplace_back("# as root; if a routerd hangs, end it first:");
+    mend.push_back(startLine(facts.machine, "routerd"));
     findings.push_back({"router-silent", Severity::error, "routerd", facts.bus.routerSilence + '.',
                         "Without routerd there is no gateway and no mapping.", mend});
 }
@@ -53,21 +78,14 @@ void judgeAnswers(const Facts& facts, Findings& findings) {
     if (!bus.routerAnswers)
         judgeRouter(facts, findings);
     else if (!bus.daemonAnswers && bus.daemonRefusal.empty())
-        findings.push_back(
-            {"daemon-silent",
-             Severity::error,
-             "upnpd",
-             bus.daemonSilence + '.',
-             "Nobody in the LAN finds the gateway, and all mappings are gone.",
-             {"systemctl restart upnpd",
-              "# without systemd: name upnpd in a [[program]] of router.toml, or start it as root"}});
+        judgeSilentDaemon(facts, findings);
 }
 
 std::vector<std::string> mendUser(const Facts& facts, const ProgramFact& program, const char* name) {
     const std::string file = facts.machine.config.path;
     if (program.number == contract::program::network)
         return {"# give it a user of its own: [router] user in " + file + "; then:",
-                "systemctl restart routerd", "# without systemd: end routerd and start it again"};
+                restartLine(facts.machine, name)};
     return {"# give it a user of its own: user in its [[program]] in " + file + "; then:", "tkctl reload",
             std::string("# then end ") + name + " (process " + std::to_string(program.pid) +
                 "): its next start is as that user"};
@@ -98,8 +116,8 @@ void judgeGuard(const Facts& facts, const ProgramFact& daemon, Findings& finding
           "tkctl reload"}});
 }
 
-void judgeVersion(const ProgramFact& program, const char* name, const std::string& ownVersion,
-                  Findings& findings) {
+void judgeVersion(const Facts& facts, const ProgramFact& program, const char* name, Findings& findings) {
+    const std::string& ownVersion = facts.bus.ownVersion;
     if (program.version.empty() || program.version == ownVersion) return;
     findings.push_back(
         {"version-differs",
@@ -107,7 +125,7 @@ void judgeVersion(const ProgramFact& program, const char* name, const std::strin
          name,
          std::string(name) + " has version " + program.version + ", and tkctl " + ownVersion + '.',
          "The programs are made for each other, and only those of one version are tried together.",
-         {"systemctl restart " + std::string(name), "# if that does not help, install all programs again"}});
+         {restartLine(facts.machine, name), "# if that does not help, install all programs again"}});
 }
 
 }  // namespace
@@ -119,7 +137,7 @@ void judgePrograms(const Facts& facts, Findings& findings) {
         const ProgramFact* program = facts.program(one.number);
         if (!program) continue;
         judgeUser(facts, *program, one.name, findings);
-        judgeVersion(*program, one.name, facts.bus.ownVersion, findings);
+        judgeVersion(facts, *program, one.name, findings);
     }
     if (const ProgramFact* daemon = facts.program(contract::program::gateway))
         judgeGuard(facts, *daemon, findings);

@@ -13,7 +13,9 @@ constexpr std::int64_t tolerance = 3600;  // s, for clocks that are set while fi
 
 /// Why a program cannot store there; empty when it can.
 std::string obstacle(const Facts& facts, const StoreFact& store) {
-    if (!store.exists) return "is not there";
+    // Without a package's rules, each program makes its own at its start.
+    if (!store.exists)
+        return facts.machine.hasFolderRules || facts.program(store.program) ? "is not there" : "";
     if (store.isReadOnly) return "is on a file system that is read-only";
     if (store.freeBytes < leastRoom) return "is on a full file system";
     const ProgramFact* program = facts.program(store.program);
@@ -29,9 +31,8 @@ std::vector<std::string> makeStore(const Facts& facts, const StoreFact& store) {
         return {"systemd-tmpfiles --create gateway.conf", store.program == contract::program::network
                                                               ? "systemctl restart routerd"
                                                               : "systemctl restart upnpd"};
-    if (!program)
-        return {"mkdir -p " + store.folder, "# then give it with chown to the user who runs the program"};
-    return {"mkdir -p " + store.folder, "chown " + std::to_string(program->user) + ' ' + store.folder};
+    return {"mkdir -p " + store.folder,
+            "chown " + std::to_string(program ? program->user : 0) + ' ' + store.folder};
 }
 
 std::vector<std::string> mendStore(const Facts& facts, const StoreFact& store) {
