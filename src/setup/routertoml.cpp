@@ -92,8 +92,7 @@ public:
         const toml::table* section = found->as_table();
         if (!section || !hasHeader(*section))
             return unchangeable(*found, setting.section, "[" + setting.section + "]");
-        put(*section, setting);
-        return {};
+        return put(*section, setting);
     }
 
     tk::Status set(const Command& command) {
@@ -120,19 +119,24 @@ private:
                                    " with its keys below, so that it can be changed");
     }
 
-    void put(const toml::table& section, const Setting& setting) {
-        if (const toml::node* value = section.get(setting.key))
+    tk::Status put(const toml::table& section, const Setting& setting) {
+        const toml::node* value = section.get(setting.key);
+        if (value && hasComments(*value))
+            return tk::Status::failure(name + ":" + std::to_string(value->source().begin.line) + ": " +
+                                       setting.key + ": the comments in its list would be lost; write " +
+                                       setting.key + " = " + setting.value + " by hand, then try again");
+        if (value)
             replace(value->source(), setting.value);
         else
             insert(placeFor(section, setting.key), lineOf(setting));
+        return {};
     }
 
     tk::Status setInProgram(std::uint32_t number, const std::string& key, const std::string& value) {
         const tk::Result<toml::table> root = parseToml(joined(lines), name);
         if (!root.isOk()) return root.status();
         const toml::table* program = programOf(*root, number);
-        if (program) put(*program, {"program", key, value});
-        return {};
+        return program ? put(*program, {"program", key, value}) : tk::Status();
     }
 
     tk::Status dropTrigger(std::uint32_t number) {
@@ -155,6 +159,31 @@ private:
         if (section.is_inline() || begin.line == 0 || begin.line > lines.size()) return false;
         const std::string& line = lines[begin.line - 1];
         return line.compare(offsetOf(line, begin.column), 1, "[") == 0;
+    }
+
+    /// What stands from one place up to another.
+    std::string between(const toml::source_position& from, const toml::source_position& to) const {
+        std::string text;
+        for (std::size_t line = from.line; line <= to.line; ++line) {
+            const std::string& whole = lines[line - 1];
+            const std::size_t begin = line == from.line ? offsetOf(whole, from.column) : 0;
+            const std::size_t end = line == to.line ? offsetOf(whole, to.column) : whole.size();
+            text.append(whole, begin, end - begin);
+        }
+        return text;
+    }
+
+    /// True when there are comments between the entries of a list.
+    bool hasComments(const toml::node& value) const {
+        const toml::array* list = value.as_array();
+        if (!list) return false;
+        std::string rest;
+        toml::source_position reached = value.source().begin;
+        for (const toml::node& entry : *list) {
+            rest += between(reached, entry.source().begin);
+            reached = entry.source().end;
+        }
+        return (rest + between(reached, value.source().end)).find('#') != std::string::npos;
     }
 
     void startSection(const std::string& header) {

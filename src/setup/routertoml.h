@@ -67,8 +67,8 @@ public:
     /// The text with changes. A key that is absent goes below a comment that shows it, or to the end of its
     /// section; a section that is absent goes to the end of the file, and so do added programs. A trigger
     /// becomes a comment.
-    /// Errors: when a section is written in a way that cannot be added to, or when the result would mean
-    /// something else.
+    /// Errors: when a section is written in a way that cannot be added to, when comments would be lost, or when
+    /// the result would mean something else.
     [[nodiscard]] tk::Result<std::string> with(const Changes& changes) const;
 
 private:

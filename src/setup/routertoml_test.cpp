@@ -44,8 +44,14 @@ constexpr Case cases[] = {
     {"AValueIsReplacedInItsPlace", "[lan]\ninterfaces = [\"ä\", 'b']  # why\n[nat]\nexternal-ports = []\n",
      "[lan]\ninterfaces = [\"lan0\"]  # why\n[nat]\nexternal-ports = [\"1024-65535\"]\n"},
     {"AValueOfSeveralLinesIsReplacedWhole",
-     "[nat]\n[lan]\ninterfaces = [\n  \"a\", # one\n  \"b\",\n] # end\n# last\n",
+     "[nat]\n[lan]\ninterfaces = [\n  \"a#1\",\n  '#',\n] # end\n# last\n",
      "[nat]\nexternal-ports = [\"1024-65535\"]\n[lan]\ninterfaces = [\"lan0\"] # end\n# last\n"},
+    {"AListWithCommentsIsLeftToTheAdministrator", "[lan]\ninterfaces = [\n  \"ä\", # one\n]\n",
+     "failure: router.toml:2: interfaces: the comments in its list would be lost; write interfaces = "
+     "[\"lan0\"] by hand, then try again"},
+    {"ACommentBehindTheLastEntryCountsToo", "[lan]\ninterfaces = [\"a\"\n# none else\n]\n",
+     "failure: router.toml:2: interfaces: the comments in its list would be lost; write interfaces = "
+     "[\"lan0\"] by hand, then try again"},
     {"ALastLineWithoutAnEndGetsOne", "[nat]\nlimit = 1\n[lan]",
      "[nat]\nlimit = 1\nexternal-ports = [\"1024-65535\"]\n[lan]\ninterfaces = [\"lan0\"]\n"},
     {"LineEndsAreKept", "[lan]\r\nnetworks = []\r\n",
