@@ -40,7 +40,8 @@ void addBusCallCommand(CLI::App& bus, Context& context);
 /// Adds "trace", below "bus".
 void addBusTraceCommand(CLI::App& bus, Context& context);
 
-/// Prints what "upnp interface list" prints.
-void listRoles(Context& context);
+/// Prints what "status" prints, also where the router does not answer.
+/// Errors: throws Failure then.
+void showStatus(Context& context);
 
 }  // namespace ctl

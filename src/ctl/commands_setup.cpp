@@ -51,8 +51,8 @@ void setUp(Context& context, const SetupOptions& options) {
     getConsent(context, options);
     Installer(context, options).apply(plan);
     if (context.json) return context.print(toJson(plan, options.file, true), "");
-    context.out << "\nDone. The gateway serves:\n\n";
-    listRoles(context);
+    context.out << "\nDone.\n\n";
+    showStatus(context);
 }
 
 }  // namespace

@@ -12,9 +12,6 @@
 
 namespace ctl {
 
-namespace {
-
-/// Prints what there is to say, also where the router does not answer, and then fails.
 void showStatus(Context& context) {
     Overview overview;
     try {
@@ -29,8 +26,6 @@ void showStatus(Context& context) {
     context.out.flush();  // first what there is, then the reason
     throw Failure(overview.routerFailure);
 }
-
-}  // namespace
 
 void addStatusCommand(CLI::App& app, Context& context) {
     CLI::App& command =

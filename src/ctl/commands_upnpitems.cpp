@@ -187,8 +187,6 @@ void addRemoveCommand(CLI::App& group, Context& context) {
     remove.add_option("id", arguments->id, idHelp)->type_name("ID")->required();
 }
 
-}  // namespace
-
 void listRoles(Context& context) {
     Session& session = context.session();
     const std::vector<tk::message> records = session.list(contract::path::gateway());
@@ -212,6 +210,8 @@ void listRoles(Context& context) {
     }
     context.print(list, table);
 }
+
+}  // namespace
 
 void addUpnpItemCommands(CLI::App& upnp, Context& context) {
     CLI::App& group =
