@@ -208,7 +208,7 @@ def answer(lab, text):
     """Runs setup on a terminal, gives an answer, and returns its status with all that it showed."""
     ours, theirs = pty.openpty()
     with subprocess.Popen(lab.router.command(labs.BIN / "tkctl", "setup"), stdin=theirs, stdout=theirs, stderr=theirs,
-                          start_new_session=True) as process:
+                          start_new_session=True, env={**os.environ, "TERM": "xterm", "NO_COLOR": ""}) as process:
         os.close(theirs)
         os.write(ours, text.encode())
         shown = b""
@@ -225,6 +225,7 @@ def test_asks_once_on_a_terminal(router):
     before = state(router)
     status, shown = answer(router, "no\n")
     assert status == 1 and shown.count("Apply? [y/N]") == 1 and "nothing has been changed" in shown
+    assert "\n\x1b[32m+limit = 1024\x1b[0m\r\n" in shown and "\n\x1b[1m+++ /tesk/etc/router.toml\x1b[0m\r\n" in shown
     assert state(router) == before
     status, shown = answer(router, "y\n")
     assert status == 0 and shown.count("Apply? [y/N]") == 1

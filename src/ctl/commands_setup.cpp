@@ -42,12 +42,12 @@ void setUp(Context& context, const SetupOptions& options) {
     const SetupPlan plan = planSetup(context, options, Wait::moment);
     if (plan.isEmpty()) {
         context.print(toJson(plan, options.file, false),
-                      textOf(plan, options.file) + "\nEverything is set up already.\n");
+                      textOf(plan, options.file, context.terminal) + "\nEverything is set up already.\n");
         return;
     }
     const bool isToBeApplied = options.isAgreed && ::geteuid() == 0;
     if (!context.json || !isToBeApplied)
-        context.print(toJson(plan, options.file, false), textOf(plan, options.file));
+        context.print(toJson(plan, options.file, false), textOf(plan, options.file, context.terminal));
     getConsent(context, options);
     Installer(context, options).apply(plan);
     if (context.json) return context.print(toJson(plan, options.file, true), "");

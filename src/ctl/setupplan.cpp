@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <iostream>
+#include <sstream>
 #include <utility>
 
 #include "contract/gateway.h"
@@ -181,6 +182,23 @@ std::string differenceOf(const SetupPlan& plan, const std::string& file) {
     return setup::difference(plan.before, plan.after, plan.fileExists ? file : "/dev/null", file);
 }
 
+/// Shows what goes and what comes.
+std::string paintDifference(const std::string& difference, const Terminal& terminal) {
+    constexpr std::size_t headingLines = 2;
+    std::vector<Line> lines;
+    std::istringstream text(difference);
+    for (std::string line; std::getline(text, line);) {
+        const char kind = line.empty() ? ' ' : line.front();
+        const Style style = lines.size() < headingLines ? Style::strong
+                            : kind == '+'               ? Style::good
+                            : kind == '-'               ? Style::bad
+                            : kind == '@'               ? Style::faint
+                                                        : Style::plain;
+        lines.push_back({{line, style}});
+    }
+    return terminal.render(lines);
+}
+
 Json choicesToJson(const std::vector<setup::Choice>& choices) {
     Json list = Json::array();
     for (const setup::Choice& choice : choices) {
@@ -233,9 +251,9 @@ SetupPlan planSetup(Context& context, const SetupOptions& options, Wait wait) {
     return plan;
 }
 
-std::string textOf(const SetupPlan& plan, const std::string& file) {
+std::string textOf(const SetupPlan& plan, const std::string& file, const Terminal& terminal) {
     std::string text = rolesText(plan.proposal);
-    if (plan.before != plan.after) text += '\n' + differenceOf(plan, file);
+    if (plan.before != plan.after) text += '\n' + paintDifference(differenceOf(plan, file), terminal);
     std::string steps;
     if (!plan.isRunning) steps += "start routerd\n";
     for (const setup::ItemChange& change : plan.changes) steps += setup::describe(change) + '\n';

@@ -6,6 +6,7 @@
 #include "ctl/context.h"
 #include "ctl/daemonanswer.h"
 #include "ctl/json.h"
+#include "ctl/terminal.h"
 #include "setup/proposal.h"
 
 namespace ctl {
@@ -44,7 +45,7 @@ struct SetupPlan {
 [[nodiscard]] SetupPlan planSetup(Context& context, const SetupOptions& options, Wait wait);
 
 /// The plan for people.
-[[nodiscard]] std::string textOf(const SetupPlan& plan, const std::string& file);
+[[nodiscard]] std::string textOf(const SetupPlan& plan, const std::string& file, const Terminal& terminal);
 
 /// The plan as an object; `isApplied`: true when it has been carried out.
 [[nodiscard]] Json toJson(const SetupPlan& plan, const std::string& file, bool isApplied);
