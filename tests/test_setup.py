@@ -127,15 +127,21 @@ def test_starts_the_unit_where_systemd_runs_and_says_how_far_it_came_when_that_f
     if not os.path.exists("/usr/bin/systemctl"):
         pytest.skip("there is no systemctl to put a script in the place of")
     calls, script = lab.directory / "calls", lab.directory / "systemctl"
-    script.write_text("#!/bin/sh\necho 'Failed to enable unit' >&2\nexit 5\n")
+    program = "{ path=/tesk/bin/routerd ; argv[]=/tesk/bin/routerd --config /tesk/etc/mine.toml ; ignore_errors=no ; }"
+    script.write_text(f"#!/bin/sh\n[ $1 = show ] && echo 'ExecStart={program}'\n")
     script.chmod(0o755)
     lab.router.run("mount", "--bind", script, "/usr/bin/systemctl")
     (lab.root / "run/systemd/system").mkdir(parents=True)
+    other = own_tkctl(lab, "setup", "--yes")
+    assert (other.returncode, other.stdout, other.stderr) == (
+        1, "", "tkctl: routerd.service reads /tesk/etc/mine.toml: give --config /tesk/etc/mine.toml\n")
+    assert not file_of(lab).exists()
+    script.write_text("#!/bin/sh\necho 'Failed to enable unit' >&2\nexit 5\n")
     failed = own_tkctl(lab, "setup", "--yes")
     assert (failed.returncode, failed.stderr) == (
         1, "tkctl: systemctl: Failed to enable unit; journalctl -u routerd.service tells more; done so far: "
            "/tesk/etc/router.toml is written; the rest is not done\n")
-    script.write_text(f"#!/bin/sh\necho \"$*\" >>{calls}\nsetsid /tesk/bin/routerd >/dev/null 2>&1 &\n")
+    script.write_text(f"#!/bin/sh\n[ $1 = show ] && exit\necho \"$*\" >>{calls}\nsetsid /tesk/bin/routerd >/dev/null 2>&1 &\n")
     done = own_tkctl(lab, "setup", "--yes")
     try:
         assert (done.stderr, done.returncode) == ("", 0)
@@ -325,10 +331,37 @@ def test_a_slip_is_answered_by_one_line(router, words, reason):
 
 def test_a_file_that_cannot_be_written_is_named(router):
     before = state(router)
-    refused = set_up(router, "--yes", "--config", "/sys/router.toml")
-    assert refused.returncode == 1
-    assert re.fullmatch(r"tkctl: /sys/router.toml.new: .*; nothing has been changed\n", refused.stderr)
+    router.router.run("mount", "--bind", "/tesk/etc", "/tesk/etc")
+    router.router.run("mount", "-o", "remount,bind,ro", "/tesk/etc")
+    try:
+        refused = set_up(router, "--yes")
+    finally:
+        router.router.run("umount", "/tesk/etc")
+    assert (refused.returncode, refused.stderr) == (
+        1, "tkctl: /tesk/etc/router.toml.new: Read-only file system; nothing has been changed\n")
     assert state(router) == before
+
+
+def test_a_file_that_routerd_does_not_read_is_refused(router):
+    before = state(router)
+    refused = set_up(router, "--yes", "--config", "/tesk/etc/other.toml")
+    assert (refused.stdout, refused.stderr, refused.returncode) == (
+        "", "tkctl: routerd reads /tesk/etc/router.toml: give --config /tesk/etc/router.toml\n", 1)
+    assert state(router) == before and not (router.root / "tesk" / "etc" / "other.toml").exists()
+    assert set_up(router, "--config", "/tesk/./etc/router.toml").stderr == (
+        "tkctl: nothing has been changed: --yes applies this\n")
+
+
+def test_it_asks_for_the_file_that_routerd_reads(bare_lab):
+    lab = bare_lab
+    lab.start_routerd("--config", "/tesk/etc/lab.toml")
+    before = (lab.root / "tesk" / "etc" / "lab.toml").read_text(), file_of(lab).read_text()
+    refused = set_up(lab, "--yes")
+    assert (refused.stdout, refused.stderr, refused.returncode) == (
+        "", "tkctl: routerd reads /tesk/etc/lab.toml: give --config /tesk/etc/lab.toml\n", 1)
+    assert ((lab.root / "tesk" / "etc" / "lab.toml").read_text(), file_of(lab).read_text()) == before
+    shown = set_up(lab, "--wan", "wan0", "--lan", "lan0", "--config", "/tesk/etc/lab.toml")
+    assert shown.stderr == "tkctl: nothing has been changed: --yes applies this\n"
 
 
 def test_without_a_default_route_it_says_so(router):

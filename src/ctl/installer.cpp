@@ -31,7 +31,6 @@ constexpr mode_t usualMode = 0644;
 constexpr auto patience = 10s;
 constexpr auto pause = 50ms;
 constexpr machine::ToolLimits unitLimits{.milliseconds = 90000};
-constexpr const char* unit = "routerd.service";
 
 /// Waits until the condition holds.
 /// Errors: false when it did not in time.
@@ -152,17 +151,17 @@ void Installer::putBack(const SetupPlan& plan) {
 }
 
 void Installer::startRouter() {
-    const std::string words = options.file == usualConfiguration
+    const std::string words = options.file == machine::usualConfiguration
                                   ? ""
                                   : "--config " + std::filesystem::absolute(options.file).string();
     if (!hasSystemd())
         throw Failure("routerd is not running, and there is no systemd to start it; run \"" +
                       startLine("routerd", words) + "\" and then tkctl setup again");
-    const auto started = machine::outputOf({"systemctl", "enable", "--now", unit}, unitLimits);
-    if (!started.isOk()) throw Failure(started.reason() + "; journalctl -u " + unit + " tells more");
+    const auto started = machine::outputOf({"systemctl", "enable", "--now", routerUnit}, unitLimits);
+    if (!started.isOk()) throw Failure(started.reason() + "; journalctl -u " + routerUnit + " tells more");
     if (!becomesTrue([this] { return isRouterRunning(context); }))
-        throw Failure(std::string(unit) + " was started, but does not serve the bus; journalctl -u " + unit +
-                      " tells more");
+        throw Failure(std::string(routerUnit) + " was started, but does not serve the bus; journalctl -u " +
+                      routerUnit + " tells more");
     done.emplace_back("routerd is started");
 }
 

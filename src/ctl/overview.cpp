@@ -22,8 +22,8 @@ using contract::Role;
 /// Units: milliseconds.
 constexpr std::uint32_t patience = 3000;
 
-/// The programs on the bus.
-/// Errors: none when the router does not know the question; throws Failure when it does not answer.
+}  // namespace
+
 std::optional<std::vector<RunningProgram>> readPrograms(Session& session) {
     const tk::message end = session.exchange(contract::path::hub(), tk::command::hubPrograms, {}, patience);
     std::uint32_t code = 0;
@@ -35,6 +35,8 @@ std::optional<std::vector<RunningProgram>> readPrograms(Session& session) {
                             record.get_u32(tk::hubfield::uid)});
     return programs;
 }
+
+namespace {
 
 bool isThere(const std::vector<RunningProgram>& programs, std::uint32_t number) {
     return std::any_of(programs.begin(), programs.end(),

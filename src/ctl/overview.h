@@ -51,6 +51,10 @@ struct Overview {
     std::vector<contract::MappingRefusal> refusals;  // the oldest first
 };
 
+/// The programs on the bus, the router itself first.
+/// Errors: none when the router does not know the question; throws Failure when it does not answer.
+[[nodiscard]] std::optional<std::vector<RunningProgram>> readPrograms(Session& session);
+
 /// Asks all programs. A daemon that is not there is not asked, for a request would start it, although somebody
 /// has switched it off.
 /// Errors: throws Failure when the router does not answer; what the daemon fails to tell is left out.

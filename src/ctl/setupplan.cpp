@@ -3,8 +3,13 @@
 #include <errno.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <filesystem>
 #include <iostream>
+#include <optional>
 #include <sstream>
+#include <string_view>
+#include <system_error>
 #include <utility>
 
 #include "contract/gateway.h"
@@ -12,6 +17,7 @@
 #include "ctl/configcheck.h"
 #include "ctl/failure.h"
 #include "ctl/interfaces.h"
+#include "ctl/overview.h"
 #include "ctl/startadvice.h"
 #include "ctl/table.h"
 #include "machine/links.h"
@@ -53,6 +59,51 @@ template <typename Value>
 Value valueOf(tk::Result<Value> result) {
     if (!result.isOk()) throw Failure(result.reason());
     return result.take();
+}
+
+bool hasSystemd() {
+    return ::access("/run/systemd/system", F_OK) == 0;
+}
+
+/// What the running routerd reads.
+/// Errors: none when it does not tell which process it is.
+std::optional<std::string> fileOfRouter(Context& context) {
+    for (const RunningProgram& program :
+         readPrograms(context.session()).value_or(std::vector<RunningProgram>()))
+        if (program.number == contract::program::network) return machine::configurationOf(program.pid);
+    return std::nullopt;
+}
+
+/// What routerd.service would read. The usual file where systemd does not tell: then it cannot start it either.
+std::string fileOfUnit() {
+    constexpr std::string_view arguments = "argv[]=";
+    const auto shown = machine::outputOf({"systemctl", "show", "--property=ExecStart", routerUnit});
+    const std::size_t begin = shown.isOk() ? shown->find(arguments) : std::string::npos;
+    if (begin == std::string::npos) return machine::usualConfiguration;
+    std::string line = shown->substr(begin + arguments.size());
+    line.resize(std::min(line.find(" ;"), line.size()));
+    std::replace(line.begin(), line.end(), ' ', '\0');
+    return machine::configurationIn(line);
+}
+
+/// Where a file is, however it is written; as it is written when that cannot be told.
+std::filesystem::path placeOf(const std::string& file) {
+    std::error_code unknown;
+    const auto whole = std::filesystem::absolute(file, unknown);
+    auto place = std::filesystem::weakly_canonical(whole, unknown);
+    return unknown ? std::filesystem::path(file) : place;
+}
+
+/// Errors: throws Failure when a changed file would not be the one that counts.
+void checkFile(Context& context, const std::string& file, bool isRunning) {
+    std::optional<std::string> read;
+    if (isRunning)
+        read = fileOfRouter(context);
+    else if (hasSystemd())
+        read = fileOfUnit();
+    if (read && placeOf(*read) != placeOf(file))
+        throw Failure((isRunning ? "routerd" : routerUnit) + (" reads " + *read) + ": give --config " +
+                      *read);
 }
 
 setup::RouterToml readFile(const std::string& file, SetupPlan& plan) {
@@ -240,9 +291,10 @@ bool isRouterRunning(Context& context) {
 
 SetupPlan planSetup(Context& context, const SetupOptions& options, Wait wait) {
     SetupPlan plan;
+    plan.isRunning = isRouterRunning(context);
+    checkFile(context, options.file, plan.isRunning);
     const setup::RouterToml file = readFile(options.file, plan);
     const machine::Links machine = valueOf(machine::readLinks());
-    plan.isRunning = isRouterRunning(context);
     const std::vector<setup::Item> items = askGateway(context, wait, plan);
     plan.proposal = valueOf(setup::propose(machine, {valueOf(file.lanInterfaces()), items}, options.wishes));
     plan.changes = setup::itemChanges(items, plan.proposal);

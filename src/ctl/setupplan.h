@@ -7,16 +7,17 @@
 #include "ctl/daemonanswer.h"
 #include "ctl/json.h"
 #include "ctl/terminal.h"
+#include "machine/configuration.h"
 #include "setup/proposal.h"
 
 namespace ctl {
 
-/// What routerd reads unless it is told otherwise.
-constexpr const char* usualConfiguration = "/tesk/etc/router.toml";
+/// What starts routerd where systemd runs.
+constexpr const char* routerUnit = "routerd.service";
 
 /// What "tkctl setup" was called with.
 struct SetupOptions {
-    std::string file = usualConfiguration;
+    std::string file = machine::usualConfiguration;
     setup::Wishes wishes;
     bool isAgreed = false;  // true: applies without a question
 };
@@ -41,7 +42,7 @@ struct SetupPlan {
 };
 
 /// Finds out what has to be done. `wait` is for an upnpd that does not answer at once.
-/// Errors: throws Failure; nothing has been changed.
+/// Errors: throws Failure, also when routerd reads another file, or would; nothing has been changed.
 [[nodiscard]] SetupPlan planSetup(Context& context, const SetupOptions& options, Wait wait);
 
 /// The plan for people.

@@ -8,6 +8,7 @@
 
 #include "contract/programs.h"
 #include "doctor/collect.h"
+#include "machine/configuration.h"
 #include "machine/toml.h"
 #include "machine/tool.h"
 #include "tk/file.h"
@@ -18,7 +19,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* usualConfig = "/tesk/etc/router.toml";
 constexpr std::size_t configLimit = std::size_t{1024} * 1024;
 
 constexpr struct {
@@ -56,16 +56,11 @@ std::string processFolder(const BusFacts& bus) {
     return {};
 }
 
-/// The file that routerd was told to read; empty when it was told none.
-std::string givenConfig(const std::string& process) {
-    constexpr std::size_t limit = 65536;
-    constexpr std::string_view option = "--config";
-    const auto words = tk::readFile(process + "/cmdline", limit);
-    if (process.empty() || !words.isOk()) return {};
-    const std::size_t at = words->find(std::string(1, '\0') + std::string(option));
-    if (at == std::string::npos) return {};
-    const std::size_t start = at + 1 + option.size() + 1;  // behind a zero or '='
-    return start < words->size() ? words->substr(start, words->find('\0', start) - start) : std::string();
+/// The file that routerd reads.
+std::string configPath(const BusFacts& bus) {
+    for (const ProgramFact& program : bus.programs)
+        if (program.number == contract::program::network) return machine::configurationOf(program.pid);
+    return machine::usualConfiguration;
 }
 
 /// The file of the routerd that runs, or else of the one that came with this program.
@@ -84,20 +79,20 @@ std::string starter() {
     return user.isOk() ? user->substr(0, user->find('\n')) : std::string();
 }
 
-std::vector<std::string> checkCommand(const std::string& program, const std::string& given) {
+std::vector<std::string> checkCommand(const std::string& program, const std::string& path) {
     std::vector<std::string> words;
     if (const std::string user = starter(); !user.empty())
         words = {"setpriv", "--reuid", user, "--regid", user, "--init-groups"};
     words.insert(words.end(), {program, "--check"});
-    if (!given.empty()) words.insert(words.end(), {"--config", given});
+    if (path != machine::usualConfiguration) words.insert(words.end(), {"--config", path});
     return words;
 }
 
 /// Lets routerd itself judge its file. Only root can do so as whoever starts routerd.
-void checkConfig(const std::string& process, const std::string& given, MachineFacts& machine) {
+void checkConfig(const std::string& process, MachineFacts& machine) {
     const std::string program = routerProgram(process);
     if (::geteuid() != 0 || program.empty()) return;
-    const std::vector<std::string> words = checkCommand(program, given);
+    const std::vector<std::string> words = checkCommand(program, machine.config.path);
     const auto end = machine::runTool(words);
     constexpr int refused = 1;
     if (!end.isOk())
@@ -109,9 +104,8 @@ void checkConfig(const std::string& process, const std::string& given, MachineFa
 }
 
 void lookAtConfig(const BusFacts& bus, MachineFacts& machine) {
-    const std::string process = processFolder(bus), given = givenConfig(process);
-    machine.config.path = given.empty() ? usualConfig : given;
-    checkConfig(process, given, machine);
+    machine.config.path = configPath(bus);
+    checkConfig(processFolder(bus), machine);
     const auto text = tk::readFile(machine.config.path, configLimit);
     if (!text.isOk() && text.status().code() == ENOENT) return;  // as if it were empty
     const auto config = text.isOk() ? parseConfig(*text, machine.config.path) : text.status();
