@@ -1,5 +1,8 @@
 #include "services/refusedmappings.h"
 
+#include <algorithm>
+#include <cstdint>
+#include <map>
 #include <string_view>
 #include <utility>
 
@@ -26,8 +29,20 @@ void RefusedMappings::add(contract::MappingRefusal refusal) {
         ++refusals.back().count;
         return;
     }
-    if (refusals.size() == contract::refusalLimit) refusals.pop_front();
     refusals.push_back(std::move(refusal));
+    if (refusals.size() > contract::refusalLimit) dropOne();
+}
+
+/// Makes room at the cost of the control point that was refused most often: it does not push out what others
+/// were refused.
+void RefusedMappings::dropOne() {
+    std::map<std::uint32_t, std::size_t> counts;
+    for (const contract::MappingRefusal& each : refusals) ++counts[each.requester];
+    const auto oldest =
+        std::max_element(refusals.begin(), refusals.end(), [&counts](const auto& one, const auto& other) {
+            return counts[one.requester] < counts[other.requester];
+        });
+    refusals.erase(oldest);  // the first of equals, and so that requester's oldest
 }
 
 }  // namespace gateway

@@ -6,7 +6,8 @@
 
 namespace gateway {
 
-/// The last mappings that control points asked for and did not get. Bounded: the oldest go first.
+/// The last mappings that control points asked for and did not get. Bounded: the oldest of
+/// the control point that has most goes first.
 class RefusedMappings {
 public:
     /// Keeps a refusal. One that differs from the last only in its time is counted with that one, and gives
@@ -16,6 +17,8 @@ public:
     const std::deque<contract::MappingRefusal>& all() const { return refusals; }
 
 private:
+    void dropOne();
+
     std::deque<contract::MappingRefusal> refusals;
 };
 

@@ -60,6 +60,29 @@ TEST(RefusedMappings, OnlyTheLast32AreKept) {
     EXPECT_EQ(refused.all().back(), refusalOf(39, 39));
 }
 
+TEST(RefusedMappings, OneControlPointDoesNotPushOutThoseOfOthers) {
+    RefusedMappings refused;
+    MappingRefusal other = refusalOf(80, 1);
+    other.requester = 2;
+    refused.add(other);
+    for (std::uint16_t port = 0; port < 40; ++port) refused.add(refusalOf(port, port));
+    ASSERT_EQ(refused.all().size(), 32u);
+    EXPECT_EQ(refused.all()[0], other);
+    EXPECT_EQ(refused.all()[1], refusalOf(9, 9));
+    EXPECT_EQ(refused.all().back(), refusalOf(39, 39));
+}
+
+TEST(RefusedMappings, AnotherControlPointFindsRoomThough) {
+    RefusedMappings refused;
+    for (std::uint16_t port = 0; port < 32; ++port) refused.add(refusalOf(port, port));
+    MappingRefusal other = refusalOf(80, 40);
+    other.requester = 2;
+    refused.add(other);
+    ASSERT_EQ(refused.all().size(), 32u);
+    EXPECT_EQ(refused.all().front(), refusalOf(1, 1));
+    EXPECT_EQ(refused.all().back(), other);
+}
+
 TEST(RefusedMappings, ALongReasonIsCutBetweenTwoCharacters) {
     RefusedMappings refused;
     refused.add(refusalOf(80, 5, std::string(199, 'x') + "\u00e9"));
