@@ -315,6 +315,7 @@ tk::Result<Config> readConfig(const std::string& path, bool mayBeAbsent, uid_t o
     if (const tk::Status trust = checkWriters(file, owner); !trust.isOk())
         return tk::Status::failure(path + ": " + trust.reason() + ", so it is not followed");
     const tk::Result<std::string> text = tk::readFile(file, sizeLimit);
+    if (text.status().code() == EINVAL) return tk::Status::failure(path + ": not a regular file");
     return text.isOk() ? parseConfig(*text, path) : text.status().prefixed(path + ": ");
 }
 

@@ -87,6 +87,14 @@ TEST_F(ConfigFileTest, OfARouterThatRootDidNotStartNamesNobodyElse) {
                                  "place of command and user");
 }
 
+TEST_F(ConfigFileTest, IsNoFolder) {
+    write("");
+    ASSERT_TRUE(file.read().isOk());
+    ASSERT_EQ(::unlink(path.c_str()), 0);
+    ASSERT_EQ(::mkdir(path.c_str(), 0755), 0);
+    EXPECT_EQ(file.readAgain().reason(), path + ": not a regular file");
+}
+
 TEST_F(ConfigFileTest, TellsWhoMustBeAbleToReadIt) {
     if (::geteuid() != 0) GTEST_SKIP() << "needs root";
     write("[router]\nuser = \"nobody\"\n");
