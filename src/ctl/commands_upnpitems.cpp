@@ -102,6 +102,19 @@ void checkSideOfChange(Session& session, const tk::message& change, bool isForce
             checkSide(session, RoleItem::fromMessage(change, RoleItem::fromMessage(record, {})), isForced);
 }
 
+/// What to do where the interface of an item that is refused has an item already; empty when that one is gone.
+std::string changeAdvice(Session& session, const RoleItem& wanted) {
+    for (const tk::message& record : session.list(contract::path::gateway())) {
+        const RoleItem present = RoleItem::fromMessage(record, {});
+        if (present.interface != wanted.interface) continue;
+        const std::string id = std::to_string(record.get_u32(tk::field::objectId));
+        const std::string role = roleName(wanted.type);
+        if (present.type == wanted.type) return "; it is " + role + " already, by item " + id;
+        return "; change it: tkctl upnp interface set " + id + " type=" + role;
+    }
+    return {};
+}
+
 void addItem(Context& context, const Arguments& arguments) {
     const KeyValues settings(arguments.settings, {"disabled"});
     const bool disabled = settings.flag("disabled").value_or(false);
@@ -110,7 +123,11 @@ void addItem(Context& context, const Arguments& arguments) {
     const RoleItem item{interfaceNamed(readInterfaces(session), arguments.name).id, role, disabled};
     checkSide(session, item, arguments.isForced);
     const tk::message reply =
-        session.request(contract::path::gateway(), tk::command::addObject, item.toMessage());
+        session.exchange(contract::path::gateway(), tk::command::addObject, item.toMessage());
+    std::uint32_t code = 0;
+    if (tk::isError(reply, &code))
+        throw Failure(reasonOf(reply, contract::path::gateway()) +
+                      (code == tk::error::exists ? changeAdvice(session, item) : ""));
     const std::uint32_t id = reply.get_u32(tk::field::objectId, tk::unassigned);
     if (id == tk::unassigned) throw Failure("the item was added, but the reply does not give its id");
     printId(context, id, std::to_string(id) + '\n');
