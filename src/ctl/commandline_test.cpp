@@ -3,6 +3,7 @@
 #include "ctl/commandline.h"
 
 #include <arpa/inet.h>
+#include <net/if.h>
 
 #include <sstream>
 
@@ -199,8 +200,15 @@ TEST_F(CommandLineTest, UpnpInterfaceAddOfAnUnknownNameListsTheKnownOnes) {
 TEST_F(CommandLineTest, UpnpInterfaceAddThatIsRefused) {
     bus.answer({80, 0}, tk::command::addObject, tk::errorMsg(tk::error::exists, "Interface already added"));
     EXPECT_EQ(run({"upnp", "interface", "add", "lan0", "internal"}), Status::failed);
-    EXPECT_EQ(errors.str(), "tkctl: Interface already added\n");
+    EXPECT_EQ(errors.str(), "tkctl: Interface already added; it is internal already, by item 4\n");
     EXPECT_EQ(out.str(), "");
+}
+
+TEST_F(CommandLineTest, UpnpInterfaceAddOfAnotherRoleTellsHowToChangeIt) {
+    bus.answer({80, 0}, tk::command::addObject, tk::errorMsg(tk::error::exists, "Interface already added"));
+    EXPECT_EQ(run({"upnp", "interface", "add", "lan0", "external"}), Status::failed);
+    EXPECT_EQ(errors.str(),
+              "tkctl: Interface already added; change it: tkctl upnp interface set 4 type=external\n");
 }
 
 TEST_F(CommandLineTest, UpnpInterfaceSetSendsOnlyWhatIsNamed) {
@@ -472,6 +480,18 @@ TEST_F(CompletionTest, OffersTheRoutersInterfaces) {
     EXPECT_EQ(offered({"upnp", "interface", "add", "--force", "la"}), Words{"lan0"});
     EXPECT_EQ(offered({"upnp", "interface", "set", "4", "interface="}),
               (Words{"interface=lan0", "interface=list"}));
+}
+
+TEST_F(CompletionTest, OffersTheMachinesInterfacesForSetup) {
+    Words names;
+    struct if_nameindex* const all = ::if_nameindex();
+    ASSERT_NE(all, nullptr);
+    for (const struct if_nameindex* entry = all; entry->if_index != 0; ++entry)
+        if (entry->if_name != std::string("lo")) names.emplace_back(entry->if_name);
+    ::if_freenameindex(all);
+    EXPECT_EQ(offered({"setup", "--lan", ""}), names);
+    EXPECT_EQ(offered({"setup", "--yes", "--wan", ""}), names);
+    EXPECT_EQ(offered({"setup", "--config", ""}), Words{});
 }
 
 TEST_F(CompletionTest, OffersWhatAnArgumentCanBe) {

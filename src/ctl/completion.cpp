@@ -1,5 +1,7 @@
 #include "ctl/completion.h"
 
+#include <net/if.h>
+
 #include <algorithm>
 #include <string_view>
 #include <utility>
@@ -32,9 +34,9 @@ using Offers = std::vector<Offer>;
 /// Where the words before the last one lead.
 struct Place {
     const CLI::App* command;
-    std::size_t arguments = 0;  // how many it was given
-    bool isUnknown = false;     // a word that leads nowhere
-    bool isOptionValue = false;
+    std::size_t arguments = 0;            // how many it was given
+    bool isUnknown = false;               // a word that leads nowhere
+    const CLI::Option* option = nullptr;  // whose value comes next
 };
 
 std::vector<std::string> split(std::string_view text, char separator) {
@@ -58,7 +60,7 @@ Place placeAfter(const CLI::App& app, Context& context, const std::vector<std::s
         if (const CLI::Option* option = optionOf(*place.command, word)) {
             if (option->get_items_expected_max() == 0) continue;  // a flag
             if (++i == words.size())
-                place.isOptionValue = true;
+                place.option = option;
             else if (word == socketOption)
                 context.socketPath = words[i];
             continue;
@@ -131,6 +133,23 @@ Offers valuesOf(const CLI::Option& argument, Context& context) {
     return offers;
 }
 
+/// The interfaces of this machine, also where no routerd runs yet.
+Offers machineInterfaces() {
+    struct if_nameindex* const all = ::if_nameindex();
+    if (!all) return {};
+    Offers offers;
+    for (const struct if_nameindex* entry = all; entry->if_index != 0; ++entry) {
+        const std::string name = entry->if_name;
+        if (name != "lo" && tk::printable(name) == name) offers.push_back({name, {}});
+    }
+    ::if_freenameindex(all);
+    return offers;
+}
+
+Offers optionValues(const CLI::Option& option) {
+    return option.get_type_name() == "NAME" ? machineInterfaces() : Offers{};
+}
+
 Offers argumentsOf(const CLI::App& command, std::size_t given, Context& context) {
     const auto arguments =
         command.get_options([](const CLI::Option* option) { return option->get_positional(); });
@@ -142,7 +161,8 @@ Offers argumentsOf(const CLI::App& command, std::size_t given, Context& context)
 }
 
 Offers offersAt(const Place& place, const std::string& begun, Context& context) {
-    if (place.isUnknown || place.isOptionValue) return {};
+    if (place.isUnknown) return {};
+    if (place.option) return optionValues(*place.option);
     if (begun.starts_with('-')) return optionsOf(*place.command);
     if (!place.command->get_subcommands({}).empty()) return commandsBelow(*place.command);
     return argumentsOf(*place.command, place.arguments, context);
