@@ -1,5 +1,7 @@
 #include "ctl/commands.h"
 
+#include <errno.h>
+
 #include <vector>
 
 #include <CLI/App.hpp>
@@ -16,6 +18,10 @@ void showStatus(Context& context) {
     Overview overview;
     try {
         overview = readOverview(context.session());
+    } catch (const Unreachable& failure) {
+        // It may well answer others.
+        if (failure.error == EACCES && !context.json) throw;
+        overview.routerFailure = failure.what();
     } catch (const Failure& failure) {
         overview.routerFailure = failure.what();
     }
