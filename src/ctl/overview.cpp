@@ -10,6 +10,7 @@
 #include "ctl/failure.h"
 #include "ctl/interfaces.h"
 #include "net/convert.h"
+#include "tk/file.h"
 #include "tk/names.h"
 
 namespace ctl {
@@ -85,6 +86,13 @@ void describe(Session& session, std::vector<ServedInterface>& served) {
     }
 }
 
+/// True unless the kernel says that it forwards nothing.
+bool isForwarding(const std::string& file) {
+    constexpr std::size_t limit = 16;  // bytes
+    const auto text = tk::readFile(file, limit);
+    return !text.isOk() || !text->starts_with('0');
+}
+
 /// Asks the daemon, as far as it answers.
 void askGateway(Session& session, Overview& overview) {
     try {
@@ -100,13 +108,14 @@ void askGateway(Session& session, Overview& overview) {
 
 }  // namespace
 
-Overview readOverview(Session& patientSession) {
+Overview readOverview(Session& patientSession, const std::string& forwarding) {
     Session session = patientSession.waiting(patience);
     Overview overview;
     overview.programs = readPrograms(session);
     overview.isGatewayThere = !overview.programs || isThere(*overview.programs, contract::program::gateway);
     if (overview.isGatewayThere) askGateway(session, overview);
     describe(session, overview.served);
+    overview.isForwarding = isForwarding(forwarding);
     return overview;
 }
 

@@ -49,7 +49,12 @@ struct Overview {
     std::vector<ServedInterface> served;
     std::vector<Mapping> mappings;
     std::vector<contract::MappingRefusal> refusals;  // the oldest first
+    /// False when the kernel forwards nothing.
+    bool isForwarding = true;
 };
+
+/// Where the kernel says whether it forwards packets.
+constexpr const char* forwardingFile = "/proc/sys/net/ipv4/ip_forward";
 
 /// The programs on the bus, the router itself first.
 /// Errors: none when the router does not know the question; throws Failure when it does not answer.
@@ -58,7 +63,7 @@ struct Overview {
 /// Asks all programs. A daemon that is not there is not asked, for a request would start it, although somebody
 /// has switched it off.
 /// Errors: throws Failure when the router does not answer; what the daemon fails to tell is left out.
-[[nodiscard]] Overview readOverview(Session& session);
+[[nodiscard]] Overview readOverview(Session& session, const std::string& forwarding = forwardingFile);
 
 /// What is wrong, in one line each, and what to do.
 [[nodiscard]] std::vector<std::string> problemsOf(const Overview& overview);

@@ -89,6 +89,10 @@ std::vector<std::string> problemsOf(const Overview& overview) {
     if (!overview.routerFailure.empty()) return {overview.routerFailure};
     if (std::string problem = gatewayProblem(overview); !problem.empty())
         problems.push_back(std::move(problem));
+    if (!overview.isForwarding)
+        problems.push_back(
+            "the kernel forwards no packets, so no mapping works; to turn it on: sysctl -w "
+            "net.ipv4.ip_forward=1");
     if (!overview.settings) return problems;
     addMissingRole(overview, Role::internal,
                    "no interface is internal, so no host finds the gateway; tkctl setup proposes roles",

@@ -10,6 +10,7 @@
 #include "ctl/failure.h"
 #include "ctl/fieldspec.h"
 #include "tk/names.h"
+#include "tk/testing/folder.h"
 #include "tk/testing/scriptedbus.h"
 
 namespace ctl {
@@ -24,6 +25,7 @@ tk::message listOf(const std::vector<tk::message>& records) {
 /// A router with a LAN and a WAN, and one mapping.
 struct OverviewTest : testing::Test {
     OverviewTest() {
+        forwarding("1\n");
         bus.answer({0}, 7,
                    listOf({parseFields({"1:u32=20", "2:u32=100", "3:u32=0"}),
                            parseFields({"1:u32=80", "2:u32=101", "3:u32=0"})}));
@@ -51,9 +53,10 @@ struct OverviewTest : testing::Test {
                    listOf({parseFields({"0xFE0001:u32=1", "1:be32=192.0.2.1", "5:u32=1"}),
                            parseFields({"0xFE0001:u32=2", "1:be32=" + outer, "5:u32=2"})}));
     }
+    void forwarding(const std::string& text) { folder.write("ip_forward", text); }
     Overview read() {
         Session session(bus);
-        return readOverview(session);
+        return readOverview(session, folder.file("ip_forward"));
     }
     std::vector<std::string> problems() { return problemsOf(read()); }
     std::size_t requestsTo(std::uint32_t program) const {
@@ -62,6 +65,7 @@ struct OverviewTest : testing::Test {
                 return request.content.get_u32_array(tk::field::destination).front() == program;
             }));
     }
+    tk::testing::Folder folder;
     tk::testing::ScriptedBus bus;
 };
 
@@ -118,6 +122,12 @@ TEST_F(OverviewTest, FindsUpnpSwitchedOff) {
     EXPECT_EQ(problems(),
               std::vector<std::string>{"UPnP is switched off; to switch it on: tkctl upnp set enabled=yes"});
     EXPECT_EQ(overviewToJson(read())["discoverable"], Json::array());
+}
+
+TEST_F(OverviewTest, FindsAKernelThatForwardsNothing) {
+    forwarding("0\n");
+    EXPECT_EQ(problems(), std::vector<std::string>{"the kernel forwards no packets, so no mapping works; to "
+                                                   "turn it on: sysctl -w net.ipv4.ip_forward=1"});
 }
 
 TEST_F(OverviewTest, FindsNoRoles) {
