@@ -61,7 +61,10 @@ tk::Fd catchSignals() {
 class Watcher final : public tk::BusConnection::Receiver {
 public:
     explicit Watcher(Context& context)
-        : context(context), isLive(context.terminal.hasCursor && !context.json), screen(context.terminal) {}
+        : context(context),
+          isLive(context.terminal.hasCursor && !context.json),
+          takesKeys(context.terminal.isTerminal && !context.json),
+          screen(context.terminal) {}
 
     /// Errors: throws Failure.
     void run();
@@ -89,11 +92,12 @@ private:
 
     Context& context;
     const bool isLive;
+    const bool takesKeys;
     tk::SystemClock clock;
     tk::Runner runner{clock};
     tk::Fd signalSource = catchSignals();
     TraceOutput plainOutput{STDOUT_FILENO, signalSource.get()};
-    std::optional<WatchTerminal> terminal;  // where the view is live
+    std::optional<WatchTerminal> terminal;  // where it takes keys
     Screen screen;
     TrafficHistory history;
     std::optional<Overview> last;
@@ -112,12 +116,12 @@ void Watcher::run() {
     tk::Watch signalWatch(runner);
     signalWatch.start<Watcher, &Watcher::signalled>(signalSource.get(), *this, tk::readable);
     tk::Watch keyWatch(runner);
-    if (isLive && ::isatty(STDIN_FILENO) == 1)
+    if (takesKeys && ::isatty(STDIN_FILENO) == 1)
         keyWatch.start<Watcher, &Watcher::keyPressed>(STDIN_FILENO, *this, tk::readable);
     // Asks for no event: the loss of the reader is reported in any case.
     tk::Watch readerWatch(runner);
     readerWatch.start<Watcher, &Watcher::readerLeft>(STDOUT_FILENO, *this, 0);
-    if (isLive) terminal.emplace(STDIN_FILENO, STDOUT_FILENO, signalSource.get()).enter();
+    if (takesKeys) terminal.emplace(STDIN_FILENO, STDOUT_FILENO, signalSource.get(), isLive).enter();
     while (!ended) {
         if (isDue) refresh();
         if (!ended) runner.turn(-1);
@@ -182,8 +186,10 @@ void Watcher::busReceived(const tk::message& received) {
 
 void Watcher::show(const Overview& overview) {
     if (isLive) return showLive(overview);
+    Terminal endless = context.terminal;
+    endless.height = 0;
     const std::string text =
-        context.json ? lineOf(overviewToJson(overview)) + '\n' : Terminal{}.render(layOut(overview, {}));
+        context.json ? lineOf(overviewToJson(overview)) + '\n' : endless.render(layOut(overview, endless));
     if (text == printed) return;
     const bool wantsGap = !context.json && !printed.empty();
     check(plainOutput.write(wantsGap ? '\n' + text : text), plainOutput.reason());

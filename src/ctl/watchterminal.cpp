@@ -21,9 +21,10 @@ tk::Fd openAgain(int descriptor) {
 
 }  // namespace
 
-WatchTerminal::WatchTerminal(int keyboard, int display, int interruption)
+WatchTerminal::WatchTerminal(int keyboard, int display, int interruption, bool hasCursor)
     : keyboard(keyboard),
       display(display),
+      hasCursor(hasCursor),
       own(openAgain(display)),
       output(own.isOpen() ? own.get() : display, interruption) {}
 
@@ -38,13 +39,13 @@ void WatchTerminal::enter() {
         found.c_cc[VTIME] = 0;
         ::tcsetattr(keyboard, TCSANOW, &found);
     }
-    writeWithoutWaiting(enterSequence);
+    if (hasCursor) writeWithoutWaiting(enterSequence);
 }
 
 void WatchTerminal::leave() {
     if (!isEntered) return;
     isEntered = false;
-    writeWithoutWaiting(leaveSequence);
+    if (hasCursor) writeWithoutWaiting(leaveSequence);
     if (before) ::tcsetattr(keyboard, TCSANOW, &*before);
     before.reset();
 }

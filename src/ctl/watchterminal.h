@@ -14,9 +14,10 @@ namespace ctl {
 /// and not shown. At its end everything is as it was.
 class WatchTerminal {
 public:
-    /// `interruption` becomes readable when a write is not to wait any longer.
+    /// `interruption` becomes readable when a write is not to wait any longer. Where the display has no cursor
+    /// to move, only the keys are taken.
     /// Lifetime: all descriptors outlive the object.
-    WatchTerminal(int keyboard, int display, int interruption);
+    WatchTerminal(int keyboard, int display, int interruption, bool hasCursor);
     WatchTerminal(const WatchTerminal&) = delete;
     WatchTerminal& operator=(const WatchTerminal&) = delete;
     ~WatchTerminal() { leave(); }
@@ -35,6 +36,7 @@ private:
 
     int keyboard;
     int display;
+    bool hasCursor;
     // The same terminal, opened once more, so that it can be made non-blocking for us alone.
     tk::Fd own;
     TraceOutput output;
