@@ -73,6 +73,9 @@ void listRules(Context& context) {
             list.push_back(ruleToJson(record));
         else
             table.add(ruleToRow(record));
+    table.keepWhole("FROM");
+    table.keepWhole("TO");
+    table.dropToFit(context.terminal, {"PACKETS", "ID", "OWNER", "DISABLED"});
     context.print(list, table);
 }
 

@@ -47,6 +47,7 @@ void listInterfaces(Context& context) {
         table.add({std::to_string(entry.id), entry.name, entry.displayName, std::to_string(entry.index),
                    std::to_string(entry.type), yesNo(entry.disabled), yesNo(entry.running)});
     }
+    table.keepWhole("NAME");
     context.print(list, table);
 }
 

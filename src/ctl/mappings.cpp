@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <string>
-#include <string_view>
 #include <tuple>
 #include <unordered_map>
 #include <utility>
@@ -18,7 +17,6 @@
 #include "ctl/table.h"
 #include "ctl/text.h"
 #include "net/convert.h"
-#include "tk/characters.h"
 #include "tk/names.h"
 
 namespace ctl {
@@ -42,20 +40,15 @@ bool comesBefore(const Mapping& left, const Mapping& right) {
            std::tie(right.interface, right.externalPort, right.protocol);
 }
 
-/// As much of a control point's text as a line has room for.
-std::string beginningOf(std::string_view text) {
-    constexpr std::size_t longest = 60;  // bytes
-    const std::string beginning = tk::takePrintable(text, longest);
-    return text.empty() ? beginning : beginning + "...";
-}
-
 void listMappings(Context& context) {
     Session& session = context.session();
     const std::vector<Interface> interfaces = readInterfaces(session);
     Json list = Json::array();
     Table table({"INTERFACE", "PROTOCOL", "PORT", "TO", "ENABLED", "DESCRIPTION", "ASKED BY", "SINCE",
                  "PACKETS", "BYTES"});
+    bool areAllEnabled = true;
     for (const Mapping& mapping : mappingsOf(session)) {
+        areAllEnabled = areAllEnabled && mapping.enabled;
         list.push_back(mappingToJson(mapping));
         const std::string name = interfaceName(interfaces, mapping.interface);
         table.add({name.empty() ? std::to_string(mapping.interface) : name, protocolText(mapping.protocol),
@@ -65,6 +58,11 @@ void listMappings(Context& context) {
                    gateway::ipToString(mapping.requestedBy), timeText(mapping.since),
                    std::to_string(mapping.packets), std::to_string(mapping.bytes)});
     }
+    table.keepWhole("TO");
+    table.keepWhole("ASKED BY");
+    table.dropToFit(context.terminal, {"SINCE"});
+    if (areAllEnabled) table.dropToFit(context.terminal, {"ENABLED"});  // else it tells something
+    table.dropToFit(context.terminal, {"INTERFACE", "PACKETS", "ENABLED"});
     context.print(list, table);
 }
 

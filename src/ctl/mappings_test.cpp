@@ -40,6 +40,7 @@ struct MappingsTest : testing::Test {
     }
     std::string print(const std::vector<std::string>& arguments) {
         Context context(out, &bus);
+        context.terminal.width = width;
         EXPECT_EQ(runCommandLine(arguments, context, errors), Status::done) << errors.str();
         return out.str();
     }
@@ -49,6 +50,7 @@ struct MappingsTest : testing::Test {
     // Its rule has gone in between.
     const MappingRecord game{
         42, 9, 53, 17, ::inet_addr("192.0.2.2"), 5353, false, "a\x1b[2J", ::inet_addr("192.0.2.2"), 0};
+    std::size_t width = 0;
     tk::testing::ScriptedBus bus;
     std::ostringstream out;
     std::ostringstream errors;
@@ -84,6 +86,27 @@ TEST_F(MappingsTest, ALongDescriptionDoesNotFillTheTable) {
     const std::string table = print({"upnp", "mappings"});
     EXPECT_NE(table.find("  " + std::string(60, 'x') + "...  "), std::string::npos);
     EXPECT_LT(table.size(), 500U);
+}
+
+TEST_F(MappingsTest, KeepTheirAddressesOnANarrowTerminal) {
+    MappingRecord wide = web;
+    wide.internalClient = wide.requestedBy = ::inet_addr("192.168.178.100");
+    wide.description = "a game that somebody plays";
+    wide.internalPort = 50000;
+    width = 80;
+    haveMappings({wide});
+    EXPECT_EQ(print({"upnp", "mappings"}),
+              "PROTOCOL  PORT  TO                     DESCRIPTION  ASKED BY         BYTES\n"
+              "tcp       80    192.168.178.100:50000  a game tha~  192.168.178.100  34560000000\n");
+}
+
+TEST_F(MappingsTest, ShowOnANarrowTerminalThatOneIsDisabled) {
+    width = 80;
+    haveMappings({web, game});
+    EXPECT_EQ(print({"upnp", "mappings"}),
+              "PROTOCOL  PORT  TO              ENABLED  DESCRIPTION  ASKED BY   BYTES\n"
+              "tcp       80    192.0.2.2:8080  yes      web          192.0.2.3  34560000000\n"
+              "udp       53    192.0.2.2:5353  no       a\\x1b[2J     192.0.2.2  0\n");
 }
 
 TEST_F(MappingsTest, NoneIsAnEmptyListAndNoRuleIsAskedFor) {

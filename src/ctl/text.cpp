@@ -68,6 +68,28 @@ std::string shortened(std::string_view text, std::size_t width, std::string_view
     return std::string(text.substr(0, kept)).append(ellipsis);
 }
 
+std::vector<std::string> wrapped(std::string_view text, std::size_t width) {
+    std::vector<std::string> lines;
+    while (displayWidth(text) > width) {
+        // At least one character a line, however narrow it is.
+        const std::size_t fitting = std::max(shortened(text, width + 1, "").size(),
+                                             std::max<std::size_t>(tk::firstCharacter(text).length, 1));
+        const std::size_t blank = text.rfind(' ', fitting);
+        const bool isBetweenWords = blank != std::string_view::npos && blank > 0;
+        const std::size_t end = isBetweenWords ? blank : fitting;
+        lines.emplace_back(text.substr(0, end));
+        text.remove_prefix(isBetweenWords ? end + 1 : end);
+    }
+    if (lines.empty() || !text.empty()) lines.emplace_back(text);
+    return lines;
+}
+
+std::string beginningOf(std::string_view text) {
+    constexpr std::size_t longest = 60;  // bytes
+    const std::string beginning = tk::takePrintable(text, longest);
+    return text.empty() ? beginning : beginning + "...";
+}
+
 std::string hexText(std::uint32_t value) {
     char digits[2 * sizeof value];
     const auto end = std::to_chars(digits, digits + sizeof digits, value, 16);

@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "tk/message.h"
 #include "tk/names.h"
@@ -15,6 +16,13 @@ namespace ctl {
 
 /// A printable text cut to `width` columns; a cut text ends in `ellipsis`, which takes one of them.
 [[nodiscard]] std::string shortened(std::string_view text, std::size_t width, std::string_view ellipsis);
+
+/// A printable text as lines of at most `width` columns, broken between words, and within a word only where
+/// that alone is wider.
+[[nodiscard]] std::vector<std::string> wrapped(std::string_view text, std::size_t width);
+
+/// As much of a control point's text as a line has room for, made printable.
+[[nodiscard]] std::string beginningOf(std::string_view text);
 
 /// "0x1a3": lower case, no leading zeros.
 [[nodiscard]] std::string hexText(std::uint32_t value);

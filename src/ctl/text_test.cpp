@@ -90,5 +90,17 @@ TEST(Text, AddressesAreFourDecimalNumbers) {
     EXPECT_EQ(parseAddress(std::string("192.0.2.1\0x", 11)), std::nullopt);
 }
 
+TEST(Wrapped, BreaksBetweenWords) {
+    using Lines = std::vector<std::string>;
+    EXPECT_EQ(wrapped("", 4), Lines{""});
+    EXPECT_EQ(wrapped("one two", 7), Lines{"one two"});
+    EXPECT_EQ(wrapped("one two", 6), (Lines{"one", "two"}));
+    EXPECT_EQ(wrapped("one two", 3), (Lines{"one", "two"}));
+    EXPECT_EQ(wrapped("one two three", 8), (Lines{"one two", "three"}));
+    EXPECT_EQ(wrapped("so 192.0.2.1", 5), (Lines{"so", "192.0", ".2.1"}));
+    EXPECT_EQ(wrapped("日本語", 4), (Lines{"日本", "語"}));
+    EXPECT_EQ(wrapped("日本", 1), (Lines{"日", "本"}));
+}
+
 }  // namespace
 }  // namespace ctl
