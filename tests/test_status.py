@@ -265,6 +265,22 @@ def test_watch_uses_neither_colours_nor_other_letters_where_it_may_not(lab, path
         assert terminal.ended() == 0
 
 
+def test_watch_on_a_dumb_terminal_prints_plainly_and_takes_keys(lab):
+    with watching(lab, TERM="dumb") as terminal:
+        text = b""
+        def printed(what):
+            nonlocal text
+            if select.select([terminal.master], [], [], 0.05)[0]:
+                text += os.read(terminal.master, 65536)
+            return what in text
+        labs.eventually(lambda: printed(b"looks closer"))
+        terminal.type(b"q")
+        assert terminal.process.wait(10) == 0
+        assert termios.tcgetattr(terminal.slave) == terminal.modes
+    assert b"\x1b" not in text
+    assert max(len(line) for line in text.decode().splitlines()) <= 80
+
+
 def test_watch_waits_for_a_router_that_has_ended(fresh_lab):
     with watching(fresh_lab) as terminal:
         terminal.wait_for("UPnP is on.")
@@ -323,7 +339,7 @@ def test_watch_without_a_router_fails_at_once(bare_lab):
 def test_who_may_not_connect_is_told_how_to(lab):
     done = lab.router.run("setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", labs.BIN / "tkctl", "status",
                           check=False)
-    assert done.returncode == 1
+    assert (done.returncode, done.stdout) == (1, "")
     assert done.stderr == ("tkctl: cannot reach routerd at /run/tk/bus: only root and members of the group tk may; "
                            "usermod -aG tk USER adds one\n")
 
@@ -351,6 +367,8 @@ def completed(lab, line):
     ("tkctl upnp interface add --force wan0 external disabled=", ["yes", "no"]),
     ("tkctl upnp set enabled=y", ["yes"]),
     ("tkctl nat list --js", ["--json"]),
+    ("tkctl setup --lan lan", ["lan0", "lanp1", "lanp2"]),
+    ("tkctl setup --lan lan0 --wan w", ["wan0", "wan1"]),
     ("tkctl help upnp g", ["get"]),
     ("tkctl nosuch ", []),
 ], ids=str)

@@ -21,7 +21,9 @@ namespace {
 using contract::Role;
 using Lines = std::vector<Line>;
 
-constexpr std::size_t refusalRows = 3;  // where the room is limited
+// Where the room is limited.
+constexpr std::size_t refusalRows = 3;
+constexpr std::size_t refusalLines = 6;
 constexpr std::size_t noLimit = std::numeric_limits<std::size_t>::max();
 constexpr const char* indent = "  ";
 constexpr const char* historyHeading = "LAST MINUTE";
@@ -63,12 +65,18 @@ public:
     Lines lines();
 
 private:
+    /// What goes on in further lines when it is wider than the terminal; the rest is cut.
+    enum class Wrapping { everything, problems, nothing };
+
+    Lines sections() const;
     Lines headline() const;
     Lines problems() const;
     Lines places() const;
     Lines mappings(std::size_t room) const;
-    Lines refusals(std::size_t rows) const;
+    Table refusalTable(std::size_t rows) const;
+    Lines refusals() const;
     Lines programs() const;
+    Lines end() const;
 
     std::vector<std::string> mappingHeadings() const;
     std::vector<std::string> mappingRow(const Mapping& mapping) const;
@@ -83,6 +91,9 @@ private:
     bool hasSeveralOutside() const { return inForce(overview, Role::external).size() > 1; }
     /// One line, cut where the terminal ends.
     Line line(const std::string& text, Style style = Style::plain) const;
+    /// The same with what begins it, or in further lines below its text.
+    Lines paragraph(const std::string& beginning, const std::string& text, bool isWrapped,
+                    Style style = Style::plain) const;
     /// A table, indented.
     Lines indented(const Table& table) const;
 
@@ -90,11 +101,21 @@ private:
     const Terminal& terminal;
     const TrafficHistory* history;
     Terminal inner;  // what is left beside the indentation
+    Wrapping wrapping = Wrapping::everything;
 };
 
 Line Layout::line(const std::string& text, Style style) const {
     const std::size_t width = terminal.width == 0 ? noLimit : terminal.width;
     return {{shortened(tk::printable(text), width, terminal.ellipsis()), style}};
+}
+
+Lines Layout::paragraph(const std::string& beginning, const std::string& text, bool isWrapped,
+                        Style style) const {
+    if (!isWrapped || terminal.width <= beginning.size()) return {line(beginning + text, style)};
+    Lines lines;
+    for (const std::string& part : wrapped(tk::printable(text), terminal.width - beginning.size()))
+        lines.push_back({{(lines.empty() ? beginning : std::string(beginning.size(), ' ')) + part, style}});
+    return lines;
 }
 
 Lines Layout::indented(const Table& table) const {
@@ -115,9 +136,7 @@ Lines Layout::headline() const {
 Lines Layout::problems() const {
     Lines lines;
     for (const std::string& problem : problemsOf(overview))
-        lines.push_back(line("! " + problem, Style::warning));
-    if (!lines.empty() && overview.routerFailure.empty())
-        lines.push_back(line(std::string(indent) + "tkctl doctor tells more"));
+        append(lines, paragraph("! ", problem, wrapping != Wrapping::nothing, Style::warning));
     return lines;
 }
 
@@ -142,7 +161,7 @@ std::vector<std::string> Layout::mappingHeadings() const {
 }
 
 std::vector<std::string> Layout::mappingRow(const Mapping& mapping) const {
-    std::string description = mapping.description;
+    std::string description = beginningOf(mapping.description);
     if (mapping.requestedBy != mapping.internalClient)
         description += " (asked by " + gateway::ipToString(mapping.requestedBy) + ')';
     if (!mapping.enabled) description.insert(0, "(disabled) ");
@@ -218,17 +237,27 @@ Lines Layout::mappings(std::size_t room) const {
     return lines;
 }
 
-Lines Layout::refusals(std::size_t rows) const {
-    if (overview.refusals.empty()) return {};
+Table Layout::refusalTable(std::size_t rows) const {
     Table table({"LAST", "HOST", "PORT", "TIMES", "REASON"});
     const std::size_t shown = std::min(rows, overview.refusals.size());
     for (auto refusal = overview.refusals.rbegin(); table.rowCount() < shown; ++refusal)
         table.add({momentText(refusal->time), gateway::ipToString(refusal->requester),
                    portText(refusal->protocol, refusal->externalPort), std::to_string(refusal->count),
                    std::to_string(refusal->code) + ": " + refusal->reason});
+    table.keepWhole("PORT");
+    if (wrapping == Wrapping::everything) table.wrapLast();
     table.dropToFit(inner, {"LAST", "TIMES"});
+    return table;
+}
+
+Lines Layout::refusals() const {
+    if (overview.refusals.empty()) return {};
+    const bool isLimited = terminal.height > 0;
+    std::size_t rows = isLimited ? refusalRows : noLimit;
+    Lines shown = indented(refusalTable(rows));
+    while (isLimited && rows > 1 && shown.size() > 1 + refusalLines) shown = indented(refusalTable(--rows));
     Lines lines{line("Refused lately", Style::strong)};
-    append(lines, indented(table));
+    append(lines, std::move(shown));
     return lines;
 }
 
@@ -244,16 +273,24 @@ Lines Layout::programs() const {
     for (const std::uint32_t number : missing)
         text += ", " + programName(number) +
                 (number == contract::program::resolver ? " (when needed)" : " (not running)");
-    return {line("Programs: " + text)};
+    return paragraph("Programs: ", text, wrapping == Wrapping::everything);
 }
 
-Lines Layout::lines() {
+/// Who runs, and where to look next: an overview does not see all that can be wrong.
+Lines Layout::end() const {
+    if (!overview.routerFailure.empty()) return {};
+    Lines lines = programs();
+    lines.push_back(line("tkctl doctor looks closer", Style::faint));
+    return lines;
+}
+
+Lines Layout::sections() const {
     const bool isLimited = terminal.height > 0;
     Lines top = headline();
     append(top, problems());
     append(top, places());
     Lines bottom;
-    for (Lines section : {refusals(isLimited ? refusalRows : noLimit), programs()}) {
+    for (Lines section : {refusals(), end()}) {
         if (section.empty()) continue;
         bottom.push_back({});
         append(bottom, std::move(section));
@@ -266,6 +303,16 @@ Lines Layout::lines() {
     }
     append(top, std::move(bottom));
     return top;
+}
+
+Lines Layout::lines() {
+    Lines lines;
+    for (const Wrapping tried : {Wrapping::everything, Wrapping::problems, Wrapping::nothing}) {
+        wrapping = tried;
+        lines = sections();
+        if (terminal.height == 0 || lines.size() < terminal.height) break;
+    }
+    return lines;
 }
 
 }  // namespace

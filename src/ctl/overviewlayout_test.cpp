@@ -82,9 +82,11 @@ TEST_F(OverviewLayout, FitsAnUsualHomeOnAnUsualTerminal) {
               "\n"
               "Refused lately\n"
               "  LAST         HOST       PORT    TIMES  REASON\n"
-              "  01-02 03:04  192.0.2.3  tcp 22  3      501: destination port 22 refused: the …\n"
+              "  01-02 03:04  192.0.2.3  tcp 22  3      501: destination port 22 refused: the\n"
+              "                                         router itself uses it\n"
               "\n"
-              "Programs: routerd (100, root), upnpd (101, root), resolverd (when needed)\n");
+              "Programs: routerd (100, root), upnpd (101, root), resolverd (when needed)\n"
+              "tkctl doctor looks closer\n");
 }
 
 TEST_F(OverviewLayout, IsShortenedOnANarrowTerminal) {
@@ -99,10 +101,16 @@ TEST_F(OverviewLayout, IsShortenedOnANarrowTerminal) {
               "  tcp 80  192.0.2.2:8080  3.4 kB\n"
               "\n"
               "Refused lately\n"
-              "  HOST       PORT    TIMES  REASON\n"
-              "  192.0.2.3  tcp 22  3      501: destin…\n"
+              "  HOST       PORT    REASON\n"
+              "  192.0.2.3  tcp 22  501: destination\n"
+              "                     port 22 refused:\n"
+              "                     the router itself\n"
+              "                     uses it\n"
               "\n"
-              "Programs: routerd (100, root), upnpd (1…\n");
+              "Programs: routerd (100, root), upnpd\n"
+              "          (101, root), resolverd (when\n"
+              "          needed)\n"
+              "tkctl doctor looks closer\n");
 }
 
 TEST_F(OverviewLayout, IsWholeOnAWideTerminalAndInAPipe) {
@@ -115,6 +123,8 @@ TEST_F(OverviewLayout, IsWholeOnAWideTerminalAndInAPipe) {
 }
 
 TEST_F(OverviewLayout, NeverIsWiderOrHigherThanTheTerminal) {
+    for (int i = 0; i < 5; ++i) overview.refusals.push_back(overview.refusals[0]);
+    overview.served[0].isDisabled = true;
     for (int port = 1; port <= 60; ++port)
         overview.mappings.push_back(mapped(port % 2 == 0 ? "192.0.2.2" : "192.0.2.3",
                                            static_cast<std::uint16_t>(port),
@@ -130,6 +140,34 @@ TEST_F(OverviewLayout, NeverIsWiderOrHigherThanTheTerminal) {
                 EXPECT_LE(used, width);
             }
         }
+}
+
+TEST_F(OverviewLayout, SaysWhatToDoInFull) {
+    overview.served[0].isDisabled = true;
+    size(40, 40);
+    EXPECT_TRUE(
+        text().starts_with("UPnP is on.\n"
+                           "! lan0 is not served; to serve it: tkctl\n"
+                           "  upnp interface set 1 disabled=no\n"))
+        << text();
+}
+
+TEST_F(OverviewLayout, CutsTheRefusalsBeforeTheProblemsWhereRoomIsShort) {
+    overview.served[0].isDisabled = true;
+    for (int i = 0; i < 5; ++i) overview.refusals.push_back(overview.refusals[0]);
+    size(60, 40);
+    EXPECT_NE(text().find("uses it\n"), std::string::npos) << text();
+    size(60, 18);
+    EXPECT_EQ(text().find("uses it\n"), std::string::npos) << text();
+    EXPECT_NE(text().find("\n  1 disabled=no\n"), std::string::npos) << text();
+    size(60, 17);
+    EXPECT_EQ(text().find("disabled=no\n"), std::string::npos) << text();
+}
+
+TEST_F(OverviewLayout, ALongDescriptionDoesNotFillAPipe) {
+    overview.mappings[0].description = std::string(10000, 'w');
+    EXPECT_LT(text().size(), 1000U);
+    EXPECT_NE(text().find(std::string(60, 'w') + "...  "), std::string::npos);
 }
 
 TEST_F(OverviewLayout, GroupsManyMappingsByTheirHosts) {
@@ -148,7 +186,8 @@ TEST_F(OverviewLayout, GroupsManyMappingsByTheirHosts) {
               "  192.0.2.3  20        200      20 kB\n"
               "  192.0.2.2  10        100      10 kB\n"
               "\n"
-              "Programs: routerd (100, root), upnpd (101, root), resolverd (when needed)\n");
+              "Programs: routerd (100, root), upnpd (101, root), resolverd (when needed)\n"
+              "tkctl doctor looks closer\n");
 }
 
 TEST_F(OverviewLayout, TellsWhatIsUnusualInAMapping) {
@@ -172,12 +211,12 @@ TEST_F(OverviewLayout, SaysWhatIsWrongRightAtTheTop) {
     EXPECT_EQ(text(),
               "UPnP is on.\n"
               "! wan0 (external) has no IPv4 address\n"
-              "  tkctl doctor tells more\n"
               "Discoverable on lan0 at http://192.0.2.1:2828/gateway.xml\n"
               "\n"
               "Nothing is mapped.\n"
               "\n"
-              "Programs: routerd (100, root), upnpd (101, root), resolverd (when needed)\n");
+              "Programs: routerd (100, root), upnpd (101, root), resolverd (when needed)\n"
+              "tkctl doctor looks closer\n");
 }
 
 TEST_F(OverviewLayout, SaysSoWhenTheDaemonIsNotThere) {
@@ -188,9 +227,9 @@ TEST_F(OverviewLayout, SaysSoWhenTheDaemonIsNotThere) {
         text(),
         "UPnP is not served.\n"
         "! upnpd is not running: it is switched off, or failed; to start it: tkctl upnp set enabled=yes\n"
-        "  tkctl doctor tells more\n"
         "\n"
-        "Programs: routerd (100, root), resolverd (when needed), upnpd (not running)\n");
+        "Programs: routerd (100, root), resolverd (when needed), upnpd (not running)\n"
+        "tkctl doctor looks closer\n");
 }
 
 TEST_F(OverviewLayout, SaysSoWhenTheDaemonDoesNotAnswer) {
@@ -202,9 +241,9 @@ TEST_F(OverviewLayout, SaysSoWhenTheDaemonDoesNotAnswer) {
     EXPECT_EQ(text(),
               "Nobody tells whether UPnP is on.\n"
               "! upnpd does not answer: no answer\n"
-              "  tkctl doctor tells more\n"
               "\n"
-              "Programs: routerd (100, root), upnpd (101, root), resolverd (when needed)\n");
+              "Programs: routerd (100, root), upnpd (101, root), resolverd (when needed)\n"
+              "tkctl doctor looks closer\n");
 }
 
 TEST_F(OverviewLayout, SaysSoWhenTheRouterDoesNotAnswer) {

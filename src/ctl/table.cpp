@@ -16,6 +16,7 @@ constexpr std::size_t columnGap = 2;
 // What a column keeps, so that something can be read of it.
 constexpr std::size_t shortestText = 8;
 constexpr std::size_t shortestFigure = 4;
+constexpr std::size_t shortestWrapped = 18;
 
 /// True when the cell is a number, an address, a time or nothing.
 bool isFigure(const std::string& cell) {
@@ -65,6 +66,7 @@ void Table::drop(std::size_t column) {
 
 Table::Kind Table::kindOf(std::size_t column) const {
     if (whole.contains(rows.front()[column])) return Kind::whole;
+    if (wrapsLast && column + 1 == widths.size()) return Kind::wrapped;
     const bool isText =
         std::any_of(rows.begin() + 1, rows.end(), [&](const Row& row) { return !isFigure(row[column]); });
     return isText ? Kind::text : Kind::figure;
@@ -86,26 +88,37 @@ Table::Shortening Table::shortenedTo(std::size_t limit) const {
             --*widest;
         }
     };
+    shorten(Kind::wrapped, shortestWrapped);
     shorten(Kind::text, shortestText);
     fitting.isFiguresToo = totalWidth(fitting.widths) > limit;
     shorten(Kind::figure, shortestFigure);
     return fitting;
 }
 
+void Table::addLines(const Row& row, const std::vector<std::size_t>& fitting, const Terminal& terminal,
+                     std::vector<Line>& lines) const {
+    const Style style = lines.empty() ? Style::strong : Style::plain;
+    std::string text;
+    for (std::size_t column = 0; column + 1 < row.size(); ++column) {
+        const std::string cell = shortened(row[column], fitting[column], terminal.ellipsis());
+        text += cell;
+        text.append(fitting[column] + columnGap - displayWidth(cell), ' ');
+    }
+    const std::size_t start = displayWidth(text);
+    const std::vector<std::string> parts =
+        wrapsLast ? wrapped(row.back(), fitting.back())
+                  : std::vector<std::string>{shortened(row.back(), fitting.back(), terminal.ellipsis())};
+    for (const std::string& part : parts) {
+        lines.push_back({{text + part, style}});
+        text.assign(start, ' ');
+    }
+}
+
 std::vector<Line> Table::linesWithin(const Terminal& terminal) const {
     const std::vector<std::size_t> fitting =
         terminal.width == 0 ? widths : shortenedTo(terminal.width).widths;
     std::vector<Line> lines;
-    for (const Row& row : rows) {
-        std::string text;
-        for (std::size_t column = 0; column < row.size(); ++column) {
-            const std::string cell = shortened(row[column], fitting[column], terminal.ellipsis());
-            text += cell;
-            if (column + 1 == row.size()) break;  // no trailing blanks
-            text.append(fitting[column] + columnGap - displayWidth(cell), ' ');
-        }
-        lines.push_back({{std::move(text), lines.empty() ? Style::strong : Style::plain}});
-    }
+    for (const Row& row : rows) addLines(row, fitting, terminal, lines);
     return lines;
 }
 

@@ -27,6 +27,9 @@ public:
     /// Never shortens the column with a heading.
     void keepWhole(const std::string& heading);
 
+    /// Breaks the cells of the last column into further lines, where they would be shortened else.
+    void wrapLast() { wrapsLast = true; }
+
     /// Removes the columns with the headings, one after another, until the rest fits the terminal when only
     /// texts are shortened.
     void dropToFit(const Terminal& terminal, std::initializer_list<std::string_view> headings);
@@ -44,7 +47,9 @@ public:
 
 private:
     void append(Row cells);
-    enum class Kind { text, figure, whole };
+    void addLines(const Row& row, const std::vector<std::size_t>& fitting, const Terminal& terminal,
+                  std::vector<Line>& lines) const;
+    enum class Kind { text, figure, whole, wrapped };
     [[nodiscard]] Kind kindOf(std::size_t column) const;
     /// The columns' widths when texts are shortened, and figures too if that is not enough.
     struct Shortening {
@@ -57,6 +62,7 @@ private:
     std::vector<Row> rows;
     std::vector<std::size_t> widths;
     std::set<std::string, std::less<>> whole;  // headings
+    bool wrapsLast = false;
 };
 
 }  // namespace ctl
