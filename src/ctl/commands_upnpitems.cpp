@@ -125,9 +125,11 @@ void addItem(Context& context, const Arguments& arguments) {
     const tk::message reply =
         session.exchange(contract::path::gateway(), tk::command::addObject, item.toMessage());
     std::uint32_t code = 0;
-    if (tk::isError(reply, &code))
-        throw Failure(reasonOf(reply, contract::path::gateway()) +
-                      (code == tk::error::exists ? changeAdvice(session, item) : ""));
+    if (tk::isError(reply, &code)) {
+        const Failure failure = failureFrom(reply, contract::path::gateway());
+        if (code != tk::error::exists) throw failure;
+        throw Failure(failure.what() + changeAdvice(session, item));
+    }
     const std::uint32_t id = reply.get_u32(tk::field::objectId, tk::unassigned);
     if (id == tk::unassigned) throw Failure("the item was added, but the reply does not give its id");
     printId(context, id, std::to_string(id) + '\n');
