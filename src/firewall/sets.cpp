@@ -1,6 +1,7 @@
 #include "firewall/sets.h"
 
 #include <arpa/inet.h>
+#include <errno.h>
 #include <libnftnl/common.h>
 #include <libnftnl/expr.h>
 #include <libnftnl/set.h>
@@ -146,6 +147,9 @@ public:
             nftnl_set_elem_foreach(set.get(), &entry, this);
     }
 
+    /// How many elements are done: up to the last one answered.
+    [[nodiscard]] std::size_t done() const { return next; }
+
 private:
     static int entry(nftnl_set_elem* entry, void* reader) {
         static_cast<TrafficReader*>(reader)->take(*entry);
@@ -156,12 +160,13 @@ private:
         std::uint32_t size = 0;
         const void* key = nftnl_set_elem_get(&entry, NFTNL_SET_ELEM_KEY, &size);
         while (next < elements.size() && !isKeyOf(elements[next], key, size)) ++next;
+        if (next == elements.size()) return;
+        const std::size_t found = next++;
         const auto* counter =
             static_cast<const nftnl_expr*>(nftnl_set_elem_get(&entry, NFTNL_SET_ELEM_EXPR, &size));
-        if (next == elements.size() || !counter) return;
-        traffic[next] = {nftnl_expr_get_u64(counter, NFTNL_EXPR_CTR_PACKETS),
-                         nftnl_expr_get_u64(counter, NFTNL_EXPR_CTR_BYTES)};
-        ++next;
+        if (!counter) return;
+        traffic[found] = {nftnl_expr_get_u64(counter, NFTNL_EXPR_CTR_PACKETS),
+                          nftnl_expr_get_u64(counter, NFTNL_EXPR_CTR_BYTES)};
     }
 
     static bool isKeyOf(const Element& element, const void* key, std::uint32_t size) {
@@ -223,9 +228,13 @@ void removeSet(Batch& batch, const char* name) {
               [&set](nlmsghdr& message) { nftnl_set_nlmsg_build_payload(&message, set.get()); });
 }
 
+void addUsersOfIp6(Batch& batch, std::span<const std::uint32_t> users) {
+    addUsersOf(batch, users, nft::ip6);
+}
+
 void addUsers(Batch& batch, std::span<const std::uint32_t> users, bool alsoIp6) {
     addUsersOf(batch, users, nft::ip4);
-    if (alsoIp6) addUsersOf(batch, users, nft::ip6);
+    if (alsoIp6) addUsersOfIp6(batch, users);
 }
 
 void changeElements(Batch& batch, Change change, std::span<const Element> elements) {
@@ -258,7 +267,7 @@ std::vector<NatTraffic> readTraffic(netlink::Socket& socket, std::span<const Ele
     std::vector<NatTraffic> traffic(elements.size());
     std::vector<char> buffer(Batch::maximumMessage);
     // The kernel puts each element into an answer of its own: as many as fit the smallest socket buffer.
-    for (std::size_t from = 0; from < elements.size(); from += entriesPerMessage) {
+    for (std::size_t from = 0; from < elements.size();) {
         const auto part = elements.subspan(from, std::min(elements.size() - from, entriesPerMessage));
         const SetObject set = makeSet(nft::live);
         for (const Element& element : part) put(set, bytesOf(element));
@@ -267,7 +276,12 @@ std::vector<NatTraffic> readTraffic(netlink::Socket& socket, std::span<const Ele
         TrafficReader reader(part, std::span(traffic).subspan(from));
         const tk::Status read =
             netlink::request(socket, *message, [&reader](const nlmsghdr& answer) { reader.take(answer); });
-        if (!read.isOk()) break;
+        if (read.isOk())
+            from += part.size();
+        else if (read.code() == ENOENT)
+            from += reader.done() + 1;  // it stops at the first one that it does not have
+        else
+            break;
     }
     return traffic;
 }

@@ -51,6 +51,8 @@ void removeSet(Batch& batch, const char* name);
 /// Appends users to those whose packets are guarded.
 /// `alsoIp6`: true when the table for IPv6 exists; the users are added there too.
 void addUsers(Batch& batch, std::span<const std::uint32_t> users, bool alsoIp6);
+/// Appends users to those in the table for IPv6 alone.
+void addUsersOfIp6(Batch& batch, std::span<const std::uint32_t> users);
 
 /// What to do with the entries of a set.
 enum class Change : std::uint8_t { add, remove };
@@ -66,8 +68,8 @@ void changeHairpins(Batch& batch, Change change, std::span<const std::uint32_t> 
 /// Ranges of addresses in the set inside.
 void changeInside(Batch& batch, Change change, std::span<const links::AddressRange> ranges);
 
-/// What the elements of the set live have counted, in their order. All of them must be in the set.
-/// Errors: 0 for an element of which the kernel does not tell.
+/// What the elements of the set live have counted, in their order.
+/// Errors: 0 for an element that is not in the set, or of which the kernel does not tell.
 [[nodiscard]] std::vector<NatTraffic> readTraffic(netlink::Socket& socket, std::span<const Element> elements);
 
 }  // namespace firewall

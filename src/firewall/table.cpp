@@ -256,10 +256,14 @@ tk::Status Table::setGuard(const GuardConfig& wanted) {
     const bool wantsIp6 = wanted.limitsConnections && hasIp6();
     const tk::Status result = change([&](Batch& batch) {
         changeGuard(batch, guard, wanted);
-        if (wanted.limitsConnections == guard.limitsConnections) return;
-        addGuardOfIp6(batch, wantsIp6);
+        // The kernel may have learned IPv6 meanwhile.
+        if (wantsIp6 != guardsIp6 || wanted.limitsConnections != guard.limitsConnections)
+            addGuardOfIp6(batch, wantsIp6);
         ownsIp6 = ownsIp6 || wantsIp6;  // perhaps: the kernel may not tell
-        if (wanted.limitsConnections) addUsers(batch, listOf(guarded), wantsIp6);
+        if (wanted.limitsConnections && !guard.limitsConnections)
+            addUsers(batch, listOf(guarded), wantsIp6);
+        else if (wantsIp6 && !guardsIp6)
+            addUsersOfIp6(batch, listOf(guarded));
     });
     if (!result.isOk()) return result.prefixed("guard: nf_tables: ");
     guard = wanted;

@@ -2,18 +2,29 @@
 
 #include "firewall/table.h"
 
+#include <errno.h>
+#include <linux/filter.h>
 #include <linux/netlink.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstddef>
+#include <functional>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <set>
+#include <thread>
 
 #include <gtest/gtest.h>
 
+#include "firewall/sets.h"
 #include "links/testing/fakekernel.h"
+#include "netlink/socket.h"
 #include "tk/testing/commands.h"
 #include "tk/testing/privatenetwork.h"
 #include "tk/testing/testloop.h"
@@ -525,6 +536,53 @@ TEST_F(TableTest, TargetsMayBeCheckedLater) {
     EXPECT_EQ(count(nft("list chain ip tk missed"), "log group"), 1);
     EXPECT_EQ(identity(), before);
     EXPECT_EQ(commit({element(80), outside}, {}), "");
+}
+
+TEST(ReadTraffic, GoesOnBehindElementsThatAreNotThere) {
+    if (!tk::testing::enterPrivateNetwork()) GTEST_SKIP() << "needs root";
+    bool failed = false;
+    tk::testing::run(
+        "nft 'add table ip tk; "
+        "add set ip tk live { type ipv4_addr . inet_proto . inet_service . ipv4_addr . inet_service; "
+        "counter; }; "
+        "add element ip tk live { 198.51.100.1 . tcp . 80 . 192.0.2.2 . 8080 counter packets 5 bytes 500, "
+        "198.51.100.1 . tcp . 81 . 192.0.2.2 . 8080 counter packets 6 bytes 600 }'",
+        failed);
+    ASSERT_FALSE(failed);
+    netlink::Socket socket;
+    ASSERT_TRUE(socket.open(NETLINK_NETFILTER).isOk());
+    const NatTraffic none, first{5, 500}, second{6, 600};
+    const std::vector<Element> elements = {element(1), element(80), element(2),
+                                           element(3), element(81), element(4)};
+    EXPECT_EQ(readTraffic(socket, elements),
+              (std::vector<NatTraffic>{none, first, none, none, second, none}));
+}
+
+/// Lets a thread find no IPv6 in the kernel while it does something.
+void withoutIp6(const std::function<void()>& task) {
+    std::thread([&task] {
+        sock_filter filter[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+                                BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_socket, 0, 3),
+                                BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[0])),
+                                BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, AF_INET6, 0, 1),
+                                BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EAFNOSUPPORT),
+                                BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+        const sock_fprog program{std::size(filter), filter};
+        ASSERT_EQ(::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
+        ASSERT_EQ(::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program), 0);
+        task();
+    }).join();
+}
+
+TEST_F(TableTest, TheGuardOfIp6FollowsWhatTheKernelKnows) {
+    table->guardUser(64001);
+    withoutIp6([this] { EXPECT_EQ(table->setGuard({true, 20, 30, 50}).reason(), ""); });
+    EXPECT_EQ(nft("list tables"), "table ip tk\n");
+    table->guardUser(64002);
+    EXPECT_EQ(table->setGuard({true, 20, 30, 60}).reason(), "");
+    EXPECT_NE(nft("list set ip6 tk guarded").find("elements = { 64001, 64002 }"), std::string::npos);
+    EXPECT_EQ(table->setGuard({true, 20, 30, 70}).reason(), "");
+    EXPECT_NE(nft("list chain ip6 tk output").find("@guarded"), std::string::npos);
 }
 
 TEST(TableLimits, AreRulesOfTheInputChain) {
