@@ -15,16 +15,25 @@ namespace hub {
 
 namespace {
 
+constexpr std::string_view triggerText = "start\n";
+constexpr const char* noTrigger = "this file is no trigger, so it stays as it is: remove it, or name another";
 constexpr const char* usualManager = "/usr/bin/systemctl";
 constexpr const char* otherManager = "/bin/systemctl";  // where /usr is no part of the root
 
 /// Opens a trigger to be written: never through a link, and never waiting for a reader.
 tk::Fd openTrigger(const std::string& path) {
-    constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    constexpr int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
     tk::Fd file(::open(path.c_str(), flags, 0644));
     if (file.isOpen() || errno != ENOENT) return file;
     if (::mkdir(path.substr(0, path.rfind('/')).c_str(), 0755) != 0) return file;
     return tk::Fd(::open(path.c_str(), flags, 0644));
+}
+
+/// True for a file that only ever was a trigger. The configuration may name another one by mistake.
+bool isTrigger(const tk::Fd& file) {
+    struct stat status {};
+    return ::fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == ::geteuid() &&
+           status.st_nlink == 1 && (status.st_size == 0 || status.st_size == ssize_t{triggerText.size()});
 }
 
 /// The child's side. System calls only: nothing else is sure to work after a fork.
@@ -82,11 +91,12 @@ std::vector<std::string> commandOf(const ProgramConfig& program) {
 }
 
 tk::Status pullTrigger(const std::string& path) {
-    constexpr std::string_view text = "start\n";
     const mode_t mask = ::umask(0022);  // else nobody might be able to watch it
     const tk::Fd file = openTrigger(path);
     ::umask(mask);  // cannot fail, and leaves errno alone
-    if (!file.isOpen() || ::write(file.get(), text.data(), text.size()) < 0)
+    if (!file.isOpen()) return tk::Status::ofErrno(path, errno);
+    if (!isTrigger(file)) return tk::Status::failure(path + ": " + noTrigger);
+    if (::write(file.get(), triggerText.data(), triggerText.size()) < 0)
         return tk::Status::ofErrno(path, errno);
     return {};
 }

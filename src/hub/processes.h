@@ -34,7 +34,8 @@ struct ProgramConfig {
 /// Asks for a program by its trigger: makes the file unless it is there, and writes to it. Whoever watches it
 /// starts the program. Makes the folder first if that is missing (one level). Only the user of the process may
 /// write to either, and everybody may watch them.
-/// Errors: why the file could not be written.
+/// Errors: why the file could not be written. Also for a file that is no trigger: one with other content than
+/// a pull leaves, with a second name, or of another user.
 [[nodiscard]] tk::Status pullTrigger(const std::string& path);
 
 /// How a process with this status ended, for people.

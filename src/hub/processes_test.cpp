@@ -51,9 +51,31 @@ TEST_F(PullTrigger, MakesTheFolderAndTheFileForEverybodyToWatch) {
 }
 
 TEST_F(PullTrigger, WritesAnewEachTime) {
-    folder.write("upnpd", "from another time");
-    EXPECT_EQ(pullTrigger(folder.file("upnpd")).reason(), "");
-    EXPECT_EQ(folder.read("upnpd"), "start\n");
+    for (const char* former : {"", "start\n"}) {
+        folder.write("upnpd", former);
+        EXPECT_EQ(pullTrigger(folder.file("upnpd")).reason(), "");
+        EXPECT_EQ(folder.read("upnpd"), "start\n");
+    }
+}
+
+TEST_F(PullTrigger, LeavesAFileAsItIsThatIsNone) {
+    const std::string reason =
+        folder.file("upnpd") + ": this file is no trigger, so it stays as it is: remove it, or name another";
+    folder.write("upnpd", "a program");
+    EXPECT_EQ(pullTrigger(folder.file("upnpd")).reason(), reason);
+    EXPECT_EQ(folder.read("upnpd"), "a program");
+    folder.write("upnpd", "");
+    ASSERT_EQ(::link(folder.file("upnpd").c_str(), folder.file("second").c_str()), 0);
+    EXPECT_EQ(pullTrigger(folder.file("upnpd")).reason(), reason);
+    EXPECT_EQ(folder.read("upnpd"), "");
+}
+
+TEST_F(PullTrigger, LeavesAFileOfAnotherUserAsItIs) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root";
+    folder.write("upnpd", "");
+    ASSERT_EQ(::chown(folder.file("upnpd").c_str(), 64001, 0), 0);
+    EXPECT_NE(pullTrigger(folder.file("upnpd")).reason(), "");
+    EXPECT_EQ(folder.read("upnpd"), "");
 }
 
 TEST_F(PullTrigger, FollowsNoLink) {
