@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <optional>
@@ -64,12 +65,25 @@ bool Activation::comesBack(std::uint32_t program) const {
 }
 
 void Activation::setConfig(const std::vector<ProgramConfig>& configured) {
-    std::set<std::uint32_t> known;
-    for (const auto& [number, program] : programs)
-        if (program.startsWithRouter) known.insert(number);
+    const std::map<std::uint32_t, ProgramConfig> former = programs;
+    std::vector<std::uint32_t> others;
+    for (const ProgramConfig& program : configured)
+        if (const auto before = former.find(program.number);
+            before == former.end() || before->second != program)
+            others.push_back(program.number);
+    for (const std::uint32_t program : others) restarts.erase(program);
     take(configured);
-    for (const auto& [number, program] : programs)
-        if (program.startsWithRouter && !known.contains(number) && !hub.userOf(number)) startOrRetry(number);
+    for (const std::uint32_t program : others) follow(program);
+}
+
+/// Does what another configuration of a program asks for. How the former one was started says nothing of it.
+void Activation::follow(std::uint32_t program) {
+    coming.erase(program);
+    if (hub.userOf(program)) return;
+    if (programs[program].startsWithRouter) return startOrRetry(program);
+    if (!hub.awaits(program)) return;
+    if (const tk::Status started = start(program); !started.isOk())
+        hub.programFailed(program, started.reason());
 }
 
 Activation::~Activation() {
@@ -118,6 +132,13 @@ void Activation::startConfigured() {
         if (program.startsWithRouter) startOrRetry(number);
 }
 
+bool Activation::runsAs(std::uint32_t program, uid_t user) const {
+    const auto child = children.find(program);
+    if (child == children.end() || child->second->program.isManaged()) return false;
+    const std::optional<tk::Account>& account = child->second->program.user;
+    return (account ? account->uid : ::geteuid()) == user;
+}
+
 void Activation::endAll() {
     ending = true;
     for (auto& [program, pending] : restarts) pending.cancel();
@@ -131,6 +152,7 @@ void Activation::reap(std::uint32_t program) {
     const bool hadRegistered = child->second->hasRegistered;
     const ProgramConfig config = child->second->program;
     children.erase(child);
+    endWatcher();
     if (!config.unit.empty()) return unitAsked(config, *status);
     const std::string how = endText(*status);
     tk::log("program ", program, " ", how);

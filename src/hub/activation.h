@@ -63,8 +63,8 @@ public:
     /// Kills whatever still runs.
     ~Activation() override;
 
-    /// Starts these programs from now on, and at once those that run with the router and did not before. What
-    /// runs goes on, even if it is not among them.
+    /// Starts these programs from now on, and at once those that run with the router and were not configured
+    /// in just this way before. What runs goes on, even if it is not among them.
     void setConfig(const std::vector<ProgramConfig>& configured);
 
     tk::Status start(std::uint32_t program) override;
@@ -75,8 +75,11 @@ public:
     void endAll();
     /// True while a started program has not ended.
     bool isRunning() const { return !children.empty(); }
-    /// True while this program was started and has not ended.
-    bool isRunning(std::uint32_t program) const { return children.contains(program); }
+    /// True while a process that was started as this program runs as `user`. One that asks for a unit does not
+    /// count.
+    [[nodiscard]] bool runsAs(std::uint32_t program, uid_t user) const;
+    /// Sets whom to tell when a process that was started has ended, before another may be started.
+    void setEndWatcher(std::function<void()> watcher) { endWatcher = std::move(watcher); }
 
 private:
     /// A running program, or the command that asks for one: its own process group, watched through a
@@ -97,6 +100,7 @@ private:
     static constexpr std::uint32_t askAgainTicks = 100;  // 1 s
 
     void take(const std::vector<ProgramConfig>& configured);
+    void follow(std::uint32_t program);
     [[nodiscard]] bool comesBack(std::uint32_t program) const;
     tk::Status launch(const ProgramConfig& program);
     void reap(std::uint32_t program);
@@ -109,6 +113,7 @@ private:
     std::map<std::uint32_t, ProgramConfig> programs;
     Hub& hub;
     Processes& processes;
+    std::function<void()> endWatcher = [] {};
     bool ending = false;
     std::map<std::uint32_t, std::unique_ptr<Child>> children;  // by program
     std::map<std::uint32_t, Restart> restarts;                 // commands and triggers run with the router

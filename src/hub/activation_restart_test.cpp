@@ -3,6 +3,7 @@
 #include "hub/activation.h"
 
 #include <signal.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -112,6 +113,73 @@ TEST_F(RestartTest, OneThatCannotBeStartedIsTriedAgain) {
     EXPECT_EQ(starts(), 3U);
     bus.advance(Restart::mostTicks);
     EXPECT_EQ(starts(), 3U);
+}
+
+TEST_F(RestartTest, OneWhosePathIsMendedIsStartedAtOnceAndThenTriedAsUsual) {
+    processes.fault = "no such file";
+    startAll();
+    bus.advance(second);
+    ASSERT_EQ(starts(), 2U);
+    processes.fault.clear();
+    activation.setConfig({{80, {"/usr/upnpd"}, true, {}, ""}});
+    EXPECT_EQ(starts(), 3U);
+    EXPECT_EQ(processes.started.back(), "/usr/upnpd");
+    bus.advance(Restart::mostTicks);
+    EXPECT_EQ(starts(), 3U) << "the former wait is over";
+    end(status1);
+    bus.advance(second);
+    EXPECT_EQ(starts(), 4U);
+}
+
+TEST_F(RestartTest, OneThatIsConfiguredAsBeforeWaitsOn) {
+    startAll();
+    end(status1);
+    activation.setConfig({{80, {"/upnpd"}, true, {}, ""}});
+    bus.advance(second - 1);
+    EXPECT_EQ(starts(), 1U);
+    bus.advance(1);
+    EXPECT_EQ(starts(), 2U);
+}
+
+TEST_F(RestartTest, OneThatRunsGoesOnWhenItIsConfiguredInAnotherWay) {
+    startAll();
+    activation.setConfig({{80, {"/usr/upnpd"}, true, {}, ""}});
+    EXPECT_EQ(starts(), 1U);
+    end(status1);
+    bus.advance(second);
+    EXPECT_EQ(processes.started.back(), "/usr/upnpd");
+}
+
+TEST_F(RestartTest, OneWhoseUnitBecomesACommandIsStarted) {
+    activation.setConfig({{80, {}, true, {}, "wrong.service"}});
+    bus.settle();
+    end(status1);
+    ASSERT_EQ(starts(), 1U);
+    activation.setConfig({{80, {"/upnpd"}, true, {}, ""}});
+    EXPECT_EQ(starts(), 2U);
+}
+
+TEST_F(RestartTest, AnEndIsToldWithNothingRunningAnyMore) {
+    startAll();
+    int told = 0;
+    activation.setEndWatcher([this, &told] {
+        ++told;
+        EXPECT_FALSE(activation.runsAs(80, ::geteuid()));
+    });
+    EXPECT_TRUE(activation.runsAs(80, ::geteuid()));
+    EXPECT_FALSE(activation.runsAs(80, ::geteuid() + 1));
+    EXPECT_FALSE(activation.runsAs(14, ::geteuid()));
+    end(killed);
+    EXPECT_EQ(told, 1);
+}
+
+TEST_F(RestartTest, AProcessRunsAsTheUserThatItWasStartedAs) {
+    activation.setConfig(
+        {{14, {"/resolverd"}, true, tk::Account{.name = "a", .uid = 71, .groups = {}, .busGroup = {}}}});
+    activation.setConfig(
+        {{14, {"/resolverd"}, true, tk::Account{.name = "b", .uid = 72, .groups = {}, .busGroup = {}}}});
+    EXPECT_TRUE(activation.runsAs(14, 71));
+    EXPECT_FALSE(activation.runsAs(14, 72));
 }
 
 TEST_F(RestartTest, NothingComesBackWhenTheRouterEnds) {

@@ -110,11 +110,11 @@ TEST_F(ChangedActivation, WhatRunsWithTheRouterNowIsStartedUnlessItRuns) {
 TEST_F(ChangedActivation, WhatRunsGoesOnAndIsNotStartedAgainIfItIsNotThereAnyMore) {
     EXPECT_EQ(activation.start(80).reason(), "");
     activation.setConfig({});
-    EXPECT_TRUE(activation.isRunning(80));
+    EXPECT_TRUE(activation.isRunning());
     EXPECT_TRUE(fakes.signals.empty());
     fakes.end(1);
     bus.settle();
-    EXPECT_FALSE(activation.isRunning(80));
+    EXPECT_FALSE(activation.isRunning());
     bus.advance(Restart::mostTicks);
     EXPECT_EQ(fakes.started, Texts{"/upnpd"});
 }

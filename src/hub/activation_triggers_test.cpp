@@ -150,6 +150,26 @@ TEST_F(TriggerTest, TheEndOfTheRouterPullsItNoMore) {
     EXPECT_TRUE(processes.signals.empty());
 }
 
+TEST_F(TriggerTest, ACommandInItsPlaceServesTheRequestsThatWait) {
+    EXPECT_TRUE(ask().empty());
+    EXPECT_TRUE(isPulled());
+    activation.setConfig({{80, {"/upnpd"}}});
+    EXPECT_EQ(processes.started, std::vector<std::string>{"/upnpd"});
+    EXPECT_EQ(pulls(5), 0);
+    EXPECT_EQ(come().size(), 1U);
+}
+
+TEST_F(TriggerTest, ACommandInItsPlaceThatFailsEndsTheRequestsThatWait) {
+    EXPECT_TRUE(ask().empty());
+    EXPECT_TRUE(isPulled());
+    processes.fault = "no memory";
+    activation.setConfig({{80, {"/upnpd"}}});
+    bus.settle();
+    const auto ends = client->take();
+    ASSERT_EQ(ends.size(), 1U);
+    EXPECT_EQ(tk::getError(ends.front()), "no memory");
+}
+
 /// A program that runs with the router. Its service manager may not listen yet.
 class EarlyTriggerTest : public TriggerTest {
 protected:

@@ -61,7 +61,7 @@ void Hub::withdrawRights(Peer& peer) {
 
 std::optional<uid_t> Hub::userOf(std::uint32_t program) const {
     const Peer* peer = peers.findProgram(program);
-    return peer ? std::optional(peer->user().uid) : std::nullopt;
+    return peer && peer->isOpen() ? std::optional(peer->user().uid) : std::nullopt;
 }
 
 void Hub::adopt(tk::Fd socket, const Credentials& credentials) {
@@ -138,6 +138,7 @@ void Hub::peerEnded(Peer& peer, const std::string& reason) {
     if (identity != number) services.disconnected({identity});
     for (const tk::message& request : pending.takeOfCallee(number))
         refuse(request, tk::error::disconnected, "the program left before it answered");
+    if (identity != number && watcher) watcher->programLeft();
 }
 
 void Hub::takeRequest(Peer& from, const tk::message& request) {

@@ -39,12 +39,14 @@ public:
     virtual void registered(std::uint32_t program) = 0;
 };
 
-/// Hears of programs as they come to the bus.
+/// Hears of programs as they come to the bus and leave it.
 class ProgramWatcher {
 public:
     virtual ~ProgramWatcher() = default;
     /// A connection of `user` becomes `program`. Called before the connection is told so.
     virtual void programComes(std::uint32_t program, uid_t user) = 0;
+    /// The connection that was a program has ended, or has given the number up. May set other rights.
+    virtual void programLeft() = 0;
 };
 
 /// Reads the configuration of the hub's process again.
@@ -52,9 +54,9 @@ class Reloader {
 public:
     virtual ~Reloader() = default;
     /// Puts into force what has changed, and returns the names of the changed sections: none when there are
-    /// none.
+    /// none. Logs the outcome, and who asked for it.
     /// Errors: nothing has changed; the reason is one line for people.
-    virtual tk::Result<std::vector<std::string>> reload() = 0;
+    virtual tk::Result<std::vector<std::string>> reload(const std::string& asker) = 0;
 };
 
 /// The middle of the bus: carries requests to programs and their ends back, hands notifications to
@@ -99,7 +101,7 @@ public:
     void setAccess(Access table);
     /// Sets the number that the next connection gets, if nobody has it.
     void setNextClient(std::uint32_t number) { peers.setNextNumber(number); }
-    /// Sets whom to tell of programs that come; null, as at first, for nobody.
+    /// Sets whom to tell of programs that come and leave; null, as at first, for nobody.
     /// Lifetime: the watcher outlives its use.
     void setProgramWatcher(ProgramWatcher* target) { watcher = target; }
     /// Sets whom to ask to read the configuration again; null, as at first, for nobody.
@@ -120,7 +122,7 @@ public:
 
     /// How many connections there are.
     std::size_t peerCount() const { return peers.count(); }
-    /// The user of the connection that is this program; none when no connection is.
+    /// The user of the connection that is this program; none when no connection is, or it is being ended.
     [[nodiscard]] std::optional<uid_t> userOf(std::uint32_t program) const;
     /// The account of a user, or of one connection of root.
     /// Lifetime: until the next connection comes.
@@ -173,7 +175,7 @@ private:
     [[nodiscard]] tk::message subscribe(Peer& from, const tk::message& request);
     [[nodiscard]] tk::message unsubscribe(Peer& from, const tk::message& request);
     [[nodiscard]] tk::message listPrograms() const;
-    [[nodiscard]] tk::message reload() const;
+    [[nodiscard]] tk::message reload(const Peer& from) const;
 
     Peers peers;  // destroyed last: the others charge its budgets
     LocalServices services;

@@ -61,7 +61,7 @@ tk::message Hub::command(Peer& from, const tk::message& request) {
         case tk::command::hubPrograms:
             return listPrograms();
         case tk::command::hubReload:
-            return reload();
+            return reload(from);
         default:
             return tk::errorMsg(tk::error::noSuchCommand, "no such command");
     }
@@ -79,7 +79,13 @@ tk::message Hub::registerProgram(Peer& from, const tk::message& request) {
     Peer* holder = peers.findProgram(program);
     if (holder == &from) return {};
     // The kernel may know of the former holder's end before the loop does.
-    if (holder && holder->hasHungUp()) peerEnded(*holder, "it closed the connection");
+    if (holder && holder->hasHungUp()) {
+        peerEnded(*holder, "it closed the connection");
+        // Some users may be a program only while they are it.
+        if (const tk::Status allowed = access.check(from.user().uid, request); !allowed.isOk())
+            return tk::errorMsg(tk::error::notAllowed,
+                                "user " + std::to_string(from.user().uid) + " " + allowed.reason());
+    }
     if (services.has(program) || peers.findProgram(program))
         return tk::errorMsg(tk::error::exists, isRunning(program, peers.findProgram(program)));
     if (watcher) watcher->programComes(program, from.user().uid);
@@ -107,6 +113,7 @@ void Hub::giveUp(Peer& from) {
     tellEnd(from, "it has given its number up");
     peers.resign(from);
     services.disconnected({program});
+    if (watcher) watcher->programLeft();
 }
 
 tk::message Hub::subscribe(Peer& from, const tk::message& request) {
@@ -135,9 +142,10 @@ tk::message Hub::listPrograms() const {
     return reply;
 }
 
-tk::message Hub::reload() const {
+tk::message Hub::reload(const Peer& from) const {
     if (!reloader) return tk::errorMsg(tk::error::failed, "there is no configuration to read");
-    const tk::Result<std::vector<std::string>> changed = reloader->reload();
+    const tk::Result<std::vector<std::string>> changed =
+        reloader->reload("user " + std::to_string(from.user().uid));
     if (!changed.isOk()) return tk::errorMsg(tk::error::failed, changed.reason());
     std::vector<tk::message> sections;
     for (const std::string& name : *changed)

@@ -24,12 +24,14 @@ constexpr std::uint32_t command = 77;
 
 class FakeReloader final : public Reloader {
 public:
-    tk::Result<std::vector<std::string>> reload() override {
+    tk::Result<std::vector<std::string>> reload(const std::string& asker) override {
         ++calls;
+        askers.push_back(asker);
         return answer;
     }
 
     int calls = 0;
+    std::vector<std::string> askers;
     tk::Result<std::vector<std::string>> answer = std::vector<std::string>();
 };
 
@@ -90,6 +92,7 @@ TEST_F(HubReloadTest, OnlyAnAdministratorReloads) {
     allow({.uid = user, .isAdmin = true});
     EXPECT_FALSE(tk::isError(bus.ask(*client, {0}, tk::command::hubReload)));
     EXPECT_EQ(reloader.calls, 1);
+    EXPECT_EQ(reloader.askers, std::vector<std::string>{"user 71"});
 }
 
 TEST_F(HubReloadTest, RightsCountForConnectionsThatAreOpen) {
@@ -130,6 +133,72 @@ TEST_F(HubReloadTest, AProgramWhoseUserMayNotBeItAnyMoreIsDisconnected) {
     bus.settle();
     EXPECT_TRUE(first->isClosed());
     EXPECT_FALSE(second->isClosed());
+    EXPECT_FALSE(bus.hub.userOf(81));
+}
+
+TEST_F(HubReloadTest, AProgramThatIsBeingDisconnectedIsNobodyAlready) {
+    allow({.uid = user, .programs = {81}});
+    const auto program = bus.connectProgram(81, user);
+    allow({.uid = user});
+    EXPECT_FALSE(bus.hub.userOf(81));
+}
+
+/// Lets a user be a program for as long as it is that program.
+class LastingRight final : public ProgramWatcher {
+public:
+    explicit LastingRight(testing::TestHub& bus) : bus(bus) { bus.hub.setProgramWatcher(this); }
+    void programComes(std::uint32_t, uid_t) override {}
+    void programLeft() override {
+        ++left;
+        if (!bus.hub.userOf(81)) bus.hub.setAccess({});
+    }
+
+    int left = 0;
+
+private:
+    testing::TestHub& bus;
+};
+
+/// Program 81, whose right to be it ends with it.
+class LeavingProgramTest : public HubReloadTest {
+protected:
+    tk::message registerAgain(TestClient& client) {
+        tk::message content;
+        content.insert_u32(1, 81);
+        return bus.ask(client, {0}, tk::command::hubRegister, content);
+    }
+    std::unique_ptr<TestClient> come() {
+        allow({.uid = user, .programs = {81}});
+        return bus.connectProgram(81, user);
+    }
+
+    const std::unique_ptr<TestClient> program = come();
+    LastingRight watcher{bus};
+};
+
+TEST_F(LeavingProgramTest, TheEndOfItsConnectionIsTold) {
+    program->close();
+    bus.settle();
+    EXPECT_EQ(watcher.left, 1);
+    (void)bus.connect();
+    bus.settle();
+    EXPECT_EQ(watcher.left, 1) << "another client is no program";
+    EXPECT_TRUE(tk::isError(registerAgain(*bus.connect(user))));
+}
+
+TEST_F(LeavingProgramTest, GivingTheNumberUpIsTold) {
+    tk::message content;
+    content.insert_u32(1, 81);
+    EXPECT_FALSE(tk::isError(bus.ask(*program, {0}, tk::command::hubUnregister, content)));
+    EXPECT_EQ(watcher.left, 1);
+    EXPECT_TRUE(tk::isError(registerAgain(*bus.connect(user))));
+}
+
+TEST_F(LeavingProgramTest, TheNextOneMustHaveTheRightWhenTheLastHasLeft) {
+    const auto next = bus.connect(user);
+    bus.settle();
+    program->close();  // the loop hears of it after the request
+    EXPECT_EQ(testing::codeOf(registerAgain(*next)), tk::error::notAllowed);
     EXPECT_FALSE(bus.hub.userOf(81));
 }
 

@@ -45,8 +45,8 @@ int check(const std::string& configPath, bool mayBeAbsent) {
 }
 
 /// Starts the launcher, and gives up the rights that the router does not need.
-tk::Status becomeUser(const router::ConfigFile& file, const router::Config& config,
-                      const router::Paths& paths, hub::Launcher& launcher) {
+tk::Status becomeUser(router::ConfigFile& file, const router::Config& config, const router::Paths& paths,
+                      hub::Launcher& launcher) {
     const auto reread = [&file]() -> tk::Result<std::vector<hub::ProgramConfig>> {
         const tk::Result<router::Config> read = file.readAgain();
         return read.isOk() ? tk::Result(router::commandsIn(*read)) : read.status();
@@ -112,6 +112,7 @@ int main(int count, char** arguments) {
         std::fputs(usage, stderr);
         return misuse;
     }
+    router::Router::holdHangups();
     tk::reserveStandardDescriptors();
     if (onlyChecks) return check(configPath, isDefault);
     const tk::ServiceManager manager;

@@ -47,8 +47,9 @@ Router::Router(ConfigFile file, const Config& initial, const Paths& paths, hub::
     hub.addService(history, contract::path::history());
     hub.addService(identity, contract::path::identity());
     table.setOwner(nat);
-    hub.setProgramWatcher(&guard);
+    hub.setProgramWatcher(this);
     hub.setReloader(this);
+    activation.setEndWatcher([this] { reviewRunners(); });
 }
 
 Router::~Router() {

@@ -46,7 +46,7 @@ struct Paths {
 };
 
 /// The whole of routerd: the hub, the services around it, and the programs that it starts.
-class Router final : private hub::Reloader {
+class Router final : private hub::Reloader, private hub::ProgramWatcher {
 public:
     /// `file`: where `initial` was read, and will be read again.
     /// Lifetime: the processes outlive the router.
@@ -54,6 +54,9 @@ public:
     Router(const Router&) = delete;
     Router& operator=(const Router&) = delete;
     ~Router() override;
+
+    /// Keeps SIGHUP, which would end the process, until the router is there to take it. Call it first of all.
+    static void holdHangups();
 
     /// Prepares everything, and opens the bus last.
     /// Errors: when the kernel lacks something that is needed, or the system refuses.
@@ -69,12 +72,17 @@ private:
     // The configuration changes (router_reload.cpp).
     void watchHangups();
     void hungUp(int fd, std::uint32_t events);
-    tk::Result<std::vector<std::string>> reload() override;
+    tk::Result<std::vector<std::string>> reload(const std::string& asker) override;
+    tk::Result<std::vector<std::string>> readAgain();
     tk::Status follow(Config next);
+    void programComes(std::uint32_t program, uid_t user) override;
+    void programLeft() override;
     void keepRunners(const Config& next);
+    void reviewRunners();
+    [[nodiscard]] bool runs(const hub::UserRights& runner) const;
     void setRights();
 
-    const ConfigFile file;
+    ConfigFile file;
     Config config;                               // in force
     std::vector<hub::UserRights> formerRunners;  // of programs that run as an earlier one said
     Paths paths;

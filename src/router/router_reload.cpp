@@ -38,10 +38,13 @@ bool has(const std::vector<hub::UserRights>& users, const hub::UserRights& runne
 
 }  // namespace
 
-/// Takes SIGHUP, which would end the process otherwise.
-void Router::watchHangups() {
+void Router::holdHangups() {
     const sigset_t set = hangups();
     sigprocmask(SIG_BLOCK, &set, nullptr);
+}
+
+void Router::watchHangups() {
+    const sigset_t set = hangups();
     hangup.reset(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
     hangupWatch.start<Router, &Router::hungUp>(hangup.get(), *this, tk::readable);
 }
@@ -49,17 +52,26 @@ void Router::watchHangups() {
 void Router::hungUp(int fd, std::uint32_t) {
     signalfd_siginfo info;
     if (::read(fd, &info, sizeof info) != sizeof info) return;
-    if (const auto changed = reload(); !changed.isOk())
-        tk::log("routerd: nothing has changed: ", changed.reason());
+    (void)reload("SIGHUP");  // which logs the outcome; nobody waits for it
 }
 
-tk::Result<std::vector<std::string>> Router::reload() {
+tk::Result<std::vector<std::string>> Router::reload(const std::string& asker) {
+    tk::Result<std::vector<std::string>> changed = readAgain();
+    const std::string who = " (asked by " + asker + ")";
+    if (changed.isOk())
+        tk::log("routerd: read ", file.name(), " again: ", listOf(*changed), who);
+    else
+        tk::log("routerd: nothing has changed: ", changed.reason(), who);
+    return changed;
+}
+
+tk::Result<std::vector<std::string>> Router::readAgain() {
+    reviewRunners();
     tk::Result<Config> read = file.readAgain();
     if (!read.isOk()) return read.status();
     std::vector<std::string> changed = changedSections(config, *read);
     if (!changed.empty())
         if (const tk::Status done = follow(read.take()); !done.isOk()) return done;
-    tk::log("routerd: read ", file.name(), " again: ", listOf(changed));
     return changed;
 }
 
@@ -87,16 +99,32 @@ tk::Status Router::follow(Config next) {
     return {};
 }
 
+void Router::programComes(std::uint32_t program, uid_t user) {
+    guard.programComes(program, user);
+}
+
+void Router::programLeft() {
+    reviewRunners();
+}
+
+/// True when the user is the program, or a process of that user was started as it.
+bool Router::runs(const hub::UserRights& runner) const {
+    const std::uint32_t program = runner.programs.front();
+    return hub.userOf(program) == runner.uid || activation.runsAs(program, runner.uid);
+}
+
 /// Whoever runs a program goes on with it, even if the configuration names another user now, or nobody.
 void Router::keepRunners(const Config& next) {
     formerRunners.insert(formerRunners.end(), config.runners.begin(), config.runners.end());
     std::vector<hub::UserRights> kept;
-    for (const hub::UserRights& runner : formerRunners) {
-        const std::uint32_t program = runner.programs.front();
-        const bool runs = hub.userOf(program) == runner.uid || activation.isRunning(program);
-        if (runs && !has(next.runners, runner) && !has(kept, runner)) kept.push_back(runner);
-    }
+    for (const hub::UserRights& runner : formerRunners)
+        if (runs(runner) && !has(next.runners, runner) && !has(kept, runner)) kept.push_back(runner);
     formerRunners = std::move(kept);
+}
+
+/// Takes from former runners whose program has ended the right to be it.
+void Router::reviewRunners() {
+    if (std::erase_if(formerRunners, [this](const auto& runner) { return !runs(runner); }) != 0) setRights();
 }
 
 void Router::setRights() {

@@ -1,4 +1,5 @@
 """router.toml is read again while the router serves: each section takes effect, and what runs goes on."""
+import contextlib
 import os
 import signal
 import threading
@@ -109,7 +110,7 @@ def test_a_file_that_says_the_same_changes_nothing(router):
     mark, table = router.routerd.mark(), router.table()
     assert reload(router, BASE + "# a word\n[nat]\nlimit = 0\n") == "nothing has changed\n"
     assert router.tkctl("reload", "--json").stdout == '{"changed":[]}\n'
-    assert router.routerd.since(mark) == [f"routerd: read {FILE} again: nothing has changed"] * 2
+    assert router.routerd.since(mark) == [f"routerd: read {FILE} again: nothing has changed (asked by user 0)"] * 2
     assert router.table() == table
 
 
@@ -117,7 +118,7 @@ def test_what_may_be_mapped_changes(router):
     mark = router.routerd.mark()
     nat = '[nat]\nlimit = 1\nexternal-ports = [80, 82]\nrouter-ports = [82]\n'
     assert reload(router, BASE + nat) == "changed: nat\n"
-    assert router.routerd.since(mark) == [f"routerd: read {FILE} again: changed: nat"]
+    assert router.routerd.since(mark) == [f"routerd: read {FILE} again: changed: nat (asked by user 0)"]
     assert nat_test(router) == "there are 1 rules already, as many as configured"
     reload(router, BASE + nat.replace("limit = 1", "limit = 2"))
     assert nat_test(router) == "external port 81 refused: it is not among those configured"
@@ -263,6 +264,51 @@ def test_a_program_that_is_named_no_more_goes_on_and_is_guarded(router):
     assert str(IDS[DAEMON]) in router.router.run("nft", "-n", "list", "set", "ip", "tk", "guarded").stdout
 
 
+def become(lab, user, program):
+    """A connection of the user that is the program."""
+    client, = connect_as(lab, user, 1)
+    with contextlib.ExitStack() as held:
+        held.enter_context(client)
+        client.register(program)
+        held.pop_all()
+    return client
+
+
+def cannot_become(lab, user, program):
+    with pytest.raises(bus.BusError) as refused:
+        become(lab, user, program)
+    return refused.value.text == f"user {IDS[user]} may not register program {program}: it needs programs = [{program}]"
+
+
+# A message starts it, and it does not come to the bus.
+SLEEPER = '[[program]]\nnumber = 81\ncommand = ["/bin/sleep", "60"]\nuser = "{}"\n'
+
+
+def test_the_right_to_be_a_program_that_is_named_no_more_ends_with_it(router):
+    assert reload(router, BASE + SLEEPER.format(OTHER)) == "changed: program\n"
+    with become(router, OTHER, 81), bus.Client(router) as client:
+        reload(router, BASE)
+        assert reload(router) == "nothing has changed\n"
+        assert 81 in [record[1] for record in client.call([0], PROGRAMS)[bus.OBJECTS]], "it goes on"
+    assert cannot_become(router, OTHER, 81)
+
+
+def test_only_the_user_that_runs_a_program_keeps_the_right_to_be_it(router):
+    others = set(processes(router, "sleep"))
+    reload(router, BASE + SLEEPER.format(OTHER))
+    with bus.Client(router) as client:
+        asked = client.request([81], bus.GET)
+        eventually(lambda: set(processes(router, "sleep")) - others, "the message starts it")
+        sleeper, = set(processes(router, "sleep")) - others
+        reload(router, BASE + SLEEPER.format(DAEMON))
+        reload(router, BASE)
+        assert cannot_become(router, DAEMON, 81)
+        become(router, OTHER, 81).socket.close()
+        os.killpg(sleeper, signal.SIGTERM)
+        client.end(asked)
+    assert cannot_become(router, OTHER, 81)
+
+
 BAD = {
     "no_toml": ("[nat\n", f"{FILE}:1: "),
     "unknown_key": (BASE + "[nat]\nlimits = 1\n", f"{FILE}:11: limits: unknown key"),
@@ -278,12 +324,13 @@ def test_a_bad_file_changes_nothing(router, name):
     text, reason = BAD[name]
     table = router.table()
     write(router, text + "[guard]\nconnections = 7\n")
+    mark = router.routerd.mark()
     told = refusal(router)
     assert told.startswith(reason)
-    mark = router.routerd.mark()
     os.kill(processes(router, "routerd")[0], signal.SIGHUP)
-    router.routerd.wait_for(f"routerd: nothing has changed: {told}", mark)
-    assert len(router.routerd.since(mark)) == 1
+    router.routerd.wait_for(f"routerd: nothing has changed: {told} (asked by SIGHUP)", mark)
+    assert router.routerd.since(mark) == [f"routerd: nothing has changed: {told} (asked by {who})"
+                                          for who in ("user 0", "SIGHUP")]
     assert router.table() == table and nat_test(router) == ""
 
 
@@ -317,7 +364,7 @@ def test_a_hangup_does_the_same(router):
     mark = router.routerd.mark()
     write(router, BASE + "[nat]\nlimit = 1\n[guard]\nconnections = 9\n")
     os.kill(processes(router, "routerd")[0], signal.SIGHUP)
-    router.routerd.wait_for(f"routerd: read {FILE} again: changed: nat, guard", mark)
+    router.routerd.wait_for(f"routerd: read {FILE} again: changed: nat, guard (asked by SIGHUP)", mark)
     assert nat_test(router) == "there are 1 rules already, as many as configured"
     assert "ct count over 9" in chain(router, "input")
 
