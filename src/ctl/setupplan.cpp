@@ -152,10 +152,16 @@ std::string triggerOf(const UsualProgram& program) {
     return std::string("/run/tk/start/") + program.name;
 }
 
+/// True for a user that the system is known to have.
+bool isUser(const std::string& name) {
+    const auto account = tk::findAccount(name);
+    return account.isOk() && *account;
+}
+
 setup::Command commandOf(const UsualProgram& program) {
     const std::string found = machine::findBeside(program.name);
     return {program.number, found.empty() ? std::string("/usr/sbin/") + program.name : found,
-            tk::findAccount(program.name) ? program.name : ""};
+            isUser(program.name) ? program.name : ""};
 }
 
 /// How routerd starts a program: by the unit that came with it, else by its command.
@@ -192,7 +198,7 @@ std::string changedText(const setup::RouterToml& file, const SetupPlan& plan) {
     for (const setup::Setting& setting : usualSettings)
         if (!file.has(setting.section, setting.key)) settings.push_back(setting);
     // A router that runs cannot change its user any more. Units name it themselves.
-    if (!plan.isRunning && !hasSystemd() && !file.has("router", "user") && tk::findAccount("routerd"))
+    if (!plan.isRunning && !hasSystemd() && !file.has("router", "user") && isUser("routerd"))
         settings.push_back({"router", "user", "\"routerd\""});
     // What starts a daemon that answers is left alone.
     if (plan.knowsItems) return valueOf(file.with(changes));

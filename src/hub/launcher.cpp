@@ -1,6 +1,7 @@
 #include "hub/launcher.h"
 
 #include <errno.h>
+#include <poll.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/prctl.h>
@@ -8,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <set>
@@ -21,27 +23,32 @@ namespace hub {
 namespace {
 
 constexpr const char* gone = "the process that starts programs has ended";
+constexpr const char* silent = "the process that starts programs does not answer";
 constexpr const char* changedMeanwhile =
     "the programs in the configuration changed while it was read: try again";
 constexpr const char* processName = "routerd-start";  // the kernel shows 15 characters
+
+using Clock = std::chrono::steady_clock;  // the same in all processes
 
 /// What the router asks of its launcher.
 struct Request {
     enum class What : std::uint32_t { start = 1, signal = 2, reap = 3, prepare = 4, adopt = 5 };
 
     What what = What::start;
-    std::uint32_t program = 0;  // to be started: its number
-    pid_t process = 0;          // to be signalled or reaped
-    std::int32_t number = 0;    // of the signal
-    std::size_t digest = 0;     // of the programs that the router has read
+    std::uint32_t program = 0;          // to be started: its number
+    pid_t process = 0;                  // to be signalled or reaped
+    std::int32_t number = 0;            // of the signal
+    std::size_t digest = 0;             // of the programs that the router has read
+    Clock::time_point waitsUntil = {};  // no two have the same
 };
 
 /// What the launcher answers. The answer to a start comes with a descriptor of the process.
 struct Answer {
     pid_t process = 0;  // the one started, or -1
     bool hasEnded = false;
-    std::int32_t status = 0;  // of a process that has ended
-    char reason[1024] = {};   // why nothing was started or prepared; ends with 0
+    std::int32_t status = 0;             // of a process that has ended
+    Clock::time_point waitedUntil = {};  // as in the request
+    char reason[1024] = {};              // why nothing was started or prepared; ends with 0
 };
 
 std::string reasonIn(const Answer& answer) {
@@ -117,9 +124,32 @@ bool receiveAnswer(int socket, Answer& answer, tk::Fd& descriptor) {
     return count == sizeof answer;
 }
 
-/// The router's side of one exchange. False when the launcher is gone.
-bool exchange(int socket, const Request& request, Answer& answer, tk::Fd& descriptor) {
-    return sendRequest(socket, request) && receiveAnswer(socket, answer, descriptor);
+/// Waits until an answer is there, or the launcher has ended. False when the time is over before.
+bool waitForAnswer(int socket, Clock::time_point end) {
+    for (;;) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
+        if (left <= 0) return false;
+        pollfd readable{socket, POLLIN, 0};
+        if (::poll(&readable, 1, static_cast<int>(left)) > 0) return true;
+    }
+}
+
+/// What an exchange with the launcher brings.
+struct Outcome {
+    Answer answer;
+    tk::Fd process;
+};
+
+/// The router's side of one exchange. Ignores the answers to those that took too long before.
+tk::Result<Outcome> exchange(int socket, Request request, std::chrono::milliseconds patience) {
+    request.waitsUntil = Clock::now() + patience;
+    if (!sendRequest(socket, request)) return tk::Status::failure(gone);
+    while (waitForAnswer(socket, request.waitsUntil)) {
+        Outcome outcome;
+        if (!receiveAnswer(socket, outcome.answer, outcome.process)) return tk::Status::failure(gone);
+        if (outcome.answer.waitedUntil == request.waitsUntil) return tk::Result<Outcome>(std::move(outcome));
+    }
+    return tk::Status::failure(silent);
 }
 
 /// The launcher's own side. It got the programs at the fork or read them itself, and accepts nothing but their
@@ -133,12 +163,19 @@ public:
         Request request;
         while (receiveRequest(socket, request)) {
             tk::Fd process;
-            const Answer answer = answerTo(request, process);
+            Answer answer = isLate(request) ? Answer() : answerTo(request, process);
+            answer.waitedUntil = request.waitsUntil;
             if (!sendAnswer(socket, answer, process.get())) return;
         }
     }
 
 private:
+    /// True when nobody would hear what came of it any more. Signals and adoptions have no outcome.
+    static bool isLate(const Request& request) {
+        const bool hasOutcome = request.what != Request::What::signal && request.what != Request::What::adopt;
+        return hasOutcome && Clock::now() >= request.waitsUntil;
+    }
+
     Answer answerTo(const Request& request, tk::Fd& process) {
         switch (request.what) {
             case Request::What::start:
@@ -227,42 +264,37 @@ tk::Status Launcher::open(const std::vector<ProgramConfig>& programs, Reread rer
 tk::Result<Started> Launcher::start(const ProgramConfig& program) {
     Request request;
     request.program = program.number;
-    Answer answer;
-    tk::Fd process;
-    if (!exchange(socket.get(), request, answer, process)) return tk::Status::failure(gone);
-    if (process.isOpen()) return Started{answer.process, std::move(process)};
-    return tk::Status::failure(reasonIn(answer));
+    tk::Result<Outcome> outcome = exchange(socket.get(), request, patience);
+    if (!outcome.isOk()) return outcome.status();
+    if (outcome->process.isOpen()) return Started{outcome->answer.process, std::move(outcome->process)};
+    return tk::Status::failure(reasonIn(outcome->answer));
 }
 
 void Launcher::signal(pid_t process, int number) {
-    Answer answer;
-    tk::Fd none;
-    if (!exchange(socket.get(), {Request::What::signal, 0, process, number, 0}, answer, none)) tk::log(gone);
+    Request request{.what = Request::What::signal, .process = process, .number = number};
+    if (const auto outcome = exchange(socket.get(), request, patience); !outcome.isOk())
+        tk::log(outcome.reason());
 }
 
 std::optional<int> Launcher::reap(pid_t process) {
-    Answer answer;
-    tk::Fd none;
+    const auto outcome = exchange(socket.get(), {.what = Request::What::reap, .process = process}, patience);
     // Without the launcher nobody knows how it ended. Its descriptor says that it did.
-    if (!exchange(socket.get(), {Request::What::reap, 0, process, 0, 0}, answer, none)) return 0;
-    return answer.hasEnded ? std::optional<int>(answer.status) : std::nullopt;
+    if (!outcome.isOk()) return 0;
+    return outcome->answer.hasEnded ? std::optional<int>(outcome->answer.status) : std::nullopt;
 }
 
 tk::Status Launcher::prepare(const std::vector<ProgramConfig>& programs) {
-    Request request;
-    request.what = Request::What::prepare;
-    request.digest = digestOf(programs);
-    Answer answer;
-    tk::Fd none;
-    if (!exchange(socket.get(), request, answer, none)) return tk::Status::failure(gone);
-    const std::string reason = reasonIn(answer);
+    const auto outcome =
+        exchange(socket.get(), {.what = Request::What::prepare, .digest = digestOf(programs)}, patience);
+    if (!outcome.isOk()) return outcome.status();
+    const std::string reason = reasonIn(outcome->answer);
     return reason.empty() ? tk::Status() : tk::Status::failure(reason);
 }
 
 void Launcher::adopt() {
-    Answer answer;
-    tk::Fd none;
-    if (!exchange(socket.get(), {Request::What::adopt, 0, 0, 0, 0}, answer, none)) tk::log(gone);
+    if (const auto outcome = exchange(socket.get(), {.what = Request::What::adopt}, patience);
+        !outcome.isOk())
+        tk::log(outcome.reason());
 }
 
 }  // namespace hub

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <optional>
 #include <vector>
@@ -12,13 +13,16 @@ namespace hub {
 
 /// Starts processes as children of a small process that stays root when the router gives up its privileges.
 /// It starts the programs and commands of the configuration, signals and reaps what it started, and does
-/// nothing else. It ends with the router.
+/// nothing else. It ends with the router. Each call fails when the small process does not answer in time.
 ///
 /// It takes no command from the router. When the configuration changes, it reads that for itself, and compares
 /// what it found with what the router did: the router may be somebody else's by then.
 class Launcher final : public Processes {
 public:
-    Launcher() = default;
+    /// How long the small process may take to answer.
+    static constexpr std::chrono::seconds usualPatience{5};
+
+    explicit Launcher(std::chrono::milliseconds patience = usualPatience) : patience(patience) {}
     Launcher(const Launcher&) = delete;
     Launcher& operator=(const Launcher&) = delete;
 
@@ -36,6 +40,7 @@ public:
     void adopt() override;
 
 private:
+    const std::chrono::milliseconds patience;
     tk::Fd socket;
 };
 

@@ -1,8 +1,12 @@
 #include "hub/launcher.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
+
+#include <chrono>
 
 #include <gtest/gtest.h>
 
@@ -91,6 +95,26 @@ TEST_F(LauncherTest, TakesNoProgramFromTheRouter) {
 
 TEST_F(LauncherTest, TellsWhyItCannotRead) {
     EXPECT_EQ(launcher.prepare(later).reason(), "nothing to read");
+}
+
+TEST(SlowLauncher, IsWaitedForForALimitedTimeAndItsLateAnswerIsIgnored) {
+    const tk::testing::Folder folder;
+    const std::string pipe = folder.file("pipe");
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    const std::vector<ProgramConfig> programs = {{80, {"/bin/true"}}};
+    Launcher launcher{std::chrono::milliseconds(300)};
+    const auto reread = [&pipe]() -> tk::Result<std::vector<ProgramConfig>> {
+        const tk::Fd waiting(::open(pipe.c_str(), O_RDONLY | O_CLOEXEC));
+        return tk::Status::failure("read at last");
+    };
+    ASSERT_TRUE(launcher.open(programs, reread).isOk());
+    const std::string silent = "the process that starts programs does not answer";
+    EXPECT_EQ(launcher.prepare(programs).reason(), silent);
+    EXPECT_EQ(launcher.start(programs[0]).reason(), silent);
+    const tk::Fd end(::open(pipe.c_str(), O_WRONLY | O_CLOEXEC));
+    tk::Result<Started> started = launcher.start(programs[0]);
+    ASSERT_TRUE(started.isOk()) << started.reason();
+    EXPECT_NE(started->pid, 0);
 }
 
 TEST_F(LauncherTest, WhatItStartedStaysItsOwn) {

@@ -99,7 +99,9 @@ tk::Status Listener::bindTo(const std::string& path) {
     makeFolderOf(path);
     if (tk::Status isFree = checkFree(path); !isFree.isOk()) return isFree;
     // First what may fail or take long, while the former process's file is still there.
-    group = tk::findBusGroup();  // may take long: never while the bus serves
+    const auto found = tk::findBusGroup();  // may take long: never while the bus serves
+    if (!found.isOk()) return found.status();
+    group = *found;
     socket.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     return socket.isOpen() ? makeFile(path, address) : tk::Status::ofErrno(path, errno);
 }

@@ -297,20 +297,22 @@ std::vector<std::string> changedSections(const Config& before, const Config& aft
     return changed;
 }
 
-void nameUsualUsers(Config& config, const std::vector<UsualUser>& usual) {
+tk::Status nameUsualUsers(Config& config, const std::vector<UsualUser>& usual) {
     std::vector<std::string> names;
     names.reserve(usual.size());
     for (const UsualUser& each : usual) names.push_back(each.name);
-    const std::vector<std::optional<uid_t>> found = tk::findUsers(names);
+    const tk::Result<std::vector<std::optional<uid_t>>> asked = tk::findUsers(names);
+    if (!asked.isOk()) return asked.status();
+    const std::vector<std::optional<uid_t>>& found = *asked;
     for (std::size_t i = 0; i < usual.size(); ++i)
         if (const std::uint32_t program = usual[i].program;
             found[i] && !isNamedIn(config.users, program) && !isNamedIn(config.runners, program))
             config.runners.push_back({*found[i], {program}});
+    return {};
 }
 
-tk::Result<Config> readConfig(const std::string& path, bool mayBeAbsent, uid_t owner) {
+tk::Result<Config> readConfig(const std::string& path, uid_t owner) {
     const tk::Fd file = tk::openToRead(path);
-    if (!file.isOpen() && errno == ENOENT && mayBeAbsent) return Config();
     if (!file.isOpen()) return tk::Status::ofErrno(path, errno);
     if (const tk::Status trust = checkWriters(file, owner); !trust.isOk())
         return tk::Status::failure(path + ": " + trust.reason() + ", so it is not followed");

@@ -54,7 +54,8 @@ struct UsualUser {
 
 /// Lets each of the users that the system has register its program. Leaves out programs for which the
 /// configuration names somebody.
-void nameUsualUsers(Config& config, const std::vector<UsualUser>& usual);
+/// Errors: as for tk::findUsers(); nothing has changed.
+tk::Status nameUsualUsers(Config& config, const std::vector<UsualUser>& usual);
 
 /// Reads the configuration text. `name` is the name of the file, for the texts of errors.
 /// Errors: for text that is not TOML, for anything unknown or out of range, and for a user that the system
@@ -62,10 +63,9 @@ void nameUsualUsers(Config& config, const std::vector<UsualUser>& usual);
 tk::Result<Config> parseConfig(const std::string& text, const std::string& name);
 
 /// Reads the configuration file at `path`.
-/// `mayBeAbsent`: true when an absent file means an empty configuration.
 /// `owner`: who may write the file, besides root.
 /// Errors: as for parseConfig(). Also for a file that could have been written by anybody else: everybody, a
 /// group other than root's, or another owner. The code is an errno value when the file cannot be opened.
-tk::Result<Config> readConfig(const std::string& path, bool mayBeAbsent, uid_t owner);
+tk::Result<Config> readConfig(const std::string& path, uid_t owner);
 
 }  // namespace router

@@ -15,7 +15,7 @@ namespace router {
 /// It is read in the router, and also in the process that starts programs for it.
 class ConfigFile {
 public:
-    /// `mayBeAbsent`: true when an absent file means an empty configuration.
+    /// `mayBeAbsent`: true when an absent file means an empty configuration, as long as it never was there.
     ConfigFile(std::string path, bool mayBeAbsent);
 
     /// Reads the file for the first time, before the router gives up any rights.
@@ -23,9 +23,10 @@ public:
     /// become.
     tk::Result<Config> read();
     /// Reads the file again, in a router that runs.
-    /// Errors: as for read(), with the same owner as at first. Also when the router's user has changed: a
-    /// router that gave up root's rights cannot become another user.
-    tk::Result<Config> readAgain() const;
+    /// Errors: as for read(), with the same owner as at first. Also when the file was there before and is
+    /// gone, and when the router's user has changed: a router that gave up root's rights cannot become another
+    /// user.
+    tk::Result<Config> readAgain();
 
     /// True when the router is to give up root's rights, and become the user of the configuration.
     bool givesUpRoot() const { return becomesUser; }
@@ -33,10 +34,12 @@ public:
     const std::string& name() const { return path; }
 
 private:
+    tk::Result<Config> readFile();
     tk::Status complete(Config& config) const;
 
     std::string path;
     bool mayBeAbsent;
+    bool wasThere = false;
     uid_t owner;
     std::optional<tk::Account> user;
     bool becomesUser = false;

@@ -40,6 +40,28 @@ TEST_F(ConfigFileTest, IsReadAgainInTheSameWay) {
     EXPECT_FALSE(file.givesUpRoot());
 }
 
+TEST_F(ConfigFileTest, OnlyOneThatMayBeAbsentIsEmptyWhenItIs) {
+    EXPECT_EQ(file.read().reason(), path + ": No such file or directory");
+    ConfigFile usual(path, true);
+    for (const auto& read : {usual.read(), usual.readAgain()}) {
+        ASSERT_TRUE(read.isOk()) << read.reason();
+        EXPECT_TRUE(read->programs.empty());
+    }
+}
+
+TEST_F(ConfigFileTest, ThatWasThereAndIsGoneIsNotEmpty) {
+    ConfigFile usual(path, true);
+    ASSERT_TRUE(usual.read().isOk());
+    write("[nat\n");
+    ASSERT_FALSE(usual.readAgain().isOk());
+    for (int i = 0; i < 2; ++i) {
+        (void)::unlink(path.c_str());
+        EXPECT_EQ(usual.readAgain().reason(), path + ": it is gone");
+    }
+    write("[nat]\nlimit = 1\n");
+    EXPECT_EQ(usual.readAgain().reason(), "");
+}
+
 TEST_F(ConfigFileTest, ProgramsOfTheRoutersUserStayThose) {
     if (::geteuid() != 0) GTEST_SKIP() << "needs root";
     const std::string text = "[router]\nuser = \"nobody\"\n[[program]]\nnumber = 80\ncommand = [\"/a\"]\n";
@@ -50,7 +72,7 @@ TEST_F(ConfigFileTest, ProgramsOfTheRoutersUserStayThose) {
     const auto again = file.readAgain();
     ASSERT_TRUE(again.isOk()) << again.reason();
     EXPECT_EQ(*first, *again);
-    EXPECT_EQ(again->programs[0].user, tk::findAccount("nobody"));
+    EXPECT_EQ(again->programs[0].user, *tk::findAccount("nobody"));
 }
 
 TEST_F(ConfigFileTest, TheRoutersUserCannotChange) {

@@ -119,7 +119,9 @@ tk::Result<std::uint32_t> ConfigValues::number(std::string_view key, const toml:
 tk::Result<tk::Account> ConfigValues::account(std::string_view key, const toml::node& value) const {
     if (!value.is_string()) return fault(key, value, "must be the name of a user");
     const std::string& user = value.as_string()->get();
-    if (std::optional<tk::Account> found = tk::findAccount(user)) return *std::move(found);
+    tk::Result<std::optional<tk::Account>> found = tk::findAccount(user);
+    if (!found.isOk()) return fault(key, value, found.reason());
+    if (*found) return **found;
     return fault(key, value, "there is no user \"" + user + "\"");
 }
 

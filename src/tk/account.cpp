@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <linux/capability.h>
+#include <poll.h>
 #include <pwd.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -14,6 +15,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <iterator>
 #include <memory>
 
@@ -65,6 +67,8 @@ using Ids = std::vector<gid_t>;
 static_assert(sizeof(uid_t) == sizeof(gid_t));
 constexpr gid_t none = static_cast<gid_t>(-1);
 constexpr const char* busGroup = "tk";
+constexpr const char* noLookup = "users cannot be looked up";
+constexpr int lookupMilliseconds = 2000;
 
 std::optional<gid_t> known(gid_t id) {
     return id == none ? std::nullopt : std::optional(id);
@@ -116,11 +120,20 @@ bool writeAll(const Fd& target, const Ids& ids) {
     return true;
 }
 
-Ids readAll(const Fd& source) {
+/// Reads what the child writes until it closes the pipe.
+/// Errors: empty when that takes too long.
+std::optional<Ids> readAll(const Fd& source) {
+    using std::chrono::steady_clock, std::chrono::milliseconds;
+    const steady_clock::time_point end = steady_clock::now() + milliseconds(lookupMilliseconds);
     Ids ids;
-    gid_t id = 0;
-    while (TEMP_FAILURE_RETRY(::read(source.get(), &id, sizeof id)) == ssize_t{sizeof id}) ids.push_back(id);
-    return ids;
+    for (gid_t id = 0;;) {
+        const auto left = std::chrono::ceil<milliseconds>(end - steady_clock::now()).count();
+        if (left <= 0) return std::nullopt;
+        pollfd written{source.get(), POLLIN, 0};
+        if (::poll(&written, 1, static_cast<int>(left)) <= 0) continue;
+        if (TEMP_FAILURE_RETRY(::read(source.get(), &id, sizeof id)) != ssize_t{sizeof id}) return ids;
+        ids.push_back(id);
+    }
 }
 
 /// Makes a forked child that only looks names up let go of everything of its parent's: a socket that it kept
@@ -144,40 +157,49 @@ void standAlone(pid_t parent, const Fd& kept) {
 }
 
 /// Asks in a child: the libraries in which the system looks names up would stay in this process, and take up
-/// more memory than much of its own code.
-Ids askInChild(Ids (*ask)(const Names&), const Names& names) {
+/// more memory than much of its own code. And a child can be ended if a server of names does not answer.
+Result<Ids> askInChild(Ids (*ask)(const Names&), const Names& names) {
     int ends[2];
-    if (::pipe2(ends, O_CLOEXEC) != 0) return ask(names);
+    if (::pipe2(ends, O_CLOEXEC) != 0) return Status::ofErrno(noLookup, errno);
     const Fd source(ends[0]);
     Fd target(ends[1]);
     const pid_t parent = ::getpid();
     const pid_t child = ::fork();
     if (child == 0) answerAsChild(parent, target, ask, names);
+    if (child < 0) return Status::ofErrno(noLookup, errno);
     target.reset();
-    Ids ids = readAll(source);
+    std::optional<Ids> ids = readAll(source);
+    if (!ids) (void)::kill(child, SIGKILL);
     int status = 0;
-    const bool hasEnded = child > 0 && TEMP_FAILURE_RETRY(::waitpid(child, &status, 0)) == child;
-    return hasEnded && status == 0 ? ids : ask(names);
+    const bool hasEnded = TEMP_FAILURE_RETRY(::waitpid(child, &status, 0)) == child;
+    if (!ids) return Status::failure(std::string(noLookup) + ": the system has not answered within 2 s");
+    if (!hasEnded || status != 0) return Status::failure(noLookup);
+    return *std::move(ids);
 }
 
 }  // namespace
 
-std::optional<Account> findAccount(const std::string& name) {
-    const Ids ids = askInChild(&askForAccount, {name});
-    if (ids.size() < 3) return std::nullopt;
-    return Account{name, ids[0], ids[2], {ids.begin() + 2, ids.end()}, known(ids[1])};
+Result<std::optional<Account>> findAccount(const std::string& name) {
+    const Result<Ids> asked = askInChild(&askForAccount, {name});
+    if (!asked.isOk()) return asked.status();
+    const Ids& ids = *asked;
+    if (ids.size() < 3) return std::optional<Account>();
+    return std::optional(Account{name, ids[0], ids[2], {ids.begin() + 2, ids.end()}, known(ids[1])});
 }
 
-std::vector<std::optional<uid_t>> findUsers(const std::vector<std::string>& names) {
+Result<std::vector<std::optional<uid_t>>> findUsers(const std::vector<std::string>& names) {
+    const Result<Ids> asked = askInChild(&askForUsers, names);
+    if (!asked.isOk()) return asked.status();
     std::vector<std::optional<uid_t>> users;
-    for (const uid_t id : askInChild(&askForUsers, names)) users.push_back(known(id));
+    for (const uid_t id : *asked) users.push_back(known(id));
     users.resize(names.size());
     return users;
 }
 
-std::optional<gid_t> findBusGroup() {
-    const Ids ids = askInChild(&askForGroups, {busGroup});
-    return ids.empty() ? std::nullopt : known(ids.front());
+Result<std::optional<gid_t>> findBusGroup() {
+    const Result<Ids> asked = askInChild(&askForGroups, {busGroup});
+    if (!asked.isOk()) return asked.status();
+    return asked->empty() ? std::nullopt : known(asked->front());
 }
 
 Account inBusGroup(Account account) {
@@ -220,7 +242,9 @@ Status giveFolder(const std::string& path, const Account& account, mode_t mode) 
 namespace {
 
 Status becomeUser(const std::string& name, const std::vector<std::string>& folders) {
-    const std::optional<Account> account = findAccount(name);
+    const Result<std::optional<Account>> found = findAccount(name);
+    if (!found.isOk()) return found.status();
+    const std::optional<Account>& account = *found;
     if (!account) return {};
     for (const std::string& folder : folders)
         if (Status given = giveFolder(folder, *account, ownFolder); !given.isOk()) return given;

@@ -21,18 +21,17 @@ struct Account {
     bool operator==(const Account&) const = default;
 };
 
-// The next three look names up in a child process, one for each call, or in this one where that fails. They
-// wait for it, which may take long: the system may ask a server.
+// The next three look names up in a child process, one for each call. They wait for it, but not longer than
+// 2 s: the system may ask a server. They fail if that has not answered by then, or there is no child.
 
-/// Looks up a user by name.
-/// Errors: empty when the system does not know the user.
-[[nodiscard]] std::optional<Account> findAccount(const std::string& name);
+/// Looks up a user by name. The value is empty when the system does not know the user.
+[[nodiscard]] Result<std::optional<Account>> findAccount(const std::string& name);
 /// Looks up the ids of users by their names: one for each, in order, and empty for one that the system does not
 /// know. Costs less than findAccount(), as the groups of a user are looked up in more places than the user.
-[[nodiscard]] std::vector<std::optional<uid_t>> findUsers(const std::vector<std::string>& names);
-/// The bus's group, "tk", whose members may connect to it.
-/// Errors: empty when the system does not have that group.
-[[nodiscard]] std::optional<gid_t> findBusGroup();
+[[nodiscard]] Result<std::vector<std::optional<uid_t>>> findUsers(const std::vector<std::string>& names);
+/// The bus's group, "tk", whose members may connect to it. The value is empty when the system does not have
+/// that group.
+[[nodiscard]] Result<std::optional<gid_t>> findBusGroup();
 
 /// The account, added to the bus's group if the system had that group when the user was found.
 [[nodiscard]] Account inBusGroup(Account account);

@@ -5,7 +5,10 @@
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <pwd.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -140,24 +143,31 @@ bool holdsInAChild(const std::function<bool()>& check) {
 
 // What these ask the system itself, they ask in a child, too.
 
+std::optional<Account> found(const std::string& name) {
+    const Result<std::optional<Account>> account = findAccount(name);
+    EXPECT_TRUE(account.isOk()) << account.reason();
+    return account.isOk() ? *account : std::nullopt;
+}
+
 TEST(FindAccount, TellsTheUserWithItsGroups) {
     EXPECT_TRUE(holdsInAChild([] {
         const passwd* root = ::getpwnam("root");
         std::array<gid_t, 64> groups{};
         int count = groups.size();
         if (::getgrouplist("root", root->pw_gid, groups.data(), &count) < 0) return false;
-        return findAccount("root") == Account{"root",
-                                              root->pw_uid,
-                                              root->pw_gid,
-                                              {groups.begin(), groups.begin() + count},
-                                              findBusGroup()};
+        return *found("root") == Account{"root",
+                                         root->pw_uid,
+                                         root->pw_gid,
+                                         {groups.begin(), groups.begin() + count},
+                                         *findBusGroup()};
     }));
 }
 
 TEST(FindUsers, TellsWhichAreKnownInTheOrderOfTheNames) {
-    EXPECT_EQ(findUsers({"no-such-user", "root", "daemon"}),
-              (std::vector<std::optional<uid_t>>{std::nullopt, 0, findAccount("daemon")->uid}));
-    EXPECT_TRUE(findUsers({}).empty());
+    EXPECT_EQ(*findUsers({"no-such-user", "root", "daemon"}),
+              (std::vector<std::optional<uid_t>>{std::nullopt, 0, found("daemon")->uid}));
+    EXPECT_TRUE(findUsers({})->empty());
+    EXPECT_FALSE(found("no-such-user"));
 }
 
 TEST(InBusGroup, AddsTheGroupThatWasFoundWithTheUser) {
@@ -174,6 +184,34 @@ TEST(FindAccount, LeavesNoLibraryForNamesInTheProcess) {
     EXPECT_EQ(text.find("libnss_"), std::string::npos);
 }
 
+/// Lets the system's list of users come from a pipe into which nobody writes, as from a server that does not
+/// answer; for this process alone.
+bool silenceUsers(const std::string& pipe) {
+    return ::mkfifo(pipe.c_str(), 0644) == 0 && ::unshare(CLONE_NEWNS) == 0 &&
+           ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           ::mount(pipe.c_str(), "/etc/passwd", nullptr, MS_BIND, nullptr) == 0;
+}
+
+TEST(FindAccount, FailsWhenTheSystemDoesNotAnswer) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root mounts";
+    const tk::testing::Folder folder;
+    EXPECT_TRUE(holdsInAChild([&folder] {
+        if (!silenceUsers(folder.file("pipe"))) return false;
+        const Result<std::optional<Account>> account = findAccount("daemon");
+        const bool leavesNoChild = ::waitpid(-1, nullptr, WNOHANG) < 0 && errno == ECHILD;
+        return leavesNoChild &&
+               account.reason() == "users cannot be looked up: the system has not answered within 2 s";
+    }));
+}
+
+TEST(FindAccount, DoesNotAskInTheProcessItself) {
+    EXPECT_TRUE(holdsInAChild([] {
+        const rlimit noFiles{3, 3};
+        return ::setrlimit(RLIMIT_NOFILE, &noFiles) == 0 &&
+               findAccount("root").reason() == "users cannot be looked up: Too many open files";
+    }));
+}
+
 /// Tests that start as root does.
 class GiveUpRights : public ::testing::Test {
 protected:
@@ -182,7 +220,7 @@ protected:
         // What the user is to reach lies below.
         ASSERT_EQ(::chmod(folder.path.c_str(), 0755), 0);
     }
-    const uid_t user = findAccount("daemon")->uid;
+    const uid_t user = found("daemon")->uid;
     tk::testing::Folder folder;
 };
 
@@ -194,7 +232,7 @@ TEST_F(GiveUpRights, LeavesNoCapabilityWhereThereIsNoSuchUser) {
 TEST_F(GiveUpRights, BecomesTheUserWithItsGroup) {
     EXPECT_TRUE(holdsInAChild([this] {
         return giveUpRights("daemon", {}).isOk() && hasNoCapability() && isUser(user) &&
-               ::getgid() == findAccount("daemon")->gid && ::setuid(0) != 0;
+               ::getgid() == found("daemon")->gid && ::setuid(0) != 0;
     }));
 }
 
@@ -217,7 +255,7 @@ TEST_F(GiveUpRights, FailsWhereAFolderCannotBeGiven) {
 
 TEST_F(GiveUpRights, LeavesAnotherUserAsItIs) {
     EXPECT_TRUE(holdsInAChild([this] {
-        return becomeAccount(*findAccount("daemon")) && giveUpRights("nobody", {"/proc/store"}).isOk() &&
+        return becomeAccount(*found("daemon")) && giveUpRights("nobody", {"/proc/store"}).isOk() &&
                isUser(user) && hasNoCapability();
     }));
 }

@@ -347,6 +347,12 @@ def test_a_file_that_others_may_write_or_the_router_cannot_read_changes_nothing(
     assert nat_test(router) == ""
 
 
+def test_a_file_that_is_gone_changes_nothing(router):
+    (router.root / FILE[1:]).rename(router.root / f"{FILE[1:]}.old")
+    assert refusal(router) == f"{FILE}: it is gone"
+    assert nat_test(router, target=WAN) != "" and router.query("upnp", "get")["enabled"]
+
+
 def test_who_may_not_reload_is_told_so(router):
     write(router, BASE + "[nat]\nlimit = 1\n")
     for user in (MEMBER, OTHER, DAEMON):
