@@ -309,6 +309,19 @@ def test_a_rule_that_nobody_can_judge_is_a_warning(clinic):
         clinic.run("nft delete table ip odd")
 
 
+def test_limits_that_a_usual_packet_does_not_reach(clinic, server):
+    clinic.run("""nft 'add table ip odd; add limit ip odd lim { rate over 1000/second; };
+add quota ip odd q { over 100 mbytes; }; add chain ip odd forward { type filter hook forward priority 0; }'
+nft 'add rule ip odd forward quota over 100 mbytes drop; add rule ip odd forward limit name lim drop;
+add rule ip odd forward quota name q drop;
+add rule ip odd forward meter m1 { ip saddr limit rate over 1000/second } drop'""")
+    try:
+        assert arrives(clinic.lab.wan)
+        assert clinic.examine() == {}
+    finally:
+        clinic.run("nft delete table ip odd")
+
+
 def test_a_flowtable_past_the_rules_is_a_warning(clinic):
     made = clinic.lab.router.run("sh", "-ec", """nft -f - <<'END'
 table ip fast {

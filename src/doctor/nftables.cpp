@@ -1,6 +1,7 @@
 #include "doctor/nftables.h"
 
 #include <charconv>
+#include <set>
 #include <sstream>
 #include <utility>
 
@@ -13,6 +14,28 @@ namespace doctor {
 namespace {
 
 using Json = nlohmann::json;
+
+std::uint64_t bytesOf(const Json& quota, const char* number, const char* unit) {
+    const std::string name = quota.value(unit, "bytes");
+    const unsigned shift = name == "mbytes" ? 20 : name == "kbytes" ? 10 : 0;
+    return quota.value(number, std::uint64_t{0}) << shift;
+}
+
+/// True for a quota that packets meet now. One "over" some bytes is met once they are used up, another one
+/// until then.
+bool isMetNow(const Json& quota) {
+    const std::uint64_t most =
+        quota.contains("val") ? bytesOf(quota, "val", "val_unit") : quota.value("bytes", std::uint64_t{0});
+    return quota.value("inv", false) == (bytesOf(quota, "used", "used_unit") > most);
+}
+
+/// What a usual packet within every rate meets, or does not meet.
+Condition onRate(bool isMet) {
+    Condition condition;
+    condition.subject = Subject::rate;
+    condition.isNegated = !isMet;
+    return condition;
+}
 
 /// Reads one table. Its conditions may look at sets of the same table.
 class Reader {
@@ -40,6 +63,10 @@ private:
             conditions.noteSet(object["map"]);
         } else if (object.contains("counter")) {
             counters[object["counter"].at("name")] = object["counter"].value("packets", std::uint64_t{0});
+        } else if (object.contains("limit")) {
+            limits[object["limit"].at("name")] = !object["limit"].value("inv", false);
+        } else if (object.contains("quota")) {
+            quotas[object["quota"].at("name")] = isMetNow(object["quota"]);
         }
     }
 
@@ -74,19 +101,25 @@ private:
             addBranches(content, rule);
         else if (kind == "counter")
             addCounter(content, rule);
-        else if (kind == "limit" || kind == "ct count")
-            addLimit(content, rule);
+        else if (kind == "limit" || kind == "ct count" || kind == "quota")
+            addLimit(kind, content, rule);
         else if (kind == "mangle")
             noteMark(content);
-        else if (kind == "xt")
-            rule.conditions.emplace_back();
-        else if (kind == "set")
+        else if (kind == "set" || kind == "meter")
             addUpdate(content, rule);
         else if (kind == "flow")
             addOffload(content, rule);
         else
             return readVerdict(kind, content, rule);
         return true;
+    }
+
+    /// True for a statement that lets every packet go on to the next one.
+    static bool isHarmless(const std::string& kind) {
+        static const std::set<std::string> known{"continue", "log",       "notrack",    "dup",
+                                                 "map",      "ct helper", "ct timeout", "ct expectation",
+                                                 "last",     "secmark"};
+        return known.contains(kind);
     }
 
     static bool readWord(const std::string& word, Rule& rule) {
@@ -99,7 +132,10 @@ private:
             {"jump", Verdict::jump},     {"goto", Verdict::goTo},       {"return", Verdict::leave},
             {"queue", Verdict::unknown}, {"synproxy", Verdict::unknown}};
         const auto found = known.find(kind);
-        if (found == known.end()) return true;
+        if (found == known.end()) {
+            if (!isHarmless(kind)) rule.conditions.emplace_back();  // perhaps it stops some packets
+            return true;
+        }
         rule.verdict = found->second;
         if (content.is_object()) rule.target = content.value("target", "");
         return false;
@@ -134,20 +170,29 @@ private:
         if (named != counters.end()) rule.packets = named->second;
     }
 
-    /// A usual packet is within every limit.
-    static void addLimit(const Json& limit, Rule& rule) {
-        Condition condition;
-        condition.subject = Subject::rate;
-        condition.isNegated = limit.is_object() && limit.value("inv", false);
-        rule.conditions.push_back(condition);
+    /// A limit is written in the rule, or named there, or looked up in a map, which is not followed.
+    void addLimit(const std::string& kind, const Json& limit, Rule& rule) const {
+        if (limit.is_string()) {
+            const auto& declared = kind == "quota" ? quotas : limits;
+            const auto named = declared.find(limit);
+            rule.conditions.push_back(named == declared.end() ? Condition() : onRate(named->second));
+        } else if (limit.contains("map")) {
+            rule.conditions.emplace_back();
+        } else {
+            rule.conditions.push_back(onRate(kind == "quota" ? isMetNow(limit) : !limit.value("inv", false)));
+        }
     }
 
-    /// An update of a set may carry a limit for each element.
-    static void addUpdate(const Json& update, Rule& rule) {
-        const Json statements = update.value("stmt", Json::array());
-        for (const Json& statement : statements)
-            for (const auto& [kind, content] : statement.items())
-                if (kind == "limit" || kind == "ct count") addLimit(content, rule);
+    /// An update of a set or meter may carry limits for each element; how far one is used up is not known.
+    void addUpdate(const Json& update, Rule& rule) const {
+        const Json given = update.value("stmt", Json::array());
+        for (const Json& statement : given.is_array() ? given : Json::array({given}))
+            for (const auto& [kind, content] : statement.items()) {
+                if (kind == "limit" || kind == "ct count")
+                    addLimit(kind, content, rule);
+                else if (kind != "counter" && !isHarmless(kind))
+                    rule.conditions.emplace_back();
+            }
     }
 
     void noteMark(const Json& mangle) {
@@ -169,6 +214,8 @@ private:
     Table table;
     std::string chainName;
     std::map<std::string, std::uint64_t> counters;
+    std::map<std::string, bool> limits;  // by name: true when a usual packet meets it
+    std::map<std::string, bool> quotas;
 };
 
 }  // namespace

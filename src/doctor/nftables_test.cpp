@@ -31,6 +31,10 @@ std::string tableWith(const std::string& expressions, const std::string& policy 
            R"({"set":{"family":"inet","name":"none","table":"filter","type":"ipv4_addr","handle":5}},)"
            R"({"map":{"family":"inet","name":"ways","table":"filter","type":"ifname","map":"verdict",)"
            R"("elem":[["wan0",{"jump":{"target":"sub"}}]]}},)"
+           R"({"limit":{"family":"inet","name":"above","table":"filter","rate":10,"per":"second","inv":true}},)"
+           R"({"limit":{"family":"inet","name":"within","table":"filter","rate":10,"per":"second"}},)"
+           R"({"quota":{"family":"inet","name":"plenty","table":"filter","bytes":100,"used":5,"inv":true}},)"
+           R"({"quota":{"family":"inet","name":"spent","table":"filter","bytes":100,"used":101,"inv":true}},)"
            R"({"chain":{"family":"inet","table":"filter","name":"sub","handle":1}},)"
            R"({"chain":{"family":"inet","table":"filter","name":"forward","handle":2,"type":"filter",)"
            R"("hook":"forward","prio":0,"policy":")" +
@@ -148,6 +152,28 @@ constexpr Case cases[] = {
      Fate::passes},
     {"WithinALimit", R"({"limit":{"rate":5,"burst":5,"per":"second"}},{"drop":null})", Fate::drops,
      Fate::drops},
+    {"AboveANamedLimit", R"({"limit":"above"},{"drop":null})", Fate::passes, Fate::passes},
+    {"WithinANamedLimit", R"({"limit":"within"},{"drop":null})", Fate::drops, Fate::drops},
+    {"ALimitThatIsNotDeclared", R"({"limit":"nosuch"},{"drop":null})", Fate::doubtful, Fate::doubtful},
+    {"ALimitFromAMap",
+     R"({"limit":{"map":{"key":{"payload":{"protocol":"tcp","field":"dport"}},"data":{"set":[[80,"above"]]}}}},{"drop":null})",
+     Fate::doubtful, Fate::doubtful},
+    {"AboveAQuota", R"({"quota":{"val":100,"val_unit":"mbytes","inv":true}},{"drop":null})", Fate::passes,
+     Fate::passes},
+    {"WithinAQuota", R"({"quota":{"val":100,"val_unit":"mbytes"}},{"drop":null})", Fate::drops, Fate::drops},
+    {"AboveAQuotaThatIsUsedUp",
+     R"({"quota":{"val":1,"val_unit":"mbytes","used":1025,"used_unit":"kbytes","inv":true}},{"drop":null})",
+     Fate::drops, Fate::drops},
+    {"AboveANamedQuota", R"({"quota":"plenty"},{"drop":null})", Fate::passes, Fate::passes},
+    {"AboveANamedQuotaThatIsUsedUp", R"({"quota":"spent"},{"drop":null})", Fate::drops, Fate::drops},
+    {"MeterAboveALimit",
+     R"({"meter":{"key":{"payload":{"protocol":"ip","field":"saddr"}},"stmt":{"limit":{"rate":10,"burst":5,"per":"second","inv":true}},"size":65535,"name":"m1"}},{"drop":null})",
+     Fate::passes, Fate::passes},
+    {"MeterWithSomethingElse",
+     R"({"meter":{"key":{"payload":{"protocol":"ip","field":"saddr"}},"stmt":{"quota":{"val":5,"val_unit":"bytes"}},"name":"m"}},{"drop":null})",
+     Fate::doubtful, Fate::doubtful},
+    {"UnknownStatement", R"({"tproxy":{"port":5}},{"drop":null})", Fate::doubtful, Fate::doubtful},
+    {"LogAndNotrack", R"({"log":{"prefix":"x"}},{"notrack":null},{"drop":null})", Fate::drops, Fate::drops},
     {"LocalDestination",
      R"({"match":{"op":"==","left":{"fib":{"result":"type","flags":["daddr"]}},"right":"local"}},{"drop":null})",
      Fate::passes, Fate::passes},
