@@ -43,6 +43,7 @@ terminate = true
 PATIENCE = 10  # seconds until a test gives up on a condition
 
 CLONE_NEWNET = 0x40000000
+CLOCK_REALTIME_COARSE = 5
 libc = ctypes.CDLL(None, use_errno=True)
 numbers = itertools.count(1)
 
@@ -56,6 +57,11 @@ def eventually(condition, what="the condition", seconds=PATIENCE):
             return value
         assert time.monotonic() < deadline, f"{what}: not within {seconds} s"
         time.sleep(0.02)
+
+
+def second_of_now():
+    """The second as time(2) tells it: that of the kernel's last tick, so up to a tick behind time.time()."""
+    return int(time.clock_gettime(CLOCK_REALTIME_COARSE))
 
 
 def can_trace():

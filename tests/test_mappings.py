@@ -1,7 +1,6 @@
 """The list of mappings for the administrator: who asked for what and since when, and what was refused."""
 import datetime
 import re
-import time
 
 import pytest
 
@@ -56,14 +55,14 @@ def seconds(text):
 
 
 def test_mappings_of_all_external_interfaces_are_listed_whole(served):
-    began = int(time.time())
+    began = labs.second_of_now()
     told = served.lan1.run("upnpc", "-i", "-m", LAN1, "-e", "by upnpc", "-a", LAN1, "8080", "80", "TCP").stdout
     external = re.search(r"external (\S+):80 TCP is redirected", told)[1]
     chosen, other = ("wan0", "wan1") if external == ROUTER_WAN else ("wan1", "wan0")
     add(served, other, served.lan2, external=53, protocol="UDP", internal=5353, enabled="0", description='"\x7f\u00e9')
     listed = served.query("upnp", "mappings")
     times = [seconds(one.pop("since")) for one in listed]
-    assert all(began <= each <= time.time() for each in times)
+    assert all(began <= each <= labs.second_of_now() for each in times)
     expected = [entry(served, chosen, 80, description="by upnpc"),
                 entry(served, other, 53, protocol="udp", internalPort=5353, enabled=False, description='"\x7f\u00e9',
                       requestedBy=LAN2)]
@@ -140,7 +139,7 @@ def test_the_mappings_of_an_interface_that_goes_are_gone_and_the_others_stay(ser
 
 
 def test_what_was_refused_is_told_with_its_reason(served):
-    began = int(time.time())
+    began = labs.second_of_now()
     add(served, "wan0", external=90)
     refused = [
         ({"external": 91, "lease": "60"}, fault(725, "OnlyPermanentLeasesSupported")),
@@ -152,7 +151,7 @@ def test_what_was_refused_is_told_with_its_reason(served):
         assert ask_for(served, "wan0", served.lan2, **wanted) == answer
     with bus.Client(served) as client:
         records = client.call(MAPPINGS, REFUSALS)[bus.OBJECTS][-3:]
-    assert all(began <= record.pop(1) <= time.time() for record in records)
+    assert all(began <= record.pop(1) <= labs.second_of_now() for record in records)
     assert [list(record.values()) for record in records] == [
         [LAN2, 91, 6, LAN1, 8080, 725, "a mapping for a limited time is not supported", 2],
         [LAN2, 90, 6, LAN2, 8080, 718, f"the port is mapped to {LAN1} already", 1],

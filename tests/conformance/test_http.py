@@ -9,7 +9,7 @@ import pytest
 from bus import address, item
 from control_point import (CONNECTION, DATE, PORT, SERVER, action_element, bare, envelope, exchange, file_answer, get,
                            post, read_to_end, result)
-from labs import DATA, ROUTER_LAN, ROUTER_WAN, eventually
+from labs import DATA, ROUTER_LAN, ROUTER_WAN, eventually, second_of_now
 from worlds import LAN
 
 OSINFO_TEXT = (DATA / "osinfo.xml").read_text()
@@ -55,10 +55,11 @@ def test_the_language_is_told_to_those_who_ask_whatever_they_ask_for(lab, header
 
 
 def test_the_date_is_of_now_in_universal_time(lab):
-    before = int(time.time())
+    before = second_of_now()
     answer = binary(lab, GET_OSINFO).decode()
     told = re.search(r"\r\nDATE: (.*)\r\n", answer).group(1)
-    dates = [time.strftime("%a, %d %b %Y %H:%M:%S GMT", time.gmtime(second)) for second in range(before, int(time.time()) + 1)]
+    seconds = range(before, second_of_now() + 1)
+    dates = [time.strftime("%a, %d %b %Y %H:%M:%S GMT", time.gmtime(second)) for second in seconds]
     assert told in dates
 
 
