@@ -39,6 +39,14 @@ def build_package(folder):
     return package
 
 
+def modified(path):
+    """When the file was written; None while it does not exist, or the router that has it has ended."""
+    try:
+        return path.stat().st_mtime_ns
+    except OSError:
+        return None
+
+
 class Manager:
     """Starts units as systemd does, as far as one needs no systemd for it."""
 
@@ -93,8 +101,8 @@ class Manager:
         def watch():
             seen = None
             while not self.ended.wait(0.02):
-                now = path.stat().st_mtime_ns if path.exists() else None
-                if now != seen and not self.runs(service):
+                now = modified(path)
+                if now not in (None, seen) and not self.runs(service):
                     self.start(service)
                 seen = now
         self.watch(watch)

@@ -253,7 +253,7 @@ def test_programs_come_and_go(router):
         assert client.end(asked)[bus.TEXT] == "the program ended by signal 15 before it came to the bus"
         with pytest.raises(bus.BusError, match="nobody at this destination"):
             client.call([81], bus.GET)
-    assert "program 82 ended by signal 15" in router.routerd.since(mark)
+    router.routerd.wait_for("program 82 ended by signal 15", mark)
 
 
 def test_a_program_that_is_named_no_more_goes_on_and_is_guarded(router):
@@ -304,8 +304,10 @@ def test_only_the_user_that_runs_a_program_keeps_the_right_to_be_it(router):
         reload(router, BASE)
         assert cannot_become(router, DAEMON, 81)
         become(router, OTHER, 81).socket.close()
-        os.killpg(sleeper, signal.SIGTERM)
         client.end(asked)
+    mark = router.routerd.mark()
+    os.killpg(sleeper, signal.SIGTERM)
+    router.routerd.wait_for("program 81 ended by signal 15", mark)
     assert cannot_become(router, OTHER, 81)
 
 
