@@ -9,6 +9,7 @@
 #include "contract/programs.h"
 #include "ctl/failure.h"
 #include "ctl/interfaces.h"
+#include "ctl/runningprograms.h"
 #include "doctor/collect.h"
 #include "tk/names.h"
 #include "tk/version.h"
@@ -16,18 +17,6 @@
 namespace ctl {
 
 namespace {
-
-/// Nobody waits longer than this to learn that something hangs.
-/// Units: milliseconds.
-constexpr std::uint32_t patience = 3000;
-
-/// Which side an interface is on; neither when the router does not tell, as when it is gone by now.
-contract::SideReply sideOf(Session& session, std::uint32_t interface) {
-    tk::message question;
-    question.insert_u32(contract::sidefield::interface, interface);
-    const tk::message reply = session.exchange(contract::path::interfaces(), contract::tellSide, question);
-    return tk::isError(reply) ? contract::SideReply{} : contract::SideReply::fromMessage(reply);
-}
 
 void readRules(Session& session, doctor::BusFacts& facts) {
     tk::message query;
@@ -47,12 +36,11 @@ void readRules(Session& session, doctor::BusFacts& facts) {
 }
 
 void readPrograms(Session& session, doctor::BusFacts& facts) {
-    const tk::message reply = session.request(contract::path::hub(), tk::command::hubPrograms);
-    for (const tk::message& record : reply.get_message_array(tk::field::objects)) {
+    for (const RunningProgram& running : readPrograms(session).value_or(std::vector<RunningProgram>{})) {
         doctor::ProgramFact program;
-        program.number = record.get_u32(tk::hubfield::number);
-        program.pid = record.get_u32(tk::hubfield::pid);
-        program.user = record.get_u32(tk::hubfield::uid);
+        program.number = running.number;
+        program.pid = running.pid;
+        program.user = running.uid;
         program.version = doctor::versionOfProcess(program.pid);
         facts.programs.push_back(program);
     }

@@ -84,11 +84,7 @@ constexpr const char* forceOption = "--force";
 /// decides itself.
 void checkSide(Session& session, const RoleItem& item, bool isForced) {
     if (item.type != Role::internal || isForced) return;
-    tk::message question;
-    question.insert_u32(contract::sidefield::interface, item.interface);
-    const tk::message reply = session.exchange(contract::path::interfaces(), contract::tellSide, question);
-    if (tk::isError(reply)) return;
-    const auto answer = contract::SideReply::fromMessage(reply);
+    const contract::SideReply answer = sideOf(session, item.interface);
     if (answer.side != contract::Side::outside) return;
     throw Failure(interfaceName(readInterfaces(session), item.interface) + " is outside: " + answer.why +
                   "; " + forceOption + " makes it internal anyway");

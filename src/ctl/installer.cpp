@@ -92,13 +92,6 @@ void change(Session& session, const setup::ItemChange& change) {
                     change.kind == Kind::change ? tk::command::setObject : tk::command::removeObject, item);
 }
 
-contract::SideReply sideOf(Session& session, const std::string& interface) {
-    tk::message question;
-    question.insert_u32(contract::sidefield::interface, idOf(session, interface));
-    return contract::SideReply::fromMessage(
-        session.request(contract::path::interfaces(), contract::tellSide, question));
-}
-
 }  // namespace
 
 void Installer::apply(const SetupPlan& plan) {
@@ -188,7 +181,7 @@ void Installer::waitUntilInside(const setup::Proposal& proposal) {
         if (choice.role != setup::Role::internal) continue;
         contract::SideReply told;
         const bool isInside = becomesTrue([&] {
-            told = sideOf(context.session(), choice.interface);
+            told = sideOf(context.session(), idOf(context.session(), choice.interface));
             return told.side == contract::Side::inside;
         });
         if (!isInside) throw Failure(choice.interface + " does not count as inside: " + told.why);

@@ -75,6 +75,13 @@ std::string interfaceName(const std::vector<Interface>& interfaces, std::uint32_
     return {};
 }
 
+contract::SideReply sideOf(Session& session, std::uint32_t interface) {
+    tk::message question;
+    question.insert_u32(contract::sidefield::interface, interface);
+    const tk::message reply = session.exchange(contract::path::interfaces(), contract::tellSide, question);
+    return tk::isError(reply) ? contract::SideReply{} : contract::SideReply::fromMessage(reply);
+}
+
 void addInterfaceCommands(CLI::App& app, Context& context) {
     CLI::App& group = addGroup(app, context, "interface", "The router's network interfaces");
     CLI::App& list =

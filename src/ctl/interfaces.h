@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "contract/interfaces.h"
 #include "ctl/session.h"
 
 namespace ctl {
@@ -30,5 +31,8 @@ struct Interface {
 
 /// The name of the interface with an id; empty when there is none.
 [[nodiscard]] std::string interfaceName(const std::vector<Interface>& interfaces, std::uint32_t id);
+
+/// Which side an interface is on; neither when the router does not tell, as when the interface is gone by now.
+[[nodiscard]] contract::SideReply sideOf(Session& session, std::uint32_t interface);
 
 }  // namespace ctl

@@ -19,39 +19,6 @@ namespace {
 
 using contract::Role;
 
-/// Nobody waits longer than this to see that something hangs.
-/// Units: milliseconds.
-constexpr std::uint32_t patience = 3000;
-
-}  // namespace
-
-std::optional<std::vector<RunningProgram>> readPrograms(Session& session) {
-    const tk::message end = session.exchange(contract::path::hub(), tk::command::hubPrograms, {}, patience);
-    std::uint32_t code = 0;
-    if (tk::isError(end, &code) && code == tk::error::noSuchCommand) return std::nullopt;
-    if (tk::isError(end)) throw failureFrom(end, contract::path::hub());
-    std::vector<RunningProgram> programs;
-    for (const tk::message& record : end.get_message_array(tk::field::objects))
-        programs.push_back({record.get_u32(tk::hubfield::number), record.get_u32(tk::hubfield::pid),
-                            record.get_u32(tk::hubfield::uid)});
-    return programs;
-}
-
-namespace {
-
-bool isThere(const std::vector<RunningProgram>& programs, std::uint32_t number) {
-    return std::any_of(programs.begin(), programs.end(),
-                       [&](const RunningProgram& program) { return program.number == number; });
-}
-
-/// Which side an interface is on; neither when the router does not tell.
-contract::SideReply sideOf(Session& session, std::uint32_t interface) {
-    tk::message question;
-    question.insert_u32(contract::sidefield::interface, interface);
-    const tk::message reply = session.exchange(contract::path::interfaces(), contract::tellSide, question);
-    return tk::isError(reply) ? contract::SideReply{} : contract::SideReply::fromMessage(reply);
-}
-
 /// The interfaces with a role, as the daemon has them.
 std::vector<ServedInterface> readItems(Session& session) {
     std::vector<ServedInterface> served;
@@ -131,13 +98,6 @@ std::vector<const ServedInterface*> inForce(const Overview& overview, Role role)
 std::string descriptionUrl(std::uint32_t address) {
     return "http://" + gateway::ipToString(address) + ':' + std::to_string(contract::httpPort) +
            "/gateway.xml";
-}
-
-std::string programName(std::uint32_t number) {
-    if (number == contract::program::network) return "routerd";
-    if (number == contract::program::gateway) return "upnpd";
-    if (number == contract::program::resolver) return "resolverd";
-    return "program " + std::to_string(number);
 }
 
 std::string userName(std::uint32_t uid) {

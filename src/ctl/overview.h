@@ -10,16 +10,10 @@
 #include "contract/mappings.h"
 #include "ctl/json.h"
 #include "ctl/mappings.h"
+#include "ctl/runningprograms.h"
 #include "ctl/session.h"
 
 namespace ctl {
-
-/// A program of the router that is on the bus. A value.
-struct RunningProgram {
-    std::uint32_t number = 0;
-    std::uint32_t pid = 0;
-    std::uint32_t uid = 0;
-};
 
 /// An interface with a role. A value.
 struct ServedInterface {
@@ -56,10 +50,6 @@ struct Overview {
 /// Where the kernel says whether it forwards packets.
 constexpr const char* forwardingFile = "/proc/sys/net/ipv4/ip_forward";
 
-/// The programs on the bus, the router itself first.
-/// Errors: none when the router does not know the question; throws Failure when it does not answer.
-[[nodiscard]] std::optional<std::vector<RunningProgram>> readPrograms(Session& session);
-
 /// Asks all programs. A daemon that is not there is not asked, for a request would start it, although somebody
 /// has switched it off.
 /// Errors: throws Failure when the router does not answer; what the daemon fails to tell is left out.
@@ -79,8 +69,6 @@ constexpr const char* forwardingFile = "/proc/sys/net/ipv4/ip_forward";
 /// Byte order: network.
 [[nodiscard]] std::string descriptionUrl(std::uint32_t address);
 
-/// "upnpd", or "program 90" for a number without a name.
-[[nodiscard]] std::string programName(std::uint32_t number);
 /// The name of a user, or the number of one without a name.
 [[nodiscard]] std::string userName(std::uint32_t uid);
 

@@ -53,7 +53,7 @@ Json refusalToJson(const contract::MappingRefusal& refusal) {
 Json programToJson(const RunningProgram& program) {
     Json object;
     object["number"] = program.number;
-    object["name"] = programName(program.number);
+    object["name"] = programText(program.number);
     object["pid"] = program.pid;
     object["user"] = userName(program.uid);
     return object;

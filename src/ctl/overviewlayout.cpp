@@ -267,11 +267,11 @@ Lines Layout::programs() const {
     std::set<std::uint32_t> missing{contract::program::gateway, contract::program::resolver};
     for (const RunningProgram& program : *overview.programs) {
         missing.erase(program.number);
-        text += (text.empty() ? "" : ", ") + programName(program.number) + " (" +
+        text += (text.empty() ? "" : ", ") + programText(program.number) + " (" +
                 std::to_string(program.pid) + ", " + userName(program.uid) + ')';
     }
     for (const std::uint32_t number : missing)
-        text += ", " + programName(number) +
+        text += ", " + programText(number) +
                 (number == contract::program::resolver ? " (when needed)" : " (not running)");
     return paragraph("Programs: ", text, wrapping == Wrapping::everything);
 }

@@ -17,7 +17,7 @@ Failure failureFrom(const tk::message& error, const tk::Path& asked) {
     (void)tk::isError(error, &code, &text);  // the caller knows that it is an error
     if (text.empty()) text = "refused with error " + hexText(code);
     if (asked.empty()) return Failure(text);
-    const std::string program = asked.front() == contract::program::gateway ? "upnpd" : "routerd";
+    const std::string program = programText(asked.front());
     const std::string reason = program + " does not answer: " + text;
     if (code == tk::error::unreachable) return {reason, startAdvice(program)};
     if (code == tk::error::timedOut) return {reason, restartAdvice(program)};
