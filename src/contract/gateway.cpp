@@ -4,6 +4,18 @@
 
 namespace contract {
 
+std::string roleName(Role role) {
+    switch (role) {
+        case Role::none:
+            return "none";
+        case Role::external:
+            return "external";
+        case Role::internal:
+            return "internal";
+    }
+    return std::to_string(static_cast<std::uint32_t>(role));
+}
+
 tk::message Settings::toMessage() const {
     tk::message values;
     values.insert_bool(settingfield::enabled, enabled);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "tk/message.h"
 
@@ -37,6 +38,9 @@ struct Settings {
 /// Which side of the gateway an interface is, with its number on the bus. A number from the bus may be none
 /// of these.
 enum class Role : std::uint32_t { none = 0, external = 1, internal = 2 };
+
+/// "none", "external", "internal"; the number itself when it is none of these.
+[[nodiscard]] std::string roleName(Role role);
 
 /// One "upnp interface" item, without its id. A value.
 struct RoleItem {

@@ -5,6 +5,13 @@
 namespace contract {
 namespace {
 
+TEST(ContractRole, HasAName) {
+    EXPECT_EQ(roleName(Role::none), "none");
+    EXPECT_EQ(roleName(Role::external), "external");
+    EXPECT_EQ(roleName(Role::internal), "internal");
+    EXPECT_EQ(roleName(static_cast<Role>(9)), "9");
+}
+
 TEST(ContractSettings, StandInTheirOrder) {
     tk::message expected;
     expected.insert_bool(1, true);

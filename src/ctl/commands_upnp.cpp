@@ -10,7 +10,7 @@
 #include "contract/programs.h"
 #include "ctl/commandline.h"
 #include "ctl/context.h"
-#include "ctl/json.h"
+#include "ctl/gatewayjson.h"
 #include "ctl/keyvalues.h"
 #include "ctl/table.h"
 #include "ctl/text.h"
@@ -20,36 +20,25 @@ namespace ctl {
 
 namespace {
 
-constexpr const char* enabledKey = "enabled";
-constexpr const char* allowDisableExternalKey = "allow-disable-external";
-constexpr const char* showDummyRuleKey = "show-dummy-rule";
-
 contract::Settings readSettings(Session& session) {
     return contract::Settings::fromMessage(session.request(contract::path::gateway(), tk::command::get), {});
-}
-
-Json settingsToJson(const contract::Settings& source) {
-    Json object;
-    object[enabledKey] = source.enabled;
-    object[allowDisableExternalKey] = source.allowDisableExternal;
-    object[showDummyRuleKey] = source.showDummyRule;
-    return object;
 }
 
 void getSettings(Context& context) {
     const contract::Settings settings = readSettings(context.session());
     Table table({"SETTING", "VALUE"});
-    table.add({enabledKey, yesNo(settings.enabled)});
-    table.add({allowDisableExternalKey, yesNo(settings.allowDisableExternal)});
-    table.add({showDummyRuleKey, yesNo(settings.showDummyRule)});
+    table.add({settingkey::enabled, yesNo(settings.enabled)});
+    table.add({settingkey::allowDisableExternal, yesNo(settings.allowDisableExternal)});
+    table.add({settingkey::showDummyRule, yesNo(settings.showDummyRule)});
     context.print(settingsToJson(settings), table);
 }
 
 void setSettings(Context& context, const std::vector<std::string>& arguments) {
-    const KeyValues wanted(arguments, {enabledKey, allowDisableExternalKey, showDummyRuleKey});
-    const auto enabled = wanted.flag(enabledKey);
-    const auto allowDisableExternal = wanted.flag(allowDisableExternalKey);
-    const auto showDummyRule = wanted.flag(showDummyRuleKey);
+    const KeyValues wanted(
+        arguments, {settingkey::enabled, settingkey::allowDisableExternal, settingkey::showDummyRule});
+    const auto enabled = wanted.flag(settingkey::enabled);
+    const auto allowDisableExternal = wanted.flag(settingkey::allowDisableExternal);
+    const auto showDummyRule = wanted.flag(settingkey::showDummyRule);
 
     // The message replaces all settings, so it must hold the unchanged ones too.
     contract::Settings settings = readSettings(context.session());

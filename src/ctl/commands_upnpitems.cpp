@@ -14,6 +14,7 @@
 #include "ctl/commandline.h"
 #include "ctl/context.h"
 #include "ctl/failure.h"
+#include "ctl/gatewayjson.h"
 #include "ctl/interfaces.h"
 #include "ctl/json.h"
 #include "ctl/keyvalues.h"
@@ -27,18 +28,6 @@ namespace {
 
 using contract::Role;
 using contract::RoleItem;
-
-std::string roleName(Role role) {
-    switch (role) {
-        case Role::none:
-            return "none";
-        case Role::external:
-            return "external";
-        case Role::internal:
-            return "internal";
-    }
-    return std::to_string(static_cast<std::uint32_t>(role));
-}
 
 Role roleNamed(const std::string& name) {
     for (const Role role : {Role::external, Role::internal})
@@ -212,16 +201,9 @@ void listRoles(Context& context) {
         const std::uint32_t id = record.get_u32(tk::field::objectId);
         const RoleItem item = RoleItem::fromMessage(record, {});
         const std::string name = interfaceName(interfaces, item.interface);
-        const std::string role = roleName(item.type);
-        Json object;
-        object["id"] = id;
-        object["interface"] = item.interface;
-        object["name"] = name;
-        object["type"] = role;
-        object["disabled"] = item.disabled;
-        list.push_back(object);
+        list.push_back(itemToJson(id, item, name));
         table.add({std::to_string(id), name.empty() ? std::to_string(item.interface) + " (absent)" : name,
-                   role, yesNo(item.disabled)});
+                   roleName(item.type), yesNo(item.disabled)});
     }
     context.print(list, table);
 }

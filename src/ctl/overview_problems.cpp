@@ -35,10 +35,6 @@ const char* innerKind(std::uint32_t address) {
     return nullptr;
 }
 
-std::string roleText(const ServedInterface& entry) {
-    return entry.role == Role::internal ? "internal" : "external";
-}
-
 /// Why clients that ask for the outer address learn one that nobody reaches from outside; empty when they do
 /// not.
 std::string innerAddressOf(const ServedInterface& entry) {
@@ -54,12 +50,12 @@ std::string innerAddressOf(const ServedInterface& entry) {
 std::string problemOf(const ServedInterface& entry) {
     const std::string item = std::to_string(entry.item);
     if (entry.name.empty())
-        return "the " + roleText(entry) + " interface of item " + item +
+        return "the " + roleName(entry.role) + " interface of item " + item +
                " is missing; if it is gone for good: tkctl upnp interface remove " + item;
     if (entry.isDisabled)
         return entry.name + " is not served; to serve it: tkctl upnp interface set " + item + " disabled=no";
-    if (!entry.isRunning) return entry.name + " (" + roleText(entry) + ") is down, or has no link";
-    if (entry.addresses.empty()) return entry.name + " (" + roleText(entry) + ") has no IPv4 address";
+    if (!entry.isRunning) return entry.name + " (" + roleName(entry.role) + ") is down, or has no link";
+    if (entry.addresses.empty()) return entry.name + " (" + roleName(entry.role) + ") has no IPv4 address";
     if (entry.role == Role::internal && entry.side.side == contract::Side::outside)
         return entry.name + " is internal, but outside: " + entry.side.why;
     return innerAddressOf(entry);

@@ -230,7 +230,7 @@ std::vector<std::string> notesOn(const SetupPlan& plan, const std::vector<setup:
 std::string rolesText(const setup::Proposal& proposal) {
     Table table({"INTERFACE", "ROLE", "BECAUSE"});
     for (const setup::Choice& choice : proposal.roles)
-        table.add({choice.interface, setup::roleName(choice.role), choice.why});
+        table.add({choice.interface, roleName(choice.role), choice.why});
     for (const setup::Choice& choice : proposal.leftOut) table.add({choice.interface, "", choice.why});
     return table.text();
 }
@@ -261,7 +261,7 @@ Json choicesToJson(const std::vector<setup::Choice>& choices) {
     for (const setup::Choice& choice : choices) {
         Json object;
         object["interface"] = choice.interface;
-        object["type"] = setup::roleName(choice.role);
+        object["type"] = roleName(choice.role);
         object["why"] = choice.why;
         list.push_back(object);
     }
@@ -277,7 +277,7 @@ Json changesToJson(const std::vector<setup::ItemChange>& changes) {
                            : change.kind == Kind::change ? "change"
                                                          : "remove";
         object["interface"] = change.interface;
-        object["type"] = setup::roleName(change.role);
+        object["type"] = roleName(change.role);
         list.push_back(object);
     }
     return list;

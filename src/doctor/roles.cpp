@@ -8,10 +8,6 @@ namespace {
 
 using contract::Role;
 
-const char* roleName(Role role) {
-    return role == Role::internal ? "internal" : "external";
-}
-
 const InterfaceFact* interfaceWith(const BusFacts& bus, std::uint32_t id) {
     for (const InterfaceFact& interface : bus.interfaces)
         if (interface.id == id) return &interface;
@@ -50,7 +46,7 @@ void judgeLack(const Facts& facts, Role role, Findings& findings) {
     findings.push_back({isInternal ? "no-internal-role" : "no-external-role",
                         Severity::error,
                         roleName(role),
-                        std::string("No interface has the role ") + roleName(role) + '.',
+                        "No interface has the role " + roleName(role) + '.',
                         isInternal ? "The gateway is announced and served on internal interfaces alone."
                                    : "Mappings lead from the address of an external interface to the LAN.",
                         {"tkctl upnp interface add " + candidate(facts, role) + ' ' + roleName(role)}});
@@ -71,7 +67,7 @@ void judgeMissing(const RoleFact& role, Findings& findings) {
         {"role-on-missing-interface",
          Severity::error,
          "item " + id,
-         std::string("The ") + roleName(role.role) + " item " + id + " names an interface that is not there.",
+         "The " + roleName(role.role) + " item " + id + " names an interface that is not there.",
          "It takes effect only when the interface comes back under its former name.",
          {"tkctl upnp interface remove " + id}});
 }

@@ -356,16 +356,4 @@ std::string describe(const ItemChange& change) {
     return {};
 }
 
-std::string roleName(Role role) {
-    switch (role) {
-        case Role::internal:
-            return "internal";
-        case Role::external:
-            return "external";
-        case Role::none:
-            break;
-    }
-    return "none";
-}
-
 }  // namespace setup

@@ -83,7 +83,4 @@ struct ItemChange {
 /// "add lan0 as internal".
 [[nodiscard]] std::string describe(const ItemChange& change);
 
-/// "internal" or "external".
-[[nodiscard]] std::string roleName(Role role);
-
 }  // namespace setup
