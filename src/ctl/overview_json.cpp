@@ -3,6 +3,7 @@
 #include "ctl/overview.h"
 
 #include "contract/programs.h"
+#include "ctl/gatewayjson.h"
 #include "ctl/text.h"
 #include "net/convert.h"
 
@@ -59,6 +60,10 @@ Json programToJson(const RunningProgram& program) {
     return object;
 }
 
+Json servedToJson(const ServedInterface& entry) {
+    return itemToJson(entry.item, {entry.interface, entry.role, entry.isDisabled}, entry.name);
+}
+
 template <typename List, typename Convert>
 Json listToJson(const List& list, Convert convert) {
     Json out = Json::array();
@@ -72,6 +77,8 @@ Json overviewToJson(const Overview& overview) {
     Json object;
     object["running"] = overview.routerFailure.empty();
     object["enabled"] = overview.settings ? Json(overview.settings->enabled) : Json();
+    object["settings"] = overview.settings ? settingsToJson(*overview.settings) : Json();
+    object["interfaces"] = listToJson(overview.served, servedToJson);
     object["discoverable"] = discoverableToJson(overview);
     object["external"] = externalToJson(overview);
     object["mappings"] = listToJson(overview.mappings, mappingToJson);

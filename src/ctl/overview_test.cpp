@@ -75,6 +75,9 @@ TEST_F(OverviewTest, TellsScriptsEverything) {
     EXPECT_EQ(
         lineOf(told),
         R"({"running":true,"enabled":true,)"
+        R"("settings":{"enabled":true,"allow-disable-external":false,"show-dummy-rule":false},)"
+        R"("interfaces":[{"id":4,"interface":1,"name":"lan0","type":"internal","disabled":false},)"
+        R"({"id":7,"interface":2,"name":"wan0","type":"external","disabled":false}],)"
         R"("discoverable":[{"interface":1,"name":"lan0","address":"192.0.2.1",)"
         R"("url":"http://192.0.2.1:2828/gateway.xml"}],)"
         R"("external":[{"interface":2,"name":"wan0","address":"198.51.100.1"}],)"
@@ -95,6 +98,7 @@ TEST_F(OverviewTest, ADaemonThatIsNotThereIsNotAsked) {
                                        "it: tkctl upnp set enabled=yes"});
     EXPECT_EQ(requestsTo(80), 0U) << "a request would start it";
     EXPECT_EQ(overviewToJson(read())["enabled"], Json());
+    EXPECT_EQ(overviewToJson(read())["settings"], Json());
 }
 
 TEST_F(OverviewTest, ARouterThatDoesNotTellOfProgramsIsAskedForTheDaemon) {

@@ -71,6 +71,7 @@ private:
     Lines sections() const;
     Lines headline() const;
     Lines problems() const;
+    Lines settings() const;
     Lines places() const;
     Lines mappings(std::size_t room) const;
     Table refusalTable(std::size_t rows) const;
@@ -137,6 +138,17 @@ Lines Layout::problems() const {
     Lines lines;
     for (const std::string& problem : problemsOf(overview))
         append(lines, paragraph("! ", problem, wrapping != Wrapping::nothing, Style::warning));
+    return lines;
+}
+
+/// The settings that are not as usual.
+Lines Layout::settings() const {
+    Lines lines;
+    if (!overview.settings) return lines;
+    if (!overview.settings->allowDisableExternal)
+        lines.push_back(line("Clients may not disconnect an external interface (allow-disable-external=no)"));
+    if (!overview.settings->showDummyRule)
+        lines.push_back(line("Clients see no dummy mapping before all others (show-dummy-rule=no)"));
     return lines;
 }
 
@@ -288,6 +300,7 @@ Lines Layout::sections() const {
     const bool isLimited = terminal.height > 0;
     Lines top = headline();
     append(top, problems());
+    append(top, settings());
     append(top, places());
     Lines bottom;
     for (Lines section : {refusals(), end()}) {

@@ -69,6 +69,16 @@ struct OverviewLayout : testing::Test {
     Terminal terminal;
 };
 
+TEST_F(OverviewLayout, TellsTheSettingsThatAreNotAsUsual) {
+    overview.settings = contract::Settings{true, false, false};
+    EXPECT_TRUE(
+        text().starts_with("UPnP is on.\n"
+                           "Clients may not disconnect an external interface (allow-disable-external=no)\n"
+                           "Clients see no dummy mapping before all others (show-dummy-rule=no)\n"
+                           "Discoverable on lan0 "))
+        << text();
+}
+
 TEST_F(OverviewLayout, FitsAnUsualHomeOnAnUsualTerminal) {
     size(80, 24);
     EXPECT_EQ(text(),
