@@ -5,6 +5,7 @@
 #include "contract/programs.h"
 #include "ctl/commandline.h"
 #include "ctl/context.h"
+#include "ctl/failure.h"
 #include "ctl/json.h"
 #include "tk/characters.h"
 #include "tk/names.h"
@@ -14,7 +15,12 @@ namespace ctl {
 namespace {
 
 void reload(Context& context) {
-    const tk::message reply = context.session().request(contract::path::hub(), tk::command::hubReload);
+    const tk::message reply = context.session().exchange(contract::path::hub(), tk::command::hubReload);
+    std::uint32_t code = 0;
+    std::string text;
+    if (tk::isError(reply, &code, &text) && code == tk::error::failed)
+        throw Failure("nothing has changed: " + text);
+    if (tk::isError(reply)) throw failureFrom(reply, contract::path::hub());
     Json sections = Json::array();
     std::string names;
     for (const tk::message& section : reply.get_message_array(tk::hubfield::sections)) {

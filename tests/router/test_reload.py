@@ -89,8 +89,9 @@ def refusal(lab):
     """What the command says when it must fail: one line."""
     refused = lab.tkctl("reload", check=False)
     assert refused.returncode == 1 and refused.stdout == ""
-    assert refused.stderr.startswith("tkctl: ") and refused.stderr.count("\n") == 1, refused.stderr
-    return refused.stderr[len("tkctl: "):-1]
+    beginning = "tkctl: nothing has changed: "
+    assert refused.stderr.startswith(beginning) and refused.stderr.count("\n") == 1, refused.stderr
+    return refused.stderr[len(beginning):-1]
 
 
 def nat_test(lab, port=81, target=LAN1):
