@@ -5,13 +5,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <memory>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "hub/testing/fakeprocesses.h"
+#include "hub/testing/awaitedprogram.h"
 #include "hub/testing/testhub.h"
 #include "tk/names.h"
 #include "tk/testing/folder.h"
@@ -20,14 +19,9 @@ namespace hub {
 namespace {
 
 using testing::codeOf;
-using testing::FakeProcesses;
-using testing::TestClient;
-
-constexpr std::uint32_t command = 77;
-constexpr std::uint32_t second = 100;  // ticks
 
 /// A program that is asked for by a trigger.
-class TriggerTest : public ::testing::Test {
+class TriggerTest : public testing::AwaitedProgram {
 protected:
     explicit TriggerTest(bool startsWithRouter = false)
         : activation({{80, {}, startsWithRouter, {}, {}, trigger}}, bus.hub, processes) {}
@@ -35,24 +29,6 @@ protected:
 
     /// True when the trigger was pulled since the last call.
     bool isPulled() const { return ::unlink(trigger.c_str()) == 0; }
-    /// Lets a client ask the program, and returns what has come back.
-    std::vector<tk::message> ask() {
-        client->request({80}, command);
-        bus.settle();
-        return client->take();
-    }
-    /// The program comes to the bus. Returns the requests that it finds there after the reply to its own.
-    std::vector<tk::message> come() {
-        program = bus.connect();
-        tk::message content;
-        content.insert_u32(1, 80);
-        program->request({0}, tk::command::hubRegister, content);
-        bus.settle();
-        std::vector<tk::message> arrived = program->take();
-        EXPECT_FALSE(arrived.empty());
-        if (!arrived.empty()) arrived.erase(arrived.begin());
-        return arrived;
-    }
     void leave() {
         program->close();
         bus.settle();
@@ -70,11 +46,7 @@ protected:
 
     const tk::testing::Folder folder;
     const std::string trigger = folder.file("upnpd");
-    FakeProcesses processes;
-    testing::TestHub bus;
     Activation activation;
-    std::unique_ptr<TestClient> client = bus.connect();
-    std::unique_ptr<TestClient> program;
 };
 
 TEST_F(TriggerTest, ARequestPullsItAndWaitsForTheProgram) {

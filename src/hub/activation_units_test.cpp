@@ -2,13 +2,12 @@
 
 #include "hub/activation.h"
 
-#include <memory>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "hub/testing/fakeprocesses.h"
+#include "hub/testing/awaitedprogram.h"
 #include "hub/testing/testhub.h"
 #include "tk/names.h"
 
@@ -16,49 +15,22 @@ namespace hub {
 namespace {
 
 using testing::codeOf;
-using testing::FakeProcesses;
-using testing::TestClient;
-
-constexpr std::uint32_t command = 77;
-constexpr std::uint32_t second = 100;  // ticks
 
 constexpr int good = 0;
 constexpr int status5 = 5 << 8;
 
 /// A program that is a unit, asked for over the bus.
-class UnitActivationTest : public ::testing::Test {
+class UnitActivationTest : public testing::AwaitedProgram {
 protected:
     ~UnitActivationTest() override { bus.hub.close(); }
 
-    /// Lets a client ask the program, and returns what has come back.
-    std::vector<tk::message> ask() {
-        client->request({80}, command);
-        bus.settle();
-        return client->take();
-    }
-    /// The program comes to the bus. Returns the requests that it finds there after the reply to its own.
-    std::vector<tk::message> come() {
-        program = bus.connect();
-        tk::message content;
-        content.insert_u32(1, 80);
-        program->request({0}, tk::command::hubRegister, content);
-        bus.settle();
-        std::vector<tk::message> arrived = program->take();
-        EXPECT_FALSE(arrived.empty());
-        if (!arrived.empty()) arrived.erase(arrived.begin());
-        return arrived;
-    }
     void endCommand(int status) {
         processes.end(status);
         bus.settle();
     }
     std::vector<std::string> times(std::size_t count) const { return {count, "upnpd.service"}; }
 
-    FakeProcesses processes;
-    testing::TestHub bus;
     Activation activation{{{80, {}, false, {}, "upnpd.service"}}, bus.hub, processes};
-    std::unique_ptr<TestClient> client = bus.connect();
-    std::unique_ptr<TestClient> program;
 };
 
 TEST_F(UnitActivationTest, TheGoodEndOfTheCommandIsNotTheProgramsEnd) {
