@@ -2,26 +2,13 @@
 
 #include "doctor/nftables.h"
 
-#include <netinet/in.h>
-
 #include <gtest/gtest.h>
 
+#include "doctor/testing/fates.h"
 #include "doctor/walk.h"
 
 namespace doctor {
 namespace {
-
-MappedFlow webFlow() {
-    MappedFlow made;
-    made.external = "wan0";
-    made.internal = "lan0";
-    made.externalAddress = 0xC6336401;  // 198.51.100.1
-    made.externalPort = 80;
-    made.protocol = IPPROTO_TCP;
-    made.client = 0xC0000202;  // 192.0.2.2
-    made.clientPort = 8080;
-    return made;
-}
 
 /// A table with a chain at forward whose only rule ends in drop.
 std::string tableWith(const std::string& expressions, const std::string& policy = "accept") {
@@ -50,13 +37,6 @@ Outcome outcomeOf(const std::string& json, const Packet& packet, bool setsAreKno
     EXPECT_TRUE(table.isOk()) << table.reason();
     if (!table.isOk()) return {};
     return walk(*table, "forward", packet, !table->setsMarks);
-}
-
-enum class Fate { passes, drops, doubtful };
-
-Fate fateOf(const Outcome& outcome) {
-    if (!outcome.drop) return Fate::passes;
-    return outcome.mayPass ? Fate::doubtful : Fate::drops;
 }
 
 struct Case {
