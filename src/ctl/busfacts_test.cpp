@@ -12,13 +12,9 @@
 namespace ctl {
 namespace {
 
-const tk::Path interfaces{20, 0}, rules{20, 5}, gateway{80, 0};
+using tk::testing::listOf;
 
-tk::message listOf(const std::vector<tk::message>& records) {
-    tk::message reply;
-    reply.insert_message_array(tk::field::objects, records);
-    return reply;
-}
+const tk::Path interfaces{20, 0}, rules{20, 5}, gateway{80, 0};
 
 struct BusFactsTest : testing::Test {
     BusFactsTest() {

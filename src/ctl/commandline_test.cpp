@@ -18,11 +18,7 @@
 namespace ctl {
 namespace {
 
-tk::message listOf(const std::vector<tk::message>& records) {
-    tk::message reply;
-    reply.insert_message_array(tk::field::objects, records);
-    return reply;
-}
+using tk::testing::listOf;
 
 struct CommandLineTest : testing::Test {
     CommandLineTest() {

@@ -18,12 +18,7 @@ namespace {
 
 using contract::MappingRecord;
 using contract::MappingRefusal;
-
-tk::message listOf(const std::vector<tk::message>& records) {
-    tk::message reply;
-    reply.insert_message_array(tk::field::objects, records);
-    return reply;
-}
+using tk::testing::listOf;
 
 struct MappingsTest : testing::Test {
     MappingsTest() {

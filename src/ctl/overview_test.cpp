@@ -16,11 +16,7 @@
 namespace ctl {
 namespace {
 
-tk::message listOf(const std::vector<tk::message>& records) {
-    tk::message reply;
-    reply.insert_message_array(tk::field::objects, records);
-    return reply;
-}
+using tk::testing::listOf;
 
 /// A router with a LAN and a WAN, and one mapping.
 struct OverviewTest : testing::Test {

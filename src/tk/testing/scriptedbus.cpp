@@ -2,6 +2,12 @@
 
 namespace tk::testing {
 
+message listOf(const std::vector<message>& records) {
+    message reply;
+    reply.insert_message_array(field::objects, records);
+    return reply;
+}
+
 void ScriptedBus::answer(Path path, std::uint32_t command, Answer answer) {
     Key key(std::move(path), command);
     silent.erase(key);

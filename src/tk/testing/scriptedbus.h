@@ -12,6 +12,9 @@
 
 namespace tk::testing {
 
+/// The reply to a request for all objects, as one page.
+message listOf(const std::vector<message>& records);
+
 /// A bus in memory: records every request field by field, and answers as told.
 class ScriptedBus final : public Bus {
 public:
