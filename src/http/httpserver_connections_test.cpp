@@ -1,0 +1,208 @@
+// Connections: how they come, how long and how many they may be, and how they end.
+
+#include "http/httpserver.h"
+
+#include <netinet/in.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "http/testing/serverfixture.h"
+
+namespace gateway {
+
+namespace {
+
+TEST_F(Server, LogsAResponseThatDoesNotGoOutWholeAndClosesAllTheSame) {
+    host.description = std::string(100000000, 'x');
+    Client client(port);
+    client.send("GET /gateway.xml HTTP/1.1\r\n\r\n");
+    loop.settle();
+    EXPECT_EQ(log(), "write error\n");
+    EXPECT_FALSE(server.hasConnections(host.device));
+}
+
+TEST_F(Server, NeverAnswersARequestOfMoreThan128KiB) {
+    const auto post = [](std::size_t bodyLength) {
+        return "POST /upnp/control/osinfo HTTP/1.1\r\nHOST: 192.0.2.1\r\nCONTENT-LENGTH: " +
+               std::to_string(bodyLength) + "\r\n\r\n" + std::string(bodyLength, 'x');
+    };
+    for (const std::size_t bodyLength : {std::size_t{120} * 1024, std::size_t{140} * 1024}) {
+        Client client(port);
+        const std::string request = post(bodyLength);
+        for (std::size_t sent = 0; sent < request.size(); sent += 4096) {
+            client.send(request.substr(sent, 4096));
+            loop.settle(2);
+        }
+        EXPECT_EQ(client.received(), bodyLength < 128 * 1024 ? "HTTP/1.1 200 OK\r\n\r\n" : "");
+        client.close();
+        loop.settle();
+    }
+}
+
+TEST_F(Server, AnswersARequestThatComesByteByByteWithItsLastByte) {
+    const std::string request =
+        "POST /upnp/control/osinfo HTTP/1.1\r\nHOST: 192.0.2.1\r\ncontent-length: 3\r\n\r\nabc";
+    Client client(port);
+    for (const char byte : request) {
+        EXPECT_EQ(service.called, "");
+        client.send(std::string(1, byte));
+        loop.settle(3);
+    }
+    EXPECT_EQ(client.received(), "HTTP/1.1 200 OK\r\n\r\n");
+    EXPECT_EQ(service.body, "abc");
+}
+
+TEST_F(Server, EndsAnUnfinishedRequestAfter10SecondsFromAcceptWithoutAnAnswer) {
+    Client client(port);
+    client.send("GET / HT");
+    loop.settle();
+    loop.advance(500);
+    client.send("TP/1.1\r\n");  // data does not restart the time limit
+    loop.settle();
+    loop.advance(499);
+    EXPECT_FALSE(client.isClosed());
+    loop.advance(1);
+    EXPECT_TRUE(client.isClosed());
+    EXPECT_EQ(client.received(), "");
+    EXPECT_EQ(log(), "http request timeout\n");
+    EXPECT_FALSE(server.hasConnections(host.device));
+}
+
+TEST_F(Server, KeepsAHopelessRequestUntilItsTimeIsUp) {
+    for (const char* request :
+         {"GET / HTTP/1.1\r\nno colon\r\n\r\n", "GET / HTTP/1.1\r\nContent-Length: 1\r\n\r\nab"}) {
+        Client client(port);
+        client.send(request);
+        loop.settle();
+        client.send(std::string(200000, 'x'));
+        loop.settle(200);
+        EXPECT_FALSE(client.isClosed());
+        EXPECT_TRUE(server.hasConnections(host.device));
+        loop.advance(1000);
+        EXPECT_EQ(client.received(), "");
+    }
+    EXPECT_EQ(log(), "http request timeout\nhttp request timeout\n");
+}
+
+TEST_F(Server, EndsAConnectionThatItsClientClosesSilently) {
+    Client client(port);
+    client.send("GET /");
+    loop.settle();
+    EXPECT_TRUE(server.hasConnections(host.device));
+    client.close();
+    loop.settle();
+    EXPECT_FALSE(server.hasConnections(host.device));
+    EXPECT_EQ(loop.looper.runner().timerCount(), 0u);
+    EXPECT_EQ(loop.looper.runner().socketCount(), 1u);  // the listener
+    EXPECT_EQ(log(), "");
+}
+
+TEST_F(Server, ServesOthersWhileOneClientStalls) {
+    Client stalled(port);
+    stalled.send("POST /upnp");
+    loop.settle();
+    EXPECT_EQ(exchange("GET /unknown HTTP/1.1\r\n\r\n"), "HTTP/1.1 404 Not Found\r\n\r\n");
+}
+
+TEST_F(Server, DropsTheConnectionsOfADeviceSilently) {
+    Client client(port);
+    client.send("GET /");
+    loop.settle();
+    server.dropConnections(host.device);
+    EXPECT_TRUE(client.isClosed());
+    EXPECT_FALSE(server.hasConnections(host.device));
+    EXPECT_EQ(log(), "");
+}
+
+TEST_F(Server, TakesNoMoreThan128ConnectionsOfOneAddress) {
+    std::vector<std::unique_ptr<Client>> clients;
+    for (int i = 0; i < 129; ++i) {
+        clients.push_back(std::make_unique<Client>(port));
+        loop.settle(2);
+    }
+    loop.settle();
+    EXPECT_FALSE(clients[127]->isClosed());
+    EXPECT_TRUE(clients[128]->isClosed());
+    clients[0]->send("GET /unknown HTTP/1.1\r\n\r\n");
+    loop.settle();
+    EXPECT_EQ(clients[0]->received(), "HTTP/1.1 404 Not Found\r\n\r\n");
+    EXPECT_EQ(exchange("GET /unknown HTTP/1.1\r\n\r\n"), "HTTP/1.1 404 Not Found\r\n\r\n");
+}
+
+TEST_F(Server, AFullTableDropsTheOldestOfTheAddressThatHoldsMost) {
+    const rlimit enough{4096, 4096};
+    if (::setrlimit(RLIMIT_NOFILE, &enough) != 0) GTEST_SKIP() << "needs 4096 descriptors";
+    std::vector<std::unique_ptr<Client>> clients;
+    const int counts[] = {127, 128, 127, 127};  // 509 in all, from 127.0.0.1 up
+    for (std::uint32_t host = 0; host < 4; ++host)
+        for (int i = 0; i < counts[host]; ++i) {
+            clients.push_back(std::make_unique<Client>(port, INADDR_LOOPBACK + host));
+            loop.settle(1);
+        }
+    const std::size_t oldestOfTheBusiest = 127;
+    std::vector<std::unique_ptr<Client>> others;
+    for (std::uint32_t host = 10; host < 14; ++host) {
+        others.push_back(std::make_unique<Client>(port, INADDR_LOOPBACK + host));
+        loop.settle(2);
+    }
+    EXPECT_TRUE(clients[oldestOfTheBusiest]->isClosed());
+    EXPECT_FALSE(clients[oldestOfTheBusiest + 1]->isClosed());
+    EXPECT_FALSE(clients[0]->isClosed());
+    others.back()->send("GET /unknown HTTP/1.1\r\n\r\n");
+    loop.settle();
+    EXPECT_EQ(others.back()->received(), "HTTP/1.1 404 Not Found\r\n\r\n");
+    EXPECT_EQ(log(), "");
+}
+
+TEST_F(Server, ClosesAConnectionForWhichNoDescriptorIsLeftInsteadOfSpinning) {
+    Client client(port);
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    const auto lowestFree = static_cast<rlim_t>(tk::Fd(::dup(STDERR_FILENO)).get());
+    const rlimit none{lowestFree, before.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    loop.settle();
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_TRUE(client.isClosed());
+    EXPECT_EQ(log(), "accept failed\n");
+}
+
+TEST_F(Server, LogsAnAcceptThatFailsAndServesTheNextClient) {
+    server.accept(listener.get(), tk::readable);  // no client is waiting
+    EXPECT_EQ(exchange("GET /unknown HTTP/1.1\r\n\r\n"), "HTTP/1.1 404 Not Found\r\n\r\n");
+    EXPECT_EQ(log(), "accept failed\n");
+}
+
+using ServerDeathTest = Server;
+
+TEST_F(ServerDeathTest, EndsTheProcessWhenNoInterfaceOwnsTheListener) {
+    testing::GTEST_FLAG(death_test_style) = "threadsafe";
+    EXPECT_EXIT(
+        {
+            Client client(port);
+            host.listener = -1;
+            ::dup2(STDERR_FILENO, STDOUT_FILENO);
+            server.accept(listener.get(), tk::readable);
+        },
+        testing::ExitedWithCode(1), "oo jeaaa");
+}
+
+TEST_F(ServerDeathTest, EndsTheProcessWhenAReadySocketHasNoConnection) {
+    testing::GTEST_FLAG(death_test_style) = "threadsafe";
+    EXPECT_EXIT(
+        {
+            ::dup2(STDERR_FILENO, STDOUT_FILENO);
+            server.connRead(listener.get(), tk::readable);
+        },
+        testing::ExitedWithCode(1), "fatal error: could not find http conn");
+}
+
+}  // namespace
+
+}  // namespace gateway
