@@ -2,7 +2,10 @@
 import pytest
 
 import labs
+from subscribers import Subscriber
 from worlds import World
+
+pytest.register_assert_rewrite("subscriptions")  # so that its assertions tell what they compared
 
 
 @pytest.fixture(scope="module")
@@ -17,3 +20,17 @@ def world(scripted_lab):
     world = World(scripted_lab)
     yield world
     world.close()
+
+
+@pytest.fixture
+def subscriber(scripted_lab):
+    subscriber = Subscriber(scripted_lab.lan1)
+    yield subscriber
+    subscriber.close()
+
+
+@pytest.fixture
+def other(scripted_lab):
+    subscriber = Subscriber(scripted_lab.lan2)
+    yield subscriber
+    subscriber.close()
