@@ -1,9 +1,10 @@
 """What keeps hosts in the LAN from finding the gateway."""
+import concurrent.futures as futures
+import contextlib
 import os
 import socket
-import threading
 
-from labs import LAN2
+from labs import LAN1, LAN2, ROUTER_LAN, WAN
 
 
 def test_ports_that_another_program_holds(clinic):
@@ -20,25 +21,42 @@ def test_ports_that_another_program_holds(clinic):
     clinic.mend(found["port-taken"][0])
 
 
-def test_another_gateway_in_the_lan_is_named(clinic):
+@contextlib.contextmanager
+def group_member(host, address):
+    """A socket that hears what is sent to the group of discovery."""
+    with host.socket(socket.SOCK_DGRAM) as made:
+        made.bind(("", 1900))
+        made.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP,
+                        socket.inet_aton("239.255.255.250") + socket.inet_aton(address))
+        yield made
+
+
+def searches(member):
+    """What has arrived of searches, and who sent them."""
+    member.setblocking(False)
+    arrived = []
+    with contextlib.suppress(BlockingIOError):
+        while True:
+            arrived.append(member.recvfrom(2000))
+    return [peer[0] for text, peer in arrived if text.startswith(b"M-SEARCH * HTTP/1.1\r\n")]
+
+
+def test_another_gateway_in_the_lan_is_named_and_asked_once(clinic):
     answer = ("HTTP/1.1 200 OK\r\nST: urn:schemas-upnp-org:device:InternetGatewayDevice:1\r\n"
               "SERVER: Box\x1b[2J/1.0\r\nLOCATION: http://192.0.2.3:80/\r\n\r\n").encode()
-    with clinic.lab.lan2.socket(socket.SOCK_DGRAM) as other:
-        other.bind(("", 1900))
-        other.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP,
-                         socket.inet_aton("239.255.255.250") + socket.inet_aton(LAN2))
-        heard = []
-
+    with (group_member(clinic.lab.lan2, LAN2) as other, group_member(clinic.lab.lan1, LAN1) as witness,
+          group_member(clinic.lab.wan, WAN) as outside, futures.ThreadPoolExecutor(1) as pool):
         def serve():
-            text, peer = other.recvfrom(2000)
-            heard.append(text)
+            text = b""
+            while not text.startswith(b"M-SEARCH"):
+                text, peer = other.recvfrom(2000)
             other.sendto(answer, peer)
-
-        thread = threading.Thread(target=serve)
-        thread.start()
+        served = pool.submit(serve)
         finding, = clinic.examine("--json")["other-gateway"]
-        thread.join()
-    assert heard[0].startswith(b"M-SEARCH * HTTP/1.1\r\n")
+        served.result()
+        assert (searches(witness), searches(other), searches(outside)) == ([ROUTER_LAN], [], [])
+        clinic.examine("--no-search")
+        assert (searches(witness), searches(outside)) == ([], [])
     assert finding["subject"] == "lan0"
     assert f'{LAN2}, "Box\\x1b[2J/1.0"' in finding["what"]
 
