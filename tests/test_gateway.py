@@ -1,12 +1,17 @@
 """The command that shows the system at work, on the interfaces of the machine it runs on: here a lab's router."""
 import os
 import pathlib
+import re
+import select
 import shutil
 import signal
 import subprocess
+import textwrap
+import time
 
 import pytest
 
+import documents
 import labs
 from control_point import call, mapping, result
 
@@ -132,13 +137,173 @@ def test_it_does_not_serve_the_interface_that_leads_to_the_internet(bare_lab, on
         "gateway: wan0 carries the default route, so it is no LAN; are --lan and --wan swapped?"]
 
 
-def test_the_tour_sees_every_step():
+@pytest.fixture(scope="module")
+def tour():
+    """What the tour prints where it is no terminal."""
+    began = time.monotonic()
     done = subprocess.run([GATEWAY, "--once"], env=ENVIRONMENT, capture_output=True, text=True, timeout=120)
     assert (done.returncode, done.stderr) == (0, ""), done.stdout + done.stderr
-    steps = [line for line in done.stdout.splitlines() if line.startswith("  ") and not line.startswith("      ")]
+    assert time.monotonic() - began < 60
+    return done.stdout
+
+
+def test_the_tour_sees_every_step(tour):
+    steps = [line for line in tour.splitlines() if line.startswith("  ") and not line.startswith("      ")]
     assert len(steps) == 13
-    assert all(line.startswith("  ✓ ") for line in steps), done.stdout
+    assert all(line.startswith("  ✓ ") for line in steps), tour
     for shown in ["wan$ lab/greeting hear 198.51.100.1 80\n      hello 198.51.100.2, this is the LAN",
                   "external 198.51.100.1:80 TCP is redirected to internal 192.0.2.2:8080"]:
-        assert shown in done.stdout
-    assert "\x1b" not in done.stdout
+        assert shown in tour
+    assert "\x1b" not in tour
+
+
+def test_the_tour_is_as_the_document_shows_it(tour):
+    block, = (block for block in documents.blocks_of((labs.ROOT / "README.md").read_text()) if "✓" in block.lines[0])
+    printed = textwrap.dedent("\n".join(tour.splitlines()[1:])).splitlines()
+    assert documents.matches(["...", *block.lines], printed), tour
+
+
+# --- how it builds, with stand-ins for what builds and for the lab ---
+
+CMAKE = """#!/bin/bash
+echo "cmake $*" >>commands
+[[ $1 == --build ]] || { echo "-- Configuring done"; exit; }
+for step in {1..45}; do echo "[$step/45] Building CXX object $step.o"; done
+[[ ! -e broken ]] || { echo "x.cpp:1:1: error: there is no x"; exit 1; }
+"""
+NEEDS = """#!/bin/bash
+echo "lab/needs $*" >>commands
+[[ ! -e offline ]] || { echo "there is no network" >&2; exit 1; }
+"""
+TOUR = """
+lab_tour() {
+    echo "The tour"
+    step "what is seen" echo shown
+    [[ ! -e dark ]] || step "what is not seen" false
+}
+"""
+CONFIGURED = "cmake --preset release"
+BUILT = "cmake --build --preset release --target routerd upnpd resolverd tkctl"
+SEEN = "The tour\n  ✓ what is seen\n      shown\n"
+
+
+class Copy:
+    """A copy of the command in a tree of its own, whose tour has one step, or two when it is dark."""
+
+    def __init__(self, root):
+        self.root = root
+        (root / "lab").mkdir()
+        (root / "tools").mkdir()
+        shutil.copy(GATEWAY, root)
+        (root / "lab" / "tour.bash").write_text((labs.ROOT / "lab" / "tour.bash").read_text() + TOUR)
+        for path, text in (("lab/lab", "#!/bin/sh\n"), ("lab/needs", NEEDS), ("tools/cmake", CMAKE)):
+            (root / path).write_text(text)
+            (root / path).chmod(0o755)
+        kept = {key: value for key, value in os.environ.items() if key not in ("GATEWAY_BIN", "NO_COLOR")}
+        path = f"{root / 'tools'}:{os.environ['PATH']}"
+        self.environment = kept | {"PATH": path, "LC_ALL": "C.UTF-8", "TERM": "xterm"}
+
+    def put(self, name):
+        (self.root / name).touch()
+
+    def commands(self):
+        """What it ran, in order."""
+        path = self.root / "commands"
+        return path.read_text().splitlines() if path.exists() else []
+
+    def run(self, *words, **variables):
+        """Its status, standard output and standard error; the seconds that the build has taken are N."""
+        done = subprocess.run([self.root / "gateway", *words], env=self.environment | variables, capture_output=True,
+                              text=True, timeout=labs.PATIENCE, stdin=subprocess.DEVNULL)
+        return done.returncode, plain(done.stdout), done.stderr
+
+    def run_on_terminal(self, *words, **variables):
+        """Its status, and everything that it writes to the terminal."""
+        ours, theirs = os.openpty()
+        with open(ours, "rb", buffering=0) as screen:
+            with open(theirs, "wb") as terminal:
+                process = subprocess.Popen([self.root / "gateway", *words], env=self.environment | variables,
+                                           stdin=subprocess.DEVNULL, stdout=terminal, stderr=terminal)
+            try:
+                shown = b"".join(iter(lambda: read(screen), b""))
+                return process.wait(labs.PATIENCE), plain(shown.decode()).replace("\r\n", "\n")
+            finally:
+                process.kill()
+
+
+def read(screen):
+    """What comes next from a terminal; nothing when no process has it open any more."""
+    assert select.select([screen], [], [], labs.PATIENCE)[0], "the terminal stays silent"
+    try:
+        return screen.read(4096)
+    except OSError:
+        return b""
+
+
+def plain(text):
+    return re.sub(r"steps, \d+ s", "steps, N s", text)
+
+
+@pytest.fixture
+def copy(tmp_path):
+    return Copy(tmp_path)
+
+
+def test_the_build_tells_each_tenth_on_a_line_of_its_own_where_it_is_no_terminal(copy):
+    tenths = "".join(f"  {done} of 45 steps, N s\n" for done in (1, 5, 9, 14, 18, 23, 27, 32, 36, 41, 45))
+    assert copy.run("--once") == (0, "Building the four programs\n" + tenths + SEEN, "")
+    assert copy.commands() == ["lab/needs build lab", CONFIGURED, BUILT]
+
+
+def test_the_build_tells_each_step_on_the_same_line_of_a_terminal(copy):
+    steps = "".join(f"\r\x1b[K  {done} of 45 steps, N s" for done in range(1, 46))
+    status, shown = copy.run_on_terminal("--once")
+    assert (status, shown.partition("The tour")[0]) == (0, f"Building the four programs\n{steps}\r\x1b[K")
+
+
+@pytest.mark.parametrize("run", (Copy.run, Copy.run_on_terminal), ids=("plain", "terminal"))
+def test_a_build_that_fails_shows_the_end_of_what_it_said(copy, run):
+    copy.put("broken")
+    status, *shown = run(copy, "--once")
+    steps = "".join(f"[{step}/45] Building CXX object {step}.o\n" for step in range(7, 46))
+    told = f"{steps}x.cpp:1:1: error: there is no x\ngateway: the build failed; its last lines stand above\n"
+    before = re.escape("\r\x1b[K") if run is Copy.run_on_terminal else "^"
+    assert status == 1 and re.search(before + re.escape(told) + "$", shown[-1]), shown[-1]
+    assert "The tour" not in shown[0]
+
+
+def test_without_the_packages_that_it_needs_nothing_is_built(copy):
+    copy.put("offline")
+    assert copy.run("--once") == (1, "", "there is no network\n")
+    assert copy.commands() == ["lab/needs build lab"]
+
+
+def test_on_the_machine_itself_the_packages_of_the_lab_are_not_needed(copy):
+    status, _, told = copy.run("--lan", "nosuch0", "--wan", "nosuch1")
+    assert (status, told) == (1, "gateway: no interface nosuch0 on this machine\n")
+    assert copy.commands() == ["lab/needs build", CONFIGURED, BUILT]
+
+
+def test_programs_that_are_there_already_are_not_built(copy):
+    assert copy.run("--once", GATEWAY_BIN="/programs") == (0, SEEN, "")
+    assert copy.commands() == []
+
+
+@pytest.mark.parametrize("variables, shown", [
+    ({}, "  . what is seen\r\x1b[K  \x1b[32m✓\x1b[0m what is seen\n      \x1b[2mshown\x1b[0m\n"
+         "  . what is not seen\r\x1b[K  \x1b[31m✗\x1b[0m what is not seen\n"),
+    ({"NO_COLOR": "1"}, "  . what is seen\r\x1b[K  ✓ what is seen\n      shown\n"
+                        "  . what is not seen\r\x1b[K  ✗ what is not seen\n"),
+    ({"TERM": "dumb"}, "  ✓ what is seen\n      shown\n  ✗ what is not seen\n"),
+    ({"LC_ALL": "C", "TERM": "dumb"}, "  ok what is seen\n      shown\n  FAILED what is not seen\n"),
+], ids=["colour", "NO_COLOR", "dumb", "ASCII"])
+def test_a_step_is_shown_as_the_terminal_can(copy, variables, shown):
+    copy.put("dark")
+    assert copy.run_on_terminal("--once", GATEWAY_BIN="/programs", **variables) == (
+        1, f"The tour\n{shown}gateway: 1 of the steps were not seen\n")
+
+
+def test_a_tour_that_misses_a_step_fails(copy):
+    copy.put("dark")
+    assert copy.run("--once", GATEWAY_BIN="/programs") == (
+        1, f"{SEEN}  ✗ what is not seen\n", "gateway: 1 of the steps were not seen\n")
