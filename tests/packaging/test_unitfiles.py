@@ -30,6 +30,34 @@ def test_the_tests_know_every_line_of_a_unit(name):
     assert Unit(UNITS / name).unknown() == set()
 
 
+# What systemd alone heeds, and no program here would miss.
+BOUNDED = {"Restart": "on-failure", "RestartSec": "1", "LogRateLimitIntervalSec": "30s", "LogRateLimitBurst": "1000",
+           "DevicePolicy": "closed", "RemoveIPC": "yes"}
+OF_THE_ROUTER = {"Requires": "routerd.service", "PartOf": "routerd.service", "After": "routerd.service",
+                 "StartLimitIntervalSec": "0", "TimeoutStopSec": "10"}
+ITS_TRIGGER = {"PartOf": "routerd.service", "Before": "routerd.service", "WantedBy": "routerd.service"}
+HEEDED_BY_SYSTEMD = {
+    "routerd.service": BOUNDED | {
+        "After": "network-pre.target nss-user-lookup.target", "NotifyAccess": "main", "TimeoutStopSec": "15",
+        "RuntimeDirectoryPreserve": "restart", "IPAddressDeny": "any", "MemoryMax": "256M", "TasksMax": "64",
+        "WantedBy": "multi-user.target", "Also": "upnpd.path resolverd.path"},
+    "upnpd.service": BOUNDED | OF_THE_ROUTER | {"MemoryMax": "256M", "TasksMax": "4"},
+    "resolverd.service": BOUNDED | OF_THE_ROUTER | {"MemoryMax": "128M", "TasksMax": "4"},
+    "upnpd.path": ITS_TRIGGER,
+    "resolverd.path": ITS_TRIGGER,
+}
+
+
+@pytest.mark.parametrize("name", FILES)
+def test_a_unit_says_when_it_starts_and_ends_and_how_much_it_may_take(name):
+    assert Unit(UNITS / name).untried() == HEEDED_BY_SYSTEMD[name]
+
+
+def test_the_router_tells_when_it_is_ready_and_is_watched():
+    unit = Unit(UNITS / "routerd.service")
+    assert (unit.get("Type"), unit.get("WatchdogSec")) == ("notify", "30")
+
+
 def test_who_enables_the_router_enables_what_starts_the_others(tmp_path):
     shutil.copytree(UNITS, tmp_path / "usr" / "lib" / "systemd" / "system")
     subprocess.run(["systemctl", f"--root={tmp_path}", "enable", "routerd.service"], check=True, timeout=PATIENCE)

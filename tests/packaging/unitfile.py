@@ -5,8 +5,11 @@ import re
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 UNITS = ROOT / "packaging" / "systemd"
 
+# Lines for the reader.
+TEXTS = {"Description", "Documentation"}
+
 # Lines that say how systemd treats the unit, not what the program meets.
-ABOUT = {"Description", "Documentation", "Requires", "PartOf", "After", "Before", "WantedBy", "Also",
+ABOUT = {"Requires", "PartOf", "After", "Before", "WantedBy", "Also",
          "StartLimitIntervalSec", "Restart", "RestartSec", "TimeoutStopSec", "NotifyAccess",
          "RuntimeDirectoryPreserve"}
 
@@ -56,6 +59,10 @@ class Unit:
     def says(self, key, value="yes"):
         return self.get(key) == value
 
+    def untried(self):
+        """What the lines say that need systemd itself."""
+        return {key: self.get(key) for key in self.values if key in ABOUT or key in UNTRIED}
+
     def unknown(self):
         """The lines that no test here would notice."""
-        return set(self.values) - ABOUT - TRIED - set(UNTRIED)
+        return set(self.values) - TEXTS - ABOUT - TRIED - set(UNTRIED)
