@@ -3,17 +3,19 @@ import json
 import pathlib
 import subprocess
 import threading
+import time
 
 import pytest
 
 import nameserver
 from control_point import GROUP, call, mapping, result, search
-from labs import LAN1, PATIENCE, ROUTER_WAN, WAN, eventually
+from labs import LAN1, PATIENCE, ROUTER_LAN, ROUTER_WAN, WAN, eventually
 from subscribers import Subscriber, sid_of, subscribe
 
 SERVICES = ("routerd.service", "upnpd.service", "resolverd.service")
 NET_ADMIN = "0000000000001000"
 NOTHING = "0" * 16
+IDLE_SECONDS = 10  # how long upnpd stays when it is switched off
 
 
 # The work is that of another unit, which waits for the file.
@@ -69,10 +71,11 @@ def hear(host, address, port):
         return connection.recv(64)
 
 
-def greet(listener):
-    connection, peer = listener.accept()
-    with connection:
-        connection.sendall(b"hello " + peer[0].encode())
+def greet(listener, guests):
+    for _ in range(guests):
+        connection, peer = listener.accept()
+        with connection:
+            connection.sendall(b"hello " + peer[0].encode())
 
 
 def test_a_host_discovers_the_gateway_and_maps_a_port_that_carries_packets(running):
@@ -80,10 +83,12 @@ def test_a_host_discovers_the_gateway_and_maps_a_port_that_carries_packets(runni
     assert discover(lab.lan1).startswith("HTTP/1.1 200 OK\r\n")
     assert call(lab.lan1, path, "AddPortMapping", mapping()) == result("AddPortMapping")
     with lab.lan1.listen(8080) as listener:
-        greeting = threading.Thread(target=greet, args=[listener])
+        greeting = threading.Thread(target=greet, args=[listener, 2])
         greeting.start()
         assert hear(lab.wan, ROUTER_WAN, 80) == b"hello " + WAN.encode()
+        assert hear(lab.lan2, ROUTER_WAN, 80) == b"hello " + ROUTER_LAN.encode()  # from the router, for the way back
         greeting.join()
+    assert [used["packets"] > 0 for used in running.query("upnp", "mappings")] == [True]
     assert call(lab.lan1, path, "DeletePortMapping", mapping()[:3]) == result("DeletePortMapping")
     assert running.query("nat", "list") == []
     with pytest.raises(OSError):
@@ -108,6 +113,20 @@ def test_the_daemon_comes_back_when_it_is_asked_for(running):
     assert running.manager.end("upnpd.service") == 0
     assert running.query("upnp", "get")["enabled"]
     assert running.manager.runs("upnpd.service")
+
+
+def test_the_daemon_leaves_when_it_is_switched_off_and_comes_back_when_switched_on(running):
+    daemon = running.manager.running["upnpd.service"]
+    began = time.monotonic()
+    running.tkctl("upnp", "set", "enabled=no")
+    assert daemon.wait(IDLE_SECONDS + PATIENCE) == 0
+    assert time.monotonic() - began > IDLE_SECONDS - 0.5
+    assert not running.manager.runs("upnpd.service")  # it left in peace, and nobody has asked for it
+    mark = len(running.manager.log("upnpd.service"))
+    running.tkctl("upnp", "set", "enabled=yes")
+    assert running.manager.runs("upnpd.service")
+    eventually(lambda: "start int: lan0" in running.manager.log("upnpd.service")[mark:], "the gateway serves lan0")
+    assert discover(running.lab.lan1).startswith("HTTP/1.1 200 OK\r\n")
 
 
 def test_a_command_of_the_administrator_can_hand_its_work_to_another_unit(running):
@@ -138,8 +157,11 @@ def test_the_router_shows_that_it_is_alive(running):
     eventually(lambda: running.manager.signs.count("WATCHDOG=1") > seen + 1, "signs of life")
 
 
-@pytest.mark.parametrize("name", ("routerd.service", "upnpd.service"))
-def test_a_program_is_its_own_user_with_no_right_but_its_own(running, name):
+@pytest.mark.parametrize("name, path", (
+    ("routerd.service", "20,0"), ("upnpd.service", "80"), ("resolverd.service", "14")))
+def test_a_program_is_its_own_user_with_no_right_but_its_own(running, name, path):
+    asked = running.lab.router.run("/usr/sbin/tkctl", "bus", "call", path, "0x7777", check=False)
+    assert asked.stderr == "tkctl: no such command\n"  # and the program runs, if it did not
     user, group = (ids(running, file)[name.removesuffix(".service")] for file in ("passwd", "group"))
     told = status(running, name)
     assert (told["Uid"], told["Gid"], told["Groups"]) == ([user] * 4, [group] * 4, [ids(running, "group")["tk"]])
