@@ -1,12 +1,11 @@
 # The tour of the demonstration, step by step; ./gateway reads this file. It uses router, host, eventually, start_gateway,
-# last_words, and the variables name, bin, scratch and programs from there.
+# last_words, and the variables name, bin, scratch, programs and overwrite from there.
 # shellcheck shell=bash disable=SC2154  # those variables
 
 wrong=0
 seen=✓ unseen=✗
 [[ $(locale charmap 2>/dev/null) == UTF-8 ]] || seen=ok unseen=FAILED
-faint='' plain='' overwrite=''
-if [[ -t 1 && ${TERM:-dumb} != dumb ]]; then overwrite=$'\r\e[K'; fi
+faint='' plain=''
 if [[ -n $overwrite && -z ${NO_COLOR:-} ]]; then
     seen=$'\e[32m'$seen$'\e[0m' unseen=$'\e[31m'$unseen$'\e[0m' faint=$'\e[2m' plain=$'\e[0m'
 fi

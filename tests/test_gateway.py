@@ -261,6 +261,10 @@ def test_the_build_tells_each_step_on_the_same_line_of_a_terminal(copy):
     assert (status, shown.partition("The tour")[0]) == (0, f"Building the four programs\n{steps}\r\x1b[K")
 
 
+def test_a_terminal_that_cannot_begin_a_line_anew_gets_plain_lines(copy):
+    assert copy.run_on_terminal("--once", TERM="dumb") == (0, "".join(copy.run("--once")[1:]))
+
+
 @pytest.mark.parametrize("run", (Copy.run, Copy.run_on_terminal), ids=("plain", "terminal"))
 def test_a_build_that_fails_shows_the_end_of_what_it_said(copy, run):
     copy.put("broken")
@@ -300,10 +304,10 @@ def test_programs_that_are_there_already_are_not_built(copy):
 def test_a_step_is_shown_as_the_terminal_can(copy, variables, shown):
     copy.put("dark")
     assert copy.run_on_terminal("--once", GATEWAY_BIN="/programs", **variables) == (
-        1, f"The tour\n{shown}gateway: 1 of the steps were not seen\n")
+        1, f"The tour\n{shown}gateway: steps that were not seen: 1\n")
 
 
 def test_a_tour_that_misses_a_step_fails(copy):
     copy.put("dark")
     assert copy.run("--once", GATEWAY_BIN="/programs") == (
-        1, f"{SEEN}  ✗ what is not seen\n", "gateway: 1 of the steps were not seen\n")
+        1, f"{SEEN}  ✗ what is not seen\n", "gateway: steps that were not seen: 1\n")
