@@ -136,6 +136,8 @@ tk::Status checkCommand(const UserRights& rights, const tk::message& request) {
             return checkBeing(rights, "register program ", request.get_u32(tk::hubfield::program));
         case tk::command::hubTrace:
             return unless(rights.traces, "may not trace: it needs trace = true");
+        case tk::command::hubPrograms:  // is as much of the router as its interfaces
+            return checkAsking(rights, contract::path::interfaces(), tk::command::get);
         case tk::command::hubReload:
             return tk::Status::failure("may not reload the configuration: it needs admin = true");
         case tk::command::hubSubscribe: {

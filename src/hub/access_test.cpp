@@ -177,11 +177,18 @@ TEST(Access, TheTraceIsForThoseWhoMayTrace) {
             << user;
 }
 
+TEST(Access, WhoeverMayLookAtTheRouterMayAskForItsPrograms) {
+    for (const uid_t user : everybody)
+        EXPECT_EQ(whyNotCommand(user, tk::command::hubPrograms).empty(), (others + gateways).contains(user))
+            << user;
+    EXPECT_EQ(whyNotCommand(resolver, tk::command::hubPrograms),
+              "may not look at {20,0}: it needs writes = [\"20,0\"]");
+}
+
 TEST(Access, EverybodyMaySendWhatConcernsOnlyTheSender) {
     for (const uid_t user : everybody) {
         EXPECT_EQ(whyNotCommand(user, tk::command::hubUnsubscribe, subscriptionTo({24})), "");
         EXPECT_EQ(whyNotCommand(user, tk::command::hubUnregister, programNumber(80)), "");
-        EXPECT_EQ(whyNotCommand(user, tk::command::hubPrograms), "");
         EXPECT_EQ(whyNotAsk(user, {}, tk::command::set), "") << "it goes nowhere";
     }
 }
