@@ -57,6 +57,14 @@ def test_the_package_has_the_same_files(package, tmp_path):
     assert found(tmp_path) == listed()
 
 
+def test_what_is_installed_names_only_documents_that_are(tmp_path):
+    install(tmp_path)
+    named = {name.rstrip(".") for path in tmp_path.rglob("*") if path.suffix in (".toml", ".service", ".path", ".conf", ".md")
+             for name in re.findall(r"/usr/share/doc/gateway/[\w./-]+", path.read_text())}
+    assert "/usr/share/doc/gateway/docs/administration.md" in named
+    assert all((tmp_path / name.lstrip("/")).is_file() for name in named), named
+
+
 def test_two_packages_of_one_build_are_equal(package, tmp_path):
     assert installation.build_package(tmp_path).read_bytes() == package.read_bytes()
 
