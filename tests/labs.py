@@ -59,6 +59,12 @@ def eventually(condition, what="the condition", seconds=PATIENCE):
         time.sleep(0.02)
 
 
+def status(pid):
+    """What the kernel says about a process, each line as its words by its name."""
+    lines = pathlib.Path(f"/proc/{pid}/status").read_text().splitlines()
+    return {name: words.split() for name, _, words in (line.partition(":") for line in lines)}
+
+
 def second_of_now():
     """The second as time(2) tells it: that of the kernel's last tick, so up to a tick behind time.time()."""
     return int(time.clock_gettime(CLOCK_REALTIME_COARSE))

@@ -24,8 +24,7 @@ def status(name, lab):
             process = pathlib.Path(pid).parent
             try:
                 if os.path.samefile(process / "ns/net", f"/run/netns/gw-{lab.name}-router"):
-                    lines = (process / "status").read_text().splitlines()
-                    return {key: value.split() for key, _, value in (line.partition(":") for line in lines)}
+                    return labs.status(process.name)
             except FileNotFoundError:  # one of another router has just ended
                 continue
         return None

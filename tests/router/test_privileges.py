@@ -1,10 +1,9 @@
 """What is left of root's rights in a router that runs as its own user."""
 import os
-import pathlib
 
 import pytest
 
-from labs import LAN1, ROUTER_WAN, eventually
+from labs import LAN1, ROUTER_WAN, eventually, status
 from routerusers import DAEMON, DAEMON_AS_ITSELF, GROUP, IDS, OTHER, ROUTER, configure, processes
 
 CONFIGURATION = f"""
@@ -19,11 +18,6 @@ def router(bare_lab):
     bare_lab.start_routerd(*configure(bare_lab, CONFIGURATION))
     eventually(lambda: bare_lab.tkctl("upnp", "get", check=False).returncode == 0, "the daemon serves its settings")
     return bare_lab
-
-
-def status(pid):
-    lines = pathlib.Path(f"/proc/{pid}/status").read_text().splitlines()
-    return {key: value.split() for key, _, value in (line.partition(":") for line in lines)}
 
 
 def test_the_router_keeps_one_capability(router):

@@ -6,10 +6,9 @@ import signal
 import pytest
 
 import labs
-from labs import LAN1, ROUTER_WAN, eventually
+from labs import LAN1, ROUTER_WAN, eventually, status
 from routerusers import GROUP, IDS, ROUTER, processes
 from services import NAMES, START, TRIGGERS, Manager, PathUnit, as_user, prepare, read_only_but, start_router
-from test_privileges import status
 
 CONFIGURATION = f'[router]\nuser = "{ROUTER}"\n{TRIGGERS}{labs.SIDES}'
 NET_ADMIN, NONE = f"{1 << 12:016x}", f"{0:016x}"
