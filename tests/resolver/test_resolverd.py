@@ -6,6 +6,7 @@ import time
 
 import pytest
 
+import bus
 import labs
 import nameserver
 from control_point import bare
@@ -64,6 +65,15 @@ def refusal(lab, name):
     return error["code"], error["text"]
 
 
+def timed_refusal(lab, name):
+    """The refusal as the bus tells it, and after how many seconds: no start of a program counts."""
+    with bus.Client(lab) as client:
+        began = time.monotonic()
+        with pytest.raises(bus.BusError) as refused:
+            client.call([14], 3, [(3, bus.STRING, name)])
+        return str(refused.value), time.monotonic() - began
+
+
 def process(lab):
     """The number of the running resolverd, if there is one."""
     pids = subprocess.run(["ip", "netns", "pids", f"gw-{lab.name}-router"], capture_output=True, text=True,
@@ -104,17 +114,17 @@ def test_a_host_of_another_kind_of_address_is_refused(router, server):
 
 def test_a_server_that_does_not_answer_costs_a_second(router, server):
     resolve(router, "printer.home")  # the program runs
-    began = time.monotonic()
-    assert refusal(router, "slow.example") == ("0xfe0008", "the name servers do not answer in time: slow.example")
-    assert 0.9 < time.monotonic() - began < 2
+    told, seconds = timed_refusal(router, "slow.example")
+    assert told == "0xfe0008: the name servers do not answer in time: slow.example"
+    assert 0.9 < seconds < 2, "it asks for the whole second, and does not ask again for another one"
     assert set(server.questions()) == {("slow.example", nameserver.ADDRESS)}
 
 
 def test_without_a_server_a_name_is_refused_at_once(router):
     resolve(router, "printer.home")
-    began = time.monotonic()
-    assert refusal(router, "other.example") == ("0xfe0008", "no name server can be reached: other.example")
-    assert time.monotonic() - began < 0.9
+    told, seconds = timed_refusal(router, "other.example")
+    assert told == "0xfe0008: no name server can be reached: other.example"
+    assert seconds < 0.9, "it does not wait for the second in which a server could answer"
 
 
 @pytest.mark.parametrize("name", ["", "192.0.2.1", "a b", "under_score.example", "a..b", "-a.example", "a" * 64])
