@@ -6,6 +6,7 @@ import json
 import os
 import pathlib
 import re
+import select
 import shutil
 import socket
 import subprocess
@@ -57,6 +58,19 @@ def eventually(condition, what="the condition", seconds=PATIENCE):
             return value
         assert time.monotonic() < deadline, f"{what}: not within {seconds} s"
         time.sleep(0.02)
+
+
+def next_line(stream, seconds=PATIENCE):
+    """The next line of a process's pipe that nobody else reads, or what came before its end; fails when it stays out."""
+    line, deadline = b"", time.monotonic() + seconds
+    while not line.endswith(b"\n"):
+        left = max(0, deadline - time.monotonic())
+        assert select.select([stream], [], [], left)[0], f"no line within {seconds} s, only {line}"
+        letter = os.read(stream.fileno(), 1)
+        if not letter:
+            break
+        line += letter
+    return line.decode()
 
 
 def status(pid):

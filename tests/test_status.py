@@ -17,6 +17,7 @@ import pytest
 import labs
 from control_point import call, mapping, result
 from labs import LAN1, ROUTER_LAN, ROUTER_WAN
+from traces import Trace
 
 ENTER, LEAVE = b"\x1b[?1049h\x1b[?25l", b"\x1b[0m\x1b[?25h\x1b[?1049l"
 
@@ -92,17 +93,33 @@ class Terminal:
     def wait_for(self, text):
         labs.eventually(lambda: self.shows(text), f"{text!r} on the screen")
 
-    def settle(self):
-        """Waits until a whole second passes, and with it a reading, in which nothing is written."""
-        labs.eventually(lambda: self.read(1.3) == b"", "a second without a byte")
+    def settle(self, lab):
+        """Waits for a reading after which nothing is written: it is shown, if at all, before the next one begins."""
+        trace = Trace(lab, "--json")
+
+        def reading_begins():
+            trace.next(lambda message: (message["kind"], message["to"], message["command"]) == ("request", [0], "0x7"))
+
+        def is_quiet():
+            self.read(0.05)
+            trace.until_now()
+            reading_begins()
+            reading_begins()
+            return self.read(0.05) == b""
+        try:
+            labs.eventually(is_quiet, "a reading without a byte", 3 * labs.PATIENCE)
+        finally:
+            trace.close()
 
     def type(self, keys):
         os.write(self.master, keys)
 
     def ended(self):
         """The status, when the terminal is as it was before."""
-        labs.eventually(lambda: self.read(0.02) == b"" and self.process.poll() is not None, "its end")
-        self.read(0.1)
+        def is_over():
+            has_ended = self.process.poll() is not None  # asked first: then nothing can come after what is read
+            return self.read(0.02) == b"" and has_ended
+        labs.eventually(is_over, "its end")
         assert self.received.startswith(ENTER) and self.received.endswith(LEAVE), self.received[-100:]
         assert termios.tcgetattr(self.slave) == self.modes
         return self.process.returncode
@@ -208,9 +225,11 @@ def test_watch_shows_mappings_come_and_go(lab, path):
 def test_watch_writes_little_on_a_slow_line(lab, path):
     with mapped(lab, path), watching(lab) as terminal:
         terminal.wait_for(f"{LAN1}:8080")
-        terminal.settle()
+        terminal.settle(lab)
+        mark = len(terminal.received)
         send_through(lab)
-        written = terminal.read(1.5)
+        terminal.wait_for("▂")
+        written = terminal.received[mark:]
         assert 0 < len(written) < 150, written  # of the 960 bytes that 9600 baud carry in a second
         terminal.type(b"q")
         assert terminal.ended() == 0
@@ -232,7 +251,11 @@ def test_watch_can_be_stopped_and_continued(lab):
         terminal.wait_for("q: quit")
         terminal.type(b"\x1a")  # Ctrl-Z
         state = labs.pathlib.Path(f"/proc/{terminal.process.pid}/stat")
-        labs.eventually(lambda: terminal.read(0.02) == b"" and state.read_text().rpartition(")")[2].split()[0] == "T")
+
+        def is_stopped():
+            stands_still = state.read_text().rpartition(")")[2].split()[0] == "T"  # asked first, as at the end
+            return terminal.read(0.02) == b"" and stands_still
+        labs.eventually(is_stopped, "it is stopped")
         assert terminal.received.endswith(LEAVE)
         assert termios.tcgetattr(terminal.slave) == terminal.modes
         terminal.screen = Screen(80, 24)
@@ -318,12 +341,12 @@ def test_watch_in_a_pipe_prints_each_change_plainly(lab, path):
 
 
 def test_watch_as_json_is_one_object_a_line(lab, path):
-    process = subprocess.Popen(lab.router.command(labs.BIN / "tkctl", "watch", "--json"), stdout=subprocess.PIPE, text=True)
+    process = subprocess.Popen(lab.router.command(labs.BIN / "tkctl", "watch", "--json"), stdout=subprocess.PIPE)
     try:
-        assert json.loads(process.stdout.readline())["mappings"] == []
+        assert json.loads(labs.next_line(process.stdout))["mappings"] == []
         with mapped(lab, path):
-            assert [one["externalPort"] for one in json.loads(process.stdout.readline())["mappings"]] == [80]
-        assert json.loads(process.stdout.readline())["mappings"] == []
+            assert [one["externalPort"] for one in json.loads(labs.next_line(process.stdout))["mappings"]] == [80]
+        assert json.loads(labs.next_line(process.stdout))["mappings"] == []
     finally:
         process.terminate()
         assert process.wait(10) == 0

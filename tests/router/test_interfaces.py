@@ -171,7 +171,7 @@ def test_a_tunnel_runs_when_somebody_serves_it(client, ip, lab):
              "fcntl.ioctl(tun, 0x400454ca, struct.pack('16sH', b't-tun', 0x1001)); print('served', flush=True);"
              "sys.stdin.read()")
     server = subprocess.Popen(lab.router.command("python3", "-c", serve), stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-    assert server.stdout.readline() == b"served\n"
+    assert labs.next_line(server.stdout) == "served\n"
     status_within(client, (True, True))
     server.stdin.close()
     server.wait(10)
