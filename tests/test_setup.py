@@ -3,8 +3,10 @@ import json
 import os
 import pty
 import re
+import select
 import shutil
 import subprocess
+import time
 
 import pytest
 
@@ -98,7 +100,8 @@ def test_leads_from_nothing_or_the_package_to_a_mapped_port(new_router, packaged
     assert first.returncode == 1
     line = re.search(r'run "(setsid /tesk/bin/routerd .*&)" and then tkctl setup again', first.stderr).group(1)
     lab.router.run("sh", "-c", line.replace("/var/log", str(lab.directory)))
-    eventually(lambda: (lab.root / "run/tk/bus").exists(), "routerd serves the bus")
+    # The socket is there before anybody listens at it.
+    eventually(lambda: own_tkctl(lab, "bus", "call", "65", "0xFE000D").returncode == 0, "routerd serves the bus")
     try:
         second = own_tkctl(lab, "setup", "--yes")
         assert (second.stderr, second.returncode) == ("", 0)
@@ -217,13 +220,16 @@ def answer(lab, text):
                           start_new_session=True, env={**os.environ, "TERM": "xterm", "NO_COLOR": ""}) as process:
         os.close(theirs)
         os.write(ours, text.encode())
-        shown = b""
+        shown, deadline = b"", time.monotonic() + labs.PATIENCE
         try:
-            while chunk := os.read(ours, 65536):
-                shown += chunk
+            while select.select([ours], [], [], max(0, deadline - time.monotonic()))[0]:
+                shown += os.read(ours, 65536)
+            process.kill()  # or this would wait for its end
+            pytest.fail(f"tkctl setup does not end: {shown}")
         except OSError:  # the terminal has lost its last user
             pass
-        os.close(ours)
+        finally:
+            os.close(ours)
         return process.wait(labs.PATIENCE), shown.decode()
 
 
