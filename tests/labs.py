@@ -73,6 +73,14 @@ def next_line(stream, seconds=PATIENCE):
     return line.decode()
 
 
+def modified(path):
+    """When the file was written; None while it does not exist, or the router that has it has ended."""
+    try:
+        return path.stat().st_mtime_ns
+    except OSError:
+        return None
+
+
 def status(pid):
     """What the kernel says about a process, each line as its words by its name."""
     lines = pathlib.Path(f"/proc/{pid}/status").read_text().splitlines()

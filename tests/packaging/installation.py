@@ -8,6 +8,7 @@ import subprocess
 import threading
 
 import labs
+from labs import modified
 from unitfile import UNITS, Unit
 
 SANDBOX = pathlib.Path(__file__).parent / "sandbox.py"
@@ -37,14 +38,6 @@ def build_package(folder):
     assert done.returncode == 0, done.stdout + done.stderr
     package, = pathlib.Path(folder).glob("*.deb")
     return package
-
-
-def modified(path):
-    """When the file was written; None while it does not exist, or the router that has it has ended."""
-    try:
-        return path.stat().st_mtime_ns
-    except OSError:
-        return None
 
 
 class Manager:

@@ -92,21 +92,15 @@ class PathUnit(contextlib.ExitStack):
         self.trigger = pathlib.Path(f"{lab.root}{START}/{name}")
         self.programs = []
         self.ending = threading.Event()
-        self.seen = self.written()
+        self.seen = labs.modified(self.trigger)
         self.thread = threading.Thread(target=self.watch)
         self.thread.start()
         self.callback(self.end)
 
-    def written(self):
-        try:
-            return self.trigger.stat().st_mtime_ns
-        except OSError:
-            return None
-
     def watch(self):
         while not self.ending.wait(0.02):
-            now = self.written()
-            if now != self.seen and not self.running():
+            now = labs.modified(self.trigger)
+            if now not in (None, self.seen) and not self.running():
                 self.programs.append(labs.Program(self.lab, self.name, wrapper=self.wrapper, folder=PROGRAMS))
             self.seen = now
 
