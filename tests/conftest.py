@@ -6,6 +6,11 @@ import pytest
 import labs
 
 
+def pytest_configure(config):
+    # What fails on a thread fails the test during which it does, as nobody else might look.
+    config.addinivalue_line("filterwarnings", "error::pytest.PytestUnhandledThreadExceptionWarning")
+
+
 def pytest_sessionstart(session):
     if os.geteuid() != 0:
         pytest.exit("these tests build network namespaces, which needs root", returncode=3)

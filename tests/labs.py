@@ -1,4 +1,5 @@
 """The world of the whole-program tests: a lab, its hosts, and the programs that run on its router."""
+import concurrent.futures
 import contextlib
 import ctypes
 import itertools
@@ -10,6 +11,7 @@ import select
 import shutil
 import socket
 import subprocess
+import threading
 import time
 
 import pytest
@@ -71,6 +73,24 @@ def next_line(stream, seconds=PATIENCE):
             break
         line += letter
     return line.decode()
+
+
+@contextlib.contextmanager
+def meanwhile(work):
+    """Does work() once and again on a thread of its own, until the block ends. What fails there fails the test."""
+    ended = threading.Event()
+
+    def repeat():
+        work()
+        while not ended.is_set():
+            work()
+    with concurrent.futures.ThreadPoolExecutor(1) as thread:
+        outcome = thread.submit(repeat)
+        try:
+            yield
+        finally:
+            ended.set()
+            outcome.result()
 
 
 def modified(path):
