@@ -234,6 +234,9 @@ def test_programs_come_and_go(router):
     def program(number, note, more=""):
         shell = f"id -u >/tesk/{note.name}; exec sleep 60"
         return f'[[program]]\nnumber = {number}\ncommand = ["/bin/sh", "-c", "{shell}"]\n{more}'
+
+    def sleepers():
+        return set(processes(router, "sleep")) - others
     mark = router.routerd.mark()
     assert reload(router, BASE + program(81, notes[0], f'user = "{OTHER}"\n')
                   + program(82, notes[1], "start = true\n")) == "changed: program\n"
@@ -242,9 +245,10 @@ def test_programs_come_and_go(router):
     with bus.Client(router) as client:
         asked = client.request([81], bus.GET)
         eventually(lambda: notes[0].read_text() == "64003\n", "the message starts the other one")
+        eventually(lambda: len(sleepers()) == 2, "both shells have become what they run")
+        started = sleepers()
         reload(router, BASE)
-        started = set(processes(router, "sleep")) - others
-        assert len(started) == 2, "what runs goes on"
+        assert sleepers() == started, "what runs goes on"
         assert client.call([0], PROGRAMS)[bus.OBJECTS][0][1] == 20
         with pytest.raises(bus.BusError, match="nobody at this destination"):
             client.call([83], bus.GET)
