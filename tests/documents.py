@@ -14,8 +14,9 @@ import textwrap
 from dataclasses import dataclass, field
 
 MARK = re.compile(r"<!-- (?:on (?P<host>\w+)|not run: (?P<reason>.+)|(?P<forms>forms)) -->")
-COMMAND = re.compile(r"(\$ )?(sudo |tkctl|routerd|upnpd|resolverd|apt |cmake -|dpkg|systemctl|journalctl|ip |nft |sysctl|"
-                     r"upnpc|lab/\w|bench/\w|tests/\w|\./\w|build/\w|man |git |groupadd|useradd)")
+COMMAND = re.compile(r"\$ |(sudo |tkctl|routerd|upnpd|resolverd|apt |apt-get |cmake -|dpkg|systemctl|journalctl|ip |nft |"
+                     r"iptables|firewall-cmd|sysctl|upnpc|curl |kill |setsid |lab/\w|bench/\w|tests/\w|\./\w|build/\w|man |"
+                     r"git |groupadd|useradd|usermod)")
 TIME = re.compile(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ")
 
 

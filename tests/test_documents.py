@@ -59,6 +59,24 @@ def test_a_block_is_read_with_its_commands_and_what_they_print():
     assert (second.reason, [command.text for command in second.commands()]) == ("it lasts", ["three"])
 
 
+@pytest.mark.parametrize("line, is_command", [
+    ("$ true", True),
+    ("kill 7", True),
+    ("setsid routerd &", True),
+    ("usermod -aG tk USER", True),
+    ("apt-get install x", True),
+    ("iptables -S", True),
+    ("firewall-cmd --state", True),
+    ("curl http://192.0.2.1/", True),
+    ("lan1$ true", False),
+    ("killed", False),
+    ("[router]", False),
+])
+def test_a_block_of_commands_is_known_by_a_line(line, is_command):
+    block, = documents.blocks_of(f"Text\n\n    prints\n    {line}\n")
+    assert block.has_commands() is is_command
+
+
 @pytest.mark.parametrize("expected, printed, same", [
     (["a", "b"], ["a", "b"], True),
     (["a"], ["a", "b"], False),
