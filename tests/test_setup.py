@@ -286,6 +286,30 @@ def test_what_routerd_would_not_start_with_is_not_written(new_router):
     assert sorted(path.name for path in script.parent.iterdir()) == ["routerd", "tkctl"]
 
 
+def test_a_file_is_judged_as_the_user_of_the_unit(new_router):
+    """Root may read every file, and start programs as other users."""
+    lab = new_router
+    if not os.path.exists("/usr/bin/systemctl"):
+        pytest.skip("there is no systemctl to put a script in the place of")
+    script = lab.directory / "systemctl"
+    script.write_text("#!/bin/sh\n[ $2 = --property=User ] && echo routerd\nexit 0\n")
+    script.chmod(0o755)
+    lab.router.run("mount", "--bind", script, "/usr/bin/systemctl")
+    (lab.root / "run/systemd/system").mkdir(parents=True)
+    written = own_tkctl(lab, "setup", "--yes")
+    assert (written.returncode, written.stderr) == (
+        1, "tkctl: /tesk/etc/router.toml: program 80: user: only root can start it as upnpd; give it a trigger in place "
+           "of command and user; nothing has been changed\n")
+    assert not list(file_of(lab).parent.glob("router*"))
+    file = file_of(lab)
+    file.write_text('[router]\nuser = "upnpd"\n' + labs.SIDES)
+    mend = "; mend the file, and then run tkctl setup again\n"
+    for mode, reason in ((0o644, ": [router] user: only root can start it as upnpd"), (0o600, ": Permission denied")):
+        file.chmod(mode)
+        refused = own_tkctl(lab, "setup", "--yes")
+        assert (refused.returncode, refused.stderr) == (1, f"tkctl: /tesk/etc/router.toml{reason}{mend}")
+
+
 def test_a_file_that_routerd_refuses_is_put_back(router):
     file = file_of(router)
     wrong = "# mine\n[router]\nuser = \"upnpd\"\n" + labs.SIDES

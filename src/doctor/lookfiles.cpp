@@ -71,36 +71,15 @@ std::string routerProgram(const std::string& process) {
     return !error && ::access(running.c_str(), X_OK) == 0 ? running : machine::findBeside("routerd");
 }
 
-/// The user as whom systemd starts routerd; empty when it starts it as root, or not at all.
-std::string starter() {
-    if (::access("/run/systemd/system", F_OK) != 0) return {};
-    const auto user =
-        machine::outputOf({"systemctl", "show", "--property=User", "--value", "routerd.service"});
-    return user.isOk() ? user->substr(0, user->find('\n')) : std::string();
-}
-
-std::vector<std::string> checkCommand(const std::string& program, const std::string& path) {
-    std::vector<std::string> words;
-    if (const std::string user = starter(); !user.empty())
-        words = {"setpriv", "--reuid", user, "--regid", user, "--init-groups"};
-    words.insert(words.end(), {program, "--check"});
-    if (path != machine::usualConfiguration) words.insert(words.end(), {"--config", path});
-    return words;
-}
-
-/// Lets routerd itself judge its file. Only root can do so as whoever starts routerd.
+/// Lets routerd itself judge its file.
 void checkConfig(const std::string& process, MachineFacts& machine) {
-    const std::string program = routerProgram(process);
-    if (::geteuid() != 0 || program.empty()) return;
-    const std::vector<std::string> words = checkCommand(program, machine.config.path);
-    const auto end = machine::runTool(words);
-    constexpr int refused = 1;
-    if (!end.isOk())
-        machine.unseen.push_back({machine.config.path, end.reason(), ""});
-    else if (end->status == refused)
-        machine.config.fault = end->output.substr(0, end->output.find('\n'));
-    for (const std::string& word : words)
-        machine.config.command += (machine.config.command.empty() ? "" : " ") + word;
+    const auto check = machine::checkConfiguration(routerProgram(process), machine.config.path);
+    if (!check.isOk()) {
+        machine.unseen.push_back({machine.config.path, check.reason(), ""});
+        return;
+    }
+    machine.config.fault = check->refusal;
+    machine.config.command = check->command;
 }
 
 void lookAtConfig(const BusFacts& bus, MachineFacts& machine) {

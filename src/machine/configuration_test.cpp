@@ -1,10 +1,13 @@
 #include "machine/configuration.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <initializer_list>
 
 #include <gtest/gtest.h>
+
+#include "tk/testing/folder.h"
 
 namespace machine {
 namespace {
@@ -32,6 +35,41 @@ TEST(Configuration, OfAProcessIsReadFromItsCommandLine) {
     const auto own = static_cast<std::uint32_t>(::getpid());
     EXPECT_EQ(configurationOf(own), usualConfiguration);
     EXPECT_EQ(configurationOf(0), usualConfiguration);
+}
+
+/// A program in the place of routerd, which tells what it was called with.
+struct ConfigurationCheckTest : testing::Test {
+    void SetUp() override {
+        if (::geteuid() != 0) GTEST_SKIP() << "only root can check as whoever starts routerd";
+    }
+    /// What comes of a check when the program ends with that status.
+    ConfigurationCheck check(const std::string& file, int status) {
+        folder.write("routerd", "#!/bin/sh\necho \"$*: no\"\necho more\nexit " + std::to_string(status));
+        EXPECT_EQ(::chmod(program.c_str(), 0755), 0);
+        const auto done = checkConfiguration(program, file);
+        return done.isOk() ? *done : ConfigurationCheck{"", done.reason()};
+    }
+    tk::testing::Folder folder;
+    const std::string program = folder.file("routerd");
+};
+
+TEST_F(ConfigurationCheckTest, TellsTheFirstLineOfARefusalAndHowToAskAgain) {
+    const ConfigurationCheck refused = check("/a b", 1);
+    EXPECT_EQ(refused.refusal, "--check --config /a b: no");
+    EXPECT_TRUE(refused.command.ends_with(program + " --check --config /a b")) << refused.command;
+}
+
+TEST_F(ConfigurationCheckTest, TheUsualFileIsNotNamedAsItMayBeAbsent) {
+    EXPECT_EQ(check(usualConfiguration, 1).refusal, "--check: no");
+}
+
+TEST_F(ConfigurationCheckTest, NoOtherEndIsARefusal) {
+    for (const int status : {0, 2, 127}) EXPECT_EQ(check("/a", status).refusal, "") << status;
+}
+
+TEST_F(ConfigurationCheckTest, AProgramThatCannotBeRunIsAFailure) {
+    EXPECT_FALSE(checkConfiguration(folder.file("none"), "/a").isOk());
+    EXPECT_EQ(*checkConfiguration("", "/a"), ConfigurationCheck());
 }
 
 }  // namespace
