@@ -2,11 +2,10 @@
 
 #include "ctl/overview.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
 
 #include "contract/programs.h"
+#include "machine/network.h"
 #include "net/convert.h"
 
 namespace ctl {
@@ -15,35 +14,14 @@ namespace {
 
 using contract::Role;
 
-/// A network whose addresses do not reach the router from the Internet.
-/// Byte order: host.
-struct InnerNetwork {
-    std::uint32_t first;
-    unsigned prefix;
-    const char* kind;
-};
-
-constexpr InnerNetwork innerNetworks[] = {
-    {0x0A000000, 8, "private"}, {0xAC100000, 12, "private"},    {0xC0A80000, 16, "private"},
-    {0x64400000, 10, "shared"}, {0xA9FE0000, 16, "link-local"},
-};
-
-/// What kind of address that the Internet does not reach; null for any other.
-const char* innerKind(std::uint32_t address) {
-    for (const InnerNetwork& network : innerNetworks)
-        if ((ntohl(address) ^ network.first) >> (32 - network.prefix) == 0) return network.kind;
-    return nullptr;
-}
-
 /// Why clients that ask for the outer address learn one that nobody reaches from outside; empty when they do
 /// not.
 std::string innerAddressOf(const ServedInterface& entry) {
-    if (entry.role != Role::external || entry.addresses.empty()) return {};
-    for (const std::uint32_t address : entry.addresses)
-        if (!innerKind(address)) return {};
-    const std::uint32_t address = entry.addresses.front();
-    return entry.name + " has the " + innerKind(address) + " address " + gateway::ipToString(address) +
-           ": another router is in front; map the ports there too";
+    if (entry.role != Role::external) return {};
+    const auto address = machine::innerAddressOf(entry.addresses);
+    if (!address) return {};
+    return entry.name + " has the " + machine::reachWord(machine::reachOf(*address)) + " address " +
+           gateway::ipToString(*address) + ": another router is in front; map the ports there too";
 }
 
 /// What is wrong with one interface that has a role; empty when nothing is.

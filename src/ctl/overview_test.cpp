@@ -192,5 +192,13 @@ INSTANTIATE_TEST_SUITE_P(Addresses, OuterAddress,
                                          Outer{"100.64.0.1", "shared"}, Outer{"100.128.0.1", nullptr},
                                          Outer{"169.254.3.4", "link-local"}, Outer{"198.51.100.1", nullptr}));
 
+TEST_F(OverviewTest, AnAddressForManagementBesideAPublicOneIsNoSecondRouter) {
+    bus.answer({20, 1}, tk::command::getAll,
+               listOf({parseFields({"0xFE0001:u32=1", "1:be32=192.0.2.1", "5:u32=1"}),
+                       parseFields({"0xFE0001:u32=2", "1:be32=192.168.100.2", "5:u32=2"}),
+                       parseFields({"0xFE0001:u32=3", "1:be32=198.51.100.1", "5:u32=2"})}));
+    EXPECT_EQ(problems(), std::vector<std::string>{});
+}
+
 }  // namespace
 }  // namespace ctl

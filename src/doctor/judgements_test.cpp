@@ -430,6 +430,16 @@ TEST(Judgement, ABrokenFileIsMendedBeforeTheRouterIsStarted) {
                                   "/usr/sbin/routerd --check", "systemctl restart routerd"}));
 }
 
+TEST(Judgement, AnAddressForManagementBesideAPublicOneIsNoSecondTranslation) {
+    Facts facts = healthy();
+    facts.machine.links.addresses.push_back(addressOf("wan0", "192.168.100.2"));
+    EXPECT_EQ(judge(facts), Findings());
+    facts.machine.links.addresses[1] = addressOf("wan0", "100.64.0.9");
+    const Findings findings = judge(facts);
+    ASSERT_EQ(findings.size(), 1U) << "one for the interface";
+    EXPECT_EQ(findings[0].what, "wan0 has the shared address 100.64.0.9.");
+}
+
 TEST(Judgement, ErrorsComeFirst) {
     Facts facts = healthy();
     facts.machine.bridges[0].isQuerier = false;

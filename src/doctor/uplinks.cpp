@@ -1,8 +1,5 @@
-#include <arpa/inet.h>
-
-#include <algorithm>
-
 #include "doctor/judgements.h"
+#include "machine/network.h"
 #include "net/convert.h"
 
 namespace doctor {
@@ -53,19 +50,6 @@ std::string gatewayBehind(const Facts& facts, const std::string& interface) {
     return {};
 }
 
-const char* reachWord(machine::Reach reach) {
-    switch (reach) {
-        case machine::Reach::site:
-            return "private";
-        case machine::Reach::shared:
-            return "shared";
-        case machine::Reach::link:
-            return "link-local";
-        default:
-            return nullptr;
-    }
-}
-
 std::vector<std::string> mendUpstream(machine::Reach reach, const std::string& address,
                                       const std::string& upstream) {
     const std::string where =
@@ -79,19 +63,22 @@ std::vector<std::string> mendUpstream(machine::Reach reach, const std::string& a
             ", or make it a mere modem (bridge mode)"};
 }
 
-void judgeUpstreamOf(const Facts& facts, const machine::Address& address, Findings& findings) {
-    const machine::Reach reach = machine::reachOf(address.address);
-    const char* word = reachWord(reach);
-    if (!word) return;
-    const std::string text = gateway::ipToString(address.address);
+void judgeUpstreamOf(const Facts& facts, const std::string& interface, Findings& findings) {
+    std::vector<std::uint32_t> addresses;
+    for (const machine::Address& address : facts.addressesOf(interface)) addresses.push_back(address.address);
+    const auto inner = machine::innerAddressOf(addresses);
+    if (!inner) return;
+    const machine::Reach reach = machine::reachOf(*inner);
+    const std::string word = machine::reachWord(reach);
+    const std::string text = gateway::ipToString(*inner);
     findings.push_back(
-        {std::string("address-") + word, Severity::error, address.interface,
-         address.interface + " has the " + word + " address " + text + '.',
+        {"address-" + word, Severity::error, interface,
+         interface + " has the " + word + " address " + text + '.',
          reach == machine::Reach::link
              ? "Such an address is not reachable from anywhere else."
              : "Another device translates addresses between this router and the Internet, and knows nothing "
                "of the mappings.",
-         mendUpstream(reach, text, gatewayBehind(facts, address.interface))});
+         mendUpstream(reach, text, gatewayBehind(facts, interface))});
 }
 
 void judgeAnswer(const Facts& facts, const AnswerRoute& answer, Findings& findings) {
@@ -154,9 +141,7 @@ void judgeLinks(const Facts& facts, Findings& findings) {
 }
 
 void judgeUpstream(const Facts& facts, Findings& findings) {
-    for (const RoleFact& role : facts.rolesOf(Role::external))
-        for (const machine::Address& address : facts.addressesOf(role.name))
-            judgeUpstreamOf(facts, address, findings);
+    for (const RoleFact& role : facts.rolesOf(Role::external)) judgeUpstreamOf(facts, role.name, findings);
 }
 
 void judgeRouting(const Facts& facts, Findings& findings) {

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <charconv>
 
 namespace machine {
@@ -83,6 +84,27 @@ Reach reachOf(std::uint32_t address) {
     for (const Range& range : ranges)
         if (networkOf(range).contains(address)) return range.reach;
     return Reach::everywhere;
+}
+
+const char* reachWord(Reach reach) {
+    switch (reach) {
+        case Reach::site:
+            return "private";
+        case Reach::shared:
+            return "shared";
+        case Reach::link:
+            return "link-local";
+        case Reach::everywhere:
+        case Reach::reserved:
+            break;
+    }
+    return nullptr;
+}
+
+std::optional<std::uint32_t> innerAddressOf(const std::vector<std::uint32_t>& addresses) {
+    const auto isInner = [](std::uint32_t address) { return reachWord(reachOf(address)) != nullptr; };
+    if (addresses.empty() || !std::all_of(addresses.begin(), addresses.end(), isInner)) return std::nullopt;
+    return addresses.front();
 }
 
 bool isPrivate(const Network& network) {

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace machine {
 
@@ -46,6 +47,15 @@ enum class Reach {
 
 /// Byte order: network.
 [[nodiscard]] Reach reachOf(std::uint32_t address);
+
+/// "private", "shared" or "link-local": what an address of an uplink is that the Internet does not reach. Null
+/// for any other reach; an uplink with an address for documentation is part of somebody's experiment.
+[[nodiscard]] const char* reachWord(Reach reach);
+
+/// The first of an uplink's addresses when there is such a word for each, so that something in front of this
+/// router translates addresses once more. None when the Internet reaches one: the others are for management.
+/// Byte order: network.
+[[nodiscard]] std::optional<std::uint32_t> innerAddressOf(const std::vector<std::uint32_t>& addresses);
 
 /// True when every address of the network lies in ranges other than those of the Internet.
 [[nodiscard]] bool isPrivate(const Network& network);

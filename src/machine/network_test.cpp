@@ -46,6 +46,22 @@ TEST(Reach, IsThatOfTheRange) {
     EXPECT_EQ(reachOf(ip("239.255.255.250")), Reach::reserved);
 }
 
+TEST(Reach, HasAWordWhereTheInternetDoesNotLead) {
+    EXPECT_STREQ(reachWord(Reach::site), "private");
+    EXPECT_STREQ(reachWord(Reach::shared), "shared");
+    EXPECT_STREQ(reachWord(Reach::link), "link-local");
+    EXPECT_EQ(reachWord(Reach::everywhere), nullptr);
+    EXPECT_EQ(reachWord(Reach::reserved), nullptr);
+}
+
+TEST(Reach, AnUplinkIsBehindAnotherRouterWhenAllItsAddressesAreInner) {
+    const std::uint32_t site = ip("192.168.1.2"), shared = ip("100.64.0.9");
+    EXPECT_EQ(innerAddressOf({shared, site}), shared);
+    EXPECT_EQ(innerAddressOf({site, ip("8.8.8.8")}), std::nullopt);
+    EXPECT_EQ(innerAddressOf({site, ip("198.51.100.1")}), std::nullopt);
+    EXPECT_EQ(innerAddressOf({}), std::nullopt);
+}
+
 TEST(Reach, ANetworkIsPrivateWhenAllOfItIs) {
     EXPECT_TRUE(isPrivate(net("192.168.7.0/24")));
     EXPECT_TRUE(isPrivate(net("100.64.0.0/10")));

@@ -57,15 +57,20 @@ def test_a_link_that_is_down_and_an_interface_without_address(clinic):
 
 
 def test_an_address_that_the_internet_does_not_reach(clinic):
-    clinic.run("ip route add default via 203.0.113.2 dev wan1 metric 500")
+    """One that it does reach makes the others mere addresses for management."""
+    codes = {"192.168.77.2": "address-private", "100.64.0.5": "address-shared", "169.254.7.7": "address-link-local"}
     with role(clinic.lab, "wan1", "external"):
-        clinic.run(*(f"ip address add {address} dev wan1" for address in
-                     ("192.168.77.2/24", "100.64.0.5/24", "169.254.7.7/16")))
-        found = clinic.examine()
-        assert {"address-private", "address-shared", "address-link-local"} <= set(found)
-        assert "203.0.113.2" in found["address-private"][0]["mend"][0]
-        clinic.run("ip address del 192.168.77.2/24 dev wan1; ip address del 100.64.0.5/24 dev wan1; "
-                   "ip address del 169.254.7.7/16 dev wan1; ip route del default dev wan1")
+        for address, code in codes.items():
+            clinic.run(f"ip address add {address}/24 dev wan1")
+            assert not set(codes.values()) & set(clinic.examine())
+            clinic.run(f"ip address del {ROUTER_WAN2}/24 dev wan1",
+                       "ip route add default via 203.0.113.2 dev wan1 onlink metric 500")
+            found = clinic.examine()
+            clinic.run("ip route del default dev wan1", f"ip address add {ROUTER_WAN2}/24 broadcast + dev wan1",
+                       f"ip address del {address}/24 dev wan1")
+            assert set(codes.values()) & set(found) == {code}
+            if code == "address-private":
+                assert "203.0.113.2" in found[code][0]["mend"][0]
 
 
 def test_answers_that_leave_by_the_wrong_uplink(clinic, server):
