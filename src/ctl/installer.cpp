@@ -147,7 +147,7 @@ void Installer::startRouter() {
     const std::string words = options.file == machine::usualConfiguration
                                   ? ""
                                   : "--config " + std::filesystem::absolute(options.file).string();
-    if (!hasSystemd())
+    if (!machine::hasSystemd())
         throw Failure("routerd is not running, and there is no systemd to start it; run \"" +
                       startLine("routerd", words) + "\" and then tkctl setup again");
     const auto started = machine::outputOf({"systemctl", "enable", "--now", routerUnit}, unitLimits);

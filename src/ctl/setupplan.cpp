@@ -18,7 +18,6 @@
 #include "ctl/failure.h"
 #include "ctl/interfaces.h"
 #include "ctl/overview.h"
-#include "ctl/startadvice.h"
 #include "ctl/table.h"
 #include "machine/links.h"
 #include "machine/tool.h"
@@ -61,10 +60,6 @@ Value valueOf(tk::Result<Value> result) {
     return result.take();
 }
 
-bool hasSystemd() {
-    return ::access("/run/systemd/system", F_OK) == 0;
-}
-
 /// What the running routerd reads.
 /// Errors: none when it does not tell which process it is.
 std::optional<std::string> fileOfRouter(Context& context) {
@@ -99,7 +94,7 @@ void checkFile(Context& context, const std::string& file, bool isRunning) {
     std::optional<std::string> read;
     if (isRunning)
         read = fileOfRouter(context);
-    else if (hasSystemd())
+    else if (machine::hasSystemd())
         read = fileOfUnit();
     if (read && placeOf(*read) != placeOf(file))
         throw Failure((isRunning ? "routerd" : routerUnit) + (" reads " + *read) + ": give --config " +
@@ -171,7 +166,7 @@ std::string startOf(const UsualProgram& program) {
     const bool hasUnit =
         ::access(("/usr/lib" + unit).c_str(), F_OK) == 0 || ::access(("/lib" + unit).c_str(), F_OK) == 0;
     std::string text;
-    if (hasUnit && hasSystemd()) {
+    if (hasUnit && machine::hasSystemd()) {
         text = "trigger = \"" + triggerOf(program) + "\"\n";
     } else {
         const setup::Command command = commandOf(program);
@@ -185,7 +180,7 @@ std::string startOf(const UsualProgram& program) {
 std::vector<setup::Command> commandsInPlaceOfTriggers(const setup::RouterToml& file) {
     std::vector<setup::Command> commands;
     for (const UsualProgram& program : usualPrograms)
-        if (!hasSystemd() && file.hasTrigger(program.number, triggerOf(program)))
+        if (!machine::hasSystemd() && file.hasTrigger(program.number, triggerOf(program)))
             commands.push_back(commandOf(program));
     return commands;
 }
@@ -198,7 +193,7 @@ std::string changedText(const setup::RouterToml& file, const SetupPlan& plan) {
     for (const setup::Setting& setting : usualSettings)
         if (!file.has(setting.section, setting.key)) settings.push_back(setting);
     // A router that runs cannot change its user any more. Units name it themselves.
-    if (!plan.isRunning && !hasSystemd() && !file.has("router", "user") && isUser("routerd"))
+    if (!plan.isRunning && !machine::hasSystemd() && !file.has("router", "user") && isUser("routerd"))
         settings.push_back({"router", "user", "\"routerd\""});
     // What starts a daemon that answers is left alone.
     if (plan.knowsItems) return valueOf(file.with(changes));

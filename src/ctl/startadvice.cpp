@@ -1,7 +1,6 @@
 #include "ctl/startadvice.h"
 
 #include <errno.h>
-#include <unistd.h>
 
 #include <cstring>
 
@@ -9,22 +8,17 @@
 
 namespace ctl {
 
-bool hasSystemd() {
-    return ::access("/run/systemd/system", F_OK) == 0;
-}
-
 std::string startLine(const std::string& program, const std::string& words) {
     const std::string found = machine::findBeside(program);
-    return "setsid " + (found.empty() ? program : found) + (words.empty() ? "" : ' ' + words) +
-           " </dev/null >>/var/log/" + program + ".log 2>&1 &";
+    return machine::startLine(found.empty() ? program : found, words);
 }
 
 std::string startAdvice(const std::string& program) {
-    return "start it: " + (hasSystemd() ? "systemctl start " + program : startLine(program));
+    return "start it: " + (machine::hasSystemd() ? "systemctl start " + program : startLine(program));
 }
 
 std::string restartAdvice(const std::string& program) {
-    if (hasSystemd()) return "start it again: systemctl restart " + program;
+    if (machine::hasSystemd()) return "start it again: systemctl restart " + program;
     return "if that lasts, end " + program + " and start it again";
 }
 

@@ -7,10 +7,8 @@
 
 namespace ctl {
 
-/// True when systemd runs this machine.
-[[nodiscard]] bool hasSystemd();
-
-/// The line of the shell that starts a program of the router where there is no systemd.
+/// The line of the shell that starts a program of the router where there is no systemd: the one that came with
+/// this program.
 /// `words`, if any, are its arguments.
 [[nodiscard]] std::string startLine(const std::string& program, const std::string& words = {});
 

@@ -102,7 +102,7 @@ std::int64_t timeOfOwnFile() {
 }  // namespace
 
 void lookAtFiles(const BusFacts& bus, MachineFacts& machine) {
-    machine.hasSystemd = ::access("/run/systemd/system", F_OK) == 0;
+    machine.hasSystemd = machine::hasSystemd();
     machine.programFolder = fs::path(machine::findBeside("routerd")).parent_path().string();
     for (const auto& one : folders) machine.stores.push_back(lookAtStore(one.folder, one.program));
     machine.hasFolderRules = machine.hasSystemd && ::access("/usr/lib/tmpfiles.d/gateway.conf", F_OK) == 0;

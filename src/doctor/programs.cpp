@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "doctor/judgements.h"
+#include "machine/tool.h"
 
 namespace doctor {
 
@@ -17,10 +18,10 @@ constexpr Known known[] = {{contract::program::network, "routerd"},
                            {contract::program::resolver, "resolverd"}};
 
 /// Starts a program of the router; systemd ends one that hangs first.
-std::string startLine(const MachineFacts& machine, const std::string& name) {
-    if (machine.hasSystemd) return "systemctl restart " + name;
-    const std::string folder = machine.programFolder.empty() ? "/usr/sbin" : machine.programFolder;
-    return "setsid " + folder + '/' + name + " </dev/null >>/var/log/" + name + ".log 2>&1 &";
+std::string startLine(const MachineFacts& facts, const std::string& name) {
+    if (facts.hasSystemd) return "systemctl restart " + name;
+    const std::string folder = facts.programFolder.empty() ? "/usr/sbin" : facts.programFolder;
+    return machine::startLine(folder + '/' + name);
 }
 
 /// Starts a program again that runs.

@@ -32,7 +32,7 @@ bool namesFile(std::string_view name) {
 
 /// The user as whom systemd starts routerd; empty when it starts it as root, or not at all.
 std::string starter() {
-    if (::access("/run/systemd/system", F_OK) != 0) return {};
+    if (!hasSystemd()) return {};
     const auto user = outputOf({"systemctl", "show", "--property=User", "--value", "routerd.service"});
     return user.isOk() ? user->substr(0, user->find('\n')) : std::string();
 }

@@ -188,6 +188,16 @@ std::string findBeside(const std::string& name) {
     return !error && ::access(path.c_str(), X_OK) == 0 ? path : findTool(name);
 }
 
+bool hasSystemd() {
+    return ::access("/run/systemd/system", F_OK) == 0;
+}
+
+std::string startLine(const std::string& program, const std::string& words) {
+    const std::string name = program.substr(program.rfind('/') + 1);  // from the start where there is none
+    return "setsid " + program + (words.empty() ? "" : ' ' + words) + " </dev/null >>/var/log/" + name +
+           ".log 2>&1 &";
+}
+
 tk::Result<ToolEnd> runTool(const std::vector<std::string>& arguments, const ToolLimits& limits) {
     const std::string& name = arguments.front();
     const std::string path = name.find('/') == std::string::npos ? findTool(name) : name;

@@ -42,6 +42,14 @@ struct ToolEnd {
 /// The full path of a tool in the system's folders; empty when there is none.
 [[nodiscard]] std::string findTool(const std::string& name);
 
+/// True when systemd runs this machine.
+[[nodiscard]] bool hasSystemd();
+
+/// The line of the shell that starts a program of the router, which then goes on by itself and writes to its
+/// log: for machines without systemd.
+/// `program`: its full path, or its name. `words`, if any, are its arguments.
+[[nodiscard]] std::string startLine(const std::string& program, const std::string& words = {});
+
 /// The full path of a program that came with the one that runs: it is beside it, or else in the system's
 /// folders. Empty when there is none.
 [[nodiscard]] std::string findBeside(const std::string& name);

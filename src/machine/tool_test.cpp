@@ -88,5 +88,11 @@ TEST(Tool, WhatItLeavesInTheBackgroundIsNotWaitedFor) {
     ::kill(std::stoi(end->output), SIGKILL);
 }
 
+TEST(StartLine, StartsAProgramThatWritesToTheLogOfItsName) {
+    EXPECT_EQ(startLine("/opt/sbin/routerd", "--config /a"),
+              "setsid /opt/sbin/routerd --config /a </dev/null >>/var/log/routerd.log 2>&1 &");
+    EXPECT_EQ(startLine("upnpd"), "setsid upnpd </dev/null >>/var/log/upnpd.log 2>&1 &");
+}
+
 }  // namespace
 }  // namespace machine
