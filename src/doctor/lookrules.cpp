@@ -1,7 +1,9 @@
 #include <errno.h>
 
 #include <algorithm>
+#include <optional>
 #include <sstream>
+#include <utility>
 
 #include <nlohmann/json.hpp>
 
@@ -39,18 +41,24 @@ bool isOfInterest(const TableName& table) {
            !(table.family == "ip" && table.name == ownTable);
 }
 
-tk::Result<Table> readTable(const TableName& name) {
+tk::Result<std::optional<Table>> orFailure(tk::Result<Table> table) {
+    if (!table.isOk()) return table.status();
+    return std::optional<Table>(table.take());
+}
+
+/// Reads a table; none when it is dormant: no packet comes there.
+tk::Result<std::optional<Table>> readTable(const TableName& name) {
     const auto listing = machine::outputOf({"nft", "-a", "-t", "list", "table", name.family, name.name});
     if (!listing.isOk()) return listing.status();
-    if (listing->find("\n\tflags dormant") != std::string::npos) return Table();  // no packet comes there
+    if (listing->find("\n\tflags dormant") != std::string::npos) return std::optional<Table>();
     const RuleTexts texts = readRuleTexts(*listing);
     if (const auto whole = machine::outputOf({"nft", "-j", "-a", "list", "table", name.family, name.name});
         whole.isOk())
-        return readNftTable(*whole, texts);
+        return orFailure(readNftTable(*whole, texts));
     // Large sets take too much: without them, the rules that look there are uncertain.
     const auto terse = machine::outputOf({"nft", "-j", "-a", "-t", "list", "table", name.family, name.name});
     if (!terse.isOk()) return terse.status();
-    return readNftTable(*terse, texts, /*setsAreKnown=*/false);
+    return orFailure(readNftTable(*terse, texts, /*setsAreKnown=*/false));
 }
 
 /// What a tool that saves rules prints; the first of the names that the system has.
@@ -75,7 +83,7 @@ void lookAtLegacy(MachineFacts& machine) {
 }
 
 /// True when iptables keeps the table, so that only its own tool shows all that the rules say.
-bool isOfIptables(const Table& table, const std::vector<Table>& ofIptables) {
+bool isOfIptables(const TableName& table, const std::vector<Table>& ofIptables) {
     return table.family == "ip" && std::any_of(ofIptables.begin(), ofIptables.end(),
                                                [&](const Table& other) { return other.name == table.name; });
 }
@@ -100,12 +108,12 @@ void lookAtNft(MachineFacts& machine) {
     const std::vector<TableName> names = parseTableNames(*list);
     const std::vector<Table> ofIptables = tablesOfIptables(names);
     for (const TableName& name : names) {
-        if (!isOfInterest(name)) continue;
-        const auto table = readTable(name);
+        if (!isOfInterest(name) || isOfIptables(name, ofIptables)) continue;
+        auto table = readTable(name);
         if (!table.isOk())
             machine.unseen.push_back({"table " + name.family + ' ' + name.name, table.reason(), ""});
-        else if (!isOfIptables(*table, ofIptables))
-            machine.tables.push_back(*table);
+        else if (*table)
+            machine.tables.push_back(std::move(**table));
     }
     machine.tables.insert(machine.tables.end(), ofIptables.begin(), ofIptables.end());
 }

@@ -86,6 +86,33 @@ def test_the_counter_proves_a_drop(clinic, server):
         clinic.run(NFT_CLEANUP)
 
 
+def test_a_table_of_iptables_is_left_to_its_tool(clinic, tmp_path):
+    clinic.run(IPTABLES.format(tool="iptables-nft"))
+    script = tmp_path / "nft"
+    script.write_text(f"""#!/bin/sh
+case "$*" in *" ip filter") echo "cannot show this" >&2; exit 1 ;; esac
+exec {tmp_path}/real "$@"
+""")
+    script.chmod(0o755)
+    try:
+        done = clinic.lab.router.run("unshare", "-m", "sh", "-ec", f"cp $(command -v nft) {tmp_path}/real; mount --bind "
+                                     f"{script} $(command -v nft); exec {labs.BIN}/tkctl doctor --no-search --json",
+                                     check=False)
+        assert [one["code"] for one in json.loads(done.stdout)] == ["forward-drop"], done.stdout
+    finally:
+        clinic.run(NFT_CLEANUP)
+
+
+def test_a_table_that_sleeps_drops_nothing(clinic, server):
+    clinic.run("nft 'add table ip odd { flags dormant; }; "
+               "add chain ip odd forward { type filter hook forward priority 0; policy drop; }'")
+    try:
+        assert arrives(clinic.lab.wan)
+        assert clinic.examine() == {}
+    finally:
+        clinic.run("nft delete table ip odd")
+
+
 def test_a_rule_that_nobody_can_judge_is_a_warning(clinic):
     clinic.run("nft 'add table ip odd; add chain ip odd forward { type filter hook forward priority 0; }; "
                "add rule ip odd forward meta hour \"03:00\"-\"04:00\" drop'")
