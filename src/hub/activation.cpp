@@ -65,11 +65,10 @@ bool Activation::comesBack(std::uint32_t program) const {
 }
 
 void Activation::setConfig(const std::vector<ProgramConfig>& configured) {
-    const std::map<std::uint32_t, ProgramConfig> former = programs;
     std::vector<std::uint32_t> others;
     for (const ProgramConfig& program : configured)
-        if (const auto before = former.find(program.number);
-            before == former.end() || before->second != program)
+        if (const auto before = programs.find(program.number);
+            before == programs.end() || before->second != program)
             others.push_back(program.number);
     for (const std::uint32_t program : others) restarts.erase(program);
     take(configured);
