@@ -47,7 +47,6 @@ Link readLink(const Json& entry) {
     link.master = textIn(entry, "master");
     // The other end of a veth pair is no interface below it.
     if (link.kind != "veth") link.lower = textIn(entry, "link");
-    link.hardwareAddress = textIn(entry, "address");
     return link;
 }
 

@@ -20,7 +20,6 @@ struct Link {
     std::string kind;    // of a virtual one: "bridge", "vlan", "bond", "veth", "wireguard"...; else empty
     std::string master;  // the bridge or bond that it is a member of; else empty
     std::string lower;   // the interface that it stands on (the link of a VLAN); else empty
-    std::string hardwareAddress;
 
     bool operator==(const Link&) const = default;
 };
