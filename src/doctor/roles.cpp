@@ -72,16 +72,10 @@ void judgeMissing(const RoleFact& role, Findings& findings) {
          {"tkctl upnp interface remove " + id}});
 }
 
-/// The bridge or bond that an interface is a member of; empty when it is none.
-std::string masterOf(const machine::Links& links, const std::string& name) {
-    const machine::Link* link = links.find(name);
-    const machine::Link* master = link ? links.find(link->master) : nullptr;
-    const bool isOfInterest =
-        master && (master->kind == "bridge" || master->kind == "bond" || master->kind == "team");
-    return isOfInterest ? master->name : std::string();
-}
-
-void judgeMember(const RoleFact& role, const std::string& master, Findings& findings) {
+void judgeMember(const Facts& facts, const RoleFact& role, Findings& findings) {
+    const machine::Link* link = facts.machine.links.find(role.name);
+    const std::string master = link ? ownerOf(facts.machine.links, *link).name : role.name;
+    if (master == role.name) return;
     findings.push_back({"role-on-member",
                         Severity::error,
                         role.name,
@@ -117,8 +111,7 @@ void judgeSide(const Facts& facts, const RoleFact& role, Findings& findings) {
 void judgeRole(const Facts& facts, const RoleFact& role, Findings& findings) {
     if (role.name.empty()) return judgeMissing(role, findings);
     if (role.isDisabled) return judgeDisabled(role, findings);
-    if (const std::string master = masterOf(facts.machine.links, role.name); !master.empty())
-        judgeMember(role, master, findings);
+    judgeMember(facts, role, findings);
     judgeSide(facts, role, findings);
 }
 

@@ -123,6 +123,12 @@ const Link* Links::find(const std::string& name) const {
     return found == links.end() ? nullptr : &*found;
 }
 
+const Link& ownerOf(const Links& links, const Link& link) {
+    const Link* owner = link.master.empty() ? nullptr : links.find(link.master);
+    return owner && (owner->kind == "bridge" || owner->kind == "bond" || owner->kind == "team") ? *owner
+                                                                                                : link;
+}
+
 tk::Result<std::vector<Link>> parseLinks(const std::string& text) {
     std::vector<Link> links;
     tk::Status status = readEach(text, [&](const Json& entry) { links.push_back(readLink(entry)); });

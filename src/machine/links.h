@@ -65,6 +65,11 @@ struct Links {
     bool operator==(const Links&) const = default;
 };
 
+/// The bridge or bond that stands for an interface, as packets of its members come by it, or the interface
+/// itself.
+/// Lifetime: that of the links.
+[[nodiscard]] const Link& ownerOf(const Links& links, const Link& link);
+
 // Read what the tool ip prints about links with "-j -d" and about addresses and routes with "-4 -j", and what
 // the kernel tells in /proc/net/pppoe.
 // Errors: when the text is not of that form.

@@ -31,6 +31,22 @@ TEST(LinksOfIp, TellNameStateKindAndWhatTheyBelongTo) {
     EXPECT_EQ(links->size(), 8U);
 }
 
+TEST(OwnerOf, IsTheBridgeOrBondOfAMemberOrElseTheInterfaceItself) {
+    Links machine;
+    const auto add = [&](const std::string& name, const std::string& kind, const std::string& master) {
+        machine.links.push_back({name, 1, true, true, "ether", kind, master, ""});
+    };
+    for (const char* kind : {"bridge", "bond", "team", "vrf"}) {
+        add(kind, kind, "");
+        add(std::string("member of ") + kind, "", kind);
+    }
+    add("lost", "", "gone");
+    for (const char* kind : {"bridge", "bond", "team"})
+        EXPECT_EQ(ownerOf(machine, *machine.find(std::string("member of ") + kind)).name, kind);
+    for (const char* name : {"bridge", "member of vrf", "lost"})
+        EXPECT_EQ(ownerOf(machine, *machine.find(name)).name, name);
+}
+
 TEST(AddressesOfIp, TellTheNetworkThatIsDirectlyConnected) {
     const auto addresses = parseAddresses(recordedAddresses);
     ASSERT_TRUE(addresses.isOk()) << addresses.reason();

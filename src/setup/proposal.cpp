@@ -14,16 +14,6 @@ using machine::Address;
 using machine::Link;
 using machine::Links;
 
-using Names = std::vector<std::string>;
-
-bool isIn(const Names& list, const std::string& text) {
-    return std::find(list.begin(), list.end(), text) != list.end();
-}
-
-void addOnce(Names& list, const std::string& text) {
-    if (!isIn(list, text)) list.push_back(text);
-}
-
 std::string joined(const Names& names) {
     std::string text;
     for (const std::string& name : names) text += (text.empty() ? "" : ", ") + name;

@@ -15,14 +15,6 @@ bool isOneOf(std::string_view text, std::initializer_list<std::string_view> list
     return std::find(list.begin(), list.end(), text) != list.end();
 }
 
-bool isIn(const std::vector<std::string>& list, const std::string& text) {
-    return std::find(list.begin(), list.end(), text) != list.end();
-}
-
-void addOnce(std::vector<std::string>& list, const std::string& text) {
-    if (!isIn(list, text)) list.push_back(text);
-}
-
 bool isThroughTunnel(const machine::Links& machine, const Route& route) {
     const Link* link = machine.find(route.device);
     return link && isTunnel(*link);
@@ -44,14 +36,17 @@ bool isOwnNetwork(const machine::Links& machine, const Route& route) {
 
 }  // namespace
 
+bool isIn(const Names& list, const std::string& name) {
+    return std::find(list.begin(), list.end(), name) != list.end();
+}
+
+void addOnce(Names& list, const std::string& name) {
+    if (!isIn(list, name)) list.push_back(name);
+}
+
 bool isTunnel(const Link& link) {
     return isOneOf(link.kind, {"tun", "wireguard", "gre", "gretap", "ip6gre", "ip6gretap", "erspan", "ipip",
                                "sit", "ip6tnl", "vti", "vti6", "xfrm", "vxlan", "geneve", "ovpn"});
-}
-
-const Link& ownerOf(const machine::Links& machine, const Link& link) {
-    const Link* owner = link.master.empty() ? nullptr : machine.find(link.master);
-    return owner && isOneOf(owner->kind, {"bridge", "bond", "team"}) ? *owner : link;
 }
 
 Uplinks::Uplinks(const machine::Links& machine) {
