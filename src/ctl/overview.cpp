@@ -10,7 +10,6 @@
 #include "ctl/failure.h"
 #include "ctl/interfaces.h"
 #include "net/convert.h"
-#include "tk/file.h"
 #include "tk/names.h"
 
 namespace ctl {
@@ -53,13 +52,6 @@ void describe(Session& session, std::vector<ServedInterface>& served) {
     }
 }
 
-/// True unless the kernel says that it forwards nothing.
-bool isForwarding(const std::string& file) {
-    constexpr std::size_t limit = 16;  // bytes
-    const auto text = tk::readFile(file, limit);
-    return !text.isOk() || !text->starts_with('0');
-}
-
 /// Asks the daemon, as far as it answers.
 void askGateway(Session& session, Overview& overview) {
     try {
@@ -82,7 +74,7 @@ Overview readOverview(Session& patientSession, const std::string& forwarding) {
     overview.isGatewayThere = !overview.programs || isThere(*overview.programs, contract::program::gateway);
     if (overview.isGatewayThere) askGateway(session, overview);
     describe(session, overview.served);
-    overview.isForwarding = isForwarding(forwarding);
+    overview.isForwarding = machine::isForwarding(forwarding);
     return overview;
 }
 

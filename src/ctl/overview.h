@@ -12,6 +12,7 @@
 #include "ctl/mappings.h"
 #include "ctl/runningprograms.h"
 #include "ctl/session.h"
+#include "machine/links.h"
 
 namespace ctl {
 
@@ -47,13 +48,11 @@ struct Overview {
     bool isForwarding = true;
 };
 
-/// Where the kernel says whether it forwards packets.
-constexpr const char* forwardingFile = "/proc/sys/net/ipv4/ip_forward";
-
 /// Asks all programs. A daemon that is not there is not asked, for a request would start it, although somebody
 /// has switched it off.
 /// Errors: throws Failure when the router does not answer; what the daemon fails to tell is left out.
-[[nodiscard]] Overview readOverview(Session& session, const std::string& forwarding = forwardingFile);
+[[nodiscard]] Overview readOverview(Session& session,
+                                    const std::string& forwarding = machine::forwardingFile);
 
 /// What is wrong, in one line each, and what to do.
 [[nodiscard]] std::vector<std::string> problemsOf(const Overview& overview);

@@ -32,8 +32,6 @@ namespace ctl {
 namespace {
 
 constexpr std::size_t fileLimit = std::size_t{1024} * 1024;
-constexpr const char* forwarding = "/proc/sys/net/ipv4/ip_forward";
-constexpr std::size_t forwardingLimit = 16;
 
 // What is added where the file says nothing. Ports below 1024 are those of well-known services, which nobody
 // should open by accident. Busy hosts keep some dozens of mappings, so the limits stop only what is out of
@@ -211,8 +209,7 @@ std::vector<std::string> notesOn(const SetupPlan& plan, const std::vector<setup:
                             ") is disabled; to use it: tkctl upnp interface set " + std::to_string(item.id) +
                             " disabled=no");
     // Whether a machine forwards at all is a decision of its own, which opens more than mapped ports.
-    const auto forwards = tk::readFile(forwarding, forwardingLimit);
-    if (forwards.isOk() && forwards->starts_with('0'))
+    if (!machine::isForwarding())
         notes.emplace_back(
             "the kernel forwards nothing, so mapped ports lead nowhere; to make this machine a router: "
             "echo net.ipv4.ip_forward=1 >/etc/sysctl.d/60-router.conf && sysctl -p "

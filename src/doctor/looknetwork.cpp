@@ -88,7 +88,7 @@ void noteQueriers(const Json& groups, std::vector<BridgeFact>& bridges) {
 }  // namespace
 
 void lookAtForwarding(const BusFacts& bus, MachineFacts& machine) {
-    machine.forwards = readSetting("ip_forward", 1) != 0;
+    machine.forwards = machine::isForwarding();
     for (const RoleFact& role : bus.roles)
         if (!role.name.empty()) machine.settings[role.name] = settingsOf(role.name);
     machine.marksChooseRoutes = rulesLookAtMarks();

@@ -162,6 +162,12 @@ std::vector<std::string> parsePPPoE(const std::string& text) {
     return names;
 }
 
+bool isForwarding(const std::string& file) {
+    constexpr std::size_t limit = 16;  // bytes
+    const auto text = tk::readFile(file, limit);
+    return !text.isOk() || !text->starts_with('0');
+}
+
 tk::Result<Links> readLinks() {
     Links read;
     tk::Status status = readFrom({"ip", "-j", "-d", "link", "show"}, parseLinks, read.links);

@@ -79,6 +79,12 @@ struct Links {
 [[nodiscard]] tk::Result<std::vector<Route>> parseRoutes(const std::string& text);
 [[nodiscard]] std::vector<std::string> parsePPPoE(const std::string& text);
 
+/// Where the kernel says whether it forwards packets.
+constexpr const char* forwardingFile = "/proc/sys/net/ipv4/ip_forward";
+
+/// True unless the kernel says that it forwards nothing.
+[[nodiscard]] bool isForwarding(const std::string& file = forwardingFile);
+
 /// Asks the kernel.
 /// Errors: when the tool ip is absent or fails.
 [[nodiscard]] tk::Result<Links> readLinks();

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "machine/testing/recorded.h"
+#include "tk/testing/folder.h"
 
 namespace machine {
 namespace {
@@ -104,6 +105,15 @@ TEST(LinksOfIp, AnythingElseIsAFailure) {
         EXPECT_FALSE(parseLinks(text).isOk()) << text;
     EXPECT_FALSE(parseAddresses(R"([{"ifname":"a","addr_info":[{"local":"192.0.2.1"}]}])").isOk());
     EXPECT_FALSE(parseRoutes(R"([{"dev":"a"}])").isOk());
+}
+
+TEST(Forwarding, IsOnUnlessTheKernelSaysOtherwise) {
+    const tk::testing::Folder folder;
+    folder.write("off", "0\n");
+    folder.write("on", "1\n");
+    EXPECT_FALSE(isForwarding(folder.file("off")));
+    EXPECT_TRUE(isForwarding(folder.file("on")));
+    EXPECT_TRUE(isForwarding(folder.file("none")));
 }
 
 TEST(PPPoESessions, NameTheirInterfaces) {
