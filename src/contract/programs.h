@@ -5,7 +5,7 @@
 #include "tk/message.h"
 #include "tk/names.h"
 
-/// Who is on the bus, and where.
+/// Who is on the bus, and where; and where the programs have their files.
 namespace contract {
 
 namespace program {
@@ -54,5 +54,13 @@ inline tk::Path mappings() {
 
 /// Where the hub listens.
 constexpr const char* busPath = "/run/tk/bus";
+
+/// What routerd reads unless it is told otherwise.
+constexpr const char* usualConfiguration = "/tesk/etc/router.toml";
+
+// Where the programs store. They are apart: what upnpd may write to must never become a rule or an interface's
+// id.
+constexpr const char* networkStores = "/tesk/router";
+constexpr const char* gatewayStores = "/tesk/store";
 
 }  // namespace contract

@@ -37,7 +37,7 @@ int refuseArguments(int count, char** arguments) {
 int main(int count, char** arguments) {
     if (count > 1) return refuseArguments(count, arguments);
     // Before anything is read.
-    if (const tk::Status given = tk::giveUpRights("upnpd", {"/tesk/store"}); !given.isOk()) {
+    if (const tk::Status given = tk::giveUpRights("upnpd", {contract::gatewayStores}); !given.isOk()) {
         tk::log("cannot give up root's rights: ", given.reason());
         return 1;
     }

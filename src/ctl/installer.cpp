@@ -144,7 +144,7 @@ void Installer::putBack(const SetupPlan& plan) {
 }
 
 void Installer::startRouter() {
-    const std::string words = options.file == machine::usualConfiguration
+    const std::string words = options.file == contract::usualConfiguration
                                   ? ""
                                   : "--config " + std::filesystem::absolute(options.file).string();
     if (!machine::hasSystemd())

@@ -19,6 +19,7 @@
 #include "ctl/interfaces.h"
 #include "ctl/overview.h"
 #include "ctl/table.h"
+#include "machine/configuration.h"
 #include "machine/links.h"
 #include "machine/tool.h"
 #include "setup/difference.h"
@@ -72,7 +73,7 @@ std::string fileOfUnit() {
     constexpr std::string_view arguments = "argv[]=";
     const auto shown = machine::outputOf({"systemctl", "show", "--property=ExecStart", routerUnit});
     const std::size_t begin = shown.isOk() ? shown->find(arguments) : std::string::npos;
-    if (begin == std::string::npos) return machine::usualConfiguration;
+    if (begin == std::string::npos) return contract::usualConfiguration;
     std::string line = shown->substr(begin + arguments.size());
     line.resize(std::min(line.find(" ;"), line.size()));
     std::replace(line.begin(), line.end(), ' ', '\0');

@@ -3,11 +3,11 @@
 #include <string>
 #include <vector>
 
+#include "contract/programs.h"
 #include "ctl/context.h"
 #include "ctl/daemonanswer.h"
 #include "ctl/json.h"
 #include "ctl/terminal.h"
-#include "machine/configuration.h"
 #include "setup/proposal.h"
 
 namespace ctl {
@@ -17,7 +17,7 @@ constexpr const char* routerUnit = "routerd.service";
 
 /// What "tkctl setup" was called with.
 struct SetupOptions {
-    std::string file = machine::usualConfiguration;
+    std::string file = contract::usualConfiguration;
     setup::Wishes wishes;
     bool isAgreed = false;  // true: applies without a question
 };

@@ -24,7 +24,8 @@ constexpr std::size_t configLimit = std::size_t{1024} * 1024;
 constexpr struct {
     const char* folder;
     std::uint32_t program;
-} folders[] = {{"/tesk/router", contract::program::network}, {"/tesk/store", contract::program::gateway}};
+} folders[] = {{contract::networkStores, contract::program::network},
+               {contract::gatewayStores, contract::program::gateway}};
 
 StoreFact lookAtStore(const char* folder, std::uint32_t program) {
     StoreFact store;
@@ -60,7 +61,7 @@ std::string processFolder(const BusFacts& bus) {
 std::string configPath(const BusFacts& bus) {
     for (const ProgramFact& program : bus.programs)
         if (program.number == contract::program::network) return machine::configurationOf(program.pid);
-    return machine::usualConfiguration;
+    return contract::usualConfiguration;
 }
 
 /// The file of the routerd that runs, or else of the one that came with this program.

@@ -8,6 +8,7 @@
 #include <system_error>
 #include <vector>
 
+#include "contract/programs.h"
 #include "machine/tool.h"
 #include "tk/file.h"
 
@@ -43,14 +44,14 @@ std::vector<std::string> checkWords(const std::string& program, const std::strin
         words = {"setpriv", "--reuid", user, "--regid", user, "--init-groups"};
     words.insert(words.end(), {program, "--check"});
     // The usual one may be absent.
-    if (file != usualConfiguration) words.insert(words.end(), {"--config", file});
+    if (file != contract::usualConfiguration) words.insert(words.end(), {"--config", file});
     return words;
 }
 
 }  // namespace
 
 std::string configurationIn(const std::string& commandLine) {
-    std::string file = usualConfiguration;
+    std::string file = contract::usualConfiguration;
     for (std::string_view rest = commandLine; !rest.empty();) {
         const std::string_view argument = takeArgument(rest);
         const std::string_view name = argument.substr(0, argument.find('='));
@@ -63,7 +64,7 @@ std::string configurationIn(const std::string& commandLine) {
 std::string configurationOf(std::uint32_t pid) {
     const std::string process = "/proc/" + std::to_string(pid);
     const auto line = tk::readFile(process + "/cmdline", limit);
-    if (!line.isOk()) return usualConfiguration;
+    if (!line.isOk()) return contract::usualConfiguration;
     const std::filesystem::path file = configurationIn(*line);
     if (file.is_absolute()) return file.string();
     std::error_code unknown;

@@ -7,9 +7,6 @@
 
 namespace machine {
 
-/// What routerd reads unless it is told otherwise.
-constexpr const char* usualConfiguration = "/tesk/etc/router.toml";
-
 /// The configuration file that a command line of routerd names; the usual one if it names none.
 /// `commandLine`: its arguments, with a zero after each, as the kernel tells them.
 [[nodiscard]] std::string configurationIn(const std::string& commandLine);

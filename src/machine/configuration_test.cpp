@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "contract/programs.h"
 #include "tk/testing/folder.h"
 
 namespace machine {
@@ -19,9 +20,9 @@ std::string lineOf(std::initializer_list<std::string> arguments) {
 }
 
 TEST(Configuration, IsTheUsualOneUnlessTheCommandLineNamesOne) {
-    EXPECT_EQ(configurationIn(""), usualConfiguration);
-    EXPECT_EQ(configurationIn(lineOf({"routerd"})), usualConfiguration);
-    EXPECT_EQ(configurationIn(lineOf({"routerd", "--configx=/a"})), usualConfiguration);
+    EXPECT_EQ(configurationIn(""), contract::usualConfiguration);
+    EXPECT_EQ(configurationIn(lineOf({"routerd"})), contract::usualConfiguration);
+    EXPECT_EQ(configurationIn(lineOf({"routerd", "--configx=/a"})), contract::usualConfiguration);
 }
 
 TEST(Configuration, IsTheLastOneThatTheCommandLineNames) {
@@ -33,8 +34,8 @@ TEST(Configuration, IsTheLastOneThatTheCommandLineNames) {
 
 TEST(Configuration, OfAProcessIsReadFromItsCommandLine) {
     const auto own = static_cast<std::uint32_t>(::getpid());
-    EXPECT_EQ(configurationOf(own), usualConfiguration);
-    EXPECT_EQ(configurationOf(0), usualConfiguration);
+    EXPECT_EQ(configurationOf(own), contract::usualConfiguration);
+    EXPECT_EQ(configurationOf(0), contract::usualConfiguration);
 }
 
 /// A program in the place of routerd, which tells what it was called with.
@@ -60,7 +61,7 @@ TEST_F(ConfigurationCheckTest, TellsTheFirstLineOfARefusalAndHowToAskAgain) {
 }
 
 TEST_F(ConfigurationCheckTest, TheUsualFileIsNotNamedAsItMayBeAbsent) {
-    EXPECT_EQ(check(usualConfiguration, 1).refusal, "--check: no");
+    EXPECT_EQ(check(contract::usualConfiguration, 1).refusal, "--check: no");
 }
 
 TEST_F(ConfigurationCheckTest, NoOtherEndIsARefusal) {

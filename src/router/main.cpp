@@ -19,7 +19,6 @@
 
 namespace {
 
-constexpr const char* defaultConfig = "/tesk/etc/router.toml";
 constexpr const char* usage =
     "usage: routerd [--config FILE] [--check]\n"
     "\n"
@@ -86,7 +85,7 @@ int main(int count, char** arguments) {
                                      {"help", no_argument, nullptr, helpOption},
                                      {"version", no_argument, nullptr, versionOption},
                                      {nullptr, 0, nullptr, 0}};
-    std::string configPath = defaultConfig;
+    std::string configPath = contract::usualConfiguration;
     bool isDefault = true;
     bool onlyChecks = false;
     for (int given = 0; (given = ::getopt_long(count, arguments, "", options, nullptr)) != -1;)

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "contract/programs.h"
 #include "firewall/flowlog.h"
 #include "firewall/table.h"
 #include "hub/activation.h"
@@ -38,8 +39,7 @@ namespace router {
 /// Where the router finds and keeps its files.
 struct Paths {
     std::string bus;
-    // Not the daemon's folder: what the daemon writes must not become rules.
-    std::string stores = "/tesk/router";
+    std::string stores = contract::networkStores;
 
     /// The folder of the bus socket.
     std::string busFolder() const { return bus.substr(0, bus.rfind('/')); }
