@@ -15,6 +15,7 @@
 #include "ctl/json.h"
 #include "ctl/table.h"
 #include "ctl/text.h"
+#include "machine/network.h"
 #include "net/convert.h"
 #include "tk/message.h"
 
@@ -89,7 +90,7 @@ struct Question {
 };
 
 std::uint32_t addressNamed(const std::string& text) {
-    if (const auto address = parseAddress(text)) return *address;
+    if (const auto address = machine::parseIPv4(text)) return *address;
     throw misuse("'" + text + "': expected an IPv4 address such as 192.0.2.1");
 }
 

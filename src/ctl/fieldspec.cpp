@@ -9,6 +9,7 @@
 #include "ctl/failure.h"
 #include "ctl/json.h"
 #include "ctl/text.h"
+#include "machine/network.h"
 #include "net/convert.h"
 #include "tk/bus.h"
 #include "tk/names.h"
@@ -49,7 +50,8 @@ Value parseValue(tk::FieldType type, const std::string& text) {
         case tk::FieldType::string:
             return text;
         case tk::FieldType::be32:
-            return tk::Be32{orRefuse(parseAddress(text), "a be32 is an IPv4 address such as 192.0.2.1")};
+            return tk::Be32{
+                orRefuse(machine::parseIPv4(text), "a be32 is an IPv4 address such as 192.0.2.1")};
         case tk::FieldType::u64:
             return orRefuse(parseNumber(text, std::numeric_limits<std::uint64_t>::max()),
                             "a u64 is a number from 0 to 18446744073709551615");

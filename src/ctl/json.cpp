@@ -7,6 +7,7 @@
 
 #include "ctl/failure.h"
 #include "ctl/text.h"
+#include "machine/network.h"
 #include "net/convert.h"
 #include "tk/bus.h"
 #include "tk/names.h"
@@ -46,7 +47,7 @@ std::uint32_t readU32(const Json& value) {
 }
 
 std::uint32_t readAddress(const Json& value) {
-    const auto address = value.is_string() ? parseAddress(value.get<std::string>()) : std::nullopt;
+    const auto address = value.is_string() ? machine::parseIPv4(value.get<std::string>()) : std::nullopt;
     if (!address) throw misuse(lineOf(value) + " is not an IPv4 address");
     return *address;
 }

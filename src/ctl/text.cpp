@@ -1,6 +1,5 @@
 #include "ctl/text.h"
 
-#include <arpa/inet.h>
 #include <time.h>
 
 #include <algorithm>
@@ -160,13 +159,6 @@ std::optional<tk::Path> parsePath(std::string_view text) {
         if (comma == std::string_view::npos) return path;
         text.remove_prefix(comma + 1);
     }
-}
-
-std::optional<std::uint32_t> parseAddress(const std::string& text) {
-    in_addr address{};
-    if (text.find('\0') != std::string::npos || inet_pton(AF_INET, text.c_str(), &address) != 1)
-        return std::nullopt;
-    return address.s_addr;
 }
 
 std::string_view typeName(tk::FieldType type) {

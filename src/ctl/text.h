@@ -55,11 +55,6 @@ namespace ctl {
 /// Errors: none for an empty text or any other form.
 [[nodiscard]] std::optional<tk::Path> parsePath(std::string_view text);
 
-/// Four decimal numbers separated by dots.
-/// Byte order: network.
-/// Errors: none for any other form.
-[[nodiscard]] std::optional<std::uint32_t> parseAddress(const std::string& text);
-
 /// "u32", "bool", "string", "be32", "u64", "u32[]" or "message[]".
 [[nodiscard]] std::string_view typeName(tk::FieldType type);
 

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <charconv>
 
+#include "net/convert.h"
+
 namespace machine {
 
 namespace {
@@ -51,10 +53,7 @@ bool Network::contains(const Network& other) const {
 }
 
 std::string Network::text() const {
-    char dotted[INET_ADDRSTRLEN];
-    const in_addr converted{address};
-    return std::string(::inet_ntop(AF_INET, &converted, dotted, sizeof dotted)) + '/' +
-           std::to_string(length);
+    return gateway::ipToString(address) + '/' + std::to_string(length);
 }
 
 Network networkOf(std::uint32_t address, unsigned length) {
@@ -63,7 +62,8 @@ Network networkOf(std::uint32_t address, unsigned length) {
 
 std::optional<std::uint32_t> parseIPv4(const std::string& text) {
     in_addr parsed{};
-    if (::inet_pton(AF_INET, text.c_str(), &parsed) != 1) return std::nullopt;
+    if (text.find('\0') != std::string::npos || ::inet_pton(AF_INET, text.c_str(), &parsed) != 1)
+        return std::nullopt;
     return parsed.s_addr;
 }
 

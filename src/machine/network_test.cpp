@@ -28,6 +28,13 @@ TEST(Network, AnythingElseIsNone) {
         EXPECT_EQ(parseNetwork(text), std::nullopt) << text;
 }
 
+TEST(Address, IsFourDecimalNumbers) {
+    EXPECT_EQ(parseIPv4("192.0.2.1"), htonl(0xC0000201));
+    for (const char* text : {"", "192.0.2", "192.0.2.256", "192.0.2.1 ", "3221225985", "lan"})
+        EXPECT_EQ(parseIPv4(text), std::nullopt) << text;
+    EXPECT_EQ(parseIPv4(std::string("192.0.2.1\0x", 11)), std::nullopt);
+}
+
 TEST(Network, ContainsItsAddressesAndSmallerNetworks) {
     EXPECT_TRUE(net("192.0.2.0/24").contains(ip("192.0.2.255")));
     EXPECT_FALSE(net("192.0.2.0/24").contains(ip("192.0.3.0")));
