@@ -282,10 +282,10 @@ def test_without_the_packages_that_it_needs_nothing_is_built(copy):
     assert copy.commands() == ["lab/needs build lab"]
 
 
-def test_on_the_machine_itself_the_packages_of_the_lab_are_not_needed(copy):
+def test_on_the_machine_itself_it_installs_what_it_runs_and_not_the_lab(copy):
     status, _, told = copy.run("--lan", "nosuch0", "--wan", "nosuch1")
     assert (status, told) == (1, "gateway: no interface nosuch0 on this machine\n")
-    assert copy.commands() == ["lab/needs build", CONFIGURED, BUILT]
+    assert copy.commands() == ["lab/needs build run", CONFIGURED, BUILT]
 
 
 def test_programs_that_are_there_already_are_not_built(copy):
