@@ -98,7 +98,10 @@ TEST_F(SessionTest, AProgramThatDoesNotAnswerIsNamed) {
     bus.answer(service, 5, tk::errorMsg(tk::error::timedOut, "timed out"));
     EXPECT_EQ(failureOf(contract::path::gateway()),
               "upnpd does not answer: nobody at this destination; " + startAdvice("upnpd"));
+    bus.answer({contract::program::resolver}, 5, tk::errorMsg(tk::error::timedOut, "timed out"));
     EXPECT_EQ(failureOf(service), "routerd does not answer: timed out; " + restartAdvice("routerd"));
+    EXPECT_EQ(failureOf({contract::program::resolver}),
+              "resolverd does not answer: timed out; " + restartAdvice("resolverd"));
 }
 
 TEST_F(SessionTest, ARefusalWithoutTextTellsTheCode) {
