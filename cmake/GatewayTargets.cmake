@@ -34,6 +34,10 @@ if(GATEWAY_SANITIZE)
         -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
     target_link_options(gateway_options INTERFACE -fsanitize=address,undefined)
 endif()
+if(GATEWAY_FUZZ)
+    # What the fuzzer steers by is in every object, so that the fuzz targets and the unit tests share them.
+    target_compile_options(gateway_options INTERFACE -fsanitize=fuzzer-no-link)
+endif()
 
 set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_CXX_FLAGS_RELEASE "-Os -DNDEBUG")

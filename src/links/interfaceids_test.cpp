@@ -188,7 +188,7 @@ protected:
     }
 
     const tk::testing::Folder files;
-    const tk::testing::TestLoop loop;
+    const tk::testing::TestLoop loop{};
     std::unique_ptr<InterfaceIds> ids;
     std::set<std::uint32_t> present;
 };
