@@ -13,7 +13,7 @@ using testing::natRequest;
 using testing::ServiceTest;
 
 TEST_F(ServiceTest, DynamicRulesGoWithTheirOwnerInOneTransaction) {
-    for (std::uint32_t port = 1; port <= 5; ++port) add(natRequest(port, "192.0.2.2", port));
+    addMany(5);
     add(natRequest(6, "192.0.2.2", 6, 6, {1000}));
     add(lasting(7));
     const int before = kernel.transactions;
@@ -53,7 +53,7 @@ TEST_F(ServiceTest, RulesThatCannotGoWithTheirOwnerAreTriedAgainEachSecond) {
 }
 
 TEST_F(ServiceTest, ManyRulesGoWithTheirOwnerInTransactionsOfBoundedSize) {
-    for (std::uint32_t port = 1; port <= 5000; ++port) add(natRequest(port, "192.0.2.2", port));
+    addMany(5000);
     add(natRequest(6000, "192.0.2.2", 6000, 6, {1000}));
     kernel.largest = 2048;
     bus.posted.clear();
@@ -67,7 +67,7 @@ TEST_F(ServiceTest, ManyRulesGoWithTheirOwnerInTransactionsOfBoundedSize) {
 }
 
 TEST_F(ServiceTest, WhatOneTransactionTookOutStaysOutWhenTheNextIsRefused) {
-    for (std::uint32_t port = 1; port <= 3000; ++port) add(natRequest(port, "192.0.2.2", port));
+    addMany(3000);
     kernel.transactionsLeft = 1;
     EXPECT_TRUE(tk::isError(nat.cmdDisconnected({80})));
     EXPECT_EQ(count(), 3000U - 2048U);

@@ -30,7 +30,7 @@ TEST_F(ServiceTest, KernelsRefusalIsToldAndNothingIsKept) {
 }
 
 TEST_F(ServiceTest, WithdrawsAllRulesFromTheKernelAndNoneFromTheStore) {
-    for (std::uint32_t port = 1; port <= 3000; ++port) add(natRequest(port, "192.0.2.2", port));
+    addMany(3000);
     add(lasting(3001));
     tk::message request = natRequest(3002, "192.0.2.2", 3002);
     request.insert_bool(tk::field::disabled, true);

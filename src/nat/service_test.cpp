@@ -116,7 +116,7 @@ TEST_F(ServiceTest, RemovingWhatIsGoneSucceeds) {
 }
 
 TEST_F(ServiceTest, TheListComesInPages) {
-    for (std::uint32_t port = 1; port <= 1025; ++port) add(natRequest(port, "192.0.2.2", port));
+    addMany(1025);
     const tk::message first = nat.cmdGetAll({});
     EXPECT_EQ(first.size_message_array(tk::field::objects), 1024U);
     tk::message rest;

@@ -31,6 +31,12 @@ protected:
         EXPECT_EQ(tk::getError(reply), "");
         return reply.get_u32(tk::field::objectId);
     }
+    /// Adds a rule for each port from 1 to the last one. What the kernel holds is compared once, by the next transaction.
+    void addMany(std::uint16_t last) {
+        kernel.owner = nullptr;
+        for (std::uint32_t port = 1; port <= last; ++port) add(natRequest(port, "192.0.2.2", port));
+        kernel.owner = &nat;
+    }
     static tk::message ofId(std::uint32_t id) {
         tk::message request;
         request.insert_u32(tk::field::objectId, id);
