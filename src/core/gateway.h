@@ -48,6 +48,12 @@ public:
     /// The handler that lists the port mappings, to be served beside this one.
     tk::Handler& mappingList() { return mappings; }
 
+    /// The parts, to be looked at.
+    const Tracking& interfaces() const { return tracking; }
+    const Discovery& announced() const { return discovery; }
+    const HTTPServer& webServer() const { return server; }
+    const Service& rootService() const { return osInfo; }
+
     // Commands of the bus.
     tk::message cmdGet(const tk::message& request) override;
     tk::message cmdSet(const tk::message& request) override;

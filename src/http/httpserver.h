@@ -42,6 +42,8 @@ public:
 /// connection of the address that has the most.
 class HTTPServer {
 public:
+    using Connections = std::map<int, std::unique_ptr<HTTPConn>>;
+
     /// `directory` holds the static files and ends in a slash.
     /// Lifetime: the host outlives the server.
     HTTPServer(HTTPHost& host, std::string directory);
@@ -78,6 +80,8 @@ public:
     void dropConnections(const Device& device);
     /// True while a connection refers to `device`.
     bool hasConnections(const Device& device) const;
+    /// The open connections, by descriptor.
+    const Connections& open() const { return connections; }
 
 private:
     std::size_t countFrom(std::uint32_t source) const;
@@ -90,7 +94,7 @@ private:
 
     HTTPHost& host;
     HTTPStore store;
-    std::map<int, std::unique_ptr<HTTPConn>> connections;  // by descriptor
+    Connections connections;
     std::map<std::string, HTTPService*> servicesByEventURL;
     std::map<std::string, HTTPService*> servicesByControlURL;
     std::uint64_t accepts = 0;
