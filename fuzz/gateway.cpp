@@ -20,7 +20,8 @@
 //   time       T span
 //   kernel     F call after error      a call fails once                     o                     events in reverse order
 //
-// A link of 0 is the latest. `cut` is the length of a request's pieces in 7 bytes; 0 sends it whole. After each step:
+// At first the router has the interfaces 1, inside, and 2, outside; the daemon has items also for 3, inside, and 4,
+// outside. A link of 0 is the latest. `cut` is the length of a request's pieces in 7 bytes; 0 sends it whole. After each step:
 // the loop watches exactly what somebody owns, and comes to rest; the description, what searches find and what was
 // announced are what the interfaces say; the mappings are the router's rules; each complete request has one answer, or
 // waits for a limited time; only subscribers are notified; the limits hold; no log line has control characters. At the
@@ -73,6 +74,11 @@ private:
 };
 
 }  // namespace
+
+/// Most of the time would go into the stacks of all that is allocated.
+extern "C" const char* __asan_default_options() {  // NOLINT(bugprone-reserved-identifier)
+    return "malloc_context_size=5:quarantine_size_mb=64";
+}
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     ::setenv("TMPDIR", "/dev/shm", 0);  // a disk would be slow to sync

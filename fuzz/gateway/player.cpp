@@ -98,7 +98,7 @@ const std::string* Player::argument() {
                                   "255.255.255.255",
                                   "3600",
                                   "192.168.1.11",
-                                  "%s%n\x1b[31m\x07\x7f&gt;"};
+                                  "%s%n\x7f\xc2\x85&gt;"};
     constexpr unsigned own = std::size(values);
     const unsigned choice = number(own + 4);
     if (choice < own)
@@ -399,6 +399,7 @@ void Player::list() {
                 {contract::handler::mappings, contract::recentRefusals},
                 {0, tk::command::getAll},
                 {0, tk::command::getObject},
+                {0, tk::command::get},
                 {0, tk::command::moveObject},
                 {0, contract::interfaceChanged}};
     const auto& row = rows[number(std::size(rows))];

@@ -5,6 +5,7 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <string_view>
 
 #include "contract/interfaces.h"
 #include "contract/ports.h"
@@ -29,6 +30,14 @@ struct Interface {
 constexpr Interface interfaces[] = {
     {1, "192.168.1.1"}, {2, "198.51.100.1"}, {3, "192.168.3.1"}, {4, "203.0.113.1"}};
 
+/// What follows a header's name in an advert. There are many adverts: this costs less than to read all of it.
+std::string headerOf(std::string_view text, std::string_view name) {
+    const std::size_t found = text.find(name);
+    if (found == std::string_view::npos) return {};
+    const std::size_t start = found + name.size();
+    return std::string(text.substr(start, text.find('\r', start) - start));
+}
+
 /// The name of a message's subscription.
 std::string sidOf(const gateway::HTTPMessage& notify) {
     return notify.get("SID");
@@ -38,7 +47,7 @@ std::string sidOf(const gateway::HTTPMessage& notify) {
 
 World::World(std::string folder) : folder(std::move(folder)) {
     for (const Interface& each : interfaces) {
-        router.interfaces[each.id] = gateway::interfaceRecord(each.id, nameOf(each.id));
+        if (each.id <= 2) router.interfaces[each.id] = gateway::interfaceRecord(each.id, nameOf(each.id));
         router.states[each.id] = gateway::statusRecord(each.id, false, true);
         router.addresses[each.id * 10] = gateway::addressRecord(each.id * 10, each.address, each.id);
     }
@@ -173,10 +182,11 @@ void World::datagramSent(const Network::Datagram& datagram) {
         searchAnswers.emplace_back(datagram.to, datagram.text);
         return;
     }
-    const gateway::HTTPMessage advert(datagram.text);
-    const std::pair name(advert.get("NT"), advert.get("USN"));
-    require(advert.complete && advert.title == "NOTIFY * HTTP/1.1", "an advert is whole");
-    if (advert.get("NTS") == "ssdp:alive")
+    const std::string_view text = datagram.text;
+    const bool isAdvert = text.starts_with("NOTIFY * HTTP/1.1\r\n") && text.ends_with("\r\n\r\n");
+    require(isAdvert, "an advert is whole");
+    const std::pair name(headerOf(text, "\r\nNT: "), headerOf(text, "\r\nUSN: "));
+    if (headerOf(text, "\r\nNTS: ") == "ssdp:alive")
         heard[datagram.descriptor].insert(name);
     else
         heard[datagram.descriptor].erase(name);

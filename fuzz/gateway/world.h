@@ -18,7 +18,7 @@
 namespace fuzz {
 
 /// What search answers and adverts name: a type and a unique name.
-using Names = std::multimap<std::string, std::string>;
+using Names = std::multiset<std::pair<std::string, std::string>>;
 
 /// The daemon between a router, a network and time, all of which the input moves; and what always holds of it.
 class World {
@@ -26,7 +26,8 @@ public:
     /// Interfaces have ids below this.
     static constexpr std::uint32_t interfaceLimit = 8;
 
-    /// The router has two internal interfaces, 1 and 3, and two external ones, 2 and 4. The daemon does not run yet.
+    /// The router has the interfaces 1 and 2, and addresses for 3 and 4 that it may have later. The daemon does not
+    /// run yet.
     /// Lifetime: the folder outlives the world.
     explicit World(std::string folder);
     World(const World&) = delete;
@@ -109,7 +110,7 @@ private:
     std::map<const Link*, Visit> visits;
     std::map<std::string, std::uint32_t> sequence;  // the number of the next NOTIFY, by subscription
     // What hosts have heard, by the descriptor that it came from; and where something could not be sent.
-    std::map<int, std::set<std::pair<std::string, std::string>>> heard;
+    std::map<int, std::set<Names::value_type>> heard;
     std::set<int> unheard;
 };
 
