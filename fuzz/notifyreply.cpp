@@ -1,8 +1,8 @@
-// What a subscriber answers to a NOTIFY, on a real connection. The first byte says how it ends: 0 it stays open, 1 the
-// subscriber closes its side, 2 it breaks off; bit 2 stands for a NOTIFY of one variable, bit 3 for an unknown one, bit
-// 4 for a subscription that is gone by then. The second says how long the first piece of the reply is; the rest follows
-// once that has been read. However it goes: the delivery ends, at the latest when its time is up, gives everything
-// back, and leaves the subscription as it was.
+// What a subscriber answers to a NOTIFY, on a real connection. The first byte says how it ends: 0 it stays
+// open, 1 the subscriber closes its side, 2 it breaks off; bit 2 stands for a NOTIFY of one variable, bit 3
+// for an unknown one, bit 4 for a subscription that is gone by then. The second says how long the first piece
+// of the reply is; the rest follows once that has been read. However it goes: the delivery ends, at the
+// latest when its time is up, gives everything back, and leaves the subscription as it was.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>

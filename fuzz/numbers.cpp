@@ -1,4 +1,5 @@
-// A text that is to be a number: the conversions and the checks of arguments, against the C library's numbers of 64 bits.
+// A text that is to be a number: the conversions and the checks of arguments, against the C library's numbers
+// of 64 bits.
 #include <algorithm>
 #include <cstdlib>
 #include <limits>

@@ -1,7 +1,7 @@
-// POSTs to the control URL of a WANIPConnection whose bus is a script. NUL separates the POSTs of an input. Each begins
-// with a byte of flags, then the value of SOAPACTION up to the line end, then the body. Whatever comes: each answer is
-// one that the code can give and that an XML parser accepts, and the mappings change only with a 200 and together with
-// the rules of the firewall.
+// POSTs to the control URL of a WANIPConnection whose bus is a script. NUL separates the POSTs of an input.
+// Each begins with a byte of flags, then the value of SOAPACTION up to the line end, then the body. Whatever
+// comes: each answer is one that the code can give and that an XML parser accepts, and the mappings change
+// only with a 200 and together with the rules of the firewall.
 #include <arpa/inet.h>
 
 #include <algorithm>

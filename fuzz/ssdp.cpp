@@ -1,6 +1,6 @@
-// A datagram through the whole read path of discovery, from the socket to the answers: exactly the searches are
-// answered, with the entries that they ask for, and nobody but the asker hears of it. Two hosts ask in turn, by whether
-// the datagram's length is odd.
+// A datagram through the whole read path of discovery, from the socket to the answers: exactly the searches
+// are answered, with the entries that they ask for, and nobody but the asker hears of it. Two hosts ask in
+// turn, by whether the datagram's length is odd.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -95,7 +95,8 @@ std::optional<std::string_view> takeLine(std::string_view& text) {
     return line;
 }
 
-/// The headers of a datagram, by their names in upper case, as far as they can be read; the first of a name counts.
+/// The headers of a datagram, by their names in upper case, as far as they can be read; the first of a name
+/// counts.
 Headers headersOf(std::string_view text) {
     Headers headers;
     for (auto line = takeLine(text); line && !line->empty(); line = takeLine(text)) {

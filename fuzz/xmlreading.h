@@ -2,9 +2,9 @@
 
 #include <expat.h>
 
-#include <climits>
 #include <memory>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -13,8 +13,8 @@
 
 namespace fuzz {
 
-/// Reads a document with the same tokeniser as the daemon, but by itself and without limits: the elements, their
-/// attributes, and for a leaf the last piece of text that came before its end.
+/// Reads a document with the same tokeniser as the daemon, but by itself and without limits: the elements,
+/// their attributes, and for a leaf the last piece of text that came before its end.
 class XMLReading {
 public:
     explicit XMLReading(std::string_view text) {

@@ -1,6 +1,6 @@
-// An XML document through parser, tree and writer. The tree is the one that another reading makes, if the document is
-// within the limits; what is written of it and read again is equal, with two exceptions that are on purpose: an empty
-// leaf takes the blanks that indent it, and texts with markup are not escaped.
+// An XML document through parser, tree and writer. The tree is the one that another reading makes, if the
+// document is within the limits; what is written of it and read again is equal, with two exceptions that are
+// on purpose: an empty leaf takes the blanks that indent it, and texts with markup are not escaped.
 #include <algorithm>
 #include <string>
 #include <string_view>
