@@ -1,7 +1,7 @@
 // Requests for events, and what becomes of them. NUL separates the steps of an input. A step is a SUBSCRIBE
 // or an UNSUBSCRIBE in the form of HTTP, or a letter: A with the address that the resolver gives to the
 // client that has waited longest, E for its error, D when that client leaves, T with a number of seconds that
-// pass, F for a flood of subscribers before all others. After each step the subscriptions are those of a
+// pass, F for a flood of subscribers when there are none. After each step the subscriptions are those of a
 // simple model, no two of one address and at most 100, and each timer has an owner.
 #include <uuid/uuid.h>
 
@@ -32,6 +32,8 @@ using gateway::HTTPMessage;
 
 constexpr std::size_t stepLimit = 16;  // of an input
 constexpr std::size_t subscriptionLimit = 100;
+constexpr std::uint32_t shortestSeconds = 1800;
+constexpr std::uint32_t longestSeconds = 86400;
 constexpr std::size_t waitLimit = 3;            // clients that may wait at once
 constexpr std::uint32_t longestPause = 100000;  // seconds
 constexpr std::uint32_t ticksPerSecond = 100;
@@ -40,10 +42,11 @@ std::uint16_t uuids = 0;  // made for this input
 
 /// The seconds that a value of TIMEOUT is granted.
 std::uint32_t secondsFor(const std::string& timeout) {
-    if (!timeout.starts_with("Second-")) return 1800;
-    if (timeout == "Second-infinite") return 86400;
+    if (!timeout.starts_with("Second-")) return shortestSeconds;
+    if (timeout == "Second-infinite") return longestSeconds;
     const std::int32_t wanted = gateway::toInt(timeout.substr(7));
-    return wanted < 0 ? 86400 : static_cast<std::uint32_t>(std::clamp(wanted, 1800, 86400));
+    if (wanted < 0) return longestSeconds;
+    return std::clamp(static_cast<std::uint32_t>(wanted), shortestSeconds, longestSeconds);
 }
 
 /// A service, its clients, and what its subscriptions should be.
@@ -88,16 +91,19 @@ private:
         fuzz::require(client.answered->toString() == HTTPMessage(isKnown ? 200 : 412).toString(),
                       "a subscription that there is can be ended");
     }
+    /// Takes every place there is, without the cost of that many requests.
     void flood() {
         for (unsigned host = 0; host < subscriptionLimit; ++host) {
-            HTTPMessage request;
-            request.add("NT", "upnp:event");
-            request.add("CALLBACK", "<http://127.9.9." + gateway::toString(host) + ":9/>");
-            subscribe(request);
+            const std::string sid = "uuid:" + gateway::toString(host);
+            const std::uint32_t address = gateway::toAddress("127.9.9." + gateway::toString(host));
+            auto& subscription = service.subscriptions[sid];
+            subscription = std::make_unique<gateway::Subscription>(service, sid, address, 9, "/");
+            subscription->expireIn(shortestSeconds);
+            expiry[sid] = now + std::uint64_t{shortestSeconds} * ticksPerSecond;
         }
     }
     void event(char kind, const std::string& value) {
-        if (kind == 'F' && uuids == 0) flood();  // costs much: only once, and before all others
+        if (kind == 'F' && expiry.empty()) flood();
         if (kind == 'T') pass(std::min(gateway::toUnsigned(value), longestPause) * ticksPerSecond);
         if (waiting.empty()) return;
         tk::message end;
