@@ -11,6 +11,9 @@ namespace {
 
 // Units: bytes. Most fields take 6 to 9, some far more.
 constexpr std::size_t usualFieldSize = 10;
+// A list of records is one level deep. What is nested further has its bytes counted by every level around it: to
+// make room there, too, would let a few bytes take up a hundred times their size.
+constexpr unsigned deepestWithRoom = 1;
 
 template <typename T>
 void putInteger(std::string& out, T value) {
@@ -107,7 +110,7 @@ private:
 };
 
 bool Reader::readMessage(message& out) {
-    out.reserve(rest.size() / usualFieldSize);
+    if (depth <= deepestWithRoom) out.reserve(rest.size() / usualFieldSize);
     while (!rest.empty()) {
         std::uint32_t id = 0;
         std::uint8_t type = 0;

@@ -173,6 +173,24 @@ TEST(Wire, HoldsAThousandAndTwentyFourFieldsAndNoMore) {
     EXPECT_FALSE(message::parse(full.serialise(), read));
 }
 
+/// The memory of all lists of fields in a message.
+std::size_t fieldMemory(const message& read) {
+    std::size_t bytes = read.fields().capacity() * sizeof(message::Field);
+    for (const message::Field& field : read.fields())
+        for (const message& inner : read.get_message_array(field.id)) bytes += fieldMemory(inner);
+    return bytes;
+}
+
+TEST(Wire, DeepNestingTakesNoMoreMemoryThanItsBytesDeserve) {
+    message deep = single({1, std::string(10000, 'x')});
+    for (unsigned depth = 0; depth < message::nestingLimit; ++depth)
+        deep = single({1, std::vector<message>{deep}});
+    const std::string flat = deep.serialise();
+    message read;
+    ASSERT_TRUE(message::parse(flat, read));
+    EXPECT_LT(fieldMemory(read), 12 * flat.size());
+}
+
 TEST(Wire, WhatIsReadFromMutatedBytesIsWrittenBackUnchanged) {
     std::mt19937 random(20240607);  // a fixed seed: every run tries the same bytes
     const std::string whole = oneOfEach().serialise();
