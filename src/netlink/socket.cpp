@@ -7,6 +7,16 @@
 
 namespace netlink {
 
+namespace {
+
+/// True when a whole message begins there. The library reads a length of 2 GiB and more as a negative one, which
+/// fits everywhere.
+bool isWhole(const nlmsghdr& message, int left) {
+    return mnl_nlmsg_ok(&message, left) && message.nlmsg_len <= static_cast<std::uint32_t>(left);
+}
+
+}  // namespace
+
 tk::Status Socket::open(int family, std::uint32_t groups) {
     socket.reset(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, family));
     if (!socket.isOpen()) return tk::Status::ofErrno(errno);
@@ -76,7 +86,7 @@ tk::Result<Socket::Received> Socket::receive(int milliseconds, const Visitor& vi
     if (!result.isOk() || *result != Received::datagram) return result;
     auto left = static_cast<int>(filled);
     const auto* message = reinterpret_cast<const nlmsghdr*>(buffer.get());
-    while (mnl_nlmsg_ok(message, left)) {
+    while (isWhole(*message, left)) {
         visit(*message);
         message = mnl_nlmsg_next(message, &left);
     }

@@ -1,7 +1,9 @@
 #include "netlink/socket.h"
 
+#include <fcntl.h>
 #include <linux/capability.h>
 #include <linux/rtnetlink.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -110,6 +112,45 @@ TEST_F(SocketReceive, LosesALargerDatagramAlone) {
 
 TEST_F(SocketReceive, FindsNothingWhereTheKernelHasSaidNothing) {
     EXPECT_EQ(receive(), Socket::Received::nothing);
+}
+
+/// A socket whose datagrams the test sends, as the kernel would.
+class SocketMessages : public ::testing::Test {
+protected:
+    void SetUp() override {
+        int ends[2];
+        ASSERT_TRUE(socket.open(NETLINK_ROUTE).isOk());
+        ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0);
+        kernel = tk::Fd(ends[0]);
+        const tk::Fd own(ends[1]);
+        ASSERT_GE(::dup3(own.get(), socket.descriptor(), O_CLOEXEC), 0);
+    }
+    static nlmsghdr ofLength(std::uint32_t length) { return {length, RTM_NEWLINK, 0, 0, 0}; }
+    /// How many messages of one datagram are visited.
+    int visited(const std::vector<nlmsghdr>& headers) {
+        const std::size_t size = headers.size() * sizeof headers[0];
+        EXPECT_EQ(::send(kernel.get(), headers.data(), size, 0), static_cast<ssize_t>(size));
+        int count = 0;
+        const auto visit = [&count](const nlmsghdr&) {
+            if (++count > 1000) ::abort();  // it would never end
+        };
+        const auto result = socket.receive(0, visit);
+        EXPECT_TRUE(result.isOk() && *result == Socket::Received::datagram);
+        return count;
+    }
+
+    Socket socket;
+    tk::Fd kernel;
+};
+
+TEST_F(SocketMessages, AreVisitedOneByOne) {
+    EXPECT_EQ(visited({ofLength(16), ofLength(16), ofLength(16)}), 3);
+    EXPECT_EQ(visited({ofLength(32), ofLength(16), ofLength(16)}), 2);
+}
+
+TEST_F(SocketMessages, EndWhereALengthCannotBe) {
+    for (const std::uint32_t length : {0U, 15U, 33U, 0x7FFFFFFFU, 0x80000000U, 0xFFFFFFF0U, 0xFFFFFFFFU})
+        EXPECT_EQ(visited({ofLength(16), ofLength(length), ofLength(16)}), 1) << length;
 }
 
 }  // namespace
