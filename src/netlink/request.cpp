@@ -17,7 +17,13 @@ constexpr int dumpAttempts = 20;
 std::string kernelText(const nlmsghdr& message, const nlmsgerr& error) {
     if ((message.nlmsg_flags & NLM_F_ACK_TLVS) == 0) return {};
     std::size_t offset = sizeof error;
-    if ((message.nlmsg_flags & NLM_F_CAPPED) == 0) offset += mnl_nlmsg_get_payload_len(&error.msg);
+    if ((message.nlmsg_flags & NLM_F_CAPPED) == 0) {
+        // Our request stands before them. An offset from its length must not lead out of this message.
+        const std::size_t room = mnl_nlmsg_get_payload_len(&message) - sizeof error;
+        const std::size_t length = error.msg.nlmsg_len;
+        if (length < sizeof error.msg || length - sizeof error.msg > room) return {};
+        offset += length - sizeof error.msg;
+    }
     const char* tail = static_cast<const char*>(mnl_nlmsg_get_payload_tail(&message));
     const auto* attribute = static_cast<const nlattr*>(mnl_nlmsg_get_payload_offset(&message, offset));
     while (mnl_attr_ok(attribute, static_cast<int>(tail - reinterpret_cast<const char*>(attribute)))) {

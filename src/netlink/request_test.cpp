@@ -108,6 +108,34 @@ TEST_F(RequestTest, ATransactionEndsWithTheFirstError) {
     EXPECT_EQ(transact(socket, messages, first, last).code(), static_cast<std::uint32_t>(ENODEV));
 }
 
+/// An error message that repeats a request of this length, and then explains itself.
+class Explained {
+public:
+    explicit Explained(std::uint32_t requestLength) {
+        message = mnl_nlmsg_put_header(buffer.data());
+        message->nlmsg_type = NLMSG_ERROR;
+        message->nlmsg_flags = NLM_F_ACK_TLVS;
+        auto* error = static_cast<nlmsgerr*>(mnl_nlmsg_put_extra_header(message, sizeof(nlmsgerr)));
+        error->error = -EINVAL;
+        error->msg.nlmsg_len = requestLength;
+        mnl_attr_put_strz(message, NLMSGERR_ATTR_MSG, "because");
+    }
+    const nlmsghdr& get() const { return *message; }
+
+private:
+    alignas(nlmsghdr) std::array<char, 256> buffer{};
+    nlmsghdr* message;
+};
+
+TEST(Outcome, HasTheKernelsWordsAfterTheRequestThatTheyAreAbout) {
+    EXPECT_EQ(outcomeOf(Explained(sizeof(nlmsghdr)).get()).reason(), "Invalid argument (because)");
+}
+
+TEST(Outcome, HasNoWordsWhenTheRequestBeforeThemCannotBeThatLong) {
+    for (const std::uint32_t length : {0U, 15U, 1000U, 0x80000000U, 0xC0000000U, 0xFFFFFFFFU})
+        EXPECT_EQ(outcomeOf(Explained(length).get()).reason(), "Invalid argument") << length;
+}
+
 TEST(Answer, ToNothingIsComplete) {
     EXPECT_TRUE(Answer().isComplete());
     EXPECT_TRUE(Answer().outcome().isOk());
