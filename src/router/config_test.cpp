@@ -215,6 +215,7 @@ INSTANTIATE_TEST_SUITE_P(Texts, RefusedConfig, ::testing::ValuesIn(cases),
 
 TEST(ParseConfig, BrokenTextIsRefusedWithItsLine) {
     EXPECT_EQ(parseConfig("\n\n= 3\n", "r.toml").reason().substr(0, 9), "r.toml:3:");
+    EXPECT_EQ(parseConfig("\n[;nat]\n", "r.toml").reason().substr(0, 9), "r.toml:2:");
 }
 
 TEST(RunAsRouter, ProgramsWithoutAUserGetTheRoutersOwn) {

@@ -143,6 +143,7 @@ TEST(RouterToml, SaysWhereItIsBroken) {
     const auto broken = RouterToml::parse("[lan]\ninterfaces = [\n[nat]\n", "router.toml");
     ASSERT_FALSE(broken.isOk());
     EXPECT_TRUE(broken.reason().starts_with("router.toml:3: ")) << broken.reason();
+    EXPECT_TRUE(RouterToml::parse("[;lan]\n", "router.toml").reason().starts_with("router.toml:1: "));
     EXPECT_EQ(parsed("\n[lan]\ninterfaces = [1]\n").lanInterfaces().reason(),
               "router.toml:3: interfaces: must be a list of interfaces, such as \"lan0\"");
 }
