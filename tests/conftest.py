@@ -3,7 +3,10 @@ import os
 
 import pytest
 
-import labs
+pytest.register_assert_rewrite("bystanders")  # so that its assertions tell what they compared
+
+import bystanders  # noqa: E402
+import labs  # noqa: E402
 
 
 def pytest_configure(config):
@@ -16,6 +19,10 @@ def pytest_sessionstart(session):
         pytest.exit("these tests build network namespaces, which needs root", returncode=3)
     if not hasattr(session.config, "workerinput"):  # only the first process, if tests run in several
         labs.remove_leftovers()
+
+
+def pytest_terminal_summary(terminalreporter):
+    bystanders.tell(terminalreporter)
 
 
 @pytest.fixture

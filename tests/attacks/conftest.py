@@ -1,0 +1,77 @@
+"""Attacks on a lab that the tests of a file share, and what has to be as before after each of them."""
+import os
+import pathlib
+import re
+
+import pytest
+
+import bystanders
+import labs
+from labs import eventually
+
+GROWTH = 1 << 20  # bytes of memory that a program may keep after an attack: the allocator's loss, and first uses
+SETTLING = 15     # seconds until all is as before: a request may take 10 s
+
+
+class Condition:
+    """What an attack must leave as it found it."""
+
+    def __init__(self, lab):
+        self.lab = lab
+        self.descriptors = self.descriptors_now()
+        self.memory = {program.name: memory(program) for program in self.programs()}
+        self.table, self.rules = lab.table(), lab.rules()
+
+    def programs(self):
+        return self.lab.routerd, self.lab.upnpd
+
+    def descriptors_now(self):
+        return {program.name: descriptors(program) for program in self.programs()}
+
+    def check(self):
+        for program in self.programs():  # each is the same process while it runs, as nobody starts it again
+            assert program.running(), program.log + program.errors.read_text()
+            assert program.errors.read_text() == ""
+        eventually(lambda: self.descriptors_now() == self.descriptors, "the same descriptors are open", SETTLING)
+        assert (self.lab.table(), self.lab.rules()) == (self.table, self.rules)
+        for program in self.programs():
+            if not is_sanitized(program):  # the sanitizer keeps what is freed, to notice its use
+                grown = memory(program) - self.memory[program.name]
+                assert grown <= GROWTH, f"{program.name} has grown by {grown} bytes"
+
+
+def descriptors(program):
+    """What the program's descriptors refer to, in no order."""
+    folder = pathlib.Path(f"/proc/{program.process.pid}/fd")
+    targets = []
+    for entry in folder.iterdir():
+        try:
+            targets.append(os.readlink(entry))
+        except FileNotFoundError:  # closed meanwhile
+            continue
+    return sorted(targets)
+
+
+def memory(program):
+    """The program's proportional set size in bytes."""
+    text = pathlib.Path(f"/proc/{program.process.pid}/smaps_rollup").read_text()
+    return int(re.search(r"^Pss:\s+(\d+) kB$", text, re.M)[1]) << 10
+
+
+def is_sanitized(program):
+    """True with the address sanitizer, whose shadow takes up terabytes of addresses."""
+    return int(labs.status(program.process.pid)["VmSize"][0]) > 1 << 30
+
+
+@pytest.fixture
+def lab(lab):
+    """The file's lab. After each test everything is as it was before."""
+    before = Condition(lab)
+    yield lab
+    before.check()
+
+
+@pytest.fixture
+def bystander(lab, request):
+    """A second host. bystander.during(attack) looks at how it is served during an attack from the first one."""
+    return bystanders.Bystander(lab.lan2, request.node.user_properties.append)

@@ -1,0 +1,85 @@
+"""A host that asks for the description while another one attacks, and the table of how long it waited."""
+import contextlib
+import json
+import math
+import pathlib
+import subprocess
+import sys
+import threading
+
+import labs
+from control_point import PORT, file_answer
+
+SCRIPT = pathlib.Path(__file__).parent / "attacks" / "askagain.py"
+SAMPLES = 300     # at least, for a percentile that one slow answer does not decide
+LIMIT_MS = 100.0  # for the 99th percentile of the answers
+PROPERTY = "bystander"
+
+
+def percentile(times, share):
+    """The time within which this share of the answers came, by the nearest rank."""
+    return sorted(times)[math.ceil(share * len(times)) - 1]
+
+
+class Bystander:
+    """Asks from a process of its own on the host. Takes a function that keeps a property for the table."""
+
+    def __init__(self, host, keep):
+        self.host, self.keep = host, keep
+        self.times, self.wrong = [], []  # milliseconds; and what came instead of an answer
+
+    def during(self, attack):
+        """Does attack() once, and again until enough answers were timed; then looks at all of them. Returns what the last
+        attack returned."""
+        with self.asking():
+            outcome = attack()
+            while len(self.times) + len(self.wrong) < SAMPLES:
+                outcome = attack()
+        self.keep((PROPERTY, self.figures()))
+        assert self.wrong == []
+        assert self.description == file_answer(self.description.partition("\r\n\r\n")[2])
+        assert percentile(self.times, 0.99) < LIMIT_MS, f"the slowest: {sorted(self.times)[-10:]}"
+        return outcome
+
+    @contextlib.contextmanager
+    def asking(self):
+        command = self.host.command(sys.executable, SCRIPT, labs.ROUTER_LAN, PORT)
+        with subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True) as process:
+            begin = process.stdout.readline()
+            assert begin, "the bystander is not answered even in peace"
+            self.description = json.loads(begin)
+            reader = threading.Thread(target=self.note, args=[process.stdout])
+            reader.start()
+            try:
+                yield
+            finally:
+                process.stdin.close()
+                reader.join()
+        assert process.returncode == 0
+
+    def note(self, lines):
+        for line in lines:
+            try:
+                self.times.append(float(line))
+            except ValueError:
+                self.wrong.append(line.rstrip())
+
+    def figures(self):
+        """What the table shows: the number of answers, and milliseconds."""
+        times = self.times or [math.inf]
+        return [len(self.times), percentile(times, 0.5), percentile(times, 0.99), max(times)]
+
+
+def tell(terminal):
+    """Prints the figures that the tests have left as a property, a line for each test."""
+    rows = [(report.nodeid.rpartition("/")[2], value)
+            for reports in terminal.stats.values() for report in reports
+            for name, value in getattr(report, "user_properties", []) if name == PROPERTY and report.when == "call"]
+    if not rows:
+        return
+    terminal.section("the other host's description during attacks, in ms")
+    terminal.write_line(f"{'answers':>8} {'median':>8} {'99th %':>8} {'longest':>8}  attack")
+    for name, (answers, *times) in sorted(rows):
+        terminal.write_line(f"{answers:8} " + " ".join(f"{time:8.2f}" for time in times) + f"  {name}")
+    worst, name = max((value[2], name) for name, value in rows)
+    terminal.write_line(f"the highest 99th percentile of {len(rows)} attacks: {worst:.2f} ms, {name}")
