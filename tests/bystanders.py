@@ -28,10 +28,10 @@ class Bystander:
         self.host, self.keep = host, keep
         self.times, self.wrong = [], []  # milliseconds; and what came instead of an answer
 
-    def during(self, attack):
+    def during(self, attack, pause=0.001):
         """Does attack() once, and again until enough answers were timed; then looks at all of them. Returns what the last
-        attack returned."""
-        with self.asking():
+        attack returned. The pause is that between two requests, in seconds."""
+        with self.asking(pause):
             outcome = attack()
             while len(self.times) + len(self.wrong) < SAMPLES:
                 outcome = attack()
@@ -42,8 +42,8 @@ class Bystander:
         return outcome
 
     @contextlib.contextmanager
-    def asking(self):
-        command = self.host.command(sys.executable, SCRIPT, labs.ROUTER_LAN, PORT)
+    def asking(self, pause):
+        command = self.host.command(sys.executable, SCRIPT, labs.ROUTER_LAN, PORT, pause)
         with subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True) as process:
             begin = process.stdout.readline()
             assert begin, "the bystander is not answered even in peace"

@@ -1,9 +1,10 @@
 """Asks a gateway for its description again and again, until standard input ends.
 
-    askagain.py ADDRESS PORT
+    askagain.py ADDRESS PORT PAUSE
 
 First it asks some times in peace, and prints the first answer as a line of JSON. Then it prints a line for each answer:
 the milliseconds from the connect to the end of the answer, or what was wrong instead. The date may differ in answers.
+The pause between two requests is in seconds; a host that asks without one would itself be an attack.
 """
 import json
 import os
@@ -15,7 +16,6 @@ import time
 
 WARM_UP = 20
 PATIENCE = 10  # seconds
-PAUSE = 0.001  # between two requests, for a host that asks without a pause would itself be an attack
 REQUEST = b"GET /gateway.xml HTTP/1.1\r\n\r\n"
 
 
@@ -45,12 +45,12 @@ def measure(server, expected):
 def main():
     # It stands for another machine, which does not compete with the attacker and the gateway for a processor.
     os.setpriority(os.PRIO_PROCESS, 0, -20)
-    server = sys.argv[1], int(sys.argv[2])
+    server, pause = (sys.argv[1], int(sys.argv[2])), float(sys.argv[3])
     expected = timeless(ask(server))
     for _ in range(WARM_UP):
         ask(server)
     print(json.dumps(expected.decode()), flush=True)
-    while not select.select([sys.stdin], [], [], PAUSE)[0]:
+    while not select.select([sys.stdin], [], [], pause)[0]:
         print(measure(server, expected), flush=True)
 
 

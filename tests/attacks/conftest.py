@@ -9,12 +9,12 @@ import bystanders
 import labs
 from labs import eventually
 
-GROWTH = 1 << 20  # bytes of memory that a program may keep after an attack: the allocator's loss, and first uses
+GROWTH = 1 << 20  # bytes of memory that a program may keep: what the allocator loses, and what is only made when used
 SETTLING = 15     # seconds until all is as before: a request may take 10 s
 
 
 class Condition:
-    """What an attack must leave as it found it."""
+    """What all attacks together must leave as they found it."""
 
     def __init__(self, lab):
         self.lab = lab
@@ -63,12 +63,16 @@ def is_sanitized(program):
     return int(labs.status(program.process.pid)["VmSize"][0]) > 1 << 30
 
 
+@pytest.fixture(scope="module")
+def beginning(shared_lab):
+    return Condition(shared_lab)
+
+
 @pytest.fixture
-def lab(lab):
-    """The file's lab. After each test everything is as it was before."""
-    before = Condition(lab)
+def lab(beginning, lab):
+    """The file's lab. After each test everything is as it was before the first one."""
     yield lab
-    before.check()
+    beginning.check()
 
 
 @pytest.fixture
