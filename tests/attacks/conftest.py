@@ -1,7 +1,9 @@
 """Attacks on a lab that the tests of a file share, and what has to be as before after each of them."""
+import contextlib
 import os
 import pathlib
 import re
+import time
 
 import pytest
 
@@ -11,6 +13,7 @@ from labs import eventually
 
 GROWTH = 1 << 20  # bytes of memory that a program may keep: what the allocator loses, and what is only made when used
 SETTLING = 15     # seconds until all is as before: a request may take 10 s
+STEADY = 10       # equal readings in a row
 
 
 class Condition:
@@ -18,7 +21,7 @@ class Condition:
 
     def __init__(self, lab):
         self.lab = lab
-        self.descriptors = self.descriptors_now()
+        self.descriptors = settled(self.descriptors_now)
         self.memory = {program.name: memory(program) for program in self.programs()}
         self.table, self.rules = lab.table(), lab.rules()
 
@@ -32,12 +35,23 @@ class Condition:
         for program in self.programs():  # each is the same process while it runs, as nobody starts it again
             assert program.running(), program.log + program.errors.read_text()
             assert program.errors.read_text() == ""
-        eventually(lambda: self.descriptors_now() == self.descriptors, "the same descriptors are open", SETTLING)
+        with contextlib.suppress(AssertionError):
+            eventually(lambda: self.descriptors_now() == self.descriptors, seconds=SETTLING)
+        assert self.descriptors_now() == self.descriptors
         assert (self.lab.table(), self.lab.rules()) == (self.table, self.rules)
         for program in self.programs():
             if not is_sanitized(program):  # the sanitizer keeps what is freed, to notice its use
                 grown = memory(program) - self.memory[program.name]
                 assert grown <= GROWTH, f"{program.name} has grown by {grown} bytes"
+
+
+def settled(read):
+    """What read() returns when it does so for a while: the connections of commands that have ended are gone by then."""
+    values = [read()]
+    while len(values) < STEADY or any(value != values[-1] for value in values[-STEADY:]):
+        time.sleep(0.02)
+        values.append(read())
+    return values[-1]
 
 
 def descriptors(program):
