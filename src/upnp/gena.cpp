@@ -17,7 +17,11 @@ namespace gateway {
 
 namespace {
 
-constexpr std::size_t subscriptionLimit = 100;   // per service
+constexpr std::size_t subscriptionLimit = 100;  // per service
+// What a service keeps of callback paths that are longer than usual. Each notification carries its path, and
+// waits in the kernel until it is read.
+constexpr std::size_t usualPathLength = 1024;
+constexpr std::size_t longPathsLimit = std::size_t{256} * 1024;
 constexpr std::uint32_t shortestSeconds = 1800;  // also when the request states none, or no number
 constexpr std::uint32_t longestSeconds = 86400;
 constexpr std::size_t uuidTextSize = 37;  // with its '\0'
@@ -46,6 +50,15 @@ bool readCallback(const HTTPMessage& request, Callback& callback) {
 bool hasSubscriptionFrom(const Service& service, std::uint32_t address) {
     return std::any_of(service.subscriptions.begin(), service.subscriptions.end(),
                        [address](const auto& entry) { return entry.second->address == address; });
+}
+
+/// True when the service has room for a subscription with this callback path.
+bool hasRoomForPath(const Service& service, const std::string& path) {
+    if (path.size() <= usualPathLength) return true;
+    std::size_t kept = 0;
+    for (const auto& [sid, subscription] : service.subscriptions)
+        if (subscription->path.size() > usualPathLength) kept += subscription->path.size();
+    return kept + path.size() <= longPathsLimit;
 }
 
 std::string newSid() {
@@ -86,6 +99,7 @@ HTTPMessage addSubscription(Service& service, const Callback& callback, std::uin
     if (service.subscriptions.size() >= subscriptionLimit)
         return HTTPMessage(httpstatus::internalServerError);
     if (hasSubscriptionFrom(service, address)) return HTTPMessage(httpstatus::preconditionFailed);
+    if (!hasRoomForPath(service, callback.path)) return HTTPMessage(httpstatus::internalServerError);
 
     auto created = std::make_unique<Subscription>(service, newSid(), address, callback.port, callback.path);
     Subscription& subscription = *created;

@@ -14,7 +14,8 @@ namespace gateway {
 /// CALLBACK is resolved first; only this client waits for that, 6 s at most.
 /// Units: TIMEOUT is in seconds, granted from 1800 to 86400; the expiry timer counts ticks of 10 ms.
 /// Errors: 412 for a bad NT, CALLBACK or SID, a name without an address, or a callback address that is
-/// already subscribed; 500 at 100 subscriptions. Nothing is changed then.
+/// already subscribed; 500 at 100 subscriptions, and for a callback path of over 1 KiB that takes up more than
+/// the 256 KiB which a service has for all of these. Nothing is changed then.
 /// Protocol: GENA, UPnP Device Architecture 1.0, 4.1 (SUBSCRIBE, NT, CALLBACK, SID, TIMEOUT).
 [[nodiscard]] HTTPAnswer subscribe(Service& service, const HTTPMessage& request, HTTPClient& client);
 

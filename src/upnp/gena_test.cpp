@@ -178,6 +178,22 @@ TEST_F(Gena, HundredAndFirstSubscriptionIsRefused) {
     EXPECT_EQ(service.subscriptions.size(), 100U);
 }
 
+TEST_F(Gena, LongPathsAreRefusedBeyondTheirRoomAndUsualOnesAreNot) {
+    const std::string bare500 = "HTTP/1.1 500 Internal Server Error\r\n\r\n";
+    const std::string longPath = "/" + std::string(std::size_t{120} * 1024, 'x') + ">";
+    const HTTPMessage first = subscribeTo("<http://127.1.1.1" + longPath);
+    EXPECT_EQ(first.toString(), granted(first, "1800"));
+    const HTTPMessage second = subscribeTo("<http://127.1.1.2" + longPath);
+    EXPECT_EQ(second.toString(), granted(second, "1800"));
+    EXPECT_EQ(subscribeTo("<http://127.1.1.3" + longPath).toString(), bare500);
+    const HTTPMessage usual = subscribeTo("<http://127.1.1.4/" + std::string(1023, 'x') + ">");
+    EXPECT_EQ(usual.toString(), granted(usual, "1800"));
+    EXPECT_EQ(service.subscriptions.size(), 3U);
+    EXPECT_EQ(unsubscribe(first.get("SID")).toString(), "HTTP/1.1 200 OK\r\n\r\n");
+    const HTTPMessage third = subscribeTo("<http://127.1.1.3" + longPath);
+    EXPECT_EQ(third.toString(), granted(third, "1800"));
+}
+
 TEST_F(Gena, RenewalKeepsTheIdAndSendsNothing) {
     const std::string sid = subscribeTo("<" + callbackUrl + ">").get("SID");
     const HTTPMessage response = renew(sid, "Second-3600");
