@@ -13,7 +13,7 @@ from subscribers import Subscriber, sid_of, subscribe
 
 SUBSCRIBERS = 100
 SHARE = 16  # requests of one host that may wait for names
-LOOKUP, EXCHANGE = 1, 6  # seconds after which the resolver gives up a name, and the daemon the resolver
+EXCHANGE = 6  # seconds after which the daemon gives up the resolver
 CONFIGURATION = f"""
 [[program]]
 number = 14
@@ -53,14 +53,11 @@ def send_subscribe(lab, number):
 
 
 def send_subscribes(lab, count):
-    """Sends this many, and returns the longest that the other host meanwhile waited for a description."""
-    connections, longest = [], 0
+    connections = []
     for number in range(count):
         connections.append(send_subscribe(lab, number))
-        answer, took = timed(lambda: get(lab.lan2, "/gateway.xml"))  # after it the listener's short queue is empty
-        assert answer.startswith("HTTP/1.1 200 OK\r\n")
-        longest = max(longest, took)
-    return connections, longest
+        get(lab.lan2, "/gateway.xml")  # after it the listener's short queue is empty
+    return connections
 
 
 def timed(work):
@@ -89,18 +86,6 @@ def answers_of(connections):
     for connection in connections:
         with connection:
             yield read_to_end(connection).decode()
-
-
-def test_names_that_nobody_answers_keep_nobody_else_waiting(router):
-    with router.router.dropping("input", f"ip saddr {WAN} udp sport 53"), router.wan.datagrams(53):
-        connections, longest = send_subscribes(router, SUBSCRIBERS)
-        longest = max(longest, slowest_description(
-            router, lambda: router.upnpd.log.count("resolving failed: ") >= SUBSCRIBERS))
-        print(f"slowest description during {SUBSCRIBERS} subscriptions: {longest * 1000:.1f} ms")
-        assert longest < 0.9 * LOOKUP, "nobody waits while one name is looked up"
-        assert list(answers_of(connections)) == [bare("412 Precondition Failed")] * SUBSCRIBERS
-    given_up = router.upnpd.log.count("resolving failed: the name servers do not answer")
-    assert given_up >= SHARE and given_up + refused(router) == SUBSCRIBERS, router.upnpd.lines
 
 
 def refused(lab):
@@ -139,7 +124,7 @@ def test_a_resolver_that_hangs_harms_only_those_who_wait_for_it(bare_lab):
 def test_another_named_subscriber_is_answered_meanwhile(router):
     with router.router.dropping("input", f"ip saddr {WAN} udp sport 53"), router.wan.datagrams(53):
         subscriber = Subscriber(router.lan1)
-        waiting, _ = send_subscribes(router, SHARE)
+        waiting = send_subscribes(router, SHARE)
         answer, took = timed(lambda: subscribe(router.lan2, "/upnp/event/osinfo", "<http://printer.home:5000/notify>"))
         assert is_unanswered(waiting[-1]), "the others wait for their names still"
         assert sid_of(answer) in subscriber.next()
