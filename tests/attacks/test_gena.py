@@ -19,6 +19,7 @@ from subscribers import Subscriber, granted, sid_of, subscribe, unsubscribe
 
 OSINFO_EVENTS = "/upnp/event/osinfo"
 CROWD = [f"192.0.2.{number}" for number in range(100, 199)]  # more addresses of lan1; with lan2's own a hundred
+GROWTH = 2 << 20  # bytes that a program may keep: of a hundred subscribers, and of notifications with paths of 120 KB
 BAIT = 8000  # a port on which somebody listens wherever the daemon must not go
 IPV4 = 0x0800  # as Ethernet numbers it
 REFUSED, FULL = bare("412 Precondition Failed"), bare("500 Internal Server Error")
@@ -263,7 +264,7 @@ def test_subscriptions_that_come_and_go_keep_nobody_waiting(lab, bystander):
         assert unsubscribe(lab.lan1, OSINFO_EVENTS, sid) == bare("200 OK")
 
 
-NAMES = 100
+NAMES = 40  # of which 16 may wait at once
 fresh = itertools.count()  # no name is asked for twice
 
 
