@@ -30,12 +30,30 @@ bool writeAll(int fd, std::string_view content) {
     return true;
 }
 
+/// Opens the folder of a path, to sync it.
+Fd openFolderOf(const std::string& path) {
+    return Fd(::open(folderOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+}
+
+/// Syncs the folder that has just got `path`. A power cut might still undo that where it fails, but it is no failure.
+void syncFolderOf(const std::string& path, const Fd& folder) {
+    if (!folder.isOpen() || ::fsync(folder.get()) != 0)
+        log("cannot sync the folder of ", path, ": ", errorText());
+}
+
+/// Makes a folder that a power cut does not take away again, with all that is put into it.
+bool makeFolder(const std::string& path) {
+    if (::mkdir(path.c_str(), 0755) != 0) return false;
+    syncFolderOf(path, openFolderOf(path));
+    return true;
+}
+
 Fd createFile(const std::string& path) {
     // Never write through somebody else's link: remove what is in the way, and insist on a new file.
     constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
     ::unlink(path.c_str());
     Fd file(::open(path.c_str(), flags, 0600));
-    if (file.isOpen() || errno != ENOENT || ::mkdir(folderOf(path).c_str(), 0755) != 0) return file;
+    if (file.isOpen() || errno != ENOENT || !makeFolder(folderOf(path))) return file;
     return Fd(::open(path.c_str(), flags, 0600));
 }
 
@@ -80,10 +98,9 @@ Status writeSynced(const std::string& path, std::string_view content) {
 
 Status replaceSynced(const std::string& from, const std::string& to) {
     // Opened first, so that nothing is replaced when there is no free descriptor.
-    const Fd folder(::open(folderOf(to).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const Fd folder = openFolderOf(to);
     if (!folder.isOpen() || ::rename(from.c_str(), to.c_str()) != 0) return Status::ofErrno(to, errno);
-    // The file is in place. A power cut might still undo that, but it is no failure.
-    if (::fsync(folder.get()) != 0) log("cannot sync the folder of ", to, ": ", errorText());
+    syncFolderOf(to, folder);
     return {};
 }
 
