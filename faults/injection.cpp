@@ -1,0 +1,153 @@
+#include "faults/injection.h"
+
+#include <errno.h>
+#include <string.h>
+#include <sys/mman.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <new>
+#include <vector>
+
+namespace faults {
+
+namespace {
+
+struct Kind {
+    const char* name;
+    std::vector<int> outcomes;
+};
+
+/// A kind for each call, in their order.
+const std::vector<Kind>& kinds() {
+    static const std::vector<int> receiving{EINTR, EAGAIN, ENOBUFS, ENOMEM, ECONNRESET, ENETDOWN, shortened};
+    static const std::vector<int> sending{EINTR, EAGAIN,   ENOBUFS,     ENOMEM,   EPIPE,
+                                          EPERM, ENETDOWN, ENETUNREACH, shortened};
+    static const std::vector<int> opening{EMFILE, ENFILE, ENOMEM, EACCES, ENOSPC, EROFS, EINTR};
+    static const std::vector<int> writing{ENOSPC, EINTR, EIO, EROFS, EAGAIN, shortened};
+    static const std::vector<int> renaming{ENOSPC, EROFS, EACCES, EIO, ENOMEM};
+    static const std::vector<int> looking{EACCES, EIO, ENOMEM};
+    static const std::vector<int> noDescriptor{EMFILE, ENFILE, ENOMEM};
+    static const std::vector<int> noRights{EPERM, EAGAIN};
+    static const std::vector<Kind> all{
+        {"accept4", {EMFILE, ECONNABORTED, ENFILE, EINTR, EAGAIN, ENOBUFS, ENOMEM, EPERM}},
+        {"access", looking},
+        {"bind", {EADDRINUSE, EADDRNOTAVAIL, EACCES, ENOMEM}},
+        {"close", {EINTR, EIO}},
+        {"connect", {ENETUNREACH, EINTR, ECONNREFUSED, EAGAIN, ENETDOWN, EADDRNOTAVAIL, ENOBUFS, EPERM}},
+        {"dup", {EMFILE}},
+        {"epoll_ctl", {ENOMEM, ENOSPC}},
+        {"epoll_create1", noDescriptor},
+        {"epoll_wait", {EINTR}},
+        {"execv", {ENOENT, EACCES, ENOMEM}},
+        {"fcntl", {EPERM, EMFILE}},
+        {"fdopendir", {ENOMEM}},
+        {"fopen", {EMFILE, ENOMEM, EACCES}},
+        {"fork", {EAGAIN, ENOMEM}},
+        {"fstat", looking},
+        {"fsync", {EIO, ENOSPC, EROFS, EINTR}},
+        {"getrandom", {EINTR, EAGAIN}},
+        {"getsockname", {ENOBUFS}},
+        {"getsockopt", {ENOBUFS, ENOMEM}},
+        {"kill", {ESRCH, EPERM}},
+        {"listen", {EADDRINUSE}},
+        {"mkdir", {ENOSPC, EROFS, EACCES}},
+        {"open", opening},
+        {"openat", opening},
+        {"pidfd_open", {EMFILE, ENFILE, ENODEV, ENOMEM}},
+        {"pipe2", {EMFILE, ENFILE}},
+        {"poll", {EINTR, ENOMEM}},
+        {"read", {EINTR, EIO, EAGAIN, shortened}},
+        {"recv", receiving},
+        {"recvfrom", receiving},
+        {"recvmsg", receiving},
+        {"rename", renaming},
+        {"renameat2", renaming},
+        {"send", sending},
+        {"sendmsg", sending},
+        {"sendto", sending},
+        {"setgroups", noRights},
+        {"setresgid", noRights},
+        {"setresuid", noRights},
+        {"setsockopt", {ENOMEM, ENODEV, EPERM, ENOBUFS, EADDRINUSE}},
+        {"signalfd", noDescriptor},
+        {"socket", {EMFILE, ENFILE, ENOBUFS, ENOMEM, EPERM}},
+        {"socketpair", noDescriptor},
+        {"stat", looking},
+        {"unlink", {EACCES, EROFS, EIO}},
+        {"waitpid", {EINTR, ECHILD}},
+        {"write", writing},
+        {"writev", writing},
+    };
+    return all;
+}
+
+/// What the process shares with those that it forks.
+struct State {
+    std::atomic<std::uint32_t> counts[callCount];
+    Fault fault;
+    std::atomic<bool> struck;
+};
+
+State* state = nullptr;  // null until the first begin()
+bool isCounting = false;
+thread_local int depth = 0;  // of InProgram
+
+State* newState() {
+    void* shared = ::mmap(nullptr, sizeof(State), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (shared == MAP_FAILED) ::abort();
+    return new (shared) State();
+}
+
+}  // namespace
+
+const char* nameOf(Call call) {
+    return kinds()[static_cast<std::size_t>(call)].name;
+}
+
+std::span<const int> outcomesOf(Call call) {
+    static_assert(static_cast<std::size_t>(Call::writev) + 1 == callCount);
+    return kinds()[static_cast<std::size_t>(call)].outcomes;
+}
+
+std::string Fault::toString() const {
+    const std::string how = outcome == shortened ? "SHORT" : ::strerrorname_np(outcome);
+    return std::string(nameOf(call)) + " " + std::to_string(number) + ": " + how;
+}
+
+void begin(const Fault& fault) {
+    if (!state) state = newState();
+    for (auto& count : state->counts) count = 0;
+    state->fault = fault;
+    state->struck = false;
+    isCounting = true;
+}
+
+Counts end() {
+    isCounting = false;
+    Counts counts{};
+    for (std::size_t i = 0; i < callCount; ++i) counts[i] = state->counts[i];
+    return counts;
+}
+
+bool hasStruck() {
+    return state && state->struck;
+}
+
+InProgram::InProgram() {
+    ++depth;
+}
+
+InProgram::~InProgram() {
+    --depth;
+}
+
+int verdict(Call call) {
+    if (!isCounting || depth == 0) return 0;
+    const std::uint32_t number = ++state->counts[static_cast<std::size_t>(call)];
+    if (state->fault.call != call || state->fault.number != number) return 0;
+    state->struck = true;
+    return state->fault.outcome;
+}
+
+}  // namespace faults
