@@ -60,7 +60,10 @@ Fd createFile(const std::string& path) {
 }  // namespace
 
 Fd openToRead(const std::string& path) {
-    return Fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    Fd file;
+    do file.reset(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    while (!file.isOpen() && errno == EINTR);
+    return file;
 }
 
 Result<std::string> readFile(const std::string& path, std::size_t limit) {

@@ -87,12 +87,19 @@ void Store::load() {
         lost = ::access(asidePath().c_str(), F_OK) == 0;
         return;
     }
-    if (!file.isOpen()) return keepAside(errorText());
+    if (!file.isOpen()) return unreadable(Status::ofErrno(errno));
     const Result<std::string> content = readFile(file, sizeLimit);
-    if (!content.isOk()) return keepAside(content.reason());
+    if (!content.isOk()) return unreadable(content.status());
     if (decode(*content, revision, entries)) return;
     entries.clear();
     keepAside("damaged, or of another kind");
+}
+
+/// A shortage is no damage: it will have passed by the next start, which must find the file in its place.
+void Store::unreadable(const Status& why) {
+    if (why.code() != EMFILE && why.code() != ENFILE && why.code() != ENOMEM) return keepAside(why.reason());
+    lost = blocked = true;
+    log("store ", path, ": ", why.reason(), "; left as it is until the next start; no change will be stored");
 }
 
 void Store::keepAside(const std::string& why) {
@@ -147,7 +154,7 @@ Status Store::stageRemoval(std::uint32_t id) {
 }
 
 Status Store::writeStaged() {
-    if (blocked) return Status::failure(path + ": a damaged file is in the way");
+    if (blocked) return Status::failure(path + ": the file could not be read and is in the way");
     std::string content;
     if (!encode(staged, revision, content)) return Status::failure(path + ": the entry cannot be stored");
     return ownOutcome(writeSynced(stagedPath(), content));

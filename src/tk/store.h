@@ -15,7 +15,8 @@ namespace tk {
 /// A change is written to a temporary file beside it, synced, renamed over it, and the folder synced: after a
 /// power cut the file holds the state before or after the change. A file that cannot be read (truncated, of
 /// another kind or revision, without permission) is kept aside with ".damaged" added to its name, and one log
-/// line tells of it. The store then starts empty, and no change ever overwrites that file.
+/// line tells of it. The store then starts empty, and no change ever overwrites that file. Where only a descriptor or
+/// memory was missing, the file stays in its place for the next start, and until then no change is stored.
 class Store {
 public:
     /// Reads the file at `path`, which may be absent. `revision` tells apart the kinds of content that a path
@@ -26,7 +27,7 @@ public:
     message get(std::uint32_t id) const;
     /// True when there is an entry of `id`.
     bool find(std::uint32_t id) const;
-    /// True when this store has lost earlier content: its file was damaged, or was kept aside before and
+    /// True when this store has lost earlier content: its file could not be read, or was kept aside before and
     /// nothing has been stored since.
     bool hasLostContent() const { return lost; }
     /// All entries, by id.
@@ -50,6 +51,7 @@ public:
 
 private:
     void load();
+    void unreadable(const Status& why);
     void keepAside(const std::string& why);
     [[nodiscard]] Status writeStaged();
     [[nodiscard]] Status ownOutcome(const Status& outcome);
@@ -61,7 +63,7 @@ private:
     std::map<std::uint32_t, message> entries;
     std::map<std::uint32_t, message> staged;
     bool lost = false;
-    // True when a damaged file could not be moved aside: it must not be overwritten.
+    // True when a file that could not be read is still in its place: it must not be overwritten.
     bool blocked = false;
 };
 

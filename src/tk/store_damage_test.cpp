@@ -159,7 +159,7 @@ TEST_F(StoreDamage, FileThatCannotBeKeptAsideIsNeverOverwritten) {
     EXPECT_EQ(output.text(), "store " + path() +
                                  ": damaged, or of another kind; cannot be kept aside: File exists; "
                                  "no change will be stored\n");
-    EXPECT_EQ(store.set(1, named("new")).reason(), path() + ": a damaged file is in the way");
+    EXPECT_EQ(store.set(1, named("new")).reason(), path() + ": the file could not be read and is in the way");
     EXPECT_FALSE(store.find(1));
     EXPECT_EQ(folder.read("store"), "damaged");
     EXPECT_EQ(folder.read("store.damaged"), "first");
