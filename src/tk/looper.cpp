@@ -77,8 +77,9 @@ Looper::~Looper() {
 void Looper::watchSignals() {
     signal(SIGPIPE, SIG_IGN);
     const sigset_t set = endSignals();
-    sigprocmask(SIG_BLOCK, &set, nullptr);
     signals.reset(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
+    if (!signals.isOpen()) return log("a signal will end this process at once: ", errorText());
+    sigprocmask(SIG_BLOCK, &set, nullptr);
     signalWatch.start<Looper, &Looper::signalled>(signals.get(), *this, readable, Runner::Priority::urgent);
 }
 

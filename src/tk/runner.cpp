@@ -1,10 +1,11 @@
 #include "tk/runner.h"
 
+#include <errno.h>
+#include <stdlib.h>
 #include <sys/epoll.h>
 #include <time.h>
 
 #include <algorithm>
-#include <cassert>
 #include <utility>
 
 #include "tk/log.h"
@@ -21,9 +22,15 @@ constexpr int eventsPerTurn = 256;
 // sockets; what was not served is still ready then.
 constexpr std::uint64_t turnLimit = 100;
 
+// After how long a descriptor is tried again that the kernel had no room to watch.
+constexpr int retryMilliseconds = 100;
+
 /// Adds a descriptor to a set, or changes it there.
-void put(const Fd& set, int fd, epoll_event& event) {
-    if (epoll_ctl(set.get(), EPOLL_CTL_ADD, fd, &event) != 0) epoll_ctl(set.get(), EPOLL_CTL_MOD, fd, &event);
+/// Errors: false when the kernel has no room for it now.
+bool put(const Fd& set, int fd, epoll_event& event) {
+    if (epoll_ctl(set.get(), EPOLL_CTL_ADD, fd, &event) == 0) return true;
+    if (errno == EEXIST && epoll_ctl(set.get(), EPOLL_CTL_MOD, fd, &event) == 0) return true;
+    return errno != ENOMEM && errno != ENOSPC;
 }
 
 }  // namespace
@@ -41,7 +48,9 @@ std::uint64_t SystemClock::date() const {
 
 Runner::Runner(const Clock& clock)
     : clock(clock), epoll(epoll_create1(EPOLL_CLOEXEC)), urgent(epoll_create1(EPOLL_CLOEXEC)) {
-    assert(epoll.isOpen() && urgent.isOpen());
+    if (epoll.isOpen() && urgent.isOpen()) return;
+    log("cannot watch sockets: ", errorText());
+    ::exit(1);
 }
 
 Runner::~Runner() = default;
@@ -51,16 +60,26 @@ void Runner::addSocket(int fd, void* object, SocketCallback callback, std::uint3
     if (fd < 0) return;
     const auto former = sockets.find(fd);
     const bool wasUrgent = former != sockets.end() && former->second.priority == Priority::urgent;
-    const std::uint32_t generation = ++generations;
-    sockets.insert_or_assign(fd, Registration{generation, object, callback, events, priority});
+    const Registration registration{++generations, object, callback, events, priority};
+    sockets.insert_or_assign(fd, registration);
+    if (!watch(fd, registration)) unwatched.insert(fd);
+    if (wasUrgent && priority != Priority::urgent) epoll_ctl(urgent.get(), EPOLL_CTL_DEL, fd, nullptr);
+}
+
+bool Runner::watch(int fd, const Registration& registration) const {
     epoll_event event{};
-    event.events = events;
-    event.data.u64 = static_cast<std::uint64_t>(generation) << 32 | static_cast<std::uint32_t>(fd);
-    put(epoll, fd, event);
-    if (priority == Priority::urgent)
-        put(urgent, fd, event);
-    else if (wasUrgent)
-        epoll_ctl(urgent.get(), EPOLL_CTL_DEL, fd, nullptr);
+    event.events = registration.events;
+    event.data.u64 =
+        static_cast<std::uint64_t>(registration.generation) << 32 | static_cast<std::uint32_t>(fd);
+    const bool isWatched = put(epoll, fd, event);
+    return (registration.priority != Priority::urgent || put(urgent, fd, event)) && isWatched;
+}
+
+void Runner::watchTheRest() {
+    std::erase_if(unwatched, [this](int fd) {
+        const auto registration = sockets.find(fd);
+        return registration == sockets.end() || watch(fd, registration->second);
+    });
 }
 
 void Runner::removeSocket(int fd) {
@@ -99,8 +118,10 @@ int Runner::untilNextTimer() const {
 }
 
 void Runner::turn(int limitMilliseconds) {
+    watchTheRest();
     int wait = untilNextTimer();
     if (wait < 0 || (limitMilliseconds >= 0 && limitMilliseconds < wait)) wait = limitMilliseconds;
+    if (!unwatched.empty() && (wait < 0 || wait > retryMilliseconds)) wait = retryMilliseconds;
     callSockets(readySockets(epoll, wait));
     callTimers();
 }

@@ -49,7 +49,8 @@ public:
     /// signals, and listeners, whose queue in the kernel is short.
     enum class Priority : std::uint8_t { urgent, normal };
 
-    /// At first nothing is watched and no timer is armed.
+    /// At first nothing is watched and no timer is armed. A process that cannot watch sockets at all ends here,
+    /// with a log line and status 1.
     /// Lifetime: the clock outlives the runner.
     explicit Runner(const Clock& clock);
     Runner(const Runner&) = delete;
@@ -62,7 +63,7 @@ public:
 
     /// Calls `callback` whenever `fd` is ready for one of `events`; an error or a hang-up counts as ready for
     /// them. A second call for the same descriptor replaces the first. A negative descriptor is never
-    /// watched.
+    /// watched. What the kernel has no room to watch is tried again until it has.
     void addSocket(int fd, void* object, SocketCallback callback, std::uint32_t events,
                    Priority priority = Priority::normal);
     /// Stops watching a descriptor; call before it is closed. An unknown one is no error.
@@ -145,6 +146,8 @@ private:
         (static_cast<T*>(object)->*member)();
     }
 
+    [[nodiscard]] bool watch(int fd, const Registration& registration) const;
+    void watchTheRest();
     std::vector<Event> readySockets(const Fd& set, int limitMilliseconds) const;
     void callSockets(std::vector<Event> ready);
     void call(const Event& event);
@@ -154,6 +157,7 @@ private:
     Fd epoll;   // all sockets
     Fd urgent;  // the urgent ones once more, to look at them alone
     std::unordered_map<int, Registration> sockets;
+    std::set<int> unwatched;  // those of them that the kernel had no room to watch
     std::uint32_t generations = 0;
     std::map<TimerKey, Due> timers;
     std::set<Due> queue;
