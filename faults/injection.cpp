@@ -20,13 +20,13 @@ struct Kind {
 
 /// A kind for each call, in their order.
 const std::vector<Kind>& kinds() {
-    static const std::vector<int> receiving{EINTR, EAGAIN, ENOBUFS, ENOMEM, ECONNRESET, ENETDOWN, shortened};
-    static const std::vector<int> sending{EINTR, EAGAIN,   ENOBUFS,     ENOMEM,   EPIPE,
-                                          EPERM, ENETDOWN, ENETUNREACH, shortened};
+    static const std::vector<int> receiving{ECONNRESET, EINTR, EAGAIN, ENOBUFS, ENOMEM, ENETDOWN, shortened};
+    static const std::vector<int> sending{ENOBUFS, EINTR, EAGAIN,   shortened,  EPIPE,
+                                          ENOMEM,  EPERM, ENETDOWN, ENETUNREACH};
     static const std::vector<int> opening{EMFILE, ENFILE, ENOMEM, EACCES, ENOSPC, EROFS, EINTR};
     static const std::vector<int> writing{ENOSPC, EINTR, EIO, EROFS, EAGAIN, shortened};
     static const std::vector<int> renaming{ENOSPC, EROFS, EACCES, EIO, ENOMEM};
-    static const std::vector<int> looking{EACCES, EIO, ENOMEM};
+    static const std::vector<int> looking{EIO, ENOMEM};
     static const std::vector<int> noDescriptor{EMFILE, ENFILE, ENOMEM};
     static const std::vector<int> noRights{EPERM, EAGAIN};
     static const std::vector<Kind> all{
@@ -57,7 +57,7 @@ const std::vector<Kind>& kinds() {
         {"pidfd_open", {EMFILE, ENFILE, ENODEV, ENOMEM}},
         {"pipe2", {EMFILE, ENFILE}},
         {"poll", {EINTR, ENOMEM}},
-        {"read", {EINTR, EIO, EAGAIN, shortened}},
+        {"read", {EIO, EINTR, shortened}},
         {"recv", receiving},
         {"recvfrom", receiving},
         {"recvmsg", receiving},

@@ -120,7 +120,8 @@ bool BusConnection::noteRefusal(const message& arrived) {
 /// What an exchange ends with when the connection is over.
 message BusConnection::gone() {
     // If the hub closed at once, its reason may still be unread.
-    if (message first; !hasBegun && channel.take(first) && !noteRefusal(first)) keep(first);
+    if (message first; !hasBegun && channel.take(first) && !noteRefusal(first) && isForTheLoop(first))
+        keep(first);
     return isError(refusal) ? refusal : errorMsg(error::disconnected, "the bus is gone");
 }
 
