@@ -35,6 +35,12 @@ public:
         return address;
     }
 
+    /// Accepts a connection that is there already.
+    /// Errors: the result holds no descriptor.
+    tk::Fd acceptNow() const {
+        pollfd target{listener.get(), POLLIN, 0};
+        return tk::Fd(::poll(&target, 1, 0) == 1 ? ::accept(listener.get(), nullptr, nullptr) : -1);
+    }
     /// Accepts one connection.
     /// Errors: the result holds no descriptor.
     tk::Fd accept() const {
