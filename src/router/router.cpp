@@ -58,7 +58,7 @@ Router::~Router() {
 
 tk::Status Router::start() {
     looper.watchSignals();
-    watchHangups();
+    if (tk::Status watched = watchHangups(); !watched.isOk()) return watched;
     if (tk::Status opened = openKernel(); !opened.isOk()) return opened;
     zones.start(table);
     setRights();

@@ -70,7 +70,7 @@ private:
     void turnWhile(const std::function<bool()>& condition, std::uint64_t milliseconds);
 
     // The configuration changes (router_reload.cpp).
-    void watchHangups();
+    tk::Status watchHangups();
     void hungUp(int fd, std::uint32_t events);
     tk::Result<std::vector<std::string>> reload(const std::string& asker) override;
     tk::Result<std::vector<std::string>> readAgain();

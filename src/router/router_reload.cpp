@@ -2,6 +2,7 @@
 
 #include "router/router.h"
 
+#include <errno.h>
 #include <signal.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -43,10 +44,12 @@ void Router::holdHangups() {
     sigprocmask(SIG_BLOCK, &set, nullptr);
 }
 
-void Router::watchHangups() {
+tk::Status Router::watchHangups() {
     const sigset_t set = hangups();
     hangup.reset(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
+    if (!hangup.isOpen()) return tk::Status::ofErrno("SIGHUP", errno);
     hangupWatch.start<Router, &Router::hungUp>(hangup.get(), *this, tk::readable);
+    return {};
 }
 
 void Router::hungUp(int fd, std::uint32_t) {
