@@ -67,7 +67,7 @@ private:
     }
     /// What the hub reads when the program has served a request.
     std::string answerRequest() {
-        if (!connection || lost) return {};
+        if (!connection || !connection->isOpen()) return {};
         hub.sendRequest({80, 0}, 9, tk::command::get, numbered(8));
         turnUntil([this] { return heard.find('8') != std::string::npos; });
         tk::message sent;

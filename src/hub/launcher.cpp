@@ -6,6 +6,7 @@
 #include <string.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -165,7 +166,8 @@ public:
             tk::Fd process;
             Answer answer = isLate(request) ? Answer() : answerTo(request, process);
             answer.waitedUntil = request.waitsUntil;
-            if (!sendAnswer(socket, answer, process.get())) return;
+            // If the router has ended, the next request says so.
+            if (!sendAnswer(socket, answer, process.get()) && process.isOpen()) endUnknown(answer.process);
         }
     }
 
@@ -207,6 +209,13 @@ private:
         process = std::move(done->process);
         started.insert(answer.process);
         return answer;
+    }
+
+    /// Ends a program that the router cannot be told of.
+    void endUnknown(pid_t process) {
+        started.erase(process);
+        processes.signal(process, SIGKILL);
+        (void)::waitpid(process, nullptr, 0);
     }
 
     Answer reap(pid_t process) {
@@ -266,8 +275,13 @@ tk::Result<Started> Launcher::start(const ProgramConfig& program) {
     request.program = program.number;
     tk::Result<Outcome> outcome = exchange(socket.get(), request, patience);
     if (!outcome.isOk()) return outcome.status();
-    if (outcome->process.isOpen()) return Started{outcome->answer.process, std::move(outcome->process)};
-    return tk::Status::failure(reasonIn(outcome->answer));
+    const pid_t pid = outcome->answer.process;
+    if (outcome->process.isOpen()) return Started{pid, std::move(outcome->process)};
+    if (pid <= 0) return tk::Status::failure(reasonIn(outcome->answer));
+    // It runs, but nobody would hear of its end.
+    signal(pid, SIGKILL);
+    (void)reap(pid);
+    return tk::Status::failure("there is no descriptor left for the process");
 }
 
 void Launcher::signal(pid_t process, int number) {

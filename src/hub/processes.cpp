@@ -78,6 +78,7 @@ tk::Result<pid_t> spawn(const ProgramConfig& program, std::vector<std::string> w
     writing.reset();
     tk::Status outcome = outcomeOf(reading);
     if (outcome.isOk()) return pid;
+    (void)::kill(pid, SIGKILL);  // it ends anyway, unless what it said could not be read
     (void)::waitpid(pid, nullptr, 0);
     return outcome;
 }
