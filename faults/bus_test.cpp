@@ -70,10 +70,12 @@ private:
         if (!connection || !connection->isOpen()) return {};
         hub.sendRequest({80, 0}, 9, tk::command::get, numbered(8));
         turnUntil([this] { return heard.find('8') != std::string::npos; });
+        // A request is answered at once, after the program's own two.
+        if (!connection->isOpen() || heard.find('8') == std::string::npos) return {};
         tk::message sent;
-        for (int skipped = 0; skipped < 2; ++skipped) (void)(lost || hub.read(sent));  // its own requests
-        const bool isAnswered = !lost && heard.find('8') != std::string::npos && hub.read(sent);
-        return isAnswered ? std::to_string(sent.get_u32(1)) : "";
+        bool isRead = true;
+        for (int messages = 0; messages < 3 && isRead; ++messages) isRead = hub.read(sent);
+        return isRead ? std::to_string(sent.get_u32(1)) : "";
     }
     void turnUntil(const std::function<bool()>& isDone) {
         const InProgram here;
