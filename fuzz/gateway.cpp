@@ -8,6 +8,7 @@
 //              w which link n          leave room for 16 n bytes of answer
 //              G if path how host cut  GET             A if service action argument... host cut    call an action
 //              U if service url time host cut          subscribe
+//              Y if service n          4 n hosts subscribe
 //              R if service sid host cut, V ...        renew, unsubscribe
 //              d if host text          a datagram      S if host type        a search
 //   router     I if how                the record of an interface            a id if address how   of an address
@@ -21,11 +22,12 @@
 //   kernel     F call after error      a call fails once                     o                     events in reverse order
 //
 // At first the router has the interfaces 1, inside, and 2, outside; the daemon has items also for 3, inside, and 4,
-// outside. A link of 0 is the latest. `cut` is the length of a request's pieces in 7 bytes; 0 sends it whole. After each step:
-// the loop watches exactly what somebody owns, and comes to rest; the description, what searches find and what was
-// announced are what the interfaces say; the mappings are the router's rules; each complete request has one answer, or
-// waits for a limited time; only subscribers are notified; the limits hold; no log line has control characters. At the
-// end nothing is left.
+// outside. A link of 0 is the latest. `cut` is the length of a request's pieces in 7 bytes; 0 sends it whole.
+//
+// After each step: the loop watches exactly what somebody owns, and comes to rest; the description, what searches find
+// and what was announced are what the interfaces say; the mappings are the router's rules; each complete request has
+// one answer, or waits for a limited time; only subscribers are notified; the limits hold; no log line has control
+// characters. At the end nothing is left.
 #include "core/gateway.h"
 
 #include <stdlib.h>

@@ -28,16 +28,37 @@ constexpr unsigned clients = 10;  // hosts
 
 void Player::play() {
     static constexpr Step steps[] = {
-        {'C', &Player::connect},     {'M', &Player::connectOften},    {'s', &Player::sendBytes},
-        {'e', &Player::endSide},     {'x', &Player::reset},           {'w', &Player::narrow},
-        {'G', &Player::get},         {'A', &Player::callAction},      {'U', &Player::subscribe},
-        {'R', &Player::renew},       {'V', &Player::unsubscribe},     {'d', &Player::datagram},
-        {'S', &Player::search},      {'I', &Player::changeInterface}, {'a', &Player::changeAddress},
-        {'t', &Player::changeState}, {'n', &Player::announceWalk},    {'B', &Player::changeReplies},
-        {'T', &Player::passTime},    {'E', &Player::changeSettings},  {'i', &Player::addItem},
-        {'j', &Player::setItem},     {'k', &Player::removeItem},      {'l', &Player::list},
-        {'P', &Player::changePeers}, {'p', &Player::movePeer},        {'q', &Player::endQuestion},
-        {'F', &Player::failCall},    {'o', &Player::reverse},         {'N', &Player::restart},
+        {'C', &Player::connect},
+        {'M', &Player::connectOften},
+        {'s', &Player::sendBytes},
+        {'e', &Player::endSide},
+        {'x', &Player::reset},
+        {'w', &Player::narrow},
+        {'G', &Player::get},
+        {'A', &Player::callAction},
+        {'U', &Player::subscribe},
+        {'Y', &Player::subscribeOften},
+        {'R', &Player::renew},
+        {'V', &Player::unsubscribe},
+        {'d', &Player::datagram},
+        {'S', &Player::search},
+        {'I', &Player::changeInterface},
+        {'a', &Player::changeAddress},
+        {'t', &Player::changeState},
+        {'n', &Player::announceWalk},
+        {'B', &Player::changeReplies},
+        {'T', &Player::passTime},
+        {'E', &Player::changeSettings},
+        {'i', &Player::addItem},
+        {'j', &Player::setItem},
+        {'k', &Player::removeItem},
+        {'l', &Player::list},
+        {'P', &Player::changePeers},
+        {'p', &Player::movePeer},
+        {'q', &Player::endQuestion},
+        {'F', &Player::failCall},
+        {'o', &Player::reverse},
+        {'N', &Player::restart},
     };
     while (!rest.empty() && stepsLeft > 0) {
         const char letter = rest.front();
@@ -206,6 +227,20 @@ void Player::subscribe() {
     visit(to, bare("SUBSCRIBE", path, world.addressOf(to),
                    "CALLBACK: <" + url +
                        ">\r\nNT: upnp:event\r\nTIMEOUT: " + times[number(std::size(times))] + "\r\n"));
+}
+
+/// From many hosts, each for itself.
+void Player::subscribeOften() {
+    stepsLeft -= floodSteps;
+    const std::uint32_t to = interface();
+    const std::string path = std::string("/upnp/event/") + serviceName(number(serviceCount));
+    for (unsigned left = 4 * number(36); left > 0; --left) {
+        const std::string url = "http://10.1.0." + std::to_string(left) + "/";
+        if (Link* const link = world.network.connect(World::nameOf(to), htonl(0x0A010000 + left)))
+            link->sent =
+                bare("SUBSCRIBE", path, world.addressOf(to), "CALLBACK: <" + url + ">\r\nNT: upnp:event\r\n");
+        world.settle();
+    }
 }
 
 void Player::renew() {

@@ -44,6 +44,7 @@ private:
     void get();
     void callAction();
     void subscribe();
+    void subscribeOften();
     void renew();
     void unsubscribe();
     void datagram();

@@ -303,7 +303,8 @@ bool World::mayEndUnanswered(const Link& link, const Visit& visit) const {
         ++all;
         own += other->host == link.host ? 1U : 0U;
     }
-    return own >= connectionSourceLimit || all >= connectionLimit;
+    // The one that it made room for may have ended since.
+    return own >= connectionSourceLimit || all + 1 >= connectionLimit;
 }
 
 }  // namespace fuzz
