@@ -4,6 +4,7 @@
 #include <libmnl/libmnl.h>
 #include <string.h>
 
+#include <limits>
 #include <string>
 #include <utility>
 
@@ -35,11 +36,18 @@ std::string kernelText(const nlmsghdr& message, const nlmsgerr& error) {
     return {};
 }
 
+/// The errno value that an answer ends with. The kernel negates it; the lowest number, which is none, has no other
+/// sign.
+int errnoOf(int ending) {
+    if (ending == std::numeric_limits<int>::min()) return EBADMSG;
+    return ending < 0 ? -ending : ending;
+}
+
 /// What the end of a dump says: a negative errno value with newer kernels, nothing with older ones.
 tk::Status outcomeOfDone(const nlmsghdr& message) {
     if (mnl_nlmsg_get_payload_len(&message) < sizeof(int)) return {};
     const int status = *static_cast<const int*>(mnl_nlmsg_get_payload(&message));
-    return status < 0 ? tk::Status::ofErrno(-status) : tk::Status();
+    return status < 0 ? tk::Status::ofErrno(errnoOf(status)) : tk::Status();
 }
 
 /// Sends messages, and waits for the end of their answer.
@@ -143,7 +151,7 @@ tk::Status outcomeOf(const nlmsghdr& message) {
     if (mnl_nlmsg_get_payload_len(&message) < sizeof(nlmsgerr)) return tk::Status::ofErrno(EBADMSG);
     const auto* error = static_cast<const nlmsgerr*>(mnl_nlmsg_get_payload(&message));
     if (error->error == 0) return {};
-    const int number = error->error < 0 ? -error->error : error->error;
+    const int number = errnoOf(error->error);
     const std::string text = kernelText(message, *error);
     if (text.empty()) return tk::Status::ofErrno(number);
     return tk::Status::failure(std::string(::strerror(number)) + " (" + text + ")",

@@ -7,6 +7,7 @@
 #include <linux/rtnetlink.h>
 
 #include <array>
+#include <limits>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -111,12 +112,12 @@ TEST_F(RequestTest, ATransactionEndsWithTheFirstError) {
 /// An error message that repeats a request of this length, and then explains itself.
 class Explained {
 public:
-    explicit Explained(std::uint32_t requestLength) {
+    explicit Explained(std::uint32_t requestLength, int number = -EINVAL) {
         message = mnl_nlmsg_put_header(buffer.data());
         message->nlmsg_type = NLMSG_ERROR;
         message->nlmsg_flags = NLM_F_ACK_TLVS;
         auto* error = static_cast<nlmsgerr*>(mnl_nlmsg_put_extra_header(message, sizeof(nlmsgerr)));
-        error->error = -EINVAL;
+        error->error = number;
         error->msg.nlmsg_len = requestLength;
         mnl_attr_put_strz(message, NLMSGERR_ATTR_MSG, "because");
     }
@@ -134,6 +135,11 @@ TEST(Outcome, HasTheKernelsWordsAfterTheRequestThatTheyAreAbout) {
 TEST(Outcome, HasNoWordsWhenTheRequestBeforeThemCannotBeThatLong) {
     for (const std::uint32_t length : {0U, 15U, 1000U, 0x80000000U, 0xC0000000U, 0xFFFFFFFFU})
         EXPECT_EQ(outcomeOf(Explained(length).get()).reason(), "Invalid argument") << length;
+}
+
+TEST(Outcome, IsABadMessageForANumberThatCannotBeNegated) {
+    const Explained lowest(sizeof(nlmsghdr), std::numeric_limits<int>::min());
+    EXPECT_EQ(outcomeOf(lowest.get()).code(), static_cast<std::uint32_t>(EBADMSG));
 }
 
 TEST(Answer, ToNothingIsComplete) {
