@@ -97,6 +97,9 @@ void checkChange(const message& request) {
     const tk::Result<nat::Rule> twice = nat::changedRule(*changed, request);
     fuzz::require(twice.isOk() && *twice == *changed, "a change that is made twice is made once");
     fuzz::require(nat::newRule(changed->toQuestion()).isOk(), "a changed rule could be made");
+    const tk::Result<nat::Rule> set = nat::changedRule(former, changed->toChange());
+    fuzz::require(set.isOk() && set->target == changed->target && set->disabled == changed->disabled,
+                  "a change is asked for as it was made");
 }
 
 constexpr void (*readers[])(const message&) = {
