@@ -407,6 +407,16 @@ bool HubModel::waits(std::uint32_t requester) const {
            });
 }
 
+bool HubModel::isAwaitedBy(uid_t user) const {
+    return std::any_of(peers.begin(), peers.end(), [&](const Peer& peer) {
+        return peer.isOpen && peer.user == user &&
+               std::any_of(awaited.begin(), awaited.end(), [&](const auto& each) {
+                   return std::any_of(each.second.begin(), each.second.end(),
+                                      [&](const Awaited& one) { return one.requester == peer.number; });
+               });
+    });
+}
+
 HubModel::Peer* HubModel::find(std::uint32_t number) {
     for (Peer& peer : peers)
         if (peer.isOpen && peer.number == number) return &peer;

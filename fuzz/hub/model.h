@@ -69,6 +69,8 @@ public:
 
     std::size_t openCount() const;
     bool isAwaited(std::uint32_t program) const { return awaited.contains(program); }
+    /// True when a request of this user waits for a program.
+    bool isAwaitedBy(uid_t user) const;
 
     std::deque<Peer> peers;  // their numbers count from 1000
     std::deque<Expected> ownEnds;

@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <utility>
 
 #include <gtest/gtest.h>
@@ -28,7 +29,7 @@ constexpr std::size_t unreadLimit = 1024 * 1024;
 // What one account may be over its limit: a frame that cannot be refused any more, and connections.
 constexpr std::size_t overdraft = 128 * 1024;
 // What the hub keeps for a request or a subscription: at least, and at most beside the frame's own size.
-constexpr std::size_t smallestCost = 256;
+constexpr std::size_t smallestCost = 64;
 constexpr std::size_t largestExtra = 8192;
 
 /// Without the text of an error, also of one that is shown to a tracer.
@@ -53,6 +54,17 @@ bool hasEnded(int socket) {
 bool isReadable(int socket) {
     char byte;
     return ::recv(socket, &byte, 1, MSG_DONTWAIT | MSG_PEEK) > 0;
+}
+
+void show(const char* what, const tk::message& passed) {
+    std::fprintf(stderr, "%s: kind %u, number %u, command %#x, code %#x", what,
+                 passed.get_u32(tk::field::kind), passed.get_u32(tk::field::number),
+                 passed.get_u32(tk::field::command), passed.get_u32(tk::field::errorCode));
+    for (const std::uint32_t id : {tk::field::sender, tk::field::destination}) {
+        std::fputs(id == tk::field::sender ? ", from" : ", to", stderr);
+        for (const std::uint32_t element : passed.get_u32_array(id)) std::fprintf(stderr, " %u", element);
+    }
+    std::fprintf(stderr, ", %zu bytes\n", passed.serialise().size());
 }
 
 }  // namespace
@@ -116,10 +128,19 @@ void HubWorld::agree() {
         require(bus.hub.isHeard(from, tk::command::objectsChanged) ==
                     model.isHeard(from, tk::command::objectsChanged),
                 "only subscribers and tracers hear");
-    require(bus.hub.budgetOf(poorUser, 0).usedBytes() <= hub::Budgets::userLimit + overdraft,
-            "no user takes more than its account");
+    agreeOnAccount();
     for (std::size_t i = 0; i < actors.size(); ++i)
         if (model.peers[i].unread > unreadLimit) read(i);
+}
+
+void HubWorld::agreeOnAccount() {
+    const std::size_t used = bus.hub.budgetOf(poorUser, 0).usedBytes();
+    require(used <= hub::Budgets::userLimit + overdraft, "no user takes more than its account");
+    const bool isThere = std::any_of(model.peers.begin(), model.peers.end(), [](const HubModel::Peer& peer) {
+        return peer.isOpen && peer.user == poorUser;
+    });
+    const std::size_t ours = isPoor() ? filling.front().bytes() : 0;
+    require(isThere ? used > ours : used == ours, "who is gone is charged nothing");
 }
 
 void HubWorld::agreeOnOwn() {
@@ -162,7 +183,10 @@ void HubWorld::write(std::size_t peer, std::string_view bytes) {
 
 /// Writes bytes of one frame. A poor user's peer reads at once, as its answer tells whether there was room.
 void HubWorld::writeFrame(std::size_t peer, std::string_view bytes) {
-    const bool mayBeFull = isPoor() && model.peers[peer].user == poorUser;
+    const bool isOfPoor = model.peers[peer].user == poorUser;
+    // It may be a registration, at which each request that waits for it would need room once more.
+    if (!isOfPoor && model.isAwaitedBy(poorUser)) empty();
+    const bool mayBeFull = isPoor() && isOfPoor;
     if (mayBeFull) fetch(actors[peer]);
     const std::size_t before = actors[peer].inbox.size();
     const std::size_t used = bus.hub.budgetOf(poorUser, 0).usedBytes();
@@ -209,7 +233,10 @@ void HubWorld::take(Actor& actor, HubModel::Peer& peer, tk::message arrived) {
     require(!peer.expected.empty(), "nothing arrives that should not");
     const HubModel::Expected next = std::move(peer.expected.front());
     peer.expected.pop_front();
-    require((next.isOfHub ? withoutText(arrived) : arrived) == next.content, "the right message arrives");
+    const bool isRight = (next.isOfHub ? withoutText(arrived) : arrived) == next.content;
+    if (!isRight) show("arrived", arrived);
+    if (!isRight) show("expected", next.content);
+    require(isRight, "the right message arrives");
     const tk::Kind kind = tk::kindOf(arrived);
     if (next.isOfHub && kind == tk::Kind::error)
         require(!tk::getError(arrived).empty(), "a refusal says why");

@@ -87,6 +87,7 @@ private:
     void settle();
     void agree();
     void agreeOnOwn();
+    void agreeOnAccount();
 
     std::vector<std::uint32_t> registrations;
     std::vector<std::uint32_t> gone;
