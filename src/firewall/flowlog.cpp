@@ -29,6 +29,11 @@ constexpr int datagramsPerTurn = 256;
 constexpr std::uint32_t wordBytes = 4;  // the unit of the length of an IPv4 header
 constexpr std::size_t requestBytes = 256;
 
+/// Room for one request. It begins as zeros, for what stands between two attributes goes to the kernel, too.
+struct Room {
+    alignas(nlmsghdr) std::array<char, requestBytes> bytes{};
+};
+
 constexpr netlink::AttributeRule packetRules[] = {{NFULA_PAYLOAD, MNL_TYPE_UNSPEC, 0}};
 
 nlmsghdr* putHeader(char* buffer, std::uint16_t type, std::uint8_t family, std::uint16_t resource) {
@@ -90,16 +95,16 @@ tk::Status FlowLog::open() {
 
 /// True when the kernel can remove flows: asked to remove one that does not exist, it says so.
 bool FlowLog::removes() {
-    std::array<char, requestBytes> buffer;
+    Room room;
     const FlowTuple nobodys{{htonl(INADDR_LOOPBACK), IPPROTO_UDP, 0}, htonl(INADDR_LOOPBACK), 0};
-    return netlink::request(socket, *putRemoval(buffer.data(), nobodys)).code() == ENOENT;
+    return netlink::request(socket, *putRemoval(room.bytes.data(), nobodys)).code() == ENOENT;
 }
 
 /// Asks for the beginning of each packet, without delay.
 tk::Status FlowLog::configure() {
-    std::array<char, requestBytes> buffer;
+    Room room;
     constexpr std::uint16_t type = NFNL_SUBSYS_ULOG << 8 | NFULNL_MSG_CONFIG;
-    nlmsghdr* message = putHeader(buffer.data(), type, AF_UNSPEC, flowLogGroup);
+    nlmsghdr* message = putHeader(room.bytes.data(), type, AF_UNSPEC, flowLogGroup);
     const nfulnl_msg_config_cmd command{NFULNL_CFG_CMD_BIND};
     mnl_attr_put(message, NFULA_CFG_CMD, sizeof command, &command);
     nfulnl_msg_config_mode mode{};
@@ -142,9 +147,9 @@ void FlowLog::take(const nlmsghdr& message) {
 }
 
 void FlowLog::removeShown() {
-    std::array<char, requestBytes> buffer;
+    Room room;
     for (const FlowTuple& flow : std::exchange(shown, {})) {
-        nlmsghdr* message = putRemoval(buffer.data(), flow);
+        nlmsghdr* message = putRemoval(room.bytes.data(), flow);
         message->nlmsg_seq = socket.nextSequence();
         const tk::Status sent = socket.send(message, message->nlmsg_len);
         if (!sent.isOk() && !std::exchange(reported, true))
