@@ -43,7 +43,8 @@ name = "wan1"
 terminate = true
 """
 
-PATIENCE = 10  # seconds until a test gives up on a condition
+SLOWNESS = float(os.environ.get("LAB_PATIENCE", 1))  # how many times slower than usual the programs run
+PATIENCE = 10 * SLOWNESS  # seconds until a test gives up on a condition
 
 CLONE_NEWNET = 0x40000000
 CLOCK_REALTIME_COARSE = 5
@@ -158,7 +159,7 @@ class Host:
 
     def run(self, *words, check=True, **options):
         """Runs a command to its end; standard output and error come as text."""
-        done = subprocess.run(self.command(*words), capture_output=True, text=True, timeout=60, **options)
+        done = subprocess.run(self.command(*words), capture_output=True, text=True, timeout=60 * SLOWNESS, **options)
         assert not check or done.returncode == 0, f"{words}: status {done.returncode}\n{done.stdout}{done.stderr}"
         return done
 
@@ -277,7 +278,7 @@ class Lab:
             if program and program.running():
                 program.process.terminate()
                 try:
-                    program.wait(5)
+                    program.wait(PATIENCE / 2)
                 except subprocess.TimeoutExpired:
                     program.kill()
         subprocess.run([LAB, "down", self.name], check=True, timeout=60)
