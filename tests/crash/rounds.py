@@ -30,6 +30,7 @@ FLOW_SECONDS = 1  # in which flows follow the rules
 
 class World:
     """The lab with everything in it, and what its clients believe, from the first round to the last."""
+    router_kind = Router
 
     def __init__(self, directory, seed):
         self.seed = seed
@@ -53,7 +54,7 @@ class World:
         self.watcher = EventSink(lab.lan2, 5001)
         self.listeners += [*self.sinks.values(), self.watcher]
         uplink.masquerade(lab)
-        self.router = Router(lab, self.beliefs)
+        self.router = self.router_kind(lab, self.beliefs)
         self.router.start_routerd()
         self.router.items = {name: int(lab.tkctl("upnp", "interface", "add", name, kind).stdout)
                              for name, kind in (("lan0", "internal"), ("wan0", "external"), ("wan1", "external"))}

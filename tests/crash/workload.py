@@ -201,6 +201,7 @@ class EventSink(Listener):
 
 class Worker(threading.Thread):
     """Makes random requests until it is told to stop, up to a given number of them."""
+    longest_pause = 0.008  # seconds between two requests
 
     def __init__(self, seed, limit):
         super().__init__(daemon=True)
@@ -211,7 +212,7 @@ class Worker(threading.Thread):
     def run(self):
         try:
             for _ in range(self.limit):
-                if self.ended.wait(self.random.uniform(0, 0.008)):
+                if self.ended.wait(self.random.uniform(0, self.longest_pause)):
                     break
                 self.step()
         except BaseException as failure:  # told by whoever joins

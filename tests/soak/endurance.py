@@ -1,0 +1,432 @@
+"""A router that serves thirty clients for a long time, among hostile hosts, while the ground under it moves.
+
+Time goes in cycles. In the busy part clients work, a hostile host does its worst, an observer measures how long answers
+take, and the router is disturbed. Then all that the clients believe is compared with the router and its kernel; they take
+their mappings and subscriptions back, and once the router has come to rest, what it has in use is written down. It must
+come back to the same each time.
+"""
+import collections
+import contextlib
+import json
+import pathlib
+import random
+import subprocess
+import sys
+import threading
+import time
+
+FOLDER = pathlib.Path(__file__).resolve().parent
+sys.path += [str(FOLDER.parent / name) for name in (".", "router", "crash")]
+
+import bus  # noqa: E402
+import control_point  # noqa: E402
+import gauges  # noqa: E402
+import labs  # noqa: E402
+import nameserver  # noqa: E402
+import rounds  # noqa: E402
+import slopes  # noqa: E402
+import workload  # noqa: E402
+from beliefs import Key, State  # noqa: E402
+from disturbances import Router  # noqa: E402
+from workload import EXTERNALS, TARGET_PORTS, ControlPoint, RuleMaker, status_of  # noqa: E402
+
+BUSY_SECONDS = 6
+REST_SECONDS = 45     # until everything that has a time limit is over: requests 10 s, deliveries 30 s, names 6 s
+SAMPLE_SECONDS = 3    # between samples while the router is busy
+FIRST_GUEST = 100     # of 192.0.2.0/24
+NUISANCE = "192.0.2.90"
+HISTORY = 120         # changes before the first cycle, so that the history of 100 is full from then on
+LAB_FILE = "lab.toml"
+
+
+class Guest(labs.Host):
+    """One of many hosts behind the same link: an address of lan1 or lan2."""
+
+    def __init__(self, host, number):
+        super().__init__(host.lab, host.name, f"192.0.2.{FIRST_GUEST + number}")
+        self.target = host.address  # where somebody answers on the target ports
+        self.label = f"guest{number}"
+
+    def connect(self, address, port, seconds=labs.PATIENCE):
+        """Waits longer than its callers would: the listener's queue is short, so a busy router drops some attempts, and the
+        next one follows after 1 s, 2 s, 4 s."""
+        made = self.socket(seconds=max(seconds, labs.PATIENCE))
+        try:
+            made.bind((self.address, 0))
+            made.connect((address, port))
+        except OSError:
+            made.close()
+            raise
+        return made
+
+    def vanish(self, gone):
+        """From now on no packet comes from the host or reaches it; or it is back."""
+        self.run("nft", "add" if gone else "delete", "element", "ip", "guests", "gone", f"{{ {self.address} }}")
+
+
+class Client(ControlPoint):
+    """A guest that searches, describes, maps, lists, unmaps, subscribes, and vanishes."""
+    longest_pause = 2.0
+    KINDS = {"search": 3, "describe": 3, "add": 4, "delete": 3, "look": 3, "subscribe": 1, "vanish": 3}
+    VANISH_SECONDS = 2  # after which nobody vanishes: what is left behind lasts 10 s, and so does not delay the rest
+
+    def __init__(self, guest, interfaces, sids, seed, number):
+        super().__init__(guest, interfaces, sids, seed, 1 << 30)
+        self.base = 10000 + 8 * number
+        self.done = collections.Counter()
+        self.began = time.monotonic()
+
+    def step(self):
+        kind = self.random.choices(list(self.KINDS), list(self.KINDS.values()))[0]
+        if kind == "vanish" and time.monotonic() > self.began + self.VANISH_SECONDS:
+            return
+        self.done[kind] += 1
+        place = self.random.choice(EXTERNALS)
+        if kind in ("add", "delete"):
+            self.change(place, kind == "add")
+        else:
+            getattr(self, kind)(place)
+
+    def search(self, _):
+        with self.host.datagrams() as searching:
+            searching.sendto(control_point.search(self.random.choice(("ssdp:all", "upnp:rootdevice"))).encode(),
+                             control_point.GROUP)
+
+    def describe(self, _):
+        workload.ask(self.host, f"GET /gateway.xml HTTP/1.1\r\nHOST: {labs.ROUTER_LAN}:{control_point.PORT}\r\n\r\n")
+
+    def change(self, place, adds):
+        key = Key(place, self.base + self.random.randrange(3), self.random.choice(("tcp", "udp")))
+        begun, wanted = time.monotonic(), None
+        if adds:
+            wanted = State(None, self.host.target, self.random.choice(TARGET_PORTS), self.random.random() < 0.8)
+            answer = workload.add_mapping(self.host, self.interfaces[place], key.port, key.protocol, *wanted[1:])
+        else:
+            answer = workload.delete_mapping(self.host, self.interfaces[place], key.port, key.protocol)
+        self.note(begun, key, wanted, status_of(answer))
+
+    def look(self, place):
+        for index in range(self.random.randrange(1, 4)):
+            workload.call(self.host, self.interfaces[place], "GetGenericPortMappingEntry", [("NewPortMappingIndex", index)])
+
+    def subscribe(self, place):
+        """By a name or an address. One that is subscribed already renews, unsubscribes, or forgets what it had."""
+        interface, known = self.interfaces[place], self.sids.get((self.host.label, place))
+        kind = self.random.randrange(3)
+        if known is None:
+            callback = self.random.choice((f"{self.host.label}.home:5000", f"{self.host.address}:5000"))
+            answer = workload.subscribe(self.host, interface, callback)
+            if sid := workload.sid_in(answer):
+                self.sids[self.host.label, place] = sid
+        elif kind == 0:
+            workload.subscription(self.host, interface, SID=known, TIMEOUT="Second-1800")
+        elif kind == 1:
+            workload.subscription(self.host, interface, SID=known)
+            del self.sids[self.host.label, place]
+
+    def vanish(self, _):
+        """Goes in the middle of a request, and comes back when the router may have noticed."""
+        request = f"POST /upnp/control/wanipconn-1 HTTP/1.1\r\nContent-Length: {self.random.randrange(1, 9999)}\r\n\r\n<"
+        try:
+            connection = self.host.connect(labs.ROUTER_LAN, control_point.PORT, seconds=workload.ANSWER_SECONDS)
+        except OSError:  # the router is disturbed
+            return
+        connection.sendall(request[:self.random.randrange(1, len(request))].encode())
+        self.host.vanish(True)
+        connection.close()
+        self.ended.wait(self.random.uniform(0.3, 3))
+        self.host.vanish(False)
+
+
+class Rules(RuleMaker):
+    longest_pause = 0.5
+
+
+class Helper:
+    """A program of this folder that runs on a LAN host, between "go" and "stop"."""
+
+    def __init__(self, host, name, *words):
+        self.errors = host.lab.directory / f"{name}.err"
+        with open(self.errors, "wb") as errors:
+            self.process = subprocess.Popen(host.command(sys.executable, FOLDER / f"{name}.py", *words), text=True,
+                                            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=errors)
+
+    def go(self):
+        self.process.stdin.write("go\n")
+        self.process.stdin.flush()
+
+    def stop(self):
+        """Returns the lines that it has printed since it went."""
+        self.process.stdin.write("stop\n")
+        self.process.stdin.flush()
+        told = []
+        while True:
+            line = self.process.stdout.readline()
+            assert line, f"{self.process.args} has ended: {self.errors.read_text()}"
+            told.append(line.strip())
+            if line.startswith("stopped"):
+                return told
+
+    def close(self):
+        self.process.stdin.close()
+        self.process.wait(labs.PATIENCE)
+        self.process.stdout.close()
+
+
+class Disturber(Router):
+    """What else may happen to a router in its long life."""
+
+    def change_lan_address(self, _):
+        """Another address takes over for a moment."""
+        self.disturb("lan0 has another address")
+        self.ip("address", "add", "192.0.2.9/24", "broadcast", "+", "dev", "lan0")
+        self.ip("address", "del", f"{labs.ROUTER_LAN}/24", "dev", "lan0")
+        self.to_mend["lan0 address"] = self.mend_lan_address
+
+    def mend_lan_address(self):
+        self.ip("address", "add", f"{labs.ROUTER_LAN}/24", "broadcast", "+", "dev", "lan0")
+        self.ip("address", "del", "192.0.2.9/24", "dev", "lan0")
+
+    def switch_off(self, _):
+        self.disturb("UPnP is off", *EXTERNALS)
+        self.to_mend["UPnP"] = lambda: self.lab.tkctl("upnp", "set", "enabled=yes")
+        self.lab.tkctl("upnp", "set", "enabled=no")
+
+    def reload(self, random):
+        """Not a disturbance: nobody may notice, whether the file is good or broken."""
+        path = self.lab.root / "tesk" / "etc" / LAB_FILE
+        good = path.read_text()
+        changed = good + random.choice(("\n[nat]\nlimit = 900\n", "\n[guard]\nrequests-per-second = 1000\n",
+                                        "\n[guard]\nsearches-per-second = 100\n"))
+        for text, status in ((changed, 0), (good + random.choice(("\n[nat\n", "\n[nat]\nlimit = \"x\"\n")), 1), (good, 0)):
+            path.write_text(text)
+            done = self.lab.tkctl("reload", check=False)
+            assert done.returncode == status, f"{text}: {done}"
+
+    CHOICES = {Router.flush: 1, Router.change_address: 2, Router.remove_link: 2, Router.flap: 2, Router.flap_item: 1,
+               change_lan_address: 2, switch_off: 1, reload: 2}
+
+
+class World(rounds.World):
+    """The lab with the clients, the hostile host and the observer, from the first cycle to the last."""
+    router_kind = Disturber
+
+    def __init__(self, directory, seed, clients):
+        super().__init__(directory, seed)
+        self.guests = [Guest((self.lab.lan1, self.lab.lan2)[number % 2], number) for number in range(clients)]
+        self.series, self.seconds = slopes.Series(), collections.defaultdict(list)
+        self.done, self.helpers, self.nuisances = collections.Counter(), [], 0
+
+    def up(self):
+        lab = self.lab
+        lab.router.run("sysctl", "-qw", *(f"net.netfilter.nf_conntrack_{name}=3" for name in (
+            "tcp_timeout_time_wait", "tcp_timeout_close", "tcp_timeout_fin_wait", "tcp_timeout_last_ack", "udp_timeout",
+            "udp_timeout_stream", "tcp_timeout_syn_sent", "tcp_timeout_close_wait")))  # so that they come to rest soon
+        super().up()
+        for host in (lab.lan1, lab.lan2):
+            self.move_in(host)
+        self.name_everybody()
+        self.observer = Helper(lab.lan2, "observer", self.interfaces["wan0"])
+        self.nuisance = Helper(lab.lan1, "nuisance", self.seed, NUISANCE, lab.root / "run" / "tk", *self.interfaces.values())
+        self.helpers = [self.observer, self.nuisance]
+        self.idle = self.gauges()
+        with bus.Client(lab) as client:
+            for _ in range(HISTORY):
+                client.call([80, 0], bus.SET, bus.settings(True))
+        return self
+
+    def move_in(self, host):
+        """Gives the host the addresses of its guests, and a way to make one of them vanish."""
+        own = [guest.address for guest in self.guests if guest.name == host.name]
+        own += [NUISANCE] if host is self.lab.lan1 else []
+        lines = "".join(f"address add {address}/24 dev eth0\n" for address in own)
+        subprocess.run(["ip", "-n", f"gw-{self.lab.name}-{host.name}", "-batch", "-"], input=lines, text=True, check=True,
+                       timeout=labs.PATIENCE)
+        host.run("nft", "add table ip guests; add set ip guests gone { type ipv4_addr; }; "
+                        "add chain ip guests in { type filter hook input priority 0; }; "
+                        "add chain ip guests out { type filter hook output priority 0; }; "
+                        "add rule ip guests in ip daddr @gone drop; add rule ip guests out ip saddr @gone drop")
+
+    def name_everybody(self):
+        named = {guest.label: guest.address for guest in self.guests}
+        named |= {"lan1": labs.LAN1, "lan2": labs.LAN2, "watcher": rounds.WATCHER}
+        nameserver.replace(self.lab, "hosts", "127.0.0.1 localhost\n"
+                           + "".join(f"{address} {name}.home\n" for name, address in named.items()))
+        self.listeners.append(nameserver.NameServer(self.lab.wan, {}, silent=("hangs.home",)))
+
+    def down(self):
+        for helper in self.helpers:
+            helper.close()
+        super().down()
+
+    # One cycle
+
+    def play(self, number):
+        chance = random.Random(f"{self.seed}/{number}")
+        before = self.running()
+        mark, began = self.log_length(), time.monotonic()
+        clients = [Client(guest, self.interfaces, self.sids, f"{self.seed}/{number}/{guest.label}", index)
+                   for index, guest in enumerate(self.guests)]
+        maker = Rules(self.lab, self.rules, f"{self.seed}/{number}/rules", 1 << 30)
+        for worker in [*clients, maker]:
+            worker.start()
+        for helper in self.helpers:
+            helper.go()
+        with Sampler(self):
+            self.disturb_for(BUSY_SECONDS, chance)
+        self.observed(self.observer.stop())
+        self.nuisances = int(self.nuisance.stop()[-1].split()[1])
+        self.collect(clients, maker)
+        lines = (self.log_length() - mark) / (time.monotonic() - began)
+        self.series.busy.append({"log lines a second": lines})
+        assert self.running() == before, f"a program has ended by itself: {before} are now {self.running()}"
+        self.reckon(chance)
+        self.clear()
+        self.rest()
+        self.figures["rounds"] += 1
+
+    def disturb_for(self, seconds, chance):
+        end = time.monotonic() + seconds
+        while time.monotonic() < end:
+            time.sleep(chance.uniform(0.5, 2.5))
+            disturb = chance.choices(list(Disturber.CHOICES), list(Disturber.CHOICES.values()))[0]
+            self.disturbances[disturb.__name__] += 1
+            disturb(self.router, chance)
+            time.sleep(chance.uniform(0, 0.3))
+            self.router.mend_all()
+            self.settle()
+            self.serving()
+            self.router.calm()
+
+    def serving(self):
+        """Waits until a client is answered again."""
+        def answers():
+            return status_of(workload.call(self.lab.lan1, self.interfaces["wan0"], "GetExternalIPAddress", ())) == 200
+        labs.eventually(answers, "the daemon serves the LAN", rounds.RECOVERY_SECONDS)
+
+    def observed(self, told):
+        """Keeps what was asked while nothing was disturbed."""
+        for kind, begun, seconds in map(json.loads, told[:-1]):
+            ended = begun + (seconds or 0)
+            if any(span.begun <= ended and begun <= span.ended for span in self.beliefs.disturbances):
+                continue
+            assert seconds is not None, f"{kind} was not answered, though nothing disturbed it"
+            self.seconds[kind].append(seconds)
+
+    def collect(self, clients, maker):
+        for worker in [*clients, maker]:
+            worker.ended.set()
+        for worker in [*clients, maker]:
+            requests = worker.finish()
+            self.beliefs.requests += requests
+            self.figures["requests"] += len(requests)
+        self.beliefs.losses += maker.losses
+        for client in clients:
+            self.done += client.done
+
+    def clear(self):
+        """Everybody takes back what is theirs. Now nothing is disturbed, so each answer must be good."""
+        for (label, place), sid in self.sids.items():
+            workload.subscription(self.guests[int(label[5:])], self.interfaces[place], SID=sid)  # it may have ended before
+        self.sids.clear()
+        for name, interface in self.interfaces.items():
+            for entry in workload.list_mappings(self.lab.lan1, interface):
+                answer = workload.delete_mapping(self.lab.lan1, interface, entry["NewExternalPort"], entry["NewProtocol"])
+                assert status_of(answer) == 200, f"{entry} on {name}: {answer}"
+        for rule in self.lab.rules():
+            self.lab.tkctl("bus", "call", "20,5", "0xFE0006", f"0xFE0001:u32={rule['id']}")
+        if self.rules.client:
+            self.rules.client.socket.close()
+        self.rules = workload.Rules()
+        self.beliefs.states = {}
+        for flow in self.flows:
+            flow.close()
+        self.flows = []
+
+    # Rest
+
+    def rest(self):
+        """Waits until the daemon's descriptors are what they were at first, for as long as anything may take;
+        what they are then is judged. Then nothing of the clients' is left, and all gauges are read."""
+        deadline = time.monotonic() + REST_SECONDS
+        while not self.is_calm(found := self.gauges()) and time.monotonic() < deadline:
+            time.sleep(0.2)
+        left = self.lab.rules()
+        assert left == [], f"rules outlive their mappings: {left}"
+        self.compare_kernel(left)
+        processes = {name: tuple(self.router.processes(name)) for name in gauges.PROGRAMS}
+        self.series.quiet.append((time.monotonic(), processes, found))
+
+    def is_calm(self, found):
+        """True when the daemon has no more sockets than before the first cycle, and its timers do not change."""
+        sockets = "descriptors of upnpd, socket"
+        return found.get("timers of upnpd") is not None and found[sockets] <= self.idle[sockets]
+
+    def gauges(self):
+        found = gauges.of_kernel(self.lab) | gauges.stored(self.lab)
+        for name in gauges.PROGRAMS:
+            for pid in self.router.processes(name)[:1]:
+                with contextlib.suppress(FileNotFoundError, ProcessLookupError):  # it has just ended
+                    found |= gauges.of_program(pid, name)
+        return found
+
+    def log_length(self):
+        return self.lab.routerd.path.read_bytes().count(b"\n")
+
+
+class Sampler(threading.Thread):
+    """Reads the gauges every few seconds while the router is busy; what fails then is told by the next rest."""
+
+    def __init__(self, world):
+        super().__init__(daemon=True)
+        self.world, self.ended = world, threading.Event()
+
+    def run(self):
+        while not self.ended.wait(SAMPLE_SECONDS):
+            try:
+                self.world.series.busy.append(self.world.gauges())
+            except (OSError, AssertionError, TypeError):  # a process or an interface has just gone
+                continue
+
+    def __enter__(self):
+        self.start()
+
+    def __exit__(self, *_):
+        self.ended.set()
+        self.join()
+
+
+def run(directory, seed, seconds, clients=30, report=print, latest=slopes.LATEST):
+    """Plays cycles for so long; a failure tells how to repeat it. Returns the report, and what is wrong."""
+    world = World(directory, seed, clients)
+    began = time.monotonic()
+    number = 0
+    try:
+        world.up()
+        while time.monotonic() < began + seconds or number < slopes.WARM_UP + slopes.FEWEST:
+            number += 1
+            world.play(number)
+            if number % 20 == 0:
+                report(f"cycle {number}, {time.monotonic() - began:.0f} of {seconds} s")
+    except Exception as failure:
+        raise AssertionError(f"cycle {number} of seed {seed}: {type(failure).__name__}: {failure}\n"
+                             f"repeat it with: tests/soak/run --seconds {seconds} --seed {seed}\n"
+                             f"the router's logs: {directory}") from failure
+    finally:
+        world.down()
+    return summary(world, time.monotonic() - began, latest)
+
+
+def summary(world, seconds, latest):
+    trends = world.series.trends()
+    assert len(world.seconds) == 4, f"not all kinds of answers were measured: {list(world.seconds)}"
+    answers = [slopes.lateness(kind, found, latest) for kind, found in sorted(world.seconds.items())]
+    wrong = [one.name for one in trends if one.is_wrong] + [one.kind for one in answers if one.is_wrong]
+    done, disturbed = (", ".join(f"{name} {count}" for name, count in sorted(counter.items()))
+                       for counter in (world.done, world.disturbances))
+    text = "\n".join([
+        f"seed {world.seed}: {len(world.guests)} clients, {world.figures['rounds']} cycles in {seconds:.0f} s",
+        f"done by clients: {done}", f"done to the router: {disturbed}; by a hostile host: {world.nuisances}",
+        f"mappings compared: {world.figures['compared']}, elements in the kernel: {world.figures['elements']}",
+        "", *slopes.table(trends, answers), "", f"WRONG: {', '.join(wrong)}" if wrong else "nothing grew, nothing was late"])
+    return text, wrong

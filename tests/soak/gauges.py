@@ -1,0 +1,118 @@
+"""What a router has in use: memory, descriptors and timers of its programs, and objects of its kernel."""
+import collections
+import contextlib
+import os
+import pathlib
+import re
+import struct
+
+PROGRAMS = ("routerd", "upnpd", "resolverd")
+
+
+def memory(pid):
+    """KiB that are the process's own. What it shares with the file of its program depends on who else runs that."""
+    text = pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text()
+    return int(re.search(r"^Pss_Anon: +(\d+)", text, re.M)[1])
+
+
+def opened(pid):
+    """What each descriptor of the process leads to, by its number."""
+    found = {}
+    for path in pathlib.Path(f"/proc/{pid}/fd").iterdir():
+        with contextlib.suppress(FileNotFoundError):  # closed meanwhile
+            found[int(path.name)] = os.readlink(path)
+    return found
+
+
+def descriptors(pid):
+    """How many descriptors of each kind the process holds."""
+    return collections.Counter(map(kind_of, opened(pid).values()))
+
+
+def kind_of(target):
+    """socket:[4711] is a socket, anon_inode:[eventpoll] an eventpoll, everything else a file."""
+    special = re.fullmatch(r"(?:anon_inode:\[?(\w+)\]?|(\w+):\[\d+\])", target)
+    return (special[1] or special[2]) if special else "file"
+
+
+def sets_of(pid):
+    """The numbers of the process's two event sets: all of its sockets, and the urgent ones."""
+    return sorted(number for number, target in opened(pid).items() if kind_of(target) == "eventpoll")[:2]
+
+
+def watched(pid, number):
+    return pathlib.Path(f"/proc/{pid}/fdinfo/{number}").read_text().count("tfd:")
+
+
+# A tk::Runner as it lies in memory from its event sets on: the two descriptors; then the map of sockets, whose fourth word
+# is their number; a number of 32 bits; then the map of timers, and the queue of the same timers, each of which ends with
+# its size.
+RUNNER = struct.Struct("<ii 3Q Q 3Q Q 5Q Q 5Q Q")
+SOCKETS, TIMERS, QUEUE = 5, 15, 21
+
+
+def timers(pid):
+    """How many timers the process has armed, read from the memory of its loop; None while that changes.
+
+    The loop is recognised by its event sets, by the kernel's own count of the sockets in the larger one, and by its two
+    counts of the timers, which agree.
+    """
+    pair = sets_of(pid)
+    if len(pair) < 2:
+        return None
+    sockets = watched(pid, pair[0])
+    maps = pathlib.Path(f"/proc/{pid}/maps").read_text()
+    with open(f"/proc/{pid}/mem", "rb", 0) as words:
+        for start, end in re.findall(r"^(\w+)-(\w+) rw.*\[(?:stack|heap)\]$", maps, re.M):
+            begin = int(start, 16)
+            words.seek(begin)
+            data = words.read(int(end, 16) - begin)
+            found = loop_in(data, pair, sockets)
+            if found is not None:
+                return found
+    return None
+
+
+def loop_in(data, pair, sockets):
+    """The number of timers of the loop with these event sets and so many sockets that lies in the bytes, if any."""
+    at = -1
+    while (at := data.find(struct.pack("<ii", *pair), at + 1)) >= 0:
+        if at % 8 == 0 and at + RUNNER.size <= len(data):
+            fields = RUNNER.unpack_from(data, at)
+            if fields[SOCKETS] == sockets and fields[TIMERS] == fields[QUEUE]:
+                return fields[TIMERS]
+    return None
+
+
+def of_program(pid, name):
+    """The gauges of one process, by what they are."""
+    found = {f"memory of {name}, KiB": memory(pid), f"timers of {name}": timers(pid)}
+    found |= {f"descriptors of {name}, {kind}": count for kind, count in descriptors(pid).items()}
+    return found
+
+
+def of_kernel(lab):
+    """The kernel's objects in the router's network."""
+    text = lab.router.run("sh", "-c", "nft --handle --numeric list table ip tk; echo; cat /proc/net/sockstat; echo; "
+                          "cat /proc/sys/net/netfilter/nf_conntrack_count; echo; ip neigh show | wc -l").stdout
+    table, sockets, entries, neighbours = text.rsplit("\n\n", 3)
+    found = {f"kernel: elements of {name}": elements(table, name)
+             for name in re.findall(r"^\t(?:map|set) (\w+) {", table, re.M)}
+    found["kernel: rules, chains and sets"] = table.count("# handle ")
+    found["kernel: TCP sockets"] = int(re.search(r"TCP: inuse (\d+)", sockets)[1])
+    found["kernel: TCP orphans"] = int(re.search(r"orphan (\d+)", sockets)[1])
+    found["kernel: UDP sockets"] = int(re.search(r"UDP: inuse (\d+)", sockets)[1])
+    return found | {"kernel: connections known": int(entries), "kernel: neighbours": int(neighbours)}
+
+
+def elements(table, name):
+    """How many elements a map or set of the table has."""
+    body = re.search(rf"^\t(?:map|set) {name} {{[^\n]*\n(.*?)^\t}}", table, re.M | re.S)[1]
+    listed = re.search(r"elements = {(.*)}", body, re.S)
+    return listed[1].count(",") + 1 if listed else 0
+
+
+def stored(lab):
+    """Bytes in the programs' stores."""
+    return {f"store of {name}, bytes": sum(path.stat().st_size for path in (lab.root / "tesk" / folder).iterdir())
+            for name, folder in (("upnpd", "store"), ("routerd", "router"))}

@@ -1,0 +1,66 @@
+"""The short version of tests/soak/run, and proof that what it reads is what a router has."""
+import os
+import pathlib
+import random
+import socket
+
+import endurance
+import gauges
+import pytest
+
+import bus
+import labs
+
+SECONDS = int(os.environ.get("SOAK_SECONDS", 120))
+# An attempt to connect that meets a full queue costs a second. Beside other tests that happens to more than one in a hundred.
+LATEST_BESIDE_OTHERS = 1.25
+
+
+def test_in_the_long_run_nothing_grows_and_all_is_answered_in_time(tmp_path):
+    seed = random.SystemRandom().randrange(1 << 31)
+    print(f"seed {seed}")
+    text, wrong = endurance.run(tmp_path, seed, SECONDS, latest=LATEST_BESIDE_OTHERS)
+    print(text)
+    assert not wrong, text
+
+
+@pytest.fixture
+def daemon(lab):
+    return lab.upnpd.process.pid
+
+
+def test_each_connection_is_a_descriptor_and_a_timer(lab, daemon):
+    before, timers = gauges.descriptors(daemon), labs.eventually(lambda: gauges.timers(daemon), "the loop is found")
+    open_ones = [lab.lan1.connect(labs.ROUTER_LAN, 2828) for _ in range(7)]
+    labs.eventually(lambda: gauges.timers(daemon) == timers + 7, "each request has its timer")
+    assert gauges.descriptors(daemon) - before == {"socket": 7}
+    for connection in open_ones:
+        connection.close()
+    labs.eventually(lambda: gauges.timers(daemon) == timers, "each timer goes with its connection")
+    assert gauges.descriptors(daemon) == before
+
+
+def test_the_elements_and_sockets_of_the_kernel_are_counted(lab):
+    before = gauges.of_kernel(lab)
+    with bus.Client(lab) as client, lab.router.socket(socket.SOCK_DGRAM) as used:
+        used.bind(("", 999))
+        for port in (81, 82, 83):
+            client.add_rule(port)
+        after = gauges.of_kernel(lab)
+    gained = {name: after[name] - before[name] for name in after if after[name] != before[name]}
+    assert gained == {"kernel: elements of dstnat": 3, "kernel: elements of live": 3, "kernel: UDP sockets": 1}
+    labs.eventually(lambda: gauges.of_kernel(lab)["kernel: elements of live"] == 0, "the rules go with their owner")
+
+
+def test_memory_that_a_process_touches_is_its_own():
+    before = gauges.memory(os.getpid())
+    held = bytearray(os.urandom(1 << 20)) * 8
+    assert 7 << 10 < gauges.memory(os.getpid()) - before < 10 << 10
+    del held
+
+
+def test_stores_are_measured_in_bytes(lab):
+    before = gauges.stored(lab)
+    pathlib.Path(lab.root / "tesk" / "store" / "more").write_bytes(b"x" * 77)
+    assert gauges.stored(lab)["store of upnpd, bytes"] == before["store of upnpd, bytes"] + 77
+    (lab.root / "tesk" / "store" / "more").unlink()
