@@ -15,6 +15,7 @@
 #include <functional>
 #include <set>
 #include <string>
+#include <type_traits>
 #include <utility>
 
 #include "tk/log.h"
@@ -45,12 +46,16 @@ struct Request {
 
 /// What the launcher answers. The answer to a start comes with a descriptor of the process.
 struct Answer {
-    pid_t process = 0;  // the one started, or -1
-    bool hasEnded = false;
-    std::int32_t status = 0;             // of a process that has ended
     Clock::time_point waitedUntil = {};  // as in the request
-    char reason[1024] = {};              // why nothing was started or prepared; ends with 0
+    pid_t process = 0;                   // the one started, or -1
+    std::int32_t status = 0;             // of a process that has ended
+    bool hasEnded = false;
+    char reason[1023] = {};  // why nothing was started or prepared; ends with 0
 };
+
+// Nothing between the fields would go along that stood on the stack of the other, more privileged side.
+static_assert(std::has_unique_object_representations_v<Request>);
+static_assert(std::has_unique_object_representations_v<Answer>);
 
 std::string reasonIn(const Answer& answer) {
     return {answer.reason, ::strnlen(answer.reason, sizeof answer.reason)};
