@@ -215,7 +215,7 @@ class World(rounds.World):
         super().__init__(directory, seed)
         self.guests = [Guest((self.lab.lan1, self.lab.lan2)[number % 2], number) for number in range(clients)]
         self.series, self.seconds = slopes.Series(), collections.defaultdict(list)
-        self.done, self.helpers, self.nuisances = collections.Counter(), [], 0
+        self.done, self.helpers, self.nuisances, self.log_rate = collections.Counter(), [], 0, 0.0
 
     def up(self):
         lab = self.lab
@@ -277,8 +277,7 @@ class World(rounds.World):
         self.observed(self.observer.stop())
         self.nuisances = int(self.nuisance.stop()[-1].split()[1])
         self.collect(clients, maker)
-        lines = (self.log_length() - mark) / (time.monotonic() - began)
-        self.series.busy.append({"log lines a second": lines})
+        self.log_rate = (self.log_length() - mark) / (time.monotonic() - began)
         assert self.running() == before, f"a program has ended by itself: {before} are now {self.running()}"
         self.reckon(chance)
         self.clear()
@@ -363,7 +362,7 @@ class World(rounds.World):
         return found.get("timers of upnpd") is not None and found[sockets] <= self.idle[sockets]
 
     def gauges(self):
-        found = gauges.of_kernel(self.lab) | gauges.stored(self.lab)
+        found = gauges.of_kernel(self.lab) | gauges.stored(self.lab) | {"log lines a busy second": self.log_rate}
         for name in gauges.PROGRAMS:
             for pid in self.router.processes(name)[:1]:
                 with contextlib.suppress(FileNotFoundError, ProcessLookupError):  # it has just ended

@@ -9,7 +9,7 @@ CYCLE = 13  # seconds
 USUAL = {
     "memory of upnpd, KiB": 900, "timers of upnpd": 12, "descriptors of upnpd, socket": 14, "descriptors of upnpd, file": 5,
     "kernel: elements of dstnat": 0, "kernel: rules, chains and sets": 40, "kernel: connections known": 60,
-    "kernel: neighbours": 9, "kernel: TCP sockets": 6, "store of routerd, bytes": 30000}
+    "kernel: neighbours": 9, "kernel: TCP sockets": 6, "store of routerd, bytes": 30000, "log lines a busy second": 300}
 
 
 def soak(cycles=9, name=None, each=0.0, start=slopes.WARM_UP, odd=()):
@@ -73,6 +73,10 @@ def test_a_peak_while_it_is_busy_counts():
     series = soak()
     series.busy += [{"memory of upnpd, KiB": 20000}]
     assert wrong(series) == ["memory of upnpd, KiB"]
+
+
+def test_a_log_that_is_flooded_in_one_cycle_is_found():
+    assert wrong(soak(odd=[(5, "log lines a busy second", 5000)])) == ["log lines a busy second"]
 
 
 def test_the_99th_percentile_is_the_least_value_that_99_percent_do_not_exceed():
