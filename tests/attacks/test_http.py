@@ -1,18 +1,290 @@
-"""What a host in the LAN can do over HTTP."""
+"""What a host in the LAN can do over HTTP, and what it costs another one."""
+import concurrent.futures
 import contextlib
+import socket
+import struct
+import subprocess
 import time
 
-from control_point import PORT
-from labs import ROUTER_LAN
+import pytest
+
+import labs
+from control_point import (CONNECTION, DATE, PORT, action_element, bare, envelope, exchange, file_answer, get, post,
+                           read_to_end, result)
+from labs import DATA, LAN1, ROUTER_LAN, ROUTER_WAN, eventually
+
+OSINFO = file_answer((DATA / "osinfo.xml").read_text())
+GET_OSINFO = b"GET /osinfo.xml HTTP/1.1\r\n\r\n"
+NOT_FOUND, BAD_REQUEST = bare("404 Not Found"), bare("400 Bad Request")
+NOT_IMPLEMENTED = bare("501 Not Implemented")
+OWN_LIMIT = 128          # connections that the daemon keeps of one address
+ALL = 512                # and of all
+REQUEST_LIMIT = 128 << 10
+REQUEST_SECONDS = 10     # from accept
+RESET = struct.pack("ii", 1, 0)
 
 
-def test_requests_that_drip_in_keep_nobody_waiting(lab, bystander):
-    """As many connections as one host may have, each with a byte of a header now and then."""
-    def drip():
-        with contextlib.ExitStack() as stack:
-            held = [stack.enter_context(lab.lan1.connect(ROUTER_LAN, PORT)) for _ in range(120)]
-            for byte in b"GET /gateway.xml":
+@pytest.fixture
+def path(lab):
+    return f"/upnp/control/wanipconn-{lab.interface_id('wan0')}"
+
+
+def connect_at_once(host, source=None, room=None):
+    """A connection, if asked from another address of the host, or with little room for what it receives.
+    The listener's queue is short: what finds it full is tried again, long before the kernel would."""
+    while True:
+        made = host.socket(seconds=0.05)
+        if room:
+            made.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, room)
+        try:
+            made.bind((source or host.address, 0))
+            made.connect((ROUTER_LAN, PORT))
+        except TimeoutError:
+            made.close()
+            continue
+        made.settimeout(labs.PATIENCE)
+        return made
+
+
+@contextlib.contextmanager
+def crowd(host, count):
+    """Connections from one host."""
+    with contextlib.ExitStack() as stack:
+        yield [stack.enter_context(connect_at_once(host)) for _ in range(count)]
+
+
+def with_headers(*lines):
+    return "\r\n".join(["GET /osinfo.xml HTTP/1.1", *lines, "", ""])
+
+
+@pytest.mark.parametrize("request_text, answer", [
+    pytest.param(with_headers("Content-Length: +3") + "abc", OSINFO, id="a length with a sign"),
+    pytest.param(with_headers("Content-Length: 3 3") + "abc", OSINFO, id="two lengths in one"),
+    pytest.param(with_headers("Content-Length: 3", "Content-Length: 4") + "abc", OSINFO, id="the first of two lengths"),
+    pytest.param(with_headers("Content-Length: 0x3"), OSINFO, id="a hexadecimal length"),
+    pytest.param(with_headers("Content-Length: 18446744073709551616x", "Content-Length:") + "abc", None,
+                 id="a length of 2^64 before another"),
+    pytest.param(with_headers("Transfer-Encoding: chunked") + "3\r\nabc\r\n0\r\n\r\n", OSINFO, id="chunks"),
+    pytest.param(with_headers("Transfer-Encoding: chunked", "Content-Length: 3") + "abc", OSINFO, id="chunks and a length"),
+    pytest.param(with_headers("Expect: 100-continue"), OSINFO, id="an expectation"),
+    pytest.param(with_headers("Connection: keep-alive", "Upgrade: h2c"), OSINFO, id="an upgrade"),
+    pytest.param(with_headers("X: " + "\x00\x01\x7f\x1b[2J"), OSINFO, id="control bytes in a value"),
+    pytest.param(with_headers("\x00\x01: x", ": x", ":"), OSINFO, id="control bytes and nothing in a name"),
+    pytest.param("GET /osinfo.xml\x00 HTTP/1.1\r\n\r\n", NOT_FOUND, id="NUL in the path"),
+    pytest.param("GET /osinfo.xml\x00/../../etc/passwd HTTP/1.1\r\n\r\n", NOT_FOUND, id="NUL before a path"),
+    pytest.param("GET\x00 /osinfo.xml HTTP/1.1\r\n\r\n", NOT_IMPLEMENTED, id="NUL in the method"),
+    pytest.param("\x1b[2J\x07 / HTTP/1.1\r\n\r\n", NOT_IMPLEMENTED, id="control bytes in the method"),
+    pytest.param("G\r\n\r\n", NOT_IMPLEMENTED, id="a title of one byte"),
+    pytest.param(" \r\n\r\n", NOT_IMPLEMENTED, id="a title of one blank"),
+    pytest.param("HTTP/1.1 200 OK\r\n\r\n", NOT_IMPLEMENTED, id="an answer"),
+    pytest.param(with_headers("X: " + "x" * (REQUEST_LIMIT - 200)), OSINFO, id="a huge header"),
+    pytest.param(with_headers("x" * (REQUEST_LIMIT - 200) + ":"), OSINFO, id="a huge name"),
+    pytest.param(with_headers(*["X:"] * 30000), OSINFO, id="30000 headers"),
+    pytest.param("GET /" + "x" * (REQUEST_LIMIT - 200) + " HTTP/1.1\r\n\r\n", NOT_FOUND, id="a huge path"),
+    pytest.param("x" * 60000 + "\r\n\r\n", NOT_IMPLEMENTED, id="a huge method"),
+])
+def test_an_odd_request_is_answered_as_any_other(lab, request_text, answer):
+    if answer is None:
+        with lab.lan1.connect(ROUTER_LAN, PORT) as connection:
+            connection.sendall(request_text.encode())
+            assert get(lab.lan2, "/osinfo.xml") == OSINFO  # the daemon has gone on in the meantime
+            connection.setblocking(False)
+            with pytest.raises(BlockingIOError):
+                connection.recv(1)
+    else:
+        assert exchange(lab.lan1, request_text) == answer
+
+
+@pytest.mark.parametrize("path", [
+    "/../../../../etc/passwd", "/..", "/.", "//", "//etc/passwd", "/osinfo.xml/../osinfo.xml", "/./osinfo.xml",
+    "//osinfo.xml", "/%6fsinfo.xml", "/%2e%2e/%2e%2e/etc/passwd", "/..%2f..%2fetc%2fpasswd", "/..%c0%af..%c0%afetc/passwd",
+    "/..\\..\\etc\\passwd", "/....//....//etc/passwd", "/osinfo.xml%00.gif", "/osinfo.xml#x", "/osinfo.xml;x",
+    f"http://{ROUTER_LAN}:{PORT}/osinfo.xml", "file:///etc/passwd", "/proc/self/environ", "/tesk/etc/upnp/osinfo.xml",
+    "/upnp/control/../../osinfo.xml"])
+def test_no_path_leads_to_anything_but_what_is_served(lab, path):
+    mark = lab.upnpd.mark()
+    assert get(lab.lan1, path) == NOT_FOUND
+    assert lab.upnpd.since(mark) == [], "no file was tried"
+
+
+def test_control_bytes_reach_the_log_escaped(lab):
+    mark = lab.upnpd.mark()
+    assert exchange(lab.lan1, "\x1b[2J\x00\n\u009b31m\u2028 / HTTP/1.1\r\n\r\n") == NOT_IMPLEMENTED
+    assert lab.upnpd.since(mark) == [r"what is this: '\x1b[2J\x00\x0a\xc2\x9b31m\xe2\x80\xa8'"]
+
+
+def test_a_request_that_expects_to_be_told_to_continue_is_only_answered(lab, path):
+    body = envelope(action_element("GetExternalIPAddress"))
+    head, _, rest = post(path, body, f'"{CONNECTION}#GetExternalIPAddress"').partition("\r\n\r\n")
+    with lab.lan1.connect(ROUTER_LAN, PORT) as connection:
+        connection.sendall((head + "\r\nEXPECT: 100-continue\r\n\r\n").encode())
+        assert get(lab.lan2, "/osinfo.xml") == OSINFO
+        connection.sendall(rest.encode())
+        assert DATE.sub("NOW", read_to_end(connection).decode()) == result(
+            "GetExternalIPAddress", [("NewExternalIPAddress", ROUTER_WAN)])
+
+
+@pytest.mark.parametrize("chunks, answer", [("", BAD_REQUEST), ("3\r\nabc\r\n0\r\n\r\n", BAD_REQUEST)])
+def test_a_body_in_chunks_is_read_as_it_is(lab, path, chunks, answer):
+    request = post(path, "", f'"{CONNECTION}#GetExternalIPAddress"').replace("CONTENT-LENGTH: 0", "TRANSFER-ENCODING: chunked")
+    mark = lab.upnpd.mark()
+    assert exchange(lab.lan1, request + chunks) == answer
+    assert lab.upnpd.since(mark) == ["POST: with bad xml"]
+
+
+def test_what_can_never_be_complete_is_dropped_without_an_answer(lab, bystander):
+    """Side by side, each from its own connection, until the time of all of them is up."""
+    requests = [with_headers(f"Content-Length: {length}") + "abc" for length in (
+        -1, 4294967296, 18446744073709551616, "9" * 1000, "99999999999999999999999", 4, "4 3")]
+    requests += [
+        with_headers("Content-Length: 3") + "abcd", with_headers("Content-Length:") + "abc",
+        with_headers("no colon"), with_headers("\x00"), "\x00" * 4096, "\r", "\n" * 4096, "GET /osinfo.xml HTTP/1.1\n\n",
+        with_headers("X: " + "x" * 2 * REQUEST_LIMIT), "x" * (1 << 20), with_headers(*["X: x"] * 100000),
+        with_headers("no colon") + "x" * (1 << 20), with_headers(f"Content-Length: {1 << 30}") + "x" * (1 << 20)]
+
+    def attack():
+        began = time.monotonic()
+        with crowd(lab.lan1, len(requests)) as held:
+            accepted = time.monotonic()
+            for request, connection in zip(requests, held):
+                connection.sendall(request.encode())
+            for request, connection in zip(requests, held):
+                assert end_of(connection) == b"", request[:100]
+                assert time.monotonic() - began >= REQUEST_SECONDS - 0.5, request[:100]
+            assert time.monotonic() - accepted <= REQUEST_SECONDS + 3
+    mark = lab.upnpd.mark()
+    bystander.during(attack)
+    eventually(lambda: lab.upnpd.since(mark) == ["http request timeout"] * len(requests), "a line for each")
+
+
+def end_of(connection):
+    """All that comes before the end of the connection. One with bytes that nobody has read ends with a reset."""
+    connection.settimeout(2 * REQUEST_SECONDS)
+    try:
+        return read_to_end(connection)
+    except ConnectionResetError:
+        return b""
+
+
+def test_requests_that_drip_in_are_dropped_and_keep_nobody_waiting(lab, bystander):
+    """As many connections as one host may have, with a byte of a header each now and then."""
+    def drip(connection):
+        with contextlib.suppress(OSError):  # it was dropped, as it should be
+            connection.send(b"x")
+
+    def attack():
+        with crowd(lab.lan1, OWN_LIMIT) as held:
+            for connection in held:
+                connection.sendall(b"GET /osinfo.xml HTTP/1.1\r\nX: ")
+            deadline = time.monotonic() + REQUEST_SECONDS + 3
+            while established(lab, LAN1):
+                assert time.monotonic() < deadline
                 for connection in held:
-                    connection.send(bytes([byte]))
-                time.sleep(0.02)
-    bystander.during(drip)
+                    drip(connection)
+                time.sleep(0.1)
+    mark = lab.upnpd.mark()
+    bystander.during(attack)
+    eventually(lambda: lab.upnpd.since(mark) == ["http request timeout"] * OWN_LIMIT, "a line for each")
+
+
+def established(lab, address):
+    """The connections from an address that the kernel has for the daemon."""
+    return lab.router.run("ss", "-Htn", "state", "established", "sport", "=", f":{PORT}", "dst", "=", address
+                          ).stdout.splitlines()
+
+
+def test_a_host_that_holds_all_the_connections_it_may_have_is_refused_more(lab, bystander):
+    def attack():
+        with crowd(lab.lan1, OWN_LIMIT) as held:
+            for _ in range(20):
+                with connect_at_once(lab.lan1) as another:
+                    assert end_of(another) == b""
+            assert get(lab.lan2, "/osinfo.xml") == OSINFO
+            for connection in held[:3]:
+                connection.sendall(GET_OSINFO)
+                assert DATE.sub("NOW", read_to_end(connection).decode()) == OSINFO
+    bystander.during(attack)
+    assert get(lab.lan1, "/osinfo.xml") == OSINFO
+
+
+@pytest.fixture
+def addresses(lab):
+    """Addresses that the attacker has taken besides its own."""
+    taken = [f"192.0.2.{last}" for last in range(101, 111)]
+    commands = [["ip", "-n", f"gw-{lab.name}-lan1", "address", verb, f"{address}/24", "dev", "eth0"]
+                for verb in ("add", "del") for address in taken]
+    for command in commands[:len(taken)]:
+        subprocess.run(command, check=True, timeout=10)
+    yield taken
+    for command in commands[len(taken):]:
+        subprocess.run(command, check=True, timeout=10)
+
+
+def test_a_host_with_many_addresses_ends_its_own_connections(lab, bystander, addresses):
+    """It fills the room for all. Each connection of another host takes the place of one of its own."""
+    def attack():
+        with contextlib.ExitStack() as stack:
+            for number in range(ALL + 40):
+                stack.enter_context(connect_at_once(lab.lan1, addresses[number % len(addresses)]))
+            assert sum(len(established(lab, address)) for address in addresses) <= ALL
+            for _ in range(20):
+                assert get(lab.lan2, "/osinfo.xml") == OSINFO
+    bystander.during(attack)
+
+
+def test_connections_that_end_at_once_keep_nobody_waiting(lab, bystander):
+    """After nothing, half a request, and a whole one: the answer goes to nobody."""
+    def attack():
+        for unfinished in (b"", GET_OSINFO[:-1], GET_OSINFO, b"GET /gateway.xml HTTP/1.1\r\n\r\n"):
+            for reset in (False, True):
+                with lab.lan1.connect(ROUTER_LAN, PORT) as connection:
+                    connection.sendall(unfinished)
+                    if reset:
+                        connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, RESET)
+    mark = lab.upnpd.mark()
+    bystander.during(attack)
+    assert set(lab.upnpd.since(mark)) <= {"write error"}
+
+
+def test_hosts_that_never_read_keep_nobody_waiting(lab, bystander):
+    def attack():
+        with contextlib.ExitStack() as stack:
+            for _ in range(100):
+                stalled = stack.enter_context(connect_at_once(lab.lan1, room=1))
+                stalled.sendall(b"GET /gateway.xml HTTP/1.1\r\n\r\n")
+            assert get(lab.lan1, "/osinfo.xml") == OSINFO
+    mark = lab.upnpd.mark()
+    bystander.during(attack)
+    assert lab.upnpd.since(mark) == []
+
+
+@pytest.mark.parametrize("count", [2, 100])
+def test_requests_in_a_row_get_one_answer(lab, count):
+    with lab.lan1.connect(ROUTER_LAN, PORT) as connection:
+        connection.sendall(GET_OSINFO * count)
+        assert DATE.sub("NOW", read_to_end(connection).decode()) == OSINFO
+
+
+def test_endless_bytes_after_a_request_keep_nobody_waiting(lab, bystander):
+    def attack():
+        with lab.lan1.connect(ROUTER_LAN, PORT) as connection, contextlib.suppress(ConnectionError):
+            while True:  # until the daemon has closed
+                connection.sendall(GET_OSINFO * 1000)
+    bystander.during(attack)
+
+
+def test_endless_bytes_without_a_request_keep_nobody_waiting(lab, bystander):
+    """From several connections at once, as fast as they go; each is dropped when its time is up."""
+    def push():
+        with lab.lan1.connect(ROUTER_LAN, PORT, seconds=2 * REQUEST_SECONDS) as connection:
+            began = time.monotonic()
+            with contextlib.suppress(ConnectionError):
+                while time.monotonic() - began < REQUEST_SECONDS + 3:
+                    connection.sendall(b"x" * 65536)
+        return time.monotonic() - began
+
+    def attack():
+        with concurrent.futures.ThreadPoolExecutor(4) as threads:
+            took = [each.result() for each in [threads.submit(push) for _ in range(4)]]
+        assert all(REQUEST_SECONDS - 0.5 <= seconds <= REQUEST_SECONDS + 2 for seconds in took), took
+    bystander.during(attack)

