@@ -288,3 +288,36 @@ def test_endless_bytes_without_a_request_keep_nobody_waiting(lab, bystander):
             took = [each.result() for each in [threads.submit(push) for _ in range(4)]]
         assert all(REQUEST_SECONDS - 0.5 <= seconds <= REQUEST_SECONDS + 2 for seconds in took), took
     bystander.during(attack)
+
+
+LIMITED = labs.SIDES + "\n[guard]\nrequests-per-second = 200\nconnections = 64\n"
+
+
+@pytest.fixture
+def limited(lab):
+    """The lab, limited as the setup of a router does it."""
+    file = lab.root / "tesk" / "etc" / "router.toml"
+    file.write_text(LIMITED)
+    lab.tkctl("reload")
+    yield lab
+    file.write_text(labs.SIDES)
+    lab.tkctl("reload")
+
+
+@pytest.mark.parametrize("held", [0, 100])
+def test_a_flood_of_connects_is_refused_by_the_kernel_and_keeps_nobody_waiting(limited, bystander, held):
+    """Each is given up at once, or when 100 others have followed."""
+    lab = limited
+
+    def attack():
+        with contextlib.ExitStack() as stack, labs.namespace(f"/run/netns/gw-{lab.name}-lan1"):
+            kept = []
+            deadline = time.monotonic() + 3
+            while time.monotonic() < deadline:
+                kept.append(stack.enter_context(socket.socket()))
+                kept[-1].setblocking(False)
+                with contextlib.suppress(BlockingIOError, ConnectionRefusedError):
+                    kept[-1].connect((ROUTER_LAN, PORT))
+                while len(kept) > held:
+                    kept.pop(0).close()
+    bystander.during(attack, pause=0.01)
