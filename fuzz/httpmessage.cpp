@@ -1,6 +1,7 @@
 // A message in the form of HTTP, as a whole: what can be read of it is written and read again unchanged.
-#include "fuzz/target.h"
 #include "http/httpmessage.h"
+
+#include "fuzz/target.h"
 
 using gateway::HTTPMessage;
 
