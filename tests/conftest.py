@@ -21,6 +21,12 @@ def pytest_sessionstart(session):
         labs.remove_leftovers()
 
 
+def pytest_collection_modifyitems(items):
+    # The files that take longest begin first, so that the others are done beside them.
+    longest = ("test_soak.py", "test_crash.py", "test_http.py", "test_deliveries.py")
+    items.sort(key=lambda item: longest.index(item.path.name) if item.path.name in longest else len(longest))
+
+
 def pytest_terminal_summary(terminalreporter):
     bystanders.tell(terminalreporter)
 

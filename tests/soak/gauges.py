@@ -45,10 +45,10 @@ def watched(pid, number):
 
 
 # A tk::Runner as it lies in memory from its event sets on: the two descriptors; then the map of sockets, whose fourth word
-# is their number; a number of 32 bits; then the map of timers, and the queue of the same timers, each of which ends with
-# its size.
-RUNNER = struct.Struct("<ii 3Q Q 3Q Q 5Q Q 5Q Q")
-SOCKETS, TIMERS, QUEUE = 5, 15, 21
+# is their number; the set of those that are not watched yet; a number of 32 bits; then the map of timers, and the queue of
+# the same timers. The last three of these collections end with their size.
+RUNNER = struct.Struct("<ii 3Q Q 3Q 5Q Q Q 5Q Q 5Q Q")
+SOCKETS, TIMERS, QUEUE = 5, 21, 27
 
 
 def timers(pid):
