@@ -48,7 +48,7 @@ tk::Fd connectTo(const sockaddr_in& to) {
 }
 
 void limitWaiting(const tk::Fd& socket, int milliseconds) {
-    const timeval time{milliseconds / 1000, milliseconds % 1000 * 1000};
+    const timeval time{milliseconds / 1000, milliseconds % 1000 * 1000L};
     if (::setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &time, sizeof time) != 0) fail("SO_RCVTIMEO");
 }
 

@@ -87,15 +87,19 @@ void checkSideOfChange(Session& session, const tk::message& change, bool isForce
             checkSide(session, RoleItem::fromMessage(change, RoleItem::fromMessage(record, {})), isForced);
 }
 
+std::string changeAdvice(std::uint32_t item, Role present, Role wanted) {
+    const std::string id = std::to_string(item);
+    const std::string role = roleName(wanted);
+    if (present == wanted) return "; it is " + role + " already, by item " + id;
+    return "; change it: tkctl upnp interface set " + id + " type=" + role;
+}
+
 /// What to do where the interface of an item that is refused has an item already; empty when that one is gone.
 std::string changeAdvice(Session& session, const RoleItem& wanted) {
     for (const tk::message& record : session.list(contract::path::gateway())) {
         const RoleItem present = RoleItem::fromMessage(record, {});
         if (present.interface != wanted.interface) continue;
-        const std::string id = std::to_string(record.get_u32(tk::field::objectId));
-        const std::string role = roleName(wanted.type);
-        if (present.type == wanted.type) return "; it is " + role + " already, by item " + id;
-        return "; change it: tkctl upnp interface set " + id + " type=" + role;
+        return changeAdvice(record.get_u32(tk::field::objectId), present.type, wanted.type);
     }
     return {};
 }

@@ -218,6 +218,7 @@ Table Layout::hostTable(std::size_t rows) const {
         addTo(use.slots, slotsOf(mapping));
     }
     std::vector<HostUse> uses;
+    uses.reserve(byHost.size());
     for (const auto& [host, use] : byHost) uses.push_back(use);
     std::stable_sort(uses.begin(), uses.end(),
                      [](const HostUse& left, const HostUse& right) { return left.bytes > right.bytes; });

@@ -31,10 +31,8 @@ Screen::Row Screen::cellsOf(const Line& line) const {
             const std::size_t columns = character.length > 0 ? tk::columnsOf(character.code) : 1;
             const std::string_view text = rest.substr(0, length);
             rest.remove_prefix(length);
-            if (columns == 0) {
-                if (!row.empty()) row.back().text += text;  // joins what stands before it
-                continue;
-            }
+            if (columns == 0 && !row.empty()) row.back().text += text;  // joins what stands before it
+            if (columns == 0) continue;
             if (row.size() + columns > terminal.width) return row;
             row.push_back({std::string(text), style});
             if (columns == 2) row.push_back({"", style});

@@ -76,14 +76,17 @@ Table::Shortening Table::shortenedTo(std::size_t limit) const {
     std::vector<Kind> kinds;
     for (std::size_t column = 0; column < widths.size(); ++column) kinds.push_back(kindOf(column));
     Shortening fitting{widths, false};
+    const auto widestOf = [&](Kind kind, std::size_t shortest) {
+        std::size_t* widest = nullptr;
+        for (std::size_t column = 0; column < kinds.size(); ++column) {
+            std::size_t& width = fitting.widths[column];
+            if (kinds[column] == kind && width > shortest && (!widest || width > *widest)) widest = &width;
+        }
+        return widest;
+    };
     const auto shorten = [&](Kind kind, std::size_t shortest) {
         while (totalWidth(fitting.widths) > limit) {
-            std::size_t* widest = nullptr;
-            for (std::size_t column = 0; column < kinds.size(); ++column) {
-                std::size_t& width = fitting.widths[column];
-                if (kinds[column] == kind && width > shortest && (!widest || width > *widest))
-                    widest = &width;
-            }
+            std::size_t* const widest = widestOf(kind, shortest);
             if (!widest) return;
             --*widest;
         }

@@ -72,6 +72,9 @@ std::string networkOf(const Facts& facts, const MappedFlow& flow) {
     return "0.0.0.0/0";
 }
 
+constexpr const char* strictHint =
+    "# with StrictForwardPorts=yes in /etc/firewalld/firewalld.conf, setting it to no does it more narrowly";
+
 /// A policy of its own, for its rules come before those of the zones.
 Lines mendFirewalld(const Facts& facts, const MappedFlow& flow) {
     return {"firewall-cmd --permanent --new-policy=mappings",
@@ -79,9 +82,7 @@ Lines mendFirewalld(const Facts& facts, const MappedFlow& flow) {
             "firewall-cmd --permanent --policy=mappings --add-rich-rule='rule family=\"ipv4\" destination "
             "address=\"" +
                 networkOf(facts, flow) + "\" accept'",
-            "firewall-cmd --reload",
-            "# with StrictForwardPorts=yes in /etc/firewalld/firewalld.conf, setting it to no does it more "
-            "narrowly"};
+            "firewall-cmd --reload", strictHint};
 }
 
 }  // namespace

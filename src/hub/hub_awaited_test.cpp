@@ -215,7 +215,7 @@ TEST_F(AwaitedProgramTest, WhatWaitedIsChargedOnceWhereItWaitsNext) {
     number.insert_u32(1, 80);
     program->request({0}, tk::command::hubRegister, number);
     bus.settle();
-    EXPECT_LT(bus.hub.budgetOf(1000, 0).usedBytes(), waiting + 60 * 2000);
+    EXPECT_LT(bus.hub.budgetOf(1000, 0).usedBytes(), waiting + 60UL * 2000);
     EXPECT_TRUE(client->take().empty()) << "all are with the program";
 }
 

@@ -82,6 +82,7 @@ public:
     /// Errors: an errno value; 0 when the child runs.
     int start(const std::string& path, std::vector<std::string> arguments, pid_t& child) {
         std::vector<char*> words;
+        words.reserve(arguments.size() + 1);
         for (std::string& argument : arguments) words.push_back(argument.data());
         words.push_back(nullptr);
         std::string environment[] = {searchPath, locale};
@@ -177,7 +178,7 @@ tk::Result<ToolEnd> run(const std::string& path, const std::vector<std::string>&
 
 std::string findTool(const std::string& name) {
     for (const char* folder : folders)
-        if (const std::string path = folder + name; ::access(path.c_str(), X_OK) == 0) return path;
+        if (std::string path = folder + name; ::access(path.c_str(), X_OK) == 0) return path;
     return {};
 }
 

@@ -2,7 +2,6 @@
 
 #include <cassert>
 #include <iterator>
-#include <utility>
 
 namespace gateway {
 
@@ -11,8 +10,8 @@ PortMap* PortMapTable::find(const Id& id) {
     return entry == maps.end() ? nullptr : &entry->second;
 }
 
-void PortMapTable::add(const Id& id, PortMap map) {
-    const bool isNew = maps.try_emplace(id, std::move(map)).second;
+void PortMapTable::add(const Id& id, const PortMap& map) {
+    const bool isNew = maps.try_emplace(id, map).second;
     assert(isNew);
     if (isNew) ++counts[id.port / portsOfGroup];
 }

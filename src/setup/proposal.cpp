@@ -178,7 +178,7 @@ private:
 
     /// Why an interface is not taken for a LAN; empty when it is.
     std::string whyNoLan(const Link& link) const {
-        if (const std::string why = whyNoHosts(link); !why.empty()) return why;
+        if (std::string why = whyNoHosts(link); !why.empty()) return why;
         std::string why = "it has no address";
         for (const Address& address : addressesOf(link))
             if (why = setup::whyNoLan(address); why.empty()) return why;
@@ -190,7 +190,7 @@ private:
         if (const Link& owner = ownerOf(machine, link); &owner != &link)
             return "it is a member of " + owner.name;
         if (isTunnel(link)) return "it is a tunnel";
-        if (const std::string outside = uplinks.whyOutside(link.name); !outside.empty()) return outside;
+        if (std::string outside = uplinks.whyOutside(link.name); !outside.empty()) return outside;
         if (link.type != "ether") return "it is no network of hosts";
         if (isOfContainers(link.name)) return "it is a network of containers or virtual machines";
         if (uplinks.isFallback(link.name)) return "it carries a default route that is not the best one";

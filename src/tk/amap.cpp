@@ -107,7 +107,7 @@ message AMap::cmdAddObj(const message& request) {
     added->setConfig(request, 0);
     const std::uint32_t id = ids.allocNewID();
     if (id == unassigned) return errorMsg(error::busy, "no id is free");
-    const message failure = storeAndAdd(*added, id);
+    message failure = storeAndAdd(*added, id);
     if (isError(failure)) {
         ids.freeID(id);
         return failure;

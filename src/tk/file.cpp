@@ -94,7 +94,7 @@ Status writeSynced(const std::string& path, std::string_view content) {
     const Fd file = createFile(path);
     if (!file.isOpen()) return Status::ofErrno(path, errno);
     if (writeAll(file.get(), content) && ::fsync(file.get()) == 0) return {};
-    const Status failure = Status::ofErrno(path, errno);
+    Status failure = Status::ofErrno(path, errno);
     ::unlink(path.c_str());
     return failure;
 }

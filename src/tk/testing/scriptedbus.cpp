@@ -15,7 +15,7 @@ void ScriptedBus::answer(Path path, std::uint32_t command, Answer answer) {
 }
 
 void ScriptedBus::answer(Path path, std::uint32_t command, message reply) {
-    answer(std::move(path), command, [reply](const message&) { return reply; });
+    answer(std::move(path), command, [reply = std::move(reply)](const message&) { return reply; });
 }
 
 message ScriptedBus::exchange(const message& request, const Path& from, std::uint32_t command,
