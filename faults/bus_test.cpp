@@ -72,6 +72,7 @@ private:
         turnUntil([this] { return heard.find('8') != std::string::npos; });
         // A request is answered at once, after the program's own two.
         if (!connection->isOpen() || heard.find('8') == std::string::npos) return {};
+        turnUntil([] { return false; });  // until what could not be sent at once is on its way
         tk::message sent;
         bool isRead = true;
         for (int messages = 0; messages < 3 && isRead; ++messages) isRead = hub.read(sent);
