@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <map>
 #include <string_view>
@@ -81,16 +82,18 @@ bool endure(const Fault& fault, const Maker& makeWorld, const Judge& mayEndIn, c
     return run.hasStruck;
 }
 
-std::vector<int> outcomesToTry(Call call, std::uint32_t number) {
+std::vector<int> outcomesToTry(Call call, std::uint32_t number, const Extent& extent) {
+    if (std::find(extent.fatal.begin(), extent.fatal.end(), call) != extent.fatal.end()) return {};
     const std::span<const int> all = outcomesOf(call);
     const char* wanted = ::getenv("FAULTS");
     if (wanted && std::string_view(wanted) == "all") return {all.begin(), all.end()};
+    if ((number - 1) % extent.every != 0) return {};
     return {all[(number - 1) % all.size()]};
 }
 
 }  // namespace
 
-void failEveryCall(const Maker& makeWorld, const Judge& mayEndIn) {
+void failEveryCall(const Maker& makeWorld, const Judge& mayEndIn, const Extent& extent) {
     (void)makeWorld()->act();  // what is made only once in a process is made now
     std::unique_ptr<World> first = makeWorld();
     begin();
@@ -104,12 +107,14 @@ void failEveryCall(const Maker& makeWorld, const Judge& mayEndIn) {
         const auto call = static_cast<Call>(kind);
         calls += counts[kind];
         for (std::uint32_t number = 1; number <= counts[kind]; ++number)
-            for (const int outcome : outcomesToTry(call, number))
+            for (const int outcome : outcomesToTry(call, number, extent))
                 ++(endure({call, number, outcome}, makeWorld, mayEndIn, whole) ? faults : missed);
     }
     EXPECT_GT(faults, 0U);
-    EXPECT_EQ(missed, 0U) << "calls that did not come again";
-    std::printf("%u calls, %u faults injected\n", calls, faults);
+    if (extent.repeatsExactly) {
+        EXPECT_EQ(missed, 0U) << "calls that did not come again";
+    }
+    std::printf("%u calls, %u faults injected, %u missed\n", calls, faults, missed);
     testing::Test::RecordProperty("calls", std::to_string(calls));
     testing::Test::RecordProperty("faults", std::to_string(faults));
 }

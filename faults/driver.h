@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "faults/injection.h"
+
 namespace faults {
 
 /// What a scenario's steps led to, in order: replies, states. An empty text stands for nothing at all.
@@ -33,9 +35,16 @@ inline bool allOrNothing(const std::string&, const std::string&) {
     return false;
 }
 
+/// How a scenario that takes long, or whose calls depend on the kernel's pace, is run. A value.
+struct Extent {
+    unsigned every = 1;          // of so many calls of a kind one fails, unless FAULTS=all
+    bool repeatsExactly = true;  // else a call that was counted may not come again
+    std::vector<Call> fatal;     // are left out: a process that cannot make them ends
+};
+
 /// Runs the scenario once to count its calls, and then again, each time in a new world, for each of them and for its
 /// outcomes: one of them in turn, or all when the environment says FAULTS=all. Fails the test when a step ends in what
 /// it may not end in, the world contradicts itself, does not recover, or keeps a descriptor.
-void failEveryCall(const Maker& makeWorld, const Judge& mayEndIn = allOrNothing);
+void failEveryCall(const Maker& makeWorld, const Judge& mayEndIn = allOrNothing, const Extent& extent = {});
 
 }  // namespace faults
