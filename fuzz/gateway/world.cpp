@@ -230,6 +230,7 @@ void World::closed(int descriptor) {
     require(isSilent, "what is announced is withdrawn before the interface falls silent");
     heard.erase(descriptor);
     unheard.erase(descriptor);
+    for (auto& [link, visit] : visits) visit.isOrphaned |= visit.listener == descriptor && !visit.isJudged;
 }
 
 }  // namespace fuzz

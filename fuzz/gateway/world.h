@@ -75,7 +75,8 @@ public:
 private:
     /// What is known of a host's connection.
     struct Visit {
-        const gateway::Device* device = nullptr;
+        int listener = -1;        // of the device that it came to
+        bool isOrphaned = false;  // that listener has been closed
         bool isComplete = false;  // its request has been read
         bool isHopeless = false;  // it can no longer become complete
         std::uint64_t completeAt = 0;

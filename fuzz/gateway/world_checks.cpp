@@ -270,7 +270,7 @@ void World::checkOpen(const Link& link, Visit& visit) const {
     require(isRunning(), "the end leaves no connection");
     const auto entry = connections().find(link.descriptor);
     require(entry != connections().end(), "a connection is accepted and known");
-    visit.device = &entry->second->device();
+    visit.listener = entry->second->device().httpSocket;
     require(link.answer.empty(), "an answered connection is closed");
     require(entry->second->isWaiting() == visit.isComplete, "a complete request is answered, or waits");
     if (visit.isComplete) {
@@ -290,9 +290,7 @@ void World::checkClosed(const Link& link, const Visit& visit) const {
 
 bool World::mayEndUnanswered(const Link& link, const Visit& visit) const {
     if (link.sendFailed || link.hostReset || network.hasFailed) return true;
-    const std::vector<const Device*> present = devices();
-    const bool isGone = std::find(present.begin(), present.end(), visit.device) == present.end();
-    if (isGone && visit.device) return true;
+    if (visit.isOrphaned) return true;
     if (visit.isComplete) return false;
     const bool isLate = clock.now() >= link.openedAt + requestTime;
     if (isLate || link.processSawEnd) return true;
