@@ -31,16 +31,19 @@ def arrives(lab, port):
 
 
 def map_until_it_ends(lab, path):
-    """Maps one port after the other, each with a longer text; returns how many were answered."""
+    """Maps one port after the other, each with a longer text than the one before; returns how many were mapped. The parser of
+    XML has memory of its own kind: where that is short, the request is refused."""
+    mapped = 0
     for number in range(MOST_RULES):
-        wanted = mapping(external=10000 + number, description="x" * 15000)
+        wanted = mapping(external=10000 + number, description="x" * (50 * number))
         try:
             answer = call(lab.lan1, path, "AddPortMapping", wanted)
         except OSError:
-            return number
+            return mapped
         if not answer:
-            return number
-        assert answer == result("AddPortMapping")
+            return mapped
+        mapped += answer == result("AddPortMapping")
+        assert answer == result("AddPortMapping") or answer.startswith("HTTP/1.1 400 Bad Request\r\n")
     pytest.fail("there was memory enough")
 
 

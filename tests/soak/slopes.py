@@ -16,6 +16,7 @@ TOLERANCES = [
     (r"kernel: connections known", 200, 20000),
     (r"kernel: neighbours", 4, 64),
     (r"kernel: elements of (searches|requests|connections)", 40, 65536),  # sources, which are forgotten later
+    (r"kernel: TCP sockets that are nobody's", 30, 1000),  # a client each that has vanished, for a minute
     (r"log lines a busy second", math.inf, 2000),
     (r"descriptors of .*", 0.9, 1024),
     (r".*", 0.9, 1000),
