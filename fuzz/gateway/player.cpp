@@ -244,21 +244,20 @@ void Player::subscribeOften() {
 }
 
 void Player::renew() {
-    const std::uint32_t to = interface();
-    const std::string path = std::string("/upnp/event/") + serviceName(number(serviceCount));
-    const std::vector<std::string> sids = world.subscribers();
-    const unsigned choice = number(36);
-    const std::string sid = sids.empty() ? "uuid:none" : sids[choice % sids.size()];
-    visit(to, bare("SUBSCRIBE", path, world.addressOf(to), "SID: " + sid + "\r\nTIMEOUT: Second-1800\r\n"));
+    nameSubscription("SUBSCRIBE", "TIMEOUT: Second-1800\r\n");
 }
 
 void Player::unsubscribe() {
+    nameSubscription("UNSUBSCRIBE", "");
+}
+
+void Player::nameSubscription(const std::string& method, const std::string& more) {
     const std::uint32_t to = interface();
     const std::string path = std::string("/upnp/event/") + serviceName(number(serviceCount));
     const std::vector<std::string> sids = world.subscribers();
     const unsigned choice = number(36);
     const std::string sid = sids.empty() ? "uuid:none" : sids[choice % sids.size()];
-    visit(to, bare("UNSUBSCRIBE", path, world.addressOf(to), "SID: " + sid + "\r\n"));
+    visit(to, bare(method, path, world.addressOf(to), "SID: " + sid + "\r\n" + more));
 }
 
 void Player::datagram() {

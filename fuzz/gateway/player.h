@@ -47,6 +47,7 @@ private:
     void subscribeOften();
     void renew();
     void unsubscribe();
+    void nameSubscription(const std::string& method, const std::string& more);
     void datagram();
     void search();
     void changeInterface();
