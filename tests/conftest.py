@@ -6,6 +6,7 @@ import pytest
 pytest.register_assert_rewrite("bystanders")  # so that its assertions tell what they compared
 
 import bystanders  # noqa: E402
+import control_point  # noqa: E402
 import labs  # noqa: E402
 
 
@@ -64,3 +65,17 @@ def lab(shared_lab):
     for rule in left:
         shared_lab.tkctl("bus", "call", "20,5", "0xFE0006", f"0xFE0001:u32={rule['id']}")
     assert left == []
+
+
+@pytest.fixture
+def pairs(lab):
+    """What a search for everything finds, in the order of the answers."""
+    return control_point.table_order(control_point.root_pairs(lab.identity()),
+                                     control_point.wan_pairs(lab.identity(), lab.interface_id("wan0")))
+
+
+@pytest.fixture
+def searcher(lab):
+    searcher = control_point.Searcher(lab.lan1)
+    yield searcher
+    searcher.close()

@@ -7,7 +7,7 @@ import time
 import pytest
 
 import labs
-from control_point import GROUP, Searcher, root_pairs, search, search_answer, table_order, wan_pairs
+from control_point import GROUP, search, search_answer
 from labs import LAN1, LAN2, ROUTER_LAN, ROUTER_WAN, WAN
 
 ROOT = "upnp:rootdevice"
@@ -17,18 +17,6 @@ READ = 4096    # what the daemon reads of one
 EVERY_PROTOCOL = 3
 SECONDS = 1.5  # of a flood
 ANSWER = b"HTTP/1.1 200 OK\r\n"
-
-
-@pytest.fixture
-def pairs(lab):
-    return table_order(root_pairs(lab.identity()), wan_pairs(lab.identity(), lab.interface_id("wan0")))
-
-
-@pytest.fixture
-def searcher(lab):
-    searcher = Searcher(lab.lan1)
-    yield searcher
-    searcher.close()
 
 
 def answers_to(searcher, pairs, *datagrams):

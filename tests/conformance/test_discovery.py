@@ -10,18 +10,6 @@ SENTINEL = "urn:schemas-upnp-org:device:WANDevice:1"  # has one answer; after it
 
 
 @pytest.fixture
-def pairs(lab):
-    return table_order(root_pairs(lab.identity()), wan_pairs(lab.identity(), lab.interface_id("wan0")))
-
-
-@pytest.fixture
-def searcher(lab):
-    searcher = Searcher(lab.lan1)
-    yield searcher
-    searcher.close()
-
-
-@pytest.fixture
 def listener(fresh_lab):
     listener = Listener(fresh_lab.lan1)
     yield listener
