@@ -189,11 +189,10 @@ def test_a_hundred_subscribers_that_misbehave_keep_nobody_else_from_an_event(lab
         longest = max(longest, time.monotonic() - began)
     print(f"the longest from a request to the event that it makes: {longest * 1000:.1f} ms")
     assert longest < 1
-    told = lab.upnpd.since(mark)
     for line in ("write failed", "notify dropped: too many are on their way to ", "notify reply read failed",
-                 r"bad notify reply: "):
-        assert any(each.startswith(line) for each in told), line
-    assert not any("\x1b" in each or "\0" in each for each in told)
+                 "bad notify reply: "):
+        lab.upnpd.wait_for(line, mark)  # some of the crowd are slow to misbehave
+    assert not any("\x1b" in line or "\0" in line for line in lab.upnpd.since(mark))
     for sid in sids:
         assert unsubscribe(lab.lan1, connection.events, sid) == bare("200 OK")
 
