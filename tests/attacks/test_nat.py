@@ -7,7 +7,7 @@ import pytest
 from attacks import installed
 from attacks.watching import watched
 from control_point import call, fault, mapping, result
-from labs import LAN1, LAN2, ROUTER_WAN
+from labs import LAN1, LAN2, ROUTER_LAN, ROUTER_WAN, ROUTER_WAN2, WAN, WAN2
 
 ADDED, DELETED = result("AddPortMapping"), result("DeletePortMapping")
 FAILED, CONFLICT = fault(501, "Action Failed"), fault(718, "ConflictInMappingEntry")
@@ -38,14 +38,16 @@ def delete(host, path, port, protocol="TCP"):
     return call(host, path, "DeletePortMapping", mapping(external=port, protocol=protocol)[:3])
 
 
-# Addresses of the router, loopback, outside and of no host, as the C library reads them from a text, and what is no address.
-TARGETS = ["127.1", "0x7f.1", "2130706433", "017700000001", "0", "00", "1", "192.0.513", "0xc0000201", "3221225985",
+# Addresses of the router, loopback, outside and of no host; some as the C library reads them from a text; what is no address.
+TARGETS = [ROUTER_LAN, ROUTER_WAN, ROUTER_WAN2, WAN, WAN2, "8.8.8.8", "10.0.0.1", "127.0.0.1", "127.255.255.254", "0.0.0.0",
+           "224.0.0.1", "239.255.255.250", "255.255.255.255", "192.0.2.0",
+           "127.1", "0x7f.1", "2130706433", "017700000001", "0", "00", "1", "192.0.513", "0xc0000201", "3221225985",
            "0300.0.2.1", "192.0.2.1 and more", "198.51.100.2\t", "192.0.2.255", "0xffffffff", "-1", "", "router", "::1",
            "192.0.2.2;reboot", "$(reboot)", "%s%n%n", "192.0.2.2/24", "192.0.2.256", "9" * 5000]
 
 
 @watched
-def test_no_spelling_of_a_target_opens_the_router(lab, bystander, path):
+def test_no_target_outside_and_no_spelling_of_one_opens_the_router(lab, bystander, path):
     before = lab.table()
     for target in TARGETS:
         for protocol in ("TCP", "UDP"):
