@@ -1,6 +1,4 @@
 """A daemon whose router does what a test tells it."""
-import pathlib
-
 import bus
 import labs
 from bus import ScriptedRouter, address, interface, item, settings

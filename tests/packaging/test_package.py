@@ -5,8 +5,6 @@ import pathlib
 import re
 import subprocess
 
-import pytest
-
 import installation
 import labs
 from control_point import call, mapping, result

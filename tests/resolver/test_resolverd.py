@@ -11,7 +11,7 @@ import labs
 import nameserver
 from control_point import bare
 from labs import LAN1, PATIENCE, WAN, eventually
-from subscribers import Subscriber, granted, notification, sid_of, subscribe, undated
+from subscribers import Subscriber, granted, sid_of, subscribe, undated
 
 IDLE = 2  # seconds
 CONFIGURATION = f"""
