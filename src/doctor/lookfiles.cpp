@@ -9,9 +9,9 @@
 #include "contract/programs.h"
 #include "doctor/collect.h"
 #include "machine/configuration.h"
-#include "machine/toml.h"
 #include "machine/tool.h"
 #include "tk/file.h"
+#include "tk/toml.h"
 
 namespace doctor {
 

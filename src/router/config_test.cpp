@@ -218,6 +218,16 @@ TEST(ParseConfig, BrokenTextIsRefusedWithItsLine) {
     EXPECT_EQ(parseConfig("\n[;nat]\n", "r.toml").reason().substr(0, 9), "r.toml:2:");
 }
 
+TEST(ParseConfig, LettersBeyondAsciiStandOnlyInCommentsAndQuotes) {
+    for (const char* text : {"\ngr\u00FC\u00DFe = 1\n", "\n[nat] \u00FC\n", "\n[nat]\u00A0\n",
+                             "\na = 1\u30C4\n", "\na = \"\" \u00FC\n"})
+        EXPECT_EQ(parseConfig(text, "r.toml").reason().substr(0, 9), "r.toml:2:") << text;
+    const tk::Result<Config> config = parseConfig(
+        "\xEF\xBB\xBF# \u00FC\n[lan]\ninterfaces = [\"\"\"\\\n\u00FC\"\"\"]  # \u30C4\n", "r.toml");
+    ASSERT_TRUE(config.isOk()) << config.reason();
+    EXPECT_EQ(config->lan.interfaces, std::vector<std::string>{"\u00FC"});
+}
+
 TEST(RunAsRouter, ProgramsWithoutAUserGetTheRoutersOwn) {
     Config config;
     config.user = tk::Account{};

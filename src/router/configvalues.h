@@ -12,14 +12,7 @@
 #include "tk/account.h"
 #include "tk/message.h"
 #include "tk/status.h"
-
-#define TOML_EXCEPTIONS 0
-// Without streams: they bring all locales of the C++ library into the program.
-#define TOML_FLOAT_CHARCONV 1
-#define TOML_ENABLE_FORMATTERS 0
-// Without its checks of itself: some of them fail for text that is no TOML, before that is found and reported.
-#define TOML_ASSERT(expression) static_assert(true)
-#include <toml++/toml.h>
+#include "tk/toml.h"
 
 namespace router {
 

@@ -4,7 +4,7 @@
 #include <string_view>
 #include <utility>
 
-#include "machine/toml.h"
+#include "tk/toml.h"
 
 namespace setup {
 
