@@ -25,8 +25,8 @@ constexpr std::uint32_t deliveryTicks = 3000;  // 30 s for connecting, sending a
 // Deliveries on their way at once: the limits of a service and of one subscriber, and what a subscriber may
 // have even when others have taken all. So dead subscribers do not keep events from live ones.
 constexpr std::size_t deliveryLimit = 1000;
-constexpr std::ptrdiff_t subscriberLimit = 64;
-constexpr std::ptrdiff_t fairShare = 10;
+constexpr std::size_t subscriberLimit = 64;
+constexpr std::size_t fairShare = 10;
 
 constexpr std::size_t replySize = 4096;  // what one read takes
 constexpr std::size_t statusOffset = 9;  // after "HTTP/1.1 "
@@ -80,15 +80,18 @@ HTTPMessage makeNotify(Subscription& subscription, std::string body) {
 }  // namespace
 
 bool Service::mayDeliverTo(const Subscription& subscription) const {
-    const auto own = std::count_if(events.begin(), events.end(), [&subscription](const auto& entry) {
-        return entry.second->subscriber() == subscription.sid;
-    });
-    return own < (events.size() < deliveryLimit ? subscriberLimit : fairShare);
+    const auto own = deliveries.find(subscription.sid);
+    return own == deliveries.end() ||
+           own->second < (events.size() < deliveryLimit ? subscriberLimit : fairShare);
 }
 
 /// Drops the events whose subscription is gone. They would be dropped on connecting, but must not crowd out
 /// the others until then.
 void Service::dropOrphanedEvents() {
+    const auto precedes = [](const auto& left, const auto& right) { return left.first < right.first; };
+    if (std::includes(subscriptions.begin(), subscriptions.end(), deliveries.begin(), deliveries.end(),
+                      precedes))
+        return;
     std::erase_if(events, [this](const auto& entry) {
         if (subscriptions.contains(entry.second->subscriber())) return false;
         tk::log("notify timeout");
@@ -110,6 +113,12 @@ Service::Event::Event(Service& service, tk::Fd connecting, std::string sid, std:
     : service(service), socket(std::move(connecting)), sid(std::move(sid)), varName(std::move(varName)) {
     watch.start<Event, &Event::connected>(socket.get(), *this, tk::writable);
     deliveryTimer.arm(deliveryTicks);
+    ++service.deliveries[this->sid];
+}
+
+Service::Event::~Event() {
+    const auto own = service.deliveries.find(sid);
+    if (--own->second == 0) service.deliveries.erase(own);
 }
 
 void Service::Event::connected(int, std::uint32_t) {

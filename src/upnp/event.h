@@ -27,6 +27,7 @@ public:
     Event(Service& service, tk::Fd connecting, std::string sid, std::string varName);
     Event(const Event&) = delete;
     Event& operator=(const Event&) = delete;
+    ~Event();
 
     /// The SID of its subscription.
     const std::string& subscriber() const { return sid; }

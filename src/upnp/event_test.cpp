@@ -289,6 +289,14 @@ TEST_F(CrowdedNotification, OneSubscriberHasNoMoreThan64OnTheirWay) {
     EXPECT_EQ(start(""), "notify dropped: too many are on their way to 127.0.0.1\n");
 }
 
+TEST_F(CrowdedNotification, OneThatIsOverMakesRoomForAnother) {
+    startMany(subscription(), 64);
+    service.events.erase(service.events.begin());
+    EXPECT_EQ(startMany(subscription(), 2), 1U);
+    service.events.clear();
+    EXPECT_EQ(startMany(subscription(), 70), 64U);
+}
+
 TEST_F(CrowdedNotification, SubscriptionsThatCameAndWentDoNotAddUp) {
     for (int i = 0; i < 1500; ++i) {
         const std::string sid = "uuid:gone" + std::to_string(i);

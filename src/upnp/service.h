@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -79,6 +80,7 @@ private:
     [[nodiscard]] bool mayDeliverTo(const Subscription& subscription) const;
 
     std::vector<std::unique_ptr<Variable>> replacedVariables;
+    std::map<std::string, std::size_t> deliveries;  // how many events are on their way, by SID
     std::uint32_t requesterAddress = 0;
 };
 
