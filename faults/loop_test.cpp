@@ -28,14 +28,32 @@ TEST_F(LoopFaults, ASocketThatCouldNotBeWatchedIsWatchedLater) {
         {
             const InProgram here;
             watch(pair.near.get(), first, priority);
-            watch(pair.near.get(), second, priority);  // another owner while it waits
         }
         (void)end();
         calls.clear();
+        after(99);
+        EXPECT_EQ(calls, Calls());
+        after(1);
         runner.turn(0);
-        EXPECT_EQ(calls, Calls({"second"}));
+        EXPECT_EQ(calls, Calls({"first"}));
         runner.removeSocket(pair.near.get());
     }
+}
+
+TEST_F(LoopFaults, ASocketThatCouldNotBeWatchedCanGetAnotherOwner) {
+    const Pair pair;
+    pair.feed();
+    begin({Call::epollAdd, 1, ENOSPC});
+    {
+        const InProgram here;
+        watch(pair.near.get(), first);
+        watch(pair.near.get(), second);
+    }
+    (void)end();
+    runner.turn(0);
+    EXPECT_EQ(calls, Calls({"second"}));
+    after(100);
+    EXPECT_EQ(calls, Calls({"second", "second"}));
 }
 
 TEST_F(LoopFaults, ASocketThatIsGoneBeforeItCouldBeWatchedIsForgotten) {
@@ -50,11 +68,30 @@ TEST_F(LoopFaults, ASocketThatIsGoneBeforeItCouldBeWatchedIsForgotten) {
     begin();
     {
         const InProgram here;
-        runner.turn(0);
-        runner.turn(0);
+        after(100);
+        after(100);
     }
     EXPECT_EQ(end()[static_cast<std::size_t>(Call::epollAdd)], 0U);
     EXPECT_EQ(calls, Calls());
+    EXPECT_EQ(runner.timerCount(), 0U);
+}
+
+TEST_F(LoopFaults, ASocketThatStillCannotBeWatchedIsTriedAgain) {
+    const Pair pair;
+    pair.feed();
+    for (int tries = 0; tries < 3; ++tries) {
+        begin({Call::epollAdd, 1, ENOMEM});
+        {
+            const InProgram here;
+            if (tries == 0) watch(pair.near.get(), first);
+            after(tries == 0 ? 0 : 100);
+        }
+        EXPECT_EQ(end()[static_cast<std::size_t>(Call::epollAdd)], 1U);
+    }
+    after(100);
+    runner.turn(0);
+    EXPECT_EQ(calls, Calls({"first"}));
+    EXPECT_EQ(runner.timerCount(), 0U);
 }
 
 [[noreturn]] void startWithout(Call call, std::uint32_t number) {

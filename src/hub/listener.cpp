@@ -20,7 +20,6 @@ namespace {
 
 constexpr int backlog = 256;  // as many as there may be
 constexpr int acceptsPerTurn = 16;
-constexpr std::uint32_t pauseTicks = 10;   // 100 ms
 constexpr std::size_t groupLimit = 65536;  // the kernel's own limit of groups per process
 
 [[nodiscard]] bool makeAddress(const std::string& path, sockaddr_un& address) {
@@ -69,7 +68,6 @@ Listener::~Listener() {
 }
 
 void Listener::close() {
-    pause.disarm();
     watch.stop();
     socket.reset();
     if (!boundPath.empty()) ::unlink(boundPath.c_str());
@@ -91,12 +89,8 @@ tk::Status Listener::open(const std::string& path) {
     if (tk::Status bound = bindTo(path); !bound.isOk()) return bound;
     boundPath = path;
     if (::listen(socket.get(), backlog) != 0) return tk::Status::ofErrno(path, errno);
-    listen();
-    return {};
-}
-
-void Listener::listen() {
     watch.start<Listener, &Listener::ready>(socket.get(), *this, tk::readable, tk::Runner::Priority::urgent);
+    return {};
 }
 
 tk::Status Listener::bindTo(const std::string& path) {
@@ -132,17 +126,13 @@ bool Listener::mayCall(int peerSocket, const ucred& peer) const {
     return peer.uid == 0 || (group && isInGroup(peerSocket, peer, *group));
 }
 
-/// Where descriptors or memory are short, the callers stay in the queue, and the socket would stay ready.
-void Listener::rest(int error) {
-    if (error != EMFILE && error != ENFILE && error != ENOBUFS && error != ENOMEM) return;
-    watch.stop();
-    pause.arm(pauseTicks);
-}
-
 void Listener::ready(int fd, std::uint32_t) {
     for (int i = 0; i < acceptsPerTurn; ++i) {
         tk::Fd accepted(::accept4(fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-        if (!accepted.isOpen()) return rest(errno);
+        if (!accepted.isOpen()) {
+            if (tk::isShortage(errno)) tk::getRunner()->restSocket(fd);  // the callers stay in the queue
+            return;
+        }
         ucred peer{};
         socklen_t size = sizeof peer;
         if (::getsockopt(accepted.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) continue;

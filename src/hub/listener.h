@@ -38,9 +38,7 @@ public:
     void close();
 
 private:
-    void listen();
     void ready(int fd, std::uint32_t events);
-    void rest(int error);
     tk::Status bindTo(const std::string& path);
     tk::Status makeFile(const std::string& path, const sockaddr_un& address);
     [[nodiscard]] bool mayCall(int peerSocket, const ucred& peer) const;
@@ -50,7 +48,6 @@ private:
     std::optional<gid_t> group;  // "tk", as it was at open()
     tk::Fd socket;
     tk::Watch watch;
-    tk::Timer<Listener, &Listener::listen> pause{*this};  // while nothing can be accepted
 };
 
 }  // namespace hub

@@ -22,8 +22,8 @@ constexpr int eventsPerTurn = 256;
 // sockets; what was not served is still ready then.
 constexpr std::uint64_t turnLimit = 100;
 
-// After how long a descriptor is tried again that the kernel had no room to watch.
-constexpr int retryMilliseconds = 100;
+// 100 ms: after that a descriptor is looked at again that rests, or that the kernel had no room to watch.
+constexpr std::uint32_t retryTicks = 10;
 
 /// Adds a descriptor to a set, or changes it there.
 /// Errors: false when the kernel has no room for it now.
@@ -62,7 +62,7 @@ void Runner::addSocket(int fd, void* object, SocketCallback callback, std::uint3
     const bool wasUrgent = former != sockets.end() && former->second.priority == Priority::urgent;
     const Registration registration{++generations, object, callback, events, priority};
     sockets.insert_or_assign(fd, registration);
-    if (!watch(fd, registration)) unwatched.insert(fd);
+    if (!watch(fd, registration)) watchLater(fd);
     if (wasUrgent && priority != Priority::urgent) epoll_ctl(urgent.get(), EPOLL_CTL_DEL, fd, nullptr);
 }
 
@@ -75,19 +75,34 @@ bool Runner::watch(int fd, const Registration& registration) const {
     return (registration.priority != Priority::urgent || put(urgent, fd, event)) && isWatched;
 }
 
+void Runner::watchLater(int fd) {
+    unwatched.insert(fd);
+    if (!hasTimer<Runner, &Runner::watchTheRest>(this))
+        addTimer<Runner, &Runner::watchTheRest>(this, retryTicks);
+}
+
 void Runner::watchTheRest() {
-    std::erase_if(unwatched, [this](int fd) {
+    for (const int fd : std::exchange(unwatched, {})) {
         const auto registration = sockets.find(fd);
-        return registration == sockets.end() || watch(fd, registration->second);
-    });
+        if (registration != sockets.end() && !watch(fd, registration->second)) watchLater(fd);
+    }
+}
+
+void Runner::restSocket(int fd) {
+    const auto registration = sockets.find(fd);
+    if (registration == sockets.end()) return;
+    ignore(fd, registration->second.priority);
+    watchLater(fd);
+}
+
+void Runner::ignore(int fd, Priority priority) const {
+    epoll_ctl(epoll.get(), EPOLL_CTL_DEL, fd, nullptr);
+    if (priority == Priority::urgent) epoll_ctl(urgent.get(), EPOLL_CTL_DEL, fd, nullptr);
 }
 
 void Runner::removeSocket(int fd) {
     const auto registration = sockets.extract(fd);
-    if (registration.empty()) return;
-    epoll_ctl(epoll.get(), EPOLL_CTL_DEL, fd, nullptr);
-    if (registration.mapped().priority == Priority::urgent)
-        epoll_ctl(urgent.get(), EPOLL_CTL_DEL, fd, nullptr);
+    if (!registration.empty()) ignore(fd, registration.mapped().priority);
 }
 
 void Runner::addTimer(void* object, TimerCallback callback, std::uint32_t ticks) {
@@ -118,10 +133,8 @@ int Runner::untilNextTimer() const {
 }
 
 void Runner::turn(int limitMilliseconds) {
-    watchTheRest();
     int wait = untilNextTimer();
     if (wait < 0 || (limitMilliseconds >= 0 && limitMilliseconds < wait)) wait = limitMilliseconds;
-    if (!unwatched.empty() && (wait < 0 || wait > retryMilliseconds)) wait = retryMilliseconds;
     callSockets(readySockets(epoll, wait));
     callTimers();
 }

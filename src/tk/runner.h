@@ -63,7 +63,7 @@ public:
 
     /// Calls `callback` whenever `fd` is ready for one of `events`; an error or a hang-up counts as ready for
     /// them. A second call for the same descriptor replaces the first. A negative descriptor is never
-    /// watched. What the kernel has no room to watch is tried again until it has.
+    /// watched. What the kernel has no room to watch is tried again each 100 ms.
     void addSocket(int fd, void* object, SocketCallback callback, std::uint32_t events,
                    Priority priority = Priority::normal);
     /// Stops watching a descriptor; call before it is closed. An unknown one is no error.
@@ -71,6 +71,9 @@ public:
     /// The same for a descriptor that is closed before the next turn, which makes the kernel stop. No other
     /// descriptor of any process may refer to the same socket.
     void forgetSocket(int fd) { sockets.erase(fd); }
+    /// Looks away from a watched descriptor for a moment, 100 ms at most: it is ready, but what it is ready for
+    /// cannot be done now. An unknown one is no error.
+    void restSocket(int fd);
 
     /// Calls `callback` once, `ticks` from now. A timer of the same object and callback is replaced.
     /// Units: ticks of 10 ms.
@@ -147,6 +150,8 @@ private:
     }
 
     [[nodiscard]] bool watch(int fd, const Registration& registration) const;
+    void ignore(int fd, Priority priority) const;
+    void watchLater(int fd);
     void watchTheRest();
     std::vector<Event> readySockets(const Fd& set, int limitMilliseconds) const;
     void callSockets(std::vector<Event> ready);
@@ -157,7 +162,7 @@ private:
     Fd epoll;   // all sockets
     Fd urgent;  // the urgent ones once more, to look at them alone
     std::unordered_map<int, Registration> sockets;
-    std::set<int> unwatched;  // those of them that the kernel had no room to watch
+    std::set<int> unwatched;  // those of them that rest, or that the kernel had no room to watch
     std::uint32_t generations = 0;
     std::map<TimerKey, Due> timers;
     std::set<Due> queue;

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <functional>
 #include <memory>
 
@@ -93,6 +94,56 @@ TEST_F(RunnerSockets, ThatWereRemovedAreNotCalled) {
     runner.turn(0);
     EXPECT_TRUE(calls.empty());
     EXPECT_EQ(runner.socketCount(), 0U);
+}
+
+TEST_F(RunnerSockets, ThatRestAreCalledAgainAfterAHundredMilliseconds) {
+    for (const auto priority : {Runner::Priority::normal, Runner::Priority::urgent}) {
+        const Pair resting, pairs[2];  // urgent sockets are looked at again between two others
+        watch(resting.near.get(), second, priority);
+        resting.feed();
+        second.then = [&] { runner.restSocket(resting.near.get()); };
+        for (const Pair& pair : pairs) {
+            watch(pair.near.get(), first);
+            pair.feed();
+        }
+        runner.turn(0);
+        EXPECT_EQ(std::count(calls.begin(), calls.end(), "second"), 1);
+        for (const Pair& pair : pairs) runner.removeSocket(pair.near.get());
+        calls.clear();
+        after(99);
+        EXPECT_TRUE(calls.empty());
+        after(1);
+        runner.turn(0);
+        EXPECT_THAT(calls, ElementsAre("second"));
+        runner.removeSocket(resting.near.get());
+        after(100);
+        calls.clear();
+    }
+    EXPECT_EQ(runner.timerCount(), 0U);
+}
+
+TEST_F(RunnerSockets, ThatRestStayRegisteredUntilTheyAreRemoved) {
+    const Pair pair;
+    runner.restSocket(pair.near.get());  // unknown: no error
+    watch(pair.near.get(), first);
+    pair.feed();
+    runner.restSocket(pair.near.get());
+    EXPECT_EQ(runner.socketCount(), 1U);
+    runner.removeSocket(pair.near.get());
+    EXPECT_EQ(runner.socketCount(), 0U);
+    after(100);
+    runner.turn(0);
+    EXPECT_TRUE(calls.empty());
+}
+
+TEST_F(RunnerSockets, ThatAreAddedAgainRestNoLonger) {
+    const Pair pair;
+    watch(pair.near.get(), first);
+    pair.feed();
+    runner.restSocket(pair.near.get());
+    watch(pair.near.get(), second);
+    runner.turn(0);
+    EXPECT_THAT(calls, ElementsAre("second"));
 }
 
 TEST_F(RunnerSockets, WhatIsUrgentIsServedFirst) {

@@ -1,8 +1,14 @@
 #include "tk/status.h"
 
+#include <errno.h>
+
 #include <cstring>
 
 namespace tk {
+
+bool isShortage(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
 
 Status Status::ofErrno(int error) {
     return failure(std::strerror(error), static_cast<std::uint32_t>(error));

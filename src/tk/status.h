@@ -8,6 +8,9 @@
 
 namespace tk {
 
+/// True for the errno value of a call that lacked descriptors or memory: the same call may succeed later.
+[[nodiscard]] bool isShortage(int error);
+
 /// The outcome of something that can fail: success, or failure with a reason for people to read. A value.
 class [[nodiscard]] Status {
 public:

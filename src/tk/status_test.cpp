@@ -12,6 +12,12 @@ tk::Result<std::unique_ptr<int>> made(bool wanted) {
     return std::make_unique<int>(5);
 }
 
+TEST(Status, AShortageIsOfDescriptorsOrMemory) {
+    for (const int error : {EMFILE, ENFILE, ENOBUFS, ENOMEM}) EXPECT_TRUE(tk::isShortage(error)) << error;
+    for (const int error : {0, EAGAIN, EINTR, ECONNABORTED, ENOSPC, EACCES, EIO})
+        EXPECT_FALSE(tk::isShortage(error)) << error;
+}
+
 TEST(Status, IsOkAtFirstAndHasNoReason) {
     EXPECT_TRUE(tk::Status().isOk());
     EXPECT_EQ(tk::Status().reason(), "");

@@ -97,7 +97,7 @@ void Store::load() {
 
 /// A shortage is no damage: it will have passed by the next start, which must find the file in its place.
 void Store::unreadable(const Status& why) {
-    if (why.code() != EMFILE && why.code() != ENFILE && why.code() != ENOMEM) return keepAside(why.reason());
+    if (!isShortage(static_cast<int>(why.code()))) return keepAside(why.reason());
     lost = blocked = true;
     log("store ", path, ": ", why.reason(), "; left as it is until the next start; no change will be stored");
 }
