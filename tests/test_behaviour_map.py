@@ -27,7 +27,7 @@ def named():
 
 def unit_tests():
     found = set()
-    for path in (ROOT / "src").rglob("*_test.cpp"):
+    for path in [*(ROOT / "src").rglob("*_test.cpp"), *(ROOT / "faults").glob("*_test.cpp")]:
         for suite, name in re.findall(r"^TEST(?:_F|_P)?\(\s*(\w+),\s*(\w+)\)", path.read_text(), re.M):
             found.add(f"{path.parent.name}/{path.stem}: {suite}.{name}")
     return found

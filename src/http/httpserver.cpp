@@ -1,7 +1,6 @@
 #include "http/httpserver.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <stdlib.h>
 #include <sys/socket.h>
@@ -13,6 +12,8 @@
 #include "contract/ports.h"
 #include "net/convert.h"
 #include "tk/log.h"
+#include "tk/runner.h"
+#include "tk/status.h"
 
 namespace gateway {
 
@@ -24,10 +25,6 @@ constexpr std::size_t sourceLimit = 128;  // connections from one address
 // The limits of requests that are kept waiting: from one address, and in all.
 constexpr std::size_t waitingSourceLimit = 16;
 constexpr std::size_t waitingLimit = 64;
-
-tk::Fd openReserve() {
-    return tk::Fd(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-}
 
 template <typename Key>
 void eraseFirst(std::map<Key, HTTPService*>& services, const HTTPService* service) {
@@ -44,8 +41,7 @@ std::string baseUrl(std::uint32_t address) {
     return "http://" + ipToString(address) + ":" + toString(unsigned{contract::httpPort});
 }
 
-HTTPServer::HTTPServer(HTTPHost& host, std::string directory)
-    : host(host), store{std::move(directory), {}}, reserve(openReserve()) {}
+HTTPServer::HTTPServer(HTTPHost& host, std::string directory) : host(host), store{std::move(directory), {}} {}
 
 HTTPServer::~HTTPServer() = default;
 
@@ -74,14 +70,9 @@ void HTTPServer::accept(int listenSocket, std::uint32_t) {
     tk::Fd accepted(
         ::accept4(listenSocket, reinterpret_cast<sockaddr*>(&peer), &length, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (!accepted.isOpen()) {
-        const bool exhausted = errno == EMFILE || errno == ENFILE;
-        tk::log("accept failed");
-        if (!exhausted) return;
-        reserve.reset();  // else the listener stays ready, and the loop spins
-        accepted.reset(::accept4(listenSocket, nullptr, nullptr, SOCK_CLOEXEC));
-        accepted.reset();
-        reserve = openReserve();
-        return;
+        // The client stays in the queue, and the listener would stay ready.
+        if (tk::isShortage(errno)) tk::getRunner()->restSocket(listenSocket);
+        return tk::log("accept failed");
     }
     Device* device = host.listenerOwner(listenSocket);
     if (!device) {

@@ -61,8 +61,9 @@ public:
     /// service is no error. Requests that wait for the service are answered as if they came now: 404.
     void removeService(const HTTPService* service);
 
-    /// Called when a listener is ready: accepts one connection. The process ends when no interface owns the
-    /// listener.
+    /// Called when a listener is ready: accepts one connection. Where descriptors or memory are short, the client
+    /// waits in the listener's queue, which is looked at again each 100 ms. The process ends when no interface owns
+    /// the listener.
     void accept(int listenSocket, std::uint32_t events);
     /// Called when a connection is ready: reads what came, and answers once the request is complete. The
     /// process ends when the descriptor belongs to no connection.
@@ -98,8 +99,6 @@ private:
     std::map<std::string, HTTPService*> servicesByEventURL;
     std::map<std::string, HTTPService*> servicesByControlURL;
     std::uint64_t accepts = 0;
-    // Given up for a moment when no descriptor is left, so that a connection can be accepted and closed.
-    tk::Fd reserve;
 };
 
 }  // namespace gateway

@@ -160,17 +160,24 @@ TEST_F(Server, AFullTableDropsTheOldestOfTheAddressThatHoldsMost) {
     EXPECT_EQ(log(), "");
 }
 
-TEST_F(Server, ClosesAConnectionForWhichNoDescriptorIsLeftInsteadOfSpinning) {
+TEST_F(Server, LeavesAClientForWhichNoDescriptorIsLeftInTheQueueAndLooksAgainAfterAWhile) {
     Client client(port);
+    client.send("GET /unknown HTTP/1.1\r\n\r\n");
     rlimit before{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
     const auto lowestFree = static_cast<rlim_t>(tk::Fd(::dup(STDERR_FILENO)).get());
     const rlimit none{lowestFree, before.rlim_max};
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
     loop.settle();
+    loop.advance(10);
+    loop.settle();
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
-    EXPECT_TRUE(client.isClosed());
-    EXPECT_EQ(log(), "accept failed\n");
+    loop.advance(9);
+    EXPECT_EQ(client.received(), "");
+    loop.advance(1);
+    loop.settle();
+    EXPECT_EQ(client.received(), "HTTP/1.1 404 Not Found\r\n\r\n");
+    EXPECT_EQ(log(), "accept failed\naccept failed\n");  // a line for each look
 }
 
 TEST_F(Server, LogsAnAcceptThatFailsAndServesTheNextClient) {
