@@ -23,6 +23,7 @@ namespace {
 constexpr int floodSteps = 10;  // that a flood counts for
 constexpr unsigned mostPieces = 64;
 constexpr unsigned clients = 10;  // hosts
+constexpr std::size_t longPath = std::size_t{30} * 1024;
 
 }  // namespace
 
@@ -175,22 +176,23 @@ void Player::narrow() {
     if (link) link->room = room;
 }
 
-void Player::visit(std::uint32_t interface, const std::string& request) {
+Link* Player::visit(std::uint32_t interface, const std::string& request) {
     const std::uint32_t from = host();
     const unsigned pieceBytes = number(36) * 7;
     Link* const link = world.network.connect(World::nameOf(interface), from);
-    if (!link) return;
-    if (pieceBytes == 0) {
-        link->sent = request;
-        return;
-    }
+    if (!link) return nullptr;
+    if (pieceBytes == 0) link->sent = request;
     world.settle();
-    for (std::size_t at = 0, pieces = 1; at < request.size() && !link->processClosed; ++pieces) {
-        const std::size_t length = pieces == mostPieces ? request.size() - at : pieceBytes;
-        link->sent += request.substr(at, length);
-        at += length;
+    for (std::size_t pieces = 1; link->sent.size() < request.size() && !link->processClosed; ++pieces) {
+        link->sent +=
+            request.substr(link->sent.size(), pieces == mostPieces ? std::string::npos : pieceBytes);
         world.settle();
     }
+    return link;
+}
+
+bool Player::isGranted(const Link* link) {
+    return link && link->answer.starts_with("HTTP/1.1 200 ");
 }
 
 void Player::get() {
@@ -216,17 +218,22 @@ void Player::subscribe() {
     const char* const times[] = {"Second-1800", "Second-infinite", "Second--1", "Second-3600", ""};
     const std::uint32_t to = interface();
     const std::string path = std::string("/upnp/event/") + serviceName(number(serviceCount));
-    const unsigned choice = number(std::size(urls) + 2);
+    const unsigned choice = number(std::size(urls) + 3);
     std::string url;
     if (choice < std::size(urls))
         url = urls[choice];
-    else if (choice == std::size(urls))
-        url = "http://10.0.0." + std::to_string(number(256)) + ":8000/";
-    else
+    else if (choice == std::size(urls) + 1)
         url = text();
-    visit(to, bare("SUBSCRIBE", path, world.addressOf(to),
-                   "CALLBACK: <" + url +
-                       ">\r\nNT: upnp:event\r\nTIMEOUT: " + times[number(std::size(times))] + "\r\n"));
+    else
+        url = "http://10.0.0." + std::to_string(number(256)) + ":8000/";
+    if (choice == std::size(urls) + 2) url.append(longPath, 'p');
+    const std::size_t deliveries = world.linksTo(true).size();
+    const Link* const link = visit(to, bare("SUBSCRIBE", path, world.addressOf(to),
+                                            "CALLBACK: <" + url + ">\r\nNT: upnp:event\r\nTIMEOUT: " +
+                                                times[number(std::size(times))] + "\r\n"));
+    const bool isReachable = !world.network.hasFailed && world.network.peers != Network::Peers::unreachable;
+    require(!isGranted(link) || !isReachable || world.linksTo(true).size() > deliveries,
+            "a subscriber is told all values at once");
 }
 
 /// From many hosts, each for itself.
@@ -257,7 +264,11 @@ void Player::nameSubscription(const std::string& method, const std::string& more
     const std::vector<std::string> sids = world.subscribers();
     const unsigned choice = number(36);
     const std::string sid = sids.empty() ? "uuid:none" : sids[choice % sids.size()];
-    visit(to, bare(method, path, world.addressOf(to), "SID: " + sid + "\r\n" + more));
+    const Link* const link =
+        visit(to, bare(method, path, world.addressOf(to), "SID: " + sid + "\r\n" + more));
+    if (method == "SUBSCRIBE" || !isGranted(link)) return;
+    const std::vector<std::string> left = world.subscribers();
+    require(std::find(left.begin(), left.end(), sid) == left.end(), "who has unsubscribed is no subscriber");
 }
 
 void Player::datagram() {

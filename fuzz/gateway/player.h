@@ -68,8 +68,10 @@ private:
     void reverse();
     void restart();
 
-    /// Sends a request on a connection of its own, in pieces, which the daemon gets one by one.
-    void visit(std::uint32_t interface, const std::string& request);
+    /// Sends a request on a connection of its own, in pieces, which the daemon gets one by one. Null when nobody listens.
+    Link* visit(std::uint32_t interface, const std::string& request);
+    /// True when the request on this connection has been granted.
+    static bool isGranted(const Link* link);
     tk::message item();
 
     World& world;

@@ -187,7 +187,7 @@ void World::datagramSent(const Network::Datagram& datagram) {
     require(isAdvert, "an advert is whole");
     const std::pair name(headerOf(text, "\r\nNT: "), headerOf(text, "\r\nUSN: "));
     if (headerOf(text, "\r\nNTS: ") == "ssdp:alive")
-        heard[datagram.descriptor].insert(name);
+        heard[datagram.descriptor][name] = {headerOf(text, "\r\nLOCATION: "), clock.now()};
     else
         heard[datagram.descriptor].erase(name);
 }

@@ -83,6 +83,12 @@ private:
         bool isJudged = false;  // it is over, and was as it should be
     };
 
+    /// The last advert of a name.
+    struct Advert {
+        std::string location;
+        std::uint64_t at = 0;
+    };
+
     bool isRunning() const { return daemon != nullptr; }
     bool isEnabled() const;
     std::vector<const gateway::Device*> devices() const;
@@ -98,8 +104,12 @@ private:
     void checkLoop();
     void checkRetired() const;
     void checkTree() const;
+    void checkAnnounced(const gateway::Device& device, const Names& expected) const;
+    void checkRoles() const;
     void checkRules() const;
+    void checkDescriptions(const gateway::WANIPConnection& service) const;
     void checkServices() const;
+    void checkDeliveries(const gateway::Service& service) const;
     void checkLimits() const;
     void checkVisits();
     void checkOpen(const Link& link, Visit& visit) const;
@@ -111,7 +121,7 @@ private:
     std::map<const Link*, Visit> visits;
     std::map<std::string, std::uint32_t> sequence;  // the number of the next NOTIFY, by subscription
     // What hosts have heard, by the descriptor that it came from; and where something could not be sent.
-    std::map<int, std::set<Names::value_type>> heard;
+    std::map<int, std::map<Names::value_type, Advert>> heard;
     std::set<int> unheard;
 };
 

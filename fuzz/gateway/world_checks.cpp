@@ -27,9 +27,16 @@ constexpr std::size_t subscriptionLimit = 100;
 constexpr std::size_t subscriberDeliveryLimit = 64;
 constexpr std::size_t deliveryLimit = 1000 + subscriptionLimit * 10;
 constexpr std::size_t lineLimit = 4096;
-constexpr std::uint64_t requestTime = 10000;  // milliseconds, as the next two
+constexpr std::size_t requestLimit = std::size_t{128} * 1024;
+constexpr std::size_t usualPathLength = 1024;
+constexpr std::size_t longPathsLimit = std::size_t{256} * 1024;
+constexpr std::size_t hostDescriptionLimit = std::size_t{1024} * 1024;
+constexpr std::size_t descriptionLimit = hostDescriptionLimit * 16;
+constexpr std::size_t descriptionFloor = std::size_t{16} * 1024;
+constexpr std::uint64_t requestTime = 10000;  // milliseconds, as all that follow
 constexpr std::uint64_t questionTime = 6000;
 constexpr std::uint64_t deliveryTime = 30000;
+constexpr std::uint64_t advertTime = 3600000;
 
 /// True when the bytes are one whole response and nothing more.
 bool isOneResponse(const std::string& bytes) {
@@ -62,6 +69,7 @@ void World::check() {
     if (!isRunning()) return;
     checkRetired();
     checkTree();
+    checkRoles();
     checkRules();
     checkServices();
     checkLimits();
@@ -174,11 +182,44 @@ void World::checkTree() const {
         require(isExternal == (device->commonConfig != nullptr), "and it has both");
         if (device->startedAs == gateway::Role::none) continue;
         require(isEnabled(), "a role is started only while UPnP is on");
-        if (device->ssdpSocket <= 0 || unheard.contains(device->ssdpSocket)) continue;
-        const auto announced = heard.find(device->ssdpSocket);
-        require(announced != heard.end() && std::equal(announced->second.begin(), announced->second.end(),
-                                                       expected.begin(), expected.end()),
-                "what was announced is what is there");
+        if (device->ssdpSocket > 0 && !unheard.contains(device->ssdpSocket))
+            checkAnnounced(*device, expected);
+    }
+}
+
+/// Who listens on this interface knows what is there and where, and that will last.
+void World::checkAnnounced(const Device& device, const Names& expected) const {
+    const auto announced = heard.find(device.ssdpSocket);
+    require(announced != heard.end(), "what is there was announced");
+    const std::string location = "http://" + gateway::ipToString(device.address) + ":2828/gateway.xml";
+    Names names;
+    for (const auto& [name, advert] : announced->second) {
+        names.insert(name);
+        require(advert.location == location, "an advert leads to the interface that it was sent on");
+        require(clock.now() < advert.at + advertTime, "an advert is renewed before it ends");
+    }
+    require(names == expected, "what was announced is what is there");
+}
+
+/// While UPnP is on, each item's interface has the item's role, and all others have none.
+void World::checkRoles() const {
+    std::map<std::uint32_t, contract::RoleItem> items;
+    const tk::message list = daemon->cmdGetAll({});
+    for (const tk::message& record : list.get_message_array(tk::field::objects)) {
+        const auto item = contract::RoleItem::fromMessage(record, {});
+        items[item.interface] = item;
+    }
+    for (const Device* device : devices()) {
+        const contract::RoleItem item = items[device->id()];
+        if (item.disabled) continue;  // counts for an interface that comes later. On purpose.
+        const bool isStarted =
+            isEnabled() && (item.type == contract::Role::external ||
+                            (item.type == contract::Role::internal && device->address != 0));
+        require(device->startedAs == (isStarted ? item.type : contract::Role::none),
+                "an interface has the role of its item");
+        const bool isOwn = device->addresses.contains(device->address);
+        require(isOwn || (device->address == 0 && device->addresses.empty()),
+                "an interface serves one of its addresses");
     }
 }
 
@@ -202,28 +243,51 @@ void World::checkRules() const {
         }
     }
     require(withoutId <= router.withoutId, "a mapping without a rule's id was answered so");
+    for (const Device* device : daemon->interfaces().externalDevices())
+        checkDescriptions(*device->ipConnection);
     for (const auto& [id, rule] : router.rules)
         require(mapped.contains(id) || router.abandoned.contains(id), "no rule is left behind");
+}
+
+/// What is kept of mappings is limited, and counted.
+void World::checkDescriptions(const gateway::WANIPConnection& service) const {
+    std::map<std::uint32_t, std::size_t> shares;
+    std::size_t total = 0;
+    for (const auto& [id, map] : service.mappings()) shares[map.requester] += map.description.size();
+    for (const auto& [host, share] : shares) {
+        require(share <= hostDescriptionLimit, "a host has a limit of descriptions");
+        if (share > descriptionFloor) total += share;
+    }
+    require(total <= descriptionLimit, "descriptions have a limit");
+    const std::size_t count = gateway::toUnsigned(service.getVar("PortMappingNumberOfEntries"));
+    const std::size_t size = service.mappings().size();
+    require(count == size || count == size + 1, "the number of mappings counts them, and perhaps the dummy");
 }
 
 void World::checkServices() const {
     for (const Service* service : services()) {
         std::set<std::uint32_t> addresses;
+        std::size_t longPaths = 0;
         require(service->subscriptions.size() <= subscriptionLimit, "a service has a limit of subscribers");
         for (const auto& [sid, subscription] : service->subscriptions) {
             require(&subscription->service == service && subscription->sid == sid,
                     "a subscriber knows its service");
             require(addresses.insert(subscription->address).second, "an address subscribes once");
+            if (subscription->path.size() > usualPathLength) longPaths += subscription->path.size();
         }
-        std::map<std::string, std::size_t> deliveries;
-        for (const auto& [descriptor, event] : service->events) {
-            const Link& link = *network.linkOf(descriptor);
-            require(clock.now() < link.openedAt + deliveryTime, "a delivery ends in time");
-            require(++deliveries[event->subscriber()] <= subscriberDeliveryLimit,
-                    "a subscriber has its share");
-        }
-        require(service->events.size() <= deliveryLimit, "deliveries have a limit");
+        require(longPaths <= longPathsLimit, "long callback paths have a limit");
+        checkDeliveries(*service);
     }
+}
+
+void World::checkDeliveries(const Service& service) const {
+    std::map<std::string, std::size_t> deliveries;
+    for (const auto& [descriptor, event] : service.events) {
+        const Link& link = *network.linkOf(descriptor);
+        require(clock.now() < link.openedAt + deliveryTime, "a delivery ends in time");
+        require(++deliveries[event->subscriber()] <= subscriberDeliveryLimit, "a subscriber has its share");
+    }
+    require(service.events.size() <= deliveryLimit, "deliveries have a limit");
 }
 
 void World::checkLimits() const {
@@ -233,6 +297,7 @@ void World::checkLimits() const {
     for (const auto& [descriptor, connection] : connections()) {
         require(++bySource[connection->source()] <= connectionSourceLimit,
                 "a host has a limit of connections");
+        require(connection->received().size() <= requestLimit, "what is kept of a request has a limit");
         if (!connection->isWaiting()) continue;
         require(++waitingBySource[connection->source()] <= waitingSourceLimit,
                 "a host has a limit of questions");
