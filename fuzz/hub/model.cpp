@@ -23,6 +23,10 @@ constexpr std::size_t fieldLimit = 1024;
 constexpr std::size_t nestingLimit = 16;
 constexpr std::uint64_t expiryTicks = 6100;
 constexpr std::size_t lengthBytes = 4;
+// What is charged for each at least, without paths.
+constexpr std::size_t connectionCost = 4096;
+constexpr std::size_t subscriptionCost = 256;
+constexpr std::size_t requestCost = 1024;
 
 std::size_t frameLimitOf(uid_t user) {
     return std::size_t{user == 0 ? 16U : 1U} * 1024 * 1024;
@@ -405,6 +409,19 @@ bool HubModel::waits(std::uint32_t requester) const {
                return std::any_of(each.second.begin(), each.second.end(),
                                   [&](const Awaited& one) { return one.requester == requester; });
            });
+}
+
+std::size_t HubModel::keptFor(const Peer& peer) const {
+    std::size_t kept = connectionCost;
+    if (peer.unfinished.size() > std::string().capacity()) kept += peer.unfinished.size();
+    for (const Heard& heard : peer.subscriptions)
+        kept += subscriptionCost + heard.first.size() * sizeof(std::uint32_t);
+    for (const auto& [key, each] : pending)
+        if (key.first == peer.number) kept += requestCost;
+    for (const auto& [program, waiting] : awaited)
+        for (const Awaited& each : waiting)
+            if (each.requester == peer.number) kept += each.request.serialise().size();
+    return kept;
 }
 
 bool HubModel::isAwaitedBy(uid_t user) const {

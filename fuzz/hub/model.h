@@ -69,6 +69,10 @@ public:
 
     std::size_t openCount() const;
     bool isAwaited(std::uint32_t program) const { return awaited.contains(program); }
+    /// What the hub has to keep for an open peer, and so to charge to its user: the connection, an unfinished frame,
+    /// subscriptions, and requests that have no end yet.
+    /// Units: bytes; at least so many.
+    std::size_t keptFor(const Peer& peer) const;
     /// True when a request of this user waits for a program.
     bool isAwaitedBy(uid_t user) const;
 

@@ -28,6 +28,8 @@ constexpr int turnsPerStep = 3;  // to read and handle, to hear of ends, and to 
 constexpr std::size_t unreadLimit = 1024 * 1024;
 // What one account may be over its limit: a frame that cannot be refused any more, and connections.
 constexpr std::size_t overdraft = 128 * 1024;
+// What the kernel may hold of what a peer has not read.
+constexpr std::size_t kernelBytes = std::size_t{32} * 1024;
 // What the hub keeps for a request or a subscription: at least, and at most beside the frame's own size.
 constexpr std::size_t smallestCost = 64;
 constexpr std::size_t largestExtra = 8192;
@@ -136,12 +138,22 @@ void HubWorld::agree() {
 void HubWorld::agreeOnAccount() {
     const std::size_t used = bus.hub.budgetOf(poorUser, 0).usedBytes();
     require(used <= hub::Budgets::userLimit + overdraft, "no user takes more than its account");
-    const bool isThere = std::any_of(model.peers.begin(), model.peers.end(), [](const HubModel::Peer& peer) {
-        return peer.isOpen && peer.user == poorUser;
-    });
-    const std::size_t ours = isPoor() ? filling.front().bytes() : 0;
     // Of who has left, a request may still wait for its program to read it.
-    require(isThere ? used > ours : used >= ours, "a connection has its price");
+    const std::size_t ours = isPoor() ? filling.front().bytes() : 0;
+    require(used >= ours + keptForPoor(), "what is kept is charged to whom it is kept for");
+}
+
+/// What the hub keeps for the poor user at least.
+std::size_t HubWorld::keptForPoor() const {
+    std::size_t kept = 0;
+    for (std::size_t i = 0; i < actors.size(); ++i) {
+        const HubModel::Peer& peer = model.peers[i];
+        if (!peer.isOpen || peer.user != poorUser) continue;
+        std::size_t elsewhere = kernelBytes;
+        for (const tk::message& fetched : actors[i].inbox) elsewhere += fetched.serialise().size();
+        kept += model.keptFor(peer) + (peer.unread > elsewhere ? peer.unread - elsewhere : 0);
+    }
+    return kept;
 }
 
 void HubWorld::agreeOnOwn() {

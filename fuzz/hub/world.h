@@ -88,6 +88,7 @@ private:
     void agree();
     void agreeOnOwn();
     void agreeOnAccount();
+    std::size_t keptForPoor() const;
 
     std::vector<std::uint32_t> registrations;
     std::vector<std::uint32_t> gone;
