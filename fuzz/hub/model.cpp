@@ -100,7 +100,7 @@ std::size_t HubModel::untilFrameEnds(const Peer& peer, std::string_view next) {
     return *lengthIn(peer.unfinished) + lengthBytes - have;
 }
 
-void HubModel::sent(Peer& peer, std::string_view bytes, bool full) {
+void HubModel::sent(Peer& peer, std::string_view bytes, Room left) {
     if (peer.isDropped || !peer.isOpen) return;
     peer.unfinished += bytes;
     const auto length = lengthIn(peer.unfinished);
@@ -110,9 +110,9 @@ void HubModel::sent(Peer& peer, std::string_view bytes, bool full) {
     message received;
     const bool isSound = message::parse(std::string_view(peer.unfinished).substr(lengthBytes), received);
     peer.unfinished.clear();
-    isFull = full;
+    room = left;
     isSound ? take(peer, std::move(received)) : drop(peer);
-    isFull = false;
+    room = Room::some;
 }
 
 /// Handles a message whose frame is complete.
@@ -196,7 +196,7 @@ std::uint32_t HubModel::subscription(Peer& from, const message& request) {
         return 0;
     }
     if (from.subscriptions.contains(heard)) return 0;
-    if (from.subscriptions.size() >= waitingLimit || isFull) return error::busy;
+    if (from.subscriptions.size() >= waitingLimit || room != Room::some) return error::busy;
     from.subscriptions.insert(heard);
     return 0;
 }
@@ -239,7 +239,8 @@ void HubModel::forward(std::uint32_t requester, Peer& callee, const message& req
     if (number != 0 && pending.contains(key)) return refuse(request, error::invalid);
     const auto under = static_cast<std::size_t>(std::count_if(
         pending.begin(), pending.end(), [&](const auto& each) { return each.first.first == requester; }));
-    if ((number != 0 && under >= waitingLimit) || isFull) return refuse(request, error::busy);
+    const bool isFull = number != 0 ? under >= waitingLimit || room != Room::some : room == Room::refused;
+    if (isFull) return refuse(request, error::busy);
     if (number != 0) {
         pending[key] = {callee.number, request, round};
         if (!expiresAt) expiresAt = now + expiryTicks;
@@ -250,7 +251,7 @@ void HubModel::forward(std::uint32_t requester, Peer& callee, const message& req
 void HubModel::activate(std::uint32_t requester, const message& request) {
     const std::uint32_t program = request.get_u32_array(tk::field::destination)[0];
     if (!isStartable(program)) return refuse(request, error::unreachable);
-    if (isFull) return refuse(request, error::busy);
+    if (room != Room::some) return refuse(request, error::busy);
     awaited[program].push_back({requester, request, round});
     if (!expiresAt) expiresAt = now + expiryTicks;
 }

@@ -48,8 +48,11 @@ public:
     void connect(uid_t user);
     /// How many bytes the peer may write before another frame begins; at least 1.
     static std::size_t untilFrameEnds(const Peer& peer, std::string_view next);
-    /// The peer has sent bytes, of one frame at most. `isFull`: there is no room to keep anything for it.
-    void sent(Peer& peer, std::string_view bytes, bool isFull);
+    /// What room there is to keep something for a peer: `refused` when it was seen that there is none. What is passed on
+    /// at once, and has no end to wait for, needs none.
+    enum class Room : std::uint8_t { some, none, refused };
+    /// The peer has sent bytes, of one frame at most.
+    void sent(Peer& peer, std::string_view bytes, Room left);
     /// The hub drops the peer; it ends with the step.
     void drop(Peer& peer);
     /// Ends what was dropped.
@@ -127,7 +130,7 @@ private:
     std::uint64_t round = 0;
     std::uint64_t now = 0;  // ticks
     std::optional<std::uint64_t> expiresAt;
-    bool isFull = false;
+    Room room = Room::some;
 };
 
 /// A handler's path that the hub's process serves.

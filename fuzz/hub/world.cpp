@@ -206,11 +206,13 @@ void HubWorld::writeFrame(std::size_t peer, std::string_view bytes) {
     require(actors[peer].client->isWritable(), "an open peer is served");
     actors[peer].client->sendBytes(std::string(bytes));
     settle();
-    const bool isFull =
-        mayBeFull && (used + smallestCost > hub::Budgets::userLimit || seesRefusal(peer, before));
+    using Room = HubModel::Room;
+    Room room = used + smallestCost > hub::Budgets::userLimit ? Room::none : Room::some;
+    if (mayBeFull && seesRefusal(peer, before)) room = Room::refused;
     const std::size_t most = model.peers[peer].unfinished.size() + bytes.size() + largestExtra;
-    require(!isFull || used + most > hub::Budgets::userLimit, "there is room until the account is full");
-    model.sent(model.peers[peer], bytes, isFull);
+    require(room == Room::some || used + most > hub::Budgets::userLimit,
+            "there is room until the account is full");
+    model.sent(model.peers[peer], bytes, mayBeFull ? room : Room::some);
     agree();
 }
 
