@@ -8,6 +8,7 @@ pytest.register_assert_rewrite("bystanders")  # so that its assertions tell what
 import bystanders  # noqa: E402
 import control_point  # noqa: E402
 import labs  # noqa: E402
+import sanitizer  # noqa: E402
 
 
 def pytest_configure(config):
@@ -30,6 +31,23 @@ def pytest_collection_modifyitems(items):
 
 def pytest_terminal_summary(terminalreporter):
     bystanders.tell(terminalreporter)
+
+
+def pytest_sessionfinish():
+    sanitizer.close()
+
+
+@pytest.fixture(autouse=True, scope="module")
+def nothing_reported_at_the_end():
+    """Of what a file's tests share."""
+    yield
+    sanitizer.check()
+
+
+@pytest.fixture(autouse=True)
+def nothing_reported(nothing_reported_at_the_end):
+    yield
+    sanitizer.check()
 
 
 @pytest.fixture
