@@ -5,7 +5,7 @@
 
 Runs on lan2; INTERFACE is the number of the external interface. Asks as long as its standard input says "go", and stops at
 "stop", when it holds no mapping. Prints a JSON list for each question: what it is, when it began on the monotonic clock,
-how long the answer took in seconds, or null if none came or it was another than expected; then "stopped".
+how many seconds it took, and what came instead of the answer that was expected, if anything did; then "stopped".
 """
 import json
 import os
@@ -26,11 +26,11 @@ TIME_LIMIT = 5   # seconds until a question counts as unanswered
 
 
 def http(request, expected):
-    """True when the answer begins and goes on as it must."""
+    """What was answered instead, if the answer does not begin and go on as it must."""
     with socket.create_connection((ROUTER_LAN, control_point.PORT), timeout=TIME_LIMIT) as connection:
         connection.sendall(request.encode())
         answer = control_point.read_to_end(connection).decode()
-    return answer.startswith("HTTP/1.1 200 OK\r\n") and expected in answer
+    return "" if answer.startswith("HTTP/1.1 200 OK\r\n") and expected in answer else answer or "nothing"
 
 
 def search():
@@ -38,7 +38,8 @@ def search():
         asking.settimeout(TIME_LIMIT)
         asking.bind((LAN2, 0))
         asking.sendto(control_point.search("upnp:rootdevice").encode(), control_point.GROUP)
-        return asking.recv(65536).startswith(b"HTTP/1.1 200 OK\r\n")
+        answer = asking.recv(65536).decode()
+    return "" if answer.startswith("HTTP/1.1 200 OK\r\n") else answer
 
 
 def soap(interface, action, arguments=()):
@@ -61,13 +62,12 @@ def questions(interface):
 def ask(kind, question):
     begun = time.monotonic()
     try:
-        answered = question()
-    except (OSError, ValueError):
-        answered = False
+        instead = question()
+    except (OSError, ValueError) as failure:
+        instead = repr(failure)
     seconds = time.monotonic() - begun
     if kind:
-        print(json.dumps([kind, begun, seconds if answered else None]), flush=True)
-    return answered
+        print(json.dumps([kind, begun, seconds, instead]), flush=True)
 
 
 def round_of(asked):

@@ -12,11 +12,12 @@ FEWEST = 4   # samples that a slope needs
 # given out in pages, and a heap keeps its gaps. What is told apart by single objects may not gain one that stays.
 TOLERANCES = [
     (r"memory of .*, KiB", 192, 16 * 1024),
+    (r"heap of .*, bytes", 4096, 16 << 20),
     (r"store of .*, bytes", 1024, 2 << 20),
-    (r"kernel: connections known", 200, 20000),
+    (r"kernel: connections known", 20, 20000),
     (r"kernel: neighbours", 4, 64),
-    (r"kernel: elements of (searches|requests|connections)", 40, 65536),  # sources, which are forgotten later
-    (r"kernel: TCP sockets that are nobody's", 30, 1000),  # a client each that has vanished, for a minute
+    (r"kernel: elements of (searches|requests|connections)", 40, 128),  # a source each, which is forgotten later
+    (r"kernel: TCP sockets that are nobody's", 10, 1000),  # a client each that has vanished, for a minute
     (r"log lines a busy second", math.inf, 2000),
     (r"descriptors of .*", 0.9, 1024),
     (r".*", 0.9, 1000),
@@ -73,7 +74,7 @@ class Series:
                 for name in names]
 
     def samples(self, name, kept):
-        owner = re.match(r"(?:memory|timers|descriptors) of (\w+)", name)
+        owner = re.match(r"(?:memory|heap|timers|descriptors) of (\w+)", name)
         lives = {}
         for time, processes, found in kept:
             life = processes.get(owner[1]) if owner else None

@@ -10,13 +10,15 @@ import pytest
 
 import bus
 import labs
+import sanitizer
 
 SECONDS = int(os.environ.get("SOAK_SECONDS", 120))
 # An attempt to connect that meets a full queue costs a second. Beside other tests that happens to more than one in a hundred.
 LATEST_BESIDE_OTHERS = 1.25
+other_heap = sanitizer.unless_sanitized("has another heap, which keeps what is freed")
 
 
-@pytest.mark.skipif("SOAK_SECONDS" not in os.environ, reason="takes minutes: SOAK_SECONDS says how many")
+@other_heap
 def test_in_the_long_run_nothing_grows_and_all_is_answered_in_time(tmp_path):
     seed = random.SystemRandom().randrange(1 << 31)
     print(f"seed {seed}")
@@ -39,6 +41,26 @@ def test_each_connection_is_a_descriptor_and_a_timer(lab, daemon):
         connection.close()
     labs.eventually(lambda: gauges.timers(daemon) == timers, "each timer goes with its connection")
     assert gauges.descriptors(daemon) == before
+
+
+@other_heap
+def test_what_each_connection_takes_of_the_heap_is_given_back(lab, daemon):
+    def opened():
+        connection = lab.lan1.connect(labs.ROUTER_LAN, 2828)
+        connection.sendall(b"POST /x HTTP/1.1\r\nContent-Length: 99\r\n\r\n")
+        return connection
+
+    def close(connections):
+        for connection in connections:
+            connection.close()
+        labs.eventually(lambda: gauges.timers(daemon) == timers, "each timer goes with its connection")
+        return gauges.heap(daemon)
+    timers = labs.eventually(lambda: gauges.timers(daemon), "the loop is found")
+    before = close([opened() for _ in range(20)])  # what the daemon keeps for later is there from now on
+    open_ones = [opened() for _ in range(20)]
+    labs.eventually(lambda: gauges.timers(daemon) == timers + 20, "each request has its timer")
+    assert gauges.heap(daemon) > before + 20 * 100
+    assert close(open_ones) == before
 
 
 def test_the_elements_and_sockets_of_the_kernel_are_counted(lab):
