@@ -33,6 +33,9 @@
 #include <stdlib.h>
 
 #include <filesystem>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "contract/gateway.h"
 #include "fuzz/gateway/player.h"
@@ -60,19 +63,17 @@ public:
         contract::Settings settings;
         settings.enabled = true;
         (void)world.request(0, tk::command::set, settings.toMessage());
-        for (const char* name : names) stores.push_back(folder.read(name));
+        for (const char* name : {"store/upnp", "store/upnpm"}) stores.emplace_back(name, folder.read(name));
     }
     /// Undoes what an input has stored.
     void restore() const {
-        for (std::size_t i = 0; i < stores.size(); ++i) folder.write(names[i], stores[i]);
+        for (const auto& [name, content] : stores) folder.write(name, content);
     }
     const std::string& path() const { return folder.path; }
 
 private:
-    static constexpr const char* names[] = {"store/upnp", "store/upnpm"};
-
     tk::testing::Folder folder;
-    std::vector<std::string> stores;
+    std::vector<std::pair<std::string, std::string>> stores;  // their names and contents
 };
 
 }  // namespace

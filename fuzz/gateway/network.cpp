@@ -118,7 +118,7 @@ bool Network::fails(Call call) {
 }
 
 std::uint32_t Network::readiness(const Socket& socket) const {
-    if (socket.kind == Socket::Kind::listener) return socket.queue.empty() ? 0 : EPOLLIN;
+    if (socket.kind == Socket::Kind::listener) return socket.queue.empty() ? 0U : EPOLLIN;
     if (socket.kind == Socket::Kind::datagram) return socket.received.empty() ? 0U : EPOLLIN;
     const Link* const link = socket.link;
     if (!link) return 0;
@@ -223,8 +223,7 @@ std::ptrdiff_t Network::receiveDatagram(Socket& socket, char* bytes, std::size_t
     if (socket.received.empty()) return refuse(EAGAIN);
     const auto [host, text] = socket.received.front();
     socket.received.pop_front();
-    const std::size_t length = std::min(size, text.size());
-    std::memcpy(bytes, text.data(), length);
+    const std::size_t length = text.copy(bytes, size);
     *from = {};
     from->sin_family = AF_INET;
     from->sin_addr.s_addr = host;
@@ -240,7 +239,7 @@ std::ptrdiff_t Network::receiveStream(Link& link, char* bytes, std::size_t size)
     const std::size_t length = std::min(size, link.sent.size() - link.taken);
     if (length == 0 && !link.hostEnded) return refuse(EAGAIN);
     if (length == 0) link.processSawEnd = true;
-    std::memcpy(bytes, link.sent.data() + link.taken, length);
+    link.sent.copy(bytes, length, link.taken);
     link.taken += length;
     if (length > 0) onReceive(link);
     return static_cast<std::ptrdiff_t>(length);

@@ -406,10 +406,14 @@ std::size_t HubModel::openCount() const {
 bool HubModel::waits(std::uint32_t requester) const {
     const bool isPending = std::any_of(pending.begin(), pending.end(),
                                        [&](const auto& each) { return each.first.first == requester; });
-    return isPending || std::any_of(awaited.begin(), awaited.end(), [&](const auto& each) {
-               return std::any_of(each.second.begin(), each.second.end(),
-                                  [&](const Awaited& one) { return one.requester == requester; });
-           });
+    return isPending || awaits(requester);
+}
+
+bool HubModel::awaits(std::uint32_t requester) const {
+    return std::any_of(awaited.begin(), awaited.end(), [&](const auto& each) {
+        return std::any_of(each.second.begin(), each.second.end(),
+                           [&](const Awaited& one) { return one.requester == requester; });
+    });
 }
 
 std::size_t HubModel::keptFor(const Peer& peer) const {
@@ -427,11 +431,7 @@ std::size_t HubModel::keptFor(const Peer& peer) const {
 
 bool HubModel::isAwaitedBy(uid_t user) const {
     return std::any_of(peers.begin(), peers.end(), [&](const Peer& peer) {
-        return peer.isOpen && peer.user == user &&
-               std::any_of(awaited.begin(), awaited.end(), [&](const auto& each) {
-                   return std::any_of(each.second.begin(), each.second.end(),
-                                      [&](const Awaited& one) { return one.requester == peer.number; });
-               });
+        return peer.isOpen && peer.user == user && awaits(peer.number);
     });
 }
 

@@ -88,14 +88,14 @@ public:
 private:
     using Key = std::pair<std::uint32_t, std::uint32_t>;  // requester (0: the hub's handlers) and number
     struct Pending {
-        std::uint32_t callee;
+        std::uint32_t callee = 0;
         tk::message request;
-        std::uint64_t round;
+        std::uint64_t round = 0;
     };
     struct Awaited {
-        std::uint32_t requester;
+        std::uint32_t requester = 0;
         tk::message request;
-        std::uint64_t round;
+        std::uint64_t round = 0;
     };
 
     void take(Peer& from, tk::message received);
@@ -118,6 +118,8 @@ private:
     void trace(const Expected& passed);
     void expire();
     bool waits(std::uint32_t requester) const;
+    /// True when the requester waits for a program to start.
+    bool awaits(std::uint32_t requester) const;
     Peer* find(std::uint32_t number);
     Peer* findProgram(std::uint32_t program);
     Peer* findAt(const tk::Path& path);

@@ -25,9 +25,9 @@ using hub::testing::TestClient;
 constexpr int socketBytes = 1;
 constexpr int turnsPerStep = 3;  // to read and handle, to hear of ends, and to see that nothing follows
 // A peer that leaves more of its own unread is not served any more: no step leaves so much.
-constexpr std::size_t unreadLimit = 1024 * 1024;
+constexpr std::size_t unreadLimit = std::size_t{1024} * 1024;
 // What one account may be over its limit: a frame that cannot be refused any more, and connections.
-constexpr std::size_t overdraft = 128 * 1024;
+constexpr std::size_t overdraft = std::size_t{128} * 1024;
 // What the kernel may hold of what a peer has not read.
 constexpr std::size_t kernelBytes = std::size_t{32} * 1024;
 // What the hub keeps for a request or a subscription: at least, and at most beside the frame's own size.
@@ -174,7 +174,9 @@ void HubWorld::connect(uid_t user) {
     require(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends) == 0, "socket pair");
     require(::setsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &socketBytes, sizeof socketBytes) == 0, "buffer");
     bus.hub.adopt(tk::Fd(ends[0]), {0, user, 0});
-    actors.push_back({std::make_unique<TestClient>(tk::Fd(ends[1])), ends[1], {}, {}});
+    actors.emplace_back();
+    actors.back().client = std::make_unique<TestClient>(tk::Fd(ends[1]));
+    actors.back().socket = ends[1];
     model.connect(user);
     agree();
 }
@@ -255,8 +257,11 @@ void HubWorld::take(Actor& actor, HubModel::Peer& peer, tk::message arrived) {
     const tk::Kind kind = tk::kindOf(arrived);
     if (next.isOfHub && kind == tk::Kind::error)
         require(!tk::getError(arrived).empty(), "a refusal says why");
-    if (kind == tk::Kind::request) actor.requests.push_back(std::move(arrived));
-    if (kind != tk::Kind::reply && kind != tk::Kind::error) return;
+    if (kind == tk::Kind::request) {
+        actor.requests.push_back(std::move(arrived));
+        return;
+    }
+    if (kind == tk::Kind::notification) return;
     if (const std::uint32_t ended = arrived.get_u32(tk::field::number); ended != 0)
         require(peer.waiting[ended]-- > 0, "each request ends once");
 }

@@ -59,7 +59,7 @@ public:
 private:
     struct Actor {
         std::unique_ptr<hub::testing::TestClient> client;
-        int socket;                      // the client's
+        int socket = -1;                 // the client's
         std::vector<tk::message> inbox;  // read, and not compared yet
         std::vector<tk::message> requests;
     };
