@@ -30,7 +30,7 @@ Descriptors openDescriptors() {
     Descriptors open;
     DIR* folder = ::opendir("/proc/self/fd");
     while (const dirent* entry = ::readdir(folder)) {
-        const int descriptor = ::atoi(entry->d_name);
+        const int descriptor = static_cast<int>(::strtol(entry->d_name, nullptr, 10));
         if (entry->d_name[0] != '.' && descriptor != ::dirfd(folder)) open[descriptor] = targetOf(descriptor);
     }
     ::closedir(folder);

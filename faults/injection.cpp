@@ -19,6 +19,7 @@ struct Kind {
 };
 
 /// A kind for each call, in their order.
+// NOLINTNEXTLINE(readability-function-size): a table
 const std::vector<Kind>& kinds() {
     static const std::vector<int> receiving{ECONNRESET, EINTR, EAGAIN, ENOBUFS, ENOMEM, ENETDOWN, shortened};
     static const std::vector<int> sending{ENOBUFS, EINTR, EAGAIN,   shortened,  EPIPE,
@@ -96,7 +97,7 @@ thread_local int depth = 0;  // of InProgram
 State* newState() {
     void* shared = ::mmap(nullptr, sizeof(State), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (shared == MAP_FAILED) ::abort();
-    return new (shared) State();
+    return new (shared) State();  // NOLINT(cppcoreguidelines-owning-memory): stays as long as the process
 }
 
 }  // namespace
