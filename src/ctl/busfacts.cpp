@@ -56,9 +56,8 @@ void readDaemon(Session& session, doctor::BusFacts& facts) {
     const tk::message reply = session.exchange(contract::path::gateway(), tk::command::get);
     std::uint32_t code = 0;
     if (tk::isError(reply, &code)) {
-        const Failure failure = failureFrom(reply, contract::path::gateway());
-        if (code != tk::error::notAllowed) throw failure;
-        facts.daemonRefusal = failure.reason;
+        if (code != tk::error::notAllowed) throw failureFrom(reply, contract::path::gateway());
+        facts.daemonRefusal = failureFrom(reply, contract::path::gateway()).reason;
         return;
     }
     facts.settings = contract::Settings::fromMessage(reply, {});

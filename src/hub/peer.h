@@ -48,8 +48,8 @@ public:
     /// What a connection is to the hub.
     struct Terms {
         Credentials user;
-        std::uint32_t number;  // the peer's own, from program::firstClient up
-        tk::Budget& budget;    // pays for the peer; outlives it
+        std::uint32_t number = 0;  // the peer's own, from program::firstClient up
+        tk::Budget& budget;        // pays for the peer; outlives it
     };
 
     /// Takes over a connected, non-blocking socket.
