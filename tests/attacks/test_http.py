@@ -9,8 +9,9 @@ import time
 import pytest
 
 import labs
-from control_point import (CONNECTION, DATE, PORT, action_element, bare, envelope, exchange, file_answer, get, post,
-                           read_to_end, result)
+from attacks.watching import watched
+from control_point import (CONNECTION, DATE, PORT, action_element, bare, call, envelope, exchange, file_answer, get,
+                           mapping, post, read_to_end, result)
 from labs import DATA, LAN1, ROUTER_LAN, ROUTER_WAN, eventually
 
 OSINFO = file_answer((DATA / "osinfo.xml").read_text())
@@ -61,53 +62,63 @@ def with_headers(*lines):
     return "\r\n".join(["GET /osinfo.xml HTTP/1.1", *lines, "", ""])
 
 
-@pytest.mark.parametrize("request_text, answer", [
-    pytest.param(with_headers("Content-Length: +3") + "abc", OSINFO, id="a length with a sign"),
-    pytest.param(with_headers("Content-Length: 3 3") + "abc", OSINFO, id="two lengths in one"),
-    pytest.param(with_headers("Content-Length: 3", "Content-Length: 4") + "abc", OSINFO, id="the first of two lengths"),
-    pytest.param(with_headers("Content-Length: 0x3"), OSINFO, id="a hexadecimal length"),
-    pytest.param(with_headers("Content-Length: 18446744073709551616x", "Content-Length:") + "abc", None,
-                 id="a length of 2^64 before another"),
-    pytest.param(with_headers("Transfer-Encoding: chunked") + "3\r\nabc\r\n0\r\n\r\n", OSINFO, id="chunks"),
-    pytest.param(with_headers("Transfer-Encoding: chunked", "Content-Length: 3") + "abc", OSINFO, id="chunks and a length"),
-    pytest.param(with_headers("Expect: 100-continue"), OSINFO, id="an expectation"),
-    pytest.param(with_headers("Connection: keep-alive", "Upgrade: h2c"), OSINFO, id="an upgrade"),
-    pytest.param(with_headers("X: " + "\x00\x01\x7f\x1b[2J"), OSINFO, id="control bytes in a value"),
-    pytest.param(with_headers("\x00\x01: x", ": x", ":"), OSINFO, id="control bytes and nothing in a name"),
-    pytest.param("GET /osinfo.xml\x00 HTTP/1.1\r\n\r\n", NOT_FOUND, id="NUL in the path"),
-    pytest.param("GET /osinfo.xml\x00/../../etc/passwd HTTP/1.1\r\n\r\n", NOT_FOUND, id="NUL before a path"),
-    pytest.param("GET\x00 /osinfo.xml HTTP/1.1\r\n\r\n", NOT_IMPLEMENTED, id="NUL in the method"),
-    pytest.param("\x1b[2J\x07 / HTTP/1.1\r\n\r\n", NOT_IMPLEMENTED, id="control bytes in the method"),
-    pytest.param("G\r\n\r\n", NOT_IMPLEMENTED, id="a title of one byte"),
-    pytest.param(" \r\n\r\n", NOT_IMPLEMENTED, id="a title of one blank"),
-    pytest.param("HTTP/1.1 200 OK\r\n\r\n", NOT_IMPLEMENTED, id="an answer"),
-    pytest.param(with_headers("X: " + "x" * (REQUEST_LIMIT - 200)), OSINFO, id="a huge header"),
-    pytest.param(with_headers("x" * (REQUEST_LIMIT - 200) + ":"), OSINFO, id="a huge name"),
-    pytest.param(with_headers(*["X:"] * 30000), OSINFO, id="30000 headers"),
-    pytest.param("GET /" + "x" * (REQUEST_LIMIT - 200) + " HTTP/1.1\r\n\r\n", NOT_FOUND, id="a huge path"),
-    pytest.param("x" * 60000 + "\r\n\r\n", NOT_IMPLEMENTED, id="a huge method"),
-])
-def test_an_odd_request_is_answered_as_any_other(lab, request_text, answer):
-    if answer is None:
-        with lab.lan1.connect(ROUTER_LAN, PORT) as connection:
-            connection.sendall(request_text.encode())
-            assert get(lab.lan2, "/osinfo.xml") == OSINFO  # the daemon has gone on in the meantime
-            connection.setblocking(False)
-            with pytest.raises(BlockingIOError):
-                connection.recv(1)
-    else:
-        assert exchange(lab.lan1, request_text) == answer
+ODD = {
+    "a length with a sign": (with_headers("Content-Length: +3") + "abc", OSINFO),
+    "two lengths in one": (with_headers("Content-Length: 3 3") + "abc", OSINFO),
+    "the first of two lengths": (with_headers("Content-Length: 3", "Content-Length: 4") + "abc", OSINFO),
+    "a hexadecimal length": (with_headers("Content-Length: 0x3"), OSINFO),
+    "chunks": (with_headers("Transfer-Encoding: chunked") + "3\r\nabc\r\n0\r\n\r\n", OSINFO),
+    "chunks and a length": (with_headers("Transfer-Encoding: chunked", "Content-Length: 3") + "abc", OSINFO),
+    "an expectation": (with_headers("Expect: 100-continue"), OSINFO),
+    "an upgrade": (with_headers("Connection: keep-alive", "Upgrade: h2c"), OSINFO),
+    "control bytes in a value": (with_headers("X: " + "\x00\x01\x7f\x1b[2J"), OSINFO),
+    "control bytes and nothing in a name": (with_headers("\x00\x01: x", ": x", ":"), OSINFO),
+    "NUL in the path": ("GET /osinfo.xml\x00 HTTP/1.1\r\n\r\n", NOT_FOUND),
+    "NUL before a path": ("GET /osinfo.xml\x00/../../etc/passwd HTTP/1.1\r\n\r\n", NOT_FOUND),
+    "NUL in the method": ("GET\x00 /osinfo.xml HTTP/1.1\r\n\r\n", NOT_IMPLEMENTED),
+    "control bytes in the method": ("\x1b[2J\x07 / HTTP/1.1\r\n\r\n", NOT_IMPLEMENTED),
+    "a title of one byte": ("G\r\n\r\n", NOT_IMPLEMENTED),
+    "a title of one blank": (" \r\n\r\n", NOT_IMPLEMENTED),
+    "an answer": ("HTTP/1.1 200 OK\r\n\r\n", NOT_IMPLEMENTED),
+    "a huge header": (with_headers("X: " + "x" * (REQUEST_LIMIT - 200)), OSINFO),
+    "a huge name": (with_headers("x" * (REQUEST_LIMIT - 200) + ":"), OSINFO),
+    "30000 headers": (with_headers(*["X:"] * 30000), OSINFO),
+    "a huge path": ("GET /" + "x" * (REQUEST_LIMIT - 200) + " HTTP/1.1\r\n\r\n", NOT_FOUND),
+    "a huge method": ("x" * 60000 + "\r\n\r\n", NOT_IMPLEMENTED),
+    "leave for all": ("OPTIONS * HTTP/1.1\r\n\r\n", NOT_IMPLEMENTED),
+    "leave for a file": ("OPTIONS /osinfo.xml HTTP/1.1\r\n\r\n", NOT_IMPLEMENTED),
+}
 
 
-@pytest.mark.parametrize("path", [
+@watched
+def test_an_odd_request_is_answered_as_any_other(lab, bystander):
+    for name, (request, answer) in ODD.items():
+        assert exchange(lab.lan1, request) == answer, name
+
+
+def test_a_length_that_does_not_count_lets_a_request_wait_for_its_end(lab):
+    request = with_headers("Content-Length: 18446744073709551616x", "Content-Length:") + "abc"
+    with lab.lan1.connect(ROUTER_LAN, PORT) as connection:
+        connection.sendall(request.encode())
+        assert get(lab.lan2, "/osinfo.xml") == OSINFO  # the daemon has gone on in the meantime
+        connection.setblocking(False)
+        with pytest.raises(BlockingIOError):
+            connection.recv(1)
+
+
+PATHS = [
     "/../../../../etc/passwd", "/..", "/.", "//", "//etc/passwd", "/osinfo.xml/../osinfo.xml", "/./osinfo.xml",
     "//osinfo.xml", "/%6fsinfo.xml", "/%2e%2e/%2e%2e/etc/passwd", "/..%2f..%2fetc%2fpasswd", "/..%c0%af..%c0%afetc/passwd",
     "/..\\..\\etc\\passwd", "/....//....//etc/passwd", "/osinfo.xml%00.gif", "/osinfo.xml#x", "/osinfo.xml;x",
     f"http://{ROUTER_LAN}:{PORT}/osinfo.xml", "file:///etc/passwd", "/proc/self/environ", "/tesk/etc/upnp/osinfo.xml",
-    "/upnp/control/../../osinfo.xml"])
-def test_no_path_leads_to_anything_but_what_is_served(lab, path):
+    "/upnp/control/../../osinfo.xml"]
+
+
+@watched
+def test_no_path_leads_to_anything_but_what_is_served(lab, bystander):
     mark = lab.upnpd.mark()
-    assert get(lab.lan1, path) == NOT_FOUND
+    for path in PATHS:
+        assert get(lab.lan1, path) == NOT_FOUND, path
     assert lab.upnpd.since(mark) == [], "no file was tried"
 
 
@@ -250,16 +261,42 @@ def test_connections_that_end_at_once_keep_nobody_waiting(lab, bystander):
     assert set(lab.upnpd.since(mark)) <= {"write error"}
 
 
+@watched
 def test_hosts_that_never_read_keep_nobody_waiting(lab, bystander):
-    def attack():
-        with contextlib.ExitStack() as stack:
-            for _ in range(100):
-                stalled = stack.enter_context(connect_at_once(lab.lan1, room=1))
-                stalled.sendall(b"GET /gateway.xml HTTP/1.1\r\n\r\n")
-            assert get(lab.lan1, "/osinfo.xml") == OSINFO
     mark = lab.upnpd.mark()
-    bystander.during(attack)
+    with contextlib.ExitStack() as stack:
+        for _ in range(100):
+            stalled = stack.enter_context(connect_at_once(lab.lan1, room=1))
+            stalled.sendall(b"GET /gateway.xml HTTP/1.1\r\n\r\n")
+        assert get(lab.lan1, "/osinfo.xml") == OSINFO
     assert lab.upnpd.since(mark) == []
+
+
+LONG = "d" * 60000  # a description
+
+
+@pytest.fixture
+def long_entry(lab, path):
+    """A mapping whose listing is long; the request for it, and its answer."""
+    assert call(lab.lan1, path, "AddPortMapping", mapping(description=LONG)) == result("AddPortMapping")
+    action = "GetGenericPortMappingEntry"
+    request = post(path, envelope(action_element(action, [("NewPortMappingIndex", 1)])), f'"{CONNECTION}#{action}"')
+    yield request, result(action, mapping(description=LONG))
+    assert call(lab.lan1, path, "DeletePortMapping", mapping()[:3]) == result("DeletePortMapping")
+
+
+@watched
+def test_hosts_that_never_read_a_long_answer_keep_nobody_waiting(lab, bystander, long_entry):
+    """What the kernel does not take of an answer at once is dropped."""
+    request, answer = long_entry
+    mark = lab.upnpd.mark()
+    with contextlib.ExitStack() as stack:
+        assert exchange(lab.lan1, request) == answer
+        usual = lab.upnpd.since(mark)
+        for _ in range(50):
+            stack.enter_context(connect_at_once(lab.lan1, room=1)).sendall(request.encode())
+        assert exchange(lab.lan1, request) == answer
+    assert set(lab.upnpd.since(mark)) <= {*usual, "write error"}
 
 
 @pytest.mark.parametrize("count", [2, 100])

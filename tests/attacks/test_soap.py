@@ -1,13 +1,14 @@
 """What a host in the LAN can put into a call of an action, and what it costs another one."""
 import pytest
 
-from control_point import (CONNECTION, action_element, bare, call, envelope, exchange, fault, mapping, post, query,
-                           result, variable_answer)
+from attacks.watching import watched
+from control_point import (CONNECTION, action_element, bare, call, envelope, exchange, fault, mapping, outputs, post,
+                           query, result, variable_answer)
 from labs import LAN1, ROUTER_WAN
 
 BAD_REQUEST = bare("400 Bad Request")
 ADDED, INVALID_ARGS, FAILED = result("AddPortMapping"), fault(402, "Invalid Args"), fault(501, "Action Failed")
-ONLY_PERMANENT, ONLY_WILDCARD = fault(725, "OnlyPermanentLeasesSupported"), fault(726, "RemoteHostOnlySupportsWildcard")
+ONLY_PERMANENT = fault(725, "OnlyPermanentLeasesSupported")
 NO_WILDCARD = fault(716, "WildcardNotPermittedInExtPort")
 ADDRESS = result("GetExternalIPAddress", [("NewExternalIPAddress", ROUTER_WAN)])
 GET_ADDRESS = envelope(action_element("GetExternalIPAddress"))
@@ -22,153 +23,153 @@ def path(lab):
     return f"/upnp/control/wanipconn-{lab.interface_id('wan0')}"
 
 
-@pytest.fixture
-def calls(lab, path):
-    """Calls of AddPortMapping. What they have mapped is unmapped at the end."""
-    def add(arguments):
-        return call(lab.lan1, path, "AddPortMapping", arguments)
-    yield add
-    while len(mapped := entry(lab, path, 1)) > 1:
-        gone = [("NewRemoteHost", ""), ("NewExternalPort", mapped[1]), ("NewProtocol", mapped[2])]
+def outcome(lab, path, arguments):
+    """The answer to AddPortMapping, and the listing of what it has mapped, which is unmapped again."""
+    answer, listing = call(lab.lan1, path, "AddPortMapping", arguments), listed(lab, path)
+    mapped = dict(outputs(listing))
+    if answer == ADDED:
+        gone = [("NewRemoteHost", ""), *((name, mapped[name]) for name in ("NewExternalPort", "NewProtocol"))]
         assert call(lab.lan1, path, "DeletePortMapping", gone) == result("DeletePortMapping")
+    assert lab.rules() == []
+    return answer, listing
 
 
-def listed(lab, path, index):
-    return call(lab.lan1, path, "GetGenericPortMappingEntry", [("NewPortMappingIndex", index)])
+def listed(lab, path):
+    """The first entry after the dummy."""
+    return call(lab.lan1, path, "GetGenericPortMappingEntry", [("NewPortMappingIndex", 1)])
 
 
-def entry(lab, path, index):
-    """The values of a mapping as they are listed, without the remote host's; one only when there is none."""
-    answer = listed(lab, path, index)
-    if answer == fault(713, "SpecifiedArrayIndexInvalid"):
-        return [""]
-    lines = answer.partition("\r\n\r\n")[2].split("\r\n")
-    return [line.partition(">")[2].rpartition("</")[0] for line in lines if line.lstrip().startswith("<New")]
+def entry(external="81", protocol="UDP", internal="8081", client=LAN1, enabled="1", description="usual"):
+    return result("GetGenericPortMappingEntry", list(zip(
+        NAMES, ["", external, protocol, internal, client, enabled, description, "0"])))
+
+
+NOTHING = fault(713, "SpecifiedArrayIndexInvalid")
+MAPPED = ADDED, entry()
+REFUSED = INVALID_ARGS, NOTHING
 
 
 def changed(position, value):
     return [(name, value if at == position else given) for at, (name, given) in enumerate(USUAL)]
 
 
-def entry_answer(external="81", protocol="UDP", internal="8081", client=LAN1, enabled="1", description="usual"):
-    return result("GetGenericPortMappingEntry", list(zip(
-        NAMES, ["", external, protocol, internal, client, enabled, description, "0"])))
+@watched
+def test_a_missing_argument_is_a_fault(lab, bystander, path):
+    for position, name in enumerate(NAMES):
+        assert outcome(lab, path, USUAL[:position] + USUAL[position + 1:]) == REFUSED, name
+    assert outcome(lab, path, []) == REFUSED
 
 
 # An empty element takes the text of the one before it, on purpose.
-@pytest.mark.parametrize("position, answer, entry", [
-    pytest.param(0, ADDED, {}, id=NAMES[0]),
-    pytest.param(1, INVALID_ARGS, None, id=NAMES[1]),
-    pytest.param(2, INVALID_ARGS, None, id=NAMES[2]),
-    pytest.param(3, INVALID_ARGS, None, id=NAMES[3]),
-    pytest.param(4, FAILED, None, id=NAMES[4]),
-    pytest.param(5, INVALID_ARGS, None, id=NAMES[5]),
-    pytest.param(6, ADDED, {"description": "1"}, id=NAMES[6]),
-    pytest.param(7, INVALID_ARGS, None, id=NAMES[7]),
-])
-def test_an_empty_argument_counts_as_the_text_before_it(lab, path, calls, position, answer, entry):
-    assert calls(changed(position, "")) == answer
-    assert listed(lab, path, 1) == (fault(713, "SpecifiedArrayIndexInvalid") if entry is None else entry_answer(**entry))
+EMPTY = [MAPPED, REFUSED, REFUSED, REFUSED, (FAILED, NOTHING), REFUSED, (ADDED, entry(description="1")), REFUSED]
 
 
-def test_a_call_with_nothing_in_it_is_a_fault(lab, calls):
-    assert calls([(name, "") for name in NAMES]) == INVALID_ARGS  # an empty protocol is none
-    assert calls([]) == INVALID_ARGS
-    assert lab.rules() == []
+@watched
+def test_an_empty_argument_counts_as_the_text_before_it(lab, bystander, path):
+    for position, expected in enumerate(EMPTY):
+        assert outcome(lab, path, changed(position, "")) == expected, NAMES[position]
+    assert outcome(lab, path, [(name, "") for name in NAMES]) == REFUSED  # an empty protocol is none
+    assert outcome(lab, path, [("NewRemoteHost", ""), ("NewExternalPort", ""), *USUAL[2:]]) == (NO_WILDCARD, NOTHING)
 
 
-def test_an_external_port_of_no_text_is_refused(lab, path, calls):
-    assert calls([("NewRemoteHost", ""), ("NewExternalPort", ""), *USUAL[2:]]) == NO_WILDCARD
-    assert lab.rules() == []
+@watched
+def test_the_first_of_an_argument_that_comes_twice_counts(lab, bystander, path):
+    for position, name in enumerate(NAMES):
+        hostile = name, "hostile"
+        assert outcome(lab, path, [*USUAL[:position + 1], hostile, *USUAL[position + 1:], hostile]) == MAPPED, name
 
 
-@pytest.mark.parametrize("position", range(8), ids=NAMES)
-def test_the_first_of_an_argument_that_comes_twice_counts(lab, path, calls, position):
-    hostile = (NAMES[position], "hostile")
-    assert calls([*USUAL[:position + 1], hostile, *USUAL[position + 1:], hostile]) == ADDED
-    assert listed(lab, path, 1) == entry_answer()
+@watched
+def test_arguments_come_in_any_order(lab, bystander, path):
+    for turn in range(len(USUAL)):
+        assert outcome(lab, path, [*USUAL[turn:], *USUAL[:turn]][::-1]) == MAPPED, turn
 
 
-@pytest.mark.parametrize("turn", range(8))
-def test_arguments_come_in_any_order(lab, path, calls, turn):
-    assert calls([*USUAL[turn:], *USUAL[:turn]][::-1]) == ADDED
-    assert listed(lab, path, 1) == entry_answer()
+LONG_ARGUMENTS = [
+    (0, "x" * LONG, MAPPED),
+    (1, "9" * LONG, REFUSED),
+    (1, "0" * LONG + "81", MAPPED),
+    (2, "UDP" * (LONG // 3), REFUSED),
+    (3, "9" * LONG, REFUSED),
+    (4, LAN1 + "." * LONG, (FAILED, NOTHING)),
+    (5, "1" * LONG, REFUSED),
+    (6, "x" * LONG, (ADDED, entry(description="x" * LONG))),
+    (7, "9" * LONG, (ONLY_PERMANENT, NOTHING)),
+]
 
 
-@pytest.mark.parametrize("position, value, answer, entry", [
-    pytest.param(0, "x" * LONG, ADDED, {}, id=NAMES[0]),
-    pytest.param(1, "9" * LONG, INVALID_ARGS, None, id=NAMES[1]),
-    pytest.param(1, "0" * LONG + "81", ADDED, {}, id="zeros before " + NAMES[1]),
-    pytest.param(2, "UDP" * (LONG // 3), INVALID_ARGS, None, id=NAMES[2]),
-    pytest.param(3, "9" * LONG, INVALID_ARGS, None, id=NAMES[3]),
-    pytest.param(4, LAN1 + "." * LONG, FAILED, None, id=NAMES[4]),
-    pytest.param(5, "1" * LONG, INVALID_ARGS, None, id=NAMES[5]),
-    pytest.param(6, "x" * LONG, ADDED, {"description": "x" * LONG}, id=NAMES[6]),
-    pytest.param(7, "9" * LONG, ONLY_PERMANENT, None, id=NAMES[7]),
-])
-def test_an_argument_of_60_kb_is_judged_as_any_other(lab, path, calls, position, value, answer, entry):
-    assert calls(changed(position, value)) == answer
-    assert listed(lab, path, 1) == (fault(713, "SpecifiedArrayIndexInvalid") if entry is None else entry_answer(**entry))
+@watched
+def test_an_argument_of_60_kb_is_judged_as_any_other(lab, bystander, path):
+    for position, value, expected in LONG_ARGUMENTS:
+        assert outcome(lab, path, changed(position, value)) == expected, (NAMES[position], value[:5])
 
 
-FORMATS = "%n%n%s%s%x%p%1000000d%*.*s{}{0}$(id)`id`\\x41"
+@watched
+def test_a_variable_with_a_name_of_60_kb_is_an_unknown_one(lab, bystander, path):
+    assert query(lab.lan1, path, "x" * LONG) == fault(404, "Invalid Var")
+    assert query(lab.lan1, path, "NATEnabled") == variable_answer("1")
 
 
-@pytest.mark.parametrize("position, answer", [
-    (0, ADDED), (1, INVALID_ARGS), (2, INVALID_ARGS), (3, INVALID_ARGS), (4, FAILED), (5, INVALID_ARGS), (6, ADDED),
-    (7, INVALID_ARGS)], ids=lambda value: NAMES[value] if isinstance(value, int) else "")
-def test_a_format_is_a_text_as_any_other(lab, path, calls, position, answer):
-    mark = lab.upnpd.mark()
-    assert calls(changed(position, FORMATS)) == answer
-    assert lab.upnpd.since(mark)[position + 1] == f"arg: {NAMES[position]}, val: {FORMATS}"
-    if position == 6:
-        assert listed(lab, path, 1) == entry_answer(description=FORMATS)
+FORMAT = "%n%n%s%s%x%p%1000000d%*.*s{}{0}$(id)`id`\\x41"
+FORMATS = [MAPPED, REFUSED, REFUSED, REFUSED, (FAILED, NOTHING), REFUSED, (ADDED, entry(description=FORMAT)), REFUSED]
 
 
-@pytest.mark.parametrize("value, answer", [
-    ("-1", INVALID_ARGS), ("+81", ADDED), (" 81", ADDED), ("81 ", INVALID_ARGS), ("0x51", INVALID_ARGS),
-    ("18446744073709551697", INVALID_ARGS), ("8&#49;", ADDED), ("8\u0661", INVALID_ARGS)])
-def test_a_port_in_an_odd_form_is_read_as_a_number_or_refused(lab, path, calls, value, answer):
-    arguments = changed(1, value)
-    if value == "8&#49;":  # only the text behind a reference counts
-        assert calls(arguments) == answer
-        assert listed(lab, path, 1) == entry_answer(external="1")
-        return
-    assert calls(arguments) == answer
-    if answer == ADDED:
-        assert listed(lab, path, 1) == entry_answer()
+@watched
+def test_a_format_is_a_text_as_any_other(lab, bystander, path):
+    for position, expected in enumerate(FORMATS):
+        mark = lab.upnpd.mark()
+        assert outcome(lab, path, changed(position, FORMAT)) == expected, NAMES[position]
+        assert lab.upnpd.since(mark)[position + 1] == f"arg: {NAMES[position]}, val: {FORMAT}"
 
 
-@pytest.mark.parametrize("text, kept", [
+PORTS = [("-1", REFUSED), ("+81", MAPPED), (" 81", MAPPED), ("81 ", REFUSED), ("0x51", REFUSED),
+         ("18446744073709551697", REFUSED), ("8\u0661", REFUSED),
+         ("8&#49;", (ADDED, entry(external="1")))]  # only the text behind a reference counts
+
+
+@watched
+def test_a_port_in_an_odd_form_is_read_as_a_number_or_refused(lab, bystander, path):
+    for value, expected in PORTS:
+        assert outcome(lab, path, changed(1, value)) == expected, value
+
+
+DESCRIPTIONS = [
     ("<![CDATA[<b>&amp;</b>]]>", "<b>&amp;</b>"),
     ("a<![CDATA[<b/>]]>c", "c"),
     ("<![CDATA[]]>", "1"),  # is empty, and the flag stands before it
     ("<![CDATA[</NewPortMappingDescription><NewLeaseDuration>9]]>",
      "</NewPortMappingDescription><NewLeaseDuration>9"),
     ("<![CDATA[]]]]><![CDATA[>]]>", ">"),
+    ("<![CDATA[" + "]" * LONG + "]]>", "]"),  # a bracket is a piece of its own
+    ("<![CDATA[" + "x" * LONG + "]]>", "x" * LONG),
     ("<!-- <x> -->text", "text"), ("text<?php x?>", "text"), ("text<b>bold</b>", ""),
-])
-def test_a_description_keeps_its_last_piece_of_text_as_it_came(lab, path, calls, text, kept):
-    assert calls(changed(6, text)) == ADDED
-    assert listed(lab, path, 1) == entry_answer(description=kept)
+]
 
 
-def odd_soap_actions():
-    name = "GetExternalIPAddress"
-    yield '"' * LONG, '"' * (LONG - 2)
-    yield "#" * LONG, "#" * (LONG - 1)
-    yield "x" * LONG + "#" + name, name
-    yield '"' + "#" + "x" * LONG + '"', "x" * LONG
-    yield f'"{CONNECTION}#%n%s"', "%n%s"
-    yield '"\x00"', "\x00"
-    yield f"#\x00{name}", f"\x00{name}"
+@watched
+def test_a_description_keeps_its_last_piece_of_text_as_it_came(lab, bystander, path):
+    for text, kept in DESCRIPTIONS:
+        assert outcome(lab, path, changed(6, text)) == (ADDED, entry(description=kept)), text[:50]
 
 
-@pytest.mark.parametrize("soap_action, name", odd_soap_actions(), ids=[
-    "quotes", "hashes", "a long type", "a long name", "a format", "NUL", "NUL before the name"])
-def test_an_odd_name_of_an_action_is_looked_for_as_it_is(lab, path, soap_action, name):
-    answer = exchange(lab.lan1, post(path, GET_ADDRESS, soap_action))
-    assert answer == (ADDRESS if name == "GetExternalIPAddress" else BAD_REQUEST)
+# What SOAPACTION holds, and the name of the action in the log; without one it counts as no header.
+NAME = "GetExternalIPAddress"
+SOAP_ACTIONS = [
+    ("", None), ('"', ""), ('""', ""), ("#", ""), ("##", "#"), ('"' * LONG, '"' * (LONG - 2)),
+    ("#" * LONG, "#" * (LONG - 1)), ("x" * LONG + "#" + NAME, NAME), ('"#' + "x" * LONG + '"', "x" * LONG),
+    (f'"{CONNECTION}#%n%s"', "%n%s"), ('"\x00"', r"\x00"), (f"#\x00{NAME}", rf"\x00{NAME}"),
+]
+LINE_LIMIT = 4096  # bytes of a line in the log
+
+
+@watched
+def test_an_odd_soap_action_names_what_follows_its_first_hash(lab, bystander, path):
+    for soap_action, name in SOAP_ACTIONS:
+        mark = lab.upnpd.mark()
+        answer = exchange(lab.lan1, post(path, GET_ADDRESS, soap_action))
+        assert answer == (ADDRESS if name == NAME else BAD_REQUEST), soap_action[:50]
+        line = "POST: with no SOAPACTION" if name is None else f"action: {name}"
+        assert lab.upnpd.since(mark)[0][:LINE_LIMIT // 2] == line[:LINE_LIMIT // 2], soap_action[:50]
 
 
 def laughs():
@@ -181,33 +182,53 @@ def called(inside):
     return envelope(f"<AddPortMapping>{inside}</AddPortMapping>").partition("?>")[2]
 
 
-DOCUMENTS = [
-    pytest.param(laughs(), id="a billion laughs"),
-    pytest.param('<!DOCTYPE x [<!ENTITY e "' + "e" * 30000 + '">]>' + called("&e;" * 10000), id="a quadratic entity"),
-    pytest.param('<!DOCTYPE x [<!ENTITY e SYSTEM "file:///etc/passwd">]>' + called("<NewRemoteHost>&e;</NewRemoteHost>"),
-                 id="a file"),
-    pytest.param('<!DOCTYPE x [<!ENTITY e SYSTEM "http://192.0.2.2:8000/">]>' + called("&e;"), id="a host"),
-    pytest.param('<!DOCTYPE x [<!ENTITY % e SYSTEM "http://192.0.2.2:8000/"> %e;]>' + called(""), id="a parameter entity"),
-    pytest.param('<!DOCTYPE x [<!ENTITY e "&e;">]>' + called("&e;"), id="an entity in itself"),
-    pytest.param("<a>" * 40000, id="40000 levels"),
-    pytest.param(called("<a/>" * 20000), id="20000 elements"),
-    pytest.param("<a " + " ".join(f'a{number}=""' for number in range(5000)) + "/>", id="5000 attributes"),
-    pytest.param(f"<{'a' * 120000}/>", id="a long name of an element"),
-    pytest.param("<![CDATA[" * 10000, id="open CDATA"),
-    pytest.param("<!--" * 30000, id="open comments"),
-    pytest.param("&#0;" * 10000, id="references to NUL"),
-    pytest.param("\ufeff" * 3 + called(""), id="marks of the byte order"),
-    pytest.param(called("\ud800".encode("utf-8", "surrogatepass").decode("latin1") + "\x01"), id="what is no character"),
-]
+DOCUMENTS = {
+    "a billion laughs": laughs(),
+    "a quadratic entity": '<!DOCTYPE x [<!ENTITY e "' + "e" * 30000 + '">]>' + called("&e;" * 10000),
+    "a file": '<!DOCTYPE x [<!ENTITY e SYSTEM "file:///etc/passwd">]>' + called("<NewRemoteHost>&e;</NewRemoteHost>"),
+    "a host": '<!DOCTYPE x [<!ENTITY e SYSTEM "http://192.0.2.2:8000/">]>' + called("&e;"),
+    "a parameter entity": '<!DOCTYPE x [<!ENTITY % e SYSTEM "http://192.0.2.2:8000/"> %e;]>' + called(""),
+    "an entity in itself": '<!DOCTYPE x [<!ENTITY e "&e;">]>' + called("&e;"),
+    "40000 levels": "<a>" * 40000,
+    "20000 elements": called("<a/>" * 20000),
+    "9000 attributes": "<a " + " ".join(f'a{number}=""' for number in range(9000)) + "/>",
+    "a long name of an element": f"<{'a' * 120000}/>",
+    "brackets": "<" * 120000,
+    "open CDATA": "<![CDATA[" * 10000,
+    "open comments": "<!--" * 30000,
+    "references to NUL": "&#0;" * 10000,
+    "marks of the byte order": "\ufeff" * 3 + called(""),
+    "what is no character": called("\ud800".encode("utf-8", "surrogatepass").decode("latin1") + "\x01"),
+}
+HEAVY = "a billion laughs", "40000 levels", "20000 elements", "9000 attributes", "brackets"
 
 
-@pytest.mark.parametrize("document", DOCUMENTS)
-def test_a_hostile_document_is_a_bare_400(lab, path, document):
+def send(lab, path, document):
+    return exchange(lab.lan1, post(path, document, f'"{CONNECTION}#AddPortMapping"'))
+
+
+@watched
+def test_a_hostile_document_is_a_bare_400(lab, bystander, path):
     with lab.lan1.listen(8000) as outer:
-        assert exchange(lab.lan1, post(path, document, f'"{CONNECTION}#AddPortMapping"')) == BAD_REQUEST
+        for name, document in DOCUMENTS.items():
+            assert send(lab, path, document) == BAD_REQUEST, name
         outer.setblocking(False)
         with pytest.raises(BlockingIOError):
             outer.accept()
+
+
+@pytest.mark.parametrize("name", HEAVY)
+@watched
+def test_a_flood_of_one_hostile_document_keeps_nobody_waiting(lab, bystander, path, name):
+    for _ in range(20):
+        assert send(lab, path, DOCUMENTS[name]) == BAD_REQUEST
+
+
+@watched
+def test_a_flood_of_references_keeps_nobody_waiting(lab, bystander, path):
+    document = called("<NewRemoteHost>" + "&amp;" * 20000 + "</NewRemoteHost>")
+    for _ in range(20):
+        assert send(lab, path, document) == INVALID_ARGS
 
 
 @pytest.mark.parametrize("levels, answer", [(64, ADDRESS), (65, BAD_REQUEST)])
@@ -215,26 +236,3 @@ def test_64_levels_are_read(lab, path, levels, answer):
     inner = levels - 3  # within envelope, body and action
     body = envelope("<GetExternalIPAddress>" + "<a>" * inner + "</a>" * inner + "</GetExternalIPAddress>")
     assert exchange(lab.lan1, post(path, body, "#GetExternalIPAddress")) == answer
-
-
-@pytest.mark.parametrize("document", [
-    pytest.param(laughs(), id="a billion laughs"), pytest.param("<a>" * 40000, id="40000 levels"),
-    pytest.param(called("<a/>" * 20000), id="20000 elements"),
-    pytest.param("<a " + " ".join(f'a{number}=""' for number in range(9000)) + "/>", id="9000 attributes"),
-    pytest.param(called("<NewRemoteHost>" + "&amp;" * 20000 + "</NewRemoteHost>"), id="20000 references"),
-    pytest.param("<" * 120000, id="brackets")])
-def test_hostile_documents_keep_nobody_waiting(lab, path, bystander, document):
-    def attack():
-        for _ in range(20):
-            answer = exchange(lab.lan1, post(path, document, f'"{CONNECTION}#AddPortMapping"'))
-            assert answer in (BAD_REQUEST, INVALID_ARGS)
-    bystander.during(attack)
-
-
-def test_long_calls_keep_nobody_waiting(lab, path, calls, bystander):
-    def attack():
-        for position in (0, 1, 2, 4, 6):
-            calls(changed(position, "x" * LONG))
-        assert query(lab.lan1, path, "x" * LONG) == fault(404, "Invalid Var")
-        assert query(lab.lan1, path, "NATEnabled") == variable_answer("1")
-    bystander.during(attack)
