@@ -135,6 +135,16 @@ TEST_F(UdpSocket, NameOfFifteenCharactersIsTakenWhole) {
     renameInterface(longest, "lo");
 }
 
+TEST_F(UdpSocket, OfALongerNameTheKernelSeesTheBeginning) {
+    constexpr const char* longest = "fifteencharslan";
+    renameInterface("lo", longest);
+    for (const char* name : {"fifteencharslan0", "fifteencharslan and more"}) {
+        EXPECT_EQ(deviceOf(tk::Fd(openUdpSocket(name))), longest);
+        EXPECT_EQ(deviceOf(tk::Fd(openTcpListener(name, 0))), longest);
+    }
+    renameInterface(longest, "lo");
+}
+
 TEST_F(UdpSocket, NeverBlocksAndIsNotInherited) {
     const tk::Fd socket(openUdpSocket("lo"));
     EXPECT_NE(fcntl(socket.get(), F_GETFL) & O_NONBLOCK, 0);
