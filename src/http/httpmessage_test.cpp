@@ -84,6 +84,15 @@ TEST(HTTPMessageParse, HeaderLineWithoutColonEndsIncomplete) {
     EXPECT_EQ(message.body, "");
 }
 
+TEST(HTTPMessageParse, HeadersThatHaveNotAllArrivedKeepWhatWasRead) {
+    const HTTPMessage message("T\r\nA: 1\r\nB: 2");
+    EXPECT_FALSE(message.complete);
+    EXPECT_EQ(message.title, "T");
+    EXPECT_EQ(message.names, Texts{"A"});
+    EXPECT_EQ(message.values, Texts{"1"});
+    EXPECT_EQ(message.body, "");
+}
+
 TEST(HTTPMessageParse, WithoutACarriageReturnNothingIsRead) {
     for (const char* text : {"", "GET / HTTP/1.1", "GET / HTTP/1.1\n\nA: 1\n\n"}) {
         const HTTPMessage message(text);
