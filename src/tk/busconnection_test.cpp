@@ -171,6 +171,14 @@ TEST_F(BusConnectionTest, ExchangeThatIsUnderWayFailsWhenTheBusGoes) {
     EXPECT_EQ(received, std::vector<std::uint32_t>{1});
 }
 
+TEST_F(BusConnectionTest, AnEndThatNobodyWaitsForIsDiscardedWhenTheBusGoes) {
+    hub.sendEnd(7, numbered(70));
+    hub.close();
+    EXPECT_EQ(errorOf(exchange()), error::disconnected);
+    loop.settle();
+    EXPECT_TRUE(received.empty());
+}
+
 TEST_F(BusConnectionTest, HundredExchangesWithoutABusDoNotWait) {
     hub.close();
     const SystemClock clock;
