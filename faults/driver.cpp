@@ -47,12 +47,15 @@ void compare(const Judge& mayEndIn, const Outcome& actual, const Outcome& whole)
     }
 }
 
+/// What became of a fault: it came to pass, its call did not come, or had nothing to shorten.
+enum class Fate { injected, missed, spared };
+
 /// What a run with a fault led to.
 struct Run {
     Outcome faulty;
     Outcome recovered;
     std::string contradiction;
-    bool hasStruck = false;
+    Fate fate = Fate::missed;
 };
 
 /// Reports nothing while the world exists: it may hold standard output.
@@ -62,7 +65,8 @@ Run runWith(const Fault& fault, const Maker& makeWorld) {
     begin(fault);
     run.faulty = world->act();
     (void)end();
-    run.hasStruck = hasStruck();
+    if (hasStruck()) run.fate = Fate::injected;
+    if (hasSpared()) run.fate = Fate::spared;
     run.contradiction = world->contradiction();
     world->recover();
     run.recovered = world->act();
@@ -70,8 +74,8 @@ Run runWith(const Fault& fault, const Maker& makeWorld) {
     return run;
 }
 
-/// One run with one fault. True when the fault came to pass.
-bool endure(const Fault& fault, const Maker& makeWorld, const Judge& mayEndIn, const Outcome& whole) {
+/// One run with one fault.
+Fate endure(const Fault& fault, const Maker& makeWorld, const Judge& mayEndIn, const Outcome& whole) {
     SCOPED_TRACE(fault.toString());
     const Descriptors before = openDescriptors();
     const Run run = runWith(fault, makeWorld);
@@ -79,17 +83,37 @@ bool endure(const Fault& fault, const Maker& makeWorld, const Judge& mayEndIn, c
     compare(mayEndIn, run.faulty, whole);
     EXPECT_EQ(run.contradiction, "");
     EXPECT_EQ(run.recovered, whole) << "when the fault is over";
-    return run.hasStruck;
+    return run.fate;
 }
 
+bool areAllWanted() {
+    const char* wanted = ::getenv("FAULTS");
+    return wanted && std::string_view(wanted) == "all";
+}
+
+/// The outcomes to try of a call, the first of them another for each number.
 std::vector<int> outcomesToTry(Call call, std::uint32_t number, const Extent& extent) {
     if (std::find(extent.fatal.begin(), extent.fatal.end(), call) != extent.fatal.end()) return {};
+    if (!areAllWanted() && (number - 1) % extent.every != 0) return {};
     const std::span<const int> all = outcomesOf(call);
-    const char* wanted = ::getenv("FAULTS");
-    if (wanted && std::string_view(wanted) == "all") return {all.begin(), all.end()};
-    if ((number - 1) % extent.every != 0) return {};
-    return {all[(number - 1) % all.size()]};
+    std::vector<int> turned(all.begin(), all.end());
+    std::rotate(turned.begin(), turned.begin() + static_cast<std::ptrdiff_t>((number - 1) % all.size()),
+                turned.end());
+    return turned;
 }
+
+/// How many faults had each fate, and which were missed.
+struct Tally {
+    unsigned injected = 0;
+    std::vector<std::string> missed;
+
+    /// True when one fault of this call is enough, and this was one.
+    bool add(const Fault& fault, Fate fate) {
+        if (fate == Fate::injected) ++injected;
+        if (fate == Fate::missed) missed.push_back(fault.toString());
+        return fate != Fate::spared && !areAllWanted();
+    }
+};
 
 }  // namespace
 
@@ -102,21 +126,25 @@ void failEveryCall(const Maker& makeWorld, const Judge& mayEndIn, const Extent& 
     const std::string contradiction = first->contradiction();
     first.reset();
     EXPECT_EQ(contradiction, "");
-    unsigned calls = 0, faults = 0, missed = 0;
+    unsigned calls = 0;
+    Tally tally;
     for (std::size_t kind = 0; kind < callCount; ++kind) {
         const auto call = static_cast<Call>(kind);
         calls += counts[kind];
         for (std::uint32_t number = 1; number <= counts[kind]; ++number)
-            for (const int outcome : outcomesToTry(call, number, extent))
-                ++(endure({call, number, outcome}, makeWorld, mayEndIn, whole) ? faults : missed);
+            for (const int outcome : outcomesToTry(call, number, extent)) {
+                const Fault fault{call, number, outcome};
+                if (tally.add(fault, endure(fault, makeWorld, mayEndIn, whole))) break;
+            }
     }
-    EXPECT_GT(faults, 0U);
+    EXPECT_GT(tally.injected, 0U);
     if (extent.repeatsExactly) {
-        EXPECT_EQ(missed, 0U) << "calls that did not come again";
+        EXPECT_EQ(tally.missed, std::vector<std::string>()) << "calls that did not come again";
     }
-    std::printf("%u calls, %u faults injected, %u missed\n", calls, faults, missed);
+    std::printf("%u calls, %u faults injected, %zu missed\n", calls, tally.injected, tally.missed.size());
+    for (const std::string& fault : tally.missed) std::printf("missed: %s\n", fault.c_str());
     testing::Test::RecordProperty("calls", std::to_string(calls));
-    testing::Test::RecordProperty("faults", std::to_string(faults));
+    testing::Test::RecordProperty("faults", std::to_string(tally.injected));
 }
 
 }  // namespace faults

@@ -31,7 +31,7 @@ const std::vector<Kind>& kinds() {
     static const std::vector<int> noDescriptor{EMFILE, ENFILE, ENOMEM};
     static const std::vector<int> noRights{EPERM, EAGAIN};
     static const std::vector<Kind> all{
-        {"accept4", {EMFILE, ECONNABORTED, ENFILE, EINTR, EAGAIN, ENOBUFS, ENOMEM, EPERM}},
+        {"accept4", {EMFILE, ECONNABORTED, ENFILE, EINTR, EAGAIN, ENOBUFS, ENOMEM, EPERM, ENETDOWN}},
         {"access", looking},
         {"bind", {EADDRINUSE, EADDRNOTAVAIL, EACCES, ENOMEM}},
         {"close", {EINTR, EIO}},
@@ -58,7 +58,7 @@ const std::vector<Kind>& kinds() {
         {"pidfd_open", {EMFILE, ENFILE, ENODEV, ENOMEM}},
         {"pipe2", {EMFILE, ENFILE}},
         {"poll", {EINTR, ENOMEM}},
-        {"read", {EIO, EINTR, shortened}},
+        {"read", {EIO, EINTR, shortened, EAGAIN}},
         {"recv", receiving},
         {"recvfrom", receiving},
         {"recvmsg", receiving},
@@ -88,6 +88,7 @@ struct State {
     std::atomic<std::uint32_t> counts[callCount];
     Fault fault;
     std::atomic<bool> struck;
+    std::atomic<bool> spared;
 };
 
 State* state = nullptr;  // null until the first begin()
@@ -121,6 +122,7 @@ void begin(const Fault& fault) {
     for (auto& count : state->counts) count = 0;
     state->fault = fault;
     state->struck = false;
+    state->spared = false;
     isCounting = true;
 }
 
@@ -133,6 +135,10 @@ Counts end() {
 
 bool hasStruck() {
     return state && state->struck;
+}
+
+bool hasSpared() {
+    return state && state->spared;
 }
 
 InProgram::InProgram() {
@@ -149,6 +155,11 @@ int verdict(Call call) {
     if (state->fault.call != call || state->fault.number != number) return 0;
     state->struck = true;
     return state->fault.outcome;
+}
+
+void spare() {
+    state->struck = false;
+    state->spared = true;
 }
 
 }  // namespace faults

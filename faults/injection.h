@@ -63,7 +63,8 @@ enum class Call : std::uint8_t {
 };
 inline constexpr std::size_t callCount = static_cast<std::size_t>(Call::writev) + 1;
 
-/// An outcome that is no error: the call moves one byte, where it works on a stream or a file.
+/// An outcome that is no error: the call moves one byte, where it works on a stream or a file and has more to move. Any
+/// other call is spared.
 inline constexpr int shortened = -1;
 
 /// The name of a call, and the errors that it may plausibly end with, or `shortened`.
@@ -89,6 +90,8 @@ void begin(const Fault& fault = {});
 Counts end();
 /// True when the fault of the last begin() came to pass.
 [[nodiscard]] bool hasStruck();
+/// True when its call came, but there was nothing to shorten.
+[[nodiscard]] bool hasSpared();
 
 /// While one exists, calls of this thread are those of the tested program. All others, the test's own, are neither counted nor failed.
 class InProgram {
@@ -101,5 +104,7 @@ public:
 
 /// For the calls' definitions. What this call is to end with: 0 when it is to take its course.
 [[nodiscard]] int verdict(Call call);
+/// Takes the last verdict back: there is nothing to shorten.
+void spare();
 
 }  // namespace faults

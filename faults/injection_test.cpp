@@ -7,6 +7,7 @@
 #include <libmnl/libmnl.h>
 #include <linux/netlink.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -89,7 +90,38 @@ TEST(Injection, ShortensWhatMovesOnStreamsButNoDatagram) {
             EXPECT_EQ(::send(near.get(), "abc", 3, MSG_NOSIGNAL), moved);
         }
         (void)end();
+        EXPECT_EQ(hasStruck(), type == SOCK_STREAM);
+        EXPECT_EQ(hasSpared(), type == SOCK_DGRAM);
     }
+}
+
+TEST(Injection, ShortensWhatIsWrittenInPartsAndSparesASingleByte) {
+    int ends[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    const tk::Fd near(ends[0]), far(ends[1]);
+    char text[] = "abc";
+    iovec parts[] = {{text, 2}, {text + 2, 1}};
+    msghdr message{};
+    message.msg_iov = parts;
+    message.msg_iovlen = 2;
+    for (const Call call : {Call::writev, Call::sendmsg}) {
+        begin({call, 1, shortened});
+        {
+            const InProgram here;
+            EXPECT_EQ(
+                call == Call::writev ? ::writev(near.get(), parts, 2) : ::sendmsg(near.get(), &message, 0),
+                1);
+        }
+        (void)end();
+        EXPECT_TRUE(hasStruck());
+    }
+    begin({Call::send, 1, shortened});
+    {
+        const InProgram here;
+        EXPECT_EQ(::send(near.get(), "a", 1, MSG_NOSIGNAL), 1);
+    }
+    (void)end();
+    EXPECT_TRUE(hasSpared());
 }
 
 TEST(Injection, ClosesWhatFailsToClose) {

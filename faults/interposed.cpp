@@ -19,7 +19,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <numeric>
 #include <string>
 
 #include "faults/injection.h"
@@ -44,31 +44,44 @@ bool fails(Call call) {
     return outcome > 0;
 }
 
+/// True when what a call moves over this descriptor can be cut: a socket's messages are passed whole or not at all, and
+/// what is no socket is a stream, too.
+bool isStream(int descriptor) {
+    static const auto realOption = next<decltype(::getsockopt)>("getsockopt");
+    int type = SOCK_STREAM;
+    socklen_t size = sizeof type;
+    const int former = errno;
+    (void)realOption(descriptor, SOL_SOCKET, SO_TYPE, &type, &size);
+    errno = former;
+    return type == SOCK_STREAM;
+}
+
 /// The same for what moves bytes: sets `length` to 1 when the call is to move less than it could.
 bool fails(Call call, int descriptor, std::size_t& length) {
     const int outcome = faults::verdict(call);
     if (outcome > 0) errno = outcome;
     if (outcome != shortened) return outcome > 0;
-    static const auto realOption = next<decltype(::getsockopt)>("getsockopt");
-    int type = SOCK_STREAM;  // what is no socket is a stream, too
-    socklen_t size = sizeof type;
-    const int former = errno;
-    (void)realOption(descriptor, SOL_SOCKET, SO_TYPE, &type, &size);
-    errno = former;
-    if (type == SOCK_STREAM) length = std::min<std::size_t>(length, 1);
+    if (length > 1 && isStream(descriptor))
+        length = 1;
+    else
+        faults::spare();
     return false;
 }
 
-/// A message of at most `length` bytes: the first part of it, cut.
+/// What these parts can take.
+std::size_t sizeOf(const iovec* parts, std::size_t count) {
+    return std::accumulate(parts, parts + count, std::size_t{0},
+                           [](std::size_t sum, const iovec& part) { return sum + part.iov_len; });
+}
+
+/// A message of which a call moves less than it could: the first byte alone.
 struct CutMessage {
     CutMessage(const msghdr& whole, std::size_t length) : header(whole) {
-        if (header.msg_iovlen == 0 || length == all) return;
-        part = header.msg_iov[0];
-        part.iov_len = std::min(part.iov_len, length);
+        if (length == sizeOf(whole.msg_iov, whole.msg_iovlen)) return;
+        part = {header.msg_iov[0].iov_base, length};
         header.msg_iov = &part;
         header.msg_iovlen = 1;
     }
-    static constexpr std::size_t all = SIZE_MAX;
     msghdr header;
     iovec part{};
 };
@@ -248,7 +261,9 @@ ssize_t recvfrom(int fd, void* bytes, std::size_t length, int flags, sockaddr* f
 
 ssize_t recvmsg(int fd, msghdr* message, int flags) {
     static const auto real = next<ssize_t(int, msghdr*, int)>("recvmsg");
-    return fails(Call::recvmsg) ? -1 : real(fd, message, flags);
+    // All that is read so are messages that the kernel passes whole.
+    std::size_t length = 1;
+    return fails(Call::recvmsg, fd, length) ? -1 : real(fd, message, flags);
 }
 
 int rename(const char* from, const char* to) noexcept {
@@ -268,7 +283,7 @@ ssize_t send(int fd, const void* bytes, std::size_t length, int flags) {
 
 ssize_t sendmsg(int fd, const msghdr* message, int flags) {
     static const auto real = next<ssize_t(int, const msghdr*, int)>("sendmsg");
-    std::size_t length = CutMessage::all;
+    std::size_t length = sizeOf(message->msg_iov, message->msg_iovlen);
     if (fails(Call::sendmsg, fd, length)) return -1;
     const CutMessage cut(*message, length);
     return real(fd, &cut.header, flags);
@@ -350,7 +365,11 @@ ssize_t write(int fd, const void* bytes, std::size_t length) {
 
 ssize_t writev(int fd, const iovec* parts, int count) {
     static const auto real = next<ssize_t(int, const iovec*, int)>("writev");
-    return fails(Call::writev) ? -1 : real(fd, parts, count);
+    static const auto realWrite = next<ssize_t(int, const void*, std::size_t)>("write");
+    const std::size_t all = sizeOf(parts, static_cast<std::size_t>(count));
+    std::size_t length = all;
+    if (fails(Call::writev, fd, length)) return -1;
+    return length == all ? real(fd, parts, count) : realWrite(fd, parts[0].iov_base, length);
 }
 
 }  // extern "C"
