@@ -272,6 +272,10 @@ std::ptrdiff_t Network::sendStream(Link& link, const char* bytes, std::size_t si
     return static_cast<std::ptrdiff_t>(length);
 }
 
+int Network::control() {
+    return fails(Call::control) ? -1 : 0;
+}
+
 int Network::close(int descriptor) {
     Socket* const socket = find(descriptor);
     if (!socket) return refuse(EBADF);

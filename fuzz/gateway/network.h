@@ -42,7 +42,18 @@ struct Link {
 };
 
 /// The calls that can be made to fail.
-enum class Call : std::uint8_t { socket, setsockopt, bind, listen, accept, connect, receive, send, count };
+enum class Call : std::uint8_t {
+    socket,
+    setsockopt,
+    bind,
+    listen,
+    accept,
+    connect,
+    receive,
+    send,
+    control,
+    count
+};
 
 class Network {
 public:
@@ -108,6 +119,8 @@ public:
     int connectTo(int descriptor, const sockaddr_in& target);
     std::ptrdiff_t receive(int descriptor, char* bytes, std::size_t size, sockaddr_in* from);
     std::ptrdiff_t send(int descriptor, const char* bytes, std::size_t size, const sockaddr_in* to);
+    /// Sets whether calls on a descriptor wait. None ever does here.
+    int control();
     int close(int descriptor);
     int makeSet();
     int changeSet(int set, int operation, int descriptor, const epoll_event* event);
