@@ -12,11 +12,11 @@ namespace firewall {
 
 /// Something that the router's table needs from the kernel, with a small table to try it. A value.
 struct Feature {
-    const char* name;          // for people, with the kernel version that introduced it
-    std::uint32_t tableFlags;  // of the table
-    const char* chainType;     // of its one chain
-    std::uint32_t hook;
-    void (*fill)(RuleBuilder& rule);  // of the chain's one rule
+    const char* name = nullptr;       // for people, with the kernel version that introduced it
+    std::uint32_t tableFlags = 0;     // of the table
+    const char* chainType = nullptr;  // of its one chain
+    std::uint32_t hook = 0;
+    void (*fill)(RuleBuilder& rule) = nullptr;  // of the chain's one rule
     std::uint8_t family = nft::ip4;
 };
 

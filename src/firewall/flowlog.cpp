@@ -67,8 +67,8 @@ nlmsghdr* putRemoval(char* buffer, const FlowTuple& flow) {
 }  // namespace
 
 std::optional<FlowTuple> parseFlow(std::span<const char> packet) {
-    iphdr header;
-    std::array<std::uint16_t, 2> ports;
+    iphdr header{};
+    std::array<std::uint16_t, 2> ports{};
     if (packet.size() < sizeof header) return std::nullopt;
     ::memcpy(&header, packet.data(), sizeof header);
     const std::size_t length = std::size_t{header.ihl} * wordBytes;
