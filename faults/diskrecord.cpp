@@ -53,7 +53,7 @@ void addOpened(int fd, const char* path, int flags) {
 extern "C" {
 
 // The names that the linker gives them.
-// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming)
+// NOLINTBEGIN(readability-identifier-naming)
 int __real_open(const char* path, int flags, ...);
 ssize_t __real_write(int fd, const void* bytes, size_t count);
 int __real_fsync(int fd);
@@ -112,7 +112,7 @@ int __wrap_mkdir(const char* path, mode_t mode) {
     if (made == 0) addNames(Change::Kind::makeFolder, path);
     return made;
 }
-// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
+// NOLINTEND(readability-identifier-naming)
 
 }  // extern "C"
 

@@ -79,7 +79,7 @@ private:
 }  // namespace
 
 /// Most of the time would go into the stacks of all that is allocated.
-extern "C" const char* __asan_default_options() {  // NOLINT(bugprone-reserved-identifier)
+extern "C" const char* __asan_default_options() {
     return "malloc_context_size=5:quarantine_size_mb=64";
 }
 

@@ -43,7 +43,7 @@ void lead(Network* network) {
 
 }  // namespace fuzz
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the linker makes these names.
+// The linker makes these names.
 extern "C" {
 
 int __real_socket(int domain, int type, int protocol);
@@ -161,4 +161,3 @@ void __wrap_uuid_generate(uuid_t out) {
 }
 
 }  // extern "C"
-// NOLINTEND(bugprone-reserved-identifier)
