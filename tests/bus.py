@@ -3,13 +3,15 @@
 A message is a list of fields, each a triple of id, type and value; values of message[] are lists of such lists. What
 a client receives comes as a dict of values by their ids, in which the order and the types are left out.
 """
+import contextlib
 import os
 import queue
 import socket
 import struct
 import threading
+import time
 
-from labs import PATIENCE
+from labs import PATIENCE, meanwhile
 
 DESTINATION, SENDER, NUMBER, KIND, COMMAND = 0xFF0001, 0xFF0002, 0xFF0003, 0xFF0005, 0xFF0007
 CODE, TEXT = 0xFF0008, 0xFF0009
@@ -216,6 +218,20 @@ class Client:
 
     def count_rules(self):
         return self.call([20, 5], GET_COUNT)[COUNT]
+
+
+@contextlib.contextmanager
+def asking(lab, pause=0.0):
+    """Asks one question after another until the block ends, and gives the seconds that each answer takes."""
+    times = []
+
+    def ask():
+        began = time.monotonic()
+        client.count_rules()
+        times.append(time.monotonic() - began)
+        time.sleep(pause)
+    with Client(lab) as client, meanwhile(ask):
+        yield times
 
 
 class ScriptedRouter:

@@ -148,8 +148,12 @@ class Host:
     def __init__(self, lab, name, address):
         self.lab, self.name, self.address = lab, name, address
 
+    def inside(self):
+        """Puts this thread onto the host until the block ends; sockets that are made there stay there."""
+        return namespace(f"/run/netns/gw-{self.lab.name}-{self.name}")
+
     def socket(self, kind=socket.SOCK_STREAM, seconds=PATIENCE):
-        with namespace(f"/run/netns/gw-{self.lab.name}-{self.name}"):
+        with self.inside():
             made = socket.socket(socket.AF_INET, kind)
         made.settimeout(seconds)
         return made

@@ -351,7 +351,7 @@ def test_a_flood_of_connects_is_refused_by_the_kernel_and_keeps_nobody_waiting(l
     lab = limited
 
     def attack():
-        with contextlib.ExitStack() as stack, labs.namespace(f"/run/netns/gw-{lab.name}-lan1"):
+        with contextlib.ExitStack() as stack, lab.lan1.inside():
             kept = []
             deadline = time.monotonic() + 3
             while time.monotonic() < deadline:

@@ -1,21 +1,18 @@
 """What a host in the LAN can do with datagrams to the searches' port, and what it costs another one."""
-import contextlib
 import socket
-import struct
 import time
 
 import pytest
 
-import labs
 from attacks.watching import watched
 from control_point import GROUP, Searcher, search, search_answer
 from labs import LAN1, LAN2, ROUTER_LAN, ROUTER_WAN, WAN
+from wires import Ears, Forger
 
 ROOT = "upnp:rootdevice"
 ALL = search("ssdp:all").encode()
 WHOLE = 65507  # the longest datagram
 READ = 4096    # what the daemon reads of one
-EVERY_PROTOCOL = 3
 SECONDS = 1.5  # of a flood
 ANSWER = b"HTTP/1.1 200 OK\r\n"
 
@@ -108,27 +105,10 @@ def test_a_flood_keeps_nobody_waiting(lab, bystander, other_searcher, pairs, dat
     assert set(lab.upnpd.since(mark)) == ({NO_BYTES} if not datagram else set())
 
 
-class Ears:
-    """Hears whatever passes a host's interface, for whomever it is."""
-
-    def __init__(self, host):
-        with labs.namespace(f"/run/netns/gw-{host.lab.name}-{host.name}"):
-            self.socket = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(EVERY_PROTOCOL))
-            self.socket.bind(("eth0", EVERY_PROTOCOL))
-        self.socket.setblocking(False)
-
-    def answers(self):
-        """The destinations of the answers to searches that have passed since the last call."""
-        heard = []
-        with contextlib.suppress(BlockingIOError):
-            while True:
-                frame = self.socket.recv(65536)
-                if ANSWER in frame and frame[23] == socket.IPPROTO_UDP:  # else an error that quotes it
-                    heard.append(socket.inet_ntoa(frame[30:34]))
-        return heard
-
-    def close(self):
-        self.socket.close()
+def answered(ears):
+    """Whom the answers to searches were for that have passed since the last call."""
+    return [socket.inet_ntoa(packet[16:20]) for packet in ears.heard()
+            if packet[9] == socket.IPPROTO_UDP and ANSWER in packet]  # an error may quote one
 
 
 @pytest.fixture
@@ -138,26 +118,6 @@ def ears(lab):
     yield made
     for each in made.values():
         each.close()
-
-
-class Forger:
-    """Sends datagrams from a host with a source of its choice."""
-
-    def __init__(self, host):
-        with labs.namespace(f"/run/netns/gw-{host.lab.name}-{host.name}"):
-            self.socket = socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_RAW)
-        self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)
-        self.socket.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton(host.address))
-
-    def send(self, source, port, datagram, destination=GROUP[0]):
-        length = 8 + len(datagram)
-        udp = struct.pack("!HHHH", port, GROUP[1], length, 0)  # without a checksum
-        ip = struct.pack("!BBHHHBBH4s4s", 0x45, 0, 20 + length, 0, 0, 4, socket.IPPROTO_UDP, 0,
-                         socket.inet_aton(source), socket.inet_aton(destination))
-        self.socket.sendto(ip + udp + datagram, (destination, 0))
-
-    def close(self):
-        self.socket.close()
 
 
 @pytest.fixture
@@ -170,11 +130,11 @@ def forger(lab):
 def test_answers_reach_only_the_asker(lab, searcher, pairs, ears):
     answers_to(searcher, pairs)  # so that the bridge knows where the asker is
     for each in ears.values():
-        each.answers()
+        each.heard()
     searcher.send(ALL)
     assert [text for text, _ in searcher.receive(len(pairs))] == [search_answer(*pair) for pair in pairs]
-    assert ears["lan1"].answers() == [LAN1] * len(pairs)
-    assert [ears[name].answers() for name in ("lan2", "wan", "wan2")] == [[], [], []]
+    assert answered(ears["lan1"]) == [LAN1] * len(pairs)
+    assert [answered(ears[name]) for name in ("lan2", "wan", "wan2")] == [[], [], []]
 
 
 FORGED = [  # source, port, where the answers go
@@ -195,25 +155,21 @@ FORGED = [  # source, port, where the answers go
 
 @pytest.mark.parametrize("source, port, target", FORGED)
 def test_a_forged_search_is_answered_only_into_the_lan(lab, searcher, pairs, ears, forger, source, port, target):
-    for each in ears.values():
-        each.answers()
     for destination in (GROUP[0], ROUTER_LAN):
         for _ in range(5):
             forger.send(source, port, ALL, destination)
     answers_to(searcher, pairs)  # what came before it has been handled
     expected = [target] * (10 * len(pairs)) if target else []
-    assert [to for to in ears["lan2"].answers() if to != LAN1] == expected
-    assert [to for to in ears["lan1"].answers() if to != LAN1] == []
-    assert (ears["wan"].answers(), ears["wan2"].answers()) == ([], [])
+    assert [to for to in answered(ears["lan2"]) if to != LAN1] == expected
+    assert [to for to in answered(ears["lan1"]) if to != LAN1] == []
+    assert (answered(ears["wan"]), answered(ears["wan2"])) == ([], [])
 
 
 def test_a_search_from_port_0_cannot_be_answered(lab, searcher, pairs, ears, forger):
-    for each in ears.values():
-        each.answers()
     mark = lab.upnpd.mark()
     forger.send(LAN2, 0, ALL)
     answers_to(searcher, pairs)
-    assert ears["lan2"].answers() == []
+    assert answered(ears["lan2"]) == []
     assert lab.upnpd.since(mark) == ["search sendto failed"] * len(pairs)
 
 
@@ -242,10 +198,8 @@ def outside(lab):
 
 @pytest.mark.parametrize("source", [WAN, "8.8.8.8", LAN2, ROUTER_LAN])
 def test_a_search_from_outside_to_any_address_is_not_answered(lab, searcher, pairs, ears, outside, source):
-    for each in ears.values():
-        each.answers()
     for address in (ROUTER_WAN, ROUTER_LAN, GROUP[0]):
         outside.send(source, 1900, ALL, address)
     answers_to(searcher, pairs)
-    assert [to for to in ears["lan1"].answers() if to != LAN1] == []
-    assert [ears[name].answers() for name in ("lan2", "wan", "wan2")] == [[], [], []]
+    assert [to for to in answered(ears["lan1"]) if to != LAN1] == []
+    assert [answered(ears[name]) for name in ("lan2", "wan", "wan2")] == [[], [], []]

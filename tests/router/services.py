@@ -66,7 +66,7 @@ class Manager(contextlib.ExitStack):
     def __init__(self, lab, abstract=True):
         super().__init__()
         self.name = "@manager" if abstract else "/run/manager"
-        with labs.namespace(f"/run/netns/gw-{lab.name}-router"):  # a name that is no file exists only there
+        with lab.router.inside():  # a name that is no file exists only there
             self.socket = self.enter_context(socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM))
         path = f"{lab.root}{self.name}"
         self.socket.bind("\0manager" if abstract else path)

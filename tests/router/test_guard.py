@@ -13,12 +13,12 @@ import time
 import pytest
 
 import bus
-import labs
 from control_point import GROUP as SEARCH_GROUP
 from control_point import call, mapping, result, search
 from labs import LAN1, ROUTER_LAN, ROUTER_WAN, WAN, WAN2, eventually
 from routerusers import DAEMON, DAEMON_AS_ITSELF, GROUP, IDS, OTHER, configure, connection_path
 from subscribers import Subscriber, sid_of, subscribe
+from wires import Forger
 
 EXPLICIT = """
 [lan]
@@ -190,7 +190,7 @@ def test_the_daemon_sends_nothing_by_ipv6(router):
     start(router)
     made = []
     for host, address in ((router.router, "::"), (router.lan1, "fd00:1::2"), (router.wan, "fd00:2::2")):
-        with labs.namespace(f"/run/netns/gw-{router.name}-{host.name}"):
+        with host.inside():
             made.append(socket.create_server((address, 8006), family=socket.AF_INET6))
     for address in ("::1", "fd00:1::1", "fd00:1::2", "fd00:2::1", "fd00:2::2"):
         for protocol in ("tcp6", "udp6"):
@@ -304,22 +304,9 @@ def test_an_interface_that_is_outside_becomes_internal_only_with_force(router):
     assert router.query("upnp", "interface", "list")[0]["type"] == "internal"
 
 
-@contextlib.contextmanager
-def asking(lab):
-    """Asks the bus one question after another until the block ends, and gives the times that the answers take."""
-    times = []
-
-    def ask():
-        start = time.monotonic()
-        client.count_rules()
-        times.append(time.monotonic() - start)
-    with bus.Client(lab) as client, labs.meanwhile(ask):
-        yield times
-
-
 def reading_all_routes(lab):
     """How long it takes just to receive all routes from the kernel."""
-    with labs.namespace(f"/run/netns/gw-{lab.name}-router"):
+    with lab.router.inside():
         netlink = socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, 0)
     with netlink:
         start = time.monotonic()
@@ -346,7 +333,7 @@ def test_reading_a_large_table_of_routes_keeps_nobody_waiting(bare_lab):
         subprocess.run([*ip, "link", "add", link, "type", "veth", "peer", "name", f"p{number}"], check=True)
         subprocess.run([*ip, "link", "set", link, "up"], check=True)
         eventually(lambda: link in bare_lab.tkctl("interface", "list").stdout, "the interface is there")
-        with asking(bare_lab) as times:
+        with bus.asking(bare_lab) as times:
             # The router learns whether it is the best of its metric only by reading all routes.
             subprocess.run([*ip, "route", "add", f"9.9.8.{number}", "dev", link, "metric", "5"], check=True)
             eventually(lambda: side(bare_lab, link)[0] == 2, "they have been read")
@@ -458,14 +445,9 @@ def test_a_search_with_a_forged_source_from_outside_is_not_taken(router):
     serve(router)
     connection_path(router)
     mark = router.routerd.mark()
-    with labs.namespace(f"/run/netns/gw-{router.name}-lan1"):
-        forger = socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_RAW)
-    datagram = struct.pack("!HHHH", 1900, 1900, 8 + len(SEARCH), 0) + SEARCH
-    with forger:
+    with contextlib.closing(Forger(router.lan1)) as forger:
         for last in range(1, 101):
-            header = struct.pack("!BBHHHBBH4s4s", 0x45, 0, 20 + len(datagram), 0, 0, 4, socket.IPPROTO_UDP, 0,
-                                 socket.inet_aton(f"8.8.8.{last}"), socket.inet_aton(SEARCH_GROUP[0]))
-            forger.sendto(header + datagram, SEARCH_GROUP)
+            forger.send(f"8.8.8.{last}", 1900, SEARCH)
     with router.lan2.datagrams() as other:
         other.sendto(SEARCH, SEARCH_GROUP)
         other.recv(4096)  # what came before it has been handled

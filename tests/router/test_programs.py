@@ -45,7 +45,7 @@ def refusal(client, *words, **changed):
 @contextlib.contextmanager
 def service(lab, protocol=bus.TCP, port=22, address="", family=socket.AF_INET, interface=None, peer=None):
     """A program of the router that listens."""
-    with labs.namespace(f"/run/netns/gw-{lab.name}-router"):
+    with lab.router.inside():
         made = socket.socket(family, socket.SOCK_STREAM if protocol == bus.TCP else socket.SOCK_DGRAM)
     with made:
         if interface:
