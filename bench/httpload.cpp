@@ -86,7 +86,7 @@ void HTTPLoad::watch(const Connection& connection) const {
 }
 
 void HTTPLoad::serveUntilNoneIsOpen() {
-    std::array<epoll_event, 64> events;
+    std::array<epoll_event, 64> events{};
     for (std::int64_t heard = now(); openCount > 0;) {
         const int count = ::epoll_wait(epoll.get(), events.data(), int{events.size()}, lookMilliseconds);
         for (int i = 0; i < count; ++i) {

@@ -82,7 +82,7 @@ struct CutMessage {
         header.msg_iov = &part;
         header.msg_iovlen = 1;
     }
-    msghdr header;
+    msghdr header{};
     iovec part{};
 };
 

@@ -24,7 +24,6 @@ constexpr std::size_t groupLimit = 65536;  // the kernel's own limit of groups p
 
 [[nodiscard]] bool makeAddress(const std::string& path, sockaddr_un& address) {
     if (path.size() >= sizeof address.sun_path) return false;
-    address = {};
     address.sun_family = AF_UNIX;
     std::copy(path.begin(), path.end(), address.sun_path);
     return true;
@@ -75,7 +74,7 @@ void Listener::close() {
 }
 
 tk::Status Listener::checkFree(const std::string& path) {
-    sockaddr_un address;
+    sockaddr_un address{};
     if (!makeAddress(path, address)) return {};
     const tk::Fd probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     const bool isServed = probe.isOpen() && ::connect(probe.get(), generic(address), sizeof address) == 0;
@@ -94,7 +93,7 @@ tk::Status Listener::open(const std::string& path) {
 }
 
 tk::Status Listener::bindTo(const std::string& path) {
-    sockaddr_un address;
+    sockaddr_un address{};
     if (!makeAddress(path, address)) return tk::Status::failure(path + ": too long for a socket");
     makeFolderOf(path);
     if (tk::Status isFree = checkFree(path); !isFree.isOk()) return isFree;
@@ -108,7 +107,7 @@ tk::Status Listener::bindTo(const std::string& path) {
 
 /// Puts the socket in its place, where it replaces one that nobody serves.
 tk::Status Listener::makeFile(const std::string& path, const sockaddr_un& address) {
-    struct stat old;
+    struct stat old {};
     if (::lstat(path.c_str(), &old) == 0 && S_ISSOCK(old.st_mode)) ::unlink(path.c_str());
     // mode 0660 from the start: never open for more, not even for a moment
     const mode_t mask = ::umask(0117);

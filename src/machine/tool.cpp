@@ -91,8 +91,8 @@ public:
     }
 
 private:
-    posix_spawn_file_actions_t actions;
-    posix_spawnattr_t attributes;
+    posix_spawn_file_actions_t actions{};
+    posix_spawnattr_t attributes{};
 };
 
 /// A running tool: killed and reaped at the latest when this is destroyed.

@@ -72,7 +72,7 @@ tk::Status SocketListeners::findsOwn(std::uint8_t protocol) {
 }
 
 tk::Result<bool> SocketListeners::isTaken(const NatKey& key, std::uint32_t interface) {
-    std::array<char, 256> buffer;
+    std::array<char, 256> buffer{};
     nlmsghdr* message = mnl_nlmsg_put_header(buffer.data());
     message->nlmsg_type = SOCK_DIAG_BY_FAMILY;
     auto* wanted =

@@ -39,7 +39,7 @@ public:
 private:
     struct Entry {
         Answer answer;
-        std::uint64_t end;  // in milliseconds
+        std::uint64_t end = 0;  // in milliseconds
     };
 
     std::unordered_map<std::string, Entry> entries;

@@ -35,7 +35,7 @@ public:
 private:
     struct Record {
         contract::UndoRecord change;
-        std::size_t bytes;  // of its flat form
+        std::size_t bytes = 0;  // of its flat form
     };
     using Records = std::map<std::uint32_t, Record>;  // by id
 

@@ -53,7 +53,7 @@ tk::Status Router::watchHangups() {
 }
 
 void Router::hungUp(int fd, std::uint32_t) {
-    signalfd_siginfo info;
+    signalfd_siginfo info{};
     if (::read(fd, &info, sizeof info) != sizeof info) return;
     (void)reload("SIGHUP");  // which logs the outcome; nobody waits for it
 }

@@ -84,7 +84,7 @@ void Looper::watchSignals() {
 }
 
 void Looper::signalled(int fd, std::uint32_t) {
-    signalfd_siginfo info;
+    signalfd_siginfo info{};
     if (::read(fd, &info, sizeof info) != sizeof info) return;
     // The first signal ends the loop in order. The next one finds the default action, and ends the process.
     signalWatch.stop();
