@@ -28,8 +28,10 @@ void Fd::reset(int other) {
 }
 
 void reserveStandardDescriptors() {
-    int descriptor = ::open("/dev/null", O_RDWR);
-    while (descriptor >= 0 && descriptor <= STDERR_FILENO) descriptor = ::dup(descriptor);
+    // The programs that this one starts inherit these three.
+    int descriptor = ::open("/dev/null", O_RDWR);  // NOLINT(android-cloexec-*)
+    while (descriptor >= 0 && descriptor <= STDERR_FILENO)
+        descriptor = ::dup(descriptor);  // NOLINT(android-cloexec-*)
     if (descriptor >= 0) ::close(descriptor);
 }
 
