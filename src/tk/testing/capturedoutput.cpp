@@ -1,5 +1,6 @@
 #include "tk/testing/capturedoutput.h"
 
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/mman.h>
@@ -10,7 +11,7 @@
 namespace tk::testing {
 
 CapturedOutput::CapturedOutput()
-    : file(::memfd_create("output", MFD_CLOEXEC)), original(::dup(STDOUT_FILENO)) {
+    : file(::memfd_create("output", MFD_CLOEXEC)), original(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0)) {
     ::fflush(stdout);
     if (!file.isOpen() || !original.isOpen() || ::dup2(file.get(), STDOUT_FILENO) < 0) ::abort();
 }
