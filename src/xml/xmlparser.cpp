@@ -15,7 +15,7 @@ namespace {
 /// it was stopped; those must not reach the tree.
 struct Feed {
     XMLParser& tree;
-    XML_Parser tokeniser;
+    XML_Parser tokeniser = nullptr;
     bool stopped = false;
 
     void check(bool withinLimits) {
