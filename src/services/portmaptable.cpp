@@ -2,6 +2,7 @@
 
 #include <cassert>
 #include <iterator>
+#include <utility>
 
 namespace gateway {
 
@@ -10,8 +11,8 @@ PortMap* PortMapTable::find(const Id& id) {
     return entry == maps.end() ? nullptr : &entry->second;
 }
 
-void PortMapTable::add(const Id& id, const PortMap& map) {
-    const bool isNew = maps.try_emplace(id, map).second;
+void PortMapTable::add(const Id& id, PortMap&& map) {
+    const bool isNew = maps.try_emplace(id, std::move(map)).second;
     assert(isNew);
     if (isNew) ++counts[id.port / portsOfGroup];
 }

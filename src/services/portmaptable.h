@@ -19,7 +19,7 @@ public:
     /// Lifetime: until it is erased.
     PortMap* find(const Id& id);
     /// Adds a mapping. There must be none with its key.
-    void add(const Id& id, const PortMap& map);
+    void add(const Id& id, PortMap&& map);
     /// Erases a mapping that is there.
     void erase(const Id& id);
     void clear();
