@@ -15,7 +15,6 @@ namespace faults {
 namespace {
 
 using tk::testing::Calls;
-using tk::testing::Owner;
 using tk::testing::Pair;
 
 using LoopFaults = tk::testing::RunnerTest;
