@@ -13,6 +13,7 @@
 
 #include "tk/account.h"
 #include "tk/names.h"
+#include "tk/runner.h"
 
 namespace hub {
 
