@@ -9,6 +9,7 @@
 
 #include <memory>
 
+#include "firewall/memory.h"
 #include "firewall/rules.h"
 #include "firewall/sets.h"
 
@@ -25,18 +26,18 @@ using TableObject = std::unique_ptr<nftnl_table, decltype(&nftnl_table_free)>;
 using ChainObject = std::unique_ptr<nftnl_chain, decltype(&nftnl_chain_free)>;
 
 TableObject makeTable(std::uint32_t flags, std::uint8_t family) {
-    TableObject table(nftnl_table_alloc(), &nftnl_table_free);
+    TableObject table(made(nftnl_table_alloc()), &nftnl_table_free);
     nftnl_table_set_u32(table.get(), NFTNL_TABLE_FAMILY, family);
-    nftnl_table_set_str(table.get(), NFTNL_TABLE_NAME, nft::table);
+    done(nftnl_table_set_str(table.get(), NFTNL_TABLE_NAME, nft::table));
     nftnl_table_set_u32(table.get(), NFTNL_TABLE_FLAGS, flags);
     return table;
 }
 
 ChainObject makeChain(const char* name, std::uint8_t family = nft::ip4) {
-    ChainObject chain(nftnl_chain_alloc(), &nftnl_chain_free);
+    ChainObject chain(made(nftnl_chain_alloc()), &nftnl_chain_free);
     nftnl_chain_set_u32(chain.get(), NFTNL_CHAIN_FAMILY, family);
-    nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TABLE, nft::table);
-    nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_NAME, name);
+    done(nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TABLE, nft::table));
+    done(nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_NAME, name));
     return chain;
 }
 
@@ -47,10 +48,11 @@ void addChain(Batch& batch, const ChainObject& chain, std::uint8_t family = nft:
 }
 
 void flushChain(Batch& batch, const char* name) {
-    const std::unique_ptr<nftnl_rule, decltype(&nftnl_rule_free)> all(nftnl_rule_alloc(), &nftnl_rule_free);
+    const std::unique_ptr<nftnl_rule, decltype(&nftnl_rule_free)> all(made(nftnl_rule_alloc()),
+                                                                      &nftnl_rule_free);
     nftnl_rule_set_u32(all.get(), NFTNL_RULE_FAMILY, nft::ip4);
-    nftnl_rule_set_str(all.get(), NFTNL_RULE_TABLE, nft::table);
-    nftnl_rule_set_str(all.get(), NFTNL_RULE_CHAIN, name);
+    done(nftnl_rule_set_str(all.get(), NFTNL_RULE_TABLE, nft::table));
+    done(nftnl_rule_set_str(all.get(), NFTNL_RULE_CHAIN, name));
     batch.add(NFT_MSG_DELRULE, 0,
               [&all](nlmsghdr& message) { nftnl_rule_nlmsg_build_payload(&message, all.get()); });
 }
@@ -124,7 +126,7 @@ void addTable(Batch& batch, std::uint32_t flags, std::uint8_t family) {
 void addChain(Batch& batch, const char* name, const char* type, std::uint32_t hook, std::int32_t priority,
               std::uint8_t family) {
     const ChainObject chain = makeChain(name, family);
-    nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TYPE, type);
+    done(nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TYPE, type));
     nftnl_chain_set_u32(chain.get(), NFTNL_CHAIN_HOOKNUM, hook);
     nftnl_chain_set_s32(chain.get(), NFTNL_CHAIN_PRIO, priority);
     addChain(batch, chain, family);

@@ -14,6 +14,7 @@
 
 #include <array>
 
+#include "firewall/memory.h"
 #include "firewall/rules.h"
 
 namespace firewall {
@@ -42,14 +43,15 @@ void RuleBuilder::Free::operator()(nftnl_rule* rule) const {
     nftnl_rule_free(rule);
 }
 
-RuleBuilder::RuleBuilder(const char* chain, std::uint8_t family) : family(family), rule(nftnl_rule_alloc()) {
+RuleBuilder::RuleBuilder(const char* chain, std::uint8_t family)
+    : family(family), rule(made(nftnl_rule_alloc())) {
     nftnl_rule_set_u32(rule.get(), NFTNL_RULE_FAMILY, family);
-    nftnl_rule_set_str(rule.get(), NFTNL_RULE_TABLE, nft::table);
-    nftnl_rule_set_str(rule.get(), NFTNL_RULE_CHAIN, chain);
+    done(nftnl_rule_set_str(rule.get(), NFTNL_RULE_TABLE, nft::table));
+    done(nftnl_rule_set_str(rule.get(), NFTNL_RULE_CHAIN, chain));
 }
 
 nftnl_expr* RuleBuilder::add(const char* name) {
-    nftnl_expr* expression = nftnl_expr_alloc(name);
+    nftnl_expr* expression = made(nftnl_expr_alloc(name));
     nftnl_rule_add_expr(rule.get(), expression);
     return expression;
 }
@@ -101,7 +103,7 @@ void RuleBuilder::compare(std::uint32_t operation, const void* bytes, std::uint3
     nftnl_expr* compare = add("cmp");
     nftnl_expr_set_u32(compare, NFTNL_EXPR_CMP_SREG, firstPart);
     nftnl_expr_set_u32(compare, NFTNL_EXPR_CMP_OP, operation);
-    nftnl_expr_set(compare, NFTNL_EXPR_CMP_DATA, bytes, size);
+    done(nftnl_expr_set(compare, NFTNL_EXPR_CMP_DATA, bytes, size));
 }
 
 void RuleBuilder::equals(const void* bytes, std::uint32_t size) {
@@ -126,8 +128,8 @@ void RuleBuilder::compareLabel(std::uint32_t operation, std::uint32_t label) {
     nftnl_expr_set_u32(bits, NFTNL_EXPR_BITWISE_SREG, firstPart);
     nftnl_expr_set_u32(bits, NFTNL_EXPR_BITWISE_DREG, firstPart);
     nftnl_expr_set_u32(bits, NFTNL_EXPR_BITWISE_LEN, sizeof wanted);
-    nftnl_expr_set(bits, NFTNL_EXPR_BITWISE_MASK, wanted.data(), sizeof wanted);
-    nftnl_expr_set(bits, NFTNL_EXPR_BITWISE_XOR, none.data(), sizeof none);
+    done(nftnl_expr_set(bits, NFTNL_EXPR_BITWISE_MASK, wanted.data(), sizeof wanted));
+    done(nftnl_expr_set(bits, NFTNL_EXPR_BITWISE_XOR, none.data(), sizeof none));
     compare(operation, none.data(), sizeof none);
 }
 
@@ -145,8 +147,8 @@ void RuleBuilder::masked(std::uint32_t mask, std::uint32_t size) {
     nftnl_expr_set_u32(bits, NFTNL_EXPR_BITWISE_SREG, firstPart);
     nftnl_expr_set_u32(bits, NFTNL_EXPR_BITWISE_DREG, firstPart);
     nftnl_expr_set_u32(bits, NFTNL_EXPR_BITWISE_LEN, size);
-    nftnl_expr_set(bits, NFTNL_EXPR_BITWISE_MASK, &mask, size);
-    nftnl_expr_set(bits, NFTNL_EXPR_BITWISE_XOR, &none, size);
+    done(nftnl_expr_set(bits, NFTNL_EXPR_BITWISE_MASK, &mask, size));
+    done(nftnl_expr_set(bits, NFTNL_EXPR_BITWISE_XOR, &none, size));
 }
 
 void RuleBuilder::compareTranslation(std::uint32_t operation) {
@@ -183,13 +185,13 @@ void RuleBuilder::isTo(std::uint8_t protocol, std::uint16_t port) {
 
 void RuleBuilder::lookUp(const char* set) {
     nftnl_expr* lookup = add("lookup");
-    nftnl_expr_set_str(lookup, NFTNL_EXPR_LOOKUP_SET, set);
+    done(nftnl_expr_set_str(lookup, NFTNL_EXPR_LOOKUP_SET, set));
     nftnl_expr_set_u32(lookup, NFTNL_EXPR_LOOKUP_SREG, firstPart);
 }
 
 void RuleBuilder::isNotIn(const char* set) {
     nftnl_expr* lookup = add("lookup");
-    nftnl_expr_set_str(lookup, NFTNL_EXPR_LOOKUP_SET, set);
+    done(nftnl_expr_set_str(lookup, NFTNL_EXPR_LOOKUP_SET, set));
     nftnl_expr_set_u32(lookup, NFTNL_EXPR_LOOKUP_SREG, firstPart);
     nftnl_expr_set_u32(lookup, NFTNL_EXPR_LOOKUP_FLAGS, NFT_LOOKUP_F_INV);
 }
@@ -200,11 +202,12 @@ void RuleBuilder::addToSet(const char* set, std::uint32_t setNumber, std::uint64
     nftnl_expr* change = add("dynset");
     nftnl_expr_set_u32(change, NFTNL_EXPR_DYNSET_OP,
                        timeoutMilliseconds != 0 ? NFT_DYNSET_OP_UPDATE : NFT_DYNSET_OP_ADD);
-    nftnl_expr_set_str(change, NFTNL_EXPR_DYNSET_SET_NAME, set);
+    done(nftnl_expr_set_str(change, NFTNL_EXPR_DYNSET_SET_NAME, set));
     nftnl_expr_set_u32(change, NFTNL_EXPR_DYNSET_SET_ID, setNumber);
     nftnl_expr_set_u32(change, NFTNL_EXPR_DYNSET_SREG_KEY, firstPart);
     if (timeoutMilliseconds != 0) nftnl_expr_set_u64(change, NFTNL_EXPR_DYNSET_TIMEOUT, timeoutMilliseconds);
-    nftnl_expr_set(change, NFTNL_EXPR_DYNSET_EXPR, condition, 0);  // belongs to the expression from now on
+    done(nftnl_expr_set(change, NFTNL_EXPR_DYNSET_EXPR, condition,
+                        0));  // belongs to the expression from now on
 }
 
 void RuleBuilder::count() {
@@ -220,7 +223,7 @@ void RuleBuilder::limit(std::uint32_t rate) {
 }
 
 void RuleBuilder::exceedsRate(const char* set, std::uint32_t setNumber, std::uint32_t rate) {
-    nftnl_expr* limit = nftnl_expr_alloc("limit");
+    nftnl_expr* limit = made(nftnl_expr_alloc("limit"));
     nftnl_expr_set_u64(limit, NFTNL_EXPR_LIMIT_RATE, rate);
     nftnl_expr_set_u64(limit, NFTNL_EXPR_LIMIT_UNIT, 1);  // second
     nftnl_expr_set_u32(limit, NFTNL_EXPR_LIMIT_BURST, rate);
@@ -230,7 +233,7 @@ void RuleBuilder::exceedsRate(const char* set, std::uint32_t setNumber, std::uin
 }
 
 void RuleBuilder::exceedsConnections(const char* set, std::uint32_t setNumber, std::uint32_t limit) {
-    nftnl_expr* count = nftnl_expr_alloc("connlimit");
+    nftnl_expr* count = made(nftnl_expr_alloc("connlimit"));
     nftnl_expr_set_u32(count, NFTNL_EXPR_CONNLIMIT_COUNT, limit);
     nftnl_expr_set_u32(count, NFTNL_EXPR_CONNLIMIT_FLAGS, overLimit);
     addToSet(set, setNumber, 0, count);
@@ -238,7 +241,7 @@ void RuleBuilder::exceedsConnections(const char* set, std::uint32_t setNumber, s
 
 void RuleBuilder::translate(const char* map) {
     nftnl_expr* lookup = add("lookup");
-    nftnl_expr_set_str(lookup, NFTNL_EXPR_LOOKUP_SET, map);
+    done(nftnl_expr_set_str(lookup, NFTNL_EXPR_LOOKUP_SET, map));
     nftnl_expr_set_u32(lookup, NFTNL_EXPR_LOOKUP_SREG, firstPart);
     nftnl_expr_set_u32(lookup, NFTNL_EXPR_LOOKUP_DREG, firstPart);
 }
@@ -255,7 +258,7 @@ void RuleBuilder::setLabel(std::uint32_t label) {
     const Labels wanted = onlyLabel(label);
     nftnl_expr* load = add("immediate");
     nftnl_expr_set_u32(load, NFTNL_EXPR_IMM_DREG, NFT_REG_2);  // after the four parts in register 1
-    nftnl_expr_set(load, NFTNL_EXPR_IMM_DATA, wanted.data(), sizeof wanted);
+    done(nftnl_expr_set(load, NFTNL_EXPR_IMM_DATA, wanted.data(), sizeof wanted));
     nftnl_expr* set = add("ct");
     nftnl_expr_set_u32(set, NFTNL_EXPR_CT_KEY, NFT_CT_LABELS);
     nftnl_expr_set_u32(set, NFTNL_EXPR_CT_SREG, NFT_REG_2);
@@ -301,7 +304,7 @@ void RuleBuilder::accept() {
 }
 
 void RuleBuilder::jumpTo(const char* chain) {
-    nftnl_expr_set_str(decide(static_cast<std::uint32_t>(NFT_JUMP)), NFTNL_EXPR_IMM_CHAIN, chain);
+    done(nftnl_expr_set_str(decide(static_cast<std::uint32_t>(NFT_JUMP)), NFTNL_EXPR_IMM_CHAIN, chain));
 }
 
 nftnl_expr* RuleBuilder::decide(std::uint32_t verdict) {
@@ -312,7 +315,7 @@ nftnl_expr* RuleBuilder::decide(std::uint32_t verdict) {
 }
 
 void RuleBuilder::goTo(const char* chain) {
-    nftnl_expr_set_str(decide(static_cast<std::uint32_t>(NFT_GOTO)), NFTNL_EXPR_IMM_CHAIN, chain);
+    done(nftnl_expr_set_str(decide(static_cast<std::uint32_t>(NFT_GOTO)), NFTNL_EXPR_IMM_CHAIN, chain));
 }
 
 void RuleBuilder::appendTo(Batch& batch) {

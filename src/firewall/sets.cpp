@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <memory>
 
+#include "firewall/memory.h"
 #include "firewall/rules.h"
 #include "netlink/request.h"
 
@@ -67,10 +68,10 @@ struct HairpinBytes {
 using SetObject = std::unique_ptr<nftnl_set, decltype(&nftnl_set_free)>;
 
 SetObject makeSet(const char* name, std::uint8_t family = nft::ip4) {
-    SetObject set(nftnl_set_alloc(), &nftnl_set_free);
+    SetObject set(made(nftnl_set_alloc()), &nftnl_set_free);
     nftnl_set_set_u32(set.get(), NFTNL_SET_FAMILY, family);
-    nftnl_set_set_str(set.get(), NFTNL_SET_TABLE, nft::table);
-    nftnl_set_set_str(set.get(), NFTNL_SET_NAME, name);
+    done(nftnl_set_set_str(set.get(), NFTNL_SET_TABLE, nft::table));
+    done(nftnl_set_set_str(set.get(), NFTNL_SET_NAME, name));
     return set;
 }
 
@@ -105,9 +106,9 @@ LiveBytes bytesOf(const Element& element) {
 /// Puts a key among a set's elements, with a target when the set is a map.
 template <typename Key>
 void put(const SetObject& set, const Key& key, const TargetBytes* target = nullptr, std::uint32_t flags = 0) {
-    nftnl_set_elem* entry = nftnl_set_elem_alloc();
-    nftnl_set_elem_set(entry, NFTNL_SET_ELEM_KEY, &key, sizeof key);
-    if (target) nftnl_set_elem_set(entry, NFTNL_SET_ELEM_DATA, target, sizeof *target);
+    nftnl_set_elem* entry = made(nftnl_set_elem_alloc());
+    done(nftnl_set_elem_set(entry, NFTNL_SET_ELEM_KEY, &key, sizeof key));
+    if (target) done(nftnl_set_elem_set(entry, NFTNL_SET_ELEM_DATA, target, sizeof *target));
     if (flags != 0) nftnl_set_elem_set_u32(entry, NFTNL_SET_ELEM_FLAGS, flags);
     nftnl_set_elem_add(set.get(), entry);  // the set owns it from now on
 }
@@ -142,7 +143,7 @@ public:
         : elements(elements), traffic(traffic) {}
 
     void take(const nlmsghdr& message) {
-        const SetObject set(nftnl_set_alloc(), &nftnl_set_free);
+        const SetObject set(made(nftnl_set_alloc()), &nftnl_set_free);
         if (nftnl_set_elems_nlmsg_parse(&message, set.get()) == 0)
             nftnl_set_elem_foreach(set.get(), &entry, this);
     }
@@ -191,7 +192,7 @@ void addMap(Batch& batch) {
 
 void addLiveSet(Batch& batch) {
     const SetObject set = makeSet(nft::live, setnumber::live, liveType, sizeof(LiveBytes));
-    nftnl_set_add_expr(set.get(), nftnl_expr_alloc("counter"));  // the set owns it from now on
+    nftnl_set_add_expr(set.get(), made(nftnl_expr_alloc("counter")));  // the set owns it from now on
     addSet(batch, set);
 }
 
@@ -201,7 +202,7 @@ void addUserSet(Batch& batch, std::uint8_t family) {
     // A note for nft(8), which would otherwise show the numbers with their bytes reversed: type, length,
     // value.
     constexpr std::uint8_t hostOrder[] = {NFTNL_UDATA_SET_KEYBYTEORDER, 4, 1, 0, 0, 0};
-    nftnl_set_set_data(set.get(), NFTNL_SET_USERDATA, hostOrder, sizeof hostOrder);
+    done(nftnl_set_set_data(set.get(), NFTNL_SET_USERDATA, hostOrder, sizeof hostOrder));
     addSet(batch, set, family);
 }
 
