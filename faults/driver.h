@@ -42,6 +42,9 @@ struct Extent {
     std::vector<Call> fatal;     // are left out: a process that cannot make them ends
 };
 
+/// True when the environment says FAULTS=all: every call is to fail in every way, however long that takes.
+bool areAllWanted();
+
 /// Runs the scenario once to count its calls, and then again, each time in a new world, for each of them and for its
 /// outcomes: one of them in turn, or all when the environment says FAULTS=all. Fails the test when a step ends in what
 /// it may not end in, the world contradicts itself, does not recover, or keeps a descriptor.

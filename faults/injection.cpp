@@ -33,6 +33,8 @@ const std::vector<Kind>& kinds() {
     static const std::vector<Kind> all{
         {"accept4", {EMFILE, ECONNABORTED, ENFILE, EINTR, EAGAIN, ENOBUFS, ENOMEM, EPERM, ENETDOWN}},
         {"access", looking},
+        {"malloc", {ENOMEM}},
+        {"operator new", {ENOMEM}},
         {"bind", {EADDRINUSE, EADDRNOTAVAIL, EACCES, ENOMEM}},
         {"close", {EINTR, EIO}},
         {"connect", {ENETUNREACH, EINTR, ECONNREFUSED, EAGAIN, ENETDOWN, EADDRNOTAVAIL, ENOBUFS, EPERM}},
@@ -135,6 +137,10 @@ Counts end() {
 
 bool hasStruck() {
     return state && state->struck;
+}
+
+bool hasStruck(Call call) {
+    return hasStruck() && state->fault.call == call;
 }
 
 bool hasSpared() {

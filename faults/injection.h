@@ -14,6 +14,8 @@ namespace faults {
 enum class Call : std::uint8_t {
     accept4,
     access,
+    allocate,        // by a C library
+    allocateObject,  // by C++: whoever gets none ends
     bind,
     close,
     connect,
@@ -88,8 +90,9 @@ using Counts = std::array<std::uint32_t, callCount>;
 void begin(const Fault& fault = {});
 /// Stops that, and returns how often each call was made since begin().
 Counts end();
-/// True when the fault of the last begin() came to pass.
+/// True when the fault of the last begin() came to pass, and that it was one of this call.
 [[nodiscard]] bool hasStruck();
+[[nodiscard]] bool hasStruck(Call call);
 /// True when its call came, but there was nothing to shorten.
 [[nodiscard]] bool hasSpared();
 

@@ -1,5 +1,11 @@
 // The rules between the bus, the store and the kernel's table: all three agree, at the latest when the table has been
 // made anew.
+#include <errno.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
 #include <memory>
 #include <set>
 #include <sstream>
@@ -171,7 +177,49 @@ private:
 
 TEST(NatFaults, LeaveTheKernelTheStoreAndTheBusAgreeing) {
     if (!tk::testing::enterPrivateNetwork()) GTEST_SKIP() << "needs root for a network of its own";
-    failEveryCall([] { return std::make_unique<NatWorld>(); });
+    failEveryCall([] { return std::make_unique<NatWorld>(); }, allOrNothing, {.fatal = {Call::allocate}});
+}
+
+/// How a process ended that was refused memory once.
+enum class Ending { notRefused, wentOn, aborted, failed };
+
+/// Lets another process act in this world, without the memory that a library asks for the `number`th time.
+Ending actWithout(NatWorld& world, std::uint32_t number) {
+    constexpr int refused = 3, contradicted = 4;
+    const pid_t child = ::fork();
+    if (child == 0) {
+        begin({Call::allocate, number, ENOMEM});
+        (void)world.act();
+        ::_exit(!world.contradiction().empty() ? contradicted : hasStruck() ? refused : 0);
+    }
+    int status = 0;
+    if (::waitpid(child, &status, 0) != child) return Ending::failed;
+    if (WIFSIGNALED(status)) return WTERMSIG(status) == SIGABRT ? Ending::aborted : Ending::failed;
+    if (WEXITSTATUS(status) == refused) return Ending::wentOn;
+    return WEXITSTATUS(status) == 0 ? Ending::notRefused : Ending::failed;
+}
+
+TEST(NatFaults, WithoutMemoryForARuleEndTheProcessAndItsRules) {
+    if (!tk::testing::enterPrivateNetwork()) GTEST_SKIP() << "needs root for a network of its own";
+    constexpr std::uint32_t some = 11;  // of so many allocations one is refused
+    const std::uint32_t every = areAllWanted() ? 1 : some;
+    const Outcome whole = std::make_unique<NatWorld>()->act();
+    Ending ending = Ending::wentOn;
+    std::uint32_t number = 1;
+    for (; ending != Ending::notRefused && !HasFailure(); number += every) {
+        auto world = std::make_unique<NatWorld>();
+        ending = actWithout(*world, number);
+        bool failed = false;
+        const std::string tables = tk::testing::run("nft list tables 2>&1", failed);
+        world->recover();
+        const Outcome recovered = world->act();
+        world.reset();  // it holds standard output
+        EXPECT_NE(ending, Ending::failed) << "malloc " << number;
+        EXPECT_EQ(tables, "") << "malloc " << number;
+        EXPECT_EQ(recovered, whole) << "malloc " << number;
+    }
+    EXPECT_GT(number, 10 * every) << "the library asks for memory";
+    std::printf("%u of %u allocations refused\n", (number - 1) / every, number);
 }
 
 }  // namespace
