@@ -86,11 +86,14 @@ Fate endure(const Fault& fault, const Maker& makeWorld, const Judge& mayEndIn, c
     return run.fate;
 }
 
+/// True when a process that cannot make the call ends, so that there is nothing to compare.
+bool isFatal(Call call, const Extent& extent) {
+    return call == Call::allocateObject ||
+           std::find(extent.fatal.begin(), extent.fatal.end(), call) != extent.fatal.end();
+}
+
 /// The outcomes to try of a call, the first of them another for each number.
 std::vector<int> outcomesToTry(Call call, std::uint32_t number, const Extent& extent) {
-    const bool isFatal = call == Call::allocateObject ||
-                         std::find(extent.fatal.begin(), extent.fatal.end(), call) != extent.fatal.end();
-    if (isFatal) return {};
     if (!areAllWanted() && (number - 1) % extent.every != 0) return {};
     const std::span<const int> all = outcomesOf(call);
     std::vector<int> turned(all.begin(), all.end());
@@ -132,7 +135,8 @@ void failEveryCall(const Maker& makeWorld, const Judge& mayEndIn, const Extent& 
     Tally tally;
     for (std::size_t kind = 0; kind < callCount; ++kind) {
         const auto call = static_cast<Call>(kind);
-        if (call != Call::allocateObject) calls += counts[kind];
+        if (isFatal(call, extent)) continue;
+        calls += counts[kind];
         for (std::uint32_t number = 1; number <= counts[kind]; ++number)
             for (const int outcome : outcomesToTry(call, number, extent)) {
                 const Fault fault{call, number, outcome};
