@@ -12,11 +12,13 @@
 
 #include <gtest/gtest.h>
 
+#include "contract/gateway.h"
 #include "contract/natrules.h"
 #include "core/testing/gatewayfixture.h"
 #include "faults/driver.h"
 #include "faults/injection.h"
 #include "tk/names.h"
+#include "tk/store.h"
 #include "upnp/testing/subscriber.h"
 
 namespace faults {
@@ -101,6 +103,7 @@ public:
         outcome.push_back(unsubscribe());
         replaceInterface();
         outcome.push_back(search());
+        outcome.push_back(administer());
         {
             const InProgram here;
             stop();
@@ -219,6 +222,58 @@ private:
         loop.notify({20, 0}, 0x10004, gateway::goneRecord(1, "lan"));
         loop.notify({20, 0}, 0x10004, gateway::interfaceRecord(1, "lo", "lan"));
     }
+    /// What an administrator changes is done and stored, or neither. In the end everything is as it was.
+    std::string administer() {
+        if (told() != stored())
+            return {};  // the stores were not read, and nothing is changed until the next start
+        const std::string without = request(tk::command::set, settings(true, true, false));
+        const std::string added = request(tk::command::addObject, item(3, 1));
+        const std::uint32_t id = added.empty() ? 0 : newId;
+        tk::message changed = item(3, 2);
+        changed.insert_u32(tk::field::objectId, id);
+        const std::string set = added.empty() ? "" : request(tk::command::setObject, changed);
+        tk::message named;
+        named.insert_u32(tk::field::objectId, id);
+        if (!added.empty() && request(tk::command::removeObject, named).empty())
+            (void)request(tk::command::removeObject, named, false);
+        if (!without.empty() && request(tk::command::set, settings(true)).empty())
+            (void)request(tk::command::set, settings(true), false);
+        const bool isWhole = !without.empty() && !added.empty() && !set.empty();
+        return isWhole ? "changed" : "";
+    }
+    /// Asks the daemon for a change. Empty when it is refused; then nothing has changed.
+    std::string request(std::uint32_t command, const tk::message& content, bool mayFail = true) {
+        const std::string before = told() + stored();
+        tk::message end;
+        {
+            const InProgram here;
+            end = loop.request(command, content);
+        }
+        newId = end.get_u32(tk::field::objectId);
+        if (told() != stored()) broken += "the stores hold something else than the bus is told\n";
+        if (!tk::isError(end)) return "done";
+        if (told() + stored() != before) broken += "a refused change has changed something\n";
+        if (!mayFail) broken += "a change is refused again\n";
+        return {};
+    }
+    /// The settings and the items, as the bus is told them, and as the stores hold them.
+    std::string told() {
+        tk::message items;
+        for (const tk::message& record : gateway->cmdGetAll({}).get_message_array(tk::field::objects)) {
+            tk::message values = record;
+            values.remove(tk::field::objectId);
+            items.insert_message_array(record.get_u32(tk::field::objectId), {values});
+        }
+        return gateway->cmdGet({}).serialise() + items.serialise();
+    }
+    std::string stored() const {
+        tk::message items;
+        const tk::Store itemStore(folder.file("store/upnp"), 1);
+        for (const auto& [id, values] : itemStore.all()) items.insert_message_array(id, {values});
+        const tk::Store settingStore(folder.file("store/upnpm"), 5);
+        return contract::Settings::fromMessage(settingStore.get(0), {}).toMessage().serialise() +
+               items.serialise();
+    }
     /// What the administrator is shown must be what the router has.
     void compareRules() {
         const tk::message list = gateway->mappingList().cmdGetAll({});
@@ -236,6 +291,7 @@ private:
     Subscriber subscriber;
     std::string sid;
     std::size_t nextSeq = 0;
+    std::uint32_t newId = 0;  // in the last answer to the administrator
     std::string broken;
 };
 
