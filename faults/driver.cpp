@@ -94,7 +94,8 @@ bool isFatal(Call call, const Extent& extent) {
 
 /// The outcomes to try of a call, the first of them another for each number.
 std::vector<int> outcomesToTry(Call call, std::uint32_t number, const Extent& extent) {
-    if (!areAllWanted() && (number - 1) % extent.every != 0) return {};
+    const unsigned every = call == Call::allocate ? extent.everyAllocation : extent.every;
+    if (!areAllWanted() && (number - 1) % every != 0) return {};
     const std::span<const int> all = outcomesOf(call);
     std::vector<int> turned(all.begin(), all.end());
     std::rotate(turned.begin(), turned.begin() + static_cast<std::ptrdiff_t>((number - 1) % all.size()),

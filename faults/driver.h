@@ -37,9 +37,10 @@ inline bool allOrNothing(const std::string&, const std::string&) {
 
 /// How a scenario that takes long, or whose calls depend on the kernel's pace, is run. A value.
 struct Extent {
-    unsigned every = 1;          // of so many calls of a kind one fails, unless FAULTS=all
-    bool repeatsExactly = true;  // else a call that was counted may not come again
-    std::vector<Call> fatal;     // are left out: a process that cannot make them ends
+    unsigned every = 1;            // of so many calls of a kind one fails, unless FAULTS=all
+    unsigned everyAllocation = 1;  // the same of allocations alone
+    bool repeatsExactly = true;    // else a call that was counted may not come again
+    std::vector<Call> fatal{};     // are left out: a process that cannot make them ends
 };
 
 /// True when the environment says FAULTS=all: every call is to fail in every way, however long that takes.
