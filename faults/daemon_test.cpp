@@ -303,7 +303,7 @@ bool isBeginning(const std::string& actual, const std::string& whole) {
 
 TEST(DaemonFaults, LeaveNoWrongAnswerAndNoStrayRule) {
     if (!tk::testing::enterPrivateNetwork()) GTEST_SKIP() << "needs root for a network of its own";
-    failEveryCall([] { return std::make_unique<DaemonWorld>(); }, isBeginning);
+    failEveryCall([] { return std::make_unique<DaemonWorld>(); }, isBeginning, {.everyAllocation = 4});
 }
 
 }  // namespace
