@@ -208,8 +208,10 @@ class Program:
         self.path = lab.directory / f"{number:02}-{name}.log"
         self.errors = self.path.with_suffix(".err")
         with open(self.path, "wb") as out, open(self.errors, "wb") as err:
+            # A program that is traced already cannot have its memory searched for leaks by a sanitizer.
+            environment = {**os.environ, "LSAN_OPTIONS": "detect_leaks=0"} if "strace" in wrapper else None
             self.process = subprocess.Popen(lab.router.command(*wrapper, folder / name, *words), stdin=subprocess.DEVNULL,
-                                            stdout=out, stderr=err)
+                                            stdout=out, stderr=err, env=environment)
 
     @property
     def log(self):

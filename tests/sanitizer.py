@@ -19,6 +19,12 @@ def unless_sanitized(reason):
     return pytest.mark.skipif(SANITIZED, reason=f"the sanitized build {reason}")
 
 
+def within(value, limit):
+    """True when a time or an amount of memory is below its limit, or nobody can say so: the sanitized build needs more of
+    both."""
+    return SANITIZED or value < limit
+
+
 def listen():
     """From now on the programs that this process starts, and those that they start, write their reports to a folder."""
     folder = pathlib.Path(tempfile.mkdtemp(prefix="reports-"))

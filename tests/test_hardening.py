@@ -4,13 +4,13 @@ import re
 import subprocess
 
 import pytest
+import sanitizer
 from labs import BIN, PATIENCE, ROOT
 
 PROGRAMS = ("upnpd", "routerd", "resolverd", "tkctl")
 X86 = platform.machine() == "x86_64"
-SANITIZED = b"__asan_init" in (BIN / "upnpd").read_bytes()
 
-pytestmark = pytest.mark.skipif(SANITIZED, reason="the sanitized build is for tests, and is not hardened")
+pytestmark = sanitizer.unless_sanitized("is for tests, and is not hardened")
 
 
 def shown(*command):

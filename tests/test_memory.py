@@ -7,11 +7,14 @@ import pytest
 
 import bus
 import labs
+import sanitizer
 from control_point import call, mapping, result
 from labs import LAN1, ROUTER_WAN
 
 sys.path.append(str(labs.ROOT / "tests" / "router"))
 from routerusers import DAEMON, DAEMON_AS_ITSELF, configure, connection_path, processes, run_as  # noqa: E402
+
+pytestmark = sanitizer.unless_sanitized("maps its shadow in terabytes, and ends in its own way without memory")
 
 WHY = "terminate called after throwing an instance of 'std::bad_alloc'"
 MOST_RULES = 2000  # many times what fits into the memory that a program holds in reserve

@@ -8,7 +8,7 @@ import time
 import pytest
 
 import bystanders
-import labs
+import sanitizer
 from labs import eventually
 
 GROWTH = 2 << 20  # bytes that a program may keep after all attacks: what the C library does not give back of its heap
@@ -40,9 +40,8 @@ class Condition:
         assert self.descriptors_now() == self.descriptors
         assert (self.lab.table(), self.lab.rules()) == (self.table, self.rules)
         for program in self.programs():
-            if not is_sanitized(program):  # the sanitizer keeps what is freed, to notice its use
-                grown = memory(program) - self.memory[program.name]
-                assert grown <= self.growth, f"{program.name} has grown by {grown} bytes"
+            grown = memory(program) - self.memory[program.name]
+            assert sanitizer.within(grown, self.growth), f"{program.name} has grown by {grown} bytes"
 
 
 def settled(read):
@@ -70,11 +69,6 @@ def memory(program):
     """The program's proportional set size in bytes."""
     text = pathlib.Path(f"/proc/{program.process.pid}/smaps_rollup").read_text()
     return int(re.search(r"^Pss:\s+(\d+) kB$", text, re.M)[1]) << 10
-
-
-def is_sanitized(program):
-    """True with the address sanitizer, whose shadow takes up terabytes of addresses."""
-    return int(labs.status(program.process.pid)["VmSize"][0]) > 1 << 30
 
 
 @pytest.fixture(scope="module")

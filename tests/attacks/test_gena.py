@@ -184,7 +184,7 @@ def test_a_hundred_subscribers_that_misbehave_keep_nobody_else_from_an_event(lab
         well()
         longest = max(longest, time.monotonic() - began)
     print(f"the longest from a request to the event that it makes: {longest * 1000:.1f} ms")
-    assert longest < 1
+    assert longest < labs.SLOWNESS
     for line in ("write failed", "notify dropped: too many are on their way to ", "notify reply read failed",
                  "bad notify reply: "):
         lab.upnpd.wait_for(line, mark)  # some of the crowd are slow to misbehave

@@ -18,7 +18,7 @@ from workload import (EXTERNALS, OWN_ADDRESSES, STORED, TARGET_PORTS, ControlPoi
                       EventSink, Flow, Greeter, RuleMaker, Rules, add_mapping, delete_mapping, list_mappings, sid_in,
                       status_of, subscribe, subscription)
 
-RECOVERY_SECONDS = 2  # from the restart until a new mapping passes packets
+RECOVERY_SECONDS = 2 * labs.SLOWNESS  # from the restart until a new mapping passes packets
 WATCHER = "192.0.2.4"  # a second address of lan2, which subscribes after each round
 ELEMENT = re.compile(r"([\d.]+) \. (tcp|udp|6|17) \. (\d+) : ([\d.]+) \. (\d+)")
 LIVE = re.compile(ELEMENT.pattern.replace(" : ", r" \. "))

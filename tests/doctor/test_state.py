@@ -14,7 +14,7 @@ def test_a_healthy_router_has_no_findings(clinic):
         began = time.monotonic()
         assert clinic.examine("--json") == {}
         return time.monotonic() - began
-    assert any(seconds() < 2.5 for _ in range(3))  # the machine may be busy
+    assert any(seconds() < 2.5 * labs.SLOWNESS for _ in range(3))  # the machine may be busy
     done = clinic.lab.tkctl("doctor", "--no-search")
     assert done.stdout == "Nothing found that would keep mappings from working.\n"
 

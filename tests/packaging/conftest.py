@@ -3,13 +3,12 @@ import pytest
 
 import installation
 import labs
-
-SANITIZED = b"__asan_init" in (labs.BIN / "upnpd").read_bytes()
+import sanitizer
 
 
 @pytest.fixture(scope="session")
 def package(tmp_path_factory):
-    if SANITIZED:
+    if sanitizer.SANITIZED:
         pytest.skip("the sanitized build is for tests, and is not packaged")
     return installation.build_package(tmp_path_factory.mktemp("package"))
 

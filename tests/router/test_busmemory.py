@@ -9,6 +9,7 @@ import pytest
 
 import bus
 import labs
+import sanitizer
 from routerusers import DAEMON, MEMBER, OTHER, configure, connect_as, run_as
 
 REGISTER, SUBSCRIBE, TRACE = 1, 2, 4
@@ -135,10 +136,10 @@ def test_what_one_user_can_make_the_router_keep_is_bounded(router, attack):
     began = time.monotonic()
     assert run_as(router, MEMBER, labs.BIN / "tkctl", "nat", "list").returncode in (0, 1)  # of a user that may be full
     assert router.tkctl("nat", "list").returncode == 0
-    assert time.monotonic() - began < 5
+    assert time.monotonic() - began < 5 * labs.SLOWNESS
     grown = peak(router) - before
     print(f"{attack.__name__}: {before >> 20} MiB before, {grown >> 20} MiB more at most")
-    assert grown < GROWTH
+    assert sanitizer.within(grown, GROWTH)
     del kept
 
 
