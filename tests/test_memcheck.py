@@ -1,6 +1,7 @@
 """The judge of tests/memcheck bites: it finds what real programs do wrong under memcheck, and nothing else."""
 import importlib.machinery
 import importlib.util
+import os
 import pathlib
 import shutil
 import subprocess
@@ -13,6 +14,7 @@ pytestmark = pytest.mark.skipif(not shutil.which("valgrind"), reason="valgrind i
 SOURCE = """
 #include <cstdlib>
 #include <cstring>
+#include <dlfcn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 static void* kept;
@@ -27,12 +29,26 @@ int main(int, char** arguments) {
         if (fork() == 0) { bytes[78] = 1; _exit(0); }
         wait(nullptr);
     }
+    if (void* library = std::strncmp(deed, "lib", 3) ? nullptr : dlopen(arguments[1], RTLD_NOW)) {
+        reinterpret_cast<void (*)()>(dlsym(library, "lose"))();
+    }
     if (!std::strcmp(deed, "then-killed")) { bytes[79] = 1; std::abort(); }
     if (!std::strcmp(deed, "ended")) { std::free(bytes); (void)!alarm(1); pause(); }
     if (std::strcmp(deed, "leak")) std::free(bytes);
     bytes = nullptr;
 }
 """
+
+
+LIBRARY = """
+#include <cstdlib>
+extern "C" void lose() {
+    char* volatile bytes = static_cast<char*>(std::malloc(78));
+    bytes = nullptr;
+    (void)bytes;
+}
+"""
+LIBRARIES = ("libnss_made.so.2", "libmade.so.2")
 
 
 @pytest.fixture(scope="module")
@@ -51,6 +67,9 @@ def wrapped(memcheck, tmp_path_factory):
     made = folder / "bin"
     made.mkdir()
     subprocess.run(["g++", "-O0", "-w", "-o", made / "upnpd", folder / "source.cpp"], check=True, timeout=60)
+    (folder / "library.cpp").write_text(LIBRARY)
+    for name in LIBRARIES:
+        subprocess.run(["g++", "-O0", "-shared", "-fPIC", "-o", folder / name, folder / "library.cpp"], check=True, timeout=60)
     for name in memcheck.PROGRAMS[1:]:
         shutil.copy(made / "upnpd", made / name)
     wrapper = folder / "wrapper"
@@ -64,14 +83,17 @@ def judged(memcheck, wrapped, deed):
     """The status of the program under memcheck, and the judgements of its processes."""
     for old in (wrapped / "logs").iterdir():
         old.unlink()
-    status = subprocess.run([wrapped / "upnpd", deed], capture_output=True, timeout=60).returncode
+    libraries = {"LD_LIBRARY_PATH": str(wrapped.parent)} if deed in LIBRARIES else {}
+    status = subprocess.run([wrapped / "upnpd", deed], capture_output=True, timeout=60,
+                            env={**os.environ, **libraries}).returncode
     return status, [memcheck.judge(log.read_text()) for log in (wrapped / "logs").iterdir()]
 
 
 @pytest.mark.parametrize("deed, told", [
     ("uninitialised", "Conditional jump or move depends on uninitialised"),
     ("in-a-child", "Invalid write of size 1"),
-    ("leak", "77 bytes in 1 blocks are definitely lost"), ("then-killed", "Invalid write of size 1")])
+    ("leak", "77 bytes in 1 blocks are definitely lost"), ("libmade.so.2", "78 bytes in 1 blocks are definitely lost"),
+    ("then-killed", "Invalid write of size 1")])
 def test_what_a_program_does_wrong_is_found(memcheck, wrapped, deed, told):
     status, judgements = judged(memcheck, wrapped, deed)
     assert any(told in finding for one in judgements for finding in one.findings), judgements
@@ -84,6 +106,11 @@ def test_what_a_program_does_wrong_is_found(memcheck, wrapped, deed, told):
 def test_a_good_program_has_no_findings_whether_it_ends_or_is_ended(memcheck, wrapped, deed):
     _, judgements = judged(memcheck, wrapped, deed)
     assert [one.findings for one in judgements] == [[]]
+
+
+def test_what_a_library_that_looks_for_users_loses_is_no_finding(memcheck, wrapped):
+    status, judgements = judged(memcheck, wrapped, "libnss_made.so.2")
+    assert (status, [one.findings for one in judgements]) == (0, [[]])
 
 
 def test_a_program_of_which_no_process_came_to_its_end_is_a_failure(memcheck):
