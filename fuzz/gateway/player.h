@@ -2,8 +2,8 @@
 
 #include <string>
 #include <string_view>
-#include <vector>
 
+#include "fuzz/gateway/script.h"
 #include "fuzz/gateway/world.h"
 
 namespace fuzz {
@@ -12,7 +12,7 @@ namespace fuzz {
 class Player {
 public:
     /// Lifetime: the world and the input outlive the player.
-    Player(World& world, std::string_view input) : world(world), rest(input) {}
+    Player(World& world, std::string_view input) : world(world), script(input) {}
 
     /// Plays all steps. Call once.
     void play();
@@ -25,16 +25,7 @@ private:
         void (Player::*take)();
     };
 
-    // What the steps read. At the end of the input all numbers are 0 and all texts empty.
-    unsigned number(unsigned limit);
-    std::string text();
-    std::uint32_t host();
-    std::uint32_t interface() { return number(World::interfaceLimit); }
-    std::string address();
-    const std::string* argument();
-    Link* chosen(const std::vector<Link*>& links);
-
-    // The steps, in the order of the table in gateway.cpp.
+    // Hosts.
     void connect();
     void connectOften();
     void sendBytes();
@@ -43,40 +34,49 @@ private:
     void narrow();
     void get();
     void callAction();
+    void datagram();
+    void search();
+    /// Sends a request on a connection of its own, in pieces, which the daemon gets one by one. Null when nobody listens.
+    Link* visit(std::uint32_t interface, const std::string& request);
+    /// True when the request on this connection has been granted.
+    static bool isGranted(const Link* link);
+
+    // Subscribers.
     void subscribe();
     void subscribeOften();
     void renew();
     void unsubscribe();
+    void changePeers();
+    void movePeer();
+    std::string eventPath();
     void nameSubscription(const std::string& method, const std::string& more);
-    void datagram();
-    void search();
+
+    // The router and the resolver.
     void changeInterface();
     void changeAddress();
     void changeState();
     void announceWalk();
     void changeReplies();
-    void passTime();
+    void endQuestion();
+
+    // The administrator.
     void changeSettings();
     void addItem();
     void setItem();
     void removeItem();
     void list();
-    void changePeers();
-    void movePeer();
-    void endQuestion();
-    void failCall();
-    void reverse();
     void restart();
-
-    /// Sends a request on a connection of its own, in pieces, which the daemon gets one by one. Null when nobody listens.
-    Link* visit(std::uint32_t interface, const std::string& request);
-    /// True when the request on this connection has been granted.
-    static bool isGranted(const Link* link);
     tk::message item();
 
+    // Time and the kernel.
+    void passTime();
+    void failCall();
+    void reverse();
+
+    static constexpr int floodSteps = 10;  // that a flood counts for
+
     World& world;
-    std::string_view rest;
-    std::string value;  // of the last argument
+    Script script;
     bool configured = false;
     int stepsLeft = 100;  // a limit, so that each input is cheap
 };

@@ -4,6 +4,7 @@
 
 #include "contract/interfaces.h"
 #include "contract/programs.h"
+#include "contract/resolver.h"
 #include "fuzz/target.h"
 #include "tk/names.h"
 
@@ -72,7 +73,7 @@ Router::Router(tk::testing::ScriptedBus& bus, tk::testing::ManualClock& clock) :
         bus.answer(row.path, row.command, [this, question = row.question](const tk::message& request) {
             return answer(question, request);
         });
-    bus.keepSilent({contract::program::resolver}, 3);
+    bus.keepSilent({contract::program::resolver}, contract::resolveName);
 }
 
 tk::message Router::answer(Question question, const tk::message& request) {

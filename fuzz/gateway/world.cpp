@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <string_view>
 
+#include "contract/gateway.h"
 #include "contract/interfaces.h"
 #include "contract/ports.h"
 #include "contract/programs.h"
@@ -155,7 +156,7 @@ std::vector<std::string> World::subscribers() const {
 }
 
 bool World::isEnabled() const {
-    return isRunning() && daemon->getObject(tk::unassigned).get_bool(1);
+    return isRunning() && daemon->getObject(tk::unassigned).get_bool(contract::settingfield::enabled);
 }
 
 std::vector<const gateway::Device*> World::devices() const {
