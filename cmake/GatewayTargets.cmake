@@ -34,6 +34,14 @@ if(GATEWAY_SANITIZE)
         -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
     target_link_options(gateway_options INTERFACE -fsanitize=address,undefined)
 endif()
+if(GATEWAY_MEMORY)
+    # What a library writes that is compiled without this sanitizer seems to be unset. So the C++ library is one whose
+    # templates can be compiled here.
+    target_compile_options(gateway_options INTERFACE
+        -fsanitize=memory -fsanitize-memory-track-origins -fno-sanitize-recover=all -fno-omit-frame-pointer
+        -stdlib=libc++ -D_LIBCPP_DISABLE_EXTERN_TEMPLATE "SHELL:-include ${CMAKE_SOURCE_DIR}/fuzz/memory/libcxx.h")
+    target_link_options(gateway_options INTERFACE -fsanitize=memory -stdlib=libc++)
+endif()
 if(GATEWAY_FUZZ)
     # What the fuzzer steers by is in every object, so that the fuzz targets and the unit tests share them.
     target_compile_options(gateway_options INTERFACE -fsanitize=fuzzer-no-link)
