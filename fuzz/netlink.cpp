@@ -1,19 +1,14 @@
 // What the kernel sends over netlink, datagram by datagram, to each of those who read it. The first byte chooses who it is.
-// Each datagram has its length before it, in two bytes, or one of the numbers below in place of the length.
+// The datagrams follow as fuzz/netlink/kernel.h says.
 #include <endian.h>
 #include <errno.h>
 #include <libmnl/libmnl.h>
 #include <linux/netfilter/nf_tables.h>
 #include <linux/netfilter/nfnetlink.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <stdlib.h>
-#include <string.h>
-#include <sys/eventfd.h>
-#include <sys/socket.h>
 
 #include <algorithm>
-#include <deque>
 #include <filesystem>
 #include <iterator>
 #include <set>
@@ -23,6 +18,7 @@
 
 #include "firewall/flowlog.h"
 #include "firewall/sets.h"
+#include "fuzz/netlink/kernel.h"
 #include "fuzz/target.h"
 #include "hub/testing/fakeprocesses.h"
 #include "links/monitor.h"
@@ -36,103 +32,8 @@
 
 namespace {
 
-constexpr std::uint16_t lost = 0xFFFF;       // the kernel had no room for it
-constexpr std::uint16_t fault = 0xFFFE;      // the socket fails
-constexpr std::uint16_t tooLarge = 0xFFFD;   // one that is cut off
-constexpr std::uint16_t strangers = 0xFFFC;  // the next one comes from another process
-
-struct Datagram {
-    std::uint16_t kind = 0;  // 0: an ordinary one
-    std::string_view bytes;
-};
-
-/// The kernel's end of all sockets.
-struct Kernel {
-    std::string_view input;
-    std::deque<Datagram> waiting;
-    std::size_t messages = 0;        // that were whole in what waited at first
-    std::vector<std::string> heard;  // what was sent to it
-} kernel;
-
-/// The messages of a datagram, counted by their lengths alone.
-std::size_t messagesIn(std::string_view bytes) {
-    std::size_t count = 0;
-    for (std::uint32_t length = 0; bytes.size() >= sizeof(nlmsghdr); ++count) {
-        ::memcpy(&length, bytes.data(), sizeof length);
-        if (length < sizeof(nlmsghdr) || length > bytes.size()) return count;
-        bytes.remove_prefix(std::min<std::size_t>(bytes.size(), (std::size_t{length} + 3) / 4 * 4));
-    }
-    return count;
-}
-
-void fillKernel(std::string_view input) {
-    kernel = {};
-    kernel.input = input;
-    std::uint16_t kind = 0;
-    while (input.size() >= sizeof kind) {
-        ::memcpy(&kind, input.data(), sizeof kind);
-        input.remove_prefix(sizeof kind);
-        const std::string_view bytes = kind < strangers ? input.substr(0, kind) : std::string_view();
-        input.remove_prefix(bytes.size());
-        kernel.waiting.push_back({kind < strangers ? std::uint16_t{0} : kind, bytes});
-        kernel.messages += messagesIn(bytes);
-    }
-}
-
-}  // namespace
-
-// These take the place of the system's: no socket is ever opened.
-
-extern "C" {
-
-int socket(int, int, int) noexcept {
-    return ::eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK);  // always readable
-}
-
-int bind(int, const sockaddr*, socklen_t) noexcept {
-    return 0;
-}
-
-int getsockname(int, sockaddr*, socklen_t*) noexcept {
-    return 0;
-}
-
-int setsockopt(int, int, int, const void*, socklen_t) noexcept {
-    return 0;
-}
-
-int poll(pollfd*, nfds_t, int) {
-    return kernel.waiting.empty() ? 0 : 1;
-}
-
-ssize_t sendto(int, const void* bytes, std::size_t size, int, const sockaddr*, socklen_t) {
-    kernel.heard.emplace_back(static_cast<const char*>(bytes), size);
-    return static_cast<ssize_t>(size);
-}
-
-ssize_t recvfrom(int, void* buffer, std::size_t size, int, sockaddr* from, socklen_t*) {
-    std::uint32_t sender = 0;
-    while (!kernel.waiting.empty()) {
-        const Datagram next = kernel.waiting.front();
-        kernel.waiting.pop_front();
-        if (next.kind == strangers) sender = 7;
-        if (next.kind == lost || next.kind == fault) {
-            errno = next.kind == lost ? ENOBUFS : EIO;
-            return -1;
-        }
-        if (next.kind == strangers) continue;
-        reinterpret_cast<sockaddr_nl*>(from)->nl_pid = sender;
-        next.bytes.copy(static_cast<char*>(buffer), size);
-        return static_cast<ssize_t>(next.kind == tooLarge ? size + 1 : next.bytes.size());
-    }
-    errno = EAGAIN;
-    return -1;
-}
-
-}  // extern "C"
-
-namespace {
-
+using fuzz::kernel;
+using fuzz::messagesIn;
 using tk::testing::TestLoop;
 
 void requireReason(const tk::Status& status) {
@@ -151,7 +52,7 @@ void readAnswer() {
                       "its end is none of it");
         ++visited;
     });
-    fuzz::require(answer.isComplete() && visited <= kernel.messages, "an answer ends");
+    fuzz::require(answer.isComplete() && visited <= kernel().messages, "an answer ends");
     requireReason(answer.outcome());
 }
 
@@ -161,7 +62,7 @@ void readLinks() {
     const auto links = rtnetlink.readLinks();
     requireReason(links.status());
     if (!links.isOk()) return;
-    fuzz::require(links->size() <= kernel.messages, "each interface has a message");
+    fuzz::require(links->size() <= kernel().messages, "each interface has a message");
     for (const links::Link& link : *links) {
         fuzz::require(link.name.find('\0') == std::string::npos, "a name ends with its text");
         fuzz::require(link.lower != link.index || link.index == 0, "no interface is below itself");
@@ -174,7 +75,7 @@ void readAddresses() {
     const auto addresses = rtnetlink.readAddresses();
     requireReason(addresses.status());
     if (!addresses.isOk()) return;
-    fuzz::require(addresses->size() <= kernel.messages, "each address has a message");
+    fuzz::require(addresses->size() <= kernel().messages, "each address has a message");
     for (const links::LinkAddress& each : *addresses) fuzz::require(each.address != 0, "an address is one");
 }
 
@@ -247,7 +148,7 @@ struct World {
 
 void requireConsistent(World& world) {
     const std::uint32_t interfaceCount = world.interfaces.cmdGetCount({}).get_u32(tk::field::count);
-    fuzz::require(interfaceCount <= kernel.messages, "each interface has a message");
+    fuzz::require(interfaceCount <= kernel().messages, "each interface has a message");
     const tk::message list = world.addresses.cmdGetAll({});
     for (const tk::message& record : list.get_message_array(tk::field::objects)) {
         const auto address = contract::AddressRecord::fromMessage(record);
@@ -332,7 +233,7 @@ void readTraffic() {
     std::string told;
     std::set<std::uint64_t> counts[count];  // that were told of each element
     std::uint32_t sequence = 1;
-    for (std::string_view input = kernel.input; input.size() >= 2; input.remove_prefix(2)) {
+    for (std::string_view input = kernel().input; input.size() >= 2; input.remove_prefix(2)) {
         const std::size_t step = static_cast<unsigned char>(input[0]) % 8;
         const auto number = static_cast<std::uint8_t>(input[1]);
         if (step < std::size(keys)) putElement(told, sequence, keys[step], number);
@@ -340,7 +241,7 @@ void readTraffic() {
         if (step >= std::size(keys))
             putEnd(told, sequence++, number == 0 ? 0 : step % 2 == 0 ? ENOENT : number);
     }
-    kernel.waiting = {{0, told}};
+    kernel().waiting = {{0, told}};
     netlink::Socket socket;
     requireReason(socket.open(NETLINK_NETFILTER));
     const auto traffic = firewall::readTraffic(socket, elements);
@@ -350,7 +251,7 @@ void readTraffic() {
                       "it is that of the element");
         fuzz::require(traffic[i].bytes == traffic[i].packets * 100, "packets and bytes go together");
     }
-    fuzz::require(kernel.heard.size() <= count, "no element is asked for twice");
+    fuzz::require(kernel().heard.size() <= count, "no element is asked for twice");
 }
 
 void logFlows() {
@@ -358,15 +259,15 @@ void logFlows() {
     firewall::FlowLog log;
     const tk::Status opened = log.open();
     requireReason(opened);
-    kernel.heard.clear();
+    kernel().heard.clear();
     if (opened.isOk()) loop.settle();
-    fuzz::require(kernel.heard.size() <= kernel.messages, "each removal has a packet");
-    for (const std::string& message : kernel.heard)
+    fuzz::require(kernel().heard.size() <= kernel().messages, "each removal has a packet");
+    for (const std::string& message : kernel().heard)
         fuzz::require(messagesIn(message) == 1, "a removal is one whole message");
 }
 
 void readPacket() {
-    for (const Datagram& each : kernel.waiting) {
+    for (const fuzz::Datagram& each : kernel().waiting) {
         const auto flow = firewall::parseFlow({each.bytes.data(), each.bytes.size()});
         if (!flow) continue;
         const auto byte = [&each](std::size_t at) { return static_cast<unsigned char>(each.bytes[at]); };
@@ -398,7 +299,7 @@ constexpr void (*readers[])() = {
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     if (size == 0) return 0;
-    fillKernel(fuzz::text(data + 1, size - 1));
+    fuzz::tell(fuzz::text(data + 1, size - 1));
     readers[data[0] % std::size(readers)]();
     return 0;
 }
