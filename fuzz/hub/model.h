@@ -22,6 +22,9 @@ namespace fuzz {
 /// order, and who is dropped. It keeps no budgets; the caller tells it when one is at its limit.
 class HubModel {
 public:
+    static constexpr std::uint32_t router = 20;        // the program of the hub's process
+    static constexpr std::size_t waitingLimit = 1024;  // requests of one connection, and subscriptions
+
     /// A message that is on its way. Of what the hub says itself the error's text is its own affair.
     struct Expected {
         tk::message content;
