@@ -25,7 +25,7 @@ std::string framed(const message& content) {
     return frame;
 }
 
-constexpr std::size_t budgetBytes = 1024 * 1024;
+constexpr std::size_t budgetBytes = std::size_t{1024} * 1024;
 
 class ChannelTest : public ::testing::Test, public ChannelOwner {
 protected:
@@ -53,7 +53,7 @@ protected:
     }
     /// What the peer can read now, at most one megabyte at a time.
     std::string peerReads() const {
-        std::string bytes(1024 * 1024, '\0');
+        std::string bytes(std::size_t{1024} * 1024, '\0');
         const ssize_t count = ::recv(peer.get(), bytes.data(), bytes.size(), 0);
         bytes.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
         return bytes;

@@ -43,9 +43,9 @@ TEST(Frame, IsAppended) {
 
 TEST(Frame, LargestOneHasSixteenMebibytes) {
     std::string out = "before";
-    EXPECT_FALSE(appendFrame(out, ofSize(16 * 1024 * 1024 + 1)));
+    EXPECT_FALSE(appendFrame(out, ofSize(std::size_t{16} * 1024 * 1024 + 1)));
     EXPECT_EQ(out, "before");
-    const message largest = ofSize(16 * 1024 * 1024);
+    const message largest = ofSize(std::size_t{16} * 1024 * 1024);
     FrameReader reader;
     reader.append(framed(largest));
     message read;

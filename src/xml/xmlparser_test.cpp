@@ -134,13 +134,13 @@ TEST(XMLParser, NumberOfAttributesIsLimited) {
 }
 
 TEST(XMLParser, TextThatManyEmptyLeavesRepeatIsLimited) {
-    const std::string text(100 * 1024, 'x');
+    const std::string text(std::size_t{100} * 1024, 'x');
     EXPECT_TRUE(XMLParser("<a><b>" + text + "</b>" + repeat("<c/>", 9) + "</a>").ok);
     EXPECT_FALSE(XMLParser("<a><b>" + text + "</b>" + repeat("<c/>", 10) + "</a>").ok);
 }
 
 TEST(XMLParser, TextThatAttributeDefaultsRepeatIsLimited) {
-    const std::string text(100 * 1024, 'x');
+    const std::string text(std::size_t{100} * 1024, 'x');
     const std::string type = "<!DOCTYPE a [<!ATTLIST b c CDATA \"" + text + "\">]>";
     EXPECT_TRUE(XMLParser(type + "<a>" + repeat("<b/>", 10) + "</a>").ok);
     EXPECT_FALSE(XMLParser(type + "<a>" + repeat("<b/>", 11) + "</a>").ok);
