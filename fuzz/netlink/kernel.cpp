@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <linux/netlink.h>
 #include <poll.h>
+#include <sanitizer/asan_interface.h>
 #include <string.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -95,7 +96,10 @@ ssize_t recvfrom(int, void* buffer, std::size_t size, int, sockaddr* from, sockl
         }
         if (next.kind == strangers) continue;
         reinterpret_cast<sockaddr_nl*>(from)->nl_pid = sender;
-        next.bytes.copy(static_cast<char*>(buffer), size);
+        // Who reads on behind a datagram's end is found out.
+        ASAN_UNPOISON_MEMORY_REGION(buffer, size);
+        const std::size_t length = next.bytes.copy(static_cast<char*>(buffer), size);
+        ASAN_POISON_MEMORY_REGION(static_cast<char*>(buffer) + length, size - length);
         return static_cast<ssize_t>(next.kind == tooLarge ? size + 1 : next.bytes.size());
     }
     errno = EAGAIN;
