@@ -167,7 +167,7 @@ void HubModel::activate(std::uint32_t requester, const message& request) {
     const std::uint32_t program = request.get_u32_array(tk::field::destination)[0];
     if (!isStartable(program)) return refuse(request, error::unreachable);
     if (room != Room::some) return refuse(request, error::busy);
-    awaited[program].push_back({requester, request, round});
+    awaited[program].push_back({requester, request, round, request.serialise().size()});
     if (!expiresAt) expiresAt = now + expiryTicks;
 }
 
@@ -319,7 +319,7 @@ std::size_t HubModel::keptFor(const Peer& peer) const {
         if (key.first == peer.number) kept += requestCost;
     for (const auto& [program, waiting] : awaited)
         for (const Awaited& each : waiting)
-            if (each.requester == peer.number) kept += each.request.serialise().size();
+            if (each.requester == peer.number) kept += each.bytes;
     return kept;
 }
 

@@ -99,6 +99,7 @@ private:
         std::uint32_t requester = 0;
         tk::message request;
         std::uint64_t round = 0;
+        std::size_t bytes = 0;  // of the request
     };
 
     void take(Peer& from, tk::message received);

@@ -149,9 +149,11 @@ std::size_t HubWorld::keptForPoor() const {
     for (std::size_t i = 0; i < actors.size(); ++i) {
         const HubModel::Peer& peer = model.peers[i];
         if (!peer.isOpen || peer.user != poorUser) continue;
+        kept += model.keptFor(peer);
         std::size_t elsewhere = kernelBytes;
+        if (peer.unread <= elsewhere) continue;
         for (const tk::message& fetched : actors[i].inbox) elsewhere += fetched.serialise().size();
-        kept += model.keptFor(peer) + (peer.unread > elsewhere ? peer.unread - elsewhere : 0);
+        if (peer.unread > elsewhere) kept += peer.unread - elsewhere;
     }
     return kept;
 }
