@@ -36,6 +36,7 @@ TEST(Log, TextOfOthersCannotMakeALineOfItsOwn) {
 
 TEST(Log, TextOfOthersCannotSteerTheTerminalOrTurnTheDirection) {
     const tk::testing::CapturedOutput output;
+    // NOLINTNEXTLINE(misc-misleading-bidirectional): that is the point
     log("host: ", std::string("\xc2\x9b"
                               "2J \xe2\x80\xaegnp \x9b \xc3\xa9"));
     EXPECT_EQ(output.text(), "host: \\xc2\\x9b2J \\xe2\\x80\\xaegnp \\x9b \xc3\xa9\n");
