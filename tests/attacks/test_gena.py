@@ -9,6 +9,7 @@ import time
 
 import pytest
 
+import labs
 import nameserver
 from attacks import installed
 from attacks.watching import watched
