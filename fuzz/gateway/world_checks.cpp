@@ -356,9 +356,8 @@ void World::checkClosed(const Link& link, const Visit& visit) const {
 bool World::mayEndUnanswered(const Link& link, const Visit& visit) const {
     if (link.sendFailed || link.hostReset || network.hasFailed) return true;
     if (visit.isOrphaned) return true;
-    if (visit.isComplete) return false;
     const bool isLate = clock.now() >= link.openedAt + requestTime;
-    if (isLate || link.processSawEnd) return true;
+    if (!visit.isComplete && (isLate || link.processSawEnd)) return true;
     std::size_t all = 0;
     std::size_t own = 0;
     for (const auto& other : network.all()) {
@@ -366,8 +365,9 @@ bool World::mayEndUnanswered(const Link& link, const Visit& visit) const {
         ++all;
         own += other->host == link.host ? 1U : 0U;
     }
-    // The one that it made room for may have ended since.
-    return own >= connectionSourceLimit || all + 1 >= connectionLimit;
+    if (!visit.isComplete && own >= connectionSourceLimit) return true;
+    // Also one that waits for a name makes room. The one that it did so for may have ended since.
+    return all + 1 >= connectionLimit;
 }
 
 }  // namespace fuzz
