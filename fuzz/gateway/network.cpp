@@ -10,13 +10,15 @@
 #include "contract/ports.h"
 #include "fuzz/gateway/calls.h"
 #include "fuzz/target.h"
+#include "tk/status.h"
 
 namespace fuzz {
 
 namespace {
 
-constexpr int firstDescriptor = 4096;   // above those that the process has from the kernel
-constexpr std::size_t queueLength = 2;  // what a listener's queue of 1 takes
+constexpr int firstDescriptor = 4096;       // above those that the process has from the kernel
+constexpr std::size_t queueLength = 2;      // what a listener's queue of 1 takes
+constexpr std::uint64_t longestRest = 100;  // milliseconds
 
 int refuse(int error) {
     errno = error;
@@ -170,15 +172,34 @@ int Network::listen(int descriptor) {
     return 0;
 }
 
+std::vector<int> Network::restingListeners() const {
+    std::vector<int> resting;
+    for (std::size_t i = 0; i < sockets.size(); ++i)
+        if (sockets[i] && sockets[i]->isResting) resting.push_back(firstDescriptor + static_cast<int>(i));
+    return resting;
+}
+
+bool Network::isKeptWaiting(const Link& link) const {
+    return std::any_of(sockets.begin(), sockets.end(), [&link](const auto& socket) {
+        return socket && socket->isResting &&
+               std::find(socket->queue.begin(), socket->queue.end(), &link) != socket->queue.end();
+    });
+}
+
 int Network::accept(int descriptor, sockaddr_in* peer) {
-    if (fails(Call::accept)) return -1;
     Socket* const listener = find(descriptor);
     if (!listener) return refuse(EBADF);
+    if (fails(Call::accept)) {
+        listener->isResting = tk::isShortage(errno);
+        if (listener->isResting) restEnds = now() + longestRest;
+        return -1;
+    }
     if (listener->queue.empty()) return refuse(EAGAIN);
     Link* const link = listener->queue.front();
     listener->queue.pop_front();
     const int accepted = add(Socket::Kind::stream);  // the listener may have moved, but not what it points to
     find(accepted)->link = link;
+    link->isAccepted = true;
     link->descriptor = accepted;
     link->openedAt = now();
     if (!peer) return accepted;
@@ -305,6 +326,7 @@ int Network::changeSet(int set, int operation, int descriptor, const epoll_event
         owner->watched.erase(descriptor);
     else
         owner->watched[descriptor] = *event;
+    if (operation == EPOLL_CTL_ADD) find(descriptor)->isResting = false;
     return 0;
 }
 

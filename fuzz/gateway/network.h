@@ -37,6 +37,7 @@ struct Link {
     bool sendFailed = false;
     bool processClosed = false;
 
+    bool isAccepted = false;
     int descriptor = -1;  // of the process; -1 before it is accepted
     std::uint64_t openedAt = 0;
 };
@@ -101,6 +102,11 @@ public:
     /// The descriptors that are open, without those of epoll; and those that an epoll set watches.
     std::vector<int> openDescriptors() const;
     std::vector<int> watchedDescriptors() const;
+    /// The listeners that the process has looked away from, having no room for a client; and until when it may.
+    std::vector<int> restingListeners() const;
+    std::uint64_t restsUntil() const { return restEnds; }
+    /// True when a connection waits at such a listener.
+    bool isKeptWaiting(const Link& link) const;
     /// The connection of a descriptor; null when it has none.
     Link* linkOf(int descriptor) const;
     /// True when some watched descriptor is ready for what it is watched for.
@@ -134,6 +140,7 @@ private:
         std::uint16_t port = 0;
         Link* link = nullptr;
         std::deque<Link*> queue;                                     // of a listener
+        bool isResting = false;                                      // a listener
         std::deque<std::pair<std::uint32_t, std::string>> received;  // of a datagram socket
         std::map<int, epoll_event> watched;                          // of a set
     };
@@ -155,6 +162,7 @@ private:
     std::vector<std::unique_ptr<Socket>> sockets;  // by descriptor, from the lowest on
     std::vector<std::unique_ptr<Link>> links;
     std::map<Call, Failure> failures;
+    std::uint64_t restEnds = 0;
 };
 
 }  // namespace fuzz

@@ -111,6 +111,7 @@ void World::checkLoop() {
         }
     }
     watched = owned;
+    const std::vector<int> resting = network.restingListeners();
     for (const Service* service : services()) {
         timers += service->subscriptions.size() + service->events.size();
         for (const auto& [descriptor, event] : service->events) {
@@ -128,11 +129,16 @@ void World::checkLoop() {
     }
     const tk::Runner& runner = looper.runner();
     require(runner.socketCount() == watched.size(), "the loop watches as many sockets as are owned");
+    std::erase_if(watched,
+                  [&](int each) { return std::find(resting.begin(), resting.end(), each) != resting.end(); });
     requireSame(owned, network.openDescriptors(), "every open descriptor has an owner");
     requireSame(watched, network.watchedDescriptors(), "the kernel watches what the loop watches");
-    // While UPnP is off, the loop may be about to end.
-    const bool fits = runner.timerCount() == timers || (!isEnabled() && runner.timerCount() == timers + 1);
-    require(fits, "every timer has an owner, and every owner its timers");
+    // The loop's own: while UPnP is off, it may be about to end; and it looks again at what rests.
+    const bool mayRest = clock.now() < network.restsUntil();
+    require(resting.empty() || mayRest, "a listener rests for a moment");
+    const std::size_t most = timers + (isEnabled() ? 0 : 1) + (mayRest ? 1 : 0);
+    require(timers <= runner.timerCount() && runner.timerCount() <= most,
+            "every timer has an owner, and every owner its timers");
 }
 
 /// A connection refers to an interface that is there, or to one that is kept for it.
@@ -323,7 +329,7 @@ void World::checkVisits() {
             continue;
         }
         if (!link->processClosed) {
-            checkOpen(*link, visit);
+            if (!network.isKeptWaiting(*link)) checkOpen(*link, visit);
             continue;
         }
         checkClosed(*link, visit);
@@ -354,7 +360,7 @@ void World::checkClosed(const Link& link, const Visit& visit) const {
 }
 
 bool World::mayEndUnanswered(const Link& link, const Visit& visit) const {
-    if (link.sendFailed || link.hostReset || network.hasFailed) return true;
+    if (link.sendFailed || link.hostReset || network.hasFailed || !link.isAccepted) return true;
     if (visit.isOrphaned) return true;
     const bool isLate = clock.now() >= link.openedAt + requestTime;
     if (!visit.isComplete && (isLate || link.processSawEnd)) return true;
