@@ -6,12 +6,12 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <map>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "faults/entries.h"
 #include "faults/injection.h"
 #include "tk/fd.h"
 #include "tk/store.h"
@@ -20,16 +20,6 @@
 namespace faults {
 
 namespace {
-
-using Entries = std::map<std::uint32_t, tk::message>;
-
-constexpr std::uint32_t revision = 1;
-
-tk::message text(const std::string& value) {
-    tk::message content;
-    content.insert_string(1, value);
-    return content;
-}
 
 /// Changes a store in another process, which gets no memory the `number`th time that it asks for some. Returns how
 /// many changes it could report, or -1 when it ended in another way than a process without memory does.

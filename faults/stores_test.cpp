@@ -3,14 +3,13 @@
 #include <string.h>
 
 #include <functional>
-#include <map>
 #include <memory>
 #include <utility>
-#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "faults/driver.h"
+#include "faults/entries.h"
 #include "faults/injection.h"
 #include "tk/store.h"
 #include "tk/testing/capturedoutput.h"
@@ -19,16 +18,6 @@
 namespace faults {
 
 namespace {
-
-using Entries = std::map<std::uint32_t, tk::message>;
-
-constexpr std::uint32_t revision = 1;
-
-tk::message text(const std::string& value) {
-    tk::message content;
-    content.insert_string(1, value);
-    return content;
-}
 
 /// A store that holds one entry, and what it must hold as far as it said so.
 class StoreWorld final : public World {
