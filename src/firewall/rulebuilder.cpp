@@ -206,8 +206,8 @@ void RuleBuilder::addToSet(const char* set, std::uint32_t setNumber, std::uint64
     nftnl_expr_set_u32(change, NFTNL_EXPR_DYNSET_SET_ID, setNumber);
     nftnl_expr_set_u32(change, NFTNL_EXPR_DYNSET_SREG_KEY, firstPart);
     if (timeoutMilliseconds != 0) nftnl_expr_set_u64(change, NFTNL_EXPR_DYNSET_TIMEOUT, timeoutMilliseconds);
-    done(nftnl_expr_set(change, NFTNL_EXPR_DYNSET_EXPR, condition,
-                        0));  // belongs to the expression from now on
+    // The condition belongs to the expression from now on.
+    done(nftnl_expr_set(change, NFTNL_EXPR_DYNSET_EXPR, condition, 0));
 }
 
 void RuleBuilder::count() {
