@@ -51,11 +51,11 @@ def shared_router(tmp_path_factory):
 
 @pytest.fixture
 def router(shared_router):
-    """That router before any set-up: each test leaves the two programs running, if it does not take so long that the daemon,
-    which is off, leaves by itself."""
+    """That router before any set-up, with a new daemon: as it is off, it leaves by itself 10 s later. Each test leaves the
+    two programs running, if it does not take that long."""
     lab = shared_router
-    if not lab.upnpd.running():
-        lab.start_upnpd()
+    lab.upnpd.stop()
+    lab.start_upnpd()
     file_of(lab).write_text(labs.SIDES)
     for item in lab.query("upnp", "interface", "list"):
         lab.tkctl("upnp", "interface", "remove", item["id"])
