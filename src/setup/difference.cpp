@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <iterator>
 #include <string_view>
 #include <vector>
 
@@ -39,7 +40,7 @@ std::vector<std::vector<std::size_t>> commonLengths(const Lines& from, const Lin
     return lengths;
 }
 
-std::vector<Step> stepsOf(const Lines& from, const Lines& to) {
+std::vector<Step> stepsBetween(const Lines& from, const Lines& to) {
     const auto lengths = commonLengths(from, to);
     std::vector<Step> steps;
     std::size_t i = 0;
@@ -54,6 +55,20 @@ std::vector<Step> stepsOf(const Lines& from, const Lines& to) {
             steps.push_back({'+', to[j++]});
         }
     }
+    return steps;
+}
+
+/// A change is small beside its file: what is the same before and after it takes no part in the search.
+std::vector<Step> stepsOf(const Lines& from, const Lines& to) {
+    const auto [left, right] = std::mismatch(from.begin(), from.end(), to.begin(), to.end());
+    const auto [leftEnd, rightEnd] = std::mismatch(from.rbegin(), std::make_reverse_iterator(left),
+                                                   to.rbegin(), std::make_reverse_iterator(right));
+    std::vector<Step> steps;
+    const auto keep = [&steps](std::string_view line) { steps.push_back({' ', line}); };
+    std::for_each(from.begin(), left, keep);
+    for (const Step& step : stepsBetween({left, leftEnd.base()}, {right, rightEnd.base()}))
+        steps.push_back(step);
+    std::for_each(leftEnd.base(), from.end(), keep);
     return steps;
 }
 

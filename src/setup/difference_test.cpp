@@ -30,6 +30,20 @@ TEST(Difference, OfLinesAtTheEnd) {
               "--- old\n+++ new\n@@ -3,3 +3,4 @@\n 3\n 4\n 5\n+x\n");
 }
 
+TEST(Difference, OfALargeFileIsFoundByItsChangeAlone) {
+    constexpr int lines = 30000;  // of which each pair would take gigabytes
+    EXPECT_EQ(difference(numbered(lines), numbered(lines, "x\n", 20000), "old", "new"),
+              "--- old\n+++ new\n@@ -19997,7 +19997,7 @@\n 19997\n 19998\n 19999\n-20000\n+x\n 20001\n "
+              "20002\n 20003\n");
+}
+
+TEST(Difference, OfALineThatIsDoubledOrHalvedIsOneLine) {
+    EXPECT_EQ(difference("a\na\n", "a\na\na\n", "old", "new"),
+              "--- old\n+++ new\n@@ -1,2 +1,3 @@\n a\n a\n+a\n");
+    EXPECT_EQ(difference("a\na\na\n", "a\na\n", "old", "new"),
+              "--- old\n+++ new\n@@ -1,3 +1,2 @@\n a\n a\n-a\n");
+}
+
 TEST(Difference, JoinsChangesThatAreNearAndPartsThoseThatAreFar) {
     const std::string from = numbered(20);
     std::string near = from;
