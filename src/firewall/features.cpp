@@ -15,6 +15,7 @@ constexpr auto first = RuleBuilder::firstPart;
 constexpr std::uint16_t anyGroup = 1;
 constexpr std::uint32_t anyRate = 1;
 constexpr std::uint32_t anyLabel = 1;
+constexpr std::uint32_t anyCount = 1;
 
 constexpr Feature features[] = {
     {"tables with an owner (Linux 5.12)", ownerFlag, "filter", NF_INET_FORWARD,
@@ -41,7 +42,10 @@ constexpr Feature features[] = {
     {"the expression log, and nfnetlink_log (Linux 3.13)", 0, "filter", NF_INET_FORWARD,
      [](RuleBuilder& rule) { rule.log(anyGroup); }},
     {"tables for IPv6 (Linux 3.13, CONFIG_NF_TABLES_IPV6), though it has IPv6", 0, "filter", NF_INET_FORWARD,
-     [](RuleBuilder& rule) { rule.rejectAsForbidden(); }, nft::ip6},
+     [](RuleBuilder& rule) { rule.rejectAsForbidden(); }, nft::ip6, &Extras::ip6},
+    {"the expression connlimit (Linux 4.18, CONFIG_NFT_CONNLIMIT), for [guard] connections", 0, "filter",
+     NF_INET_FORWARD, [](RuleBuilder& rule) { rule.limitConnections(anyCount); }, nft::ip4,
+     &Extras::limitsConnections},
 };
 
 }  // namespace
@@ -51,9 +55,9 @@ std::span<const Feature> neededFeatures() {
 }
 
 std::optional<std::string> missingFeature(netlink::Socket& socket, std::span<const Feature> wanted,
-                                          bool withIp6) {
+                                          const Extras& extras) {
     for (const Feature& feature : wanted) {
-        if (feature.family == nft::ip6 && !withIp6) continue;
+        if (feature.onlyFor && !(extras.*feature.onlyFor)) continue;
         Batch batch(socket);
         removeTable(batch, false, feature.family);
         addTable(batch, feature.tableFlags, feature.family);

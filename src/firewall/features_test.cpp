@@ -27,7 +27,7 @@ protected:
 };
 
 TEST_F(FeaturesTest, AKernelThatHasThemAllLacksNone) {
-    EXPECT_EQ(missingFeature(socket, neededFeatures(), true), std::nullopt);
+    EXPECT_EQ(missingFeature(socket, neededFeatures(), {true, true}), std::nullopt);
     EXPECT_EQ(tables(), "");
 }
 
@@ -41,9 +41,20 @@ TEST_F(FeaturesTest, TheFirstThatIsMissingIsNamed) {
                              [](RuleBuilder& rule) { rule.lookUp("nosuchset"); }};
     for (const Feature& missing : {flag, type, expression}) {
         const Feature wanted[] = {there, missing, type};
-        EXPECT_EQ(missingFeature(socket, wanted, true), missing.name);
+        EXPECT_EQ(missingFeature(socket, wanted, {}), missing.name);
         EXPECT_EQ(tables(), "");
     }
+}
+
+TEST_F(FeaturesTest, WhatIsNotNeededMayBeMissing) {
+    const auto looksUp = [](RuleBuilder& rule) { rule.lookUp("nosuchset"); };
+    const Feature forIp6[] = {{"for IPv6", 0, "filter", NF_INET_FORWARD, looksUp, nft::ip6, &Extras::ip6}};
+    EXPECT_EQ(missingFeature(socket, forIp6, {false, true}), std::nullopt);
+    EXPECT_EQ(missingFeature(socket, forIp6, {true, false}), "for IPv6");
+    const Feature ofLimit[] = {
+        {"the limit", 0, "filter", NF_INET_FORWARD, looksUp, nft::ip4, &Extras::limitsConnections}};
+    EXPECT_EQ(missingFeature(socket, ofLimit, {true, false}), std::nullopt);
+    EXPECT_EQ(missingFeature(socket, ofLimit, {false, true}), "the limit");
 }
 
 }  // namespace

@@ -222,6 +222,10 @@ void RuleBuilder::limit(std::uint32_t rate) {
     nftnl_expr_set_u32(limit, NFTNL_EXPR_LIMIT_TYPE, NFT_LIMIT_PKTS);
 }
 
+void RuleBuilder::limitConnections(std::uint32_t count) {
+    nftnl_expr_set_u32(add("connlimit"), NFTNL_EXPR_CONNLIMIT_COUNT, count);
+}
+
 void RuleBuilder::exceedsRate(const char* set, std::uint32_t setNumber, std::uint32_t rate) {
     nftnl_expr* limit = made(nftnl_expr_alloc("limit"));
     nftnl_expr_set_u64(limit, NFTNL_EXPR_LIMIT_RATE, rate);

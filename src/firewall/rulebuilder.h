@@ -78,6 +78,8 @@ public:
     void count();
     /// Goes on only for `rate` packets a second.
     void limit(std::uint32_t rate);
+    /// Goes on only for the first `count` of the connections that there are at once.
+    void limitConnections(std::uint32_t count);
 
     /// Looks up what the registers hold in the map, and loads the data. Goes on only when there is an entry.
     void translate(const char* map);

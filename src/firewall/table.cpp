@@ -96,7 +96,7 @@ tk::Status Table::open() {
 tk::Status Table::whyNotMade(const tk::Status& result) {
     if (result.code() == EPERM)
         return tk::Status::failure("nf_tables: no permission, or another process owns the table \"ip tk\"");
-    const auto missing = missingFeature(socket, neededFeatures(), guardsIp6);
+    const auto missing = missingFeature(socket, neededFeatures(), {guardsIp6, guard.connections != 0});
     if (!missing) return result.prefixed("nf_tables: ");
     return tk::Status::failure("nf_tables: this kernel lacks " + *missing);
 }
