@@ -293,9 +293,8 @@ def test_a_router_without_the_named_configuration_does_not_start(bare_lab, words
 
 def test_a_router_with_an_unknown_option_does_not_start(bare_lab):
     router = labs.Program(bare_lab, "routerd", "--nosuch")
-    assert (router.wait(), router.log) == (2, "")
-    assert router.errors.read_text().startswith(
-        f"{labs.BIN}/routerd: unrecognized option '--nosuch'\nusage: routerd [--config FILE] [--check]\n")
+    assert (router.wait(), router.errors.read_text()) == (2, "")
+    assert router.log.startswith("usage: routerd [--config FILE] [--check]\n")
 
 
 @pytest.mark.parametrize("words, status, told", [

@@ -53,7 +53,6 @@ int serve(const resolver::Settings& settings) {
     return done;
 }
 
-/// Reads the idle time.
 /// Reads the idle time: seconds in the text, ticks in the answer.
 /// Errors: none for anything but a number of seconds within the range.
 std::optional<std::uint32_t> idleTicksIn(const std::string& text) {
@@ -64,7 +63,7 @@ std::optional<std::uint32_t> idleTicksIn(const std::string& text) {
 }
 
 int misused() {
-    std::fputs(usage, stderr);
+    std::fputs(usage, stdout);
     return misuse;
 }
 
@@ -77,6 +76,7 @@ int main(int count, char** arguments) {
                                      {"version", no_argument, nullptr, versionOption},
                                      {nullptr, 0, nullptr, 0}};
     resolver::Settings settings;
+    opterr = 0;  // usage is all that is said, and where all is said
     for (int given = 0; (given = ::getopt_long(count, arguments, "", options, nullptr)) != -1;)
         switch (given) {
             case idleOption:

@@ -88,6 +88,7 @@ int main(int count, char** arguments) {
     std::string configPath = contract::usualConfiguration;
     bool isDefault = true;
     bool onlyChecks = false;
+    opterr = 0;  // usage is all that is said, and where all is said
     for (int given = 0; (given = ::getopt_long(count, arguments, "", options, nullptr)) != -1;)
         switch (given) {
             case configOption:
@@ -104,11 +105,11 @@ int main(int count, char** arguments) {
                 std::printf("routerd %s\n", tk::version());
                 return done;
             default:
-                std::fputs(usage, stderr);
+                std::fputs(usage, stdout);
                 return misuse;
         }
     if (optind < count) {
-        std::fputs(usage, stderr);
+        std::fputs(usage, stdout);
         return misuse;
     }
     router::Router::holdHangups();
