@@ -27,6 +27,12 @@ constexpr struct {
 } folders[] = {{contract::networkStores, contract::program::network},
                {contract::gatewayStores, contract::program::gateway}};
 
+/// A damaged store was kept under such a name, with a number after it where the name was taken.
+bool isKeptAside(std::string_view path) {
+    const std::size_t last = path.find_last_not_of("0123456789");
+    return path.ends_with(".damaged") || path.substr(0, last + 1).ends_with(".damaged.");
+}
+
 StoreFact lookAtStore(const char* folder, std::uint32_t program) {
     StoreFact store;
     store.folder = folder;
@@ -42,7 +48,7 @@ StoreFact lookAtStore(const char* folder, std::uint32_t program) {
     std::error_code ignored;  // a folder that closes meanwhile has no more files
     for (const auto& entry : fs::directory_iterator(folder, ignored)) {
         const std::string path = entry.path().string();
-        if (path.ends_with(".damaged")) store.damaged.push_back(path);
+        if (isKeptAside(path)) store.damaged.push_back(path);
         if (::stat(path.c_str(), &about) == 0)
             store.newest = std::max<std::int64_t>(store.newest, about.st_mtime);
     }

@@ -106,14 +106,16 @@ def test_guard_versions_stores_and_clock(bare_lab):
     assert [one["subject"] for one in found["version-differs"]] == ["upnpd"]
     assert [one["subject"] for one in found["switched-off"]] == ["upnpd"]
     assert not {"store-damaged", "store-closed", "clock-wrong"} & set(found)
-    damaged = tesk / "store" / "upnp.damaged"
-    damaged.write_text("x")
-    os.utime(damaged, (time.time() + 86400,) * 2)
+    damaged = [tesk / "store" / name for name in ("upnp.damaged", "upnp.damaged.2")]
+    for file in damaged:
+        file.write_text("x")
+        os.utime(file, (time.time() + 86400,) * 2)
     os.chown(tesk / "store", 0, 0)
     found = clinic.examine()
-    assert [one["subject"] for one in found["store-damaged"]] == ["/tesk/store/upnp.damaged"]
+    assert [one["subject"] for one in found["store-damaged"]] == [f"/tesk/store/{file.name}" for file in damaged]
     assert [one["subject"] for one in found["store-closed"]] == ["/tesk/store"]
     assert "clock-wrong" in found
-    clinic.mend(found["store-damaged"][0])
+    for one in found["store-damaged"]:
+        clinic.mend(one)
     clinic.mend(found["store-closed"][0])
     assert not {"store-damaged", "store-closed", "clock-wrong"} & set(clinic.examine())
