@@ -14,8 +14,14 @@ const InterfaceFact* interfaceWith(const BusFacts& bus, std::uint32_t id) {
     return nullptr;
 }
 
+bool hasItem(const BusFacts& bus, const InterfaceFact& interface) {
+    const auto names = [&](const RoleFact& item) { return item.interface == interface.id; };
+    return std::any_of(bus.roles.begin(), bus.roles.end(), names);
+}
+
 /// How well an interface would do for the role; 0: not at all.
 int fitness(const Facts& facts, const InterfaceFact& interface, Role role) {
+    if (hasItem(facts.bus, interface)) return 0;  // it gets no second one
     const auto wanted = role == Role::internal ? contract::Side::inside : contract::Side::outside;
     const machine::Link* link = facts.machine.links.find(interface.name);
     if (interface.side.side != wanted || !link || !link->master.empty()) return 0;
@@ -27,16 +33,26 @@ int fitness(const Facts& facts, const InterfaceFact& interface, Role role) {
     return 1 + (facts.addressesOf(interface.name).empty() ? 0 : 1) + (isUplink ? 2 : 0);
 }
 
-/// The name of the interface that is best for the role, as far as one can tell.
+/// The name of the interface that is best for the role, as far as one can tell. Empty when none would do.
 std::string candidate(const Facts& facts, Role role) {
     int best = 0;
-    std::string name = "NAME";
+    std::string name;
     for (const InterfaceFact& interface : facts.bus.interfaces) {
         const int fit = fitness(facts, interface, role);
         if (fit > best) name = interface.name;
         best = std::max(best, fit);
     }
     return name;
+}
+
+/// The line that gives the role to an interface.
+std::string mendLack(const Facts& facts, Role role) {
+    for (const RoleFact& item : facts.bus.roles)
+        if (item.role == role && item.isDisabled && !item.name.empty())
+            return "tkctl upnp interface set " + std::to_string(item.id) + " disabled=no";
+    const std::string name = candidate(facts, role);
+    const std::string add = "tkctl upnp interface add ";
+    return name.empty() ? "# " + add + "NAME " + roleName(role) : add + name + ' ' + roleName(role);
 }
 
 void judgeLack(const Facts& facts, Role role, Findings& findings) {
@@ -49,7 +65,7 @@ void judgeLack(const Facts& facts, Role role, Findings& findings) {
                         "No interface has the role " + roleName(role) + '.',
                         isInternal ? "The gateway is announced and served on internal interfaces alone."
                                    : "Mappings lead from the address of an external interface to the LAN.",
-                        {"tkctl upnp interface add " + candidate(facts, role) + ' ' + roleName(role)}});
+                        {mendLack(facts, role)}});
 }
 
 void judgeDisabled(const RoleFact& role, Findings& findings) {
