@@ -1,4 +1,4 @@
-// The port mapping actions of WANIPConnection, against a scripted firewall.
+// The actions of WANIPConnection that change port mappings, against a scripted firewall.
 
 #include "services/wanipconnection.h"
 
@@ -9,101 +9,15 @@
 
 #include <gtest/gtest.h>
 
-#include "services/testing/servicecalls.h"
-#include "services/testing/soapcalls.h"
+#include "services/testing/portmappings.h"
 #include "tk/names.h"
-#include "tk/testing/testloop.h"
 
 namespace gateway {
 
 namespace {
 
-using Texts = std::vector<std::string>;
-
 constexpr std::uint64_t firstDate = tk::testing::ManualClock::firstDate;
-const tk::Path firewall = {20, 5};
-const std::uint32_t externalAddress = inet_addr("198.51.100.1");
 const std::uint32_t client = inet_addr("192.0.2.2");
-
-tk::message reply(std::uint32_t objectId) {
-    tk::message message;
-    message.insert_u32(tk::field::objectId, objectId);
-    return message;
-}
-
-class PortMappings : public testing::Test {
-protected:
-    PortMappings() {
-        testing::internal::CaptureStdout();
-        loop.bus.answer(firewall, tk::command::addObject,
-                        [this](const tk::message&) { return reply(++lastRule); });
-        service = std::make_unique<WANIPConnection>(7, externalAddress, refused);
-        takeLog();
-    }
-    ~PortMappings() override {
-        service.reset();
-        testing::internal::GetCapturedStdout();
-    }
-
-    std::string takeLog() {
-        std::string log = testing::internal::GetCapturedStdout();
-        testing::internal::CaptureStdout();
-        return log;
-    }
-    /// The arguments of AddPortMapping in order. The defaults make a plain TCP mapping of port 80.
-    struct Mapping {
-        std::string remoteHost = "";
-        std::string externalPort = "80";
-        std::string protocol = "TCP";
-        std::string internalPort = "8080";
-        std::string internalClient = "192.0.2.2";
-        std::string enabled = "1";
-        std::string description = "web";
-        std::string lease = "0";
-    };
-    UPNPStatus addMapping(const Mapping& mapping) {
-        Texts out;
-        const UPNPStatus status =
-            call(*service, "AddPortMapping",
-                 {mapping.remoteHost, mapping.externalPort, mapping.protocol, mapping.internalPort,
-                  mapping.internalClient, mapping.enabled, mapping.description, mapping.lease},
-                 out);
-        EXPECT_EQ(out, Texts());
-        return status;
-    }
-    /// From now on the host with that address asks.
-    void askAs(std::uint32_t source) {
-        EXPECT_EQ(soapCall(*service, "GetExternalIPAddress", "", source).title, "HTTP/1.1 200 OK");
-        takeLog();
-    }
-    UPNPStatus deleteMapping(const Texts& key) {
-        Texts out;
-        return call(*service, "DeletePortMapping", key, out);
-    }
-    UPNPStatus generic(const std::string& index, Texts& out) {
-        out.clear();
-        return call(*service, "GetGenericPortMappingEntry", {index}, out);
-    }
-    UPNPStatus specific(const Texts& key, Texts& out) {
-        out.clear();
-        return call(*service, "GetSpecificPortMappingEntry", key, out);
-    }
-    std::vector<tk::message> sent(std::uint32_t command) {
-        std::vector<tk::message> contents;
-        for (const auto& request : loop.bus.requestsTo(firewall, command)) {
-            EXPECT_EQ(request.timeout, 6000u);
-            EXPECT_EQ(request.from, (tk::Path{80, 0}));
-            contents.push_back(request.content);
-        }
-        return contents;
-    }
-    std::string count() { return service->getVar("PortMappingNumberOfEntries"); }
-
-    tk::testing::TestLoop loop;
-    std::uint32_t lastRule = 40;
-    RefusedMappings refused;
-    std::unique_ptr<WANIPConnection> service;
-};
 
 tk::message createMessage(bool disabled, std::uint32_t externalPort, std::uint32_t protocol,
                           std::uint32_t internalPort) {
@@ -288,73 +202,8 @@ TEST_F(PortMappings, ARefusedRemovalKeepsTheEntry) {
     EXPECT_EQ(generic("1", out), 0);
 }
 
-const Texts dummy = {"", "0", "TCP", "0", "0.0.0.0", "0", "Dummy inactive rule for windows to work", "0"};
-
-TEST_F(PortMappings, TheDummyEntryStandsAtIndex0EvenInAnEmptyTable) {
-    Texts out;
-    EXPECT_EQ(count(), "0");  // although it is listed
-    EXPECT_EQ(generic("0", out), 0);
-    EXPECT_EQ(out, dummy);
-    EXPECT_EQ(generic("1", out), 713);
-    EXPECT_EQ(out, Texts());
-    addMapping({});
-    EXPECT_EQ(generic("0", out), 0);
-    EXPECT_EQ(out, dummy);
-    EXPECT_EQ(generic("1", out), 0);
-    EXPECT_EQ(out, (Texts{"", "80", "TCP", "8080", "192.0.2.2", "1", "web", "0"}));
-    EXPECT_EQ(generic("2", out), 713);
-}
-
-TEST_F(PortMappings, WithoutTheDummyEntryTheFirstMappingStandsAtIndex0) {
-    service->setShowDummyRule(false);
-    Texts out;
-    EXPECT_EQ(generic("0", out), 713);
-    addMapping({});
-    EXPECT_EQ(count(), "1");
-    EXPECT_EQ(generic("0", out), 0);
-    EXPECT_EQ(out[1], "80");
-    EXPECT_EQ(generic("1", out), 713);
-    EXPECT_EQ(generic("4294967295", out), 713);
-}
-
-TEST_F(PortMappings, AreListedByPortAndTcpBeforeUdpWhateverTheOrderOfCreation) {
-    for (const auto& [port, protocol] :
-         {std::pair{"443", "UDP"}, {"8080", "TCP"}, {"443", "TCP"}, {"80", "UDP"}})
-        addMapping({.externalPort = port, .protocol = protocol});
-    Texts listed, out;
-    for (const char* index : {"1", "2", "3", "4"}) {
-        EXPECT_EQ(generic(index, out), 0);
-        listed.push_back(out[1] + out[2]);
-    }
-    EXPECT_EQ(listed, (Texts{"80UDP", "443TCP", "443UDP", "8080TCP"}));
-    EXPECT_EQ(count(), "5");
-}
-
-TEST_F(PortMappings, SpecificAlwaysAnswersTheDummyForPort0OfTcp) {
-    service->setShowDummyRule(false);
-    addMapping({.externalPort = "0"});
-    Texts out;
-    EXPECT_EQ(specific({"", "0", "TCP"}, out), 0);
-    EXPECT_EQ(out, Texts(dummy.begin() + 3, dummy.end()));
-    EXPECT_EQ(specific({"", "00", "TCP"}, out), 0);  // another text: the real entry
-    EXPECT_EQ(out[1], "192.0.2.2");
-    EXPECT_EQ(specific({"", "0", "UDP"}, out), 714);
-}
-
-TEST_F(PortMappings, SpecificFailsForARemoteHostAndForAnUnknownKey) {
-    addMapping({});
-    takeLog();
-    Texts out;
-    EXPECT_EQ(specific({"x", "80", "TCP"}, out), 714);
-    EXPECT_EQ(specific({"", "81", "TCP"}, out), 714);
-    EXPECT_EQ(out, Texts());
-    EXPECT_EQ(takeLog(), "");
-    EXPECT_EQ(specific({"", "80", "TCP"}, out), 0);
-    EXPECT_EQ(out, (Texts{"8080", "192.0.2.2", "1", "web", "0"}));
-}
-
 TEST_F(PortMappings, AnInvalidClientIsTheBroadcastAddress) {
-    loop.bus.answer(firewall, tk::command::addObject, reply(1));
+    loop.bus.answer(firewall, tk::command::addObject, created(1));
     EXPECT_EQ(addMapping({.internalClient = "nonsense"}), 0);
     EXPECT_EQ(sent(tk::command::addObject).back().get_be32(1000), 0xFFFFFFFFu);
 }

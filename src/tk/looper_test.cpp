@@ -269,16 +269,21 @@ protected:
     message registration;
 };
 
+/// What program 80 asks of the hub for itself.
+message requestToHub(std::uint32_t number, std::uint32_t command) {
+    message request;
+    request.insert_u32(1, 80);
+    request.insert_u32_array(0xFF0001, {0});
+    request.insert_u32_array(0xFF0002, {80, 0});
+    request.insert_u32(0xFF0003, number);
+    request.insert_u32(0xFF0005, 1);
+    request.insert_u32(0xFF0007, command);
+    return request;
+}
+
 TEST_F(LooperJoin, RegistersTheProgramAtTheHub) {
     ASSERT_EQ(join({}), Status());
-    message expected;
-    expected.insert_u32(1, 80);
-    expected.insert_u32_array(0xFF0001, {0});
-    expected.insert_u32_array(0xFF0002, {80, 0});
-    expected.insert_u32(0xFF0003, 1);
-    expected.insert_u32(0xFF0005, 1);
-    expected.insert_u32(0xFF0007, 1);
-    EXPECT_EQ(registration, expected);
+    EXPECT_EQ(registration, requestToHub(1, 1));
 }
 
 TEST_F(LooperJoin, FailsWithTheHubsReasonWhenTheNumberIsTaken) {
@@ -347,14 +352,7 @@ TEST_F(LooperJoin, ResigningGivesTheProgramsNumberUp) {
     EXPECT_TRUE(loop.looper.resign());
     message sent;
     ASSERT_TRUE(hub.read(sent));
-    message expected;
-    expected.insert_u32(1, 80);
-    expected.insert_u32_array(0xFF0001, {0});
-    expected.insert_u32_array(0xFF0002, {80, 0});
-    expected.insert_u32(0xFF0003, 2);
-    expected.insert_u32(0xFF0005, 1);
-    expected.insert_u32(0xFF0007, 6);
-    EXPECT_EQ(sent, expected);
+    EXPECT_EQ(sent, requestToHub(2, 6));
 }
 
 TEST_F(LooperJoin, RequestsFromBeforeResigningAreServedAheadOfTimersArmedAfterwards) {
