@@ -64,7 +64,7 @@ refused() { hear "$@" | shows "^no greeting from .*: (Connection refused|timed o
 has_started() { if [[ ${started:-} == yes ]]; then interfaces_have_roles; else cat "$scratch/start.log"; last_words; false; fi; }
 
 lab_tour() {
-    echo "A router, two LAN hosts and a WAN host, each in a network namespace of its own"
+    echo "A router, two LAN hosts and two WAN hosts, each in a network namespace of its own"
     step "the lab is up: namespaces gw-$name-{router,lan1,lan2,wan,wan2}" lab/lab up "$name"
     start_gateway lan0 wan0 >"$scratch/start.log" 2>&1 && started=yes  # not in a step: that would be another shell
     step "the router runs routerd, which starts upnpd; lan0 is internal, wan0 is external" has_started
@@ -75,10 +75,10 @@ lab_tour() {
     step "from the WAN there is no way to the server yet" refused wan 198.51.100.1 80
     step "the control point maps TCP port 80 of the router to the server" map_port
     step "the administrator sees who mapped what" mapping_is_listed
-    step "the WAN host reaches the server through the mapping" greeted wan 198.51.100.1 80
+    step "a WAN host reaches the server through the mapping" greeted wan 198.51.100.1 80
     step "lan2 reaches it by the external address too" greeted lan2 198.51.100.1 80
     step "the administrator sees how much it was used" mapping_was_used
     step "the control point deletes the mapping" unmap_port
     step "the administrator sees that it is gone" no_mapping_is_listed
-    step "the WAN host does not reach the server any more" refused wan 198.51.100.1 80
+    step "that WAN host does not reach the server any more" refused wan 198.51.100.1 80
 }
