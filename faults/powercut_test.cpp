@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "faults/disk.h"
+#include "faults/entries.h"
 #include "tk/store.h"
 #include "tk/testing/capturedoutput.h"
 #include "tk/testing/folder.h"
@@ -15,17 +16,9 @@ namespace faults {
 
 namespace {
 
-using Entries = std::map<std::uint32_t, tk::message>;
 using tk::testing::Folder;
 
-constexpr std::uint32_t revision = 1;
 const std::string storePath = "store/file";
-
-tk::message text(const std::string& value) {
-    tk::message content;
-    content.insert_string(1, value);
-    return content;
-}
 
 /// The disk of a router whose store holds these entries.
 Image diskWith(const Entries& entries) {
