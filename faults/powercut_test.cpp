@@ -34,8 +34,9 @@ void write(const Folder& folder, const Image& image) {
     }
 }
 
-/// What the start after a power cut is to find.
-using Judge = std::function<void(const tk::Store& store, const std::string& logged, bool isOver)>;
+/// What the power cut is to leave on the disk, and the start after it to find.
+using Judge =
+    std::function<void(const Image& left, const tk::Store& store, const std::string& logged, bool isOver)>;
 
 /// Lets the power fail after each change that `act` makes to a disk, and starts again with each state it may have left.
 void cutPower(const Image& before, const std::function<void(tk::Store&)>& act, const Judge& judge) {
@@ -54,7 +55,7 @@ void cutPower(const Image& before, const std::function<void(tk::Store&)>& act, c
             write(afterwards, image);
             const tk::testing::CapturedOutput output;
             const tk::Store store(afterwards.file(storePath), revision);
-            judge(store, output.text(), made == changes.size());
+            judge(image, store, output.text(), made == changes.size());
             ++states;
         }
         if (made == changes.size()) break;
@@ -70,7 +71,7 @@ void cutPowerDuring(const Image& disk, const Entries& before, const Entries& aft
         EXPECT_TRUE(change(store).isOk());
         EXPECT_EQ(store.all(), after);
     };
-    cutPower(disk, act, [&](const tk::Store& store, const std::string& logged, bool isOver) {
+    cutPower(disk, act, [&](const Image&, const tk::Store& store, const std::string& logged, bool isOver) {
         EXPECT_EQ(logged, "");
         if (isOver || store.all() != before) {
             EXPECT_EQ(store.all(), after);
@@ -108,20 +109,22 @@ TEST(PowerCut, LeavesOneOfThreeContentsDuringTwoChanges) {
         EXPECT_TRUE(store.set(3, text("c")).isOk());
         EXPECT_TRUE(store.remove(2).isOk());
     };
-    cutPower(diskWith(former), act, [&](const tk::Store& store, const std::string& logged, bool isOver) {
-        EXPECT_EQ(logged, "");
-        if (isOver || (store.all() != former && store.all() != between)) {
-            EXPECT_EQ(store.all(), after);
-        }
-    });
+    cutPower(diskWith(former), act,
+             [&](const Image&, const tk::Store& store, const std::string& logged, bool isOver) {
+                 EXPECT_EQ(logged, "");
+                 if (isOver || (store.all() != former && store.all() != between)) {
+                     EXPECT_EQ(store.all(), after);
+                 }
+             });
 }
 
 TEST(PowerCut, LeavesTheOldContentOfAStagedChangeThatIsNotCommitted) {
     const auto act = [](tk::Store& store) { EXPECT_TRUE(store.stage(3, text("c")).isOk()); };
-    cutPower(diskWith(former), act, [](const tk::Store& store, const std::string& logged, bool) {
-        EXPECT_EQ(logged, "");
-        EXPECT_EQ(store.all(), former);
-    });
+    cutPower(diskWith(former), act,
+             [](const Image&, const tk::Store& store, const std::string& logged, bool) {
+                 EXPECT_EQ(logged, "");
+                 EXPECT_EQ(store.all(), former);
+             });
 }
 
 TEST(PowerCut, LeavesTheOldContentOfAChangeThatIsDiscarded) {
@@ -129,26 +132,29 @@ TEST(PowerCut, LeavesTheOldContentOfAChangeThatIsDiscarded) {
         EXPECT_TRUE(store.stageRemoval(1).isOk());
         store.discard();
     };
-    cutPower(diskWith(former), act, [](const tk::Store& store, const std::string& logged, bool) {
-        EXPECT_EQ(logged, "");
-        EXPECT_EQ(store.all(), former);
-    });
+    cutPower(diskWith(former), act,
+             [](const Image&, const tk::Store& store, const std::string& logged, bool) {
+                 EXPECT_EQ(logged, "");
+                 EXPECT_EQ(store.all(), former);
+             });
 }
 
 TEST(PowerCut, LosesNoDamagedFileThatIsKeptAside) {
     const Image damaged{{storePath, "damaged"}};
     const auto act = [](tk::Store& store) { EXPECT_TRUE(store.set(1, text("new")).isOk()); };
     const Entries after{{1, text("new")}};
-    cutPower(damaged, act, [&](const tk::Store& store, const std::string& logged, bool isOver) {
-        if (isOver || !store.all().empty()) {
-            EXPECT_EQ(store.all(), after);
-        }
-        if (store.all().empty()) {
-            EXPECT_TRUE(store.hasLostContent());
-        }
-        EXPECT_THAT(logged,
-                    ::testing::AnyOf("", ::testing::HasSubstr("damaged, or of another kind; kept as ")));
-    });
+    cutPower(
+        damaged, act, [&](const Image& left, const tk::Store& store, const std::string& logged, bool isOver) {
+            EXPECT_THAT(left, ::testing::Contains(::testing::Pair(::testing::_, "damaged")));
+            if (isOver || !store.all().empty()) {
+                EXPECT_EQ(store.all(), after);
+            }
+            if (store.all().empty()) {
+                EXPECT_TRUE(store.hasLostContent());
+            }
+            EXPECT_THAT(logged,
+                        ::testing::AnyOf("", ::testing::HasSubstr("damaged, or of another kind; kept as ")));
+        });
 }
 
 TEST(Disk, HasAFileThatWasNotSyncedInAnyStateUnderItsNameOrNot) {

@@ -108,8 +108,12 @@ Status replaceSynced(const std::string& from, const std::string& to) {
 }
 
 Status renameToFree(const std::string& from, const std::string& to) {
-    const bool isDone = ::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0;
-    return isDone ? Status() : Status::ofErrno(to, errno);
+    // Opened first, as above.
+    const Fd folder = openFolderOf(to);
+    if (!folder.isOpen() || ::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) != 0)
+        return Status::ofErrno(to, errno);
+    syncFolderOf(to, folder);
+    return {};
 }
 
 }  // namespace tk

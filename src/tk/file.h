@@ -29,7 +29,7 @@ namespace tk {
 /// Renames a file, replacing any file at `to`, and syncs their folder.
 [[nodiscard]] Status replaceSynced(const std::string& from, const std::string& to);
 
-/// Renames a file, but never over another one.
+/// Renames a file, but never over another one, and syncs their folder.
 /// Errors: EEXIST when `to` exists.
 [[nodiscard]] Status renameToFree(const std::string& from, const std::string& to);
 
