@@ -50,14 +50,17 @@ void check(const tk::Status& status) {
 enum class Judge { nobody, router };
 
 /// Replaces a file at once; it keeps its owner and mode, and links lead where they led.
-/// Errors: throws Failure when the judge refuses it; nothing has changed then.
+/// Errors: throws Failure, also when the judge refuses it; nothing has changed then.
 void writeFile(const std::string& file, const std::string& text, Judge judge) {
-    std::error_code ignored;
-    const std::filesystem::path real = std::filesystem::weakly_canonical(file, ignored);
-    const std::string path = ignored ? file : real.string();
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ignored);
+    std::error_code unknown;
+    const std::filesystem::path real = std::filesystem::weakly_canonical(file, unknown);
+    if (unknown) throw Failure(file + ": " + unknown.message());
+    const std::string path = real.string();
     struct stat present {};
     const bool exists = ::stat(path.c_str(), &present) == 0;
+    if (!exists && errno != ENOENT) throw Failure(tk::Status::ofErrno(path, errno).reason());
+    std::error_code ignored;  // writing says what is wrong
+    std::filesystem::create_directories(real.parent_path(), ignored);
     const std::string fresh = path + ".new";
     check(tk::writeSynced(fresh, text));
     const bool isOwned = !exists || ::chown(fresh.c_str(), present.st_uid, present.st_gid) == 0;
@@ -66,11 +69,10 @@ void writeFile(const std::string& file, const std::string& text, Judge judge) {
         fault = tk::Status::ofErrno(fresh, errno).reason();
     else if (judge == Judge::router)
         fault = refusalOf(fresh, file);
-    if (!fault.empty()) {
-        ::unlink(fresh.c_str());
-        throw Failure(fault);
-    }
-    check(tk::replaceSynced(fresh, path));
+    if (fault.empty()) fault = tk::replaceSynced(fresh, path).reason();
+    if (fault.empty()) return;
+    ::unlink(fresh.c_str());
+    throw Failure(fault);
 }
 
 std::uint32_t idOf(Session& session, const std::string& interface) {
