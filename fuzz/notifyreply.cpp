@@ -12,7 +12,6 @@
 #include <string>
 #include <string_view>
 
-#include "fuzz/descriptors.h"
 #include "fuzz/target.h"
 #include "tk/log.h"
 #include "tk/testing/privatenetwork.h"

@@ -11,7 +11,6 @@
 #include <string>
 #include <vector>
 
-#include "fuzz/descriptors.h"
 #include "fuzz/target.h"
 #include "net/sockets.h"
 #include "ssdp/discovery.h"

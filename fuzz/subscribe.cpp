@@ -15,7 +15,6 @@
 
 #include "contract/programs.h"
 #include "contract/resolver.h"
-#include "fuzz/descriptors.h"
 #include "fuzz/target.h"
 #include "net/convert.h"
 #include "tk/log.h"

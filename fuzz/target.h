@@ -1,10 +1,14 @@
 #pragma once
 
+#include <unistd.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string_view>
+
+#include "tk/fd.h"
 
 /// Called by libFuzzer with each input. Returns 0; an input that was not taken is no failure.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
@@ -22,6 +26,11 @@ inline void require(bool holds, const char* what) {
     if (holds) return;
     std::fprintf(stderr, "broken: %s\n", what);
     std::abort();
+}
+
+/// The number that the next descriptor gets. It is the same before and after what gives all of its own back.
+inline int nextDescriptor() {
+    return tk::Fd(::dup(STDERR_FILENO)).get();
 }
 
 }  // namespace fuzz

@@ -1,8 +1,6 @@
 // What the linker calls instead of the kernel's functions. Each calls the network if there is one and the descriptor
 // is one of its own, else the function itself.
 
-#include "fuzz/gateway/calls.h"
-
 #include <fcntl.h>
 #include <poll.h>
 #include <stdarg.h>

@@ -8,7 +8,6 @@
 #include <utility>
 
 #include "contract/ports.h"
-#include "fuzz/gateway/calls.h"
 #include "fuzz/target.h"
 #include "tk/status.h"
 

@@ -165,4 +165,8 @@ private:
     std::uint64_t restEnds = 0;
 };
 
+/// Leads the process's calls on sockets to a network, as calls.cpp does; null leads all of them to the kernel
+/// again.
+void lead(Network* network);
+
 }  // namespace fuzz
