@@ -2,6 +2,7 @@
 import concurrent.futures
 import contextlib
 import ctypes
+import fcntl
 import itertools
 import json
 import os
@@ -266,7 +267,11 @@ class Lab:
         self.wan = Host(self, "wan", WAN)
         self.wan2 = Host(self, "wan2", WAN2)
         self.routerd = self.upnpd = None
-        subprocess.run([LAB, "up", self.name], check=True, timeout=60, env={**os.environ, "GATEWAY_BIN": str(BIN)})
+        try:
+            subprocess.run([LAB, "up", self.name], check=True, timeout=60, env={**os.environ, "GATEWAY_BIN": str(BIN)})
+        except BaseException:
+            self.down()  # nobody else knows of what is there already
+            raise
         # Tests start the programs themselves, so that each has a log of its own, unless they ask for this file.
         etc = self.root / "tesk" / "etc"
         (etc / "router.toml").rename(etc / "lab.toml")
@@ -358,8 +363,11 @@ class Lab:
 
 
 def remove_leftovers():
-    """Takes down the labs that aborted test runs left behind."""
-    for name in subprocess.run([LAB, "list"], capture_output=True, text=True, check=True).stdout.split():
-        words = name.split("-")
-        if words[0] == "test" and len(words) == 3 and not os.path.exists(f"/proc/{words[1]}"):
-            subprocess.run([LAB, "down", name], check=True, timeout=60)
+    """Takes down the labs that aborted test runs left behind. Runs that begin together take turns: what one has
+    removed, the next does not find."""
+    with open("/run/gateway-lab.lock", "w") as turn:  # no lab's folder: those begin with gateway-lab-
+        fcntl.flock(turn, fcntl.LOCK_EX)
+        for name in subprocess.run([LAB, "list"], capture_output=True, text=True, check=True).stdout.split():
+            words = name.split("-")
+            if words[0] == "test" and len(words) == 3 and not os.path.exists(f"/proc/{words[1]}"):
+                subprocess.run([LAB, "down", name], check=True, timeout=60)
