@@ -46,3 +46,9 @@ def test_a_skipped_test_of_a_program_has_failed(tmp_path):
     results = write(tmp_path / "r.xml", "<testsuite>" + program("tk", "run") + "</testsuite>")
     write(tmp_path / "tk_test.xml", '<testsuites><testsuite tests="7" failures="0" skipped="2"/></testsuites>')
     assert tally(results, tmp_path) == "5 passed, 2 failed"
+
+
+def test_a_program_that_ran_no_test_has_failed(tmp_path):
+    results = write(tmp_path / "r.xml", "<testsuite>" + program("tk", "run") + "</testsuite>")
+    write(tmp_path / "tk_test.xml", '<testsuites tests="0"/>')
+    assert tally(results, tmp_path) == "0 passed, 1 failed"
