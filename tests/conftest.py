@@ -10,6 +10,8 @@ import control_point  # noqa: E402
 import labs  # noqa: E402
 import sanitizer  # noqa: E402
 
+late = []  # what the programs have reported after the last test
+
 
 def pytest_configure(config):
     # What fails on a thread fails the test during which it does, as nobody else might look.
@@ -33,8 +35,18 @@ def pytest_terminal_summary(terminalreporter):
     bystanders.tell(terminalreporter)
 
 
-def pytest_sessionfinish():
-    sanitizer.close()
+@pytest.hookimpl(optionalhook=True)
+def pytest_testnodedown(node):
+    """The end of a process that has run some of the tests. What fails there is told to nobody."""
+    late.extend(getattr(node, "workeroutput", {}).get("late", ()))
+
+
+def pytest_sessionfinish(session):
+    late.extend(sanitizer.close())
+    if hasattr(session.config, "workerinput"):
+        session.config.workeroutput["late"] = late
+    elif late:
+        pytest.exit("\n".join(late), returncode=3)
 
 
 @pytest.fixture(autouse=True, scope="module")
