@@ -19,159 +19,23 @@ FOLDER = pathlib.Path(__file__).resolve().parent
 sys.path += [str(FOLDER.parent / name) for name in (".", "router", "crash")]
 
 import bus  # noqa: E402
-import control_point  # noqa: E402
 import gauges  # noqa: E402
 import labs  # noqa: E402
 import nameserver  # noqa: E402
 import rounds  # noqa: E402
 import slopes  # noqa: E402
 import workload  # noqa: E402
-from beliefs import Key, State  # noqa: E402
+from clients import Client, Guest, Helper, Rules  # noqa: E402
 from disturbances import Router  # noqa: E402
-from workload import EXTERNALS, TARGET_PORTS, ControlPoint, RuleMaker, status_of  # noqa: E402
+from workload import EXTERNALS, status_of  # noqa: E402
 
 BUSY_SECONDS = 6
 REST_SECONDS = 45     # until everything that has a time limit is over: requests 10 s, deliveries 30 s, names 6 s
 FEW_CONNECTIONS = 10  # that the kernel may still know at rest
 SAMPLE_SECONDS = 3    # between samples while the router is busy
-FIRST_GUEST = 100     # of 192.0.2.0/24
 NUISANCE = "192.0.2.90"
 HISTORY = 120         # changes before the first cycle, so that the history of 100 is full from then on
 LAB_FILE = "lab.toml"
-
-
-class Guest(labs.Host):
-    """One of many hosts behind the same link: an address of lan1 or lan2."""
-
-    def __init__(self, host, number):
-        super().__init__(host.lab, host.name, f"192.0.2.{FIRST_GUEST + number}")
-        self.target = host.address  # where somebody answers on the target ports
-        self.label = f"guest{number}"
-
-    def connect(self, address, port, seconds=labs.PATIENCE):
-        """Waits longer than its callers would: the listener's queue is short, so a busy router drops some attempts, and the
-        next one follows after 1 s, 2 s, 4 s."""
-        made = self.socket(seconds=max(seconds, labs.PATIENCE))
-        try:
-            made.bind((self.address, 0))
-            made.connect((address, port))
-        except OSError:
-            made.close()
-            raise
-        return made
-
-    def vanish(self, gone):
-        """From now on no packet comes from the host or reaches it; or it is back."""
-        self.run("nft", "add" if gone else "delete", "element", "ip", "guests", "gone", f"{{ {self.address} }}")
-
-
-class Client(ControlPoint):
-    """A guest that searches, describes, maps, lists, unmaps, subscribes, and vanishes."""
-    longest_pause = 2.0
-    KINDS = {"search": 3, "describe": 3, "add": 4, "delete": 3, "look": 3, "subscribe": 1, "vanish": 3}
-    VANISH_SECONDS = 2  # after which nobody vanishes: what is left behind lasts 10 s, and so does not delay the rest
-
-    def __init__(self, guest, interfaces, sids, seed, number):
-        super().__init__(guest, interfaces, sids, seed, 1 << 30)
-        self.base = 10000 + 8 * number
-        self.done = collections.Counter()
-        self.began = time.monotonic()
-
-    def step(self):
-        kind = self.random.choices(list(self.KINDS), list(self.KINDS.values()))[0]
-        if kind == "vanish" and time.monotonic() > self.began + self.VANISH_SECONDS:
-            return
-        self.done[kind] += 1
-        place = self.random.choice(EXTERNALS)
-        if kind in ("add", "delete"):
-            self.change(place, kind == "add")
-        else:
-            getattr(self, kind)(place)
-
-    def search(self, _):
-        with self.host.datagrams() as searching:
-            searching.sendto(control_point.search(self.random.choice(("ssdp:all", "upnp:rootdevice"))).encode(),
-                             control_point.GROUP)
-
-    def describe(self, _):
-        workload.ask(self.host, f"GET /gateway.xml HTTP/1.1\r\nHOST: {labs.ROUTER_LAN}:{control_point.PORT}\r\n\r\n")
-
-    def change(self, place, adds):
-        key = Key(place, self.base + self.random.randrange(3), self.random.choice(("tcp", "udp")))
-        begun, wanted = time.monotonic(), None
-        if adds:
-            wanted = State(None, self.host.target, self.random.choice(TARGET_PORTS), self.random.random() < 0.8)
-            answer = workload.add_mapping(self.host, self.interfaces[place], key.port, key.protocol, *wanted[1:])
-        else:
-            answer = workload.delete_mapping(self.host, self.interfaces[place], key.port, key.protocol)
-        self.note(begun, key, wanted, status_of(answer))
-
-    def look(self, place):
-        for index in range(self.random.randrange(1, 4)):
-            workload.call(self.host, self.interfaces[place], "GetGenericPortMappingEntry", [("NewPortMappingIndex", index)])
-
-    def subscribe(self, place):
-        """By a name or an address. One that is subscribed already renews, unsubscribes, or forgets what it had."""
-        interface, known = self.interfaces[place], self.sids.get((self.host.label, place))
-        kind = self.random.randrange(3)
-        if known is None:
-            callback = self.random.choice((f"{self.host.label}.home:5000", f"{self.host.address}:5000"))
-            answer = workload.subscribe(self.host, interface, callback)
-            if sid := workload.sid_in(answer):
-                self.sids[self.host.label, place] = sid
-        elif kind == 0:
-            workload.subscription(self.host, interface, SID=known, TIMEOUT="Second-1800")
-        elif kind == 1:
-            workload.subscription(self.host, interface, SID=known)
-            del self.sids[self.host.label, place]
-
-    def vanish(self, _):
-        """Goes in the middle of a request, and comes back when the router may have noticed."""
-        request = f"POST /upnp/control/wanipconn-1 HTTP/1.1\r\nContent-Length: {self.random.randrange(1, 9999)}\r\n\r\n<"
-        try:
-            connection = self.host.connect(labs.ROUTER_LAN, control_point.PORT, seconds=workload.ANSWER_SECONDS)
-        except OSError:  # the router is disturbed
-            return
-        connection.sendall(request[:self.random.randrange(1, len(request))].encode())
-        self.host.vanish(True)
-        connection.close()
-        self.ended.wait(self.random.uniform(0.3, 3))
-        self.host.vanish(False)
-
-
-class Rules(RuleMaker):
-    longest_pause = 0.5
-
-
-class Helper:
-    """A program of this folder that runs on a LAN host, between "go" and "stop"."""
-
-    def __init__(self, host, name, *words):
-        self.errors = host.lab.directory / f"{name}.err"
-        with open(self.errors, "wb") as errors:
-            self.process = subprocess.Popen(host.command(sys.executable, FOLDER / f"{name}.py", *words), text=True,
-                                            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=errors)
-
-    def go(self):
-        self.process.stdin.write("go\n")
-        self.process.stdin.flush()
-
-    def stop(self):
-        """Returns the lines that it has printed since it went."""
-        self.process.stdin.write("stop\n")
-        self.process.stdin.flush()
-        told = []
-        while True:
-            line = self.process.stdout.readline()
-            assert line, f"{self.process.args} has ended: {self.errors.read_text()}"
-            told.append(line.strip())
-            if line.startswith("stopped"):
-                return told
-
-    def close(self):
-        self.process.stdin.close()
-        self.process.wait(labs.PATIENCE)
-        self.process.stdout.close()
 
 
 class Disturber(Router):
