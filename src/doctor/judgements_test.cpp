@@ -291,5 +291,18 @@ TEST_P(Judgement, FindsExactlyWhatIsWrong) {
 INSTANTIATE_TEST_SUITE_P(Faults, Judgement, testing::ValuesIn(cases),
                          [](const auto& row) { return std::string(row.param.name); });
 
+TEST(Judgement, ProposesOnlyRolesThatCanBeGiven) {
+    const auto proposed = [](const Facts& facts) {
+        for (const Finding& finding : judge(facts))
+            if (finding.code == "no-internal-role") return finding.mend;
+        return std::vector<std::string>();
+    };
+    Facts facts = healthy();
+    facts.bus.roles[0].isDisabled = true;
+    EXPECT_EQ(proposed(facts), std::vector<std::string>{"tkctl upnp interface set 1 disabled=no"});
+    facts.bus.roles[0].role = Role::external;  // an interface has one item at most
+    EXPECT_EQ(proposed(facts), std::vector<std::string>{"# tkctl upnp interface add NAME internal"});
+}
+
 }  // namespace
 }  // namespace doctor
