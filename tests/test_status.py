@@ -392,6 +392,8 @@ def completed(lab, line):
     ("tkctl nat list --js", ["--json"]),
     ("tkctl setup --lan lan", ["lan0", "lanp1", "lanp2"]),
     ("tkctl setup --lan lan0 --wan w", ["wan0", "wan1"]),
+    ("tkctl setup --config /tesk/etc/rou", ["/tesk/etc/router.toml"]),
+    ("tkctl --socket /run/tk/b", ["/run/tk/bus"]),
     ("tkctl help upnp g", ["get"]),
     ("tkctl nosuch ", []),
 ], ids=str)
@@ -402,6 +404,7 @@ def test_bash_completes(lab, line, offers):
 # What zsh gives the completion to work with, and the answer as lines.
 ZSH = """
 _describe() {{ (( ${{#${{(P)2}}}} == 0 )) || print -rl -- "${{(@P)2}}" }}
+_files() {{ print FILES }}
 words=("$@") CURRENT=$#
 source {file}
 """
@@ -410,6 +413,8 @@ source {file}
 @pytest.mark.parametrize("words, offers", [
     (("upnp", "interface", "ad"), ["add:Give an interface a role; prints the id of the new item"]),
     (("upnp", "set", "enabled="), ["enabled=yes", "enabled=no"]),
+    (("setup", "--config", "/"), ["FILES"]),
+    (("--socket", "/"), ["FILES"]),
     (("nosuch", ""), []),
 ], ids=str)
 def test_zsh_completes(lab, words, offers):

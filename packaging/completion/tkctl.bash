@@ -8,7 +8,7 @@ _tkctl() {
     local last=${words[-1]}
     # The shell splits words at these characters, and replaces only what follows them.
     local kept=${last%"${last##*[=:]}"}
-    if [[ ${words[-2]} == --socket ]]; then
+    if [[ ${words[-2]} == --socket || ${words[-2]} == --config ]]; then
         mapfile -t COMPREPLY < <(compgen -f -- "$last")
         return
     fi
