@@ -210,7 +210,7 @@ def test_a_call_answers_with_the_whole_reply(lab):
 
 
 def test_a_call_takes_fields_of_every_type(lab):
-    """A rule set by hand is like any other: unless told otherwise, it goes with the connection that made it."""
+    """A rule set by hand stays until it is removed, unless it is called dynamic."""
     reply = lab.query("bus", "call", "20,5", "0xFE0005", "0xFE000A:bool=no", "39:string=dstnat", "419:bool=yes",
                       f"52:be32={ROUTER_WAN}", f"53:be32={ROUTER_WAN}", "406:bool=1", "9:u32=81", "0xa:u32=81",
                       "404:bool=true", "11:u32=6", "40:u32=22", "1006:bool=yes", f"1000:be32={LAN1}", f"1001:be32={LAN1}",
