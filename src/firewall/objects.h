@@ -67,7 +67,7 @@ struct GuardConfig {
 //             meta skuid @guarded jump daemon
 //         }
 //         chain daemon {
-//             fib daddr type != local ip daddr @inside accept
+//             fib daddr type != local oif . oif @hairpin ip daddr @inside accept
 //             ip daddr 239.255.255.250 udp dport 1900 oif . oif @hairpin accept
 //             meta l4proto tcp reject with tcp reset
 //             reject with icmp admin-prohibited
