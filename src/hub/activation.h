@@ -46,7 +46,7 @@ private:
 
 /// Starts the programs of the configuration when the hub asks for them or the router starts, restarts them
 /// after a crash, and ends them with the router.
-///  A unit belongs to systemd: a command asks for it, and the command's success is not the program's end.
+/// A unit belongs to systemd: a command asks for it, and the command's success is not the program's end.
 /// Until its process has ended, systemd considers a unit running even if the program has left the bus. So it
 /// is asked again, each second, for a program that is awaited and does not come. A trigger asks likewise, but
 /// nobody tells whether it was heard: for a program that runs with the router it is pulled until that comes.

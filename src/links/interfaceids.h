@@ -15,7 +15,7 @@ namespace links {
 /// even while there is no such interface, and no id is ever given to another name. When there are more names
 /// than the limit, absent ones are forgotten; one that comes again gets a new id. When the store is lost, all
 /// names get ids that none had before: an old id then refers to no interface, rather than to a wrong one.
-///  New names are stored together, shortly after they came. Ids are reserved in the store before they are
+/// New names are stored together, shortly after they came. Ids are reserved in the store before they are
 /// given, many with one write: if a crash keeps a name from being stored, its id is never given again.
 class InterfaceIds {
 public:

@@ -16,7 +16,7 @@ namespace links {
 
 /// What the configuration says about the router's inside. A value.
 struct LanConfig {
-    std::optional<std::vector<std::string>> interfaces;  // inside; empty: routes decide
+    std::optional<std::vector<std::string>> interfaces;  // inside; none: routes decide
     std::vector<Prefix> networks;                        // inside, not directly connected
 
     bool operator==(const LanConfig&) const = default;
@@ -40,7 +40,7 @@ public:
 };
 
 /// Knows which interfaces and addresses are inside and which outside. Whoever has to know asks here.
-///  If the configuration names the inside interfaces, all others are outside. If it does not, an interface is
+/// If the configuration names the inside interfaces, all others are outside. If it does not, an interface is
 /// outside when it carries, or once carried, a route beyond the private ranges, and so are the devices below
 /// it: an interface does not become inside because its routes went. These interfaces are remembered by name,
 /// as one that comes back has another index. Loopback is neither.

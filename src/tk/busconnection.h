@@ -13,7 +13,7 @@
 namespace tk {
 
 /// A program's connection to the hub.
-///  What arrives during an exchange is kept; the loop hands it on afterwards, in the order of arrival. When
+/// What arrives during an exchange is kept; the loop hands it on afterwards, in the order of arrival. When
 /// there is no room left, a request is refused; anything else costs the connection.
 /// The end of a request that was sent by ask() is handed on like the rest. An end that nobody waits for any
 /// more is discarded.

@@ -39,7 +39,7 @@ constexpr std::uint32_t readable = 1;
 constexpr std::uint32_t writable = 4;
 
 /// Watches sockets and runs timers, all on the caller's thread.
-///  Callbacks may add and remove any registration, including their own, and may delete their own object. Once
+/// Callbacks may add and remove any registration, including their own, and may delete their own object. Once
 /// a registration is removed, or its descriptor closed and used again, events from before reach nobody.
 class Runner {
 public:
