@@ -113,8 +113,10 @@ public:
         return outcome;
     }
     std::string contradiction() override { return broken; }
-    /// An administrator puts back what could not be read.
+    /// An administrator puts back what could not be read, and the subscriber drops what ended before it was heard.
     void recover() override {
+        while (subscriber.acceptNow().isOpen()) {
+        }
         for (const std::string store : {"store/upnp", "store/upnpm"})
             if (folder.has(store + ".damaged"))
                 std::filesystem::rename(folder.file(store + ".damaged"), folder.file(store));
