@@ -27,7 +27,7 @@ namespace faults {
 
 namespace {
 
-constexpr std::chrono::milliseconds patience{300};
+constexpr std::chrono::milliseconds patience{1000};
 
 /// A launcher and a program that runs until it is told to end.
 class LauncherWorld final : public World {
