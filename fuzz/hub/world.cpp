@@ -33,6 +33,7 @@ constexpr std::size_t kernelBytes = std::size_t{32} * 1024;
 // What the hub keeps for a request or a subscription: at least, and at most beside the frame's own size.
 constexpr std::size_t smallestCost = 64;
 constexpr std::size_t largestExtra = 8192;
+constexpr std::uint32_t ownRequester = 0;  // the number that the hub's own handlers have
 
 /// Without the text of an error, also of one that is shown to a tracer.
 tk::message withoutText(tk::message source) {
@@ -130,32 +131,43 @@ void HubWorld::agree() {
         require(bus.hub.isHeard(from, tk::command::objectsChanged) ==
                     model.isHeard(from, tk::command::objectsChanged),
                 "only subscribers and tracers hear");
-    agreeOnAccount();
+    agreeOnAccounts();
     for (std::size_t i = 0; i < actors.size(); ++i)
         if (model.peers[i].unread > unreadLimit) read(i);
 }
 
-void HubWorld::agreeOnAccount() {
-    const std::size_t used = bus.hub.budgetOf(poorUser, 0).usedBytes();
-    require(used <= hub::Budgets::userLimit + overdraft, "no user takes more than its account");
-    // Of who has left, a request may still wait for its program to read it.
-    const std::size_t ours = isPoor() ? filling.front().bytes() : 0;
-    require(used >= ours + keptForPoor(), "what is kept is charged to whom it is kept for");
-}
-
-/// What the hub keeps for the poor user at least.
-std::size_t HubWorld::keptForPoor() const {
-    std::size_t kept = 0;
+/// What pays for the peers, also for those that have left, and for the hub's own handlers.
+std::map<const tk::Budget*, HubWorld::Account> HubWorld::accounts() {
+    std::map<const tk::Budget*, Account> found;
+    found[&bus.hub.budgetOf(0, ownRequester)].limit = hub::Budgets::rootLimit;
     for (std::size_t i = 0; i < actors.size(); ++i) {
         const HubModel::Peer& peer = model.peers[i];
-        if (!peer.isOpen || peer.user != poorUser) continue;
-        kept += model.keptFor(peer);
-        std::size_t elsewhere = kernelBytes;
-        if (peer.unread <= elsewhere) continue;
-        for (const tk::message& fetched : actors[i].inbox) elsewhere += fetched.serialise().size();
-        if (peer.unread > elsewhere) kept += peer.unread - elsewhere;
+        Account& account = found[&bus.hub.budgetOf(peer.user, peer.number)];
+        account.limit = peer.user == 0 ? hub::Budgets::rootLimit : hub::Budgets::userLimit;
+        // Of who has left, a request may still wait for its program to read it.
+        if (peer.isOpen) account.kept += keptFor(i);
     }
-    return kept;
+    if (isPoor()) found[&bus.hub.budgetOf(poorUser, 0)].kept += filling.front().bytes();
+    return found;
+}
+
+void HubWorld::agreeOnAccounts() {
+    for (const auto& [budget, account] : accounts()) {
+        require(budget->usedBytes() <= account.limit + overdraft, "nobody takes more than its account");
+        require(budget->usedBytes() >= account.kept, "what is kept is charged to whom it is kept for");
+    }
+}
+
+/// What the hub keeps for an open peer at least.
+std::size_t HubWorld::keptFor(std::size_t number) const {
+    const HubModel::Peer& peer = model.peers[number];
+    const std::size_t kept = model.keptFor(peer);
+    const bool isOrWasProgram =
+        peer.program != 0 || peer.former != 0;  // who asks it pays for what it has not read
+    std::size_t elsewhere = kernelBytes;
+    if (peer.unread <= elsewhere || isOrWasProgram) return kept;
+    for (const tk::message& fetched : actors[number].inbox) elsewhere += fetched.serialise().size();
+    return kept + (peer.unread > elsewhere ? peer.unread - elsewhere : 0);
 }
 
 void HubWorld::agreeOnOwn() {
@@ -316,7 +328,8 @@ void HubWorld::finish() {
     }
     for (std::size_t i = 0; i < actors.size(); ++i)
         if (isOpen(i)) leave(i);
-    require(bus.hub.budgetOf(poorUser, 0).usedBytes() == 0, "nothing is charged for nobody");
+    for (const auto& [budget, account] : accounts())
+        require(budget->usedBytes() == 0, "nothing is charged for nobody");
     bus.hub.close();
     require(bus.looper.runner().socketCount() == socketsAtFirst, "no descriptor is watched any more");
     require(bus.looper.runner().timerCount() == timersAtFirst, "no timer is armed any more");

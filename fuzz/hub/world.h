@@ -4,12 +4,14 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "fuzz/hub/model.h"
+#include "hub/budgets.h"
 #include "hub/hub.h"
 #include "hub/testing/testhub.h"
 #include "tk/budget.h"
@@ -63,6 +65,10 @@ private:
         std::vector<tk::message> inbox;  // read, and not compared yet
         std::vector<tk::message> requests;
     };
+    struct Account {
+        std::size_t limit = hub::Budgets::userLimit;
+        std::size_t kept = 0;  // for its peers, at least
+    };
     class Router final : public tk::Handler {
     public:
         explicit Router(HubWorld& world) : world(world) {}
@@ -87,8 +93,9 @@ private:
     void settle();
     void agree();
     void agreeOnOwn();
-    void agreeOnAccount();
-    std::size_t keptForPoor() const;
+    std::map<const tk::Budget*, Account> accounts();
+    void agreeOnAccounts();
+    std::size_t keptFor(std::size_t number) const;
 
     std::vector<std::uint32_t> registrations;
     std::vector<std::uint32_t> gone;
