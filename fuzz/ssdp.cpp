@@ -2,6 +2,7 @@
 // are answered, with the entries that they ask for, and nobody but the asker hears of it. Two hosts ask in
 // turn, by whether the datagram's length is odd.
 #include <arpa/inet.h>
+#include <errno.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -139,8 +140,10 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const Host& asker = size % 2 == 0 ? lan.one : lan.other;
     const Host& bystander = size % 2 == 0 ? lan.other : lan.one;
     const sockaddr_in& to = lan.gateway.address;
-    if (::sendto(asker.socket.get(), data, size, 0, reinterpret_cast<const sockaddr*>(&to), sizeof to) < 0)
-        return 0;  // longer than a datagram
+    if (::sendto(asker.socket.get(), data, size, 0, reinterpret_cast<const sockaddr*>(&to), sizeof to) < 0) {
+        fuzz::require(errno == EMSGSIZE, "what is no longer than a datagram is sent");
+        return 0;
+    }
     const int next = fuzz::nextDescriptor();
     lan.host.lookups = 0;
     lan.discovery.ssdpRead(lan.gateway.socket.get(), tk::readable);
