@@ -217,7 +217,9 @@ void World::notified(Link& link) {
     for (const gateway::Service* service : services()) {
         const auto subscription = service->subscriptions.find(sidOf(notify));
         if (subscription == service->subscriptions.end()) continue;
-        isSubscribed = subscription->second->address == link.host && subscription->second->port == link.port;
+        const gateway::Subscription& to = *subscription->second;
+        isSubscribed = to.address == link.host && to.port == link.port &&
+                       notify.title == "NOTIFY " + to.path + " HTTP/1.1";
     }
     require(isSubscribed, "only a subscriber is notified, where it wants to be");
     const std::uint32_t number = gateway::toUnsigned(notify.get("SEQ"));
