@@ -177,7 +177,7 @@ std::vector<const gateway::Service*> World::services() const {
 
 void World::datagramSent(const Network::Datagram& datagram) {
     if (datagram.text.empty()) {
-        unheard.insert(datagram.descriptor);
+        unheard[datagram.descriptor] = clock.now();
         return;
     }
     if (datagram.to != inet_addr(contract::ssdpGroup)) {
@@ -192,6 +192,18 @@ void World::datagramSent(const Network::Datagram& datagram) {
         heard[datagram.descriptor][name] = {headerOf(text, "\r\nLOCATION: "), clock.now()};
     else
         heard[datagram.descriptor].erase(name);
+}
+
+/// True when something that was to be sent from this socket lately has not reached the hosts. Once all that they had
+/// heard until then has ended, they must have heard everything anew.
+bool World::isUnheard(int socket) {
+    const auto failed = unheard.find(socket);
+    if (failed == unheard.end()) return false;
+    const std::uint64_t failedAt = failed->second;
+    if (clock.now() < failedAt + advertTime) return true;
+    std::erase_if(heard[socket], [failedAt](const auto& entry) { return entry.second.at <= failedAt; });
+    unheard.erase(failed);
+    return false;
 }
 
 void World::received(Link& link) {
@@ -230,7 +242,7 @@ void World::notified(Link& link) {
 }
 
 void World::closed(int descriptor) {
-    const bool isSilent = heard[descriptor].empty() || unheard.contains(descriptor);
+    const bool isSilent = isUnheard(descriptor) || heard[descriptor].empty();
     require(isSilent, "what is announced is withdrawn before the interface falls silent");
     heard.erase(descriptor);
     unheard.erase(descriptor);

@@ -23,6 +23,9 @@ using Names = std::multiset<std::pair<std::string, std::string>>;
 /// The daemon between a router, a network and time, all of which the input moves; and what always holds of it.
 class World {
 public:
+    /// How long an advert lasts.
+    /// Units: milliseconds.
+    static constexpr std::uint64_t advertTime = 3600000;
     /// Interfaces have ids below this.
     static constexpr std::uint32_t interfaceLimit = 8;
 
@@ -95,6 +98,7 @@ private:
     std::vector<const gateway::Service*> services() const;
     const gateway::HTTPServer::Connections& connections() const;
     void datagramSent(const Network::Datagram& datagram);
+    bool isUnheard(int socket);
     void received(Link& link);
     void sent(Link& link);
     void notified(Link& link);
@@ -103,7 +107,7 @@ private:
     void checkLog();
     void checkLoop();
     void checkRetired() const;
-    void checkTree() const;
+    void checkTree();
     void checkAnnounced(const gateway::Device& device, const Names& expected) const;
     void checkRoles() const;
     void checkRules() const;
@@ -120,9 +124,9 @@ private:
     std::unique_ptr<gateway::Gateway> daemon;
     std::map<const Link*, Visit> visits;
     std::map<std::string, std::uint32_t> sequence;  // the number of the next NOTIFY, by subscription
-    // What hosts have heard, by the descriptor that it came from; and where something could not be sent.
+    // What hosts have heard, by the descriptor that it came from; and when something could last not be sent.
     std::map<int, std::map<Names::value_type, Advert>> heard;
-    std::set<int> unheard;
+    std::map<int, std::uint64_t> unheard;
 };
 
 }  // namespace fuzz

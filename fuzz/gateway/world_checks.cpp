@@ -36,7 +36,6 @@ constexpr std::size_t descriptionFloor = std::size_t{16} * 1024;
 constexpr std::uint64_t requestTime = 10000;  // milliseconds, as all that follow
 constexpr std::uint64_t questionTime = 6000;
 constexpr std::uint64_t deliveryTime = 30000;
-constexpr std::uint64_t advertTime = 3600000;
 
 /// True when the bytes are one whole response and nothing more.
 bool isOneResponse(const std::string& bytes) {
@@ -174,7 +173,7 @@ Names World::expectedNames() const {
 }
 
 /// What is described, found and announced is what the interfaces say.
-void World::checkTree() const {
+void World::checkTree() {
     const Names expected = expectedNames();
     const gateway::AdvertTargets& targets = daemon->announced().targets();
     require(Names(targets.begin(), targets.end()) == expected, "searches find the tree as it is");
@@ -188,8 +187,7 @@ void World::checkTree() const {
         require(isExternal == (device->commonConfig != nullptr), "and it has both");
         if (device->startedAs == gateway::Role::none) continue;
         require(isEnabled(), "a role is started only while UPnP is on");
-        if (device->ssdpSocket > 0 && !unheard.contains(device->ssdpSocket))
-            checkAnnounced(*device, expected);
+        if (device->ssdpSocket > 0 && !isUnheard(device->ssdpSocket)) checkAnnounced(*device, expected);
     }
 }
 
