@@ -80,7 +80,7 @@ class World(rounds.World):
         super().__init__(directory, seed)
         self.guests = [Guest((self.lab.lan1, self.lab.lan2)[number % 2], number) for number in range(clients)]
         self.series, self.seconds = slopes.Series(), collections.defaultdict(list)
-        self.done, self.helpers, self.nuisances, self.log_rate = collections.Counter(), [], 0, 0.0
+        self.done, self.helpers, self.nuisances, self.log_rate = collections.Counter(), [], {}, 0.0
 
     def up(self):
         lab = self.lab
@@ -141,7 +141,7 @@ class World(rounds.World):
         with Sampler(self):
             self.disturb_for(BUSY_SECONDS, chance)
         self.observed(self.observer.stop())
-        self.nuisances = int(self.nuisance.stop()[-1].split()[1])
+        self.nuisances = json.loads(self.nuisance.stop()[-1].removeprefix("stopped "))
         self.collect(clients, maker)
         self.log_rate = (self.log_length() - mark) / (time.monotonic() - began)
         assert self.running() == before, f"a program has ended by itself: {before} are now {self.running()}"
@@ -287,13 +287,14 @@ def run(directory, seed, seconds, clients=30, report=print, latest=slopes.LATEST
 def summary(world, seconds, latest):
     trends = world.series.trends()
     assert len(world.seconds) == 4, f"not all kinds of answers were measured: {list(world.seconds)}"
+    assert all(world.nuisances.values()), f"the hostile host has not done all it can: {world.nuisances}"
     answers = [slopes.lateness(kind, found, latest) for kind, found in sorted(world.seconds.items())]
     wrong = [one.name for one in trends if one.is_wrong] + [one.kind for one in answers if one.is_wrong]
-    done, disturbed = (", ".join(f"{name} {count}" for name, count in sorted(counter.items()))
-                       for counter in (world.done, world.disturbances))
+    done, disturbed, hostile = (", ".join(f"{name} {count}" for name, count in sorted(counter.items()))
+                                for counter in (world.done, world.disturbances, world.nuisances))
     text = "\n".join([
         f"seed {world.seed}: {len(world.guests)} clients, {world.figures['rounds']} cycles in {seconds:.0f} s",
-        f"done by clients: {done}", f"done to the router: {disturbed}; by a hostile host: {world.nuisances}",
+        f"done by clients: {done}", f"done to the router: {disturbed}", f"done by a hostile host: {hostile}",
         f"mappings compared: {world.figures['compared']}, elements in the kernel: {world.figures['elements']}",
         "", *slopes.table(trends, answers), "", f"WRONG: {', '.join(wrong)}" if wrong else "nothing grew, nothing was late"])
     return text, wrong

@@ -6,10 +6,12 @@
 Runs on a LAN host that has ADDRESS; BUS is the folder of the bus's socket, INTERFACE the numbers of the external
 interfaces. Does one thing after another as long as its standard input says "go": mutated searches and requests, requests
 that stop in the middle and never end, callbacks that hang, are closed or lead nowhere, frames of a user who may do nothing.
-At "stop" it lets everything go, and prints "stopped" and how many things it did. It never asks for a mapping that could be
-granted, so nobody's mappings are touched.
+At "stop" it lets everything go, and prints "stopped" and how often it has done each of them, as JSON. It never asks for
+a mapping that could be granted, so nobody's mappings are touched.
 """
+import collections
 import contextlib
+import json
 import os
 import pathlib
 import random
@@ -43,7 +45,7 @@ class Nuisance:
         self.address, self.folder, self.interfaces = address, folder, interfaces
         self.held, self.subscriptions = [], []
         self.hanging = socket.create_server((address, 5100), backlog=64)  # nobody ever takes a connection from it
-        self.count = 0
+        self.done = collections.Counter()
 
     def mutated(self, data):
         """A few changes at random places; most messages keep their form."""
@@ -119,11 +121,10 @@ class Nuisance:
             self.subscriptions.append((path, found[1]))
 
     def unsubscribe(self):
-        if self.subscriptions:
-            path, sid = subscription = self.random.choice(self.subscriptions)
-            self.exchange(f"UNSUBSCRIBE {path} HTTP/1.1\r\nHOST: {ROUTER_LAN}:{control_point.PORT}\r\n"
-                          f"SID: {sid}\r\n\r\n".encode())
-            self.subscriptions.remove(subscription)  # only now, as the router may not have answered
+        path, sid = subscription = self.random.choice(self.subscriptions)
+        self.exchange(f"UNSUBSCRIBE {path} HTTP/1.1\r\nHOST: {ROUTER_LAN}:{control_point.PORT}\r\n"
+                      f"SID: {sid}\r\n\r\n".encode())
+        self.subscriptions.remove(subscription)  # only now, as the router may not have answered
 
     def begin_slowly(self):
         if len(self.held) >= HELD:
@@ -133,12 +134,13 @@ class Nuisance:
         connection.sendall(b"POST /upnp/control/osinfo HTTP/1.1\r\nContent-Length: 100\r\n")
 
     def go_on_slowly(self):
-        for connection in list(self.held):
-            try:
-                connection.sendall(b"x")
-            except OSError:  # its time was over
-                self.held.remove(connection)
-                connection.close()
+        connection = self.random.choice(self.held)
+        try:
+            connection.sendall(b"x")
+        except OSError:  # its time was over
+            self.held.remove(connection)
+            connection.close()
+            raise
 
     def frame(self):
         request = bus.flat([(bus.DESTINATION, bus.U32S, self.random.choice(([80], [20, 5], [20, 0], [0], [65], [24]))),
@@ -166,13 +168,13 @@ class Nuisance:
             os.seteuid(0)
             os.setegid(0)
 
-    DEEDS = {datagram: 8, page: 4, action: 6, subscribe: 2, unsubscribe: 2, begin_slowly: 1, go_on_slowly: 1, frame: 4}
+    DEEDS = {datagram: 8, page: 4, action: 6, subscribe: 2, unsubscribe: 2, begin_slowly: 1, go_on_slowly: 4, frame: 4}
 
     def act(self):
-        self.count += 1
         deed = self.random.choices(list(self.DEEDS), list(self.DEEDS.values()))[0]
-        with contextlib.suppress(OSError):  # whatever becomes of it
+        with contextlib.suppress(OSError, IndexError):  # the router is disturbed, or nothing is there to do this with
             deed(self)
+            self.done[deed.__name__] += 1
 
     def stop(self):
         deadline = time.monotonic() + 5
@@ -198,7 +200,8 @@ def main():
             going = words[-1] == "go"
             if not going:
                 nuisance.stop()
-                print("stopped", nuisance.count, flush=True)
+                print("stopped", json.dumps({deed.__name__: nuisance.done[deed.__name__] for deed in nuisance.DEEDS}),
+                      flush=True)
         if going:
             nuisance.act()
 
