@@ -6,6 +6,7 @@ their mappings and subscriptions back, and once the router has come to rest, wha
 come back to the same each time.
 """
 import collections
+import concurrent.futures
 import contextlib
 import json
 import pathlib
@@ -138,7 +139,7 @@ class World(rounds.World):
             worker.start()
         for helper in self.helpers:
             helper.go()
-        with Sampler(self):
+        with sampling(self):
             self.disturb_for(BUSY_SECONDS, chance)
         self.observed(self.observer.stop())
         self.nuisances = json.loads(self.nuisance.stop()[-1].removeprefix("stopped "))
@@ -241,26 +242,22 @@ class World(rounds.World):
         return self.lab.routerd.path.read_bytes().count(b"\n")
 
 
-class Sampler(threading.Thread):
-    """Reads the gauges every few seconds while the router is busy; what fails then is told by the next rest."""
+@contextlib.contextmanager
+def sampling(world):
+    """Reads the gauges every few seconds until the block ends."""
+    ended = threading.Event()
 
-    def __init__(self, world):
-        super().__init__(daemon=True)
-        self.world, self.ended = world, threading.Event()
-
-    def run(self):
-        while not self.ended.wait(SAMPLE_SECONDS):
-            try:
-                self.world.series.busy.append(self.world.gauges())
-            except (OSError, AssertionError, TypeError):  # a process or an interface has just gone
-                continue
-
-    def __enter__(self):
-        self.start()
-
-    def __exit__(self, *_):
-        self.ended.set()
-        self.join()
+    def sample():
+        while not ended.wait(SAMPLE_SECONDS):
+            with contextlib.suppress(OSError, AssertionError, TypeError):  # a process or an interface has just gone
+                world.series.busy.append(world.gauges())
+    with concurrent.futures.ThreadPoolExecutor(1) as thread:
+        outcome = thread.submit(sample)
+        try:
+            yield
+        finally:
+            ended.set()
+            outcome.result()
 
 
 def run(directory, seed, seconds, clients=30, report=print, latest=slopes.LATEST):

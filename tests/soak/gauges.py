@@ -102,7 +102,7 @@ def heap(pid):
             for start, end in re.findall(rf"^(\w+)-(\w+) rw.*{name}$", maps, re.M):
                 words.seek(int(start, 16))
                 yield int(start, 16), words.read(int(end, 16) - int(start, 16))
-        begin, data = next(regions(r"\[heap\]"))
+        begin, data = next(regions(r"\[heap\]"), (0, b""))
         used, last = used_of(data)
         libraries = [found for _, found in regions(r"/libc\.so\.6")]
     heads = next((LISTS.unpack_from(found, at - LISTS.size) for found in libraries
@@ -152,7 +152,7 @@ def of_program(pid, name):
 def of_kernel(lab):
     """The kernel's objects in the router's network. Its own count of connections goes on with those whose time is over, until
     it comes by; that depends on all that the machine does."""
-    text = lab.router.run("sh", "-c", "nft --handle --numeric list table ip tk; echo; cat /proc/net/sockstat; echo; "
+    text = lab.router.run("sh", "-ec", "nft --handle --numeric list table ip tk; echo; cat /proc/net/sockstat; echo; "
                           "cat /proc/net/tcp; echo; wc -l </proc/net/nf_conntrack; echo; ip neigh show | wc -l").stdout
     table, sockets, connections, entries, neighbours = text.rsplit("\n\n", 4)
     found = {f"kernel: elements of {name}": elements(table, name)
