@@ -37,6 +37,9 @@ SAMPLE_SECONDS = 3    # between samples while the router is busy
 NUISANCE = "192.0.2.90"
 HISTORY = 120         # changes before the first cycle, so that the history of 100 is full from then on
 LAB_FILE = "lab.toml"
+FEWEST_ANSWERS = 100  # of each kind, for a percentile that means something
+KINDS_OF_ANSWERS = 4
+GAUGES = ("memory of {}, KiB", "heap of {}, bytes", "timers of {}", "descriptors of {}, socket")  # of each program
 
 
 class Disturber(Router):
@@ -283,7 +286,11 @@ def run(directory, seed, seconds, clients=30, report=print, latest=slopes.LATEST
 
 def summary(world, seconds, latest):
     trends = world.series.trends()
-    assert len(world.seconds) == 4, f"not all kinds of answers were measured: {list(world.seconds)}"
+    wanted = {gauge.format(name) for name in gauges.PROGRAMS for gauge in GAUGES}
+    assert not (missing := wanted - {one.name for one in trends}), f"not judged: {missing}"
+    assert world.series.busy, "no peak was judged"
+    counts = {kind: len(found) for kind, found in world.seconds.items()}
+    assert len(counts) == KINDS_OF_ANSWERS and min(counts.values()) >= FEWEST_ANSWERS, f"answers were few: {counts}"
     assert all(world.nuisances.values()), f"the hostile host has not done all it can: {world.nuisances}"
     answers = [slopes.lateness(kind, found, latest) for kind, found in sorted(world.seconds.items())]
     wrong = [one.name for one in trends if one.is_wrong] + [one.kind for one in answers if one.is_wrong]
