@@ -1,5 +1,6 @@
 """The hosts of a soak: thirty clients behind two links, and the programs that run on their hosts."""
 import collections
+import contextlib
 import pathlib
 import subprocess
 import sys
@@ -41,7 +42,7 @@ class Guest(labs.Host):
 
 
 class Client(ControlPoint):
-    """A guest that searches, describes, maps, lists, unmaps, subscribes, and vanishes."""
+    """A guest that searches, describes, maps, lists, unmaps, subscribes and vanishes; it counts what was answered well."""
     longest_pause = 2.0
     KINDS = {"search": 3, "describe": 3, "add": 4, "delete": 3, "look": 3, "subscribe": 1, "vanish": 3}
     VANISH_SECONDS = 2  # after which nobody vanishes: what is left behind lasts 10 s, and so does not delay the rest
@@ -56,20 +57,26 @@ class Client(ControlPoint):
         kind = self.random.choices(list(self.KINDS), list(self.KINDS.values()))[0]
         if kind == "vanish" and time.monotonic() > self.began + self.VANISH_SECONDS:
             return
-        self.done[kind] += 1
-        place = self.random.choice(EXTERNALS)
-        if kind in ("add", "delete"):
-            self.change(place, kind == "add")
-        else:
-            getattr(self, kind)(place)
+        self.done[kind] += getattr(self, kind)(self.random.choice(EXTERNALS))
 
     def search(self, _):
-        with self.host.datagrams() as searching:
+        """Goes after the first answer."""
+        with self.host.datagrams() as searching, contextlib.suppress(TimeoutError):
+            searching.settimeout(workload.ANSWER_SECONDS)
             searching.sendto(control_point.search(self.random.choice(("ssdp:all", "upnp:rootdevice"))).encode(),
                              control_point.GROUP)
+            return searching.recv(65536).startswith(b"HTTP/1.1 200 OK\r\n")
+        return False
 
     def describe(self, _):
-        workload.ask(self.host, f"GET /gateway.xml HTTP/1.1\r\nHOST: {labs.ROUTER_LAN}:{control_point.PORT}\r\n\r\n")
+        request = f"GET /gateway.xml HTTP/1.1\r\nHOST: {labs.ROUTER_LAN}:{control_point.PORT}\r\n\r\n"
+        return status_of(workload.ask(self.host, request)) == 200
+
+    def add(self, place):
+        return self.change(place, adds=True)
+
+    def delete(self, place):
+        return self.change(place, adds=False)
 
     def change(self, place, adds):
         key = Key(place, self.base + self.random.randrange(3), self.random.choice(("tcp", "udp")))
@@ -80,25 +87,28 @@ class Client(ControlPoint):
         else:
             answer = workload.delete_mapping(self.host, self.interfaces[place], key.port, key.protocol)
         self.note(begun, key, wanted, status_of(answer))
+        return status_of(answer) == 200
 
     def look(self, place):
-        for index in range(self.random.randrange(1, 4)):
-            workload.call(self.host, self.interfaces[place], "GetGenericPortMappingEntry", [("NewPortMappingIndex", index)])
+        answers = [workload.call(self.host, self.interfaces[place], "GetGenericPortMappingEntry",
+                                 [("NewPortMappingIndex", index)]) for index in range(self.random.randrange(1, 4))]
+        return status_of(answers[0]) == 200  # others may have unmapped the rest
 
     def subscribe(self, place):
         """By a name or an address. One that is subscribed already renews, unsubscribes, or forgets what it had."""
         interface, known = self.interfaces[place], self.sids.get((self.host.label, place))
-        kind = self.random.randrange(3)
+        kind, answer = self.random.randrange(3), None
         if known is None:
             callback = self.random.choice((f"{self.host.label}.home:5000", f"{self.host.address}:5000"))
             answer = workload.subscribe(self.host, interface, callback)
             if sid := workload.sid_in(answer):
                 self.sids[self.host.label, place] = sid
         elif kind == 0:
-            workload.subscription(self.host, interface, SID=known, TIMEOUT="Second-1800")
+            answer = workload.subscription(self.host, interface, SID=known, TIMEOUT="Second-1800")
         elif kind == 1:
-            workload.subscription(self.host, interface, SID=known)
+            answer = workload.subscription(self.host, interface, SID=known)
             del self.sids[self.host.label, place]
+        return status_of(answer) == 200
 
     def vanish(self, _):
         """Goes in the middle of a request, and comes back when the router may have noticed."""
@@ -106,12 +116,13 @@ class Client(ControlPoint):
         try:
             connection = self.host.connect(labs.ROUTER_LAN, control_point.PORT, seconds=workload.ANSWER_SECONDS)
         except OSError:  # the router is disturbed
-            return
+            return False
         connection.sendall(request[:self.random.randrange(1, len(request))].encode())
         self.host.vanish(True)
         connection.close()
         self.ended.wait(self.random.uniform(0.3, 3))
         self.host.vanish(False)
+        return True
 
 
 class Rules(RuleMaker):

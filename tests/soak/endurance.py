@@ -291,6 +291,7 @@ def summary(world, seconds, latest):
     assert world.series.busy, "no peak was judged"
     counts = {kind: len(found) for kind, found in world.seconds.items()}
     assert len(counts) == KINDS_OF_ANSWERS and min(counts.values()) >= FEWEST_ANSWERS, f"answers were few: {counts}"
+    assert set(world.done) == set(Client.KINDS), f"only this was answered well: {world.done}"
     assert all(world.nuisances.values()), f"the hostile host has not done all it can: {world.nuisances}"
     answers = [slopes.lateness(kind, found, latest) for kind, found in sorted(world.seconds.items())]
     wrong = [one.name for one in trends if one.is_wrong] + [one.kind for one in answers if one.is_wrong]
