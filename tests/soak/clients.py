@@ -14,6 +14,7 @@ from workload import EXTERNALS, TARGET_PORTS, ControlPoint, RuleMaker, status_of
 
 FOLDER = pathlib.Path(__file__).resolve().parent
 FIRST_GUEST = 100  # of 192.0.2.0/24
+LONGEST_LINE = 60  # seconds until a helper tells its next line: it ends what it has begun, a few questions of 5 s each
 
 
 class Guest(labs.Host):
@@ -135,20 +136,18 @@ class Helper:
     def __init__(self, host, name, *words):
         self.errors = host.lab.directory / f"{name}.err"
         with open(self.errors, "wb") as errors:
-            self.process = subprocess.Popen(host.command(sys.executable, FOLDER / f"{name}.py", *words), text=True,
+            self.process = subprocess.Popen(host.command(sys.executable, FOLDER / f"{name}.py", *words), bufsize=0,
                                             stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=errors)
 
     def go(self):
-        self.process.stdin.write("go\n")
-        self.process.stdin.flush()
+        self.process.stdin.write(b"go\n")
 
     def stop(self):
         """Returns the lines that it has printed since it went."""
-        self.process.stdin.write("stop\n")
-        self.process.stdin.flush()
+        self.process.stdin.write(b"stop\n")
         told = []
         while True:
-            line = self.process.stdout.readline()
+            line = labs.next_line(self.process.stdout, LONGEST_LINE)
             assert line, f"{self.process.args} has ended: {self.errors.read_text()}"
             told.append(line.strip())
             if line.startswith("stopped"):
