@@ -43,7 +43,7 @@ class Guest(labs.Host):
 
 
 class Client(ControlPoint):
-    """A guest that searches, describes, maps, lists, unmaps, subscribes and vanishes; it counts what was answered well."""
+    """A guest that searches, describes, maps, lists, unmaps, subscribes and vanishes; it counts the good answers."""
     longest_pause = 2.0
     KINDS = {"search": 3, "describe": 3, "add": 4, "delete": 3, "look": 3, "subscribe": 1, "vanish": 3}
     VANISH_SECONDS = 2  # after which nobody vanishes: what is left behind lasts 10 s, and so does not delay the rest
