@@ -23,6 +23,7 @@ OWN_LIMIT = 128          # connections that the daemon keeps of one address
 ALL = 512                # and of all
 REQUEST_LIMIT = 128 << 10
 REQUEST_SECONDS = 10     # from accept
+LATE = 3 * labs.SLOWNESS  # seconds that pass at most until the end of a request's time is noticed
 RESET = struct.pack("ii", 1, 0)
 
 
@@ -167,7 +168,7 @@ def test_what_can_never_be_complete_is_dropped_without_an_answer(lab, bystander)
             for request, connection in zip(requests, held):
                 assert end_of(connection) == b"", request[:100]
                 assert time.monotonic() - began >= REQUEST_SECONDS - 0.5, request[:100]
-            assert time.monotonic() - accepted <= REQUEST_SECONDS + 3
+            assert time.monotonic() - accepted <= REQUEST_SECONDS + LATE
     mark = lab.upnpd.mark()
     bystander.during(attack)
     eventually(lambda: lab.upnpd.since(mark) == ["http request timeout"] * len(requests), "a line for each")
@@ -192,7 +193,7 @@ def test_requests_that_drip_in_are_dropped_and_keep_nobody_waiting(lab, bystande
         with crowd(lab.lan1, OWN_LIMIT) as held:
             for connection in held:
                 connection.sendall(b"GET /osinfo.xml HTTP/1.1\r\nX: ")
-            deadline = time.monotonic() + REQUEST_SECONDS + 3
+            deadline = time.monotonic() + REQUEST_SECONDS + LATE
             while established(lab, LAN1):
                 assert time.monotonic() < deadline
                 for connection in held:
@@ -321,14 +322,14 @@ def test_endless_bytes_without_a_request_keep_nobody_waiting(lab, bystander):
         with lab.lan1.connect(ROUTER_LAN, PORT, seconds=2 * REQUEST_SECONDS) as connection:
             began = time.monotonic()
             with contextlib.suppress(ConnectionError):
-                while time.monotonic() - began < REQUEST_SECONDS + 3:
+                while time.monotonic() - began < REQUEST_SECONDS + LATE:
                     connection.sendall(b"x" * 65536)
         return time.monotonic() - began
 
     def attack():
         with concurrent.futures.ThreadPoolExecutor(4) as threads:
             took = [each.result() for each in [threads.submit(push) for _ in range(4)]]
-        assert all(REQUEST_SECONDS - 0.5 <= seconds <= REQUEST_SECONDS + 2 for seconds in took), took
+        assert all(REQUEST_SECONDS - 0.5 <= seconds < REQUEST_SECONDS + LATE for seconds in took), took
     bystander.during(attack)
 
 
