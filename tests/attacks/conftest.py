@@ -35,9 +35,10 @@ class Condition:
         for program in self.programs():  # each is the same process while it runs, as nobody starts it again
             assert program.running(), program.log + program.errors.read_text()
             assert program.errors.read_text() == ""
-        with contextlib.suppress(AssertionError):
-            eventually(lambda: self.descriptors_now() == self.descriptors, seconds=SETTLING)
-        assert self.descriptors_now() == self.descriptors
+        found = []
+        with contextlib.suppress(AssertionError):  # the comparison tells more
+            eventually(lambda: found.append(self.descriptors_now()) or found[-1] == self.descriptors, seconds=SETTLING)
+        assert found[-1] == self.descriptors
         assert (self.lab.table(), self.lab.rules()) == (self.table, self.rules)
         for program in self.programs():
             grown = memory(program) - self.memory[program.name]
