@@ -21,7 +21,6 @@ from wires import Ears
 
 OSINFO_EVENTS = "/upnp/event/osinfo"
 CROWD = [f"192.0.2.{number}" for number in range(100, 199)]  # more addresses of lan1; with lan2's own a hundred
-GROWTH = 2 << 20  # bytes that a program may keep: of a hundred subscribers, and of notifications with paths of 120 KB
 BAIT = 8000  # a port on which somebody listens wherever the daemon must not go
 REFUSED, FULL = bare("412 Precondition Failed"), bare("500 Internal Server Error")
 
