@@ -19,9 +19,9 @@ ENOUGH = 30 * labs.SLOWNESS  # seconds, after which no attack begins again
 PROPERTY = "bystander"
 
 
-def percentile(times, share):
-    """The time within which this share of the answers came, by the nearest rank."""
-    return sorted(times)[math.ceil(share * len(times)) - 1]
+def percentile(values, share):
+    """The least value that this share of all values does not exceed."""
+    return sorted(values)[math.ceil(share * len(values)) - 1]
 
 
 def longest_but_one(times):

@@ -5,6 +5,8 @@ import math
 import re
 import statistics
 
+from bystanders import percentile
+
 WARM_UP = 2  # cycles in which everything may still come to its usual size
 FEWEST = 4   # samples that a slope needs
 
@@ -86,11 +88,6 @@ class Series:
         return max(lives.values(), key=len, default=[])
 
 
-def percentile(values, share=0.99):
-    """The least value that this share of all values does not exceed."""
-    return sorted(values)[math.ceil(share * len(values)) - 1]
-
-
 @dataclasses.dataclass(frozen=True)
 class Lateness:
     """How long one kind of answer took."""
@@ -107,7 +104,7 @@ class Lateness:
 
 
 def lateness(kind, seconds, limit=LATEST):
-    return Lateness(kind, len(seconds), statistics.median(seconds), percentile(seconds), max(seconds), limit)
+    return Lateness(kind, len(seconds), statistics.median(seconds), percentile(seconds, 0.99), max(seconds), limit)
 
 
 def number(value):
