@@ -1,5 +1,6 @@
 """A host that asks for the description while another one attacks, and the table of how long it waited."""
 import contextlib
+import functools
 import json
 import math
 import pathlib
@@ -78,6 +79,15 @@ class Bystander:
         """What the table shows: the number of answers, and milliseconds."""
         times = self.times or [math.inf]
         return [len(self.times), percentile(times, 0.5), percentile(times, 0.99), max(times)]
+
+
+def watched(attack):
+    """Makes a test that is one attack from its first line to its last run while the bystander looks, and again until it
+    has seen enough."""
+    @functools.wraps(attack)
+    def test(bystander, **fixtures):
+        bystander.during(lambda: attack(bystander=bystander, **fixtures))
+    return test
 
 
 def tell(terminal):

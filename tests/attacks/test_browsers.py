@@ -1,7 +1,7 @@
 """What a page in a browser of the LAN can make it send to the router."""
 import pytest
 
-from attacks.watching import watched
+from bystanders import watched
 from control_point import CONNECTION, PORT, action_element, bare, envelope, exchange, file_answer, get, mapping
 from labs import ROUTER_LAN
 

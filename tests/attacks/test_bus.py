@@ -11,8 +11,7 @@ import pytest
 import bus
 import labs
 from attacks import installed
-from attacks.watching import watched
-from bystanders import longest_but_one
+from bystanders import longest_but_one, watched
 from routerusers import DAEMON, IDS, MEMBER, OTHER, ROUTER, connect_as, run_as
 
 REGISTER, SUBSCRIBE, UNSUBSCRIBE, TRACE, UNREGISTER, PROGRAMS, RELOAD = 1, 2, 3, 4, 6, 7, 8

@@ -12,8 +12,7 @@ import pytest
 import labs
 import nameserver
 from attacks import installed
-from attacks.watching import watched
-from bystanders import longest_but_one
+from bystanders import longest_but_one, watched
 from control_point import PORT, bare, call, mapping, read_to_end, result
 from labs import LAN1, ROUTER_LAN, ROUTER_WAN, ROUTER_WAN2, WAN, WAN2, eventually
 from subscribers import Subscriber, granted, sid_of, subscribe, unsubscribe

@@ -10,7 +10,7 @@ import time
 import pytest
 
 import labs
-from attacks.watching import watched
+from bystanders import watched
 from control_point import (CONNECTION, DATE, PORT, action_element, bare, call, envelope, exchange, file_answer, get,
                            mapping, post, read_to_end, result)
 from labs import DATA, LAN1, ROUTER_LAN, ROUTER_WAN, eventually

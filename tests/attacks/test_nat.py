@@ -5,7 +5,7 @@ import time
 import pytest
 
 from attacks import installed
-from attacks.watching import watched
+from bystanders import watched
 from control_point import call, fault, mapping, result
 from labs import LAN1, LAN2, ROUTER_LAN, ROUTER_WAN, ROUTER_WAN2, WAN, WAN2
 

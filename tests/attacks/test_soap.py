@@ -1,7 +1,7 @@
 """What a host in the LAN can put into a call of an action, and what it costs another one."""
 import pytest
 
-from attacks.watching import watched
+from bystanders import watched
 from control_point import (CONNECTION, action_element, bare, call, envelope, exchange, fault, mapping, outputs, post,
                            query, result, variable_answer)
 from labs import LAN1, ROUTER_WAN

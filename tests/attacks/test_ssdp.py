@@ -4,7 +4,7 @@ import time
 
 import pytest
 
-from attacks.watching import watched
+from bystanders import watched
 from control_point import GROUP, Searcher, search, search_answer
 from labs import LAN1, LAN2, ROUTER_LAN, ROUTER_WAN, WAN
 from wires import Ears, Forger
