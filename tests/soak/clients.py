@@ -74,19 +74,21 @@ class Client(ControlPoint):
         return status_of(workload.ask(self.host, request)) == 200
 
     def add(self, place):
-        return self.change(place, adds=True)
-
-    def delete(self, place):
-        return self.change(place, adds=False)
-
-    def change(self, place, adds):
         key = Key(place, self.base + self.random.randrange(3), self.random.choice(("tcp", "udp")))
-        begun, wanted = time.monotonic(), None
-        if adds:
-            wanted = State(None, self.host.target, self.random.choice(TARGET_PORTS), self.random.random() < 0.8)
-            answer = workload.add_mapping(self.host, self.interfaces[place], key.port, key.protocol, *wanted[1:])
-        else:
-            answer = workload.delete_mapping(self.host, self.interfaces[place], key.port, key.protocol)
+        wanted = State(None, self.host.target, self.random.choice(TARGET_PORTS), self.random.random() < 0.8)
+        begun = time.monotonic()
+        answer = workload.add_mapping(self.host, self.interfaces[place], key.port, key.protocol, *wanted[1:])
+        return self.noted(begun, key, wanted, answer)
+
+    def delete(self, _):
+        """Takes back a mapping that it has asked for, if it still has it."""
+        if not self.requests:
+            return False
+        key, begun = self.random.choice(self.requests).key, time.monotonic()
+        answer = workload.delete_mapping(self.host, self.interfaces[key.place], key.port, key.protocol)
+        return self.noted(begun, key, None, answer)
+
+    def noted(self, begun, key, wanted, answer):
         self.note(begun, key, wanted, status_of(answer))
         return status_of(answer) == 200
 
