@@ -10,7 +10,11 @@ from control_point import call
 
 ROUTER, DAEMON, OTHER = "routerd", "upnpd", "resolverd"  # the last two are in the group tk
 MEMBER = "member"  # in the group, and nothing else
-IDS = {ROUTER: 64001, DAEMON: 64002, OTHER: 64003, MEMBER: 64004}
+# Members with one right more, as a [[user]] grants it: those of a router to which they were admitted.
+GRANTS = {"speaker": "programs = [81]", "mapper": 'writes = ["20,5"]', "manager": 'writes = ["80"]',
+          "recorder": 'writes = ["24"]', "tracer": "trace = true", "undoer": "undo = true", "admin": "admin = true"}
+GRANTED = "".join(f'[[user]]\nname = "{name}"\n{right}\n' for name, right in GRANTS.items())
+IDS = {name: number for number, name in enumerate((ROUTER, DAEMON, OTHER, MEMBER, *GRANTS), 64001)}
 GROUP = 64000
 PROGRAM = "/tesk/bin/upnpd"  # a copy, where every user can reach it
 
@@ -30,6 +34,13 @@ def configure(lab, text):
     path.write_text(text)
     path.chmod(0o644)
     return "--config", path
+
+
+def admit(lab):
+    """Gives the router the users whom GRANTED names, before it starts with that in its configuration."""
+    with open(f"/run/gateway-lab-{lab.name}/passwd", "a", encoding="utf-8") as users:  # the router's alone
+        for name in GRANTS:
+            users.write(f"{name}:x:{IDS[name]}:{GROUP}::/:/bin/false\n")
 
 
 def run_as(lab, user, *words, check=False):
