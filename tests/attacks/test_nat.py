@@ -66,6 +66,19 @@ def test_a_flood_of_mappings_fills_the_share_of_one_host_alone(lab, bystander, p
 
 
 @watched
+def test_two_hosts_that_fill_the_table_fill_it_to_its_limit(lab, bystander, path):
+    wanted = [(lab.lan1, port) for port in range(1000, 1000 + SHARE)]
+    wanted += [(lab.lan2, port) for port in range(2000, 2000 + ALL - SHARE)]
+    for host, port in wanted:
+        assert add(host, path, port) == ADDED, port
+    for host in (lab.lan1, lab.lan2):
+        assert add(host, path, 80) == FAILED
+    assert len(lab.rules()) == ALL
+    for host, port in wanted:
+        assert delete(host, path, port) == DELETED
+
+
+@watched
 def test_a_mapping_that_comes_and_goes_keeps_nobody_waiting(lab, bystander, path):
     deadline = time.monotonic() + 0.5
     while time.monotonic() < deadline:
