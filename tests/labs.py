@@ -365,9 +365,12 @@ class Lab:
 def remove_leftovers():
     """Takes down the labs that aborted test runs left behind. Runs that begin together take turns: what one has
     removed, the next does not find."""
-    with open("/run/gateway-lab.lock", "w") as turn:  # no lab's folder: those begin with gateway-lab-
+    turn = os.open("/run", os.O_RDONLY | os.O_CLOEXEC)  # where the labs are; a file would be left over itself
+    try:
         fcntl.flock(turn, fcntl.LOCK_EX)
         for name in subprocess.run([LAB, "list"], capture_output=True, text=True, check=True).stdout.split():
             words = name.split("-")
             if words[0] == "test" and len(words) == 3 and not os.path.exists(f"/proc/{words[1]}"):
                 subprocess.run([LAB, "down", name], check=True, timeout=60)
+    finally:
+        os.close(turn)
