@@ -49,7 +49,9 @@ TEST(Tool, AnAbsentToolIsSaidToBeAbsent) {
 }
 
 TEST(Tool, TheCallersPathIsNotSearched) {
-    const std::string before = ::getenv("PATH");
+    const char* path = ::getenv("PATH");
+    ASSERT_NE(path, nullptr);
+    const std::string before = path;
     ::setenv("PATH", "/nowhere", 1);
     EXPECT_EQ(*outputOf({"echo", "found"}), "found\n");
     ::setenv("PATH", before.c_str(), 1);

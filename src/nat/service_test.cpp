@@ -147,7 +147,7 @@ TEST_F(ServiceTest, TrafficIsToldOnlyWhenItIsAskedFor) {
 TEST_F(ServiceTest, AListAsksTheKernelOnceForTheTrafficOfAPage) {
     for (std::uint16_t port = 1; port <= 1025; ++port) {
         add(natRequest(port, "192.0.2.2", port));
-        kernel.counted[keyOf(port)] = {port, 100U * port};
+        kernel.counted[keyOf(port)] = {port, std::uint64_t{100} * port};
     }
     tk::message disable = ofId(2);
     disable.insert_bool(tk::field::disabled, true);

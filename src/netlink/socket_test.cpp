@@ -47,7 +47,7 @@ int bufferOf(const Socket& socket, int option) {
 int limitOf(const char* name) {
     const tk::Result<std::string> text = tk::readFile(std::string("/proc/sys/net/core/") + name, 100);
     EXPECT_TRUE(text.isOk());
-    return text.isOk() ? std::atoi(text->c_str()) : 0;
+    return text.isOk() ? static_cast<int>(::strtol(text->c_str(), nullptr, 10)) : 0;
 }
 
 TEST(SocketBuffers, AreAsLargeAsTheSystemAllowsWhereTheyCannotBeLarger) {
