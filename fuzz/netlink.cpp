@@ -5,10 +5,13 @@
 #include <libmnl/libmnl.h>
 #include <linux/netfilter/nf_tables.h>
 #include <linux/netfilter/nfnetlink.h>
+#include <linux/sock_diag.h>
 #include <netinet/in.h>
 #include <stdlib.h>
 
 #include <algorithm>
+#include <cstddef>
+#include <cstring>
 #include <filesystem>
 #include <iterator>
 #include <set>
@@ -25,6 +28,7 @@
 #include "links/routereader.h"
 #include "links/rtnetlink.h"
 #include "links/testing/fakekernel.h"
+#include "nat/listeners.h"
 #include "netlink/request.h"
 #include "tk/names.h"
 #include "tk/testing/folder.h"
@@ -282,6 +286,31 @@ void readPacket() {
     }
 }
 
+/// True when the number may begin at this place of a message in what the kernel tells.
+template <typename Number>
+bool isTold(std::size_t place, Number number) {
+    return std::any_of(kernel().waiting.begin(), kernel().waiting.end(), [&](const fuzz::Datagram& each) {
+        for (std::size_t at = place; at + sizeof number <= each.bytes.size(); at += NLMSG_ALIGNTO)
+            if (std::memcmp(each.bytes.data() + at, &number, sizeof number) == 0) return true;
+        return false;
+    });
+}
+
+/// No socket listens here, so the look-ups cannot be tried; but they are made all the same.
+void askForListeners() {
+    const bool showsSocket = isTold<std::uint16_t>(offsetof(nlmsghdr, nlmsg_type), SOCK_DIAG_BY_FAMILY);
+    const bool showsAbsence = isTold<std::int32_t>(0, -ENOENT);
+    nat::SocketListeners listeners;
+    requireReason(listeners.open());
+    for (const int protocol : {IPPROTO_TCP, IPPROTO_UDP}) {
+        const contract::NatKey key{htonl(0xC6336401), static_cast<std::uint8_t>(protocol), 80};
+        const auto taken = listeners.isTaken(key, 2);
+        requireReason(taken.status());
+        fuzz::require(!taken.isOk() || (*taken ? showsSocket : showsAbsence),
+                      "a listener is what the kernel shows");
+    }
+}
+
 constexpr void (*readers[])() = {
     &readAnswer,
     &readLinks,
@@ -293,6 +322,7 @@ constexpr void (*readers[])() = {
     &readTraffic,
     &logFlows,
     &readPacket,
+    &askForListeners,
 };
 
 }  // namespace
