@@ -36,6 +36,8 @@ const std::vector<Kind>& kinds() {
         {"malloc", {ENOMEM}},
         {"operator new", {ENOMEM}},
         {"bind", {EADDRINUSE, EADDRNOTAVAIL, EACCES, ENOMEM}},
+        {"capget", {EPERM}},
+        {"capset", {EPERM}},
         {"close", {EINTR, EIO}},
         {"connect", {ENETUNREACH, EINTR, ECONNREFUSED, EAGAIN, ENETDOWN, EADDRNOTAVAIL, ENOBUFS, EPERM}},
         {"dup", {EMFILE}},
@@ -155,8 +157,12 @@ InProgram::~InProgram() {
     --depth;
 }
 
+bool areCounted() {
+    return isCounting && depth > 0;
+}
+
 int verdict(Call call) {
-    if (!isCounting || depth == 0) return 0;
+    if (!areCounted()) return 0;
     const std::uint32_t number = ++state->counts[static_cast<std::size_t>(call)];
     if (state->fault.call != call || state->fault.number != number) return 0;
     state->struck = true;

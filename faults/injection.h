@@ -17,6 +17,8 @@ enum class Call : std::uint8_t {
     allocate,        // by a C library
     allocateObject,  // by C++: whoever gets none ends
     bind,
+    capget,
+    capset,
     close,
     connect,
     dup,
@@ -105,7 +107,9 @@ public:
     ~InProgram();
 };
 
-/// For the calls' definitions. What this call is to end with: 0 when it is to take its course.
+/// For the calls' definitions. True while the calls of this thread are counted.
+[[nodiscard]] bool areCounted();
+/// What this call is to end with: 0 when it is to take its course.
 [[nodiscard]] int verdict(Call call);
 /// Takes the last verdict back: there is nothing to shorten.
 void spare();

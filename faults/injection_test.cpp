@@ -7,6 +7,7 @@
 #include <libmnl/libmnl.h>
 #include <linux/netlink.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/uio.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -134,6 +135,16 @@ TEST(Injection, ClosesWhatFailsToClose) {
     }
     (void)end();
     EXPECT_EQ(::fcntl(descriptor, F_GETFD), -1);
+}
+
+TEST(InjectionDeathTest, EndsWhatMakesASystemCallByANumberThatNobodyHasThoughtOf) {
+    EXPECT_EQ(::syscall(SYS_getuid), ::getuid());
+    const auto count = [] {
+        begin();
+        const InProgram here;
+        (void)::syscall(SYS_getuid);
+    };
+    EXPECT_DEATH(count(), "system call [0-9]+: nobody has thought of it");
 }
 
 TEST(Injection, NamesEachCall) {
