@@ -164,10 +164,8 @@ std::size_t HubWorld::keptFor(std::size_t number) const {
     const std::size_t kept = model.keptFor(peer);
     const bool isOrWasProgram =
         peer.program != 0 || peer.former != 0;  // who asks it pays for what it has not read
-    std::size_t elsewhere = kernelBytes;
-    if (peer.unread <= elsewhere || isOrWasProgram) return kept;
-    for (const tk::message& fetched : actors[number].inbox) elsewhere += fetched.serialise().size();
-    return kept + (peer.unread > elsewhere ? peer.unread - elsewhere : 0);
+    const std::size_t elsewhere = kernelBytes + actors[number].inboxBytes;
+    return kept + (peer.unread > elsewhere && !isOrWasProgram ? peer.unread - elsewhere : 0);
 }
 
 void HubWorld::agreeOnOwn() {
@@ -244,6 +242,7 @@ bool HubWorld::seesRefusal(std::size_t peer, std::size_t before) {
 void HubWorld::fetch(Actor& actor) {
     while (isReadable(actor.socket)) {
         std::vector<tk::message> arrived = actor.client->take();
+        for (const tk::message& one : arrived) actor.inboxBytes += one.serialise().size();
         std::move(arrived.begin(), arrived.end(), std::back_inserter(actor.inbox));
         settle();
     }
@@ -254,6 +253,7 @@ void HubWorld::read(std::size_t number) {
     HubModel::Peer& peer = model.peers[number];
     if (!actor.client) return;
     fetch(actor);
+    actor.inboxBytes = 0;
     for (tk::message& arrived : std::exchange(actor.inbox, {})) take(actor, peer, std::move(arrived));
     require(!peer.isOpen || peer.expected.empty(), "everything arrives");
     peer.unread = 0;

@@ -63,6 +63,7 @@ private:
         std::unique_ptr<hub::testing::TestClient> client;
         int socket = -1;                 // the client's
         std::vector<tk::message> inbox;  // read, and not compared yet
+        std::size_t inboxBytes = 0;      // as they came
         std::vector<tk::message> requests;
     };
     struct Account {
