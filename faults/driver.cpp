@@ -92,14 +92,17 @@ bool isFatal(Call call, const Extent& extent) {
            std::find(extent.fatal.begin(), extent.fatal.end(), call) != extent.fatal.end();
 }
 
-/// The outcomes to try of a call, the first of them another for each number.
-std::vector<int> outcomesToTry(Call call, std::uint32_t number, const Extent& extent) {
-    const unsigned every = call == Call::allocate ? extent.everyAllocation : extent.every;
-    if (!areAllWanted() && (number - 1) % every != 0) return {};
+/// The outcomes to try of a call that is made `count` times, the first of them another for each number that is tried.
+/// Where one of several calls is tried, kinds begin with other numbers and other outcomes.
+std::vector<int> outcomesToTry(Call call, std::uint32_t number, std::uint32_t count, const Extent& extent) {
+    const std::uint32_t sampled = call == Call::allocate ? extent.everyAllocation : extent.every;
+    const std::uint32_t every = areAllWanted() ? 1 : sampled;
+    const std::uint32_t first = static_cast<std::uint32_t>(call) % std::min(every, count);
+    if ((number - 1) % every != first) return {};
     const std::span<const int> all = outcomesOf(call);
     std::vector<int> turned(all.begin(), all.end());
-    std::rotate(turned.begin(), turned.begin() + static_cast<std::ptrdiff_t>((number - 1) % all.size()),
-                turned.end());
+    const auto turns = static_cast<std::ptrdiff_t>(((number - 1) / every + first) % all.size());
+    std::rotate(turned.begin(), turned.begin() + turns, turned.end());
     return turned;
 }
 
@@ -139,7 +142,7 @@ void failEveryCall(const Maker& makeWorld, const Judge& mayEndIn, const Extent& 
         if (isFatal(call, extent)) continue;
         calls += counts[kind];
         for (std::uint32_t number = 1; number <= counts[kind]; ++number)
-            for (const int outcome : outcomesToTry(call, number, extent)) {
+            for (const int outcome : outcomesToTry(call, number, counts[kind], extent)) {
                 const Fault fault{call, number, outcome};
                 if (tally.add(fault, endure(fault, makeWorld, mayEndIn, whole))) break;
             }
