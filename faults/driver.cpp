@@ -1,7 +1,13 @@
 #include "faults/driver.h"
 
 #include <dirent.h>
+#ifdef FAULTS_SANITIZED
+#include <sanitizer/common_interface_defs.h>
+#endif
+#include <signal.h>
+#include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -74,11 +80,34 @@ Run runWith(const Fault& fault, const Maker& makeWorld) {
     return run;
 }
 
+char faultOfThisRun[64];  // and a line's end; empty between runs
+
+/// Names the fault when the process ends of it, which then goes on to end.
+void nameFault(int) {
+    (void)end();  // what is written here is no call of the program's
+    (void)!::write(STDERR_FILENO, faultOfThisRun, ::strlen(faultOfThisRun));
+}
+
+/// A sanitizer handles what its own report is about, and ends the process without a signal.
+void nameFaultOfACrash() {
+    struct sigaction action {};
+    action.sa_handler = nameFault;
+    action.sa_flags = static_cast<int>(SA_RESETHAND);
+    (void)::sigaction(SIGABRT, &action, nullptr);
+#ifdef FAULTS_SANITIZED
+    __sanitizer_set_death_callback([] { nameFault(0); });
+#else
+    (void)::sigaction(SIGSEGV, &action, nullptr);
+#endif
+}
+
 /// One run with one fault.
 Fate endure(const Fault& fault, const Maker& makeWorld, const Judge& mayEndIn, const Outcome& whole) {
     SCOPED_TRACE(fault.toString());
     const Descriptors before = openDescriptors();
+    (void)::snprintf(faultOfThisRun, sizeof faultOfThisRun, "%s\n", fault.toString().c_str());
     const Run run = runWith(fault, makeWorld);
+    faultOfThisRun[0] = '\0';
     EXPECT_EQ(openDescriptors(), before);
     compare(mayEndIn, run.faulty, whole);
     EXPECT_EQ(run.contradiction, "");
@@ -127,6 +156,7 @@ bool areAllWanted() {
 }
 
 void failEveryCall(const Maker& makeWorld, const Judge& mayEndIn, const Extent& extent) {
+    nameFaultOfACrash();
     (void)makeWorld()->act();  // what is made only once in a process is made now
     std::unique_ptr<World> first = makeWorld();
     begin();

@@ -6,16 +6,19 @@
 #include <fcntl.h>
 #include <libmnl/libmnl.h>
 #include <linux/netlink.h>
+#include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <memory>
 #include <utility>
 
 #include <gtest/gtest.h>
 
+#include "faults/driver.h"
 #include "tk/fd.h"
 
 namespace faults {
@@ -145,6 +148,21 @@ TEST(InjectionDeathTest, EndsWhatMakesASystemCallByANumberThatNobodyHasThoughtOf
         (void)::syscall(SYS_getuid);
     };
     EXPECT_DEATH(count(), "system call [0-9]+: nobody has thought of it");
+}
+
+/// Ends the process when it gets no socket.
+struct FragileWorld final : World {
+    Outcome act() override {
+        const InProgram here;
+        const tk::Fd opened(openSocket());
+        if (!opened.isOpen()) ::abort();
+        return {};
+    }
+};
+
+TEST(InjectionDeathTest, NamesTheFaultThatEndsTheProcess) {
+    const auto fail = [] { failEveryCall([] { return std::make_unique<FragileWorld>(); }); };
+    EXPECT_DEATH(fail(), "socket 1: EMFILE");
 }
 
 TEST(Injection, NamesEachCall) {
