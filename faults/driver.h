@@ -39,7 +39,7 @@ inline bool allOrNothing(const std::string&, const std::string&) {
 struct Extent {
     unsigned every = 1;            // of so many calls of a kind one fails, unless FAULTS=all
     unsigned everyAllocation = 1;  // the same of allocations alone
-    bool repeatsExactly = true;    // else a call that was counted may not come again
+    std::vector<Call> paced{};     // by the kernel: one that was counted may not come again
     std::vector<Call> fatal{};     // are left out: a process that cannot make them ends
 };
 
@@ -48,7 +48,8 @@ bool areAllWanted();
 
 /// Runs the scenario once to count its calls, and then again, each time in a new world, for each of them and for its
 /// outcomes: one of them in turn, or all when the environment says FAULTS=all. Fails the test when a step ends in what
-/// it may not end in, the world contradicts itself, does not recover, or keeps a descriptor.
+/// it may not end in, the world contradicts itself, does not recover, or keeps a descriptor, or when a call does not come
+/// again: of those that the kernel paces, more than one in ten of all.
 void failEveryCall(const Maker& makeWorld, const Judge& mayEndIn = allOrNothing, const Extent& extent = {});
 
 }  // namespace faults

@@ -14,8 +14,10 @@
 #include <unistd.h>
 
 #include <memory>
+#include <string>
 #include <utility>
 
+#include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 
 #include "faults/driver.h"
@@ -163,6 +165,39 @@ struct FragileWorld final : World {
 TEST(InjectionDeathTest, NamesTheFaultThatEndsTheProcess) {
     const auto fail = [] { failEveryCall([] { return std::make_unique<FragileWorld>(); }); };
     EXPECT_DEATH(fail(), "socket 1: EMFILE");
+}
+
+/// Makes one call some times, and another one only while the calls are counted.
+struct ShyWorld final : World {
+    explicit ShyWorld(int times, int run) : times(times), run(run) {}
+    Outcome act() override {
+        const InProgram here;
+        for (int time = 0; time < times; ++time) (void)::listen(-1, 0);
+        const bool isCounted = run < 2;  // the first run makes what is made only once
+        EXPECT_EQ(isCounted ? ::dup(-1) : -1, -1);
+        return {};
+    }
+    const int times;
+    const int run;
+};
+
+/// What the driver finds fault with.
+std::string failuresOf(int times, const Extent& extent) {
+    testing::TestPartResultArray results;
+    {
+        const testing::ScopedFakeTestPartResultReporter here(&results);
+        int runs = 0;
+        failEveryCall([&] { return std::make_unique<ShyWorld>(times, runs++); }, allOrNothing, extent);
+    }
+    std::string all;
+    for (int i = 0; i < results.size(); ++i) all += results.GetTestPartResult(i).message();
+    return all;
+}
+
+TEST(Injection, MissesNoCallButFewOfThoseThatTheKernelPaces) {
+    EXPECT_NE(failuresOf(10, {}).find("dup 1: EMFILE: did not come again"), std::string::npos);
+    EXPECT_NE(failuresOf(9, {.paced = {Call::dup}}).find("too few calls came again"), std::string::npos);
+    EXPECT_EQ(failuresOf(10, {.paced = {Call::dup}}), "");
 }
 
 TEST(Injection, NamesEachCall) {

@@ -173,7 +173,9 @@ TEST(RouterFaults, LeaveTheBusTellingWhatTheKernelHas) {
     if (!tk::testing::enterPrivateNetwork()) GTEST_SKIP() << "needs root for a network of its own";
     shell("ip link add lan9 type veth peer name far9 && ip link set lan9 up");
     failEveryCall([] { return std::make_unique<RouterWorld>(); }, allOrNothing,
-                  {.every = 32, .repeatsExactly = false, .fatal = {Call::allocate, Call::epollCreate}});
+                  {.every = 32,
+                   .paced = {Call::epollAdd, Call::epollWait, Call::read, Call::recvfrom},
+                   .fatal = {Call::allocate, Call::epollCreate}});
     shell("ip link del lan9");
 }
 
