@@ -172,10 +172,11 @@ private:
 TEST(RouterFaults, LeaveTheBusTellingWhatTheKernelHas) {
     if (!tk::testing::enterPrivateNetwork()) GTEST_SKIP() << "needs root for a network of its own";
     shell("ip link add lan9 type veth peer name far9 && ip link set lan9 up");
-    failEveryCall([] { return std::make_unique<RouterWorld>(); }, allOrNothing,
-                  {.every = 32,
-                   .paced = {Call::epollAdd, Call::epollWait, Call::read, Call::recvfrom},
-                   .fatal = {Call::allocate, Call::epollCreate}});
+    failEveryCall(
+        [] { return std::make_unique<RouterWorld>(); }, allOrNothing,
+        {.every = 32,
+         .paced = {Call::epollAdd, Call::epollWait, Call::read, Call::recv, Call::recvfrom, Call::send},
+         .fatal = {Call::allocate, Call::epollCreate}});
     shell("ip link del lan9");
 }
 
