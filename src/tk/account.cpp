@@ -74,10 +74,20 @@ std::optional<gid_t> known(gid_t id) {
     return id == none ? std::nullopt : std::optional(id);
 }
 
+/// Looks a name up in the child. Ends it where there is no memory or descriptor for that: whoever cannot be looked up
+/// is not unknown.
+template <typename Entry>
+const Entry* lookUp(Entry* (*entryOf)(const char*), const std::string& name) {
+    errno = 0;
+    const Entry* entry = entryOf(name.c_str());
+    if (!entry && isShortage(errno)) ::_exit(1);
+    return entry;
+}
+
 Ids askForUsers(const Names& names) {
     Ids ids;
     for (const std::string& name : names) {
-        const passwd* entry = ::getpwnam(name.c_str());
+        const passwd* entry = lookUp(&::getpwnam, name);
         ids.push_back(entry ? entry->pw_uid : none);
     }
     return ids;
@@ -86,7 +96,7 @@ Ids askForUsers(const Names& names) {
 Ids askForGroups(const Names& names) {
     Ids ids;
     for (const std::string& name : names) {
-        const group* entry = ::getgrnam(name.c_str());
+        const group* entry = lookUp(&::getgrnam, name);
         ids.push_back(entry ? entry->gr_gid : none);
     }
     return ids;
@@ -96,14 +106,14 @@ Ids askForGroups(const Names& names) {
 /// comes first; nothing for an unknown user.
 Ids askForAccount(const Names& names) {
     const char* const name = names.front().c_str();
-    const passwd* entry = ::getpwnam(name);
+    const passwd* entry = lookUp(&::getpwnam, name);
     if (!entry) return {};
     const uid_t user = entry->pw_uid;
     const gid_t own = entry->pw_gid;
     int count = 0;
     (void)::getgrouplist(name, own, nullptr, &count);  // fails, and gives their number
     Ids groups(static_cast<std::size_t>(count));
-    if (::getgrouplist(name, own, groups.data(), &count) < 0) return {};
+    if (::getgrouplist(name, own, groups.data(), &count) < 0) ::_exit(1);
     Ids ids = {user, askForGroups({busGroup}).front()};
     ids.insert(ids.end(), groups.begin(), groups.begin() + count);
     return ids;
@@ -121,17 +131,20 @@ bool writeAll(const Fd& target, const Ids& ids) {
 }
 
 /// Reads what the child writes until it closes the pipe.
-/// Errors: empty when that takes too long.
-std::optional<Ids> readAll(const Fd& source) {
+/// Errors: also when that takes too long.
+Result<Ids> readAll(const Fd& source) {
     using std::chrono::steady_clock, std::chrono::milliseconds;
     const steady_clock::time_point end = steady_clock::now() + milliseconds(lookupMilliseconds);
     Ids ids;
     for (gid_t id = 0;;) {
         const auto left = std::chrono::ceil<milliseconds>(end - steady_clock::now()).count();
-        if (left <= 0) return std::nullopt;
+        if (left <= 0)
+            return Status::failure(std::string(noLookup) + ": the system has not answered within 2 s");
         pollfd written{source.get(), POLLIN, 0};
         if (::poll(&written, 1, static_cast<int>(left)) <= 0) continue;
-        if (TEMP_FAILURE_RETRY(::read(source.get(), &id, sizeof id)) != ssize_t{sizeof id}) return ids;
+        const ssize_t count = TEMP_FAILURE_RETRY(::read(source.get(), &id, sizeof id));
+        if (count == 0) return ids;
+        if (count != ssize_t{sizeof id}) return Status::ofErrno(noLookup, count < 0 ? errno : EIO);
         ids.push_back(id);
     }
 }
@@ -168,13 +181,12 @@ Result<Ids> askInChild(Ids (*ask)(const Names&), const Names& names) {
     if (child == 0) answerAsChild(parent, target, ask, names);
     if (child < 0) return Status::ofErrno(noLookup, errno);
     target.reset();
-    std::optional<Ids> ids = readAll(source);
-    if (!ids) (void)::kill(child, SIGKILL);
+    Result<Ids> ids = readAll(source);
+    if (!ids.isOk()) (void)::kill(child, SIGKILL);
     int status = 0;
     const bool hasEnded = TEMP_FAILURE_RETRY(::waitpid(child, &status, 0)) == child;
-    if (!ids) return Status::failure(std::string(noLookup) + ": the system has not answered within 2 s");
-    if (!hasEnded || status != 0) return Status::failure(noLookup);
-    return *std::move(ids);
+    if (ids.isOk() && (!hasEnded || status != 0)) return Status::failure(noLookup);
+    return ids;
 }
 
 }  // namespace
