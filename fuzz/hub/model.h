@@ -18,8 +18,8 @@
 
 namespace fuzz {
 
-/// What the hub has to do, said once more and without any of its code: which message reaches whom, in which
-/// order, and who is dropped. It keeps no budgets; the caller tells it when one is at its limit.
+/// What the hub has to do, said once more with nothing of its code but the parsers of messages: which message
+/// reaches whom, in which order, and who is dropped. It keeps no budgets: the caller says when one is full.
 class HubModel {
 public:
     static constexpr std::uint32_t router = 20;        // the program of the hub's process
