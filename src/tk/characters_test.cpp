@@ -80,7 +80,7 @@ constexpr Printable printables[] = {
     {"Overlong", "\xc0\x8a", "\\xc0\\x8a"},
     {"OverlongOfThree", "\xe0\x80\x8a", "\\xe0\\x80\\x8a"},
     {"Surrogate", "\xed\xa0\x80", "\\xed\\xa0\\x80"},
-    {"RightToLeftOverride", "web\xe2\x80\xaegnp", "web\\xe2\\x80\\xaegnp"},
+    {"RightToLeftOverride", "web\xe2\x80\xaegnp\xe2\x80\xac", "web\\xe2\\x80\\xaegnp\\xe2\\x80\\xac"},
     {"LineSeparator", "a\xe2\x80\xa8", "a\\xe2\\x80\\xa8"},
     {"RightToLeftLetter", "\xd7\x90", "\xd7\x90"},
     {"OverlongOfFour", "\xf0\x80\x80\x8a", "\\xf0\\x80\\x80\\x8a"},
