@@ -19,6 +19,7 @@ from workload import (EXTERNALS, OWN_ADDRESSES, STORED, TARGET_PORTS, ControlPoi
                       status_of, subscribe, subscription)
 
 RECOVERY_SECONDS = 2 * labs.SLOWNESS  # from the restart until a new mapping passes packets
+PROBE_SECONDS = 0.4 * labs.SLOWNESS   # a try; a connect that the full queue of the listener drops is repeated after 1 s
 WATCHER = "192.0.2.4"  # a second address of lan2, which subscribes after each round
 ELEMENT = re.compile(r"([\d.]+) \. (tcp|udp|6|17) \. (\d+) : ([\d.]+) \. (\d+)")
 LIVE = re.compile(ELEMENT.pattern.replace(" : ", r" \. "))
@@ -149,7 +150,8 @@ class World:
         interface, address = self.interfaces["wan0"], self.router.addresses["wan0"]
 
         def passes():
-            status = status_of(add_mapping(self.lab.lan1, interface, key.port, key.protocol, labs.LAN1, TARGET_PORTS[0]))
+            status = status_of(add_mapping(self.lab.lan1, interface, key.port, key.protocol, labs.LAN1, TARGET_PORTS[0],
+                                           seconds=PROBE_SECONDS))
             return status == 200 and self.reached(key, address) == f"{labs.LAN1}:{TARGET_PORTS[0]}"
         while not passes():
             assert time.monotonic() < deadline, f"no new mapping passes packets {RECOVERY_SECONDS} s after {self.told}"

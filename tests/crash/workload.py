@@ -25,11 +25,11 @@ FAULT = re.compile(r"<errorCode>(\d+)</errorCode>")
 NOTIFIED = re.compile(r"^SID: (\S+)\r\n(?:.*\r\n)*?SEQ: (\d+)\r$", re.M)
 
 
-def ask(host, request, address=ROUTER_LAN):
+def ask(host, request, seconds=ANSWER_SECONDS):
     """The whole answer to a request, or nothing when none came. The rest of the request is then never sent."""
     connection = None
     try:
-        connection = host.connect(address, control_point.PORT, seconds=ANSWER_SECONDS)
+        connection = host.connect(ROUTER_LAN, control_point.PORT, seconds=seconds)
         connection.sendall(request.encode())
         answer = control_point.read_to_end(connection).decode()
     except (OSError, ValueError):
@@ -52,15 +52,15 @@ def status_of(answer):
     return int(fault.group(1)) if fault else int(answer.split(" ", 2)[1])
 
 
-def call(host, interface, action, arguments):
+def call(host, interface, action, arguments, seconds=ANSWER_SECONDS):
     body = control_point.envelope(control_point.action_element(action, arguments))
     return ask(host, control_point.post(f"/upnp/control/wanipconn-{interface}", body,
-                                        f'"{control_point.CONNECTION}#{action}"'))
+                                        f'"{control_point.CONNECTION}#{action}"'), seconds)
 
 
-def add_mapping(host, interface, port, protocol, target, target_port, enabled=True):
+def add_mapping(host, interface, port, protocol, target, target_port, enabled=True, seconds=ANSWER_SECONDS):
     return call(host, interface, "AddPortMapping", control_point.mapping(
-        port, protocol.upper(), target_port, target, "1" if enabled else "0"))
+        port, protocol.upper(), target_port, target, "1" if enabled else "0"), seconds)
 
 
 def delete_mapping(host, interface, port, protocol):
