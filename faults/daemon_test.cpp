@@ -113,7 +113,8 @@ public:
         return outcome;
     }
     std::string contradiction() override { return broken; }
-    /// An administrator puts back what could not be read, and the subscriber drops what ended before it was heard.
+    /// An administrator puts back what could not be read, and the subscriber drops what ended before it was
+    /// heard.
     void recover() override {
         while (subscriber.acceptNow().isOpen()) {
         }

@@ -124,8 +124,8 @@ bool isFatal(Call call, const Extent& extent) {
     return call == Call::allocateObject || isOneOf(extent.fatal, call);
 }
 
-/// The outcomes to try of a call that is made `count` times, the first of them another for each number that is tried.
-/// Where one of several calls is tried, kinds begin with other numbers and other outcomes.
+/// The outcomes to try of a call that is made `count` times, the first of them another for each number that is
+/// tried. Where one of several calls is tried, kinds begin with other numbers and other outcomes.
 std::vector<int> outcomesToTry(Call call, std::uint32_t number, std::uint32_t count, const Extent& extent) {
     const std::uint32_t sampled = call == Call::allocate ? extent.everyAllocation : extent.every;
     const std::uint32_t every = areAllWanted() ? 1 : sampled;

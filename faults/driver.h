@@ -48,8 +48,8 @@ bool areAllWanted();
 
 /// Runs the scenario once to count its calls, and then again, each time in a new world, for each of them and for its
 /// outcomes: one of them in turn, or all when the environment says FAULTS=all. Fails the test when a step ends in what
-/// it may not end in, the world contradicts itself, does not recover, or keeps a descriptor, or when a call does not come
-/// again: of those that the kernel paces, more than one in ten of all.
+/// it may not end in, the world contradicts itself, does not recover, or keeps a descriptor, or when a call does not
+/// come again that the kernel does not pace, or more than one in ten of all.
 void failEveryCall(const Maker& makeWorld, const Judge& mayEndIn = allOrNothing, const Extent& extent = {});
 
 }  // namespace faults

@@ -1,4 +1,4 @@
-// tkctl changes the configuration file: it holds what it held, or what it was to hold, and nothing lies beside it.
+// tkctl changes the configuration file: it holds the old text or the new, and nothing lies beside it.
 #include "ctl/installer.h"
 
 #include <sys/stat.h>
@@ -27,7 +27,7 @@ constexpr const char* accepted = "[lan]\ninterfaces = [\"lan9\"]\n\n[nat]\nlimit
 constexpr const char* refused = "[lan]\ninterfaces = [\"lan8\"]\n";
 constexpr mode_t ownMode = 0640;
 
-/// A file that its administrator has linked to, and a router that reads one change of it, and refuses the other.
+/// A file that its administrator has linked to. The router reads one change of it, and refuses the other.
 class InstallerWorld final : public World {
 public:
     InstallerWorld() { std::filesystem::create_symlink("router.toml", link); }

@@ -82,7 +82,7 @@ private:
 TEST(RightsFaults, LeaveNoProcessWithRightsThatItHasGivenUp) {
     if (::geteuid() != 0) GTEST_SKIP() << "needs root, to give its rights up";
     EXPECT_THAT(RightsWorld().act(), ::testing::Each(::testing::HasSubstr("NoNewPrivs:\t1")));
-    // Without memory a lookup is another matter, see below; and it closes some hundred descriptors, to no effect.
+    // A lookup without memory is another matter, see below; and it closes some hundred descriptors.
     failEveryCall([] { return std::make_unique<RightsWorld>(); }, allOrNothing,
                   {.fatal = {Call::allocate, Call::close}});
 }

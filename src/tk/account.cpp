@@ -74,8 +74,8 @@ std::optional<gid_t> known(gid_t id) {
     return id == none ? std::nullopt : std::optional(id);
 }
 
-/// Looks a name up in the child. Ends it where there is no memory or descriptor for that: whoever cannot be looked up
-/// is not unknown.
+/// Looks a name up in the child. Ends it where there is no memory or descriptor for that: whoever cannot be
+/// looked up is not unknown.
 template <typename Entry>
 const Entry* lookUp(Entry* (*entryOf)(const char*), const std::string& name) {
     errno = 0;

@@ -22,8 +22,8 @@ struct Account {
 };
 
 // The next three look names up in a child process, one for each call. They wait for it, but not longer than
-// 2 s: the system may ask a server. They fail if that has not answered by then, or there is no child, or no memory
-// or descriptor for it.
+// 2 s: the system may ask a server. They fail if that has not answered by then, or there is no child, or
+// no memory or descriptor for it.
 
 /// Looks up a user by name. The value is empty when the system does not know the user.
 [[nodiscard]] Result<std::optional<Account>> findAccount(const std::string& name);
