@@ -104,6 +104,22 @@ TEST(StoreFaults, ShortOfDescriptorsOrMemoryLeaveTheFileAsItIs) {
     }
 }
 
+TEST(StoreFaults, ADamagedFileThatCannotBeKeptAsideForGoodStaysWhereItIs) {
+    const tk::testing::Folder folder;
+    folder.write("file", "damaged");
+    const tk::testing::CapturedOutput output;
+    begin({Call::open, 2, EMFILE});  // the first is of the file itself, the second of its folder, to sync it
+    {
+        const InProgram here;
+        tk::Store store(folder.file("file"), revision);
+        EXPECT_TRUE(store.hasLostContent());
+        EXPECT_FALSE(store.set(1, text("new")).isOk());
+    }
+    (void)end();
+    EXPECT_TRUE(hasStruck());
+    EXPECT_EQ(folder.read("file"), "damaged");
+}
+
 TEST(StoreFaults, AnInterruptedOpeningIsTriedAgain) {
     const tk::testing::Folder folder;
     const std::string path = folder.file("file");
