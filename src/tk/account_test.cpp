@@ -35,8 +35,6 @@ class GiveFolder : public ::testing::Test {
 protected:
     void SetUp() override {
         if (::geteuid() != 0) GTEST_SKIP() << "only root gives files away";
-        std::string pattern = ::testing::TempDir() + "accountXXXXXX";
-        base = ::mkdtemp(pattern.data());
         account.uid = 64001;
         account.gid = 64000;
     }
@@ -55,7 +53,8 @@ protected:
         return status.st_mode & 07777;
     }
 
-    std::string base;
+    const testing::Folder folder;
+    const std::string& base = folder.path;
     Account account;
 };
 
