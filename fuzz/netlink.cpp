@@ -299,7 +299,9 @@ bool isTold(std::size_t place, Number number) {
 /// No socket listens here, so the look-ups cannot be tried; but they are made all the same.
 void askForListeners() {
     const bool showsSocket = isTold<std::uint16_t>(offsetof(nlmsghdr, nlmsg_type), SOCK_DIAG_BY_FAMILY);
-    const bool showsAbsence = isTold<std::int32_t>(0, -ENOENT);
+    // The kernel negates the number, but a positive one is taken for the same.
+    constexpr std::size_t errorPlace = sizeof(nlmsghdr);
+    const bool showsAbsence = isTold(errorPlace, -ENOENT) || isTold(errorPlace, ENOENT);
     nat::SocketListeners listeners;
     requireReason(listeners.open());
     for (const int protocol : {IPPROTO_TCP, IPPROTO_UDP}) {
