@@ -37,15 +37,16 @@ HTTPConn::Input HTTPConn::read() {
     if (length <= 0) return Input::ended;
     if (isHopeless) return Input::more;
     buffer.append(bytes, static_cast<std::size_t>(length));
-    const HTTPProgress::State state = progress.look(buffer);
+    const HTTPProgress::State state =
+        buffer.size() > requestLimit ? HTTPProgress::State::never : progress.look(buffer);
     if (state == HTTPProgress::State::complete) return Input::complete;
-    if (state == HTTPProgress::State::never || buffer.size() > requestLimit) giveUp();
+    if (state == HTTPProgress::State::never) giveUp();
     return Input::more;
 }
 
 void HTTPConn::giveUp() {
     isHopeless = true;
-    buffer = {};
+    std::string().swap(buffer);  // unlike an assignment, this frees the memory
 }
 
 void HTTPConn::write(const std::string& response) {
@@ -56,7 +57,7 @@ void HTTPConn::keepWaiting(std::unique_ptr<HTTPWait> with) {
     requestTimer.disarm();  // it limits only the arrival of the request
     // A client may close its side after its request, and is answered all the same.
     watch.stop();
-    buffer = {};
+    std::string().swap(buffer);
     wait = std::move(with);
 }
 

@@ -97,7 +97,7 @@ bool flushLog() {
             queue.dropped = 0;
         }
     }
-    if (queue.text.capacity() > keptBytes) queue.text = {};
+    if (queue.text.capacity() > keptBytes) std::string().swap(queue.text);  // an assignment keeps it
     return true;
 }
 
