@@ -95,16 +95,16 @@ std::size_t HTTPServer::countFrom(std::uint32_t source) const {
 
 /// A few hosts that hold connections open must not keep all others out.
 void HTTPServer::endOldestOfTheBusiest() {
-    std::map<std::uint32_t, std::vector<const HTTPConn*>> bySource;
-    for (const auto& [descriptor, connection] : connections)
-        bySource[connection->source()].push_back(connection.get());
-    const auto busiest = std::max_element(
-        bySource.begin(), bySource.end(),
-        [](const auto& left, const auto& right) { return left.second.size() < right.second.size(); });
-    const auto oldest = std::min_element(
-        busiest->second.begin(), busiest->second.end(),
-        [](const HTTPConn* left, const HTTPConn* right) { return left->number() < right->number(); });
-    end((*oldest)->descriptor());
+    std::map<std::uint32_t, std::size_t> counts;
+    for (const auto& [descriptor, connection] : connections) ++counts[connection->source()];
+    const auto placeOf = [&counts](const HTTPConn& connection) {
+        return std::pair(connectionLimit - counts[connection.source()], connection.number());
+    };
+    const auto first = std::min_element(connections.begin(), connections.end(),
+                                        [&placeOf](const auto& left, const auto& right) {
+                                            return placeOf(*left.second) < placeOf(*right.second);
+                                        });
+    end(first->first);
 }
 
 void HTTPServer::connRead(int socket, std::uint32_t) {

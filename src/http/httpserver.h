@@ -39,7 +39,7 @@ public:
 ///
 /// Besides each connection's time limit there are limits on their number. At the limit of one address, a new
 /// connection from it is closed as soon as it is accepted. At the limit of all, a new one replaces the oldest
-/// connection of the address that has the most.
+/// connection of the addresses that have the most.
 class HTTPServer {
 public:
     using Connections = std::map<int, std::unique_ptr<HTTPConn>>;
