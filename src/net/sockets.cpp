@@ -2,6 +2,7 @@
 
 #include <net/if.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <string.h>
 #include <sys/socket.h>
 
@@ -24,7 +25,8 @@ namespace {
 
 constexpr unsigned char multicastTtl = 4;
 constexpr int listenQueue = 1;
-constexpr std::size_t nameSize = 16;  // what SO_BINDTODEVICE takes; a full one has no '\0'
+constexpr std::chrono::seconds answerPatience{10};  // as a request has
+constexpr std::size_t nameSize = 16;                // what SO_BINDTODEVICE takes; a full one has no '\0'
 
 /// Opens a socket that never blocks and that no other program inherits.
 tk::Fd open(int type) {
@@ -99,8 +101,14 @@ int openTcpListener(const char* deviceName, int port) {
     if (!bindToDevice(socket, deviceName)) return fail("setsockopt SO_BINDTODEVICE: ");
     if (!allowReuse(socket)) return fail("setsockopt SO_REUSEADDR: ");
     if (!bindToPort(socket, port)) return fail("tcp bind: ");
+    limitUntaken(socket.get(), answerPatience);  // its connections inherit that
     if (::listen(socket.get(), listenQueue) != 0) return fail("tcp listen: ");
     return socket.release();
+}
+
+void limitUntaken(int socket, std::chrono::milliseconds time) {
+    const unsigned milliseconds = static_cast<unsigned>(time.count());
+    (void)::setsockopt(socket, IPPROTO_TCP, TCP_USER_TIMEOUT, &milliseconds, sizeof milliseconds);
 }
 
 bool sendWhole(int socket, std::string_view text) {

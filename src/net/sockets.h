@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -18,10 +19,16 @@ namespace gateway {
 /// Errors: -1, logged.
 [[nodiscard]] int openSsdpSocket(const char* deviceName, int interfaceIndex, std::uint32_t interfaceAddress);
 
-/// Opens a TCP listener on `port` of one network device, with a queue of 1.
+/// Opens a TCP listener on `port` of one network device, with a queue of 1. What a peer does not take is dropped after
+/// 10 s, see limitUntaken().
 /// Byte order: the port is in host order.
 /// Errors: -1, logged.
 [[nodiscard]] int openTcpListener(const char* deviceName, int port);
+
+/// Lets the kernel give a TCP connection up when its peer has taken nothing of what was sent for this time, also after
+/// it was closed here: for a peer that never reads, it would keep the text for many minutes.
+/// Errors: none; at worst the text is kept for longer.
+void limitUntaken(int socket, std::chrono::milliseconds time);
 
 /// Sends a whole text on a connected TCP socket, after the log lines that were gathered. It never waits for
 /// the peer: if the socket's buffer does not take all, it is made large enough for the rest.

@@ -243,6 +243,15 @@ TEST_F(TcpListener, HasAQueueOfOne) {
     EXPECT_EQ(queueOf(socket), 1U);
 }
 
+TEST_F(TcpListener, ItsConnectionsDropWhatNobodyTakesFor10Seconds) {
+    const tk::Fd listener(openTcpListener("lo", freePort()));
+    const sockaddr_in address = boundTo(listener);
+    const tk::Fd client(::socket(AF_INET, SOCK_STREAM, 0));
+    ASSERT_EQ(::connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    const tk::Fd accepted(::accept(listener.get(), nullptr, nullptr));
+    EXPECT_EQ(option(accepted, IPPROTO_TCP, TCP_USER_TIMEOUT), 10000);
+}
+
 TEST_F(TcpListener, UnknownDeviceIsLoggedWithoutATcpPrefix) {
     const tk::testing::CapturedOutput output;
     EXPECT_EQ(openTcpListener("nosuchdevice", 0), -1);
