@@ -139,7 +139,7 @@ int Network::setOption(int descriptor, int level, int option, const void* value,
     Socket* const socket = find(descriptor);
     if (!socket) return refuse(EBADF);
     if (fails(Call::setsockopt)) {
-        if (socket->link) socket->link->sendFailed = true;  // then there is no room for the rest
+        if (socket->link && level == SOL_SOCKET) socket->link->sendFailed = true;  // no room for the rest
         return -1;
     }
     if (level != SOL_SOCKET) return 0;

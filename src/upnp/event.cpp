@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <utility>
 
@@ -20,7 +21,8 @@ namespace gateway {
 
 namespace {
 
-constexpr std::uint32_t deliveryTicks = 3000;  // 30 s for connecting, sending and the reply
+constexpr std::uint32_t deliveryTicks = 3000;         // 30 s for connecting, sending and the reply
+constexpr std::chrono::seconds deliveryPatience{30};  // after sending, also when the event is dropped before
 
 // Deliveries on their way at once: the limits of a service and of one subscriber, and what a subscriber may
 // have even when others have taken all. So dead subscribers do not keep events from live ones.
@@ -134,6 +136,7 @@ bool Service::Event::sendNotify() {
     XMLNode set("e:propertyset");
     set.addProperty("xmlns:e", "urn:schemas-upnp-org:event-1-0");
     if (!collectProperties(set)) return false;
+    pathSize = subscription->second->path.size();
     return write(makeNotify(*subscription->second, toXmlDocument(set)).toString());
 }
 
@@ -171,6 +174,7 @@ bool Service::Event::write(const std::string& text) {
         tk::log("fcntl 0: ", tk::errorText());
         return false;
     }
+    limitUntaken(socket.get(), deliveryPatience);
     if (sendWhole(socket.get(), text)) return true;
     tk::log("write failed");
     return false;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -31,6 +32,8 @@ public:
 
     /// The SID of its subscription.
     const std::string& subscriber() const { return sid; }
+    /// The length of the callback path in the message that was sent; 0 before that.
+    std::size_t sentPath() const { return pathSize; }
 
 private:
     void connected(int socket, std::uint32_t events);
@@ -48,6 +51,7 @@ private:
     tk::Fd socket;
     const std::string sid;
     const std::string varName;
+    std::size_t pathSize = 0;
     tk::Timer<Event, &Event::timedOut> deliveryTimer{*this};
     tk::Watch watch;  // leaves the loop before the descriptor closes
 };

@@ -11,6 +11,8 @@
 
 #include <gtest/gtest.h>
 
+#include "upnp/gena.h"
+#include "upnp/testing/fakeclient.h"
 #include "upnp/testing/notification.h"
 
 namespace gateway {
@@ -31,6 +33,33 @@ TEST_F(Notification, WithoutADescriptorNothingIsStarted) {
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
     EXPECT_EQ(output.text(), std::string("tcp socket: ") + strerror(EMFILE) + "\n");
     EXPECT_TRUE(isOver());
+}
+
+TEST_F(Notification, LongPathsThatWereSentTakeTheirRoomAfterTheSubscriptionHasEnded) {
+    const auto subscribe = [this] {
+        HTTPMessage request;
+        request.add("NT", "upnp:event");
+        request.add("CALLBACK", "<http://127.0.0.1:" + std::to_string(subscriber.port) + "/" +
+                                    std::string(std::size_t{120} * 1024, 'x') + ">");
+        FakeClient client;
+        client.take(gateway::subscribe(service, request, client));
+        return client.answered.value_or(HTTPMessage());
+    };
+    service.subscriptions.clear();
+    const tk::testing::CapturedOutput output;
+    std::vector<tk::Fd> connections;  // nobody reads from them
+    for (int i = 0; i < 2; ++i) {
+        const HTTPMessage answer = subscribe();
+        ASSERT_EQ(answer.title, "HTTP/1.1 200 OK");
+        connections.push_back(subscriber.accept());
+        loop.looper.turn(longestWait);
+        HTTPMessage end;
+        end.add("SID", answer.get("SID"));
+        ASSERT_EQ(gateway::unsubscribe(service, end).title, "HTTP/1.1 200 OK");
+    }
+    EXPECT_EQ(subscribe().title, "HTTP/1.1 500 Internal Server Error");
+    service.events.erase(service.events.begin());
+    EXPECT_EQ(subscribe().title, "HTTP/1.1 200 OK");
 }
 
 /// Raises the limit on descriptors, which the limits on deliveries need.

@@ -1,6 +1,7 @@
 #include "upnp/event.h"
 
 #include <fcntl.h>
+#include <netinet/tcp.h>
 
 #include <cstring>
 
@@ -124,6 +125,19 @@ TEST_F(Notification, WithoutAReplyItTimesOutAfterThirtySeconds) {
     EXPECT_EQ(service.subscriptions.size(), 1U);
 }
 
+TEST_F(Notification, ThirtySecondsRunFromItsStartWhateverHappensMeanwhile) {
+    start("");
+    EXPECT_EQ(advance(1000), "");
+    tk::Fd connection = subscriber.accept();
+    turn();
+    EXPECT_EQ(advance(1000), "");
+    connection.reset();
+    EXPECT_EQ(turn(), "notify reply read failed\n");
+    EXPECT_EQ(advance(999), "");
+    EXPECT_EQ(advance(1), "notify timeout\n");
+    EXPECT_TRUE(isOver());
+}
+
 TEST_F(Notification, ConnectionThatEndsWithoutAReplyWaitsForTheTimer) {
     start("");
     subscriber.accept().reset();
@@ -206,6 +220,18 @@ TEST_F(Notification, SocketConnectsWithoutBlockingAndBlocksAgainWhenTheMessageIs
     turn();
     ASSERT_EQ(service.events.count(socket), 1U);
     EXPECT_EQ(fcntl(socket, F_GETFL) & O_NONBLOCK, 0);
+}
+
+TEST_F(Notification, KernelKeepsAMessageThatNobodyTakesFor30Seconds) {
+    start("");
+    const tk::Fd connection = subscriber.accept();
+    turn();
+    ASSERT_EQ(service.events.size(), 1U);
+    unsigned milliseconds = 0;
+    socklen_t size = sizeof milliseconds;
+    ASSERT_EQ(getsockopt(service.events.begin()->first, IPPROTO_TCP, TCP_USER_TIMEOUT, &milliseconds, &size),
+              0);
+    EXPECT_EQ(milliseconds, 30000U);
 }
 
 TEST_F(Notification, SocketIsNotInherited) {

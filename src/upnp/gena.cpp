@@ -10,6 +10,7 @@
 #include "net/sockets.h"
 #include "tk/log.h"
 #include "upnp/callbackurl.h"
+#include "upnp/event.h"
 #include "upnp/namedsubscriber.h"
 #include "upnp/subscription.h"
 
@@ -19,7 +20,7 @@ namespace {
 
 constexpr std::size_t subscriptionLimit = 100;  // per service
 // What a service keeps of callback paths that are longer than usual. Each notification carries its path, and
-// waits in the kernel until it is read.
+// waits in the kernel until it is read, also when the subscription has ended.
 constexpr std::size_t usualPathLength = 1024;
 constexpr std::size_t longPathsLimit = std::size_t{256} * 1024;
 constexpr std::uint32_t shortestSeconds = 1800;  // also when the request states none, or no number
@@ -58,6 +59,9 @@ bool hasRoomForPath(const Service& service, const std::string& path) {
     std::size_t kept = 0;
     for (const auto& [sid, subscription] : service.subscriptions)
         if (subscription->path.size() > usualPathLength) kept += subscription->path.size();
+    for (const auto& [descriptor, event] : service.events)
+        if (event->sentPath() > usualPathLength && !service.subscriptions.contains(event->subscriber()))
+            kept += event->sentPath();
     return kept + path.size() <= longPathsLimit;
 }
 
