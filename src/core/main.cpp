@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr unsigned descriptors = 8192;  // enough for all connections and deliveries at their limits
+constexpr unsigned descriptors = 32768;  // for all connections and deliveries of ten uplinks at their limits
 
 constexpr const char* usage =
     "usage: upnpd\n"

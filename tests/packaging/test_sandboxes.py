@@ -192,7 +192,7 @@ def test_what_no_program_needs_is_refused(probed, name):
 
 
 @pytest.mark.parametrize("name, descriptors", (
-    ("routerd.service", 8192), ("upnpd.service", 8192), ("resolverd.service", 1024)))
+    ("routerd.service", 8192), ("upnpd.service", 32768), ("resolverd.service", 1024)))
 def test_a_program_sees_only_itself(probed, name, descriptors):
     seen = probed[name]
     assert seen["devices"] == ["full", "null", "random", "tty", "urandom", "zero"]
