@@ -72,6 +72,13 @@ TEST_F(ServeGet, CallsEveryFileXmlButGifs) {
         EXPECT_EQ(serveGet(store, request(path), "").get("CONTENT-TYPE"), "text/xml") << path;
 }
 
+TEST_F(ServeGet, CallsAFileByItsOwnNameWhateverItsPath) {
+    addFile("/icon", "icon.gif", "x");
+    addFile("/icon.gif", "icon.xml", "x");
+    EXPECT_EQ(serveGet(store, request("/icon"), "").get("CONTENT-TYPE"), "image/gif");
+    EXPECT_EQ(serveGet(store, request("/icon.gif"), "").get("CONTENT-TYPE"), "text/xml");
+}
+
 TEST_F(ServeGet, CutsAFileAt16384Bytes) {
     const std::string large(20000, 'x');
     addFile("/large.xml", "large.xml", large);

@@ -262,6 +262,10 @@ TEST_F(Soap, QueryAnswersTheValueWhateverTheEventedFlag) {
     EXPECT_EQ(log, "query variable: Name\n");
     EXPECT_EQ(query("<QueryStateVariable><varName>Level</varName></QueryStateVariable>").body,
               before + "5" + after);
+    EXPECT_EQ(post("urn:schemas-upnp-org:control-1-0#QueryStateVariable",
+                   envelope("<QueryStateVariable><varName>Level</varName></QueryStateVariable>"))
+                  .body,
+              before + "5" + after);  // quotes make no difference
 }
 
 TEST_F(Soap, QueryOfAnUnknownOrEmptyVariableIsAFault) {
