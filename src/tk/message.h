@@ -41,7 +41,7 @@ public:
 
     /// How deep messages may be nested. A deeper one would cost its sender the connection.
     static constexpr unsigned nestingLimit = 16;
-    /// How many fields one message may have, so that the search for a repeated id stays cheap.
+    /// How many fields one message may have, so that the search for one of them stays cheap.
     static constexpr std::size_t fieldLimit = 1024;
 
     message();
@@ -123,6 +123,8 @@ public:
     bool operator==(const message& other) const;
 
 private:
+    class Reader;
+
     const Field* find(std::uint32_t id) const;
     template <typename T>
     const T* read(std::uint32_t id) const;

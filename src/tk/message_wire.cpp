@@ -2,7 +2,7 @@
 
 #include "tk/message.h"
 
-#include <bit>
+#include <algorithm>
 #include <cstring>
 
 namespace tk {
@@ -74,11 +74,28 @@ bool fits(const message& source, unsigned depth) {
     return true;
 }
 
+/// True when an id stands twice. Foreign frames may hold many messages of many fields in any order: to look for each
+/// field among those before it would take far longer than all the rest of the reading.
+bool hasRepeatedId(const std::vector<message::Field>& fields) {
+    const auto outOfOrder = [](const message::Field& one, const message::Field& next) {
+        return next.id <= one.id;
+    };
+    if (std::adjacent_find(fields.begin(), fields.end(), outOfOrder) == fields.end()) return false;
+    std::vector<std::uint32_t> ids;
+    ids.reserve(fields.size());
+    for (const message::Field& field : fields) ids.push_back(field.id);
+    std::sort(ids.begin(), ids.end());
+    return std::adjacent_find(ids.begin(), ids.end()) != ids.end();
+}
+
+}  // namespace
+
 /// Reads values from the front of a text. Each read returns false when the text is too short.
-class Reader {
+class message::Reader {
 public:
     Reader(std::string_view text, unsigned depth) : rest(text), depth(depth) {}
 
+    /// Appends the fields of the whole text to `out`, which is empty.
     [[nodiscard]] bool readMessage(message& out);
 
 private:
@@ -98,98 +115,88 @@ private:
         rest.remove_prefix(length);
         return true;
     }
-    [[nodiscard]] bool readValue(std::uint32_t id, FieldType type, message& out);
-    [[nodiscard]] bool readBool(std::uint32_t id, message& out);
-    [[nodiscard]] bool readString(std::uint32_t id, message& out);
-    [[nodiscard]] bool readBe32(std::uint32_t id, message& out);
-    [[nodiscard]] bool readNumbers(std::uint32_t id, message& out);
-    [[nodiscard]] bool readMessages(std::uint32_t id, message& out);
+    [[nodiscard]] bool readField(Field& out);
+    [[nodiscard]] bool readBool(bool& out);
+    [[nodiscard]] bool readString(std::string& out);
+    [[nodiscard]] bool readBe32(Be32& out);
+    [[nodiscard]] bool readNumbers(std::vector<std::uint32_t>& out);
+    [[nodiscard]] bool readMessages(std::vector<message>& out);
 
     std::string_view rest;
     unsigned depth;
 };
 
-bool Reader::readMessage(message& out) {
+bool message::Reader::readMessage(message& out) {
     if (depth <= deepestWithRoom) out.reserve(rest.size() / usualFieldSize);
-    while (!rest.empty()) {
-        std::uint32_t id = 0;
-        std::uint8_t type = 0;
-        if (!integer(id) || !integer(type) || out.has(id)) return false;
-        if (out.fields().size() == message::fieldLimit) return false;
-        if (!readValue(id, static_cast<FieldType>(type), out)) return false;
-    }
-    return true;
+    while (!rest.empty())
+        if (out.content.size() == fieldLimit || !readField(out.content.emplace_back())) return false;
+    return !hasRepeatedId(out.content);
 }
 
-bool Reader::readValue(std::uint32_t id, FieldType type, message& out) {
-    switch (type) {
+bool message::Reader::readField(Field& out) {
+    std::uint8_t type = 0;
+    if (!integer(out.id) || !integer(type)) return false;
+    switch (static_cast<FieldType>(type)) {
         case FieldType::u32:
-            return integer(out.get_u32_ref(id));
+            return integer(out.value.emplace<std::uint32_t>());
         case FieldType::boolean:
-            return readBool(id, out);
+            return readBool(out.value.emplace<bool>());
         case FieldType::string:
-            return readString(id, out);
+            return readString(out.value.emplace<std::string>());
         case FieldType::be32:
-            return readBe32(id, out);
+            return readBe32(out.value.emplace<Be32>());
         case FieldType::u64:
-            return integer(out.get_u64_ref(id));
+            return integer(out.value.emplace<std::uint64_t>());
         case FieldType::u32Array:
-            return readNumbers(id, out);
+            return readNumbers(out.value.emplace<std::vector<std::uint32_t>>());
         case FieldType::messageArray:
-            return readMessages(id, out);
+            return readMessages(out.value.emplace<std::vector<message>>());
     }
     return false;  // a number from the wire that is no type
 }
 
-bool Reader::readBool(std::uint32_t id, message& out) {
+bool message::Reader::readBool(bool& out) {
     std::uint8_t value = 0;
     if (!integer(value) || value > 1) return false;
-    out.insert_bool(id, value == 1);
+    out = value == 1;
     return true;
 }
 
-bool Reader::readString(std::uint32_t id, message& out) {
+bool message::Reader::readString(std::string& out) {
     std::string_view value;
     if (!bytes(value)) return false;
-    out.insert_string(id, std::string(value));
+    out = std::string(value);  // with no more room than it needs
     return true;
 }
 
-bool Reader::readBe32(std::uint32_t id, message& out) {
-    std::uint32_t value = 0;
-    if (rest.size() < sizeof value) return false;
-    std::memcpy(&value, rest.data(), sizeof value);
-    rest.remove_prefix(sizeof value);
-    out.insert_be32(id, value);
+bool message::Reader::readBe32(Be32& out) {
+    if (rest.size() < sizeof out.value) return false;
+    std::memcpy(&out.value, rest.data(), sizeof out.value);
+    rest.remove_prefix(sizeof out.value);
     return true;
 }
 
-bool Reader::readNumbers(std::uint32_t id, message& out) {
+bool message::Reader::readNumbers(std::vector<std::uint32_t>& out) {
     std::uint32_t count = 0;
     if (!integer(count) || rest.size() / sizeof count < count) return false;
-    std::vector<std::uint32_t> values(count);
-    for (std::uint32_t& value : values)
+    out.resize(count);
+    for (std::uint32_t& value : out)
         if (!integer(value)) return false;
-    out.insert_u32_array(id, std::move(values));
     return true;
 }
 
-bool Reader::readMessages(std::uint32_t id, message& out) {
+bool message::Reader::readMessages(std::vector<message>& out) {
     std::uint32_t count = 0;
     // Each message takes at least its length field: a count too large for the text must not reserve memory.
-    if (!integer(count) || rest.size() / sizeof count < count ||
-        (count > 0 && depth == message::nestingLimit))
+    if (!integer(count) || rest.size() / sizeof count < count || (count > 0 && depth == nestingLimit))
         return false;
-    std::vector<message> values(count);
-    for (message& value : values) {
+    out.resize(count);
+    for (message& value : out) {
         std::string_view flat;
         if (!bytes(flat) || !Reader(flat, depth + 1).readMessage(value)) return false;
     }
-    out.insert_message_array(id, std::move(values));
     return true;
 }
-
-}  // namespace
 
 bool message::parse(std::string_view flat, message& out) {
     out.content.clear();
