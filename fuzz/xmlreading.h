@@ -2,6 +2,7 @@
 
 #include <expat.h>
 
+#include <cstddef>
 #include <memory>
 #include <optional>
 #include <string>
@@ -24,7 +25,8 @@ public:
         XML_SetUserData(parser, this);
         XML_SetElementHandler(parser, started, ended);
         XML_SetCharacterDataHandler(parser, characters);
-        XML_SetEntityDeclHandler(parser, declared);
+        XML_SetEntityDeclHandler(parser, entityDeclared);
+        XML_SetAttlistDeclHandler(parser, attributeDeclared);
         open.emplace_back();
         const bool accepted =
             XML_Parse(parser, text.data(), static_cast<int>(text.size()), XML_TRUE) == XML_STATUS_OK;
@@ -33,6 +35,7 @@ public:
 
     /// The document element; none for a text that is not well-formed, or that declares an entity.
     std::optional<gateway::XMLNode> document;
+    std::size_t declaredAttributes = 0;
 
 private:
     static XMLReading& of(void* user) { return *static_cast<XMLReading*>(user); }
@@ -52,8 +55,12 @@ private:
     static void characters(void* user, const XML_Char* bytes, int length) {
         of(user).lastText.assign(bytes, static_cast<std::size_t>(length));
     }
-    static void declared(void* user, const XML_Char*, int, const XML_Char*, int, const XML_Char*,
-                         const XML_Char*, const XML_Char*, const XML_Char*) {
+    static void attributeDeclared(void* user, const XML_Char*, const XML_Char*, const XML_Char*,
+                                  const XML_Char*, int) {
+        ++of(user).declaredAttributes;
+    }
+    static void entityDeclared(void* user, const XML_Char*, int, const XML_Char*, int, const XML_Char*,
+                               const XML_Char*, const XML_Char*, const XML_Char*) {
         of(user).declaresEntity = true;
         XML_StopParser(of(user).parser, XML_FALSE);
     }

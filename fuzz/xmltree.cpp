@@ -72,7 +72,8 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string text(fuzz::text(data, size));
     const XMLParser parser(text);
     const fuzz::XMLReading reading(text);
-    fuzz::require(parser.ok == (reading.document && isWithinLimits(*reading.document)),
+    fuzz::require(parser.ok == (reading.document && isWithinLimits(*reading.document) &&
+                                reading.declaredAttributes <= XMLParser::declaredLimit),
                   "what is well-formed and within the limits is read, and nothing else");
     if (!parser.ok) return 0;
     fuzz::require(parser.root.children.size() == 1, "one document element");

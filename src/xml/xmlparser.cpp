@@ -16,6 +16,7 @@ namespace {
 struct Feed {
     XMLParser& tree;
     XML_Parser tokeniser = nullptr;
+    std::size_t declared = 0;  // attributes
     bool stopped = false;
 
     void check(bool withinLimits) {
@@ -46,6 +47,13 @@ void entityDeclared(void* user, const XML_Char*, int, const XML_Char*, int, cons
     static_cast<Feed*>(user)->check(false);
 }
 
+/// The tokeniser goes through all declared attributes of an element's name for each such element, and for each
+/// further declaration.
+void attributeDeclared(void* user, const XML_Char*, const XML_Char*, const XML_Char*, const XML_Char*, int) {
+    auto& feed = *static_cast<Feed*>(user);
+    feed.check(++feed.declared <= XMLParser::declaredLimit);
+}
+
 /// Keys the tokeniser's tables, so that no peer can choose names that collide. One key for all documents: the
 /// tokeniser would ask the kernel for each. 0 means that it asks, as long as the kernel has no random numbers
 /// without waiting.
@@ -69,6 +77,7 @@ XMLParser::XMLParser(const std::string& text) {
     XML_SetElementHandler(tokeniser.get(), gateway::startElement, gateway::endElement);
     XML_SetCharacterDataHandler(tokeniser.get(), gateway::characterData);
     XML_SetEntityDeclHandler(tokeniser.get(), entityDeclared);
+    XML_SetAttlistDeclHandler(tokeniser.get(), attributeDeclared);
     stack.push_back(&root);
     ok = XML_Parse(tokeniser.get(), text.data(), static_cast<int>(text.size()), XML_TRUE) == XML_STATUS_OK;
 }

@@ -22,6 +22,7 @@ public:
     static constexpr std::size_t depthLimit = 64;                       // nested elements
     static constexpr std::size_t nodeLimit = 4096;                      // elements and attributes in all
     static constexpr std::size_t textLimit = std::size_t{1024} * 1024;  // bytes of names and values in all
+    static constexpr std::size_t declaredLimit = 64;                    // attributes that a DOCTYPE declares
 
     /// Parses the whole text.
     explicit XMLParser(const std::string& text);

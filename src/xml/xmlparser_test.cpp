@@ -146,6 +146,40 @@ TEST(XMLParser, TextThatAttributeDefaultsRepeatIsLimited) {
     EXPECT_FALSE(XMLParser(type + "<a>" + repeat("<b/>", 11) + "</a>").ok);
 }
 
+/// A document whose DOCTYPE declares so many attributes, each by such a text.
+std::string declaring(const std::string& declaration, std::size_t count) {
+    return "<!DOCTYPE a [" + repeat(declaration, count) + "]><a/>";
+}
+
+TEST(XMLParser, NumberOfDeclaredAttributesIsLimited) {
+    const std::size_t limit = XMLParser::declaredLimit;
+    for (const char* declaration :
+         {"<!ATTLIST b c ID #IMPLIED>", "<!ATTLIST b c CDATA \"\">", "<!ATTLIST b c (d|e) #REQUIRED>",
+          "<!ATTLIST b c NMTOKENS #FIXED \"d\">"}) {
+        EXPECT_TRUE(XMLParser(declaring(declaration, limit)).ok) << declaration;
+        EXPECT_FALSE(XMLParser(declaring(declaration, limit + 1)).ok) << declaration;
+    }
+}
+
+TEST(XMLParser, DeclaredAttributesOfAllElementsAndListsCountTogether) {
+    const std::string ofThree = "<!ATTLIST b c ID #IMPLIED d CDATA \"\"><!ATTLIST e c CDATA #IMPLIED>";
+    const std::size_t limit = XMLParser::declaredLimit;
+    EXPECT_TRUE(XMLParser(declaring(ofThree, limit / 3)).ok);
+    EXPECT_FALSE(XMLParser(declaring(ofThree, limit / 3 + 1)).ok);
+}
+
+TEST(XMLParser, WhatDeclaresNoAttributeIsNotCounted) {
+    for (const char* declaration :
+         {"<!ELEMENT b (c, d?)>", "<!NOTATION b SYSTEM \"c\">", "<!ATTLIST b>", "<!-- b -->", "<?b c?>"})
+        EXPECT_TRUE(XMLParser(declaring(declaration, XMLParser::declaredLimit + 1)).ok) << declaration;
+}
+
+TEST(XMLParser, NothingAfterTooManyDeclaredAttributesIsRead) {
+    const XMLParser parser(declaring("<!ATTLIST a b CDATA \"c\">", XMLParser::declaredLimit + 1));
+    EXPECT_FALSE(parser.ok);
+    EXPECT_TRUE(parser.root.children.empty());
+}
+
 TEST(XMLParser, ADocumentThatDeclaresAnEntityIsMalformed) {
     for (const char* declaration :
          {"<!ENTITY e \"x\">", "<!ENTITY % e \"x\">", "<!ENTITY e SYSTEM \"file:///etc/hostname\">",
