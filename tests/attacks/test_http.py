@@ -301,6 +301,20 @@ def test_hosts_that_never_read_a_long_answer_keep_nobody_waiting(lab, bystander,
     assert set(lab.upnpd.since(mark)) <= {*usual, "write error"}
 
 
+def kept_answers(lab):
+    """How many answers the router's kernel still keeps, of connections that the daemon has closed."""
+    return len(lab.router.run("ss", "-Htn", "state", "fin-wait-1", f"sport = :{PORT}").stdout.splitlines())
+
+
+def test_the_kernel_drops_an_answer_that_nobody_takes(lab, long_entry):
+    request, _ = long_entry
+    with contextlib.ExitStack() as stack:
+        for _ in range(20):
+            stack.enter_context(connect_at_once(lab.lan1, room=1)).sendall(request.encode())
+        eventually(lambda: kept_answers(lab) == 20, "the answers wait for their clients")
+        eventually(lambda: kept_answers(lab) == 0, "the kernel has dropped them", seconds=60)
+
+
 @pytest.mark.parametrize("count", [2, 100])
 def test_requests_in_a_row_get_one_answer(lab, count):
     with lab.lan1.connect(ROUTER_LAN, PORT) as connection:

@@ -1,4 +1,6 @@
 """What a host in the LAN can put into a call of an action, and what it costs another one."""
+from string import ascii_letters
+
 import pytest
 
 from bystanders import watched
@@ -83,6 +85,46 @@ def test_the_first_of_an_argument_that_comes_twice_counts(lab, bystander, path):
 def test_arguments_come_in_any_order(lab, bystander, path):
     for turn in range(len(USUAL)):
         assert outcome(lab, path, [*USUAL[turn:], *USUAL[:turn]][::-1]) == MAPPED, turn
+
+
+KEY = USUAL[:3]
+NO_ENTRY = fault(714, "NoSuchEntryInArray")
+REMOVED = result("DeletePortMapping")
+SPECIFIC = result("GetSpecificPortMappingEntry", [(name, value) for name, value in zip(
+    NAMES[3:], ["8081", LAN1, "1", "usual", "0"])])
+DUMMY = entry("0", "TCP", "0", "0.0.0.0", "0", "Dummy inactive rule for windows to work")
+# The other actions that take arguments, with usual ones, the answer to these, and to each that is empty, and that is long.
+ACTIONS = {
+    "DeletePortMapping": (KEY, REMOVED, [REMOVED, INVALID_ARGS, INVALID_ARGS],
+                          [("x" * LONG, REMOVED), ("9" * LONG, INVALID_ARGS), ("UDP" * (LONG // 3), INVALID_ARGS)]),
+    "GetSpecificPortMappingEntry": ([(NAMES[0], ""), *KEY[1:]], SPECIFIC, [SPECIFIC, NO_ENTRY, INVALID_ARGS],
+                                    [("x" * LONG, NO_ENTRY), ("9" * LONG, INVALID_ARGS), ("UDP" * (LONG // 3), INVALID_ARGS)]),
+    "GetGenericPortMappingEntry": ([("NewPortMappingIndex", "1")], entry(), [DUMMY], [("9" * LONG, INVALID_ARGS)]),
+    "SetConnectionType": ([("NewConnectionType", "IP_Routed")], FAILED, [INVALID_ARGS], [("x" * LONG, INVALID_ARGS)]),
+}
+
+
+@pytest.mark.parametrize("action", ACTIONS)
+@watched
+def test_odd_arguments_of_the_other_actions_count_as_those_of_a_mapping(lab, bystander, path, action):
+    usual, good, empty, long = ACTIONS[action]
+
+    def answer(arguments):
+        """What the action says of one mapping, which is unmapped again."""
+        assert call(lab.lan1, path, "AddPortMapping", USUAL) == ADDED
+        said = call(lab.lan1, path, action, arguments)
+        left = call(lab.lan1, path, "DeletePortMapping", KEY)
+        assert left == (NO_ENTRY if said == REMOVED else REMOVED)
+        return said
+
+    assert answer(usual) == answer([usual[0], *usual[:0:-1]]) == good  # in any order, but an empty one first
+    for position, (name, value) in enumerate(usual):
+        before, after = usual[:position], usual[position + 1:]
+        assert answer(before + after) == INVALID_ARGS, f"{name} is missing"
+        assert answer([*before, (name, ""), *after]) == empty[position], f"{name} is empty"
+        assert answer([*usual[:position + 1], (name, "hostile"), *after]) == good, f"{name} comes twice"
+        text, expected = long[position]
+        assert answer([*before, (name, text), *after]) == expected, f"{name} is long"
 
 
 LONG_ARGUMENTS = [
@@ -191,6 +233,9 @@ DOCUMENTS = {
     "an entity in itself": '<!DOCTYPE x [<!ENTITY e "&e;">]>' + called("&e;"),
     "40000 levels": "<a>" * 40000,
     "20000 elements": called("<a/>" * 20000),
+    "7000 declared attributes": "<!DOCTYPE x [<!ATTLIST b " + "".join(
+        f"{x}{y}{z} ID #IMPLIED " for x in "abc" for y in ascii_letters for z in ascii_letters[:45])
+        + ">]>" + called("<b/>" * 4080),
     "9000 attributes": "<a " + " ".join(f'a{number}=""' for number in range(9000)) + "/>",
     "a long name of an element": f"<{'a' * 120000}/>",
     "brackets": "<" * 120000,
@@ -200,7 +245,7 @@ DOCUMENTS = {
     "marks of the byte order": "\ufeff" * 3 + called(""),
     "what is no character": called("\ud800".encode("utf-8", "surrogatepass").decode("latin1") + "\x01"),
 }
-HEAVY = "a billion laughs", "40000 levels", "20000 elements", "9000 attributes", "brackets"
+HEAVY = "a billion laughs", "7000 declared attributes", "40000 levels", "20000 elements", "9000 attributes", "brackets"
 
 
 def send(lab, path, document):
