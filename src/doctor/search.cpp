@@ -8,6 +8,7 @@
 #include <algorithm>
 
 #include "contract/ports.h"
+#include "http/httpmessage.h"
 #include "net/convert.h"
 
 namespace doctor {
@@ -55,24 +56,6 @@ tk::Fd searchFrom(const SearchPlace& place) {
     return socket;
 }
 
-/// The value of a header field, whose name is in capital letters.
-std::string fieldIn(std::string_view answer, std::string_view name) {
-    for (std::size_t start = 0; start < answer.size();) {
-        const std::size_t end = std::min(answer.find('\n', start), answer.size());
-        const std::string_view line = answer.substr(start, end - start);
-        const std::size_t colon = line.find(':');
-        if (colon != std::string_view::npos && gateway::toUpper(std::string(line.substr(0, colon))) == name) {
-            const std::size_t first = line.find_first_not_of(" \t", colon + 1),
-                              last = line.find_last_not_of(" \t\r");
-            return first == std::string_view::npos || last < first
-                       ? ""
-                       : std::string(line.substr(first, last - first + 1));
-        }
-        start = end + 1;
-    }
-    return {};
-}
-
 }  // namespace
 
 GatewaySearch::GatewaySearch(const std::vector<SearchPlace>& places) : end(Clock::now() + patience) {
@@ -114,9 +97,10 @@ void GatewaySearch::receive(const Socket& socket, const std::vector<machine::Add
 }
 
 std::optional<std::string> serverIn(std::string_view answer) {
-    if (!answer.starts_with("HTTP/1.1 200")) return std::nullopt;
-    if (!fieldIn(answer, "ST").starts_with(kind)) return std::nullopt;
-    return fieldIn(answer, "SERVER").substr(0, serverLength);
+    const gateway::HTTPMessage message(answer);
+    if (!message.title.starts_with("HTTP/1.1 200") || !message.get("ST").starts_with(kind))
+        return std::nullopt;
+    return message.get("SERVER").substr(0, serverLength);
 }
 
 }  // namespace doctor

@@ -8,7 +8,7 @@ namespace {
 constexpr const char* answer =
     "HTTP/1.1 200 OK\r\nCACHE-CONTROL: max-age=120\r\nst: "
     "urn:schemas-upnp-org:device:InternetGatewayDevice:1\r\n"
-    "Server:  Box/1.0 UPnP/1.0 \r\nLOCATION: http://192.0.2.9/\r\n\r\n";
+    "Server:  Box/1.0 UPnP/1.0\r\nLOCATION: http://192.0.2.9/\r\n\r\n";
 
 TEST(SearchAnswer, TellsWhatTheGatewayCallsItself) {
     EXPECT_EQ(serverIn(answer), "Box/1.0 UPnP/1.0");
@@ -17,8 +17,15 @@ TEST(SearchAnswer, TellsWhatTheGatewayCallsItself) {
 TEST(SearchAnswer, MayLackTheName) {
     EXPECT_EQ(serverIn("HTTP/1.1 200 OK\r\nST: urn:schemas-upnp-org:device:InternetGatewayDevice:2\r\n\r\n"),
               "");
-    EXPECT_EQ(serverIn("HTTP/1.1 200 OK\nST:urn:schemas-upnp-org:device:InternetGatewayDevice:1\nSERVER:\n"),
-              "");
+    EXPECT_EQ(
+        serverIn("HTTP/1.1 200 OK\r\nST:urn:schemas-upnp-org:device:InternetGatewayDevice:1\r\nSERVER:\r\n"),
+        "");
+}
+
+TEST(SearchAnswer, GivesNoMoreThan200BytesOfTheName) {
+    const std::string beginning =
+        "HTTP/1.1 200 OK\r\nST: urn:schemas-upnp-org:device:InternetGatewayDevice:1\r\nSERVER: ";
+    EXPECT_EQ(serverIn(beginning + std::string(201, 'x') + "\r\n"), std::string(200, 'x'));
 }
 
 TEST(SearchAnswer, OfAnythingElseDoesNotCount) {
