@@ -1,4 +1,5 @@
-// The URL that a subscriber wants its events sent to, against another reading of the same text.
+// The URL that a subscriber wants its events sent to, against another reading of the same text; and whether its host is
+// a name to ask for, against the grammar of names.
 #include "upnp/callbackurl.h"
 
 #include <arpa/inet.h>
@@ -10,6 +11,7 @@
 
 #include "fuzz/target.h"
 #include "net/convert.h"
+#include "resolver/hostname.h"
 
 namespace {
 
@@ -50,6 +52,21 @@ bool areEqual(const Callback& one, const Callback& other) {
            one.path == other.path;
 }
 
+/// Looks for what a host name may not have, between dots on all its sides.
+bool isName(std::string host) {
+    if (host.ends_with('.')) host.pop_back();
+    if (host.empty() || host.size() > 253) return false;
+    if (host.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-.") !=
+        host.npos)
+        return false;
+    const std::string dotted = '.' + host + '.';
+    for (const char* wrong : {"..", ".-", "-."})
+        if (dotted.find(wrong) != dotted.npos) return false;
+    for (std::size_t dot = 0, next = 0; (next = dotted.find('.', dot + 1)) != dotted.npos; dot = next)
+        if (next - dot - 1 > 63) return false;
+    return host.find_first_not_of("0123456789", host.rfind('.') + 1) != host.npos;
+}
+
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -61,6 +78,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     fuzz::require(accepted == read(url, expected), "the same URLs are taken");
     fuzz::require(areEqual(parsed, expected), "the same parts, and none of a URL that is not taken");
     if (!accepted) return 0;
+    fuzz::require(resolver::isHostName(parsed.host) == isName(parsed.host), "the same names are asked for");
 
     fuzz::require(!parsed.path.empty() && parsed.path.front() == '/', "a path begins with a slash");
     fuzz::require(isPlain(parsed.path) && isPlain(parsed.host), "no control character gets into a NOTIFY");
