@@ -1,8 +1,26 @@
 // The hub among peers of several users that ask, answer, tell, forge, write in pieces, never read and leave. The input
-// is a script: a letter for each step, then one character for each of its choices, of which '0' is the first ("c0" and
-// "q01" below). After each step the hub has done what a second reading of its rules says (fuzz/hub/model.h), and
-// nothing else: each message reaches those who may have it, once, in order and with its true sender; each request ends
-// once; who breaks a rule is dropped, and nobody else. At the end nothing is left of anybody.
+// is a script: a letter for each step, then one character for each of its choices, of which '0' is the first. A message
+// (msg) is a choice of content() and what that asks for. Letters that are no step are skipped.
+//
+//   peers      c user                  connect; the steps of a peer are its own now
+//              p peer                  whose steps they are from here on
+//              q path command number msg               ask
+//              n msg path command      tell            k msg as of q, kind   ask, as a message of any kind
+//              a which how msg         answer what was read, or another
+//              m                       the last message 2, 4, 16, 64, then 1030 times
+//              b length bytes          a frame of these bytes          B place byte          a length that lies
+//              h                       hold back what is written, or no more
+//              w length                write so much of what is held back
+//              r                       read                            x                     leave
+//   router     T span                  time passes
+//              R table, L table        the rights now, and after a reload
+//              F program               a program that was to be started fails
+//              f room, e               leave a poor user so much of its account, and all of it again
+//              O msg path from command, N ...          what the router itself asks, and tells
+//
+// After each step the hub has done what a second reading of its rules says (fuzz/hub/model.h), and nothing else: each
+// message reaches those who may have it, once, in order and with its true sender; each request ends once; who breaks a
+// rule is dropped, and nobody else. At the end nothing is left of anybody.
 #include <algorithm>
 #include <string>
 #include <utility>
