@@ -73,8 +73,8 @@ class Disturber(Router):
             done = self.lab.tkctl("reload", check=False)
             assert done.returncode == status, f"{text}: {done}"
 
-    CHOICES = {Router.flush: 1, Router.change_address: 2, Router.remove_link: 2, Router.flap: 2, Router.flap_item: 1,
-               change_lan_address: 2, switch_off: 1, reload: 2}
+    CHOICES = (Router.flush, Router.change_address, Router.remove_link, Router.flap, Router.flap_item, change_lan_address,
+               switch_off, reload)
 
 
 class World(rounds.World):
@@ -86,6 +86,7 @@ class World(rounds.World):
         self.guests = [Guest((self.lab.lan1, self.lab.lan2)[number % 2], number) for number in range(clients)]
         self.series, self.seconds = slopes.Series(), collections.defaultdict(list)
         self.done, self.helpers, self.nuisances, self.log_rate = collections.Counter(), [], {}, 0.0
+        self.to_come = []  # of the disturbances
 
     def up(self):
         lab = self.lab
@@ -159,7 +160,7 @@ class World(rounds.World):
         end = time.monotonic() + seconds
         while time.monotonic() < end:
             time.sleep(chance.uniform(0.5, 2.5))
-            disturb = chance.choices(list(Disturber.CHOICES), list(Disturber.CHOICES.values()))[0]
+            disturb = self.next_disturbance(chance)
             self.disturbances[disturb.__name__] += 1
             disturb(self.router, chance)
             time.sleep(chance.uniform(0, 0.3))
@@ -167,6 +168,16 @@ class World(rounds.World):
             self.settle()
             self.serving()
             self.router.calm()
+
+    def next_disturbance(self, chance):
+        """All come once before any comes again."""
+        if not self.to_come:
+            self.to_come = chance.sample(Disturber.CHOICES, len(Disturber.CHOICES))
+        return self.to_come.pop()
+
+    def spared(self):
+        """What has not yet been done to the router."""
+        return {disturb.__name__ for disturb in Disturber.CHOICES} - set(self.disturbances)
 
     def serving(self):
         """Waits until a client is answered again: all come at once, and the listener turns many away."""
@@ -271,7 +282,7 @@ def run(directory, seed, seconds, clients=30, report=print, latest=slopes.LATEST
     number = 0
     try:
         world.up()
-        while time.monotonic() < began + seconds or number < slopes.WARM_UP + slopes.FEWEST:
+        while time.monotonic() < began + seconds or number < slopes.WARM_UP + slopes.FEWEST or world.spared():
             number += 1
             world.play(number)
             if number % 20 == 0:
