@@ -79,6 +79,8 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     fuzz::require(areEqual(parsed, expected), "the same parts, and none of a URL that is not taken");
     if (!accepted) return 0;
     fuzz::require(resolver::isHostName(parsed.host) == isName(parsed.host), "the same names are asked for");
+    fuzz::require(gateway::toUpper(resolver::lowerCase(parsed.host)) == gateway::toUpper(parsed.host),
+                  "only the case of a name changes");
 
     fuzz::require(!parsed.path.empty() && parsed.path.front() == '/', "a path begins with a slash");
     fuzz::require(isPlain(parsed.path) && isPlain(parsed.host), "no control character gets into a NOTIFY");
