@@ -53,6 +53,11 @@ void HTTPConn::write(const std::string& response) {
     if (!sendWhole(socket.get(), response)) tk::log("write error");
 }
 
+tk::Fd HTTPConn::giveSocketUp() {
+    watch.stop();
+    return std::move(socket);
+}
+
 void HTTPConn::keepWaiting(std::unique_ptr<HTTPWait> with) {
     requestTimer.disarm();  // it limits only the arrival of the request
     // A client may close its side after its request, and is answered all the same.

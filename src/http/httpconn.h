@@ -35,6 +35,8 @@ public:
     /// Sends the response whole.
     /// Errors: logged; the client did not get all of it.
     void write(const std::string& response);
+    /// Stops to watch the socket, and gives it up to the caller.
+    [[nodiscard]] tk::Fd giveSocketUp();
     /// Keeps a complete request until it is answered, and ignores what the client does meanwhile.
     void keepWaiting(std::unique_ptr<HTTPWait> with);
     /// True while the request is kept waiting.

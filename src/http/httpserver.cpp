@@ -131,8 +131,11 @@ void HTTPServer::answer(HTTPConn& connection) {
 }
 
 void HTTPServer::answered(HTTPConn& connection, const HTTPMessage& response) {
-    connection.write(response.toString());
-    end(connection.descriptor());
+    const std::string text = response.toString();
+    connection.write(text);
+    const int descriptor = connection.descriptor();
+    if (!unread.mayClose(descriptor, text.size())) unread.keep(connection.giveSocketUp());
+    end(descriptor);
 }
 
 bool HTTPServer::mayWait(std::uint32_t source) const {

@@ -8,6 +8,7 @@
 #include "http/httpconn.h"
 #include "http/httpservice.h"
 #include "http/httpstore.h"
+#include "http/unreadanswers.h"
 #include "tk/fd.h"
 
 namespace gateway {
@@ -39,7 +40,7 @@ public:
 ///
 /// Besides each connection's time limit there are limits on their number. At the limit of one address, a new
 /// connection from it is closed as soon as it is accepted. At the limit of all, a new one replaces the oldest
-/// connection of the addresses that have the most.
+/// connection of the addresses that have the most. An answered connection counts no more; see UnreadAnswers.
 class HTTPServer {
 public:
     using Connections = std::map<int, std::unique_ptr<HTTPConn>>;
@@ -83,6 +84,7 @@ public:
     bool hasConnections(const Device& device) const;
     /// The open connections, by descriptor.
     const Connections& open() const { return connections; }
+    const UnreadAnswers& unreadAnswers() const { return unread; }
 
 private:
     std::size_t countFrom(std::uint32_t source) const;
@@ -96,6 +98,7 @@ private:
     HTTPHost& host;
     HTTPStore store;
     Connections connections;
+    UnreadAnswers unread;
     std::map<std::string, HTTPService*> servicesByEventURL;
     std::map<std::string, HTTPService*> servicesByControlURL;
     std::uint64_t accepts = 0;

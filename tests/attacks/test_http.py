@@ -10,9 +10,10 @@ import time
 import pytest
 
 import labs
+from attacks.connecting import connect_at_once
 from bystanders import watched
-from control_point import (CONNECTION, DATE, PORT, action_element, bare, call, envelope, exchange, file_answer, get,
-                           mapping, post, read_to_end, result)
+from control_point import (CONNECTION, DATE, PORT, action_element, bare, envelope, exchange, file_answer, get, post,
+                           read_to_end, result)
 from labs import DATA, LAN1, ROUTER_LAN, ROUTER_WAN, eventually
 
 OSINFO = file_answer((DATA / "osinfo.xml").read_text())
@@ -30,27 +31,6 @@ RESET = struct.pack("ii", 1, 0)
 @pytest.fixture
 def path(lab):
     return f"/upnp/control/wanipconn-{lab.interface_id('wan0')}"
-
-
-def connect_at_once(host, source=None, room=None):
-    """A connection, if asked from another address of the host, or with little room for what it receives.
-    The listener's queue is short: what finds it full is tried again, long before the kernel would. The next one takes a
-    moment, for a flood of connects is another attack."""
-    deadline = time.monotonic() + labs.PATIENCE
-    while True:
-        made = host.socket(seconds=0.05)
-        if room:
-            made.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, room)
-        try:
-            made.bind((source or host.address, 0))
-            made.connect((ROUTER_LAN, PORT))
-        except TimeoutError:
-            made.close()
-            assert time.monotonic() < deadline, "the router takes no connection"
-            continue
-        made.settimeout(labs.PATIENCE)
-        time.sleep(0.002)
-        return made
 
 
 @contextlib.contextmanager
@@ -261,58 +241,6 @@ def test_connections_that_end_at_once_keep_nobody_waiting(lab, bystander):
     mark = lab.upnpd.mark()
     bystander.during(attack)
     assert set(lab.upnpd.since(mark)) <= {"write error"}
-
-
-@watched
-def test_hosts_that_never_read_keep_nobody_waiting(lab, bystander):
-    mark = lab.upnpd.mark()
-    with contextlib.ExitStack() as stack:
-        for _ in range(100):
-            stalled = stack.enter_context(connect_at_once(lab.lan1, room=1))
-            stalled.sendall(b"GET /gateway.xml HTTP/1.1\r\n\r\n")
-        assert get(lab.lan1, "/osinfo.xml") == OSINFO
-    assert lab.upnpd.since(mark) == []
-
-
-LONG = "d" * 60000  # a description
-
-
-@pytest.fixture
-def long_entry(lab, path):
-    """A mapping whose listing is long; the request for it, and its answer."""
-    assert call(lab.lan1, path, "AddPortMapping", mapping(description=LONG)) == result("AddPortMapping")
-    action = "GetGenericPortMappingEntry"
-    request = post(path, envelope(action_element(action, [("NewPortMappingIndex", 1)])), f'"{CONNECTION}#{action}"')
-    yield request, result(action, mapping(description=LONG))
-    assert call(lab.lan1, path, "DeletePortMapping", mapping()[:3]) == result("DeletePortMapping")
-
-
-@watched
-def test_hosts_that_never_read_a_long_answer_keep_nobody_waiting(lab, bystander, long_entry):
-    """What the kernel does not take of an answer at once is dropped."""
-    request, answer = long_entry
-    mark = lab.upnpd.mark()
-    with contextlib.ExitStack() as stack:
-        assert exchange(lab.lan1, request) == answer
-        usual = lab.upnpd.since(mark)
-        for _ in range(50):
-            stack.enter_context(connect_at_once(lab.lan1, room=1)).sendall(request.encode())
-        assert exchange(lab.lan1, request) == answer
-    assert set(lab.upnpd.since(mark)) <= {*usual, "write error"}
-
-
-def kept_answers(lab):
-    """How many answers the router's kernel still keeps, of connections that the daemon has closed."""
-    return len(lab.router.run("ss", "-Htn", "state", "fin-wait-1", f"sport = :{PORT}").stdout.splitlines())
-
-
-def test_the_kernel_drops_an_answer_that_nobody_takes(lab, long_entry):
-    request, _ = long_entry
-    with contextlib.ExitStack() as stack:
-        for _ in range(20):
-            stack.enter_context(connect_at_once(lab.lan1, room=1)).sendall(request.encode())
-        eventually(lambda: kept_answers(lab) == 20, "the answers wait for their clients")
-        eventually(lambda: kept_answers(lab) == 0, "the kernel has dropped them", seconds=60)
 
 
 @pytest.mark.parametrize("count", [2, 100])
