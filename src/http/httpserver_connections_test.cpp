@@ -181,7 +181,7 @@ TEST_F(Server, AFullTableDropsTheOldestOfTheAddressThatHoldsMost) {
 TEST_F(Server, AFullTableDropsTheOldestOfTheAddressesThatHoldAsMany) {
     if (!allowDescriptors()) GTEST_SKIP() << "needs 4096 descriptors";
     std::vector<std::unique_ptr<Client>> clients;
-    for (const std::uint32_t host : {2, 0, 3, 1})
+    for (const std::uint32_t host : {2u, 0u, 3u, 1u})
         for (int i = 0; i < 128; ++i) {
             clients.push_back(std::make_unique<Client>(port, INADDR_LOOPBACK + host));
             loop.settle(1);
