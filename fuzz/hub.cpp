@@ -4,11 +4,13 @@
 //
 //   peers      c user                  connect; the steps of a peer are its own now
 //              p peer                  whose steps they are from here on
-//              q path command number msg               ask
-//              n msg path command      tell            k msg as of q, kind   ask, as a message of any kind
-//              a which how msg         answer what was read, or another
+//              q path command number msg path          ask; an odd number with the path as its sender
+//              k, as q, then kind                      ask, as a message of any kind
+//              n msg path command                      tell
+//              a which how msg                         read, and answer; in some ways a number or a path follows
 //              m                       the last message 2, 4, 16, 64, then 1030 times
-//              b length bytes          a frame of these bytes          B place byte          a length that lies
+//              b length bytes          a frame of these bytes
+//              B place byte            a length that lies; there is no fifth place, nor a byte for it
 //              h                       hold back what is written, or no more
 //              w length                write so much of what is held back
 //              r                       read                            x                     leave

@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr unsigned descriptors = 32768;  // for all connections and deliveries of ten uplinks at their limits
+constexpr unsigned descriptors = 16384;  // for all connections, unread answers and deliveries of five uplinks
 
 constexpr const char* usage =
     "usage: upnpd\n"

@@ -45,7 +45,7 @@ private:
     Clock::time_point end;
 };
 
-/// The SERVER text of an answer to the search.
+/// The SERVER text of an answer to the search, which is read as the daemon reads messages: lines end in CRLF.
 /// Errors: none when the text is no such answer.
 [[nodiscard]] std::optional<std::string> serverIn(std::string_view answer);
 

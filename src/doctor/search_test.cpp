@@ -28,6 +28,12 @@ TEST(SearchAnswer, GivesNoMoreThan200BytesOfTheName) {
     EXPECT_EQ(serverIn(beginning + std::string(201, 'x') + "\r\n"), std::string(200, 'x'));
 }
 
+TEST(SearchAnswer, OfLinesWithoutCarriageReturnsDoesNotCount) {
+    EXPECT_EQ(
+        serverIn("HTTP/1.1 200 OK\nST:urn:schemas-upnp-org:device:InternetGatewayDevice:1\nSERVER: x\n\n"),
+        std::nullopt);
+}
+
 TEST(SearchAnswer, OfAnythingElseDoesNotCount) {
     for (const char* text :
          {"", "HTTP/1.1 200 OK\r\n\r\n", "HTTP/1.1 200 OK\r\nST: upnp:rootdevice\r\nSERVER: x\r\n\r\n",

@@ -1,7 +1,7 @@
 #include "http/unreadanswers.h"
 
-#include <linux/sockios.h>
-#include <sys/ioctl.h>
+#include <linux/tcp.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <utility>
@@ -12,15 +12,20 @@ namespace {
 
 constexpr std::uint32_t lookTicks = 10;  // between two looks at what is kept
 
+constexpr int ended = 7;  // tcpi_state of a connection that is closed, or was reset by its peer
+
 /// What an answer may take up in the kernel: its packets are not full, and there is the socket itself.
 std::size_t shareOf(std::size_t bytes) {
-    return 2 * bytes + 4096;
+    return 2 * bytes + bytes / 2 + 4096;
 }
 
-/// True when the peer has acknowledged all that was sent, and when nobody can tell.
+/// True when the peer has acknowledged all that was sent, when it is gone, and when nobody can tell.
+/// Protocol: tcp(7).
 bool isTaken(int socket) {
-    int left = 0;
-    return ::ioctl(socket, SIOCOUTQ, &left) != 0 || left == 0;
+    tcp_info info{};
+    socklen_t size = sizeof info;
+    if (::getsockopt(socket, IPPROTO_TCP, TCP_INFO, &info, &size) != 0) return true;
+    return info.tcpi_state == ended || (info.tcpi_unacked == 0 && info.tcpi_notsent_bytes == 0);
 }
 
 /// Closes a socket, and drops what its peer has not taken.

@@ -16,7 +16,7 @@ namespace gateway {
 class UnreadAnswers {
 public:
     static constexpr std::size_t freely =
-        std::size_t{64} * 1024 * 1024;              // bytes that may be answered in a window
+        std::size_t{32} * 1024 * 1024;              // bytes in a window, with what the kernel adds to them
     static constexpr std::uint64_t window = 10000;  // milliseconds
     static constexpr std::size_t keptLimit = 256;   // sockets
 

@@ -25,8 +25,9 @@ namespace gateway {
 /// Errors: -1, logged.
 [[nodiscard]] int openTcpListener(const char* deviceName, int port);
 
-/// Lets the kernel give a TCP connection up when its peer has taken nothing of what was sent for this time, also after
-/// it was closed here: for a peer that never reads, it would keep the text for many minutes.
+/// Lets the kernel give a TCP connection up about this long after its peer has last taken something, or closed its
+/// window and has not opened it wide since; also after it was closed here. For a peer that never reads, it would keep
+/// the text for many minutes.
 /// Errors: none; at worst the text is kept for longer.
 void limitUntaken(int socket, std::chrono::milliseconds time);
 

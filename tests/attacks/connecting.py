@@ -1,10 +1,14 @@
-"""How a host connects to the daemon's HTTP server while it floods it."""
+"""How a host connects to the daemon's HTTP server while it floods it, and asks for what it will not read."""
+import contextlib
 import socket
 import time
 
 import labs
-from control_point import PORT
+from control_point import CONNECTION, PORT, action_element, call, envelope, mapping, post, result
 from labs import ROUTER_LAN
+
+LONG = 120000  # bytes of a description
+FREE_ANSWERS = (32 << 20) * 2 // (5 * LONG)  # of such, which the daemon leaves to the kernel alone in 10 s
 
 
 def connect_at_once(host, source=None, room=None):
@@ -26,3 +30,22 @@ def connect_at_once(host, source=None, room=None):
         made.settimeout(labs.PATIENCE)
         time.sleep(0.002)
         return made
+
+
+@contextlib.contextmanager
+def long_entry(host, path, length=LONG):
+    """Maps a port with a long description. Gives the request that lists it, and its answer."""
+    entry = mapping(description="d" * length)
+    assert call(host, path, "AddPortMapping", entry) == result("AddPortMapping")
+    action = "GetGenericPortMappingEntry"
+    request = post(path, envelope(action_element(action, [("NewPortMappingIndex", 1)])), f'"{CONNECTION}#{action}"')
+    yield request, result(action, entry)
+    assert call(host, path, "DeletePortMapping", entry[:3]) == result("DeletePortMapping")
+
+
+def never_read(host, request, count):
+    """Connections that have asked, and do not read; to be closed at the end of the block."""
+    stack = contextlib.ExitStack()
+    for _ in range(count):
+        stack.enter_context(connect_at_once(host, room=1)).sendall(request.encode())
+    return stack

@@ -8,7 +8,8 @@ import time
 import pytest
 
 import nameserver
-from control_point import GROUP, call, mapping, result, search
+from attacks.connecting import FREE_ANSWERS, long_entry, never_read
+from control_point import GROUP, call, exchange, mapping, result, search
 from labs import LAN1, PATIENCE, ROUTER_LAN, ROUTER_WAN, WAN, eventually
 from subscribers import Subscriber, sid_of, subscribe
 
@@ -157,6 +158,14 @@ def test_the_router_shows_that_it_is_alive(running):
     eventually(lambda: running.manager.signs.count("WATCHDOG=1") > seen + 1, "signs of life")
 
 
+def test_hosts_that_never_read_leave_the_daemon_running(running):
+    """The calls that it makes for them are allowed, too."""
+    host, daemon = running.lab.lan1, running.manager.running["upnpd.service"].pid
+    with long_entry(host, running.wan_path()) as (request, answer), never_read(host, request, FREE_ANSWERS + 10):
+        assert exchange(host, request) == answer
+    assert running.manager.running["upnpd.service"].pid == daemon
+
+
 @pytest.mark.parametrize("name, path", (
     ("routerd.service", "20,0"), ("upnpd.service", "80"), ("resolverd.service", "14")))
 def test_a_program_is_its_own_user_with_no_right_but_its_own(running, name, path):
@@ -192,7 +201,7 @@ def test_what_no_program_needs_is_refused(probed, name):
 
 
 @pytest.mark.parametrize("name, descriptors", (
-    ("routerd.service", 8192), ("upnpd.service", 32768), ("resolverd.service", 1024)))
+    ("routerd.service", 8192), ("upnpd.service", 16384), ("resolverd.service", 1024)))
 def test_a_program_sees_only_itself(probed, name, descriptors):
     seen = probed[name]
     assert seen["devices"] == ["full", "null", "random", "tty", "urandom", "zero"]

@@ -160,7 +160,7 @@ class World(rounds.World):
         end = time.monotonic() + seconds
         while time.monotonic() < end:
             time.sleep(chance.uniform(0.5, 2.5))
-            disturb = self.next_disturbance(chance)
+            disturb = self.next_disturbance()
             self.disturbances[disturb.__name__] += 1
             disturb(self.router, chance)
             time.sleep(chance.uniform(0, 0.3))
@@ -169,9 +169,10 @@ class World(rounds.World):
             self.serving()
             self.router.calm()
 
-    def next_disturbance(self, chance):
+    def next_disturbance(self):
         """All come once before any comes again."""
         if not self.to_come:
+            chance = random.Random(f"{self.seed}/{sum(self.disturbances.values())}")
             self.to_come = chance.sample(Disturber.CHOICES, len(Disturber.CHOICES))
         return self.to_come.pop()
 
